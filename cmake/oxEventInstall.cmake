@@ -1,0 +1,16 @@
+# cmake --install: libraries, header, CMake package, pkg-config file, documents.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS oxEvent oxutil EXPORT oxEventTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES README.md CHANGELOG.md LICENSE docs/architecture.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/oxEvent)
+install(EXPORT oxEventTargets NAMESPACE oxEvent:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/oxEventConfig.cmake.in oxEventConfig.cmake INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(oxEventConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+configure_file(cmake/oxEvent.pc.in oxEvent.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfigVersion.cmake
+  DESTINATION ${package_dir})
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,38 @@
+# How every target of this project is compiled and linked. GCC 12's -Wrestrict misjudges std::string's operator+.
+
+add_library(oxevent_options INTERFACE)
+target_compile_options(oxevent_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  -fstack-protector-strong -fcf-protection
+  $<$<AND:$<CONFIG:Release>,$<STREQUAL:${OXEVENT_SANITIZE},>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
+target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
+
+if(OXEVENT_SANITIZE STREQUAL "address")
+  set(sanitizers address,undefined)
+elseif(OXEVENT_SANITIZE STREQUAL "thread")
+  set(sanitizers thread)
+elseif(OXEVENT_SANITIZE)
+  message(FATAL_ERROR "OXEVENT_SANITIZE must be empty, address or thread, not ${OXEVENT_SANITIZE}")
+endif()
+if(OXEVENT_SANITIZE)
+  target_compile_options(oxevent_options INTERFACE -fsanitize=${sanitizers} -fno-sanitize-recover=all
+                                                   -fno-omit-frame-pointer -g -DOXEVENT_SANITIZED)
+  target_link_options(oxevent_options INTERFACE -fsanitize=${sanitizers})
+endif()
+
+# A shared library that exports what cmake/<target>.map lists and nothing else. -fno-gnu-unique: a unique symbol would
+# keep the library loaded after dlclose.
+function(oxevent_library target public_include)
+  set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
+  target_compile_features(${target} PRIVATE cxx_std_20)
+  set_target_properties(${target} PROPERTIES
+    CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN")
+  target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+  target_include_directories(${target} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/${public_include}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:oxevent_options>)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${map})
+endfunction()

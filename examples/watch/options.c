@@ -1,0 +1,139 @@
+#include "options.h"
+
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static const int kGoOn = -1;
+static const int kUsage = 2;
+static const double kMost = 1e9;  // Of any number here: exact as a double and as an integer.
+
+static const char kHelp[] =
+    "Usage: oxevent-watch [OPTION]... SETTINGS.xml\n"
+    "Watches this machine and reports what is wrong with it through oxEvent.\n"
+    "\n"
+    "  --config FILE        the settings file, if not given as the argument; may be empty\n"
+    "  --folder DIR         folder whose file system is watched (default /)\n"
+    "  --spool DIR          folder whose files are watched (default none)\n"
+    "  --max-used PERCENT   limit for the use of the file system (default 90)\n"
+    "  --max-files N        limit for the number of files in the spool (default 1000)\n"
+    "  --max-age SEC        limit for the age of the oldest file in the spool (default 3600)\n"
+    "  --max-load X         limit for the load average of one minute (default off)\n"
+    "  --min-memory MB|P%   memory that must be available, in megabytes or percent (default 5%)\n"
+    "  --period MS          time from one round to the next (default 5000)\n"
+    "  --count N            stop after N rounds (default 0: never)\n"
+    "  --help               print this and exit\n"
+    "\n"
+    "What has the limit \"off\" is not watched. SIGHUP reloads the settings, SIGINT and SIGTERM stop.\n";
+
+enum { kHelpOption, kConfig, kFolder, kSpool, kMaxUsed, kMaxFiles, kMaxAge, kMaxLoad, kMinMemory, kPeriod, kCount };
+
+static const struct option kOptions[] = {{"help", no_argument, NULL, kHelpOption},
+                                         {"config", required_argument, NULL, kConfig},
+                                         {"folder", required_argument, NULL, kFolder},
+                                         {"spool", required_argument, NULL, kSpool},
+                                         {"max-used", required_argument, NULL, kMaxUsed},
+                                         {"max-files", required_argument, NULL, kMaxFiles},
+                                         {"max-age", required_argument, NULL, kMaxAge},
+                                         {"max-load", required_argument, NULL, kMaxLoad},
+                                         {"min-memory", required_argument, NULL, kMinMemory},
+                                         {"period", required_argument, NULL, kPeriod},
+                                         {"count", required_argument, NULL, kCount},
+                                         {NULL, 0, NULL, 0}};
+
+static int ParseNumber(const char* option, const char* text, const char* unit, double least, double most,
+                       double* number) {
+  char* rest = NULL;
+  const bool digits = *text >= '0' && *text <= '9';  // strtod also takes blanks, signs, nan.
+  *number = digits ? strtod(text, &rest) : 0;
+  if (digits && strcmp(rest, unit) == 0 && *number >= least && *number <= most) return kGoOn;
+  fprintf(stderr, "oxevent-watch: --%s: '%s' is not a number from %.0f to %.0f\n", option, text, least, most);
+  return kUsage;
+}
+
+static int ParseWhole(const char* option, const char* text, double least, uint64_t* whole) {
+  double number = 0;
+  const int status = ParseNumber(option, text, "", least, kMost, &number);
+  *whole = (uint64_t)number;
+  if (status != kGoOn || (double)*whole == number) return status;
+  fprintf(stderr, "oxevent-watch: --%s: '%s' is not a whole number\n", option, text);
+  return kUsage;
+}
+
+static int ParseLimit(const char* option, const char* text, const char* unit, double most, Limit* limit) {
+  limit->on = strcmp(text, "off") != 0;
+  return limit->on ? ParseNumber(option, text, unit, 0, most, &limit->value) : kGoOn;
+}
+
+static int SetSettings(const char* path, Options* options) {
+  if (options->settings == NULL) {
+    options->settings = path;
+    return kGoOn;
+  }
+  fprintf(stderr, "oxevent-watch: '%s': the settings file is '%s' already\n", path, options->settings);
+  return kUsage;
+}
+
+static int SetOption(int option, const char* name, const char* text, Options* options) {
+  switch (option) {
+    case kHelpOption:
+      fputs(kHelp, stdout);
+      return EXIT_SUCCESS;
+    case kConfig:
+      return SetSettings(text, options);
+    case kFolder:
+      options->folder = text;
+      return kGoOn;
+    case kSpool:
+      options->spool = text;
+      return kGoOn;
+    case kMaxUsed:
+      return ParseLimit(name, text, "", 100, &options->max_used_percent);
+    case kMaxFiles:
+      options->spool_limit = name;
+      return ParseLimit(name, text, "", kMost, &options->max_files);
+    case kMaxAge:
+      options->spool_limit = name;
+      return ParseLimit(name, text, "", kMost, &options->max_age_s);
+    case kMaxLoad:
+      return ParseLimit(name, text, "", kMost, &options->max_load);
+    case kMinMemory:
+      options->min_memory_is_percent = strchr(text, '%') != NULL;
+      return options->min_memory_is_percent ? ParseLimit(name, text, "%", 100, &options->min_memory)
+                                            : ParseLimit(name, text, "", kMost, &options->min_memory);
+    case kPeriod:
+      return ParseWhole(name, text, 1, &options->period_ms);
+    case kCount:
+      return ParseWhole(name, text, 0, &options->rounds);
+    default:  // getopt_long has told what it refused.
+      fputs("Try 'oxevent-watch --help'.\n", stderr);
+      return kUsage;
+  }
+}
+
+int ParseOptions(int argc, char** argv, Options* options) {
+  *options = (Options){.folder = "/",
+                       .period_ms = 5000,
+                       .max_files = {1000, true},
+                       .max_age_s = {3600, true},
+                       .max_used_percent = {90, true},
+                       .min_memory = {5, true},
+                       .min_memory_is_percent = true};
+  int status = kGoOn;
+  int option = 0;
+  int index = 0;
+  while (status == kGoOn && (option = getopt_long(argc, argv, "", kOptions, &index)) != -1) {
+    status = SetOption(option, kOptions[index].name, optarg, options);
+  }
+  for (; status == kGoOn && optind < argc; ++optind) status = SetSettings(argv[optind], options);
+  if (status == kGoOn && options->settings == NULL) {
+    fputs("oxevent-watch: the settings file is missing; try 'oxevent-watch --help'\n", stderr);
+    return kUsage;
+  }
+  if (status == kGoOn && options->spool_limit != NULL && options->spool == NULL) {
+    fprintf(stderr, "oxevent-watch: --%s: needs --spool\n", options->spool_limit);
+    return kUsage;
+  }
+  return status;
+}

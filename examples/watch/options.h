@@ -1,0 +1,31 @@
+/* The watcher's command line. */
+#ifndef WATCH_OPTIONS_H
+#define WATCH_OPTIONS_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+typedef struct Limit {
+  double value;
+  bool on;
+} Limit;
+
+typedef struct Options {
+  const char* settings;
+  const char* folder;
+  const char* spool;       /* Null: no spool is watched. */
+  const char* spool_limit; /* Name of an option that makes no sense without a spool, or null. */
+  uint64_t period_ms;
+  uint64_t rounds; /* 0: until stopped. */
+  Limit max_files;
+  Limit max_age_s;
+  Limit max_used_percent;
+  Limit max_load;
+  Limit min_memory;
+  bool min_memory_is_percent; /* Else megabytes. */
+} Options;
+
+/* Returns -1 when *options is filled and the program may go on, else the status to exit with; it has told why. */
+int ParseOptions(int argc, char** argv, Options* options);
+
+#endif

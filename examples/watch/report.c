@@ -1,0 +1,90 @@
+#define _POSIX_C_SOURCE 200809L
+
+#include "report.h"
+
+#include <inttypes.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "probes.h"
+
+void PrintFailure(const char* tried, uint32_t code) {
+  char error[1024];
+  oxEventGetLastError(error, sizeof(error));
+  fprintf(stderr, "oxevent-watch: %s: %s (0x%08" PRIX32 ")\n", tried, error, code);
+}
+
+static bool Submit(Reporter* reporter, const oxEventRecord* record) {
+  const uint32_t code = oxEventSubmit(record);
+  if (code == OXEVENT_OK) {
+    ++reporter->reported;
+    return true;
+  }
+  ++reporter->refused;
+  PrintFailure(record->event_type, code);
+  return false;
+}
+
+static bool HasMoved(const Condition* condition, double value) {
+  const double difference = value - condition->value;
+  return difference >= condition->step || -difference >= condition->step;
+}
+
+/* Begins an occurrence: a new correlation id, which no other run of the watcher gives out either. */
+static void Begin(Reporter* reporter, Condition* condition, uint64_t now_ms) {
+  condition->since_ms = now_ms;
+  snprintf(condition->correlation_id, sizeof(condition->correlation_id), "%ld-%" PRIu64 "-%u", (long)getpid(),
+           reporter->started_ms, ++reporter->occurrences);
+}
+
+static void ReportStep(Reporter* reporter, Condition* condition, bool present, double value, const char* message,
+                       const char* details_json) {
+  const uint64_t now_ms = MonotonicMs();
+  const bool moved = condition->raised && HasMoved(condition, value);
+  if (!condition->raised) Begin(reporter, condition, now_ms);
+  char* key = FormatText("%s:%s:%s", reporter->host, condition->source_id, condition->event_type);
+  const oxEventRecord record = {.struct_size = sizeof(record),
+                                .version = OXEVENT_API_VERSION,
+                                .event_type = condition->event_type,
+                                .source_id = condition->source_id,
+                                .source_name = reporter->host,
+                                .message = message,
+                                // A clear has it too: who was sent the raise must see its end.
+                                .severity = condition->severity,
+                                .action = !present ? "clear"
+                                          : moved  ? "update"
+                                                   : "raise",
+                                .dedupe_key = key,
+                                .correlation_id = condition->correlation_id,
+                                .value = value,
+                                .threshold = condition->threshold,
+                                .units = condition->units,
+                                .duration_ms = now_ms - condition->since_ms,
+                                .details_json = details_json};
+  if (Submit(reporter, &record)) {  // What was refused did not happen: the next round tries again.
+    if (moved || !condition->raised) condition->value = value;
+    condition->raised = present;
+  }
+  free(key);
+}
+
+void ReportCondition(Reporter* reporter, Condition* condition, bool present, double value, char* message,
+                     JsonObject* details) {
+  JsonAddNumber(details, "watch_uptime_s", (double)(MonotonicMs() - reporter->started_ms) / 1000.0);
+  char* details_json = JsonEnd(details);
+  if (present || condition->raised) ReportStep(reporter, condition, present, value, message, details_json);
+  free(details_json);
+  free(message);
+}
+
+void ReportNotice(Reporter* reporter, const char* event_type, const char* message) {
+  const oxEventRecord record = {.struct_size = sizeof(record),
+                                .version = OXEVENT_API_VERSION,
+                                .event_type = event_type,
+                                .source_id = "watch",
+                                .source_name = reporter->host,
+                                .message = message,
+                                .severity = OXEVENT_SEVERITY_INFO,
+                                .duration_ms = MonotonicMs() - reporter->started_ms};
+  Submit(reporter, &record);
+}

@@ -1,0 +1,107 @@
+/*
+ * oxutil: the companion library of oxEvent: settings store, directories, clocks.
+ *
+ * Plain C, no exception escapes. Functions that return a result code return 0 for success. A store handle is used by
+ * one thread at a time; everything else may be called from any thread. Texts are NUL-terminated bytes, taken and given
+ * as they are.
+ *
+ * The settings store is a tree of keys with text values, kept in an XML file:
+ *
+ *   <?xml version="1.0" encoding="UTF-8"?>
+ *   <config>
+ *     <key name="A">
+ *       <key name="B">
+ *         <value name="size">1024</value>
+ *       </key>
+ *     </key>
+ *   </config>
+ *
+ * A key path joins names with one backslash ("A\B"). Names compare byte for byte; of two equal names the first counts.
+ */
+#ifndef OXUTIL_H
+#define OXUTIL_H
+
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define OXUTIL_API __attribute__((visibility("default")))
+#else
+#define OXUTIL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* What oxCFGGetNext returns when there is no further entry. */
+#define OXCFG_NO_MORE 0xFFFFFFFFu
+
+/*
+ * Opens the store in an existing file; flags must be 0. An empty file is an empty store. Null when the file is missing,
+ * unreadable, no regular file, over 64 MiB, or not such an XML file; it is never changed then. oxCFGClose frees the
+ * handle.
+ */
+OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
+
+/* Non-zero when the key exists. */
+OXUTIL_API uint32_t oxCFGKeyExists(void* store, const char* key);
+
+/*
+ * Creates the key `name` below `parent`, and what is missing of `parent`; an empty `name` creates `parent` itself. An
+ * existing key is left alone. A key carries no text of its own: `value` is not used.
+ */
+OXUTIL_API uint32_t oxCFGAddKeyString(void* store, const char* parent, const char* name, const char* value,
+                                      uint32_t reserved1, uint32_t reserved2);
+
+/*
+ * Walks the sub-keys and values of a key in file order: writes the name that follows `previous_name` (empty: the first)
+ * to `result_name`, a buffer of 512 bytes, and 0 for a sub-key or 1 for a value to `kind`. OXCFG_NO_MORE at the end.
+ * Names that no path can hold (empty, over 511 bytes, with a backslash) are passed over.
+ */
+OXUTIL_API uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const char* previous_name,
+                                 uint32_t* kind);
+
+/*
+ * Mode 0 gets, mode 1 sets a number. A get fails unless the whole text is a decimal number from 0 to 4294967295; a set
+ * fails when the key is missing.
+ */
+OXUTIL_API uint32_t oxCFGValueDword(void* store, const char* key, const char* name, uint32_t* value, uint32_t mode);
+
+/*
+ * Mode 0 gets a text: *length is the buffer's size on entry and the bytes written, without the terminating zero, on
+ * return; a longer text is cut. Mode 1 sets the value to the first *length bytes of the buffer.
+ */
+OXUTIL_API uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* buffer, uint32_t* length,
+                                     uint32_t mode);
+
+/*
+ * Writes a changed store back: beside the file, synced, then renamed over it (over a symbolic link's target), so that
+ * at any moment the file is the old or the new one, whole. Owner, group and mode stay; so do comments and elements that
+ * are not the store's. Fails, with the file as it was, when any of this cannot be done or the file has been changed by
+ * someone else since it was opened. `reserved` and `mode` are not used.
+ */
+OXUTIL_API uint32_t oxCFGSave(void* store, uint32_t reserved, uint32_t mode);
+
+/* Frees the handle without saving. `mode` is not used. */
+OXUTIL_API uint32_t oxCFGClose(void* store, uint32_t mode);
+
+/* Frees a buffer that this library returned; null is allowed. */
+OXUTIL_API void OXFree(void* buffer);
+
+/* Non-zero when the path is a directory. */
+OXUTIL_API int32_t oxOSFileIsDir(const char* path);
+
+/* Creates one directory with the permission bits given, less the process's umask. 0 for success. */
+OXUTIL_API int32_t oxOSMakeDir(const char* path, uint32_t permissions);
+
+/* UTC in nanoseconds since 1970-01-01 (CLOCK_REALTIME, which PTP disciplines where it is in use). */
+OXUTIL_API uint64_t oxOSGetTimePTPNano(void);
+
+/* Milliseconds of CLOCK_MONOTONIC, modulo 2^32. */
+OXUTIL_API uint32_t oxOSGetMs(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

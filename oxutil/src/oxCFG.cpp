@@ -1,0 +1,140 @@
+// The C face of the settings store: checks arguments and lets no exception out.
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "oxCFGStore.h"
+#include "oxutil.h"
+
+namespace {
+
+constexpr uint32_t kSuccess = 0;
+constexpr uint32_t kFailure = 1;
+constexpr uint32_t kGet = 0;
+constexpr uint32_t kSet = 1;
+
+uint32_t Result(bool success) { return success ? kSuccess : kFailure; }
+
+oxCFGStore& Store(void* store) { return *static_cast<oxCFGStore*>(store); }
+
+template <typename Function>
+auto Guarded(const Function& function, decltype(function()) failure) {
+  try {
+    return function();
+  } catch (abi::__forced_unwind&) {
+    throw;  // The thread is being cancelled, which nothing may stop.
+  } catch (...) {
+    return failure;
+  }
+}
+
+template <typename... Pointers>
+bool AnyNull(const Pointers*... pointers) {
+  return (... || (pointers == nullptr));
+}
+
+uint32_t GetDword(const oxCFGStore& store, const char* key, const char* name, uint32_t* value) {
+  const std::optional<std::string> text = store.Get(key, name);
+  if (!text) return kFailure;
+  const char* const end = text->data() + text->size();
+  uint32_t number = 0;
+  const auto [parsed_end, error] = std::from_chars(text->data(), end, number);
+  if (error != std::errc() || parsed_end != end) return kFailure;
+  *value = number;
+  return kSuccess;
+}
+
+uint32_t SetDword(oxCFGStore* store, const char* key, const char* name, uint32_t value) {
+  char digits[std::numeric_limits<uint32_t>::digits10 + 1];
+  char* const end = std::to_chars(std::begin(digits), std::end(digits), value).ptr;
+  return Result(store->Set(key, name, std::string(digits, end)));
+}
+
+uint32_t GetString(const oxCFGStore& store, const char* key, const char* name, char* buffer, uint32_t* length) {
+  if (*length == 0) return kFailure;
+  const std::optional<std::string> text = store.Get(key, name);
+  if (!text) return kFailure;
+  const size_t size = std::min<size_t>(text->size(), *length - 1);
+  text->copy(buffer, size);
+  buffer[size] = '\0';
+  *length = static_cast<uint32_t>(size);
+  return kSuccess;
+}
+
+}  // namespace
+
+void* oxCFGOpen(const char* path, uint32_t flags) {
+  if (path == nullptr || flags != 0) return nullptr;
+  return Guarded(
+      [&]() -> void* {
+        auto store = std::make_unique<oxCFGStore>();
+        return store->Open(path) ? store.release() : nullptr;
+      },
+      nullptr);
+}
+
+uint32_t oxCFGKeyExists(void* store, const char* key) {
+  if (AnyNull(store, key)) return 0;
+  return Guarded([&]() -> uint32_t { return Store(store).KeyExists(key) ? 1 : 0; }, 0);
+}
+
+uint32_t oxCFGAddKeyString(void* store, const char* parent, const char* name, const char* /*value*/,
+                           uint32_t /*reserved1*/, uint32_t /*reserved2*/) {
+  if (AnyNull(store, parent, name)) return kFailure;
+  return Guarded([&] { return Result(Store(store).AddKey(std::string(parent) + '\\' + name)); }, kFailure);
+}
+
+uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const char* previous_name, uint32_t* kind) {
+  if (AnyNull(store, key, result_name, previous_name, kind)) return OXCFG_NO_MORE;
+  return Guarded(
+      [&] {
+        std::string_view name;
+        oxCFGKind found_kind;
+        if (!Store(store).Next(key, previous_name, &name, &found_kind)) return OXCFG_NO_MORE;
+        static_assert(oxCFGStore::kMaxNameBytes < 512, "The caller's buffer has 512 bytes.");
+        name.copy(result_name, name.size());
+        result_name[name.size()] = '\0';
+        *kind = static_cast<uint32_t>(found_kind);
+        return kSuccess;
+      },
+      OXCFG_NO_MORE);
+}
+
+uint32_t oxCFGValueDword(void* store, const char* key, const char* name, uint32_t* value, uint32_t mode) {
+  if (AnyNull(store, key, name, value) || mode > kSet) return kFailure;
+  return Guarded(
+      [&] {
+        if (mode == kGet) return GetDword(Store(store), key, name, value);
+        return SetDword(&Store(store), key, name, *value);
+      },
+      kFailure);
+}
+
+uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* buffer, uint32_t* length,
+                          uint32_t mode) {
+  if (AnyNull(store, key, name, buffer, length) || mode > kSet) return kFailure;
+  return Guarded(
+      [&] {
+        if (mode == kGet) return GetString(Store(store), key, name, buffer, length);
+        return Result(Store(store).Set(key, name, std::string(buffer, *length)));
+      },
+      kFailure);
+}
+
+uint32_t oxCFGSave(void* store, uint32_t /*reserved*/, uint32_t /*mode*/) {
+  if (store == nullptr) return kFailure;
+  return Guarded([&] { return Result(Store(store).Save()); }, kFailure);
+}
+
+uint32_t oxCFGClose(void* store, uint32_t /*mode*/) {
+  if (store == nullptr) return kFailure;
+  delete &Store(store);
+  return kSuccess;
+}

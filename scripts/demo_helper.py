@@ -1,0 +1,118 @@
+#!/usr/bin/env python3
+"""What scripts/demo leaves to Python.
+
+demo_helper.py set SETTINGS KEY NAME VALUE     change one setting, KEY below QVX\\Events
+demo_helper.py receive SOCKET FILE             be the system log until SIGTERM: one line per datagram
+demo_helper.py report WORK PID [LOG]           show and check what the watcher PID has brought about
+"""
+import csv
+import os
+import re
+import signal
+import socket
+import sys
+import xml.etree.ElementTree as ElementTree
+
+CONDITION = "spool.full"
+COLUMNS = ("utc_iso", "severity", "action", "event_type", "value", "threshold", "units", "duration_ms", "message")
+WIDEST = {"utc_iso": 24, "message": 44}  # Longer cells are cut.
+
+
+def set_value(path, key, name, value):
+    parser = ElementTree.XMLParser(target=ElementTree.TreeBuilder(insert_comments=True))
+    root = ElementTree.parse(path, parser).getroot()
+    node = root
+    for part in ["QVX", "Events", *key.split("\\")]:
+        node = next((child for child in node.findall("key") if child.get("name") == part), None)
+        if node is None:
+            sys.exit(f"{path}: no key '{part}' of {key}")
+    setting = next((child for child in node.findall("value") if child.get("name") == name), None)
+    if setting is None:
+        sys.exit(f"{path}: no value '{name}' in {key}")
+    setting.text = value
+    with open(path + ".new", "w", encoding="utf-8") as file:
+        file.write('<?xml version="1.0" encoding="UTF-8"?>\n')
+        file.write(ElementTree.tostring(root, encoding="unicode") + "\n")
+    os.replace(path + ".new", path)
+
+
+def receive(socket_path, log_path):
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as receiver, open(log_path, "ab", buffering=0) as log:
+        receiver.bind(socket_path)  # Fails when somebody else is the system log.
+        try:
+            os.chmod(socket_path, 0o666)
+            while True:
+                log.write(receiver.recv(65536).rstrip(b"\n\0") + b"\n")
+        finally:
+            os.unlink(socket_path)
+
+
+def cut(text, width):
+    return text if len(text) <= width else text[: width - 1] + "…"
+
+
+def print_table(rows):
+    cells = [COLUMNS] + [[cut(row[name], WIDEST.get(name, 14)) for name in COLUMNS] for row in rows]
+    widths = [max(map(len, column)) for column in zip(*cells)]
+    for line in cells:
+        print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
+
+
+def read_csv(path):
+    with open(path, newline="", encoding="utf-8") as file:
+        return list(csv.DictReader(file, strict=True))
+
+
+def read_log(path, pid):
+    with open(path, encoding="utf-8", errors="replace") as file:
+        return [line.rstrip("\n") for line in file if f"[{pid}]: oxEvent " in line]
+
+
+def faults(rows, lines, delivered, suppressed):
+    """Yields what did not come out as it must."""
+    actions = [row["action"] for row in rows if row["event_type"] == CONDITION]
+    if not re.fullmatch(r"raise( (update|repeat))*( update)( (update|repeat))* clear", " ".join(actions)):
+        yield f"the condition came out as: {' '.join(actions)}"
+    if "repeat" not in actions:
+        yield "no repeat came out"
+    if suppressed < 1:
+        yield "no duplicate was suppressed"
+    if len(rows) != delivered:
+        yield f"the CSV file has {len(rows)} events, the callback had {delivered}"
+    for row in rows if lines is not None else []:
+        start = f"oxEvent event_id={row['event_id']} severity={row['severity']} action={row['action'] or '-'} "
+        if sum(start in line for line in lines) != 1:
+            yield f"the system log lacks event {row['event_id']}, {row['action']} {row['event_type']}"
+
+
+def report(work, pid, log_path=None):
+    rows = read_csv(os.path.join(work, "events.csv"))
+    print("\n== events.csv ==")
+    print_table(rows)
+    lines = None
+    if log_path is not None:
+        lines = read_log(log_path, pid)
+        print("\n== system log ==")
+        for line in lines:
+            print(cut(line, 230))
+    with open(os.path.join(work, "watch.out"), encoding="utf-8") as file:
+        summary = re.search(r"^clean shutdown; reported (\d+) events, (\d+) delivered .*, 0 refused$", file.read(), re.M)
+    if summary is None:
+        sys.exit("demo: FAILED: the watcher tells of no clean shutdown")
+    reported, delivered = map(int, summary.groups())
+    found = list(faults(rows, lines, delivered, reported - delivered))
+    for fault in found:
+        print(f"demo: FAILED: {fault}", file=sys.stderr)
+    count = lambda action: sum(row["action"] == action for row in rows)
+    print(f"\ndemo: {count('raise')} raised, {count('update')} updated, {reported - delivered} suppressed duplicates, "
+          f"{count('repeat')} repeated, {count('clear')} cleared")
+    sys.exit(1 if found else 0)
+
+
+COMMANDS = {"set": set_value, "receive": receive, "report": report}
+
+if __name__ == "__main__":
+    if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:
+        sys.exit(__doc__)
+    COMMANDS[sys.argv[1]](*sys.argv[2:])

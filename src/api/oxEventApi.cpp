@@ -1,0 +1,283 @@
+#include <cxxabi.h>
+
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "api/oxEventNormalize.h"
+#include "api/oxEventProcess.h"
+#include "base/oxEventImmortal.h"
+#include "base/oxEventLastError.h"
+#include "base/oxEventMutex.h"
+#include "config/oxEventConfigLoad.h"
+#include "core/oxEventRouter.h"
+#include "oxEvent.h"
+#include "platform/oxEventPlatform.h"
+#include "sinks/oxEventSinkSet.h"
+
+namespace {
+
+constexpr uint32_t kShutdownDrainMs = 5000;
+
+// Outermost lock. Held over opening sinks, which may take as long as a name server does: Submit and Flush go by
+// g_oxEventInitialized without it.
+constinit oxEventImmortal<oxEventMutex> g_oxEventMutex;
+constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
+constinit bool g_oxEventStopping = false;                  // A Shutdown is draining. Guarded by g_oxEventMutex.
+constinit oxEventImmortal<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
+constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
+
+uint32_t Fail(uint32_t code, std::string_view text) {
+  oxEventSetLastError(text);
+  return code;
+}
+
+uint32_t FailWith(uint32_t code, const std::string& text, std::string_view text_if_empty) {
+  return Fail(code, text.empty() ? text_if_empty : std::string_view(text));
+}
+
+uint32_t NotInitialized() { return Fail(OXEVENT_NOT_INITIALIZED, "oxEvent is not initialized"); }
+
+// 0: success, else a failure with this text.
+uint32_t Outcome(uint32_t code, const char* text) {
+  if (code != OXEVENT_OK) return Fail(code, text);
+  oxEventClearLastError();
+  return OXEVENT_OK;
+}
+
+uint32_t ReturnExceptionError(const char* context, const std::exception& exception) {
+  try {
+    return Fail(OXEVENT_FAILURE, std::string(context) + ": " + exception.what());
+  } catch (...) {
+    return Fail(OXEVENT_FAILURE, "");
+  }
+}
+
+uint32_t ReturnUnknownError(const char* context) {
+  try {
+    return Fail(OXEVENT_FAILURE, std::string(context) + " with an unknown exception");
+  } catch (...) {
+    return Fail(OXEVENT_FAILURE, "");
+  }
+}
+
+// Keeps every exception from the host, but for the unwinding of a thread that is being cancelled. `failed` is the entry
+// point's name and " failed".
+template <class Body>
+uint32_t Guarded(const char* failed, Body body) {
+  try {
+    return body();
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (const std::exception& exception) {
+    return ReturnExceptionError(failed, exception);
+  } catch (...) {
+    return ReturnUnknownError(failed);
+  }
+}
+
+uint64_t NextGeneratedId() {
+  const uint64_t id = g_oxEventNextGeneratedId.fetch_add(1, std::memory_order_relaxed);
+  return id != 0 ? id : g_oxEventNextGeneratedId.fetch_add(1, std::memory_order_relaxed);
+}
+
+uint32_t SubmitRecord(const oxEventRecord* record) {
+  const uint64_t id = NextGeneratedId();  // Drawn for a record that is refused too.
+  oxEventView event;
+  if (const uint32_t result = oxEventNormalizeView(record, id, &event); result != OXEVENT_OK) {
+    return Fail(result, "Invalid OXEvent");
+  }
+  if (!g_oxEventInitialized) return NotInitialized();
+  return Outcome(oxEventCoreSubmit(event), "oxEvent core submit failed");
+}
+
+// Shuts the sinks down on every way out but the one that keeps them.
+class SinkShutdownGuard {
+ public:
+  SinkShutdownGuard() = default;
+  ~SinkShutdownGuard() {
+    if (!keep_) oxEventSinkShutdown();
+  }
+  SinkShutdownGuard(const SinkShutdownGuard&) = delete;
+  SinkShutdownGuard& operator=(const SinkShutdownGuard&) = delete;
+  void Keep() { keep_ = true; }
+
+ private:
+  bool keep_ = false;
+};
+
+uint32_t Initialize(const char* config_path) {
+  auto config = std::make_shared<oxEventConfig>();
+  std::string error;
+  if (const uint32_t result = oxEventConfigLoad(config_path, config.get(), &error); result != OXEVENT_OK) {
+    return FailWith(result, error, "oxEvent config load failed");
+  }
+  std::string remembered_path = config->config_path;
+
+  oxEventLock lock(*g_oxEventMutex);
+  if (g_oxEventInitialized || g_oxEventStopping) {
+    return Fail(OXEVENT_ALREADY_INITIALIZED, "oxEvent is already initialized");
+  }
+  if (const uint32_t result = oxEventSinkInitialize(*config); result != OXEVENT_OK) {
+    return FailWith(result, oxEventSinkGetLastError(), "oxEvent sink initialization failed");
+  }
+  SinkShutdownGuard sinks;
+  if (const uint32_t result = oxEventCoreStart(std::move(config)); result != OXEVENT_OK) {
+    return Fail(result, "oxEvent core start failed");
+  }
+  sinks.Keep();
+  *g_oxEventConfigPath = std::move(remembered_path);
+  g_oxEventInitialized = true;
+  oxEventClearLastError();
+  return OXEVENT_OK;
+}
+
+uint32_t ReloadConfig(const char* config_path) {
+  std::string path = config_path == nullptr ? "" : config_path;
+  if (path.empty()) {
+    oxEventLock lock(*g_oxEventMutex);
+    path = g_oxEventConfigPath->value_or("");
+  }
+  auto config = std::make_shared<oxEventConfig>();
+  std::string error;
+  if (const uint32_t result = oxEventConfigLoad(path.c_str(), config.get(), &error); result != OXEVENT_OK) {
+    return FailWith(result, error, "oxEvent config reload failed");
+  }
+
+  oxEventLock lock(*g_oxEventMutex);
+  if (!g_oxEventInitialized) return NotInitialized();
+  if (const uint32_t result = oxEventSinkReloadConfig(*config); result != OXEVENT_OK) {
+    return FailWith(result, oxEventSinkGetLastError(), "oxEvent config reload failed");
+  }
+  if (const uint32_t result = oxEventCoreReloadConfig(std::move(config)); result != OXEVENT_OK) {
+    return Fail(result, "oxEvent core config reload failed");
+  }
+  *g_oxEventConfigPath = std::move(path);
+  oxEventClearLastError();
+  return OXEVENT_OK;
+}
+
+// While a Shutdown drains, on whichever way it ends.
+class Stopping {
+ public:
+  Stopping() { g_oxEventStopping = true; }
+  ~Stopping() {
+    oxEventLock lock(*g_oxEventMutex);
+    g_oxEventStopping = false;
+  }
+  Stopping(const Stopping&) = delete;
+  Stopping& operator=(const Stopping&) = delete;
+};
+
+uint32_t Shutdown() {
+  std::optional<Stopping> stopping;
+  {
+    oxEventLock lock(*g_oxEventMutex);
+    if (!g_oxEventInitialized) return NotInitialized();
+    stopping.emplace();
+    g_oxEventConfigPath->reset();
+    g_oxEventInitialized = false;
+  }
+  SinkShutdownGuard sinks;
+  const uint32_t stop_result = oxEventCoreStop(kShutdownDrainMs);
+  const std::string stop_text = oxEventSinkGetLastError();
+  sinks.Keep();
+  const uint32_t sink_result = oxEventSinkShutdown();
+  if (stop_result != OXEVENT_OK) return FailWith(stop_result, stop_text, "oxEvent core shutdown failed");
+  return Outcome(sink_result, "oxEvent sink shutdown failed");
+}
+
+}  // namespace
+
+uint32_t oxEventInitialize(const char* config_path) {
+  return Guarded("oxEventInitialize failed", [&] { return Initialize(config_path); });
+}
+
+uint32_t oxEventShutdown() { return Guarded("oxEventShutdown failed", Shutdown); }
+
+uint32_t oxEventSubmit(const oxEventRecord* record) {
+  return Guarded("oxEventSubmit failed", [&] { return SubmitRecord(record); });
+}
+
+uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* source_name, const char* message) {
+  return Guarded("oxEventSubmitSimple failed", [&] {
+    oxEventRecord record = {};
+    record.struct_size = sizeof(record);
+    record.version = OXEVENT_API_VERSION;
+    record.event_id = event_id;
+    record.event_type = "simple";
+    record.source_name = source_name;
+    record.message = message;
+    record.severity = severity;
+    return SubmitRecord(&record);
+  });
+}
+
+uint32_t oxEventFlush(uint32_t timeout_ms) {
+  return Guarded("oxEventFlush failed", [&] {
+    if (!g_oxEventInitialized) return NotInitialized();
+    return Outcome(oxEventCoreFlush(timeout_ms), "oxEvent core flush timed out");
+  });
+}
+
+uint32_t oxEventReloadConfig(const char* config_path) {
+  return Guarded("oxEventReloadConfig failed", [&] { return ReloadConfig(config_path); });
+}
+
+uint32_t oxEventRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out) {
+  return Guarded("oxEventRegisterCallback failed", [&] {
+    if (callback == nullptr || id_out == nullptr) {
+      return Fail(OXEVENT_INVALID_ARGUMENT, "Invalid callback registration arguments");
+    }
+    return Outcome(oxEventSinkRegisterCallback(callback, user_data, id_out), "Callback registration failed");
+  });
+}
+
+uint32_t oxEventUnregisterCallback(uint32_t id) {
+  return Guarded("oxEventUnregisterCallback failed", [&] {
+    const bool found = oxEventSinkUnregisterCallback(id) == OXEVENT_OK;
+    return Outcome(found ? OXEVENT_OK : OXEVENT_NOT_FOUND, "Callback id was not found");
+  });
+}
+
+uint32_t oxEventGetLastError(char* buffer, uint32_t buffer_size) {
+  return Guarded("oxEventGetLastError failed", [&] {
+    if (buffer == nullptr || buffer_size == 0) return Fail(OXEVENT_INVALID_ARGUMENT, "Invalid last-error buffer");
+    oxEventCopyLastError(buffer, buffer_size);
+    return OXEVENT_OK;
+  });
+}
+
+uint32_t oxEventGetApiVersion() { return OXEVENT_API_VERSION; }
+
+uint32_t oxEventInstallWindowsEventSource(const char* source_name, const char* message_file) {
+  return Guarded("oxEventInstallWindowsEventSource failed", [&] {
+    std::string error;
+    const uint32_t result = oxEventPlatformInstallWindowsEventSource(source_name, message_file, &error);
+    if (result != OXEVENT_OK) return FailWith(result, error, "Windows Event Log source installation failed");
+    oxEventClearLastError();
+    return OXEVENT_OK;
+  });
+}
+
+uint32_t oxEventRemoveWindowsEventSource(const char* source_name) {
+  return Guarded("oxEventRemoveWindowsEventSource failed", [&] {
+    std::string error;
+    const uint32_t result = oxEventPlatformRemoveWindowsEventSource(source_name, &error);
+    if (result != OXEVENT_OK) return FailWith(result, error, "Windows Event Log source removal failed");
+    oxEventClearLastError();
+    return OXEVENT_OK;
+  });
+}
+
+void oxEventApiForgetInChild() {
+  g_oxEventMutex.Renew();
+  g_oxEventConfigPath.Renew();
+  g_oxEventInitialized = false;
+  g_oxEventStopping = false;
+  g_oxEventNextGeneratedId = 1;
+}
+
+void oxEventApiClose() { g_oxEventInitialized = false; }

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Letters are A to Z, whatever the host's locale; bytes from 0x80 up are none.
+constexpr char oxEventAsciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
+
+inline std::string oxEventAsciiLower(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = oxEventAsciiLower(c);
+  return lower;
+}

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// The settings, as the loader fills them from the store. Never modified once the router has them.
+
+// What a full queue does with the next event.
+enum class oxEventDropPolicy : uint32_t {
+  kDropNewest = 0,          // Refuses it.
+  kDropDebugInfoFirst = 1,  // Discards the oldest pending event below warning instead, if there is one.
+};
+
+enum class oxEventSinkType : uint32_t {
+  kCsv = 0,
+  kSyslogUdp = 1,
+  kNative = 2,
+  kCloudEventsHttp = 3,
+  kSnmpTrap = 4,
+  kWebhookHttp = 5,
+  kAlertmanager = 6,
+};
+
+// One configured output. One flat record for every kind; a sink reads the fields of its own kind only.
+struct oxEventSinkConfig {
+  oxEventSinkType type = oxEventSinkType::kNative;
+  std::string name;  // Of the instance, from its key.
+  bool enabled = false;
+  uint32_t minimum_severity = 1;
+
+  // CSV.
+  std::string path;
+  bool flush_each_event = false;
+
+  // Syslog over UDP.
+  std::string host;
+  uint32_t port = 5140;
+  std::string facility;
+  std::string app_name;
+
+  // Native log.
+  std::string source_name;
+  std::string native_facility = "local4";
+  std::string subsystem = "com.velmora.oxEvent";
+  std::string category = "events";
+
+  // CloudEvents over HTTP, as read; the sink goes by the webhook fields, which the loader fills from these.
+  std::string ce_endpoint_url;
+  std::string ce_source = "/oxEvent";
+  std::string ce_subject_prefix;
+  std::string ce_auth_header;
+  uint32_t ce_timeout_ms = 5000;
+
+  // Webhook, and CloudEvents as sent.
+  std::string endpoint_url;
+  std::string payload_mode = "native_json";
+  std::string headers;
+  std::string bearer_token;
+  std::string basic_username;
+  std::string basic_password;
+  uint32_t connect_timeout_ms = 2000;
+  uint32_t request_timeout_ms = 5000;
+  bool tls_verify = true;
+  uint32_t retry_count = 0;
+  uint32_t backoff_ms = 250;
+  std::string cloudevents_source = "/oxEvent";
+  std::string cloudevents_subject_prefix;
+
+  // SNMP trap.
+  std::string snmp_host = "127.0.0.1";
+  uint32_t snmp_port = 162;
+  std::string community = "cobalt";
+  std::string version = "2c";
+  std::string enterprise_oid = "1.3.6.1.4.1.32473.1.1";
+  std::string trap_oid = "1.3.6.1.4.1.32473.1.1.0.1";
+
+  // Alertmanager.
+  std::string url = "http://127.0.0.1:9093/api/v2/alerts";
+  bool send_resolved = true;
+  bool allow_source_label = false;
+  std::string alertname_prefix = "OxEvent";
+  std::string authorization_type = "none";
+  std::string authorization_token;
+  uint32_t am_connect_timeout_ms = 3000;
+  uint32_t am_request_timeout_ms = 5000;
+  bool verify_tls = true;
+  uint32_t am_retry_count = 3;
+  uint32_t retry_backoff_ms = 500;
+};
+
+struct oxEventConfig {
+  std::string config_path;  // Of the store that it was loaded from.
+  bool enabled = true;
+  uint32_t minimum_severity = 1;
+  uint32_t queue_size = 1024;  // Events; above 0.
+  oxEventDropPolicy drop_policy = oxEventDropPolicy::kDropNewest;
+  bool state_enabled = true;
+  bool dedupe_enabled = true;
+  uint32_t default_repeat_interval_sec = 1800;
+  bool send_clear = true;
+  bool route_orphan_clear = false;
+  std::vector<oxEventSinkConfig> sinks;  // In load order.
+};
+
+// What the native log layer takes.
+struct oxEventNativePlatformConfig {
+  std::string source = "oxEvent";
+  std::string facility = "local4";
+  std::string subsystem = "com.velmora.oxEvent";
+  std::string category = "events";
+};

@@ -1,0 +1,121 @@
+#include "config/oxEventConfigStore.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "base/oxEventAscii.h"
+#include "base/oxEventCopyString.h"
+#include "oxutil.h"
+
+namespace {
+
+constexpr uint32_t kGet = 0;
+constexpr uint32_t kSet = 1;
+constexpr uint32_t kValueCapacity = 2048;  // Bytes, the terminating zero included.
+constexpr uint32_t kNameCapacity = 512;
+constexpr uint32_t kSubKey = 0;
+
+struct Word {
+  std::string_view text;
+  uint32_t value;
+};
+
+constexpr Word kBoolWords[] = {{"1", 1}, {"true", 1},  {"yes", 1}, {"on", 1},  {"enabled", 1},
+                               {"0", 0}, {"false", 0}, {"no", 0},  {"off", 0}, {"disabled", 0}};
+
+constexpr Word kSeverityWords[] = {{"debug", 0}, {"info", 1},  {"information", 1}, {"warning", 2},
+                                   {"warn", 2},  {"error", 3}, {"err", 3}};
+
+template <size_t N>
+std::optional<uint32_t> Find(const Word (&words)[N], const std::string& text) {
+  const std::string lower = oxEventAsciiLower(text);
+  const auto* word = std::find_if(std::begin(words), std::end(words), [&](const Word& w) { return w.text == lower; });
+  return word == std::end(words) ? std::nullopt : std::optional(word->value);
+}
+
+}  // namespace
+
+oxEventConfigStore::~oxEventConfigStore() {
+  if (store_ != nullptr) oxCFGClose(store_, 1);
+}
+
+bool oxEventConfigStore::Open(const char* path) {
+  store_ = oxCFGOpen(path, 0);
+  return store_ != nullptr;
+}
+
+void oxEventConfigStore::Save() { oxCFGSave(store_, 0, 1); }
+
+void oxEventConfigStore::EnsureKey(const std::string& path) {
+  if (path.empty() || oxCFGKeyExists(store_, path.c_str()) != 0) return;
+  std::string parent;
+  for (size_t begin = 0, end; begin <= path.size(); begin = end + 1) {
+    end = std::min(path.find('\\', begin), path.size());
+    const std::string name = path.substr(begin, end - begin);
+    if (name.empty()) continue;
+    const std::string key = parent.empty() ? name : parent + "\\" + name;
+    if (oxCFGKeyExists(store_, key.c_str()) == 0) {
+      if (parent.empty()) {
+        oxCFGAddKeyString(store_, name.c_str(), "", "", 0, 0);
+      } else {
+        oxCFGAddKeyString(store_, parent.c_str(), name.c_str(), "", 0, 0);
+      }
+    }
+    parent = key;
+  }
+}
+
+std::vector<std::string> oxEventConfigStore::EnumChildren(const std::string& path) {
+  std::vector<std::string> names;
+  char previous[kNameCapacity] = "";
+  char name[kNameCapacity] = "";
+  uint32_t kind = kSubKey;
+  while (oxCFGGetNext(store_, path.c_str(), name, previous, &kind) != OXCFG_NO_MORE) {
+    if (name[0] != '\0' && kind == kSubKey) names.emplace_back(name);
+    oxEventPlatformCopyString(previous, kNameCapacity, name);
+    name[0] = '\0';
+  }
+  return names;
+}
+
+uint32_t oxEventConfigStore::ReadDword(const std::string& key, const char* name, uint32_t default_value) {
+  uint32_t value = 0;
+  if (oxCFGValueDword(store_, key.c_str(), name, &value, kGet) == 0) return value;
+  value = default_value;
+  oxCFGValueDword(store_, key.c_str(), name, &value, kSet);
+  return default_value;
+}
+
+std::string oxEventConfigStore::ReadString(const std::string& key, const char* name, const std::string& default_value) {
+  char buffer[kValueCapacity] = "";
+  uint32_t length = kValueCapacity;
+  if (oxCFGValueString(store_, key.c_str(), name, buffer, &length, kGet) == 0) {
+    buffer[kValueCapacity - 1] = '\0';  // Whatever companion is in place.
+    return buffer;
+  }
+  oxEventPlatformCopyString(buffer, kValueCapacity, default_value.c_str());
+  length = static_cast<uint32_t>(std::strlen(buffer));
+  if (length != 0) oxCFGValueString(store_, key.c_str(), name, buffer, &length, kSet);
+  return buffer;
+}
+
+bool oxEventConfigStore::ReadBool(const std::string& key, const char* name, bool default_value) {
+  uint32_t number = 0;
+  if (oxCFGValueDword(store_, key.c_str(), name, &number, kGet) == 0) return number != 0;
+  const std::string text = ReadString(key, name, default_value ? "1" : "0");
+  if (const auto value = Find(kBoolWords, text)) return *value != 0;
+  *error_ = "Invalid boolean value for " + key + "\\" + name + ": " + text;
+  return default_value;
+}
+
+uint32_t oxEventConfigStore::ReadSeverity(const std::string& key, uint32_t default_value) {
+  constexpr const char* kName = "minimum_severity";
+  uint32_t number = 0;
+  if (oxCFGValueDword(store_, key.c_str(), kName, &number, kGet) == 0 && number <= 3) return number;
+  const std::string text = ReadString(key, kName, "info");
+  if (const auto value = Find(kSeverityWords, text)) return *value;
+  *error_ = "Invalid minimum_severity value for " + key + "\\" + kName + ": " + text;
+  return default_value;
+}

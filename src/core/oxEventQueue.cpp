@@ -1,0 +1,184 @@
+#include "core/oxEventQueue.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <utility>
+
+namespace {
+
+void Set(bool* flag, bool value) {
+  if (flag != nullptr) *flag = value;
+}
+
+bool IsDebugOrInfo(uint32_t severity) { return severity < OXEVENT_SEVERITY_WARNING; }
+
+}  // namespace
+
+void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
+  oxEventLock lock(mutex_);
+  DropAllLocked();
+  active_count_ = 0;
+  accepting_ = true;
+  stop_requested_ = false;
+  policy_ = policy;
+  capacity_ = std::max(capacity, 1u);
+}
+
+uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
+  oxEventLock lock(mutex_);
+  policy_ = policy;
+  capacity_ = std::max(capacity, 1u);
+  uint32_t discarded = 0;
+  for (; PendingLocked() > capacity_; ++discarded) {
+    if (policy_ != oxEventDropPolicy::kDropDebugInfoFirst || !DropDebugInfoFirstLocked()) DropNewestLocked();
+  }
+  while (free_.size() > capacity_) free_.pop_back();
+  SignalIfDrainedLocked();
+  return discarded;
+}
+
+uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* dropped) {
+  Set(accepted, false);
+  Set(dropped, false);
+  Items item;  // One; filled with the lock released, so that a long text delays nobody else.
+  {
+    oxEventLock lock(mutex_);
+    if (!IsAcceptingLocked()) return OXEVENT_NOT_INITIALIZED;
+    if (policy_ == oxEventDropPolicy::kDropNewest && PendingLocked() >= capacity_) {
+      Set(dropped, true);
+      return OXEVENT_OK;
+    }
+    if (!free_.empty()) item.splice(item.begin(), free_, free_.begin());
+  }
+  if (item.empty()) item.emplace_back();
+  item.front().event.Assign(event);
+
+  oxEventLock lock(mutex_);
+  const bool accepting = IsAcceptingLocked();
+  if (!accepting || !MakeRoomLocked(dropped)) {
+    RecycleLocked(item, item.begin());
+    return accepting ? OXEVENT_OK : OXEVENT_NOT_INITIALIZED;
+  }
+  item.front().order = next_order_++;
+  Items& pending = IsDebugOrInfo(event.severity) ? debug_info_ : warning_error_;
+  pending.splice(pending.end(), item);
+  Set(accepted, true);
+  if (worker_waits_) {
+    worker_waits_ = false;
+    not_empty_.NotifyOne();
+  }
+  return OXEVENT_OK;
+}
+
+bool oxEventQueue::WaitPop(oxEventNormalizedEvent* out) {
+  oxEventLock lock(mutex_);
+  while (PendingLocked() == 0) {
+    if (stop_requested_) return false;
+    worker_waits_ = true;
+    not_empty_.Wait(mutex_);
+  }
+  worker_waits_ = false;
+  Items& oldest = OldestLocked();
+  if (out != nullptr) std::swap(*out, oldest.front().event);
+  RecycleLocked(oldest, oldest.begin());
+  ++active_count_;
+  return true;
+}
+
+void oxEventQueue::CompleteActiveEvent() {
+  oxEventLock lock(mutex_);
+  if (active_count_ > 0) --active_count_;
+  SignalIfDrainedLocked();
+}
+
+uint32_t oxEventQueue::Flush(uint32_t timeout_ms) {
+  oxEventLock lock(mutex_);
+  if (timeout_ms == 0) {
+    while (!IsDrainedLocked()) drained_.Wait(mutex_);
+    return OXEVENT_OK;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!IsDrainedLocked() && std::chrono::steady_clock::now() < deadline) drained_.WaitUntil(mutex_, deadline);
+  return IsDrainedLocked() ? OXEVENT_OK : OXEVENT_FAILURE;
+}
+
+bool oxEventQueue::HasPending() {
+  oxEventLock lock(mutex_);
+  return PendingLocked() != 0;
+}
+
+void oxEventQueue::StopAccepting() {
+  oxEventLock lock(mutex_);
+  accepting_ = false;
+}
+
+void oxEventQueue::RequestStop() {
+  oxEventLock lock(mutex_);
+  accepting_ = false;
+  stop_requested_ = true;
+  not_empty_.NotifyAll();
+  drained_.NotifyAll();
+}
+
+uint64_t oxEventQueue::DropPending() {
+  oxEventLock lock(mutex_);
+  const uint64_t discarded = DropAllLocked();
+  SignalIfDrainedLocked();
+  return discarded;
+}
+
+void oxEventQueue::Reset() {
+  oxEventLock lock(mutex_);
+  DropAllLocked();
+  free_.clear();
+  active_count_ = 0;
+  accepting_ = false;
+  stop_requested_ = false;
+  SignalIfDrainedLocked();
+}
+
+// True when there is room for one more event.
+bool oxEventQueue::MakeRoomLocked(bool* dropped) {
+  if (PendingLocked() < capacity_) return true;
+  Set(dropped, true);
+  return policy_ == oxEventDropPolicy::kDropDebugInfoFirst && DropDebugInfoFirstLocked();
+}
+
+bool oxEventQueue::DropDebugInfoFirstLocked() {
+  if (debug_info_.empty()) return false;
+  RecycleLocked(debug_info_, debug_info_.begin());
+  return true;
+}
+
+void oxEventQueue::DropNewestLocked() {
+  const bool in_debug_info =
+      warning_error_.empty() || (!debug_info_.empty() && debug_info_.back().order > warning_error_.back().order);
+  Items& newest = in_debug_info ? debug_info_ : warning_error_;
+  RecycleLocked(newest, std::prev(newest.end()));
+}
+
+uint64_t oxEventQueue::DropAllLocked() {
+  const uint64_t discarded = PendingLocked();
+  for (Items* items : {&debug_info_, &warning_error_}) {
+    while (!items->empty()) RecycleLocked(*items, items->begin());
+  }
+  return discarded;
+}
+
+// The list whose front is the oldest pending event; there is one.
+oxEventQueue::Items& oxEventQueue::OldestLocked() {
+  if (debug_info_.empty()) return warning_error_;
+  if (warning_error_.empty()) return debug_info_;
+  return debug_info_.front().order < warning_error_.front().order ? debug_info_ : warning_error_;
+}
+
+void oxEventQueue::RecycleLocked(Items& from, Items::iterator item) {
+  item->event.ReleaseLongTexts();
+  free_.splice(free_.begin(), from, item);
+  if (free_.size() > capacity_) free_.pop_back();
+}
+
+void oxEventQueue::SignalIfDrainedLocked() {
+  if (IsDrainedLocked()) drained_.NotifyAll();
+}

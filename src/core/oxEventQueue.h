@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+
+#include "base/oxEventMutex.h"
+#include "base/oxEventNormalizedEvent.h"
+#include "config/oxEventConfig.h"
+
+// The bounded first-in-first-out hand-over from the submitting threads to the worker. Owns copies of the events. Also
+// knows the event that the worker has taken and not completed, so that a flush waits for what has really been
+// delivered. Threads: WaitPop and CompleteActiveEvent the worker, everything else any. Takes memory as events need it,
+// up to its capacity, and keeps it for the next events.
+class oxEventQueue {
+ public:
+  oxEventQueue() = default;
+  oxEventQueue(const oxEventQueue&) = delete;
+  oxEventQueue& operator=(const oxEventQueue&) = delete;
+
+  // Begins to accept, empty. Capacity 0 counts as 1.
+  void Start(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
+
+  // Changes a running queue. Returns the number of pending events discarded to fit.
+  uint32_t Configure(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
+
+  // Queues a copy. Never waits for space. *accepted: the event is queued; *dropped: an event was lost, this one or an
+  // older one that made room; either may be null. Returns 0, for a full queue too, or OXEVENT_NOT_INITIALIZED when the
+  // queue does not accept. Throws when there is no memory; then nothing has changed.
+  uint32_t Enqueue(const oxEventView& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
+
+  // Waits for an event and takes the oldest. False: stop requested, and nothing is left. *out (may be null) gets it,
+  // and the queue gets the memory of what *out held.
+  bool WaitPop(oxEventNormalizedEvent* out) OX_EXCLUDES(mutex_);
+
+  // What WaitPop gave is delivered.
+  void CompleteActiveEvent() OX_EXCLUDES(mutex_);
+
+  // Waits until nothing is pending or active, at most timeout_ms milliseconds (0: without limit): 0 or OXEVENT_FAILURE.
+  uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
+
+  bool HasPending() OX_EXCLUDES(mutex_);
+
+  void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
+  void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
+  uint64_t DropPending() OX_EXCLUDES(mutex_);  // Returns the number of events discarded.
+  void Reset() OX_EXCLUDES(mutex_);            // As constructed; to be called when the worker has ended.
+
+ private:
+  struct Item {
+    oxEventNormalizedEvent event;
+    uint64_t order = 0;  // Of arrival.
+  };
+  using Items = std::list<Item>;
+
+  bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
+  bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return PendingLocked() == 0 && active_count_ == 0; }
+  size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.size() + warning_error_.size(); }
+  bool MakeRoomLocked(bool* dropped) OX_REQUIRES(mutex_);
+  bool DropDebugInfoFirstLocked() OX_REQUIRES(mutex_);
+  void DropNewestLocked() OX_REQUIRES(mutex_);
+  uint64_t DropAllLocked() OX_REQUIRES(mutex_);
+  Items& OldestLocked() OX_REQUIRES(mutex_);
+  void RecycleLocked(Items& from, Items::iterator item) OX_REQUIRES(mutex_);
+  void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
+
+  oxEventMutex mutex_;
+  oxEventCondition not_empty_;
+  oxEventCondition drained_;
+  // Pending events, oldest at the front. Two lists, so that the oldest event below warning is found without a search;
+  // `order` tells which list's front is next.
+  Items debug_info_ OX_GUARDED_BY(mutex_);
+  Items warning_error_ OX_GUARDED_BY(mutex_);
+  Items free_ OX_GUARDED_BY(mutex_);  // Kept for the next events.
+  uint64_t next_order_ OX_GUARDED_BY(mutex_) = 0;
+  uint32_t capacity_ OX_GUARDED_BY(mutex_) = 1;
+  oxEventDropPolicy policy_ OX_GUARDED_BY(mutex_) = oxEventDropPolicy::kDropNewest;
+  uint32_t active_count_ OX_GUARDED_BY(mutex_) = 0;
+  bool accepting_ OX_GUARDED_BY(mutex_) = false;
+  bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
+  bool worker_waits_ OX_GUARDED_BY(mutex_) = false;  // Else nobody needs to be woken for an event.
+};

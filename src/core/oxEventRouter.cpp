@@ -1,0 +1,200 @@
+#include "core/oxEventRouter.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/oxEventImmortal.h"
+#include "base/oxEventSeverity.h"
+#include "core/oxEventRun.h"
+#include "sinks/oxEventSinkSet.h"
+
+namespace {
+
+bool IsUsable(const std::shared_ptr<const oxEventConfig>& config) {
+  return config != nullptr && config->queue_size != 0;
+}
+
+}  // namespace
+
+uint32_t oxEventRouter::Start(std::shared_ptr<const oxEventConfig> config) {
+  if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
+  oxEventLock lock(mutex_);
+  if (running_) return OXEVENT_ALREADY_INITIALIZED;
+  if (closed_) return OXEVENT_NOT_INITIALIZED;  // The process is exiting.
+  ReapLocked();
+  auto run = std::make_shared<Run>();
+  retired_.reserve(retired_.size() + 1);  // So that the worker can retire its run without memory.
+  run->state.Configure(*config);
+  run->queue.Start(config->queue_size, config->drop_policy);
+  run->StartWorker();
+  run_ = std::move(run);
+  config_ = std::move(config);
+  running_ = true;
+  return OXEVENT_OK;
+}
+
+uint32_t oxEventRouter::Submit(const oxEventView& event) {
+  SharedRun run;
+  bool wanted = false;
+  {
+    oxEventLock lock(mutex_);
+    if (!running_) return OXEVENT_NOT_INITIALIZED;
+    run = run_;
+    wanted = config_->enabled && oxEventSeverityMeetsMinimum(event.severity, config_->minimum_severity);
+  }
+  ++run->submitted;
+  if (!wanted) {
+    run->AddDropped(1);
+    return OXEVENT_OK;
+  }
+  bool accepted = false;
+  bool dropped = false;
+  try {
+    const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped);
+    if (dropped) run->AddDropped(1);
+    return result;
+  } catch (...) {
+    run->AddDropped(1);  // No memory for the copy.
+    throw;
+  }
+}
+
+uint32_t oxEventRouter::Flush(uint32_t timeout_ms) {
+  const SharedRun run = RunningRun();
+  if (run == nullptr) return OXEVENT_NOT_INITIALIZED;
+  if (run->IsWorker()) {
+    if (run->queue.HasPending()) return OXEVENT_FAILURE;
+  } else if (const uint32_t result = run->queue.Flush(timeout_ms); result != OXEVENT_OK) {
+    return result;
+  }
+  return oxEventSinkFlush(timeout_ms);
+}
+
+uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
+  SharedRun run;
+  {
+    oxEventLock lock(mutex_);
+    if (!running_) return OXEVENT_NOT_INITIALIZED;
+    running_ = false;
+    run = run_;
+    if (run->IsWorker()) retired_.push_back(run);
+  }
+  run->queue.StopAccepting();
+  uint32_t result = OXEVENT_OK;
+  // Without time there is no waiting: what is queued goes at once. The worker cannot wait for itself.
+  const bool waits = timeout_ms != 0 && !run->IsWorker();
+  if (waits) {
+    result = run->queue.Flush(timeout_ms);
+  } else if (run->queue.HasPending()) {
+    result = OXEVENT_FAILURE;
+  }
+  if (result != OXEVENT_OK) {
+    run->AddDropped(run->queue.DropPending());
+  } else {
+    result = oxEventSinkFlush(timeout_ms);
+  }
+  run->queue.RequestStop();
+  if (!run->IsWorker()) run->JoinWorker();
+  {
+    oxEventLock lock(mutex_);
+    config_ = nullptr;
+  }
+  if (!run->IsWorker()) {
+    run->queue.Reset();
+    run->state.Reset();
+  }
+  return result;
+}
+
+uint32_t oxEventRouter::ReloadConfig(std::shared_ptr<const oxEventConfig> config) {
+  if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
+  oxEventLock lock(mutex_);
+  if (!running_) return OXEVENT_NOT_INITIALIZED;
+  config_.swap(config);
+  run_->state.Configure(*config_);
+  run_->AddDropped(run_->queue.Configure(config_->queue_size, config_->drop_policy));
+  return OXEVENT_OK;
+}
+
+std::shared_ptr<const oxEventConfig> oxEventRouter::GetConfig() {
+  oxEventLock lock(mutex_);
+  return config_;
+}
+
+oxEventCounters oxEventRouter::GetCounters() {
+  SharedRun run;
+  {
+    oxEventLock lock(mutex_);
+    run = run_;
+  }
+  if (run == nullptr) return {};
+  return {run->submitted, run->emitted, run->dropped, run->sink_failures, run->sink_warnings};
+}
+
+void oxEventRouter::Close() {
+  {
+    oxEventLock lock(mutex_);
+    closed_ = true;
+  }
+  Stop(0);
+  // From here on nobody adds a run.
+  SharedRun last;
+  std::vector<SharedRun> runs;
+  {
+    oxEventLock lock(mutex_);
+    last.swap(run_);
+    runs.swap(retired_);
+  }
+  if (last != nullptr) EndAndJoin(&last);
+  for (SharedRun& run : runs) EndAndJoin(&run);
+}
+
+// Lets go of a run, but for one whose worker is the exiting thread: that one still runs in it.
+void oxEventRouter::EndAndJoin(SharedRun* run) {
+  // A stop that another thread waits in has no more time.
+  (*run)->AddDropped((*run)->queue.DropPending());
+  (*run)->queue.RequestStop();
+  if ((*run)->IsWorker()) {
+    oxEventLock lock(mutex_);
+    exiting_ = std::move(*run);
+  } else {
+    (*run)->JoinWorker();
+  }
+}
+
+oxEventRouter::SharedRun oxEventRouter::RunningRun() {
+  oxEventLock lock(mutex_);
+  return running_ ? run_ : nullptr;
+}
+
+// Frees the runs whose worker has returned from the callback that stopped it.
+void oxEventRouter::ReapLocked() {
+  const auto ended =
+      std::partition(retired_.begin(), retired_.end(), [](const SharedRun& run) { return !run->HasEnded(); });
+  for (auto run = ended; run != retired_.end(); ++run) (*run)->JoinWorker();
+  retired_.erase(ended, retired_.end());
+}
+
+namespace {
+
+constinit oxEventImmortal<oxEventRouter> g_router;
+
+}  // namespace
+
+uint32_t oxEventCoreStart(std::shared_ptr<const oxEventConfig> config) { return g_router->Start(std::move(config)); }
+
+uint32_t oxEventCoreStop(uint32_t timeout_ms) { return g_router->Stop(timeout_ms); }
+
+uint32_t oxEventCoreSubmit(const oxEventView& event) { return g_router->Submit(event); }
+
+uint32_t oxEventCoreFlush(uint32_t timeout_ms) { return g_router->Flush(timeout_ms); }
+
+uint32_t oxEventCoreReloadConfig(std::shared_ptr<const oxEventConfig> config) {
+  return g_router->ReloadConfig(std::move(config));
+}
+
+oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }
+
+void oxEventCoreClose() { g_router->Close(); }
+
+void oxEventCoreForgetInChild() { g_router.Renew(); }

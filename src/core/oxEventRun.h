@@ -1,0 +1,40 @@
+#pragma once
+
+#include <atomic>
+#include <thread>
+
+#include "core/oxEventRouter.h"
+
+// One Start to Stop of the router. Whoever drops the last reference must have joined the worker, or be its child by
+// fork, which never drops it.
+class oxEventRouter::Run {
+ public:
+  Run() = default;
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+
+  // Starts the worker, which blocks every signal: no handler of the host's runs on it.
+  void StartWorker();
+  void JoinWorker() OX_EXCLUDES(join_mutex_);
+  bool IsWorker() const { return worker_id_ == std::this_thread::get_id(); }
+  bool HasEnded() const { return ended_; }
+
+  void AddDropped(uint64_t n) { dropped += n; }
+
+  oxEventQueue queue;
+  oxEventState state;
+  std::atomic<uint64_t> submitted = 0;
+  std::atomic<uint64_t> emitted = 0;
+  std::atomic<uint64_t> dropped = 0;
+  std::atomic<uint64_t> sink_failures = 0;
+  std::atomic<uint64_t> sink_warnings = 0;
+
+ private:
+  void RouterMain();
+  void Deliver(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out);
+
+  oxEventMutex join_mutex_;  // Two threads may want to join: a stop, and the process's exit.
+  std::thread worker_ OX_GUARDED_BY(join_mutex_);
+  std::thread::id worker_id_;  // Set with the router's mutex held, before anything reads it.
+  std::atomic<bool> ended_ = false;
+};

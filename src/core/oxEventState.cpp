@@ -1,0 +1,165 @@
+#include "core/oxEventState.h"
+
+#include <charconv>
+#include <iterator>
+#include <utility>
+
+#include "base/oxEventAscii.h"
+
+enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
+
+namespace {
+
+constexpr size_t kMaxSpare = 256;  // Entries, about half a kilobyte each.
+
+template <class... Format>
+void AppendNumberLine(std::string* out, Format... value_and_format) {
+  char digits[32];
+  out->append(digits, std::to_chars(digits, std::end(digits), value_and_format...).ptr);
+  out->push_back('\n');
+}
+
+void AppendLine(std::string* out, std::string_view text) { out->append(text).push_back('\n'); }
+
+bool EqualsLower(std::string_view text, std::string_view lower) {
+  if (text.size() != lower.size()) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (oxEventAsciiLower(text[i]) != lower[i]) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void oxEventState::Configure(const oxEventConfig& config) {
+  oxEventLock lock(mutex_);
+  state_enabled_ = config.state_enabled;
+  dedupe_enabled_ = config.dedupe_enabled;
+  send_clear_ = config.send_clear;
+  route_orphan_clear_ = config.route_orphan_clear;
+  repeat_interval_ns_ = config.default_repeat_interval_sec * uint64_t{1'000'000'000};
+}
+
+void oxEventState::Reset() {
+  oxEventLock lock(mutex_);
+  ActiveTable().swap(active_);
+  spare_.clear();
+}
+
+uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
+  if (out == nullptr || route == nullptr) return OXEVENT_INVALID_ARGUMENT;
+  out->Assign(oxEventView::Of(event));
+  *route = true;
+  oxEventLock lock(mutex_);
+  if (!state_enabled_ || !dedupe_enabled_) return OXEVENT_OK;
+  const Action action = ActionOf(event.action);
+  if (action == Action::kOther) return OXEVENT_OK;
+  *route = DecideLocked(action, event, out);
+  oxEventReleaseLongText(&key_);
+  oxEventReleaseLongText(&signature_);
+  return OXEVENT_OK;
+}
+
+void oxEventState::BuildKey(const oxEventNormalizedEvent& event, std::string* key) {
+  if (!event.dedupe_key.empty()) {
+    key->assign(event.dedupe_key);
+  } else {
+    key->assign(event.source_id).append(1, ':').append(event.event_type);
+  }
+}
+
+void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::string* signature) {
+  constexpr auto kGeneral = std::chars_format::general;
+  constexpr int kDigits = 6;
+  signature->clear();
+  AppendLine(signature, event.event_type);
+  AppendLine(signature, event.source_id);
+  AppendLine(signature, event.source_name);
+  AppendLine(signature, event.message);
+  AppendNumberLine(signature, event.severity);
+  for (const char c : event.action) signature->push_back(oxEventAsciiLower(c));
+  signature->push_back('\n');
+  AppendLine(signature, event.dedupe_key);
+  AppendLine(signature, event.correlation_id);
+  AppendNumberLine(signature, event.pts);
+  AppendLine(signature, event.timecode);
+  AppendNumberLine(signature, event.value, kGeneral, kDigits);
+  AppendNumberLine(signature, event.threshold, kGeneral, kDigits);
+  AppendLine(signature, event.units);
+  AppendNumberLine(signature, event.duration_ms);
+  AppendLine(signature, event.details_json);
+}
+
+std::string oxEventState::ActionName(std::string_view action) { return oxEventAsciiLower(action); }
+
+oxEventState::Action oxEventState::ActionOf(std::string_view action) {
+  constexpr std::pair<std::string_view, Action> kActions[] = {
+      {"raise", Action::kRaise}, {"update", Action::kUpdate}, {"repeat", Action::kRepeat}, {"clear", Action::kClear}};
+  for (const auto& [name, value] : kActions) {
+    if (EqualsLower(action, name)) return value;
+  }
+  return Action::kOther;
+}
+
+// A clock that went backwards never holds a repeat back.
+bool oxEventState::RepeatElapsed(uint64_t now_ns, uint64_t last_ns) const {
+  return repeat_interval_ns_ == 0 || last_ns == 0 || last_ns > now_ns || now_ns - last_ns >= repeat_interval_ns_;
+}
+
+// Returns whether the event goes on.
+bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out) {
+  BuildKey(event, &key_);
+  const auto active = active_.find(std::string_view(key_));
+  const bool raised = active != active_.end();
+  if (action == Action::kClear) {
+    if (!raised) return route_orphan_clear_;
+    RemoveLocked(active);  // Cleared, whether or not anybody is told.
+    return send_clear_;
+  }
+  if (action == Action::kUpdate) return DecideUpdateLocked(active, event, out);
+  if (!raised && action == Action::kRepeat) return false;
+  if (raised && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) return false;
+  if (raised && action == Action::kRaise) out->action = "repeat";
+  BuildSignature(event, &signature_);
+  StoreActive(active, event);
+  return true;
+}
+
+bool oxEventState::DecideUpdateLocked(ActiveTable::iterator active, const oxEventNormalizedEvent& event,
+                                      oxEventNormalizedEvent* out) {
+  BuildSignature(event, &signature_);
+  if (active == active_.end()) {
+    out->action = "raise";
+  } else if (active->second.signature == signature_ && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) {
+    return false;
+  }
+  StoreActive(active, event);
+  return true;
+}
+
+// `active` is the entry of key_, or the end: then one is made. signature_ is the event's.
+void oxEventState::StoreActive(ActiveTable::iterator active, const oxEventNormalizedEvent& event) {
+  if (active == active_.end()) {
+    if (spare_.empty()) {
+      active = active_.try_emplace(key_).first;
+    } else {
+      spare_.back().key() = key_;
+      active = active_.insert(std::move(spare_.back())).position;
+      spare_.pop_back();
+    }
+  }
+  active->second.signature = signature_;
+  active->second.last_sent_ns = event.utc_ns;
+}
+
+void oxEventState::RemoveLocked(ActiveTable::iterator active) {
+  if (spare_.size() >= kMaxSpare) {
+    active_.erase(active);
+    return;
+  }
+  if (spare_.capacity() == 0) spare_.reserve(kMaxSpare);
+  auto node = active_.extract(active);
+  oxEventReleaseLongText(&node.key());
+  oxEventReleaseLongText(&node.mapped().signature);
+  spare_.push_back(std::move(node));
+}

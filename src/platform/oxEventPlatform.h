@@ -1,0 +1,82 @@
+#pragma once
+
+#include <signal.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "base/oxEventCopyString.h"
+#include "base/oxEventNormalizedEvent.h"
+#include "config/oxEventConfig.h"
+
+// What the library asks of the operating system and of the companion library, settings aside. Any thread.
+
+// Nanoseconds of the PTP clock, since 1970-01-01T00:00:00Z.
+uint64_t oxEventPlatformGetPtpNano();
+
+// Creates what is missing of the folder that `path` lies in, each level with mode 0775 less the umask.
+bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error);
+
+// The worker thread's set-up, called on the new thread: its name.
+void oxEventPlatformNameThread(const char* name);
+
+// Blocks signals of the calling thread for its lifetime.
+class oxEventSignalBlock {
+ public:
+  // kAll: a thread started meanwhile begins, and stays, with every signal blocked. kFileErrors: a write of ours over
+  // the process's file size limit, or into a broken pipe, is an error code and nothing that ends the host.
+  enum Which { kAll, kFileErrors };
+  explicit oxEventSignalBlock(Which which);
+  ~oxEventSignalBlock();
+  oxEventSignalBlock(const oxEventSignalBlock&) = delete;
+  oxEventSignalBlock& operator=(const oxEventSignalBlock&) = delete;
+
+ private:
+  void TakeBackFileErrors() const;
+
+  const Which which_;
+  sigset_t old_mask_;
+  sigset_t pending_before_;  // Someone else's.
+};
+
+// A file that bytes are appended to. Owns its descriptor. Threads: one at a time.
+class oxEventAppendFile {
+ public:
+  oxEventAppendFile() = default;
+  ~oxEventAppendFile();
+  oxEventAppendFile(const oxEventAppendFile&) = delete;
+  oxEventAppendFile& operator=(const oxEventAppendFile&) = delete;
+
+  // Creates the file when it is missing. Never waits, a pipe without a reader included.
+  bool Open(const std::string& path);
+  bool IsOpen() const { return fd_ >= 0; }
+  // Raises no signal.
+  bool Write(const char* bytes, size_t size);
+
+ private:
+  int fd_ = -1;
+};
+
+// False when it cannot be opened for reading, or holds nothing.
+bool oxEventPlatformFileHasContent(const std::string& path);
+
+// The operating system's log: syslog(3), whose connection and identity belong to the whole process.
+struct oxEventNativeLogHandle;
+// `error` may be null.
+uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, oxEventNativeLogHandle** handle,
+                                   std::string* error);
+// `warning` and `warning_text` may be null; this system's log reports nothing back, so that they stay clear.
+uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEventNormalizedEvent& event, bool* warning,
+                                    std::string* warning_text);
+void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle);
+
+// Around a fork, on the forking thread. Keeps the C library's log free of half-made calls of ours in the child.
+void oxEventPlatformNativeBeforeFork();
+void oxEventPlatformNativeAfterForkInParent();
+void oxEventPlatformNativeAfterForkInChild();
+
+// Not available on this platform. `error` may be null.
+uint32_t oxEventPlatformInstallWindowsEventSource(const char* source_name, const char* message_file,
+                                                  std::string* error);
+uint32_t oxEventPlatformRemoveWindowsEventSource(const char* source_name, std::string* error);

@@ -1,0 +1,94 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "oxutil.h"
+#include "platform/oxEventPlatform.h"
+
+namespace {
+
+constexpr mode_t kDirectoryMode = 0775;
+constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes that oxOSMakeDir is given, the terminating zero included.
+constexpr mode_t kFileMode = 0666;           // Less the umask.
+constexpr char kSeparators[] = "/\\";
+
+bool IsDriveRoot(std::string_view path) { return path.size() == 3 && path[1] == ':'; }
+
+std::string TrimTrailingSeparators(std::string path) {
+  while (path.size() > 1 && (path.back() == '/' || path.back() == '\\') && !IsDriveRoot(path)) path.pop_back();
+  return path;
+}
+
+std::string ParentPath(const std::string& path) {
+  const std::string trimmed = TrimTrailingSeparators(path);
+  const size_t separator = trimmed.find_last_of(kSeparators);
+  if (separator == std::string::npos) return "";
+  if (separator == 0) return trimmed.substr(0, 1);
+  if (separator == 2 && trimmed[1] == ':') return trimmed.substr(0, 3);
+  return trimmed.substr(0, separator);
+}
+
+bool IsDirectory(const std::string& path) {
+  if (path.empty() || path == ".") return true;
+  if (oxOSFileIsDir(path.c_str()) != 0) return true;
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool EnsureDirectory(const std::string& path, std::string* error) {
+  const std::string trimmed = TrimTrailingSeparators(path);
+  if (IsDirectory(trimmed)) return true;
+  const std::string parent = ParentPath(trimmed);
+  if (!parent.empty() && parent != trimmed && !EnsureDirectory(parent, error)) return false;
+
+  char shortened[kMakeDirCapacity];
+  oxEventPlatformCopyString(shortened, kMakeDirCapacity, trimmed.c_str());
+  oxOSMakeDir(shortened, kDirectoryMode);
+  if (IsDirectory(trimmed)) return true;
+  if ((mkdir(trimmed.c_str(), kDirectoryMode) == 0 || errno == EEXIST) && IsDirectory(trimmed)) return true;
+  if (error != nullptr) *error = "Unable to create directory for oxEvent CSV sink: " + trimmed;
+  return false;
+}
+
+}  // namespace
+
+bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error) {
+  const std::string parent = ParentPath(path);
+  return parent.empty() || parent == "." || EnsureDirectory(parent, error);
+}
+
+bool oxEventPlatformFileHasContent(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return false;
+  const off_t size = lseek(fd, 0, SEEK_END);
+  close(fd);
+  return size >= 1;
+}
+
+oxEventAppendFile::~oxEventAppendFile() {
+  if (IsOpen()) close(fd_);
+}
+
+bool oxEventAppendFile::Open(const std::string& path) {
+  // O_NONBLOCK is for the open alone: a pipe without a reader is an error, a full one later just makes a write wait.
+  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY;
+  fd_ = open(path.c_str(), flags | O_NONBLOCK, kFileMode);
+  if (IsOpen()) fcntl(fd_, F_SETFL, O_APPEND);
+  return IsOpen();
+}
+
+bool oxEventAppendFile::Write(const char* bytes, size_t size) {
+  if (size == 0) return true;
+  const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
+  while (size != 0) {
+    const ssize_t written = write(fd_, bytes, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    bytes += written;
+    size -= static_cast<size_t>(written);
+  }
+  return true;
+}

@@ -1,0 +1,166 @@
+#include <pthread.h>
+#include <syslog.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string_view>
+
+#include "base/oxEventAscii.h"
+#include "base/oxEventImmortal.h"
+#include "base/oxEventSeverity.h"
+#include "platform/oxEventPlatform.h"
+
+namespace {
+
+// How long a fork waits for a line of ours that is being written; with a log daemon that stalls it may be forever.
+constexpr std::chrono::milliseconds kForkPatience{20};
+
+struct Facility {
+  std::string_view name;
+  int value;
+};
+
+constexpr Facility kFacilities[] = {{"kern", LOG_KERN},         {"user", LOG_USER},     {"mail", LOG_MAIL},
+                                    {"daemon", LOG_DAEMON},     {"auth", LOG_AUTH},     {"security", LOG_AUTH},
+                                    {"authpriv", LOG_AUTHPRIV}, {"cron", LOG_CRON},     {"ftp", LOG_FTP},
+                                    {"local0", LOG_LOCAL0},     {"local1", LOG_LOCAL1}, {"local2", LOG_LOCAL2},
+                                    {"local3", LOG_LOCAL3},     {"local4", LOG_LOCAL4}, {"local5", LOG_LOCAL5},
+                                    {"local6", LOG_LOCAL6},     {"local7", LOG_LOCAL7}};
+
+int FacilityValue(std::string_view name) {
+  const std::string lower = oxEventAsciiLower(name);
+  for (const Facility& facility : kFacilities) {
+    if (facility.name == lower) return facility.value;
+  }
+  return LOG_LOCAL4;
+}
+
+int Level(uint32_t severity) {
+  constexpr int kLevels[] = {LOG_DEBUG, LOG_INFO, LOG_WARNING, LOG_ERR};
+  return severity < std::size(kLevels) ? kLevels[severity] : LOG_INFO;
+}
+
+// Held over every openlog, syslog and closelog of ours, so that no line goes out under another sink's identity. Longer
+// than the C library's own lock by nothing that waits.
+struct SystemLog {
+  std::timed_mutex mutex;
+  std::atomic<pthread_t> forking_thread = 0;  // The one that holds `mutex` over its fork.
+  // False in the child of a fork that found a line half written: the C library's log is locked there for good.
+  bool usable = true;  // Guarded by `mutex`.
+};
+constinit oxEventImmortal<SystemLog> g_system_log;
+
+const std::string& OrDefault(const std::string& text, const std::string& absent) {
+  return text.empty() ? absent : text;
+}
+
+}  // namespace
+
+struct oxEventNativeLogHandle {
+  std::string ident;  // syslog keeps a pointer into it.
+  std::string facility_name;
+  std::string subsystem;
+  std::string category;
+  int facility = LOG_LOCAL4;
+  std::string line;  // Reused for each event.
+};
+
+namespace {
+
+void AppendItem(std::string_view name, std::string_view value, std::string* line) { line->append(name).append(value); }
+
+// For people who read the system log: nothing is escaped.
+void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view ident, std::string* line) {
+  const auto or_dash = [](const std::string& text) { return text.empty() ? std::string_view("-") : text; };
+  char id[20];
+  const char* id_end = std::to_chars(id, std::end(id), event.event_id).ptr;
+  line->clear();
+  AppendItem("oxEvent event_id=", std::string_view(id, static_cast<size_t>(id_end - id)), line);
+  AppendItem(" severity=", oxEventSeverityName(event.severity), line);
+  AppendItem(" action=", or_dash(event.action), line);
+  AppendItem(" event_type=", or_dash(event.event_type), line);
+  AppendItem(" source_id=", or_dash(event.source_id), line);
+  AppendItem(" source_name=", or_dash(event.source_name), line);
+  AppendItem(" native_source=", ident.empty() ? "oxEvent" : ident, line);
+  AppendItem(" message=\"", event.message, line);
+  line->push_back('"');
+  if (!event.dedupe_key.empty()) AppendItem(" dedupe_key=", event.dedupe_key, line);
+  if (!event.correlation_id.empty()) AppendItem(" correlation_id=", event.correlation_id, line);
+  if (!event.details_json.empty()) AppendItem(" details_json=", event.details_json, line);
+}
+
+}  // namespace
+
+uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, oxEventNativeLogHandle** handle,
+                                   std::string* error) {
+  if (handle == nullptr) {
+    if (error != nullptr) *error = "Invalid oxEvent native log handle output";
+    return OXEVENT_INVALID_ARGUMENT;
+  }
+  *handle = nullptr;
+  std::unique_ptr<oxEventNativeLogHandle> opened(new (std::nothrow) oxEventNativeLogHandle);
+  if (opened == nullptr) {
+    if (error != nullptr) *error = "Unable to allocate oxEvent native log handle";
+    return OXEVENT_FAILURE;
+  }
+  const oxEventNativePlatformConfig defaults;
+  opened->ident = OrDefault(config.source, defaults.source);
+  opened->facility_name = OrDefault(config.facility, defaults.facility);
+  opened->subsystem = OrDefault(config.subsystem, defaults.subsystem);
+  opened->category = OrDefault(config.category, defaults.category);
+  opened->facility = FacilityValue(opened->facility_name);
+  {
+    std::lock_guard lock(g_system_log->mutex);
+    if (g_system_log->usable) openlog(opened->ident.c_str(), LOG_PID, opened->facility);
+  }
+  *handle = opened.release();
+  return OXEVENT_OK;
+}
+
+uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEventNormalizedEvent& event, bool* warning,
+                                    std::string* warning_text) {
+  if (warning != nullptr) *warning = false;
+  if (handle == nullptr) {
+    if (warning_text != nullptr) *warning_text = "Invalid oxEvent native log handle";
+    return OXEVENT_INVALID_ARGUMENT;
+  }
+  if (warning_text != nullptr) warning_text->clear();
+  FormatNativeMessage(event, handle->ident, &handle->line);
+  std::lock_guard lock(g_system_log->mutex);
+  if (!g_system_log->usable) return OXEVENT_FAILURE;
+  // Opened anew each time: the host, or a native sink that a reload replaced, may have opened or closed the log since.
+  openlog(handle->ident.c_str(), LOG_PID, handle->facility);
+  syslog(handle->facility | Level(event.severity), "%s", handle->line.c_str());
+  oxEventReleaseLongText(&handle->line);
+  return OXEVENT_OK;
+}
+
+void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
+  if (handle == nullptr) return;
+  {
+    std::lock_guard lock(g_system_log->mutex);
+    if (g_system_log->usable) closelog();
+  }
+  delete handle;
+}
+
+void oxEventPlatformNativeBeforeFork() {
+  if (g_system_log->mutex.try_lock_for(kForkPatience)) g_system_log->forking_thread = pthread_self();
+}
+
+void oxEventPlatformNativeAfterForkInParent() {
+  if (g_system_log->forking_thread != pthread_self()) return;
+  g_system_log->forking_thread = 0;
+  g_system_log->mutex.unlock();
+}
+
+void oxEventPlatformNativeAfterForkInChild() {
+  const bool usable = g_system_log->usable && g_system_log->forking_thread == pthread_self();
+  g_system_log.Renew();
+  g_system_log->usable = usable;
+}

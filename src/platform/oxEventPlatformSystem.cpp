@@ -1,0 +1,59 @@
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstring>
+
+#include "oxutil.h"
+#include "platform/oxEventPlatform.h"
+
+namespace {
+
+constexpr int kFileErrorSignals[] = {SIGXFSZ, SIGPIPE};
+
+uint32_t NotOnThisPlatform(const char* text, std::string* error) {
+  if (error != nullptr) *error = text;
+  return OXEVENT_NOT_FOUND;
+}
+
+}  // namespace
+
+uint64_t oxEventPlatformGetPtpNano() { return oxOSGetTimePTPNano(); }
+
+void oxEventPlatformNameThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+
+oxEventSignalBlock::oxEventSignalBlock(Which which) : which_(which) {
+  sigset_t signals;
+  sigfillset(&signals);
+  if (which == kFileErrors) {
+    sigemptyset(&signals);
+    for (const int signal : kFileErrorSignals) sigaddset(&signals, signal);
+    sigpending(&pending_before_);
+  }
+  pthread_sigmask(SIG_BLOCK, &signals, &old_mask_);
+}
+
+oxEventSignalBlock::~oxEventSignalBlock() {
+  if (which_ == kFileErrors) TakeBackFileErrors();
+  pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
+}
+
+void oxEventSignalBlock::TakeBackFileErrors() const {
+  sigset_t pending;
+  sigpending(&pending);
+  for (const int signal : kFileErrorSignals) {
+    if (sigismember(&pending, signal) != 1 || sigismember(&pending_before_, signal) == 1) continue;
+    sigset_t ours;
+    sigemptyset(&ours);
+    sigaddset(&ours, signal);
+    const timespec at_once = {};
+    sigtimedwait(&ours, nullptr, &at_once);
+  }
+}
+
+uint32_t oxEventPlatformInstallWindowsEventSource(const char*, const char*, std::string* error) {
+  return NotOnThisPlatform("Windows Event Log source installation is only available on Windows", error);
+}
+
+uint32_t oxEventPlatformRemoveWindowsEventSource(const char*, std::string* error) {
+  return NotOnThisPlatform("Windows Event Log source removal is only available on Windows", error);
+}

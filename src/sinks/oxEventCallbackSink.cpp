@@ -1,0 +1,68 @@
+#include "sinks/oxEventCallbackSink.h"
+
+#include <cxxabi.h>
+
+#include <algorithm>
+
+#include "base/oxEventForkCount.h"
+
+namespace {
+
+bool Call(oxEventCallback callback, const oxEventRecord& record, void* user_data) {
+  try {
+    callback(&record, user_data);
+    return true;
+  } catch (const abi::__forced_unwind&) {
+    throw;  // The thread is being cancelled; this cannot be held up.
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace
+
+uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) {
+  std::shared_ptr<const Registrations> registrations;
+  {
+    oxEventLock lock(mutex_);
+    registrations = registrations_;
+  }
+  if (registrations == nullptr) return OXEVENT_OK;
+  const unsigned forks = g_oxEventForkCount;
+  const oxEventRecord record = event.ToPublicView();
+  uint32_t result = OXEVENT_OK;
+  for (const Registration& registration : *registrations) {
+    if (!Call(registration.callback, record, registration.user_data)) result = OXEVENT_FAILURE;
+    if (g_oxEventForkCount != forks) break;  // A child: the others are the parent's to call.
+  }
+  return result;
+}
+
+uint32_t oxEventCallbackSink::Register(oxEventCallback callback, void* user_data, uint32_t* id_out) {
+  if (callback == nullptr || id_out == nullptr) return OXEVENT_INVALID_ARGUMENT;
+  oxEventLock lock(mutex_);
+  auto changed =
+      registrations_ == nullptr ? std::make_shared<Registrations>() : std::make_shared<Registrations>(*registrations_);
+  const uint32_t id = next_callback_id_;
+  changed->push_back({id, callback, user_data});
+  registrations_ = std::move(changed);
+  next_callback_id_ = std::max(id + 1, 1u);  // Never 0, after a wrap too.
+  *id_out = id;
+  return OXEVENT_OK;
+}
+
+uint32_t oxEventCallbackSink::Unregister(uint32_t id) {
+  oxEventLock lock(mutex_);
+  if (registrations_ == nullptr) return OXEVENT_NOT_FOUND;
+  auto changed = std::make_shared<Registrations>(*registrations_);
+  const auto found = std::find_if(changed->begin(), changed->end(), [id](const auto& r) { return r.id == id; });
+  if (found == changed->end()) return OXEVENT_NOT_FOUND;
+  changed->erase(found);
+  registrations_ = std::move(changed);
+  return OXEVENT_OK;
+}
+
+void oxEventCallbackSink::UnregisterAll() {
+  oxEventLock lock(mutex_);
+  registrations_ = nullptr;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "base/oxEventMutex.h"
+#include "sinks/oxEventSink.h"
+
+// Hands every event to the host's callbacks, in the order of registration. Callbacks run on the worker with no lock
+// held.
+class oxEventCallbackSink : public oxEventSink {
+ public:
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings) override OX_EXCLUDES(mutex_);
+
+  // OXEVENT_INVALID_ARGUMENT: callback or id_out null.
+  uint32_t Register(oxEventCallback callback, void* user_data, uint32_t* id_out) OX_EXCLUDES(mutex_);
+
+  // OXEVENT_NOT_FOUND: no callback has this id. An event in delivery may still reach it.
+  uint32_t Unregister(uint32_t id) OX_EXCLUDES(mutex_);
+
+  void UnregisterAll() OX_EXCLUDES(mutex_);
+
+ private:
+  struct Registration {
+    uint32_t id;
+    oxEventCallback callback;
+    void* user_data;  // The host's; never dereferenced.
+  };
+  using Registrations = std::vector<Registration>;
+
+  oxEventMutex mutex_;
+  uint32_t next_callback_id_ OX_GUARDED_BY(mutex_) = 1;
+  // Replaced as a whole, so that a delivery goes on with the one that it began with, without a copy. Null: none.
+  std::shared_ptr<const Registrations> registrations_ OX_GUARDED_BY(mutex_);
+};

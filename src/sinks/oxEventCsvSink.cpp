@@ -1,0 +1,113 @@
+#include "base/oxEventMutex.h"
+#include "base/oxEventSeverity.h"
+#include "platform/oxEventPlatform.h"
+#include "sinks/oxEventSink.h"
+#include "sinks/oxEventText.h"
+
+namespace {
+
+constexpr char kHeader[] =
+    "version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,source_name,dedupe_key,correlation_id,"
+    "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json\n";
+
+constexpr size_t kBufferSize = 64 * 1024;
+
+// Appends one line per event to a comma-separated file (RFC 4180, with single line feeds). Buffers whole rows and
+// writes nothing but whole rows. Once a write has failed, nothing more is written: rows must not follow a damaged one.
+class oxEventCsvSink : public oxEventSink {
+ public:
+  explicit oxEventCsvSink(const oxEventSinkConfig& config)
+      : path_(config.path), flush_each_event_(config.flush_each_event), minimum_severity_(config.minimum_severity) {}
+
+  ~oxEventCsvSink() override {
+    oxEventLock lock(mutex_);
+    WriteBufferLocked();
+  }
+
+  uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    const uint32_t result = OpenLocked();
+    if (result != OXEVENT_OK && error != nullptr) *error = last_error_;
+    return result;
+  }
+
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
+    oxEventLock lock(mutex_);
+    if (const uint32_t result = OpenLocked(); result != OXEVENT_OK) return result;
+    if (!AppendRowLocked(event)) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV row: " + path_);
+    if (flush_each_event_ && !WriteBufferLocked()) {
+      return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV row: " + path_);
+    }
+    return OXEVENT_OK;
+  }
+
+  uint32_t Flush(uint32_t /*timeout_ms*/) override OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    if (WriteBufferLocked()) return OXEVENT_OK;
+    return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV file: " + path_);
+  }
+
+ private:
+  uint32_t FailLocked(uint32_t result, std::string text) OX_REQUIRES(mutex_) {
+    last_error_ = std::move(text);
+    return result;
+  }
+
+  uint32_t OpenLocked() OX_REQUIRES(mutex_) {
+    if (file_.IsOpen()) return OXEVENT_OK;
+    if (path_.empty()) return FailLocked(OXEVENT_INVALID_ARGUMENT, "oxEvent CSV sink path is empty");
+    if (!oxEventPlatformEnsureParentDirectory(path_, &last_error_)) return OXEVENT_FAILURE;
+    const bool needs_header = !oxEventPlatformFileHasContent(path_);
+    if (!file_.Open(path_)) {
+      return FailLocked(OXEVENT_FAILURE, "Unable to open oxEvent CSV file for append: " + path_);
+    }
+    // Written at once: a sink that a reload opens on the same file must find it non-empty.
+    failed_ = needs_header && !file_.Write(kHeader, sizeof(kHeader) - 1);
+    if (failed_) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: " + path_);
+    return OXEVENT_OK;
+  }
+
+  // The buffer ends on a whole row before and after, also when memory runs out.
+  bool AppendRowLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
+    if (failed_) return false;
+    const size_t rows_end = buffer_.size();
+    try {
+      oxEventText::AppendCsvRow(event, &buffer_);
+    } catch (...) {
+      buffer_.resize(rows_end);
+      throw;
+    }
+    if (buffer_.size() <= kBufferSize) return true;
+    return WriteBufferLocked();
+  }
+
+  bool WriteBufferLocked() OX_REQUIRES(mutex_) {
+    failed_ = failed_ || !file_.Write(buffer_.data(), buffer_.size());
+    buffer_.clear();
+    if (buffer_.capacity() > 4 * kBufferSize) std::string().swap(buffer_);  // A row of uncommon length was in it.
+    return !failed_;
+  }
+
+  oxEventMutex mutex_;
+  const std::string path_;
+  const bool flush_each_event_;
+  const uint32_t minimum_severity_;
+  oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
+  std::string buffer_ OX_GUARDED_BY(mutex_);  // Whole rows that are not in the file yet.
+  bool failed_ OX_GUARDED_BY(mutex_) = false;
+  std::string last_error_ OX_GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error) {
+  if (out == nullptr) {
+    if (error != nullptr) *error = "Invalid oxEvent CSV sink output";
+    return OXEVENT_INVALID_ARGUMENT;
+  }
+  auto sink = std::make_shared<oxEventCsvSink>(config);
+  const uint32_t result = sink->Open(error);
+  if (result == OXEVENT_OK) *out = std::move(sink);
+  return result;
+}

@@ -1,0 +1,59 @@
+#include "base/oxEventMutex.h"
+#include "base/oxEventSeverity.h"
+#include "platform/oxEventPlatform.h"
+#include "sinks/oxEventSink.h"
+
+namespace {
+
+// Writes each event as one line to the operating system's log.
+class oxEventNativeSink : public oxEventSink {
+ public:
+  explicit oxEventNativeSink(const oxEventSinkConfig& config)
+      : minimum_severity_(config.minimum_severity),
+        platform_config_{config.source_name, config.native_facility, config.subsystem, config.category} {}
+  ~oxEventNativeSink() override { oxEventPlatformNativeClose(handle_); }
+
+  uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    const uint32_t result = OpenLocked();
+    if (result != OXEVENT_OK && error != nullptr) *error = last_error_;
+    return result;
+  }
+
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings) override OX_EXCLUDES(mutex_) {
+    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
+    oxEventLock lock(mutex_);
+    if (const uint32_t result = OpenLocked(); result != OXEVENT_OK) return result;
+    bool warning = false;
+    std::string text;
+    const uint32_t result = oxEventPlatformNativeWrite(handle_, event, &warning, &text);
+    if (warning && warnings != nullptr) ++*warnings;
+    if (!text.empty()) last_error_ = std::move(text);
+    return result;
+  }
+
+ private:
+  uint32_t OpenLocked() OX_REQUIRES(mutex_) {
+    return handle_ != nullptr ? OXEVENT_OK : oxEventPlatformNativeOpen(platform_config_, &handle_, &last_error_);
+  }
+
+  oxEventMutex mutex_;
+  const uint32_t minimum_severity_;
+  const oxEventNativePlatformConfig platform_config_;
+  oxEventNativeLogHandle* handle_ OX_GUARDED_BY(mutex_) = nullptr;  // Owned.
+  std::string last_error_ OX_GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                 std::string* error) {
+  if (out == nullptr) {
+    if (error != nullptr) *error = "Invalid oxEvent native sink output";
+    return OXEVENT_INVALID_ARGUMENT;
+  }
+  auto sink = std::make_shared<oxEventNativeSink>(config);
+  const uint32_t result = sink->Open(error);
+  if (result == OXEVENT_OK) *out = std::move(sink);
+  return result;
+}

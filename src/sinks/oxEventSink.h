@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/oxEventNormalizedEvent.h"
+#include "config/oxEventConfig.h"
+
+// A destination of events. Shared: it lives until the active set and whoever still delivers to it have let go. Each
+// sink guards its own state: the worker calls Submit, any thread Flush.
+class oxEventSink {
+ public:
+  oxEventSink() = default;
+  virtual ~oxEventSink() = default;
+  oxEventSink(const oxEventSink&) = delete;
+  oxEventSink& operator=(const oxEventSink&) = delete;
+
+  // Delivers the event; may add to *warnings. Returns 0 or a result code.
+  virtual uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings) = 0;
+
+  // Writes out what is buffered.
+  virtual uint32_t Flush(uint32_t /*timeout_ms*/) { return OXEVENT_OK; }
+};
+
+// A factory makes a sink of its kind: 0 with the sink in *out, or a code with the reason in *error (may be null).
+uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error);
+uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                 std::string* error);

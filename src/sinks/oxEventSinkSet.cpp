@@ -1,0 +1,215 @@
+#include "sinks/oxEventSinkSet.h"
+
+#include <cxxabi.h>
+
+#include <memory>
+#include <new>
+#include <optional>
+#include <vector>
+
+#include "base/oxEventForkCount.h"
+#include "base/oxEventImmortal.h"
+#include "base/oxEventLastError.h"
+#include "base/oxEventMutex.h"
+#include "sinks/oxEventCallbackSink.h"
+#include "sinks/oxEventSink.h"
+
+namespace {
+
+using SinkList = std::vector<std::shared_ptr<oxEventSink>>;
+using SharedList = std::shared_ptr<const SinkList>;
+
+// A configured and enabled sink of a kind that this library does not know: accepts everything, does nothing.
+class oxEventConfiguredSink : public oxEventSink {
+ public:
+  explicit oxEventConfiguredSink(const oxEventSinkConfig& config) : config_(config) {}
+  uint32_t Submit(const oxEventNormalizedEvent&, uint64_t*) override { return OXEVENT_OK; }
+
+ private:
+  const oxEventSinkConfig config_;
+};
+
+uint32_t CreateConfiguredSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string*) {
+  *out = std::make_shared<oxEventConfiguredSink>(config);
+  return OXEVENT_OK;
+}
+
+auto FactoryOf(oxEventSinkType type) {
+  switch (type) {
+    case oxEventSinkType::kCsv:
+      return oxEventCreateCsvSink;
+    case oxEventSinkType::kNative:
+      return oxEventCreateNativeSink;
+    default:
+      return CreateConfiguredSink;
+  }
+}
+
+// Lock order: mutex, then the callback sink's own, then error_mutex.
+struct SinkSet {
+  oxEventMutex mutex;
+  SharedList active OX_GUARDED_BY(mutex);                        // Null: empty.
+  std::weak_ptr<const SinkList> delivered OX_GUARDED_BY(mutex);  // The list of the last event.
+  oxEventMutex error_mutex;
+  std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
+  oxEventCallbackSink callbacks;
+};
+constinit oxEventImmortal<SinkSet> g_sinks;
+
+// Shares the one callback sink without owning it: it is there from load to unload.
+std::shared_ptr<oxEventSink> CallbackSink() { return {std::shared_ptr<void>(), &g_sinks->callbacks}; }
+
+void SetSinkError(std::string_view text) {
+  oxEventLock lock(g_sinks->error_mutex);
+  try {
+    g_sinks->last_error.emplace(text);
+  } catch (const std::bad_alloc&) {
+    // Without memory for it there is no text; the result code stands.
+  }
+}
+
+void ClearSinkError() {
+  oxEventLock lock(g_sinks->error_mutex);
+  g_sinks->last_error.reset();
+}
+
+SharedList ActiveSinks() {
+  oxEventLock lock(g_sinks->mutex);
+  return g_sinks->active;
+}
+
+// A sink that throws has failed. An unwinding thread cannot be held up.
+template <class Call>
+bool Succeeds(Call call) {
+  try {
+    return call() == OXEVENT_OK;
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    return false;
+  }
+}
+
+bool FlushAll(const SinkList& sinks, uint32_t timeout_ms) {
+  bool flushed = true;
+  for (const auto& sink : sinks) flushed &= Succeeds([&] { return sink->Flush(timeout_ms); });
+  return flushed;
+}
+
+// Lets go of a list that is no longer active. Its rows are written out here and now: a delivery that still holds the
+// list must not be what they wait for.
+void Release(SharedList sinks) {
+  if (sinks != nullptr) FlushAll(*sinks, 0);
+}
+
+uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::string* error) {
+  for (const oxEventSinkConfig& sink_config : config.sinks) {
+    if (!sink_config.enabled) continue;
+    std::shared_ptr<oxEventSink> sink;
+    const uint32_t result = FactoryOf(sink_config.type)(sink_config, &sink, error);
+    if (result != OXEVENT_OK) return result;
+    sinks->push_back(std::move(sink));
+  }
+  sinks->push_back(CallbackSink());
+  return OXEVENT_OK;
+}
+
+uint32_t Replace(const oxEventConfig& config, const char* default_error) {
+  auto built = std::make_shared<SinkList>();
+  std::string error;
+  const uint32_t result = BuildEnabledSinks(config, built.get(), &error);
+  if (result != OXEVENT_OK) {
+    if (error.empty()) error = default_error;
+    oxEventSetLastError(error);
+    SetSinkError(error);
+    return result;
+  }
+  SharedList replaced = std::move(built);
+  {
+    oxEventLock lock(g_sinks->mutex);
+    replaced.swap(g_sinks->active);
+    ClearSinkError();
+  }
+  Release(std::move(replaced));
+  return OXEVENT_OK;
+}
+
+// The sinks for the next event. Where a reload has replaced those of the last event and has not yet written out their
+// rows, *replaced gets them: their rows belong before the next event's in a file that both write to.
+SharedList SinksForDelivery(SharedList* replaced) {
+  oxEventLock lock(g_sinks->mutex);
+  SharedList last = g_sinks->delivered.lock();
+  if (last != g_sinks->active) {
+    *replaced = std::move(last);
+    g_sinks->delivered = g_sinks->active;
+  }
+  return g_sinks->active;
+}
+
+}  // namespace
+
+uint32_t oxEventSinkInitialize(const oxEventConfig& config) {
+  return Replace(config, "oxEvent sink initialization failed");
+}
+
+uint32_t oxEventSinkReloadConfig(const oxEventConfig& config) { return Replace(config, "oxEvent sink reload failed"); }
+
+uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings) {
+  if (failed_sinks != nullptr) *failed_sinks = 0;
+  if (warnings != nullptr) *warnings = 0;
+  SharedList replaced;
+  SharedList sinks = SinksForDelivery(&replaced);
+  Release(std::move(replaced));
+  if (sinks == nullptr) return OXEVENT_OK;
+
+  const unsigned forks = g_oxEventForkCount;
+  uint32_t result = OXEVENT_OK;
+  for (const auto& sink : *sinks) {
+    uint64_t sink_warnings = 0;
+    const bool delivered = Succeeds([&] { return sink->Submit(event, &sink_warnings); });
+    if (warnings != nullptr) *warnings += sink_warnings;
+    if (delivered) continue;
+    if (failed_sinks != nullptr) ++*failed_sinks;
+    result = OXEVENT_FAILURE;
+  }
+  // In the child of a fork in a callback the sinks are the parent's: never released, so that nothing is written twice.
+  if (g_oxEventForkCount != forks) new (std::nothrow) SharedList(std::move(sinks));
+  return result;
+}
+
+uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
+  const SharedList sinks = ActiveSinks();
+  if (sinks != nullptr && !FlushAll(*sinks, timeout_ms)) {
+    constexpr const char* kText = "oxEvent sink flush failed";
+    SetSinkError(kText);
+    oxEventSetLastError(kText);
+    return OXEVENT_FAILURE;
+  }
+  ClearSinkError();
+  return OXEVENT_OK;
+}
+
+uint32_t oxEventSinkShutdown() {
+  SharedList released;
+  {
+    oxEventLock lock(g_sinks->mutex);
+    released.swap(g_sinks->active);
+    g_sinks->callbacks.UnregisterAll();
+    ClearSinkError();
+  }
+  Release(std::move(released));
+  return OXEVENT_OK;
+}
+
+uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out) {
+  return g_sinks->callbacks.Register(callback, user_data, id_out);
+}
+
+uint32_t oxEventSinkUnregisterCallback(uint32_t id) { return g_sinks->callbacks.Unregister(id); }
+
+std::string oxEventSinkGetLastError() {
+  oxEventLock lock(g_sinks->error_mutex);
+  return g_sinks->last_error.value_or("");
+}
+
+void oxEventSinkForgetInChild() { g_sinks.Renew(); }

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/oxEventNormalizedEvent.h"
+#include "config/oxEventConfig.h"
+#include "oxEvent.h"
+
+// The process's one set of active sinks: those that the settings enable, in their order, and last the host's callbacks.
+// Any thread. No lock is held while a sink is called: a delivery goes on with the set that it began with, and a sink is
+// destroyed when the last such delivery is done.
+
+// Build the sinks and put them in the place of those before, whose buffered rows are then written out. On failure the
+// factory's code and message (oxEventSinkGetLastError, and the thread's last error), and the sinks before stay.
+uint32_t oxEventSinkInitialize(const oxEventConfig& config);
+uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
+
+// Gives one event to every sink; one that fails or throws does not stop the others. OXEVENT_FAILURE when one did.
+// `failed_sinks` and `warnings` receive counts and may be null.
+uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
+
+// Each sink gets the whole time. OXEVENT_FAILURE when one failed; the others are flushed all the same.
+uint32_t oxEventSinkFlush(uint32_t timeout_ms);
+
+// Releases every sink and forgets the callbacks. Always 0.
+uint32_t oxEventSinkShutdown();
+
+uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
+uint32_t oxEventSinkUnregisterCallback(uint32_t id);
+
+// The last failure of this framework; empty after a success.
+std::string oxEventSinkGetLastError();
+
+// In a fork's child: as after load; what the parent's sinks hold is abandoned, not released.
+void oxEventSinkForgetInChild();

@@ -1,0 +1,239 @@
+#include "sinks/oxEventText.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <iterator>
+
+#include "base/oxEventSeverity.h"
+
+namespace oxEventText {
+
+namespace {
+
+constexpr uint64_t kNsPerSecond = 1'000'000'000;
+constexpr int kRoundTripDigits = 17;  // Of a double, whatever its value.
+
+template <class... Format>
+void AppendNumber(std::string* out, Format... value_and_format) {
+  char digits[32];
+  out->append(digits, std::to_chars(digits, std::end(digits), value_and_format...).ptr);
+}
+
+// The character after the backslash; 'u' for those that are spelled in hexadecimal; 0: the byte stands for itself.
+constexpr char EscapeOf(unsigned char byte) {
+  switch (byte) {
+    case '"':
+    case '\\':
+      return static_cast<char>(byte);
+    case '\b':
+      return 'b';
+    case '\t':
+      return 't';
+    case '\n':
+      return 'n';
+    case '\f':
+      return 'f';
+    case '\r':
+      return 'r';
+    default:
+      return byte < 0x20 ? 'u' : '\0';
+  }
+}
+
+void AppendPadded(uint64_t value, int width, char separator, std::string* out) {
+  char digits[20];
+  for (int i = width; i-- > 0; value /= 10) digits[i] = static_cast<char>('0' + value % 10);
+  out->append(digits, static_cast<size_t>(width)).push_back(separator);
+}
+
+// 2023-11-14T22:13:20 and a separator.
+void AppendUtcSeconds(uint64_t ns, char separator, std::string* out) {
+  const std::chrono::sys_seconds time{std::chrono::seconds{ns / kNsPerSecond}};
+  const auto midnight = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date{midnight};
+  const std::chrono::hh_mm_ss clock{time - midnight};
+  AppendPadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', out);
+  AppendPadded(static_cast<unsigned>(date.month()), 2, '-', out);
+  AppendPadded(static_cast<unsigned>(date.day()), 2, 'T', out);
+  AppendPadded(static_cast<uint64_t>(clock.hours().count()), 2, ':', out);
+  AppendPadded(static_cast<uint64_t>(clock.minutes().count()), 2, ':', out);
+  AppendPadded(static_cast<uint64_t>(clock.seconds().count()), 2, separator, out);
+}
+
+}  // namespace
+
+void JsonEscape(std::string_view text, std::string* out) {
+  constexpr char kHex[] = "0123456789abcdef";
+  const char* plain = text.data();  // Begin of the run that is copied as it is.
+  const char* end = plain + text.size();
+  for (const char* c = plain; c != end; ++c) {
+    const auto byte = static_cast<unsigned char>(*c);
+    const char escape = EscapeOf(byte);
+    if (escape == '\0') continue;
+    out->append(plain, c);
+    plain = c + 1;
+    out->push_back('\\');
+    out->push_back(escape);
+    if (escape == 'u') out->append("00").append(1, kHex[byte >> 4]).append(1, kHex[byte & 0xF]);
+  }
+  out->append(plain, end);
+}
+
+void JsonObject::AddName(std::string_view name) {
+  if (!first_) out_->push_back(',');
+  first_ = false;
+  out_->append(1, '"').append(name).append("\":");
+}
+
+void JsonObject::AddStringField(std::string_view name, std::string_view text) {
+  AddName(name);
+  out_->push_back('"');
+  JsonEscape(text, out_);
+  out_->push_back('"');
+}
+
+void JsonObject::AddDoubleField(std::string_view name, double value) {
+  AddName(name);
+  DoubleToJson(value, out_);
+}
+
+void JsonObject::AddField(std::string_view name, uint64_t value) {
+  AddName(name);
+  ToString(value, out_);
+}
+
+void JsonObject::AddField(std::string_view name, int64_t value) {
+  AddName(name);
+  ToString(value, out_);
+}
+
+void DoubleToJson(double value, std::string* out) {
+  if (!std::isfinite(value)) {
+    out->append("null");
+    return;
+  }
+  ToString(value, kRoundTripDigits, out);
+}
+
+void ToString(uint64_t value, std::string* out) { AppendNumber(out, value); }
+
+void ToString(int64_t value, std::string* out) { AppendNumber(out, value); }
+
+void ToString(double value, int significant_digits, std::string* out) {
+  AppendNumber(out, value, std::chars_format::general, significant_digits);
+}
+
+void UtcIsoFromNs(uint64_t ns, std::string* out) {
+  if (ns % kNsPerSecond != 0) return UtcIsoNanoFromNs(ns, out);
+  AppendUtcSeconds(ns, 'Z', out);
+}
+
+void UtcIsoNanoFromNs(uint64_t ns, std::string* out) {
+  AppendUtcSeconds(ns, '.', out);
+  AppendPadded(ns % kNsPerSecond, 9, 'Z', out);
+}
+
+void CsvQuote(std::string_view text, std::string* out) {
+  if (text.find_first_of("\n\r\",") == std::string_view::npos) {
+    out->append(text);
+    return;
+  }
+  out->push_back('"');
+  for (const char c : text) {
+    if (c == '"') out->push_back('"');
+    out->push_back(c);
+  }
+  out->push_back('"');
+}
+
+void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out) {
+  const auto text = [out](std::string_view field, char end = ',') {
+    CsvQuote(field, out);
+    out->push_back(end);
+  };
+  const auto number = [out](auto... value_and_format) {
+    AppendNumber(out, value_and_format...);
+    out->push_back(',');
+  };
+  constexpr auto kGeneral = std::chars_format::general;
+  number(OXEVENT_API_VERSION);
+  number(event.event_id);
+  UtcIsoNanoFromNs(event.utc_ns, out);
+  out->push_back(',');
+  number(event.utc_ns);
+  text(oxEventSeverityName(event.severity, "unknown"));
+  text(event.action);
+  text(event.event_type);
+  text(event.source_id);
+  text(event.source_name);
+  text(event.dedupe_key);
+  text(event.correlation_id);
+  text(event.message);
+  number(event.value, kGeneral, kRoundTripDigits);
+  number(event.threshold, kGeneral, kRoundTripDigits);
+  text(event.units);
+  number(event.duration_ms);
+  number(event.ptp_ns);
+  number(event.pts);
+  text(event.timecode);
+  text(event.details_json, '\n');
+}
+
+void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out) {
+  const uint64_t severity = event.severity;
+  JsonObject object(out);
+  object.AddField("version", uint64_t{OXEVENT_API_VERSION});
+  object.AddField("event_id", event.event_id);
+  object.AddStringField("severity", oxEventSeverityName(event.severity));
+  object.AddField("severity_value", severity);
+  object.AddField("severity_code", severity);  // Receivers know it under either name.
+  object.AddStringField("action", event.action);
+  object.AddStringField("event_type", event.event_type);
+  object.AddStringField("source_id", event.source_id);
+  object.AddStringField("source_name", event.source_name);
+  object.AddStringField("dedupe_key", event.dedupe_key);
+  object.AddStringField("correlation_id", event.correlation_id);
+  object.AddStringField("message", event.message);
+  object.AddField("utc_ns", event.utc_ns);
+  object.AddField("ptp_ns", event.ptp_ns);
+  object.AddField("pts", event.pts);
+  object.AddStringField("timecode", event.timecode);
+  object.AddDoubleField("value", event.value);
+  object.AddDoubleField("threshold", event.threshold);
+  object.AddStringField("units", event.units);
+  object.AddField("duration_ms", event.duration_ms);
+  object.AddStringField("details_json", event.details_json);
+  object.Close();
+}
+
+void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view source,
+                           std::string_view subject_prefix, std::string* out) {
+  const auto first_non_empty = [](std::string_view a, std::string_view b, std::string_view c) {
+    return !a.empty() ? a : !b.empty() ? b : c;
+  };
+  JsonObject object(out);
+  object.AddStringField("specversion", "1.0");
+  object.AddName("id");
+  out->push_back('"');
+  ToString(event.event_id, out);
+  out->push_back('"');
+  object.AddStringField("source", first_non_empty(source, event.source_name, "/oxEvent"));
+  object.AddStringField("type", first_non_empty(event.event_type, "oxEvent.event", ""));
+  object.AddName("time");
+  out->push_back('"');
+  UtcIsoNanoFromNs(event.utc_ns, out);
+  out->push_back('"');
+  object.AddName("subject");
+  out->push_back('"');
+  JsonEscape(subject_prefix, out);
+  JsonEscape(first_non_empty(event.source_id, event.event_type, "event"), out);
+  out->push_back('"');
+  object.AddStringField("datacontenttype", "application/json");
+  object.AddName("data");
+  FormatNativeJsonData(event, out);
+  object.Close();
+}
+
+}  // namespace oxEventText
