@@ -1,6 +1,5 @@
 // The file behind a settings store.
-#ifndef OXCFGFILE_H
-#define OXCFGFILE_H
+#pragma once
 
 #include <sys/stat.h>
 
@@ -12,7 +11,7 @@
 // Threads: one at a time. Errors: false. No descriptor stays open between calls.
 class oxCFGFile {
  public:
-  static constexpr size_t kMaxBytes = 64 * 1024 * 1024;
+  static constexpr size_t kMaxBytes = size_t{64} << 20;
 
   // Reads a regular file of at most kMaxBytes and remembers which one it was.
   bool Read(const char* path, std::string* bytes);
@@ -26,5 +25,3 @@ class oxCFGFile {
   std::string name_;
   struct stat known_ = {};  // Of the file as read, or as last replaced.
 };
-
-#endif

@@ -5,7 +5,7 @@
 #include <new>
 #include <vector>
 
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 
 namespace {
 

@@ -1,6 +1,5 @@
 // The tree of keys and values.
-#ifndef OXCFGSTORE_H
-#define OXCFGSTORE_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -76,5 +75,3 @@ class oxCFGStore {
   std::unordered_map<const void*, pugi::xml_node> cursors_;
   bool dirty_ = false;
 };
-
-#endif

@@ -45,7 +45,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* d
   {
     oxEventLock lock(mutex_);
     if (!IsAcceptingLocked()) return OXEVENT_NOT_INITIALIZED;
-    if (policy_ == oxEventDropPolicy::kDropNewest && PendingLocked() >= capacity_) {
+    if (!HasRoomLocked()) {
       Set(dropped, true);
       return OXEVENT_OK;
     }
@@ -56,10 +56,13 @@ uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* d
 
   oxEventLock lock(mutex_);
   const bool accepting = IsAcceptingLocked();
-  if (!accepting || !MakeRoomLocked(dropped)) {
+  const bool full = PendingLocked() >= capacity_;
+  Set(dropped, accepting && full);
+  if (!accepting || !HasRoomLocked()) {
     RecycleLocked(item, item.begin());
     return accepting ? OXEVENT_OK : OXEVENT_NOT_INITIALIZED;
   }
+  if (full) DropDebugInfoFirstLocked();
   item.front().order = next_order_++;
   Items& pending = IsDebugOrInfo(event.severity) ? debug_info_ : warning_error_;
   pending.splice(pending.end(), item);
@@ -138,11 +141,9 @@ void oxEventQueue::Reset() {
   SignalIfDrainedLocked();
 }
 
-// True when there is room for one more event.
-bool oxEventQueue::MakeRoomLocked(bool* dropped) {
-  if (PendingLocked() < capacity_) return true;
-  Set(dropped, true);
-  return policy_ == oxEventDropPolicy::kDropDebugInfoFirst && DropDebugInfoFirstLocked();
+// Whether one more event can be taken, perhaps at the cost of an older one.
+bool oxEventQueue::HasRoomLocked() const {
+  return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.empty());
 }
 
 bool oxEventQueue::DropDebugInfoFirstLocked() {

@@ -55,7 +55,7 @@ class oxEventQueue {
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
   bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return PendingLocked() == 0 && active_count_ == 0; }
   size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.size() + warning_error_.size(); }
-  bool MakeRoomLocked(bool* dropped) OX_REQUIRES(mutex_);
+  bool HasRoomLocked() const OX_REQUIRES(mutex_);
   bool DropDebugInfoFirstLocked() OX_REQUIRES(mutex_);
   void DropNewestLocked() OX_REQUIRES(mutex_);
   uint64_t DropAllLocked() OX_REQUIRES(mutex_);

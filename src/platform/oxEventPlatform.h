@@ -1,5 +1,6 @@
 #pragma once
 
+#include <pthread.h>
 #include <signal.h>
 
 #include <cstddef>
@@ -18,8 +19,8 @@ uint64_t oxEventPlatformGetPtpNano();
 // Creates what is missing of the folder that `path` lies in, each level with mode 0775 less the umask.
 bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error);
 
-// The worker thread's set-up, called on the new thread: its name.
-void oxEventPlatformNameThread(const char* name);
+// At most 15 bytes.
+void oxEventPlatformNameThread(pthread_t thread, const char* name);
 
 // Blocks signals of the calling thread for its lifetime.
 class oxEventSignalBlock {

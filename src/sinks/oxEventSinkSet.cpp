@@ -96,10 +96,10 @@ bool FlushAll(const SinkList& sinks, uint32_t timeout_ms) {
   return flushed;
 }
 
-// Lets go of a list that is no longer active. Its rows are written out here and now: a delivery that still holds the
-// list must not be what they wait for.
-void Release(SharedList sinks) {
-  if (sinks != nullptr) FlushAll(*sinks, 0);
+// Writes out the rows of a list that is no longer active: a delivery that still holds the list must not be what they
+// wait for.
+void WriteOut(const SharedList& replaced) {
+  if (replaced != nullptr) FlushAll(*replaced, 0);
 }
 
 uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::string* error) {
@@ -130,7 +130,7 @@ uint32_t Replace(const oxEventConfig& config, const char* default_error) {
     replaced.swap(g_sinks->active);
     ClearSinkError();
   }
-  Release(std::move(replaced));
+  WriteOut(replaced);
   return OXEVENT_OK;
 }
 
@@ -159,7 +159,8 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   if (warnings != nullptr) *warnings = 0;
   SharedList replaced;
   SharedList sinks = SinksForDelivery(&replaced);
-  Release(std::move(replaced));
+  WriteOut(replaced);
+  replaced.reset();
   if (sinks == nullptr) return OXEVENT_OK;
 
   const unsigned forks = g_oxEventForkCount;
@@ -197,7 +198,7 @@ uint32_t oxEventSinkShutdown() {
     g_sinks->callbacks.UnregisterAll();
     ClearSinkError();
   }
-  Release(std::move(released));
+  WriteOut(released);
   return OXEVENT_OK;
 }
 
