@@ -115,4 +115,5 @@ COMMANDS = {"set": set_value, "receive": receive, "report": report}
 if __name__ == "__main__":
     if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:
         sys.exit(__doc__)
+    sys.stdout.reconfigure(errors="replace")  # Not every terminal can show every text.
     COMMANDS[sys.argv[1]](*sys.argv[2:])

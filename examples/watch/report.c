@@ -1,4 +1,4 @@
-#define _POSIX_C_SOURCE 200809L
+#define _POSIX_C_SOURCE 200809L  // NOLINT(bugprone-reserved-identifier)
 
 #include "report.h"
 
@@ -30,7 +30,7 @@ static bool HasMoved(const Condition* condition, double value) {
   return difference >= condition->step || -difference >= condition->step;
 }
 
-/* Begins an occurrence: a new correlation id, which no other run of the watcher gives out either. */
+/* Begins an occurrence, with a correlation id of its own; process and start time keep other runs' ids apart. */
 static void Begin(Reporter* reporter, Condition* condition, uint64_t now_ms) {
   condition->since_ms = now_ms;
   snprintf(condition->correlation_id, sizeof(condition->correlation_id), "%ld-%" PRIu64 "-%u", (long)getpid(),

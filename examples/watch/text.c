@@ -1,4 +1,4 @@
-#define _POSIX_C_SOURCE 200809L
+#define _POSIX_C_SOURCE 200809L  // NOLINT(bugprone-reserved-identifier)
 
 #include "text.h"
 
@@ -28,7 +28,7 @@ char* FormatText(const char* format, ...) {
   FILE* out = OpenText(&text, &size);
   va_list arguments;
   va_start(arguments, format);
-  vfprintf(out, format, arguments);
+  vfprintf(out, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): a false alarm.
   va_end(arguments);
   CloseText(out);
   return text;

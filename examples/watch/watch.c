@@ -2,7 +2,7 @@
  * Watches this machine: a file system, a spool folder, load and memory. What is wrong becomes a condition that is
  * raised, updated and cleared through oxEvent; every event that comes out is printed.
  */
-#define _POSIX_C_SOURCE 200809L
+#define _POSIX_C_SOURCE 200809L  // NOLINT(bugprone-reserved-identifier)
 
 #include <errno.h>
 #include <inttypes.h>
