@@ -10,6 +10,7 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/oxEvent)
 install(EXPORT oxEventTargets NAMESPACE oxEvent:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/oxEventConfig.cmake.in oxEventConfig.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(oxEventConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/oxEvent.pc.in oxEvent.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfigVersion.cmake
   DESTINATION ${package_dir})

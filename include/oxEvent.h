@@ -85,7 +85,8 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  *
  * OXEVENT_INVALID_ARGUMENT: path null or empty, file unreadable, a setting refused (the text names it).
  * OXEVENT_ALREADY_INITIALIZED: initialized before, or another thread's oxEventShutdown has not returned yet.
- * Other codes: a sink could not be opened. After a failure nothing runs.
+ * OXEVENT_FAILURE: a sink could not be opened, no memory, no thread. After a failure nothing runs; one that comes after
+ * the sinks were opened forgets the callbacks, as a shutdown does.
  */
 OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
 
@@ -95,7 +96,8 @@ OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
  *
  * From a callback: discards what is queued and returns; the worker ends when the callback returns.
  *
- * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: events were discarded, or a sink could not be flushed.
+ * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up (what was still queued is discarded), or a sink could not be
+ * flushed. The library is shut down all the same.
  */
 OXEVENT_API uint32_t oxEventShutdown(void);
 
@@ -128,8 +130,10 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 
 /*
  * Loads the settings anew and puts them into force; queued events, raised conditions and callbacks stay. config_path
- * null or empty: the file of the last successful oxEventInitialize or oxEventReloadConfig. Errors as oxEventInitialize,
- * and OXEVENT_NOT_INITIALIZED; when loading or opening a sink fails, the old settings stay in force.
+ * null or empty: the file of the last successful oxEventInitialize or oxEventReloadConfig.
+ *
+ * OXEVENT_INVALID_ARGUMENT and OXEVENT_FAILURE as oxEventInitialize; the old settings then stay in force.
+ * OXEVENT_NOT_INITIALIZED.
  */
 OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
 

@@ -24,13 +24,15 @@ uint32_t Result(bool success) { return success ? kSuccess : kFailure; }
 
 oxCFGStore& Store(void* store) { return *static_cast<oxCFGStore*>(store); }
 
+// Lets no exception out; one makes the store refuse to be saved.
 template <typename Function>
-auto Guarded(const Function& function, decltype(function()) failure) {
+auto Guarded(void* store, const Function& function, decltype(function()) failure) {
   try {
     return function();
   } catch (abi::__forced_unwind&) {
     throw;  // The thread is being cancelled, which nothing may stop.
   } catch (...) {
+    if (store != nullptr) Store(store).RefuseSave();
     return failure;
   }
 }
@@ -73,6 +75,7 @@ uint32_t GetString(const oxCFGStore& store, const char* key, const char* name, c
 void* oxCFGOpen(const char* path, uint32_t flags) {
   if (path == nullptr || flags != 0) return nullptr;
   return Guarded(
+      nullptr,
       [&]() -> void* {
         auto store = std::make_unique<oxCFGStore>();
         return store->Open(path) ? store.release() : nullptr;
@@ -82,18 +85,21 @@ void* oxCFGOpen(const char* path, uint32_t flags) {
 
 uint32_t oxCFGKeyExists(void* store, const char* key) {
   if (AnyNull(store, key)) return 0;
-  return Guarded([&]() -> uint32_t { return Store(store).KeyExists(key) ? 1 : 0; }, 0);
+  return Guarded(
+      store, [&]() -> uint32_t { return Store(store).KeyExists(key) ? 1 : 0; }, 0);
 }
 
 uint32_t oxCFGAddKeyString(void* store, const char* parent, const char* name, const char* /*value*/,
                            uint32_t /*reserved1*/, uint32_t /*reserved2*/) {
   if (AnyNull(store, parent, name)) return kFailure;
-  return Guarded([&] { return Result(Store(store).AddKey(std::string(parent) + '\\' + name)); }, kFailure);
+  return Guarded(
+      store, [&] { return Result(Store(store).AddKey(std::string(parent) + '\\' + name)); }, kFailure);
 }
 
 uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const char* previous_name, uint32_t* kind) {
   if (AnyNull(store, key, result_name, previous_name, kind)) return OXCFG_NO_MORE;
   return Guarded(
+      store,
       [&] {
         std::string_view name;
         oxCFGKind found_kind;
@@ -110,6 +116,7 @@ uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const cha
 uint32_t oxCFGValueDword(void* store, const char* key, const char* name, uint32_t* value, uint32_t mode) {
   if (AnyNull(store, key, name, value) || mode > kSet) return kFailure;
   return Guarded(
+      store,
       [&] {
         if (mode == kGet) return GetDword(Store(store), key, name, value);
         return SetDword(&Store(store), key, name, *value);
@@ -121,6 +128,7 @@ uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* 
                           uint32_t mode) {
   if (AnyNull(store, key, name, buffer, length) || mode > kSet) return kFailure;
   return Guarded(
+      store,
       [&] {
         if (mode == kGet) return GetString(Store(store), key, name, buffer, length);
         return Result(Store(store).Set(key, name, std::string(buffer, *length)));
@@ -130,7 +138,13 @@ uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* 
 
 uint32_t oxCFGSave(void* store, uint32_t /*reserved*/, uint32_t /*mode*/) {
   if (store == nullptr) return kFailure;
-  return Guarded([&] { return Result(Store(store).Save()); }, kFailure);
+  return Guarded(
+      store,
+      [&] {
+        if (Store(store).RefusesSave()) return OXCFG_NO_MEMORY;
+        return Result(Store(store).Save());
+      },
+      OXCFG_NO_MEMORY);
 }
 
 uint32_t oxCFGClose(void* store, uint32_t /*mode*/) {

@@ -10,10 +10,11 @@ using namespace std::string_view_literals;
 namespace {
 
 // Everything is kept and nothing is normalized. As a fragment, text outside the root is kept too, to be refused.
-// Entities that a document type declares are not expanded.
 constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi::parse_declaration |
                                    pugi::parse_doctype | pugi::parse_cdata | pugi::parse_escapes |
                                    pugi::parse_ws_pcdata | pugi::parse_fragment;
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // Of UTF-8.
 
 constexpr std::string_view kEmptyStore = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<config/>\n";
 
@@ -81,6 +82,11 @@ void SetText(pugi::xml_node value, const std::string& text) {
   }
 }
 
+// Entities of a file's own are not expanded, so a save would take references to them for text.
+bool DeclaresEntities(pugi::xml_node node) {
+  return node.type() == pugi::node_doctype && std::string_view(node.value()).find("<!ENTITY") != std::string_view::npos;
+}
+
 std::string LineStart(int depth) { return "\n" + std::string(static_cast<size_t>(depth) * 2, ' '); }
 
 }  // namespace
@@ -106,9 +112,10 @@ size_t oxCFGStore::EntryHash::operator()(const Entry& entry) const {
 }
 
 bool oxCFGStore::Open(const char* path) {
-  std::string bytes;
-  if (!file_.Read(path, &bytes)) return false;
-  return Parse(IsBlank(bytes) ? kEmptyStore : bytes);
+  if (!file_.Read(path, &saved_)) return false;
+  has_byte_order_mark_ = saved_.starts_with(kByteOrderMark);
+  const std::string_view text = std::string_view(saved_).substr(has_byte_order_mark_ ? kByteOrderMark.size() : 0);
+  return Parse(IsBlank(text) ? kEmptyStore : text);
 }
 
 bool oxCFGStore::AddKey(std::string_view key) {
@@ -164,8 +171,11 @@ bool oxCFGStore::Set(std::string_view key, std::string_view name, const std::str
 
 bool oxCFGStore::Save() {
   if (!dirty_) return true;
-  dirty_ = !file_.Replace(Serialize());
-  return !dirty_;
+  std::string bytes = Serialize();
+  if (bytes != saved_ && !file_.Replace(bytes)) return false;
+  saved_ = std::move(bytes);
+  dirty_ = false;
+  return true;
 }
 
 std::optional<oxCFGStore::Entry> oxCFGStore::EntryOf(pugi::xml_node node) {
@@ -184,7 +194,7 @@ bool oxCFGStore::Parse(std::string_view bytes) {
   // Whatever encoding the file declares, its bytes are taken as they are.
   if (!document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8)) return false;
   for (const pugi::xml_node node : document_.children()) {
-    if (node.type() == pugi::node_cdata) return false;
+    if (node.type() == pugi::node_cdata || DeclaresEntities(node)) return false;
     if (node.type() == pugi::node_pcdata && !IsBlank(node.value())) return false;
     if (node.type() != pugi::node_element) continue;
     if (root_ || node.name() != "config"sv) return false;
@@ -246,6 +256,7 @@ std::string oxCFGStore::Serialize() {
     Allocated(Allocated(declaration.append_attribute("encoding")).set_value("UTF-8"));
   }
   StringWriter writer;
+  if (has_byte_order_mark_) writer.bytes = kByteOrderMark;
   document_.save(writer, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
   return std::move(writer.bytes);
 }

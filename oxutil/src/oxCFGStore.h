@@ -44,6 +44,10 @@ class oxCFGStore {
   // Writes the store back if anything has changed.
   bool Save();
 
+  // For when memory has run out in a call: its caller may have taken for missing what is there, and set a default.
+  void RefuseSave() { refuses_save_ = true; }
+  bool RefusesSave() const { return refuses_save_; }
+
  private:
   struct Entry {
     const void* parent;  // The parent's node.
@@ -68,10 +72,13 @@ class oxCFGStore {
   std::string Serialize();
 
   oxCFGFile file_;
+  std::string saved_;  // What the file holds.
+  bool has_byte_order_mark_ = false;
   pugi::xml_document document_;
   pugi::xml_node root_;
   std::unordered_map<Entry, pugi::xml_node, EntryHash> index_;  // The first of equal names.
   // The entry that Next returned last, by key: a name alone does not tell a key from a value.
   std::unordered_map<const void*, pugi::xml_node> cursors_;
   bool dirty_ = false;
+  bool refuses_save_ = false;
 };

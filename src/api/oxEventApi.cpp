@@ -109,6 +109,7 @@ class SinkShutdownGuard {
 };
 
 uint32_t Initialize(const char* config_path) {
+  oxEventCoreReap();
   auto config = std::make_shared<oxEventConfig>();
   std::string error;
   if (const uint32_t result = oxEventConfigLoad(config_path, config.get(), &error); result != OXEVENT_OK) {
@@ -280,4 +281,10 @@ void oxEventApiForgetInChild() {
   g_oxEventNextGeneratedId = 1;
 }
 
-void oxEventApiClose() { g_oxEventInitialized = false; }
+void oxEventApiClose() {
+  g_oxEventInitialized = false;
+  // A reload in another thread may hold the lock for long; then the process is exiting, and nothing need be freed.
+  if (!g_oxEventMutex->TryLock()) return;
+  g_oxEventConfigPath->reset();
+  g_oxEventMutex->Unlock();
+}

@@ -24,7 +24,6 @@ void AfterForkInChild() {
 }
 
 [[gnu::constructor]] void Load() {
-  oxEventLastErrorLoad();
   pthread_atfork(oxEventPlatformNativeBeforeFork, oxEventPlatformNativeAfterForkInParent, AfterForkInChild);
 }
 

@@ -20,13 +20,22 @@ struct ThreadText {
 
 constinit oxEventImmortal<oxEventMutex> g_mutex;
 constinit ThreadText* g_texts = nullptr;     // Every thread's, so that an unload can free them. Guarded by g_mutex.
-constinit std::atomic<bool> g_open = false;  // Changed with g_mutex held.
+constinit std::atomic<bool> g_open = false;  // There is a key. Changed with g_mutex held.
+constinit bool g_unloaded = false;           // There will be none any more. Guarded by g_mutex.
 pthread_key_t g_oxEventLastError;            // Holds the thread's ThreadText.
 
 // Only to be followed with g_mutex held and g_open seen true: an unload in another thread frees the texts.
 ThreadText* OwnText() {
   if (!g_open.load(std::memory_order_acquire)) return nullptr;
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
+}
+
+void EndThread(void* text);
+
+// The process may have used up its keys; they may come back.
+bool OpenLocked() {
+  if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, EndThread) == 0;
+  return g_open;
 }
 
 void FreeLocked(void* text) {
@@ -48,7 +57,7 @@ void EndThread(void* text) {
 void oxEventSetLastError(std::string_view text) {
   try {
     oxEventLock lock(*g_mutex);
-    if (!g_open) return;
+    if (!OpenLocked()) return;
     ThreadText* own = OwnText();
     if (own == nullptr) {
       auto made = std::make_unique<ThreadText>();
@@ -78,13 +87,9 @@ void oxEventCopyLastError(char* buffer, uint32_t buffer_size) {
   oxEventPlatformCopyString(buffer, buffer_size, own == nullptr ? nullptr : own->text.c_str());
 }
 
-void oxEventLastErrorLoad() {
-  oxEventLock lock(*g_mutex);
-  g_open = pthread_key_create(&g_oxEventLastError, EndThread) == 0;
-}
-
 void oxEventLastErrorUnload() {
   oxEventLock lock(*g_mutex);
+  g_unloaded = true;
   if (!g_open.exchange(false)) return;
   pthread_key_delete(g_oxEventLastError);
   while (g_texts != nullptr) FreeLocked(g_texts);

@@ -14,7 +14,6 @@ void oxEventClearLastError();
 // Copies the text, cut to buffer_size - 1 bytes and terminated; empty when there is none.
 void oxEventCopyLastError(char* buffer, uint32_t buffer_size);
 
-// At load, at unload (frees the texts of all threads; from then on there is none) and in a fork's child.
-void oxEventLastErrorLoad();
+// At unload (frees the texts of all threads; from then on there is none) and in a fork's child.
 void oxEventLastErrorUnload();
 void oxEventLastErrorForgetInChild();

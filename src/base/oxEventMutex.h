@@ -23,6 +23,7 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
   oxEventMutex& operator=(const oxEventMutex&) = delete;
 
   void Lock() OX_THREAD(acquire_capability()) { mutex_.lock(); }
+  bool TryLock() OX_THREAD(try_acquire_capability(true)) { return mutex_.try_lock(); }
   void Unlock() OX_THREAD(release_capability()) { mutex_.unlock(); }
 
  private:

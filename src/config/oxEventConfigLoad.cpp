@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "base/oxEventAscii.h"
+#include "base/oxEventErrorText.h"
 #include "config/oxEventConfigStore.h"
 #include "oxEvent.h"
 
@@ -92,8 +93,8 @@ constexpr SinkKind kSinkKinds[] = {
     {oxEventSinkType::kSnmpTrap, "QVX\\Events\\sink\\snmp\\trap", "default", kSnmpTrap},
     {oxEventSinkType::kAlertmanager, "QVX\\Events\\sink\\alertmanager", "main", kAlertmanager}};
 
-uint32_t Fail(std::string text, std::string* error) {
-  *error = std::move(text);
+uint32_t Fail(std::initializer_list<std::string_view> text, std::string* error) {
+  oxEventSetErrorText(text, error);
   return OXEVENT_INVALID_ARGUMENT;
 }
 
@@ -105,7 +106,7 @@ uint32_t ReadDropPolicy(oxEventConfigStore& store, oxEventDropPolicy* policy, st
   } else if (lower == "drop_debug_info_first" || lower == "debug_info_first" || lower == "drop_low_severity_first") {
     *policy = oxEventDropPolicy::kDropDebugInfoFirst;
   } else {
-    return Fail(std::string("Invalid drop_policy value for ") + kCore + "\\drop_policy: " + text, error);
+    return Fail({"Invalid drop_policy value for ", kCore, "\\drop_policy: ", text}, error);
   }
   return OXEVENT_OK;
 }
@@ -114,7 +115,7 @@ uint32_t ReadCoreAndState(oxEventConfigStore& store, oxEventConfig* config, std:
   config->enabled = store.ReadBool(kCore, "enabled", config->enabled);
   config->minimum_severity = store.ReadSeverity(kCore, config->minimum_severity);
   config->queue_size = store.ReadDword(kCore, "queue_size", config->queue_size);
-  if (config->queue_size == 0) return Fail("queue_size must be greater than zero", error);
+  if (config->queue_size == 0) return Fail({"queue_size must be greater than zero"}, error);
   if (const uint32_t result = ReadDropPolicy(store, &config->drop_policy, error); result != OXEVENT_OK) return result;
 
   config->state_enabled = store.ReadBool(kState, "enabled", config->state_enabled);
@@ -170,11 +171,11 @@ void EnsureKeys(oxEventConfigStore& store) {
 }
 
 uint32_t Load(const char* path, oxEventConfig* config, std::string* error) {
-  if (config == nullptr) return Fail("Invalid oxEventConfig output", error);
+  if (config == nullptr) return Fail({"Invalid oxEventConfig output"}, error);
   *config = oxEventConfig();
-  if (path == nullptr || path[0] == '\0') return Fail("oxEvent requires a oxCFG XML config path", error);
+  if (path == nullptr || path[0] == '\0') return Fail({"oxEvent requires a oxCFG XML config path"}, error);
   oxEventConfigStore store(error);
-  if (!store.Open(path)) return Fail(std::string("Unable to open oxEvent config: ") + path, error);
+  if (!store.Open(path)) return Fail({"Unable to open oxEvent config: ", path}, error);
 
   EnsureKeys(store);
   config->config_path = path;
@@ -190,7 +191,7 @@ uint32_t Load(const char* path, oxEventConfig* config, std::string* error) {
       config->sinks.push_back(ReadSink(store, kSinkKinds[i], name, config->minimum_severity));
     }
   }
-  if (!error->empty()) return OXEVENT_INVALID_ARGUMENT;
+  if (store.HasBadValue()) return OXEVENT_INVALID_ARGUMENT;
   store.Save();
   return OXEVENT_OK;
 }

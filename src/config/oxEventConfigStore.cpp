@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string_view>
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventCopyString.h"
+#include "base/oxEventErrorText.h"
 #include "oxutil.h"
 
 namespace {
@@ -46,7 +48,9 @@ bool oxEventConfigStore::Open(const char* path) {
   return store_ != nullptr;
 }
 
-void oxEventConfigStore::Save() { oxCFGSave(store_, 0, 1); }
+void oxEventConfigStore::Save() {
+  if (oxCFGSave(store_, 0, 1) == OXCFG_NO_MEMORY) throw std::bad_alloc();
+}
 
 void oxEventConfigStore::EnsureKey(const std::string& path) {
   if (path.empty() || oxCFGKeyExists(store_, path.c_str()) != 0) return;
@@ -73,6 +77,7 @@ std::vector<std::string> oxEventConfigStore::EnumChildren(const std::string& pat
   char name[kNameCapacity] = "";
   uint32_t kind = kSubKey;
   while (oxCFGGetNext(store_, path.c_str(), name, previous, &kind) != OXCFG_NO_MORE) {
+    name[kNameCapacity - 1] = '\0';  // Whatever companion is in place.
     if (name[0] != '\0' && kind == kSubKey) names.emplace_back(name);
     oxEventPlatformCopyString(previous, kNameCapacity, name);
     name[0] = '\0';
@@ -92,7 +97,7 @@ std::string oxEventConfigStore::ReadString(const std::string& key, const char* n
   char buffer[kValueCapacity] = "";
   uint32_t length = kValueCapacity;
   if (oxCFGValueString(store_, key.c_str(), name, buffer, &length, kGet) == 0) {
-    buffer[kValueCapacity - 1] = '\0';  // Whatever companion is in place.
+    buffer[kValueCapacity - 1] = '\0';
     return buffer;
   }
   oxEventPlatformCopyString(buffer, kValueCapacity, default_value.c_str());
@@ -106,7 +111,8 @@ bool oxEventConfigStore::ReadBool(const std::string& key, const char* name, bool
   if (oxCFGValueDword(store_, key.c_str(), name, &number, kGet) == 0) return number != 0;
   const std::string text = ReadString(key, name, default_value ? "1" : "0");
   if (const auto value = Find(kBoolWords, text)) return *value != 0;
-  *error_ = "Invalid boolean value for " + key + "\\" + name + ": " + text;
+  has_bad_value_ = true;
+  oxEventSetErrorText({"Invalid boolean value for ", key, "\\", name, ": ", text}, error_);
   return default_value;
 }
 
@@ -116,6 +122,7 @@ uint32_t oxEventConfigStore::ReadSeverity(const std::string& key, uint32_t defau
   if (oxCFGValueDword(store_, key.c_str(), kName, &number, kGet) == 0 && number <= 3) return number;
   const std::string text = ReadString(key, kName, "info");
   if (const auto value = Find(kSeverityWords, text)) return *value;
-  *error_ = "Invalid minimum_severity value for " + key + "\\" + kName + ": " + text;
+  has_bad_value_ = true;
+  oxEventSetErrorText({"Invalid minimum_severity value for ", key, "\\", kName, ": ", text}, error_);
   return default_value;
 }

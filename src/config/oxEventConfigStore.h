@@ -16,7 +16,8 @@ class oxEventConfigStore {
 
   bool Open(const char* path);
 
-  // A file that cannot be written stays as it is, and what was read still holds: the outcome is nobody's concern.
+  // A file that cannot be written stays as it is, and what was read still holds. Throws when memory ran out while
+  // reading: then what was read does not hold.
   void Save();
 
   void EnsureKey(const std::string& path);
@@ -29,7 +30,10 @@ class oxEventConfigStore {
   // Reads "minimum_severity". Missing, it becomes info; `default_value` is returned only with an error.
   uint32_t ReadSeverity(const std::string& key, uint32_t default_value);
 
+  bool HasBadValue() const { return has_bad_value_; }  // A bool or a severity was none.
+
  private:
   std::string* const error_;
   void* store_ = nullptr;
+  bool has_bad_value_ = false;
 };

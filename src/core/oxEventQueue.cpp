@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr uint32_t kTrimAtOnce = 64;  // Events.
+
 void Set(bool* flag, bool value) {
   if (flag != nullptr) *flag = value;
 }
@@ -16,8 +18,9 @@ bool IsDebugOrInfo(uint32_t severity) { return severity < OXEVENT_SEVERITY_WARNI
 }  // namespace
 
 void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
+  Items garbage;  // Freed with the lock released, as below.
   oxEventLock lock(mutex_);
-  DropAllLocked();
+  DropAllLocked(&garbage);
   active_count_ = 0;
   accepting_ = true;
   stop_requested_ = false;
@@ -26,15 +29,18 @@ void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
 }
 
 uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
-  oxEventLock lock(mutex_);
-  policy_ = policy;
-  capacity_ = std::max(capacity, 1u);
   uint32_t discarded = 0;
-  for (; PendingLocked() > capacity_; ++discarded) {
-    if (policy_ != oxEventDropPolicy::kDropDebugInfoFirst || !DropDebugInfoFirstLocked()) DropNewestLocked();
+  bool fits = false;
+  while (!fits) {
+    Items garbage;  // Freed with the lock released.
+    oxEventLock lock(mutex_);
+    policy_ = policy;
+    capacity_ = std::max(capacity, 1u);
+    if (free_.size() > capacity_) garbage.swap(free_);
+    discarded += TrimLocked(&garbage);
+    fits = PendingLocked() <= capacity_;
+    if (fits) SignalIfDrainedLocked();
   }
-  while (free_.size() > capacity_) free_.pop_back();
-  SignalIfDrainedLocked();
   return discarded;
 }
 
@@ -62,7 +68,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* d
     RecycleLocked(item, item.begin());
     return accepting ? OXEVENT_OK : OXEVENT_NOT_INITIALIZED;
   }
-  if (full) DropDebugInfoFirstLocked();
+  if (full) RecycleLocked(debug_info_, debug_info_.begin());
   item.front().order = next_order_++;
   Items& pending = IsDebugOrInfo(event.severity) ? debug_info_ : warning_error_;
   pending.splice(pending.end(), item);
@@ -125,16 +131,18 @@ void oxEventQueue::RequestStop() {
 }
 
 uint64_t oxEventQueue::DropPending() {
+  Items garbage;
   oxEventLock lock(mutex_);
-  const uint64_t discarded = DropAllLocked();
+  const uint64_t discarded = DropAllLocked(&garbage);
   SignalIfDrainedLocked();
   return discarded;
 }
 
 void oxEventQueue::Reset() {
+  Items garbage;
   oxEventLock lock(mutex_);
-  DropAllLocked();
-  free_.clear();
+  DropAllLocked(&garbage);
+  garbage.splice(garbage.end(), free_);
   active_count_ = 0;
   accepting_ = false;
   stop_requested_ = false;
@@ -146,24 +154,33 @@ bool oxEventQueue::HasRoomLocked() const {
   return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.empty());
 }
 
-bool oxEventQueue::DropDebugInfoFirstLocked() {
+bool oxEventQueue::DropDebugInfoFirstLocked(Items* garbage) {
   if (debug_info_.empty()) return false;
-  RecycleLocked(debug_info_, debug_info_.begin());
+  garbage->splice(garbage->end(), debug_info_, debug_info_.begin());
   return true;
 }
 
-void oxEventQueue::DropNewestLocked() {
+void oxEventQueue::DropNewestLocked(Items* garbage) {
   const bool in_debug_info =
       warning_error_.empty() || (!debug_info_.empty() && debug_info_.back().order > warning_error_.back().order);
   Items& newest = in_debug_info ? debug_info_ : warning_error_;
-  RecycleLocked(newest, std::prev(newest.end()));
+  garbage->splice(garbage->end(), newest, std::prev(newest.end()));
 }
 
-uint64_t oxEventQueue::DropAllLocked() {
-  const uint64_t discarded = PendingLocked();
-  for (Items* items : {&debug_info_, &warning_error_}) {
-    while (!items->empty()) RecycleLocked(*items, items->begin());
+// A few at a time, since submitters want the lock too.
+uint32_t oxEventQueue::TrimLocked(Items* garbage) {
+  uint32_t discarded = 0;
+  for (; discarded < kTrimAtOnce && PendingLocked() > capacity_; ++discarded) {
+    const bool low_first = policy_ == oxEventDropPolicy::kDropDebugInfoFirst;
+    if (!low_first || !DropDebugInfoFirstLocked(garbage)) DropNewestLocked(garbage);
   }
+  return discarded;
+}
+
+uint64_t oxEventQueue::DropAllLocked(Items* garbage) {
+  const uint64_t discarded = PendingLocked();
+  garbage->splice(garbage->end(), debug_info_);
+  garbage->splice(garbage->end(), warning_error_);
   return discarded;
 }
 

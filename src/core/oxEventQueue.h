@@ -56,9 +56,10 @@ class oxEventQueue {
   bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return PendingLocked() == 0 && active_count_ == 0; }
   size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.size() + warning_error_.size(); }
   bool HasRoomLocked() const OX_REQUIRES(mutex_);
-  bool DropDebugInfoFirstLocked() OX_REQUIRES(mutex_);
-  void DropNewestLocked() OX_REQUIRES(mutex_);
-  uint64_t DropAllLocked() OX_REQUIRES(mutex_);
+  bool DropDebugInfoFirstLocked(Items* garbage) OX_REQUIRES(mutex_);
+  void DropNewestLocked(Items* garbage) OX_REQUIRES(mutex_);
+  uint32_t TrimLocked(Items* garbage) OX_REQUIRES(mutex_);
+  uint64_t DropAllLocked(Items* garbage) OX_REQUIRES(mutex_);
   Items& OldestLocked() OX_REQUIRES(mutex_);
   void RecycleLocked(Items& from, Items::iterator item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);

@@ -1,6 +1,7 @@
 #include "core/oxEventRouter.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "base/oxEventImmortal.h"
@@ -21,7 +22,6 @@ uint32_t oxEventRouter::Start(std::shared_ptr<const oxEventConfig> config) {
   oxEventLock lock(mutex_);
   if (running_) return OXEVENT_ALREADY_INITIALIZED;
   if (closed_) return OXEVENT_NOT_INITIALIZED;  // The process is exiting.
-  ReapLocked();
   auto run = std::make_shared<Run>();
   retired_.reserve(retired_.size() + 1);  // So that the worker can retire its run without memory.
   run->state.Configure(*config);
@@ -108,12 +108,28 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
 
 uint32_t oxEventRouter::ReloadConfig(std::shared_ptr<const oxEventConfig> config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
-  oxEventLock lock(mutex_);
-  if (!running_) return OXEVENT_NOT_INITIALIZED;
-  config_.swap(config);
-  run_->state.Configure(*config_);
-  run_->AddDropped(run_->queue.Configure(config_->queue_size, config_->drop_policy));
+  SharedRun run;
+  {
+    oxEventLock lock(mutex_);
+    if (!running_) return OXEVENT_NOT_INITIALIZED;
+    config_ = config;
+    run = run_;
+  }
+  run->state.Configure(*config);
+  run->AddDropped(run->queue.Configure(config->queue_size, config->drop_policy));
   return OXEVENT_OK;
+}
+
+void oxEventRouter::Reap() {
+  std::vector<SharedRun> ended;
+  {
+    oxEventLock lock(mutex_);
+    const auto begin = std::partition(retired_.begin(), retired_.end(),
+                                      [](const SharedRun& run) { return !run->HasEnded() || run->IsWorker(); });
+    ended.assign(std::make_move_iterator(begin), std::make_move_iterator(retired_.end()));
+    retired_.erase(begin, retired_.end());
+  }
+  for (const SharedRun& run : ended) run->JoinWorker();
 }
 
 std::shared_ptr<const oxEventConfig> oxEventRouter::GetConfig() {
@@ -145,34 +161,30 @@ void oxEventRouter::Close() {
     last.swap(run_);
     runs.swap(retired_);
   }
-  if (last != nullptr) EndAndJoin(&last);
-  for (SharedRun& run : runs) EndAndJoin(&run);
+  // All are ended before any is waited for: a callback in one may be waiting for the events of another.
+  if (last != nullptr) End(*last);
+  for (const SharedRun& run : runs) End(*run);
+  if (last != nullptr) Join(&last);
+  for (SharedRun& run : runs) Join(&run);
+}
+
+// A stop that another thread waits in has no more time. The event in delivery on an exiting worker never completes.
+void oxEventRouter::End(Run& run) {
+  run.AddDropped(run.queue.DropPending());
+  run.queue.RequestStop();
+  if (run.IsWorker()) run.queue.Reset();
 }
 
 // Lets go of a run, but for one whose worker is the exiting thread: that one still runs in it.
-void oxEventRouter::EndAndJoin(SharedRun* run) {
-  // A stop that another thread waits in has no more time.
-  (*run)->AddDropped((*run)->queue.DropPending());
-  (*run)->queue.RequestStop();
-  if ((*run)->IsWorker()) {
-    oxEventLock lock(mutex_);
-    exiting_ = std::move(*run);
-  } else {
-    (*run)->JoinWorker();
-  }
+void oxEventRouter::Join(SharedRun* run) {
+  if (!(*run)->IsWorker()) return (*run)->JoinWorker();
+  oxEventLock lock(mutex_);
+  exiting_ = std::move(*run);
 }
 
 oxEventRouter::SharedRun oxEventRouter::RunningRun() {
   oxEventLock lock(mutex_);
   return running_ ? run_ : nullptr;
-}
-
-// Frees the runs whose worker has returned from the callback that stopped it.
-void oxEventRouter::ReapLocked() {
-  const auto ended =
-      std::partition(retired_.begin(), retired_.end(), [](const SharedRun& run) { return !run->HasEnded(); });
-  for (auto run = ended; run != retired_.end(); ++run) (*run)->JoinWorker();
-  retired_.erase(ended, retired_.end());
 }
 
 namespace {
@@ -194,6 +206,8 @@ uint32_t oxEventCoreReloadConfig(std::shared_ptr<const oxEventConfig> config) {
 }
 
 oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }
+
+void oxEventCoreReap() { g_router->Reap(); }
 
 void oxEventCoreClose() { g_router->Close(); }
 

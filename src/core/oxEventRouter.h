@@ -12,9 +12,8 @@
 #include "core/oxEventQueue.h"
 #include "core/oxEventState.h"
 
-// At any quiet moment submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED) + failed
-// evaluations
-// + pending + active.
+// At any quiet moment submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED)
+//   + failed evaluations + pending + active.
 struct oxEventCounters {
   uint64_t submitted = 0;      // Submit while running, before any filter.
   uint64_t emitted = 0;        // Handed to the sinks, whatever they did.
@@ -52,6 +51,10 @@ class oxEventRouter {
   // Keeps queued events, as far as they fit, and raised conditions.
   uint32_t ReloadConfig(std::shared_ptr<const oxEventConfig> config) OX_EXCLUDES(mutex_);
 
+  // Frees the runs whose worker has returned from the callback that stopped it. With no lock held: what that thread has
+  // left to do is its host's.
+  void Reap() OX_EXCLUDES(mutex_);
+
   // Null when not running.
   std::shared_ptr<const oxEventConfig> GetConfig() OX_EXCLUDES(mutex_);
 
@@ -67,10 +70,10 @@ class oxEventRouter {
   using SharedRun = std::shared_ptr<Run>;
 
   SharedRun RunningRun() OX_EXCLUDES(mutex_);
-  void EndAndJoin(SharedRun* run) OX_EXCLUDES(mutex_);
-  void ReapLocked() OX_REQUIRES(mutex_);
+  static void End(Run& run);
+  void Join(SharedRun* run) OX_EXCLUDES(mutex_);
 
-  // Never held while the queue, the state or the sinks are called, but for Start and ReloadConfig.
+  // Never held while the queue, the state or the sinks are called, but for those of a new run in Start.
   oxEventMutex mutex_;
   std::shared_ptr<const oxEventConfig> config_ OX_GUARDED_BY(mutex_);  // Null while stopped.
   SharedRun run_ OX_GUARDED_BY(mutex_);                                // Kept after Stop, for its counters.
@@ -88,5 +91,6 @@ uint32_t oxEventCoreSubmit(const oxEventView& event);
 uint32_t oxEventCoreFlush(uint32_t timeout_ms);
 uint32_t oxEventCoreReloadConfig(std::shared_ptr<const oxEventConfig> config);
 oxEventCounters oxEventCoreGetCounters();
+void oxEventCoreReap();
 void oxEventCoreClose();
 void oxEventCoreForgetInChild();

@@ -35,7 +35,9 @@ void oxEventRouter::Run::StartWorker() {
 
 void oxEventRouter::Run::JoinWorker() {
   oxEventLock lock(join_mutex_);
-  if (worker_.joinable()) worker_.join();
+  if (!worker_.joinable()) return;
+  worker_.join();
+  worker_id_ = std::thread::id();
 }
 
 void oxEventRouter::Run::RouterMain() {

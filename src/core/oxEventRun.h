@@ -16,7 +16,8 @@ class oxEventRouter::Run {
   // Starts the worker, which blocks every signal: no handler of the host's runs on it.
   void StartWorker();
   void JoinWorker() OX_EXCLUDES(join_mutex_);
-  bool IsWorker() const { return worker_id_ == std::this_thread::get_id(); }
+  // False again once the worker is joined: another thread may get its id.
+  bool IsWorker() const { return worker_id_.load() == std::this_thread::get_id(); }
   bool HasEnded() const { return ended_; }
 
   void AddDropped(uint64_t n) { dropped += n; }
@@ -35,6 +36,6 @@ class oxEventRouter::Run {
 
   oxEventMutex join_mutex_;  // Two threads may want to join: a stop, and the process's exit.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);
-  std::thread::id worker_id_;  // Set with the router's mutex held, before anything reads it.
+  std::atomic<std::thread::id> worker_id_;
   std::atomic<bool> ended_ = false;
 };

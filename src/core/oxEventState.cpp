@@ -161,5 +161,6 @@ void oxEventState::RemoveLocked(ActiveTable::iterator active) {
   auto node = active_.extract(active);
   oxEventReleaseLongText(&node.key());
   oxEventReleaseLongText(&node.mapped().signature);
+  node.mapped().last_sent_ns = 0;
   spare_.push_back(std::move(node));
 }

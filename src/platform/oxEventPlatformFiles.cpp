@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "base/oxEventErrorText.h"
 #include "oxutil.h"
 #include "platform/oxEventPlatform.h"
 
@@ -49,7 +50,7 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
   oxOSMakeDir(shortened, kDirectoryMode);
   if (IsDirectory(trimmed)) return true;
   if ((mkdir(trimmed.c_str(), kDirectoryMode) == 0 || errno == EEXIST) && IsDirectory(trimmed)) return true;
-  if (error != nullptr) *error = "Unable to create directory for oxEvent CSV sink: " + trimmed;
+  oxEventSetErrorText({"Unable to create directory for oxEvent CSV sink: ", trimmed}, error);
   return false;
 }
 

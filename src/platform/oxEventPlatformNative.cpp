@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "base/oxEventAscii.h"
+#include "base/oxEventErrorText.h"
 #include "base/oxEventImmortal.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventPlatform.h"
@@ -99,13 +100,13 @@ void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view i
 uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, oxEventNativeLogHandle** handle,
                                    std::string* error) {
   if (handle == nullptr) {
-    if (error != nullptr) *error = "Invalid oxEvent native log handle output";
+    oxEventSetErrorText({"Invalid oxEvent native log handle output"}, error);
     return OXEVENT_INVALID_ARGUMENT;
   }
   *handle = nullptr;
   std::unique_ptr<oxEventNativeLogHandle> opened(new (std::nothrow) oxEventNativeLogHandle);
   if (opened == nullptr) {
-    if (error != nullptr) *error = "Unable to allocate oxEvent native log handle";
+    oxEventSetErrorText({"Unable to allocate oxEvent native log handle"}, error);
     return OXEVENT_FAILURE;
   }
   const oxEventNativePlatformConfig defaults;
@@ -126,7 +127,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
                                     std::string* warning_text) {
   if (warning != nullptr) *warning = false;
   if (handle == nullptr) {
-    if (warning_text != nullptr) *warning_text = "Invalid oxEvent native log handle";
+    oxEventSetErrorText({"Invalid oxEvent native log handle"}, warning_text);
     return OXEVENT_INVALID_ARGUMENT;
   }
   if (warning_text != nullptr) warning_text->clear();

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "base/oxEventErrorText.h"
 #include "oxutil.h"
 #include "platform/oxEventPlatform.h"
 
@@ -11,7 +12,7 @@ namespace {
 constexpr int kFileErrorSignals[] = {SIGXFSZ, SIGPIPE};
 
 uint32_t NotOnThisPlatform(const char* text, std::string* error) {
-  if (error != nullptr) *error = text;
+  oxEventSetErrorText({text}, error);
   return OXEVENT_NOT_FOUND;
 }
 

@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/oxEventForkCount.h"
 
@@ -31,8 +32,9 @@ uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64
   const unsigned forks = g_oxEventForkCount;
   const oxEventRecord record = event.ToPublicView();
   uint32_t result = OXEVENT_OK;
-  for (const Registration& registration : *registrations) {
-    if (!Call(registration.callback, record, registration.user_data)) result = OXEVENT_FAILURE;
+  for (const auto& registration : *registrations) {
+    if (registration->removed) continue;
+    if (!Call(registration->callback, record, registration->user_data)) result = OXEVENT_FAILURE;
     if (g_oxEventForkCount != forks) break;  // A child: the others are the parent's to call.
   }
   return result;
@@ -41,10 +43,13 @@ uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64
 uint32_t oxEventCallbackSink::Register(oxEventCallback callback, void* user_data, uint32_t* id_out) {
   if (callback == nullptr || id_out == nullptr) return OXEVENT_INVALID_ARGUMENT;
   oxEventLock lock(mutex_);
-  auto changed =
-      registrations_ == nullptr ? std::make_shared<Registrations>() : std::make_shared<Registrations>(*registrations_);
+  auto changed = std::make_shared<Registrations>();
+  if (registrations_ != nullptr) {
+    std::copy_if(registrations_->begin(), registrations_->end(), std::back_inserter(*changed),
+                 [](const auto& registration) { return !registration->removed; });
+  }
   const uint32_t id = next_callback_id_;
-  changed->push_back({id, callback, user_data});
+  changed->push_back(std::make_shared<Registration>(id, callback, user_data));
   registrations_ = std::move(changed);
   next_callback_id_ = std::max(id + 1, 1u);  // Never 0, after a wrap too.
   *id_out = id;
@@ -54,12 +59,10 @@ uint32_t oxEventCallbackSink::Register(oxEventCallback callback, void* user_data
 uint32_t oxEventCallbackSink::Unregister(uint32_t id) {
   oxEventLock lock(mutex_);
   if (registrations_ == nullptr) return OXEVENT_NOT_FOUND;
-  auto changed = std::make_shared<Registrations>(*registrations_);
-  const auto found = std::find_if(changed->begin(), changed->end(), [id](const auto& r) { return r.id == id; });
-  if (found == changed->end()) return OXEVENT_NOT_FOUND;
-  changed->erase(found);
-  registrations_ = std::move(changed);
-  return OXEVENT_OK;
+  for (const auto& registration : *registrations_) {
+    if (registration->id == id && !registration->removed.exchange(true)) return OXEVENT_OK;
+  }
+  return OXEVENT_NOT_FOUND;
 }
 
 void oxEventCallbackSink::UnregisterAll() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -23,11 +24,14 @@ class oxEventCallbackSink : public oxEventSink {
 
  private:
   struct Registration {
-    uint32_t id;
-    oxEventCallback callback;
-    void* user_data;  // The host's; never dereferenced.
+    Registration(uint32_t its_id, oxEventCallback its_callback, void* its_user_data)
+        : id(its_id), callback(its_callback), user_data(its_user_data) {}
+    const uint32_t id;
+    const oxEventCallback callback;
+    void* const user_data;              // The host's; never dereferenced.
+    std::atomic<bool> removed = false;  // Removal needs no memory; the next registration tidies up.
   };
-  using Registrations = std::vector<Registration>;
+  using Registrations = std::vector<std::shared_ptr<Registration>>;
 
   oxEventMutex mutex_;
   uint32_t next_callback_id_ OX_GUARDED_BY(mutex_) = 1;

@@ -1,3 +1,4 @@
+#include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventPlatform.h"
@@ -27,7 +28,7 @@ class oxEventCsvSink : public oxEventSink {
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
     const uint32_t result = OpenLocked();
-    if (result != OXEVENT_OK && error != nullptr) *error = last_error_;
+    if (result != OXEVENT_OK) oxEventSetErrorText({last_error_}, error);
     return result;
   }
 
@@ -35,9 +36,9 @@ class oxEventCsvSink : public oxEventSink {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
     if (const uint32_t result = OpenLocked(); result != OXEVENT_OK) return result;
-    if (!AppendRowLocked(event)) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV row: " + path_);
+    if (!AppendRowLocked(event)) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV row: ", path_);
     if (flush_each_event_ && !WriteBufferLocked()) {
-      return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV row: " + path_);
+      return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV row: ", path_);
     }
     return OXEVENT_OK;
   }
@@ -45,12 +46,12 @@ class oxEventCsvSink : public oxEventSink {
   uint32_t Flush(uint32_t /*timeout_ms*/) override OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
     if (WriteBufferLocked()) return OXEVENT_OK;
-    return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV file: " + path_);
+    return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV file: ", path_);
   }
 
  private:
-  uint32_t FailLocked(uint32_t result, std::string text) OX_REQUIRES(mutex_) {
-    last_error_ = std::move(text);
+  uint32_t FailLocked(uint32_t result, std::string_view text, std::string_view path = "") OX_REQUIRES(mutex_) {
+    oxEventSetErrorText({text, path}, &last_error_);
     return result;
   }
 
@@ -60,11 +61,11 @@ class oxEventCsvSink : public oxEventSink {
     if (!oxEventPlatformEnsureParentDirectory(path_, &last_error_)) return OXEVENT_FAILURE;
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
     if (!file_.Open(path_)) {
-      return FailLocked(OXEVENT_FAILURE, "Unable to open oxEvent CSV file for append: " + path_);
+      return FailLocked(OXEVENT_FAILURE, "Unable to open oxEvent CSV file for append: ", path_);
     }
     // Written at once: a sink that a reload opens on the same file must find it non-empty.
     failed_ = needs_header && !file_.Write(kHeader, sizeof(kHeader) - 1);
-    if (failed_) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: " + path_);
+    if (failed_) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: ", path_);
     return OXEVENT_OK;
   }
 
@@ -103,7 +104,7 @@ class oxEventCsvSink : public oxEventSink {
 
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error) {
   if (out == nullptr) {
-    if (error != nullptr) *error = "Invalid oxEvent CSV sink output";
+    oxEventSetErrorText({"Invalid oxEvent CSV sink output"}, error);
     return OXEVENT_INVALID_ARGUMENT;
   }
   auto sink = std::make_shared<oxEventCsvSink>(config);

@@ -1,3 +1,4 @@
+#include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventPlatform.h"
@@ -16,7 +17,7 @@ class oxEventNativeSink : public oxEventSink {
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
     const uint32_t result = OpenLocked();
-    if (result != OXEVENT_OK && error != nullptr) *error = last_error_;
+    if (result != OXEVENT_OK) oxEventSetErrorText({last_error_}, error);
     return result;
   }
 
@@ -49,7 +50,7 @@ class oxEventNativeSink : public oxEventSink {
 uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                  std::string* error) {
   if (out == nullptr) {
-    if (error != nullptr) *error = "Invalid oxEvent native sink output";
+    oxEventSetErrorText({"Invalid oxEvent native sink output"}, error);
     return OXEVENT_INVALID_ARGUMENT;
   }
   auto sink = std::make_shared<oxEventNativeSink>(config);

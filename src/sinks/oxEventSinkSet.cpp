@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "base/oxEventErrorText.h"
 #include "base/oxEventForkCount.h"
 #include "base/oxEventImmortal.h"
 #include "base/oxEventLastError.h"
@@ -119,9 +120,9 @@ uint32_t Replace(const oxEventConfig& config, const char* default_error) {
   std::string error;
   const uint32_t result = BuildEnabledSinks(config, built.get(), &error);
   if (result != OXEVENT_OK) {
-    if (error.empty()) error = default_error;
-    oxEventSetLastError(error);
-    SetSinkError(error);
+    const std::string_view text = error.empty() ? std::string_view(default_error) : error;
+    oxEventSetLastError(text);
+    SetSinkError(text);
     return result;
   }
   SharedList replaced = std::move(built);
@@ -195,6 +196,7 @@ uint32_t oxEventSinkShutdown() {
   {
     oxEventLock lock(g_sinks->mutex);
     released.swap(g_sinks->active);
+    g_sinks->delivered.reset();
     g_sinks->callbacks.UnregisterAll();
     ClearSinkError();
   }
@@ -209,8 +211,10 @@ uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, 
 uint32_t oxEventSinkUnregisterCallback(uint32_t id) { return g_sinks->callbacks.Unregister(id); }
 
 std::string oxEventSinkGetLastError() {
+  std::string text;
   oxEventLock lock(g_sinks->error_mutex);
-  return g_sinks->last_error.value_or("");
+  if (g_sinks->last_error) oxEventSetErrorText({*g_sinks->last_error}, &text);
+  return text;
 }
 
 void oxEventSinkForgetInChild() { g_sinks.Renew(); }

@@ -29,7 +29,7 @@ uint32_t oxEventSinkShutdown();
 uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
 uint32_t oxEventSinkUnregisterCallback(uint32_t id);
 
-// The last failure of this framework; empty after a success.
+// The last failure of this framework; empty after a success, or without memory for it.
 std::string oxEventSinkGetLastError();
 
 // In a fork's child: as after load; what the parent's sinks hold is abandoned, not released.
