@@ -96,8 +96,8 @@ OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
  *
  * From a callback: discards what is queued and returns; the worker ends when the callback returns.
  *
- * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up (what was still queued is discarded), or a sink could not be
- * flushed. The library is shut down all the same.
+ * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up (what was still queued is discarded), or a sink could not
+ * be flushed. The library is shut down all the same.
  */
 OXEVENT_API uint32_t oxEventShutdown(void);
 

@@ -81,8 +81,8 @@ OXUTIL_API uint32_t oxCFGValueString(void* store, const char* key, const char* n
  * Writes a changed store back: beside the file, synced, then renamed over it (over a symbolic link's target), so that
  * at any moment the file is the old or the new one, whole. Owner, group and mode stay; so do comments and elements that
  * are not the store's. Fails, with the file as it was, when any of this cannot be done, the file has been changed by
- * someone else since it was opened, or memory ran out in any call for this handle (OXCFG_NO_MEMORY). Also fails when the
- * folder cannot be synced after the rename. `reserved` and `mode` are not used.
+ * someone else since it was opened, or memory ran out in any call for this handle (OXCFG_NO_MEMORY). Also fails when
+ * the folder cannot be synced after the rename. `reserved` and `mode` are not used.
  */
 OXUTIL_API uint32_t oxCFGSave(void* store, uint32_t reserved, uint32_t mode);
 

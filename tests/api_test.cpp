@@ -1,0 +1,280 @@
+// The library as a host meets it: codes, texts, records, callbacks, files.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "host_fixture.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Settings = std::map<std::string, std::string>;
+
+constexpr char kOk[] = "0 ", kInvalidEvent[] = "80050003 Invalid OXEvent";
+constexpr char kDown[] = "80050001 oxEvent is not initialized", kUp[] = "80050002 oxEvent is already initialized";
+constexpr char kNoPath[] = "80050003 oxEvent requires a oxCFG XML config path";
+constexpr char kNoCallback[] = "80050004 Callback id was not found", kNoBuffer[] = "80050003 Invalid last-error buffer";
+constexpr char kPending[] = "80050005 oxEvent core flush timed out";
+
+// The code that a call gave and the text that it left.
+std::string Got(uint32_t code) {
+  char text[512] = "unread";
+  oxEventGetLastError(text, sizeof text);
+  return (std::stringstream() << std::hex << code << ' ' << text).str();
+}
+
+uint32_t Send(const std::string& text, uint32_t level = 1) { return oxEventSubmitSimple(0, level, "n", text.c_str()); }
+
+std::string ThisThread() { return "/proc/self/task/" + std::to_string(gettid()); }
+
+Texts Messages(const std::string& file) {
+  Texts messages;
+  for (const Texts& row : ReadCsv(file)) messages.push_back(row.size() == 20 ? row[11] : "not 20 columns");
+  return messages;
+}
+
+class oxEventApi : public testing::Test {
+ protected:
+  oxEventApi() { WriteSettings(settings2_, csv2_); }
+  ~oxEventApi() override { oxEventShutdown(); }
+  void Start(const Settings& settings = {}) {
+    WriteSettings(settings_, csv_, settings);
+    EXPECT_EQ(Got(oxEventInitialize(settings_.c_str())), kOk);
+    EXPECT_EQ(Got(oxEventRegisterCallback(Recorder::Note, &recorder_, &id_)), kOk);
+  }
+  const HostFolder folder_;
+  const std::string settings_ = folder_.path + "/settings", settings2_ = settings_ + "2";
+  const std::string csv_ = folder_.path + "/events", csv2_ = csv_ + "2";
+  Recorder recorder_, second_;
+  uint32_t id_ = 0;
+};
+
+TEST_F(oxEventApi, RefusesWithACodeAndATextOfTheThread) {
+  const auto always = [&] {
+    EXPECT_EQ((Texts{Got(oxEventSubmit(nullptr)), Got(Send("")), Got(Send("m", 4))}), Texts(3, kInvalidEvent));
+    EXPECT_EQ((Texts{Got(oxEventInitialize(nullptr)), Got(oxEventInitialize(""))}), Texts(2, kNoPath));
+    const std::string registration = "80050003 Invalid callback registration arguments";
+    EXPECT_EQ(Got(oxEventRegisterCallback(nullptr, this, &id_)), registration);
+    EXPECT_EQ(Got(oxEventRegisterCallback(Recorder::Note, this, nullptr)), registration);
+    for (const uint32_t id : {0u, ~0u}) EXPECT_EQ(Got(oxEventUnregisterCallback(id)), kNoCallback);
+    const std::string start = "80050004 Windows Event Log source ", end = " is only available on Windows";
+    EXPECT_EQ(Got(oxEventInstallWindowsEventSource("a", nullptr)), start + "installation" + end);
+    EXPECT_EQ(Got(oxEventRemoveWindowsEventSource(nullptr)), start + "removal" + end);
+  };
+  const auto down = [&] {
+    EXPECT_EQ((Texts{Got(Send("m")), Got(oxEventFlush(0)), Got(oxEventShutdown())}), Texts(3, kDown));
+    EXPECT_EQ(Got(oxEventReloadConfig(settings2_.c_str())), kDown);
+    EXPECT_EQ(Got(oxEventReloadConfig(nullptr)), kNoPath);
+  };
+  always(), down();
+  Start();
+  always();
+  EXPECT_EQ((Texts{Got(oxEventInitialize(settings2_.c_str())), Got(oxEventShutdown())}), (Texts{kUp, kOk}));
+  down();
+  oxEventSubmit(nullptr);
+  std::string out(20, '#');
+  for (const std::string text : {"", "Inv", "Invalid OXEven", "Invalid OXEvent"}) {
+    EXPECT_EQ(oxEventGetLastError(out.data(), static_cast<uint32_t>(text.size() + 1)), 0u);
+    EXPECT_EQ(out, text + '\0' + std::string(19 - text.size(), '#'));
+  }
+  std::async(std::launch::async, [] { EXPECT_EQ((Texts{Got(0), Got(oxEventFlush(1))}), (Texts{kOk, kDown})); }).get();
+  EXPECT_EQ(Got(oxEventGetApiVersion()), "10000 Invalid OXEvent");
+  EXPECT_EQ((Texts{Got(oxEventGetLastError(nullptr, 9)), Got(oxEventGetLastError(&out[0], 0))}), Texts(2, kNoBuffer));
+}
+
+TEST_F(oxEventApi, RefusesBadSettingsAndKeepsWhatRuns) {
+  const std::string path = "sink\\csv\\default\\path";
+  const std::pair<Settings, std::string> cases[] = {
+      {{{"core\\queue_size", "0"}}, "80050003 queue_size must be greater than zero"},
+      {{{path, ""}}, "80050003 oxEvent CSV sink path is empty"},
+      {{{path, "/dev/null/a/b"}}, "80050005 Unable to create directory for oxEvent CSV sink: /dev/null"},
+      {{{path, folder_.path}}, "80050005 Unable to open oxEvent CSV file for append: " + folder_.path},
+      {{{path, "/dev/full"}}, "80050005 Unable to write oxEvent CSV header: /dev/full"}};
+  for (const bool running : {false, true}) {
+    if (running) Start();
+    for (const auto& [settings, result] : cases) {
+      WriteSettings(settings2_, csv2_, settings);
+      EXPECT_EQ(Got((running ? oxEventReloadConfig : oxEventInitialize)(settings2_.c_str())), result);
+      EXPECT_EQ(Got(Send("m")), running ? kOk : kDown);
+    }
+  }
+  EXPECT_EQ(oxEventShutdown(), 0u);
+  EXPECT_EQ(std::pair(recorder_.messages.size(), Messages(csv_).size()), std::pair(5ul, 6ul));
+}
+
+TEST_F(oxEventApi, TakesFromARecordWhatItsSizeCovers) {
+  oxEventRecord full = {0, 65536, 7, "t", "s", "n", "m", 3, "a", "k", "c", 11, 22, -3, "tc", 1.5, 2.5, "V", 44, "{1}"};
+  const uint32_t ends[] = {52, 64, 72, 80, 88, 96, 104, 112, 120, 128, 136, 144, 152};
+  const Texts given = {"3", "a", "k", "c", "11", "22", "-3", "tc", "1.5", "2.5", "V", "44", "{1}"};
+  const Texts otherwise = {"1", "", "", "", "now", "now", "0", "", "0", "0", "", "0", "{}"};
+  const auto now = [] { return static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()); };
+  const auto join = [](const auto&... part) { return (std::stringstream() << ... << part).str(); };
+  Texts expected, seen;
+  recorder_.on_event = [&, since = now()](const oxEventRecord& e) {
+    const auto time = [&](uint64_t t) { return t >= since && t <= now() ? "now" : std::to_string(t); };
+    seen.push_back(join(e.struct_size, ' ', e.version, ' ', e.event_id, e.event_type, e.source_id, e.source_name,
+                        e.message, e.severity, e.action, e.dedupe_key, e.correlation_id, time(e.utc_ns), time(e.ptp_ns),
+                        e.pts, e.timecode, e.value, e.threshold, e.units, e.duration_ms, e.details_json));
+    EXPECT_TRUE(e.utc_ns == 11 || e.utc_ns == e.ptp_ns);
+  };
+  const auto submit = [](const oxEventRecord& record, uint32_t size) {
+    std::string copy(reinterpret_cast<const char*>(&record), std::clamp<size_t>(size, 4, sizeof record));
+    copy.replace(0, 4, reinterpret_cast<const char*>(&size), 4);  // Ends where it says, so that reading on is noticed.
+    return oxEventSubmit(reinterpret_cast<const oxEventRecord*>(copy.data()));
+  };
+  Start();
+  for (uint32_t size = 0; size <= 160; ++size) {
+    EXPECT_EQ(submit(full, size), size < 48 ? OXEVENT_INVALID_ARGUMENT : 0u) << size;
+    if (size >= 48) expected.push_back("152 65536 7tsnm");
+    for (size_t i = 0; size >= 48 && i < given.size(); ++i) expected.back() += (size < ends[i] ? otherwise : given)[i];
+  }
+  full.severity = 4;
+  EXPECT_EQ(submit(full, 51), 0u);
+  EXPECT_EQ(submit(full, 52), OXEVENT_INVALID_ARGUMENT);
+  for (full.version = 65535; full.version < 65538; full.version += 2) EXPECT_NE(submit(full, 48), 0u);
+  for (const char* no : {static_cast<const char*>(nullptr), ""}) {
+    EXPECT_EQ(submit({0, 65536, 7, no, no, no, "m", 2, no, no, no, 0, 0, 0, no, 0, 0, no, 0, no}, 152), 0u);
+    EXPECT_EQ(oxEventSubmitSimple(8, 3, nullptr, no), OXEVENT_INVALID_ARGUMENT);
+  }
+  EXPECT_EQ((Texts{Got(oxEventSubmitSimple(~0u, 3, nullptr, "m")), Got(oxEventFlush(0))}), Texts(2, kOk));
+  expected.insert(expected.end(), {expected[3], "152 65536 7eventoxEventm2nownow0000{}", "152 65536 7m2nownow0000",
+                                   "152 65536 4294967295simpleoxEventm3nownow0000{}"});
+  EXPECT_EQ(seen, expected);
+}
+
+TEST_F(oxEventApi, FiltersBySeverityAndDrawsAnIdForEachSubmission) {
+  const std::tuple<Settings, Texts, Texts> cases[] = {
+      {{}, {"1", "2", "3"}, {"message", "1", "2", "3"}},
+      {{{"core\\enabled", "off"}}, {}, {"message"}},
+      {{{"core\\minimum_severity", "0"}}, {"0", "1", "2", "3"}, {"message", "1", "2", "3"}},
+      {{{"core\\minimum_severity", "Error"}}, {"3"}, {"message", "3"}},
+      {{{"sink\\csv\\default\\minimum_severity", "warn"}}, {"1", "2", "3"}, {"message", "2", "3"}}};
+  std::vector<uint64_t> bases;  // The id that severity 0 has or would have.
+  recorder_.on_event = [&](const oxEventRecord& event) { bases.push_back(event.event_id - event.severity); };
+  for (const auto& [settings, called, csv] : cases) {
+    std::filesystem::remove(csv_), recorder_.messages.clear();
+    Start(settings);
+    for (const uint32_t level : {0, 1, 2, 3}) EXPECT_EQ(Send(std::to_string(level), level), 0u);
+    EXPECT_EQ((Texts{Got(Send("m", 4)), Got(oxEventShutdown())}), (Texts{kInvalidEvent, kOk}));
+    EXPECT_EQ(std::pair(recorder_.messages, Messages(csv_)), std::pair(called, csv));
+  }
+  const uint64_t a = bases.at(0), b = a + 10, c = b + 5, d = c + 5;
+  EXPECT_EQ(bases, (std::vector{a, a, a, b, b, b, b, c, d, d, d}));
+}
+
+TEST_F(oxEventApi, DropsByThePolicyWhenFullAndDeliversTheRestAtShutdown) {
+  const std::tuple<std::string, std::string, std::string, Texts, Texts> cases[] = {
+      {"drop_newest", "3", "3", {"i1", "w1", "d1", "e1"}, {"gate", "i1", "w1", "d1"}},
+      {"drop_debug_info_first", "3", "3", {"w1", "i1", "d1", "e1"}, {"gate", "w1", "d1", "e1"}},
+      {"newest", "5", "2", {"w1", "i1", "w2", "d1", "w3"}, {"gate", "w1", "i1"}},
+      {"debug_info_first", "5", "2", {"w1", "i1", "w2", "d1", "w3"}, {"gate", "w1", "w2"}},
+      {"debug_info_first", "5", "4", {"w1", "i1", "w2", "d1", "w3"}, {"gate", "w1", "w2", "d1", "w3"}},
+      {"Drop_Low_Severity_First", "2", "2", {"w1", "i1", "e1", "i2", "w2"}, {"gate", "w1", "e1"}}};
+  for (const auto& [policy, size, size_reloaded, sent, arrived] : cases) {
+    std::promise<void> held, go;
+    recorder_.messages.clear();
+    recorder_.on_event = [&](auto& e) { e.message == arrived[0] ? held.set_value(), go.get_future().wait() : void(); };
+    Start({{"core\\drop_policy", policy}, {"core\\queue_size", size}, {"core\\minimum_severity", "0"}});
+    EXPECT_EQ(Send("gate"), 0u);
+    held.get_future().wait();
+    for (const std::string& text : sent) EXPECT_EQ(Send(text, std::string("diwe").find(text[0]) & 3), 0u);
+    WriteSettings(settings_, csv_, {{"core\\drop_policy", policy}, {"core\\queue_size", size_reloaded}});
+    EXPECT_EQ((Texts{Got(oxEventFlush(1)), Got(oxEventReloadConfig(""))}), (Texts{kPending, kOk}));
+    auto done = std::async(std::launch::async, [] { return Got(oxEventShutdown()); });
+    while (oxEventFlush(1) != OXEVENT_NOT_INITIALIZED) usleep(100);
+    EXPECT_EQ((Texts{Got(Send("m")), Got(oxEventReloadConfig(settings2_.c_str()))}), Texts(2, kDown));
+    EXPECT_EQ(Got(oxEventInitialize(settings2_.c_str())), kUp);
+    go.set_value();
+    EXPECT_EQ(done.get(), kOk);
+    EXPECT_EQ(recorder_.messages, arrived) << policy;
+  }
+  EXPECT_FALSE(std::filesystem::exists(csv2_));
+}
+
+TEST_F(oxEventApi, CallsEachRegistrationInOrder) {
+  static std::string log;
+  const auto called = [&] { return log.clear(), Got(Send("m") || oxEventFlush(0)) + log; };
+  const oxEventCallback mark = [](const oxEventRecord*, void* letter) {
+    log += *static_cast<char*>(letter);
+    if (log.back() == 'x') throw log;
+  };
+  std::string letters = "axbc";
+  std::vector<uint32_t> ids;
+  for (const size_t i : {0, 1, 2, 0, 3}) oxEventRegisterCallback(mark, &letters[i], &ids.emplace_back());
+  Start();
+  EXPECT_EQ((Texts{called(), Got(oxEventUnregisterCallback(ids[0])), called()}), (Texts{"0 axbac", kOk, "0 xbac"}));
+  EXPECT_EQ((Texts{Got(oxEventUnregisterCallback(ids[0])), called()}), (Texts{kNoCallback, "0 xbac"}));
+  EXPECT_EQ((Texts{Got(oxEventReloadConfig(nullptr)), called()}), (Texts{kOk, "0 xbac"}));
+  EXPECT_EQ((Texts{Got(oxEventShutdown()), Got(oxEventUnregisterCallback(ids[2]))}), (Texts{kOk, kNoCallback}));
+  Start();
+  EXPECT_EQ(called(), kOk);
+  EXPECT_TRUE(ids[0] > 0 && ids[4] == ids[0] + 4 && id_ == ids[0] + 6);
+}
+
+TEST_F(oxEventApi, ReloadMovesTheCsvFile) {
+  std::string thread;
+  recorder_.on_event = [&](const oxEventRecord&) { thread = ThisThread(); };
+  const auto deliver = [&](size_t count, const std::string& text) {  // Without a flush, until the worker sleeps again.
+    EXPECT_EQ(Send(text), 0u);
+    EXPECT_EQ(recorder_.Messages(count).back(), text);
+    while (ReadFile(thread + "/stat").find(") S ") == std::string::npos) usleep(100);
+  };
+  Start();
+  deliver(1, "one");
+  const std::string name = ReadFile(thread + "/comm"), status = ReadFile(thread + "/status");
+  EXPECT_EQ(name, "oxEvent\n");  // All signals blocked but SIGKILL, SIGSTOP and the C library's own 32 and 33:
+  EXPECT_EQ(std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16) | 3ull << 31, ~0x40100ull);
+  WriteSettings(settings_, csv2_), WriteSettings(settings2_, csv_);
+  EXPECT_EQ(Got(oxEventReloadConfig(nullptr)), kOk);
+  EXPECT_EQ(Messages(csv_), (Texts{"message", "one"}));
+  deliver(2, "two");
+  EXPECT_EQ(Got(oxEventReloadConfig(settings2_.c_str())), kOk);
+  EXPECT_EQ(Messages(csv2_), (Texts{"message", "two"}));
+  deliver(3, "three");
+  EXPECT_EQ(Got(oxEventReloadConfig("/none")), "80050003 Unable to open oxEvent config: /none");
+  EXPECT_EQ(Got(oxEventReloadConfig("")), kOk);  // The second file once more; no second header.
+  EXPECT_EQ(Messages(csv_), (Texts{"message", "one", "three"}));
+}
+
+TEST_F(oxEventApi, WorksFromInsideACallback) {
+  for (const bool pending : {false, true}) {
+    std::string thread;
+    recorder_.on_event = [&](const oxEventRecord&) {
+      thread = ThisThread();
+      EXPECT_EQ((Texts{Got(oxEventFlush(0)), Got(oxEventInitialize(settings_.c_str()))}), (Texts{kOk, kUp}));
+      EXPECT_EQ(Messages(csv_).back(), "old" + std::to_string(pending));
+      EXPECT_EQ(Got(oxEventReloadConfig(settings2_.c_str())), kOk);
+      for (const char* expected : {kOk, kNoCallback}) EXPECT_EQ(Got(oxEventUnregisterCallback(id_)), expected);
+      EXPECT_FALSE(pending && Send("discarded"));
+      EXPECT_EQ((Texts{Got(oxEventFlush(0)), Got(oxEventFlush(9999))}), Texts(2, pending ? kPending : kOk));
+      EXPECT_EQ(Got(oxEventShutdown()), pending ? "80050005 oxEvent core shutdown failed" : kOk);
+      EXPECT_EQ(Got(Send("m")), kDown);
+      const auto by = pending ? std::launch::async : std::launch::deferred;  // Another thread or this one.
+      EXPECT_EQ(std::async(by, oxEventInitialize, settings2_.c_str()).get(), 0u);
+      EXPECT_FALSE(oxEventRegisterCallback(Recorder::Note, &second_, &id_) || Send("new"));
+      EXPECT_EQ(second_.Messages(pending ? 3 : 1).back(), "new");  // While this worker is held here.
+    };
+    Start();
+    EXPECT_EQ(Send("old" + std::to_string(pending)), 0u);
+    for (recorder_.Messages(pending + 1); std::filesystem::exists(thread);) usleep(100);
+    EXPECT_EQ((Texts{Got(Send("more")), Got(oxEventShutdown())}), Texts(2, kOk));
+  }
+  EXPECT_EQ((std::array{recorder_.messages, second_.messages}),
+            (std::array{Texts{"old0", "old1"}, Texts{"new", "more", "new", "more"}}));
+  EXPECT_EQ(Messages(csv_), (Texts{"message", "old0", "old1"}));
+  EXPECT_EQ(Messages(csv2_), (Texts{"message", "new", "more", "new", "more"}));
+}
+
+TEST_F(oxEventApi, WritesCsvRowsWhole) {
+  size_t wrong = 0;
+  recorder_.on_event = [&](const oxEventRecord& event) {
+    const std::string end = std::string(event.message) + ",0,0,,0," + std::to_string(event.ptp_ns) + ",0,,{}\n";
+    wrong += !ReadFile(csv_).ends_with("\n") || !ReadFile(csv2_).ends_with(end);
+  };
+  Start({{"sink\\csv\\x\\enabled", "1"}, {"sink\\csv\\x\\path", csv2_}, {"sink\\csv\\x\\flush_each_event", "1"}});
+  for (size_t i = 0; i < 200; ++i) EXPECT_EQ(Send(std::string(i == 99 ? 100000 : i * i % 997 + 1, 'x')), 0u);
+  EXPECT_FALSE(oxEventShutdown() || wrong);
+}
+
+}  // namespace

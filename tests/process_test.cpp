@@ -1,0 +1,278 @@
+// How a host's process ends, forks, unloads the library and limits it. Each case runs in a child that loads the library
+// and checks what it can see; the test waits for its end and compares the CSV file with the calls of the callback.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <thread>
+
+#include "host_fixture.h"
+
+namespace {
+
+// What to expect: no destructors run; any number of events; last rows missing; threads that come or go in a child.
+enum { kAbrupt = 1, kAny = 2, kLost = 4, kThreads = 8 };
+struct Case {
+  const char* name;
+  void (*run)();       // Null: the child of the callback returns from it.
+  int status;          // The exit status, or minus the signal: of the process or, where in lower case, of the child.
+  int expect;          // Flags from above.
+  const char* where;   // Of `run`: Main thread (W: every row is flushed), Callback of event 2; lower case: its child.
+  const char* states;  // Idle; or event 2 of 100 is in the callback until g_open: Busy, or with a Full queue of 4.
+  void (*then)() = [] {};  // On the main thread when a callback has let it go on.
+};
+
+#define EACH(X) X(Initialize) X(Shutdown) X(SubmitSimple) X(Flush) X(ReloadConfig) X(RegisterCallback) X(GetLastError)
+#define ENTRY(name) decltype(&oxEvent##name) name = reinterpret_cast<decltype(name)>(dlsym(handle, "oxEvent" #name));
+struct Library {
+  void* handle = dlopen(OXEVENT_LIBRARY, RTLD_NOW);
+  EACH(ENTRY)
+};
+
+Library* ox;  // Like all of this, still there for the callback while the process exits.
+Case g_case;
+char g_where, g_state;
+std::atomic<int> g_submitted, g_delivered, g_open, g_step;
+int g_calls = -1;  // The file of the callback's calls: a line with the message, and a point once the call is over.
+
+// In a child threads may start anew, and what the parent held is abandoned.
+extern "C" void __tsan_init() __attribute__((weak));
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0:atexit_sleep_ms=20"; }
+extern "C" int __lsan_is_turned_off() { return g_calls < 0; }
+
+#define AWAIT(condition) \
+  while (!(condition)) usleep(500)
+#define CHECK(condition) \
+  ((condition) ? void() : (dprintf(STDERR_FILENO, "line %d: %s\n", __LINE__, #condition), _exit(99)))
+
+bool Fails(uint32_t code, const std::string& error, uint32_t expected = OXEVENT_FAILURE) {
+  char text[256] = "";
+  return ox->GetLastError(text, sizeof(text)) == 0 && code == expected && text == error;
+}
+
+// A child's exit status, or minus its signal. Killed before a wait of 5000 ms for a thread that it lacks is over.
+int Fork(void (*run)(), int limit_ms = 2500) {
+  const pid_t child = fork();
+  if (child == 0) {
+    g_calls = -1;
+    if (run == nullptr) return g_case.status;
+    run();
+    _exit(0);
+  }
+  int status;
+  while (waitpid(child, &status, WNOHANG) == 0) limit_ms-- == 0 ? kill(child, SIGKILL) : usleep(1000);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+uint32_t SubmitOne() { return ox->SubmitSimple(0, 1, nullptr, std::to_string(++g_submitted).c_str()); }
+
+void Submit(int count) {
+  while (count-- > 0) CHECK(SubmitOne() == 0);
+}
+
+void OnEvent(const oxEventRecord* event, void*) {
+  dprintf(g_calls, "%s", event->message);
+  const int number = ++g_delivered;
+  char thread[16] = "";
+  CHECK(pthread_getname_np(pthread_self(), thread, sizeof(thread)) == 0 && thread == std::string("oxEvent"));
+  if (g_calls >= 0 && number == 2) {
+    if (g_state != 'i') AWAIT(g_open > 0);
+    if (g_where == 'C') g_case.run();
+    if (g_where == 'c') CHECK(Fork(g_case.run) == g_case.status);
+    if (g_where == 'M' && g_state != 'i') AWAIT(SubmitOne() != 0);  // So that the exit has events to discard.
+  }
+  dprintf(g_calls, ".\n");
+}
+
+bool Start(const char* settings = "settings.xml") {
+  uint32_t id;
+  return ox->Initialize(settings) == 0 && ox->RegisterCallback(OnEvent, nullptr, &id) == 0;
+}
+
+void Stop() { CHECK(ox->Shutdown() == 0); }
+
+// The C library writes out its streams when all destructors are through.
+ssize_t AfterDestructors(void*, const char*, size_t size) {
+  CHECK(!ox || (SubmitOne() == OXEVENT_NOT_INITIALIZED && !Start("own.xml")));
+  return static_cast<ssize_t>(size);
+}
+
+void RunCase() {
+  closefrom(3);
+  g_calls = open("calls", O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  WriteSettings("own.xml", "own.csv");
+  WriteSettings("settings.xml", "events.csv",
+                {{"core\\queue_size", g_state == 'f' ? "4" : "1024"},
+                 {"sink\\csv\\default\\flush_each_event", g_case.expect & kAbrupt || g_where == 'W' ? "1" : "0"}});
+  ox = new Library;
+  CHECK(Start());
+  Submit(g_state == 'i' ? 3 : 2);
+  AWAIT(g_delivered == g_submitted);
+  if (g_state != 'i') Submit(98);
+  atexit([] { ++g_open; });
+  fputc(' ', fopencookie(nullptr, "w", {nullptr, AfterDestructors, nullptr, nullptr}));
+  if (g_where == 'M' || g_where == 'W') return g_case.run();
+  if (g_where == 'm') CHECK(Fork(g_case.run) == g_case.status);
+  ++g_open;
+  if (g_where != 'C') return Stop();
+  AWAIT(g_step > 0);
+  ++g_open;
+  g_case.then();
+}
+
+void Repeat(void (*call)()) {
+  while (true) call();
+}
+
+void Hammer(auto... calls) { (std::thread(Repeat, calls).detach(), ...); }
+
+void TrySubmit() { CHECK(SubmitOne() == 0 || SubmitOne() == OXEVENT_NOT_INITIALIZED); }  // Refused once, then for good.
+
+void Live() {  // In a child: refused, then with a run and a file of its own.
+  for (const uint32_t code : {ox->Flush(0), ox->Shutdown(), ox->ReloadConfig("own.xml"), SubmitOne()}) {
+    CHECK(Fails(code, "oxEvent is not initialized", OXEVENT_NOT_INITIALIZED));
+  }
+  unlink("own.csv");
+  g_delivered = 0;
+  CHECK(Start("own.xml"));
+  Submit(3);
+  CHECK(ox->Flush(0) == 0 && g_delivered == 3 && ReadCsv("own.csv").size() == 4);
+}
+
+[[maybe_unused]] void ForkAmidCalls() {
+  Hammer(
+      TrySubmit, [] { ox->Flush(0), ox->ReloadConfig(nullptr); }, [] { ox->SubmitSimple(0, 1, "", ""), SubmitOne(); });
+  for (int i = 0; i < 50; ++i) CHECK(Fork([] { Live(), Stop(); }) == 0);
+}
+
+void Unload() {
+  CHECK(dlclose(ox->handle) == 0);
+  delete std::exchange(ox, nullptr);
+  CHECK(ReadFile("/proc/self/maps").find("libox") == std::string::npos);
+}
+
+size_t Count(const char* folder) { return size_t(std::distance(std::filesystem::directory_iterator(folder), {})); }
+
+void LoadAndUnload() {          // On a thread that outlives each library, as its error texts must not.
+  constexpr int kRounds = 520;  // Once to warm up, once to compare; together more than there are thread-specific keys.
+  const auto fail = [] { CHECK(Fails(ox->SubmitSimple(0, 1, "", ""), "Invalid OXEvent", OXEVENT_INVALID_ARGUMENT)); };
+  size_t left[2];  // A descriptor or a thread counts like the smallest allocation in every round.
+  for (int round = 0; round < 2 * kRounds; ++round) {
+    if (round % 3 == 1) Stop();
+    Unload();
+    left[round / kRounds] = mallinfo2().uordblks + kRounds * 16 * (Count("/proc/self/fd") + Count("/proc/self/task"));
+    ox = new Library;
+    fail();
+    std::thread(fail).join();
+    if (round % 3 != 2) CHECK(Start() && SubmitOne() == 0);
+    AWAIT(g_delivered == g_submitted);
+  }
+  CHECK(left[1] < left[0] + kRounds * 16 && Fork([] { exit(0); }) == 0);
+}
+
+void ShutdownInCallback() {
+  CHECK(ox->Shutdown() == OXEVENT_FAILURE && ox->Initialize("own.xml") == 0);  // 98 events are discarded.
+  ++g_step;
+  AWAIT(g_open > 1);
+  usleep(100'000);  // In which a host that does not wait for the callback gets away.
+}
+
+void LimitFileSize() {
+  const rlimit limit = {std::filesystem::file_size("events.csv"), RLIM_INFINITY};
+  CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+}
+
+void FailToWrite() {
+  Submit(1);
+  CHECK(Fails(ox->Flush(0), "oxEvent core flush timed out"));
+  CHECK(Fails(ox->Shutdown(), "oxEvent sink flush failed"));
+  sigset_t pending;
+  CHECK(sigpending(&pending) == 0 && sigisemptyset(&pending));
+}
+
+void LoseReader() {
+  Stop();
+  WriteSettings("own.xml", "own.csv", {{"sink\\csv\\default\\flush_each_event", g_where == 'W' ? "1" : "0"}});
+  CHECK(mkfifo("own.csv", 0600) == 0);
+  CHECK(Fails(ox->Initialize("own.xml"), "Unable to open oxEvent CSV file for append: own.csv"));
+  const int reader = open("own.csv", O_RDONLY | O_NONBLOCK);
+  CHECK(Start("own.xml") && close(reader) == 0);
+  FailToWrite();
+}
+
+void LeaveSignals() {
+  sigset_t all, pending;
+  CHECK(sigfillset(&all) == 0 && pthread_sigmask(SIG_BLOCK, &all, nullptr) == 0);
+  for (const int signal : {SIGHUP, SIGINT, SIGUSR1, SIGALRM, SIGTERM, SIGPROF, SIGXFSZ, SIGRTMIN, SIGRTMAX}) {
+    Submit(1);
+    CHECK(kill(getpid(), signal) == 0 && ox->Flush(0) == 0);
+    CHECK(sigpending(&pending) == 0 && sigismember(&pending, signal) == 1);
+  }
+}
+
+[[maybe_unused]] void CloseOnExec() {
+  Hammer([] { ox->Shutdown(), Start(), ox->ReloadConfig(nullptr), ++g_step; });
+  for (int fd = 3; g_step < 50; fd = fd % 64 + 3) CHECK(fcntl(fd, F_GETFD) != 0);
+}
+
+constexpr Case kCases[] = {
+    {"return", [] {}, 0, 0, "M", "ibf"},
+    {"exit", [] { exit(7); }, 7, 0, "MCmc", "ibf"},
+    {"exit_on_a_thread", [] { std::thread([] { exit(0); }).join(); }, 0, 0, "M", "ibf"},
+    {"hard_exit", [] { _exit(7); }, 7, kAbrupt, "MCmc", "ibf"},
+    {"quick_exit", [] { quick_exit(7); }, 7, kAbrupt, "MCmc", "ibf"},
+    {"abort", [] { abort(); }, -SIGABRT, kAbrupt, "MCmc", "ibf"},
+    {"exec", [] { execl("/bin/sh", "sh", "-c", "exit 7", nullptr); }, 7, kAbrupt, "MCmc", "ibf"},
+    {"submit_at_exit", [] { Hammer(TrySubmit, TrySubmit); }, 0, kAny, "M", "ibf"},
+    {"flush_at_exit", [] { Hammer([] { ox->Flush(0), ox->ReloadConfig(nullptr); }); }, 0, kAny, "M", "ibf"},
+    {"shutdown_at_exit", [] { Hammer([] { ox->Shutdown(); }); }, 0, kAny, "M", "ibf"},
+    {"restart_at_exit", [] { Hammer([] { ox->Shutdown(), Start(), SubmitOne(); }); }, 0, kAny | kLost, "M", "ibf"},
+    {"shutdown_in_callback_at_exit", ShutdownInCallback, 0, kAny, "C", "b"},
+    {"shutdown_in_callback_at_unload", ShutdownInCallback, 0, kAny, "C", "b", Unload},
+    {"fork", [] { Live(), Stop(), Live(), exit(Fork([] { Live(), exit(0); })); }, 0, kThreads, "mc", "ibf"},
+    {"fork_and_unload", Unload, 0, 0, "mc", "ibf"},
+    {"fork_and_return_from_callback", nullptr, 0, kThreads, "c", "ibf"},
+    {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAny, "M", "i"},
+    {"file_size", [] { LimitFileSize(), FailToWrite(); }, 0, kAny | kLost, "MW", "i"},
+    {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
+    {"fifo", LoseReader, 0, kAny | kLost, "MW", "i"},
+    {"signals", LeaveSignals, 0, kAny, "M", "i"},
+#ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
+    {"fork_amid_calls", ForkAmidCalls, 0, kAny, "M", "i"},
+    {"close_on_exec", CloseOnExec, 0, kAny, "M", "i"},
+#endif
+};
+
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
+
+class oxEventProcess : public testing::TestWithParam<Case> {};
+
+INSTANTIATE_TEST_SUITE_P(, oxEventProcess, testing::ValuesIn(kCases), [](const auto& c) { return c.param.name; });
+
+// An end with destructors leaves all rows of the events delivered, and discards the others; any end leaves whole rows.
+TEST_P(oxEventProcess, EndsAndLeavesItsRows) {
+  g_case = GetParam();
+  if (g_case.expect & kThreads && &__tsan_init != nullptr) GTEST_SKIP() << "The thread sanitizer cannot do that";
+  for (const char* where = g_case.where; (g_where = *where) != '\0'; ++where) {
+    for (const char* state = g_case.states; (g_state = *state) != '\0'; ++state) {
+      SCOPED_TRACE((std::string{g_where, g_state}));
+      const HostFolder folder;
+      ASSERT_EQ(chdir(folder.path.c_str()), 0);
+      const bool in_child = g_where == 'm' || g_where == 'c';
+      EXPECT_EQ(Fork([] { RunCase(), exit(0); }, 60000), in_child ? 0 : g_case.status);
+
+      std::string rows, calls = "message.\n" + ReadFile("calls");
+      for (const auto& row : ReadCsv("events.csv")) rows += (row.size() == 20 ? row[11] : "not a row") + ".\n";
+      if (!in_child && g_case.status != 0 && !calls.ends_with(".\n")) calls += ".\n";  // The end of a call cut short.
+      EXPECT_TRUE(g_case.expect & kLost ? calls.starts_with(rows) : calls == rows) << rows << "but calls:\n" << calls;
+      EXPECT_TRUE(g_case.expect & kAny || (calls.size() > 200) == (in_child && g_state == 'b')) << calls;
+    }
+  }
+}
+
+}  // namespace
