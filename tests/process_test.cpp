@@ -205,16 +205,6 @@ void LoseReader() {
   FailToWrite();
 }
 
-void LeaveSignals() {
-  sigset_t all, pending;
-  CHECK(sigfillset(&all) == 0 && pthread_sigmask(SIG_BLOCK, &all, nullptr) == 0);
-  for (const int signal : {SIGHUP, SIGINT, SIGUSR1, SIGALRM, SIGTERM, SIGPROF, SIGXFSZ, SIGRTMIN, SIGRTMAX}) {
-    Submit(1);
-    CHECK(kill(getpid(), signal) == 0 && ox->Flush(0) == 0);
-    CHECK(sigpending(&pending) == 0 && sigismember(&pending, signal) == 1);
-  }
-}
-
 [[maybe_unused]] void CloseOnExec() {
   Hammer([] { ox->Shutdown(), Start(), ox->ReloadConfig(nullptr), ++g_step; });
   for (int fd = 3; g_step < 50; fd = fd % 64 + 3) CHECK(fcntl(fd, F_GETFD) != 0);
@@ -241,7 +231,6 @@ constexpr Case kCases[] = {
     {"file_size", [] { LimitFileSize(), FailToWrite(); }, 0, kAny | kLost, "MW", "i"},
     {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
     {"fifo", LoseReader, 0, kAny | kLost, "MW", "i"},
-    {"signals", LeaveSignals, 0, kAny, "M", "i"},
 #ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
     {"fork_amid_calls", ForkAmidCalls, 0, kAny, "M", "i"},
     {"close_on_exec", CloseOnExec, 0, kAny, "M", "i"},

@@ -94,28 +94,4 @@ TEST(oxEventState, DoesAsTheModelDoes) {
   for (const auto& [row, outcome] : kTable) EXPECT_GT(model.reached[row], 500) << row;
 }
 
-TEST(oxEventState, DecidesByActionTimeAndValue) {
-  const std::pair<std::string, std::string> cases[] = {
-      // Action, seconds and value of each event; actions routed.
-      {"raise@1=0 raise@11=0 raise@1801=0 raise@1811=0 raise@1=0", "raise - repeat - repeat"},
-      {"clear@1=0 RAISE@2=0 Clear@3=0 repeat@4=0 ack@5=0 update@6=0 raise@7=0", "- RAISE Clear - ack raise -"},
-      {"update@1=0 Update@2=0 update@1801=0 clear@1=0 raise@2=0 update@3=0", "raise - update clear raise update"},
-      {"update@1=1.0000001 update@2=1.0000002 update@3=1.00001 update@4=1.00002", "raise - update update"},
-      {"update@1=999999.5 update@2=1e6 update@3=-0 update@4=0", "raise - update update"}};
-  for (const auto& [script, expected] : cases) {
-    oxEventState state;
-    std::istringstream in(script);
-    std::string routed;
-    Event event, out;
-    while (std::getline(in >> std::ws, event.action, '@') && in >> event.utc_ns && in.ignore() >> event.value) {
-      bool route = false;
-      event.utc_ns *= kSecond;
-      EXPECT_TRUE(state.Evaluate(event, nullptr, &route) != 0 && state.Evaluate(event, &out, nullptr) != 0);
-      EXPECT_EQ(state.Evaluate(event, &out, &route), OXEVENT_OK);
-      routed += (route ? out.action : "-") + " ";
-    }
-    EXPECT_EQ(routed, expected + " ");
-  }
-}
-
 }  // namespace

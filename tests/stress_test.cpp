@@ -39,14 +39,14 @@ class oxEventStress : public testing::Test {
     const auto run = [&](char name) { return std::async(std::launch::async, work, name); };
     return {run('a'), run('b'), run('c'), run('d')};
   }
-  const HostFolder folder_;
+  HostFolder folder_;
   const std::string settings_ = folder_.path + "/settings", csv_ = folder_.path + "/events";
   Recorder recorder_;
 };
 
 TEST_F(oxEventStress, LosesNothingWhileEverythingMoves) {
   std::atomic<bool> done = false;
-  Start({{"core\\queue_size", "40000"}});
+  Start({{"core\\queue_size", "20000"}});
   auto others = OnThreads([&done](char name) {
     const oxEventCallback nothing = [](const oxEventRecord*, void*) {};
     for (uint32_t id = 0; !done;) {
@@ -55,40 +55,18 @@ TEST_F(oxEventStress, LosesNothingWhileEverythingMoves) {
     }
   });
   OnThreads([](char name) {
-    for (size_t i = 0; i < 10000; ++i) EXPECT_EQ(Send(name + std::to_string(i)), 0u);
+    for (size_t i = 0; i < 5000; ++i) EXPECT_EQ(Send(name + std::to_string(i)), 0u);
   });
-  std::vector<std::string> messages = recorder_.Messages(40000), rows;
+  std::vector<std::string> messages = recorder_.Messages(20000), rows;
   done = true;
   for (const auto& other : others) other.wait();
   EXPECT_EQ(oxEventShutdown(), 0u);
-  EXPECT_EQ(messages.size(), 40000u);
+  EXPECT_EQ(messages.size(), 20000u);
   std::map<char, size_t> next;  // Each thread's events in the order in which it sent them.
   for (const std::string& text : messages) EXPECT_EQ(text.substr(1), std::to_string(next[text[0]]++));
   for (const auto& row : ReadCsv(csv_)) rows.push_back(row.at(11));
   messages.insert(messages.begin(), "message");
   EXPECT_TRUE(rows == messages);
-}
-
-TEST_F(oxEventStress, DropsExactlyWhatDoesNotFit) {
-  for (const bool low_first : {false, true}) {
-    std::promise<void> held, open;
-    size_t errors = 0;
-    recorder_.messages.clear();
-    recorder_.on_event = [&](const oxEventRecord& event) {
-      if (event.severity == 2) held.set_value(), open.get_future().wait();
-      errors += event.severity == 3;
-    };
-    Start({{"core\\drop_policy", low_first ? "drop_debug_info_first" : "drop_newest"}, {"core\\queue_size", "20"}});
-    EXPECT_EQ(Send("gate", 2), 0u);
-    held.get_future().wait();
-    OnThreads([](char) {
-      for (size_t i = 1; i <= 400; ++i) EXPECT_EQ(Send("m", i % 100 == 0 ? 3 : 1), 0u);
-    });
-    open.set_value();
-    EXPECT_EQ(oxEventShutdown(), 0u);
-    EXPECT_EQ(recorder_.messages.size(), 21u);
-    EXPECT_EQ(errors, low_first ? 16u : 0u);  // None is among the first twenty to come.
-  }
 }
 
 TEST_F(oxEventStress, StartsAndStopsUnderFire) {

@@ -30,7 +30,6 @@ void oxEventRouter::Run::StartWorker() {
   const oxEventSignalBlock block(oxEventSignalBlock::kAll);
   worker_ = std::thread([this] { RouterMain(); });
   worker_id_ = worker_.get_id();
-  oxEventPlatformNameThread(worker_.native_handle(), "oxEvent");
 }
 
 void oxEventRouter::Run::JoinWorker() {
@@ -41,6 +40,7 @@ void oxEventRouter::Run::JoinWorker() {
 }
 
 void oxEventRouter::Run::RouterMain() {
+  oxEventPlatformNameThread("oxEvent");
   const unsigned forks = g_oxEventForkCount;
   // Both reused: in steady state an event costs no allocation.
   oxEventNormalizedEvent event;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <pthread.h>
 #include <signal.h>
 
 #include <cstddef>
@@ -19,8 +18,9 @@ uint64_t oxEventPlatformGetPtpNano();
 // Creates what is missing of the folder that `path` lies in, each level with mode 0775 less the umask.
 bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error);
 
-// At most 15 bytes.
-void oxEventPlatformNameThread(pthread_t thread, const char* name);
+// Names the calling thread, with at most 15 bytes. (Of another thread, the C library would leave a descriptor to an
+// exec.)
+void oxEventPlatformNameThread(const char* name);
 
 // Blocks signals of the calling thread for its lifetime.
 class oxEventSignalBlock {

@@ -20,7 +20,7 @@ uint32_t NotOnThisPlatform(const char* text, std::string* error) {
 
 uint64_t oxEventPlatformGetPtpNano() { return oxOSGetTimePTPNano(); }
 
-void oxEventPlatformNameThread(pthread_t thread, const char* name) { pthread_setname_np(thread, name); }
+void oxEventPlatformNameThread(const char* name) { pthread_setname_np(pthread_self(), name); }
 
 oxEventSignalBlock::oxEventSignalBlock(Which which) : which_(which) {
   sigset_t signals;
