@@ -22,17 +22,21 @@ if(OXEVENT_SANITIZE)
   target_link_options(oxevent_options INTERFACE -fsanitize=${sanitizers})
 endif()
 
-# A shared library that exports what cmake/<target>.map lists and nothing else. -fno-gnu-unique: a unique symbol would
-# keep the library loaded after dlclose.
-function(oxevent_library target public_include)
-  set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
+# Code of a shared library. -fno-gnu-unique: a unique symbol would keep the library loaded after dlclose.
+function(oxevent_compile target public_include)
   target_compile_features(${target} PRIVATE cxx_std_20)
   set_target_properties(${target} PROPERTIES
-    CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
-    LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
+    CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON POSITION_INDEPENDENT_CODE ON)
   target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/${public_include}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:oxevent_options>)
+endfunction()
+
+# A shared library exports what cmake/<target>.map lists and nothing else.
+function(oxevent_export target)
+  set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
+  set_target_properties(${target} PROPERTIES
+    LINKER_LANGUAGE CXX LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
   target_link_options(${target} PRIVATE -Wl,--version-script=${map})
 endfunction()
