@@ -9,6 +9,7 @@
 #include <mutex>
 #include <new>
 #include <string_view>
+#include <thread>
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
@@ -19,7 +20,7 @@
 namespace {
 
 // How long a fork waits for a line of ours that is being written; with a log daemon that stalls it may be forever.
-constexpr std::chrono::milliseconds kForkPatience{20};
+constexpr int kForkPatienceMs = 20;
 
 struct Facility {
   std::string_view name;
@@ -49,7 +50,7 @@ int Level(uint32_t severity) {
 // Held over every openlog, syslog and closelog of ours, so that no line goes out under another sink's identity. Longer
 // than the C library's own lock by nothing that waits.
 struct SystemLog {
-  std::timed_mutex mutex;
+  std::mutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The one that holds `mutex` over its fork.
   // False in the child of a fork that found a line half written: the C library's log is locked there for good.
   bool usable = true;  // Guarded by `mutex`.
@@ -151,7 +152,11 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
 }
 
 void oxEventPlatformNativeBeforeFork() {
-  if (g_system_log->mutex.try_lock_for(kForkPatience)) g_system_log->forking_thread = pthread_self();
+  for (int ms = 0; !g_system_log->mutex.try_lock(); ++ms) {
+    if (ms == kForkPatienceMs) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  g_system_log->forking_thread = pthread_self();
 }
 
 void oxEventPlatformNativeAfterForkInParent() {
