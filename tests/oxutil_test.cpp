@@ -185,19 +185,6 @@ TEST_F(oxCFG, WalksEachReachableNameOnceInFileOrder) {
   EXPECT_TRUE(Get(store, "", "x") == "1" && oxCFGKeyExists(store.get(), "x\\lost") == 0);
 }
 
-TEST_F(oxCFG, CreatesNothingThatItCouldNotReadAgain) {
-  const Store store = Open("");
-  const std::string deepest = Repeat("a\\", 62);
-  const std::string long_name(512, 'n');
-  EXPECT_FALSE(Add(store, deepest, "a") || Add(store, "a", long_name) || oxCFGKeyExists(store.get(), "a") != 0);
-  EXPECT_FALSE(Set(store, "", "", "1") || Set(store, "", "a\\b", "1") || Set(store, "", long_name, "1"));
-  EXPECT_TRUE(Add(store, deepest, "") && Set(store, deepest, "v", "1") && Save(store));
-  EXPECT_EQ(Get(Open(), deepest, "v"), "1");
-  EXPECT_TRUE(Set(store, "", "big", std::string(64 << 20, 'x')) && !Save(store));
-  const Store full = Open("<config>" + Repeat("<key name='a'>", 63) + Repeat("</key>", 63) + "</config>");
-  EXPECT_TRUE(Add(full, deepest, "a") && !Set(full, deepest + "a", "v", "1"));
-}
-
 // Nor is the new file readable to more people while it is written. Calls that a signal interrupts are made again.
 TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndMode) {
   fs::create_symlink(std::string(255, 't'), path_);  // The longest name.
@@ -283,19 +270,3 @@ int fstatat(int fd, const char* path, struct stat* st, int flag) noexcept {
 }
 int renameat(int fd, const char* from, int fd2, const char* to) noexcept { return Call("renameat", fd, from, fd2, to); }
 int fremovexattr(int fd, const char* name) noexcept { return Call("fremovexattr", fd, name); }
-
-#ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
-static bool g_malloc_fails = false;
-extern "C" void* __libc_malloc(size_t size);
-void* malloc(size_t size) noexcept { return std::exchange(g_malloc_fails, false) ? nullptr : __libc_malloc(size); }
-
-TEST_F(oxCFG, IsNotSavedOnceMemoryRanOut) {
-  const std::string text = "<config><value name='v'>longer than a string holds in itself</value></config>";
-  const Store store = Open(text);
-  g_malloc_fails = true;
-  EXPECT_EQ(Get(store, "", "v", 8), "(none)");
-  EXPECT_TRUE(Set(store, "", "v", "default"));
-  EXPECT_EQ(oxCFGSave(store.get(), 0, 1), OXCFG_NO_MEMORY);
-  EXPECT_EQ(Read(), text);
-}
-#endif

@@ -195,16 +195,6 @@ void FailToWrite() {
   CHECK(sigpending(&pending) == 0 && sigisemptyset(&pending));
 }
 
-void LoseReader() {
-  Stop();
-  WriteSettings("own.xml", "own.csv", {{"sink\\csv\\default\\flush_each_event", g_where == 'W' ? "1" : "0"}});
-  CHECK(mkfifo("own.csv", 0600) == 0);
-  CHECK(Fails(ox->Initialize("own.xml"), "Unable to open oxEvent CSV file for append: own.csv"));
-  const int reader = open("own.csv", O_RDONLY | O_NONBLOCK);
-  CHECK(Start("own.xml") && close(reader) == 0);
-  FailToWrite();
-}
-
 [[maybe_unused]] void CloseOnExec() {
   Hammer([] { ox->Shutdown(), Start(), ox->ReloadConfig(nullptr), ++g_step; });
   for (int fd = 3; g_step < 50; fd = fd % 64 + 3) CHECK(fcntl(fd, F_GETFD) != 0);
@@ -230,7 +220,6 @@ constexpr Case kCases[] = {
     {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAny, "M", "i"},
     {"file_size", [] { LimitFileSize(), FailToWrite(); }, 0, kAny | kLost, "MW", "i"},
     {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
-    {"fifo", LoseReader, 0, kAny | kLost, "MW", "i"},
 #ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
     {"fork_amid_calls", ForkAmidCalls, 0, kAny, "M", "i"},
     {"close_on_exec", CloseOnExec, 0, kAny, "M", "i"},

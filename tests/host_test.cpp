@@ -1,10 +1,26 @@
-// The library as a host meets it: codes, texts, records, callbacks, files.
+// The library as a host meets it: codes, texts, records, callbacks, files, many threads, what it allocates.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <future>
 
 #include "host_fixture.h"
+
+#ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
+static thread_local size_t t_allocations = 0;
+
+extern "C" {
+void *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t), *__libc_memalign(size_t, size_t);
+void* malloc(size_t size) { return ++t_allocations, __libc_realloc(nullptr, size); }
+void* calloc(size_t count, size_t size) { return ++t_allocations, __libc_calloc(count, size); }
+void* realloc(void* memory, size_t size) { return ++t_allocations, __libc_realloc(memory, size); }
+void* aligned_alloc(size_t align, size_t size) { return ++t_allocations, __libc_memalign(align, size); }
+int posix_memalign(void** out, size_t align, size_t size) { return (*out = aligned_alloc(align, size)) ? 0 : ENOMEM; }
+}
+#endif
 
 namespace {
 
@@ -43,7 +59,12 @@ class oxEventApi : public testing::Test {
     EXPECT_EQ(Got(oxEventInitialize(settings_.c_str())), kOk);
     EXPECT_EQ(Got(oxEventRegisterCallback(Recorder::Note, &recorder_, &id_)), kOk);
   }
-  const HostFolder folder_;
+  // Runs `work` on four threads at once; the destructor of the result waits for them.
+  static std::array<std::future<void>, 4> OnThreads(const std::function<void(char)>& work) {
+    const auto run = [&](char name) { return std::async(std::launch::async, work, name); };
+    return {run('a'), run('b'), run('c'), run('d')};
+  }
+  HostFolder folder_;
   const std::string settings_ = folder_.path + "/settings", settings2_ = settings_ + "2";
   const std::string csv_ = folder_.path + "/events", csv2_ = csv_ + "2";
   Recorder recorder_, second_;
@@ -155,7 +176,7 @@ TEST_F(oxEventApi, FiltersBySeverityAndDrawsAnIdForEachSubmission) {
   for (const auto& [settings, called, csv] : cases) {
     std::filesystem::remove(csv_), recorder_.messages.clear();
     Start(settings);
-    for (const uint32_t level : {0, 1, 2, 3}) EXPECT_EQ(Send(std::to_string(level), level), 0u);
+    for (const uint32_t level : {0u, 1u, 2u, 3u}) EXPECT_EQ(Send(std::to_string(level), level), 0u);
     EXPECT_EQ((Texts{Got(Send("m", 4)), Got(oxEventShutdown())}), (Texts{kInvalidEvent, kOk}));
     EXPECT_EQ(std::pair(recorder_.messages, Messages(csv_)), std::pair(called, csv));
   }
@@ -174,7 +195,7 @@ TEST_F(oxEventApi, DropsByThePolicyWhenFullAndDeliversTheRestAtShutdown) {
   for (const auto& [policy, size, size_reloaded, sent, arrived] : cases) {
     std::promise<void> held, go;
     recorder_.messages.clear();
-    recorder_.on_event = [&](auto& e) { e.message == arrived[0] ? held.set_value(), go.get_future().wait() : void(); };
+    recorder_.on_event = [&](auto& e) { e.message[0] == 'g' ? held.set_value(), go.get_future().wait() : void(); };
     Start({{"core\\drop_policy", policy}, {"core\\queue_size", size}, {"core\\minimum_severity", "0"}});
     EXPECT_EQ(Send("gate"), 0u);
     held.get_future().wait();
@@ -201,7 +222,7 @@ TEST_F(oxEventApi, CallsEachRegistrationInOrder) {
   };
   std::string letters = "axbc";
   std::vector<uint32_t> ids;
-  for (const size_t i : {0, 1, 2, 0, 3}) oxEventRegisterCallback(mark, &letters[i], &ids.emplace_back());
+  for (const size_t i : {0u, 1u, 2u, 0u, 3u}) oxEventRegisterCallback(mark, &letters[i], &ids.emplace_back());
   Start();
   EXPECT_EQ((Texts{called(), Got(oxEventUnregisterCallback(ids[0])), called()}), (Texts{"0 axbac", kOk, "0 xbac"}));
   EXPECT_EQ((Texts{Got(oxEventUnregisterCallback(ids[0])), called()}), (Texts{kNoCallback, "0 xbac"}));
@@ -273,8 +294,80 @@ TEST_F(oxEventApi, WritesCsvRowsWhole) {
     wrong += !ReadFile(csv_).ends_with("\n") || !ReadFile(csv2_).ends_with(end);
   };
   Start({{"sink\\csv\\x\\enabled", "1"}, {"sink\\csv\\x\\path", csv2_}, {"sink\\csv\\x\\flush_each_event", "1"}});
-  for (size_t i = 0; i < 200; ++i) EXPECT_EQ(Send(std::string(i == 99 ? 100000 : i * i % 997 + 1, 'x')), 0u);
-  EXPECT_FALSE(oxEventShutdown() || wrong);
+  for (size_t i = 0; i < 150; ++i) EXPECT_EQ(Send(std::string(i == 140 ? 100000 : i * i % 997 + 1, 'x')), 0u);
+  EXPECT_FALSE(oxEventFlush(0) || wrong);
 }
+
+TEST_F(oxEventApi, LosesNothingWhileEverythingMoves) {
+  std::atomic<bool> done = false;
+  Start({{"core\\queue_size", "20000"}});
+  auto others = OnThreads([&done](char name) {
+    const oxEventCallback nothing = [](const oxEventRecord*, void*) {};
+    for (uint32_t id = 0; !done;) {
+      EXPECT_FALSE(name == 'a' ? oxEventFlush(0) : oxEventReloadConfig(nullptr));
+      EXPECT_FALSE(oxEventRegisterCallback(nothing, nullptr, &id) || oxEventUnregisterCallback(id));
+    }
+  });
+  OnThreads([](char name) {
+    for (size_t i = 0; i < 5000; ++i) EXPECT_EQ(Send(name + std::to_string(i)), 0u);
+  });
+  std::vector<std::string> messages = recorder_.Messages(20000), rows;
+  done = true;
+  for (const auto& other : others) other.wait();
+  EXPECT_EQ(oxEventShutdown(), 0u);
+  EXPECT_EQ(messages.size(), 20000u);
+  std::map<char, size_t> next;  // Each thread's events in the order in which it sent them.
+  for (const std::string& text : messages) EXPECT_EQ(text.substr(1), std::to_string(next[text[0]]++));
+  for (const auto& row : ReadCsv(csv_)) rows.push_back(row.at(11));
+  messages.insert(messages.begin(), "message");
+  EXPECT_TRUE(rows == messages);
+}
+
+#ifndef OXEVENT_SANITIZED
+TEST_F(oxEventApi, AllocatesNothingInTheSteadyState) {
+  static std::mutex gate;
+  static size_t calls = 0, worker = 0;  // The worker's allocations, as the last call saw them.
+  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = {AF_UNIX, "/dev/log"};
+  const bool native = bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  auto lines = std::async(std::launch::async, [log, count = 0u, line = std::string(2048, 0)]() mutable {
+    while (recv(log, line.data(), line.size(), 0) > 0) ++count;
+    return count;
+  });
+  const auto note = [](const oxEventRecord*, void*) {
+    const std::lock_guard lock(gate);
+    ++calls, worker = t_allocations;
+  };
+  Start({{"sink\\native\\main\\enabled", native ? "1" : "0"}, {"core\\queue_size", "10000"}});
+  EXPECT_FALSE(oxEventUnregisterCallback(id_) || oxEventRegisterCallback(note, nullptr, &id_));
+  const std::string text(300, 'x'), steps[] = {"raise", "raise", "update", "repeat", "clear"};
+  oxEventRecord record = {152, 65536, 0, "type", "source", "name", "", 2, "", "", "", 0, 0, 0, "", 0, 0, "V", 0, "{}"};
+  size_t caller = 0, sent = 0;
+  const auto cycle = [&](size_t varied) {
+    for (size_t i = 0; i < 250; ++i) {  // Five actions on each of fifty keys, the clear after the repeat interval.
+      const std::string key = std::string(40, 'k') + std::to_string(10 + i % 50);
+      record.action = steps[i / 50].c_str(), record.dedupe_key = key.c_str();
+      record.message = text.c_str() + sent++ * 7 % varied;
+      record.utc_ns = 1 + i / 150 * 4000000000000, record.value = static_cast<double>(i / 50);
+      const size_t before = t_allocations;
+      EXPECT_EQ(oxEventSubmit(&record), 0u);
+      EXPECT_EQ(varied == 1 ? oxEventSubmit(&record) : oxEventSubmitSimple(0, 1, "name", record.message), 0u);
+      caller += t_allocations - before;
+    }
+  };
+  for (size_t round = 0; round < 3;
+       ++round, oxEventFlush(0)) {  // Warm up with the longest texts and a deeper queue than ever later.
+    const std::lock_guard lock(gate);
+    cycle(1), cycle(1);
+  }
+  const std::pair warm(caller, worker);
+  for (size_t round = 0; round < 20; ++round, oxEventFlush(0)) cycle(250);
+  EXPECT_TRUE(warm.first > 0 && warm.second > 0);
+  EXPECT_EQ(std::pair(caller, worker), warm);
+  EXPECT_EQ(oxEventShutdown(), 0u);
+  shutdown(log, SHUT_RDWR), lines.wait(), close(log);
+  EXPECT_TRUE(!native || (unlink(address.sun_path) == 0 && lines.get() >= calls));
+}
+#endif
 
 }  // namespace

@@ -1,13 +1,18 @@
+// The queue and the state against models of their own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <deque>
+#include <map>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "core/oxEventQueue.h"
+#include "core/oxEventState.h"
 
 using namespace std::chrono_literals;
 
@@ -33,7 +38,7 @@ uint64_t Pop(oxEventQueue* queue, oxEventNormalizedEvent* out) {
 }
 
 // What the queue does, without a thought for speed or threads.
-struct Model {
+struct QueueModel {
   std::deque<uint64_t> pending = {};
   uint32_t capacity = 1, active = 0;
   bool debug_info_first = false, accepting = false, stop = false;
@@ -62,7 +67,7 @@ TEST(oxEventQueue, DoesAsTheModelDoes) {
     const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() >> 8) % n; };
     oxEventQueue queue;
     oxEventNormalizedEvent out;
-    Model model;
+    QueueModel model;
     for (int step = 0; step < 80; ++step) {
       const uint32_t id = below(900) + 1, size = below(30) == 0 ? 0xFFFFFFFF : below(7) * bulk;
       const auto policy = static_cast<oxEventDropPolicy>(below(2));
@@ -101,17 +106,6 @@ TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
   }
 }
 
-TEST(oxEventQueue, WakesTheWorkerForEachEventAndForTheStop) {
-  oxEventQueue queue;
-  queue.Start(1, oxEventDropPolicy::kDropNewest);
-  oxEventNormalizedEvent out;  // The worker's; a flush hands it over.
-  std::jthread worker([&] {
-    while (queue.WaitPop(&out)) queue.CompleteActiveEvent();
-  });
-  for (uint64_t id = 1; id < 3000; ++id) EXPECT_TRUE(Enqueue(&queue, id) && !queue.Flush(0) && out.event_id == id);
-  queue.RequestStop();
-}
-
 TEST(oxEventQueue, KeepsNoMemoryOfLongTexts) {
   oxEventQueue queue;
   queue.Start(1, oxEventDropPolicy::kDropDebugInfoFirst);
@@ -119,6 +113,91 @@ TEST(oxEventQueue, KeepsNoMemoryOfLongTexts) {
   EXPECT_TRUE(Enqueue(&queue, 5, 1 << 20) && Pop(&queue, &out) && Enqueue(&queue, 5, 1 << 20));
   EXPECT_TRUE(Enqueue(&queue, 7) && Pop(&queue, &out) && Enqueue(&queue, 8) && Pop(&queue, &fresh));
   EXPECT_LE(std::max({out.message.capacity(), fresh.message.capacity(), fresh.details_json.capacity()}), 4096u);
+}
+
+using Event = oxEventNormalizedEvent;
+constexpr uint64_t kSecond = 1'000'000'000;
+
+std::string Signature(const Event& e, const std::string& action) {
+  std::ostringstream text;
+  text << e.event_type << '\n' << e.source_id << '\n' << e.source_name << '\n' << e.message << '\n' << e.severity;
+  text << '\n' << action << '\n' << e.dedupe_key << '\n' << e.correlation_id << '\n' << e.pts << '\n' << e.timecode;
+  text << '\n' << e.value << '\n' << e.threshold << '\n' << e.units << '\n' << e.duration_ms << '\n';
+  return text.str() + e.details_json + '\n';
+}
+
+// What becomes of an event: "+" routed, "-" not; "s" stored, "r" removed; then the new action, if any.
+const std::map<std::string, std::string> kTable = {
+    {"raise new", "+s"},      {"raise early", "-"},  {"raise late", "+srepeat"}, {"update new", "+sraise"},
+    {"update changed", "+s"}, {"update early", "-"}, {"update late", "+s"},      {"repeat new", "-"},
+    {"repeat early", "-"},    {"repeat late", "+s"}, {"clear new", "-"},         {"clear known", "-r"},
+    {"orphan clear", "+"},    {"sent clear", "+r"}};
+
+// Goes by the table, on texts and ordered maps.
+struct StateModel {
+  oxEventConfig config = {};
+  std::map<std::string, std::pair<std::string, uint64_t>> active = {};  // Signature and last sent by key.
+  std::map<std::string, int> reached = {};                              // By row.
+
+  bool Evaluate(const Event& event, Event* out) {
+    std::string action = event.action;
+    for (char& c : action) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c);
+    const std::string key = event.dedupe_key.empty() ? event.source_id + ":" + event.event_type : event.dedupe_key;
+    *out = event;
+    if (!config.state_enabled || !config.dedupe_enabled || kTable.count(action + " new") == 0) return true;
+    const bool known = active.count(key) != 0;
+    const auto [signature, last] = known ? active[key] : std::pair<std::string, uint64_t>();
+    const uint64_t interval = config.default_repeat_interval_sec * kSecond;
+    const bool late = interval == 0 || last == 0 || last > event.utc_ns || event.utc_ns - last >= interval;
+    const bool changed = action == "update" && Signature(event, action) != signature;
+    std::string row = action + (!known ? " new" : changed ? " changed" : late ? " late" : " early");
+    if (action == "clear" && known) row = config.send_clear ? "sent clear" : "clear known";
+    if (action == "clear" && !known && config.route_orphan_clear) row = "orphan clear";
+    ++reached[row];
+    const std::string& outcome = kTable.at(row);
+    if (outcome.size() > 2) out->action = outcome.substr(2);
+    if (outcome[1] == 's') active[key] = {Signature(event, action), event.utc_ns};
+    if (outcome[1] == 'r') active.erase(key);
+    return outcome[0] == '+';
+  }
+};
+
+TEST(oxEventState, DoesAsTheModelDoes) {
+  StateModel model;
+  for (uint32_t seed = 1; seed < 4000 && !HasFailure(); ++seed) {
+    std::minstd_rand random(seed);
+    const auto pick = [&](auto... choices) { return std::data({choices...})[(random() >> 8) % sizeof...(choices)]; };
+    oxEventState state;
+    Event out, expected;
+    uint64_t now = 1800 * kSecond;
+    for (int step = 0; step < 60; ++step) {
+      if (step == 0 || pick(0, 0, 0, 0, 0, 0, 0, 1)) {
+        model.config.state_enabled = pick(1, 1, 1, 1, 1, 0), model.config.dedupe_enabled = pick(1, 1, 1, 1, 1, 0);
+        model.config.send_clear = pick(true, false), model.config.route_orphan_clear = pick(true, false);
+        model.config.default_repeat_interval_sec = pick(0u, 1u, 1800u, 1800u, 0xFFFFFFFFu);
+        state.Configure(model.config);
+        if (step == 0 || pick(0, 0, 1)) state.Reset(), model.active.clear();
+      }
+      now += pick(0ul, 1ul, kSecond - 1, kSecond, 900 * kSecond, 1800 * kSecond - 1, 1800 * kSecond);
+      Event event;
+      event.event_id = event.ptp_ns = random();
+      event.utc_ns = pick(now, now, now, now, now, now, 0ul, now - 1, now - kSecond, ~0ul);
+      event.action = pick("raise", "RAISE", "update", "update", "Update", "clear", "cleaR", "repeat", "", "rais\xC5");
+      event.dedupe_key = pick("", "k", "k", "k:");
+      event.*pick(&Event::event_type, &Event::source_id, &Event::source_name, &Event::message, &Event::units,
+                  &Event::timecode, &Event::correlation_id, &Event::details_json) = pick("", "", "k", "\n");
+      if (pick(0, 0, 1)) {
+        event.*pick(&Event::value, &Event::threshold) = pick(0.0, 0.0, 0.0, -0.0, 1.0000001, 1.00001, std::nan(""));
+        event.severity = pick(1u, 1u, 1u, 9u), event.pts = pick(0, 0, 0, -1), event.duration_ms = pick(0u, 0u, 1u);
+      }
+      bool route = false;
+      const bool expected_route = model.Evaluate(event, &expected);
+      ASSERT_EQ(state.Evaluate(event, &out, &route), OXEVENT_OK);
+      const auto text = [](const Event& e) { return Signature(e, e.action) + std::to_string(e.utc_ns + e.ptp_ns); };
+      EXPECT_EQ(std::pair(route, text(out)), std::pair(expected_route, text(expected))) << seed << " " << step;
+    }
+  }
+  for (const auto& [row, outcome] : kTable) EXPECT_GT(model.reached[row], 500) << row;
 }
 
 }  // namespace
