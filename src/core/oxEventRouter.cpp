@@ -106,7 +106,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   return result;
 }
 
-uint32_t oxEventRouter::ReloadConfig(std::shared_ptr<const oxEventConfig> config) {
+uint32_t oxEventRouter::ReloadConfig(const std::shared_ptr<const oxEventConfig>& config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
   SharedRun run;
   {
@@ -201,8 +201,8 @@ uint32_t oxEventCoreSubmit(const oxEventView& event) { return g_router->Submit(e
 
 uint32_t oxEventCoreFlush(uint32_t timeout_ms) { return g_router->Flush(timeout_ms); }
 
-uint32_t oxEventCoreReloadConfig(std::shared_ptr<const oxEventConfig> config) {
-  return g_router->ReloadConfig(std::move(config));
+uint32_t oxEventCoreReloadConfig(const std::shared_ptr<const oxEventConfig>& config) {
+  return g_router->ReloadConfig(config);
 }
 
 oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }

@@ -49,7 +49,7 @@ class oxEventRouter {
   uint32_t Stop(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   // Keeps queued events, as far as they fit, and raised conditions.
-  uint32_t ReloadConfig(std::shared_ptr<const oxEventConfig> config) OX_EXCLUDES(mutex_);
+  uint32_t ReloadConfig(const std::shared_ptr<const oxEventConfig>& config) OX_EXCLUDES(mutex_);
 
   // Frees the runs whose worker has returned from the callback that stopped it. With no lock held: what that thread has
   // left to do is its host's.
@@ -89,7 +89,7 @@ uint32_t oxEventCoreStart(std::shared_ptr<const oxEventConfig> config);
 uint32_t oxEventCoreStop(uint32_t timeout_ms);
 uint32_t oxEventCoreSubmit(const oxEventView& event);
 uint32_t oxEventCoreFlush(uint32_t timeout_ms);
-uint32_t oxEventCoreReloadConfig(std::shared_ptr<const oxEventConfig> config);
+uint32_t oxEventCoreReloadConfig(const std::shared_ptr<const oxEventConfig>& config);
 oxEventCounters oxEventCoreGetCounters();
 void oxEventCoreReap();
 void oxEventCoreClose();
