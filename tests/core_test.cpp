@@ -1,7 +1,8 @@
-// The queue and the state against models of their own.
+// The queue and the state against models of their own, and the router's counters.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -12,7 +13,9 @@
 #include <thread>
 
 #include "core/oxEventQueue.h"
+#include "core/oxEventRouter.h"
 #include "core/oxEventState.h"
+#include "sinks/oxEventSinkSet.h"
 
 using namespace std::chrono_literals;
 
@@ -198,6 +201,36 @@ TEST(oxEventState, DoesAsTheModelDoes) {
     }
   }
   for (const auto& [row, outcome] : kTable) EXPECT_GT(model.reached[row], 500) << row;
+}
+
+TEST(oxEventRouter, CountsEachEventOnce) {
+  static std::atomic<int> held;  // 1: in the callback; 2: let go.
+  const auto callback = [](const oxEventRecord* event, void*) {
+    if (event->message[0] == 'x') throw 1;
+    if (event->message[0] == 'g') held = 1, held.notify_all(), held.wait(1);
+  };
+  const auto submit = [](const char* message, uint32_t severity, const char* action = "") {
+    oxEventView event;
+    event.message = message, event.severity = severity, event.action = action, event.utc_ns = 1;
+    return oxEventCoreSubmit(event);
+  };
+  const auto counts = [] {
+    const oxEventCounters c = oxEventCoreGetCounters();
+    return std::array<uint64_t, 4>{c.submitted, c.emitted, c.dropped, c.sink_failures};
+  };
+  oxEventConfig config;
+  const auto shared = [&](uint32_t size) { return config.queue_size = size, std::make_shared<oxEventConfig>(config); };
+  uint32_t id = 0;
+  EXPECT_EQ(oxEventSinkInitialize(config) | oxEventSinkRegisterCallback(callback, nullptr, &id), 0u);
+  EXPECT_EQ(oxEventCoreStart(shared(4)) | submit("low", 0) | submit("gate", 1), 0u);
+  held.wait(0);
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(submit("full", 2), 0u);
+  EXPECT_EQ(counts(), (std::array<uint64_t, 4>{8, 0, 3, 0}));  // One below the minimum, two that found it full.
+  EXPECT_EQ(oxEventCoreReloadConfig(shared(1)), 0u);           // Three more do not fit.
+  held = 2, held.notify_all();
+  for (const char* action : {"raise", "raise", "ack"}) EXPECT_EQ(oxEventCoreFlush(0) | submit("x", 1, action), 0u);
+  EXPECT_EQ(oxEventCoreStop(9999) | oxEventSinkShutdown(), 0u);
+  EXPECT_EQ(counts(), (std::array<uint64_t, 4>{11, 4, 7, 2}));
 }
 
 }  // namespace

@@ -324,15 +324,18 @@ TEST_F(oxEventApi, LosesNothingWhileEverythingMoves) {
 }
 
 #ifndef OXEVENT_SANITIZED
-TEST_F(oxEventApi, AllocatesNothingInTheSteadyState) {
+TEST_F(oxEventApi, AllocatesNothingAndWritesTheSystemLog) {
   static std::mutex gate;
   static size_t calls = 0, worker = 0;  // The worker's allocations, as the last call saw them.
   const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const sockaddr_un address = {AF_UNIX, "/dev/log"};
   const bool native = bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  auto lines = std::async(std::launch::async, [log, count = 0u, line = std::string(2048, 0)]() mutable {
-    while (recv(log, line.data(), line.size(), 0) > 0) ++count;
-    return count;
+  auto lines = std::async(std::launch::async, [log] {
+    Texts all;  // The priority, and what comes behind the stamp and the process.
+    for (std::string line(2048, 0); recv(log, line.data(), line.size(), 0) > 0; line.assign(2048, 0)) {
+      all.push_back(line.substr(0, 5) + line.substr(line.find("]: ") + 3).c_str());
+    }
+    return all;
   });
   const auto note = [](const oxEventRecord*, void*) {
     const std::lock_guard lock(gate);
@@ -364,9 +367,16 @@ TEST_F(oxEventApi, AllocatesNothingInTheSteadyState) {
   for (size_t round = 0; round < 20; ++round, oxEventFlush(0)) cycle(250);
   EXPECT_TRUE(warm.first > 0 && warm.second > 0);
   EXPECT_EQ(std::pair(caller, worker), warm);
-  EXPECT_EQ(oxEventShutdown(), 0u);
+  record = {152, 65536, 7, "t", "", "n", "5 %s\n", 2, "a", "k", "c", 0, 0, 0, "", 0, 0, "", 0, ""};
+  EXPECT_EQ(oxEventSubmit(&record) | oxEventSubmitSimple(8, 3, "", "m") | oxEventShutdown(), 0u);
   shutdown(log, SHUT_RDWR), lines.wait(), close(log);
-  EXPECT_TRUE(!native || (unlink(address.sun_path) == 0 && lines.get() >= calls));
+  if (!native) return;
+  const Texts all = lines.get(), last(all.end() - 2, all.end());
+  EXPECT_TRUE(unlink(address.sun_path) == 0 && all.size() == calls);
+  EXPECT_EQ(last, (Texts{"<164>oxEvent event_id=7 severity=warning action=a event_type=t source_id=- source_name=n "
+                         "native_source=oxEvent message=\"5 %s\n\" dedupe_key=k correlation_id=c",
+                         "<163>oxEvent event_id=8 severity=error action=- event_type=simple source_id=- source_name=- "
+                         "native_source=oxEvent message=\"m\" details_json={}"}));
 }
 #endif
 

@@ -14,7 +14,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <utility>
 
 namespace fs = std::filesystem;
 using std::string_literals::operator""s;
@@ -99,25 +98,6 @@ TEST_F(oxCFG, RefusesWhatIsNoStoreAndLeavesIt) {
   for (const char* name : {"store.xml", "fifo", "missing", ".", "/dev/zero"}) {
     EXPECT_EQ(oxCFGOpen((folder_ / name).c_str(), 0), nullptr) << name;
   }
-}
-
-TEST_F(oxCFG, WritesOneElementPerLine) {
-  const Store store = Open(" \r\n\t");
-  uint32_t size = 1024;
-  EXPECT_TRUE(Add(store, "\\A\\\\B\\", "") && Add(store, "A", "") && Add(store, "", "\""));
-  EXPECT_EQ(oxCFGValueDword(store.get(), "A\\B", "size", &size, 1), 0u);
-  EXPECT_TRUE(Set(store, "A\\\\B", "empty", "") && !Set(store, "missing", "a", "b") && Save(store));
-  EXPECT_EQ(Read(), R"(<?xml version="1.0" encoding="UTF-8"?>
-<config>
-  <key name="A">
-    <key name="B">
-      <value name="size">1024</value>
-      <value name="empty"/>
-    </key>
-  </key>
-  <key name="&quot;"/>
-</config>
-)");
 }
 
 TEST_F(oxCFG, KeepsWhatItDoesNotSet) {

@@ -132,11 +132,6 @@ void oxEventRouter::Reap() {
   for (const SharedRun& run : ended) run->JoinWorker();
 }
 
-std::shared_ptr<const oxEventConfig> oxEventRouter::GetConfig() {
-  oxEventLock lock(mutex_);
-  return config_;
-}
-
 oxEventCounters oxEventRouter::GetCounters() {
   SharedRun run;
   {

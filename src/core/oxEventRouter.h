@@ -55,9 +55,6 @@ class oxEventRouter {
   // left to do is its host's.
   void Reap() OX_EXCLUDES(mutex_);
 
-  // Null when not running.
-  std::shared_ptr<const oxEventConfig> GetConfig() OX_EXCLUDES(mutex_);
-
   // Of this run, or of the last one. Not one atomic snapshot.
   oxEventCounters GetCounters() OX_EXCLUDES(mutex_);
 

@@ -90,8 +90,6 @@ void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::stri
   AppendLine(signature, event.details_json);
 }
 
-std::string oxEventState::ActionName(std::string_view action) { return oxEventAsciiLower(action); }
-
 oxEventState::Action oxEventState::ActionOf(std::string_view action) {
   constexpr std::pair<std::string_view, Action> kActions[] = {
       {"raise", Action::kRaise}, {"update", Action::kUpdate}, {"repeat", Action::kRepeat}, {"clear", Action::kClear}};

@@ -36,8 +36,6 @@ class oxEventState {
   // Two reports of a condition are the same when their signatures are: every field but id and time stamps.
   static void BuildSignature(const oxEventNormalizedEvent& event, std::string* signature);
 
-  static std::string ActionName(std::string_view action);  // Lower-cased.
-
  private:
   struct ActiveEvent {
     std::string signature;      // Of the last event forwarded.
