@@ -1,5 +1,5 @@
 /*
- * oxutil: the companion library of oxEvent: settings store, directories, clocks.
+ * oxutil: the companion library of oxEvent: settings store, directories, clocks, HTTP.
  *
  * Plain C, no exception escapes. Functions that return a result code return 0 for success. A store handle is used by
  * one thread at a time; everything else may be called from any thread. Texts are NUL-terminated bytes, taken and given
@@ -103,6 +103,31 @@ OXUTIL_API uint64_t oxOSGetTimePTPNano(void);
 
 /* Milliseconds of CLOCK_MONOTONIC, modulo 2^32. */
 OXUTIL_API uint32_t oxOSGetMs(void);
+
+/*
+ * Makes one HTTP/1.1 request (RFC 9110, 9112) over http or https and waits for the whole answer, at most timeout_ms
+ * milliseconds: name lookup, connection, TLS and every stall included; 0 is over at once. Non-zero: the answer came and
+ * its status is 2xx.
+ *
+ * url, method: as for any HTTP client; a redirect is an answer and not followed, the environment's proxies are not
+ * used. headers: lines "Name: value" with one byte 0xA7 between two of them (within a UTF-8 sequence that byte is
+ * text); null: none. A CR or LF in it makes the request fail with nothing sent. A line without a name and a colon is
+ * passed over, and so are Content-Length, Transfer-Encoding and Expect. Two names are directions that are obeyed and
+ * not sent, the first of each:
+ *   X-oxEvent-TLS-Verify: 0             accepts any certificate, which otherwise must be the host's by the system's
+ *                                       certificates
+ *   X-oxEvent-Connect-Timeout-Ms: 2000  limits name lookup, connection and TLS together
+ * body: body_length bytes; null for none.
+ *
+ * status and response may be null. *status receives the answer's status, 0 without an answer. *response receives the
+ * answer's text, of any status, cut to 64 KiB (the rest is not read), NUL-terminated, for OXFree; null without one.
+ *
+ * Connections are kept for the next request to the same place, of any thread; one that turns out to be closed before
+ * any byte of an answer is the one case in which a request is sent again. Raises no signal. Once the process runs its
+ * exit handlers, https fails at once.
+ */
+OXUTIL_API int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body,
+                                   int32_t body_length, char** response, int32_t* status, uint32_t timeout_ms);
 
 #ifdef __cplusplus
 }

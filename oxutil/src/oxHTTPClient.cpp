@@ -1,0 +1,175 @@
+#include "oxHTTPClient.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <new>
+#include <string_view>
+
+#include "oxHTTPLookup.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr long kMaxConnections = 16;  // Kept by one client: more endpoints than a host has.
+constexpr long kMaxWaitMs = 1000;
+
+// Rounded up: a wait of 0 until the deadline would be a busy one.
+long MsUntil(Clock::time_point time) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now()).count();
+  return static_cast<long>(std::max<decltype(left)>(left, 0));
+}
+
+size_t OnHeader(char* /*bytes*/, size_t size, size_t count, void* answer_of) {
+  auto* answer = static_cast<oxHTTPAnswer*>(answer_of);
+  answer->header_length += size * count;
+  return answer->header_length <= oxHTTPAnswer::kMaxHeader ? size * count : CURL_WRITEFUNC_ERROR;
+}
+
+size_t OnText(char* bytes, size_t size, size_t count, void* answer_of) {
+  auto* answer = static_cast<oxHTTPAnswer*>(answer_of);
+  const size_t kept = std::min(size * count, oxHTTPAnswer::kMaxText - answer->text.size());
+  answer->cut = kept < size * count;
+  try {
+    answer->text.append(bytes, kept);
+  } catch (const std::bad_alloc&) {
+    return CURL_WRITEFUNC_ERROR;
+  }
+  return answer->cut ? CURL_WRITEFUNC_ERROR : kept;
+}
+
+curl_socket_t OnOpenSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+template <class T>
+T* OrThrow(T* made) {
+  if (made == nullptr) throw std::bad_alloc();
+  return made;
+}
+
+template <class Value>
+void Set(CURL* easy, CURLoption option, Value value) {
+  if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+}
+
+struct UrlFree {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+bool IsAddress(const std::string& host) {
+  in_addr address;
+  return host.starts_with('[') || inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+std::string PartOf(CURLU* url, CURLUPart part, unsigned flags) {
+  char* text = nullptr;
+  if (curl_url_get(url, part, &text, flags) != CURLUE_OK) return "";
+  const std::unique_ptr<char, decltype(&curl_free)> owner(text, curl_free);
+  return text;
+}
+
+}  // namespace
+
+oxHTTPClient::oxHTTPClient() : multi_(OrThrow(curl_multi_init())), easy_(curl_easy_init()) {
+  if (easy_ == nullptr) {
+    curl_multi_cleanup(multi_);
+    throw std::bad_alloc();
+  }
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kMaxConnections);
+  Set(easy_, CURLOPT_NOSIGNAL, 1L);
+  Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+  Set(easy_, CURLOPT_PROXY, "");  // Not the environment's.
+  Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  Set(easy_, CURLOPT_OPENSOCKETFUNCTION, OnOpenSocket);
+  Set(easy_, CURLOPT_HEADERFUNCTION, OnHeader);
+  Set(easy_, CURLOPT_WRITEFUNCTION, OnText);
+  Set(easy_, CURLOPT_RESOLVER_START_FUNCTION, OnLookup);
+  Set(easy_, CURLOPT_RESOLVER_START_DATA, this);
+}
+
+oxHTTPClient::~oxHTTPClient() {
+  curl_easy_cleanup(easy_);
+  curl_multi_cleanup(multi_);
+}
+
+// libcurl asks for addresses only where no kept connection serves. Its own lookup of a name could not be left behind at
+// the deadline: the exchange is given up, and begun again with the addresses.
+int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
+  auto* client = static_cast<oxHTTPClient*>(self);
+  client->lookup_wanted_ = !IsAddress(client->host_);
+  return client->lookup_wanted_ ? 1 : 0;
+}
+
+bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
+  if (!SetTarget(request.url)) return false;
+  Prepare(request, answer);
+  CURLcode result = Exchange(request);
+  if (lookup_wanted_) {
+    const oxHTTPList addresses = LookUp(request);
+    if (addresses == nullptr) return false;
+    Set(easy_, CURLOPT_RESOLVE, addresses.get());
+    result = Exchange(request);
+    Set(easy_, CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
+  }
+  if (result != CURLE_OK && !answer->cut) return false;
+  return curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &answer->status) == CURLE_OK;
+}
+
+// Taken apart only when it changes.
+bool oxHTTPClient::SetTarget(const char* url) {
+  if (url == url_) return true;
+  url_.clear();
+  const std::unique_ptr<CURLU, UrlFree> parts(OrThrow(curl_url()));
+  if (curl_url_set(parts.get(), CURLUPART_URL, url, 0) != CURLUE_OK) return false;
+  host_ = PartOf(parts.get(), CURLUPART_HOST, CURLU_PUNYCODE);
+  port_ = PartOf(parts.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
+  Set(easy_, CURLOPT_URL, url);
+  url_ = url;
+  return true;
+}
+
+void oxHTTPClient::Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
+  const std::string_view method = request.method;
+  if (request.body_length != 0 || method == "POST" || method == "PUT" || method == "PATCH") {
+    Set(easy_, CURLOPT_POST, 1L);
+    Set(easy_, CURLOPT_POSTFIELDS, request.body == nullptr ? "" : request.body);
+    Set(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body_length));
+  } else {
+    Set(easy_, CURLOPT_HTTPGET, 1L);
+    Set(easy_, CURLOPT_NOBODY, method == "HEAD" ? 1L : 0L);
+  }
+  Set(easy_, CURLOPT_CUSTOMREQUEST, request.method);
+  Set(easy_, CURLOPT_HTTPHEADER, request.header.get());
+  Set(easy_, CURLOPT_SSL_VERIFYPEER, request.verify_tls ? 1L : 0L);
+  Set(easy_, CURLOPT_SSL_VERIFYHOST, request.verify_tls ? 2L : 0L);
+  Set(easy_, CURLOPT_HEADERDATA, answer);
+  Set(easy_, CURLOPT_WRITEDATA, answer);
+}
+
+CURLcode oxHTTPClient::Exchange(const oxHTTPRequest& request) {
+  lookup_wanted_ = false;
+  // 0 would be libcurl's own limit.
+  Set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(MsUntil(request.connect_deadline), 1L));
+  if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) throw std::bad_alloc();
+  CURLcode result = CURLE_OPERATION_TIMEDOUT;
+  int running = 1;
+  while (curl_multi_perform(multi_, &running) == CURLM_OK && running != 0) {
+    const long left = MsUntil(request.deadline);
+    if (left == 0) break;
+    curl_multi_poll(multi_, nullptr, 0, static_cast<int>(std::min(left, kMaxWaitMs)), nullptr);
+  }
+  int queued = 0;
+  if (const CURLMsg* message = curl_multi_info_read(multi_, &queued)) result = message->data.result;
+  curl_multi_remove_handle(multi_, easy_);
+  return result;
+}
+
+// The entry that libcurl keeps for a minute; null: no address in time.
+oxHTTPList oxHTTPClient::LookUp(const oxHTTPRequest& request) {
+  const std::string addresses = oxHTTPLookup(host_, std::min(request.deadline, request.connect_deadline));
+  if (addresses.empty()) return nullptr;
+  return oxHTTPList(OrThrow(curl_slist_append(nullptr, ("+" + host_ + ":" + port_ + ":" + addresses).c_str())));
+}

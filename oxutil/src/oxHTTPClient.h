@@ -1,0 +1,74 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+struct oxHTTPListFree {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using oxHTTPList = std::unique_ptr<curl_slist, oxHTTPListFree>;
+
+// One request. Texts belong to the caller and outlive it.
+struct oxHTTPRequest {
+  const char* url = nullptr;
+  const char* method = nullptr;
+  const char* body = nullptr;
+  size_t body_length = 0;
+  oxHTTPList header;  // As libcurl takes it.
+  bool https = false;
+  bool verify_tls = true;
+  std::chrono::steady_clock::time_point deadline;          // Of the whole exchange.
+  std::chrono::steady_clock::time_point connect_deadline;  // Until the connection stands, TLS included.
+};
+
+// What a server answered.
+struct oxHTTPAnswer {
+  static constexpr size_t kMaxHeader = 64 * 1024;  // Interim answers included. A longer one is no answer.
+  static constexpr size_t kMaxText = 64 * 1024;    // A longer text is cut, and the rest not read.
+  long status = 0;
+  size_t header_length = 0;
+  bool cut = false;
+  std::string text;
+};
+
+// A libcurl handle with the connections that it keeps (RFC 9112, section 9.3). Threads: one at a time.
+class oxHTTPClient {
+ public:
+  // Throws std::bad_alloc.
+  oxHTTPClient();
+  ~oxHTTPClient();
+  oxHTTPClient(const oxHTTPClient&) = delete;
+  oxHTTPClient& operator=(const oxHTTPClient&) = delete;
+
+  // True: the answer is there, whatever its status. Never later than the deadline. Throws std::bad_alloc.
+  bool Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer);
+
+ private:
+  bool SetTarget(const char* url);
+  void Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer);
+  CURLcode Exchange(const oxHTTPRequest& request);
+  oxHTTPList LookUp(const oxHTTPRequest& request);
+  static int OnLookup(void* state, void* reserved, void* self);
+
+  CURLM* const multi_;
+  CURL* const easy_;
+  std::string url_;  // The last one, and its parts.
+  std::string host_;
+  std::string port_;
+  bool lookup_wanted_ = false;
+};
+
+// The clients between requests, with their connections. Any thread.
+namespace oxHTTPClients {
+
+// A client for one request. Null while the process ends, when TLS is over, and without memory for libcurl.
+std::unique_ptr<oxHTTPClient> Take(const oxHTTPRequest& request);
+
+// Ends the request.
+void GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client);
+
+}  // namespace oxHTTPClients

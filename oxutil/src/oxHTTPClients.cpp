@@ -1,0 +1,92 @@
+#include <pthread.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "oxHTTPClient.h"
+#include "oxHTTPLookup.h"
+#include "oxHTTPPipeSignal.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMaxIdle = 8;  // Clients that wait with their connections for the next request.
+
+struct Clients {
+  std::mutex mutex;
+  // Guarded by mutex, all of them:
+  bool started = false;
+  bool tls_over = false;
+  int tls_requests = 0;            // Under way.
+  Clock::time_point tls_deadline;  // Of the longest of them.
+  std::condition_variable tls_done;
+  std::vector<std::unique_ptr<oxHTTPClient>> idle;
+};
+
+// Never destroyed: requests may still be made while the process exits.
+alignas(Clients) char g_storage[sizeof(Clients)];
+Clients& g_clients = *new (g_storage) Clients;
+
+// OpenSSL ends with the process's exit handlers, before the threads that may still use it are stopped. Registered after
+// its own handler, this one runs before it.
+void EndTls() {
+  const oxHTTPPipeSignalBlock block;
+  std::unique_lock lock(g_clients.mutex);
+  g_clients.tls_over = true;
+  const auto patience = g_clients.tls_deadline + std::chrono::milliseconds(100);
+  g_clients.tls_done.wait_until(lock, patience, [] { return g_clients.tls_requests == 0; });
+  g_clients.idle.clear();
+}
+
+void BeforeFork() { g_clients.mutex.lock(); }
+
+void AfterForkInParent() { g_clients.mutex.unlock(); }
+
+// The connections are the parent's, and so is the word to speak on them, even to take leave.
+void AfterForkInChild() {
+  for (auto& client : g_clients.idle) client.release();  // NOLINT(bugprone-unused-return-value)
+  g_clients.idle.clear();
+  g_clients.tls_requests = 0;
+  oxHTTPLookupForgetInChild();
+  g_clients.mutex.unlock();
+}
+
+bool StartLocked() {
+  if (g_clients.started) return true;
+  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
+  g_clients.idle.reserve(kMaxIdle);
+  g_clients.started = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0 && atexit(EndTls) == 0;
+  return g_clients.started;
+}
+
+}  // namespace
+
+std::unique_ptr<oxHTTPClient> oxHTTPClients::Take(const oxHTTPRequest& request) {
+  const std::lock_guard lock(g_clients.mutex);
+  if (!StartLocked() || (request.https && g_clients.tls_over)) return nullptr;
+  std::unique_ptr<oxHTTPClient> client;
+  if (g_clients.idle.empty()) {
+    client = std::make_unique<oxHTTPClient>();
+  } else {
+    client = std::move(g_clients.idle.back());  // The one used last: its connections are the freshest.
+    g_clients.idle.pop_back();
+  }
+  if (request.https) {
+    ++g_clients.tls_requests;
+    g_clients.tls_deadline = std::max(g_clients.tls_deadline, request.deadline);
+  }
+  return client;
+}
+
+void oxHTTPClients::GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client) {
+  const std::lock_guard lock(g_clients.mutex);
+  if (client != nullptr && g_clients.idle.size() < kMaxIdle) g_clients.idle.push_back(std::move(client));
+  if (!request.https) return;
+  --g_clients.tls_requests;
+  g_clients.tls_done.notify_all();
+}

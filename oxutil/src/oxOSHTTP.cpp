@@ -1,0 +1,190 @@
+// oxOSHTTPCommand: from its arguments to a request, and from the answer to its results.
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "oxHTTPClient.h"
+#include "oxHTTPPipeSignal.h"
+#include "oxutil.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kSeparator = '\xA7';  // Between two lines of the header block.
+
+constexpr char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return Lower(x) == Lower(y); });
+}
+
+// Bytes of the UTF-8 sequence that the text begins with (RFC 3629, section 4); 1 where it begins with none.
+size_t SequenceLength(std::string_view text) {
+  const auto byte = [text](size_t i) { return static_cast<unsigned char>(i < text.size() ? text[i] : '\0'); };
+  const auto continues = [byte](size_t i) { return (byte(i) & 0xC0) == 0x80; };
+  const unsigned lead = byte(0);
+  const unsigned second = byte(1);
+  if (lead >= 0xC2 && lead <= 0xDF && continues(1)) return 2;
+  if (lead >= 0xE0 && lead <= 0xEF && continues(1) && continues(2)) {
+    return (lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ? 1 : 3;
+  }
+  if (lead >= 0xF0 && lead <= 0xF4 && continues(1) && continues(2) && continues(3)) {
+    return (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F) ? 1 : 4;
+  }
+  return 1;
+}
+
+// Cuts the first line off the block. A separator's byte within a UTF-8 sequence is text.
+std::string_view NextLine(std::string_view* block) {
+  size_t end = 0;
+  while (end < block->size() && (*block)[end] != kSeparator) end += SequenceLength(block->substr(end));
+  const std::string_view line = block->substr(0, end);
+  block->remove_prefix(std::min(end + 1, block->size()));
+  return line;
+}
+
+std::string_view Trim(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t";
+  const size_t begin = text.find_first_not_of(kBlanks);
+  if (begin == text.npos) return {};
+  return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
+}
+
+// Reads the header block: directions to this client, and what goes to the server.
+class HeaderReader {
+ public:
+  // False when a line must not be sent.
+  bool Read(std::string_view block, oxHTTPRequest* request) {
+    if (block.find_first_of("\r\n") != block.npos) return false;
+    while (!block.empty()) Add(Trim(NextLine(&block)), request);
+    // libcurl would send these of its own accord.
+    for (const char* name : {"Accept", "Content-Type", "Expect"}) {
+      if (!Has(*request, name)) Append(std::string(name) + ":", request);
+    }
+    return true;
+  }
+
+  uint32_t connect_timeout_ms = 0;  // 0: as the whole exchange.
+
+ private:
+  void Add(std::string_view line, oxHTTPRequest* request) {
+    const size_t colon = line.find(':');
+    if (colon == 0 || colon == line.npos) return;  // No header line.
+    const std::string_view name = Trim(line.substr(0, colon));
+    const std::string_view value = Trim(line.substr(colon + 1));
+    if (Direct(name, value, request) || FramesMessage(name)) return;
+    Append(value.empty() ? std::string(name) + ";" : std::string(line), request);  // libcurl's way to send no value.
+  }
+
+  // The first direction of its kind holds: the caller's own stand before those that a user's settings add.
+  bool Direct(std::string_view name, std::string_view value, oxHTTPRequest* request) {
+    if (EqualsIgnoringCase(name, "X-oxEvent-TLS-Verify")) {
+      if (!std::exchange(verify_given_, true)) request->verify_tls = value != "0";
+      return true;
+    }
+    if (EqualsIgnoringCase(name, "X-oxEvent-Connect-Timeout-Ms")) {
+      if (!std::exchange(timeout_given_, true)) {
+        std::from_chars(value.data(), value.data() + value.size(), connect_timeout_ms);
+      }
+      return true;
+    }
+    return false;
+  }
+
+  // Tells where the message ends; for this client alone to say.
+  static bool FramesMessage(std::string_view name) {
+    const auto is = [name](std::string_view other) { return EqualsIgnoringCase(name, other); };
+    return is("Content-Length") || is("Transfer-Encoding") || is("Expect");
+  }
+
+  static bool Has(const oxHTTPRequest& request, std::string_view name) {
+    for (const curl_slist* line = request.header.get(); line != nullptr; line = line->next) {
+      const std::string_view text = line->data;
+      if (EqualsIgnoringCase(text.substr(0, text.find_first_of(":;")), name)) return true;
+    }
+    return false;
+  }
+
+  static void Append(const std::string& line, oxHTTPRequest* request) {
+    curl_slist* list = curl_slist_append(request->header.get(), line.c_str());
+    if (list == nullptr) throw std::bad_alloc();
+    request->header.release();  // NOLINT(bugprone-unused-return-value): `list` begins with it.
+    request->header.reset(list);
+  }
+
+  bool verify_given_ = false;
+  bool timeout_given_ = false;
+};
+
+// RFC 9110, section 5.6.2.
+bool IsToken(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    const char lower = Lower(c);
+    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || (c != '\0' && strchr("!#$%&'*+-.^_`|~", c));
+  });
+}
+
+bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
+  const oxHTTPPipeSignalBlock block;
+  std::unique_ptr<oxHTTPClient> client = oxHTTPClients::Take(request);
+  if (client == nullptr) return false;
+  bool answered = false;
+  try {
+    answered = client->Perform(request, answer);
+  } catch (const std::bad_alloc&) {
+    client.reset();  // Half prepared.
+  }
+  oxHTTPClients::GiveBack(request, std::move(client));
+  return answered;
+}
+
+char* CopyOf(const std::string& text) {
+  auto* copy = static_cast<char*>(malloc(text.size() + 1));
+  if (copy != nullptr) memcpy(copy, text.c_str(), text.size() + 1);
+  return copy;
+}
+
+bool Command(const char* url, const char* method, std::string_view header_block, std::string_view body, char** response,
+             int32_t* status, uint32_t timeout_ms) {
+  const auto now = Clock::now();
+  oxHTTPRequest request;
+  request.url = url;
+  request.method = method;
+  request.body = body.data();
+  request.body_length = body.size();
+  request.https = EqualsIgnoringCase(std::string_view(url).substr(0, 6), "https:");
+  HeaderReader header;
+  if (!header.Read(header_block, &request)) return false;
+  request.deadline = now + std::chrono::milliseconds(timeout_ms);
+  request.connect_deadline = request.deadline;
+  if (header.connect_timeout_ms != 0) {
+    request.connect_deadline = std::min(request.deadline, now + std::chrono::milliseconds(header.connect_timeout_ms));
+  }
+  oxHTTPAnswer answer;
+  if (!Exchange(request, &answer)) return false;
+  if (status != nullptr) *status = static_cast<int32_t>(answer.status);
+  if (response != nullptr) *response = CopyOf(answer.text);
+  return answer.status >= 200 && answer.status <= 299;
+}
+
+}  // namespace
+
+int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body, int32_t body_length,
+                        char** response, int32_t* status, uint32_t timeout_ms) {
+  if (response != nullptr) *response = nullptr;
+  if (status != nullptr) *status = 0;
+  if (url == nullptr || method == nullptr || !IsToken(method)) return 0;
+  if (body_length < 0 || (body == nullptr && body_length != 0) || timeout_ms == 0) return 0;
+  try {
+    return Command(url, method, headers == nullptr ? "" : headers, {body, static_cast<size_t>(body_length)}, response,
+                   status, timeout_ms);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+}
