@@ -13,6 +13,10 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+#include <string>
+#endif
+
 #if defined(__GNUC__)
 #define OXEVENT_API __attribute__((visibility("default")))
 #else
@@ -170,6 +174,31 @@ OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 
 #ifdef __cplusplus
 }
+#endif
+
+#ifdef __cplusplus
+/* Only for the std::string that the library is built with: that of libstdc++ with its C++11 ABI. */
+#if defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI
+
+struct oxEventAlertmanagerFormatterConfig {
+  bool send_resolved = true;                /* False: an event that ends a condition gives the empty list "[]". */
+  bool allow_source_label = false;          /* True: source_id becomes a label, and so part of the alert's identity. */
+  std::string alertname_prefix = "OxEvent"; /* Begins the alert's name; empty: "OxEvent". */
+};
+
+/*
+ * Formats a record as an Alertmanager document (API version 2, POST /api/v2/alerts): a list of one alert, in *out,
+ * which is the caller's. An event whose action is "clear", "resolve" or "resolved" ends the alert that has the same
+ * severity, type and, where it is a label, source. Needs no oxEventInitialize.
+ *
+ * OXEVENT_INVALID_ARGUMENT: record or out null, or a record that oxEventSubmit would refuse. These leave the thread's
+ * last error as it was. OXEVENT_FAILURE: no memory.
+ */
+extern "C" OXEVENT_API uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record,
+                                                                const oxEventAlertmanagerFormatterConfig& config,
+                                                                std::string* out);
+
+#endif
 #endif
 
 #endif

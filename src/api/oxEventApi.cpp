@@ -15,6 +15,7 @@
 #include "core/oxEventRouter.h"
 #include "oxEvent.h"
 #include "platform/oxEventPlatform.h"
+#include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {
@@ -270,6 +271,17 @@ uint32_t oxEventRemoveWindowsEventSource(const char* source_name) {
     if (result != OXEVENT_OK) return FailWith(result, error, "Windows Event Log source removal failed");
     oxEventClearLastError();
     return OXEVENT_OK;
+  });
+}
+
+uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEventAlertmanagerFormatterConfig& config,
+                                         std::string* out) {
+  return Guarded("oxEventFormatAlertmanagerRecord failed", [&]() -> uint32_t {
+    if (record == nullptr || out == nullptr) return OXEVENT_INVALID_ARGUMENT;
+    oxEventNormalizedEvent event;
+    const uint64_t assigned_id = record->struct_size == 0 ? 1 : record->struct_size;  // It draws none from the process.
+    const uint32_t result = oxEventNormalizeEvent(record, assigned_id, &event);
+    return result != OXEVENT_OK ? result : oxEventFormatAlertmanagerAlert(event, config, out);
   });
 }
 

@@ -11,3 +11,10 @@ inline std::string oxEventAsciiLower(std::string_view text) {
   for (char& c : lower) c = oxEventAsciiLower(c);
   return lower;
 }
+
+constexpr char oxEventAsciiUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - ('a' - 'A')) : c; }
+
+constexpr bool oxEventAsciiIsAlnum(char c) {
+  const char lower = oxEventAsciiLower(c);
+  return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9');
+}

@@ -15,6 +15,9 @@
 // Nanoseconds of the PTP clock, since 1970-01-01T00:00:00Z.
 uint64_t oxEventPlatformGetPtpNano();
 
+// Milliseconds of a clock that is never set, modulo 2^32.
+uint32_t oxEventPlatformGetMs();
+
 // Creates what is missing of the folder that `path` lies in, each level with mode 0775 less the umask.
 bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error);
 

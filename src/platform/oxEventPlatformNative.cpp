@@ -14,6 +14,7 @@
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventImmortal.h"
+#include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventPlatform.h"
 
@@ -56,10 +57,6 @@ struct SystemLog {
   bool usable = true;  // Guarded by `mutex`.
 };
 constinit oxEventImmortal<SystemLog> g_system_log;
-
-const std::string& OrDefault(const std::string& text, const std::string& absent) {
-  return text.empty() ? absent : text;
-}
 
 }  // namespace
 
@@ -111,10 +108,10 @@ uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, ox
     return OXEVENT_FAILURE;
   }
   const oxEventNativePlatformConfig defaults;
-  opened->ident = OrDefault(config.source, defaults.source);
-  opened->facility_name = OrDefault(config.facility, defaults.facility);
-  opened->subsystem = OrDefault(config.subsystem, defaults.subsystem);
-  opened->category = OrDefault(config.category, defaults.category);
+  opened->ident = oxEventOrDefault(config.source, defaults.source);
+  opened->facility_name = oxEventOrDefault(config.facility, defaults.facility);
+  opened->subsystem = oxEventOrDefault(config.subsystem, defaults.subsystem);
+  opened->category = oxEventOrDefault(config.category, defaults.category);
   opened->facility = FacilityValue(opened->facility_name);
   {
     std::lock_guard lock(g_system_log->mutex);

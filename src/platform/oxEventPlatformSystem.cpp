@@ -20,6 +20,8 @@ uint32_t NotOnThisPlatform(const char* text, std::string* error) {
 
 uint64_t oxEventPlatformGetPtpNano() { return oxOSGetTimePTPNano(); }
 
+uint32_t oxEventPlatformGetMs() { return oxOSGetMs(); }
+
 void oxEventPlatformNameThread(const char* name) { pthread_setname_np(pthread_self(), name); }
 
 oxEventSignalBlock::oxEventSignalBlock(Which which) : which_(which) {

@@ -25,5 +25,13 @@ class oxEventSink {
 
 // A factory makes a sink of its kind: 0 with the sink in *out, or a code with the reason in *error (may be null).
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error);
+uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                    std::string* error);
 uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                  std::string* error);
+uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                          std::string* error);  // The webhook's too.
+uint32_t oxEventCreateSnmpTrapSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                   std::string* error);
+uint32_t oxEventCreateAlertmanagerSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                       std::string* error);

@@ -39,11 +39,19 @@ auto FactoryOf(oxEventSinkType type) {
   switch (type) {
     case oxEventSinkType::kCsv:
       return oxEventCreateCsvSink;
+    case oxEventSinkType::kSyslogUdp:
+      return oxEventCreateSyslogUdpSink;
     case oxEventSinkType::kNative:
       return oxEventCreateNativeSink;
-    default:
-      return CreateConfiguredSink;
+    case oxEventSinkType::kCloudEventsHttp:
+    case oxEventSinkType::kWebhookHttp:
+      return oxEventCreateCloudEventsHttpSink;
+    case oxEventSinkType::kSnmpTrap:
+      return oxEventCreateSnmpTrapSink;
+    case oxEventSinkType::kAlertmanager:
+      return oxEventCreateAlertmanagerSink;
   }
+  return CreateConfiguredSink;
 }
 
 // Lock order: mutex, then the callback sink's own, then error_mutex.

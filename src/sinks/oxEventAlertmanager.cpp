@@ -1,0 +1,135 @@
+#include "sinks/oxEventAlertmanager.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+
+#include "base/oxEventAscii.h"
+#include "sinks/oxEventText.h"
+
+namespace {
+
+using oxEventText::JsonEscape;
+using oxEventText::JsonObject;
+
+constexpr int kShortDigits = 6;  // Of a double, as people read it.
+
+bool IsResolved(std::string_view action) {
+  constexpr std::string_view kResolved[] = {"clear", "resolve", "resolved"};
+  const auto equals = [action](std::string_view word) {
+    return std::equal(action.begin(), action.end(), word.begin(), word.end(),
+                      [](char a, char b) { return oxEventAsciiLower(a) == b; });
+  };
+  return std::any_of(std::begin(kResolved), std::end(kResolved), equals);
+}
+
+// The prefix and the words of the event type, each with a capital: OxEventDiskUsageHigh.
+void AppendAlertName(std::string_view prefix, std::string_view event_type, std::string* out) {
+  const size_t begin = out->size();
+  for (const char c : prefix) {
+    if (oxEventAsciiIsAlnum(c) || c == '_') out->push_back(c);
+  }
+  if (out->size() == begin) out->append("OxEvent");
+  const size_t words = out->size();
+  bool in_word = false;
+  for (const char c : event_type) {
+    const bool starts = !in_word;
+    in_word = oxEventAsciiIsAlnum(c);
+    if (in_word) out->push_back(starts ? oxEventAsciiUpper(c) : oxEventAsciiLower(c));
+  }
+  if (out->size() == words) out->append("Event");
+}
+
+// What is safe in a label value that people select by.
+void PrometheusSafeLabelValue(std::string_view text, std::string_view fallback, std::string* out) {
+  const size_t begin = out->size();
+  bool in_run = false;  // Of other characters, which becomes one "_".
+  for (const char c : text) {
+    const bool kept = oxEventAsciiIsAlnum(c) || c == '_' || c == '.' || c == ':' || c == '-';
+    if (kept) out->push_back(oxEventAsciiLower(c));
+    if (!kept && !in_run) out->push_back('_');
+    in_run = !kept;
+  }
+  while (out->size() > begin && out->back() == '_') out->pop_back();
+  if (out->size() > begin && (*out)[begin] == '_') out->erase(begin, 1);
+  if (out->size() == begin) out->append(fallback);
+}
+
+std::string_view AlertSeverity(uint32_t severity) {
+  if (severity == OXEVENT_SEVERITY_WARNING) return "warning";
+  return severity == OXEVENT_SEVERITY_ERROR ? "critical" : "info";
+}
+
+// A string member whose text `append` writes.
+template <class Append>
+void AddString(std::string_view name, JsonObject* object, std::string* out, Append append) {
+  object->AddName(name);
+  out->push_back('"');
+  append();
+  out->push_back('"');
+}
+
+void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFormatterConfig& config,
+               std::string* out) {
+  JsonObject labels(out);
+  AddString("alertname", &labels, out, [&] { AppendAlertName(config.alertname_prefix, event.event_type, out); });
+  labels.AddStringField("severity", AlertSeverity(event.severity));
+  AddString("event_type", &labels, out, [&] { PrometheusSafeLabelValue(event.event_type, "event", out); });
+  labels.AddStringField("action", "raise");  // Of a clear too: another label would be another alert.
+  if (config.allow_source_label && !event.source_id.empty()) {
+    AddString("source_id", &labels, out, [&] { PrometheusSafeLabelValue(event.source_id, "source", out); });
+  }
+  labels.Close();
+}
+
+void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
+  JsonObject annotations(out);
+  annotations.AddStringField("summary", event.message.empty() ? event.event_type : event.message);
+  AddString("description", &annotations, out, [&] {
+    JsonEscape(event.message, out);
+    if (event.source_name.empty() || event.message.find(event.source_name) != std::string::npos) return;
+    out->append(" on ");
+    JsonEscape(event.source_name, out);
+  });
+  AddString("ox_event_id", &annotations, out, [&] { oxEventText::ToString(event.event_id, out); });
+  AddString("ox_dedupe_key", &annotations, out, [&] {
+    if (!event.dedupe_key.empty()) return JsonEscape(event.dedupe_key, out);
+    JsonEscape(event.event_type, out);
+    if (event.source_id.empty()) return;
+    out->push_back(':');
+    JsonEscape(event.source_id, out);
+  });
+  annotations.AddStringField("ox_source_name", event.source_name);
+  annotations.AddStringField("ox_units", event.units);
+  const auto add_number = [&](std::string_view name, double value) {
+    AddString(name, &annotations, out, [&] {
+      if (std::isfinite(value)) oxEventText::ToString(value, kShortDigits, out);
+    });
+  };
+  add_number("ox_value", event.value);
+  add_number("ox_threshold", event.threshold);
+  annotations.Close();
+}
+
+}  // namespace
+
+uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
+                                        const oxEventAlertmanagerFormatterConfig& config, std::string* out) {
+  if (out == nullptr) return OXEVENT_INVALID_ARGUMENT;
+  out->clear();
+  const bool resolved = IsResolved(event.action);
+  out->push_back('[');
+  if (!resolved || config.send_resolved) {
+    JsonObject alert(out);
+    alert.AddName("labels");
+    AddLabels(event, config, out);
+    alert.AddName("annotations");
+    AddAnnotations(event, out);
+    const auto append_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, out); };
+    AddString("startsAt", &alert, out, append_time);
+    if (resolved) AddString("endsAt", &alert, out, append_time);
+    alert.Close();
+  }
+  out->push_back(']');
+  return OXEVENT_OK;
+}

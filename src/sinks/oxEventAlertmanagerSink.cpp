@@ -1,0 +1,55 @@
+#include <memory>
+#include <utility>
+
+#include "base/oxEventErrorText.h"
+#include "base/oxEventMutex.h"
+#include "base/oxEventOrDefault.h"
+#include "base/oxEventSeverity.h"
+#include "sinks/oxEventAlertmanager.h"
+#include "sinks/oxEventSink.h"
+
+namespace {
+
+// Keeps the document of the latest event. Sends nothing: the host delivers the documents that it formats itself.
+class oxEventAlertmanagerSink : public oxEventSink {
+ public:
+  explicit oxEventAlertmanagerSink(const oxEventSinkConfig& config)
+      : minimum_severity_(config.minimum_severity),
+        formatter_config_{config.send_resolved, config.allow_source_label,
+                          oxEventOrDefault(config.alertname_prefix, "OxEvent")} {}
+
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
+    std::string document;
+    {
+      oxEventLock lock(mutex_);
+      document.swap(spare_);
+    }
+    const uint32_t result = oxEventFormatAlertmanagerAlert(event, formatter_config_, &document);
+    if (result != OXEVENT_OK) return result;
+    oxEventLock lock(mutex_);
+    document.swap(latest_document_);
+    document.swap(spare_);
+    oxEventReleaseLongText(&spare_);
+    return OXEVENT_OK;
+  }
+
+ private:
+  oxEventMutex mutex_;
+  const uint32_t minimum_severity_;
+  const oxEventAlertmanagerFormatterConfig formatter_config_;
+  std::string latest_document_ OX_GUARDED_BY(mutex_);
+  std::string spare_ OX_GUARDED_BY(mutex_);  // The memory of the one before, for the next.
+};
+
+}  // namespace
+
+uint32_t oxEventCreateAlertmanagerSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                       std::string* error) {
+  if (out == nullptr) {
+    oxEventSetErrorText({"Invalid oxEvent Alertmanager sink output"}, error);
+    return OXEVENT_INVALID_ARGUMENT;
+  }
+  *out = std::make_shared<oxEventAlertmanagerSink>(config);
+  return OXEVENT_OK;
+}

@@ -1,0 +1,171 @@
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string_view>
+#include <thread>
+
+#include "base/oxEventAscii.h"
+#include "base/oxEventErrorText.h"
+#include "base/oxEventMutex.h"
+#include "base/oxEventOrDefault.h"
+#include "base/oxEventSeverity.h"
+#include "oxutil.h"
+#include "sinks/oxEventSink.h"
+#include "sinks/oxEventText.h"
+
+namespace {
+
+constexpr uint32_t kDefaultRequestTimeoutMs = 5000;
+constexpr uint32_t kDefaultBackoffMs = 250;
+constexpr char kLineSeparator = '\xA7';  // Of the HTTP client's header block.
+
+void AppendBase64(std::string_view bytes, std::string* out) {  // RFC 4648, section 4.
+  constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (size_t i = 0; i < bytes.size(); i += 3) {
+    const std::string_view group = bytes.substr(i, 3);
+    uint32_t bits = 0;
+    for (size_t j = 0; j < 3; ++j) bits = bits << 8 | (j < group.size() ? static_cast<unsigned char>(group[j]) : 0u);
+    for (size_t j = 0; j < 4; ++j) out->push_back(j <= group.size() ? kAlphabet[bits >> (18 - 6 * j) & 0x3F] : '=');
+  }
+}
+
+std::string_view Trim(std::string_view text) {
+  constexpr std::string_view kSpaces = " \t\n\v\f\r";
+  const size_t begin = text.find_first_not_of(kSpaces);
+  if (begin == text.npos) return {};
+  return text.substr(begin, text.find_last_not_of(kSpaces) + 1 - begin);
+}
+
+// Calls `add` with each header line of the setting.
+template <class Add>
+void SplitHeaders(std::string_view text, Add add) {
+  while (!text.empty()) {
+    const size_t end = text.find_first_of("\n\r|");
+    const std::string_view line = Trim(text.substr(0, end));
+    if (!line.empty()) add(line);
+    text.remove_prefix(end == text.npos ? text.size() : end + 1);
+  }
+}
+
+bool IsCloudEvents(std::string_view lower_mode) {
+  return lower_mode == "cloudevents" || lower_mode == "cloudevents_structured";
+}
+
+// A setting of the CloudEvents section stands where the webhook's own is not given.
+const std::string& EndpointUrl(const oxEventSinkConfig& config) {
+  return oxEventOrDefault(config.endpoint_url, config.ce_endpoint_url);
+}
+
+constexpr uint32_t FirstNonZero(uint32_t a, uint32_t b, uint32_t c) { return a != 0 ? a : b != 0 ? b : c; }
+
+// Posts each event as one JSON document. Blocks the worker for as long as the tries take: events go out in order, one
+// at a time.
+class oxEventWebhookHttpSink : public oxEventSink {
+ public:
+  explicit oxEventWebhookHttpSink(const oxEventSinkConfig& config)
+      : endpoint_url_(EndpointUrl(config)),
+        cloudevents_(config.type == oxEventSinkType::kCloudEventsHttp ||
+                     IsCloudEvents(oxEventAsciiLower(config.payload_mode))),
+        request_timeout_ms_(FirstNonZero(config.request_timeout_ms, config.ce_timeout_ms, kDefaultRequestTimeoutMs)),
+        retry_count_(config.retry_count),
+        backoff_ms_(config.backoff_ms == 0 ? kDefaultBackoffMs : config.backoff_ms),
+        cloudevents_source_(
+            oxEventOrDefault(oxEventOrDefault(config.cloudevents_source, config.ce_source), "/oxEvent")),
+        cloudevents_subject_prefix_(oxEventOrDefault(config.cloudevents_subject_prefix, config.ce_subject_prefix)),
+        minimum_severity_(config.minimum_severity) {
+    BuildHeaderBlock(config);
+  }
+
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
+    oxEventLock lock(mutex_);
+    std::string body;
+    if (cloudevents_) {
+      oxEventText::FormatCloudEventsJson(event, cloudevents_source_, cloudevents_subject_prefix_, &body);
+    } else {
+      oxEventText::FormatNativeJsonData(event, &body);
+    }
+    const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
+    for (uint32_t i = 0; i < tries; ++i) {
+      if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
+      if (Post(body)) return OXEVENT_OK;
+      oxEventSetErrorText({"oxEvent webhook POST failed: ", endpoint_url_}, &last_error_);
+    }
+    return OXEVENT_FAILURE;
+  }
+
+ private:
+  void BuildHeaderBlock(const oxEventSinkConfig& config) {
+    const auto add = [this](std::string_view name, std::string_view value = "") {
+      if (!header_block_.empty()) header_block_.push_back(kLineSeparator);
+      header_block_.append(name).append(value);
+    };
+    add("Content-Type: ",
+        cloudevents_ ? "application/cloudevents+json; charset=utf-8" : "application/json; charset=utf-8");
+    add("Accept: application/json");
+    add("User-Agent: oxEvent/1.0");
+    add("X-oxEvent-TLS-Verify: ", config.tls_verify ? "1" : "0");
+    if (config.connect_timeout_ms != 0) {
+      add("X-oxEvent-Connect-Timeout-Ms: ", std::to_string(config.connect_timeout_ms));
+    }
+    SplitHeaders(oxEventOrDefault(config.headers, config.ce_auth_header), add);
+    if (!config.bearer_token.empty()) add("Authorization: Bearer ", config.bearer_token);
+    if (!config.basic_username.empty() || !config.basic_password.empty()) {
+      add("Authorization: Basic ");
+      AppendBase64(config.basic_username + ":" + config.basic_password, &header_block_);
+    }
+  }
+
+  bool Post(const std::string& body) const {
+    // A line end would begin a header of its own, a NUL hide what follows; a body of 2 GiB cannot be said.
+    constexpr std::string_view kForbidden("\r\n\0", 3);
+    if (header_block_.find_first_of(kForbidden) != std::string::npos) return false;
+    if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
+    char* response = nullptr;
+    int32_t status = 0;
+    const int32_t accepted =
+        oxOSHTTPCommand(endpoint_url_.c_str(), "POST", header_block_.c_str(), body.c_str(),
+                        static_cast<int32_t>(body.size()), &response, &status, request_timeout_ms_);
+    if (response != nullptr) OXFree(response);
+    return accepted != 0;
+  }
+
+  oxEventMutex mutex_;
+  const std::string endpoint_url_;
+  const bool cloudevents_;
+  const uint32_t request_timeout_ms_;
+  const uint32_t retry_count_;
+  const uint32_t backoff_ms_;
+  const std::string cloudevents_source_;
+  const std::string cloudevents_subject_prefix_;
+  const uint32_t minimum_severity_;
+  std::string header_block_;  // As the HTTP client takes it. Constant after construction.
+  std::string last_error_ OX_GUARDED_BY(mutex_);
+};
+
+std::string_view RefusalOf(const oxEventSinkConfig& config) {
+  const std::string url = oxEventAsciiLower(EndpointUrl(config));
+  if (!url.starts_with("http://") && !url.starts_with("https://")) {
+    return "oxEvent webhook sink requires an http:// or https:// endpoint_url";
+  }
+  const std::string mode = oxEventAsciiLower(config.payload_mode);
+  const bool known = mode.empty() || mode == "native_json" || mode == "native" || IsCloudEvents(mode);
+  if (!known && config.type != oxEventSinkType::kCloudEventsHttp) {
+    return "oxEvent webhook payload_mode must be native_json or cloudevents";
+  }
+  return "";
+}
+
+}  // namespace
+
+uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                                          std::string* error) {
+  const std::string_view refusal = out == nullptr ? "Invalid oxEvent webhook sink output" : RefusalOf(config);
+  if (!refusal.empty()) {
+    oxEventSetErrorText({refusal}, error);
+    return OXEVENT_INVALID_ARGUMENT;
+  }
+  *out = std::make_shared<oxEventWebhookHttpSink>(config);
+  return OXEVENT_OK;
+}
