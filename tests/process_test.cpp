@@ -153,7 +153,7 @@ void Live() {  // In a child: refused, then with a run and a file of its own.
 void Unload() {
   CHECK(dlclose(ox->handle) == 0);
   delete std::exchange(ox, nullptr);
-  CHECK(ReadFile("/proc/self/maps").find("libox") == std::string::npos);
+  CHECK(ReadFile("/proc/self/maps").find("liboxEvent") == std::string::npos);
 }
 
 size_t Count(const char* folder) { return size_t(std::distance(std::filesystem::directory_iterator(folder), {})); }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "oxHTTPLookup.h"
+#include "oxHTTPWakeUp.h"
 
 namespace {
 
@@ -73,7 +74,7 @@ std::string PartOf(CURLU* url, CURLUPart part, unsigned flags) {
 
 }  // namespace
 
-oxHTTPClient::oxHTTPClient() : multi_(OrThrow(curl_multi_init())), easy_(curl_easy_init()) {
+oxHTTPClient::oxHTTPClient() : multi_(OrThrow(oxHTTPMultiInit())), easy_(curl_easy_init()) {
   if (easy_ == nullptr) {
     curl_multi_cleanup(multi_);
     throw std::bad_alloc();
