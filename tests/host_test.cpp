@@ -341,7 +341,12 @@ TEST_F(oxEventApi, AllocatesNothingAndWritesTheSystemLog) {
     const std::lock_guard lock(gate);
     ++calls, worker = t_allocations;
   };
-  Start({{"sink\\native\\main\\enabled", native ? "1" : "0"}, {"core\\queue_size", "10000"}});
+  Start({{"sink\\native\\main\\enabled", native ? "1" : "0"},
+         {"core\\queue_size", "10000"},
+         {"sink\\syslog\\udp\\default\\enabled", "1"},
+         {"sink\\snmp\\trap\\default\\enabled", "1"},
+         {"sink\\snmp\\trap\\default\\port", "5140"},
+         {"sink\\alertmanager\\main\\enabled", "1"}});
   EXPECT_FALSE(oxEventUnregisterCallback(id_) || oxEventRegisterCallback(note, nullptr, &id_));
   const std::string text(300, 'x'), steps[] = {"raise", "raise", "update", "repeat", "clear"};
   oxEventRecord record = {152, 65536, 0, "type", "source", "name", "", 2, "", "", "", 0, 0, 0, "", 0, 0, "V", 0, "{}"};

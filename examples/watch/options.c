@@ -21,13 +21,27 @@ static const char kHelp[] =
     "  --max-age SEC        limit for the age of the oldest file in the spool (default 3600)\n"
     "  --max-load X         limit for the load average of one minute (default off)\n"
     "  --min-memory MB|P%   memory that must be available, in megabytes or percent (default 5%)\n"
+    "  --alertmanager URL   post the events to this Alertmanager (http://HOST:9093/api/v2/alerts)\n"
     "  --period MS          time from one round to the next (default 5000)\n"
     "  --count N            stop after N rounds (default 0: never)\n"
     "  --help               print this and exit\n"
     "\n"
     "What has the limit \"off\" is not watched. SIGHUP reloads the settings, SIGINT and SIGTERM stop.\n";
 
-enum { kHelpOption, kConfig, kFolder, kSpool, kMaxUsed, kMaxFiles, kMaxAge, kMaxLoad, kMinMemory, kPeriod, kCount };
+enum {
+  kHelpOption,
+  kConfig,
+  kFolder,
+  kSpool,
+  kMaxUsed,
+  kMaxFiles,
+  kMaxAge,
+  kMaxLoad,
+  kMinMemory,
+  kAlertmanager,
+  kPeriod,
+  kCount
+};
 
 static const struct option kOptions[] = {{"help", no_argument, NULL, kHelpOption},
                                          {"config", required_argument, NULL, kConfig},
@@ -38,6 +52,7 @@ static const struct option kOptions[] = {{"help", no_argument, NULL, kHelpOption
                                          {"max-age", required_argument, NULL, kMaxAge},
                                          {"max-load", required_argument, NULL, kMaxLoad},
                                          {"min-memory", required_argument, NULL, kMinMemory},
+                                         {"alertmanager", required_argument, NULL, kAlertmanager},
                                          {"period", required_argument, NULL, kPeriod},
                                          {"count", required_argument, NULL, kCount},
                                          {NULL, 0, NULL, 0}};
@@ -102,6 +117,9 @@ static int SetOption(int option, const char* name, const char* text, Options* op
       options->min_memory_is_percent = strchr(text, '%') != NULL;
       return options->min_memory_is_percent ? ParseLimit(name, text, "%", 100, &options->min_memory)
                                             : ParseLimit(name, text, "", kMost, &options->min_memory);
+    case kAlertmanager:
+      options->alertmanager = text;
+      return kGoOn;
     case kPeriod:
       return ParseWhole(name, text, 1, &options->period_ms);
     case kCount:

@@ -13,8 +13,9 @@ typedef struct Limit {
 typedef struct Options {
   const char* settings;
   const char* folder;
-  const char* spool;       /* Null: no spool is watched. */
-  const char* spool_limit; /* Name of an option that makes no sense without a spool, or null. */
+  const char* spool;        /* Null: no spool is watched. */
+  const char* alertmanager; /* URL; null: none. */
+  const char* spool_limit;  /* Name of an option that makes no sense without a spool, or null. */
   uint64_t period_ms;
   uint64_t rounds; /* 0: until stopped. */
   Limit max_files;

@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "../alert_poster.h"
 #include "options.h"
 #include "probes.h"
 #include "report.h"
@@ -220,8 +221,30 @@ static void PrintEvent(const oxEventRecord* event, void* delivered) {
          event->action[0] != '\0' ? event->action : "-", event->event_type, event->message);
 }
 
+// Returns whether all went well.
+static bool WatchAndReport(Watcher* watcher, const sigset_t* signals) {
+  uint64_t delivered = 0;
+  uint32_t callback_id = 0;
+  uint32_t code = oxEventRegisterCallback(PrintEvent, &delivered, &callback_id);
+  if (code == OXEVENT_OK) code = oxEventInitialize(watcher->options.settings);
+  if (code != OXEVENT_OK) {
+    PrintFailure("start failed", code);
+    return false;
+  }
+  Reporter* reporter = &watcher->reporter;
+  ReportNotice(reporter, "watch.started", "The watcher has started");
+  Watch(watcher, signals);
+  ReportNotice(reporter, "watch.stopped", "The watcher stops");
+
+  code = oxEventShutdown();
+  if (code != OXEVENT_OK) PrintFailure("shutdown failed", code);
+  printf("%s; reported %" PRIu64 " events, %" PRIu64 " delivered to the callback, %" PRIu64 " refused\n",
+         code == OXEVENT_OK ? "clean shutdown" : "shutdown failed", reporter->reported, delivered, reporter->refused);
+  return code == OXEVENT_OK;
+}
+
 static int Run(Watcher* watcher) {
-  // Blocked before the library starts, so that signals wait for Watch whatever the library does meanwhile.
+  // Blocked before any thread starts, so that signals wait for Watch whatever the threads do meanwhile.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGHUP);
@@ -229,24 +252,14 @@ static int Run(Watcher* watcher) {
   sigaddset(&signals, SIGTERM);
   sigprocmask(SIG_BLOCK, &signals, NULL);
 
-  uint64_t delivered = 0;
-  uint32_t callback_id = 0;
-  uint32_t code = oxEventRegisterCallback(PrintEvent, &delivered, &callback_id);
-  if (code == OXEVENT_OK) code = oxEventInitialize(watcher->options.settings);
-  if (code != OXEVENT_OK) {
-    PrintFailure("start failed", code);
+  AlertPoster* poster = NULL;
+  if (watcher->options.alertmanager != NULL && (poster = AlertPosterStart(watcher->options.alertmanager)) == NULL) {
     return EXIT_FAILURE;
   }
-  Reporter* reporter = &watcher->reporter;
-  ReportNotice(reporter, "watch.started", "The watcher has started");
-  Watch(watcher, &signals);
-  ReportNotice(reporter, "watch.stopped", "The watcher stops");
-
-  code = oxEventShutdown();
-  if (code != OXEVENT_OK) PrintFailure("shutdown failed", code);
-  printf("%s; reported %" PRIu64 " events, %" PRIu64 " delivered to the callback, %" PRIu64 " refused\n",
-         code == OXEVENT_OK ? "clean shutdown" : "shutdown failed", reporter->reported, delivered, reporter->refused);
-  return code == OXEVENT_OK ? EXIT_SUCCESS : EXIT_FAILURE;
+  const bool good = WatchAndReport(watcher, &signals);
+  const unsigned left = poster != NULL ? AlertPosterStop(poster) : 0;
+  if (left != 0) fprintf(stderr, "oxevent-watch: %u alerts were not posted\n", left);
+  return good && left == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int main(int argc, char** argv) {

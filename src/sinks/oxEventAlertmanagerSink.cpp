@@ -10,13 +10,18 @@
 
 namespace {
 
+constexpr size_t kUsualSize = 2048;  // Bytes of a document.
+
 // Keeps the document of the latest event. Sends nothing: the host delivers the documents that it formats itself.
 class oxEventAlertmanagerSink : public oxEventSink {
  public:
   explicit oxEventAlertmanagerSink(const oxEventSinkConfig& config)
       : minimum_severity_(config.minimum_severity),
         formatter_config_{config.send_resolved, config.allow_source_label,
-                          oxEventOrDefault(config.alertname_prefix, "OxEvent")} {}
+                          oxEventOrDefault(config.alertname_prefix, "OxEvent")} {
+    latest_document_.reserve(kUsualSize);
+    spare_.reserve(kUsualSize);
+  }
 
   uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
