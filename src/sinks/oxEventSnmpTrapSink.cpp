@@ -1,3 +1,4 @@
+#include <limits>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,8 @@ class oxEventSnmpTrapSink : public oxEventSink {
         trap_(Encoded(trap_oid_)),
         sender_("oxEvent SNMP trap", oxEventOrDefault(config.snmp_host, defaults.snmp_host),
                 config.snmp_port == 0 ? defaults.snmp_port : config.snmp_port) {
+    message_.reserve(kMaxMessage);
+    decimal_.reserve(std::numeric_limits<uint64_t>::digits10 + 1);
     for (int i = 1; i <= kObjects; ++i) {
       objects_.push_back(Encoded(OidJoin(enterprise_oid_, ".1." + std::to_string(i) + ".0")));
     }

@@ -121,6 +121,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
     add(oxEventOrDefault(config.app_name, "oxEvent"), 48);
     add(std::to_string(getpid()), 128);
     origin_.push_back(' ');
+    line_.reserve(kMaxLine);
   }
 
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
