@@ -65,6 +65,11 @@ class oxEventAppendFile {
 // False when it cannot be opened for reading, or holds nothing.
 bool oxEventPlatformFileHasContent(const std::string& path);
 
+// Posts a body over HTTP, and waits for the answer up to timeout_ms. `header_block`: lines with one byte 0xA7 between
+// two of them. True: the server has accepted it.
+bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
+                             uint32_t timeout_ms);
+
 // The operating system's log: syslog(3), whose connection and identity belong to the whole process.
 struct oxEventNativeLogHandle;
 // `error` may be null.

@@ -2,6 +2,8 @@
 #include <signal.h>
 
 #include <cstring>
+#include <limits>
+#include <string_view>
 
 #include "base/oxEventErrorText.h"
 #include "oxutil.h"
@@ -23,6 +25,20 @@ uint64_t oxEventPlatformGetPtpNano() { return oxOSGetTimePTPNano(); }
 uint32_t oxEventPlatformGetMs() { return oxOSGetMs(); }
 
 void oxEventPlatformNameThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+
+bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
+                             uint32_t timeout_ms) {
+  // A line end would begin a header of its own, a NUL hide what follows; a body of 2 GiB cannot be said.
+  constexpr std::string_view kForbidden("\r\n\0", 3);
+  if (header_block.find_first_of(kForbidden) != std::string::npos) return false;
+  if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
+  char* response = nullptr;
+  int32_t status = 0;
+  const int32_t accepted = oxOSHTTPCommand(url.c_str(), "POST", header_block.c_str(), body.c_str(),
+                                           static_cast<int32_t>(body.size()), &response, &status, timeout_ms);
+  if (response != nullptr) OXFree(response);
+  return accepted != 0;
+}
 
 oxEventSignalBlock::oxEventSignalBlock(Which which) : which_(which) {
   sigset_t signals;

@@ -1,6 +1,5 @@
 #include <chrono>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <string_view>
 #include <thread>
@@ -10,7 +9,7 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
-#include "oxutil.h"
+#include "platform/oxEventPlatform.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventText.h"
 
@@ -89,7 +88,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
     const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
     for (uint32_t i = 0; i < tries; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
-      if (Post(body)) return OXEVENT_OK;
+      if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body, request_timeout_ms_)) return OXEVENT_OK;
       oxEventSetErrorText({"oxEvent webhook POST failed: ", endpoint_url_}, &last_error_);
     }
     return OXEVENT_FAILURE;
@@ -115,20 +114,6 @@ class oxEventWebhookHttpSink : public oxEventSink {
       add("Authorization: Basic ");
       AppendBase64(config.basic_username + ":" + config.basic_password, &header_block_);
     }
-  }
-
-  bool Post(const std::string& body) const {
-    // A line end would begin a header of its own, a NUL hide what follows; a body of 2 GiB cannot be said.
-    constexpr std::string_view kForbidden("\r\n\0", 3);
-    if (header_block_.find_first_of(kForbidden) != std::string::npos) return false;
-    if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
-    char* response = nullptr;
-    int32_t status = 0;
-    const int32_t accepted =
-        oxOSHTTPCommand(endpoint_url_.c_str(), "POST", header_block_.c_str(), body.c_str(),
-                        static_cast<int32_t>(body.size()), &response, &status, request_timeout_ms_);
-    if (response != nullptr) OXFree(response);
-    return accepted != 0;
   }
 
   oxEventMutex mutex_;
