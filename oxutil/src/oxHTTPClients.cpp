@@ -49,7 +49,7 @@ void AfterForkInParent() { g_clients.mutex.unlock(); }
 
 // The connections are the parent's, and so is the word to speak on them, even to take leave.
 void AfterForkInChild() {
-  for (auto& client : g_clients.idle) client.release();  // NOLINT(bugprone-unused-return-value)
+  for (auto& client : g_clients.idle) static_cast<void>(client.release());
   g_clients.idle.clear();
   g_clients.tls_requests = 0;
   oxHTTPLookupForgetInChild();

@@ -79,7 +79,7 @@ bool StartThread(void* argument) {
 bool Start(const std::shared_ptr<Lookup>& lookup) {
   auto argument = std::make_unique<std::shared_ptr<Lookup>>(lookup);
   if (++g_lookups <= kMaxLookups && StartThread(argument.get())) {
-    argument.release();  // The thread's.
+    static_cast<void>(argument.release());  // The thread's.
     return true;
   }
   --g_lookups;

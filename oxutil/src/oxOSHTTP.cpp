@@ -114,7 +114,7 @@ class HeaderReader {
   static void Append(const std::string& line, oxHTTPRequest* request) {
     curl_slist* list = curl_slist_append(request->header.get(), line.c_str());
     if (list == nullptr) throw std::bad_alloc();
-    request->header.release();  // NOLINT(bugprone-unused-return-value): `list` begins with it.
+    static_cast<void>(request->header.release());  // `list` begins with it.
     request->header.reset(list);
   }
 
