@@ -4,7 +4,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES README.md CHANGELOG.md LICENSE docs/architecture.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/oxEvent)
 install(EXPORT oxEventTargets NAMESPACE oxEvent:: DESTINATION ${package_dir})

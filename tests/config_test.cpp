@@ -24,7 +24,7 @@ std::string Describe(const oxEventConfig& c) {
   return text;
 }
 
-const std::string kComplete = ReadFile(OXEVENT_TEST_DATA "/complete_settings.xml");  // All defaults.
+const std::string kComplete = ReadFile(OXEVENT_DOCS "/default-settings.xml");  // All defaults.
 
 // The complete file with the values of "name=text ...", which are in its order; what it lacks goes between them.
 std::string With(const std::string& values) {
