@@ -3,19 +3,33 @@
 
 demo_helper.py set SETTINGS KEY NAME VALUE     change one setting, KEY below QVX\\Events
 demo_helper.py receive SOCKET FILE             be the system log until SIGTERM: one line per datagram
+demo_helper.py alert WORK raised|over          whether the Alertmanager has the condition's alert, has it no more
 demo_helper.py report WORK PID [LOG]           show and check what the watcher PID has brought about
 """
 import csv
+import json
 import os
 import re
 import signal
 import socket
 import sys
+import time
 import xml.etree.ElementTree as ElementTree
+
+import receivers
 
 CONDITION = "spool.full"
 COLUMNS = ("utc_iso", "severity", "action", "event_type", "value", "threshold", "units", "duration_ms", "message")
 WIDEST = {"utc_iso": 24, "message": 44}  # Longer cells are cut.
+
+# What each receiver understood of an event, under the CSV file's names.
+VIEWS = {
+    "rsyslog": (receivers.Rsyslog, lambda event: event),
+    "snmptrapd": (receivers.SnmpTrapd, lambda event: event | {"severity": event["severity_name"]}),
+    "nginx": (receivers.HttpReceiver, lambda event: json.loads(event["body"])),
+}
+COMPARED = ("severity", "action", "event_type", "source_id", "source_name", "message", "dedupe_key", "correlation_id",
+            "utc_ns", "details_json")
 
 
 def set_value(path, key, name, value):
@@ -27,8 +41,8 @@ def set_value(path, key, name, value):
         if node is None:
             sys.exit(f"{path}: no key '{part}' of {key}")
     setting = next((child for child in node.findall("value") if child.get("name") == name), None)
-    if setting is None:
-        sys.exit(f"{path}: no value '{name}' in {key}")
+    if setting is None:  # As are those whose default is empty.
+        setting = ElementTree.SubElement(node, "value", name=name)
     setting.text = value
     with open(path + ".new", "w", encoding="utf-8") as file:
         file.write('<?xml version="1.0" encoding="UTF-8"?>\n')
@@ -52,8 +66,11 @@ def cut(text, width):
     return text if len(text) <= width else text[: width - 1] + "…"
 
 
-def print_table(rows):
-    cells = [COLUMNS] + [[cut(row[name], WIDEST.get(name, 14)) for name in COLUMNS] for row in rows]
+def print_events(rows):
+    print_table([COLUMNS] + [[cut(row[name], WIDEST.get(name, 14)) for name in COLUMNS] for row in rows])
+
+
+def print_table(cells):
     widths = [max(map(len, column)) for column in zip(*cells)]
     for line in cells:
         print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
@@ -67,6 +84,51 @@ def read_csv(path):
 def read_log(path, pid):
     with open(path, encoding="utf-8", errors="replace") as file:
         return [line.rstrip("\n") for line in file if f"[{pid}]: oxEvent " in line]
+
+
+def alert(work, wanted):
+    alertmanager = receivers.Alertmanager().attach(os.path.join(work, "receivers"))
+    alerts = [alert for alert in alertmanager.events() if alert["labels"]["event_type"] == CONDITION]
+    if wanted == "raised":
+        with open(os.path.join(work, "alerts.json"), "w", encoding="utf-8") as file:
+            json.dump(alerts, file)
+    sys.exit(0 if bool(alerts) == (wanted == "raised") else 1)
+
+
+def read_views(work, rows):
+    """By receiver and event id. Waits for late ones, 10 s at most."""
+    folder = os.path.join(work, "receivers")
+    deadline = time.monotonic() + 10
+    while True:
+        views = {name: {str(event["event_id"]): event for event in map(view, receiver().attach(folder).events())}
+                 for name, (receiver, view) in VIEWS.items()}
+        if all(row["event_id"] in view for view in views.values() for row in rows) or time.monotonic() > deadline:
+            return views
+        time.sleep(0.1)
+
+
+def print_views(rows, views):
+    told = lambda event: " ".join(event[name] or "-" for name in ("severity", "action", "event_type")) if event else "?"
+    print_table([("event", "CSV file", *VIEWS)] +
+                [(row["event_id"], told(row), *(told(views[name].get(row["event_id"])) for name in VIEWS))
+                 for row in rows])
+
+
+def print_alerts(work):
+    with open(os.path.join(work, "alerts.json"), encoding="utf-8") as file:
+        for alert in json.load(file):
+            print(f"{alert['status']['state']}, since {alert['startsAt']}: {alert['annotations']['description']}")
+            print("  labels: " + ", ".join(f"{name}={text}" for name, text in alert["labels"].items()))
+    print("after the clear: no such alert")
+
+
+def view_faults(rows, views):
+    for row in rows:
+        for name, events in views.items():
+            event = events.get(row["event_id"], {})
+            wrong = [field for field in COMPARED if str(event.get(field)) != row[field]]
+            if wrong:
+                yield f"{name} lacks of event {row['event_id']}, {row['action']} {row['event_type']}: {', '.join(wrong)}"
 
 
 def faults(rows, lines, delivered, suppressed):
@@ -89,19 +151,24 @@ def faults(rows, lines, delivered, suppressed):
 def report(work, pid, log_path=None):
     rows = read_csv(os.path.join(work, "events.csv"))
     print("\n== events.csv ==")
-    print_table(rows)
+    print_events(rows)
     lines = None
     if log_path is not None:
         lines = read_log(log_path, pid)
         print("\n== system log ==")
         for line in lines:
             print(cut(line, 230))
+    views = read_views(work, rows)
+    print("\n== what each receiver understood ==")
+    print_views(rows, views)
+    print("\n== Alertmanager ==")
+    print_alerts(work)
     with open(os.path.join(work, "watch.out"), encoding="utf-8") as file:
         summary = re.search(r"^clean shutdown; reported (\d+) events, (\d+) delivered .*, 0 refused$", file.read(), re.M)
     if summary is None:
         sys.exit("demo: FAILED: the watcher tells of no clean shutdown")
     reported, delivered = map(int, summary.groups())
-    found = list(faults(rows, lines, delivered, reported - delivered))
+    found = [*faults(rows, lines, delivered, reported - delivered), *view_faults(rows, views)]
     for fault in found:
         print(f"demo: FAILED: {fault}", file=sys.stderr)
     count = lambda action: sum(row["action"] == action for row in rows)
@@ -110,7 +177,7 @@ def report(work, pid, log_path=None):
     sys.exit(1 if found else 0)
 
 
-COMMANDS = {"set": set_value, "receive": receive, "report": report}
+COMMANDS = {"set": set_value, "receive": receive, "alert": alert, "report": report}
 
 if __name__ == "__main__":
     if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:
