@@ -117,7 +117,7 @@ OXUTIL_API uint32_t oxOSGetMs(void);
  *   X-oxEvent-TLS-Verify: 0             accepts any certificate, which otherwise must be the host's by the system's
  *                                       certificates
  *   X-oxEvent-Connect-Timeout-Ms: 2000  limits name lookup, connection and TLS together
- * body: body_length bytes; null for none.
+ * body: body_length bytes; null, with a length of 0, for none.
  *
  * status and response may be null. *status receives the answer's status, 0 without an answer. *response receives the
  * answer's text, of any status, cut to 64 KiB (the rest is not read), NUL-terminated, for OXFree; null without one.

@@ -1,9 +1,13 @@
 #include "oxHTTPClient.h"
 
 #include <arpa/inet.h>
+#include <linux/tcp.h>
+#include <strings.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <new>
 #include <string_view>
 
@@ -14,8 +18,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr long kMaxConnections = 16;  // Kept by one client: more endpoints than a host has.
 constexpr long kMaxWaitMs = 1000;
+constexpr int kTcpCloseWait = 8;  // The kernel's number; no header has it beside tcpi_bytes_received.
 
 // Rounded up: a wait of 0 until the deadline would be a busy one.
 long MsUntil(Clock::time_point time) {
@@ -23,10 +27,23 @@ long MsUntil(Clock::time_point time) {
   return static_cast<long>(std::max<decltype(left)>(left, 0));
 }
 
-size_t OnHeader(char* /*bytes*/, size_t size, size_t count, void* answer_of) {
+// libcurl would go by a length that it cannot represent as by none.
+bool IsUnreadableLength(std::string_view line) {
+  constexpr std::string_view kName = "content-length:";
+  if (line.size() < kName.size() || strncasecmp(line.data(), kName.data(), kName.size()) != 0) return false;
+  line.remove_prefix(std::min(line.find_first_not_of(" \t", kName.size()), line.size()));
+  int64_t length = 0;
+  return std::from_chars(line.data(), line.data() + line.size(), length).ec != std::errc();
+}
+
+size_t OnHeader(char* bytes, size_t size, size_t count, void* answer_of) {
   auto* answer = static_cast<oxHTTPAnswer*>(answer_of);
-  answer->header_length += size * count;
-  return answer->header_length <= oxHTTPAnswer::kMaxHeader ? size * count : CURL_WRITEFUNC_ERROR;
+  const std::string_view line(bytes, size * count);
+  answer->header_length += line.size();
+  if (line.starts_with("HTTP/")) answer->header_ended = false;
+  answer->header_ended |= line == "\r\n" || line == "\n";  // And stays so through a trailer.
+  const bool good = answer->header_length <= oxHTTPAnswer::kMaxHeader && !IsUnreadableLength(line);
+  return good ? line.size() : CURL_WRITEFUNC_ERROR;
 }
 
 size_t OnText(char* bytes, size_t size, size_t count, void* answer_of) {
@@ -41,8 +58,12 @@ size_t OnText(char* bytes, size_t size, size_t count, void* answer_of) {
   return answer->cut ? CURL_WRITEFUNC_ERROR : kept;
 }
 
-curl_socket_t OnOpenSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
-  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+// Without the FIN, which counts as a byte.
+uint64_t BytesReceived(curl_socket_t fd) {
+  tcp_info info = {};
+  socklen_t size = sizeof(info);
+  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return 0;
+  return info.tcpi_bytes_received - (info.tcpi_state == kTcpCloseWait ? 1 : 0);
 }
 
 template <class T>
@@ -79,12 +100,14 @@ oxHTTPClient::oxHTTPClient() : multi_(OrThrow(oxHTTPMultiInit())), easy_(curl_ea
     curl_multi_cleanup(multi_);
     throw std::bad_alloc();
   }
-  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kMaxConnections);
   Set(easy_, CURLOPT_NOSIGNAL, 1L);
   Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
   Set(easy_, CURLOPT_PROXY, "");  // Not the environment's.
   Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   Set(easy_, CURLOPT_OPENSOCKETFUNCTION, OnOpenSocket);
+  Set(easy_, CURLOPT_OPENSOCKETDATA, this);
+  Set(easy_, CURLOPT_CLOSESOCKETFUNCTION, OnCloseSocket);
+  Set(easy_, CURLOPT_CLOSESOCKETDATA, this);
   Set(easy_, CURLOPT_HEADERFUNCTION, OnHeader);
   Set(easy_, CURLOPT_WRITEFUNCTION, OnText);
   Set(easy_, CURLOPT_RESOLVER_START_FUNCTION, OnLookup);
@@ -104,6 +127,29 @@ int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
   return client->lookup_wanted_ ? 1 : 0;
 }
 
+// libcurl repeats a request when a kept connection closes before a whole line of the answer. Part of a line tells that
+// the server has had the request: no new connection then.
+curl_socket_t oxHTTPClient::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
+  if (static_cast<oxHTTPClient*>(self)->answer_begun_) return CURL_SOCKET_BAD;
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+int oxHTTPClient::OnCloseSocket(void* self, curl_socket_t fd) {
+  auto* client = static_cast<oxHTTPClient*>(self);
+  if (const auto kept = client->kept_sockets_.find(fd); kept != client->kept_sockets_.end()) {
+    client->answer_begun_ |= BytesReceived(fd) > kept->second;
+    client->kept_sockets_.erase(kept);
+  }
+  return close(fd);
+}
+
+// Of TLS the bytes tell nothing: a farewell is some too.
+void oxHTTPClient::NoteKeptSocket() {
+  curl_socket_t fd = CURL_SOCKET_BAD;
+  if (origin_.starts_with("https") || curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK) return;
+  if (fd != CURL_SOCKET_BAD) kept_sockets_[fd] = BytesReceived(fd);
+}
+
 bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   if (!SetTarget(request.url)) return false;
   Prepare(request, answer);
@@ -115,8 +161,13 @@ bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
     result = Exchange(request);
     Set(easy_, CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
   }
-  if (result != CURLE_OK && !answer->cut) return false;
+  if ((result != CURLE_OK && !answer->cut) || !answer->header_ended) return false;
   return curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &answer->status) == CURLE_OK;
+}
+
+std::string_view oxHTTPClient::OriginOf(std::string_view url) {
+  constexpr size_t kPastScheme = std::string_view("https://").size();
+  return url.substr(0, url.find('/', kPastScheme));
 }
 
 // Taken apart only when it changes.
@@ -128,6 +179,7 @@ bool oxHTTPClient::SetTarget(const char* url) {
   host_ = PartOf(parts.get(), CURLUPART_HOST, CURLU_PUNYCODE);
   port_ = PartOf(parts.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
   Set(easy_, CURLOPT_URL, url);
+  origin_ = OriginOf(url);
   url_ = url;
   return true;
 }
@@ -152,6 +204,7 @@ void oxHTTPClient::Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
 
 CURLcode oxHTTPClient::Exchange(const oxHTTPRequest& request) {
   lookup_wanted_ = false;
+  answer_begun_ = false;
   // 0 would be libcurl's own limit.
   Set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(MsUntil(request.connect_deadline), 1L));
   if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) throw std::bad_alloc();
@@ -164,6 +217,7 @@ CURLcode oxHTTPClient::Exchange(const oxHTTPRequest& request) {
   }
   int queued = 0;
   if (const CURLMsg* message = curl_multi_info_read(multi_, &queued)) result = message->data.result;
+  if (result == CURLE_OK) NoteKeptSocket();
   curl_multi_remove_handle(multi_, easy_);
   return result;
 }

@@ -4,8 +4,11 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 struct oxHTTPListFree {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -31,6 +34,7 @@ struct oxHTTPAnswer {
   static constexpr size_t kMaxText = 64 * 1024;    // A longer text is cut, and the rest not read.
   long status = 0;
   size_t header_length = 0;
+  bool header_ended = false;  // Where it breaks off, libcurl is content.
   bool cut = false;
   std::string text;
 };
@@ -47,19 +51,29 @@ class oxHTTPClient {
   // True: the answer is there, whatever its status. Never later than the deadline. Throws std::bad_alloc.
   bool Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer);
 
+  // The scheme, host and port of the last request, as its URL had them.
+  const std::string& Origin() const { return origin_; }
+  static std::string_view OriginOf(std::string_view url);
+
  private:
   bool SetTarget(const char* url);
   void Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer);
   CURLcode Exchange(const oxHTTPRequest& request);
   oxHTTPList LookUp(const oxHTTPRequest& request);
+  void NoteKeptSocket();
   static int OnLookup(void* state, void* reserved, void* self);
+  static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
+  static int OnCloseSocket(void* self, curl_socket_t fd);
 
   CURLM* const multi_;
   CURL* const easy_;
   std::string url_;  // The last one, and its parts.
+  std::string origin_;
   std::string host_;
   std::string port_;
   bool lookup_wanted_ = false;
+  bool answer_begun_ = false;                       // On a kept connection that then closed.
+  std::map<curl_socket_t, uint64_t> kept_sockets_;  // Bytes received by the end of the last exchange.
 };
 
 // The clients between requests, with their connections. Any thread.

@@ -15,7 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kMaxIdle = 8;  // Clients that wait with their connections for the next request.
+constexpr size_t kMaxIdle = 16;  // Clients that wait with their connections for the next request.
 
 struct Clients {
   std::mutex mutex;
@@ -66,15 +66,20 @@ bool StartLocked() {
 
 }  // namespace
 
+// One that has been to the same place: it has the connection. A stranger to the place gets a client of its own, so that
+// whoever waits for a name server does not hold another's connection.
 std::unique_ptr<oxHTTPClient> oxHTTPClients::Take(const oxHTTPRequest& request) {
   const std::lock_guard lock(g_clients.mutex);
   if (!StartLocked() || (request.https && g_clients.tls_over)) return nullptr;
+  const std::string_view origin = oxHTTPClient::OriginOf(request.url);
+  const auto known = std::find_if(g_clients.idle.begin(), g_clients.idle.end(),
+                                  [origin](const auto& client) { return client->Origin() == origin; });
   std::unique_ptr<oxHTTPClient> client;
-  if (g_clients.idle.empty()) {
+  if (known == g_clients.idle.end()) {
     client = std::make_unique<oxHTTPClient>();
   } else {
-    client = std::move(g_clients.idle.back());  // The one used last: its connections are the freshest.
-    g_clients.idle.pop_back();
+    client = std::move(*known);
+    g_clients.idle.erase(known);
   }
   if (request.https) {
     ++g_clients.tls_requests;
@@ -84,8 +89,15 @@ std::unique_ptr<oxHTTPClient> oxHTTPClients::Take(const oxHTTPRequest& request) 
 }
 
 void oxHTTPClients::GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client) {
+  std::unique_ptr<oxHTTPClient> longest_idle;  // Closes its connections without the lock.
   const std::lock_guard lock(g_clients.mutex);
-  if (client != nullptr && g_clients.idle.size() < kMaxIdle) g_clients.idle.push_back(std::move(client));
+  if (client != nullptr) {
+    if (g_clients.idle.size() == kMaxIdle) {
+      longest_idle = std::move(g_clients.idle.front());
+      g_clients.idle.erase(g_clients.idle.begin());
+    }
+    g_clients.idle.push_back(std::move(client));
+  }
   if (!request.https) return;
   --g_clients.tls_requests;
   g_clients.tls_done.notify_all();

@@ -138,8 +138,9 @@ bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   try {
     answered = client->Perform(request, answer);
   } catch (const std::bad_alloc&) {
-    client.reset();  // Half prepared.
+    // No answer.
   }
+  if (!answered) client.reset();  // Has no connection to keep.
   oxHTTPClients::GiveBack(request, std::move(client));
   return answered;
 }
