@@ -87,7 +87,7 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  * config_path names an existing XML settings file (an empty file will do); settings that it lacks are added to it with
  * their defaults. Reading it, and resolving the names of hosts in it, may take a while.
  *
- * OXEVENT_INVALID_ARGUMENT: path null or empty, file unreadable, a setting refused (the text names it).
+ * OXEVENT_INVALID_ARGUMENT: path null or empty, file unreadable, a setting refused (the text says why).
  * OXEVENT_ALREADY_INITIALIZED: initialized before, or another thread's oxEventShutdown has not returned yet.
  * OXEVENT_FAILURE: a sink could not be opened, no memory, no thread. After a failure nothing runs; one that comes after
  * the sinks were opened forgets the callbacks, as a shutdown does.
@@ -183,16 +183,18 @@ OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 struct oxEventAlertmanagerFormatterConfig {
   bool send_resolved = true;                /* False: an event that ends a condition gives the empty list "[]". */
   bool allow_source_label = false;          /* True: source_id becomes a label, and so part of the alert's identity. */
-  std::string alertname_prefix = "OxEvent"; /* Begins the alert's name; empty: "OxEvent". */
+  std::string alertname_prefix = "OxEvent"; /* Begins the alert's name; of it letters, digits and "_" are
+                                               used. None: "OxEvent". */
 };
 
 /*
  * Formats a record as an Alertmanager document (API version 2, POST /api/v2/alerts): a list of one alert, in *out,
  * which is the caller's. An event whose action is "clear", "resolve" or "resolved" ends the alert that has the same
- * severity, type and, where it is a label, source. Needs no oxEventInitialize.
+ * severity, type and, where it is a label, source. A record without event_id gets its struct_size for one; in a
+ * callback it has its own. Needs no oxEventInitialize.
  *
- * OXEVENT_INVALID_ARGUMENT: record or out null, or a record that oxEventSubmit would refuse. These leave the thread's
- * last error as it was. OXEVENT_FAILURE: no memory.
+ * OXEVENT_INVALID_ARGUMENT: record or out null, or a record that oxEventSubmit would refuse. OXEVENT_FAILURE: no
+ * memory; this alone touches the thread's last error. After a failure *out is as it was.
  */
 extern "C" OXEVENT_API uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record,
                                                                 const oxEventAlertmanagerFormatterConfig& config,

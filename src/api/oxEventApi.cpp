@@ -281,7 +281,11 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
     oxEventNormalizedEvent event;
     const uint64_t assigned_id = record->struct_size == 0 ? 1 : record->struct_size;  // It draws none from the process.
     const uint32_t result = oxEventNormalizeEvent(record, assigned_id, &event);
-    return result != OXEVENT_OK ? result : oxEventFormatAlertmanagerAlert(event, config, out);
+    if (result != OXEVENT_OK) return result;
+    std::string document;  // *out gets all of it or nothing.
+    if (const uint32_t failure = oxEventFormatAlertmanagerAlert(event, config, &document)) return failure;
+    out->swap(document);
+    return OXEVENT_OK;
   });
 }
 

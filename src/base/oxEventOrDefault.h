@@ -1,8 +1,9 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 // An empty setting counts as not given.
-inline const std::string& oxEventOrDefault(const std::string& text, const std::string& absent) {
-  return text.empty() ? absent : text;
+inline std::string oxEventOrDefault(std::string_view text, std::string_view absent) {
+  return std::string(text.empty() ? absent : text);
 }

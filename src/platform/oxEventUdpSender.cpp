@@ -36,6 +36,7 @@ uint32_t oxEventUdpSender::Resolve(std::string* error) {
   const int failure = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &list);
   if (failure != 0 || list == nullptr) return Fail("resolve failed for", failure, error);
 
+  errno = 0;
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, freeaddrinfo);
   for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
     if (entry->ai_addrlen > sizeof(address_)) continue;

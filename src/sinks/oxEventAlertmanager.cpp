@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "base/oxEventAscii.h"
@@ -60,6 +62,11 @@ std::string_view AlertSeverity(uint32_t severity) {
   return severity == OXEVENT_SEVERITY_ERROR ? "critical" : "info";
 }
 
+// In linear time, as std::string::find is not: the texts are the host's, of any length.
+bool Contains(std::string_view text, std::string_view part) {
+  return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
+}
+
 // A string member whose text `append` writes.
 template <class Append>
 void AddString(std::string_view name, JsonObject* object, std::string* out, Append append) {
@@ -87,7 +94,7 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
   annotations.AddStringField("summary", event.message.empty() ? event.event_type : event.message);
   AddString("description", &annotations, out, [&] {
     JsonEscape(event.message, out);
-    if (event.source_name.empty() || event.message.find(event.source_name) != std::string::npos) return;
+    if (event.source_name.empty() || Contains(event.message, event.source_name)) return;
     out->append(" on ");
     JsonEscape(event.source_name, out);
   });
@@ -116,20 +123,18 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
 uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
                                         const oxEventAlertmanagerFormatterConfig& config, std::string* out) {
   if (out == nullptr) return OXEVENT_INVALID_ARGUMENT;
-  out->clear();
   const bool resolved = IsResolved(event.action);
-  out->push_back('[');
-  if (!resolved || config.send_resolved) {
-    JsonObject alert(out);
-    alert.AddName("labels");
-    AddLabels(event, config, out);
-    alert.AddName("annotations");
-    AddAnnotations(event, out);
-    const auto append_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, out); };
-    AddString("startsAt", &alert, out, append_time);
-    if (resolved) AddString("endsAt", &alert, out, append_time);
-    alert.Close();
-  }
+  out->assign(resolved && !config.send_resolved ? "[]" : "[");
+  if (resolved && !config.send_resolved) return OXEVENT_OK;
+  JsonObject alert(out);
+  alert.AddName("labels");
+  AddLabels(event, config, out);
+  alert.AddName("annotations");
+  AddAnnotations(event, out);
+  const auto append_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, out); };
+  AddString("startsAt", &alert, out, append_time);
+  if (resolved) AddString("endsAt", &alert, out, append_time);
+  alert.Close();
   out->push_back(']');
   return OXEVENT_OK;
 }

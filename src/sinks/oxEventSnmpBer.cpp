@@ -1,6 +1,7 @@
 #include "sinks/oxEventSnmpBer.h"
 
 #include <charconv>
+#include <system_error>
 
 namespace SnmpBer {
 

@@ -1,6 +1,8 @@
 #include <limits>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/oxEventAscii.h"

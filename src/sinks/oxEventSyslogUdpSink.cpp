@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"

@@ -52,7 +52,7 @@ bool IsCloudEvents(std::string_view lower_mode) {
 }
 
 // A setting of the CloudEvents section stands where the webhook's own is not given.
-const std::string& EndpointUrl(const oxEventSinkConfig& config) {
+std::string EndpointUrl(const oxEventSinkConfig& config) {
   return oxEventOrDefault(config.endpoint_url, config.ce_endpoint_url);
 }
 
