@@ -2,6 +2,7 @@
 
 #include <oxEvent.h>
 #include <oxutil.h>
+#include <strings.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,7 +12,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <thread>
 
 namespace {
@@ -66,12 +66,12 @@ struct AlertPoster {
 
  private:
   void Take(const oxEventRecord& event) {
-    const std::string_view action = event.action;
-    const bool clears = action == "clear";
-    const bool raises = action == "raise" || action == "update" || action == "repeat";
-    // A notice is no condition: posted once.
-    const std::string key = clears || raises ? event.dedupe_key : std::to_string(event.event_id) + " notice";
+    const auto acts = [&](const char* action) { return strcasecmp(event.action, action) == 0; };
+    const bool clears = acts("clear");
+    const bool raises = acts("raise") || acts("update") || acts("repeat");
+    const std::string key = clears || raises ? ConditionOf(event) : NoticeOf(event);
     const std::lock_guard lock(mutex_);
+    news_ = true;
     if (alerts_.size() >= kMaxAlerts && !alerts_.contains(key)) {
       std::fprintf(stderr, "alert poster: no room for event %llu\n", static_cast<unsigned long long>(event.event_id));
       return;
@@ -82,6 +82,14 @@ struct AlertPoster {
     if (!clears) Add(event, identity, raises, &alert);
     changed_.notify_one();
   }
+
+  static std::string ConditionOf(const oxEventRecord& event) {
+    if (event.dedupe_key[0] != '\0') return event.dedupe_key;
+    return std::string(event.source_id) + ":" + event.event_type;
+  }
+
+  // A notice is no condition, and posted once.
+  static std::string NoticeOf(const oxEventRecord& event) { return std::to_string(event.event_id) + " notice"; }
 
   static void Add(const oxEventRecord& event, const Identity& identity, bool raises, Alert* alert) {
     alert->identity = identity;
@@ -112,6 +120,7 @@ struct AlertPoster {
   void Run() {
     std::unique_lock lock(mutex_);
     for (;;) {
+      news_ = false;
       const Clock::time_point now = Clock::now();
       Clock::time_point next = now + kRepeat;
       bool pending = false;
@@ -124,6 +133,7 @@ struct AlertPoster {
       }
       const bool stopping = stop_at_ != Clock::time_point::max();
       if (stopping && (!pending || now >= stop_at_)) return;
+      if (news_) continue;  // It came while a post waited for the server.
       changed_.wait_until(lock, stopping ? now + std::chrono::milliseconds(100) : next);
     }
   }
@@ -157,6 +167,7 @@ struct AlertPoster {
   const std::string url_;
   std::mutex mutex_;
   std::condition_variable changed_;
+  bool news_ = false;                                     // Guarded by mutex_.
   std::map<std::string, Alert> alerts_;                   // Guarded by mutex_.
   Clock::time_point stop_at_ = Clock::time_point::max();  // Guarded by mutex_.
   std::thread thread_;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <linux/tcp.h>
+#include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <charconv>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 
 #include "oxHTTPLookup.h"
@@ -27,22 +29,28 @@ long MsUntil(Clock::time_point time) {
   return static_cast<long>(std::max<decltype(left)>(left, 0));
 }
 
-// libcurl would go by a length that it cannot represent as by none.
-bool IsUnreadableLength(std::string_view line) {
+// Where two lengths differ, or one cannot be represented, libcurl would go by one or none.
+bool TakeLength(std::string_view line, oxHTTPAnswer* answer) {
   constexpr std::string_view kName = "content-length:";
-  if (line.size() < kName.size() || strncasecmp(line.data(), kName.data(), kName.size()) != 0) return false;
+  if (line.size() < kName.size() || strncasecmp(line.data(), kName.data(), kName.size()) != 0) return true;
   line.remove_prefix(std::min(line.find_first_not_of(" \t", kName.size()), line.size()));
-  int64_t length = 0;
-  return std::from_chars(line.data(), line.data() + line.size(), length).ec != std::errc();
+  int64_t length = -1;
+  std::from_chars(line.data(), line.data() + line.size(), length);
+  const bool good = length >= 0 && (answer->length < 0 || answer->length == length);
+  answer->length = length;
+  return good;
 }
 
 size_t OnHeader(char* bytes, size_t size, size_t count, void* answer_of) {
   auto* answer = static_cast<oxHTTPAnswer*>(answer_of);
   const std::string_view line(bytes, size * count);
   answer->header_length += line.size();
-  if (line.starts_with("HTTP/")) answer->header_ended = false;
+  if (line.starts_with("HTTP/")) {
+    answer->header_ended = false;
+    answer->length = -1;
+  }
   answer->header_ended |= line == "\r\n" || line == "\n";  // And stays so through a trailer.
-  const bool good = answer->header_length <= oxHTTPAnswer::kMaxHeader && !IsUnreadableLength(line);
+  const bool good = answer->header_length <= oxHTTPAnswer::kMaxHeader && TakeLength(line, answer);
   return good ? line.size() : CURL_WRITEFUNC_ERROR;
 }
 
@@ -74,7 +82,9 @@ T* OrThrow(T* made) {
 
 template <class Value>
 void Set(CURL* easy, CURLoption option, Value value) {
-  if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  const CURLcode result = curl_easy_setopt(easy, option, value);
+  if (result == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (result != CURLE_OK) throw std::runtime_error("libcurl lacks an option");
 }
 
 struct UrlFree {
@@ -96,22 +106,9 @@ std::string PartOf(CURLU* url, CURLUPart part, unsigned flags) {
 }  // namespace
 
 oxHTTPClient::oxHTTPClient() : multi_(OrThrow(oxHTTPMultiInit())), easy_(curl_easy_init()) {
-  if (easy_ == nullptr) {
-    curl_multi_cleanup(multi_);
-    throw std::bad_alloc();
-  }
-  Set(easy_, CURLOPT_NOSIGNAL, 1L);
-  Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
-  Set(easy_, CURLOPT_PROXY, "");  // Not the environment's.
-  Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  Set(easy_, CURLOPT_OPENSOCKETFUNCTION, OnOpenSocket);
-  Set(easy_, CURLOPT_OPENSOCKETDATA, this);
-  Set(easy_, CURLOPT_CLOSESOCKETFUNCTION, OnCloseSocket);
-  Set(easy_, CURLOPT_CLOSESOCKETDATA, this);
-  Set(easy_, CURLOPT_HEADERFUNCTION, OnHeader);
-  Set(easy_, CURLOPT_WRITEFUNCTION, OnText);
-  Set(easy_, CURLOPT_RESOLVER_START_FUNCTION, OnLookup);
-  Set(easy_, CURLOPT_RESOLVER_START_DATA, this);
+  if (easy_ != nullptr) return;
+  curl_multi_cleanup(multi_);
+  throw std::bad_alloc();
 }
 
 oxHTTPClient::~oxHTTPClient() {
@@ -137,17 +134,24 @@ curl_socket_t oxHTTPClient::OnOpenSocket(void* self, curlsocktype /*purpose*/, c
 int oxHTTPClient::OnCloseSocket(void* self, curl_socket_t fd) {
   auto* client = static_cast<oxHTTPClient*>(self);
   if (const auto kept = client->kept_sockets_.find(fd); kept != client->kept_sockets_.end()) {
-    client->answer_begun_ |= BytesReceived(fd) > kept->second;
+    // Of TLS the bytes tell nothing: a farewell is some too.
+    client->answer_begun_ |= BytesReceived(fd) > kept->second && !client->origin_.starts_with("https");
     client->kept_sockets_.erase(kept);
   }
   return close(fd);
 }
 
-// Of TLS the bytes tell nothing: a farewell is some too.
 void oxHTTPClient::NoteKeptSocket() {
   curl_socket_t fd = CURL_SOCKET_BAD;
-  if (origin_.starts_with("https") || curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK) return;
-  if (fd != CURL_SOCKET_BAD) kept_sockets_[fd] = BytesReceived(fd);
+  if (curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD) return;
+  kept_sockets_[fd] = BytesReceived(fd);
+}
+
+bool oxHTTPClient::IsFresh() const {
+  return std::all_of(kept_sockets_.begin(), kept_sockets_.end(), [](const auto& kept) {
+    pollfd poll_fd = {kept.first, POLLIN, 0};
+    return poll(&poll_fd, 1, 0) == 0;
+  });
 }
 
 bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
@@ -159,7 +163,6 @@ bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
     if (addresses == nullptr) return false;
     Set(easy_, CURLOPT_RESOLVE, addresses.get());
     result = Exchange(request);
-    Set(easy_, CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
   }
   if ((result != CURLE_OK && !answer->cut) || !answer->header_ended) return false;
   return curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &answer->status) == CURLE_OK;
@@ -178,28 +181,40 @@ bool oxHTTPClient::SetTarget(const char* url) {
   if (curl_url_set(parts.get(), CURLUPART_URL, url, 0) != CURLUE_OK) return false;
   host_ = PartOf(parts.get(), CURLUPART_HOST, CURLU_PUNYCODE);
   port_ = PartOf(parts.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
-  Set(easy_, CURLOPT_URL, url);
   origin_ = OriginOf(url);
   url_ = url;
   return true;
 }
 
+// Everything anew, for libcurl counts how often it has repeated a request until the handle is reset.
 void oxHTTPClient::Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
-  const std::string_view method = request.method;
-  if (request.body_length != 0 || method == "POST" || method == "PUT" || method == "PATCH") {
-    Set(easy_, CURLOPT_POST, 1L);
-    Set(easy_, CURLOPT_POSTFIELDS, request.body == nullptr ? "" : request.body);
-    Set(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body_length));
-  } else {
-    Set(easy_, CURLOPT_HTTPGET, 1L);
-    Set(easy_, CURLOPT_NOBODY, method == "HEAD" ? 1L : 0L);
-  }
-  Set(easy_, CURLOPT_CUSTOMREQUEST, request.method);
-  Set(easy_, CURLOPT_HTTPHEADER, request.header.get());
+  curl_easy_reset(easy_);
+  Set(easy_, CURLOPT_URL, request.url);
+  Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+  Set(easy_, CURLOPT_PROXY, "");  // Not the environment's.
+  Set(easy_, CURLOPT_NOSIGNAL, 1L);
+  Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   Set(easy_, CURLOPT_SSL_VERIFYPEER, request.verify_tls ? 1L : 0L);
   Set(easy_, CURLOPT_SSL_VERIFYHOST, request.verify_tls ? 2L : 0L);
+  Set(easy_, CURLOPT_OPENSOCKETFUNCTION, OnOpenSocket);
+  Set(easy_, CURLOPT_OPENSOCKETDATA, this);
+  Set(easy_, CURLOPT_CLOSESOCKETFUNCTION, OnCloseSocket);
+  Set(easy_, CURLOPT_CLOSESOCKETDATA, this);
+  Set(easy_, CURLOPT_RESOLVER_START_FUNCTION, OnLookup);
+  Set(easy_, CURLOPT_RESOLVER_START_DATA, this);
+  Set(easy_, CURLOPT_HEADERFUNCTION, OnHeader);
   Set(easy_, CURLOPT_HEADERDATA, answer);
+  Set(easy_, CURLOPT_WRITEFUNCTION, OnText);
   Set(easy_, CURLOPT_WRITEDATA, answer);
+  Set(easy_, CURLOPT_HTTPHEADER, request.header.get());
+  const std::string_view method = request.method;
+  if (request.body_length != 0 || method == "POST" || method == "PUT" || method == "PATCH") {
+    Set(easy_, CURLOPT_POSTFIELDS, request.body == nullptr ? "" : request.body);
+    Set(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body_length));
+  } else if (method == "HEAD") {
+    Set(easy_, CURLOPT_NOBODY, 1L);
+  }
+  Set(easy_, CURLOPT_CUSTOMREQUEST, request.method);
 }
 
 CURLcode oxHTTPClient::Exchange(const oxHTTPRequest& request) {

@@ -34,6 +34,7 @@ struct oxHTTPAnswer {
   static constexpr size_t kMaxText = 64 * 1024;    // A longer text is cut, and the rest not read.
   long status = 0;
   size_t header_length = 0;
+  int64_t length = -1;        // As the header says; negative: it says none.
   bool header_ended = false;  // Where it breaks off, libcurl is content.
   bool cut = false;
   std::string text;
@@ -48,8 +49,12 @@ class oxHTTPClient {
   oxHTTPClient(const oxHTTPClient&) = delete;
   oxHTTPClient& operator=(const oxHTTPClient&) = delete;
 
-  // True: the answer is there, whatever its status. Never later than the deadline. Throws std::bad_alloc.
+  // True: the answer is there, whatever its status. Never later than the deadline. Throws when there is no memory, or
+  // when libcurl lacks something; the client is of no use then.
   bool Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer);
+
+  // False: a server has closed a kept connection, or has sent something that would pass for the next answer.
+  bool IsFresh() const;
 
   // The scheme, host and port of the last request, as its URL had them.
   const std::string& Origin() const { return origin_; }
@@ -79,7 +84,8 @@ class oxHTTPClient {
 // The clients between requests, with their connections. Any thread.
 namespace oxHTTPClients {
 
-// A client for one request. Null while the process ends, when TLS is over, and without memory for libcurl.
+// A client for one request. Null when libcurl cannot be started, and for https once the process runs its exit handlers.
+// Throws std::bad_alloc.
 std::unique_ptr<oxHTTPClient> Take(const oxHTTPRequest& request);
 
 // Ends the request.

@@ -66,29 +66,33 @@ bool StartLocked() {
 
 }  // namespace
 
+namespace oxHTTPClients {
+
 // One that has been to the same place: it has the connection. A stranger to the place gets a client of its own, so that
 // whoever waits for a name server does not hold another's connection.
-std::unique_ptr<oxHTTPClient> oxHTTPClients::Take(const oxHTTPRequest& request) {
-  const std::lock_guard lock(g_clients.mutex);
-  if (!StartLocked() || (request.https && g_clients.tls_over)) return nullptr;
-  const std::string_view origin = oxHTTPClient::OriginOf(request.url);
-  const auto known = std::find_if(g_clients.idle.begin(), g_clients.idle.end(),
-                                  [origin](const auto& client) { return client->Origin() == origin; });
+std::unique_ptr<oxHTTPClient> Take(const oxHTTPRequest& request) {
   std::unique_ptr<oxHTTPClient> client;
-  if (known == g_clients.idle.end()) {
-    client = std::make_unique<oxHTTPClient>();
-  } else {
-    client = std::move(*known);
-    g_clients.idle.erase(known);
+  {
+    const std::lock_guard lock(g_clients.mutex);
+    if (!StartLocked() || (request.https && g_clients.tls_over)) return nullptr;
+    const std::string_view origin = oxHTTPClient::OriginOf(request.url);
+    const auto known = std::find_if(g_clients.idle.begin(), g_clients.idle.end(),
+                                    [origin](const auto& idle) { return idle->Origin() == origin; });
+    if (known != g_clients.idle.end()) {
+      client = std::move(*known);
+      g_clients.idle.erase(known);
+    }
   }
-  if (request.https) {
-    ++g_clients.tls_requests;
-    g_clients.tls_deadline = std::max(g_clients.tls_deadline, request.deadline);
-  }
+  if (client == nullptr || !client->IsFresh()) client = std::make_unique<oxHTTPClient>();
+  if (!request.https) return client;
+  const std::lock_guard lock(g_clients.mutex);
+  if (g_clients.tls_over) return nullptr;
+  ++g_clients.tls_requests;
+  g_clients.tls_deadline = std::max(g_clients.tls_deadline, request.deadline);
   return client;
 }
 
-void oxHTTPClients::GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client) {
+void GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client) {
   std::unique_ptr<oxHTTPClient> longest_idle;  // Closes its connections without the lock.
   const std::lock_guard lock(g_clients.mutex);
   if (client != nullptr) {
@@ -100,5 +104,8 @@ void oxHTTPClients::GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTT
   }
   if (!request.https) return;
   --g_clients.tls_requests;
+  if (g_clients.tls_requests == 0) g_clients.tls_deadline = {};
   g_clients.tls_done.notify_all();
 }
+
+}  // namespace oxHTTPClients

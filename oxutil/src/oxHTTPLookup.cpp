@@ -1,12 +1,12 @@
 #include "oxHTTPLookup.h"
 
-#include <arpa/inet.h>
 #include <netdb.h>
 #include <pthread.h>
 #include <signal.h>
 
-#include <atomic>
 #include <condition_variable>
+#include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -14,19 +14,24 @@
 
 namespace {
 
-// What a dead name server can keep waiting: a request that finds so many has no chance.
-constexpr int kMaxLookups = 16;
-constinit std::atomic<int> g_lookups = 0;
+// What a dead name server can keep waiting at a time; later names wait for their turn.
+constexpr size_t kMaxLookups = 16;
 
-// Shared by the thread that looks up and the caller that waits.
 struct Lookup {
-  explicit Lookup(const std::string& its_host) : host(its_host) {}
-  const std::string host;
+  bool done = false;
+  std::string addresses;
+};
+
+struct Lookups {
   std::mutex mutex;
   std::condition_variable changed;
-  bool done = false;      // Guarded by mutex.
-  std::string addresses;  // Guarded by mutex.
+  // By host, of those that have a thread. All who want a host share its lookup. Guarded by mutex, with what it holds.
+  std::map<std::string, std::shared_ptr<Lookup>> under_way;
 };
+
+// Never destroyed: lookups may end while the process exits.
+alignas(Lookups) char g_storage[sizeof(Lookups)];
+Lookups& g_lookups = *new (g_storage) Lookups;
 
 std::string AddressesOf(const std::string& host) {
   addrinfo hints = {};
@@ -36,32 +41,34 @@ std::string AddressesOf(const std::string& host) {
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, freeaddrinfo);
   std::string addresses;
   for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
-    char text[NI_MAXHOST];  // With an IPv6 scope, where there is one.
+    char text[NI_MAXHOST];
     if (getnameinfo(entry->ai_addr, entry->ai_addrlen, text, sizeof(text), nullptr, 0, NI_NUMERICHOST) != 0) continue;
+    if (std::strchr(text, '%') != nullptr) continue;  // libcurl takes none with a scope.
     if (!addresses.empty()) addresses.push_back(',');
     addresses.append(text);
   }
   return addresses;
 }
 
-void* RunLookup(void* argument) {
-  const std::unique_ptr<std::shared_ptr<Lookup>> lookup(static_cast<std::shared_ptr<Lookup>*>(argument));
+void* RunLookup(void* host_of) {
+  const std::unique_ptr<std::string> host(static_cast<std::string*>(host_of));
   std::string addresses;
   try {
-    addresses = AddressesOf((*lookup)->host);
+    addresses = AddressesOf(*host);
   } catch (const std::bad_alloc&) {
     // As good as no answer.
   }
-  --g_lookups;
-  const std::lock_guard lock((*lookup)->mutex);
-  (*lookup)->addresses.swap(addresses);
-  (*lookup)->done = true;
-  (*lookup)->changed.notify_all();
+  const std::lock_guard lock(g_lookups.mutex);
+  const auto lookup = g_lookups.under_way.find(*host);
+  lookup->second->addresses.swap(addresses);
+  lookup->second->done = true;
+  g_lookups.under_way.erase(lookup);
+  g_lookups.changed.notify_all();
   return nullptr;
 }
 
 // The thread takes no signal of the host's.
-bool StartThread(void* argument) {
+bool StartThread(std::unique_ptr<std::string> host) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -70,30 +77,37 @@ bool StartThread(void* argument) {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   pthread_t thread;
-  const bool started = pthread_create(&thread, &attributes, RunLookup, argument) == 0;
+  const bool started = pthread_create(&thread, &attributes, RunLookup, host.get()) == 0;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   pthread_attr_destroy(&attributes);
+  if (started) static_cast<void>(host.release());  // The thread's.
   return started;
 }
 
-bool Start(const std::shared_ptr<Lookup>& lookup) {
-  auto argument = std::make_unique<std::shared_ptr<Lookup>>(lookup);
-  if (++g_lookups <= kMaxLookups && StartThread(argument.get())) {
-    static_cast<void>(argument.release());  // The thread's.
-    return true;
-  }
-  --g_lookups;
-  return false;
+// Null: too many are under way.
+std::shared_ptr<Lookup> JoinOrStartLocked(const std::string& host) {
+  const auto known = g_lookups.under_way.find(host);
+  if (known != g_lookups.under_way.end()) return known->second;
+  if (g_lookups.under_way.size() >= kMaxLookups) return nullptr;
+  auto lookup = std::make_shared<Lookup>();
+  auto argument = std::make_unique<std::string>(host);
+  const auto entry = g_lookups.under_way.emplace(host, lookup).first;
+  if (StartThread(std::move(argument))) return lookup;
+  g_lookups.under_way.erase(entry);
+  lookup->done = true;
+  return lookup;
 }
 
 }  // namespace
 
 std::string oxHTTPLookup(const std::string& host, std::chrono::steady_clock::time_point deadline) {
-  const auto lookup = std::make_shared<Lookup>(host);
-  if (!Start(lookup)) return "";
-  std::unique_lock lock(lookup->mutex);
-  lookup->changed.wait_until(lock, deadline, [&] { return lookup->done; });
-  return std::move(lookup->addresses);
+  std::unique_lock lock(g_lookups.mutex);
+  std::shared_ptr<Lookup> lookup;
+  while ((lookup = JoinOrStartLocked(host)) == nullptr) {
+    if (g_lookups.changed.wait_until(lock, deadline) == std::cv_status::timeout) return "";
+  }
+  g_lookups.changed.wait_until(lock, deadline, [&] { return lookup->done; });
+  return lookup->addresses;
 }
 
-void oxHTTPLookupForgetInChild() { g_lookups = 0; }
+void oxHTTPLookupForgetInChild() { new (g_storage) Lookups; }

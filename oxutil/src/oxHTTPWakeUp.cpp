@@ -1,64 +1,61 @@
 #include "oxHTTPWakeUp.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstring>
-#include <memory>
-#include <vector>
+#include <cstddef>
 
 namespace {
 
 constexpr int kMarks = 3;
+constexpr int kTries = 10;
 
-struct FolderClose {
-  void operator()(DIR* folder) const { closedir(folder); }
+// The two lowest free descriptors: what the next socketpair gets, unless another thread comes between.
+struct Pair {
+  Pair() {
+    const int first = eventfd(0, EFD_CLOEXEC);
+    const int second = eventfd(0, EFD_CLOEXEC);
+    close(first);
+    close(second);
+    reading = std::min(first, second);
+    writing = std::max(first, second);
+  }
+  int reading;
+  int writing;
 };
 
-bool IsUnixSocket(int fd) {
-  int domain = 0;
-  socklen_t size = sizeof(domain);
-  return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX;
+bool Holds(int fd, unsigned long request, bool marked) {
+  int bytes = 0;
+  if (ioctl(fd, request, &bytes) != 0) return false;
+  return request == FIONREAD ? bytes == (marked ? kMarks : 0) : (bytes > 0) == marked;
 }
 
-std::vector<int> UnixSockets() {
-  std::vector<int> sockets;
-  const std::unique_ptr<DIR, FolderClose> folder(opendir("/proc/self/fd"));
-  if (folder == nullptr) return sockets;
-  while (const dirent* entry = readdir(folder.get())) {
-    int fd = -1;
-    std::from_chars(entry->d_name, entry->d_name + std::strlen(entry->d_name), fd);
-    if (fd >= 0 && IsUnixSocket(fd)) sockets.push_back(fd);
-  }
-  std::sort(sockets.begin(), sockets.end());
-  return sockets;
-}
-
-// One end has the marks to read, the other has sent what is not read yet.
-bool IsMarked(int fd) {
-  int readable = 0;
-  int unread = 0;
-  ioctl(fd, FIONREAD, &readable);
-  ioctl(fd, SIOCOUTQ, &unread);
-  return readable == kMarks || unread > 0;
+// Whether these are the multi handle's: a wake-up is a byte that goes in at one end and waits at the other.
+bool IsWakeUpPair(const Pair& pair, CURLM* multi) {
+  const auto both_hold = [&](bool marked) {
+    return Holds(pair.reading, FIONREAD, marked) && Holds(pair.writing, SIOCOUTQ, marked);
+  };
+  if (!both_hold(false)) return false;
+  for (int i = 0; i < kMarks; ++i) curl_multi_wakeup(multi);
+  return both_hold(true);
 }
 
 }  // namespace
 
 CURLM* oxHTTPMultiInit() {
-  const std::vector<int> before = UnixSockets();
-  CURLM* multi = curl_multi_init();
-  if (multi == nullptr) return nullptr;
-  for (int i = 0; i < kMarks; ++i) curl_multi_wakeup(multi);
-  // What another thread has opened meanwhile is new too, but does not bear the marks.
-  for (const int fd : UnixSockets()) {
-    const bool is_new = !std::binary_search(before.begin(), before.end(), fd);
-    if (is_new && IsMarked(fd)) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  CURLM* multi = nullptr;
+  for (int i = 0; i < kTries; ++i) {
+    curl_multi_cleanup(multi);
+    const Pair pair;
+    multi = curl_multi_init();
+    if (multi == nullptr || !IsWakeUpPair(pair, multi)) continue;
+    fcntl(pair.reading, F_SETFD, FD_CLOEXEC);
+    fcntl(pair.writing, F_SETFD, FD_CLOEXEC);
+    break;
   }
   return multi;
 }

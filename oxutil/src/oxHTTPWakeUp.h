@@ -3,5 +3,5 @@
 #include <curl/curl.h>
 
 // curl_multi_init, with the pair of sockets that libcurl makes for curl_multi_wakeup close-on-exec, which libcurl
-// leaves out. Null without memory. Throws std::bad_alloc.
+// leaves out. Null without memory.
 CURLM* oxHTTPMultiInit();

@@ -3,6 +3,8 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -130,19 +132,28 @@ bool IsToken(std::string_view text) {
   });
 }
 
+// Gives the client back on every way out, the unwinding of a cancelled thread included.
+struct Lease {
+  explicit Lease(const oxHTTPRequest& its_request)
+      : request(its_request), client(oxHTTPClients::Take(its_request)), taken(client != nullptr) {}
+  ~Lease() {
+    if (!answered) client.reset();  // Has no connection to keep.
+    if (taken) oxHTTPClients::GiveBack(request, std::move(client));
+  }
+  Lease(const Lease&) = delete;
+  Lease& operator=(const Lease&) = delete;
+
+  const oxHTTPRequest& request;
+  std::unique_ptr<oxHTTPClient> client;
+  const bool taken;
+  bool answered = false;
+};
+
 bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   const oxHTTPPipeSignalBlock block;
-  std::unique_ptr<oxHTTPClient> client = oxHTTPClients::Take(request);
-  if (client == nullptr) return false;
-  bool answered = false;
-  try {
-    answered = client->Perform(request, answer);
-  } catch (const std::bad_alloc&) {
-    // No answer.
-  }
-  if (!answered) client.reset();  // Has no connection to keep.
-  oxHTTPClients::GiveBack(request, std::move(client));
-  return answered;
+  Lease lease(request);
+  if (lease.taken) lease.answered = lease.client->Perform(request, answer);
+  return lease.answered;
 }
 
 char* CopyOf(const std::string& text) {
@@ -185,7 +196,7 @@ int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers
   try {
     return Command(url, method, headers == nullptr ? "" : headers, {body, static_cast<size_t>(body_length)}, response,
                    status, timeout_ms);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     return 0;
   }
 }

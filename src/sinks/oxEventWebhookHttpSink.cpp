@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -51,6 +52,16 @@ bool IsCloudEvents(std::string_view lower_mode) {
   return lower_mode == "cloudevents" || lower_mode == "cloudevents_structured";
 }
 
+// Whether the text breaks off within a UTF-8 sequence. The separator would pass for its last byte.
+bool EndsWithinSequence(std::string_view text) {
+  for (size_t length = 1; length <= std::min<size_t>(text.size(), 3); ++length) {
+    const auto byte = static_cast<unsigned char>(text[text.size() - length]);
+    if (byte >= 0xC0) return length < (byte >= 0xF0 ? 4u : byte >= 0xE0 ? 3u : 2u);
+    if (byte < 0x80) return false;
+  }
+  return false;
+}
+
 // A setting of the CloudEvents section stands where the webhook's own is not given.
 std::string EndpointUrl(const oxEventSinkConfig& config) {
   return oxEventOrDefault(config.endpoint_url, config.ce_endpoint_url);
@@ -97,6 +108,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
  private:
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
     const auto add = [this](std::string_view name, std::string_view value = "") {
+      if (EndsWithinSequence(header_block_)) header_block_.push_back(' ');  // Of no meaning at a value's end.
       if (!header_block_.empty()) header_block_.push_back(kLineSeparator);
       header_block_.append(name).append(value);
     };

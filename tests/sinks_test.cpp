@@ -1,0 +1,281 @@
+// What the sinks send, to the byte: datagrams to receivers on loopback, posts to a client in the companion's place.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <chrono>
+#include <cmath>
+#include <sstream>
+
+#include "oxutil.h"
+#include "sinks/oxEventAlertmanager.h"
+#include "sinks/oxEventSink.h"
+#include "sinks/oxEventSnmpBer.h"
+#include "sinks/oxEventText.h"
+
+using std::string;
+using std::string_literals::operator""s;
+using Event = oxEventNormalizedEvent;
+using Config = oxEventSinkConfig;
+
+static string g_posts;  // With line ends for 0xA7.
+static uint32_t g_ms, g_posts_to_refuse, g_responses;
+
+// These stand before the C library's and the companion's.
+extern "C" int gethostname(char*, size_t) noexcept { return -1; }
+uint32_t oxOSGetMs() { return g_ms; }
+void OXFree(void* buffer) { g_responses -= buffer != nullptr, free(buffer); }
+int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body, int32_t body_length,
+                        char** response, int32_t* status, uint32_t timeout_ms) {
+  EXPECT_TRUE(*response == nullptr && *status == 0 && body[body_length] == 0);
+  string lines = headers;
+  if (lines.find_first_of("\r\n") != lines.npos) return 0;  // Nothing is sent.
+  std::replace(lines.begin(), lines.end(), '\xA7', '\n'), lines += "\n\n" + string(body, size_t(body_length));
+  g_posts += method + " "s + url + " " + std::to_string(timeout_ms) + "\n" + lines;
+  *response = static_cast<char*>(malloc(1)), ++g_responses;
+  return g_posts_to_refuse == 0 ? -1 : (--g_posts_to_refuse, 0);
+}
+
+namespace {
+
+constexpr auto kSyslog = oxEventCreateSyslogUdpSink, kTrap = oxEventCreateSnmpTrapSink,
+               kPost = oxEventCreateCloudEventsHttpSink, kAlert = oxEventCreateAlertmanagerSink;
+
+// What a new sink does with an event: its posts, "!" if it fails, or the code and text with which there is no sink.
+string Do(decltype(kPost) create, const Config& config, const Event& event = {}) {
+  std::shared_ptr<oxEventSink> sink;
+  string error = g_posts = "";
+  uint64_t warnings = 7;
+  const uint32_t made = create(config, &sink, &error), result = made != 0 ? 0 : sink->Submit(event, &warnings);
+  EXPECT_TRUE(!sink == (made != 0) && result % OXEVENT_FAILURE == 0 && warnings == 7 && g_responses == 0);
+  return made != 0 ? std::to_string(made - 0x80050000) + " " + error : g_posts + (result != 0 ? "!" : "");
+}
+
+struct Receiver : Config {  // Of datagrams, with the settings to send here.
+  explicit Receiver(sa_family_t family = AF_INET) : fd(socket(family, SOCK_DGRAM, 0)) {
+    sockaddr_in6 at = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};  // Is both.
+    socklen_t size = sizeof at;
+    const auto address = reinterpret_cast<sockaddr*>(&at);
+    port = snmp_port = bind(fd, address, size) | getsockname(fd, address, &size) ? 0 : ntohs(at.sin6_port);
+    host = snmp_host = family == AF_INET ? "127.0.0.1" : "::1", minimum_severity = 0;
+  }
+  ~Receiver() { close(fd); }
+  string Get(decltype(kPost) create, const Event& event = {}) const {
+    string result = Do(create, *this, event), bytes(65536, 0);
+    pollfd ready = {fd, POLLIN, 0};
+    return result + bytes.substr(0, poll(&ready, 1, 20000) == 1 ? size_t(recv(fd, bytes.data(), bytes.size(), 0)) : 0);
+  }
+  const int fd;
+};
+
+Event FullEvent(Event e = {}) {
+  e.event_id = UINT64_MAX, e.ptp_ns = UINT64_MAX - 1, e.duration_ms = UINT64_MAX - 2, e.pts = INT64_MIN, e.severity = 3;
+  e.source_id = "s\"\\]", e.source_name = "[n]\1\xFF", e.action = "A\t", e.dedupe_key = "d\\", e.timecode = "]";
+  e.correlation_id = "\"", e.units = "\xC2\xB0", e.details_json = "{\"]", e.message = "]\"\\\n", e.event_type = "t t";
+  return e.value = NAN, e.threshold = 2.5, e.utc_ns = 1'700'000'000'123'456'789, e;
+}
+
+TEST(oxEventSyslogUdpSink, SendsTheWholeEvent) {
+  std::istringstream rows(
+      "kern 0 7 debug 1e8 1e+08 user 1 14 info 0.1 0.1 mail 2 20 warning -0 -0 daemon 3 27 error inf inf auth 4 38 "
+      "info 9 9 Security 0 39 debug 1.5 1.5 syslog 1 46 info 999999.5 1e+06 lpr 1 54 info 1234567 1.23457e+06 news 1 "
+      "62 info 1 1 uucp 1 70 info 1e-5 1e-05 cron 1 78 info -nan -nan AuthPriv 1 86 info -inf -inf ftp 1 94 info 2 2 "
+      "local0 3 131 error 1e-4 0.0001 LOCAL7 3 187 error 0 0 local8 3 131 error 0 0 local/ 3 131 error 0 0 x 3 131 "
+      "error 0 0");
+  const string f(48, '5'), pid = " " + std::to_string(getpid()) + " ", end = "\"] ]\"\\\n";
+  const std::array<string, 3> names[] = {{" ", "\x7F/!~ \xC3\xA9", "_" + pid + "_/!~___"},
+                                         {"", "", "oxEvent" + pid + "-"},
+                                         {f + f, f + f, f + pid + f.substr(16)}};
+  Receiver receiver(Receiver(AF_INET6).port != 0 ? AF_INET6 : AF_INET);
+  Event e = FullEvent();
+  for (string pri, name, number, text; rows >> receiver.facility >> e.severity >> pri >> name >> number >> text;) {
+    const auto& [app_name, event_type, header] = names[pri.back() % 3];
+    receiver.app_name = app_name, e.event_type = event_type, e.value = strtod(number.c_str(), nullptr);
+    const string line =
+        "<" + pri + ">1 2023-11-14T22:13:20.123456789Z - " + header + " [velmora@32473 version=\"65536\"" +
+        " event_id=\"18446744073709551615\" severity=\"" + name + "\" action=\"A\t\" event_type=\"" + event_type +
+        "\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" correlation_id=\"\\\"\"" +
+        " utc_ns=\"1700000000123456789\" ptp_ns=\"18446744073709551614\" pts=\"-9223372036854775808\"" +
+        " timecode=\"\\]\" value=\"" + text + "\" threshold=\"2.5\" units=\"\xC2\xB0\"" +
+        " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]";
+    for (const size_t size : {0ul, 8192 - line.size() - end.size(), 8193 - line.size() - end.size()}) {
+      e.message = "]\"\\\n" + string(size, 'm'), e.details_json = "{\"]";
+      EXPECT_EQ(receiver.Get(kSyslog, e), (line + end + string(size, 'm')).substr(0, 8192));
+      e.details_json.append(9000, 'd');
+      EXPECT_EQ(receiver.Get(kSyslog, e), (line + string(9000, 'd')).substr(0, 8192));
+    }
+  }
+}
+
+string Bytes(const string& hex, string bytes = {}) {
+  for (size_t i = 0; i < hex.size(); i += 2) bytes += char(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
+}
+
+TEST(oxEventSnmpBer, EncodesInTheFewestBytes) {
+  std::istringstream rows(
+      "s 0 00 s 127 7f s 128 8180 s 255 81ff s 256 820100 s 65535 82ffff s 65536 83010000 i 0 0100 i 127 017f i 128 "
+      "020080 i 255 0200ff i 256 020100 i 32768 03008000 i 8388607 037fffff i 2147483648 050080000000 o 0.39 0127 o "
+      "1.39 "
+      "014f o 2.47 017f o 2.48 0180 o 2.176 0100 o 2.4294967295 014f o 1.3.127 022b7f o 01.03.00128 032b8100 o "
+      "1.3.16384 "
+      "042b818000 o 1.3.4294967295 062b8fffffff7f o 1.3.6.1.4.1.32473.1.1.0.1 0c2b0601040181fd5901010001"),
+      bad("|.|1|1.|.1.3|1..3|1.3.|3.1|0.40|1.40|1.+3|1.-3|+1.3|1. 3|1.3 | 1.3|1.3\t|1.3x|1.0x3|1.3.4294967296|"
+          "1.3.18446744073709551616|1.4294967299|4294967297.3");
+  for (string kind, value, hex; rows >> kind >> value >> hex;) {
+    const auto number = uint32_t(std::stod(value));
+    string out = "before", content(kind == "s" ? number : 0, 'x');
+    if (kind == "s") SnmpBer::OctetString(content, &out);
+    if (kind == "i") SnmpBer::Integer(SnmpBer::kOctetString, number, &out);
+    EXPECT_TRUE(kind != "o" || SnmpBer::ObjectIdentifier(value, &out)) << value;
+    EXPECT_EQ(out, "before"s + "\4\6"[kind == "o"] + Bytes(hex) + content) << kind << value;
+  }
+  for (string oid, out = "before"; std::getline(bad, oid, '|');)
+    EXPECT_TRUE(!SnmpBer::ObjectIdentifier(oid, &out) && out == "before") << oid;
+}
+
+string Tlv(int tag, const string& content) {
+  const size_t size = content.size();
+  return char(tag) + (size > 255 ? "\x82"s + char(size >> 8) : size > 127 ? "\x81" : "") + char(size) + content;
+}
+
+TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
+  std::istringstream rows(
+      "3 2147483776 040cccccd9 020080 020103 error 4294967295 4294967295 0419999999 047fffffff 020500ffffffff info "
+      "2 9 0100 0109 020102 warning 0 1290 020081 02050a 020100 debug");
+  const string trap = "060a2b060106030101040100", start = "06082b0601020101030043";
+  string time, request, severity, name, oid = "060d2b0601040181fd59010101", trap_oid = "060c2b0601040181fd5901010001";
+  Receiver receiver;
+  receiver.community = receiver.enterprise_oid = receiver.trap_oid = "";
+  for (Event e = FullEvent(); rows >> e.severity >> g_ms >> time >> request >> severity >> name;) {
+    const string texts[] = {
+        name,      "18446744073709551615", e.event_type,     e.source_id,           e.source_name, e.action,
+        e.message, e.dedupe_key,           e.correlation_id, "1700000000123456789", e.details_json};
+    const size_t limits[] = {32, 32, 128, 128, 128, 64, 2048, 256, 128, 32, 2048};
+    string list = Tlv(0x30, Bytes(start + time)) + Tlv(0x30, Bytes(trap + trap_oid));
+    list += Tlv(0x30, Bytes(oid + "0100" + severity));
+    for (size_t i = 0; i < 11; ++i)
+      list += Tlv(0x30, Bytes(oid) + char(i + 2) + '\0' + Tlv(4, texts[i].substr(0, limits[i])));
+    list = Tlv(0xA7, Bytes("02" + request + "020100020100") + Tlv(0x30, list));
+    EXPECT_EQ(receiver.Get(kTrap, e), Tlv(0x30, "\2\1\1" + Tlv(4, e.severity == 3 ? "cobalt" : "c\xFF") + list));
+    for (const auto text : Event::kTexts)
+      for (e.*text = "x"; (e.*text).size() < 3000;) e.*text += "\xC3\xA9";
+    receiver.community = "c\xFF", receiver.enterprise_oid = "1", receiver.trap_oid = "1.3.128";
+    oid = "060329", trap_oid = "06032b8100";
+  }
+  receiver.community.assign(1000, 'c');
+  receiver.community.append(8192 - receiver.Get(kTrap).size(), 'c');
+  EXPECT_EQ(receiver.Get(kTrap).size(), 8192u);
+  EXPECT_EQ((receiver.community += 'c', Do(kTrap, receiver)), "!");
+  EXPECT_EQ((receiver.community = "c", receiver.trap_oid = "1.3.", Do(kTrap, receiver)), "!");
+  EXPECT_EQ((receiver.trap_oid = "", receiver.enterprise_oid = "1.3.", Do(kTrap, receiver)), "!");
+  const string outcomes[] = {"3 oxEvent SNMP trap sink currently supports SNMP v2c only",
+                             "3 SNMPv3 requires a future external-library backend", ""};
+  std::istringstream versions("1 0 v1 0 2 0 2c. 0 3 1 V3 1 SnmpV3 1 2C 2 V2c 2 SNMPv2c 2");
+  receiver.enterprise_oid = "";
+  for (size_t i = 0; versions >> receiver.version >> i;)
+    EXPECT_EQ(Do(kTrap, receiver), outcomes[i]) << receiver.version;
+}
+
+TEST(oxEventSinks, FailOnlyWhereTheyMust) {
+  for (const auto& [create, name] :
+       {std::pair(kSyslog, "syslog UDP"s), {kTrap, "SNMP trap"}, {kPost, "webhook"}, {kAlert, "Alertmanager"}}) {
+    Config nobody = Receiver();
+    string error;
+    EXPECT_EQ(create(nobody, nullptr, nullptr) | create(nobody, nullptr, &error), OXEVENT_INVALID_ARGUMENT);
+    EXPECT_EQ(error, "Invalid oxEvent " + name + " sink output");
+    nobody.endpoint_url = "http://h", nobody.host = nobody.snmp_host = "127.255.255.255", nobody.minimum_severity = 2;
+    EXPECT_EQ(Do(create, nobody), "");  // Nothing is sent, which would fail: it needs leave to go to everybody.
+    if (create == kPost || create == kAlert) continue;
+    EXPECT_EQ(Do(create, nobody, FullEvent()), "!");
+    std::shared_ptr<oxEventSink> sink;
+    nobody.host = nobody.snmp_host = "", nobody.minimum_severity = 0;
+    EXPECT_EQ(create(nobody, &sink, nullptr), OXEVENT_OK);
+    EXPECT_EQ(sink->Submit({}, nullptr) + sink->Submit({}, nullptr) + sink->Submit({}, nullptr), 0u);
+    nobody.host = nobody.snmp_host = "a..b";
+    EXPECT_TRUE(Do(create, nobody).ends_with(" resolve failed for a..b:" + std::to_string(nobody.port) + " error=-2"));
+    nobody.host = nobody.snmp_host = "", nobody.port = nobody.snmp_port = 65536;
+    EXPECT_EQ(Do(create, nobody), "5 oxEvent " + name + " resolve failed for 127.0.0.1:65536 error=-8");
+  }
+}
+
+TEST(oxEventWebhookHttpSink, PostsAndTriesAgain) {
+  const string type = "json; charset=utf-8\nAccept: application/json\nUser-Agent: oxEvent/1.0\nX-oxEvent-TLS-Verify: ";
+  string post = "POST HTTPS://h 5000\nContent-Type: application/" + type + "1\nX-oxEvent-Connect-Timeout-Ms: 2000";
+  string data = "\n\n", cloud = "\n\n";  // Held by tests of their own.
+  oxEventText::FormatNativeJsonData({}, &data), oxEventText::FormatCloudEventsJson({}, "/s", "p", &cloud);
+  Config c;
+  c.headers = "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|no colon", c.ce_auth_header = "X: c", c.bearer_token = "t";
+  c.endpoint_url = "HTTPS://h", c.cloudevents_source = "/s", c.cloudevents_subject_prefix = "p", c.ce_timeout_ms = 9;
+  const string lines = "\nX-A: 1\nX-B: 2\nX-C: 3\nno colon\nAuthorization: Bearer t\nAuthorization: Basic ";
+  for (const std::array<string, 4>& credentials : {std::array{""s, "\xFB\xEF"s, "\xFF\xFF"s, "++86//8="s},
+                                                   {"Native", "", "pw", "OnB3"},
+                                                   {"NATIVE_JSON", "abc", "", "YWJjOg=="}}) {
+    c.payload_mode = credentials[0], c.basic_username = credentials[1], c.basic_password = credentials[2];
+    EXPECT_EQ(Do(kPost, c), post + lines + credentials[3] + data);
+  }
+  for (const string& bad : {"a\rb"s, "a\nb"s, "a\0b"s}) EXPECT_EQ((c.bearer_token = bad, Do(kPost, c)), "!");
+  c.headers = c.ce_auth_header = c.basic_username = c.bearer_token = "", c.backoff_ms = 0, post += data;
+  EXPECT_EQ((c.retry_count = UINT32_MAX, Do(kPost, c)), "!");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ((c.retry_count = 2, g_posts_to_refuse = 3, Do(kPost, c)), post + post + post + "!");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  EXPECT_EQ((c.backoff_ms = g_posts_to_refuse = 1, Do(kPost, c)), post + post);
+  c.tls_verify = false, c.connect_timeout_ms = c.request_timeout_ms = 0, c.ce_auth_header = "X: c";
+  for (c.ce_endpoint_url = "http://c"; const char* url : {"ftp://h", "http:/h", " http://h"})
+    EXPECT_EQ((c.endpoint_url = url, Do(kPost, c)),
+              "3 oxEvent webhook sink requires an http:// or https:// endpoint_url");
+  c.endpoint_url = "", c.payload_mode = "json", post = "POST http://c 9\nContent-Type: application/cloudevents+" + type;
+  EXPECT_EQ(Do(kPost, c), "3 oxEvent webhook payload_mode must be native_json or cloudevents");
+  for (const char* mode : {"CloudEvents", "CLOUDEVENTS_structured", "json"}) {
+    c.type = mode[0] == 'j' ? oxEventSinkType::kCloudEventsHttp : c.type, c.payload_mode = mode;
+    EXPECT_EQ(Do(kPost, c), post + "0\nX: c" + cloud);
+  }
+}
+
+TEST(oxEventAlertmanager, FormatsTheWholeEvent) {
+  std::istringstream rows(  // Prefix, event_type, source_id, message, source_name; and what comes of them.
+      "|||||OxEventEvent|info|event||||!-|a_b1  2C-|  |Full on c1|c1|OxEventAB12c|info|a_b1_2c-|source|Full on c1|"
+      "a_b1  2C-:  |O-x_1\xC3| _a:B.c/\xC3\xA9|__s_ ||n|Ox_1ABC|warning|_a:b.c|_s| on n| _a:B.c/\xC3\xA9:__s_ |"
+      "9|DISK-usage|/|m||9DiskUsage|critical|disk-usage|source|m|DISK-usage:/|x|t||m|M|xT|info|t||m on M|t|");
+  Event e = FullEvent();
+  string out, time = R"(At":"2023-11-14T22:13:20.123456789Z")";
+  for (e.severity = 0, e.dedupe_key = ""; rows.peek() != EOF; ++e.severity) {
+    string prefix, name, severity, label, id, description, key;
+    for (string* field : {&prefix, &e.event_type, &e.source_id, &e.message, &e.source_name, &name, &severity, &label,
+                          &id, &description, &key})
+      std::getline(rows, *field, '|');
+    if (!id.empty()) id = R"(","source_id":")" + id;
+    const string start = R"([{"labels":{"alertname":")" + name + R"(","severity":")" + severity +
+                         R"(","event_type":")" + label + R"(","action":"raise)";
+    const string end = R"("},"annotations":{"summary":")" + (e.message.empty() ? e.event_type : e.message) +
+                       R"(","description":")" + description +
+                       R"(","ox_event_id":"18446744073709551615","ox_dedupe_key":")" + key + R"(","ox_source_name":")" +
+                       e.source_name + R"(","ox_units":"°","ox_value":"","ox_threshold":"2.5"},"starts)" + time;
+    for (const char* action : {"raise", "clear ", "", "resolves", "Clear", "RESOLVE", "CLEAR", "Resolved"}) {
+      const bool resolved = action[0] == 'C' || action[0] == 'R';
+      e.action = action;
+      EXPECT_EQ(oxEventFormatAlertmanagerAlert(e, {true, true, prefix}, &out), OXEVENT_OK);
+      EXPECT_EQ(out, start + id + end + (resolved ? R"(,"ends)" + time + "}]" : "}]"));
+      EXPECT_EQ(oxEventFormatAlertmanagerAlert(e, {false, false, prefix}, &out), OXEVENT_OK);
+      EXPECT_EQ(out, resolved ? "[]" : start + end + "}]");
+    }
+  }
+}
+
+TEST(oxEventAlertmanager, FormatsRecords) {
+  char before[99], after[99];
+  string out;
+  const Event e = FullEvent();
+  oxEventRecord record = e.ToPublicView(), refused = record;
+  record.event_id = refused.version = 0;
+  EXPECT_TRUE(oxEventSubmit(nullptr) != 0 && oxEventGetLastError(before, 99) == 0 && before[0] != 0);
+  for (const oxEventRecord* bad : {&refused, static_cast<oxEventRecord*>(nullptr)})
+    EXPECT_EQ(oxEventFormatAlertmanagerRecord(bad, {}, &out), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventFormatAlertmanagerRecord(&record, {}, nullptr), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventFormatAlertmanagerRecord(&record, {}, &out) | oxEventGetLastError(after, 99), OXEVENT_OK);
+  EXPECT_NE(out.find(R"("ox_event_id":"152","ox_dedupe_key":"d\\","ox_source_name":"[n])"), out.npos) << out;
+  EXPECT_STREQ(before, after);
+}
+
+}  // namespace
