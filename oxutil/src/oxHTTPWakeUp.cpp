@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int kMarks = 3;
+constexpr int kMarks = 11;  // As many unread bytes as hardly ever wait elsewhere.
 constexpr int kTries = 10;
 
 // The two lowest free descriptors: what the next socketpair gets, unless another thread comes between.
