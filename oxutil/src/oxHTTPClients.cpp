@@ -82,13 +82,18 @@ std::unique_ptr<oxHTTPClient> Take(const oxHTTPRequest& request) {
       client = std::move(*known);
       g_clients.idle.erase(known);
     }
+    if (request.https) {
+      ++g_clients.tls_requests;
+      g_clients.tls_deadline = std::max(g_clients.tls_deadline, request.deadline);
+    }
   }
-  if (client == nullptr || !client->IsFresh()) client = std::make_unique<oxHTTPClient>();
-  if (!request.https) return client;
-  const std::lock_guard lock(g_clients.mutex);
-  if (g_clients.tls_over) return nullptr;
-  ++g_clients.tls_requests;
-  g_clients.tls_deadline = std::max(g_clients.tls_deadline, request.deadline);
+  try {
+    if (client == nullptr || !client->IsFresh()) client = std::make_unique<oxHTTPClient>();
+  } catch (const std::bad_alloc&) {
+    client.reset();
+    GiveBack(request, nullptr);
+    throw;
+  }
   return client;
 }
 
