@@ -29,6 +29,7 @@ from pathlib import Path
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
 PATIENCE = 30  # Seconds for what must happen anyway, however busy the machine.
 PR_SET_PDEATHSIG = 1
+AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # In a user namespace of one user there is no other for workers.
 
 
 def free_port(kind):
@@ -208,7 +209,7 @@ class HttpReceiver(Receiver):
     def command(self):
         configuration = (RECIPES / "nginx.conf").read_text()
         (self.folder / "nginx.conf").write_text(configuration.replace("127.0.0.1:8080", f"127.0.0.1:{self.port}"))
-        return ["nginx", "-p", f"{self.folder}/", "-c", "nginx.conf", "-g", "daemon off;"]
+        return ["nginx", "-p", f"{self.folder}/", "-c", "nginx.conf", "-g", "daemon off;" + AS_ROOT]
 
 
 class CloudEventsReceiver(Receiver):
