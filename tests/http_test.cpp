@@ -1,16 +1,15 @@
 // The HTTP client against servers, name servers and certificates of this file's making.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
+#include <sys/ioctl.h>
 
-#include <filesystem>
 #include <thread>
 
+#include "host_fixture.h"
 #include "oxutil.h"
 
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
@@ -140,21 +139,15 @@ SSL_CTX* Tls(const char* host, int days, bool known) {
 SSL_CTX* const g_tls = Tls("a.test", 9, true);
 SSL_CTX* const g_bad[] = {Tls("a.test", 9, false), Tls("a.test", -1, true), Tls("b.test", 9, true)};
 
-int InChild(const std::function<bool()>& succeeds) {
-  const pid_t child = fork();
-  if (child == 0) exit((alarm(30), succeeds() ? 0 : 1));
-  int status = 0;
-  return waitpid(child, &status, 0) == child ? status : -1;
-}
-ptrdiff_t Threads() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
+size_t Threads() { return Entries("/proc/self/task"); }
 
 TEST(oxOSHTTPCommand, OutlivesItsUnloadingWhileALookupWaits) {
-  const auto run = [] {
+  const auto run = []() -> int {
     g_lookups_hang = true;
     const bool failed = Ask("http://a.test", 50) == "-0 " && dlclose(g_library) == 0;
-    const ptrdiff_t threads = Threads();
+    const size_t threads = Threads();
     for (g_lookups_hang = false; Threads() == threads;) usleep(1000);
-    return failed;
+    exit(failed ? 0 : 1);
   };
   EXPECT_EQ(InChild(run), 0);
 }
@@ -163,25 +156,20 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
   Server server("k4");
   const string body("{a\0\r\n}", 6), start = " HTTP/1.1\r\nHost: 127.0.0.1" + server.port + "\r\n";
   string header, sent, url = kHost + server.port;
-  for (const string& line :
-       Split("A: 1~a:2~B: \u00E7~B: \u00E7\u00A7\u20A7\u09D7\U0001F4A7\U00027000~C: \xC3\xA4~C: \xFF"
-             "~C: \xC1~C: \x82~E:~User-Agent: u")) {
-    header += line + "\xA7";
-    sent += line + "\r\n";
+  for (const string& line :  // Those behind a dash are not sent.
+       Split("A: 1~a:2~B: \u00E7~B: \u00E7\u00A7\u20A7\u09D7\U0001F4A7\U00027000~C: \xC3\xA4~C: \xFF~C: \xC1~C: \x82~E:"
+             "~User-Agent: u~-C;~-~-: C~-x-oxevent-connect-timeout-ms:9999~-X-oxEvent-TLS-Verify: 1~-content-length: 7"
+             "~-Expect: 100-continue~-Transfer-Encoding: chunked")) {
+    const bool dash = line[0] == '-';
+    header += line.substr(dash) + "\xA7";
+    if (!dash) sent += line + "\r\n";
   }
-  header +=
-      "C;\xA7\xA7: C\xA7x-oxevent-connect-timeout-ms:9999\xA7X-oxEvent-TLS-Verify: 1\xA7"
-      "content-length: 7"
-      "\xA7"
-      "Expect: 100-continue\xA7Transfer-Encoding: chunked";
   EXPECT_EQ(Ask(url, kLong, header.c_str(), body), "+200 ok");
   EXPECT_EQ(Ask(url + "/p?q=%20"), "+200 ok");
   for (const char* bad : {"A: 1\r\nB: 2", "A: 1\n", "\rA: 1", "B\xA7X-oxEvent-TLS-Verify: 0\r"}) {
     EXPECT_EQ(Ask(url, kLong, bad) + Ask(url, 0), "-0 -0 ");
   }
-  for (const char* bad : {"ftp://127.0.0.1", "ws://127.0.0.1", "gopher://127.0.0.1", "telnet://127.0.0.1", "http://"}) {
-    EXPECT_EQ(Ask(bad + server.port) + Ask("file:///etc/hosts") + Ask(""), "-0 -0 -0 ");
-  }
+  for (const char* bad : {"ftp://127.0.0.1", "http://", "file:///etc/hosts?"}) EXPECT_EQ(Ask(bad + server.port), "-0 ");
   EXPECT_EQ(g_command(nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr, kLong), 0);
   EXPECT_EQ(server.Stop(), (Strings{"POST /" + start + sent + "Content-Length: 6\r\n\r\n" + body,
                                     "POST /p?q=%20" + start + "Content-Length: 2\r\n\r\n{}"}));
@@ -190,47 +178,30 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
 TEST(oxOSHTTPCommand, GivesEachRequestItsAnswer) {
   const string big(65536, 'a');
   Server server(
-      "k265536\r\n\r\n" + big + "~k265537\r\n\r\n" + big +
-      "b"
-      "~k4HTTP~k31;x=y\r\na\r\n01\r\nb\r\n0\r\nT: t\r\n\r\n"
+      "k265536\r\n\r\n" + big + "~k265537\r\n\r\n" + big + "b~k4HTTP" +
+      "~k31;x=y\r\na\r\n01\r\nb\r\n0\r\nT: t\r\n\r\n~k22\r\nContent-Encoding: gzip\r\n\r\n\x1F\x8B"
       "~k0HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 E\r\nA: b\r\n\r\nHTTP/1.1 201 C\r\nContent-Length: 1\r\n\r\nc"
-      "~k0HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr~k22\r\nContent-Encoding: gzip\r\n\r\n\x1F\x8B"
+      "~k0HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr"
       "~k0HTTP/1.1 204 N\r\n\r\n~c0HTTP/1.0 503 \r\n\r\nno~d29\r\n\r\n|b");
   for (const string& expected : Split("+200 " + big + "~+200 " + big +
-                                      "~+200 ok~+200 ab~+201 c~-302 r~+200 \x1F\x8B~+204 ~-503 no~+200 bbbbbbbbb")) {
+                                      "~+200 ok~+200 ab~+200 \x1F\x8B~+201 c~-302 r~+204 ~-503 no~+200 bbbbbbbbb")) {
     EXPECT_EQ(Ask(kHost + server.port, kLong, "X-oxEvent-Connect-Timeout-Ms: 250"), expected);
   }
   EXPECT_EQ(server.Stop().size(), server.answers.size());
 }
 
-TEST(oxOSHTTPCommand, FailsUntilTheLastByteOfAnAnswerIsThere) {
-  for (const string& whole : {kStarts[4], kStarts[3] + "2\r\nok\r\n0\r\n\r"}) {
-    for (size_t size = 0; size < whole.size(); ++size) {
-      Server server("c0" + whole.substr(0, size) + "~r0" + whole.substr(0, size));
-      const string answers = Ask(kHost + server.port) + Ask(kHost + server.port);
-      EXPECT_TRUE(answers.find('+') == string::npos && server.Stop().size() == 2) << answers << whole.substr(0, size);
-    }
-  }
-}
-
-TEST(oxOSHTTPCommand, ComesBackFromAnyServerInTimeWithBoundedMemory) {
+TEST(oxOSHTTPCommand, ComesBackFromAnyServerInTime) {
   for (const string& row : Split(
            "-0 h0~-h1A~-h22\r\n\r\na~-h1\r\nno length~-h35\r\nab~-0 d0|H~-d1|H~-d1\r\n|b~-h1|A: b\r\n~-h1A: |a~-0 h0|x"
-           "~-h0|HTTP/1.1 100 Continue\r\n\r\n~+200 bbh1\r\n|b~+200 bbh3|1\r\nb\r\n~-h3|F~-h31;|x~-h30\r\n|T: "
-           "t\r\n~-h3zz\r\n"
-           "~-c2-1\r\n\r\n~-c29\r\n\r\nshort~-c299999999999999999999\r\n\r\nb~-0 c0no HTTP\r\n\r\n~-h0HTTP/1.1 101 "
-           "S\r\n\r\n"
-           "~-0 R0~-0 H0~-0 sh0~-0 sc4~-0 sH0\x16\x03\x01~-0 sr0")) {
+           "~-h0|HTTP/1.1 100 Continue\r\n\r\n~+200 bbh1\r\n|b~+200 bbh3|1\r\nb\r\n~-h3|F~-h31;|x~-h30\r\n|T: t\r\n"
+           "~-h3zz\r\n~-c2-1\r\n\r\n~-c29\r\n\r\nshort~-c299999999999999999999\r\n\r\nb~-0 c0no HTTP\r\n\r\n"
+           "~-h0HTTP/1.1 101 S\r\n\r\n~-c0HTTP/1.1 2~-c1~-r1A: b~-c2~-c22\r\n\r~-c22\r\n\r\no~-c35\r\nab"
+           "~-r32\r\nok\r\n0\r\n~-0 R0~-0 H0~-0 sh0~-0 sc4~-0 sH0\x16\x03\x01~-0 sr0")) {
     const size_t end = row.find_first_of("cdhrsHR");
     Server server(row.substr(row[end] == 's' ? end + 1 : end));
     const string url = (row[end] == 's' ? "https://127.0.0.1" : kHost) + server.port, body(16 << 20, '}');
     EXPECT_TRUE(Ask(url, 300, "", row[end] < 'a' ? body : "{}").starts_with(row.substr(0, end))) << row;
   }
-  rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-#ifndef OXEVENT_SANITIZED
-  EXPECT_LT(usage.ru_maxrss, 112 * 1024);
-#endif
 }
 
 TEST(oxOSHTTPCommand, LimitsLookupConnectionAndTlsByTheConnectTimeout) {
@@ -246,34 +217,38 @@ TEST(oxOSHTTPCommand, LimitsLookupConnectionAndTlsByTheConnectTimeout) {
 TEST(oxOSHTTPCommand, WorksOnWhileNoNameServerAnswers) {
   Server server("k4");
   EXPECT_EQ(Ask("http://a.test" + server.port), "+200 ok");
-  const ptrdiff_t threads = Threads();
+  const size_t threads = Threads();
   g_lookups_hang = true;
   for (int i = 0; i < 200; ++i) EXPECT_EQ(Ask("http://n" + std::to_string(i) + ".test", 2), "-0 ");
   EXPECT_LE(Threads(), threads + 64);
   EXPECT_EQ(Ask("http://a.test" + server.port) + Ask(kHost + server.port), "+200 ok+200 ok");
   g_lookups_hang = false;
-  while (Ask("http://b.test" + server.port) != "+200 ok") usleep(1000);
+  EXPECT_EQ(Ask("http://b.test" + server.port), "+200 ok");  // When it gets one of the threads that now end.
 }
 
 TEST(oxOSHTTPCommand, KeepsConnectionsForEveryThread) {
   const bool v6 = std::filesystem::exists("/proc/net/if_inet6");
-  Server one("k4", nullptr, v6 ? AF_INET6 : AF_INET), four("k4");
-  const auto ask = [](const string& url) {
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(Ask(url), "+200 ok");
+  Server server("k4", nullptr, v6 ? AF_INET6 : AF_INET);
+  const auto ask = [&] {
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(Ask((v6 ? "http://[::1]" : kHost) + server.port), "+200 ok");
   };
-  for (int i = 0; i < 10; ++i) std::thread(ask, (v6 ? "http://[::1]" : kHost) + one.port).join();
-  std::thread threads[4];
-  for (std::thread& thread : threads) thread = std::thread(ask, kHost + four.port);
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_TRUE(one.Stop().size() == 1000 && one.polls.size() == 1 + 1);
-  EXPECT_TRUE(four.Stop().size() == 400 && four.polls.size() <= 1 + 4);
+  for (int round = 0; round < 5; ++round) {
+    std::jthread threads[4];
+    for (std::jthread& thread : threads) thread = std::jthread(ask);
+  }
+  EXPECT_TRUE(server.Stop().size() == 1000 && server.polls.size() <= 1 + 4);
 }
 
 TEST(oxOSHTTPCommand, AsksAgainOnlyWhenAKeptConnectionClosedUnanswered) {
-  Server server("k4~c0~k4~r0~k4~c0~c0~c4~k4~c0H~k4");
-  for (const char* expected : {"+200 ok", "+200 ok", "+200 ok", "-0 ", "+200 ok", "+200 ok", "-0 ", "+200 ok"}) {
-    EXPECT_EQ(Ask(kHost + server.port), expected);
-  }
+  const string eight_times = "~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~r0~k4";
+  Server server("k4" + eight_times + "~c0~c0~c4~k4~c0H~k4~k4");
+  const string url = kHost + server.port;
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(Ask(url), "+200 ok") << i;
+  for (const char* expected : {"-0 ", "+200 ok", "+200 ok", "-0 ", "+200 ok"}) EXPECT_EQ(Ask(url), expected);
+  const int idle = int(BIO_get_fd(server.bios.back(), nullptr));  // Where a proxy now says that it closes.
+  EXPECT_EQ(write(idle, "HTTP/1.1 408 T\r\n\r\n", 18) + shutdown(idle, SHUT_WR), 18);
+  for (int unreceived = 1; unreceived != 0 && ioctl(idle, SIOCOUTQ, &unreceived) == 0;) usleep(100);
+  EXPECT_EQ(Ask(url), "+200 ok");
   EXPECT_EQ(server.Stop().size(), server.answers.size());
 }
 
@@ -282,7 +257,7 @@ TEST(oxOSHTTPCommand, LeavesTheParentsConnectionsToTheParent) {
   const auto ask = [&] {
     return Ask("http://a.test" + plain.port) + Ask("https://a.test" + tls.port) == "+200 ok+200 ok";
   };
-  EXPECT_TRUE(ask() && InChild(ask) == 0 && ask());
+  EXPECT_TRUE(ask() && InChild([&]() -> int { exit(ask() ? 0 : 1); }) == 0 && ask());
   EXPECT_TRUE(plain.Stop().size() == 3 && tls.Stop().size() == 3 && plain.polls.size() == 3 && tls.polls.size() == 3);
 }
 

@@ -30,7 +30,7 @@ struct oxEventFields {
   uint64_t duration_ms = 0;
   Text details_json;
 
-  static constexpr Text oxEventFields::*kTexts[] = {
+  static constexpr Text oxEventFields::*kTexts[10] = {
       &oxEventFields::event_type,     &oxEventFields::source_id,   &oxEventFields::source_name, &oxEventFields::message,
       &oxEventFields::action,         &oxEventFields::dedupe_key,  &oxEventFields::timecode,    &oxEventFields::units,
       &oxEventFields::correlation_id, &oxEventFields::details_json};
