@@ -131,8 +131,7 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
       {&oxEventConfig::send_clear, 1800, "raise k 3 - clear k 3 - raise k 1 raise clear y 1 -"},
       {&oxEventConfig::route_orphan_clear, 1800, "clear y 1 clear clear y 1 clear repeat y 1 -"},
       {nullptr, 0, "raise k 1 repeat raise k 1 repeat update u 3 update update u 3 update"},
-      {nullptr, UINT32_MAX,
-       "raise k 4294967295e9 - raise k 4294967295000000001 repeat raise k 1.8e19 repeat raise k 5 repeat"}};
+      {nullptr, UINT32_MAX, "raise k 4294967295e9 - raise k 1.8e19 repeat raise k 5 repeat"}};
   oxEventState state;
   oxEventNormalizedEvent event, out;
   const auto outcome = [&] {

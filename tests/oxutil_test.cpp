@@ -96,8 +96,7 @@ TEST_F(oxCFG, CarriesAnyTextThroughTheFile) {
   EXPECT_FALSE(Set(Open(""), "", "v", "a\0b"s));
   const std::string head = "\xEF\xBB\xBF<?xml version='1.0' encoding='ISO-8859-1'?>";
   const Store store = Open(head + "<config><value name='v'>&amp;b&#10;\xE4</value></config>");
-  EXPECT_EQ(Get(store, "", "v"), "&b\n\xE4");
-  EXPECT_EQ(Get(store, "", "v", 3) + Get(store, "", "v", 1) + Get(store, "", "v", 0), "&b(none)");
+  EXPECT_EQ(Get(store, "", "v") + Get(store, "", "v", 3) + Get(store, "", "v", 0), "&b\n\xE4&b(none)");
   EXPECT_TRUE(Set(store, "", "v", "") && Save(store) && ReadFile(path_).starts_with("\xEF\xBB\xBF<?xml"));
 }
 
