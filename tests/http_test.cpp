@@ -4,6 +4,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sys/resource.h>
 
 #include <thread>
 
@@ -189,18 +190,23 @@ TEST(oxOSHTTPCommand, GivesEachRequestItsAnswer) {
   EXPECT_EQ(server.Stop().size(), server.answers.size());
 }
 
-TEST(oxOSHTTPCommand, ComesBackFromAnyServerInTime) {
+TEST(oxOSHTTPCommand, ComesBackFromAnyServerInTimeWithBoundedMemory) {
   for (const string& row : Split(
            "-0 h0~-h1A~-h22\r\n\r\na~-h1\r\nno length~-h35\r\nab~-0 d0|H~-d1|H~-d1\r\n|b~-h1|A: b\r\n~-h1A: |a~-0 h0|x"
            "~-h0|HTTP/1.1 100 Continue\r\n\r\n~+200 bbh1\r\n|b~+200 bbh3|1\r\nb\r\n~-h3|F~-h31;|x~-h30\r\n|T: t\r\n"
            "~-h3zz\r\n~-c2-1\r\n\r\n~-c29\r\n\r\nshort~-c299999999999999999999\r\n\r\nb~-0 c0no HTTP\r\n\r\n"
-           "~-h0HTTP/1.1 101 S\r\n\r\n~-c0HTTP/1.1 2~-c1~-r1A: b~-c2~-c22\r\n\r~-c22\r\n\r\no~-c35\r\nab"
+           "~-h0HTTP/1.1 101 S\r\n\r\n~-c0HTTP/1.1 2~-c1~-r1A: b~-c2~-c22\r\n\r~-c22\r\n\r\no~-c21\r\nContent-Length: "
+           "2\r\n\r\nok~-c35\r\nab"
            "~-r32\r\nok\r\n0\r\n~-0 R0~-0 H0~-0 sh0~-0 sc4~-0 sH0\x16\x03\x01~-0 sr0")) {
     const size_t end = row.find_first_of("cdhrsHR");
     Server server(row.substr(row[end] == 's' ? end + 1 : end));
     const string url = (row[end] == 's' ? "https://127.0.0.1" : kHost) + server.port, body(16 << 20, '}');
     EXPECT_TRUE(Ask(url, 300, "", row[end] < 'a' ? body : "{}").starts_with(row.substr(0, end))) << row;
   }
+#ifndef OXEVENT_SANITIZED
+  rusage usage;
+  EXPECT_TRUE(getrusage(RUSAGE_SELF, &usage) == 0 && usage.ru_maxrss < 112 * 1024) << usage.ru_maxrss;  // KiB.
+#endif
 }
 
 TEST(oxOSHTTPCommand, LimitsLookupConnectionAndTlsByTheConnectTimeout) {
