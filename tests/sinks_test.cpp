@@ -194,9 +194,9 @@ TEST(oxEventWebhookHttpSink, PostsAndTriesAgain) {
   string data = "\n\n", cloud = "\n\n";  // Held by tests of their own.
   oxEventText::FormatNativeJsonData({}, &data), oxEventText::FormatCloudEventsJson({}, "/s", "p", &cloud);
   Config c;
-  c.headers = "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|no colon", c.ce_auth_header = "X: c", c.bearer_token = "t";
+  c.headers = "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|B\xE2\x80", c.ce_auth_header = "X: c", c.bearer_token = "t";
   c.endpoint_url = "HTTPS://h", c.cloudevents_source = "/s", c.cloudevents_subject_prefix = "p", c.ce_timeout_ms = 9;
-  const string lines = "\nX-A: 1\nX-B: 2\nX-C: 3\nno colon\nAuthorization: Bearer t\nAuthorization: Basic ";
+  const string lines = "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE2\x80 \nAuthorization: Bearer t\nAuthorization: Basic ";
   for (const std::array<string, 4>& credentials : {std::array{""s, "\xFB\xEF"s, "\xFF\xFF"s, "++86//8="s},
                                                    {"Native", "", "pw", "OnB3"},
                                                    {"NATIVE_JSON", "abc", "", "YWJjOg=="}}) {
