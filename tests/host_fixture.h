@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +31,16 @@ inline int InChild(const std::function<int()>& function) {
   if (child == 0) _exit((alarm(60), function()));
   int status = 0;
   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A socket on a free port of loopback; no such port: 0.
+inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
+  sockaddr_in6 at = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};  // Is both.
+  socklen_t size = sizeof at;
+  const int fd = socket(family, type | SOCK_CLOEXEC, 0);
+  const auto address = reinterpret_cast<sockaddr*>(&at);
+  *port = bind(fd, address, size) | getsockname(fd, address, &size) ? 0 : ntohs(at.sin6_port);
+  return fd;
 }
 
 // Writes a settings file: the native log off, the CSV sink on at `csv` (empty: off), and `more`, whose names are paths

@@ -6,18 +6,8 @@
 #include <future>
 #include <thread>
 
+#include "faults.h"
 #include "host_fixture.h"
-
-#ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
-static thread_local size_t t_allocations = 0;
-
-extern "C" {
-void *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t);
-void* malloc(size_t size) { return ++t_allocations, __libc_realloc(nullptr, size); }
-void* calloc(size_t count, size_t size) { return ++t_allocations, __libc_calloc(count, size); }
-void* realloc(void* memory, size_t size) { return ++t_allocations, __libc_realloc(memory, size); }
-}
-#endif
 
 namespace {
 

@@ -1,6 +1,5 @@
 // The HTTP client against servers, name servers and certificates of this file's making.
 #include <dlfcn.h>
-#include <netdb.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
@@ -8,6 +7,7 @@
 
 #include <thread>
 
+#include "faults.h"
 #include "host_fixture.h"
 #include "oxutil.h"
 
@@ -24,6 +24,10 @@ void* const g_library = (setenv("http_proxy", "[::1]:1", 1), setenv("ALL_PROXY",
 const auto g_command = reinterpret_cast<decltype(&oxOSHTTPCommand)>(dlsym(g_library, "oxOSHTTPCommand"));
 BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<bool> g_lookups_hang;
+const Faults g_lookups([](std::string_view call, long) {
+  while (call == "getaddrinfo" && g_lookups_hang) usleep(1000);
+  return 0;
+});
 const pid_t g_parent = getpid();
 extern "C" int __lsan_is_turned_off() { return getpid() != g_parent; }  // A child drops what is its parent's.
 
@@ -55,12 +59,10 @@ const string kStarts[] = {"", kOk, kLength, kOk + "Transfer-Encoding: chunked\r\
 struct Server {
   explicit Server(const string& list, SSL_CTX* context = nullptr, sa_family_t family = AF_INET)
       : answers(Split(list)), tls(context) {
-    sockaddr_in6 at = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};  // Is both.
-    const auto address = reinterpret_cast<sockaddr*>(&at);
-    socklen_t size = sizeof(at);
-    Add(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0), list.empty() ? 0 : POLLIN);
-    EXPECT_EQ(bind(polls[0].fd, address, size) | listen(polls[0].fd, list.empty() ? 0 : 100), 0);
-    port = (getsockname(polls[0].fd, address, &size), ":" + std::to_string(ntohs(at.sin6_port)));
+    uint16_t number = 0;
+    Add(LoopbackSocket(family, SOCK_STREAM, &number), list.empty() ? 0 : POLLIN);
+    EXPECT_EQ(listen(polls[0].fd, list.empty() ? 0 : 100), 0);
+    port = ":" + std::to_string(number);
     thread = std::thread(&Server::Run, this);
   }
   ~Server() { Stop(); }
@@ -281,13 +283,7 @@ TEST(oxOSHTTPCommand, TalksOnlyToTheServerThatTheCertificateNames) {
 
 }  // namespace
 
-// The executable's own stand before the C library's.
-int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
-  const bool ours = host != nullptr && string(host).ends_with(".test");
-  while (ours && g_lookups_hang) usleep(1000);
-  const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-  return real(ours ? "127.0.0.1" : host, port, hints, result);
-}
+// The executable's own stands before the C library's.
 FILE* fopen64(const char* path, const char* mode) {
   char* text;
   const auto size = size_t(BIO_get_mem_data(g_system_certificates, &text));

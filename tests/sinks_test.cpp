@@ -1,12 +1,11 @@
 // What the sinks send, to the byte: datagrams to receivers on loopback, posts to a client in the companion's place.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 
 #include <chrono>
 #include <cmath>
-#include <sstream>
 
+#include "host_fixture.h"
 #include "oxutil.h"
 #include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSink.h"
@@ -53,12 +52,8 @@ string Do(decltype(kPost) create, const Config& config, const Event& event = {})
 }
 
 struct Receiver : Config {  // Of datagrams, with the settings to send here.
-  explicit Receiver(sa_family_t family = AF_INET) : fd(socket(family, SOCK_DGRAM, 0)) {
-    sockaddr_in6 at = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};  // Is both.
-    socklen_t size = sizeof at;
-    const auto address = reinterpret_cast<sockaddr*>(&at);
-    port = snmp_port = bind(fd, address, size) | getsockname(fd, address, &size) ? 0 : ntohs(at.sin6_port);
-    host = snmp_host = family == AF_INET ? "127.0.0.1" : "::1", minimum_severity = 0;
+  explicit Receiver(sa_family_t family = AF_INET) : fd(LoopbackSocket(family, SOCK_DGRAM, &free_port)) {
+    port = snmp_port = free_port, host = snmp_host = family == AF_INET ? "127.0.0.1" : "::1", minimum_severity = 0;
   }
   ~Receiver() { close(fd); }
   string Get(decltype(kPost) create, const Event& event = {}) const {
@@ -66,6 +61,7 @@ struct Receiver : Config {  // Of datagrams, with the settings to send here.
     pollfd ready = {fd, POLLIN, 0};
     return result + bytes.substr(0, poll(&ready, 1, 20000) == 1 ? size_t(recv(fd, bytes.data(), bytes.size(), 0)) : 0);
   }
+  uint16_t free_port = 0;
   const int fd;
 };
 

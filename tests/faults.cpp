@@ -1,0 +1,75 @@
+#include "faults.h"
+
+#include <dlfcn.h>
+#include <netdb.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+
+thread_local size_t t_allocations = 0;
+
+namespace {
+
+std::atomic<const Faults::Hook*> g_hook = nullptr;
+thread_local bool t_asking = false;
+
+int Ask(const char* call, long first) {
+  const Faults::Hook* const hook = g_hook;
+  if (hook == nullptr || t_asking) return 0;
+  t_asking = true;
+  const int answer = (*hook)(call, first);
+  t_asking = false;
+  return answer;
+}
+
+bool Allocates(size_t size) {
+  ++t_allocations;
+  return Ask("malloc", static_cast<long>(size)) == 0 || (errno = ENOMEM, false);
+}
+
+}  // namespace
+
+Faults::Faults(Hook hook) : hook_(std::move(hook)) { g_hook = &hook_; }
+Faults::~Faults() { g_hook = nullptr; }
+
+// Hosts below "test" are this machine.
+int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
+  static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  const bool ours = host != nullptr && std::string_view(host).ends_with(".test");
+  const int answer = Ask("getaddrinfo", reinterpret_cast<long>(host));
+  return answer != 0 ? answer : next(ours ? "127.0.0.1" : host, port, hints, result);
+}
+
+#ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
+extern "C" {
+void *__libc_malloc(size_t), *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t);
+void* malloc(size_t size) { return Allocates(size) ? __libc_malloc(size) : nullptr; }
+void* calloc(size_t count, size_t size) { return Allocates(size) ? __libc_calloc(count, size) : nullptr; }
+void* realloc(void* memory, size_t size) { return Allocates(size) ? __libc_realloc(memory, size) : nullptr; }
+}
+#else
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocates(size) ? malloc(size) : nullptr; }
+void* operator new(size_t size) {
+  void* const memory = operator new(size, std::nothrow);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, size_t) noexcept { free(memory); }
+#endif
+
+// The arguments go by the same registers, be they numbers or pointers.
+#define OWN(call)                                                                                          \
+  extern "C" long Own_##call(long, long, long, long, long, long) __asm__(#call);                           \
+  long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {              \
+    static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call));             \
+    const int answer = Ask(#call, first);                                                                  \
+    if (answer > 0) return #call[0] == 'p' ? answer : (errno = answer, -1);                                \
+    return next(first, second, answer < 0 ? std::min<long>(third, -answer) : third, fourth, fifth, sixth); \
+  }
+// clang-format off
+OWN(open) OWN(openat) OWN(read) OWN(write) OWN(close) OWN(fsync) OWN(ftruncate) OWN(lseek) OWN(fstat) OWN(fstatat)
+OWN(stat) OWN(faccessat) OWN(getrandom) OWN(fchmod) OWN(fchown) OWN(lgetxattr) OWN(fsetxattr) OWN(fremovexattr)
+OWN(renameat) OWN(unlinkat) OWN(mkdir) OWN(socket) OWN(connect) OWN(sendto) OWN(pthread_create)
