@@ -119,29 +119,3 @@ TEST_F(oxEventConfigFile, IsLeftWhenRefused) {
 }
 
 }  // namespace
-
-#ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
-
-static thread_local size_t t_allocations_left = 0;  // The last of them fails; 0: all succeed.
-
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* malloc(size_t size) {
-  return t_allocations_left > 0 && --t_allocations_left == 0 ? nullptr : __libc_malloc(size);
-}
-
-TEST_F(oxEventConfigFile, IsNotTakenForEmptyWhenMemoryRunsOut) {
-  const std::string loaded = Load(With("enabled=0 queue_size=5 path=p flush_each_event=1")), stamp = Stamp();
-  size_t n = 0;
-  for (size_t left = 0; left == 0; ++n) {  // Until a load needs fewer.
-    t_allocations_left = n + 1;
-    try {
-      const uint32_t result = oxEventConfigLoad(path_.c_str(), &config_, nullptr);
-      left = std::exchange(t_allocations_left, 0);
-      EXPECT_TRUE(result != OXEVENT_OK || Describe(config_) == loaded) << n;
-    } catch (const std::bad_alloc&) {
-    }
-  }
-  EXPECT_GT(n, 99u);
-  EXPECT_EQ(Stamp(), stamp);
-}
-#endif

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 
+#include "faults.h"
 #include "host_fixture.h"
 #include "oxutil.h"
 #include "sinks/oxEventAlertmanager.h"
@@ -164,6 +165,41 @@ TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
   receiver.enterprise_oid = "";
   for (size_t i = 0; versions >> receiver.version >> i;)
     EXPECT_EQ(Do(kTrap, receiver), outcomes[i]) << receiver.version;
+}
+
+// Wherever a write breaks off, the file ends on a whole row. What others have written behind stays.
+TEST(oxEventCsvSink, TakesATornRowBack) {
+  const HostFolder folder;
+  Config csv;
+  csv.path = folder.path + "/rows";
+  Event event = FullEvent();
+  event.message = "\"a\n\n\",b";
+  const auto write = [&](std::shared_ptr<oxEventSink> sink = nullptr) {
+    if (oxEventCreateCsvSink(csv, &sink, nullptr) != OXEVENT_OK) return false;
+    return (sink->Submit(event, nullptr) | sink->Submit(event, nullptr) | sink->Flush(0)) == OXEVENT_OK;
+  };
+  EXPECT_TRUE(write());
+  const string whole = ReadFile(csv.path), header = whole.substr(0, 182), rows = whole.substr(182);
+  for (size_t end = 0; end < rows.size(); ++end) {
+    for (const string& written : {""s, header}) {  // At the first write, of the header, or at the next.
+      for (const string& behind : {""s, "behind\n"s}) {
+        std::ofstream(csv.path) << written;
+        const size_t part = std::min(end, written.empty() ? 181 : end);
+        int writes = 0;
+        {
+          const Faults faults([&](std::string_view call, long) {
+            if (call == "write" && ++writes == 1 && part > 0) return -static_cast<int>(part);
+            if (call == "write") std::ofstream(csv.path, std::ios::app) << behind;
+            return call == "write" ? ENOSPC : 0;
+          });
+          EXPECT_FALSE(write());
+        }
+        const string& text = written.empty() ? header : rows;
+        const size_t kept = behind.empty() ? written.empty() ? 0 : part / (rows.size() / 2) * (rows.size() / 2) : part;
+        EXPECT_EQ(ReadFile(csv.path), written + text.substr(0, kept) + behind) << end;
+      }
+    }
+  }
 }
 
 TEST(oxEventSinks, FailOnlyWhereTheyMust) {

@@ -55,11 +55,15 @@ class oxEventAppendFile {
   // Creates the file when it is missing. Never waits, a pipe without a reader included.
   bool Open(const std::string& path);
   bool IsOpen() const { return fd_ >= 0; }
-  // Raises no signal.
-  bool Write(const char* bytes, size_t size);
+  // Returns the number of bytes written: fewer than `size` when it breaks off. Raises no signal.
+  size_t Write(const char* bytes, size_t size);
+  // Cuts off the last bytes written. Does nothing where somebody else has written behind or perhaps among them, nor to
+  // what is no regular file.
+  void TakeBack(size_t size);
 
  private:
   int fd_ = -1;
+  size_t last_write_ = 0;  // Bytes that went into the file in one piece.
 };
 
 // False when it cannot be opened for reading, or holds nothing.

@@ -81,15 +81,24 @@ bool oxEventAppendFile::Open(const std::string& path) {
   return IsOpen();
 }
 
-bool oxEventAppendFile::Write(const char* bytes, size_t size) {
-  if (size == 0) return true;
+size_t oxEventAppendFile::Write(const char* bytes, size_t size) {
+  if (size == 0) return 0;
   const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
-  while (size != 0) {
-    const ssize_t written = write(fd_, bytes, size);
+  size_t done = 0;
+  while (done != size) {
+    const ssize_t written = write(fd_, bytes + done, size - done);
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes += written;
-    size -= static_cast<size_t>(written);
+    if (written <= 0) break;
+    last_write_ = static_cast<size_t>(written);
+    done += last_write_;
   }
-  return true;
+  return done;
+}
+
+void oxEventAppendFile::TakeBack(size_t size) {
+  struct stat status;
+  if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;
+  // Where the file may only grow, it stays as it is.
+  static_cast<void>(TEMP_FAILURE_RETRY(ftruncate(fd_, status.st_size - static_cast<off_t>(size))) == 0);
 }

@@ -13,8 +13,20 @@ constexpr char kHeader[] =
 
 constexpr size_t kBufferSize = 64 * 1024;
 
+// Bytes of the whole rows that the text begins with. A line feed within quotes ends no row.
+size_t WholeRows(std::string_view text) {
+  size_t end = 0;
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '"') quoted = !quoted;
+    if (text[i] == '\n' && !quoted) end = i + 1;
+  }
+  return end;
+}
+
 // Appends one line per event to a comma-separated file (RFC 4180, with single line feeds). Buffers whole rows and
-// writes nothing but whole rows. Once a write has failed, nothing more is written: rows must not follow a damaged one.
+// writes nothing but whole rows; of a write that breaks off, the torn row is taken back, so that a later sink's first
+// row begins on a line of its own. Once a write has failed, nothing more is written.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
@@ -64,8 +76,9 @@ class oxEventCsvSink : public oxEventSink {
       return FailLocked(OXEVENT_FAILURE, "Unable to open oxEvent CSV file for append: ", path_);
     }
     // Written at once: a sink that a reload opens on the same file must find it non-empty.
-    failed_ = needs_header && !file_.Write(kHeader, sizeof(kHeader) - 1);
-    if (failed_) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: ", path_);
+    if (needs_header && !WriteRowsLocked(kHeader)) {
+      return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: ", path_);
+    }
     return OXEVENT_OK;
   }
 
@@ -84,9 +97,18 @@ class oxEventCsvSink : public oxEventSink {
   }
 
   bool WriteBufferLocked() OX_REQUIRES(mutex_) {
-    failed_ = failed_ || !file_.Write(buffer_.data(), buffer_.size());
+    WriteRowsLocked(buffer_);
     buffer_.clear();
     if (buffer_.capacity() > 4 * kBufferSize) std::string().swap(buffer_);  // A row of uncommon length was in it.
+    return !failed_;
+  }
+
+  // The file ends on a whole row before and after, whatever fails.
+  bool WriteRowsLocked(std::string_view rows) OX_REQUIRES(mutex_) {
+    if (failed_) return false;
+    const size_t written = file_.Write(rows.data(), rows.size());
+    failed_ = written != rows.size();
+    if (failed_) file_.TakeBack(written - WholeRows(rows.substr(0, written)));
     return !failed_;
   }
 
