@@ -20,6 +20,11 @@ constexpr std::string_view kEmptyStore = "<?xml version=\"1.0\" encoding=\"UTF-8
 
 constexpr const char* kElementNames[] = {"key", "value"};  // By oxCFGKind.
 
+// Markup takes many times its size in memory. What keys and values can need is at most a tag per this many bytes, as
+// in <key name="a"></key>; files with fewer tags than kFewTags may be denser.
+constexpr size_t kBytesPerTag = 10;
+constexpr size_t kFewTags = 65536;
+
 struct StringWriter : pugi::xml_writer {
   void write(const void* data, size_t size) override { bytes.append(static_cast<const char*>(data), size); }
 
@@ -34,6 +39,11 @@ Result Allocated(Result result) {
 }
 
 bool IsBlank(std::string_view text) { return text.find_first_not_of(" \t\r\n") == std::string_view::npos; }
+
+bool IsTooDense(std::string_view bytes) {
+  const auto tags = static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '<'));
+  return tags > std::max(bytes.size() / kBytesPerTag, kFewTags);
+}
 
 bool IsText(pugi::xml_node node) { return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata; }
 
@@ -190,7 +200,7 @@ std::optional<oxCFGStore::Entry> oxCFGStore::EntryOf(pugi::xml_node node) {
 }
 
 bool oxCFGStore::Parse(std::string_view bytes) {
-  if (bytes.find('\0') != std::string_view::npos) return false;
+  if (bytes.find('\0') != std::string_view::npos || IsTooDense(bytes)) return false;
   // Whatever encoding the file declares, its bytes are taken as they are.
   if (!document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8)) return false;
   for (const pugi::xml_node node : document_.children()) {
