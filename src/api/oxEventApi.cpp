@@ -26,6 +26,7 @@ constexpr uint32_t kShutdownDrainMs = 5000;
 // g_oxEventInitialized without it.
 constinit oxEventImmortal<oxEventMutex> g_oxEventMutex;
 constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
+constinit std::atomic<bool> g_oxEventClosed = false;       // At unload and process exit, for good.
 constinit bool g_oxEventStopping = false;                  // A Shutdown is draining. Guarded by g_oxEventMutex.
 constinit oxEventImmortal<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
 constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
@@ -122,6 +123,8 @@ uint32_t Initialize(const char* config_path) {
   if (g_oxEventInitialized || g_oxEventStopping) {
     return Fail(OXEVENT_ALREADY_INITIALIZED, "oxEvent is already initialized");
   }
+  // Not left to the router alone: the event in delivery still needs its callbacks.
+  if (g_oxEventClosed) return Fail(OXEVENT_NOT_INITIALIZED, "oxEvent core start failed");
   if (const uint32_t result = oxEventSinkInitialize(*config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), "oxEvent sink initialization failed");
   }
@@ -292,12 +295,14 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
 void oxEventApiForgetInChild() {
   g_oxEventMutex.Renew();
   g_oxEventConfigPath.Renew();
+  g_oxEventClosed = false;
   g_oxEventInitialized = false;
   g_oxEventStopping = false;
   g_oxEventNextGeneratedId = 1;
 }
 
 void oxEventApiClose() {
+  g_oxEventClosed = true;  // First, so that nobody takes this for a shutdown and starts anew.
   g_oxEventInitialized = false;
   // A reload in another thread may hold the lock for long; then the process is exiting, and nothing need be freed.
   if (!g_oxEventMutex->TryLock()) return;
