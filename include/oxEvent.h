@@ -7,6 +7,7 @@
  * it needs before a call returns and frees nothing of the host's.
  *
  * fork: the child starts out uninitialized, as after load, and may call oxEventInitialize for itself.
+ * pthread_cancel: ends oxEventFlush while it waits; any other call ends first.
  */
 #ifndef OXEVENT_H
 #define OXEVENT_H

@@ -210,7 +210,7 @@ void LoadAndUnload() {          // On a thread that outlives each library, as it
 }
 
 void InitializeAmidShutdown() {
-  Hammer([] { ox->Shutdown(); });
+  Hammer([] { pthread_cancel(pthread_self()), ox->Shutdown(); });
   AWAIT(SubmitOne() == OXEVENT_NOT_INITIALIZED);
   CHECK(g_state == 'i' || ox->Initialize("own.xml") == OXEVENT_ALREADY_INITIALIZED);
 }

@@ -111,6 +111,7 @@ class SinkShutdownGuard {
 };
 
 uint32_t Initialize(const char* config_path) {
+  const oxEventCancelBlock cancel_block;
   oxEventCoreReap();
   auto config = std::make_shared<oxEventConfig>();
   std::string error;
@@ -140,6 +141,7 @@ uint32_t Initialize(const char* config_path) {
 }
 
 uint32_t ReloadConfig(const char* config_path) {
+  const oxEventCancelBlock cancel_block;
   std::string path = config_path == nullptr ? "" : config_path;
   if (path.empty()) {
     oxEventLock lock(*g_oxEventMutex);
@@ -177,6 +179,7 @@ class Stopping {
 };
 
 uint32_t Shutdown() {
+  const oxEventCancelBlock cancel_block;
   std::optional<Stopping> stopping;
   {
     oxEventLock lock(*g_oxEventMutex);

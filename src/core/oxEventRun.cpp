@@ -41,6 +41,7 @@ void oxEventRouter::Run::JoinWorker() {
 
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
+  const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
   const unsigned forks = g_oxEventForkCount;
   // Both reused: in steady state an event costs no allocation.
   oxEventNormalizedEvent event;

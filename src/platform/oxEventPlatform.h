@@ -1,5 +1,6 @@
 #pragma once
 
+#include <pthread.h>
 #include <signal.h>
 
 #include <cstddef>
@@ -42,6 +43,18 @@ class oxEventSignalBlock {
   const Which which_;
   sigset_t old_mask_;
   sigset_t pending_before_;  // Someone else's.
+};
+
+// For its lifetime a cancellation of the calling thread waits: unwinding would break off what has to be whole.
+class oxEventCancelBlock {
+ public:
+  oxEventCancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_state_); }
+  ~oxEventCancelBlock() { pthread_setcancelstate(old_state_, nullptr); }
+  oxEventCancelBlock(const oxEventCancelBlock&) = delete;
+  oxEventCancelBlock& operator=(const oxEventCancelBlock&) = delete;
+
+ private:
+  int old_state_ = PTHREAD_CANCEL_ENABLE;
 };
 
 // A file that bytes are appended to. Owns its descriptor. Threads: one at a time.

@@ -84,6 +84,7 @@ bool oxEventAppendFile::Open(const std::string& path) {
 size_t oxEventAppendFile::Write(const char* bytes, size_t size) {
   if (size == 0) return 0;
   const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
+  const oxEventCancelBlock cancel_block;  // Or the bytes might be written and count as not written.
   size_t done = 0;
   while (done != size) {
     const ssize_t written = write(fd_, bytes + done, size - done);
