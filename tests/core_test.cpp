@@ -105,6 +105,8 @@ TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
     EXPECT_TRUE(queue.Flush(50) == OXEVENT_FAILURE && std::chrono::steady_clock::now() >= start + 50ms);
     drained = true;
     last_call == 'c' ? queue.CompleteActiveEvent() : last_call == 'R' ? queue.Reset() : (void)queue.DropPending();
+    queue.Start(1, oxEventDropPolicy::kDropNewest);
+    EXPECT_EQ(Enqueue(&queue, 2), kAccepted);  // Before the flush has a look.
   }
 }
 

@@ -103,13 +103,16 @@ void oxEventQueue::CompleteActiveEvent() {
 
 uint32_t oxEventQueue::Flush(uint32_t timeout_ms) {
   oxEventLock lock(mutex_);
+  if (IsDrainedLocked()) return OXEVENT_OK;
+  // Until the count moves: by the time that this thread runs again, more events may be pending.
+  const uint64_t before = drained_count_;
   if (timeout_ms == 0) {
-    while (!IsDrainedLocked()) drained_.Wait(mutex_);
+    while (drained_count_ == before) drained_.Wait(mutex_);
     return OXEVENT_OK;
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (!IsDrainedLocked() && std::chrono::steady_clock::now() < deadline) drained_.WaitUntil(mutex_, deadline);
-  return IsDrainedLocked() ? OXEVENT_OK : OXEVENT_FAILURE;
+  while (drained_count_ == before && std::chrono::steady_clock::now() < deadline) drained_.WaitUntil(mutex_, deadline);
+  return drained_count_ != before ? OXEVENT_OK : OXEVENT_FAILURE;
 }
 
 bool oxEventQueue::HasPending() {
@@ -198,5 +201,7 @@ void oxEventQueue::RecycleLocked(Items& from, Items::iterator item) {
 }
 
 void oxEventQueue::SignalIfDrainedLocked() {
-  if (IsDrainedLocked()) drained_.NotifyAll();
+  if (!IsDrainedLocked()) return;
+  ++drained_count_;
+  drained_.NotifyAll();
 }

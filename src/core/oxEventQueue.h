@@ -35,7 +35,8 @@ class oxEventQueue {
   // What WaitPop gave is delivered.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
 
-  // Waits until nothing is pending or active, at most timeout_ms milliseconds (0: without limit): 0 or OXEVENT_FAILURE.
+  // Waits for a moment at which nothing is pending or active, at most timeout_ms milliseconds (0: without limit): 0 or
+  // OXEVENT_FAILURE.
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   bool HasPending() OX_EXCLUDES(mutex_);
@@ -76,6 +77,7 @@ class oxEventQueue {
   uint32_t capacity_ OX_GUARDED_BY(mutex_) = 1;
   oxEventDropPolicy policy_ OX_GUARDED_BY(mutex_) = oxEventDropPolicy::kDropNewest;
   uint32_t active_count_ OX_GUARDED_BY(mutex_) = 0;
+  uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // How often a change left nothing pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
   bool worker_waits_ OX_GUARDED_BY(mutex_) = false;  // Else nobody needs to be woken for an event.
