@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
+#include <thread>
 
 // What clang's -Wthread-safety checks; nothing for other compilers.
 #if defined(__clang__)
@@ -24,6 +26,14 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
 
   void Lock() OX_THREAD(acquire_capability()) { mutex_.lock(); }
   bool TryLock() OX_THREAD(try_acquire_capability(true)) { return mutex_.try_lock(); }
+  bool TryLockFor(uint32_t timeout_ms) OX_THREAD(try_acquire_capability(true)) {
+    uint32_t left_ms = timeout_ms;
+    for (; !mutex_.try_lock(); --left_ms) {
+      if (left_ms == 0) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
   void Unlock() OX_THREAD(release_capability()) { mutex_.unlock(); }
 
  private:
@@ -34,6 +44,7 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
 class OX_THREAD(scoped_lockable) oxEventLock {
  public:
   explicit oxEventLock(oxEventMutex& mutex) OX_THREAD(acquire_capability(mutex)) : mutex_(mutex) { mutex_.Lock(); }
+  oxEventLock(oxEventMutex& mutex, std::adopt_lock_t /*locked*/) OX_REQUIRES(mutex) : mutex_(mutex) {}
   ~oxEventLock() OX_THREAD(release_capability()) { mutex_.Unlock(); }
   oxEventLock(const oxEventLock&) = delete;
   oxEventLock& operator=(const oxEventLock&) = delete;

@@ -3,25 +3,24 @@
 
 #include <atomic>
 #include <charconv>
-#include <chrono>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string_view>
-#include <thread>
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventImmortal.h"
+#include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventPlatform.h"
 
 namespace {
 
-// How long a fork waits for a line of ours that is being written; with a log daemon that stalls it may be forever.
-constexpr int kForkPatienceMs = 20;
+// How long a fork or a reload waits for a line of ours that is being written; with a log daemon that stalls it may be
+// forever.
+constexpr uint32_t kPatienceMs = 20;
 
 struct Facility {
   std::string_view name;
@@ -51,8 +50,9 @@ int Level(uint32_t severity) {
 // Held over every openlog, syslog and closelog of ours, so that no line goes out under another sink's identity. Longer
 // than the C library's own lock by nothing that waits.
 struct SystemLog {
-  std::mutex mutex;
+  oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The one that holds `mutex` over its fork.
+  std::atomic<bool> writing = false;          // A line goes out, under its sink's identity. Changed with `mutex` held.
   // False in the child of a fork that found a line half written: the C library's log is locked there for good.
   bool usable = true;  // Guarded by `mutex`.
 };
@@ -113,9 +113,9 @@ uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, ox
   opened->subsystem = oxEventOrDefault(config.subsystem, defaults.subsystem);
   opened->category = oxEventOrDefault(config.category, defaults.category);
   opened->facility = FacilityValue(opened->facility_name);
-  {
-    std::lock_guard lock(g_system_log->mutex);
+  if (g_system_log->mutex.TryLockFor(kPatienceMs)) {  // Else the first line opens it.
     if (g_system_log->usable) openlog(opened->ident.c_str(), LOG_PID, opened->facility);
+    g_system_log->mutex.Unlock();
   }
   *handle = opened.release();
   return OXEVENT_OK;
@@ -130,36 +130,38 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   }
   if (warning_text != nullptr) warning_text->clear();
   FormatNativeMessage(event, handle->ident, &handle->line);
-  std::lock_guard lock(g_system_log->mutex);
+  oxEventLock lock(g_system_log->mutex);
   if (!g_system_log->usable) return OXEVENT_FAILURE;
   // Opened anew each time: the host, or a native sink that a reload replaced, may have opened or closed the log since.
   openlog(handle->ident.c_str(), LOG_PID, handle->facility);
+  g_system_log->writing = true;
   syslog(handle->facility | Level(event.severity), "%s", handle->line.c_str());
+  g_system_log->writing = false;
   oxEventReleaseLongText(&handle->line);
   return OXEVENT_OK;
 }
 
 void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   if (handle == nullptr) return;
-  {
-    std::lock_guard lock(g_system_log->mutex);
+  bool locked = false;
+  // A line of another sink's that hangs has put that sink's identity in the place of this one's: it may go.
+  while (!(locked = g_system_log->mutex.TryLockFor(kPatienceMs)) && !g_system_log->writing) continue;
+  if (locked) {
     if (g_system_log->usable) closelog();
+    g_system_log->mutex.Unlock();
   }
   delete handle;
 }
 
-void oxEventPlatformNativeBeforeFork() {
-  for (int ms = 0; !g_system_log->mutex.try_lock(); ++ms) {
-    if (ms == kForkPatienceMs) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  g_system_log->forking_thread = pthread_self();
+// The lock goes from this function to the next.
+OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
+  if (g_system_log->mutex.TryLockFor(kPatienceMs)) g_system_log->forking_thread = pthread_self();
 }
 
-void oxEventPlatformNativeAfterForkInParent() {
+OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeAfterForkInParent() {
   if (g_system_log->forking_thread != pthread_self()) return;
   g_system_log->forking_thread = 0;
-  g_system_log->mutex.unlock();
+  g_system_log->mutex.Unlock();
 }
 
 void oxEventPlatformNativeAfterForkInChild() {

@@ -55,8 +55,14 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  uint32_t Flush(uint32_t /*timeout_ms*/) override OX_EXCLUDES(mutex_) {
-    oxEventLock lock(mutex_);
+  // The time-out is for a write of the worker's that waits, for the reader of a pipe say; the own write takes its time.
+  uint32_t Flush(uint32_t timeout_ms) override OX_EXCLUDES(mutex_) {
+    if (timeout_ms == 0) {
+      mutex_.Lock();
+    } else if (!mutex_.TryLockFor(timeout_ms)) {
+      return OXEVENT_FAILURE;
+    }
+    oxEventLock lock(mutex_, std::adopt_lock);
     if (WriteBufferLocked()) return OXEVENT_OK;
     return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV file: ", path_);
   }

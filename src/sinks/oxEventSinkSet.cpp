@@ -21,6 +21,8 @@ namespace {
 using SinkList = std::vector<std::shared_ptr<oxEventSink>>;
 using SharedList = std::shared_ptr<const SinkList>;
 
+constexpr uint32_t kReloadPatienceMs = 1000;  // With a write of the worker's that hangs.
+
 // A configured and enabled sink of a kind that this library does not know: accepts everything, does nothing.
 class oxEventConfiguredSink : public oxEventSink {
  public:
@@ -107,9 +109,9 @@ bool FlushAll(const SinkList& sinks, uint32_t timeout_ms) {
 }
 
 // Writes out the rows of a list that is no longer active: a delivery that still holds the list must not be what they
-// wait for.
-void WriteOut(const SharedList& replaced) {
-  if (replaced != nullptr) FlushAll(*replaced, 0);
+// wait for. A sink that is busy for all of the time (0: without limit) does so when its last owner lets go of it.
+void WriteOut(const SharedList& replaced, uint32_t timeout_ms) {
+  if (replaced != nullptr) FlushAll(*replaced, timeout_ms);
 }
 
 uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::string* error) {
@@ -140,7 +142,7 @@ uint32_t Replace(const oxEventConfig& config, const char* default_error) {
     replaced.swap(g_sinks->active);
     ClearSinkError();
   }
-  WriteOut(replaced);
+  WriteOut(replaced, kReloadPatienceMs);
   return OXEVENT_OK;
 }
 
@@ -169,7 +171,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   if (warnings != nullptr) *warnings = 0;
   SharedList replaced;
   SharedList sinks = SinksForDelivery(&replaced);
-  WriteOut(replaced);
+  WriteOut(replaced, 0);
   replaced.reset();
   if (sinks == nullptr) return OXEVENT_OK;
 
@@ -209,7 +211,7 @@ uint32_t oxEventSinkShutdown() {
     g_sinks->callbacks.UnregisterAll();
     ClearSinkError();
   }
-  WriteOut(released);
+  WriteOut(released, 0);
   return OXEVENT_OK;
 }
 
