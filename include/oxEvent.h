@@ -129,7 +129,8 @@ OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, c
  *
  * From a callback it does not wait, since nobody else could deliver: with events queued it fails at once.
  *
- * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up, or a sink could not be flushed.
+ * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up, or a sink could not be flushed, or one that a reload has
+ * replaced since the last flush.
  */
 OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 

@@ -232,6 +232,12 @@ void FailToWrite() {
   CHECK(Fails(ox->Flush(0), "oxEvent core flush timed out") && Fails(ox->Shutdown(), "oxEvent sink flush failed"));
 }
 
+void LoseRowsInAReload() {
+  Submit(1);
+  AWAIT(g_delivered == g_submitted);
+  CHECK(ox->ReloadConfig("own.xml") == 0 && Fails(ox->Flush(0), "oxEvent core flush timed out") && ox->Flush(0) == 0);
+}
+
 [[maybe_unused]] void CloseOnExec() {
   Hammer([] { ox->Shutdown(), Start(), ox->ReloadConfig(nullptr), ++g_step; });
   for (int fd = 3; g_step < 50; fd = fd % 64 + 3) CHECK(fcntl(fd, F_GETFD) != 0);
@@ -258,6 +264,7 @@ constexpr Case kCases[] = {
     {"fork_and_return_from_callback", nullptr, 0, kThreads, "c", "ibf"},
     {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAny, "M", "i"},
     {"file_size", [] { LimitFileSize(), FailToWrite(); }, 0, kAny | kLost, "MW", "i"},
+    {"file_size_at_reload", [] { LimitFileSize(), LoseRowsInAReload(); }, 0, kAny | kLost, "M", "i"},
     {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
 #ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
     {"fork_amid_calls", ForkAmidCalls, 0, kAny, "M", "i"},

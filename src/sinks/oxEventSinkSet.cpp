@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <atomic>
 #include <memory>
 #include <new>
 #include <optional>
@@ -62,6 +63,8 @@ struct SinkSet {
   oxEventMutex mutex;
   SharedList active OX_GUARDED_BY(mutex);                        // Null: empty.
   std::weak_ptr<const SinkList> delivered OX_GUARDED_BY(mutex);  // The list of the last event.
+  std::atomic<bool> told = false;                                // A flush has said that an active sink fails.
+  std::atomic<bool> rows_missing = false;  // Of replaced sinks, of which none has said so. For the next flush to tell.
   oxEventMutex error_mutex;
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
   oxEventCallbackSink callbacks;
@@ -110,8 +113,8 @@ bool FlushAll(const SinkList& sinks, uint32_t timeout_ms) {
 
 // Writes out the rows of a list that is no longer active: a delivery that still holds the list must not be what they
 // wait for. A sink that is busy for all of the time (0: without limit) does so when its last owner lets go of it.
-void WriteOut(const SharedList& replaced, uint32_t timeout_ms) {
-  if (replaced != nullptr) FlushAll(*replaced, timeout_ms);
+bool WriteOut(const SharedList& replaced, uint32_t timeout_ms) {
+  return replaced == nullptr || FlushAll(*replaced, timeout_ms);
 }
 
 uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::string* error) {
@@ -142,7 +145,8 @@ uint32_t Replace(const oxEventConfig& config, const char* default_error) {
     replaced.swap(g_sinks->active);
     ClearSinkError();
   }
-  WriteOut(replaced, kReloadPatienceMs);
+  const bool told = g_sinks->told.exchange(false);
+  if (!WriteOut(replaced, kReloadPatienceMs) && !told) g_sinks->rows_missing = true;
   return OXEVENT_OK;
 }
 
@@ -192,7 +196,9 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
 
 uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
   const SharedList sinks = ActiveSinks();
-  if (sinks != nullptr && !FlushAll(*sinks, timeout_ms)) {
+  const bool flushed = sinks == nullptr || FlushAll(*sinks, timeout_ms);
+  if (!flushed) g_sinks->told = true;
+  if (g_sinks->rows_missing.exchange(false) || !flushed) {
     constexpr const char* kText = "oxEvent sink flush failed";
     SetSinkError(kText);
     oxEventSetLastError(kText);
@@ -209,6 +215,7 @@ uint32_t oxEventSinkShutdown() {
     released.swap(g_sinks->active);
     g_sinks->delivered.reset();
     g_sinks->callbacks.UnregisterAll();
+    g_sinks->rows_missing = false;
     ClearSinkError();
   }
   WriteOut(released, 0);
