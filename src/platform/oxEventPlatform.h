@@ -68,8 +68,11 @@ class oxEventAppendFile {
   // Creates the file when it is missing. Never waits, a pipe without a reader included.
   bool Open(const std::string& path);
   bool IsOpen() const { return fd_ >= 0; }
-  // Returns the number of bytes written: fewer than `size` when it breaks off. Raises no signal.
+  // Returns the number of bytes written: fewer than `size` when it breaks off. Raises no signal. Until StartWaiting, a
+  // pipe without room for a second ends it.
   size_t Write(const char* bytes, size_t size);
+  // From now on a write waits for the reader of a pipe, however long.
+  void StartWaiting();
   // Cuts off the last bytes written. Does nothing where somebody else has written behind or perhaps among them, nor to
   // what is no regular file.
   void TakeBack(size_t size);

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@ namespace {
 constexpr mode_t kDirectoryMode = 0775;
 constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes that oxOSMakeDir is given, the terminating zero included.
 constexpr mode_t kFileMode = 0666;           // Less the umask.
+constexpr int kPipePatienceMs = 1000;
 constexpr char kSeparators[] = "/\\";
 
 bool IsDriveRoot(std::string_view path) { return path.size() == 3 && path[1] == ':'; }
@@ -54,6 +56,11 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
   return false;
 }
 
+bool HasRoomSoon(int fd) {
+  pollfd room = {fd, POLLOUT, 0};
+  return poll(&room, 1, kPipePatienceMs) > 0;
+}
+
 }  // namespace
 
 bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error) {
@@ -74,12 +81,12 @@ oxEventAppendFile::~oxEventAppendFile() {
 }
 
 bool oxEventAppendFile::Open(const std::string& path) {
-  // O_NONBLOCK is for the open alone: a pipe without a reader is an error, a full one later just makes a write wait.
-  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY;
-  fd_ = open(path.c_str(), flags | O_NONBLOCK, kFileMode);
-  if (IsOpen()) fcntl(fd_, F_SETFL, O_APPEND);
+  // Before StartWaiting a pipe without a reader is an error, and so is a full one: a reload must not hang on it.
+  fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
   return IsOpen();
 }
+
+void oxEventAppendFile::StartWaiting() { fcntl(fd_, F_SETFL, O_APPEND); }
 
 size_t oxEventAppendFile::Write(const char* bytes, size_t size) {
   if (size == 0) return 0;
@@ -88,7 +95,7 @@ size_t oxEventAppendFile::Write(const char* bytes, size_t size) {
   size_t done = 0;
   while (done != size) {
     const ssize_t written = write(fd_, bytes + done, size - done);
-    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && (errno == EINTR || (errno == EAGAIN && HasRoomSoon(fd_)))) continue;
     if (written <= 0) break;
     last_write_ = static_cast<size_t>(written);
     done += last_write_;

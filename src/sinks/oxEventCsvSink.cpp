@@ -85,6 +85,7 @@ class oxEventCsvSink : public oxEventSink {
     if (needs_header && !WriteRowsLocked(kHeader)) {
       return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: ", path_);
     }
+    file_.StartWaiting();
     return OXEVENT_OK;
   }
 
