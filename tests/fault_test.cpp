@@ -131,6 +131,7 @@ struct oxEventFaults : testing::TestWithParam<char> {
     return what == std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(first), none);
   }
 
+  const SystemLog log = SystemLog(LOCK_SH);
   const HostFolder folder{};
   const string settings = folder.path + "/settings", csv = folder.path + "/csv/rows";
   uint16_t port = 0;

@@ -1,8 +1,12 @@
 // What stands in for a host. Calls no entry point, so that tests that load the libraries by hand can use it too.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,6 +46,21 @@ inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
   *port = bind(fd, address, size) | getsockname(fd, address, &size) ? 0 : ntohs(at.sin6_port);
   return fd;
 }
+
+// This machine's log daemon, where it has none. LOCK_EX: this object, one at a time; LOCK_SH: nobody meanwhile.
+struct SystemLog {
+  explicit SystemLog(int lock) {
+    flock(folder, lock);
+    const sockaddr_un address = {AF_UNIX, "/dev/log"};
+    bound = lock == LOCK_EX && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~SystemLog() {
+    if (bound) unlink("/dev/log");
+    close(fd), close(folder);
+  }
+  const int folder = open("/dev", O_RDONLY | O_CLOEXEC), fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  bool bound = false;  // Else the machine has one, or this process may not be it.
+};
 
 // Writes a settings file: the native log off, the CSV sink on at `csv` (empty: off), and `more`, whose names are paths
 // below QVX\Events, as "core\queue_size".

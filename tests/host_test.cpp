@@ -1,7 +1,4 @@
 // The library as a host meets it: codes, texts, records, callbacks, files, many threads, what it allocates.
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <atomic>
 #include <future>
 #include <thread>
@@ -257,42 +254,14 @@ TEST_F(oxEventApi, WritesCsvRowsWhole) {  // So that a process that is killed le
   for (size_t i = 0; i < 150; ++i) EXPECT_EQ(Send(std::string(i == 140 ? 100000 : i * i % 997 + 1, 'x')), 0u);
 }
 
-TEST_F(oxEventApi, LosesNothingWhileEverythingMoves) {
-  std::atomic<bool> done = false;
-  Start({{"core\\queue_size", "20000"}});
-  const auto disturb = [&](bool flush) {
-    for (uint32_t id = 0; !done;) {
-      EXPECT_FALSE(flush ? oxEventFlush(0) : oxEventReloadConfig(nullptr));
-      EXPECT_FALSE(oxEventRegisterCallback([](auto...) {}, nullptr, &id) || oxEventUnregisterCallback(id));
-    }
-  };
-  const auto send = [](char name) {
-    for (size_t i = 0; i < 5000; ++i) EXPECT_EQ(Send(name + std::to_string(i)), 0u);
-  };
-  std::jthread others[] = {std::jthread(disturb, true), std::jthread(disturb, false), std::jthread(disturb, false)};
-  std::vector<std::jthread> senders;
-  for (const char name : {'a', 'b', 'c', 'd'}) senders.emplace_back(send, name);
-  Texts messages = recorder_.Messages(20000);
-  done = true;
-  for (std::jthread& other : others) other.join();
-  EXPECT_EQ(oxEventShutdown(), 0u);
-  EXPECT_EQ(messages.size(), 20000u);
-  std::map<char, size_t> next;  // Each thread's events in the order in which it sent them.
-  for (const std::string& text : messages) EXPECT_EQ(text.substr(1), std::to_string(next[text[0]]++));
-  messages.insert(messages.begin(), "message");
-  EXPECT_TRUE(ReadMessages(csv_) == messages);
-}
-
 #ifndef OXEVENT_SANITIZED
 TEST_F(oxEventApi, AllocatesNothingAndWritesTheSystemLog) {
   static std::mutex gate;
   static size_t calls = 0, worker = 0;  // The worker's allocations, as the last call saw them.
-  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = {AF_UNIX, "/dev/log"};
-  const bool native = bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  auto lines = std::async(std::launch::async, [log] {
+  const SystemLog log(LOCK_EX);
+  auto lines = std::async(std::launch::async, [&log] {
     Texts all;  // The priority, and what comes behind the stamp and the process.
-    for (std::string line(2048, 0); recv(log, line.data(), line.size(), 0) > 0; line.assign(2048, 0)) {
+    for (std::string line(2048, 0); recv(log.fd, line.data(), line.size(), 0) > 0; line.assign(2048, 0)) {
       all.push_back(line.substr(0, 5) + line.substr(line.find("]: ") + 3).c_str());
     }
     return all;
@@ -303,7 +272,7 @@ TEST_F(oxEventApi, AllocatesNothingAndWritesTheSystemLog) {
   };
   Settings settings = {{"core\\queue_size", "10000"}, {"sink\\snmp\\trap\\default\\port", "5140"}};
   for (const char* sink : {"syslog\\udp\\default", "snmp\\trap\\default", "alertmanager\\main", "native\\main"}) {
-    if (native || *sink != 'n') settings["sink\\" + std::string(sink) + "\\enabled"] = "1";
+    if (log.bound || *sink != 'n') settings["sink\\" + std::string(sink) + "\\enabled"] = "1";
   }
   Start(settings);
   EXPECT_FALSE(oxEventUnregisterCallback(id_) || oxEventRegisterCallback(note, nullptr, &id_));
@@ -332,10 +301,10 @@ TEST_F(oxEventApi, AllocatesNothingAndWritesTheSystemLog) {
   EXPECT_EQ(std::pair(caller, worker), warm);
   record = {152, 65536, 7, "t", "", "n", "5 %s\n", 2, "a", "k", "c", 0, 0, 0, "", 0, 0, "", 0, ""};
   EXPECT_EQ(oxEventSubmit(&record) | oxEventSubmitSimple(8, 3, "", "m") | oxEventShutdown(), 0u);
-  shutdown(log, SHUT_RDWR), lines.wait(), close(log);
-  if (!native) return;
+  shutdown(log.fd, SHUT_RDWR), lines.wait();
+  if (!log.bound) return;
   const Texts all = lines.get(), last(all.end() - 2, all.end());
-  EXPECT_TRUE(unlink(address.sun_path) == 0 && all.size() == calls);
+  EXPECT_EQ(all.size(), calls);
   EXPECT_EQ(last, (Texts{"<164>oxEvent event_id=7 severity=warning action=a event_type=t source_id=- source_name=n "
                          "native_source=oxEvent message=\"5 %s\n\" dedupe_key=k correlation_id=c",
                          "<163>oxEvent event_id=8 severity=error action=- event_type=simple source_id=- source_name=- "
