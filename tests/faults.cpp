@@ -14,14 +14,15 @@ thread_local size_t t_allocations = 0;
 namespace {
 
 std::atomic<const Faults::Hook*> g_hook = nullptr;
+std::atomic<int> g_asking = 0;  // Threads that may be in the hook.
 thread_local bool t_asking = false;
 
 int Ask(const char* call, long first) {
+  if (g_hook == nullptr || t_asking) return 0;
+  t_asking = true, ++g_asking;
   const Faults::Hook* const hook = g_hook;
-  if (hook == nullptr || t_asking) return 0;
-  t_asking = true;
-  const int answer = (*hook)(call, first);
-  t_asking = false;
+  const int answer = hook == nullptr ? 0 : (*hook)(call, first);
+  t_asking = false, --g_asking;
   return answer;
 }
 
@@ -33,7 +34,9 @@ bool Allocates(size_t size) {
 }  // namespace
 
 Faults::Faults(Hook hook) : hook_(std::move(hook)) { g_hook = &hook_; }
-Faults::~Faults() { g_hook = nullptr; }
+Faults::~Faults() {
+  for (g_hook = nullptr; g_asking != 0;) sched_yield();
+}
 
 // Hosts below "test" are this machine.
 int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {

@@ -1,9 +1,7 @@
 // How a host's process ends, forks, unloads the library and limits it. Each case runs in a child that loads the library
 // and checks what it can see; the test waits for its end and compares the CSV file with the calls of the callback.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <malloc.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 
@@ -112,14 +110,11 @@ ssize_t AfterDestructors(void*, const char*, size_t size) {
 
 // Opens what holds event 1: an endpoint that answers nothing, a pipe that nobody reads. Its port, or its other end.
 int OpenPeer(int* peer) {
-  int ends[2] = {socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), -1};
-  sockaddr_in at = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  auto* const address = reinterpret_cast<sockaddr*>(&at);
-  socklen_t size = sizeof(at);
-  CHECK(bind(ends[0], address, size) == 0 && listen(ends[0], 9) == 0 && getsockname(ends[0], address, &size) == 0);
-  if (g_state == 's') CHECK(pipe2(ends, O_CLOEXEC) == 0 && fcntl(ends[0], F_SETPIPE_SZ, 4096) > 0);
-  *peer = ends[0];
-  return g_state == 's' ? ends[1] : ntohs(at.sin_port);
+  uint16_t port;
+  int ends[2];
+  if (g_state != 's') return listen(*peer = LoopbackSocket(AF_INET, SOCK_STREAM, &port), 9), port;
+  CHECK(pipe2(ends, O_CLOEXEC) == 0 && fcntl(ends[0], F_SETPIPE_SZ, 4096) > 0);
+  return *peer = ends[0], ends[1];
 }
 
 void LetGo(int peer) {
