@@ -1,3 +1,4 @@
+#include <openssl/crypto.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -20,6 +21,8 @@ constexpr size_t kMaxIdle = 16;  // Clients that wait with their connections for
 struct Clients {
   std::mutex mutex;
   // Guarded by mutex, all of them:
+  bool heeds_fork = false;
+  bool heeds_exit = false;
   bool started = false;
   bool tls_over = false;
   int tls_requests = 0;            // Under way.
@@ -32,8 +35,8 @@ struct Clients {
 alignas(Clients) char g_storage[sizeof(Clients)];
 Clients& g_clients = *new (g_storage) Clients;
 
-// OpenSSL ends with the process's exit handlers, before the threads that may still use it are stopped. Registered after
-// its own handler, this one runs before it.
+// Where the host uses OpenSSL too, that ends with the process's exit handlers, before the threads that may still use it
+// are stopped. Registered after its own handler, this one runs before it, and waits for a start that is under way.
 void EndTls() {
   const oxHTTPPipeSignalBlock block;
   std::unique_lock lock(g_clients.mutex);
@@ -58,9 +61,15 @@ void AfterForkInChild() {
 
 bool StartLocked() {
   if (g_clients.started) return true;
-  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
   g_clients.idle.reserve(kMaxIdle);
-  g_clients.started = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0 && atexit(EndTls) == 0;
+  if (!g_clients.heeds_fork && pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) != 0) return false;
+  g_clients.heeds_fork = true;
+  if (!g_clients.heeds_exit && atexit(EndTls) != 0) return false;
+  g_clients.heeds_exit = true;
+  // Begun here, OpenSSL has no exit handler of its own: one that is registered now would run before EndTls, perhaps
+  // while the start is still under way.
+  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1) return false;
+  g_clients.started = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   return g_clients.started;
 }
 
