@@ -13,31 +13,24 @@ using namespace oxEventText;
 using std::string_literals::operator""s;
 using Event = oxEventNormalizedEvent;
 
-// What a rendering appends.
-std::string Text(const auto& render, const auto&... values) {
-  std::string out = "before ";
-  return render(values..., &out), out.substr(0, 7) == "before " ? out.substr(7) : "(replaced)";
-}
-
-// On a host with a locale and a time zone of its own.
-struct oxEventTexts : testing::Test {
-  oxEventTexts() {
-    std::locale::global(std::locale(std::locale::classic(), new Grouping));
-    setenv("TZ", "UTC-11:30", 1);
-  }
-  ~oxEventTexts() override { std::locale::global(std::locale::classic()), unsetenv("TZ"); }
-  struct Grouping : std::numpunct<char> {
-    std::string do_grouping() const override { return "\1"; }
-  };
+struct Grouping : std::numpunct<char> {
+  std::string do_grouping() const override { return "\1"; }
 };
 
-TEST_F(oxEventTexts, AreEscaped) {
-  EXPECT_EQ(Text(JsonEscape, "\"\\\b\t\n\f\r"), R"(\"\\\b\t\n\f\r)");
-  EXPECT_EQ(Text(JsonEscape, "/\1\v\x1F\0\x7F\xFF"s), "/\\u0001\\u000b\\u001f\\u0000\x7F\xFF");
-  EXPECT_EQ(Text(CsvQuote, " a;\t'\\\x7F\xFF") + Text(CsvQuote, "\r"), " a;\t'\\\x7F\xFF\"\r\"");
+// What a rendering appends, on a host with a locale and a time zone of its own.
+std::string Text(const auto& render, const auto&... values) {
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  setenv("TZ", "UTC-11:30", 1);
+  std::string out = "before ";
+  render(values..., &out);
+  std::locale::global(before);
+  return out.substr(0, 7) == "before " ? out.substr(7) : "(replaced)";
 }
 
-TEST_F(oxEventTexts, SpellTimes) {
+TEST(oxEventText, EscapesBytesAndSpellsTimes) {
+  EXPECT_EQ(Text(JsonEscape, "/\"\\\b\t\n\f\r\1\v\x1F\0\x7F\xFF"s),
+            "/\\\"\\\\\\b\\t\\n\\f\\r\\u0001\\u000b\\u001f\\u0000\x7F\xFF");
+  EXPECT_EQ(Text(CsvQuote, " a;\t'\\\x7F\xFF") + Text(CsvQuote, "\r"), " a;\t'\\\x7F\xFF\"\r\"");
   EXPECT_EQ(Text(UtcIsoFromNs, 951'868'799'000'000'000u), "2000-02-29T23:59:59Z");
   EXPECT_EQ(Text(UtcIsoFromNs, 4'107'542'400'000'000'020u), "2100-03-01T00:00:00.000000020Z");
   EXPECT_EQ(Text(UtcIsoFromNs, UINT64_MAX), "2554-07-21T23:34:33.709551615Z");
@@ -47,7 +40,7 @@ constexpr uint64_t kUtc = 1'700'000'000'000'000'001;
 const oxEventRecord kRecord = {152,   0x10000, ~0ul, "temp",    "s,1", "a\"b", "a\nb",   3,   "raise", "k\\",
                                "\x1", kUtc,    ~1ul, INT64_MIN, "1:0", 0.1,    -DBL_MAX, "°", ~2ul,    "{\"a\":1}"};
 
-TEST_F(oxEventTexts, AreWholeDocuments) {
+TEST(oxEventText, WritesWholeDocuments) {
   Event event;
   ASSERT_EQ(oxEventNormalizeEvent(&kRecord, 99, &event), OXEVENT_OK);
   const std::string json =
@@ -67,7 +60,7 @@ TEST_F(oxEventTexts, AreWholeDocuments) {
             "18446744073709551614,-9223372036854775808,1:0,\"{\"\"a\"\":1}\"\n");
 }
 
-TEST_F(oxEventTexts, HaveDefaults) {
+TEST(oxEventText, HasDefaults) {
   Event event;
   event.value = NAN, event.threshold = -INFINITY, event.severity = 4, event.event_type = "t";
   EXPECT_EQ(Text(AppendCsvRow, event), "65536,0,1970-01-01T00:00:00.000000000Z,0,unknown,,t,,,,,,nan,-inf,,0,0,0,,\n");
