@@ -70,35 +70,22 @@ TEST_F(oxEventConfigFile, IsCompletedOnceWhenItCanBe) {
   EXPECT_EQ(Load() + Stamp(), unsaved + stamp);
 }
 
-TEST_F(oxEventConfigFile, SetsTheFieldsAndKeepsTheRest) {
+TEST_F(oxEventConfigFile, SetsTheFieldsByAnyWordAndKeepsTheRest) {
   const std::string most(2047, 'x'), csv = "<key name=\"csv\">";
   std::string text = With(
-      "enabled=0 minimum_severity=error queue_size=5 drop_policy=debug_info_first enabled=0 dedupe_enabled=0 "
-      "default_repeat_interval_sec=6 send_clear=0 route_orphan_clear=1 "
-      "enabled=1 minimum_severity=0 unknown=5 path=@yz flush_each_event=1 app_name=a "
-      "enabled=0 source_name=s&amp;s facility=f subsystem=u category=c backoff_ms=4 minimum_severity=2");
+      "enabled=OFF minimum_severity=ERR queue_size=5 drop_policy=debug_info_first enabled=nO dedupe_enabled=False "
+      "default_repeat_interval_sec=-1 send_clear=disabled route_orphan_clear=4294967295 "
+      "enabled=tRue minimum_severity=DeBug unknown=5 path=@yz flush_each_event=YES "
+      "enabled=on minimum_severity=information app_name=a "
+      "enabled=Enabled minimum_severity=Warn source_name=s&amp;s facility=f subsystem=u category=c "
+      "minimum_severity=warning backoff_ms=4 minimum_severity=0 minimum_severity=Error");
   text.replace(text.find('@'), 1, most);
   text.insert(text.find(csv) + csv.size(), R"(<key name="b"/><value name="stray">1</value><key name="a"/>)");
-  const std::string start = "0|3|5|1|0|0|6|0|1|\n0|b|0|1|oxEvent.csv|0|\n0|a|0|1|oxEvent.csv|0|\n0|default|1|0|";
-  EXPECT_EQ(Load(text), start + most + "|1|\n1|default|0|1|\n2|main|0|1|s&s|f|u|c|\n" +
-                            "3|default|0|1|\n5|default|0|1|\n4|default|0|2|\n6|main|0|1|");
-  for (const char* kept : {">5<", "stray", "yz</value>"}) EXPECT_NE(ReadFile(path_).find(kept), text.npos) << kept;
-}
-
-TEST_F(oxEventConfigFile, MayUseOtherWords) {
-  const std::string cases[][2] = {
-      // A setting, and words for it with their meanings.
-      {"route_orphan_clear=", "1 1 4294967295 1 tRue 1 YES 1 on 1 Enabled 1 0 0 False 0 nO 0 OFF 0 disabled 0"},
-      {"minimum_severity=", "0 0 DeBug 0 1 1 INFO 1 information 1 2 2 warning 2 Warn 2 3 3 Error 3 ERR 3"}};
-  for (const auto& [setting, words] : cases) {
-    std::istringstream in(words);
-    for (auto [word, meaning] = std::pair<std::string, uint32_t>(); in >> word >> meaning;) {
-      Load(With(setting + word));
-      EXPECT_EQ(setting[0] == 'r' ? config_.route_orphan_clear : config_.minimum_severity, meaning) << word;
-      EXPECT_EQ(ReadFile(path_), With(setting + word));
-    }
-  }
-  EXPECT_TRUE(Load(With("queue_size=-1")).starts_with("1|1|1024|") && ReadFile(path_) == kComplete);
+  const std::string start = "0|3|5|1|0|0|1800|0|1|\n0|b|0|1|oxEvent.csv|0|\n0|a|0|1|oxEvent.csv|0|\n0|default|1|0|";
+  EXPECT_EQ(Load(text), start + most + "|1|\n1|default|1|1|\n2|main|1|2|s&s|f|u|c|\n" +
+                            "3|default|0|2|\n5|default|0|1|\n4|default|0|0|\n6|main|0|3|");
+  for (const char* kept : {">5<", "stray", "yz</value>", ">tRue<", ">DeBug<", ">1800<"})
+    EXPECT_NE(ReadFile(path_).find(kept), text.npos) << kept;
 }
 
 TEST_F(oxEventConfigFile, IsLeftWhenRefused) {
