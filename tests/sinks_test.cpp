@@ -1,9 +1,10 @@
-// What the sinks send, to the byte: datagrams to receivers on loopback, posts to a client in the companion's place.
-#include <arpa/inet.h>
+// What the sinks write and send, to the byte: rows, datagrams to receivers on loopback, posts to a client in the
+// companion's place.
 #include <poll.h>
 
 #include <chrono>
 #include <cmath>
+#include <locale>
 
 #include "faults.h"
 #include "host_fixture.h"
@@ -42,12 +43,38 @@ namespace {
 constexpr auto kSyslog = oxEventCreateSyslogUdpSink, kTrap = oxEventCreateSnmpTrapSink,
                kPost = oxEventCreateCloudEventsHttpSink, kAlert = oxEventCreateAlertmanagerSink;
 
-// What a new sink does with an event: its posts, "!" if it fails, or the code and text with which there is no sink.
-string Do(decltype(kPost) create, const Config& config, const Event& event = {}) {
+Event FullEvent(Event e = {}) {
+  e.event_id = UINT64_MAX, e.ptp_ns = UINT64_MAX - 1, e.duration_ms = UINT64_MAX - 2, e.pts = INT64_MIN, e.severity = 3;
+  e.source_id = "s\"\\]", e.source_name = "[n]\1\xFF", e.action = "A\t", e.dedupe_key = "d\\", e.timecode = "]";
+  e.correlation_id = "\"", e.units = "\xC2\xB0", e.details_json = "{\"]", e.message = "\"a\n\n\",b";
+  return e.event_type = "t t", e.value = NAN, e.threshold = 0.1, e.utc_ns = 1'700'000'000'123'456'789, e;
+}
+const string kJson =
+    R"({"version":65536,"event_id":18446744073709551615,"severity":"error","severity_value":3,"severity_code":3,)"
+    R"("action":"A\t","event_type":"t t","source_id":"s\"\\]","source_name":"[n]\u0001)"
+    "\xFF"
+    R"(","dedupe_key":"d\\","correlation_id":"\"","message":"\"a\n\n\",b","utc_ns":1700000000123456789,)"
+    R"("ptp_ns":18446744073709551614,"pts":-9223372036854775808,"timecode":"]","value":null,)"
+    R"("threshold":0.10000000000000001,"units":"°","duration_ms":18446744073709551613,"details_json":"{\"]"})";
+const string kCloudEvent =
+    R"({"specversion":"1.0","id":"18446744073709551615","source":"/s","type":"t t",)"
+    R"("time":"2023-11-14T22:13:20.123456789Z","subject":"p\"s\"\\]","datacontenttype":"application/json","data":)" +
+    kJson + "}";
+
+struct Grouping : std::numpunct<char> {
+  string do_grouping() const override { return "\1"; }
+};
+
+// What a new sink does with an event, on a host with a locale and a time zone of its own: its posts, "!" if it fails,
+// or the code and text with which there is no sink.
+string Do(decltype(kPost) create, const Config& config, const Event& event = FullEvent()) {
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  setenv("TZ", "UTC-11:30", 1);
   std::shared_ptr<oxEventSink> sink;
   string error = g_posts = "";
   uint64_t warnings = 7;
   const uint32_t made = create(config, &sink, &error), result = made != 0 ? 0 : sink->Submit(event, &warnings);
+  std::locale::global(before);
   EXPECT_TRUE(!sink == (made != 0) && result % OXEVENT_FAILURE == 0 && warnings == 7 && g_responses == 0);
   return made != 0 ? std::to_string(made - 0x80050000) + " " + error : g_posts + (result != 0 ? "!" : "");
 }
@@ -57,7 +84,7 @@ struct Receiver : Config {  // Of datagrams, with the settings to send here.
     port = snmp_port = free_port, host = snmp_host = family == AF_INET ? "127.0.0.1" : "::1", minimum_severity = 0;
   }
   ~Receiver() { close(fd); }
-  string Get(decltype(kPost) create, const Event& event = {}) const {
+  string Get(decltype(kPost) create, const Event& event = FullEvent()) const {
     string result = Do(create, *this, event), bytes(65536, 0);
     pollfd ready = {fd, POLLIN, 0};
     return result + bytes.substr(0, poll(&ready, 1, 20000) == 1 ? size_t(recv(fd, bytes.data(), bytes.size(), 0)) : 0);
@@ -66,18 +93,22 @@ struct Receiver : Config {  // Of datagrams, with the settings to send here.
   const int fd;
 };
 
-Event FullEvent(Event e = {}) {
-  e.event_id = UINT64_MAX, e.ptp_ns = UINT64_MAX - 1, e.duration_ms = UINT64_MAX - 2, e.pts = INT64_MIN, e.severity = 3;
-  e.source_id = "s\"\\]", e.source_name = "[n]\1\xFF", e.action = "A\t", e.dedupe_key = "d\\", e.timecode = "]";
-  e.correlation_id = "\"", e.units = "\xC2\xB0", e.details_json = "{\"]", e.message = "]\"\\\n", e.event_type = "t t";
-  return e.value = NAN, e.threshold = 2.5, e.utc_ns = 1'700'000'000'123'456'789, e;
+TEST(oxEventText, EscapesBytesAndSpellsTimes) {
+  string out = "before ";
+  oxEventText::JsonEscape("/\b\f\r\v\x1F\0\x7F"s, &out), oxEventText::CsvQuote(" a;\t'\\\x7F\xFF", &out);
+  oxEventText::CsvQuote("\r", &out);
+  for (const uint64_t ns : {951'868'799'000'000'000u, 4'107'542'400'000'000'020u, UINT64_MAX})
+    oxEventText::UtcIsoFromNs(ns, &out);
+  EXPECT_EQ(out,
+            "before /\\b\\f\\r\\u000b\\u001f\\u0000\x7F a;\t'\\\x7F\xFF\"\r\"2000-02-29T23:59:59Z"
+            "2100-03-01T00:00:00.000000020Z2554-07-21T23:34:33.709551615Z");
 }
 
 TEST(oxEventSyslogUdpSink, SendsTheWholeEvent) {
   std::istringstream rows(
       "kern 3 user 11 mail 19 daemon 27 auth 35 Security 35 syslog 43 lpr 51 news 59 uucp 67 cron 75 AuthPriv 83 "
       "ftp 91 local0 131 local3 155 LOCAL7 187 local8 131 local/ 131 x 131");
-  const string f(48, '5'), pid = " " + std::to_string(getpid()) + " ", end = "\"] ]\"\\\n";
+  const string f(48, '5'), pid = " " + std::to_string(getpid()) + " ", end = "\"] \"a\n\n\",b";
   const std::array<string, 3> names[] = {{" ", "\x7F/!~ \xC3\xA9", "_" + pid + "_/!~___"},
                                          {"", "", "oxEvent" + pid + "-"},
                                          {f + f, f + f, f + pid + f.substr(16)}};
@@ -91,13 +122,11 @@ TEST(oxEventSyslogUdpSink, SendsTheWholeEvent) {
         " event_id=\"18446744073709551615\" severity=\"error\" action=\"A\t\" event_type=\"" + event_type +
         "\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" correlation_id=\"\\\"\"" +
         " utc_ns=\"1700000000123456789\" ptp_ns=\"18446744073709551614\" pts=\"-9223372036854775808\"" +
-        " timecode=\"\\]\" value=\"nan\" threshold=\"2.5\" units=\"\xC2\xB0\"" +
-        " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]";
-    for (const size_t size : {0ul, 8192 - line.size() - end.size(), 8193 - line.size() - end.size()}) {
-      e.message = "]\"\\\n" + string(size, 'm'), e.details_json = "{\"]";
-      EXPECT_EQ(receiver.Get(kSyslog, e), (line + end + string(size, 'm')).substr(0, 8192));
-      e.details_json.append(9000, 'd');
-      EXPECT_EQ(receiver.Get(kSyslog, e), (line + string(9000, 'd')).substr(0, 8192));
+        " timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\"" +
+        " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]" + end;
+    for (const size_t size : {0ul, 8192 - line.size(), 8193 - line.size()}) {
+      e.message = "\"a\n\n\",b" + string(size, 'm');
+      EXPECT_EQ(receiver.Get(kSyslog, e), (line + string(size, 'm')).substr(0, 8192));
     }
   }
 }
@@ -141,15 +170,23 @@ TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
   Receiver receiver;
   receiver.community = receiver.enterprise_oid = receiver.trap_oid = "";
   for (Event e = FullEvent(); rows >> e.severity >> g_ms >> time >> request >> severity >> name;) {
-    const string texts[] = {
-        name,      "18446744073709551615", e.event_type,     e.source_id,           e.source_name, e.action,
-        e.message, e.dedupe_key,           e.correlation_id, "1700000000123456789", e.details_json};
+    const string texts[] = {name,
+                            "18446744073709551615",
+                            e.event_type,
+                            e.source_id,
+                            e.source_name,
+                            e.action,
+                            e.message.substr(0, 2048),
+                            e.dedupe_key,
+                            e.correlation_id,
+                            "1700000000123456789",
+                            e.details_json.substr(0, 2048)};
     string list = Tlv(0x30, Bytes(start + time)) + Tlv(0x30, Bytes(trap + trap_oid));
     list += Tlv(0x30, Bytes(oid + "0100" + severity));
     for (size_t i = 0; i < 11; ++i) list += Tlv(0x30, Bytes(oid) + char(i + 2) + '\0' + Tlv(4, texts[i]));
     list = Tlv(0xA7, Bytes("02" + request + "020100020100") + Tlv(0x30, list));
     EXPECT_EQ(receiver.Get(kTrap, e), Tlv(0x30, "\2\1\1" + Tlv(4, e.severity == 3 ? "cobalt" : "c\xFF") + list));
-    e.message = string(2048, 'm');
+    e.message = e.details_json = string(2049, 'm');
     receiver.community = "c\xFF", receiver.enterprise_oid = "1", receiver.trap_oid = "1.3.128";
     oid = "060329", trap_oid = "06032b8100";
   }
@@ -168,36 +205,37 @@ TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
 }
 
 // Wherever a write breaks off, the file ends on a whole row. What others have written behind stays.
-TEST(oxEventCsvSink, TakesATornRowBack) {
+TEST(oxEventCsvSink, WritesRowsAndTakesATornOneBack) {
   const HostFolder folder;
   Config csv;
   csv.path = folder.path + "/rows";
-  Event event = FullEvent();
-  event.message = "\"a\n\n\",b";
+  const string row =
+      "65536,18446744073709551615,2023-11-14T22:13:20.123456789Z,1700000000123456789,error,A\t,t t,\"s\"\"\\]\","
+      "[n]\1\xFF,d\\,\"\"\"\",\"\"\"a\n\n\"\",b\",nan,0.10000000000000001,\xC2\xB0,18446744073709551613,"
+      "18446744073709551614,-9223372036854775808,],\"{\"\"]\"\n";
   const auto write = [&](std::shared_ptr<oxEventSink> sink = nullptr) {
     if (oxEventCreateCsvSink(csv, &sink, nullptr) != OXEVENT_OK) return false;
-    return (sink->Submit(event, nullptr) | sink->Submit(event, nullptr) | sink->Flush(0)) == OXEVENT_OK;
+    return (sink->Submit(FullEvent(), nullptr) | sink->Submit(FullEvent(), nullptr) | sink->Flush(0)) == OXEVENT_OK;
   };
   EXPECT_TRUE(write());
-  const string whole = ReadFile(csv.path), header = whole.substr(0, 182), rows = whole.substr(182);
-  for (size_t end = 0; end < rows.size(); ++end) {
-    for (const string& written : {""s, header}) {  // At the first write, of the header, or at the next.
-      for (const string& behind : {""s, "behind\n"s}) {
-        std::ofstream(csv.path) << written;
-        const size_t part = std::min(end, written.empty() ? 181 : end);
-        int writes = 0;
-        {
-          const Faults faults([&](std::string_view call, long) {
-            if (call == "write" && ++writes == 1 && part > 0) return -static_cast<int>(part);
-            if (call == "write") std::ofstream(csv.path, std::ios::app) << behind;
-            return call == "write" ? ENOSPC : 0;
-          });
-          EXPECT_FALSE(write());
-        }
-        const string& text = written.empty() ? header : rows;
-        const size_t kept = behind.empty() ? written.empty() ? 0 : part / (rows.size() / 2) * (rows.size() / 2) : part;
-        EXPECT_EQ(ReadFile(csv.path), written + text.substr(0, kept) + behind) << end;
+  const string whole = ReadFile(csv.path);
+  const size_t header = whole.find('\n') + 1;
+  EXPECT_EQ(whole.substr(header), row + row);
+  for (size_t end = 0; end < whole.size(); ++end) {  // In the write of the header, or in the next.
+    for (const string& behind : {""s, "behind\n"s}) {
+      std::ofstream(csv.path) << "";
+      size_t left = end;
+      {
+        const Faults faults([&](std::string_view call, long) {
+          if (call != "write") return 0;
+          const auto taken = std::exchange(left, left == end && end > header ? end - header : 0);
+          if (taken == 0) std::ofstream(csv.path, std::ios::app) << behind;
+          return taken == 0 ? ENOSPC : -static_cast<int>(taken);
+        });
+        EXPECT_FALSE(write());
       }
+      const size_t kept = end < header ? 0 : header + (end - header) / row.size() * row.size();
+      EXPECT_EQ(ReadFile(csv.path), whole.substr(0, behind.empty() ? kept : end) + behind) << end;
     }
   }
 }
@@ -205,17 +243,15 @@ TEST(oxEventCsvSink, TakesATornRowBack) {
 TEST(oxEventSinks, FailOnlyWhereTheyMust) {
   for (const auto& [create, name] : {std::pair(kSyslog, "syslog UDP"s), {kTrap, "SNMP trap"}}) {
     Config nobody = Receiver();
-    nobody.endpoint_url = "http://h", nobody.host = nobody.snmp_host = "127.255.255.255", nobody.minimum_severity = 2;
-    // Nothing is sent, which would fail: it needs leave to go to everybody.
-    for (const auto any : {create, kPost, kAlert}) EXPECT_EQ(Do(any, nobody), "");
-    EXPECT_EQ(Do(create, nobody, FullEvent()), "!");
+    nobody.endpoint_url = "http://h", nobody.minimum_severity = 2;
+    nobody.host = nobody.snmp_host = "127.255.255.255";  // To send there needs leave to go to everybody.
+    for (const auto any : {create, kPost, kAlert}) EXPECT_EQ(Do(any, nobody, {}), "");
+    EXPECT_EQ(Do(create, nobody), "!");
+    nobody.host = nobody.snmp_host = "";
     std::shared_ptr<oxEventSink> sink;
-    nobody.host = nobody.snmp_host = "", nobody.minimum_severity = 0;
     EXPECT_EQ(create(nobody, &sink, nullptr), OXEVENT_OK);
-    EXPECT_EQ(sink->Submit({}, nullptr) + sink->Submit({}, nullptr) + sink->Submit({}, nullptr), 0u);
-    nobody.host = nobody.snmp_host = "a..b";
-    EXPECT_TRUE(Do(create, nobody).ends_with(" resolve failed for a..b:" + std::to_string(nobody.port) + " error=-2"));
-    nobody.host = nobody.snmp_host = "", nobody.port = nobody.snmp_port = 65536;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(sink->Submit(FullEvent(), nullptr), OXEVENT_OK);
+    nobody.port = nobody.snmp_port = 65536;
     EXPECT_EQ(Do(create, nobody), "5 oxEvent " + name + " resolve failed for 127.0.0.1:65536 error=-8");
   }
 }
@@ -223,11 +259,10 @@ TEST(oxEventSinks, FailOnlyWhereTheyMust) {
 TEST(oxEventWebhookHttpSink, PostsAndTriesAgain) {
   const string type = "json; charset=utf-8\nAccept: application/json\nUser-Agent: oxEvent/1.0\nX-oxEvent-TLS-Verify: ";
   string post = "POST HTTPS://h 5000\nContent-Type: application/" + type + "1\nX-oxEvent-Connect-Timeout-Ms: 2000";
-  string data = "\n\n", cloud = "\n\n";  // Held by tests of their own.
-  oxEventText::FormatNativeJsonData({}, &data), oxEventText::FormatCloudEventsJson({}, "/s", "p", &cloud);
+  const string data = "\n\n" + kJson, cloud = "\n\n" + kCloudEvent;
   Config c;
   c.headers = "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|B\xE2\x80", c.ce_auth_header = "X: c", c.bearer_token = "t";
-  c.endpoint_url = "HTTPS://h", c.cloudevents_source = "/s", c.cloudevents_subject_prefix = "p", c.ce_timeout_ms = 9;
+  c.endpoint_url = "HTTPS://h", c.cloudevents_source = "/s", c.cloudevents_subject_prefix = "p\"", c.ce_timeout_ms = 9;
   const string lines = "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE2\x80 \nAuthorization: Bearer t\nAuthorization: Basic ";
   for (const std::array<string, 4>& credentials : {std::array{""s, "\xFB\xEF"s, "\xFF\xFF"s, "++86//8="s},
                                                    {"Native", "", "pw", "OnB3"},
@@ -261,7 +296,7 @@ TEST(oxEventAlertmanager, FormatsEventsAndRecords) {
   const string labels = R"(9DiskUsage","severity":"critical","event_type":"9-disk_usage","action":"raise")";
   const string annotations =
       R"(},"annotations":{"summary":"Full","description":"Full on n","ox_event_id":"18446744073709551615",)"
-      R"("ox_dedupe_key":"d\\","ox_source_name":"n","ox_units":"°","ox_value":"","ox_threshold":"2.5"},"starts)";
+      R"("ox_dedupe_key":"d\\","ox_source_name":"n","ox_units":"°","ox_value":"","ox_threshold":"0.1"},"starts)";
   string out;
   for (const auto& [prefix, name] : {std::pair(""s, "OxEvent"s), {"-|", "OxEvent"}, {"O-x_1\xC3", "Ox_1"}}) {
     const string start = R"([{"labels":{"alertname":")" + name + labels, end = annotations + time;
@@ -274,6 +309,13 @@ TEST(oxEventAlertmanager, FormatsEventsAndRecords) {
       EXPECT_EQ(out, resolved ? "[]" : start + end + "}]");
     }
   }
+  Event bare;
+  bare.event_type = "%", bare.source_id = "_", bare.message = "on m", bare.source_name = "on", bare.severity = 2;
+  EXPECT_EQ(oxEventFormatAlertmanagerAlert(bare, {true, true, ""}, &out), OXEVENT_OK);
+  EXPECT_EQ(out, R"([{"labels":{"alertname":"OxEventEvent","severity":"warning","event_type":"event","action":"raise",)"
+                 R"("source_id":"source"},"annotations":{"summary":"on m","description":"on m","ox_event_id":"0",)"
+                 R"("ox_dedupe_key":"%:_","ox_source_name":"on","ox_units":"","ox_value":"0","ox_threshold":"0"},)"
+                 R"("startsAt":"1970-01-01T00:00:00Z"}])");
   oxEventRecord record = e.ToPublicView(), refused = record;
   record.event_id = refused.version = 0;
   for (const oxEventRecord* bad : {&refused, static_cast<oxEventRecord*>(nullptr)})
