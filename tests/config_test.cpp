@@ -73,18 +73,18 @@ TEST_F(oxEventConfigFile, IsCompletedOnceWhenItCanBe) {
 TEST_F(oxEventConfigFile, SetsTheFieldsByAnyWordAndKeepsTheRest) {
   const std::string most(2047, 'x'), csv = "<key name=\"csv\">";
   std::string text = With(
-      "enabled=OFF minimum_severity=ERR queue_size=5 drop_policy=debug_info_first enabled=nO dedupe_enabled=False "
-      "default_repeat_interval_sec=-1 send_clear=disabled route_orphan_clear=4294967295 "
+      "enabled=OFF minimum_severity=ERR queue_size=1x drop_policy=debug_info_first enabled=nO dedupe_enabled=False "
+      "default_repeat_interval_sec=4294967296 send_clear=disabled route_orphan_clear=4294967295 "
       "enabled=tRue minimum_severity=DeBug unknown=5 path=@yz flush_each_event=YES "
       "enabled=on minimum_severity=information app_name=a "
       "enabled=Enabled minimum_severity=Warn source_name=s&amp;s facility=f subsystem=u category=c "
       "minimum_severity=warning backoff_ms=4 minimum_severity=0 minimum_severity=Error");
   text.replace(text.find('@'), 1, most);
   text.insert(text.find(csv) + csv.size(), R"(<key name="b"/><value name="stray">1</value><key name="a"/>)");
-  const std::string start = "0|3|5|1|0|0|1800|0|1|\n0|b|0|1|oxEvent.csv|0|\n0|a|0|1|oxEvent.csv|0|\n0|default|1|0|";
+  const std::string start = "0|3|1024|1|0|0|1800|0|1|\n0|b|0|1|oxEvent.csv|0|\n0|a|0|1|oxEvent.csv|0|\n0|default|1|0|";
   EXPECT_EQ(Load(text), start + most + "|1|\n1|default|1|1|\n2|main|1|2|s&s|f|u|c|\n" +
                             "3|default|0|2|\n5|default|0|1|\n4|default|0|0|\n6|main|0|3|");
-  for (const char* kept : {">5<", "stray", "yz</value>", ">tRue<", ">DeBug<", ">1800<"})
+  for (const char* kept : {">5<", "stray", "yz</value>", ">tRue<", ">DeBug<", ">1024<", ">1800<"})
     EXPECT_NE(ReadFile(path_).find(kept), text.npos) << kept;
 }
 
