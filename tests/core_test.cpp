@@ -39,57 +39,41 @@ uint64_t Pop(oxEventQueue* queue, oxEventNormalizedEvent* out) {
   return out->message == std::string(out->message.size(), static_cast<char>(out->event_id)) ? out->event_id : 0;
 }
 
-// What the queue does, without a thought for speed or threads.
-struct QueueModel {
-  std::deque<uint64_t> pending = {};
-  uint32_t capacity = 1, active = 0;
-  bool debug_info_first = false, accepting = false, stop = false;
-
-  bool DropDebugInfo() {
-    const auto oldest = std::find_if(pending.begin(), pending.end(), [](uint64_t id) { return id % 5 < 2; });
-    return debug_info_first && oldest != pending.end() && (pending.erase(oldest), true);
-  }
-  uint64_t Configure(uint32_t size, oxEventDropPolicy policy) {
-    capacity = std::max(size, 1u), debug_info_first = policy == oxEventDropPolicy::kDropDebugInfoFirst;
-    const uint64_t before = pending.size();
-    while (pending.size() > capacity) DropDebugInfo() ? void() : pending.pop_back();
-    return before - pending.size();
-  }
-  uint64_t Enqueue(uint64_t id) {
-    if (!accepting) return OXEVENT_NOT_INITIALIZED;
-    const uint64_t dropped = pending.size() < capacity ? 0 : kDropped;
-    if (dropped && !DropDebugInfo()) return dropped;
-    return pending.push_back(id), kAccepted + dropped;
-  }
-};
-
-TEST(oxEventQueue, DoesAsTheModelDoes) {
+TEST(oxEventQueue, DoesAsAModelWithoutAThoughtForSpeedOrThreads) {
   for (uint32_t seed = 1, bulk = 1; seed < 4000 && !HasFailure(); bulk = ++seed % 40 == 0 ? 30 : 1) {
     std::minstd_rand random(seed);
     const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() >> 8) % n; };
     oxEventQueue queue;
     oxEventNormalizedEvent out;
-    QueueModel model;
+    std::deque<uint64_t> pending;
+    uint32_t capacity = 1;
+    auto policy = oxEventDropPolicy::kDropNewest;
+    const auto drop_debug_info = [&] {
+      const auto oldest = std::find_if(pending.begin(), pending.end(), [](uint64_t id) { return id % 5 < 2; });
+      return policy != oxEventDropPolicy::kDropNewest && oldest != pending.end() && (pending.erase(oldest), true);
+    };
+    queue.Start(0, policy);
     for (int step = 0; step < 80; ++step) {
-      const uint32_t id = below(900) + 1, size = below(30) == 0 ? 0xFFFFFFFF : below(7) * bulk;
-      const auto policy = static_cast<oxEventDropPolicy>(below(2));
-      const char call = step == 0 && seed % 8 != 0 ? 'S' : "EEEEEEEEEEEEEEPPPPPPcccccCCCDDSAQR"[below(34)];
+      const uint32_t call = below(10), id = below(900) + 1;
       uint64_t got = 0, want = 0;
-      for (uint32_t i = call == 'E' ? bulk : 0; i-- > 0;) got += Enqueue(&queue, id + i), want += model.Enqueue(id + i);
-      if (call == 'C') got = queue.Configure(size, policy), want = model.Configure(size, policy);
-      if (call == 'D') got = queue.DropPending(), want = model.pending.size(), model.pending.clear();
-      if (call == 'S') queue.Start(size, policy), model = {.accepting = true}, model.Configure(size, policy);
-      if (call == 'A') queue.StopAccepting(), model.accepting = false;
-      if (call == 'Q') queue.RequestStop(), model.accepting = !(model.stop = true);
-      if (call == 'R') queue.Reset(), model = {};
-      if (call == 'c') queue.CompleteActiveEvent(), model.active -= model.active != 0;
-      if (call == 'P' && !model.pending.empty()) want = model.pending[0], model.pending.pop_front(), ++model.active;
-      if (call == 'P' && (model.stop || want != 0)) got = Pop(&queue, &out);  // Else it would wait.
-      const bool drained = model.pending.empty() && model.active == 0, wait = seed % 50 == 0 && step == 79;
-      const std::tuple wanted(want, !model.pending.empty(), drained);
-      EXPECT_EQ(std::tuple(got, queue.HasPending(), (drained || wait) && queue.Flush(1) == OXEVENT_OK), wanted)
-          << "seed " << seed << ", step " << step << ", call " << call;
+      for (uint32_t i = 0; call < 5 && i < bulk; ++i) {
+        const bool full = pending.size() >= capacity, taken = !full || drop_debug_info();
+        if (taken) pending.push_back(id + i);
+        want += (taken ? kAccepted : 0) + (full ? kDropped : 0), got += Enqueue(&queue, id + i);
+      }
+      if (call >= 5 && call < 8 && !pending.empty()) {
+        want = pending.front(), pending.pop_front(), got = Pop(&queue, &out), queue.CompleteActiveEvent();
+      }
+      if (call >= 8) {
+        const uint32_t size = below(30) == 0 ? 0xFFFFFFFF : below(7) * bulk;
+        policy = static_cast<oxEventDropPolicy>(below(2)), capacity = std::max(size, 1u);
+        for (; pending.size() > capacity; ++want) drop_debug_info() ? void() : pending.pop_back();
+        got = queue.Configure(size, policy);
+      }
+      EXPECT_EQ(got, want) << "seed " << seed << ", step " << step << ", call " << call;
+      EXPECT_TRUE(queue.HasPending() != pending.empty() && (queue.HasPending() || queue.Flush(1) == OXEVENT_OK));
     }
+    EXPECT_EQ(queue.DropPending(), pending.size());
   }
 }
 
