@@ -24,23 +24,6 @@ std::string Describe(const oxEventConfig& c) {
   return text;
 }
 
-const std::string kComplete = ReadFile(OXEVENT_DOCS "/default-settings.xml");  // All defaults.
-
-// The complete file with the values of "name=text ...", which are in its order; what it lacks goes between them.
-std::string With(const std::string& values) {
-  std::string xml = kComplete;
-  std::istringstream items(values);
-  size_t at = 0;
-  for (std::string item; items >> item;) {
-    const size_t mark = item.find('=');
-    const std::string start = "<value name=\"" + item.substr(0, mark) + "\">";
-    if (xml.find(start, at) == xml.npos) xml.insert(xml.find('\n', at), start + "</value>");
-    at = xml.find(start, at) + start.size();
-    xml.replace(at, xml.find('<', at) - at, item.substr(mark + 1));
-  }
-  return xml;
-}
-
 struct oxEventConfigFile : testing::Test {
   std::string Load() {  // Returns what was loaded, or the error.
     std::string error = "old";
@@ -48,7 +31,6 @@ struct oxEventConfigFile : testing::Test {
     EXPECT_EQ(result, error.empty() ? OXEVENT_OK : OXEVENT_INVALID_ARGUMENT);
     return error.empty() ? Describe(config_) : error;
   }
-  std::string Load(const std::string& text) { return std::ofstream(path_) << text << std::flush, Load(); }
   std::string Stamp() const {  // Changes with any write, and with any file in its place.
     struct stat s = {};
     return stat(path_.c_str(), &s), Row(s.st_ino, s.st_mtim.tv_sec, s.st_mtim.tv_nsec) + ReadFile(path_);
@@ -65,40 +47,44 @@ TEST_F(oxEventConfigFile, IsCompletedOnceWhenItCanBe) {
   const std::string unsaved = Load() + ReadFile(path_);
   prlimit(0, RLIMIT_FSIZE, &limit, nullptr);
   EXPECT_EQ(Load(), unsaved);
-  EXPECT_EQ(ReadFile(path_), kComplete);
+  EXPECT_EQ(ReadFile(path_), ReadFile(OXEVENT_DOCS "/default-settings.xml"));
   const std::string stamp = Stamp();
   EXPECT_EQ(Load() + Stamp(), unsaved + stamp);
 }
 
 TEST_F(oxEventConfigFile, SetsTheFieldsByAnyWordAndKeepsTheRest) {
-  const std::string most(2047, 'x'), csv = "<key name=\"csv\">";
-  std::string text = With(
-      "enabled=OFF minimum_severity=ERR queue_size=1x drop_policy=debug_info_first enabled=nO dedupe_enabled=False "
-      "default_repeat_interval_sec=4294967296 send_clear=disabled route_orphan_clear=4294967295 "
-      "enabled=tRue minimum_severity=DeBug unknown=5 path=@yz flush_each_event=YES "
-      "enabled=on minimum_severity=information app_name=a "
-      "enabled=Enabled minimum_severity=Warn source_name=s&amp;s facility=f subsystem=u category=c "
-      "minimum_severity=warning backoff_ms=4 minimum_severity=0 minimum_severity=Error");
-  text.replace(text.find('@'), 1, most);
-  text.insert(text.find(csv) + csv.size(), R"(<key name="b"/><value name="stray">1</value><key name="a"/>)");
-  const std::string start = "0|3|1024|1|0|0|1800|0|1|\n0|b|0|1|oxEvent.csv|0|\n0|a|0|1|oxEvent.csv|0|\n0|default|1|0|";
-  EXPECT_EQ(Load(text), start + most + "|1|\n1|default|1|1|\n2|main|1|2|s&s|f|u|c|\n" +
-                            "3|default|0|2|\n5|default|0|1|\n4|default|0|0|\n6|main|0|3|");
-  for (const char* kept : {">5<", "stray", "yz</value>", ">tRue<", ">DeBug<", ">1024<", ">1800<"})
-    EXPECT_NE(ReadFile(path_).find(kept), text.npos) << kept;
+  std::istringstream words(
+      R"(core\enabled OFF core\minimum_severity ERR core\queue_size 1x core\drop_policy debug_info_first
+         state\enabled nO state\dedupe_enabled False state\default_repeat_interval_sec 4294967296
+         state\send_clear disabled state\route_orphan_clear 4294967295 sink\csv\a\stray 1 sink\csv\b\key\c d
+         sink\csv\default\enabled tRue sink\csv\default\minimum_severity DeBug sink\csv\default\flush_each_event YES
+         sink\syslog\udp\x\enabled on sink\syslog\udp\x\minimum_severity information sink\native\main\enabled Enabled
+         sink\native\main\category c sink\native\main\minimum_severity Warn sink\native\main\source_name s&amp;s
+         sink\native\main\facility f sink\native\main\subsystem u sink\cloudevents\http\default\minimum_severity warning
+         sink\webhook\http\default\unknown 5 sink\snmp\trap\default\minimum_severity 0
+         sink\alertmanager\main\minimum_severity Error)");
+  const std::string most(2047, 'x');
+  std::map<std::string, std::string> settings;
+  for (std::string name, text; words >> name >> text;) settings[name] = text;
+  WriteSettings(path_, most + "yz", settings);
+  const std::string start = "0|3|1024|1|0|0|1800|0|1|\n0|a|0|1|oxEvent.csv|0|\n0|b|0|1|oxEvent.csv|0|\n0|default|1|0|";
+  EXPECT_EQ(Load(), start + most + "|1|\n1|x|1|1|\n2|main|1|2|s&s|f|u|c|\n3|default|0|2|\n5|default|0|1|\n" +
+                        "4|default|0|0|\n6|main|0|3|");
+  const std::string text = ReadFile(path_);
+  for (const char* kept : {">5<", "stray", ">d<", "yz</value>", ">tRue<", ">DeBug<", ">1024<", ">1800<"})
+    EXPECT_NE(text.find(kept), text.npos) << kept;
 }
 
 TEST_F(oxEventConfigFile, IsLeftWhenRefused) {
-  for (const char* bad : {"no XML", "<config>"}) EXPECT_EQ(Load(bad), "Unable to open oxEvent config: " + path_);
-  const std::string cases[][2] = {
-      {"enabled=maybe queue_size=0", "queue_size must be greater than zero"},
-      {"enabled=x drop_policy=Oldest", R"(Invalid drop_policy value for QVX\Events\core\drop_policy: Oldest)"},
-      {"minimum_severity=7", R"(Invalid minimum_severity value for QVX\Events\core\minimum_severity: 7)"},
-      {"enabled=x send_clear=", R"(Invalid boolean value for QVX\Events\state\send_clear: )"},
-      {"tls_verify=2x", R"(Invalid boolean value for QVX\Events\sink\webhook\http\default\tls_verify: 2x)"}};
-  for (const auto& [values, error] : cases) {
-    std::string text = With(values);
-    std::ofstream(path_) << text.replace(text.find("\"port"), 5, "\"else");  // So that there is something to complete.
+  const std::string cases[][3] = {
+      {"core\\enabled", "1</config>", "Unable to open oxEvent config: " + path_},
+      {"core\\queue_size", "0", "queue_size must be greater than zero"},
+      {"core\\drop_policy", "Oldest", R"(Invalid drop_policy value for QVX\Events\core\drop_policy: Oldest)"},
+      {"core\\minimum_severity", "7", R"(Invalid minimum_severity value for QVX\Events\core\minimum_severity: 7)"},
+      {"state\\send_clear", "", R"(Invalid boolean value for QVX\Events\state\send_clear: )"},
+      {"sink\\csv\\b\\enabled", "2x", R"(Invalid boolean value for QVX\Events\sink\csv\b\enabled: 2x)"}};
+  for (const auto& [name, text, error] : cases) {
+    WriteSettings(path_, "", {{name, text}});
     const std::string stamp = Stamp();
     EXPECT_EQ(Load(), error);
     EXPECT_EQ(Stamp(), stamp) << error;

@@ -1,20 +1,14 @@
-// The queue against a model of its own, the state, and the router's counters.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
+// The queue against a model of its own, and the state.
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <deque>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "core/oxEventQueue.h"
-#include "core/oxEventRouter.h"
 #include "core/oxEventState.h"
-#include "sinks/oxEventSinkSet.h"
+#include "host_fixture.h"
 
 using namespace std::chrono_literals;
 
@@ -146,45 +140,14 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
     event.*text += "x";
     EXPECT_EQ(twice(), "update-");
   }
-  void (*const changes[])(oxEventNormalizedEvent&) = {
-      [](auto& e) { e.severity = 3; },    [](auto& e) { e.pts = -1; },     [](auto& e) { e.duration_ms = 1; },
-      [](auto& e) { e.threshold = NAN; }, [](auto& e) { e.value = -0.0; }, [](auto& e) { e.threshold = 1.00001; }};
-  for (const auto change : changes) {
-    change(event);
-    EXPECT_EQ(twice(), "update-");
-  }
+  EXPECT_EQ((event.severity = 3, twice()), "update-");
+  EXPECT_EQ((event.pts = -1, twice()), "update-");
+  EXPECT_EQ((event.duration_ms = 1, twice()), "update-");
+  EXPECT_EQ((event.value = -0.0, twice()), "update-");
+  EXPECT_EQ((event.threshold = NAN, twice()), "update-");
+  EXPECT_EQ((event.threshold = 1.00001, twice()), "update-");
   event.threshold = 1.00001000001, event.event_id = event.ptp_ns = 9;  // No change in six digits.
   EXPECT_EQ(outcome(), "-");
-}
-
-TEST(oxEventRouter, CountsEachEventOnce) {
-  static std::atomic<int> held;  // 1: in the callback; 2: let go.
-  const auto callback = [](const oxEventRecord* event, void*) {
-    if (event->message[0] == 'x') throw 1;
-    if (event->message[0] == 'g') held = 1, held.notify_all(), held.wait(1);
-  };
-  const auto submit = [](const char* message, uint32_t severity, const char* action = "") {
-    oxEventView event;
-    event.message = message, event.severity = severity, event.action = action, event.utc_ns = 1;
-    EXPECT_EQ(oxEventCoreSubmit(event), 0u);
-  };
-  oxEventConfig config;
-  const auto shared = [&](uint32_t size) { return config.queue_size = size, std::make_shared<oxEventConfig>(config); };
-  uint32_t id = 0;
-  EXPECT_EQ(oxEventSinkInitialize(config) | oxEventSinkRegisterCallback(callback, nullptr, &id), 0u);
-  EXPECT_EQ(oxEventCoreStart(shared(4)), 0u);
-  submit("low", 0), submit("gate", 1);
-  held.wait(0);
-  for (int i = 0; i < 6; ++i) submit("full", 2);
-  EXPECT_EQ(oxEventCoreReloadConfig(shared(1)), 0u);
-  held = 2, held.notify_all();
-  EXPECT_EQ(oxEventCoreFlush(0), 0u);
-  for (const char* action : {"raise", "raise", "ack"}) submit("x", 1, action), oxEventCoreFlush(0);
-  EXPECT_EQ(oxEventCoreStop(9999) | oxEventSinkShutdown(), 0u);
-  const oxEventCounters c = oxEventCoreGetCounters();
-  EXPECT_TRUE(c.submitted == 11 && c.emitted == 4 && c.sink_failures == 2);
-  EXPECT_EQ(c.dropped,
-            7u);  // Below the minimum; two that found it full, three that the reload left no room; one raise.
 }
 
 }  // namespace

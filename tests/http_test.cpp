@@ -62,24 +62,20 @@ struct Server {
     Add(LoopbackSocket(family, SOCK_STREAM, &number), list.empty() ? 0 : POLLIN);
     EXPECT_EQ(listen(polls[0].fd, list.empty() ? 0 : 100), 0);
     port = ":" + std::to_string(number);
-    thread = std::thread(&Server::Run, this);
+    thread = std::jthread([this](const std::stop_token& stop) { Run(stop); });
   }
-  ~Server() { Stop(); }
-  Strings Stop() {
-    if (!stop.exchange(true)) thread.join();
-    return requests;
-  }
+  Strings Stop() { return thread = {}, requests; }
   void Add(int fd, short events) {
     polls.push_back({fd, events, 0});
     bios.push_back(BIO_new_socket(fd, BIO_CLOSE));
     if (tls != nullptr) bios.back() = BIO_push(BIO_new_ssl(tls, 0), bios.back());
   }
-  void Run() {
+  void Run(const std::stop_token& stop) {
     sigset_t all;  // Whether the client raises SIGPIPE is to be seen.
     pthread_sigmask(SIG_BLOCK, (sigfillset(&all), &all), nullptr);
-    for (; !stop; poll(polls.data(), polls.size(), 5)) {
+    for (; !stop.stop_requested(); poll(polls.data(), polls.size(), 5)) {
       for (size_t i = polls.size(); --i > 0;) {
-        if (polls[i].revents != 0 && !Serve(&polls[i].fd, bios[i])) BIO_free_all(std::exchange(bios[i], nullptr));
+        if (polls[i].revents != 0 && !Serve(&polls[i].fd, bios[i], stop)) BIO_free_all(std::exchange(bios[i], nullptr));
       }
       if (polls[0].revents == 0) continue;
       Add(accept4(polls[0].fd, nullptr, nullptr, SOCK_CLOEXEC), answers[0][0] < 'a' ? POLLOUT : POLLIN);
@@ -87,7 +83,7 @@ struct Server {
     for (BIO* const bio : bios) BIO_free_all(bio);
   }
   // False: to be closed.
-  bool Serve(int* polled, BIO* bio) {
+  bool Serve(int* polled, BIO* bio, const std::stop_token& stop) {
     const int fd = std::exchange(*polled, -1);
     string request, part(65536, 0);
     while (answers[0][0] >= 'a' && !request.ends_with("}")) {
@@ -103,7 +99,7 @@ struct Server {
     sent = sent && (text.empty() || BIO_write(bio, text.data(), int(text.size())) > 0);
     string again = bar == string::npos ? "" : answer.substr(bar + 1);
     while (!again.empty() && again.size() < 60000) again += again;
-    for (int i = 0; sent && !again.empty() && i < 2000 && !stop; ++i) {
+    for (int i = 0; sent && !again.empty() && i < 2000 && !stop.stop_requested(); ++i) {
       sent = BIO_write(bio, again.data(), int(again.size())) > 0;
     }
     const int end = tolower(answer[0]);
@@ -119,8 +115,7 @@ struct Server {
   std::vector<pollfd> polls;  // The listener, then each connection there ever was.
   std::vector<BIO*> bios;
   Strings requests;
-  std::atomic<bool> stop = false;
-  std::thread thread;
+  std::jthread thread;
 };
 
 SSL_CTX* Tls(const char* host, bool known) {

@@ -14,7 +14,6 @@ using std::string_literals::operator""s;
 namespace {
 
 using Store = std::shared_ptr<void>;
-void Close(void* store) { oxCFGClose(store, 1); }
 
 bool Set(const Store& store, const std::string& key, const std::string& name, std::string text) {
   auto length = static_cast<uint32_t>(text.size());
@@ -33,11 +32,10 @@ bool Save(const Store& store) { return oxCFGSave(store.get(), 0, 1) == 0; }
 
 struct oxCFG : testing::Test {
   void Write(const std::string& text) const { std::ofstream(path_) << text; }
-  Store Open() const { return Store(oxCFGOpen(path_.c_str(), 0), Close); }
-  Store Open(const std::string& text) const {
-    Write(text);
-    return Open();
+  Store Open() const {
+    return Store(oxCFGOpen(path_.c_str(), 0), [](void* store) { oxCFGClose(store, 1); });
   }
+  Store Open(const std::string& text) const { return Write(text), Open(); }
 
   const HostFolder holder_{};
   const fs::path folder_ = holder_.path, path_ = folder_ / "store.xml";
