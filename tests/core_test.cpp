@@ -10,8 +10,6 @@
 #include "core/oxEventState.h"
 #include "host_fixture.h"
 
-using namespace std::chrono_literals;
-
 namespace {
 
 constexpr uint64_t kAccepted = 1ull << 40, kDropped = 1ull << 48;
@@ -55,9 +53,8 @@ TEST(oxEventQueue, DoesAsAModelWithoutAThoughtForSpeedOrThreads) {
         if (taken) pending.push_back(id + i);
         want += (taken ? kAccepted : 0) + (full ? kDropped : 0), got += Enqueue(&queue, id + i);
       }
-      if (call >= 5 && call < 8 && !pending.empty()) {
+      if (call >= 5 && call < 8 && !pending.empty())
         want = pending.front(), pending.pop_front(), got = Pop(&queue, &out), queue.CompleteActiveEvent();
-      }
       if (call >= 8) {
         const uint32_t size = below(30) == 0 ? 0xFFFFFFFF : below(7) * bulk;
         policy = static_cast<oxEventDropPolicy>(below(2)), capacity = std::max(size, 1u);
@@ -80,7 +77,8 @@ TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
     std::jthread flusher([&] { EXPECT_TRUE(!queue.Flush(last_call == 'c' ? 0xFFFFFFFF : 0) && drained); });
     queue.RequestStop();  // Wakes it for nothing.
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(queue.Flush(50) == OXEVENT_FAILURE && std::chrono::steady_clock::now() >= start + 50ms);
+    EXPECT_TRUE(queue.Flush(50) == OXEVENT_FAILURE &&
+                std::chrono::steady_clock::now() >= start + std::chrono::milliseconds(50));
     drained = true;
     last_call == 'c' ? queue.CompleteActiveEvent() : last_call == 'R' ? queue.Reset() : (void)queue.DropPending();
     queue.Start(1, oxEventDropPolicy::kDropNewest);
@@ -107,6 +105,7 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
       {nullptr, 1800, "repeat y 9 - cleaR k 9 cleaR clear k 9 - raise j 2 raise raise j 3 - raise k 2 raise"},
       {nullptr, 1800, "raise none 1 raise raise s:t 1 - clear s:t 1 clear raises k 1 raises rais\xC5 k 1 rais\xC5"},
       {nullptr, 0, "raise k 1 repeat raise k 1 repeat update u 3 update update u 3 update"},
+      {nullptr, UINT32_MAX, "raise k 4294967295e9 - raise k 1.8e19 repeat raise k 5 repeat"},
       {&oxEventConfig::state_enabled, 1800, "raise k 1 raise clear k 1 clear repeat y 1 repeat"},
       {&oxEventConfig::dedupe_enabled, 1800, "raise k 1 raise clear k 1 clear repeat y 1 repeat"},
       {&oxEventConfig::send_clear, 1800, "raise k 3 - clear k 3 - raise k 1 raise clear y 1 -"},

@@ -19,6 +19,7 @@ using std::string_literals::operator""s;
 using Event = oxEventNormalizedEvent;
 using Config = oxEventSinkConfig;
 
+static const int g_time_zone = setenv("TZ", "UTC-11:30", 1);
 static string g_posts;  // With line ends for 0xA7.
 static uint32_t g_ms, g_posts_to_refuse, g_responses;
 
@@ -65,11 +66,10 @@ struct Grouping : std::numpunct<char> {
   string do_grouping() const override { return "\1"; }
 };
 
-// What a new sink does with an event, on a host with a locale and a time zone of its own: its posts, "!" if it fails,
+// What a new sink does with an event, on a host with a locale of its own: its posts, "!" if it fails,
 // or the code and text with which there is no sink.
 string Do(decltype(kPost) create, const Config& config, const Event& event = FullEvent()) {
   const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
-  setenv("TZ", "UTC-11:30", 1);
   std::shared_ptr<oxEventSink> sink;
   string error = g_posts = "";
   uint64_t warnings = 7;
