@@ -105,11 +105,11 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
       {nullptr, 1800, "repeat y 9 - cleaR k 9 cleaR clear k 9 - raise j 2 raise raise j 3 - raise k 2 raise"},
       {nullptr, 1800, "raise none 1 raise raise s:t 1 - clear s:t 1 clear raises k 1 raises rais\xC5 k 1 rais\xC5"},
       {nullptr, 0, "raise k 1 repeat raise k 1 repeat update u 3 update update u 3 update"},
-      {nullptr, UINT32_MAX, "raise k 4294967295e9 - raise k 1.8e19 repeat raise k 5 repeat"},
       {&oxEventConfig::state_enabled, 1800, "raise k 1 raise clear k 1 clear repeat y 1 repeat"},
       {&oxEventConfig::dedupe_enabled, 1800, "raise k 1 raise clear k 1 clear repeat y 1 repeat"},
       {&oxEventConfig::send_clear, 1800, "raise k 3 - clear k 3 - raise k 1 raise clear y 1 -"},
-      {&oxEventConfig::route_orphan_clear, 1800, "clear y 1 clear clear y 1 clear repeat y 1 -"}};
+      {&oxEventConfig::route_orphan_clear, 1800, "clear y 1 clear clear y 1 clear repeat y 1 -"},
+      {nullptr, UINT32_MAX, "raise k 4294967295e9 - raise k 1.8e19 repeat raise k 5 repeat"}};
   oxEventState state;
   oxEventNormalizedEvent event, out;
   const auto outcome = [&] {
