@@ -1,28 +1,34 @@
 # How every target of this project is compiled and linked. GCC 12's -Wrestrict misjudges std::string's operator+.
 
-add_library(oxevent_options INTERFACE)
-target_compile_options(oxevent_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
-  -fstack-protector-strong -fstack-clash-protection -fcf-protection
-  $<$<AND:$<CONFIG:Release,RelWithDebInfo,MinSizeRel>,$<STREQUAL:${OXEVENT_SANITIZE},>>:-U_FORTIFY_SOURCE
-                                                                                        -D_FORTIFY_SOURCE=3>
-  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
-  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
-# The shadow stack is named here because the C library's start files, which leave it alone, do not say so. They have no
-# landing pads for indirect branches: ours are in place, the mark on the whole is the tool chain's to set.
-target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,shstk -Wl,--as-needed)
-
-if(OXEVENT_SANITIZE STREQUAL "address")
+if(OXEVENT_FUZZ AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  message(FATAL_ERROR "OXEVENT_FUZZ needs clang")
+elseif(OXEVENT_FUZZ)
+  set(sanitizers fuzzer-no-link,address,undefined)
+elseif(OXEVENT_SANITIZE STREQUAL "address")
   set(sanitizers address,undefined)
 elseif(OXEVENT_SANITIZE STREQUAL "thread")
   set(sanitizers thread)
 elseif(OXEVENT_SANITIZE)
   message(FATAL_ERROR "OXEVENT_SANITIZE must be empty, address or thread, not ${OXEVENT_SANITIZE}")
 endif()
-if(OXEVENT_SANITIZE)
+
+add_library(oxevent_options INTERFACE)
+target_compile_options(oxevent_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  -fstack-protector-strong -fstack-clash-protection -fcf-protection
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
+# The shadow stack is named here because the C library's start files, which leave it alone, do not say so. They have no
+# landing pads for indirect branches: ours are in place, the mark on the whole is the tool chain's to set.
+target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,shstk -Wl,--as-needed)
+
+if(sanitizers)
   target_compile_options(oxevent_options INTERFACE -fsanitize=${sanitizers} -fno-sanitize-recover=all
                                                    -fno-omit-frame-pointer -g -DOXEVENT_SANITIZED)
   target_link_options(oxevent_options INTERFACE -fsanitize=${sanitizers})
+else()
+  target_compile_options(oxevent_options INTERFACE
+    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3>)
 endif()
 
 # Code of a shared library. -fno-gnu-unique: a unique symbol would keep the library loaded after dlclose.

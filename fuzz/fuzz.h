@@ -1,0 +1,112 @@
+// What the fuzz targets share. Each compares the library with a model of its own, written apart from it.
+#pragma once
+
+#include <fuzzer/FuzzedDataProvider.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventSeverity.h"
+
+using Input = FuzzedDataProvider;
+using Event = oxEventNormalizedEvent;
+
+template <class A, class B>
+void CheckEqual(const char* file, int line, const char* what, const A& a, const B& b) {
+  if (a == b) return;
+  std::cerr << file << ':' << line << ": " << what << ":\n  " << a << "\n  " << b << std::endl;
+  abort();  // Which makes the input a finding.
+}
+#define CHECK_EQ(a, b) CheckEqual(__FILE__, __LINE__, #a " == " #b, a, b)
+#define CHECK(condition) CheckEqual(__FILE__, __LINE__, #condition, static_cast<bool>(condition), true)
+
+struct TextField {
+  const char* name;
+  size_t offset;  // In a record.
+  std::string oxEventFields<std::string>::*field;
+  const char* absent;
+};
+inline constexpr TextField kTexts[] = {{"event_type", 16, &Event::event_type, "event"},
+                                       {"source_id", 24, &Event::source_id, ""},
+                                       {"source_name", 32, &Event::source_name, "oxEvent"},
+                                       {"message", 40, &Event::message, nullptr},
+                                       {"action", 56, &Event::action, ""},
+                                       {"dedupe_key", 64, &Event::dedupe_key, ""},
+                                       {"correlation_id", 72, &Event::correlation_id, ""},
+                                       {"timecode", 104, &Event::timecode, ""},
+                                       {"units", 128, &Event::units, ""},
+                                       {"details_json", 144, &Event::details_json, "{}"}};
+
+// printf's notation.
+std::string Printed(const char* format, auto... values) {
+  char text[2048];
+  return {text, static_cast<size_t>(snprintf(text, sizeof text, format, values...))};
+}
+
+// An event's fields as texts, by their names in the outputs.
+inline std::map<std::string, std::string> FieldsOf(const Event& e, const char* double_format = "%.17g") {
+  std::map<std::string, std::string> fields;
+  for (const TextField& text : kTexts) fields[text.name] = e.*text.field;
+  fields["version"] = "65536";
+  fields["event_id"] = std::to_string(e.event_id);
+  fields["severity"] = oxEventSeverityName(e.severity);
+  fields["severity_value"] = fields["severity_code"] = std::to_string(e.severity);
+  fields["utc_ns"] = std::to_string(e.utc_ns);
+  fields["ptp_ns"] = std::to_string(e.ptp_ns);
+  fields["pts"] = std::to_string(e.pts);
+  fields["value"] = Printed(double_format, e.value);
+  fields["threshold"] = Printed(double_format, e.threshold);
+  fields["duration_ms"] = std::to_string(e.duration_ms);
+  return fields;
+}
+
+// Any bytes but NUL, now and then more than a limit of the outputs.
+inline std::string Text(Input& in) {
+  constexpr size_t kLong[] = {33, 65, 129, 257, 2049, 8193};
+  std::string text = in.ConsumeRandomLengthString(40);
+  std::erase(text, '\0');
+  const size_t length = in.ConsumeIntegral<uint8_t>() < 240 ? 0 : in.PickValueInArray(kLong);
+  for (const std::string once = text; !once.empty() && text.size() < length;) text += once;
+  return text;
+}
+
+inline double Number(Input& in) {
+  constexpr double kPlain[] = {-0.0, 1.5, 0.1, -1234567.0, 1e100, 100000.0, 999999.5, 5e-324, INFINITY, -INFINITY, NAN};
+  return in.ConsumeBool() ? in.PickValueInArray(kPlain) : in.ConsumeFloatingPoint<double>();
+}
+
+inline Event AnyEvent(Input& in) {
+  Event event;
+  event.event_id = in.ConsumeIntegral<uint64_t>();
+  event.severity = in.ConsumeIntegralInRange<uint32_t>(0, 3);
+  event.utc_ns = in.ConsumeIntegral<uint64_t>();
+  if (in.ConsumeBool()) event.utc_ns -= event.utc_ns % 1'000'000'000;
+  event.ptp_ns = in.ConsumeIntegral<uint64_t>();
+  event.pts = in.ConsumeIntegral<int64_t>();
+  event.value = Number(in);
+  event.threshold = Number(in);
+  event.duration_ms = in.ConsumeIntegral<uint64_t>();
+  for (const TextField& text : kTexts) event.*text.field = Text(in);
+  return event;
+}
+
+// A folder in memory, for the life of the process.
+struct Folder {
+  ~Folder() { std::filesystem::remove_all(path); }
+  const std::string path = mkdtemp(std::string("/dev/shm/oxevent_fuzz_XXXXXX").data());
+};
