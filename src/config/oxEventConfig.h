@@ -87,6 +87,8 @@ struct oxEventSinkConfig {
   bool verify_tls = true;
   uint32_t am_retry_count = 3;
   uint32_t retry_backoff_ms = 500;
+
+  bool operator==(const oxEventSinkConfig&) const = default;
 };
 
 struct oxEventConfig {
@@ -101,6 +103,8 @@ struct oxEventConfig {
   bool send_clear = true;
   bool route_orphan_clear = false;
   std::vector<oxEventSinkConfig> sinks;  // In load order.
+
+  bool operator==(const oxEventConfig&) const = default;
 };
 
 // What the native log layer takes.

@@ -1,0 +1,222 @@
+// Settings files of any bytes: what is refused stays as it was, what is accepted is completed once and keeps what it
+// holds.
+#include <optional>
+#include <pugixml.hpp>
+
+#include "config/oxEventConfigLoad.h"
+#include "fuzz.h"
+#include "oxutil.h"
+
+namespace {
+
+using pugi::xml_node;
+
+const Folder g_folder;
+const std::string g_path = g_folder.path + "/events.xml";
+
+std::string Bytes(const std::string& path) { return (std::stringstream() << std::ifstream(path).rdbuf()).str(); }
+
+void WriteFile(const std::string& bytes) { std::ofstream(g_path, std::ios::trunc) << bytes; }
+
+pugi::xml_document Parsed(const std::string& bytes) {
+  pugi::xml_document document;
+  document.load_buffer(bytes.data(), bytes.size(),
+                       (pugi::parse_full | pugi::parse_ws_pcdata | pugi::parse_fragment) &
+                           ~(pugi::parse_eol | pugi::parse_wconv_attribute),
+                       pugi::encoding_utf8);
+  return document;
+}
+
+xml_node Child(xml_node key, const char* kind, std::string_view name) {
+  return key.find_child([&](xml_node node) {
+    return node.name() == std::string_view(kind) && node.attribute("name").value() == name && node.attribute("name");
+  });
+}
+
+xml_node Key(xml_node key, std::string_view path) {
+  while (!path.empty()) {
+    const size_t size = std::min(path.find('\\'), path.size());
+    key = Child(key, "key", path.substr(0, size));
+    path.remove_prefix(std::min(size + 1, path.size()));
+  }
+  return key;
+}
+
+bool IsText(xml_node node) { return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata; }
+
+std::string TextOf(xml_node value) {
+  std::string text;
+  for (const xml_node child : value.children()) text += IsText(child) ? child.value() : "";
+  return text;
+}
+
+// Null: no number of 32 bits.
+std::optional<uint64_t> NumberOf(const std::string& text) {
+  if (text.empty() || text.find_first_not_of("0123456789") != text.npos) return std::nullopt;
+  const uint64_t number = strtoull(text.c_str(), nullptr, 10);  // The largest where it is larger still.
+  return number <= 0xFFFFFFFF ? std::optional(number) : std::nullopt;
+}
+
+// The names of a kind below a key that paths can hold, in order; of equal ones the first.
+std::vector<std::string> Names(xml_node key, const char* kind) {
+  std::vector<std::string> names;
+  for (const xml_node child : key.children(kind)) {
+    const std::string name = child.attribute("name").value();
+    const bool known = std::find(names.begin(), names.end(), name) != names.end();
+    if (!known && !name.empty() && name.size() < 512 && name.find('\\') == name.npos) names.push_back(name);
+  }
+  return names;
+}
+
+// A node without what is below it, nor blanks around a text.
+std::string Shallow(xml_node node) {
+  std::string text = node.value();
+  if (node.type() == pugi::node_pcdata) {
+    text.erase(text.find_last_not_of(" \t\r\n") + 1);
+    text.erase(0, text.find_first_not_of(" \t\r\n"));
+  }
+  if (node.type() == pugi::node_comment) std::erase(text, ' ');  // A save spaces out "--", which XML forbids there.
+  text.insert(0, std::to_string(node.type()) + node.name() + "|");
+  for (const pugi::xml_attribute attribute : node.attributes()) {
+    text.append("|").append(attribute.name()).append("|").append(attribute.value());
+  }
+  return text;
+}
+
+// Everything in `old` is in `now`, in this order, but for blanks and the texts of values.
+void CheckKept(xml_node old, xml_node now) {
+  const bool is_value = old.name() == std::string_view("value");
+  xml_node next = now.first_child();
+  for (const xml_node child : old.children()) {
+    const std::string wanted = Shallow(child);
+    if (IsText(child) && (is_value || wanted.ends_with('|'))) continue;
+    while (next && Shallow(next) != wanted) next = next.next_sibling();
+    CHECK(next);
+    CheckKept(child, next);
+    next = next.next_sibling();
+  }
+}
+
+constexpr const char* kSinkKeys[] = {
+    "sink\\csv",           "sink\\syslog\\udp", "sink\\native",      "sink\\cloudevents\\http",
+    "sink\\webhook\\http", "sink\\snmp\\trap",  "sink\\alertmanager"};
+
+// Values that were missing have their defaults, numbers that were none too; the others are as they were.
+void CheckValues(xml_node old, xml_node now, xml_node defaults) {
+  CHECK(now);
+  for (const xml_node value : defaults.children("value")) {
+    const char* const name = value.attribute("name").value();
+    const xml_node was = Child(old, "value", name);
+    const xml_node is = Child(now, "value", name);
+    CHECK(is);
+    const bool is_severity = name == std::string_view("minimum_severity");
+    const bool reset = !was || (!is_severity && TextOf(is) == TextOf(value) && !NumberOf(TextOf(was)));
+    CHECK_EQ(TextOf(is), TextOf(reset ? value : was));
+  }
+}
+
+void CheckCompleted(const std::string& before, const std::string& after, const oxEventConfig& config) {
+  static const pugi::xml_document documented = Parsed(Bytes(OXEVENT_DOCS "/default-settings.xml"));
+  const pugi::xml_document old = Parsed(before);
+  const pugi::xml_document now = Parsed(after);
+  CheckKept(old, now);
+  const auto events = [](const pugi::xml_document& document) { return Key(document.child("config"), "QVX\\Events"); };
+  for (const char* const key : {"core", "state"}) {
+    CheckValues(Key(events(old), key), Key(events(now), key), Key(events(documented), key));
+  }
+  auto sink = config.sinks.begin();
+  for (const char* const key : kSinkKeys) {
+    const xml_node defaults = Key(events(documented), key).child("key");
+    std::vector<std::string> names = Names(Key(events(old), key), "key");
+    if (names.empty()) names.emplace_back(defaults.attribute("name").value());
+    for (const std::string& name : names) {
+      CHECK(sink != config.sinks.end());
+      CHECK_EQ((sink++)->name, name);
+      CheckValues(Child(Key(events(old), key), "key", name), Child(Key(events(now), key), "key", name), defaults);
+    }
+  }
+  CHECK(sink == config.sinks.end());
+}
+
+// Finds what is there, as it is. Returns a key, if there is any.
+std::string Walk(void* store, xml_node key, const std::string& path) {
+  std::vector<std::string> seen[2];  // By kind.
+  std::string some_key = path;
+  char name[512] = "";
+  uint32_t kind = 2;
+  for (std::string previous; oxCFGGetNext(store, path.c_str(), name, previous.c_str(), &kind) == 0; previous = name) {
+    CHECK(kind <= 1 && seen[0].size() + seen[1].size() < 10000);
+    seen[kind].emplace_back(name);
+    if (kind == 0) {
+      const std::string sub_key = path.empty() ? name : path + "\\" + name;
+      CHECK(oxCFGKeyExists(store, sub_key.c_str()) != 0);
+      some_key = Walk(store, Child(key, "key", name), sub_key);
+      continue;
+    }
+    const std::string text = TextOf(Child(key, "value", name));
+    char buffer[100];
+    uint32_t length = sizeof buffer;
+    CHECK_EQ(oxCFGValueString(store, path.c_str(), name, buffer, &length, 0), 0u);
+    CHECK_EQ(std::string(buffer, length), text.substr(0, sizeof buffer - 1));
+    uint32_t number = 0;
+    CHECK_EQ(oxCFGValueDword(store, path.c_str(), name, &number, 0) == 0, NumberOf(text).has_value());
+    CHECK_EQ(number, NumberOf(text).value_or(0));
+  }
+  CHECK(seen[0] == Names(key, "key") && seen[1] == Names(key, "value"));
+  return some_key;
+}
+
+// The store by itself: a walk finds what is there, and a text that is set comes back from the file.
+void CheckStore(const std::string& bytes) {
+  WriteFile(bytes);
+  void* store = oxCFGOpen(g_path.c_str(), 0);
+  if (store == nullptr) return;
+  const std::string key = Walk(store, Parsed(bytes).child("config"), "") + "\\new";
+  std::string text = bytes.substr(0, bytes.size() % 300);
+  std::erase(text, '\0');
+  auto length = static_cast<uint32_t>(text.size());
+  if (oxCFGAddKeyString(store, key.c_str(), "", "", 0, 0) == 0) {
+    CHECK_EQ(oxCFGValueString(store, key.c_str(), "text", text.data(), &length, 1), 0u);
+    CHECK_EQ(oxCFGSave(store, 0, 1), 0u);
+    oxCFGClose(store, 1);
+    store = oxCFGOpen(g_path.c_str(), 0);
+    char buffer[512];
+    length = sizeof buffer;
+    CHECK_EQ(oxCFGValueString(store, key.c_str(), "text", buffer, &length, 0), 0u);
+    CHECK_EQ(std::string(buffer, length), text);
+  }
+  oxCFGClose(store, 1);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string bytes(reinterpret_cast<const char*>(data), size);
+  WriteFile(bytes);
+  oxEventConfig config;
+  std::string error;
+  const uint32_t result = oxEventConfigLoad(g_path.c_str(), &config, &error);
+  const std::string after = Bytes(g_path);
+  if (result != OXEVENT_OK) {
+    CHECK_EQ(result, OXEVENT_INVALID_ARGUMENT);
+    CHECK_EQ(after, bytes);
+    void* const store = oxCFGOpen(g_path.c_str(), 0);
+    oxCFGClose(store, 1);
+    const std::string start = error.substr(0, error.find("QVX\\Events\\"));
+    const bool is_setting = error == "queue_size must be greater than zero" ||
+                            start == "Invalid drop_policy value for " || start == "Invalid boolean value for " ||
+                            start == "Invalid minimum_severity value for ";
+    CHECK(store != nullptr ? is_setting : error == "Unable to open oxEvent config: " + g_path);
+  } else {
+    CHECK_EQ(error, "");
+    CHECK_EQ(config.config_path, g_path);
+    CheckCompleted(bytes, after, config);
+    oxEventConfig again;
+    CHECK_EQ(oxEventConfigLoad(g_path.c_str(), &again, nullptr), OXEVENT_OK);
+    CHECK(again == config);
+    CHECK_EQ(Bytes(g_path), after);
+  }
+  CheckStore(bytes);
+  CHECK_EQ(std::distance(std::filesystem::directory_iterator(g_folder.path), {}), 1);  // Nothing is left beside it.
+  return 0;
+}
