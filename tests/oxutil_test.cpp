@@ -48,7 +48,8 @@ TEST_F(oxCFG, RefusesWhatIsNoStoreAndLeavesIt) {
   for (int i = 0; i < 66000; ++i) dense += "<a/>x";
   for (const std::string& text : {"<config>"s, "<Config/>"s, "<config/><config/>"s, "<config/>x"s, "<!-- only -->"s,
                                   "<![CDATA[ ]]><config/>"s, "<config>\0</config>"s, "<config a=1/>"s, too_deep,
-                                  dense + "</config>", "<!DOCTYPE c [<!ENTITY e 'x'>]><config/>"s})
+                                  dense + "</config>", "<!DOCTYPE c [<!ENTITY e 'x'>]><config/>"s,
+                                  "\xEF\xBB\xBF\xEF\xBB\xBF<config/>"s})
     EXPECT_TRUE(Open(text) == nullptr && ReadFile(path_) == text) << text.substr(0, 60);
   Write("<config/>" + std::string(64 << 20, ' '));
   ASSERT_EQ(mkfifo((folder_ / "fifo").c_str(), 0600), 0);

@@ -201,6 +201,7 @@ std::optional<oxCFGStore::Entry> oxCFGStore::EntryOf(pugi::xml_node node) {
 
 bool oxCFGStore::Parse(std::string_view bytes) {
   if (bytes.find('\0') != std::string_view::npos || IsTooDense(bytes)) return false;
+  if (bytes.starts_with(kByteOrderMark)) return false;  // A second one, which the parser would drop.
   // Whatever encoding the file declares, its bytes are taken as they are.
   if (!document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8)) return false;
   for (const pugi::xml_node node : document_.children()) {
