@@ -46,10 +46,10 @@ TEST_F(oxCFG, RefusesWhatIsNoStoreAndLeavesIt) {
   std::string too_deep = "<config></config>", dense = "<config>";
   for (size_t end = 8; end < 8 + 64 * 3; end += 3) too_deep.insert(end, "<a></a>");
   for (int i = 0; i < 66000; ++i) dense += "<a/>x";
-  for (const std::string& text : {"<config>"s, "<Config/>"s, "<config/><config/>"s, "<config/>x"s, "<!-- only -->"s,
-                                  "<![CDATA[ ]]><config/>"s, "<config>\0</config>"s, "<config a=1/>"s, too_deep,
-                                  dense + "</config>", "<!DOCTYPE c [<!ENTITY e 'x'>]><config/>"s,
-                                  "\xEF\xBB\xBF\xEF\xBB\xBF<config/>"s})
+  for (const std::string& text :
+       {"<config>"s, "<Config/>"s, "<config/><config/>"s, "<config/>x"s, "<!-- only -->"s, "<![CDATA[ ]]><config/>"s,
+        "<config>\0</config>"s, "<config a=1/>"s, too_deep, dense + "</config>",
+        "<!DOCTYPE c [<!ENTITY e 'x'>]><config/>"s, "\xEF\xBB\xBF\xEF\xBB\xBF<config/>"s})
     EXPECT_TRUE(Open(text) == nullptr && ReadFile(path_) == text) << text.substr(0, 60);
   Write("<config/>" + std::string(64 << 20, ' '));
   ASSERT_EQ(mkfifo((folder_ / "fifo").c_str(), 0600), 0);
