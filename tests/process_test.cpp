@@ -92,6 +92,8 @@ void OnEvent(const oxEventRecord* event, void*) {
     if (g_where == 'c') ForkCase();
     if (g_where == 'M' && g_state != 'i') AWAIT(SubmitOne() != 0);  // So that the exit has events to discard.
   }
+  if (number > 2 && g_where == 'M' && g_state != 'i')
+    usleep(5000);  // While the exit, which has begun, gets to discarding.
   dprintf(g_calls, ".\n");
 }
 
