@@ -150,15 +150,6 @@ TEST_F(oxEventApi, TakesFromARecordWhatItsSizeCoversAndDrawsAnIdForEach) {
   EXPECT_EQ(seen, expected);
 }
 
-TEST_F(oxEventApi, FiltersBySeverity) {
-  Start({{"core\\minimum_severity", "1"}, {"sink\\csv\\default\\minimum_severity", "warn"}});
-  for (const uint32_t level : {0u, 1u, 2u, 3u}) EXPECT_EQ(Send(std::to_string(level), level), 0u);
-  WriteSettings(settings_, csv_, {{"core\\enabled", "off"}});
-  EXPECT_EQ(oxEventFlush(0) | oxEventReloadConfig("") | Send("m", 3) | oxEventShutdown(), 0u);
-  EXPECT_EQ(recorder_.messages, (Texts{"1", "2", "3"}));
-  EXPECT_EQ(ReadMessages(csv_), (Texts{"message", "2", "3"}));
-}
-
 TEST_F(oxEventApi, DropsByThePolicyWhenFullAndDeliversTheRestAtShutdown) {
   const std::tuple<std::string, std::string, std::string, Texts, Texts> cases[] = {
       {"newest", "5", "2", {"w1", "i1", "w2", "d1", "w3"}, {"gate", "w1", "i1"}},
@@ -182,26 +173,6 @@ TEST_F(oxEventApi, DropsByThePolicyWhenFullAndDeliversTheRestAtShutdown) {
     EXPECT_EQ(done.get(), kOk);
     EXPECT_EQ(recorder_.messages, arrived) << policy;
   }
-}
-
-TEST_F(oxEventApi, CallsEachRegistrationInOrder) {
-  static std::string log;
-  const auto called = [&] { return log.clear(), Got(Send("m") || oxEventFlush(0)) + log; };
-  const oxEventCallback mark = [](const oxEventRecord*, void* letter) {
-    log += *static_cast<char*>(letter);
-    if (log.back() == 'x') throw log;
-  };
-  std::string letters = "axbc";
-  std::vector<uint32_t> ids;
-  for (const size_t i : {0u, 1u, 2u, 0u, 3u}) oxEventRegisterCallback(mark, &letters[i], &ids.emplace_back());
-  Start();
-  EXPECT_EQ((Texts{called(), Got(oxEventUnregisterCallback(ids[0])), called()}), (Texts{"0 axbac", kOk, "0 xbac"}));
-  EXPECT_EQ((Texts{Got(oxEventUnregisterCallback(ids[0])), called()}), (Texts{kNoCallback, "0 xbac"}));
-  EXPECT_EQ((Texts{Got(oxEventReloadConfig(nullptr)), called()}), (Texts{kOk, "0 xbac"}));
-  EXPECT_EQ((Texts{Got(oxEventShutdown()), Got(oxEventUnregisterCallback(ids[2]))}), (Texts{kOk, kNoCallback}));
-  Start();
-  EXPECT_EQ(called(), kOk);
-  EXPECT_TRUE(ids[0] > 0 && ids[4] == ids[0] + 4 && id_ == ids[0] + 6);
 }
 
 TEST_F(oxEventApi, ReloadMovesTheCsvFile) {
