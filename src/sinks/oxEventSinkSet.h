@@ -20,8 +20,8 @@ uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 // `failed_sinks` and `warnings` receive counts and may be null.
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
-// Each sink gets the whole time. OXEVENT_FAILURE when one failed, or when one that a reload replaced could not write its
-// last rows; the others are flushed all the same.
+// Each sink gets the whole time. OXEVENT_FAILURE when one failed, or when one that a reload replaced could not write
+// its last rows; the others are flushed all the same.
 uint32_t oxEventSinkFlush(uint32_t timeout_ms);
 
 // Releases every sink and forgets the callbacks. Always 0.
