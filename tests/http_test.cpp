@@ -213,7 +213,7 @@ TEST(oxOSHTTPCommand, KeepsConnectionsForEveryThread) {
   const auto ask = [url = (v6 ? "http://[::1]" : kHost) + server.port] {
     for (int i = 0; i < 100; ++i) EXPECT_EQ(Ask(url), "+200 ok");
   };
-  for (int i = 0; i < 10; ++i) std::array{std::jthread(ask), std::jthread(ask), std::jthread(ask)};
+  for (int i = 0; i < 10; ++i) std::jthread{ask}, std::jthread{ask}, ask();
   EXPECT_TRUE(server.Stop().size() == 3000 && server.polls.size() <= 1 + 3);
 }
 
@@ -238,9 +238,8 @@ TEST(oxOSHTTPCommand, LeavesTheParentsConnectionsToTheParent) {
 }
 
 TEST(oxOSHTTPCommand, TalksOnlyToTheServerThatTheCertificateNames) {
-  Server good("k4", g_tls), broken("R0", g_tls);
+  Server good("k4", g_tls);
   EXPECT_EQ(Ask("https://a.test" + good.port), "+200 ok");
-  EXPECT_EQ(Ask("https://a.test" + broken.port, kLong, "", string(8 << 20, 'b') + "}"), "-0 ");
   for (SSL_CTX* const bad : g_bad) {
     Server server("k4", bad);
     const string url = "https://a.test" + server.port;
