@@ -73,7 +73,7 @@ struct StaticHost {  // Reports before main and behind it.
     return (code | oxEventShutdown()) == 0 && ReadMessages(folder.path + "/csv") == Texts{"message", "m"};
   }
   ~StaticHost() { Works() ? void() : _exit(99); }
-  const HostFolder folder;
+  const HostFolder folder{};
   const bool worked = Works();
 } g_static_host;
 
