@@ -135,19 +135,22 @@ bool oxEventState::DecideUpdateLocked(ActiveTable::iterator active, const oxEven
   return true;
 }
 
-// `active` is the entry of key_, or the end: then one is made. signature_ is the event's.
+// `active` is the entry of key_, or the end: then one is made. signature_ is the event's. Without memory nothing
+// changes: an entry without its signature would be a condition that nobody was told of.
 void oxEventState::StoreActive(ActiveTable::iterator active, const oxEventNormalizedEvent& event) {
-  if (active == active_.end()) {
-    if (spare_.empty()) {
-      active = active_.try_emplace(key_).first;
-    } else {
-      spare_.back().key() = key_;
-      active = active_.insert(std::move(spare_.back())).position;
-      spare_.pop_back();
-    }
+  if (active != active_.end()) {
+    active->second.signature = signature_;
+    active->second.last_sent_ns = event.utc_ns;
+  } else if (spare_.empty()) {
+    active_.try_emplace(key_, ActiveEvent{signature_, event.utc_ns});
+  } else {
+    auto& spare = spare_.back();
+    spare.key() = key_;
+    spare.mapped().signature = signature_;
+    spare.mapped().last_sent_ns = event.utc_ns;
+    active_.insert(std::move(spare));
+    spare_.pop_back();
   }
-  active->second.signature = signature_;
-  active->second.last_sent_ns = event.utc_ns;
 }
 
 void oxEventState::RemoveLocked(ActiveTable::iterator active) {

@@ -63,8 +63,7 @@ struct SinkSet {
   oxEventMutex mutex;
   SharedList active OX_GUARDED_BY(mutex);                        // Null: empty.
   std::weak_ptr<const SinkList> delivered OX_GUARDED_BY(mutex);  // The list of the last event.
-  std::atomic<bool> told = false;                                // A flush has said that an active sink fails.
-  std::atomic<bool> rows_missing = false;  // Of replaced sinks, of which none has said so. For the next flush to tell.
+  std::atomic<bool> rows_missing = false;                        // Of replaced sinks. For the next flush to tell.
   oxEventMutex error_mutex;
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
   oxEventCallbackSink callbacks;
@@ -145,8 +144,7 @@ uint32_t Replace(const oxEventConfig& config, const char* default_error) {
     replaced.swap(g_sinks->active);
     ClearSinkError();
   }
-  const bool told = g_sinks->told.exchange(false);
-  if (!WriteOut(replaced, kReloadPatienceMs) && !told) g_sinks->rows_missing = true;
+  if (!WriteOut(replaced, kReloadPatienceMs)) g_sinks->rows_missing = true;
   return OXEVENT_OK;
 }
 
@@ -175,7 +173,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   if (warnings != nullptr) *warnings = 0;
   SharedList replaced;
   SharedList sinks = SinksForDelivery(&replaced);
-  WriteOut(replaced, 0);
+  if (!WriteOut(replaced, 0)) g_sinks->rows_missing = true;
   replaced.reset();
   if (sinks == nullptr) return OXEVENT_OK;
 
@@ -197,7 +195,6 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
 uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
   const SharedList sinks = ActiveSinks();
   const bool flushed = sinks == nullptr || FlushAll(*sinks, timeout_ms);
-  if (!flushed) g_sinks->told = true;
   if (g_sinks->rows_missing.exchange(false) || !flushed) {
     constexpr const char* kText = "oxEvent sink flush failed";
     SetSinkError(kText);
