@@ -143,12 +143,13 @@ void RunCase() {
   ox = new Library;
   CHECK(Start());
   if (g_state == 's') CHECK(read(peer.fd, Text(0).data(), 9999) > 0);  // The header.
+  // Before any callback forks: a child that exits needs the C library's lock of these.
+  atexit([] { ++g_open; });
+  fputc(' ', fopencookie(nullptr, "w", {nullptr, AfterDestructors, nullptr, nullptr}));
   Submit(2);
   AWAIT(IsHeld() ? poll(&peer, 1, 0) == 1 : g_delivered == g_submitted);
   if (IsHeld()) std::thread(LetGo, peer.fd).detach();
   if (g_state != 'i') Submit(98);
-  atexit([] { ++g_open; });
-  fputc(' ', fopencookie(nullptr, "w", {nullptr, AfterDestructors, nullptr, nullptr}));
   if (g_where == 'M' || g_where == 'W') return g_case.run();
   if (g_where == 'm') ForkCase();
   ++g_open;
