@@ -21,7 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr long kMaxWaitMs = 1000;
-constexpr int kTcpCloseWait = 8;  // The kernel's number; no header has it beside tcpi_bytes_received.
+constexpr int kTcpEstablished = 1;  // The kernel's number; no header has it beside tcpi_bytes_received.
 
 // Rounded up: a wait of 0 until the deadline would be a busy one.
 long MsUntil(Clock::time_point time) {
@@ -66,12 +66,12 @@ size_t OnText(char* bytes, size_t size, size_t count, void* answer_of) {
   return answer->cut ? CURL_WRITEFUNC_ERROR : kept;
 }
 
-// Without the FIN, which counts as a byte.
+// Without the FIN, which counts as a byte. After a reset nothing tells whether there was one: then too.
 uint64_t BytesReceived(curl_socket_t fd) {
   tcp_info info = {};
   socklen_t size = sizeof(info);
   if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return 0;
-  return info.tcpi_bytes_received - (info.tcpi_state == kTcpCloseWait ? 1 : 0);
+  return info.tcpi_bytes_received - (info.tcpi_state == kTcpEstablished ? 0 : 1);
 }
 
 template <class T>
