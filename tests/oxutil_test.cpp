@@ -84,26 +84,6 @@ TEST_F(oxCFG, CarriesAnyTextThroughTheFile) {
   EXPECT_TRUE(Set(store, "", "v", "") && Save(store) && ReadFile(path_).starts_with("\xEF\xBB\xBF<?xml"));
 }
 
-TEST_F(oxCFG, WalksEachReachableNameOnceInFileOrder) {
-  const std::string longest(511, 'n');
-  const Store store = Open(
-      "<config><key name='x'/><a name='no'/><value name='x'>1</value><key/><key name=''/><key name='b\\c'/><!-- c -->"
-      "<value name='x'>2</value><p><key name='in'/></p><key name='x'><key name='lost'/></key><key name='" +
-      longest + "'/><key name='n" + longest + "'/><value name='last'><value name='in'/></value></config>");
-  const auto walk = [&store](const std::string& key, std::string previous, std::string names = "") {
-    uint32_t kind = 0;
-    char name[512];
-    while (names.size() < 999 && oxCFGGetNext(store.get(), key.c_str(), name, previous.c_str(), &kind) == 0) {
-      previous = name;
-      names += previous + std::to_string(kind) + " ";
-    }
-    return names;
-  };
-  EXPECT_EQ(walk("", ""), "x0 x1 " + longest + "0 last1 ");
-  EXPECT_EQ(walk("", "x") + walk("", "absent") + walk("", "last") + walk("x", ""), longest + "0 last1 ");
-  EXPECT_TRUE(Get(store, "", "x") == "1" && oxCFGKeyExists(store.get(), "x\\lost") == 0);
-}
-
 // Nor is the new file readable to more people while it is written. Calls that a signal interrupts are made again.
 TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndMode) {
   fs::create_symlink(std::string(255, 't'), path_);  // The longest name.

@@ -19,7 +19,7 @@ struct Case {
   void (*run)();      // Null: the child of the callback returns from it.
   int status;         // The exit status, or minus the signal: of the process or, where in lower case, of the child.
   int expect;         // Flags from above.
-  const char* where;  // Of `run`: Main thread (W: every row is flushed), Callback of event 2; lower case: its child.
+  const char* where;  // Of `run`: Main thread, Callback of event 2; lower case: its child.
   // Idle; or, until g_open, event 2 of 100 in the callback: Busy, or with a Full queue of 4; or event 1 in a sink: an
   // Http request without an answer, a Stuck write to a pipe.
   const char* states;
@@ -134,7 +134,7 @@ void RunCase() {
   const std::string number = std::to_string(OpenPeer(&peer.fd));
   WriteSettings("settings.xml", "events.csv",
                 {{"core\\queue_size", g_state == 'f' ? "4" : "1024"},
-                 {"sink\\csv\\default\\flush_each_event", g_case.expect & kAbrupt || g_where == 'W' ? "1" : "0"},
+                 {"sink\\csv\\default\\flush_each_event", g_case.expect & kAbrupt ? "1" : "0"},
                  {"sink\\csv\\pipe\\enabled", g_state == 's' ? "1" : "0"},
                  {"sink\\csv\\pipe\\flush_each_event", "1"},
                  {"sink\\csv\\pipe\\path", "/proc/self/fd/" + number},
@@ -150,7 +150,7 @@ void RunCase() {
   AWAIT(IsHeld() ? poll(&peer, 1, 0) == 1 : g_delivered == g_submitted);
   if (IsHeld()) std::thread(LetGo, peer.fd).detach();
   if (g_state != 'i') Submit(98);
-  if (g_where == 'M' || g_where == 'W') return g_case.run();
+  if (g_where == 'M') return g_case.run();
   if (g_where == 'm') ForkCase();
   ++g_open;
   if (g_where != 'C') return Stop();
@@ -225,11 +225,6 @@ void LimitFileSize() {
   CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
 }
 
-void FailToWrite() {
-  Submit(1);
-  CHECK(Fails(ox->Flush(0), "oxEvent core flush timed out") && Fails(ox->Shutdown(), "oxEvent sink flush failed"));
-}
-
 void LoseRowsInAReload() {
   Submit(1);
   AWAIT(g_delivered == g_submitted);
@@ -261,7 +256,6 @@ constexpr Case kCases[] = {
     {"fork_and_unload", Unload, 0, 0, "mc", "ibfhs"},
     {"fork_and_return_from_callback", nullptr, 0, kThreads, "c", "ibf"},
     {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAny, "M", "i"},
-    {"file_size", [] { LimitFileSize(), FailToWrite(); }, 0, kAny | kLost, "MW", "i"},
     {"file_size_at_reload", [] { LimitFileSize(), LoseRowsInAReload(); }, 0, kAny | kLost, "M", "i"},
     {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
 #ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
