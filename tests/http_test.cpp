@@ -242,8 +242,8 @@ TEST(oxOSHTTPCommand, LeavesTheParentsConnectionsToTheParent) {
 }
 
 TEST(oxOSHTTPCommand, TalksOnlyToTheServerThatTheCertificateNames) {
-  Server good("k4", g_tls);
-  EXPECT_EQ(Ask("https://a.test" + good.port), "+200 ok");
+  Server good("k4~c0~k4", g_tls);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Ask("HTTPS://a.test" + good.port), "+200 ok");  // The second is asked again.
   for (SSL_CTX* const bad : g_bad) {
     Server server("k4", bad);
     const string url = "https://a.test" + server.port;

@@ -229,6 +229,8 @@ void LoseRowsInAReload() {
   Submit(1);
   AWAIT(g_delivered == g_submitted);
   CHECK(ox->ReloadConfig("own.xml") == 0 && Fails(ox->Flush(0), "oxEvent core flush timed out") && ox->Flush(0) == 0);
+  Submit(1);
+  CHECK(Fails(ox->Flush(0), "oxEvent core flush timed out") && ox->ReloadConfig("") == 0 && ox->Flush(0) == 0);
 }
 
 [[maybe_unused]] void CloseOnExec() {

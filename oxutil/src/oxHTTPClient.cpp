@@ -117,11 +117,12 @@ oxHTTPClient::~oxHTTPClient() {
 }
 
 // libcurl asks for addresses only where no kept connection serves. Its own lookup of a name could not be left behind at
-// the deadline: the exchange is given up, and begun again with the addresses.
+// the deadline: the exchange is given up, and begun again with the addresses; not where libcurl would repeat a request
+// that the server has had.
 int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
   auto* client = static_cast<oxHTTPClient*>(self);
-  client->lookup_wanted_ = !IsAddress(client->host_);
-  return client->lookup_wanted_ ? 1 : 0;
+  client->lookup_wanted_ = !client->answer_begun_ && !IsAddress(client->host_);
+  return client->lookup_wanted_ || client->answer_begun_ ? 1 : 0;
 }
 
 // libcurl repeats a request when a kept connection closes before a whole line of the answer. Part of a line tells that
@@ -135,7 +136,7 @@ int oxHTTPClient::OnCloseSocket(void* self, curl_socket_t fd) {
   auto* client = static_cast<oxHTTPClient*>(self);
   if (const auto kept = client->kept_sockets_.find(fd); kept != client->kept_sockets_.end()) {
     // Of TLS the bytes tell nothing: a farewell is some too.
-    client->answer_begun_ |= BytesReceived(fd) > kept->second && !client->origin_.starts_with("https");
+    client->answer_begun_ |= BytesReceived(fd) > kept->second && !client->https_;
     client->kept_sockets_.erase(kept);
   }
   return close(fd);
@@ -156,6 +157,7 @@ bool oxHTTPClient::IsFresh() const {
 
 bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   if (!SetTarget(request.url)) return false;
+  https_ = request.https;
   Prepare(request, answer);
   CURLcode result = Exchange(request);
   if (lookup_wanted_) {

@@ -76,6 +76,7 @@ class oxHTTPClient {
   std::string origin_;
   std::string host_;
   std::string port_;
+  bool https_ = false;
   bool lookup_wanted_ = false;
   bool answer_begun_ = false;                       // On a kept connection that then closed.
   std::map<curl_socket_t, uint64_t> kept_sockets_;  // Bytes received by the end of the last exchange.

@@ -27,9 +27,9 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
   void Lock() OX_THREAD(acquire_capability()) { mutex_.lock(); }
   bool TryLock() OX_THREAD(try_acquire_capability(true)) { return mutex_.try_lock(); }
   bool TryLockFor(uint32_t timeout_ms) OX_THREAD(try_acquire_capability(true)) {
-    uint32_t left_ms = timeout_ms;
-    for (; !mutex_.try_lock(); --left_ms) {
-      if (left_ms == 0) return false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!mutex_.try_lock()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;

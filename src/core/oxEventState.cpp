@@ -10,8 +10,6 @@ enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 
 namespace {
 
-constexpr size_t kMaxSpare = 256;  // Entries, about half a kilobyte each.
-
 template <class... Format>
 void AppendNumberLine(std::string* out, Format... value_and_format) {
   char digits[32];
@@ -43,7 +41,7 @@ void oxEventState::Configure(const oxEventConfig& config) {
 void oxEventState::Reset() {
   oxEventLock lock(mutex_);
   ActiveTable().swap(active_);
-  spare_.clear();
+  while (spare_count_ > 0) spare_[--spare_count_] = {};
 }
 
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
@@ -141,27 +139,26 @@ void oxEventState::StoreActive(ActiveTable::iterator active, const oxEventNormal
   if (active != active_.end()) {
     active->second.signature = signature_;
     active->second.last_sent_ns = event.utc_ns;
-  } else if (spare_.empty()) {
+  } else if (spare_count_ == 0) {
     active_.try_emplace(key_, ActiveEvent{signature_, event.utc_ns});
   } else {
-    auto& spare = spare_.back();
+    auto& spare = spare_[spare_count_ - 1];
     spare.key() = key_;
     spare.mapped().signature = signature_;
     spare.mapped().last_sent_ns = event.utc_ns;
     active_.insert(std::move(spare));
-    spare_.pop_back();
+    --spare_count_;
   }
 }
 
 void oxEventState::RemoveLocked(ActiveTable::iterator active) {
-  if (spare_.size() >= kMaxSpare) {
+  if (spare_count_ == spare_.size()) {
     active_.erase(active);
     return;
   }
-  if (spare_.capacity() == 0) spare_.reserve(kMaxSpare);
   auto node = active_.extract(active);
   oxEventReleaseLongText(&node.key());
   oxEventReleaseLongText(&node.mapped().signature);
   node.mapped().last_sent_ns = 0;
-  spare_.push_back(std::move(node));
+  spare_[spare_count_++] = std::move(node);
 }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
@@ -64,7 +64,9 @@ class oxEventState {
   bool route_orphan_clear_ OX_GUARDED_BY(mutex_) = false;
   uint64_t repeat_interval_ns_ OX_GUARDED_BY(mutex_) = 1'800'000'000'000;
   ActiveTable active_ OX_GUARDED_BY(mutex_);
-  std::vector<ActiveTable::node_type> spare_ OX_GUARDED_BY(mutex_);  // Of cleared conditions, for the next raised.
-  std::string key_ OX_GUARDED_BY(mutex_);                            // Both reused for each event.
+  // Of cleared conditions, for the next raised: about half a kilobyte each. A clear needs no memory for its place here.
+  std::array<ActiveTable::node_type, 256> spare_ OX_GUARDED_BY(mutex_);
+  size_t spare_count_ OX_GUARDED_BY(mutex_) = 0;
+  std::string key_ OX_GUARDED_BY(mutex_);  // Both reused for each event.
   std::string signature_ OX_GUARDED_BY(mutex_);
 };

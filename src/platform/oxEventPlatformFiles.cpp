@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <string_view>
 
 #include "base/oxEventErrorText.h"
@@ -15,7 +17,7 @@ namespace {
 constexpr mode_t kDirectoryMode = 0775;
 constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes that oxOSMakeDir is given, the terminating zero included.
 constexpr mode_t kFileMode = 0666;           // Less the umask.
-constexpr int kPipePatienceMs = 1000;
+constexpr auto kPipePatience = std::chrono::seconds(1);
 constexpr char kSeparators[] = "/\\";
 
 bool IsDriveRoot(std::string_view path) { return path.size() == 3 && path[1] == ':'; }
@@ -56,9 +58,15 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
   return false;
 }
 
+// Signals of the host's do not cut the wait short.
 bool HasRoomSoon(int fd) {
+  const auto deadline = std::chrono::steady_clock::now() + kPipePatience;
   pollfd room = {fd, POLLOUT, 0};
-  return poll(&room, 1, kPipePatienceMs) > 0;
+  while (true) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const int ready = poll(&room, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+    if (ready >= 0 || errno != EINTR) return ready > 0;
+  }
 }
 
 }  // namespace

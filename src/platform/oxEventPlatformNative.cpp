@@ -3,10 +3,12 @@
 
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <iterator>
 #include <memory>
 #include <new>
 #include <string_view>
+#include <thread>
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
@@ -52,6 +54,7 @@ int Level(uint32_t severity) {
 struct SystemLog {
   oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The one that holds `mutex` over its fork.
+  std::atomic<int> forks_waiting = 0;         // For `mutex`. A busy worker leaves it to them between two lines.
   std::atomic<bool> writing = false;          // A line goes out, under its sink's identity. Changed with `mutex` held.
   // False in the child of a fork that found a line half written: the C library's log is locked there for good.
   bool usable = true;  // Guarded by `mutex`.
@@ -130,6 +133,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   }
   if (warning_text != nullptr) warning_text->clear();
   FormatNativeMessage(event, handle->ident, &handle->line);
+  while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
   if (!g_system_log->usable) return OXEVENT_FAILURE;
   // Opened anew each time: the host, or a native sink that a reload replaced, may have opened or closed the log since.
@@ -155,7 +159,9 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
 
 // The lock goes from this function to the next.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
+  ++g_system_log->forks_waiting;
   if (g_system_log->mutex.TryLockFor(kPatienceMs)) g_system_log->forking_thread = pthread_self();
+  --g_system_log->forks_waiting;
 }
 
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeAfterForkInParent() {

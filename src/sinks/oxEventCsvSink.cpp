@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventSeverity.h"
@@ -56,18 +58,21 @@ class oxEventCsvSink : public oxEventSink {
   }
 
   // The time-out is for a write of the worker's that waits, for the reader of a pipe say; the own write takes its time.
-  uint32_t Flush(uint32_t timeout_ms) override OX_EXCLUDES(mutex_) {
+  uint32_t Flush(uint32_t timeout_ms) override { return WriteOut(timeout_ms, true); }
+  uint32_t WriteOut(uint32_t timeout_ms) override { return WriteOut(timeout_ms, false); }
+
+ private:
+  uint32_t WriteOut(uint32_t timeout_ms, bool tell_again) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
     } else if (!mutex_.TryLockFor(timeout_ms)) {
       return OXEVENT_FAILURE;
     }
     oxEventLock lock(mutex_, std::adopt_lock);
-    if (WriteBufferLocked()) return OXEVENT_OK;
+    if (WriteBufferLocked() || (std::exchange(told_, true) && !tell_again)) return OXEVENT_OK;
     return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV file: ", path_);
   }
 
- private:
   uint32_t FailLocked(uint32_t result, std::string_view text, std::string_view path = "") OX_REQUIRES(mutex_) {
     oxEventSetErrorText({text, path}, &last_error_);
     return result;
@@ -126,6 +131,7 @@ class oxEventCsvSink : public oxEventSink {
   oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
   std::string buffer_ OX_GUARDED_BY(mutex_);  // Whole rows that are not in the file yet.
   bool failed_ OX_GUARDED_BY(mutex_) = false;
+  bool told_ OX_GUARDED_BY(mutex_) = false;  // Of that, by a call whose failure the host learns of.
   std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 

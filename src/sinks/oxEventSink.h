@@ -21,6 +21,9 @@ class oxEventSink {
 
   // Writes out what is buffered.
   virtual uint32_t Flush(uint32_t /*timeout_ms*/) { return OXEVENT_OK; }
+
+  // The same for a sink that is no longer active. A failure that it has told of before is none.
+  virtual uint32_t WriteOut(uint32_t /*timeout_ms*/) { return OXEVENT_OK; }
 };
 
 // A factory makes a sink of its kind: 0 with the sink in *out, or a code with the reason in *error (may be null).

@@ -63,6 +63,7 @@ struct SinkSet {
   oxEventMutex mutex;
   SharedList active OX_GUARDED_BY(mutex);                        // Null: empty.
   std::weak_ptr<const SinkList> delivered OX_GUARDED_BY(mutex);  // The list of the last event.
+  std::atomic<unsigned> replacements = 0;                        // Of `active`. Changed with `mutex` held.
   std::atomic<bool> rows_missing = false;                        // Of replaced sinks. For the next flush to tell.
   oxEventMutex error_mutex;
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
@@ -87,11 +88,6 @@ void ClearSinkError() {
   g_sinks->last_error.reset();
 }
 
-SharedList ActiveSinks() {
-  oxEventLock lock(g_sinks->mutex);
-  return g_sinks->active;
-}
-
 // A sink that throws has failed. An unwinding thread cannot be held up.
 template <class Call>
 bool Succeeds(Call call) {
@@ -104,16 +100,18 @@ bool Succeeds(Call call) {
   }
 }
 
-bool FlushAll(const SinkList& sinks, uint32_t timeout_ms) {
+// Flushes each, or writes it out.
+bool All(const SharedList& sinks, uint32_t (oxEventSink::*flush)(uint32_t), uint32_t timeout_ms) {
   bool flushed = true;
-  for (const auto& sink : sinks) flushed &= Succeeds([&] { return sink->Flush(timeout_ms); });
+  if (sinks == nullptr) return flushed;
+  for (const auto& sink : *sinks) flushed &= Succeeds([&] { return ((*sink).*flush)(timeout_ms); });
   return flushed;
 }
 
 // Writes out the rows of a list that is no longer active: a delivery that still holds the list must not be what they
 // wait for. A sink that is busy for all of the time (0: without limit) does so when its last owner lets go of it.
-bool WriteOut(const SharedList& replaced, uint32_t timeout_ms) {
-  return replaced == nullptr || FlushAll(*replaced, timeout_ms);
+void WriteOut(const SharedList& replaced, uint32_t timeout_ms) {
+  if (!All(replaced, &oxEventSink::WriteOut, timeout_ms)) g_sinks->rows_missing = true;
 }
 
 uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::string* error) {
@@ -142,16 +140,18 @@ uint32_t Replace(const oxEventConfig& config, const char* default_error) {
   {
     oxEventLock lock(g_sinks->mutex);
     replaced.swap(g_sinks->active);
+    ++g_sinks->replacements;
     ClearSinkError();
   }
-  if (!WriteOut(replaced, kReloadPatienceMs)) g_sinks->rows_missing = true;
+  WriteOut(replaced, kReloadPatienceMs);
   return OXEVENT_OK;
 }
 
 // The sinks for the next event. Where a reload has replaced those of the last event and has not yet written out their
 // rows, *replaced gets them: their rows belong before the next event's in a file that both write to.
-SharedList SinksForDelivery(SharedList* replaced) {
+SharedList SinksForDelivery(SharedList* replaced, unsigned* replacements) {
   oxEventLock lock(g_sinks->mutex);
+  *replacements = g_sinks->replacements;
   SharedList last = g_sinks->delivered.lock();
   if (last != g_sinks->active) {
     *replaced = std::move(last);
@@ -172,8 +172,9 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   if (failed_sinks != nullptr) *failed_sinks = 0;
   if (warnings != nullptr) *warnings = 0;
   SharedList replaced;
-  SharedList sinks = SinksForDelivery(&replaced);
-  if (!WriteOut(replaced, 0)) g_sinks->rows_missing = true;
+  unsigned replacements = 0;
+  SharedList sinks = SinksForDelivery(&replaced, &replacements);
+  WriteOut(replaced, 0);
   replaced.reset();
   if (sinks == nullptr) return OXEVENT_OK;
 
@@ -188,13 +189,24 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
     result = OXEVENT_FAILURE;
   }
   // In the child of a fork in a callback the sinks are the parent's: never released, so that nothing is written twice.
-  if (g_oxEventForkCount != forks) new (std::nothrow) SharedList(std::move(sinks));
+  if (g_oxEventForkCount != forks) {
+    new (std::nothrow) SharedList(std::move(sinks));
+  } else if (g_sinks->replacements != replacements) {
+    WriteOut(sinks, 0);  // Whoever replaced them may have done so before this event's rows came.
+  }
   return result;
 }
 
 uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
-  const SharedList sinks = ActiveSinks();
-  const bool flushed = sinks == nullptr || FlushAll(*sinks, timeout_ms);
+  SharedList sinks;
+  SharedList last;
+  {
+    oxEventLock lock(g_sinks->mutex);
+    sinks = g_sinks->active;
+    last = g_sinks->delivered.lock();
+  }
+  if (last != sinks) WriteOut(last, timeout_ms);  // A reload is about to, and may take its time.
+  const bool flushed = All(sinks, &oxEventSink::Flush, timeout_ms);
   if (g_sinks->rows_missing.exchange(false) || !flushed) {
     constexpr const char* kText = "oxEvent sink flush failed";
     SetSinkError(kText);
@@ -215,7 +227,7 @@ uint32_t oxEventSinkShutdown() {
     g_sinks->rows_missing = false;
     ClearSinkError();
   }
-  WriteOut(released, 0);
+  All(released, &oxEventSink::WriteOut, 0);  // Who shuts down has flushed before, and told.
   return OXEVENT_OK;
 }
 
