@@ -26,7 +26,8 @@ size_t Scale() {
 double Seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 struct Held {  // By the process; the memory in bytes, and nothing under a sanitizer.
-  size_t descriptors = Entries("/proc/self/fd"), threads = Entries("/proc/self/task"), memory = mallinfo2().uordblks;
+  size_t descriptors = Entries("/proc/self/fd"), threads = Entries("/proc/self/task");
+  size_t memory = mallinfo2().uordblks + mallinfo2().hblkhd;
 };
 
 struct oxEventLoad : testing::TestWithParam<char> {
