@@ -100,8 +100,8 @@ bool Succeeds(Call call) {
   }
 }
 
-// Flushes each, or writes it out.
-bool All(const SharedList& sinks, uint32_t (oxEventSink::*flush)(uint32_t), uint32_t timeout_ms) {
+// By which of the two: &oxEventSink::Flush, &oxEventSink::WriteOut.
+bool FlushAll(const SharedList& sinks, uint32_t (oxEventSink::*flush)(uint32_t), uint32_t timeout_ms) {
   bool flushed = true;
   if (sinks == nullptr) return flushed;
   for (const auto& sink : *sinks) flushed &= Succeeds([&] { return ((*sink).*flush)(timeout_ms); });
@@ -111,7 +111,7 @@ bool All(const SharedList& sinks, uint32_t (oxEventSink::*flush)(uint32_t), uint
 // Writes out the rows of a list that is no longer active: a delivery that still holds the list must not be what they
 // wait for. A sink that is busy for all of the time (0: without limit) does so when its last owner lets go of it.
 void WriteOut(const SharedList& replaced, uint32_t timeout_ms) {
-  if (!All(replaced, &oxEventSink::WriteOut, timeout_ms)) g_sinks->rows_missing = true;
+  if (!FlushAll(replaced, &oxEventSink::WriteOut, timeout_ms)) g_sinks->rows_missing = true;
 }
 
 uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::string* error) {
@@ -206,7 +206,7 @@ uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
     last = g_sinks->delivered.lock();
   }
   if (last != sinks) WriteOut(last, timeout_ms);  // A reload is about to, and may take its time.
-  const bool flushed = All(sinks, &oxEventSink::Flush, timeout_ms);
+  const bool flushed = FlushAll(sinks, &oxEventSink::Flush, timeout_ms);
   if (g_sinks->rows_missing.exchange(false) || !flushed) {
     constexpr const char* kText = "oxEvent sink flush failed";
     SetSinkError(kText);
@@ -227,7 +227,7 @@ uint32_t oxEventSinkShutdown() {
     g_sinks->rows_missing = false;
     ClearSinkError();
   }
-  All(released, &oxEventSink::WriteOut, 0);  // Who shuts down has flushed before, and told.
+  FlushAll(released, &oxEventSink::WriteOut, 0);  // Who shuts down has flushed before, and told.
   return OXEVENT_OK;
 }
 
