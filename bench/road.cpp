@@ -1,0 +1,276 @@
+#include "road.h"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <barrier>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "allocations.h"
+#include "event.h"
+
+namespace {
+
+constexpr uint64_t kNsPerSecond = 1'000'000'000;
+constexpr uint64_t kNsPerMs = 1'000'000;
+constexpr uint32_t kStorm = 1000;  // Events.
+
+enum class Pace { kStorms, kSpinning, kSleeping, kBackToBack };
+
+struct Load {
+  const char* name;
+  Pace pace;
+  uint32_t threads;
+  uint32_t events;
+  uint64_t interval_ns;  // Between storms, or between events.
+  uint32_t queue_size;
+};
+
+constexpr Load kLoads[] = {
+    {"storm_1", Pace::kStorms, 1, 40 * kStorm, 10 * kNsPerMs, 1024},
+    {"storm_2", Pace::kStorms, 2, 40 * kStorm, 10 * kNsPerMs, 1024},
+    {"storm_8", Pace::kStorms, 8, 40 * kStorm, 10 * kNsPerMs, 1024},
+    {"paced_20000", Pace::kSpinning, 1, 20'000, kNsPerSecond / 20'000, 1024},
+    {"paced_1000", Pace::kSleeping, 1, 1500, kNsPerSecond / 1000, 1024},
+    {"idle", Pace::kSleeping, 1, 60, 20 * kNsPerMs, 1024},
+    {"million", Pace::kBackToBack, 1, 1'000'000, 0, 1 << 20},
+    {"million_1024", Pace::kBackToBack, 1, 1'000'000, 0, 1024},
+};
+
+uint64_t Now(clockid_t clock = CLOCK_MONOTONIC) {
+  timespec time;
+  clock_gettime(clock, &time);
+  return static_cast<uint64_t>(time.tv_sec) * kNsPerSecond + static_cast<uint64_t>(time.tv_nsec);
+}
+
+void SleepUntil(uint64_t time_ns) {
+  const timespec time = {static_cast<time_t>(time_ns / kNsPerSecond), static_cast<long>(time_ns % kNsPerSecond)};
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr) != 0) {
+  }
+}
+
+// The thread that delivers, as it was when it last did.
+struct Worker {
+  std::atomic<pid_t> tid = 0;
+  clockid_t cpu_clock = 0;
+  std::atomic<size_t> allocations = 0;
+  std::atomic<uint64_t> delivered = 0;
+
+  uint64_t CpuNs() const { return tid == 0 ? 0 : Now(cpu_clock); }
+
+  // How often it has gone to sleep, and so been woken.
+  uint64_t Sleeps() const {
+    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+    constexpr std::string_view kLabel = "voluntary_ctxt_switches:";
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with(kLabel)) return std::strtoull(line.c_str() + kLabel.size(), nullptr, 10);
+    }
+    return 0;
+  }
+};
+Worker g_worker;
+
+// By event id. The warm-up's events count from 0, those measured from g_first_id.
+std::vector<uint64_t> g_submitted_ns;
+std::vector<uint64_t> g_took_ns;
+std::vector<uint64_t> g_delivered_ns;  // 0: lost.
+uint64_t g_first_id = 0;
+
+void SubmitOne(oxEventRecord* record, uint64_t id) {
+  record->event_id = g_first_id + id;
+  record->pts = static_cast<int64_t>(id) * 3600;  // An update, and no duplicate of the one before.
+  record->value = 60 + static_cast<double>(id % 100) / 10;
+  const uint64_t start = Now();
+  g_submitted_ns[id] = start;
+  PeerSubmit(*record);
+  g_took_ns[id] = Now() - start;
+}
+
+size_t Storms(const Load& load, uint32_t events) {
+  const uint32_t each = kStorm / load.threads;
+  std::barrier start(load.threads + 1);
+  std::barrier end(load.threads + 1);
+  std::atomic<size_t> allocations = 0;
+  const auto body = [&](uint32_t thread) {
+    oxEventRecord record = OrdinaryRecord();
+    for (uint32_t storm = 0; storm < events / kStorm; ++storm) {
+      start.arrive_and_wait();
+      const size_t before = t_allocations;
+      for (uint32_t i = 0; i < each; ++i) SubmitOne(&record, storm * kStorm + thread * each + i);
+      allocations += t_allocations - before;
+      end.arrive_and_wait();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (uint32_t i = 0; i < load.threads; ++i) threads.emplace_back(body, i);
+  for (uint32_t storm = 0; storm < events / kStorm; ++storm) {
+    SleepUntil(Now() + load.interval_ns);
+    start.arrive_and_wait();
+    end.arrive_and_wait();
+    PeerDrain();
+  }
+  for (std::thread& thread : threads) thread.join();
+  return allocations;
+}
+
+size_t OneThread(const Load& load, uint32_t events) {
+  oxEventRecord record = OrdinaryRecord();
+  const size_t before = t_allocations;
+  const uint64_t start = Now();
+  for (uint32_t i = 0; i < events; ++i) {
+    const uint64_t due = start + i * load.interval_ns;
+    if (load.pace == Pace::kSleeping) SleepUntil(due);
+    while (load.pace == Pace::kSpinning && Now() < due) {
+    }
+    SubmitOne(&record, i);
+  }
+  const size_t allocations = t_allocations - before;
+  PeerDrain();
+  return allocations;
+}
+
+// Returns the callers' allocations.
+size_t Run(const Load& load, uint32_t events) {
+  return load.pace == Pace::kStorms ? Storms(load, events) : OneThread(load, events);
+}
+
+uint64_t ResidentKib() {
+  std::ifstream statm("/proc/self/statm");
+  uint64_t size = 0;
+  uint64_t resident = 0;
+  statm >> size >> resident;
+  return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+uint64_t PeakResidentKib() {
+  rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<uint64_t>(usage.ru_maxrss);
+}
+
+uint64_t Percentile(const std::vector<uint64_t>& sorted, double part) {
+  return sorted[std::min(sorted.size() - 1, static_cast<size_t>(part * static_cast<double>(sorted.size())))];
+}
+
+void PrintSubmitTimes() {
+  uint64_t sum = 0;
+  for (const uint64_t took : g_took_ns) sum += took;
+  const double mean = static_cast<double>(sum) / static_cast<double>(g_took_ns.size());
+  std::sort(g_took_ns.begin(), g_took_ns.end());
+  printf(R"("submit_ns":{"p50":%lu,"p99":%lu,"p999":%lu,"mean":%.1f},)", Percentile(g_took_ns, 0.5),
+         Percentile(g_took_ns, 0.99), Percentile(g_took_ns, 0.999), mean);
+}
+
+// Returns the number of events lost.
+size_t PrintDelays() {
+  std::vector<uint64_t> delays;
+  for (size_t i = 0; i < g_delivered_ns.size(); ++i) {
+    if (g_delivered_ns[i] != 0) delays.push_back(g_delivered_ns[i] - g_submitted_ns[i]);
+  }
+  std::sort(delays.begin(), delays.end());
+  const size_t lost = g_delivered_ns.size() - delays.size();
+  if (delays.empty()) {
+    fprintf(stderr, "%s has delivered nothing\n", kPeer);
+    exit(1);
+  }
+  printf(R"("delay_ns":{"p50":%lu,"p99":%lu},)", Percentile(delays, 0.5), Percentile(delays, 0.99));
+  return lost;
+}
+
+int Measure(const Load& load, const std::string& folder) {
+  g_submitted_ns.assign(load.events, 1);
+  g_took_ns.assign(load.events, 1);
+  g_delivered_ns.assign(load.events, 1);
+  const uint64_t resident_before = ResidentKib();
+  PeerStart(folder, load.queue_size);
+  // Warms up with what the load will need at most: a storm, or all of a load that fills a large queue.
+  g_first_id = 0;
+  Run(load, load.pace == Pace::kStorms ? 5 * kStorm : load.queue_size > kStorm * 2 ? load.events : load.events / 10);
+
+  std::fill(g_delivered_ns.begin(), g_delivered_ns.end(), 0);
+  g_worker.delivered = 0;
+  g_first_id = load.events;
+  const size_t allocations_before = g_worker.allocations;
+  const uint64_t cpu_before = g_worker.CpuNs();
+  const uint64_t sleeps_before = g_worker.Sleeps();
+  const auto caller_allocations = static_cast<double>(Run(load, load.events));
+  SleepUntil(Now() + 5 * kNsPerMs);  // Until the worker has come to rest.
+  const auto worker_allocations = static_cast<double>(g_worker.allocations - allocations_before);
+  const auto worker_cpu = static_cast<double>(g_worker.CpuNs() - cpu_before);
+  const auto sleeps = static_cast<double>(g_worker.Sleeps() - sleeps_before);
+  const uint64_t memory = PeakResidentKib() - resident_before;
+
+  const auto events = static_cast<double>(load.events);
+  printf(R"({"peer":"%s","load":"%s","threads":%u,"events":%u,)", kPeer, load.name, load.threads, load.events);
+  size_t lost = 0;
+  if (kHasWorker) {
+    lost = PrintDelays();
+    const auto delivered = static_cast<double>(load.events - lost);
+    const uint64_t end = *std::max_element(g_delivered_ns.begin(), g_delivered_ns.end());
+    const double seconds = static_cast<double>(end - g_submitted_ns[0]) / kNsPerSecond;
+    printf(R"("lost":%zu,"events_per_s":%.0f,)", lost, delivered / seconds);
+    printf(R"("worker_allocations":%.6g,"worker_cpu_ns":%.1f,"worker_wakeups":%.6g,)", worker_allocations / delivered,
+           worker_cpu / delivered, sleeps / delivered);
+    if (std::string_view(load.name) == "idle") {
+      const uint64_t quiet_cpu = g_worker.CpuNs();
+      const uint64_t quiet_sleeps = g_worker.Sleeps();
+      SleepUntil(Now() + kNsPerSecond);
+      printf(R"("quiet_cpu_ns":%lu,"quiet_wakeups":%lu,)", g_worker.CpuNs() - quiet_cpu,
+             g_worker.Sleeps() - quiet_sleeps);
+    }
+  } else {
+    const uint64_t last = *std::max_element(g_submitted_ns.begin(), g_submitted_ns.end());
+    const double seconds = static_cast<double>(last - g_submitted_ns[0]) / kNsPerSecond;
+    printf(R"("delay_ns":null,"lost":0,"events_per_s":%.0f,)", events / seconds);
+    printf(R"("worker_allocations":null,"worker_cpu_ns":null,"worker_wakeups":null,)");
+  }
+  PrintSubmitTimes();
+  printf(R"("caller_allocations":%.6g,"memory_kib":%lu})"
+         "\n",
+         caller_allocations / events, memory);
+  PeerStop();
+  return 0;
+}
+
+}  // namespace
+
+void Delivered(uint64_t event_id) {
+  if (g_worker.tid == 0) {
+    pthread_getcpuclockid(pthread_self(), &g_worker.cpu_clock);
+    g_worker.tid = gettid();
+  }
+  g_worker.allocations.store(t_allocations, std::memory_order_relaxed);
+  const uint64_t index = event_id - g_first_id;
+  if (index < g_delivered_ns.size()) g_delivered_ns[index] = Now();
+}
+
+int main(int argc, char** argv) {
+  const Load* load = std::find_if(std::begin(kLoads), std::end(kLoads),
+                                  [&](const Load& one) { return argc == 2 && std::string_view(argv[1]) == one.name; });
+  if (load == std::end(kLoads)) {
+    fprintf(stderr, "usage: %s LOAD, one of:", argv[0]);
+    for (const Load& one : kLoads) fprintf(stderr, " %s", one.name);
+    fprintf(stderr, "\n");
+    return 2;
+  }
+  const char* const parent = getenv("TMPDIR");
+  std::string folder = std::string(parent == nullptr ? "/tmp" : parent) + "/oxevent_bench_XXXXXX";
+  if (mkdtemp(folder.data()) == nullptr) {
+    perror(folder.c_str());
+    return 1;
+  }
+  const int result = Measure(*load, folder);
+  std::filesystem::remove_all(folder);
+  return result;
+}

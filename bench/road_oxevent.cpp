@@ -1,0 +1,44 @@
+// This library: a CSV file and a callback, with the state on.
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+#include "road.h"
+
+const char* const kPeer = "oxevent";
+const bool kHasWorker = true;
+
+namespace {
+
+void Check(uint32_t result, const char* what) {
+  if (result == OXEVENT_OK) return;
+  char error[256];
+  oxEventGetLastError(error, sizeof(error));
+  fprintf(stderr, "%s: 0x%x %s\n", what, result, error);
+  exit(1);
+}
+
+}  // namespace
+
+void PeerStart(const std::string& folder, uint32_t queue_size) {
+  const std::string settings = folder + "/settings.xml";
+  std::ofstream(settings) << R"(<config><key name="QVX"><key name="Events">
+    <key name="core"><value name="queue_size">)"
+                          << queue_size << R"(</value></key>
+    <key name="sink">
+      <key name="csv"><key name="default"><value name="enabled">1</value>
+        <value name="path">)"
+                          << folder << R"(/events.csv</value></key></key>
+      <key name="native"><key name="main"><value name="enabled">0</value></key></key>
+    </key></key></key></config>)";
+  Check(oxEventInitialize(settings.c_str()), "oxEventInitialize");
+  uint32_t id = 0;
+  const auto callback = [](const oxEventRecord* event, void*) { Delivered(event->event_id); };
+  Check(oxEventRegisterCallback(callback, nullptr, &id), "oxEventRegisterCallback");
+}
+
+void PeerSubmit(const oxEventRecord& record) { Check(oxEventSubmit(&record), "oxEventSubmit"); }
+
+void PeerDrain() { Check(oxEventFlush(0), "oxEventFlush"); }
+
+void PeerStop() { Check(oxEventShutdown(), "oxEventShutdown"); }
