@@ -18,7 +18,7 @@ TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
   for (const char last_call : {'c', 'D', 'R'}) {
     oxEventQueue queue;
     queue.Start(1, oxEventDropPolicy::kDropNewest);
-    EXPECT_TRUE(Enqueue(&queue) && (last_call == 'D' || queue.WaitPop(nullptr)));
+    EXPECT_TRUE(Enqueue(&queue) && (last_call == 'D' || queue.WaitPop() != nullptr));
     std::atomic<bool> drained = false;
     std::jthread flusher([&] { EXPECT_TRUE(!queue.Flush(last_call == 'c' ? 0xFFFFFFFF : 0) && drained); });
     queue.RequestStop();  // Wakes it for nothing.

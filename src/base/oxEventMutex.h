@@ -24,7 +24,15 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
   oxEventMutex(const oxEventMutex&) = delete;
   oxEventMutex& operator=(const oxEventMutex&) = delete;
 
-  void Lock() OX_THREAD(acquire_capability()) { mutex_.lock(); }
+  // Most are held for nanoseconds: to look again for a moment costs less than to go to sleep.
+  void Lock() OX_THREAD(acquire_capability()) {
+    constexpr int kLooks = 50;
+    for (int i = 0; i < kLooks; ++i) {
+      if (mutex_.try_lock()) return;
+      __builtin_ia32_pause();
+    }
+    mutex_.lock();
+  }
   bool TryLock() OX_THREAD(try_acquire_capability(true)) { return mutex_.try_lock(); }
   bool TryLockFor(uint32_t timeout_ms) OX_THREAD(try_acquire_capability(true)) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);

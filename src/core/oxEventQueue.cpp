@@ -8,6 +8,7 @@
 namespace {
 
 constexpr uint32_t kTrimAtOnce = 64;  // Events.
+constexpr auto kNap = std::chrono::milliseconds(1);
 
 void Set(bool* flag, bool value) {
   if (flag != nullptr) *flag = value;
@@ -60,50 +61,53 @@ uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* d
   if (item.empty()) item.emplace_back();
   item.front().event.Assign(event);
 
-  oxEventLock lock(mutex_);
-  const bool accepting = IsAcceptingLocked();
-  const bool full = PendingLocked() >= capacity_;
-  Set(dropped, accepting && full);
-  if (!accepting || !HasRoomLocked()) {
-    RecycleLocked(item, item.begin());
-    return accepting ? OXEVENT_OK : OXEVENT_NOT_INITIALIZED;
+  bool wake = false;
+  {
+    oxEventLock lock(mutex_);
+    const bool accepting = IsAcceptingLocked();
+    const bool full = PendingLocked() >= capacity_;
+    Set(dropped, accepting && full);
+    if (!accepting || !HasRoomLocked()) {
+      RecycleLocked(item, item.begin());
+      return accepting ? OXEVENT_OK : OXEVENT_NOT_INITIALIZED;
+    }
+    if (full) RecycleLocked(debug_info_, debug_info_.begin());
+    item.front().order = next_order_++;
+    Items& pending = IsDebugOrInfo(event.severity) ? debug_info_ : warning_error_;
+    pending.splice(pending.end(), item);
+    const bool fills = PendingLocked() >= capacity_ / 2;
+    wake = (rest_ == Rest::kSleep || fills) && EndRestLocked();
   }
-  if (full) RecycleLocked(debug_info_, debug_info_.begin());
-  item.front().order = next_order_++;
-  Items& pending = IsDebugOrInfo(event.severity) ? debug_info_ : warning_error_;
-  pending.splice(pending.end(), item);
   Set(accepted, true);
-  if (worker_waits_) {
-    worker_waits_ = false;
-    not_empty_.NotifyOne();
-  }
+  if (wake) not_empty_.NotifyOne();  // With the lock released, or the worker would wake up to wait for it.
   return OXEVENT_OK;
 }
 
-bool oxEventQueue::WaitPop(oxEventNormalizedEvent* out) {
+oxEventNormalizedEvent* oxEventQueue::WaitPop() {
   oxEventLock lock(mutex_);
   while (PendingLocked() == 0) {
-    if (stop_requested_) return false;
-    worker_waits_ = true;
-    not_empty_.Wait(mutex_);
+    if (stop_requested_) return nullptr;
+    RestLocked();
   }
-  worker_waits_ = false;
+  nap_first_ = true;
   Items& oldest = OldestLocked();
-  if (out != nullptr) std::swap(*out, oldest.front().event);
-  RecycleLocked(oldest, oldest.begin());
+  active_.splice(active_.end(), oldest, oldest.begin());
   ++active_count_;
-  return true;
+  return &active_.back().event;
 }
 
 void oxEventQueue::CompleteActiveEvent() {
+  if (!active_.empty()) active_.front().event.ReleaseLongTexts();
   oxEventLock lock(mutex_);
   if (active_count_ > 0) --active_count_;
+  if (!active_.empty()) RecycleLocked(active_, active_.begin());
   SignalIfDrainedLocked();
 }
 
 uint32_t oxEventQueue::Flush(uint32_t timeout_ms) {
   oxEventLock lock(mutex_);
   if (IsDrainedLocked()) return OXEVENT_OK;
+  if (EndRestLocked()) not_empty_.NotifyOne();
   // Until the count moves: by the time that this thread runs again, more events may be pending.
   const uint64_t before = drained_count_;
   if (timeout_ms == 0) {
@@ -156,6 +160,21 @@ void oxEventQueue::Reset() {
 bool oxEventQueue::HasRoomLocked() const {
   return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.empty());
 }
+
+// Until an event or a stop may be there. What is pending already is the caller's to see.
+void oxEventQueue::RestLocked() {
+  rest_ = nap_first_ ? Rest::kNap : Rest::kSleep;
+  nap_first_ = false;
+  if (rest_ == Rest::kNap) {
+    not_empty_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kNap);
+  } else {
+    not_empty_.Wait(mutex_);
+  }
+  rest_ = Rest::kNone;
+}
+
+// Whether there is a rest to end: the worker is to be notified, by this caller alone.
+bool oxEventQueue::EndRestLocked() { return std::exchange(rest_, Rest::kNone) != Rest::kNone; }
 
 bool oxEventQueue::DropDebugInfoFirstLocked(Items* garbage) {
   if (debug_info_.empty()) return false;

@@ -28,9 +28,9 @@ class oxEventQueue {
   // queue does not accept. Throws when there is no memory; then nothing has changed.
   uint32_t Enqueue(const oxEventView& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
 
-  // Waits for an event and takes the oldest. False: stop requested, and nothing is left. *out (may be null) gets it,
-  // and the queue gets the memory of what *out held.
-  bool WaitPop(oxEventNormalizedEvent* out) OX_EXCLUDES(mutex_);
+  // Waits for an event and takes the oldest: the caller's, to change as well, until CompleteActiveEvent. Null: stop
+  // requested, and nothing is left. How it waits: Rest, below.
+  oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
   // What WaitPop gave is delivered.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
@@ -53,10 +53,17 @@ class oxEventQueue {
   };
   using Items = std::list<Item>;
 
+  // Waking a sleeping thread costs a submitter twenty times what queueing an event does. So after an event the worker
+  // first naps: events that come meanwhile wait for its end, and wake nobody, unless the queue fills. After a nap that
+  // brought nothing it sleeps.
+  enum class Rest { kNone, kNap, kSleep };
+
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
   bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return PendingLocked() == 0 && active_count_ == 0; }
   size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.size() + warning_error_.size(); }
   bool HasRoomLocked() const OX_REQUIRES(mutex_);
+  void RestLocked() OX_REQUIRES(mutex_);
+  bool EndRestLocked() OX_REQUIRES(mutex_);
   bool DropDebugInfoFirstLocked(Items* garbage) OX_REQUIRES(mutex_);
   void DropNewestLocked(Items* garbage) OX_REQUIRES(mutex_);
   uint32_t TrimLocked(Items* garbage) OX_REQUIRES(mutex_);
@@ -73,6 +80,7 @@ class oxEventQueue {
   Items debug_info_ OX_GUARDED_BY(mutex_);
   Items warning_error_ OX_GUARDED_BY(mutex_);
   Items free_ OX_GUARDED_BY(mutex_);  // Kept for the next events.
+  Items active_;                      // The worker's alone.
   uint64_t next_order_ OX_GUARDED_BY(mutex_) = 0;
   uint32_t capacity_ OX_GUARDED_BY(mutex_) = 1;
   oxEventDropPolicy policy_ OX_GUARDED_BY(mutex_) = oxEventDropPolicy::kDropNewest;
@@ -80,5 +88,6 @@ class oxEventQueue {
   uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // How often a change left nothing pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
-  bool worker_waits_ OX_GUARDED_BY(mutex_) = false;  // Else nobody needs to be woken for an event.
+  Rest rest_ OX_GUARDED_BY(mutex_) = Rest::kNone;  // The worker's.
+  bool nap_first_ OX_GUARDED_BY(mutex_) = false;   // The last rest brought an event.
 };

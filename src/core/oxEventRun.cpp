@@ -43,24 +43,19 @@ void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
   const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
   const unsigned forks = g_oxEventForkCount;
-  // Both reused: in steady state an event costs no allocation.
-  oxEventNormalizedEvent event;
-  oxEventNormalizedEvent out;
-  while (queue.WaitPop(&event)) {
-    Deliver(event, &out);
+  while (oxEventNormalizedEvent* event = queue.WaitPop()) {
+    Deliver(event);
     if (g_oxEventForkCount != forks) return;  // The child of a fork in a callback: it has no worker.
-    event.ReleaseLongTexts();
-    out.ReleaseLongTexts();
   }
   ended_ = true;
 }
 
-void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out) {
+void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   const ActiveEvent active(queue);
   bool emit = true;
   uint32_t status = OXEVENT_FAILURE;
   try {
-    status = state.Evaluate(event, out, &emit);
+    status = state.Evaluate(*event, event, &emit);
   } catch (...) {
     // No memory: counted as a failed evaluation.
     emit = true;
@@ -76,7 +71,7 @@ void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event, oxEventNor
   uint64_t failed_sinks = 0;
   uint64_t warnings = 0;
   try {
-    oxEventSinkSubmit(*out, &failed_sinks, &warnings);
+    oxEventSinkSubmit(*event, &failed_sinks, &warnings);
   } catch (const abi::__forced_unwind&) {
     ++emitted;
     throw;

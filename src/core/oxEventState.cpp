@@ -1,23 +1,21 @@
 #include "core/oxEventState.h"
 
-#include <charconv>
-#include <iterator>
 #include <utility>
 
 #include "base/oxEventAscii.h"
+#include "base/oxEventNumber.h"
 
 enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 
 namespace {
 
-template <class... Format>
-void AppendNumberLine(std::string* out, Format... value_and_format) {
-  char digits[32];
-  out->append(digits, std::to_chars(digits, std::end(digits), value_and_format...).ptr);
+void AppendLine(std::string* out, std::string_view text) { out->append(text).push_back('\n'); }
+
+template <class... NumberAndDigits>
+void AppendNumberLine(std::string* out, NumberAndDigits... number_and_digits) {
+  oxEventAppendNumber(number_and_digits..., out);
   out->push_back('\n');
 }
-
-void AppendLine(std::string* out, std::string_view text) { out->append(text).push_back('\n'); }
 
 bool EqualsLower(std::string_view text, std::string_view lower) {
   if (text.size() != lower.size()) return false;
@@ -46,7 +44,7 @@ void oxEventState::Reset() {
 
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
   if (out == nullptr || route == nullptr) return OXEVENT_INVALID_ARGUMENT;
-  out->Assign(oxEventView::Of(event));
+  if (out != &event) out->Assign(oxEventView::Of(event));
   *route = true;
   oxEventLock lock(mutex_);
   if (!state_enabled_ || !dedupe_enabled_) return OXEVENT_OK;
@@ -67,7 +65,6 @@ void oxEventState::BuildKey(const oxEventNormalizedEvent& event, std::string* ke
 }
 
 void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::string* signature) {
-  constexpr auto kGeneral = std::chars_format::general;
   constexpr int kDigits = 6;
   signature->clear();
   AppendLine(signature, event.event_type);
@@ -81,8 +78,8 @@ void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::stri
   AppendLine(signature, event.correlation_id);
   AppendNumberLine(signature, event.pts);
   AppendLine(signature, event.timecode);
-  AppendNumberLine(signature, event.value, kGeneral, kDigits);
-  AppendNumberLine(signature, event.threshold, kGeneral, kDigits);
+  AppendNumberLine(signature, event.value, kDigits);
+  AppendNumberLine(signature, event.threshold, kDigits);
   AppendLine(signature, event.units);
   AppendNumberLine(signature, event.duration_ms);
   AppendLine(signature, event.details_json);
@@ -115,21 +112,20 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
   if (action == Action::kUpdate) return DecideUpdateLocked(active, event, out);
   if (!raised && action == Action::kRepeat) return false;
   if (raised && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) return false;
-  if (raised && action == Action::kRaise) out->action = "repeat";
   BuildSignature(event, &signature_);
   StoreActive(active, event);
+  if (raised && action == Action::kRaise) out->action = "repeat";
   return true;
 }
 
 bool oxEventState::DecideUpdateLocked(ActiveTable::iterator active, const oxEventNormalizedEvent& event,
                                       oxEventNormalizedEvent* out) {
   BuildSignature(event, &signature_);
-  if (active == active_.end()) {
-    out->action = "raise";
-  } else if (active->second.signature == signature_ && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) {
-    return false;
-  }
+  const bool raised = active != active_.end();
+  const bool same = raised && active->second.signature == signature_;
+  if (same && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) return false;
   StoreActive(active, event);
+  if (!raised) out->action = "raise";
   return true;
 }
 
