@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/oxEventAscii.h"
+#include "base/oxEventNumber.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -98,7 +99,7 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
     out->append(" on ");
     JsonEscape(event.source_name, out);
   });
-  AddString("ox_event_id", &annotations, out, [&] { oxEventText::ToString(event.event_id, out); });
+  AddString("ox_event_id", &annotations, out, [&] { oxEventAppendNumber(event.event_id, out); });
   AddString("ox_dedupe_key", &annotations, out, [&] {
     if (!event.dedupe_key.empty()) return JsonEscape(event.dedupe_key, out);
     JsonEscape(event.event_type, out);
@@ -110,7 +111,7 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
   annotations.AddStringField("ox_units", event.units);
   const auto add_number = [&](std::string_view name, double value) {
     AddString(name, &annotations, out, [&] {
-      if (std::isfinite(value)) oxEventText::ToString(value, kShortDigits, out);
+      if (std::isfinite(value)) oxEventAppendNumber(value, kShortDigits, out);
     });
   };
   add_number("ox_value", event.value);

@@ -8,6 +8,7 @@
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventNumber.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventPlatform.h"
@@ -110,7 +111,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
                          OX_REQUIRES(mutex_) { SnmpBer::AppendStringVarBind(*object++, text, max_length, &message_); };
     const auto add_number = [&](uint64_t value) OX_REQUIRES(mutex_) {
       decimal_.clear();
-      oxEventText::ToString(value, &decimal_);
+      oxEventAppendNumber(value, &decimal_);
       add(decimal_, 32);
     };
     add(oxEventSeverityName(event.severity), 32);

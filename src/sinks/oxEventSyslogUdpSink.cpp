@@ -10,6 +10,7 @@
 #include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventNumber.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "platform/oxEventUdpSender.h"
@@ -54,11 +55,9 @@ void Token(std::string_view text, size_t max_length, std::string* line) {
 
 // A PARAM-VALUE. What lies beyond the longest line is not even looked at.
 void StructuredDataValue(std::string_view text, std::string* line) {
-  for (const char c : text) {
-    if (line->size() >= kMaxLine) return;
-    if (c == '"' || c == '\\' || c == ']') line->push_back('\\');
-    line->push_back(c);
-  }
+  const auto is_special = [](auto c) { return (c == '"') | (c == '\\') | (c == ']'); };
+  text = text.substr(0, kMaxLine - std::min(line->size(), kMaxLine));
+  oxEventText::AppendEscaped(text, is_special, line, [line](char c) { line->append(1, '\\').append(1, c); });
 }
 
 void OpenParameter(std::string_view name, std::string* line) { line->append(1, ' ').append(name).append("=\""); }
@@ -69,10 +68,10 @@ void AddText(std::string_view name, std::string_view text, std::string* line) {
   line->push_back('"');
 }
 
-template <class... Format>
-void AddNumber(std::string_view name, std::string* line, Format... value_and_format) {
+template <class... NumberAndDigits>
+void AddNumber(std::string_view name, std::string* line, NumberAndDigits... value_and_digits) {
   OpenParameter(name, line);
-  oxEventText::ToString(value_and_format..., line);
+  oxEventAppendNumber(value_and_digits..., line);
   line->push_back('"');
 }
 
@@ -148,7 +147,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
 
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     line_.assign(1, '<');
-    oxEventText::ToString(uint64_t{facility_code_ * 8 + SyslogSeverity(event.severity)}, &line_);
+    oxEventAppendNumber(uint64_t{facility_code_ * 8 + SyslogSeverity(event.severity)}, &line_);
     line_.append(">1 ");
     oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_);
     line_.append(origin_);

@@ -1,11 +1,11 @@
 #include "sinks/oxEventText.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <iterator>
 
+#include "base/oxEventNumber.h"
 #include "base/oxEventSeverity.h"
 
 namespace oxEventText {
@@ -15,13 +15,7 @@ namespace {
 constexpr uint64_t kNsPerSecond = 1'000'000'000;
 constexpr int kRoundTripDigits = 17;  // Of a double, whatever its value.
 
-template <class... Format>
-void AppendNumber(std::string* out, Format... value_and_format) {
-  char digits[32];
-  out->append(digits, std::to_chars(digits, std::end(digits), value_and_format...).ptr);
-}
-
-// The character after the backslash; 'u' for those that are spelled in hexadecimal; 0: the byte stands for itself.
+// The character after the backslash; 'u' for those that are spelled in hexadecimal.
 constexpr char EscapeOf(unsigned char byte) {
   switch (byte) {
     case '"':
@@ -38,47 +32,48 @@ constexpr char EscapeOf(unsigned char byte) {
     case '\r':
       return 'r';
     default:
-      return byte < 0x20 ? 'u' : '\0';
+      return 'u';
   }
 }
 
-void AppendPadded(uint64_t value, int width, char separator, std::string* out) {
-  char digits[20];
-  for (int i = width; i-- > 0; value /= 10) digits[i] = static_cast<char>('0' + value % 10);
-  out->append(digits, static_cast<size_t>(width)).push_back(separator);
+// Returns the end.
+char* WritePadded(uint64_t value, int width, char separator, char* at) {
+  for (int i = width; i-- > 0; value /= 10) at[i] = static_cast<char>('0' + value % 10);
+  at[width] = separator;
+  return at + width + 1;
 }
 
-// 2023-11-14T22:13:20 and a separator.
+// 2023-11-14T22:13:20 and a separator. A thread's events mostly lie in the second of the one before.
 void AppendUtcSeconds(uint64_t ns, char separator, std::string* out) {
-  const std::chrono::sys_seconds time{std::chrono::seconds{ns / kNsPerSecond}};
-  const auto midnight = std::chrono::floor<std::chrono::days>(time);
-  const std::chrono::year_month_day date{midnight};
-  const std::chrono::hh_mm_ss clock{time - midnight};
-  AppendPadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', out);
-  AppendPadded(static_cast<unsigned>(date.month()), 2, '-', out);
-  AppendPadded(static_cast<unsigned>(date.day()), 2, 'T', out);
-  AppendPadded(static_cast<uint64_t>(clock.hours().count()), 2, ':', out);
-  AppendPadded(static_cast<uint64_t>(clock.minutes().count()), 2, ':', out);
-  AppendPadded(static_cast<uint64_t>(clock.seconds().count()), 2, separator, out);
+  thread_local uint64_t t_second = UINT64_MAX;  // Of t_text.
+  thread_local char t_text[20];
+  if (const uint64_t second = ns / kNsPerSecond; second != t_second) {
+    const std::chrono::sys_seconds time{std::chrono::seconds{second}};
+    const auto midnight = std::chrono::floor<std::chrono::days>(time);
+    const std::chrono::year_month_day date{midnight};
+    const std::chrono::hh_mm_ss clock{time - midnight};
+    char* at = WritePadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', t_text);
+    at = WritePadded(static_cast<unsigned>(date.month()), 2, '-', at);
+    at = WritePadded(static_cast<unsigned>(date.day()), 2, 'T', at);
+    at = WritePadded(static_cast<uint64_t>(clock.hours().count()), 2, ':', at);
+    at = WritePadded(static_cast<uint64_t>(clock.minutes().count()), 2, ':', at);
+    WritePadded(static_cast<uint64_t>(clock.seconds().count()), 2, ' ', at);
+    t_second = second;
+  }
+  t_text[std::size(t_text) - 1] = separator;
+  out->append(t_text, std::size(t_text));
 }
 
 }  // namespace
 
 void JsonEscape(std::string_view text, std::string* out) {
-  constexpr char kHex[] = "0123456789abcdef";
-  const char* plain = text.data();  // Begin of the run that is copied as it is.
-  const char* end = plain + text.size();
-  for (const char* c = plain; c != end; ++c) {
-    const auto byte = static_cast<unsigned char>(*c);
+  static constexpr char kHex[] = "0123456789abcdef";
+  const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
+  AppendEscaped(text, is_special, out, [out](unsigned char byte) {
     const char escape = EscapeOf(byte);
-    if (escape == '\0') continue;
-    out->append(plain, c);
-    plain = c + 1;
-    out->push_back('\\');
-    out->push_back(escape);
+    out->append(1, '\\').append(1, escape);
     if (escape == 'u') out->append("00").append(1, kHex[byte >> 4]).append(1, kHex[byte & 0xF]);
-  }
-  out->append(plain, end);
+  });
 }
 
 void JsonObject::AddName(std::string_view name) {
@@ -101,12 +96,12 @@ void JsonObject::AddDoubleField(std::string_view name, double value) {
 
 void JsonObject::AddField(std::string_view name, uint64_t value) {
   AddName(name);
-  ToString(value, out_);
+  oxEventAppendNumber(value, out_);
 }
 
 void JsonObject::AddField(std::string_view name, int64_t value) {
   AddName(name);
-  ToString(value, out_);
+  oxEventAppendNumber(value, out_);
 }
 
 void DoubleToJson(double value, std::string* out) {
@@ -114,15 +109,7 @@ void DoubleToJson(double value, std::string* out) {
     out->append("null");
     return;
   }
-  ToString(value, kRoundTripDigits, out);
-}
-
-void ToString(uint64_t value, std::string* out) { AppendNumber(out, value); }
-
-void ToString(int64_t value, std::string* out) { AppendNumber(out, value); }
-
-void ToString(double value, int significant_digits, std::string* out) {
-  AppendNumber(out, value, std::chars_format::general, significant_digits);
+  oxEventAppendNumber(value, kRoundTripDigits, out);
 }
 
 void UtcIsoFromNs(uint64_t ns, std::string* out) {
@@ -132,19 +119,19 @@ void UtcIsoFromNs(uint64_t ns, std::string* out) {
 
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out) {
   AppendUtcSeconds(ns, '.', out);
-  AppendPadded(ns % kNsPerSecond, 9, 'Z', out);
+  char fraction[10];
+  out->append(fraction, WritePadded(ns % kNsPerSecond, 9, 'Z', fraction));
 }
 
 void CsvQuote(std::string_view text, std::string* out) {
-  if (text.find_first_of("\n\r\",") == std::string_view::npos) {
+  const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
+  if (PlainLength(text, is_special) == text.size()) {
     out->append(text);
     return;
   }
   out->push_back('"');
-  for (const char c : text) {
-    if (c == '"') out->push_back('"');
-    out->push_back(c);
-  }
+  AppendEscaped(
+      text, [](auto c) { return c == '"'; }, out, [out](char) { out->append("\"\""); });
   out->push_back('"');
 }
 
@@ -153,11 +140,10 @@ void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out) {
     CsvQuote(field, out);
     out->push_back(end);
   };
-  const auto number = [out](auto... value_and_format) {
-    AppendNumber(out, value_and_format...);
+  const auto number = [out](auto... value_and_digits) {
+    oxEventAppendNumber(value_and_digits..., out);
     out->push_back(',');
   };
-  constexpr auto kGeneral = std::chars_format::general;
   number(OXEVENT_API_VERSION);
   number(event.event_id);
   UtcIsoNanoFromNs(event.utc_ns, out);
@@ -171,8 +157,8 @@ void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out) {
   text(event.dedupe_key);
   text(event.correlation_id);
   text(event.message);
-  number(event.value, kGeneral, kRoundTripDigits);
-  number(event.threshold, kGeneral, kRoundTripDigits);
+  number(event.value, kRoundTripDigits);
+  number(event.threshold, kRoundTripDigits);
   text(event.units);
   number(event.duration_ms);
   number(event.ptp_ns);
@@ -217,7 +203,7 @@ void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view
   object.AddStringField("specversion", "1.0");
   object.AddName("id");
   out->push_back('"');
-  ToString(event.event_id, out);
+  oxEventAppendNumber(event.event_id, out);
   out->push_back('"');
   object.AddStringField("source", first_non_empty(source, event.source_name, "/oxEvent"));
   object.AddStringField("type", first_non_empty(event.event_type, "oxEvent.event", ""));

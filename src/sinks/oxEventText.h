@@ -1,6 +1,12 @@
 #pragma once
 
+#include <emmintrin.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -9,6 +15,41 @@
 // The renderings of an event that several sinks share. Each appends to *out, which a caller may reuse. Bytes are taken
 // as UTF-8 and passed on unchecked; nothing depends on the locale. They fail only by running out of memory. Any thread.
 namespace oxEventText {
+
+// The number of bytes before the first special one. Looks at 16 at a time: is_special takes one byte or a vector of
+// them, and so joins its comparisons with | and not with ||.
+template <class IsSpecial>
+size_t PlainLength(std::string_view text, IsSpecial is_special) {
+  using Bytes __attribute__((vector_size(16))) = unsigned char;
+  const auto first_special = [&](size_t begin) {  // Within 16 bytes; 32: none.
+    Bytes bytes;
+    std::memcpy(&bytes, text.data() + begin, sizeof(bytes));
+    const int found = _mm_movemask_epi8(std::bit_cast<__m128i>(is_special(bytes)));
+    return static_cast<size_t>(std::countr_zero(static_cast<unsigned>(found)));
+  };
+  size_t plain = 0;
+  if (text.size() < sizeof(Bytes)) {
+    while (plain < text.size() && !is_special(static_cast<unsigned char>(text[plain]))) ++plain;
+    return plain;
+  }
+  const size_t last = text.size() - sizeof(Bytes);
+  for (; plain < last; plain += sizeof(Bytes)) {
+    if (const size_t at = first_special(plain); at < sizeof(Bytes)) return plain + at;
+  }
+  return std::min(last + first_special(last), text.size());
+}
+
+// Appends the text to *out, where `escape` stands in for each special byte.
+template <class IsSpecial, class Escape>
+void AppendEscaped(std::string_view text, IsSpecial is_special, std::string* out, Escape escape) {
+  while (true) {
+    const size_t plain = PlainLength(text, is_special);
+    out->append(text.data(), plain);
+    if (plain == text.size()) return;
+    escape(text[plain]);
+    text.remove_prefix(plain + 1);
+  }
+}
 
 void JsonEscape(std::string_view text, std::string* out);  // RFC 8259, section 7; without the quotes.
 
@@ -31,10 +72,6 @@ class JsonObject {
 
 // 17 significant digits, which give the value back; NaN and infinities are "null".
 void DoubleToJson(double value, std::string* out);
-
-void ToString(uint64_t value, std::string* out);
-void ToString(int64_t value, std::string* out);
-void ToString(double value, int significant_digits, std::string* out);  // As %g; nan, -nan, inf, -inf.
 
 // ISO 8601: 2023-11-14T22:13:20Z, with nine digits of fraction if it is not zero.
 void UtcIsoFromNs(uint64_t ns, std::string* out);

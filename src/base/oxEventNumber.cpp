@@ -1,0 +1,60 @@
+#include "base/oxEventNumber.h"
+
+#include <array>
+#include <bit>
+#include <cmath>
+
+namespace {
+
+__extension__ using uint128 = unsigned __int128;
+
+constexpr int kFractionBits = 52;  // Of a double (IEEE 754).
+constexpr int kExponentBias = 1023;
+
+constexpr auto kPowersOfTen = [] {
+  std::array<uint64_t, 18> powers = {1};
+  for (size_t i = 1; i < powers.size(); ++i) powers[i] = powers[i - 1] * 10;
+  return powers;
+}();
+
+// So many significant digits of a value from 1 up to 10^15, as a number; correctly rounded, half to even, for the
+// product and the shift are exact. *point: how many of them stand before the decimal point.
+uint64_t RoundedDigits(double value, size_t count, size_t* point) {
+  *point = 1;
+  while (value >= static_cast<double>(kPowersOfTen[*point])) ++*point;
+  const auto bits = std::bit_cast<uint64_t>(value);
+  const uint64_t one = uint64_t{1} << kFractionBits;
+  const int exponent = static_cast<int>(bits >> kFractionBits) - kExponentBias;
+  const uint128 scaled = uint128{(bits & (one - 1)) | one} * kPowersOfTen[count - *point];
+  const int shift = kFractionBits - exponent;  // 3 to 52.
+  const uint128 rest = scaled & ((uint128{1} << shift) - 1);
+  const uint128 half = uint128{1} << (shift - 1);
+  auto digits = static_cast<uint64_t>(scaled >> shift);
+  if (rest > half || (rest == half && digits % 2 != 0)) ++digits;
+  if (digits < kPowersOfTen[count]) return digits;
+  ++*point;  // 9.9999999 has become 10.
+  return digits / 10;
+}
+
+}  // namespace
+
+void oxEventAppendNumber(double value, int significant_digits, std::string* out) {
+  char text[32];
+  const double magnitude = std::fabs(value);
+  const double limit = significant_digits > 15 ? 1e15 : static_cast<double>(kPowersOfTen[significant_digits - 1]);
+  if (!(magnitude >= 1 && magnitude < limit)) {
+    const auto end = std::to_chars(text, std::end(text), value, std::chars_format::general, significant_digits).ptr;
+    out->append(text, end);
+    return;
+  }
+  // What is measured is mostly such a number, for which this takes half the time.
+  size_t point = 0;
+  const uint64_t digits = RoundedDigits(magnitude, static_cast<size_t>(significant_digits), &point);
+  char* end = std::to_chars(text, std::end(text), digits).ptr;
+  while (end != text + point && end[-1] == '0') --end;
+  if (value < 0) out->push_back('-');
+  out->append(text, point);
+  if (end == text + point) return;
+  out->push_back('.');
+  out->append(text + point, end);
+}
