@@ -87,8 +87,8 @@ uint64_t NextGeneratedId() {
 
 uint32_t SubmitRecord(const oxEventRecord* record) {
   const uint64_t id = NextGeneratedId();  // Drawn for a record that is refused too.
-  oxEventView event;
-  if (const uint32_t result = oxEventNormalizeView(record, id, &event); result != OXEVENT_OK) {
+  oxEventNormalizedEvent event;
+  if (const uint32_t result = oxEventNormalizeEvent(record, id, &event); result != OXEVENT_OK) {
     return Fail(result, "Invalid OXEvent");
   }
   if (!g_oxEventInitialized) return NotInitialized();

@@ -46,7 +46,7 @@ bool IsValid(const oxEventRecord* record) {
 
 }  // namespace
 
-uint32_t oxEventNormalizeView(const oxEventRecord* record, uint64_t assigned_id, oxEventView* out) {
+uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
   if (out == nullptr || !IsValid(record)) return OXEVENT_INVALID_ARGUMENT;
 
   // One reading for both time stamps, so that an event that gives neither has them equal.
@@ -70,11 +70,4 @@ uint32_t oxEventNormalizeView(const oxEventRecord* record, uint64_t assigned_id,
   out->duration_ms = NumberOr(*record, &oxEventRecord::duration_ms, uint64_t{0});
   out->details_json = TextOr(*record, &oxEventRecord::details_json, "{}");
   return OXEVENT_OK;
-}
-
-uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
-  oxEventView view;
-  const uint32_t result = out == nullptr ? OXEVENT_INVALID_ARGUMENT : oxEventNormalizeView(record, assigned_id, &view);
-  if (result == OXEVENT_OK) out->Assign(view);
-  return result;
 }

@@ -1,46 +1,69 @@
 #include "base/oxEventNormalizedEvent.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <bit>
+#include <cstring>
 #include <iterator>
 
 namespace {
 
 constexpr size_t kLongText = 4096;  // Bytes.
 
-}  // namespace
+using Event = oxEventNormalizedEvent;
 
-void oxEventNormalizedEvent::Assign(const oxEventView& from) {
-  CopyNumbers(from);
-  for (size_t i = 0; i < std::size(kTexts); ++i) (this->*kTexts[i]).assign(from.*oxEventView::kTexts[i]);
-}
+constexpr std::string_view Event::*kTexts[] = {
+    &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
+    &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
+
+}  // namespace
 
 oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
   oxEventRecord record;
   record.struct_size = sizeof(oxEventRecord);
   record.version = OXEVENT_API_VERSION;
   record.event_id = event_id;
-  record.event_type = event_type.c_str();
-  record.source_id = source_id.c_str();
-  record.source_name = source_name.c_str();
-  record.message = message.c_str();
+  record.event_type = event_type.data();
+  record.source_id = source_id.data();
+  record.source_name = source_name.data();
+  record.message = message.data();
   record.severity = severity;
-  record.action = action.c_str();
-  record.dedupe_key = dedupe_key.c_str();
-  record.correlation_id = correlation_id.c_str();
+  record.action = action.data();
+  record.dedupe_key = dedupe_key.data();
+  record.correlation_id = correlation_id.data();
   record.utc_ns = utc_ns;
   record.ptp_ns = ptp_ns;
   record.pts = pts;
-  record.timecode = timecode.c_str();
+  record.timecode = timecode.data();
   record.value = value;
   record.threshold = threshold;
-  record.units = units.c_str();
+  record.units = units.data();
   record.duration_ms = duration_ms;
-  record.details_json = details_json.c_str();
+  record.details_json = details_json.data();
   return record;
 }
 
-void oxEventNormalizedEvent::ReleaseLongTexts() {
-  for (std::string oxEventFields::*text : kTexts) oxEventReleaseLongText(&(this->*text));
+void oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
+  size_t size = 0;
+  for (const auto text : kTexts) size += (from.*text).size() + 1;
+  if (size > capacity_) {
+    const size_t capacity = std::bit_ceil(size);  // So that events of all sizes soon fit.
+    texts_ = std::make_unique_for_overwrite<char[]>(capacity);
+    capacity_ = capacity;
+  }
+  event_ = from;
+  char* at = texts_.get();
+  for (const auto text : kTexts) {
+    const std::string_view source = from.*text;
+    std::memcpy(at, source.data(), source.size());
+    at[source.size()] = '\0';
+    event_.*text = {at, source.size()};
+    at += source.size() + 1;
+  }
+}
+
+void oxEventStoredEvent::ReleaseLongTexts() {
+  const auto is_long = [this](auto text) { return (event_.*text).size() > kLongText; };
+  if (std::any_of(std::begin(kTexts), std::end(kTexts), is_long)) *this = {};
 }
 
 void oxEventReleaseLongText(std::string* text) {

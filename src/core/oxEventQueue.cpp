@@ -45,7 +45,7 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   return discarded;
 }
 
-uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* dropped) {
+uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped) {
   Set(accepted, false);
   Set(dropped, false);
   Items item;  // One; filled with the lock released, so that a long text delays nobody else.
@@ -83,7 +83,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventView& event, bool* accepted, bool* d
   return OXEVENT_OK;
 }
 
-oxEventNormalizedEvent* oxEventQueue::WaitPop() {
+const oxEventNormalizedEvent* oxEventQueue::WaitPop() {
   oxEventLock lock(mutex_);
   while (PendingLocked() == 0) {
     if (stop_requested_) return nullptr;
@@ -93,7 +93,7 @@ oxEventNormalizedEvent* oxEventQueue::WaitPop() {
   Items& oldest = OldestLocked();
   active_.splice(active_.end(), oldest, oldest.begin());
   ++active_count_;
-  return &active_.back().event;
+  return &active_.back().event.Get();
 }
 
 void oxEventQueue::CompleteActiveEvent() {

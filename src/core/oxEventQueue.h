@@ -26,11 +26,11 @@ class oxEventQueue {
   // Queues a copy. Never waits for space. *accepted: the event is queued; *dropped: an event was lost, this one or an
   // older one that made room; either may be null. Returns 0, for a full queue too, or OXEVENT_NOT_INITIALIZED when the
   // queue does not accept. Throws when there is no memory; then nothing has changed.
-  uint32_t Enqueue(const oxEventView& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
+  uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
 
-  // Waits for an event and takes the oldest: the caller's, to change as well, until CompleteActiveEvent. Null: stop
-  // requested, and nothing is left. How it waits: Rest, below.
-  oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
+  // Waits for an event and takes the oldest. It is valid until CompleteActiveEvent. Null: stop requested, and nothing is
+  // left. How it waits: Rest, below.
+  const oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
   // What WaitPop gave is delivered.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
@@ -48,7 +48,7 @@ class oxEventQueue {
 
  private:
   struct Item {
-    oxEventNormalizedEvent event;
+    oxEventStoredEvent event;
     uint64_t order = 0;  // Of arrival.
   };
   using Items = std::list<Item>;

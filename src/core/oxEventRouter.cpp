@@ -33,7 +33,7 @@ uint32_t oxEventRouter::Start(std::shared_ptr<const oxEventConfig> config) {
   return OXEVENT_OK;
 }
 
-uint32_t oxEventRouter::Submit(const oxEventView& event) {
+uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
   SharedRun run;
   bool wanted = false;
   {
@@ -192,7 +192,7 @@ uint32_t oxEventCoreStart(std::shared_ptr<const oxEventConfig> config) { return 
 
 uint32_t oxEventCoreStop(uint32_t timeout_ms) { return g_router->Stop(timeout_ms); }
 
-uint32_t oxEventCoreSubmit(const oxEventView& event) { return g_router->Submit(event); }
+uint32_t oxEventCoreSubmit(const oxEventNormalizedEvent& event) { return g_router->Submit(event); }
 
 uint32_t oxEventCoreFlush(uint32_t timeout_ms) { return g_router->Flush(timeout_ms); }
 

@@ -37,7 +37,7 @@ class oxEventRouter {
   uint32_t Start(std::shared_ptr<const oxEventConfig> config) OX_EXCLUDES(mutex_);
 
   // Filters and queues a copy. 0 for a dropped event too. Never waits for the worker.
-  uint32_t Submit(const oxEventView& event) OX_EXCLUDES(mutex_);
+  uint32_t Submit(const oxEventNormalizedEvent& event) OX_EXCLUDES(mutex_);
 
   // Waits until everything is delivered (0: without limit), then flushes the sinks, which get the whole time again.
   // On the worker: OXEVENT_FAILURE at once when events are pending.
@@ -84,7 +84,7 @@ class oxEventRouter {
 // The process's one router.
 uint32_t oxEventCoreStart(std::shared_ptr<const oxEventConfig> config);
 uint32_t oxEventCoreStop(uint32_t timeout_ms);
-uint32_t oxEventCoreSubmit(const oxEventView& event);
+uint32_t oxEventCoreSubmit(const oxEventNormalizedEvent& event);
 uint32_t oxEventCoreFlush(uint32_t timeout_ms);
 uint32_t oxEventCoreReloadConfig(const std::shared_ptr<const oxEventConfig>& config);
 oxEventCounters oxEventCoreGetCounters();

@@ -43,19 +43,20 @@ void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
   const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
   const unsigned forks = g_oxEventForkCount;
-  while (oxEventNormalizedEvent* event = queue.WaitPop()) {
-    Deliver(event);
+  while (const oxEventNormalizedEvent* event = queue.WaitPop()) {
+    Deliver(*event);
     if (g_oxEventForkCount != forks) return;  // The child of a fork in a callback: it has no worker.
   }
   ended_ = true;
 }
 
-void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
+void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event) {
   const ActiveEvent active(queue);
+  oxEventNormalizedEvent out;
   bool emit = true;
   uint32_t status = OXEVENT_FAILURE;
   try {
-    status = state.Evaluate(*event, event, &emit);
+    status = state.Evaluate(event, &out, &emit);
   } catch (...) {
     // No memory: counted as a failed evaluation.
     emit = true;
@@ -71,7 +72,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   uint64_t failed_sinks = 0;
   uint64_t warnings = 0;
   try {
-    oxEventSinkSubmit(*event, &failed_sinks, &warnings);
+    oxEventSinkSubmit(out, &failed_sinks, &warnings);
   } catch (const abi::__forced_unwind&) {
     ++emitted;
     throw;

@@ -32,7 +32,7 @@ class oxEventRouter::Run {
 
  private:
   void RouterMain();
-  void Deliver(oxEventNormalizedEvent* event);
+  void Deliver(const oxEventNormalizedEvent& event);
 
   oxEventMutex join_mutex_;  // Two threads may want to join: a stop, and the process's exit.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);

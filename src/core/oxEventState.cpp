@@ -44,7 +44,7 @@ void oxEventState::Reset() {
 
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
   if (out == nullptr || route == nullptr) return OXEVENT_INVALID_ARGUMENT;
-  if (out != &event) out->Assign(oxEventView::Of(event));
+  *out = event;
   *route = true;
   oxEventLock lock(mutex_);
   if (!state_enabled_ || !dedupe_enabled_) return OXEVENT_OK;

@@ -78,7 +78,7 @@ void AppendItem(std::string_view name, std::string_view value, std::string* line
 
 // For people who read the system log: nothing is escaped.
 void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view ident, std::string* line) {
-  const auto or_dash = [](const std::string& text) { return text.empty() ? std::string_view("-") : text; };
+  const auto or_dash = [](std::string_view text) { return text.empty() ? "-" : text; };
   char id[20];
   const char* id_end = std::to_chars(id, std::end(id), event.event_id).ptr;
   line->clear();
