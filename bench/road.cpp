@@ -86,11 +86,13 @@ std::vector<uint64_t> g_submitted_ns;
 std::vector<uint64_t> g_took_ns;
 std::vector<uint64_t> g_delivered_ns;  // 0: lost.
 uint64_t g_first_id = 0;
+const uint64_t g_utc_minus_monotonic = Now(CLOCK_REALTIME) - Now();
 
 void SubmitOne(oxEventRecord* record, uint64_t id) {
   record->event_id = g_first_id + id;
   record->pts = static_cast<int64_t>(id) * 3600;  // An update, and no duplicate of the one before.
   record->value = 60 + static_cast<double>(id % 100) / 10;
+  record->utc_ns = record->ptp_ns = Now() + g_utc_minus_monotonic;
   const uint64_t start = Now();
   g_submitted_ns[id] = start;
   PeerSubmit(*record);

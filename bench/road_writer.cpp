@@ -26,18 +26,17 @@ void PeerStart(const std::string& folder, uint32_t /*queue_size*/) {
 }
 
 void PeerSubmit(const oxEventRecord& e) {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
+  const auto second = static_cast<time_t>(e.utc_ns / 1'000'000'000);
   tm utc;
-  gmtime_r(&now.tv_sec, &utc);
+  gmtime_r(&second, &utc);
   char row[4096];
   const int size = snprintf(
       row, sizeof(row),
-      "%04d-%02d-%02dT%02d:%02d:%02d.%09ldZ,%" PRIu32 ",%" PRIu64 ",%s,%s,%s,%s,%s,%s,%s,%.17g,%.17g,%s,%" PRIu64
-      ",%" PRIu64 ",%" PRIu64 ",%" PRId64 ",%s,%s\n",
-      utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec, e.severity,
-      e.event_id, e.action, e.event_type, e.source_id, e.source_name, e.dedupe_key, e.correlation_id, e.message,
-      e.value, e.threshold, e.units, e.duration_ms, e.utc_ns, e.ptp_ns, e.pts, e.timecode, e.details_json);
+      "%04d-%02d-%02dT%02d:%02d:%02d.%09" PRIu64 "Z,%" PRIu32 ",%" PRIu64
+      ",%s,%s,%s,%s,%s,%s,%s,%.17g,%.17g,%s,%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRId64 ",%s,%s\n",
+      utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, e.utc_ns % 1'000'000'000,
+      e.severity, e.event_id, e.action, e.event_type, e.source_id, e.source_name, e.dedupe_key, e.correlation_id,
+      e.message, e.value, e.threshold, e.units, e.duration_ms, e.utc_ns, e.ptp_ns, e.pts, e.timecode, e.details_json);
   const std::lock_guard lock(g_mutex);
   if (fwrite(row, 1, static_cast<size_t>(size), g_file) == static_cast<size_t>(size)) return;
   perror("fwrite");

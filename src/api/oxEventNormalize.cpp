@@ -49,8 +49,6 @@ bool IsValid(const oxEventRecord* record) {
 uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
   if (out == nullptr || !IsValid(record)) return OXEVENT_INVALID_ARGUMENT;
 
-  // One reading for both time stamps, so that an event that gives neither has them equal.
-  const uint64_t now = oxEventPlatformGetPtpNano();
   out->event_id = NonZeroOr(*record, &oxEventRecord::event_id, assigned_id);
   out->event_type = TextOr(*record, &oxEventRecord::event_type, "event");
   out->source_id = TextOr(*record, &oxEventRecord::source_id, "");
@@ -60,8 +58,14 @@ uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id
   out->action = TextOr(*record, &oxEventRecord::action, "");
   out->dedupe_key = TextOr(*record, &oxEventRecord::dedupe_key, "");
   out->correlation_id = TextOr(*record, &oxEventRecord::correlation_id, "");
-  out->utc_ns = NonZeroOr(*record, &oxEventRecord::utc_ns, now);
-  out->ptp_ns = NonZeroOr(*record, &oxEventRecord::ptp_ns, now);
+  out->utc_ns = NonZeroOr(*record, &oxEventRecord::utc_ns, 0);
+  out->ptp_ns = NonZeroOr(*record, &oxEventRecord::ptp_ns, 0);
+  if (out->utc_ns == 0 || out->ptp_ns == 0) {
+    // One reading for both time stamps, so that an event that gives neither has them equal.
+    const uint64_t now = oxEventPlatformGetPtpNano();
+    if (out->utc_ns == 0) out->utc_ns = now;
+    if (out->ptp_ns == 0) out->ptp_ns = now;
+  }
   out->pts = NumberOr(*record, &oxEventRecord::pts, int64_t{0});
   out->timecode = TextOr(*record, &oxEventRecord::timecode, "");
   out->value = NumberOr(*record, &oxEventRecord::value, 0.0);

@@ -84,7 +84,9 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
 }
 
 const oxEventNormalizedEvent* oxEventQueue::WaitPop() {
+  if (!active_.empty()) active_.front().event.ReleaseLongTexts();
   oxEventLock lock(mutex_);
+  CompleteActiveEventLocked();
   while (PendingLocked() == 0) {
     if (stop_requested_) return nullptr;
     RestLocked();
@@ -97,11 +99,8 @@ const oxEventNormalizedEvent* oxEventQueue::WaitPop() {
 }
 
 void oxEventQueue::CompleteActiveEvent() {
-  if (!active_.empty()) active_.front().event.ReleaseLongTexts();
   oxEventLock lock(mutex_);
-  if (active_count_ > 0) --active_count_;
-  if (!active_.empty()) RecycleLocked(active_, active_.begin());
-  SignalIfDrainedLocked();
+  CompleteActiveEventLocked();
 }
 
 uint32_t oxEventQueue::Flush(uint32_t timeout_ms) {
@@ -159,6 +158,12 @@ void oxEventQueue::Reset() {
 // Whether one more event can be taken, perhaps at the cost of an older one.
 bool oxEventQueue::HasRoomLocked() const {
   return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.empty());
+}
+
+void oxEventQueue::CompleteActiveEventLocked() {
+  if (!active_.empty()) RecycleLocked(active_, active_.begin());
+  if (active_count_ > 0) --active_count_;
+  SignalIfDrainedLocked();
 }
 
 // Until an event or a stop may be there. What is pending already is the caller's to see.

@@ -28,11 +28,11 @@ class oxEventQueue {
   // queue does not accept. Throws when there is no memory; then nothing has changed.
   uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
 
-  // Waits for an event and takes the oldest. It is valid until CompleteActiveEvent. Null: stop requested, and nothing is
-  // left. How it waits: Rest, below.
+  // Waits for an event and takes the oldest; the one before, if any, is then delivered. Null: stop requested, and nothing
+  // is left. How it waits: Rest, below.
   const oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
-  // What WaitPop gave is delivered.
+  // What WaitPop gave is delivered, and no longer valid. For a worker that ends without another WaitPop.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
 
   // Waits for a moment at which nothing is pending or active, at most timeout_ms milliseconds (0: without limit): 0 or
@@ -63,6 +63,7 @@ class oxEventQueue {
   size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.size() + warning_error_.size(); }
   bool HasRoomLocked() const OX_REQUIRES(mutex_);
   void RestLocked() OX_REQUIRES(mutex_);
+  void CompleteActiveEventLocked() OX_REQUIRES(mutex_);
   bool EndRestLocked() OX_REQUIRES(mutex_);
   bool DropDebugInfoFirstLocked(Items* garbage) OX_REQUIRES(mutex_);
   void DropNewestLocked(Items* garbage) OX_REQUIRES(mutex_);

@@ -8,15 +8,18 @@
 
 namespace {
 
-// Completes the active event on every way out of its delivery, an unwinding thread included.
-class ActiveEvent {
+// Completes the active event on every way out of the worker, an unwinding thread included. In the child of a fork in a
+// callback there is no worker.
+class WorkerEnd {
  public:
-  explicit ActiveEvent(oxEventQueue& queue) : queue_(queue) {}
-  ~ActiveEvent() {
-    if (g_oxEventForkCount == forks_) queue_.CompleteActiveEvent();
+  explicit WorkerEnd(oxEventQueue& queue) : queue_(queue) {}
+  ~WorkerEnd() {
+    if (!IsInChild()) queue_.CompleteActiveEvent();
   }
-  ActiveEvent(const ActiveEvent&) = delete;
-  ActiveEvent& operator=(const ActiveEvent&) = delete;
+  WorkerEnd(const WorkerEnd&) = delete;
+  WorkerEnd& operator=(const WorkerEnd&) = delete;
+
+  bool IsInChild() const { return g_oxEventForkCount != forks_; }
 
  private:
   oxEventQueue& queue_;
@@ -42,16 +45,15 @@ void oxEventRouter::Run::JoinWorker() {
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
   const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
-  const unsigned forks = g_oxEventForkCount;
+  const WorkerEnd end(queue);
   while (const oxEventNormalizedEvent* event = queue.WaitPop()) {
     Deliver(*event);
-    if (g_oxEventForkCount != forks) return;  // The child of a fork in a callback: it has no worker.
+    if (end.IsInChild()) return;
   }
   ended_ = true;
 }
 
 void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event) {
-  const ActiveEvent active(queue);
   oxEventNormalizedEvent out;
   bool emit = true;
   uint32_t status = OXEVENT_FAILURE;
