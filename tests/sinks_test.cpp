@@ -113,7 +113,8 @@ TEST(oxEventSyslogUdpSink, SendsTheWholeEvent) {
         " timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\r\"" +
         " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]" + end;
     for (const size_t size : {0ul, 8192 - line.size(), 8193 - line.size()}) {
-      e.message = "\"a\n\n\",b" + string(size, 'm');
+      const string message = "\"a\n\n\",b" + string(size, 'm');
+      e.message = message;
       EXPECT_EQ(receiver.Get(kSyslog, e), (line + string(size, 'm')).substr(0, 8192));
     }
   }
@@ -134,27 +135,28 @@ TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
       "3 2147483776 040cccccd9 020080 020103 error 4294967295 4294967295 0419999999 047fffffff 020500ffffffff info "
       "2 9 0100 0109 020102 warning 0 1290 020081 02050a 020100 debug");
   const string trap = "060a2b060106030101040100", start = "06082b0601020101030043";
+  const string long_text(2049, 'm');
   string time, request, severity, name, oid = "060d2b0601040181fd59010101", trap_oid = "060c2b0601040181fd5901010001";
   Receiver receiver;
   receiver.community = receiver.enterprise_oid = receiver.trap_oid = "";
   for (Event e = FullEvent(); rows >> e.severity >> g_ms >> time >> request >> severity >> name;) {
-    const string texts[] = {name,
-                            "18446744073709551615",
-                            e.event_type,
-                            e.source_id,
-                            e.source_name,
-                            e.action,
-                            e.message.substr(0, 2048),
-                            e.dedupe_key,
-                            e.correlation_id,
-                            "1700000000123456789",
-                            e.details_json.substr(0, 2048)};
+    const std::string_view texts[] = {name,
+                                      "18446744073709551615",
+                                      e.event_type,
+                                      e.source_id,
+                                      e.source_name,
+                                      e.action,
+                                      e.message.substr(0, 2048),
+                                      e.dedupe_key,
+                                      e.correlation_id,
+                                      "1700000000123456789",
+                                      e.details_json.substr(0, 2048)};
     string list = Tlv(0x30, Bytes(start + time)) + Tlv(0x30, Bytes(trap + trap_oid));
     list += Tlv(0x30, Bytes(oid + "0100" + severity));
-    for (size_t i = 0; i < 11; ++i) list += Tlv(0x30, Bytes(oid) + char(i + 2) + '\0' + Tlv(4, texts[i]));
+    for (size_t i = 0; i < 11; ++i) list += Tlv(0x30, Bytes(oid) + char(i + 2) + '\0' + Tlv(4, string(texts[i])));
     list = Tlv(0xA7, Bytes("02" + request + "020100020100") + Tlv(0x30, list));
     EXPECT_EQ(receiver.Get(kTrap, e), Tlv(0x30, "\2\1\1" + Tlv(4, e.severity == 3 ? "cobalt" : "c\xFF") + list));
-    e.message = e.details_json = string(2049, 'm');
+    e.message = e.details_json = long_text;
     receiver.community = "c\xFF", receiver.enterprise_oid = "1", receiver.trap_oid = "1.3.128";
     oid = "060329", trap_oid = "06032b8100";
   }
