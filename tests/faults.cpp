@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <new>
 
-thread_local size_t t_allocations = 0;
-
 namespace {
 
 std::atomic<const Faults::Hook*> g_hook = nullptr;
@@ -26,10 +24,7 @@ int Ask(const char* call, long first) {
   return answer;
 }
 
-bool Allocates(size_t size) {
-  ++t_allocations;
-  return Ask("malloc", static_cast<long>(size)) == 0 || (errno = ENOMEM, false);
-}
+bool Allocates(size_t size) { return Ask("malloc", static_cast<long>(size)) == 0 || (errno = ENOMEM, false); }
 
 }  // namespace
 

@@ -19,5 +19,3 @@ class Faults {
  private:
   const Hook hook_;
 };
-
-extern thread_local size_t t_allocations;  // This thread's, so far. Under a sanitizer those of operator new.

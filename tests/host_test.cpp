@@ -1,9 +1,8 @@
-// The library as a host meets it: codes, texts, records, callbacks, files, many threads, what it allocates.
+// The library as a host meets it: codes, texts, records, callbacks, files, many threads.
 #include <atomic>
 #include <future>
 #include <thread>
 
-#include "faults.h"
 #include "host_fixture.h"
 
 namespace {
@@ -209,44 +208,5 @@ TEST_F(oxEventApi, WritesTheSystemLog) {
     EXPECT_EQ(line.substr(0, 5) + line.substr(line.find("]: ") + 3).c_str(), expected);
   }
 }
-
-#ifndef OXEVENT_SANITIZED
-TEST_F(oxEventApi, AllocatesNothing) {
-  static std::mutex gate;
-  static size_t worker = 0;  // The worker's allocations, as the last call saw them.
-  const auto note = [](const oxEventRecord*, void*) {
-    const std::lock_guard lock(gate);
-    worker = t_allocations;
-  };
-  Settings settings = {{"core\\queue_size", "10000"}, {"sink\\snmp\\trap\\default\\port", "5140"}};
-  for (const std::string sink : {"syslog\\udp\\default", "snmp\\trap\\default", "alertmanager\\main"})
-    settings["sink\\" + sink + "\\enabled"] = "1";
-  Start(settings);
-  EXPECT_FALSE(oxEventUnregisterCallback(id_) || oxEventRegisterCallback(note, nullptr, &id_));
-  const std::string text(300, 'x'), steps[] = {"raise", "raise", "update", "repeat", "clear"};
-  oxEventRecord record = {152, 65536, 0, "type", "source", "name", "", 2, "", "", "", 0, 0, 0, "", 0, 0, "V", 0, "{}"};
-  size_t caller = 0, sent = 0;
-  const auto cycle = [&](size_t varied) {
-    for (size_t i = 0; i < 250; ++i) {  // Five actions on each of fifty keys, the clear after the repeat interval.
-      const std::string key = std::string(40, 'k') + std::to_string(10 + i % 50);
-      record.action = steps[i / 50].c_str(), record.dedupe_key = key.c_str();
-      record.message = text.c_str() + sent++ * 7 % varied;
-      record.utc_ns = 1 + i / 150 * 4000000000000, record.value = static_cast<double>(i / 50);
-      const size_t before = t_allocations;
-      EXPECT_EQ(oxEventSubmit(&record), 0u);
-      EXPECT_EQ(varied == 1 ? oxEventSubmit(&record) : oxEventSubmitSimple(0, 1, "name", record.message), 0u);
-      caller += t_allocations - before;
-    }
-  };
-  for (size_t round = 0; round < 3; ++round, oxEventFlush(0)) {
-    const std::lock_guard lock(gate);  // Warms up with the longest texts and a deeper queue than ever later.
-    cycle(1), cycle(1);
-  }
-  const std::pair warm(caller, worker);
-  for (size_t round = 0; round < 20; ++round, oxEventFlush(0)) cycle(250);
-  EXPECT_TRUE(warm.first > 0 && warm.second > 0);
-  EXPECT_EQ(std::pair(caller, worker), warm);
-}
-#endif
 
 }  // namespace
