@@ -164,7 +164,7 @@ std::string NextRequest(int fd, std::string* rest) {
     if (size <= 0) return "";
     rest->append(bytes, static_cast<size_t>(size));
   }
-  const std::string request = rest->substr(0, wanted);
+  std::string request = rest->substr(0, wanted);
   rest->erase(0, wanted);
   return request;
 }
