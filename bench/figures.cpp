@@ -227,9 +227,10 @@ void MeasureLosses() {
 
 void MeasureDocument() {
   const oxEventRecord r = UsualRecord();
-  const oxEventNormalizedEvent event = {{r.event_id, r.event_type, r.source_id, r.source_name, r.message, r.severity,
-                                         r.action, r.dedupe_key, r.correlation_id, r.utc_ns, r.ptp_ns, r.pts,
-                                         r.timecode, r.value, r.threshold, r.units, r.duration_ms, r.details_json}};
+  const oxEventNormalizedEvent event = {r.event_id, r.event_type,  r.source_id,   r.source_name,    r.message,
+                                        r.severity, r.action,      r.dedupe_key,  r.correlation_id, r.utc_ns,
+                                        r.ptp_ns,   r.pts,         r.timecode,    r.value,          r.threshold,
+                                        r.units,    r.duration_ms, r.details_json};
   std::string document;
   document.reserve(4096);
   Section section;
