@@ -24,7 +24,26 @@
 #include "base/oxEventSeverity.h"
 
 using Input = FuzzedDataProvider;
-using Event = oxEventNormalizedEvent;
+
+// A normalized event with texts of its own.
+struct Event {
+  uint64_t event_id = 0;
+  std::string event_type, source_id, source_name, message;
+  uint32_t severity = OXEVENT_SEVERITY_INFO;
+  std::string action, dedupe_key, correlation_id;
+  uint64_t utc_ns = 0, ptp_ns = 0;
+  int64_t pts = 0;
+  std::string timecode;
+  double value = 0.0, threshold = 0.0;
+  std::string units;
+  uint64_t duration_ms = 0;
+  std::string details_json;
+
+  Event() = default;
+  explicit Event(const oxEventNormalizedEvent& from);
+  operator oxEventNormalizedEvent() const;
+  oxEventRecord ToPublicView() const { return oxEventNormalizedEvent(*this).ToPublicView(); }
+};
 
 template <class A, class B>
 void CheckEqual(const char* file, int line, const char* what, const A& a, const B& b) {
@@ -38,19 +57,45 @@ void CheckEqual(const char* file, int line, const char* what, const A& a, const 
 struct TextField {
   const char* name;
   size_t offset;  // In a record.
-  std::string oxEventFields<std::string>::*field;
+  std::string Event::*field;
+  std::string_view oxEventNormalizedEvent::*view;
   const char* absent;
 };
-inline constexpr TextField kTexts[] = {{"event_type", 16, &Event::event_type, "event"},
-                                       {"source_id", 24, &Event::source_id, ""},
-                                       {"source_name", 32, &Event::source_name, "oxEvent"},
-                                       {"message", 40, &Event::message, nullptr},
-                                       {"action", 56, &Event::action, ""},
-                                       {"dedupe_key", 64, &Event::dedupe_key, ""},
-                                       {"correlation_id", 72, &Event::correlation_id, ""},
-                                       {"timecode", 104, &Event::timecode, ""},
-                                       {"units", 128, &Event::units, ""},
-                                       {"details_json", 144, &Event::details_json, "{}"}};
+inline constexpr TextField kTexts[] = {
+    {"event_type", 16, &Event::event_type, &oxEventNormalizedEvent::event_type, "event"},
+    {"source_id", 24, &Event::source_id, &oxEventNormalizedEvent::source_id, ""},
+    {"source_name", 32, &Event::source_name, &oxEventNormalizedEvent::source_name, "oxEvent"},
+    {"message", 40, &Event::message, &oxEventNormalizedEvent::message, nullptr},
+    {"action", 56, &Event::action, &oxEventNormalizedEvent::action, ""},
+    {"dedupe_key", 64, &Event::dedupe_key, &oxEventNormalizedEvent::dedupe_key, ""},
+    {"correlation_id", 72, &Event::correlation_id, &oxEventNormalizedEvent::correlation_id, ""},
+    {"timecode", 104, &Event::timecode, &oxEventNormalizedEvent::timecode, ""},
+    {"units", 128, &Event::units, &oxEventNormalizedEvent::units, ""},
+    {"details_json", 144, &Event::details_json, &oxEventNormalizedEvent::details_json, "{}"}};
+
+template <class From, class To>
+void CopyNumbers(const From& from, To* to) {
+  to->event_id = from.event_id;
+  to->severity = from.severity;
+  to->utc_ns = from.utc_ns;
+  to->ptp_ns = from.ptp_ns;
+  to->pts = from.pts;
+  to->value = from.value;
+  to->threshold = from.threshold;
+  to->duration_ms = from.duration_ms;
+}
+
+inline Event::Event(const oxEventNormalizedEvent& from) {
+  CopyNumbers(from, this);
+  for (const TextField& text : kTexts) this->*text.field = from.*text.view;
+}
+
+inline Event::operator oxEventNormalizedEvent() const {
+  oxEventNormalizedEvent view;
+  CopyNumbers(*this, &view);
+  for (const TextField& text : kTexts) view.*text.view = this->*text.field;
+  return view;
+}
 
 // printf's notation.
 std::string Printed(const char* format, auto... values) {

@@ -59,11 +59,12 @@ void CheckRecord(const oxEventRecord* record, const char* bytes) {
   constexpr uint64_t kId = 77;
   const uint32_t size = record->struct_size;
   const bool valid = IsValid(bytes, size);
-  Event event;
-  event.message = "untouched";
+  oxEventNormalizedEvent view;
+  view.message = "untouched";
   const uint64_t begin = oxEventPlatformGetPtpNano();
-  CHECK_EQ(oxEventNormalizeEvent(record, kId, &event), valid ? 0 : 0x80050003);
+  CHECK_EQ(oxEventNormalizeEvent(record, kId, &view), valid ? 0 : 0x80050003);
   const uint64_t end = oxEventPlatformGetPtpNano();
+  const Event event(view);
 
   CHECK_EQ(oxEventSubmit(record), valid ? 0x80050001 : 0x80050003);
   char error[64];
@@ -84,11 +85,10 @@ void CheckRecord(const oxEventRecord* record, const char* bytes) {
   CHECK((timeless.utc_ns != 0 && timeless.ptp_ns != 0) || (begin <= now && now <= end));
   CHECK_EQ(Describe(event), Describe(Expected(bytes, size, kId, now)));
 
-  const oxEventRecord view = event.ToPublicView();
-  CHECK_EQ(view.struct_size, kFullSize);
-  Event again;
-  CHECK_EQ(oxEventNormalizeEvent(&view, kId, &again), OXEVENT_OK);
-  CHECK_EQ(Describe(again), Describe(event));
+  const oxEventRecord again = view.ToPublicView();
+  CHECK_EQ(again.struct_size, kFullSize);
+  CHECK_EQ(oxEventNormalizeEvent(&again, kId, &view), OXEVENT_OK);
+  CHECK_EQ(Describe(Event(view)), Describe(event));
 }
 
 }  // namespace

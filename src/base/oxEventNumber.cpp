@@ -40,8 +40,9 @@ uint64_t RoundedDigits(double value, size_t count, size_t* point) {
 
 void oxEventAppendNumber(double value, int significant_digits, std::string* out) {
   char text[32];
+  const auto count = static_cast<size_t>(significant_digits);
   const double magnitude = std::fabs(value);
-  const double limit = significant_digits > 15 ? 1e15 : static_cast<double>(kPowersOfTen[significant_digits - 1]);
+  const double limit = count > 15 ? 1e15 : static_cast<double>(kPowersOfTen[count - 1]);
   if (!(magnitude >= 1 && magnitude < limit)) {
     const auto end = std::to_chars(text, std::end(text), value, std::chars_format::general, significant_digits).ptr;
     out->append(text, end);
@@ -49,7 +50,7 @@ void oxEventAppendNumber(double value, int significant_digits, std::string* out)
   }
   // What is measured is mostly such a number, for which this takes half the time.
   size_t point = 0;
-  const uint64_t digits = RoundedDigits(magnitude, static_cast<size_t>(significant_digits), &point);
+  const uint64_t digits = RoundedDigits(magnitude, count, &point);
   char* end = std::to_chars(text, std::end(text), digits).ptr;
   while (end != text + point && end[-1] == '0') --end;
   if (value < 0) out->push_back('-');

@@ -69,7 +69,8 @@ void AppendUtcSeconds(uint64_t ns, char separator, std::string* out) {
 void JsonEscape(std::string_view text, std::string* out) {
   static constexpr char kHex[] = "0123456789abcdef";
   const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
-  AppendEscaped(text, is_special, out, [out](unsigned char byte) {
+  AppendEscaped(text, is_special, out, [out](char c) {
+    const auto byte = static_cast<unsigned char>(c);
     const char escape = EscapeOf(byte);
     out->append(1, '\\').append(1, escape);
     if (escape == 'u') out->append("00").append(1, kHex[byte >> 4]).append(1, kHex[byte & 0xF]);
