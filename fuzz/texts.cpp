@@ -147,7 +147,8 @@ void CheckCsv(const Event& event) {
   auto fields = FieldsOf(event);
   fields["time"] = Time(event.utc_ns);
   std::string row;
-  oxEventText::AppendCsvRow(event, &row);
+  row.resize(oxEventText::CsvRowCapacity(event));
+  row.resize(static_cast<size_t>(oxEventText::WriteCsvRow(event, row.data()) - row.data()));
   size_t at = 0;
   for (const std::string& name : names) {
     std::string field;

@@ -28,8 +28,8 @@ class oxEventQueue {
   // queue does not accept. Throws when there is no memory; then nothing has changed.
   uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
 
-  // Waits for an event and takes the oldest; the one before, if any, is then delivered. Null: stop requested, and nothing
-  // is left. How it waits: Rest, below.
+  // Waits for an event and takes the oldest; the one before, if any, is then delivered. Null: stop requested, and
+  // nothing is left. How it waits: Rest, below.
   const oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
   // What WaitPop gave is delivered, and no longer valid. For a worker that ends without another WaitPop.

@@ -13,7 +13,7 @@ void AppendLine(std::string* out, std::string_view text) { out->append(text).pus
 
 template <class... NumberAndDigits>
 void AppendNumberLine(std::string* out, NumberAndDigits... number_and_digits) {
-  oxEventAppendNumber(number_and_digits..., out);
+  oxEventAppendNumber(out, number_and_digits...);
   out->push_back('\n');
 }
 

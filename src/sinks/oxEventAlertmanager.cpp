@@ -99,7 +99,7 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
     out->append(" on ");
     JsonEscape(event.source_name, out);
   });
-  AddString("ox_event_id", &annotations, out, [&] { oxEventAppendNumber(event.event_id, out); });
+  AddString("ox_event_id", &annotations, out, [&] { oxEventAppendNumber(out, event.event_id); });
   AddString("ox_dedupe_key", &annotations, out, [&] {
     if (!event.dedupe_key.empty()) return JsonEscape(event.dedupe_key, out);
     JsonEscape(event.event_type, out);
@@ -111,7 +111,7 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
   annotations.AddStringField("ox_units", event.units);
   const auto add_number = [&](std::string_view name, double value) {
     AddString(name, &annotations, out, [&] {
-      if (std::isfinite(value)) oxEventAppendNumber(value, kShortDigits, out);
+      if (std::isfinite(value)) oxEventAppendNumber(out, value, kShortDigits);
     });
   };
   add_number("ox_value", event.value);

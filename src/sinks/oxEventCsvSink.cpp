@@ -1,3 +1,9 @@
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "base/oxEventErrorText.h"
@@ -97,21 +103,29 @@ class oxEventCsvSink : public oxEventSink {
   // The buffer ends on a whole row before and after, also when memory runs out.
   bool AppendRowLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     if (failed_) return false;
-    const size_t rows_end = buffer_.size();
-    try {
-      oxEventText::AppendCsvRow(event, &buffer_);
-    } catch (...) {
-      buffer_.resize(rows_end);
-      throw;
-    }
-    if (buffer_.size() <= kBufferSize) return true;
-    return WriteBufferLocked();
+    ReserveLocked(used_ + oxEventText::CsvRowCapacity(event));
+    char* const begin = buffer_.get();
+    used_ = static_cast<size_t>(oxEventText::WriteCsvRow(event, begin + used_) - begin);
+    return used_ <= kBufferSize || WriteBufferLocked();
+  }
+
+  // Throws when there is no memory; then nothing has changed.
+  void ReserveLocked(size_t size) OX_REQUIRES(mutex_) {
+    if (size <= capacity_) return;
+    const size_t capacity = std::bit_ceil(size);
+    auto larger = std::make_unique_for_overwrite<char[]>(capacity);
+    std::copy_n(buffer_.get(), used_, larger.get());
+    buffer_ = std::move(larger);
+    capacity_ = capacity;
   }
 
   bool WriteBufferLocked() OX_REQUIRES(mutex_) {
-    WriteRowsLocked(buffer_);
-    buffer_.clear();
-    if (buffer_.capacity() > 4 * kBufferSize) std::string().swap(buffer_);  // A row of uncommon length was in it.
+    WriteRowsLocked({buffer_.get(), used_});
+    used_ = 0;
+    if (capacity_ > 4 * kBufferSize) {  // A row of uncommon length was in it.
+      buffer_.reset();
+      capacity_ = 0;
+    }
     return !failed_;
   }
 
@@ -129,7 +143,9 @@ class oxEventCsvSink : public oxEventSink {
   const bool flush_each_event_;
   const uint32_t minimum_severity_;
   oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
-  std::string buffer_ OX_GUARDED_BY(mutex_);  // Whole rows that are not in the file yet.
+  std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Whole rows that are not in the file yet.
+  size_t used_ OX_GUARDED_BY(mutex_) = 0;                 // Bytes of it.
+  size_t capacity_ OX_GUARDED_BY(mutex_) = 0;
   bool failed_ OX_GUARDED_BY(mutex_) = false;
   bool told_ OX_GUARDED_BY(mutex_) = false;  // Of that, by a call whose failure the host learns of.
   std::string last_error_ OX_GUARDED_BY(mutex_);

@@ -111,7 +111,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
                          OX_REQUIRES(mutex_) { SnmpBer::AppendStringVarBind(*object++, text, max_length, &message_); };
     const auto add_number = [&](uint64_t value) OX_REQUIRES(mutex_) {
       decimal_.clear();
-      oxEventAppendNumber(value, &decimal_);
+      oxEventAppendNumber(&decimal_, value);
       add(decimal_, 32);
     };
     add(oxEventSeverityName(event.severity), 32);

@@ -71,7 +71,7 @@ void AddText(std::string_view name, std::string_view text, std::string* line) {
 template <class... NumberAndDigits>
 void AddNumber(std::string_view name, std::string* line, NumberAndDigits... value_and_digits) {
   OpenParameter(name, line);
-  oxEventAppendNumber(value_and_digits..., line);
+  oxEventAppendNumber(line, value_and_digits...);
   line->push_back('"');
 }
 
@@ -147,7 +147,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
 
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     line_.assign(1, '<');
-    oxEventAppendNumber(uint64_t{facility_code_ * 8 + SyslogSeverity(event.severity)}, &line_);
+    oxEventAppendNumber(&line_, facility_code_ * 8 + SyslogSeverity(event.severity));
     line_.append(">1 ");
     oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_);
     line_.append(origin_);

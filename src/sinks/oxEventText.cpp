@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <iterator>
+#include <cstring>
 
 #include "base/oxEventNumber.h"
 #include "base/oxEventSeverity.h"
@@ -43,25 +43,54 @@ char* WritePadded(uint64_t value, int width, char separator, char* at) {
   return at + width + 1;
 }
 
-// 2023-11-14T22:13:20 and a separator. A thread's events mostly lie in the second of the one before.
-void AppendUtcSeconds(uint64_t ns, char separator, std::string* out) {
+constexpr size_t kUtcSeconds = sizeof("2023-11-14T22:13:20") - 1;
+constexpr size_t kUtcNano = kUtcSeconds + sizeof(".000000000Z") - 1;
+
+// 2023-11-14T22:13:20. A thread's events mostly lie in the second of the one before.
+char* WriteUtcSeconds(uint64_t ns, char* at) {
   thread_local uint64_t t_second = UINT64_MAX;  // Of t_text.
-  thread_local char t_text[20];
+  thread_local char t_text[kUtcSeconds + 1];
   if (const uint64_t second = ns / kNsPerSecond; second != t_second) {
     const std::chrono::sys_seconds time{std::chrono::seconds{second}};
     const auto midnight = std::chrono::floor<std::chrono::days>(time);
     const std::chrono::year_month_day date{midnight};
     const std::chrono::hh_mm_ss clock{time - midnight};
-    char* at = WritePadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', t_text);
-    at = WritePadded(static_cast<unsigned>(date.month()), 2, '-', at);
-    at = WritePadded(static_cast<unsigned>(date.day()), 2, 'T', at);
-    at = WritePadded(static_cast<uint64_t>(clock.hours().count()), 2, ':', at);
-    at = WritePadded(static_cast<uint64_t>(clock.minutes().count()), 2, ':', at);
-    WritePadded(static_cast<uint64_t>(clock.seconds().count()), 2, ' ', at);
+    char* part = WritePadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', t_text);
+    part = WritePadded(static_cast<unsigned>(date.month()), 2, '-', part);
+    part = WritePadded(static_cast<unsigned>(date.day()), 2, 'T', part);
+    part = WritePadded(static_cast<uint64_t>(clock.hours().count()), 2, ':', part);
+    part = WritePadded(static_cast<uint64_t>(clock.minutes().count()), 2, ':', part);
+    WritePadded(static_cast<uint64_t>(clock.seconds().count()), 2, '\0', part);
     t_second = second;
   }
-  t_text[std::size(t_text) - 1] = separator;
-  out->append(t_text, std::size(t_text));
+  std::memcpy(at, t_text, kUtcSeconds);
+  return at + kUtcSeconds;
+}
+
+// 2023-11-14T22:13:20.000000000Z
+char* WriteUtcNano(uint64_t ns, char* at) {
+  at = WriteUtcSeconds(ns, at);
+  *at++ = '.';
+  return WritePadded(ns % kNsPerSecond, 9, 'Z', at);
+}
+
+constexpr size_t kCsvTexts = 11;
+constexpr size_t kCsvNumbers = 9;
+
+// RFC 4180, section 2.
+char* WriteCsvText(std::string_view text, char* at) {
+  const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
+  if (PlainLength(text, is_special) == text.size()) {
+    std::memcpy(at, text.data(), text.size());
+    return at + text.size();
+  }
+  *at++ = '"';
+  for (const char c : text) {
+    if (c == '"') *at++ = '"';
+    *at++ = c;
+  }
+  *at++ = '"';
+  return at;
 }
 
 }  // namespace
@@ -97,12 +126,12 @@ void JsonObject::AddDoubleField(std::string_view name, double value) {
 
 void JsonObject::AddField(std::string_view name, uint64_t value) {
   AddName(name);
-  oxEventAppendNumber(value, out_);
+  oxEventAppendNumber(out_, value);
 }
 
 void JsonObject::AddField(std::string_view name, int64_t value) {
   AddName(name);
-  oxEventAppendNumber(value, out_);
+  oxEventAppendNumber(out_, value);
 }
 
 void DoubleToJson(double value, std::string* out) {
@@ -110,45 +139,41 @@ void DoubleToJson(double value, std::string* out) {
     out->append("null");
     return;
   }
-  oxEventAppendNumber(value, kRoundTripDigits, out);
+  oxEventAppendNumber(out, value, kRoundTripDigits);
 }
 
 void UtcIsoFromNs(uint64_t ns, std::string* out) {
   if (ns % kNsPerSecond != 0) return UtcIsoNanoFromNs(ns, out);
-  AppendUtcSeconds(ns, 'Z', out);
+  char text[kUtcSeconds];
+  out->append(text, WriteUtcSeconds(ns, text)).push_back('Z');
 }
 
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out) {
-  AppendUtcSeconds(ns, '.', out);
-  char fraction[10];
-  out->append(fraction, WritePadded(ns % kNsPerSecond, 9, 'Z', fraction));
+  char text[kUtcNano];
+  out->append(text, WriteUtcNano(ns, text));
 }
 
-void CsvQuote(std::string_view text, std::string* out) {
-  const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
-  if (PlainLength(text, is_special) == text.size()) {
-    out->append(text);
-    return;
-  }
-  out->push_back('"');
-  AppendEscaped(
-      text, [](auto c) { return c == '"'; }, out, [out](char) { out->append("\"\""); });
-  out->push_back('"');
+size_t CsvRowCapacity(const oxEventNormalizedEvent& e) {
+  constexpr size_t kFixed = kUtcNano + 1 + kCsvNumbers * (kOxEventNumberSize + 1) + kCsvTexts * sizeof("\"\",");
+  const size_t texts = oxEventSeverityName(e.severity, "unknown").size() + e.action.size() + e.event_type.size() +
+                       e.source_id.size() + e.source_name.size() + e.dedupe_key.size() + e.correlation_id.size() +
+                       e.message.size() + e.units.size() + e.timecode.size() + e.details_json.size();
+  return kFixed + 2 * texts;  // As if each byte were a quote.
 }
 
-void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out) {
-  const auto text = [out](std::string_view field, char end = ',') {
-    CsvQuote(field, out);
-    out->push_back(end);
+char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at) {
+  const auto text = [&at](std::string_view field, char end = ',') {
+    at = WriteCsvText(field, at);
+    *at++ = end;
   };
-  const auto number = [out](auto... value_and_digits) {
-    oxEventAppendNumber(value_and_digits..., out);
-    out->push_back(',');
+  const auto number = [&at](auto... value_and_digits) {
+    at = oxEventWriteNumber(value_and_digits..., at);
+    *at++ = ',';
   };
   number(OXEVENT_API_VERSION);
   number(event.event_id);
-  UtcIsoNanoFromNs(event.utc_ns, out);
-  out->push_back(',');
+  at = WriteUtcNano(event.utc_ns, at);
+  *at++ = ',';
   number(event.utc_ns);
   text(oxEventSeverityName(event.severity, "unknown"));
   text(event.action);
@@ -166,6 +191,7 @@ void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out) {
   number(event.pts);
   text(event.timecode);
   text(event.details_json, '\n');
+  return at;
 }
 
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out) {
@@ -204,7 +230,7 @@ void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view
   object.AddStringField("specversion", "1.0");
   object.AddName("id");
   out->push_back('"');
-  oxEventAppendNumber(event.event_id, out);
+  oxEventAppendNumber(out, event.event_id);
   out->push_back('"');
   object.AddStringField("source", first_non_empty(source, event.source_name, "/oxEvent"));
   object.AddStringField("type", first_non_empty(event.event_type, "oxEvent.event", ""));

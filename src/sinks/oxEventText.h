@@ -78,8 +78,9 @@ void UtcIsoFromNs(uint64_t ns, std::string* out);
 // The same always with nine digits: 2023-11-14T22:13:20.000000000Z.
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out);
 
-void CsvQuote(std::string_view text, std::string* out);                    // RFC 4180, section 2.
-void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out);  // Of the CSV file, with its line feed.
+// The CSV file's row (RFC 4180, section 2), with its line feed, into memory of at least that capacity. Returns the end.
+size_t CsvRowCapacity(const oxEventNormalizedEvent& event);
+char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at);
 
 // The library's own JSON document for one event.
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out);
