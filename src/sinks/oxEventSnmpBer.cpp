@@ -1,5 +1,7 @@
 #include "sinks/oxEventSnmpBer.h"
 
+#include <algorithm>
+#include <bit>
 #include <charconv>
 #include <system_error>
 
@@ -7,12 +9,23 @@ namespace SnmpBer {
 
 namespace {
 
-// Big-endian without leading zeros; at least one byte.
-void AppendBigEndian(size_t value, std::string* out) {
-  int shift = 8 * (static_cast<int>(sizeof(value)) - 1);
-  while (shift > 0 && value >> shift == 0) shift -= 8;
-  for (; shift >= 0; shift -= 8) out->push_back(static_cast<char>(value >> shift & 0xFF));
+constexpr size_t kShortForm = 127;  // The largest length in one byte (X.690, section 8.1.3).
+
+size_t ByteCount(size_t value) { return (static_cast<size_t>(std::bit_width(value)) + 7) / 8; }
+
+void AppendBigEndian(size_t value, size_t count, std::string* out) {
+  while (count-- > 0) out->push_back(static_cast<char>(value >> (8 * count) & 0xFF));
 }
+
+// The tag and the length of the content, in the fewest bytes.
+void AppendHead(Tag tag, size_t length, std::string* out) {
+  out->push_back(static_cast<char>(tag));
+  const size_t count = ByteCount(length);
+  if (length > kShortForm) out->push_back(static_cast<char>(0x80 | count));
+  AppendBigEndian(length, std::max<size_t>(count, 1), out);
+}
+
+size_t HeadSize(size_t length) { return length > kShortForm ? 2 + ByteCount(length) : 2; }
 
 void AppendBase128(uint32_t arc, std::string* out) {
   int shift = 28;
@@ -54,24 +67,20 @@ bool AppendArcs(std::string_view dotted, std::string* out) {
 }  // namespace
 
 void Wrap(Tag tag, size_t begin, std::string* out) {
-  std::string head(1, static_cast<char>(tag));  // At most ten bytes: needs no memory.
-  const size_t length = out->size() - begin;
-  AppendBigEndian(length, &head);
-  if (length > 127) head.insert(1, 1, static_cast<char>(0x80 | (head.size() - 1)));
+  std::string head;  // At most ten bytes: needs no memory.
+  AppendHead(tag, out->size() - begin, &head);
   out->insert(begin, head);
 }
 
 void Integer(Tag tag, uint32_t value, std::string* out) {
-  const size_t begin = out->size();
-  AppendBigEndian(value, out);
-  if (static_cast<unsigned char>((*out)[begin]) >= 0x80) out->insert(begin, 1, '\0');  // Else it were negative.
-  Wrap(tag, begin, out);
+  const size_t length = static_cast<size_t>(std::bit_width(value)) / 8 + 1;  // With a bit for the sign.
+  AppendHead(tag, length, out);
+  AppendBigEndian(value, length, out);
 }
 
 void OctetString(std::string_view text, std::string* out) {
-  const size_t begin = out->size();
+  AppendHead(kOctetString, text.size(), out);
   out->append(text);
-  Wrap(kOctetString, begin, out);
 }
 
 bool ObjectIdentifier(std::string_view dotted, std::string* out) {
@@ -85,16 +94,15 @@ bool ObjectIdentifier(std::string_view dotted, std::string* out) {
 }
 
 void AppendVarBind(std::string_view oid, std::string_view value, std::string* list) {
-  const size_t begin = list->size();
+  AppendHead(kSequence, oid.size() + value.size(), list);
   list->append(oid).append(value);
-  Wrap(kSequence, begin, list);
 }
 
 void AppendStringVarBind(std::string_view oid, std::string_view text, size_t max_length, std::string* list) {
-  const size_t begin = list->size();
+  text = text.substr(0, max_length);
+  AppendHead(kSequence, oid.size() + HeadSize(text.size()) + text.size(), list);
   list->append(oid);
-  OctetString(text.substr(0, max_length), list);
-  Wrap(kSequence, begin, list);
+  OctetString(text, list);
 }
 
 }  // namespace SnmpBer
