@@ -65,7 +65,6 @@ struct Worker {
   std::atomic<pid_t> tid = 0;
   clockid_t cpu_clock = 0;
   std::atomic<size_t> allocations = 0;
-  std::atomic<uint64_t> delivered = 0;
 
   uint64_t CpuNs() const { return tid == 0 ? 0 : Now(cpu_clock); }
 
@@ -147,6 +146,14 @@ size_t Run(const Load& load, uint32_t events) {
   return load.pace == Pace::kStorms ? Storms(load, events) : OneThread(load, events);
 }
 
+// Warms up: the queue holds as much as it ever will, and has what memory it will need.
+void FillQueue(const Load& load) {
+  oxEventRecord record = OrdinaryRecord();
+  const uint32_t events = load.queue_size + load.queue_size / 2 + kStorm;
+  for (uint32_t i = 0; i < events; ++i) SubmitOne(&record, i % load.events);
+  PeerDrain();
+}
+
 uint64_t ResidentKib() {
   std::ifstream statm("/proc/self/statm");
   uint64_t size = 0;
@@ -196,12 +203,11 @@ int Measure(const Load& load, const std::string& folder) {
   g_delivered_ns.assign(load.events, 1);
   const uint64_t resident_before = ResidentKib();
   PeerStart(folder, load.queue_size);
-  // Warms up with what the load will need at most: a storm, or all of a load that fills a large queue.
   g_first_id = 0;
-  Run(load, load.pace == Pace::kStorms ? 5 * kStorm : load.queue_size > kStorm * 2 ? load.events : load.events / 10);
+  if (kHasWorker) FillQueue(load);
+  Run(load, load.pace == Pace::kStorms ? 5 * kStorm : load.events / 10);
 
   std::fill(g_delivered_ns.begin(), g_delivered_ns.end(), 0);
-  g_worker.delivered = 0;
   g_first_id = load.events;
   const size_t allocations_before = g_worker.allocations;
   const uint64_t cpu_before = g_worker.CpuNs();
@@ -236,6 +242,7 @@ int Measure(const Load& load, const std::string& folder) {
     const double seconds = static_cast<double>(last - g_submitted_ns[0]) / kNsPerSecond;
     printf(R"("delay_ns":null,"lost":0,"events_per_s":%.0f,)", events / seconds);
     printf(R"("worker_allocations":null,"worker_cpu_ns":null,"worker_wakeups":null,)");
+    printf(R"("quiet_cpu_ns":null,"quiet_wakeups":null,)");
   }
   PrintSubmitTimes();
   printf(R"("caller_allocations":%.6g,"memory_kib":%lu})"
