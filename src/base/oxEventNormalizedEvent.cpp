@@ -15,6 +15,13 @@ constexpr std::string_view Event::*kTexts[] = {
     &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
 
+// Of all texts and a NUL behind each.
+size_t SizeOfTexts(const Event& event) {
+  size_t size = std::size(kTexts);
+  for (const auto text : kTexts) size += (event.*text).size();
+  return size;
+}
+
 }  // namespace
 
 oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
@@ -42,10 +49,12 @@ oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
   return record;
 }
 
+bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
+  return SizeOfTexts(event) <= capacity_;
+}
+
 void oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
-  size_t size = 0;
-  for (const auto text : kTexts) size += (from.*text).size() + 1;
-  if (size > capacity_) {
+  if (const size_t size = SizeOfTexts(from); size > capacity_) {
     const size_t capacity = std::bit_ceil(size);  // So that events of all sizes soon fit.
     texts_ = std::make_unique_for_overwrite<char[]>(capacity);
     capacity_ = capacity;

@@ -37,6 +37,9 @@ struct oxEventNormalizedEvent {
 // A copy of a normalized event, with the texts in one block of memory that serves the next event too.
 class oxEventStoredEvent {
  public:
+  // Whether Assign will do without more memory.
+  bool HasRoomFor(const oxEventNormalizedEvent& event) const;
+
   // Throws when there is no memory; then nothing has changed.
   void Assign(const oxEventNormalizedEvent& from);
 

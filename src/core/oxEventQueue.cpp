@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <utility>
 
 namespace {
@@ -17,6 +16,50 @@ void Set(bool* flag, bool value) {
 bool IsDebugOrInfo(uint32_t severity) { return severity < OXEVENT_SEVERITY_WARNING; }
 
 }  // namespace
+
+struct oxEventQueue::Item {
+  uint64_t order = 0;  // Of arrival.
+  Item* next = nullptr;
+  Item* previous = nullptr;
+  oxEventStoredEvent event;
+};
+
+void oxEventQueue::ItemDeleter::operator()(Item* item) const { delete item; }
+
+oxEventQueue::Items::~Items() {
+  while (!IsEmpty()) PopFront();
+}
+
+void oxEventQueue::Items::PushBack(Spare item) {
+  Item* const added = item.release();
+  added->previous = back_;
+  (IsEmpty() ? front_ : back_->next) = added;
+  back_ = added;
+  ++size_;
+}
+
+// The next one is not touched: its memory may be far away, and the lock is held.
+oxEventQueue::Spare oxEventQueue::Items::PopFront() {
+  Spare item(front_);
+  front_ = item->next;
+  --size_;
+  return item;
+}
+
+oxEventQueue::Spare oxEventQueue::Items::PopBack() {
+  Spare item(back_);
+  back_ = item->previous;
+  --size_;
+  return item;
+}
+
+void oxEventQueue::Items::Take(Items* from) {
+  if (from->IsEmpty()) return;
+  from->front_->previous = back_;
+  (IsEmpty() ? front_ : back_->next) = from->front_;
+  back_ = from->back_;
+  size_ += std::exchange(from->size_, 0);
+}
 
 void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
   Items garbage;  // Freed with the lock released, as below.
@@ -33,11 +76,12 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   uint32_t discarded = 0;
   bool fits = false;
   while (!fits) {
-    Items garbage;  // Freed with the lock released.
+    Items garbage;
+    std::vector<Spare> more_garbage;
     oxEventLock lock(mutex_);
     policy_ = policy;
     capacity_ = std::max(capacity, 1u);
-    if (free_.size() > capacity_) garbage.swap(free_);
+    if (free_.size() > capacity_) more_garbage.swap(free_);
     discarded += TrimLocked(&garbage);
     fits = PendingLocked() <= capacity_;
     if (fits) SignalIfDrainedLocked();
@@ -45,46 +89,42 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   return discarded;
 }
 
-uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped) {
+uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped, Spare* spare) {
   Set(accepted, false);
   Set(dropped, false);
-  Items item;  // One; filled with the lock released, so that a long text delays nobody else.
-  {
+  Spare own;
+  Spare& item = spare != nullptr ? *spare : own;
+  if (item == nullptr || !item->event.HasRoomFor(event)) {
+    // It costs memory: not for an event that is not taken.
     oxEventLock lock(mutex_);
-    if (!IsAcceptingLocked()) return OXEVENT_NOT_INITIALIZED;
-    if (!HasRoomLocked()) {
-      Set(dropped, true);
-      return OXEVENT_OK;
-    }
-    if (!free_.empty()) item.splice(item.begin(), free_, free_.begin());
+    if (!IsAcceptingLocked() || !HasRoomLocked()) return RefuseLocked(dropped);
+    if (item == nullptr) item = TakeFreeLocked();
   }
-  if (item.empty()) item.emplace_back();
-  item.front().event.Assign(event);
+  // With the lock released, so that a long text delays nobody else.
+  if (item == nullptr) item.reset(new Item);
+  item->event.Assign(event);
 
   bool wake = false;
+  bool full = false;
+  uint32_t result = OXEVENT_OK;
   {
     oxEventLock lock(mutex_);
-    const bool accepting = IsAcceptingLocked();
-    const bool full = PendingLocked() >= capacity_;
-    Set(dropped, accepting && full);
-    if (!accepting || !HasRoomLocked()) {
-      RecycleLocked(item, item.begin());
-      return accepting ? OXEVENT_OK : OXEVENT_NOT_INITIALIZED;
+    full = PendingLocked() >= capacity_;
+    if (!IsAcceptingLocked() || !HasRoomLocked()) {
+      result = RefuseLocked(dropped);
+    } else {
+      wake = AppendLocked(&item, full);
+      Set(accepted, true);
+      Set(dropped, full);
     }
-    if (full) RecycleLocked(debug_info_, debug_info_.begin());
-    item.front().order = next_order_++;
-    Items& pending = IsDebugOrInfo(event.severity) ? debug_info_ : warning_error_;
-    pending.splice(pending.end(), item);
-    const bool fills = PendingLocked() >= capacity_ / 2;
-    wake = (rest_ == Rest::kSleep || fills) && EndRestLocked();
   }
-  Set(accepted, true);
   if (wake) not_empty_.NotifyOne();  // With the lock released, or the worker would wake up to wait for it.
-  return OXEVENT_OK;
+  if (full && item != nullptr) item->event.ReleaseLongTexts();  // Of the event that was lost.
+  return result;
 }
 
 const oxEventNormalizedEvent* oxEventQueue::WaitPop() {
-  if (!active_.empty()) active_.front().event.ReleaseLongTexts();
+  if (!active_.IsEmpty()) active_.Front().event.ReleaseLongTexts();
   oxEventLock lock(mutex_);
   CompleteActiveEventLocked();
   while (PendingLocked() == 0) {
@@ -92,10 +132,9 @@ const oxEventNormalizedEvent* oxEventQueue::WaitPop() {
     RestLocked();
   }
   nap_first_ = true;
-  Items& oldest = OldestLocked();
-  active_.splice(active_.end(), oldest, oldest.begin());
+  active_.PushBack(OldestLocked().PopFront());
   ++active_count_;
-  return &active_.back().event.Get();
+  return &active_.Back().event.Get();
 }
 
 void oxEventQueue::CompleteActiveEvent() {
@@ -123,6 +162,11 @@ bool oxEventQueue::HasPending() {
   return PendingLocked() != 0;
 }
 
+uint64_t oxEventQueue::EnqueueCount() {
+  oxEventLock lock(mutex_);
+  return enqueue_count_;
+}
+
 void oxEventQueue::StopAccepting() {
   oxEventLock lock(mutex_);
   accepting_ = false;
@@ -146,9 +190,10 @@ uint64_t oxEventQueue::DropPending() {
 
 void oxEventQueue::Reset() {
   Items garbage;
+  std::vector<Spare> more_garbage;
   oxEventLock lock(mutex_);
   DropAllLocked(&garbage);
-  garbage.splice(garbage.end(), free_);
+  more_garbage.swap(free_);
   active_count_ = 0;
   accepting_ = false;
   stop_requested_ = false;
@@ -157,11 +202,32 @@ void oxEventQueue::Reset() {
 
 // Whether one more event can be taken, perhaps at the cost of an older one.
 bool oxEventQueue::HasRoomLocked() const {
-  return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.empty());
+  return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.IsEmpty());
+}
+
+// An event that is not taken: for want of room it is lost.
+uint32_t oxEventQueue::RefuseLocked(bool* dropped) {
+  ++enqueue_count_;
+  if (!IsAcceptingLocked()) return OXEVENT_NOT_INITIALIZED;
+  Set(dropped, true);
+  return OXEVENT_OK;
+}
+
+// In place of the oldest event below warning when the queue is full. *item becomes memory for the next event, or null.
+// Returns whether the worker is to be woken. Throws when there is no memory; then nothing has changed.
+bool oxEventQueue::AppendLocked(Spare* item, bool full) {
+  ReserveFreeLocked();
+  ++enqueue_count_;
+  Spare next = full ? debug_info_.PopFront() : TakeFreeLocked();
+  (*item)->order = next_order_++;
+  Items& pending = IsDebugOrInfo((*item)->event.Get().severity) ? debug_info_ : warning_error_;
+  pending.PushBack(std::exchange(*item, std::move(next)));
+  const bool fills = PendingLocked() >= capacity_ / 2;
+  return (rest_ == Rest::kSleep || fills) && EndRestLocked();
 }
 
 void oxEventQueue::CompleteActiveEventLocked() {
-  if (!active_.empty()) RecycleLocked(active_, active_.begin());
+  if (!active_.IsEmpty()) RecycleLocked(active_.PopFront());
   if (active_count_ > 0) --active_count_;
   SignalIfDrainedLocked();
 }
@@ -181,47 +247,54 @@ void oxEventQueue::RestLocked() {
 // Whether there is a rest to end: the worker is to be notified, by this caller alone.
 bool oxEventQueue::EndRestLocked() { return std::exchange(rest_, Rest::kNone) != Rest::kNone; }
 
-bool oxEventQueue::DropDebugInfoFirstLocked(Items* garbage) {
-  if (debug_info_.empty()) return false;
-  garbage->splice(garbage->end(), debug_info_, debug_info_.begin());
-  return true;
+// The list with the newest pending event; there is one.
+oxEventQueue::Items& oxEventQueue::NewestLocked() {
+  if (debug_info_.IsEmpty()) return warning_error_;
+  if (warning_error_.IsEmpty()) return debug_info_;
+  return debug_info_.Back().order > warning_error_.Back().order ? debug_info_ : warning_error_;
 }
 
-void oxEventQueue::DropNewestLocked(Items* garbage) {
-  const bool in_debug_info =
-      warning_error_.empty() || (!debug_info_.empty() && debug_info_.back().order > warning_error_.back().order);
-  Items& newest = in_debug_info ? debug_info_ : warning_error_;
-  garbage->splice(garbage->end(), newest, std::prev(newest.end()));
+// The list with the oldest.
+oxEventQueue::Items& oxEventQueue::OldestLocked() {
+  if (debug_info_.IsEmpty()) return warning_error_;
+  if (warning_error_.IsEmpty()) return debug_info_;
+  return debug_info_.Front().order < warning_error_.Front().order ? debug_info_ : warning_error_;
 }
 
 // A few at a time, since submitters want the lock too.
 uint32_t oxEventQueue::TrimLocked(Items* garbage) {
   uint32_t discarded = 0;
   for (; discarded < kTrimAtOnce && PendingLocked() > capacity_; ++discarded) {
-    const bool low_first = policy_ == oxEventDropPolicy::kDropDebugInfoFirst;
-    if (!low_first || !DropDebugInfoFirstLocked(garbage)) DropNewestLocked(garbage);
+    const bool low_first = policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.IsEmpty();
+    garbage->PushBack(low_first ? debug_info_.PopFront() : NewestLocked().PopBack());
   }
   return discarded;
 }
 
 uint64_t oxEventQueue::DropAllLocked(Items* garbage) {
   const uint64_t discarded = PendingLocked();
-  garbage->splice(garbage->end(), debug_info_);
-  garbage->splice(garbage->end(), warning_error_);
+  garbage->Take(&debug_info_);
+  garbage->Take(&warning_error_);
   return discarded;
 }
 
-// The list whose front is the oldest pending event; there is one.
-oxEventQueue::Items& oxEventQueue::OldestLocked() {
-  if (debug_info_.empty()) return warning_error_;
-  if (warning_error_.empty()) return debug_info_;
-  return debug_info_.front().order < warning_error_.front().order ? debug_info_ : warning_error_;
+// Null: there is none.
+oxEventQueue::Spare oxEventQueue::TakeFreeLocked() {
+  if (free_.empty()) return nullptr;
+  Spare item = std::move(free_.back());
+  free_.pop_back();
+  return item;
 }
 
-void oxEventQueue::RecycleLocked(Items& from, Items::iterator item) {
-  item->event.ReleaseLongTexts();
-  free_.splice(free_.begin(), from, item);
-  if (free_.size() > capacity_) free_.pop_back();
+// So that RecycleLocked needs no memory for the event that is about to be queued. Throws when there is none.
+void oxEventQueue::ReserveFreeLocked() {
+  const size_t items = PendingLocked() + active_.Size() + free_.size() + 1;
+  if (items > free_.capacity()) free_.reserve(2 * items);
+}
+
+// Without long texts.
+void oxEventQueue::RecycleLocked(Spare item) {
+  if (free_.size() < std::min<size_t>(capacity_, free_.capacity())) free_.push_back(std::move(item));
 }
 
 void oxEventQueue::SignalIfDrainedLocked() {

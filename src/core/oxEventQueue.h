@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <list>
+#include <memory>
+#include <vector>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
@@ -13,6 +15,13 @@
 // up to its capacity, and keeps it for the next events.
 class oxEventQueue {
  public:
+  // Memory for one event. A submitting thread keeps one between its events, so that it need not come for it first.
+  struct Item;
+  struct ItemDeleter {
+    void operator()(Item* item) const;
+  };
+  using Spare = std::unique_ptr<Item, ItemDeleter>;
+
   oxEventQueue() = default;
   oxEventQueue(const oxEventQueue&) = delete;
   oxEventQueue& operator=(const oxEventQueue&) = delete;
@@ -24,9 +33,11 @@ class oxEventQueue {
   uint32_t Configure(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
 
   // Queues a copy. Never waits for space. *accepted: the event is queued; *dropped: an event was lost, this one or an
-  // older one that made room; either may be null. Returns 0, for a full queue too, or OXEVENT_NOT_INITIALIZED when the
-  // queue does not accept. Throws when there is no memory; then nothing has changed.
-  uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped) OX_EXCLUDES(mutex_);
+  // older one that made room; either may be null. *spare: used, and filled again from what the queue keeps; may be
+  // null. Returns 0, for a full queue too, or OXEVENT_NOT_INITIALIZED when the queue does not accept. Throws when there
+  // is no memory; then nothing has changed.
+  uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped, Spare* spare = nullptr)
+      OX_EXCLUDES(mutex_);
 
   // Waits for an event and takes the oldest; the one before, if any, is then delivered. Null: stop requested, and
   // nothing is left. How it waits: Rest, below.
@@ -40,6 +51,7 @@ class oxEventQueue {
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   bool HasPending() OX_EXCLUDES(mutex_);
+  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Of the calls that did not throw. Start and Reset leave it.
 
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
@@ -47,11 +59,28 @@ class oxEventQueue {
   void Reset() OX_EXCLUDES(mutex_);            // As constructed; to be called when the worker has ended.
 
  private:
-  struct Item {
-    oxEventStoredEvent event;
-    uint64_t order = 0;  // Of arrival.
+  // Owns its items.
+  class Items {
+   public:
+    Items() = default;
+    ~Items();
+    Items(const Items&) = delete;
+    Items& operator=(const Items&) = delete;
+
+    bool IsEmpty() const { return size_ == 0; }
+    size_t Size() const { return size_; }
+    Item& Front() { return *front_; }
+    Item& Back() { return *back_; }
+    void PushBack(Spare item);
+    Spare PopFront();
+    Spare PopBack();
+    void Take(Items* from);  // All of them.
+
+   private:
+    Item* front_ = nullptr;
+    Item* back_ = nullptr;
+    size_t size_ = 0;
   };
-  using Items = std::list<Item>;
 
   // Waking a sleeping thread costs a submitter twenty times what queueing an event does. So after an event the worker
   // first naps: events that come meanwhile wait for its end, and wake nobody, unless the queue fills. After a nap that
@@ -60,29 +89,31 @@ class oxEventQueue {
 
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
   bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return PendingLocked() == 0 && active_count_ == 0; }
-  size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.size() + warning_error_.size(); }
+  size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.Size() + warning_error_.Size(); }
   bool HasRoomLocked() const OX_REQUIRES(mutex_);
+  uint32_t RefuseLocked(bool* dropped) OX_REQUIRES(mutex_);
+  bool AppendLocked(Spare* item, bool full) OX_REQUIRES(mutex_);
   void RestLocked() OX_REQUIRES(mutex_);
   void CompleteActiveEventLocked() OX_REQUIRES(mutex_);
   bool EndRestLocked() OX_REQUIRES(mutex_);
-  bool DropDebugInfoFirstLocked(Items* garbage) OX_REQUIRES(mutex_);
-  void DropNewestLocked(Items* garbage) OX_REQUIRES(mutex_);
+  Items& NewestLocked() OX_REQUIRES(mutex_);
+  Items& OldestLocked() OX_REQUIRES(mutex_);
   uint32_t TrimLocked(Items* garbage) OX_REQUIRES(mutex_);
   uint64_t DropAllLocked(Items* garbage) OX_REQUIRES(mutex_);
-  Items& OldestLocked() OX_REQUIRES(mutex_);
-  void RecycleLocked(Items& from, Items::iterator item) OX_REQUIRES(mutex_);
+  Spare TakeFreeLocked() OX_REQUIRES(mutex_);
+  void ReserveFreeLocked() OX_REQUIRES(mutex_);
+  void RecycleLocked(Spare item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
 
   oxEventMutex mutex_;
-  oxEventCondition not_empty_;
-  oxEventCondition drained_;
   // Pending events, oldest at the front. Two lists, so that the oldest event below warning is found without a search;
   // `order` tells which list's front is next.
   Items debug_info_ OX_GUARDED_BY(mutex_);
   Items warning_error_ OX_GUARDED_BY(mutex_);
-  Items free_ OX_GUARDED_BY(mutex_);  // Kept for the next events.
-  Items active_;                      // The worker's alone.
+  // Kept for the next events, the last used at the end. There is room for the pending and active ones too.
+  std::vector<Spare> free_ OX_GUARDED_BY(mutex_);
   uint64_t next_order_ OX_GUARDED_BY(mutex_) = 0;
+  uint64_t enqueue_count_ OX_GUARDED_BY(mutex_) = 0;
   uint32_t capacity_ OX_GUARDED_BY(mutex_) = 1;
   oxEventDropPolicy policy_ OX_GUARDED_BY(mutex_) = oxEventDropPolicy::kDropNewest;
   uint32_t active_count_ OX_GUARDED_BY(mutex_) = 0;
@@ -91,4 +122,7 @@ class oxEventQueue {
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
   Rest rest_ OX_GUARDED_BY(mutex_) = Rest::kNone;  // The worker's.
   bool nap_first_ OX_GUARDED_BY(mutex_) = false;   // The last rest brought an event.
+  oxEventCondition not_empty_;
+  oxEventCondition drained_;
+  Items active_;  // Changed by the worker alone, with the lock held.
 };

@@ -1,6 +1,10 @@
 #include "core/oxEventRouter.h"
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <algorithm>
+#include <bit>
 #include <iterator>
 #include <utility>
 
@@ -17,44 +21,62 @@ bool IsUsable(const std::shared_ptr<const oxEventConfig>& config) {
 
 }  // namespace
 
+class oxEventRouter::PlaceHolder {
+ public:
+  explicit PlaceHolder(Places* places) : place_(Take(places)) {}
+  ~PlaceHolder() { place_.holder.store(0, std::memory_order_release); }
+  PlaceHolder(const PlaceHolder&) = delete;
+  PlaceHolder& operator=(const PlaceHolder&) = delete;
+
+  oxEventQueue::Spare* Spare() const { return &place_.spare; }
+
+ private:
+  // The thread's own, or the next that nobody is in.
+  static Place& Take(Places* places) {
+    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;  // 2^64 by the golden ratio.
+    constexpr int kShift = 64 - std::countr_zero(std::tuple_size_v<Places>);
+    const pthread_t self = pthread_self();
+    for (size_t i = self * kSpread >> kShift;; ++i) {
+      Place& place = (*places)[i % places->size()];
+      if (pthread_t nobody = 0; place.holder.compare_exchange_strong(nobody, self)) return place;
+    }
+  }
+
+  Place& place_;
+};
+
 uint32_t oxEventRouter::Start(std::shared_ptr<const oxEventConfig> config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
   oxEventLock lock(mutex_);
-  if (running_) return OXEVENT_ALREADY_INITIALIZED;
+  if (running_ != nullptr) return OXEVENT_ALREADY_INITIALIZED;
   if (closed_) return OXEVENT_NOT_INITIALIZED;  // The process is exiting.
   auto run = std::make_shared<Run>();
   retired_.reserve(retired_.size() + 1);  // So that the worker can retire its run without memory.
+  run->Configure(*config);
   run->state.Configure(*config);
   run->queue.Start(config->queue_size, config->drop_policy);
   run->StartWorker();
   run_ = std::move(run);
-  config_ = std::move(config);
-  running_ = true;
+  running_ = run_.get();
   return OXEVENT_OK;
 }
 
 uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
-  SharedRun run;
-  bool wanted = false;
-  {
-    oxEventLock lock(mutex_);
-    if (!running_) return OXEVENT_NOT_INITIALIZED;
-    run = run_;
-    wanted = config_->enabled && oxEventSeverityMeetsMinimum(event.severity, config_->minimum_severity);
-  }
-  ++run->submitted;
-  if (!wanted) {
-    run->AddDropped(1);
+  const PlaceHolder place(&places_);
+  Run* const run = running_;
+  if (run == nullptr) return OXEVENT_NOT_INITIALIZED;
+  if (!run->Wants(event.severity)) {
+    ++run->turned_away;
     return OXEVENT_OK;
   }
   bool accepted = false;
   bool dropped = false;
   try {
-    const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped);
+    const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped, place.Spare());
     if (dropped) run->AddDropped(1);
     return result;
   } catch (...) {
-    run->AddDropped(1);  // No memory for the copy.
+    ++run->turned_away;  // No memory for the copy.
     throw;
   }
 }
@@ -74,12 +96,13 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   SharedRun run;
   {
     oxEventLock lock(mutex_);
-    if (!running_) return OXEVENT_NOT_INITIALIZED;
-    running_ = false;
+    if (running_ == nullptr) return OXEVENT_NOT_INITIALIZED;
+    running_ = nullptr;
     run = run_;
     if (run->IsWorker()) retired_.push_back(run);
   }
   run->queue.StopAccepting();
+  WaitForSubmitters();
   uint32_t result = OXEVENT_OK;
   // Without time there is no waiting: what is queued goes at once. The worker cannot wait for itself.
   const bool waits = timeout_ms != 0 && !run->IsWorker();
@@ -95,10 +118,6 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   }
   run->queue.RequestStop();
   if (!run->IsWorker()) run->JoinWorker();
-  {
-    oxEventLock lock(mutex_);
-    config_ = nullptr;
-  }
   if (!run->IsWorker()) {
     run->queue.Reset();
     run->state.Reset();
@@ -111,10 +130,10 @@ uint32_t oxEventRouter::ReloadConfig(const std::shared_ptr<const oxEventConfig>&
   SharedRun run;
   {
     oxEventLock lock(mutex_);
-    if (!running_) return OXEVENT_NOT_INITIALIZED;
-    config_ = config;
+    if (running_ == nullptr) return OXEVENT_NOT_INITIALIZED;
     run = run_;
   }
+  run->Configure(*config);
   run->state.Configure(*config);
   run->AddDropped(run->queue.Configure(config->queue_size, config->drop_policy));
   return OXEVENT_OK;
@@ -139,7 +158,9 @@ oxEventCounters oxEventRouter::GetCounters() {
     run = run_;
   }
   if (run == nullptr) return {};
-  return {run->submitted, run->emitted, run->dropped, run->sink_failures, run->sink_warnings};
+  const uint64_t turned_away = run->turned_away;
+  return {run->queue.EnqueueCount() + turned_away, run->emitted, run->dropped + turned_away, run->sink_failures,
+          run->sink_warnings};
 }
 
 void oxEventRouter::Close() {
@@ -177,9 +198,22 @@ void oxEventRouter::Join(SharedRun* run) {
   exiting_ = std::move(*run);
 }
 
+// After running_ has changed: until everyone who has seen what it was is out. Frees what they kept. Not for the calling
+// thread, when a signal handler that exits has interrupted its Submit.
+void oxEventRouter::WaitForSubmitters() {
+  const pthread_t self = pthread_self();
+  for (Place& place : places_) {
+    pthread_t holder = 0;
+    for (; !place.holder.compare_exchange_weak(holder, self) && holder != self; holder = 0) sched_yield();
+    if (holder == self) continue;
+    place.spare.reset();
+    place.holder = 0;
+  }
+}
+
 oxEventRouter::SharedRun oxEventRouter::RunningRun() {
   oxEventLock lock(mutex_);
-  return running_ ? run_ : nullptr;
+  return running_ != nullptr ? run_ : nullptr;
 }
 
 namespace {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <pthread.h>
+
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -37,7 +40,7 @@ class oxEventRouter {
   uint32_t Start(std::shared_ptr<const oxEventConfig> config) OX_EXCLUDES(mutex_);
 
   // Filters and queues a copy. 0 for a dropped event too. Never waits for the worker.
-  uint32_t Submit(const oxEventNormalizedEvent& event) OX_EXCLUDES(mutex_);
+  uint32_t Submit(const oxEventNormalizedEvent& event);
 
   // Waits until everything is delivered (0: without limit), then flushes the sinks, which get the whole time again.
   // On the worker: OXEVENT_FAILURE at once when events are pending.
@@ -66,15 +69,26 @@ class oxEventRouter {
   class Run;
   using SharedRun = std::shared_ptr<Run>;
 
+  // A submitting thread takes one for a call, mostly the same one each time. While it has it, the run that it found is
+  // not ended; and the memory that its next event goes into is its own, so that it has to come for one lock only.
+  struct alignas(64) Place {  // On a cache line of its own.
+    std::atomic<pthread_t> holder = 0;
+    oxEventQueue::Spare spare;
+  };
+  using Places = std::array<Place, 32>;
+  class PlaceHolder;
+
+  void WaitForSubmitters();
   SharedRun RunningRun() OX_EXCLUDES(mutex_);
   static void End(Run& run);
   void Join(SharedRun* run) OX_EXCLUDES(mutex_);
 
+  Places places_;
+  std::atomic<Run*> running_ = nullptr;  // Changed with mutex_ held. For Submit, which takes no lock for it.
+
   // Never held while the queue, the state or the sinks are called, but for those of a new run in Start.
   oxEventMutex mutex_;
-  std::shared_ptr<const oxEventConfig> config_ OX_GUARDED_BY(mutex_);  // Null while stopped.
-  SharedRun run_ OX_GUARDED_BY(mutex_);                                // Kept after Stop, for its counters.
-  bool running_ OX_GUARDED_BY(mutex_) = false;
+  SharedRun run_ OX_GUARDED_BY(mutex_);  // Kept after Stop, for its counters.
   bool closed_ OX_GUARDED_BY(mutex_) = false;
   // Runs that their own worker stopped; owned until that thread can be joined.
   std::vector<SharedRun> retired_ OX_GUARDED_BY(mutex_);

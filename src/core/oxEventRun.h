@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "base/oxEventSeverity.h"
 #include "core/oxEventRouter.h"
 
 // One Start to Stop of the router. Whoever drops the last reference must have joined the worker, or be its child by
@@ -22,15 +23,20 @@ class oxEventRouter::Run {
 
   void AddDropped(uint64_t n) { dropped += n; }
 
+  // Which events Submit lets through to the queue.
+  void Configure(const oxEventConfig& config) { minimum_ = config.enabled ? config.minimum_severity : UINT32_MAX; }
+  bool Wants(uint32_t severity) const { return oxEventSeverityMeetsMinimum(severity, minimum_); }
+
   oxEventQueue queue;
   oxEventState state;
-  std::atomic<uint64_t> submitted = 0;
+  std::atomic<uint64_t> turned_away = 0;  // Submitted and dropped, before the queue saw them.
   std::atomic<uint64_t> emitted = 0;
   std::atomic<uint64_t> dropped = 0;
   std::atomic<uint64_t> sink_failures = 0;
   std::atomic<uint64_t> sink_warnings = 0;
 
  private:
+  std::atomic<uint32_t> minimum_ = UINT32_MAX;
   void RouterMain();
   void Deliver(const oxEventNormalizedEvent& event);
 
