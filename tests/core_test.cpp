@@ -82,6 +82,16 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
   EXPECT_EQ((event.threshold = 1.00001, twice()), "update-");
   event.threshold = 1.00001000001, event.event_id = event.ptp_ns = 9;  // No change in six digits.
   EXPECT_EQ(outcome(), "-");
+
+  std::string raised[4000];            // The conditions' messages; empty: not raised.
+  for (int i = 0; i < 160'000; ++i) {  // They become many, few, and many again.
+    const long number = random() % 4000;
+    const std::string key = std::string(number % 60, 'k') + std::to_string(number), message(random() % 3 * 40 + 1, 'm');
+    const bool clear = random() % 8 < (i / 40'000 % 2 == 0 ? 1 : 7);
+    const std::string was = std::exchange(raised[number], clear ? "" : message);
+    event.dedupe_key = key, event.message = message, event.action = clear ? "clear" : "update";
+    ASSERT_EQ(outcome(), was.empty() ? (clear ? "-" : "raise") : clear ? "clear" : was == message ? "-" : "update");
+  }
 }
 
 }  // namespace

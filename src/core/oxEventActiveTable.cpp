@@ -1,7 +1,6 @@
 #include "core/oxEventActiveTable.h"
 
-#include <sys/mman.h>
-
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <new>
@@ -10,10 +9,10 @@
 namespace {
 
 constexpr size_t kLineSize = 64;
-constexpr size_t kLeastSlots = 1024;  // 64 KiB: kept for the next conditions, however few are left.
-constexpr size_t kLongTexts = 4096;   // Texts of a removed condition over this are not kept.
+constexpr size_t kLeastSlots = 1024;    // 64 KiB: kept for the next conditions, however few are left.
+constexpr uint8_t kMostLinesKept = 64;  // Of a removed condition: 4 KiB.
 
-// Stand behind their head.
+// What follows the head of a block.
 char* Bytes(auto* texts) { return reinterpret_cast<char*>(texts + 1); }
 const char* Bytes(const auto* texts) { return reinterpret_cast<const char*>(texts + 1); }
 
@@ -25,9 +24,9 @@ void oxEventActiveTable::Prefetch(uint64_t hash) const {
   if (slot_count_ != 0) __builtin_prefetch(&slots_[Home(hash)]);
 }
 
-void oxEventActiveTable::PrefetchTexts(const Condition* condition, size_t signature_size) {
+void oxEventActiveTable::PrefetchTexts(const Condition* condition) {
   const char* const begin = reinterpret_cast<const char*>(condition->texts);
-  for (size_t i = 0; i <= sizeof(Texts) + signature_size; i += kLineSize) __builtin_prefetch(begin + i);
+  for (size_t i = 0; i < condition->texts_lines; ++i) __builtin_prefetch(begin + i * kLineSize);
 }
 
 oxEventActiveTable::Condition* oxEventActiveTable::Find(uint64_t hash, std::string_view key) const {
@@ -45,15 +44,13 @@ std::string_view oxEventActiveTable::Signature(const Condition* condition) {
 
 void oxEventActiveTable::Insert(uint64_t hash, std::string_view key, std::string_view signature,
                                 uint64_t last_sent_ns) {
-  if (count_ >= slot_count_ / 4 * 3 && !Resize(slot_count_ == 0 ? kLeastSlots : slot_count_ * 2))
-    throw std::bad_alloc();
+  if (count_ >= slot_count_ / 4 * 3 && !Resize(std::max(kLeastSlots, slot_count_ * 2))) throw std::bad_alloc();
   const std::string_view start = key.substr(0, Condition::kStartSize), rest = key.substr(start.size());
   Texts* const texts = TakeTexts(rest.size() + signature.size());
-  SetTexts(texts, rest, signature);
   Condition* const condition = FreeSlot(hash);
+  SetTexts(condition, texts, rest, signature);
   condition->last_sent_ns = last_sent_ns;
   condition->hash = hash;
-  condition->texts = texts;
   condition->start_size = static_cast<uint8_t>(start.size());
   std::memcpy(condition->start, start.data(), start.size());
   ++count_;
@@ -63,17 +60,18 @@ void oxEventActiveTable::Update(Condition* condition, std::string_view signature
   Texts* const texts = condition->texts;
   const std::string_view rest = KeyRest(texts);
   if (rest.size() + signature.size() > texts->capacity) {
-    condition->texts = NewTexts(rest.size() + signature.size());
-    SetTexts(condition->texts, rest, signature);
+    SetTexts(condition, NewTexts(rest.size() + signature.size()), rest, signature);
     ::operator delete(texts);
   } else {
-    SetTexts(texts, rest, signature);
+    SetTexts(condition, texts, rest, signature);
   }
   condition->last_sent_ns = last_sent_ns;
 }
 
 void oxEventActiveTable::Remove(Condition* condition) {
   Texts* const texts = condition->texts;
+  const bool keep = spare_count_ < spare_.size() && condition->texts_lines <= kMostLinesKept;
+  if (keep) PrefetchTexts(condition);
   // Each one that follows without a gap moves to the free slot, unless its search would then begin behind it.
   Condition* hole = condition;
   for (size_t i = Next(static_cast<size_t>(hole - slots_)); slots_[i].texts != nullptr; i = Next(i)) {
@@ -85,12 +83,12 @@ void oxEventActiveTable::Remove(Condition* condition) {
   }
   hole->texts = nullptr;
   --count_;
-  if (spare_count_ == spare_.size() || texts->capacity > kLongTexts) {
-    ::operator delete(texts);
-  } else {
+  if (keep) {
     spare_[spare_count_++] = texts;
+  } else {
+    ::operator delete(texts);
   }
-  if (slot_count_ > kLeastSlots && count_ < slot_count_ / 8) Resize(slot_count_ / 2);
+  if (slot_count_ > kLeastSlots && count_ < slot_count_ / 8) Resize(slot_count_ / 2);  // If there is memory.
 }
 
 void oxEventActiveTable::Clear() {
@@ -107,8 +105,12 @@ oxEventActiveTable::Texts* oxEventActiveTable::NewTexts(size_t capacity) {
   return new (::operator new(sizeof(Texts) + capacity)) Texts{capacity, 0, 0};
 }
 
-// `key_rest` may be the one that the texts have.
-void oxEventActiveTable::SetTexts(Texts* texts, std::string_view key_rest, std::string_view signature) {
+// `key_rest` may be the one that stands there.
+void oxEventActiveTable::SetTexts(Condition* condition, Texts* texts, std::string_view key_rest,
+                                  std::string_view signature) {
+  condition->texts = texts;
+  condition->texts_lines =
+      static_cast<uint8_t>(std::min<size_t>((sizeof(Texts) + texts->capacity + kLineSize - 1) / kLineSize, 255));
   if (key_rest.data() != Bytes(texts)) std::memcpy(Bytes(texts), key_rest.data(), key_rest.size());
   std::memcpy(Bytes(texts) + key_rest.size(), signature.data(), signature.size());
   texts->key_rest_size = key_rest.size();

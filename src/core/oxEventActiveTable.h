@@ -7,11 +7,12 @@
 #include <string_view>
 
 // The raised conditions by their keys. Made for a million of them, where time goes by the misses of the caches: a slot
-// is one cache line and holds the begin of the key, mostly all of it, so that to find a condition costs one miss. What
-// is read or written less often, the signature of its last event, lies in a block of its own.
+// is one cache line and holds the beginning of the key, mostly all of it, so that to find a condition takes one miss.
+// The rest of the key, and the signature of the last event that went on, stand in a block of memory of the condition's
+// own.
 //
-// Open addressing with linear probing; at most three quarters of the slots are taken, and a removal leaves no mark. The
-// slots double and halve with the number of conditions. Without memory a call throws and has changed nothing; Remove
+// Open addressing with linear probing: at most three quarters of the slots are taken, and a removal leaves no mark. The
+// slots double and halve with the number of conditions. A call without memory throws and has changed nothing; Remove
 // needs none. Threads: one at a time.
 class oxEventActiveTable {
  private:
@@ -24,9 +25,10 @@ class oxEventActiveTable {
 
    private:
     friend class oxEventActiveTable;
-    static constexpr size_t kStartSize = 39;
-    uint64_t hash;  // Of the key.
-    Texts* texts;   // Null: the slot is free.
+    static constexpr size_t kStartSize = 38;
+    uint64_t hash;        // Of the key.
+    Texts* texts;         // Null: the slot is free.
+    uint8_t texts_lines;  // Cache lines of the block, or 255 if more: known without a miss.
     uint8_t start_size;
     char start[kStartSize];  // Of the key; the rest is in the texts.
   };
@@ -38,9 +40,9 @@ class oxEventActiveTable {
 
   static uint64_t Hash(std::string_view key);
 
-  // Begins to fetch what Find will look at, and what Signature or Update will.
+  // Begin to fetch what Find will look at, and what Signature and Update will.
   void Prefetch(uint64_t hash) const;
-  static void PrefetchTexts(const Condition* condition, size_t signature_size);
+  static void PrefetchTexts(const Condition* condition);
 
   // Null: not raised.
   Condition* Find(uint64_t hash, std::string_view key) const;
@@ -65,7 +67,7 @@ class oxEventActiveTable {
   };
 
   static Texts* NewTexts(size_t capacity);
-  static void SetTexts(Texts* texts, std::string_view key_rest, std::string_view signature);
+  static void SetTexts(Condition* condition, Texts* texts, std::string_view key_rest, std::string_view signature);
   static std::string_view KeyRest(const Texts* texts);
   static bool HasKey(const Condition& condition, std::string_view key);
   size_t Next(size_t slot) const { return (slot + 1) & (slot_count_ - 1); }
@@ -78,7 +80,7 @@ class oxEventActiveTable {
   Condition* slots_ = nullptr;
   size_t slot_count_ = 0;  // 0 or a power of two.
   size_t count_ = 0;       // Of the conditions.
-  // Of removed conditions, for the next ones. Removal needs no memory for its place here.
+  // Of removed conditions, for the next ones: at most 4 KiB each.
   std::array<Texts*, 256> spare_ = {};
   size_t spare_count_ = 0;
 };

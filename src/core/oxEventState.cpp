@@ -116,13 +116,11 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
     return send_clear_;
   }
   if (raised == nullptr && action == Action::kRepeat) return false;
-  if (raised != nullptr && !RepeatElapsed(event.utc_ns, raised->last_sent_ns)) {
-    if (!update || oxEventActiveTable::Signature(raised) == signature_) return false;
-  }
-  if (!update) {
-    if (raised != nullptr) oxEventActiveTable::PrefetchTexts(raised, signature_.size());
-    BuildSignature(event, &signature_);
-  }
+  const bool due = raised == nullptr || RepeatElapsed(event.utc_ns, raised->last_sent_ns);
+  if (!due && !update) return false;
+  if (raised != nullptr) oxEventActiveTable::PrefetchTexts(raised);
+  if (!update) BuildSignature(event, &signature_);
+  if (!due && oxEventActiveTable::Signature(raised) == signature_) return false;
   // Without memory nothing changes: an entry without its signature would be a condition that nobody was told of.
   if (raised == nullptr) {
     active_.Insert(hash, key, signature_, event.utc_ns);
