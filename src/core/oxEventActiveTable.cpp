@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <new>
 #include <utility>
 
@@ -17,12 +16,6 @@ char* Bytes(auto* texts) { return reinterpret_cast<char*>(texts + 1); }
 const char* Bytes(const auto* texts) { return reinterpret_cast<const char*>(texts + 1); }
 
 }  // namespace
-
-uint64_t oxEventActiveTable::Hash(std::string_view key) { return std::hash<std::string_view>()(key); }
-
-void oxEventActiveTable::Prefetch(uint64_t hash) const {
-  if (slot_count_ != 0) __builtin_prefetch(&slots_[Home(hash)]);
-}
 
 void oxEventActiveTable::PrefetchTexts(const Condition* condition) {
   const char* const begin = reinterpret_cast<const char*>(condition->texts);
@@ -51,7 +44,7 @@ void oxEventActiveTable::Insert(uint64_t hash, std::string_view key, std::string
   SetTexts(condition, texts, rest, signature);
   condition->last_sent_ns = last_sent_ns;
   condition->hash = hash;
-  condition->start_size = static_cast<uint8_t>(start.size());
+  condition->start_size = static_cast<uint8_t>(std::min(key.size(), Condition::kStartSize + 1));
   std::memcpy(condition->start, start.data(), start.size());
   ++count_;
 }
@@ -63,7 +56,7 @@ void oxEventActiveTable::Update(Condition* condition, std::string_view signature
     SetTexts(condition, NewTexts(rest.size() + signature.size()), rest, signature);
     ::operator delete(texts);
   } else {
-    SetTexts(condition, texts, rest, signature);
+    SetSignature(texts, signature);
   }
   condition->last_sent_ns = last_sent_ns;
 }
@@ -105,26 +98,28 @@ oxEventActiveTable::Texts* oxEventActiveTable::NewTexts(size_t capacity) {
   return new (::operator new(sizeof(Texts) + capacity)) Texts{capacity, 0, 0};
 }
 
-// `key_rest` may be the one that stands there.
 void oxEventActiveTable::SetTexts(Condition* condition, Texts* texts, std::string_view key_rest,
                                   std::string_view signature) {
+  const size_t lines = (sizeof(Texts) + texts->capacity + kLineSize - 1) / kLineSize;
+  condition->texts_lines = static_cast<uint8_t>(std::min<size_t>(lines, UINT8_MAX));
   condition->texts = texts;
-  condition->texts_lines =
-      static_cast<uint8_t>(std::min<size_t>((sizeof(Texts) + texts->capacity + kLineSize - 1) / kLineSize, 255));
-  if (key_rest.data() != Bytes(texts)) std::memcpy(Bytes(texts), key_rest.data(), key_rest.size());
-  std::memcpy(Bytes(texts) + key_rest.size(), signature.data(), signature.size());
   texts->key_rest_size = key_rest.size();
+  std::memcpy(Bytes(texts), key_rest.data(), key_rest.size());
+  SetSignature(texts, signature);
+}
+
+void oxEventActiveTable::SetSignature(Texts* texts, std::string_view signature) {
   texts->signature_size = signature.size();
+  std::memcpy(Bytes(texts) + texts->key_rest_size, signature.data(), signature.size());
+}
+
+bool oxEventActiveTable::HasKey(const Condition& condition, std::string_view key) {
+  if (condition.start_size != std::min(key.size(), Condition::kStartSize + 1)) return false;
+  if (std::memcmp(condition.start, key.data(), std::min(key.size(), Condition::kStartSize)) != 0) return false;
+  return key.size() <= Condition::kStartSize || key.substr(Condition::kStartSize) == KeyRest(condition.texts);
 }
 
 std::string_view oxEventActiveTable::KeyRest(const Texts* texts) { return {Bytes(texts), texts->key_rest_size}; }
-
-bool oxEventActiveTable::HasKey(const Condition& condition, std::string_view key) {
-  const std::string_view start(condition.start, condition.start_size);
-  if (!key.starts_with(start)) return false;
-  return start.size() < Condition::kStartSize ? key.size() == start.size()
-                                              : key.substr(start.size()) == KeyRest(condition.texts);
-}
 
 oxEventActiveTable::Condition* oxEventActiveTable::FreeSlot(uint64_t hash) const {
   size_t i = Home(hash);

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string_view>
 
@@ -29,8 +30,8 @@ class oxEventActiveTable {
     uint64_t hash;        // Of the key.
     Texts* texts;         // Null: the slot is free.
     uint8_t texts_lines;  // Cache lines of the block, or 255 if more: known without a miss.
-    uint8_t start_size;
-    char start[kStartSize];  // Of the key; the rest is in the texts.
+    uint8_t start_size;   // kStartSize + 1: the key goes on in the block.
+    char start[kStartSize];
   };
 
   oxEventActiveTable() = default;
@@ -38,10 +39,12 @@ class oxEventActiveTable {
   oxEventActiveTable& operator=(const oxEventActiveTable&) = delete;
   ~oxEventActiveTable() { Clear(); }
 
-  static uint64_t Hash(std::string_view key);
+  static uint64_t Hash(std::string_view key) { return std::hash<std::string_view>()(key); }
 
   // Begin to fetch what Find will look at, and what Signature and Update will.
-  void Prefetch(uint64_t hash) const;
+  void Prefetch(uint64_t hash) const {
+    if (slot_count_ != 0) __builtin_prefetch(&slots_[Home(hash)]);
+  }
   static void PrefetchTexts(const Condition* condition);
 
   // Null: not raised.
@@ -68,8 +71,9 @@ class oxEventActiveTable {
 
   static Texts* NewTexts(size_t capacity);
   static void SetTexts(Condition* condition, Texts* texts, std::string_view key_rest, std::string_view signature);
-  static std::string_view KeyRest(const Texts* texts);
+  static void SetSignature(Texts* texts, std::string_view signature);
   static bool HasKey(const Condition& condition, std::string_view key);
+  static std::string_view KeyRest(const Texts* texts);
   size_t Next(size_t slot) const { return (slot + 1) & (slot_count_ - 1); }
   size_t Home(uint64_t hash) const { return hash & (slot_count_ - 1); }
   Condition* FreeSlot(uint64_t hash) const;
