@@ -63,7 +63,7 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
     state.Configure(config);  // Keeps what is active.
     std::istringstream in(steps);
     for (std::string action, key, time, expected; in >> action >> key >> time >> expected;) {
-      event.action = action, event.dedupe_key = key == "none" ? "" : key;
+      event.action = action, event.dedupe_key = key == "none" ? std::string_view() : key;
       event.utc_ns = static_cast<uint64_t>(std::stold(time));
       EXPECT_EQ(outcome(), expected) << steps << ": " << event.action << " " << time;
     }
@@ -82,6 +82,16 @@ TEST(oxEventState, GoesByActionKeyTimeAndContent) {
   EXPECT_EQ((event.threshold = 1.00001, twice()), "update-");
   event.threshold = 1.00001000001, event.event_id = event.ptp_ns = 9;  // No change in six digits.
   EXPECT_EQ(outcome(), "-");
+  std::string raised[4000];  // The conditions' messages; empty: not raised.
+  const auto draw = [](size_t below) { return static_cast<size_t>(random()) % below; };
+  for (int i = 0; i < 160'000; ++i) {  // They become many, few, and many again.
+    const size_t number = draw(4000);
+    const std::string key = std::string(number % 60, 'k') + std::to_string(number), message(draw(3) * 40 + 1, 'm');
+    const bool clear = draw(8) < (i / 40'000 % 2 == 0 ? 1u : 7u);
+    const std::string was = std::exchange(raised[number], clear ? "" : message);
+    event.dedupe_key = key, event.message = message, event.action = clear ? "clear" : "update";
+    ASSERT_EQ(outcome(), was.empty() ? (clear ? "-" : "raise") : clear ? "clear" : was == message ? "-" : "update");
+  }
 }
 
 }  // namespace

@@ -38,8 +38,7 @@ void oxEventState::Configure(const oxEventConfig& config) {
 
 void oxEventState::Reset() {
   oxEventLock lock(mutex_);
-  ActiveTable().swap(active_);
-  while (spare_count_ > 0) spare_[--spare_count_] = {};
+  active_.Clear();
 }
 
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
@@ -101,60 +100,34 @@ bool oxEventState::RepeatElapsed(uint64_t now_ns, uint64_t last_ns) const {
 
 // Returns whether the event goes on.
 bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out) {
-  BuildKey(event, &key_);
-  const auto active = active_.find(std::string_view(key_));
-  const bool raised = active != active_.end();
+  std::string_view key = event.dedupe_key;
+  if (key.empty()) {
+    BuildKey(event, &key_);
+    key = key_;
+  }
+  const uint64_t hash = oxEventActiveTable::Hash(key);
+  active_.Prefetch(hash);
+  const bool update = action == Action::kUpdate;
+  if (update) BuildSignature(event, &signature_);  // While the slot comes.
+  oxEventActiveTable::Condition* const raised = active_.Find(hash, key);
   if (action == Action::kClear) {
-    if (!raised) return route_orphan_clear_;
-    RemoveLocked(active);  // Cleared, whether or not anybody is told.
+    if (raised == nullptr) return route_orphan_clear_;
+    active_.Remove(raised);  // Cleared, whether or not anybody is told.
     return send_clear_;
   }
-  if (action == Action::kUpdate) return DecideUpdateLocked(active, event, out);
-  if (!raised && action == Action::kRepeat) return false;
-  if (raised && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) return false;
-  BuildSignature(event, &signature_);
-  StoreActive(active, event);
-  if (raised && action == Action::kRaise) out->action = "repeat";
-  return true;
-}
-
-bool oxEventState::DecideUpdateLocked(ActiveTable::iterator active, const oxEventNormalizedEvent& event,
-                                      oxEventNormalizedEvent* out) {
-  BuildSignature(event, &signature_);
-  const bool raised = active != active_.end();
-  const bool same = raised && active->second.signature == signature_;
-  if (same && !RepeatElapsed(event.utc_ns, active->second.last_sent_ns)) return false;
-  StoreActive(active, event);
-  if (!raised) out->action = "raise";
-  return true;
-}
-
-// `active` is the entry of key_, or the end: then one is made. signature_ is the event's. Without memory nothing
-// changes: an entry without its signature would be a condition that nobody was told of.
-void oxEventState::StoreActive(ActiveTable::iterator active, const oxEventNormalizedEvent& event) {
-  if (active != active_.end()) {
-    active->second.signature = signature_;
-    active->second.last_sent_ns = event.utc_ns;
-  } else if (spare_count_ == 0) {
-    active_.try_emplace(key_, ActiveEvent{signature_, event.utc_ns});
+  if (raised == nullptr && action == Action::kRepeat) return false;
+  const bool due = raised == nullptr || RepeatElapsed(event.utc_ns, raised->last_sent_ns);
+  if (!due && !update) return false;
+  if (raised != nullptr) oxEventActiveTable::PrefetchTexts(raised);
+  if (!update) BuildSignature(event, &signature_);
+  if (!due && oxEventActiveTable::Signature(raised) == signature_) return false;
+  // Without memory nothing changes: an entry without its signature would be a condition that nobody was told of.
+  if (raised == nullptr) {
+    active_.Insert(hash, key, signature_, event.utc_ns);
   } else {
-    auto& spare = spare_[spare_count_ - 1];
-    spare.key() = key_;
-    spare.mapped().signature = signature_;
-    spare.mapped().last_sent_ns = event.utc_ns;
-    active_.insert(std::move(spare));
-    --spare_count_;
+    active_.Update(raised, signature_, event.utc_ns);
   }
-}
-
-void oxEventState::RemoveLocked(ActiveTable::iterator active) {
-  if (spare_count_ == spare_.size()) {
-    active_.erase(active);
-    return;
-  }
-  auto node = active_.extract(active);
-  oxEventReleaseLongText(&node.key());
-  oxEventReleaseLongText(&node.mapped().signature);
-  node.mapped().last_sent_ns = 0;
-  spare_[spare_count_++] = std::move(node);
+  if (raised == nullptr && update) out->action = "raise";
+  if (raised != nullptr && action == Action::kRaise) out->action = "repeat";
+  return true;
 }

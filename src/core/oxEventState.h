@@ -1,15 +1,13 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
 #include "config/oxEventConfig.h"
+#include "core/oxEventActiveTable.h"
 
 // Which conditions are raised, and what that makes of the next event: suppresses duplicates until the repeat interval
 // has passed, turns a late duplicate into a "repeat" and an update of an unknown condition into a "raise", lets a clear
@@ -37,25 +35,12 @@ class oxEventState {
   static void BuildSignature(const oxEventNormalizedEvent& event, std::string* signature);
 
  private:
-  struct ActiveEvent {
-    std::string signature;      // Of the last event forwarded.
-    uint64_t last_sent_ns = 0;  // Its utc_ns.
-  };
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view key) const { return std::hash<std::string_view>()(key); }
-  };
-  using ActiveTable = std::unordered_map<std::string, ActiveEvent, Hash, std::equal_to<>>;
   enum class Action;
 
   static Action ActionOf(std::string_view action);
   bool RepeatElapsed(uint64_t now_ns, uint64_t last_ns) const OX_REQUIRES(mutex_);
   bool DecideLocked(Action action, const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out)
       OX_REQUIRES(mutex_);
-  bool DecideUpdateLocked(ActiveTable::iterator active, const oxEventNormalizedEvent& event,
-                          oxEventNormalizedEvent* out) OX_REQUIRES(mutex_);
-  void StoreActive(ActiveTable::iterator active, const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_);
-  void RemoveLocked(ActiveTable::iterator active) OX_REQUIRES(mutex_);
 
   oxEventMutex mutex_;
   bool state_enabled_ OX_GUARDED_BY(mutex_) = true;
@@ -63,10 +48,7 @@ class oxEventState {
   bool send_clear_ OX_GUARDED_BY(mutex_) = true;
   bool route_orphan_clear_ OX_GUARDED_BY(mutex_) = false;
   uint64_t repeat_interval_ns_ OX_GUARDED_BY(mutex_) = 1'800'000'000'000;
-  ActiveTable active_ OX_GUARDED_BY(mutex_);
-  // Of cleared conditions, for the next raised: about half a kilobyte each. A clear needs no memory for its place here.
-  std::array<ActiveTable::node_type, 256> spare_ OX_GUARDED_BY(mutex_);
-  size_t spare_count_ OX_GUARDED_BY(mutex_) = 0;
-  std::string key_ OX_GUARDED_BY(mutex_);  // Both reused for each event.
+  oxEventActiveTable active_ OX_GUARDED_BY(mutex_);
+  std::string key_ OX_GUARDED_BY(mutex_);  // Of an event without a dedupe_key. This and the next: reused.
   std::string signature_ OX_GUARDED_BY(mutex_);
 };
