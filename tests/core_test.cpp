@@ -1,8 +1,11 @@
-// The queue and the state by themselves.
+// The queue, the state and numbers by themselves.
 #include <atomic>
 #include <chrono>
+#include <cmath>
+#include <random>
 #include <thread>
 
+#include "base/oxEventNumber.h"
 #include "core/oxEventQueue.h"
 #include "core/oxEventState.h"
 #include "host_fixture.h"
@@ -29,6 +32,24 @@ TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
     last_call == 'c' ? queue.CompleteActiveEvent() : last_call == 'R' ? queue.Reset() : (void)queue.DropPending();
     queue.Start(1, oxEventDropPolicy::kDropNewest);
     EXPECT_TRUE(Enqueue(&queue));  // Before the flush has a look.
+  }
+}
+
+TEST(oxEventNumber, ReadsAsPrintfWritesIt) {
+  std::mt19937_64 random(1);
+  std::vector<double> values = {0, -0.0, 0.5, 5e-324, 1e308, 1e15, 0x1p53, INFINITY, -INFINITY};
+  for (double power = 1; power < 1e18; power *= 10) {  // What lies at a power, and halfway between two texts.
+    for (const double v : {power, std::nextafter(power, 0), power * 1.5, power - 0.05, power - 5e-7})
+      values.push_back(v);
+  }
+  for (int i = 0; i < 100000; ++i) values.push_back(std::ldexp(int64_t(random()), int(random() % 80) - 70));
+  for (int i = 0; i < 100000; ++i) values.push_back(double(random() % 100000000) / double(1 << random() % 12));
+  for (const double value : values) {
+    for (const int digits : {6, 17}) {
+      char expected[64], text[kOxEventNumberSize];
+      snprintf(expected, sizeof expected, "%.*g", digits, value);
+      ASSERT_EQ(std::string(text, oxEventWriteNumber(value, digits, text)), expected);
+    }
   }
 }
 
