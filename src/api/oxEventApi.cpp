@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -113,12 +112,12 @@ class SinkShutdownGuard {
 uint32_t Initialize(const char* config_path) {
   const oxEventCancelBlock cancel_block;
   oxEventCoreReap();
-  auto config = std::make_shared<oxEventConfig>();
+  oxEventConfig config;
   std::string error;
-  if (const uint32_t result = oxEventConfigLoad(config_path, config.get(), &error); result != OXEVENT_OK) {
+  if (const uint32_t result = oxEventConfigLoad(config_path, &config, &error); result != OXEVENT_OK) {
     return FailWith(result, error, "oxEvent config load failed");
   }
-  std::string remembered_path = config->config_path;
+  std::string remembered_path = config.config_path;
 
   oxEventLock lock(*g_oxEventMutex);
   if (g_oxEventInitialized || g_oxEventStopping) {
@@ -126,11 +125,11 @@ uint32_t Initialize(const char* config_path) {
   }
   // Not left to the router alone: the event in delivery still needs its callbacks.
   if (g_oxEventClosed) return Fail(OXEVENT_NOT_INITIALIZED, "oxEvent core start failed");
-  if (const uint32_t result = oxEventSinkInitialize(*config); result != OXEVENT_OK) {
+  if (const uint32_t result = oxEventSinkInitialize(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), "oxEvent sink initialization failed");
   }
   SinkShutdownGuard sinks;
-  if (const uint32_t result = oxEventCoreStart(std::move(config)); result != OXEVENT_OK) {
+  if (const uint32_t result = oxEventCoreStart(&config); result != OXEVENT_OK) {
     return Fail(result, "oxEvent core start failed");
   }
   sinks.Keep();
@@ -147,18 +146,18 @@ uint32_t ReloadConfig(const char* config_path) {
     oxEventLock lock(*g_oxEventMutex);
     path = g_oxEventConfigPath->value_or("");
   }
-  auto config = std::make_shared<oxEventConfig>();
+  oxEventConfig config;
   std::string error;
-  if (const uint32_t result = oxEventConfigLoad(path.c_str(), config.get(), &error); result != OXEVENT_OK) {
+  if (const uint32_t result = oxEventConfigLoad(path.c_str(), &config, &error); result != OXEVENT_OK) {
     return FailWith(result, error, "oxEvent config reload failed");
   }
 
   oxEventLock lock(*g_oxEventMutex);
   if (!g_oxEventInitialized) return NotInitialized();
-  if (const uint32_t result = oxEventSinkReloadConfig(*config); result != OXEVENT_OK) {
+  if (const uint32_t result = oxEventSinkReloadConfig(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), "oxEvent config reload failed");
   }
-  if (const uint32_t result = oxEventCoreReloadConfig(std::move(config)); result != OXEVENT_OK) {
+  if (const uint32_t result = oxEventCoreReloadConfig(&config); result != OXEVENT_OK) {
     return Fail(result, "oxEvent core config reload failed");
   }
   *g_oxEventConfigPath = std::move(path);

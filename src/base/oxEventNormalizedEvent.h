@@ -11,6 +11,7 @@
 // A normalized event: every default applied, a definite event id and time stamps. Its texts belong to someone else, and
 // behind each stands a NUL.
 struct oxEventNormalizedEvent {
+  // NOLINTBEGIN(readability-redundant-string-init): else no NUL stands behind them.
   uint64_t event_id = 0;
   std::string_view event_type = "";
   std::string_view source_id = "";
@@ -29,6 +30,7 @@ struct oxEventNormalizedEvent {
   std::string_view units = "";
   uint64_t duration_ms = 0;
   std::string_view details_json = "";
+  // NOLINTEND(readability-redundant-string-init)
 
   // A record with the same texts. Its padding bytes are not written.
   oxEventRecord ToPublicView() const;

@@ -41,15 +41,14 @@ void oxEventQueue::Items::PushBack(Spare item) {
 // The next one is not touched: its memory may be far away, and the lock is held.
 oxEventQueue::Spare oxEventQueue::Items::PopFront() {
   Spare item(front_);
-  front_ = item->next;
-  --size_;
+  front_ = --size_ == 0 ? nullptr : item->next;
   return item;
 }
 
 oxEventQueue::Spare oxEventQueue::Items::PopBack() {
   Spare item(back_);
   back_ = item->previous;
-  --size_;
+  if (--size_ == 0) front_ = nullptr;
   return item;
 }
 
@@ -59,6 +58,7 @@ void oxEventQueue::Items::Take(Items* from) {
   (IsEmpty() ? front_ : back_->next) = from->front_;
   back_ = from->back_;
   size_ += std::exchange(from->size_, 0);
+  from->front_ = nullptr;
 }
 
 void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
@@ -266,7 +266,11 @@ uint32_t oxEventQueue::TrimLocked(Items* garbage) {
   uint32_t discarded = 0;
   for (; discarded < kTrimAtOnce && PendingLocked() > capacity_; ++discarded) {
     const bool low_first = policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.IsEmpty();
-    garbage->PushBack(low_first ? debug_info_.PopFront() : NewestLocked().PopBack());
+    if (low_first) {
+      garbage->PushBack(debug_info_.PopFront());
+    } else {
+      garbage->PushBack(NewestLocked().PopBack());
+    }
   }
   return discarded;
 }

@@ -67,7 +67,7 @@ class oxEventQueue {
     Items(const Items&) = delete;
     Items& operator=(const Items&) = delete;
 
-    bool IsEmpty() const { return size_ == 0; }
+    bool IsEmpty() const { return front_ == nullptr; }
     size_t Size() const { return size_; }
     Item& Front() { return *front_; }
     Item& Back() { return *back_; }
@@ -78,7 +78,7 @@ class oxEventQueue {
 
    private:
     Item* front_ = nullptr;
-    Item* back_ = nullptr;
+    Item* back_ = nullptr;  // Only to be followed when there is a front.
     size_t size_ = 0;
   };
 

@@ -15,9 +15,7 @@
 
 namespace {
 
-bool IsUsable(const std::shared_ptr<const oxEventConfig>& config) {
-  return config != nullptr && config->queue_size != 0;
-}
+bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
 
 }  // namespace
 
@@ -45,7 +43,7 @@ class oxEventRouter::PlaceHolder {
   Place& place_;
 };
 
-uint32_t oxEventRouter::Start(std::shared_ptr<const oxEventConfig> config) {
+uint32_t oxEventRouter::Start(const oxEventConfig* config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
   oxEventLock lock(mutex_);
   if (running_ != nullptr) return OXEVENT_ALREADY_INITIALIZED;
@@ -125,7 +123,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   return result;
 }
 
-uint32_t oxEventRouter::ReloadConfig(const std::shared_ptr<const oxEventConfig>& config) {
+uint32_t oxEventRouter::ReloadConfig(const oxEventConfig* config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
   SharedRun run;
   {
@@ -222,7 +220,7 @@ constinit oxEventImmortal<oxEventRouter> g_router;
 
 }  // namespace
 
-uint32_t oxEventCoreStart(std::shared_ptr<const oxEventConfig> config) { return g_router->Start(std::move(config)); }
+uint32_t oxEventCoreStart(const oxEventConfig* config) { return g_router->Start(config); }
 
 uint32_t oxEventCoreStop(uint32_t timeout_ms) { return g_router->Stop(timeout_ms); }
 
@@ -230,9 +228,7 @@ uint32_t oxEventCoreSubmit(const oxEventNormalizedEvent& event) { return g_route
 
 uint32_t oxEventCoreFlush(uint32_t timeout_ms) { return g_router->Flush(timeout_ms); }
 
-uint32_t oxEventCoreReloadConfig(const std::shared_ptr<const oxEventConfig>& config) {
-  return g_router->ReloadConfig(config);
-}
+uint32_t oxEventCoreReloadConfig(const oxEventConfig* config) { return g_router->ReloadConfig(config); }
 
 oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }
 

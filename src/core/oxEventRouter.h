@@ -37,7 +37,7 @@ class oxEventRouter {
 
   // Begins with zeroed counters and no raised condition. OXEVENT_INVALID_ARGUMENT: no configuration, or queue_size 0.
   // OXEVENT_ALREADY_INITIALIZED: running. Throws when there is no thread or no memory; then nothing has changed.
-  uint32_t Start(std::shared_ptr<const oxEventConfig> config) OX_EXCLUDES(mutex_);
+  uint32_t Start(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
   // Filters and queues a copy. 0 for a dropped event too. Never waits for the worker.
   uint32_t Submit(const oxEventNormalizedEvent& event);
@@ -52,7 +52,7 @@ class oxEventRouter {
   uint32_t Stop(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   // Keeps queued events, as far as they fit, and raised conditions.
-  uint32_t ReloadConfig(const std::shared_ptr<const oxEventConfig>& config) OX_EXCLUDES(mutex_);
+  uint32_t ReloadConfig(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
   // Frees the runs whose worker has returned from the callback that stopped it. With no lock held: what that thread has
   // left to do is its host's.
@@ -96,11 +96,11 @@ class oxEventRouter {
 };
 
 // The process's one router.
-uint32_t oxEventCoreStart(std::shared_ptr<const oxEventConfig> config);
+uint32_t oxEventCoreStart(const oxEventConfig* config);
 uint32_t oxEventCoreStop(uint32_t timeout_ms);
 uint32_t oxEventCoreSubmit(const oxEventNormalizedEvent& event);
 uint32_t oxEventCoreFlush(uint32_t timeout_ms);
-uint32_t oxEventCoreReloadConfig(const std::shared_ptr<const oxEventConfig>& config);
+uint32_t oxEventCoreReloadConfig(const oxEventConfig* config);
 oxEventCounters oxEventCoreGetCounters();
 void oxEventCoreReap();
 void oxEventCoreClose();
