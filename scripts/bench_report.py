@@ -248,13 +248,16 @@ def condition_bar(pieces):
 
 
 def growth_bar(pieces):
-    def bar(action, ours, theirs):
-        what = f"State, a million conditions against a thousand{action}"
-        return against("state_growth", what, "at most 3", 3, ours, theirs)
-
+    """Of all actions together, one of each."""
     actions = dict.fromkeys(found[1] for name in pieces.names if (found := re.fullmatch(r"State/(.+)/1000(?:000)?", name)))
-    bars = [bar(f" ({action})", pieces(f"State/{action}/1000000"), pieces(f"State/{action}/1000")) for action in actions]
-    return max(bars, key=lambda bar: bar.measured() if bar.values else math.inf, default=bar("", None, None))
+    ours, theirs = ([pieces(f"State/{action}/{size}") for action in actions] for size in (1000000, 1000))
+    what, words = "State, a million conditions against a thousand, all actions", "at most 3"
+    if not actions or None in ours + theirs:
+        return Bar("state_growth", what, words, 3, None)
+    bar = against("state_growth", what, words, 3, [sum(values) for values in zip(*ours)], [sum(values) for values in zip(*theirs)])
+    shares = {action: median(mine) / median(other) for action, mine, other in zip(actions, ours, theirs)}
+    least, most = min(shares, key=shares.get), max(shares, key=shares.get)
+    return bar._replace(figures=f"{bar.figures}; from {digits(shares[least], 2)} (`{least}`) to {digits(shares[most], 2)} (`{most}`)")
 
 
 def bars_of(road, pieces):
