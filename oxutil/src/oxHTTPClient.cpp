@@ -10,10 +10,12 @@
 #include <algorithm>
 #include <charconv>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 
 #include "oxHTTPLookup.h"
+#include "oxHTTPPipeSignal.h"
 #include "oxHTTPWakeUp.h"
 
 namespace {
@@ -112,6 +114,8 @@ oxHTTPClient::oxHTTPClient() : multi_(OrThrow(oxHTTPMultiInit())), easy_(curl_ea
 }
 
 oxHTTPClient::~oxHTTPClient() {
+  std::optional<oxHTTPPipeSignalBlock> block;
+  if (https_) block.emplace();  // TLS takes leave.
   curl_easy_cleanup(easy_);
   curl_multi_cleanup(multi_);
 }
@@ -158,6 +162,8 @@ bool oxHTTPClient::IsFresh() const {
 bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   if (!SetTarget(request.url)) return false;
   https_ = request.https;
+  std::optional<oxHTTPPipeSignalBlock> block;
+  if (https_) block.emplace();
   Prepare(request, answer);
   CURLcode result = Exchange(request);
   if (lookup_wanted_) {

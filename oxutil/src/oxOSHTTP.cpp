@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "oxHTTPClient.h"
-#include "oxHTTPPipeSignal.h"
 #include "oxutil.h"
 
 namespace {
@@ -150,7 +149,6 @@ struct Lease {
 };
 
 bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
-  const oxHTTPPipeSignalBlock block;
   Lease lease(request);
   if (lease.taken) lease.answered = lease.client->Perform(request, answer);
   return lease.answered;
