@@ -10,10 +10,13 @@
 #include <algorithm>
 #include <charconv>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "oxHTTPLookup.h"
+#include "oxHTTPPipeSignal.h"
 #include "oxHTTPWakeUp.h"
 
 namespace {
@@ -87,6 +90,11 @@ void Set(CURL* easy, CURLoption option, Value value) {
   if (result != CURLE_OK) throw std::runtime_error("libcurl lacks an option");
 }
 
+bool HasBody(const oxHTTPRequest& request) {
+  const std::string_view method = request.method;
+  return request.body_length != 0 || method == "POST" || method == "PUT" || method == "PATCH";
+}
+
 struct UrlFree {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
@@ -112,6 +120,8 @@ oxHTTPClient::oxHTTPClient() : multi_(OrThrow(oxHTTPMultiInit())), easy_(curl_ea
 }
 
 oxHTTPClient::~oxHTTPClient() {
+  std::optional<oxHTTPPipeSignalBlock> block;
+  if (https_) block.emplace();  // TLS takes leave.
   curl_easy_cleanup(easy_);
   curl_multi_cleanup(multi_);
 }
@@ -128,7 +138,9 @@ int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
 // libcurl repeats a request when a kept connection closes before a whole line of the answer. Part of a line tells that
 // the server has had the request: no new connection then.
 curl_socket_t oxHTTPClient::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
-  if (static_cast<oxHTTPClient*>(self)->answer_begun_) return CURL_SOCKET_BAD;
+  auto* client = static_cast<oxHTTPClient*>(self);
+  if (client->answer_begun_) return CURL_SOCKET_BAD;
+  client->set_up_ = false;  // For the next: libcurl counts how often it has repeated a request until a reset.
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
@@ -155,21 +167,6 @@ bool oxHTTPClient::IsFresh() const {
   });
 }
 
-bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
-  if (!SetTarget(request.url)) return false;
-  https_ = request.https;
-  Prepare(request, answer);
-  CURLcode result = Exchange(request);
-  if (lookup_wanted_) {
-    const oxHTTPList addresses = LookUp(request);
-    if (addresses == nullptr) return false;
-    Set(easy_, CURLOPT_RESOLVE, addresses.get());
-    result = Exchange(request);
-  }
-  if ((result != CURLE_OK && !answer->cut) || !answer->header_ended) return false;
-  return curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &answer->status) == CURLE_OK;
-}
-
 std::string_view oxHTTPClient::OriginOf(std::string_view url) {
   constexpr size_t kPastScheme = std::string_view("https://").size();
   return url.substr(0, url.find('/', kPastScheme));
@@ -188,16 +185,28 @@ bool oxHTTPClient::SetTarget(const char* url) {
   return true;
 }
 
-// Everything anew, for libcurl counts how often it has repeated a request until the handle is reset.
-void oxHTTPClient::Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
+bool oxHTTPClient::IsSetUpFor(const oxHTTPRequest& request) const {
+  return set_up_ && request.url == url_ && request.method == method_ && request.header_block == header_block_ &&
+         HasBody(request) == has_body_;
+}
+
+// Everything anew, so that nothing is left of another request.
+bool oxHTTPClient::SetUp(const oxHTTPRequest& request, oxHTTPHeader header) {
+  set_up_ = false;
+  if (!SetTarget(request.url)) return false;
+  method_ = request.method;
+  header_block_ = request.header_block;
+  has_body_ = HasBody(request);
+  https_ = request.https;
   curl_easy_reset(easy_);
+  header_ = std::move(header);
   Set(easy_, CURLOPT_URL, request.url);
   Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
   Set(easy_, CURLOPT_PROXY, "");  // Not the environment's.
   Set(easy_, CURLOPT_NOSIGNAL, 1L);
   Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  Set(easy_, CURLOPT_SSL_VERIFYPEER, request.verify_tls ? 1L : 0L);
-  Set(easy_, CURLOPT_SSL_VERIFYHOST, request.verify_tls ? 2L : 0L);
+  Set(easy_, CURLOPT_SSL_VERIFYPEER, header_.verify_tls ? 1L : 0L);
+  Set(easy_, CURLOPT_SSL_VERIFYHOST, header_.verify_tls ? 2L : 0L);
   Set(easy_, CURLOPT_OPENSOCKETFUNCTION, OnOpenSocket);
   Set(easy_, CURLOPT_OPENSOCKETDATA, this);
   Set(easy_, CURLOPT_CLOSESOCKETFUNCTION, OnCloseSocket);
@@ -205,25 +214,44 @@ void oxHTTPClient::Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   Set(easy_, CURLOPT_RESOLVER_START_FUNCTION, OnLookup);
   Set(easy_, CURLOPT_RESOLVER_START_DATA, this);
   Set(easy_, CURLOPT_HEADERFUNCTION, OnHeader);
-  Set(easy_, CURLOPT_HEADERDATA, answer);
   Set(easy_, CURLOPT_WRITEFUNCTION, OnText);
-  Set(easy_, CURLOPT_WRITEDATA, answer);
-  Set(easy_, CURLOPT_HTTPHEADER, request.header.get());
-  const std::string_view method = request.method;
-  if (request.body_length != 0 || method == "POST" || method == "PUT" || method == "PATCH") {
+  Set(easy_, CURLOPT_HTTPHEADER, header_.lines.get());
+  if (!has_body_ && method_ == "HEAD") Set(easy_, CURLOPT_NOBODY, 1L);
+  Set(easy_, CURLOPT_CUSTOMREQUEST, request.method);
+  set_up_ = true;
+  return true;
+}
+
+bool oxHTTPClient::Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
+  std::optional<oxHTTPPipeSignalBlock> block;
+  if (https_) block.emplace();
+  if (has_body_) {
     Set(easy_, CURLOPT_POSTFIELDS, request.body == nullptr ? "" : request.body);
     Set(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body_length));
-  } else if (method == "HEAD") {
-    Set(easy_, CURLOPT_NOBODY, 1L);
   }
-  Set(easy_, CURLOPT_CUSTOMREQUEST, request.method);
+  Set(easy_, CURLOPT_HEADERDATA, answer);
+  Set(easy_, CURLOPT_WRITEDATA, answer);
+  CURLcode result = Exchange(request);
+  if (lookup_wanted_) {
+    const oxHTTPList addresses = LookUp(request);
+    if (addresses == nullptr) return false;
+    Set(easy_, CURLOPT_RESOLVE, addresses.get());
+    result = Exchange(request);
+  }
+  if ((result != CURLE_OK && !answer->cut) || !answer->header_ended) return false;
+  return curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &answer->status) == CURLE_OK;
+}
+
+oxHTTPClient::Clock::time_point oxHTTPClient::ConnectDeadline(const oxHTTPRequest& request) const {
+  if (header_.connect_timeout_ms == 0) return request.deadline;
+  return std::min(request.deadline, request.start + std::chrono::milliseconds(header_.connect_timeout_ms));
 }
 
 CURLcode oxHTTPClient::Exchange(const oxHTTPRequest& request) {
   lookup_wanted_ = false;
   answer_begun_ = false;
   // 0 would be libcurl's own limit.
-  Set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(MsUntil(request.connect_deadline), 1L));
+  Set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(MsUntil(ConnectDeadline(request)), 1L));
   if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) throw std::bad_alloc();
   CURLcode result = CURLE_OPERATION_TIMEDOUT;
   int running = 1;
@@ -241,7 +269,7 @@ CURLcode oxHTTPClient::Exchange(const oxHTTPRequest& request) {
 
 // The entry that libcurl keeps for a minute; null: no address in time.
 oxHTTPList oxHTTPClient::LookUp(const oxHTTPRequest& request) {
-  const std::string addresses = oxHTTPLookup(host_, std::min(request.deadline, request.connect_deadline));
+  const std::string addresses = oxHTTPLookup(host_, ConnectDeadline(request));
   if (addresses.empty()) return nullptr;
   return oxHTTPList(OrThrow(curl_slist_append(nullptr, ("+" + host_ + ":" + port_ + ":" + addresses).c_str())));
 }

@@ -19,13 +19,19 @@ using oxHTTPList = std::unique_ptr<curl_slist, oxHTTPListFree>;
 struct oxHTTPRequest {
   const char* url = nullptr;
   const char* method = nullptr;
+  std::string_view header_block;
   const char* body = nullptr;
   size_t body_length = 0;
-  oxHTTPList header;  // As libcurl takes it.
   bool https = false;
+  std::chrono::steady_clock::time_point start;
+  std::chrono::steady_clock::time_point deadline;  // Of the whole exchange.
+};
+
+// What a header block says.
+struct oxHTTPHeader {
+  oxHTTPList lines;  // As libcurl takes them.
   bool verify_tls = true;
-  std::chrono::steady_clock::time_point deadline;          // Of the whole exchange.
-  std::chrono::steady_clock::time_point connect_deadline;  // Until the connection stands, TLS included.
+  uint32_t connect_timeout_ms = 0;  // Until the connection stands, TLS included. 0: as the whole exchange.
 };
 
 // What a server answered.
@@ -49,8 +55,17 @@ class oxHTTPClient {
   oxHTTPClient(const oxHTTPClient&) = delete;
   oxHTTPClient& operator=(const oxHTTPClient&) = delete;
 
-  // True: the answer is there, whatever its status. Never later than the deadline. Throws when there is no memory, or
-  // when libcurl lacks something; the client is of no use then.
+  // A client is of no use any more once one of the following has failed or thrown: for want of memory, or of something
+  // in libcurl.
+
+  // Whether the last SetUp serves this request too: nothing but the bytes of the body and the times differ.
+  bool IsSetUpFor(const oxHTTPRequest& request) const;
+
+  // False: the URL is none.
+  bool SetUp(const oxHTTPRequest& request, oxHTTPHeader header);
+
+  // For a request that the client is set up for. True: the answer is there, whatever its status. Never later than the
+  // deadline.
   bool Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer);
 
   // False: a server has closed a kept connection, or has sent something that would pass for the next answer.
@@ -61,8 +76,10 @@ class oxHTTPClient {
   static std::string_view OriginOf(std::string_view url);
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   bool SetTarget(const char* url);
-  void Prepare(const oxHTTPRequest& request, oxHTTPAnswer* answer);
+  Clock::time_point ConnectDeadline(const oxHTTPRequest& request) const;
   CURLcode Exchange(const oxHTTPRequest& request);
   oxHTTPList LookUp(const oxHTTPRequest& request);
   void NoteKeptSocket();
@@ -76,6 +93,11 @@ class oxHTTPClient {
   std::string origin_;
   std::string host_;
   std::string port_;
+  std::string method_;  // What the handle is set up for, with the URL.
+  std::string header_block_;
+  oxHTTPHeader header_;  // The block, read.
+  bool has_body_ = false;
+  bool set_up_ = false;
   bool https_ = false;
   bool lookup_wanted_ = false;
   bool answer_begun_ = false;                       // On a kept connection that then closed.

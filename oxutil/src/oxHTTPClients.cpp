@@ -10,7 +10,6 @@
 
 #include "oxHTTPClient.h"
 #include "oxHTTPLookup.h"
-#include "oxHTTPPipeSignal.h"
 
 namespace {
 
@@ -38,7 +37,6 @@ Clients& g_clients = *new (g_storage) Clients;
 // Where the host uses OpenSSL too, that ends with the process's exit handlers, before the threads that may still use it
 // are stopped. Registered after its own handler, this one runs before it, and waits for a start that is under way.
 void EndTls() {
-  const oxHTTPPipeSignalBlock block;
   std::unique_lock lock(g_clients.mutex);
   g_clients.tls_over = true;
   const auto patience = g_clients.tls_deadline + std::chrono::milliseconds(100);

@@ -4,8 +4,8 @@
 
 #include <ctime>
 
-// For its lifetime a write of the calling thread to a connection that is gone is an error and raises no signal: OpenSSL
-// writes without MSG_NOSIGNAL.
+// For its lifetime a write of the calling thread to a connection that is gone is an error and raises no signal. For TLS:
+// OpenSSL writes without MSG_NOSIGNAL, libcurl itself with it.
 class oxHTTPPipeSignalBlock {
  public:
   oxHTTPPipeSignalBlock() {

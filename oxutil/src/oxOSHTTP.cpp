@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "oxHTTPClient.h"
-#include "oxHTTPPipeSignal.h"
 #include "oxutil.h"
 
 namespace {
@@ -61,38 +60,34 @@ std::string_view Trim(std::string_view text) {
 // Reads the header block: directions to this client, and what goes to the server.
 class HeaderReader {
  public:
-  // False when a line must not be sent.
-  bool Read(std::string_view block, oxHTTPRequest* request) {
-    if (block.find_first_of("\r\n") != block.npos) return false;
-    while (!block.empty()) Add(Trim(NextLine(&block)), request);
+  oxHTTPHeader Read(std::string_view block) {
+    while (!block.empty()) Add(Trim(NextLine(&block)));
     // libcurl would send these of its own accord.
     for (const char* name : {"Accept", "Content-Type", "Expect"}) {
-      if (!Has(*request, name)) Append(std::string(name) + ":", request);
+      if (!Has(name)) Append(std::string(name) + ":");
     }
-    return true;
+    return std::move(header_);
   }
 
-  uint32_t connect_timeout_ms = 0;  // 0: as the whole exchange.
-
  private:
-  void Add(std::string_view line, oxHTTPRequest* request) {
+  void Add(std::string_view line) {
     const size_t colon = line.find(':');
     if (colon == 0 || colon == line.npos) return;  // No header line.
     const std::string_view name = Trim(line.substr(0, colon));
     const std::string_view value = Trim(line.substr(colon + 1));
-    if (Direct(name, value, request) || FramesMessage(name)) return;
-    Append(value.empty() ? std::string(name) + ";" : std::string(line), request);  // libcurl's way to send no value.
+    if (Direct(name, value) || FramesMessage(name)) return;
+    Append(value.empty() ? std::string(name) + ";" : std::string(line));  // libcurl's way to send no value.
   }
 
   // The first direction of its kind holds: the caller's own stand before those that a user's settings add.
-  bool Direct(std::string_view name, std::string_view value, oxHTTPRequest* request) {
+  bool Direct(std::string_view name, std::string_view value) {
     if (EqualsIgnoringCase(name, "X-oxEvent-TLS-Verify")) {
-      if (!std::exchange(verify_given_, true)) request->verify_tls = value != "0";
+      if (!std::exchange(verify_given_, true)) header_.verify_tls = value != "0";
       return true;
     }
     if (EqualsIgnoringCase(name, "X-oxEvent-Connect-Timeout-Ms")) {
       if (!std::exchange(timeout_given_, true)) {
-        std::from_chars(value.data(), value.data() + value.size(), connect_timeout_ms);
+        std::from_chars(value.data(), value.data() + value.size(), header_.connect_timeout_ms);
       }
       return true;
     }
@@ -105,21 +100,22 @@ class HeaderReader {
     return is("Content-Length") || is("Transfer-Encoding") || is("Expect");
   }
 
-  static bool Has(const oxHTTPRequest& request, std::string_view name) {
-    for (const curl_slist* line = request.header.get(); line != nullptr; line = line->next) {
+  bool Has(std::string_view name) const {
+    for (const curl_slist* line = header_.lines.get(); line != nullptr; line = line->next) {
       const std::string_view text = line->data;
       if (EqualsIgnoringCase(text.substr(0, text.find_first_of(":;")), name)) return true;
     }
     return false;
   }
 
-  static void Append(const std::string& line, oxHTTPRequest* request) {
-    curl_slist* list = curl_slist_append(request->header.get(), line.c_str());
+  void Append(const std::string& line) {
+    curl_slist* list = curl_slist_append(header_.lines.get(), line.c_str());
     if (list == nullptr) throw std::bad_alloc();
-    static_cast<void>(request->header.release());  // `list` begins with it.
-    request->header.reset(list);
+    static_cast<void>(header_.lines.release());  // `list` begins with it.
+    header_.lines.reset(list);
   }
 
+  oxHTTPHeader header_;
   bool verify_given_ = false;
   bool timeout_given_ = false;
 };
@@ -150,9 +146,11 @@ struct Lease {
 };
 
 bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
-  const oxHTTPPipeSignalBlock block;
   Lease lease(request);
-  if (lease.taken) lease.answered = lease.client->Perform(request, answer);
+  if (!lease.taken) return false;
+  oxHTTPClient* const client = lease.client.get();
+  const bool ready = client->IsSetUpFor(request) || client->SetUp(request, HeaderReader().Read(request.header_block));
+  lease.answered = ready && client->Perform(request, answer);
   return lease.answered;
 }
 
@@ -164,20 +162,18 @@ char* CopyOf(const std::string& text) {
 
 bool Command(const char* url, const char* method, std::string_view header_block, std::string_view body, char** response,
              int32_t* status, uint32_t timeout_ms) {
-  const auto now = Clock::now();
+  for (const char line_end : {'\r', '\n'}) {
+    if (header_block.find(line_end) != header_block.npos) return false;
+  }
   oxHTTPRequest request;
   request.url = url;
   request.method = method;
+  request.header_block = header_block;
   request.body = body.data();
   request.body_length = body.size();
   request.https = EqualsIgnoringCase(std::string_view(url).substr(0, 6), "https:");
-  HeaderReader header;
-  if (!header.Read(header_block, &request)) return false;
-  request.deadline = now + std::chrono::milliseconds(timeout_ms);
-  request.connect_deadline = request.deadline;
-  if (header.connect_timeout_ms != 0) {
-    request.connect_deadline = std::min(request.deadline, now + std::chrono::milliseconds(header.connect_timeout_ms));
-  }
+  request.start = Clock::now();
+  request.deadline = request.start + std::chrono::milliseconds(timeout_ms);
   oxHTTPAnswer answer;
   if (!Exchange(request, &answer)) return false;
   if (status != nullptr) *status = static_cast<int32_t>(answer.status);

@@ -29,8 +29,9 @@ void oxEventPlatformNameThread(const char* name) { pthread_setname_np(pthread_se
 bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
                              uint32_t timeout_ms) {
   // A line end would begin a header of its own, a NUL hide what follows; a body of 2 GiB cannot be said.
-  constexpr std::string_view kForbidden("\r\n\0", 3);
-  if (header_block.find_first_of(kForbidden) != std::string::npos) return false;
+  for (const char forbidden : {'\r', '\n', '\0'}) {
+    if (header_block.find(forbidden) != std::string::npos) return false;
+  }
   if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
   char* response = nullptr;
   int32_t status = 0;

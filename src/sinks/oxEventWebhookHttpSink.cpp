@@ -90,22 +90,28 @@ class oxEventWebhookHttpSink : public oxEventSink {
   uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    std::string body;
+    body_.clear();
     if (cloudevents_) {
-      oxEventText::FormatCloudEventsJson(event, cloudevents_source_, cloudevents_subject_prefix_, &body);
+      oxEventText::FormatCloudEventsJson(event, cloudevents_source_, cloudevents_subject_prefix_, &body_);
     } else {
-      oxEventText::FormatNativeJsonData(event, &body);
+      oxEventText::FormatNativeJsonData(event, &body_);
     }
+    const uint32_t result = PostLocked();
+    oxEventReleaseLongText(&body_);
+    return result;
+  }
+
+ private:
+  uint32_t PostLocked() OX_REQUIRES(mutex_) {
     const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
     for (uint32_t i = 0; i < tries; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
-      if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body, request_timeout_ms_)) return OXEVENT_OK;
+      if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_)) return OXEVENT_OK;
       oxEventSetErrorText({"oxEvent webhook POST failed: ", endpoint_url_}, &last_error_);
     }
     return OXEVENT_FAILURE;
   }
 
- private:
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
     const auto add = [this](std::string_view name, std::string_view value = "") {
       if (EndsWithinSequence(header_block_)) header_block_.push_back(' ');  // Of no meaning at a value's end.
@@ -138,6 +144,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const std::string cloudevents_subject_prefix_;
   const uint32_t minimum_severity_;
   std::string header_block_;  // As the HTTP client takes it. Constant after construction.
+  std::string body_ OX_GUARDED_BY(mutex_);
   std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
