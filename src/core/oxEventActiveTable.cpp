@@ -9,7 +9,7 @@ namespace {
 
 constexpr size_t kLineSize = 64;
 constexpr size_t kLeastSlots = 1024;    // 64 KiB: kept for the next conditions, however few are left.
-constexpr uint8_t kMostLinesKept = 64;  // Of a removed condition: 4 KiB.
+constexpr uint8_t kMostLinesKept = 64;  // Of texts that have gone: 4 KiB.
 
 // What follows the head of a block.
 char* Bytes(auto* texts) { return reinterpret_cast<char*>(texts + 1); }
@@ -52,8 +52,10 @@ void oxEventActiveTable::Insert(uint64_t hash, std::string_view key, std::string
 void oxEventActiveTable::Update(Condition* condition, std::string_view signature, uint64_t last_sent_ns) {
   Texts* const texts = condition->texts;
   const std::string_view rest = KeyRest(texts);
-  if (rest.size() + signature.size() > texts->capacity) {
-    SetTexts(condition, NewTexts(rest.size() + signature.size()), rest, signature);
+  const size_t size = rest.size() + signature.size();
+  const bool far_too_large = condition->texts_lines > kMostLinesKept && size <= texts->capacity / 2;
+  if (size > texts->capacity || far_too_large) {
+    SetTexts(condition, NewTexts(size), rest, signature);
     ::operator delete(texts);
   } else {
     SetSignature(texts, signature);
@@ -81,7 +83,7 @@ void oxEventActiveTable::Remove(Condition* condition) {
   } else {
     ::operator delete(texts);
   }
-  if (slot_count_ > kLeastSlots && count_ < slot_count_ / 8) Resize(slot_count_ / 2);  // If there is memory.
+  if (slot_count_ > kLeastSlots && count_ < slot_count_ / 4) Resize(slot_count_ / 2);  // If there is memory.
 }
 
 void oxEventActiveTable::Clear() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <utility>
 
 namespace {
@@ -75,6 +76,7 @@ void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
 uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   uint32_t discarded = 0;
   bool fits = false;
+  bool wake = false;
   while (!fits) {
     Items garbage;
     std::vector<Spare> more_garbage;
@@ -85,7 +87,9 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
     discarded += TrimLocked(&garbage);
     fits = PendingLocked() <= capacity_;
     if (fits) SignalIfDrainedLocked();
+    wake |= FillsLocked() && EndRestLocked();
   }
+  if (wake) not_empty_.NotifyOne();
   return discarded;
 }
 
@@ -214,7 +218,7 @@ uint32_t oxEventQueue::RefuseLocked(bool* dropped) {
 }
 
 // In place of the oldest event below warning when the queue is full. *item becomes memory for the next event, or null.
-// Returns whether the worker is to be woken. Throws when there is no memory; then nothing has changed.
+// Returns whether the worker is to be woken.
 bool oxEventQueue::AppendLocked(Spare* item, bool full) {
   ReserveFreeLocked();
   ++enqueue_count_;
@@ -222,8 +226,7 @@ bool oxEventQueue::AppendLocked(Spare* item, bool full) {
   (*item)->order = next_order_++;
   Items& pending = IsDebugOrInfo((*item)->event.Get().severity) ? debug_info_ : warning_error_;
   pending.PushBack(std::exchange(*item, std::move(next)));
-  const bool fills = PendingLocked() >= capacity_ / 2;
-  return (rest_ == Rest::kSleep || fills) && EndRestLocked();
+  return (rest_ == Rest::kSleep || FillsLocked()) && EndRestLocked();
 }
 
 void oxEventQueue::CompleteActiveEventLocked() {
@@ -290,10 +293,14 @@ oxEventQueue::Spare oxEventQueue::TakeFreeLocked() {
   return item;
 }
 
-// So that RecycleLocked needs no memory for the event that is about to be queued. Throws when there is none.
+// So that RecycleLocked needs no memory for the event that is about to be queued. If there is none, it will free it.
 void oxEventQueue::ReserveFreeLocked() {
   const size_t items = PendingLocked() + active_.Size() + free_.size() + 1;
-  if (items > free_.capacity()) free_.reserve(2 * items);
+  if (items <= free_.capacity()) return;
+  try {
+    free_.reserve(2 * items);
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 // Without long texts.

@@ -93,6 +93,7 @@ class oxEventQueue {
   bool HasRoomLocked() const OX_REQUIRES(mutex_);
   uint32_t RefuseLocked(bool* dropped) OX_REQUIRES(mutex_);
   bool AppendLocked(Spare* item, bool full) OX_REQUIRES(mutex_);
+  bool FillsLocked() const OX_REQUIRES(mutex_) { return PendingLocked() > 0 && PendingLocked() >= capacity_ / 2; }
   void RestLocked() OX_REQUIRES(mutex_);
   void CompleteActiveEventLocked() OX_REQUIRES(mutex_);
   bool EndRestLocked() OX_REQUIRES(mutex_);

@@ -1,21 +1,29 @@
 #include "core/oxEventRouter.h"
 
 #include <pthread.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <iterator>
+#include <thread>
 #include <utility>
 
 #include "base/oxEventImmortal.h"
 #include "base/oxEventSeverity.h"
 #include "core/oxEventRun.h"
+#include "platform/oxEventPlatform.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {
 
 bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
+
+// Asleep, for only so does a real-time thread let run whom it waits for.
+void LetOthersRun() {
+  const oxEventCancelBlock cancel_block;
+  std::this_thread::sleep_for(std::chrono::microseconds(50));
+}
 
 }  // namespace
 
@@ -34,9 +42,10 @@ class oxEventRouter::PlaceHolder {
     constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;  // 2^64 by the golden ratio.
     constexpr int kShift = 64 - std::countr_zero(std::tuple_size_v<Places>);
     const pthread_t self = pthread_self();
-    for (size_t i = self * kSpread >> kShift;; ++i) {
+    for (size_t i = self * kSpread >> kShift, tries = 1;; ++i, ++tries) {
       Place& place = (*places)[i % places->size()];
       if (pthread_t nobody = 0; place.holder.compare_exchange_strong(nobody, self)) return place;
+      if (tries % places->size() == 0) LetOthersRun();
     }
   }
 
@@ -202,7 +211,7 @@ void oxEventRouter::WaitForSubmitters() {
   const pthread_t self = pthread_self();
   for (Place& place : places_) {
     pthread_t holder = 0;
-    for (; !place.holder.compare_exchange_weak(holder, self) && holder != self; holder = 0) sched_yield();
+    for (; !place.holder.compare_exchange_strong(holder, self) && holder != self; holder = 0) LetOthersRun();
     if (holder == self) continue;
     place.spare.reset();
     place.holder = 0;
