@@ -34,11 +34,12 @@ const pid_t g_parent = getpid();
 extern "C" int __lsan_is_turned_off() { return getpid() != g_parent; }  // A child drops what is its parent's.
 
 // "+200 text", "-404 text" when the request failed, "-0 " without an answer. A body ends in a brace.
-string Ask(const string& url, uint32_t timeout_ms = kLong, const char* header = nullptr, const string& body = "{}") {
+string Ask(const string& url, uint32_t timeout_ms = kLong, const char* header = nullptr, const string& body = "{}",
+           const char* method = "POST") {
   char* text = nullptr;
   int32_t status = -1;
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min(timeout_ms + 2000, kLong / 2));
-  const int ok = g_command(url.c_str(), "POST", header, body.data(), int(body.size()), &text, &status, timeout_ms);
+  const int ok = g_command(url.c_str(), method, header, body.data(), int(body.size()), &text, &status, timeout_ms);
   EXPECT_TRUE(std::chrono::steady_clock::now() < end && (status != 0 || text == nullptr)) << url;
   const string answer = (ok != 0 ? "+" : "-") + std::to_string(status) + " " + (text != nullptr ? text : "");
   reinterpret_cast<decltype(&OXFree)>(dlsym(g_library, "OXFree"))(text);
@@ -89,7 +90,7 @@ struct Server {
   bool Serve(int* polled, BIO* bio, const std::stop_token& stop) {
     const int fd = std::exchange(*polled, -1);
     string request, part(65536, 0);
-    while (answers[0][0] >= 'a' && !request.ends_with("}")) {
+    while (answers[0][0] >= 'a' && !request.ends_with("}") && !request.ends_with("}\r\n\r\n")) {
       const int size = BIO_read(bio, part.data(), 65536);
       if (size <= 0) return false;
       request.append(part, 0, size_t(size));
@@ -160,8 +161,15 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
     EXPECT_EQ(Ask(url, kLong, bad) + Ask(url, 0), "-0 -0 ");
   for (const char* bad : {"ftp://127.0.0.1", "http://", "file:///etc/hosts?"}) EXPECT_EQ(Ask(bad + server.port), "-0 ");
   EXPECT_EQ(g_command(nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr, kLong), 0);
-  EXPECT_EQ(server.Stop(), (Strings{"POST /" + start + sent + "Content-Length: 6\r\n\r\n" + body,
-                                    "POST /p?q=%20" + start + "Content-Length: 2\r\n\r\n{}"}));
+  Strings all = {"POST /" + start + sent + "Content-Length: 6\r\n\r\n" + body,
+                 "POST /p?q=%20" + start + "Content-Length: 2\r\n\r\n{}"};
+  for (const string& row : Split("GAa{}~GAa{}~GAa{1}~GBa{}~HBa{}~HBb{}~HBb~HBb~HBb{}")) {
+    const string line = row.substr(1, 1) + ": }", path = "/" + row.substr(2, 1), text = row.substr(3);
+    EXPECT_EQ(Ask(url + path, kLong, line.c_str(), text, row.substr(0, 1).c_str()), "+200 ok");
+    const string length = text.empty() ? "" : "\r\nContent-Length: " + std::to_string(text.size());
+    all.push_back(row.substr(0, 1) + " " + path + start + line + length + "\r\n\r\n" + text);
+  }
+  EXPECT_TRUE(server.Stop() == all && server.polls.size() == 2) << testing::PrintToString(server.requests);
 }
 
 TEST(oxOSHTTPCommand, GivesEachRequestItsAnswer) {
@@ -222,7 +230,7 @@ TEST(oxOSHTTPCommand, KeepsConnectionsForEveryThread) {
 }
 
 TEST(oxOSHTTPCommand, AsksAgainOnlyWhenAKeptConnectionClosedUnanswered) {
-  const string eight_times = "~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~r0~k4";
+  const string eight_times = "~c0~k32\r\nok\r\n0\r\n\r\n~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~c0~k4~r0~k4";
   Server server("k4" + eight_times + "~c0~c0~l4~k4~c4~k4~c0H~k4~o4~k4");
   const string url = kHost + server.port;
   for (int i = 0; i < 9; ++i) EXPECT_EQ(Ask(url), "+200 ok") << i;

@@ -41,6 +41,7 @@ struct oxHTTPAnswer {
   long status = 0;
   size_t header_length = 0;
   int64_t length = -1;        // As the header says; negative: it says none.
+  bool framed = false;        // The text came in chunks: more bytes than it has.
   bool header_ended = false;  // Where it breaks off, libcurl is content.
   bool cut = false;
   std::string text;
@@ -80,9 +81,9 @@ class oxHTTPClient {
 
   bool SetTarget(const char* url);
   Clock::time_point ConnectDeadline(const oxHTTPRequest& request) const;
-  CURLcode Exchange(const oxHTTPRequest& request);
+  CURLcode Exchange(const oxHTTPRequest& request, const oxHTTPAnswer& answer);
   oxHTTPList LookUp(const oxHTTPRequest& request);
-  void NoteKeptSocket();
+  void NoteKeptSocket(const oxHTTPAnswer& answer);
   static int OnLookup(void* state, void* reserved, void* self);
   static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
   static int OnCloseSocket(void* self, curl_socket_t fd);

@@ -4,8 +4,8 @@
 
 #include <ctime>
 
-// For its lifetime a write of the calling thread to a connection that is gone is an error and raises no signal. For TLS:
-// OpenSSL writes without MSG_NOSIGNAL, libcurl itself with it.
+// For its lifetime a write of the calling thread to a connection that is gone is an error and raises no signal. For
+// TLS: libcurl sends with MSG_NOSIGNAL, but OpenSSL, where it has been given the socket, writes without.
 class oxHTTPPipeSignalBlock {
  public:
   oxHTTPPipeSignalBlock() {
