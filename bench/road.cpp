@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -168,8 +169,10 @@ uint64_t PeakResidentKib() {
   return static_cast<uint64_t>(usage.ru_maxrss);
 }
 
+// The least value that this part of all values does not exceed.
 uint64_t Percentile(const std::vector<uint64_t>& sorted, double part) {
-  return sorted[std::min(sorted.size() - 1, static_cast<size_t>(part * static_cast<double>(sorted.size())))];
+  const auto rank = static_cast<size_t>(std::ceil(part * static_cast<double>(sorted.size()) - 1e-6));
+  return sorted[std::clamp<size_t>(rank, 1, sorted.size()) - 1];
 }
 
 void PrintSubmitTimes() {

@@ -102,6 +102,7 @@ class oxEventQueue {
   uint32_t TrimLocked(Items* garbage) OX_REQUIRES(mutex_);
   uint64_t DropAllLocked(Items* garbage) OX_REQUIRES(mutex_);
   Spare TakeFreeLocked() OX_REQUIRES(mutex_);
+  size_t MostFreeLocked() const OX_REQUIRES(mutex_) { return size_t{capacity_} + 1; }  // With the active one's.
   void ReserveFreeLocked() OX_REQUIRES(mutex_);
   void RecycleLocked(Spare item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
