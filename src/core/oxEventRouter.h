@@ -70,7 +70,7 @@ class oxEventRouter {
   using SharedRun = std::shared_ptr<Run>;
 
   // A submitting thread takes one for a call, mostly the same one each time. While it has it, the run that it found is
-  // not ended; and the memory that its next event goes into is its own, so that it has to come for one lock only.
+  // not destroyed; and the memory that its next event goes into is its own, so that it has to come for one lock only.
   struct alignas(64) Place {  // On a cache line of its own.
     std::atomic<pthread_t> holder = 0;
     oxEventQueue::Spare spare;

@@ -36,11 +36,11 @@ class oxEventRouter::Run {
   std::atomic<uint64_t> sink_warnings = 0;
 
  private:
-  std::atomic<uint32_t> minimum_ = UINT32_MAX;
   void RouterMain();
   void Deliver(const oxEventNormalizedEvent& event);
 
-  oxEventMutex join_mutex_;  // Two threads may want to join: a stop, and the process's exit.
+  std::atomic<uint32_t> minimum_ = UINT32_MAX;  // Of severities; none is that high.
+  oxEventMutex join_mutex_;                     // Two threads may want to join: a stop, and the process's exit.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);
   std::atomic<std::thread::id> worker_id_;
   std::atomic<bool> ended_ = false;
