@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <optional>
-#include <string_view>
 
-#include "base/oxEventAscii.h"
 #include "base/oxEventCopyString.h"
 #include "base/oxEventErrorText.h"
+#include "config/oxEventSettings.h"
 #include "oxutil.h"
 
 namespace {
@@ -18,24 +16,6 @@ constexpr uint32_t kSet = 1;
 constexpr uint32_t kValueCapacity = 2048;  // Bytes, the terminating zero included.
 constexpr uint32_t kNameCapacity = 512;
 constexpr uint32_t kSubKey = 0;
-
-struct Word {
-  std::string_view text;
-  uint32_t value;
-};
-
-constexpr Word kBoolWords[] = {{"1", 1}, {"true", 1},  {"yes", 1}, {"on", 1},  {"enabled", 1},
-                               {"0", 0}, {"false", 0}, {"no", 0},  {"off", 0}, {"disabled", 0}};
-
-constexpr Word kSeverityWords[] = {{"debug", 0}, {"info", 1},  {"information", 1}, {"warning", 2},
-                                   {"warn", 2},  {"error", 3}, {"err", 3}};
-
-template <size_t N>
-std::optional<uint32_t> Find(const Word (&words)[N], const std::string& text) {
-  const std::string lower = oxEventAsciiLower(text);
-  const auto* word = std::find_if(std::begin(words), std::end(words), [&](const Word& w) { return w.text == lower; });
-  return word == std::end(words) ? std::nullopt : std::optional(word->value);
-}
 
 }  // namespace
 
@@ -110,7 +90,7 @@ bool oxEventConfigStore::ReadBool(const std::string& key, const char* name, bool
   uint32_t number = 0;
   if (oxCFGValueDword(store_, key.c_str(), name, &number, kGet) == 0) return number != 0;
   const std::string text = ReadString(key, name, default_value ? "1" : "0");
-  if (const auto value = Find(kBoolWords, text)) return *value != 0;
+  if (const auto value = oxEventFindWord(g_oxEventSwitchWords, text)) return *value != 0;
   has_bad_value_ = true;
   oxEventSetErrorText({"Invalid boolean value for ", key, "\\", name, ": ", text}, error_);
   return default_value;
@@ -121,7 +101,7 @@ uint32_t oxEventConfigStore::ReadSeverity(const std::string& key, uint32_t defau
   uint32_t number = 0;
   if (oxCFGValueDword(store_, key.c_str(), kName, &number, kGet) == 0 && number <= 3) return number;
   const std::string text = ReadString(key, kName, "info");
-  if (const auto value = Find(kSeverityWords, text)) return *value;
+  if (const auto value = oxEventFindWord(g_oxEventSeverityWords, text)) return *value;
   has_bad_value_ = true;
   oxEventSetErrorText({"Invalid minimum_severity value for ", key, "\\", kName, ": ", text}, error_);
   return default_value;

@@ -10,12 +10,12 @@
 #include <string_view>
 #include <thread>
 
-#include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventImmortal.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
+#include "config/oxEventSettings.h"
 #include "platform/oxEventPlatform.h"
 
 namespace {
@@ -24,24 +24,10 @@ namespace {
 // forever.
 constexpr uint32_t kPatienceMs = 20;
 
-struct Facility {
-  std::string_view name;
-  int value;
-};
-
-constexpr Facility kFacilities[] = {{"kern", LOG_KERN},         {"user", LOG_USER},     {"mail", LOG_MAIL},
-                                    {"daemon", LOG_DAEMON},     {"auth", LOG_AUTH},     {"security", LOG_AUTH},
-                                    {"authpriv", LOG_AUTHPRIV}, {"cron", LOG_CRON},     {"ftp", LOG_FTP},
-                                    {"local0", LOG_LOCAL0},     {"local1", LOG_LOCAL1}, {"local2", LOG_LOCAL2},
-                                    {"local3", LOG_LOCAL3},     {"local4", LOG_LOCAL4}, {"local5", LOG_LOCAL5},
-                                    {"local6", LOG_LOCAL6},     {"local7", LOG_LOCAL7}};
-
 int FacilityValue(std::string_view name) {
-  const std::string lower = oxEventAsciiLower(name);
-  for (const Facility& facility : kFacilities) {
-    if (facility.name == lower) return facility.value;
-  }
-  return LOG_LOCAL4;
+  constexpr uint32_t kCodeUnit = LOG_USER;  // The facility with the code 1.
+  const auto code = oxEventFindWord(g_oxEventNativeFacilityWords, name);
+  return code ? static_cast<int>(*code * kCodeUnit) : LOG_LOCAL4;
 }
 
 int Level(uint32_t severity) {

@@ -5,12 +5,12 @@
 #include <utility>
 #include <vector>
 
-#include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventNumber.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
+#include "config/oxEventSettings.h"
 #include "platform/oxEventPlatform.h"
 #include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventSink.h"
@@ -20,7 +20,6 @@
 namespace {
 
 constexpr size_t kMaxMessage = 8192;            // Bytes; a longer trap is refused.
-constexpr uint32_t kVersion2c = 1;              // RFC 1901, section 3.
 constexpr uint32_t kMaxRequestId = 0x7FFFFFFF;  // RFC 3416, section 3.
 constexpr int kObjects = 12;
 
@@ -86,7 +85,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     const uint32_t now_ms = oxEventPlatformGetMs();
     message_.clear();
-    SnmpBer::Integer(SnmpBer::kInteger, kVersion2c, &message_);
+    SnmpBer::Integer(SnmpBer::kInteger, kOxEventSnmpVersion2c, &message_);
     SnmpBer::OctetString(community_, &message_);
     const size_t pdu = message_.size();
     SnmpBer::Integer(SnmpBer::kInteger, now_ms & kMaxRequestId, &message_);
@@ -146,10 +145,10 @@ class oxEventSnmpTrapSink : public oxEventSink {
 
 // Empty: 2c, which there is.
 std::string_view VersionError(std::string_view version) {
-  const std::string lower = oxEventAsciiLower(version);
-  if (lower == "3" || lower == "v3" || lower == "snmpv3") return "SNMPv3 requires a future external-library backend";
-  if (lower == "2c" || lower == "v2c" || lower == "snmpv2c") return "";
-  return "oxEvent SNMP trap sink currently supports SNMP v2c only";
+  const auto known = oxEventFindWord(g_oxEventSnmpVersionWords, version);
+  if (known == kOxEventSnmpVersion2c) return "";
+  return known == kOxEventSnmpVersion3 ? "SNMPv3 requires a future external-library backend"
+                                       : "oxEvent SNMP trap sink currently supports SNMP v2c only";
 }
 
 }  // namespace

@@ -7,12 +7,12 @@
 #include <string_view>
 #include <utility>
 
-#include "base/oxEventAscii.h"
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventNumber.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
+#include "config/oxEventSettings.h"
 #include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventText.h"
@@ -23,24 +23,7 @@ constexpr uint32_t kDefaultPort = 514;  // RFC 5426, section 3.3.
 constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is cut.
 constexpr int kShortDigits = 6;         // Of a double, as people read it.
 
-struct Facility {
-  std::string_view name;
-  uint32_t code;
-};
-
-constexpr Facility kFacilities[] = {  // RFC 5424, table 1.
-    {"kern", 0},    {"user", 1},    {"mail", 2},    {"daemon", 3},  {"auth", 4},      {"security", 4}, {"syslog", 5},
-    {"lpr", 6},     {"news", 7},    {"uucp", 8},    {"cron", 9},    {"authpriv", 10}, {"ftp", 11},     {"local0", 16},
-    {"local1", 17}, {"local2", 18}, {"local3", 19}, {"local4", 20}, {"local5", 21},   {"local6", 22},  {"local7", 23}};
-constexpr uint32_t kLocal0 = 16;
-
-uint32_t FacilityCode(std::string_view name) {
-  const std::string lower = oxEventAsciiLower(name);
-  for (const Facility& facility : kFacilities) {
-    if (facility.name == lower) return facility.code;
-  }
-  return kLocal0;
-}
+constexpr uint32_t kLocal0 = 16;  // RFC 5424, table 1.
 
 uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
   constexpr uint32_t kSeverities[] = {7, 6, 4, 3};
@@ -110,7 +93,7 @@ std::string HostName() {
 class oxEventSyslogUdpSink : public oxEventSink {
  public:
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)
-      : facility_code_(FacilityCode(config.facility)),
+      : facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kLocal0)),
         minimum_severity_(config.minimum_severity),
         sender_("oxEvent syslog UDP", oxEventOrDefault(config.host, "127.0.0.1"),
                 config.port == 0 ? kDefaultPort : config.port) {

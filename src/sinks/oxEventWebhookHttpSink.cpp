@@ -10,6 +10,7 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
+#include "config/oxEventSettings.h"
 #include "platform/oxEventPlatform.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventText.h"
@@ -48,10 +49,6 @@ void SplitHeaders(std::string_view text, Add add) {
   }
 }
 
-bool IsCloudEvents(std::string_view lower_mode) {
-  return lower_mode == "cloudevents" || lower_mode == "cloudevents_structured";
-}
-
 // Whether the text breaks off within a UTF-8 sequence. The separator would pass for its last byte.
 bool EndsWithinSequence(std::string_view text) {
   for (size_t length = 1; length <= std::min<size_t>(text.size(), 3); ++length) {
@@ -76,7 +73,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   explicit oxEventWebhookHttpSink(const oxEventSinkConfig& config)
       : endpoint_url_(EndpointUrl(config)),
         cloudevents_(config.type == oxEventSinkType::kCloudEventsHttp ||
-                     IsCloudEvents(oxEventAsciiLower(config.payload_mode))),
+                     oxEventFindWord(g_oxEventPayloadModeWords, config.payload_mode) == kOxEventPayloadCloudEvents),
         request_timeout_ms_(FirstNonZero(config.request_timeout_ms, config.ce_timeout_ms, kDefaultRequestTimeoutMs)),
         retry_count_(config.retry_count),
         backoff_ms_(config.backoff_ms == 0 ? kDefaultBackoffMs : config.backoff_ms),
@@ -153,8 +150,7 @@ std::string_view RefusalOf(const oxEventSinkConfig& config) {
   if (!url.starts_with("http://") && !url.starts_with("https://")) {
     return "oxEvent webhook sink requires an http:// or https:// endpoint_url";
   }
-  const std::string mode = oxEventAsciiLower(config.payload_mode);
-  const bool known = mode.empty() || mode == "native_json" || mode == "native" || IsCloudEvents(mode);
+  const bool known = config.payload_mode.empty() || oxEventFindWord(g_oxEventPayloadModeWords, config.payload_mode);
   if (!known && config.type != oxEventSinkType::kCloudEventsHttp) {
     return "oxEvent webhook payload_mode must be native_json or cloudevents";
   }
