@@ -1,0 +1,128 @@
+#include "command_line.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <numeric>
+
+namespace {
+
+const char* g_tool = "";
+
+constexpr int kFirst = 256;  // Of the values that getopt_long gives for options: behind every character.
+
+// By how many letters two words differ: to be inserted, left out or replaced.
+size_t Distance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);  // From the beginning of `a` so far to each beginning of `b`.
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (const char letter : a) {
+    size_t diagonal = row[0]++;
+    for (size_t i = 0; i < b.size(); ++i) {
+      const size_t replaced = diagonal + (letter == b[i] ? 0 : 1);
+      diagonal = row[i + 1];
+      row[i + 1] = std::min({replaced, row[i] + 1, row[i + 1] + 1});
+    }
+  }
+  return row.back();
+}
+
+void PrintHelp(const Tool& tool) {
+  constexpr int kColumn = 28;  // Where the descriptions stand.
+  std::fputs(tool.usage, stdout);
+  for (const Option& option : tool.options) {
+    if (option.heading != nullptr) std::printf("\n%s:\n", option.heading);
+    std::string left = std::string("  --") + option.name;
+    if (option.argument != nullptr) left.append(" ").append(option.argument);
+    if (left.size() >= kColumn) left.append("\n");
+    std::string help = option.help;
+    for (size_t i = 0; (i = help.find('\n', i)) != help.npos;) help.insert(++i, kColumn, ' ');
+    const int width = left.back() == '\n' ? 0 : kColumn;
+    std::printf("%-*s%*s%s\n", width, left.c_str(), kColumn - width, "", help.c_str());
+  }
+  std::fputs(tool.notes, stdout);
+}
+
+UsageError NotFollowed(const Tool& tool, const char* word, int option, bool lacks_value) {
+  if (option >= kFirst) {
+    const std::string name = std::string("--") + tool.options[static_cast<size_t>(option - kFirst)].name;
+    return UsageError(name + (lacks_value ? ": its value is missing" : ": takes no value"));
+  }
+  if (option != 0) return UsageError(std::string("-") + static_cast<char>(option) + ": no such option");
+  const std::string name(word, std::strcspn(word, "="));
+  std::vector<std::string> names;
+  for (const Option& known : tool.options) names.push_back(std::string("--") + known.name);
+  const auto begins = [&name](const std::string& known) { return known.starts_with(name); };
+  if (std::count_if(names.begin(), names.end(), begins) > 1) return UsageError(name + ": several options begin so");
+  return UsageError(name + ": no such option" + DidYouMean(name, names));
+}
+
+// Follows the options and returns the other arguments.
+std::vector<const char*> Follow(const Tool& tool, int argc, char** argv) {
+  std::vector<option> known;
+  for (const Option& option : tool.options) {
+    known.push_back({option.name, option.argument == nullptr ? no_argument : required_argument, nullptr,
+                     kFirst + static_cast<int>(known.size())});
+  }
+  known.push_back({});
+  opterr = 0;
+  for (int found = 0; (found = getopt_long(argc, argv, ":", known.data(), nullptr)) != -1;) {
+    if (found == '?' || found == ':') throw NotFollowed(tool, argv[optind - 1], optopt, found == ':');
+    const Option& option = tool.options[static_cast<size_t>(found - kFirst)];
+    try {
+      option.set(optarg);
+    } catch (const std::invalid_argument& error) {
+      throw UsageError(std::string("--") + option.name + ": " + error.what());
+    }
+  }
+  return {argv + optind, argv + argc};
+}
+
+int Run(Tool* tool, int argc, char** argv, const std::function<int(std::vector<const char*>)>& run) {
+  enum { kGoOn, kHelp, kVersion } wanted = kGoOn;
+  tool->options.push_back({"help", nullptr, "print this and exit", [&wanted](const char*) { wanted = kHelp; }});
+  tool->options.push_back(
+      {"version", nullptr, "print the version and exit", [&wanted](const char*) { wanted = kVersion; }});
+  const std::vector<const char*> arguments = Follow(*tool, argc, argv);
+  if (wanted == kGoOn) return run(arguments);
+  if (wanted == kHelp) {
+    PrintHelp(*tool);
+  } else {
+    std::printf("%s %s\n", tool->name, OXEVENT_VERSION);
+  }
+  return kDone;
+}
+
+}  // namespace
+
+int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vector<const char*>)>& run) {
+  g_tool = tool.name;
+  int status = kUsage;
+  try {
+    status = Run(&tool, argc, argv, run);
+  } catch (const UsageError& error) {
+    Complain(error.what());
+  } catch (const std::exception& error) {
+    Complain(error.what());
+    status = kFailed;
+  }
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  Complain(std::string("standard output: ") + std::strerror(errno));
+  return status == kDone ? kFailed : status;
+}
+
+void Complain(std::string_view text) {
+  std::fflush(stdout);  // Its lines came before.
+  std::fprintf(stderr, "%s: %.*s\n", g_tool, static_cast<int>(text.size()), text.data());
+}
+
+std::string DidYouMean(std::string_view word, const std::vector<std::string>& names) {
+  const auto nearer = [word](const std::string& a, const std::string& b) {
+    return Distance(word, a) < Distance(word, b);
+  };
+  const auto nearest = std::min_element(names.begin(), names.end(), nearer);
+  if (nearest == names.end() || Distance(word, *nearest) * 3 > word.size()) return "";
+  return "; did you mean " + *nearest + "?";
+}
