@@ -14,7 +14,9 @@ endif()
 
 add_library(oxevent_options INTERFACE)
 target_compile_options(oxevent_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>
+  # No file tells in which folder it was built.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=.
   -fstack-protector-strong -fstack-clash-protection -fcf-protection
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)

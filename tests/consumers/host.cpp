@@ -1,0 +1,16 @@
+#include <oxEvent.h>
+
+#include <string>
+
+// The document that a C++ host gets becomes the details of an event.
+int main(int, char** argv) {
+  oxEventRecord event{};
+  event.struct_size = sizeof(event);
+  event.version = OXEVENT_API_VERSION;
+  event.severity = OXEVENT_SEVERITY_ERROR;
+  event.message = "Fan 2 stands still";
+  std::string alerts;
+  if (oxEventFormatAlertmanagerRecord(&event, {}, &alerts) != OXEVENT_OK) return 1;
+  event.details_json = alerts.c_str();
+  return oxEventInitialize(argv[1]) || oxEventSubmit(&event) || oxEventShutdown() ? 1 : 0;
+}
