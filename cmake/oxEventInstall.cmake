@@ -1,9 +1,10 @@
-# cmake --install: libraries, header, CMake package, pkg-config file, documents.
+# cmake --install: libraries, header, CMake package, pkg-config file, Python module, documents.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES examples/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent/python)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 

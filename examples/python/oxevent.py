@@ -1,0 +1,573 @@
+"""Operational events from Python: alarms, state changes, notices, by way of the shared library liboxEvent.
+
+    import oxevent
+
+    with oxevent.running("settings.xml"):
+        oxevent.submit("Fan 2 stands still", severity=oxevent.Severity.WARNING, source_id="fan-2")
+
+The settings file must exist; an empty one will do, the library completes it. It says where events go: CSV file, system
+log, syslog, HTTP, SNMP. A condition is raised with action="raise" and ended with action="clear" (see submit); what the
+logging module writes becomes events through OxEventHandler; register_callback hands all events to a function.
+
+Any thread may call any function, from inside a callback too. A call that the library refuses raises OxEventError; an
+argument that cannot be passed on as it is, ValueError or TypeError with the argument's name. Texts are str, passed as
+UTF-8 with surrogateescape, or bytes, passed as they are.
+
+The library is loaded by the first call: the file that load() was given, or that the environment variable
+OXEVENT_LIBRARY names, or liboxEvent.so.1 from where the loader looks.
+
+Exit: when the interpreter ends, what is queued is delivered for at most five seconds, to callbacks too. Not so after
+os._exit, which is how the forked children of multiprocessing end.
+
+Fork (os.fork, multiprocessing): the child starts out uninitialized and without callbacks, and calls that need the
+library running raise OxEventError with the code NOT_INITIALIZED. It may call initialize for itself; a child of
+multiprocessing best does so with running(), which delivers what is queued before the child ends.
+
+This one file is the whole module: Python 3.9 or later, the standard library, Linux.
+"""
+from __future__ import annotations
+
+import atexit
+import contextlib
+import copy
+import ctypes
+import dataclasses
+import datetime
+import enum
+import inspect
+import itertools
+import json
+import logging
+import math
+import operator
+import os
+import re
+import threading
+from typing import Callable, Iterator, Optional, Union
+
+__all__ = ["Callback", "Event", "OxEventError", "OxEventHandler", "Result", "Severity", "flush", "initialize", "load",
+           "register_callback", "reload", "running", "shutdown", "submit"]
+
+Text = Union[str, bytes]
+Path = Union[str, bytes, os.PathLike]
+Time = Union[int, datetime.datetime]
+
+
+class Result(enum.IntEnum):
+    """What the library's functions return."""
+
+    OK = 0
+    NOT_INITIALIZED = 0x80050001  # Not initialized, not running, or stopping.
+    ALREADY_INITIALIZED = 0x80050002  # Or a shutdown is still under way.
+    INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file that is refused.
+    NOT_FOUND = 0x80050004
+    FAILURE = 0x80050005  # A time-out, a sink or a callback that failed, memory exhausted.
+
+
+class Severity(enum.IntEnum):
+    """How severe an event is: a larger value is more severe."""
+
+    DEBUG = 0
+    INFO = 1
+    WARNING = 2
+    ERROR = 3
+
+
+class OxEventError(Exception):
+    """A call failed: `code` is a Result, `text` the library's reason."""
+
+    def __init__(self, code: int, text: str):
+        super().__init__(code, text)
+        self.code = Result(code)
+        self.text = text
+
+    def __str__(self) -> str:
+        return f"{self.text} ({self.code.name}, {self.code:#x})"
+
+
+@dataclasses.dataclass(frozen=True)
+class Event:
+    """An event as a callback receives it. The fields are submit's arguments; nothing is None."""
+
+    event_id: int
+    event_type: str
+    source_id: str
+    source_name: str
+    message: str
+    severity: Severity
+    action: str
+    dedupe_key: str
+    correlation_id: str
+    utc_ns: int
+    ptp_ns: int
+    pts: int
+    timecode: str
+    value: float
+    threshold: float
+    units: str
+    duration_ms: int
+    details_json: str
+
+
+_API_VERSION = 0x00010000
+_UNSIGNED, _SIGNED, _TEXT = ctypes.c_uint64, ctypes.c_int64, ctypes.c_char_p
+
+
+class _Record(ctypes.Structure):  # oxEventRecord
+    _fields_ = [("struct_size", ctypes.c_uint32), ("version", ctypes.c_uint32), ("event_id", _UNSIGNED),
+                ("event_type", _TEXT), ("source_id", _TEXT), ("source_name", _TEXT), ("message", _TEXT),
+                ("severity", ctypes.c_uint32), ("action", _TEXT), ("dedupe_key", _TEXT), ("correlation_id", _TEXT),
+                ("utc_ns", _UNSIGNED), ("ptp_ns", _UNSIGNED), ("pts", _SIGNED), ("timecode", _TEXT),
+                ("value", ctypes.c_double), ("threshold", ctypes.c_double), ("units", _TEXT),
+                ("duration_ms", _UNSIGNED), ("details_json", _TEXT)]
+
+
+_KINDS = dict(_Record._fields_)
+_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.POINTER(_Record), ctypes.c_void_p)
+_FUNCTIONS = {
+    "oxEventInitialize": [ctypes.c_char_p], "oxEventShutdown": [], "oxEventSubmit": [ctypes.POINTER(_Record)],
+    "oxEventFlush": [ctypes.c_uint32], "oxEventReloadConfig": [ctypes.c_char_p],
+    "oxEventRegisterCallback": [_CALLBACK, ctypes.c_void_p, ctypes.POINTER(ctypes.c_uint32)],
+    "oxEventUnregisterCallback": [ctypes.c_uint32], "oxEventGetLastError": [ctypes.c_char_p, ctypes.c_uint32],
+    "oxEventGetApiVersion": []}
+_EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
+_SHUTDOWN_S = 5  # As long as the library's own shutdown takes at most.
+_logger = logging.getLogger("oxevent")
+
+_lock = threading.RLock()  # Guards loading, and registering against the interpreter's exit.
+_library = None
+_initialized_here = False  # By this module, which then shuts down at exit; not by a program that embeds Python.
+_exiting = False
+_callbacks = {}  # By the number that the library hands on as user_data: a late call finds none, not freed memory.
+_numbers = itertools.count(1)
+_failure = None  # Of a callback: what raised and the exception, until a flush or shutdown has reported it.
+_delivering = threading.local()  # `on`: this thread is in a callback.
+
+
+def load(library: Optional[Path] = None) -> None:
+    """Load the library from this file, or else from where the module's description says.
+
+    Needed only to name the file, and then before any other call. OSError: there is no such library; the text says what
+    was tried.
+    """
+    _loaded(library)
+
+
+def _loaded(library=None):
+    global _library
+    if _library is not None and library is None:
+        return _library
+    with _lock:
+        if _library is None:
+            _library = _open(library)
+        elif library is not None and os.fsdecode(library) != _library._name:
+            raise OSError(f"cannot load {os.fsdecode(library)}: {_library._name} is loaded already")
+    return _library
+
+
+def _open(library):
+    if library is not None:
+        name, origin = os.fsdecode(library), "given to load()"
+    elif os.environ.get("OXEVENT_LIBRARY"):
+        name, origin = os.environ["OXEVENT_LIBRARY"], "from the environment variable OXEVENT_LIBRARY"
+    else:
+        name, origin = "liboxEvent.so.1", "where the loader looks; OXEVENT_LIBRARY or load() can name the file"
+    try:
+        opened = ctypes.CDLL(name)
+        for function, arguments in _FUNCTIONS.items():
+            getattr(opened, function).argtypes = arguments
+            getattr(opened, function).restype = ctypes.c_uint32
+    except (OSError, AttributeError) as error:
+        raise OSError(f"cannot load the oxEvent library: tried {name} ({origin}): {error}") from error
+    version = opened.oxEventGetApiVersion()
+    if version != _API_VERSION:
+        raise OSError(f"{name} ({origin}) has the version {version:#x}, not {_API_VERSION:#x}")
+    return opened
+
+
+def _call(function, *arguments):
+    library = _loaded()
+    code = getattr(library, function)(*arguments)
+    if code != Result.OK:
+        text = ctypes.create_string_buffer(8192)
+        library.oxEventGetLastError(text, len(text))
+        raise OxEventError(code, text.value.decode("utf-8", "surrogateescape"))
+
+
+def initialize(path: Path) -> None:
+    """Load the settings file, open the sinks and start delivering.
+
+    OxEventError: the file or a setting is refused, a sink could not be opened, or the library is initialized already.
+    """
+    global _initialized_here
+    _call("oxEventInitialize", _path(path))
+    _initialized_here = True
+
+
+def shutdown() -> None:
+    """Deliver what is queued, for at most five seconds, close the sinks and forget the callbacks.
+
+    OxEventError: events were discarded, a sink could not be flushed, a callback raised an exception (see
+    register_callback). The library is shut down all the same, unless it was not initialized.
+    """
+    global _initialized_here
+    forgotten = list(_callbacks)
+    try:
+        _call("oxEventShutdown")
+    except OxEventError as error:
+        if error.code == Result.NOT_INITIALIZED:
+            forgotten.clear()
+        raise
+    finally:
+        _initialized_here = False
+        for number in forgotten:
+            _callbacks.pop(number, None)
+    _report_failure()
+
+
+@contextlib.contextmanager
+def running(path: Path) -> Iterator[None]:
+    """A context in which the library is initialized: `with oxevent.running("settings.xml"): ...`"""
+    initialize(path)
+    try:
+        yield
+    finally:
+        shutdown()
+
+
+def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional[Text] = None,
+           source_id: Optional[Text] = None, source_name: Optional[Text] = None, action: Optional[Text] = None,
+           dedupe_key: Optional[Text] = None, correlation_id: Optional[Text] = None, value: float = 0.0,
+           threshold: float = 0.0, units: Optional[Text] = None, duration_ms: int = 0,
+           details_json: Union[Text, dict, list, None] = None, utc_ns: Time = 0, ptp_ns: Time = 0, pts: int = 0,
+           timecode: Optional[Text] = None, event_id: int = 0) -> None:
+    """Report an event; queues it and returns, never waits for a file or the network.
+
+    message         text for people, not empty
+    severity        a Severity
+    event_type      kind of event, "event" if not given
+    source_id       identifier of what reports
+    source_name     its display name, "oxEvent" if not given
+    action          "raise", "update", "repeat" or "clear" of a condition; without, the event goes out as it is
+    dedupe_key      names the condition; if not given, source_id and event_type do
+    correlation_id  links events
+    value, threshold, units   what was measured, what it was compared with, and in which units
+    duration_ms     milliseconds
+    details_json    a dict or list, or JSON as a text
+    utc_ns, ptp_ns  when: nanoseconds since 1970 or a datetime with a time zone; 0: now
+    pts, timecode   media time stamps
+    event_id        0: the library gives the next number of this process
+
+    Success means accepted: an event below the minimum severity, or one that finds the queue full, is dropped and
+    counted. OxEventError with NOT_INITIALIZED: the library is not running.
+    """
+    _call("oxEventSubmit", ctypes.byref(_record(locals())))
+
+
+def flush(timeout_s: Optional[float] = None) -> None:
+    """Wait until everything queued is delivered, for at most this many seconds (None: without limit), then write out.
+
+    OxEventError: the time was up, a sink could not be flushed, or a callback raised an exception (see
+    register_callback). In a callback it does not wait: with events queued it fails at once. Ctrl-C takes effect when it
+    returns.
+    """
+    milliseconds = 0  # Without limit, so the shortest limit is one.
+    if timeout_s is not None:
+        if not 0 < timeout_s <= (2**32 - 1) / 1000:
+            raise ValueError(f"timeout_s must be above 0 and at most 4294967.295, not {timeout_s!r}")
+        milliseconds = math.ceil(timeout_s * 1000)
+    _call("oxEventFlush", milliseconds)
+    _report_failure()
+
+
+def reload(path: Optional[Path] = None) -> None:
+    """Put changed settings into force, from this file or the one in use; queue, conditions and callbacks stay.
+
+    OxEventError: the file is refused, or a sink could not be opened; the old settings then stay in force.
+    """
+    _call("oxEventReloadConfig", None if path is None else _path(path))
+
+
+class Callback:
+    """A registered callback, made by register_callback; in a `with` statement it is registered for that block."""
+
+    def __init__(self, function: Callable[[Event], object]):
+        self.function = function
+        self._number = next(_numbers)
+        self._id = ctypes.c_uint32()
+
+    def unregister(self) -> None:
+        """No call begins any more; one that is under way in the worker goes on. A second time does nothing."""
+        if _callbacks.pop(self._number, None) is None:
+            return
+        try:
+            _call("oxEventUnregisterCallback", self._id)
+        except OxEventError as error:
+            if error.code != Result.NOT_FOUND:  # A start that failed has forgotten it, or the embedding program.
+                raise
+
+    def __enter__(self) -> Callback:
+        return self
+
+    def __exit__(self, *_) -> None:
+        self.unregister()
+
+
+def register_callback(function: Callable[[Event], object]) -> Callback:
+    """Have function(event) called with each Event that reaches the sinks, until unregister() or shutdown().
+
+    It runs on the library's worker, one event at a time, and later events wait for it. The result need not be kept.
+    Works before initialize too.
+
+    An exception that it raises (SystemExit too) does not disturb the delivery. It is logged at once, with its
+    traceback, to the logger "oxevent"; and the next flush or shutdown raises an OxEventError with the code FAILURE,
+    whose __cause__ is the first exception since the last one reported.
+    """
+    if not callable(function):
+        raise TypeError(f"function must be callable, not {function!r}")
+    _loaded()
+    callback = Callback(function)
+    with _lock:
+        if _exiting:
+            raise RuntimeError("register_callback: the interpreter is exiting")
+        _callbacks[callback._number] = callback
+        try:
+            _call("oxEventRegisterCallback", _on_event, callback._number, ctypes.byref(callback._id))
+        except BaseException:
+            del _callbacks[callback._number]
+            raise
+    return callback
+
+
+# The one C callback, for all: it lives as long as the module, so unregistering frees nothing that the worker is in.
+@_CALLBACK
+def _on_event(record, number):
+    global _failure
+    callback = _callbacks.get(number)
+    if callback is None:
+        return
+    _delivering.on = True
+    try:
+        callback.function(_event(record.contents))
+    except BaseException as error:
+        if _failure is None:
+            _failure = (callback.function, error)
+        _logger.exception("callback %r raised an exception", callback.function)
+    finally:
+        _delivering.on = False
+
+
+def _event(record):
+    values = {field.name: getattr(record, field.name) for field in dataclasses.fields(Event)}
+    for name, value in values.items():
+        if isinstance(value, bytes):
+            values[name] = value.decode("utf-8", "surrogateescape")
+    values["severity"] = Severity(record.severity)
+    return Event(**values)
+
+
+def _report_failure():
+    global _failure
+    failure, _failure = _failure, None
+    if failure is not None:
+        function, error = failure
+        raise OxEventError(Result.FAILURE, f"callback {function!r} raised {error!r}") from error
+
+
+# Arguments on their way to C.
+
+_UNFIT = re.compile("[\0\ud800-\udc7f\udd00-\udfff]")  # NUL, and surrogates that stand for no byte.
+
+
+def _record(fields):
+    record = _Record(struct_size=ctypes.sizeof(_Record), version=_API_VERSION)
+    for name, value in fields.items():
+        if value is not None or name == "severity":
+            setattr(record, name, _CONVERSIONS[name if name == "severity" else _KINDS[name]](name, value))
+    if not record.message:
+        raise ValueError("message must not be empty")
+    return record
+
+
+def _path(path):
+    return _text("path", os.fsencode(path))
+
+
+def _text(name, value):
+    if isinstance(value, (dict, list)) and name == "details_json":
+        value = _json(name, value)
+    if isinstance(value, str):
+        unfit = _UNFIT.search(value)
+        if unfit:
+            raise ValueError(f"{name} must not contain {unfit[0]!r} (at {unfit.start()})")
+        return value.encode("utf-8", "surrogateescape")
+    if not isinstance(value, bytes):
+        raise TypeError(f"{name} must be str or bytes, not {value!r}")
+    if b"\0" in value:
+        raise ValueError(f"{name} must not contain '\\x00' (at {value.index(0)})")
+    return value
+
+
+def _json(name, value):
+    try:
+        text = json.dumps(value, ensure_ascii=False, allow_nan=False)
+    except (TypeError, ValueError, RecursionError) as error:
+        raise type(error)(f"{name}: {error}") from error
+    return re.sub("[\ud800-\udfff]", lambda match: f"\\u{ord(match[0]):04x}", text)
+
+
+def _integer(lowest, highest, name, value):
+    if isinstance(value, datetime.datetime) and name in ("utc_ns", "ptp_ns"):
+        if value.utcoffset() is None:
+            raise ValueError(f"{name} must be a datetime with a time zone, not {value!r}")
+        value = (value - _EPOCH) // datetime.timedelta(microseconds=1) * 1000
+    try:
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{name} must be an integer, not {value!r}") from None
+    if not lowest <= number <= highest:
+        raise ValueError(f"{name} must be {lowest} to {highest}, not {value!r}")
+    return number
+
+
+def _float(name, value):
+    try:
+        return ctypes.c_double(value).value
+    except TypeError:
+        raise TypeError(f"{name} must be a number, not {value!r}") from None
+    except OverflowError:
+        raise ValueError(f"{name} is too large for a float") from None
+
+
+def _severity(name, value):
+    try:
+        return Severity(value)
+    except ValueError:
+        choices = ", ".join(f"Severity.{choice.name} ({choice:d})" for choice in Severity)
+        raise ValueError(f"{name} must be one of {choices}, not {value!r}") from None
+
+
+_CONVERSIONS = {
+    "severity": _severity, _TEXT: _text, ctypes.c_double: _float,
+    _UNSIGNED: lambda name, value: _integer(0, 2**64 - 1, name, value),
+    _SIGNED: lambda name, value: _integer(-2**63, 2**63 - 1, name, value)}
+
+
+class OxEventHandler(logging.Handler):
+    """Makes each log record an event.
+
+        logging.getLogger().addHandler(oxevent.OxEventHandler(source_id="press-4"))
+        logging.warning("Pressure low", extra={"oxevent": {"action": "raise", "dedupe_key": "pressure"}})
+
+    message       the text, or what setFormatter makes of the record
+    severity      DEBUG, INFO, WARNING, and ERROR for all from ERROR up; other levels count as the next lower one
+    source_name   the logger's name: what an operator knows the part of the program by
+    event_type    "log", so that receivers can tell log records from other events
+    utc_ns        when the record was made
+    details_json  of an exception {"exception": "ValueError: ...", "traceback": "..."}, of stack_info {"stack": "..."},
+                  merged into a dict that is given; beside details that are given otherwise they stay in the message
+
+    Arguments of the constructor set fields (of submit) for every record, the dict extra={"oxevent": {...}} for one. NUL
+    and lone surrogates in the message are escaped; an empty message becomes the level's name.
+
+    The library is initialized and shut down apart from the handler. When an event cannot be submitted (the library is
+    not running, as in a fork's child that did not call initialize; a field is wrong), the handler's handleError is
+    called, as logging does for its own. Records logged inside a callback are left out: they would come back as events,
+    to the same callback, without end.
+    """
+
+    def __init__(self, level: Union[int, str] = logging.NOTSET, **fields):
+        inspect.signature(submit).bind(message="", **fields)  # TypeError for a name that is none.
+        super().__init__(level)
+        self._fields = fields
+        self.setFormatter(logging.Formatter())  # Where basicConfig finds none, it adds level and name to the text.
+
+    def handle(self, record: logging.LogRecord):
+        """Submit the record if the filters let it pass."""
+        # Without the handler's lock: submit needs none, and logging.shutdown holds it over the flush, which waits for
+        # callbacks that log.
+        passed = self.filter(record)
+        if passed:
+            self.emit(passed if isinstance(passed, logging.LogRecord) else record)
+        return passed
+
+    def emit(self, record: logging.LogRecord) -> None:
+        """Submit the record."""
+        if getattr(_delivering, "on", False):
+            return
+        try:
+            submit(**self._event_fields(record))
+        except Exception:
+            self.handleError(record)
+
+    def flush(self) -> None:
+        """Wait until everything queued is delivered, at most five seconds; without effect where nothing runs.
+
+        OxEventError as from oxevent.flush.
+        """
+        try:
+            flush(_SHUTDOWN_S)
+        except OxEventError as error:
+            if error.code != Result.NOT_INITIALIZED:
+                raise
+
+    def _event_fields(self, record):
+        fields = {"severity": max(0, min(record.levelno // 10 - 1, int(Severity.ERROR))), "source_name": record.name,
+                  "event_type": "log", "utc_ns": int(record.created * 1e6) * 1000,
+                  **self._fields, **getattr(record, "oxevent", {})}
+        given = fields.get("details_json")
+        details = self._details(record)
+        if details and (given is None or isinstance(given, dict)):
+            fields["details_json"] = {**(given or {}), **details}
+            record = copy.copy(record)
+            record.exc_info = record.exc_text = record.stack_info = None
+        if "message" not in fields:
+            text = _UNFIT.sub(lambda match: match[0].encode("unicode_escape").decode(), self.format(record))
+            fields["message"] = text or record.levelname
+        return fields
+
+    def _details(self, record):
+        details = {}
+        if record.exc_info and record.exc_info[0]:
+            kind, error = record.exc_info[:2]
+            traceback = self.formatter.formatException(record.exc_info)
+            details = {"exception": f"{kind.__name__}: {error}", "traceback": traceback}
+        elif record.exc_text:
+            details = {"traceback": record.exc_text}
+        if record.stack_info:
+            details["stack"] = self.formatter.formatStack(record.stack_info)
+        return details
+
+
+# The ends of a process.
+
+
+def _at_exit():
+    # The worker must be through with Python's callbacks before the interpreter ends: it would wait for it for ever.
+    global _exiting
+    with _lock:
+        _exiting = True
+    try:
+        if _initialized_here:
+            shutdown()
+        callbacks = list(_callbacks.values())
+        for callback in callbacks:
+            callback.unregister()
+        if callbacks:  # The embedding program's library goes on; or it does not run, and nothing is in delivery.
+            _call("oxEventFlush", _SHUTDOWN_S * 1000)
+    except OxEventError as error:
+        if error.code != Result.NOT_INITIALIZED:
+            _logger.error("at exit: %s", error)
+
+
+def _forget_in_child():
+    global _lock, _delivering, _failure, _initialized_here
+    _lock = threading.RLock()
+    _delivering = threading.local()
+    _failure = None
+    _initialized_here = False
+    _callbacks.clear()
+
+
+atexit.register(_at_exit)
+os.register_at_fork(after_in_child=_forget_in_child)
