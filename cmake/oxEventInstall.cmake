@@ -1,4 +1,4 @@
-# cmake --install: libraries, header, CMake package, pkg-config file, Python module, documents.
+# cmake --install: libraries, header, CMake package, pkg-config file, Python module, documents, man pages.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
@@ -6,7 +6,8 @@ install(TARGETS oxEvent oxutil EXPORT oxEventTargets
 install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES examples/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent/python)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN docs/man EXCLUDE)
+install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/oxEvent)
 install(EXPORT oxEventTargets NAMESPACE oxEvent:: DESTINATION ${package_dir})

@@ -78,7 +78,7 @@ typedef struct oxEventRecord {
 /*
  * Receives every event that reaches the sinks, on the library's worker thread, one at a time. The record and its texts
  * are valid during the call only. A C++ callback that throws counts as a failed sink for that event. It may call any
- * function of this header; oxEventFlush and oxEventShutdown say below what is particular there.
+ * function of this header; oxEventFlush and oxEventShutdown tell what is particular there.
  */
 typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
 
@@ -138,7 +138,7 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
  * Loads the settings anew and puts them into force; queued events, raised conditions and callbacks stay. config_path
  * null or empty: the file of the last successful oxEventInitialize or oxEventReloadConfig.
  *
- * OXEVENT_INVALID_ARGUMENT and OXEVENT_FAILURE as oxEventInitialize; the old settings then stay in force.
+ * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as oxEventInitialize; the old settings then stay in force.
  * OXEVENT_NOT_INITIALIZED.
  */
 OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
@@ -170,7 +170,11 @@ OXEVENT_API uint32_t oxEventGetLastError(char* buffer, uint32_t buffer_size);
 /* Returns OXEVENT_API_VERSION of the library, not a result code. Touches no state. */
 OXEVENT_API uint32_t oxEventGetApiVersion(void);
 
-/* Register and remove a source of the Windows event log. On Linux: always OXEVENT_NOT_FOUND. */
+/*
+ * Registers or removes a source of the Windows event log.
+ *
+ * OXEVENT_NOT_FOUND: always, on Linux.
+ */
 OXEVENT_API uint32_t oxEventInstallWindowsEventSource(const char* source_name, const char* message_file);
 OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 
