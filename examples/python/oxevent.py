@@ -34,6 +34,7 @@ import ctypes
 import dataclasses
 import datetime
 import enum
+import functools
 import inspect
 import itertools
 import json
@@ -122,7 +123,6 @@ class _Record(ctypes.Structure):  # oxEventRecord
                 ("duration_ms", _UNSIGNED), ("details_json", _TEXT)]
 
 
-_KINDS = dict(_Record._fields_)
 _CALLBACK = ctypes.CFUNCTYPE(None, ctypes.POINTER(_Record), ctypes.c_void_p)
 _FUNCTIONS = {
     "oxEventInitialize": [ctypes.c_char_p], "oxEventShutdown": [], "oxEventSubmit": [ctypes.POINTER(_Record)],
@@ -383,7 +383,7 @@ def _record(fields):
     record = _Record(struct_size=ctypes.sizeof(_Record), version=_API_VERSION)
     for name, value in fields.items():
         if value is not None or name == "severity":
-            setattr(record, name, _CONVERSIONS[name if name == "severity" else _KINDS[name]](name, value))
+            setattr(record, name, _CONVERSIONS[name](name, value))
     if not record.message:
         raise ValueError("message must not be empty")
     return record
@@ -447,10 +447,9 @@ def _severity(name, value):
         raise ValueError(f"{name} must be one of {choices}, not {value!r}") from None
 
 
-_CONVERSIONS = {
-    "severity": _severity, _TEXT: _text, ctypes.c_double: _float,
-    _UNSIGNED: lambda name, value: _integer(0, 2**64 - 1, name, value),
-    _SIGNED: lambda name, value: _integer(-2**63, 2**63 - 1, name, value)}
+_BY_TYPE = {_TEXT: _text, ctypes.c_double: _float, _UNSIGNED: functools.partial(_integer, 0, 2**64 - 1),
+            _SIGNED: functools.partial(_integer, -2**63, 2**63 - 1)}
+_CONVERSIONS = {name: _BY_TYPE.get(kind, _severity) for name, kind in _Record._fields_[2:]}
 
 
 class OxEventHandler(logging.Handler):
