@@ -243,8 +243,8 @@ void CsvRowToFile(benchmark::State& state) {
   RepeatInBatches(
       state, batch,
       [&] {
-        if (sink->Submit(event, nullptr) != OXEVENT_OK) return false;
-        return ++rows % batch != 0 || sink->Flush(0) == OXEVENT_OK;
+        if (sink->Submit(event, nullptr, nullptr) != OXEVENT_OK) return false;
+        return ++rows % batch != 0 || sink->Flush(0, nullptr) == OXEVENT_OK;
       },
       [&] { return file.Empty(static_cast<size_t>(batch) * row_size); });
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(row_size));

@@ -82,14 +82,15 @@ void SubmitDatagrams(benchmark::State& state, Factory factory, bool bare) {
   config.host = config.snmp_host = "127.0.0.1";
   config.port = config.snmp_port = receiver.Port();
   std::shared_ptr<oxEventSink> sink;
-  const bool sent = factory(config, &sink, nullptr) == OXEVENT_OK && sink->Submit(event, nullptr) == OXEVENT_OK;
+  const bool sent =
+      factory(config, &sink, nullptr) == OXEVENT_OK && sink->Submit(event, nullptr, nullptr) == OXEVENT_OK;
   if (!sent || receiver.Drain() != 1) return state.SkipWithError("no datagram");
 
   const std::string datagram = receiver.Last();
   const auto drain = [&] { return receiver.Drain() == kDatagrams && receiver.Last().size() == datagram.size(); };
   if (!bare) {
     RepeatInBatches(
-        state, kDatagrams, [&] { return sink->Submit(event, nullptr) == OXEVENT_OK; }, drain);
+        state, kDatagrams, [&] { return sink->Submit(event, nullptr, nullptr) == OXEVENT_OK; }, drain);
   } else {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     sockaddr_in address = Loopback();
@@ -136,8 +137,8 @@ void HttpPost(benchmark::State& state, const std::string& url) {
   config.endpoint_url = url;
   std::shared_ptr<oxEventSink> sink;
   if (oxEventCreateCloudEventsHttpSink(config, &sink, nullptr) != OXEVENT_OK) return state.SkipWithError("no sink");
-  if (sink->Submit(event, nullptr) != OXEVENT_OK) return state.SkipWithError("no connection");
-  Repeat(state, [&] { return sink->Submit(event, nullptr) == OXEVENT_OK; });
+  if (sink->Submit(event, nullptr, nullptr) != OXEVENT_OK) return state.SkipWithError("no connection");
+  Repeat(state, [&] { return sink->Submit(event, nullptr, nullptr) == OXEVENT_OK; });
 }
 
 // The same bytes with a libcurl handle that is set up once. The server sees to it that they are the same.

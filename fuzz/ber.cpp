@@ -142,7 +142,7 @@ void CheckSink(Input& in) {
   std::shared_ptr<oxEventSink> sink;
   CHECK_EQ(oxEventCreateSnmpTrapSink(config, &sink, nullptr), OXEVENT_OK);
   g_sent.clear();
-  const uint32_t result = sink->Submit(event, nullptr);
+  const uint32_t result = sink->Submit(event, nullptr, nullptr);
   if (event.severity < config.minimum_severity) return CHECK(result == OXEVENT_OK && g_sent.empty());
   if (config.trap_oid.empty()) config.trap_oid = "1.3.6.1.4.1.32473.1.1.0.1";
   if (config.enterprise_oid.empty()) config.enterprise_oid = "1.3.6.1.4.1.32473.1.1";

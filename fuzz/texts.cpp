@@ -225,7 +225,7 @@ void CheckSyslog(const Event& event, Input& in) {
   std::shared_ptr<oxEventSink> sink;
   CHECK_EQ(oxEventCreateSyslogUdpSink(config, &sink, nullptr), OXEVENT_OK);
   g_sent.clear();
-  CHECK_EQ(sink->Submit(event, nullptr), OXEVENT_OK);
+  CHECK_EQ(sink->Submit(event, nullptr, nullptr), OXEVENT_OK);
   CHECK_EQ(g_sent.size(), 1u);
   std::string_view line = g_sent[0];
   CHECK(line.size() <= 8192);
@@ -285,7 +285,7 @@ void CheckWebhook(const Event& event, Input& in) {
   std::shared_ptr<oxEventSink> sink;
   CHECK_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
   g_headers.clear();
-  const uint32_t result = sink->Submit(event, nullptr);
+  const uint32_t result = sink->Submit(event, nullptr, nullptr);
   if (config.bearer_token.find_first_of("\r\n") != std::string::npos) {  // It would begin a header of its own.
     return CHECK(result == OXEVENT_FAILURE && g_headers.empty());
   }

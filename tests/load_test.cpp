@@ -141,6 +141,7 @@ TEST_F(oxEventLoad, ReusesTheMemoryOfClearedConditions) {
   const oxEventCounters c = oxEventCoreGetCounters();
   printf("%zu conditions, %zu bytes each\n", count, (raised - std::min(raised, idle.memory)) / count);
   EXPECT_EQ(std::pair(c.emitted, c.dropped), std::pair(10 * count, 5 * count));  // The second of each is suppressed.
+  EXPECT_EQ(oxEventCoreGetDrops(), (oxEventDrops{0, 0, 0, 0, 0, 0, c.dropped}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Stuck, oxEventLoad, testing::Values('h', 'l', 'p'));
@@ -195,7 +196,10 @@ TEST_P(oxEventLoad, HoldsUpItsWorkerOnly) {
   EXPECT_EQ(oxEventShutdown(), OXEVENT_FAILURE);
   EXPECT_TRUE(Seconds() >= start + 5 && (is_free || GetParam() == 'h'));
   ExpectIdentity();
-  EXPECT_GT(oxEventCoreGetCounters().dropped, 20000u);
+  const oxEventDrops drops = oxEventCoreGetDrops();
+  const uint64_t refused = drops[static_cast<size_t>(oxEventDrop::kRefused)];
+  const uint64_t stopped = drops[static_cast<size_t>(oxEventDrop::kStopped)];
+  EXPECT_TRUE(refused > 20000 && stopped > 0 && refused + stopped == oxEventCoreGetCounters().dropped);
   shutdown(log.fd, SHUT_RDWR), later.join(), close(reader), close(http);
 }
 

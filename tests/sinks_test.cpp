@@ -11,6 +11,7 @@
 #include "oxutil.h"
 #include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSink.h"
+#include "sinks/oxEventSinkSet.h"
 
 using std::string;
 using std::string_literals::operator""s;
@@ -71,7 +72,7 @@ string Do(decltype(kPost) create, const Config& config, const Event& event = Ful
   std::shared_ptr<oxEventSink> sink;
   string error = g_posts = "";
   uint64_t warnings = 7;
-  const uint32_t made = create(config, &sink, &error), result = made != 0 ? 0 : sink->Submit(event, &warnings);
+  const uint32_t made = create(config, &sink, &error), result = made != 0 ? 0 : sink->Submit(event, &warnings, nullptr);
   std::locale::global(before);
   EXPECT_TRUE(!sink == (made != 0) && result % OXEVENT_FAILURE == 0 && warnings == 7 && g_responses == 0);
   return made != 0 ? std::to_string(made - 0x80050000) + " " + error : g_posts + (result != 0 ? "!" : "");
@@ -185,7 +186,8 @@ TEST(oxEventCsvSink, WritesRowsAndTakesATornOneBack) {
       "18446744073709551614,-9223372036854775808,],\"{\"\"]\"\n";
   const auto write = [&](std::shared_ptr<oxEventSink> sink = nullptr) {
     if (oxEventCreateCsvSink(csv, &sink, nullptr) != OXEVENT_OK) return false;
-    return (sink->Submit(FullEvent(), nullptr) | sink->Submit(FullEvent(), nullptr) | sink->Flush(0)) == OXEVENT_OK;
+    return (sink->Submit(FullEvent(), nullptr, nullptr) | sink->Submit(FullEvent(), nullptr, nullptr) |
+            sink->Flush(0, nullptr)) == OXEVENT_OK;
   };
   EXPECT_TRUE(write());
   const string whole = ReadFile(csv.path);
@@ -219,10 +221,36 @@ TEST(oxEventSinks, FailOnlyWhereTheyMust) {
     c.host = c.snmp_host = "", c.minimum_severity = 0;
     std::shared_ptr<oxEventSink> sink;
     EXPECT_EQ(create(c, &sink, nullptr), OXEVENT_OK);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(sink->Submit(FullEvent(), nullptr), OXEVENT_OK);  // Nobody listens.
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(sink->Submit(FullEvent(), nullptr, nullptr), OXEVENT_OK);  // Nobody listens.
     c.port = c.snmp_port = 65536;
     EXPECT_EQ(Do(create, c), "5 oxEvent " + name + " resolve failed for 127.0.0.1:65536 error=-8");
   }
+}
+
+TEST(oxEventSinks, ReportTheirFailures) {
+  const HostFolder folder;
+  oxEventConfig config;
+  Config csv, syslog;
+  csv.type = oxEventSinkType::kCsv, csv.name = "a", csv.path = folder.path + "/rows", csv.enabled = true;
+  syslog.type = oxEventSinkType::kSyslogUdp, syslog.name = "b", syslog.host = "127.255.255.255", syslog.enabled = true;
+  config.sinks = {csv, Config(), syslog};
+  ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
+  uint32_t id = 0;
+  ASSERT_EQ(oxEventSinkRegisterCallback([](const oxEventRecord*, void*) { throw 1; }, nullptr, &id), OXEVENT_OK);
+  const Faults faults([](std::string_view call, long) { return call == "write" ? ENOSPC : 0; });
+  uint64_t failed = 0;
+  EXPECT_EQ(oxEventSinkSubmit(FullEvent(), &failed, nullptr) | oxEventSinkFlush(0), OXEVENT_FAILURE);
+  EXPECT_EQ(failed, 2u);
+  string report;
+  for (const oxEventSinkStatus& s : oxEventSinkReport()) {
+    report += string(s.section) + ' ' + s.name + ' ' + std::to_string(s.failures) + ' ' + s.last_error + '\n';
+  }
+  EXPECT_EQ(report, "sink\\csv a 1 Unable to flush oxEvent CSV file: " + csv.path +
+                        "\nsink\\syslog\\udp b 1 oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13\n"
+                        "callbacks  1 oxEvent callback " +
+                        std::to_string(id) + " threw\n");
+  EXPECT_EQ(oxEventSinkShutdown(), OXEVENT_OK);
+  EXPECT_TRUE(oxEventSinkReport().empty());
 }
 
 TEST(oxEventWebhookHttpSink, PostsAndTriesAgain) {

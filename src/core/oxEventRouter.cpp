@@ -6,6 +6,7 @@
 #include <bit>
 #include <chrono>
 #include <iterator>
+#include <numeric>
 #include <thread>
 #include <utility>
 
@@ -73,17 +74,17 @@ uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
   Run* const run = running_;
   if (run == nullptr) return OXEVENT_NOT_INITIALIZED;
   if (!run->Wants(event.severity)) {
-    ++run->turned_away;
+    run->AddDropped(oxEventDrop::kFiltered);
     return OXEVENT_OK;
   }
   bool accepted = false;
   bool dropped = false;
   try {
     const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped, place.Spare());
-    if (dropped) run->AddDropped(1);
+    if (dropped) run->AddDropped(accepted ? oxEventDrop::kDisplaced : oxEventDrop::kRefused);
     return result;
   } catch (...) {
-    ++run->turned_away;  // No memory for the copy.
+    run->AddDropped(oxEventDrop::kNoMemory);
     throw;
   }
 }
@@ -119,7 +120,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     result = OXEVENT_FAILURE;
   }
   if (result != OXEVENT_OK) {
-    run->AddDropped(run->queue.DropPending());
+    run->AddDropped(oxEventDrop::kStopped, run->queue.DropPending());
   } else {
     result = oxEventSinkFlush(timeout_ms);
   }
@@ -142,7 +143,7 @@ uint32_t oxEventRouter::ReloadConfig(const oxEventConfig* config) {
   }
   run->Configure(*config);
   run->state.Configure(*config);
-  run->AddDropped(run->queue.Configure(config->queue_size, config->drop_policy));
+  run->AddDropped(oxEventDrop::kTrimmed, run->queue.Configure(config->queue_size, config->drop_policy));
   return OXEVENT_OK;
 }
 
@@ -159,15 +160,19 @@ void oxEventRouter::Reap() {
 }
 
 oxEventCounters oxEventRouter::GetCounters() {
-  SharedRun run;
-  {
-    oxEventLock lock(mutex_);
-    run = run_;
-  }
+  const SharedRun run = LastRun();
   if (run == nullptr) return {};
-  const uint64_t turned_away = run->turned_away;
-  return {run->queue.EnqueueCount() + turned_away, run->emitted, run->dropped + turned_away, run->sink_failures,
-          run->sink_warnings};
+  const oxEventDrops drops = run->Drops();
+  // The queue has not seen these.
+  const uint64_t turned_away =
+      drops[static_cast<size_t>(oxEventDrop::kFiltered)] + drops[static_cast<size_t>(oxEventDrop::kNoMemory)];
+  return {run->queue.EnqueueCount() + turned_away, run->emitted, std::reduce(drops.begin(), drops.end()),
+          run->sink_failures, run->sink_warnings};
+}
+
+oxEventDrops oxEventRouter::GetDrops() {
+  const SharedRun run = LastRun();
+  return run != nullptr ? run->Drops() : oxEventDrops();
 }
 
 void oxEventRouter::Close() {
@@ -193,7 +198,7 @@ void oxEventRouter::Close() {
 
 // A stop that another thread waits in has no more time. The event in delivery on an exiting worker never completes.
 void oxEventRouter::End(Run& run) {
-  run.AddDropped(run.queue.DropPending());
+  run.AddDropped(oxEventDrop::kStopped, run.queue.DropPending());
   run.queue.RequestStop();
   if (run.IsWorker()) run.queue.Reset();
 }
@@ -218,6 +223,11 @@ void oxEventRouter::WaitForSubmitters() {
   }
 }
 
+oxEventRouter::SharedRun oxEventRouter::LastRun() {
+  oxEventLock lock(mutex_);
+  return run_;
+}
+
 oxEventRouter::SharedRun oxEventRouter::RunningRun() {
   oxEventLock lock(mutex_);
   return running_ != nullptr ? run_ : nullptr;
@@ -240,6 +250,8 @@ uint32_t oxEventCoreFlush(uint32_t timeout_ms) { return g_router->Flush(timeout_
 uint32_t oxEventCoreReloadConfig(const oxEventConfig* config) { return g_router->ReloadConfig(config); }
 
 oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }
+
+oxEventDrops oxEventCoreGetDrops() { return g_router->GetDrops(); }
 
 void oxEventCoreReap() { g_router->Reap(); }
 

@@ -12,6 +12,7 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
 #include "config/oxEventConfig.h"
+#include "core/oxEventDrop.h"
 #include "core/oxEventQueue.h"
 #include "core/oxEventState.h"
 
@@ -20,7 +21,7 @@
 struct oxEventCounters {
   uint64_t submitted = 0;      // Submit while running, before any filter.
   uint64_t emitted = 0;        // Handed to the sinks, whatever they did.
-  uint64_t dropped = 0;        // Filtered, lost to a full queue, a reload or a stop, or suppressed by the state.
+  uint64_t dropped = 0;        // For whichever reason: oxEventDrop.
   uint64_t sink_failures = 0;  // Failed sinks, added up over the events; also failed evaluations.
   uint64_t sink_warnings = 0;
 };
@@ -60,6 +61,7 @@ class oxEventRouter {
 
   // Of this run, or of the last one. Not one atomic snapshot.
   oxEventCounters GetCounters() OX_EXCLUDES(mutex_);
+  oxEventDrops GetDrops() OX_EXCLUDES(mutex_);  // What `dropped` is made of.
 
   // For good: at unload and process exit. Stops without delivering what is queued, and waits for every worker, a stop
   // that is under way in another thread included; not for the calling thread when it is one.
@@ -80,6 +82,7 @@ class oxEventRouter {
 
   void WaitForSubmitters();
   SharedRun RunningRun() OX_EXCLUDES(mutex_);
+  SharedRun LastRun() OX_EXCLUDES(mutex_);
   static void End(Run& run);
   void Join(SharedRun* run) OX_EXCLUDES(mutex_);
 
@@ -102,6 +105,7 @@ uint32_t oxEventCoreSubmit(const oxEventNormalizedEvent& event);
 uint32_t oxEventCoreFlush(uint32_t timeout_ms);
 uint32_t oxEventCoreReloadConfig(const oxEventConfig* config);
 oxEventCounters oxEventCoreGetCounters();
+oxEventDrops oxEventCoreGetDrops();
 void oxEventCoreReap();
 void oxEventCoreClose();
 void oxEventCoreForgetInChild();

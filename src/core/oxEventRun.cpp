@@ -2,6 +2,8 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
+
 #include "base/oxEventForkCount.h"
 #include "platform/oxEventPlatform.h"
 #include "sinks/oxEventSinkSet.h"
@@ -42,6 +44,12 @@ void oxEventRouter::Run::JoinWorker() {
   worker_id_ = std::thread::id();
 }
 
+oxEventDrops oxEventRouter::Run::Drops() const {
+  oxEventDrops copy = {};
+  std::copy(drops.begin(), drops.end(), copy.begin());
+  return copy;
+}
+
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
   const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
@@ -64,7 +72,7 @@ void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event) {
     emit = true;
   }
   if (!emit) {
-    AddDropped(1);
+    AddDropped(oxEventDrop::kSuppressed);
     return;
   }
   if (status != OXEVENT_OK) {

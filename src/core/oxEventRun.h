@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -21,7 +22,8 @@ class oxEventRouter::Run {
   bool IsWorker() const { return worker_id_.load() == std::this_thread::get_id(); }
   bool HasEnded() const { return ended_; }
 
-  void AddDropped(uint64_t n) { dropped += n; }
+  void AddDropped(oxEventDrop reason, uint64_t n = 1) { drops[static_cast<size_t>(reason)] += n; }
+  oxEventDrops Drops() const;
 
   // Which events Submit lets through to the queue.
   void Configure(const oxEventConfig& config) { minimum_ = config.enabled ? config.minimum_severity : UINT32_MAX; }
@@ -29,11 +31,10 @@ class oxEventRouter::Run {
 
   oxEventQueue queue;
   oxEventState state;
-  std::atomic<uint64_t> turned_away = 0;  // Submitted and dropped, before the queue saw them.
   std::atomic<uint64_t> emitted = 0;
-  std::atomic<uint64_t> dropped = 0;
   std::atomic<uint64_t> sink_failures = 0;
   std::atomic<uint64_t> sink_warnings = 0;
+  std::array<std::atomic<uint64_t>, std::tuple_size_v<oxEventDrops>> drops = {};  // By reason.
 
  private:
   void RouterMain();

@@ -23,7 +23,8 @@ class oxEventAlertmanagerSink : public oxEventSink {
     spare_.reserve(kUsualSize);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* /*error*/) override
+      OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     std::string document;
     {

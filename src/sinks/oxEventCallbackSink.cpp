@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/oxEventErrorText.h"
 #include "base/oxEventForkCount.h"
+#include "base/oxEventNumber.h"
 
 namespace {
 
@@ -22,7 +24,7 @@ bool Call(oxEventCallback callback, const oxEventRecord& record, void* user_data
 
 }  // namespace
 
-uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) {
+uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) {
   std::shared_ptr<const Registrations> registrations;
   {
     oxEventLock lock(mutex_);
@@ -34,8 +36,13 @@ uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64
   uint32_t result = OXEVENT_OK;
   for (const auto& registration : *registrations) {
     if (registration->removed) continue;
-    if (!Call(registration->callback, record, registration->user_data)) result = OXEVENT_FAILURE;
+    const bool returned = Call(registration->callback, record, registration->user_data);
     if (g_oxEventForkCount != forks) break;  // A child: the others are the parent's to call.
+    if (returned) continue;
+    std::string id;
+    oxEventAppendNumber(&id, registration->id);
+    oxEventSetErrorText({"oxEvent callback ", id, " threw"}, error);
+    result = OXEVENT_FAILURE;
   }
   return result;
 }

@@ -12,7 +12,8 @@
 // held.
 class oxEventCallbackSink : public oxEventSink {
  public:
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings) override OX_EXCLUDES(mutex_);
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) override
+      OX_EXCLUDES(mutex_);
 
   // OXEVENT_INVALID_ARGUMENT: callback or id_out null.
   uint32_t Register(oxEventCallback callback, void* user_data, uint32_t* id_out) OX_EXCLUDES(mutex_);

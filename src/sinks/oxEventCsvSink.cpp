@@ -47,54 +47,56 @@ class oxEventCsvSink : public oxEventSink {
 
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    const uint32_t result = OpenLocked();
-    if (result != OXEVENT_OK) oxEventSetErrorText({last_error_}, error);
-    return result;
+    return OpenLocked(error);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+      OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    if (const uint32_t result = OpenLocked(); result != OXEVENT_OK) return result;
-    if (!AppendRowLocked(event)) return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV row: ", path_);
+    if (const uint32_t result = OpenLocked(error); result != OXEVENT_OK) return result;
+    if (!AppendRowLocked(event)) return Fail("Unable to write oxEvent CSV row: ", error);
     if (flush_each_event_ && !WriteBufferLocked()) {
-      return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV row: ", path_);
+      return Fail("Unable to flush oxEvent CSV row: ", error);
     }
     return OXEVENT_OK;
   }
 
   // The time-out is for a write of the worker's that waits, for the reader of a pipe say; the own write takes its time.
-  uint32_t Flush(uint32_t timeout_ms) override { return WriteOut(timeout_ms, true); }
-  uint32_t WriteOut(uint32_t timeout_ms) override { return WriteOut(timeout_ms, false); }
+  uint32_t Flush(uint32_t timeout_ms, std::string* error) override { return WriteOut(timeout_ms, true, error); }
+  uint32_t WriteOut(uint32_t timeout_ms, std::string* error) override { return WriteOut(timeout_ms, false, error); }
 
  private:
-  uint32_t WriteOut(uint32_t timeout_ms, bool tell_again) OX_EXCLUDES(mutex_) {
+  uint32_t WriteOut(uint32_t timeout_ms, bool tell_again, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
     } else if (!mutex_.TryLockFor(timeout_ms)) {
-      return OXEVENT_FAILURE;
+      return Fail("A write takes too long to oxEvent CSV file: ", error);
     }
     oxEventLock lock(mutex_, std::adopt_lock);
     if (WriteBufferLocked() || (std::exchange(told_, true) && !tell_again)) return OXEVENT_OK;
-    return FailLocked(OXEVENT_FAILURE, "Unable to flush oxEvent CSV file: ", path_);
+    return Fail("Unable to flush oxEvent CSV file: ", error);
   }
 
-  uint32_t FailLocked(uint32_t result, std::string_view text, std::string_view path = "") OX_REQUIRES(mutex_) {
-    oxEventSetErrorText({text, path}, &last_error_);
-    return result;
+  uint32_t Fail(std::string_view text, std::string* error) const {
+    oxEventSetErrorText({text, path_}, error);
+    return OXEVENT_FAILURE;
   }
 
-  uint32_t OpenLocked() OX_REQUIRES(mutex_) {
+  uint32_t OpenLocked(std::string* error) OX_REQUIRES(mutex_) {
     if (file_.IsOpen()) return OXEVENT_OK;
-    if (path_.empty()) return FailLocked(OXEVENT_INVALID_ARGUMENT, "oxEvent CSV sink path is empty");
-    if (!oxEventPlatformEnsureParentDirectory(path_, &last_error_)) return OXEVENT_FAILURE;
+    if (path_.empty()) {
+      oxEventSetErrorText({"oxEvent CSV sink path is empty"}, error);
+      return OXEVENT_INVALID_ARGUMENT;
+    }
+    if (!oxEventPlatformEnsureParentDirectory(path_, error)) return OXEVENT_FAILURE;
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
     if (!file_.Open(path_)) {
-      return FailLocked(OXEVENT_FAILURE, "Unable to open oxEvent CSV file for append: ", path_);
+      return Fail("Unable to open oxEvent CSV file for append: ", error);
     }
     // Written at once: a sink that a reload opens on the same file must find it non-empty.
     if (needs_header && !WriteRowsLocked(kHeader)) {
-      return FailLocked(OXEVENT_FAILURE, "Unable to write oxEvent CSV header: ", path_);
+      return Fail("Unable to write oxEvent CSV header: ", error);
     }
     file_.StartWaiting();
     return OXEVENT_OK;
@@ -148,7 +150,6 @@ class oxEventCsvSink : public oxEventSink {
   size_t capacity_ OX_GUARDED_BY(mutex_) = 0;
   bool failed_ OX_GUARDED_BY(mutex_) = false;
   bool told_ OX_GUARDED_BY(mutex_) = false;  // Of that, by a call whose failure the host learns of.
-  std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
 }  // namespace

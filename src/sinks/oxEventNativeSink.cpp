@@ -16,33 +16,29 @@ class oxEventNativeSink : public oxEventSink {
 
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    const uint32_t result = OpenLocked();
-    if (result != OXEVENT_OK) oxEventSetErrorText({last_error_}, error);
-    return result;
+    return OpenLocked(error);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings) override OX_EXCLUDES(mutex_) {
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) override
+      OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    if (const uint32_t result = OpenLocked(); result != OXEVENT_OK) return result;
+    if (const uint32_t result = OpenLocked(error); result != OXEVENT_OK) return result;
     bool warning = false;
-    std::string text;
-    const uint32_t result = oxEventPlatformNativeWrite(handle_, event, &warning, &text);
+    const uint32_t result = oxEventPlatformNativeWrite(handle_, event, &warning, error);
     if (warning && warnings != nullptr) ++*warnings;
-    if (!text.empty()) last_error_ = std::move(text);
     return result;
   }
 
  private:
-  uint32_t OpenLocked() OX_REQUIRES(mutex_) {
-    return handle_ != nullptr ? OXEVENT_OK : oxEventPlatformNativeOpen(platform_config_, &handle_, &last_error_);
+  uint32_t OpenLocked(std::string* error) OX_REQUIRES(mutex_) {
+    return handle_ != nullptr ? OXEVENT_OK : oxEventPlatformNativeOpen(platform_config_, &handle_, error);
   }
 
   oxEventMutex mutex_;
   const uint32_t minimum_severity_;
   const oxEventNativePlatformConfig platform_config_;
   oxEventNativeLogHandle* handle_ OX_GUARDED_BY(mutex_) = nullptr;  // Owned.
-  std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
 }  // namespace

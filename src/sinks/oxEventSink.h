@@ -8,7 +8,8 @@
 #include "config/oxEventConfig.h"
 
 // A destination of events. Shared: it lives until the active set and whoever still delivers to it have let go. Each
-// sink guards its own state: the worker calls Submit, any thread Flush.
+// sink guards its own state: the worker calls Submit, any thread Flush. *error (may be null) gets the reason of a
+// failure.
 class oxEventSink {
  public:
   oxEventSink() = default;
@@ -17,13 +18,13 @@ class oxEventSink {
   oxEventSink& operator=(const oxEventSink&) = delete;
 
   // Delivers the event; may add to *warnings. Returns 0 or a result code.
-  virtual uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings) = 0;
+  virtual uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) = 0;
 
   // Writes out what is buffered.
-  virtual uint32_t Flush(uint32_t /*timeout_ms*/) { return OXEVENT_OK; }
+  virtual uint32_t Flush(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 
   // The same for a sink that is no longer active. A failure that it has told of before is none.
-  virtual uint32_t WriteOut(uint32_t /*timeout_ms*/) { return OXEVENT_OK; }
+  virtual uint32_t WriteOut(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 };
 
 // A factory makes a sink of its kind: 0 with the sink in *out, or a code with the reason in *error (may be null).

@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <atomic>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
@@ -14,12 +15,42 @@
 #include "base/oxEventImmortal.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
+#include "config/oxEventSettings.h"
 #include "sinks/oxEventCallbackSink.h"
 #include "sinks/oxEventSink.h"
 
 namespace {
 
-using SinkList = std::vector<std::shared_ptr<oxEventSink>>;
+// A sink, and what has become of it.
+class ActiveSink {
+ public:
+  // `section` has static storage.
+  ActiveSink(std::string_view section, std::string name, std::shared_ptr<oxEventSink> sink)
+      : section_(section), name_(std::move(name)), sink_(std::move(sink)) {}
+
+  oxEventSink& Get() const { return *sink_; }
+
+  void NoteFailure(std::string error) OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    ++failures_;
+    last_error_.swap(error);
+  }
+
+  oxEventSinkStatus Status() OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    return {section_, name_, failures_, last_error_};
+  }
+
+ private:
+  const std::string_view section_;
+  const std::string name_;
+  const std::shared_ptr<oxEventSink> sink_;
+  oxEventMutex mutex_;
+  uint64_t failures_ OX_GUARDED_BY(mutex_) = 0;
+  std::string last_error_ OX_GUARDED_BY(mutex_);
+};
+
+using SinkList = std::vector<std::unique_ptr<ActiveSink>>;
 using SharedList = std::shared_ptr<const SinkList>;
 
 constexpr uint32_t kReloadPatienceMs = 1000;  // With a write of the worker's that hangs.
@@ -28,7 +59,7 @@ constexpr uint32_t kReloadPatienceMs = 1000;  // With a write of the worker's th
 class oxEventConfiguredSink : public oxEventSink {
  public:
   explicit oxEventConfiguredSink(const oxEventSinkConfig& config) : config_(config) {}
-  uint32_t Submit(const oxEventNormalizedEvent&, uint64_t*) override { return OXEVENT_OK; }
+  uint32_t Submit(const oxEventNormalizedEvent&, uint64_t*, std::string*) override { return OXEVENT_OK; }
 
  private:
   const oxEventSinkConfig config_;
@@ -56,6 +87,13 @@ auto FactoryOf(oxEventSinkType type) {
       return oxEventCreateAlertmanagerSink;
   }
   return CreateConfiguredSink;
+}
+
+std::string_view SectionOf(oxEventSinkType type) {
+  for (const oxEventSection& section : g_oxEventSections) {
+    if (section.default_instance != nullptr && section.type == type) return section.key;
+  }
+  return "sink";
 }
 
 // Lock order: mutex, then the callback sink's own, then error_mutex.
@@ -88,23 +126,33 @@ void ClearSinkError() {
   g_sinks->last_error.reset();
 }
 
-// A sink that throws has failed. An unwinding thread cannot be held up.
+// Calls a method of a sink; *error gets the reason of a failure. A sink that throws has failed. An unwinding thread
+// cannot be held up.
 template <class Call>
-bool Succeeds(Call call) {
+bool Succeeds(Call call, std::string* error) {
   try {
-    return call() == OXEVENT_OK;
+    if (call(error) == OXEVENT_OK) return true;
+    if (error->empty()) oxEventSetErrorText({"oxEvent sink failed"}, error);
   } catch (const abi::__forced_unwind&) {
     throw;
+  } catch (const std::exception& exception) {
+    oxEventSetErrorText({"oxEvent sink failed: ", exception.what()}, error);
   } catch (...) {
-    return false;
+    oxEventSetErrorText({"oxEvent sink failed with an unknown exception"}, error);
   }
+  return false;
 }
 
 // By which of the two: &oxEventSink::Flush, &oxEventSink::WriteOut.
-bool FlushAll(const SharedList& sinks, uint32_t (oxEventSink::*flush)(uint32_t), uint32_t timeout_ms) {
+bool FlushAll(const SharedList& sinks, uint32_t (oxEventSink::*flush)(uint32_t, std::string*), uint32_t timeout_ms) {
   bool flushed = true;
   if (sinks == nullptr) return flushed;
-  for (const auto& sink : *sinks) flushed &= Succeeds([&] { return ((*sink).*flush)(timeout_ms); });
+  for (const auto& sink : *sinks) {
+    std::string error;
+    if (Succeeds([&](auto* text) { return (sink->Get().*flush)(timeout_ms, text); }, &error)) continue;
+    sink->NoteFailure(std::move(error));
+    flushed = false;
+  }
   return flushed;
 }
 
@@ -120,9 +168,9 @@ uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::st
     std::shared_ptr<oxEventSink> sink;
     const uint32_t result = FactoryOf(sink_config.type)(sink_config, &sink, error);
     if (result != OXEVENT_OK) return result;
-    sinks->push_back(std::move(sink));
+    sinks->push_back(std::make_unique<ActiveSink>(SectionOf(sink_config.type), sink_config.name, std::move(sink)));
   }
-  sinks->push_back(CallbackSink());
+  sinks->push_back(std::make_unique<ActiveSink>("callbacks", "", CallbackSink()));
   return OXEVENT_OK;
 }
 
@@ -182,9 +230,12 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   uint32_t result = OXEVENT_OK;
   for (const auto& sink : *sinks) {
     uint64_t sink_warnings = 0;
-    const bool delivered = Succeeds([&] { return sink->Submit(event, &sink_warnings); });
+    std::string error;
+    const bool delivered =
+        Succeeds([&](auto* text) { return sink->Get().Submit(event, &sink_warnings, text); }, &error);
     if (warnings != nullptr) *warnings += sink_warnings;
-    if (delivered) continue;
+    if (delivered || g_oxEventForkCount != forks) continue;
+    sink->NoteFailure(std::move(error));
     if (failed_sinks != nullptr) ++*failed_sinks;
     result = OXEVENT_FAILURE;
   }
@@ -242,6 +293,18 @@ std::string oxEventSinkGetLastError() {
   oxEventLock lock(g_sinks->error_mutex);
   if (g_sinks->last_error) oxEventSetErrorText({*g_sinks->last_error}, &text);
   return text;
+}
+
+std::vector<oxEventSinkStatus> oxEventSinkReport() {
+  SharedList sinks;
+  {
+    oxEventLock lock(g_sinks->mutex);
+    sinks = g_sinks->active;
+  }
+  std::vector<oxEventSinkStatus> report;
+  if (sinks == nullptr) return report;
+  for (const auto& sink : *sinks) report.push_back(sink->Status());
+  return report;
 }
 
 void oxEventSinkForgetInChild() { g_sinks.Renew(); }

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "base/oxEventNormalizedEvent.h"
 #include "config/oxEventConfig.h"
@@ -32,6 +34,17 @@ uint32_t oxEventSinkUnregisterCallback(uint32_t id);
 
 // The last failure of this framework; empty after a success, or without memory for it.
 std::string oxEventSinkGetLastError();
+
+// What has become of a sink since the settings were loaded.
+struct oxEventSinkStatus {
+  std::string_view section;  // Of the settings: sink\csv, say; callbacks.
+  std::string name;          // Of the instance. The callbacks have none.
+  uint64_t failures = 0;     // Of deliveries and flushes.
+  std::string last_error;    // Empty: none yet.
+};
+
+// Of the active sinks.
+std::vector<oxEventSinkStatus> oxEventSinkReport();
 
 // In a fork's child: as after load; what the parent's sinks hold is abandoned, not released.
 void oxEventSinkForgetInChild();

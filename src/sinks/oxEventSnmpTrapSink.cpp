@@ -55,31 +55,26 @@ class oxEventSnmpTrapSink : public oxEventSink {
 
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    return ResolveLocked(error);
+    return sender_.Resolve(error);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+      OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    if (const uint32_t result = ResolveLocked(nullptr); result != OXEVENT_OK) return result;
+    if (const uint32_t result = sender_.Resolve(error); result != OXEVENT_OK) return result;
     // Told at each event, not at the start: a start that fails would take the other sinks with it.
-    if (trap_.empty()) return FailLocked("Invalid SNMP trap_oid: ", trap_oid_);
-    if (objects_[0].empty()) return FailLocked("Invalid SNMP enterprise_oid: ", enterprise_oid_);
+    if (trap_.empty()) return Fail({"Invalid SNMP trap_oid: ", trap_oid_}, error);
+    if (objects_[0].empty()) return Fail({"Invalid SNMP enterprise_oid: ", enterprise_oid_}, error);
     FormatLocked(event);
-    if (message_.size() > kMaxMessage) return FailLocked("oxEvent SNMP trap exceeds maximum datagram size");
-    return sender_.Send(message_, &last_error_);
+    if (message_.size() > kMaxMessage) return Fail({"oxEvent SNMP trap exceeds maximum datagram size"}, error);
+    return sender_.Send(message_, error);
   }
 
  private:
-  uint32_t FailLocked(std::string_view text, std::string_view oid = "") OX_REQUIRES(mutex_) {
-    oxEventSetErrorText({text, oid}, &last_error_);
+  static uint32_t Fail(std::initializer_list<std::string_view> text, std::string* error) {
+    oxEventSetErrorText(text, error);
     return OXEVENT_FAILURE;
-  }
-
-  uint32_t ResolveLocked(std::string* error) OX_REQUIRES(mutex_) {
-    const uint32_t result = sender_.Resolve(&last_error_);
-    if (result != OXEVENT_OK) oxEventSetErrorText({last_error_}, error);
-    return result;
   }
 
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
@@ -140,7 +135,6 @@ class oxEventSnmpTrapSink : public oxEventSink {
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string message_ OX_GUARDED_BY(mutex_);  // Reused.
   std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused.
-  std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
 // Empty: 2c, which there is.

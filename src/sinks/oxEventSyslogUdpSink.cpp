@@ -110,24 +110,19 @@ class oxEventSyslogUdpSink : public oxEventSink {
 
   uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    return ResolveLocked(error);
+    return sender_.Resolve(error);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+      OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    if (const uint32_t result = ResolveLocked(nullptr); result != OXEVENT_OK) return result;
+    if (const uint32_t result = sender_.Resolve(error); result != OXEVENT_OK) return result;
     FormatLocked(event);
-    return sender_.Send(line_, &last_error_);
+    return sender_.Send(line_, error);
   }
 
  private:
-  uint32_t ResolveLocked(std::string* error) OX_REQUIRES(mutex_) {
-    const uint32_t result = sender_.Resolve(&last_error_);
-    if (result != OXEVENT_OK) oxEventSetErrorText({last_error_}, error);
-    return result;
-  }
-
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     line_.assign(1, '<');
     oxEventAppendNumber(&line_, facility_code_ * 8 + SyslogSeverity(event.severity));
@@ -148,7 +143,6 @@ class oxEventSyslogUdpSink : public oxEventSink {
   std::string origin_;  // " HOSTNAME APP-NAME PROCID ". Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string line_ OX_GUARDED_BY(mutex_);  // Reused.
-  std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
 }  // namespace

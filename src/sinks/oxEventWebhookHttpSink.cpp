@@ -84,7 +84,8 @@ class oxEventWebhookHttpSink : public oxEventSink {
     BuildHeaderBlock(config);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/) override OX_EXCLUDES(mutex_) {
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+      OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
     body_.clear();
@@ -93,19 +94,19 @@ class oxEventWebhookHttpSink : public oxEventSink {
     } else {
       oxEventText::FormatNativeJsonData(event, &body_);
     }
-    const uint32_t result = PostLocked();
+    const uint32_t result = PostLocked(error);
     oxEventReleaseLongText(&body_);
     return result;
   }
 
  private:
-  uint32_t PostLocked() OX_REQUIRES(mutex_) {
+  uint32_t PostLocked(std::string* error) OX_REQUIRES(mutex_) {
     const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
     for (uint32_t i = 0; i < tries; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
       if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_)) return OXEVENT_OK;
-      oxEventSetErrorText({"oxEvent webhook POST failed: ", endpoint_url_}, &last_error_);
     }
+    oxEventSetErrorText({"oxEvent webhook POST failed: ", endpoint_url_}, error);
     return OXEVENT_FAILURE;
   }
 
@@ -142,7 +143,6 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const uint32_t minimum_severity_;
   std::string header_block_;  // As the HTTP client takes it. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
-  std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
 std::string_view RefusalOf(const oxEventSinkConfig& config) {

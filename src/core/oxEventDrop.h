@@ -1,0 +1,25 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// Why an event that Submit took does not reach the sinks. The numbers are told to tracers: new ones go to the end.
+enum class oxEventDrop : uint32_t {
+  kFiltered,    // Switched off, or below the minimum severity.
+  kNoMemory,    // For the copy.
+  kRefused,     // The queue was full: this event, the newest.
+  kDisplaced,   // The queue was full: this event, the oldest below warning, made room for a newer one.
+  kTrimmed,     // A reload made the queue smaller.
+  kStopped,     // Still pending at a stop.
+  kSuppressed,  // By the state: nothing new about its condition.
+};
+
+constexpr const char* kOxEventDropTexts[] = {"filtered", "no memory", "refused",   "displaced",
+                                             "trimmed",  "stopped",   "suppressed"};
+
+constexpr const char* oxEventDropText(oxEventDrop reason) { return kOxEventDropTexts[static_cast<size_t>(reason)]; }
+
+// How many by which reason; indexed by it.
+using oxEventDrops = std::array<uint64_t, std::size(kOxEventDropTexts)>;
