@@ -7,6 +7,7 @@
 
 #include "api/oxEventNormalize.h"
 #include "api/oxEventProcess.h"
+#include "base/oxEventErrorText.h"
 #include "base/oxEventImmortal.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
@@ -35,47 +36,46 @@ uint32_t Fail(uint32_t code, std::string_view text) {
   return code;
 }
 
-uint32_t FailWith(uint32_t code, const std::string& text, std::string_view text_if_empty) {
-  return Fail(code, text.empty() ? text_if_empty : std::string_view(text));
+uint32_t Fail(uint32_t code, oxEventErrorText<0> error) { return Fail(code, error.text); }
+
+uint32_t Fail(oxEventErrorText<0> error) { return Fail(error.code, error); }
+
+uint32_t FailWith(uint32_t code, const std::string& text, oxEventErrorText<0> error_if_empty) {
+  return Fail(code, text.empty() ? error_if_empty.text : std::string_view(text));
 }
 
-uint32_t NotInitialized() { return Fail(OXEVENT_NOT_INITIALIZED, "oxEvent is not initialized"); }
+uint32_t NotInitialized() { return Fail(oxEventErrors::kNotInitialized); }
 
 // 0: success, else a failure with this text.
-uint32_t Outcome(uint32_t code, const char* text) {
-  if (code != OXEVENT_OK) return Fail(code, text);
+uint32_t Outcome(uint32_t code, oxEventErrorText<0> error) {
+  if (code != OXEVENT_OK) return Fail(code, error);
   oxEventClearLastError();
   return OXEVENT_OK;
 }
 
-uint32_t ReturnExceptionError(const char* context, const std::exception& exception) {
-  try {
-    return Fail(OXEVENT_FAILURE, std::string(context) + ": " + exception.what());
-  } catch (...) {
-    return Fail(OXEVENT_FAILURE, "");
-  }
+uint32_t ReturnExceptionError(const char* entry_point, const std::exception& exception) {
+  std::string text;
+  const uint32_t code = oxEventSetErrorText(oxEventErrors::kEntryPointFailed, {entry_point, exception.what()}, &text);
+  return Fail(code, text);
 }
 
-uint32_t ReturnUnknownError(const char* context) {
-  try {
-    return Fail(OXEVENT_FAILURE, std::string(context) + " with an unknown exception");
-  } catch (...) {
-    return Fail(OXEVENT_FAILURE, "");
-  }
+uint32_t ReturnUnknownError(const char* entry_point) {
+  std::string text;
+  const uint32_t code = oxEventSetErrorText(oxEventErrors::kUnknownException, {entry_point}, &text);
+  return Fail(code, text);
 }
 
-// Keeps every exception from the host, but for the unwinding of a thread that is being cancelled. `failed` is the entry
-// point's name and " failed".
+// Keeps every exception from the host, but for the unwinding of a thread that is being cancelled.
 template <class Body>
-uint32_t Guarded(const char* failed, Body body) {
+uint32_t Guarded(const char* entry_point, Body body) {
   try {
     return body();
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (const std::exception& exception) {
-    return ReturnExceptionError(failed, exception);
+    return ReturnExceptionError(entry_point, exception);
   } catch (...) {
-    return ReturnUnknownError(failed);
+    return ReturnUnknownError(entry_point);
   }
 }
 
@@ -88,10 +88,10 @@ uint32_t SubmitRecord(const oxEventRecord* record) {
   const uint64_t id = NextGeneratedId();  // Drawn for a record that is refused too.
   oxEventNormalizedEvent event;
   if (const uint32_t result = oxEventNormalizeEvent(record, id, &event); result != OXEVENT_OK) {
-    return Fail(result, "Invalid OXEvent");
+    return Fail(result, oxEventErrors::kInvalidRecord);
   }
   if (!g_oxEventInitialized) return NotInitialized();
-  return Outcome(oxEventCoreSubmit(event), "oxEvent core submit failed");
+  return Outcome(oxEventCoreSubmit(event), oxEventErrors::kSubmitFailed);
 }
 
 // Shuts the sinks down on every way out but the one that keeps them.
@@ -115,22 +115,22 @@ uint32_t Initialize(const char* config_path) {
   oxEventConfig config;
   std::string error;
   if (const uint32_t result = oxEventConfigLoad(config_path, &config, &error); result != OXEVENT_OK) {
-    return FailWith(result, error, "oxEvent config load failed");
+    return FailWith(result, error, oxEventErrors::kConfigLoadFailed);
   }
   std::string remembered_path = config.config_path;
 
   oxEventLock lock(*g_oxEventMutex);
   if (g_oxEventInitialized || g_oxEventStopping) {
-    return Fail(OXEVENT_ALREADY_INITIALIZED, "oxEvent is already initialized");
+    return Fail(oxEventErrors::kAlreadyInitialized);
   }
   // Not left to the router alone: the event in delivery still needs its callbacks.
-  if (g_oxEventClosed) return Fail(OXEVENT_NOT_INITIALIZED, "oxEvent core start failed");
+  if (g_oxEventClosed) return Fail(oxEventErrors::kStartFailed);
   if (const uint32_t result = oxEventSinkInitialize(config); result != OXEVENT_OK) {
-    return FailWith(result, oxEventSinkGetLastError(), "oxEvent sink initialization failed");
+    return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kSinkStartFailed);
   }
   SinkShutdownGuard sinks;
   if (const uint32_t result = oxEventCoreStart(&config); result != OXEVENT_OK) {
-    return Fail(result, "oxEvent core start failed");
+    return Fail(result, oxEventErrors::kStartFailed);
   }
   sinks.Keep();
   *g_oxEventConfigPath = std::move(remembered_path);
@@ -149,16 +149,16 @@ uint32_t ReloadConfig(const char* config_path) {
   oxEventConfig config;
   std::string error;
   if (const uint32_t result = oxEventConfigLoad(path.c_str(), &config, &error); result != OXEVENT_OK) {
-    return FailWith(result, error, "oxEvent config reload failed");
+    return FailWith(result, error, oxEventErrors::kConfigReloadFailed);
   }
 
   oxEventLock lock(*g_oxEventMutex);
   if (!g_oxEventInitialized) return NotInitialized();
   if (const uint32_t result = oxEventSinkReloadConfig(config); result != OXEVENT_OK) {
-    return FailWith(result, oxEventSinkGetLastError(), "oxEvent config reload failed");
+    return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kConfigReloadFailed);
   }
   if (const uint32_t result = oxEventCoreReloadConfig(&config); result != OXEVENT_OK) {
-    return Fail(result, "oxEvent core config reload failed");
+    return Fail(result, oxEventErrors::kReloadFailed);
   }
   *g_oxEventConfigPath = std::move(path);
   oxEventClearLastError();
@@ -192,24 +192,24 @@ uint32_t Shutdown() {
   const std::string stop_text = oxEventSinkGetLastError();
   sinks.Keep();
   const uint32_t sink_result = oxEventSinkShutdown();
-  if (stop_result != OXEVENT_OK) return FailWith(stop_result, stop_text, "oxEvent core shutdown failed");
-  return Outcome(sink_result, "oxEvent sink shutdown failed");
+  if (stop_result != OXEVENT_OK) return FailWith(stop_result, stop_text, oxEventErrors::kShutdownFailed);
+  return Outcome(sink_result, oxEventErrors::kSinkShutdownFailed);
 }
 
 }  // namespace
 
 uint32_t oxEventInitialize(const char* config_path) {
-  return Guarded("oxEventInitialize failed", [&] { return Initialize(config_path); });
+  return Guarded("oxEventInitialize", [&] { return Initialize(config_path); });
 }
 
-uint32_t oxEventShutdown() { return Guarded("oxEventShutdown failed", Shutdown); }
+uint32_t oxEventShutdown() { return Guarded("oxEventShutdown", Shutdown); }
 
 uint32_t oxEventSubmit(const oxEventRecord* record) {
-  return Guarded("oxEventSubmit failed", [&] { return SubmitRecord(record); });
+  return Guarded("oxEventSubmit", [&] { return SubmitRecord(record); });
 }
 
 uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* source_name, const char* message) {
-  return Guarded("oxEventSubmitSimple failed", [&] {
+  return Guarded("oxEventSubmitSimple", [&] {
     oxEventRecord record = {};
     record.struct_size = sizeof(record);
     record.version = OXEVENT_API_VERSION;
@@ -223,35 +223,35 @@ uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* s
 }
 
 uint32_t oxEventFlush(uint32_t timeout_ms) {
-  return Guarded("oxEventFlush failed", [&] {
+  return Guarded("oxEventFlush", [&] {
     if (!g_oxEventInitialized) return NotInitialized();
-    return Outcome(oxEventCoreFlush(timeout_ms), "oxEvent core flush timed out");
+    return Outcome(oxEventCoreFlush(timeout_ms), oxEventErrors::kFlushTimedOut);
   });
 }
 
 uint32_t oxEventReloadConfig(const char* config_path) {
-  return Guarded("oxEventReloadConfig failed", [&] { return ReloadConfig(config_path); });
+  return Guarded("oxEventReloadConfig", [&] { return ReloadConfig(config_path); });
 }
 
 uint32_t oxEventRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out) {
-  return Guarded("oxEventRegisterCallback failed", [&] {
+  return Guarded("oxEventRegisterCallback", [&] {
     if (callback == nullptr || id_out == nullptr) {
-      return Fail(OXEVENT_INVALID_ARGUMENT, "Invalid callback registration arguments");
+      return Fail(oxEventErrors::kCallbackArguments);
     }
-    return Outcome(oxEventSinkRegisterCallback(callback, user_data, id_out), "Callback registration failed");
+    return Outcome(oxEventSinkRegisterCallback(callback, user_data, id_out), oxEventErrors::kCallbackFailed);
   });
 }
 
 uint32_t oxEventUnregisterCallback(uint32_t id) {
-  return Guarded("oxEventUnregisterCallback failed", [&] {
+  return Guarded("oxEventUnregisterCallback", [&] {
     const bool found = oxEventSinkUnregisterCallback(id) == OXEVENT_OK;
-    return Outcome(found ? OXEVENT_OK : OXEVENT_NOT_FOUND, "Callback id was not found");
+    return Outcome(found ? OXEVENT_OK : OXEVENT_NOT_FOUND, oxEventErrors::kCallbackNotFound);
   });
 }
 
 uint32_t oxEventGetLastError(char* buffer, uint32_t buffer_size) {
-  return Guarded("oxEventGetLastError failed", [&] {
-    if (buffer == nullptr || buffer_size == 0) return Fail(OXEVENT_INVALID_ARGUMENT, "Invalid last-error buffer");
+  return Guarded("oxEventGetLastError", [&] {
+    if (buffer == nullptr || buffer_size == 0) return Fail(oxEventErrors::kLastErrorBuffer);
     oxEventCopyLastError(buffer, buffer_size);
     return OXEVENT_OK;
   });
@@ -260,20 +260,20 @@ uint32_t oxEventGetLastError(char* buffer, uint32_t buffer_size) {
 uint32_t oxEventGetApiVersion() { return OXEVENT_API_VERSION; }
 
 uint32_t oxEventInstallWindowsEventSource(const char* source_name, const char* message_file) {
-  return Guarded("oxEventInstallWindowsEventSource failed", [&] {
+  return Guarded("oxEventInstallWindowsEventSource", [&] {
     std::string error;
     const uint32_t result = oxEventPlatformInstallWindowsEventSource(source_name, message_file, &error);
-    if (result != OXEVENT_OK) return FailWith(result, error, "Windows Event Log source installation failed");
+    if (result != OXEVENT_OK) return FailWith(result, error, oxEventErrors::kWindowsInstallFailed);
     oxEventClearLastError();
     return OXEVENT_OK;
   });
 }
 
 uint32_t oxEventRemoveWindowsEventSource(const char* source_name) {
-  return Guarded("oxEventRemoveWindowsEventSource failed", [&] {
+  return Guarded("oxEventRemoveWindowsEventSource", [&] {
     std::string error;
     const uint32_t result = oxEventPlatformRemoveWindowsEventSource(source_name, &error);
-    if (result != OXEVENT_OK) return FailWith(result, error, "Windows Event Log source removal failed");
+    if (result != OXEVENT_OK) return FailWith(result, error, oxEventErrors::kWindowsRemoveFailed);
     oxEventClearLastError();
     return OXEVENT_OK;
   });
@@ -281,7 +281,7 @@ uint32_t oxEventRemoveWindowsEventSource(const char* source_name) {
 
 uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEventAlertmanagerFormatterConfig& config,
                                          std::string* out) {
-  return Guarded("oxEventFormatAlertmanagerRecord failed", [&]() -> uint32_t {
+  return Guarded("oxEventFormatAlertmanagerRecord", [&]() -> uint32_t {
     if (record == nullptr || out == nullptr) return OXEVENT_INVALID_ARGUMENT;
     oxEventNormalizedEvent event;
     const uint64_t assigned_id = record->struct_size == 0 ? 1 : record->struct_size;  // It draws none from the process.

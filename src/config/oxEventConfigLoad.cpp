@@ -12,11 +12,6 @@
 
 namespace {
 
-uint32_t Fail(std::initializer_list<std::string_view> text, std::string* error) {
-  oxEventSetErrorText(text, error);
-  return OXEVENT_INVALID_ARGUMENT;
-}
-
 std::string KeyOf(const oxEventSection& section) { return std::string(kOxEventSettingsRoot) + "\\" + section.key; }
 
 // Reads one setting into its field, which holds what counts where the setting is missing or bad.
@@ -34,7 +29,7 @@ class SettingReader {
     const bool is_severity = setting_.form == oxEventSettingForm::kSeverity;
     *field = is_severity ? store_.ReadSeverity(key_, *field) : store_.ReadDword(key_, setting_.name, *field);
     if (*field != 0 || setting_.form != oxEventSettingForm::kCapacity) return OXEVENT_OK;
-    return Fail({setting_.name, " must be greater than zero"}, error_);
+    return oxEventSetErrorText(oxEventErrors::kNotAboveZero, {setting_.name}, error_);
   }
   uint32_t Read(std::string* field) {
     *field = store_.ReadString(key_, setting_.name, oxEventSettingDefault(setting_));
@@ -43,7 +38,7 @@ class SettingReader {
   uint32_t Read(oxEventDropPolicy* field) {
     const std::string text = store_.ReadString(key_, setting_.name, oxEventSettingDefault(setting_));
     const auto policy = oxEventFindWord(setting_.words, text);
-    if (!policy) return Fail({"Invalid drop_policy value for ", key_, "\\drop_policy: ", text}, error_);
+    if (!policy) return oxEventSetErrorText(oxEventErrors::kBadDropPolicy, {key_, text}, error_);
     *field = static_cast<oxEventDropPolicy>(*policy);
     return OXEVENT_OK;
   }
@@ -117,11 +112,11 @@ std::vector<std::vector<std::string>> InstancesOf(oxEventConfigStore& store) {
 }
 
 uint32_t Load(const char* path, oxEventConfig* config, std::string* error) {
-  if (config == nullptr) return Fail({"Invalid oxEventConfig output"}, error);
+  if (config == nullptr) return oxEventSetErrorText(oxEventErrors::kConfigOutput, error);
   *config = oxEventConfig();
-  if (path == nullptr || path[0] == '\0') return Fail({"oxEvent requires a oxCFG XML config path"}, error);
+  if (path == nullptr || path[0] == '\0') return oxEventSetErrorText(oxEventErrors::kNoConfigPath, error);
   oxEventConfigStore store(error);
-  if (!store.Open(path)) return Fail({"Unable to open oxEvent config: ", path}, error);
+  if (!store.Open(path)) return oxEventSetErrorText(oxEventErrors::kConfigUnreadable, {path}, error);
 
   store.EnsureKey(kOxEventSettingsRoot);
   for (const oxEventSection& section : g_oxEventSections) store.EnsureKey(KeyOf(section));

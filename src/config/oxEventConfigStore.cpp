@@ -92,7 +92,7 @@ bool oxEventConfigStore::ReadBool(const std::string& key, const char* name, bool
   const std::string text = ReadString(key, name, default_value ? "1" : "0");
   if (const auto value = oxEventFindWord(g_oxEventSwitchWords, text)) return *value != 0;
   has_bad_value_ = true;
-  oxEventSetErrorText({"Invalid boolean value for ", key, "\\", name, ": ", text}, error_);
+  oxEventSetErrorText(oxEventErrors::kBadSwitch, {key, name, text}, error_);
   return default_value;
 }
 
@@ -103,6 +103,6 @@ uint32_t oxEventConfigStore::ReadSeverity(const std::string& key, uint32_t defau
   const std::string text = ReadString(key, kName, "info");
   if (const auto value = oxEventFindWord(g_oxEventSeverityWords, text)) return *value;
   has_bad_value_ = true;
-  oxEventSetErrorText({"Invalid minimum_severity value for ", key, "\\", kName, ": ", text}, error_);
+  oxEventSetErrorText(oxEventErrors::kBadSeverity, {key, text}, error_);
   return default_value;
 }

@@ -54,7 +54,7 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
   oxOSMakeDir(shortened, kDirectoryMode);
   if (IsDirectory(trimmed)) return true;
   if ((mkdir(trimmed.c_str(), kDirectoryMode) == 0 || errno == EEXIST) && IsDirectory(trimmed)) return true;
-  oxEventSetErrorText({"Unable to create directory for oxEvent CSV sink: ", trimmed}, error);
+  oxEventSetErrorText(oxEventErrors::kCsvFolder, {trimmed}, error);
   return false;
 }
 

@@ -87,14 +87,12 @@ void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view i
 uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, oxEventNativeLogHandle** handle,
                                    std::string* error) {
   if (handle == nullptr) {
-    oxEventSetErrorText({"Invalid oxEvent native log handle output"}, error);
-    return OXEVENT_INVALID_ARGUMENT;
+    return oxEventSetErrorText(oxEventErrors::kNativeHandleOutput, error);
   }
   *handle = nullptr;
   std::unique_ptr<oxEventNativeLogHandle> opened(new (std::nothrow) oxEventNativeLogHandle);
   if (opened == nullptr) {
-    oxEventSetErrorText({"Unable to allocate oxEvent native log handle"}, error);
-    return OXEVENT_FAILURE;
+    return oxEventSetErrorText(oxEventErrors::kNativeNoMemory, error);
   }
   const oxEventNativePlatformConfig defaults;
   opened->ident = oxEventOrDefault(config.source, defaults.source);
@@ -114,8 +112,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
                                     std::string* warning_text) {
   if (warning != nullptr) *warning = false;
   if (handle == nullptr) {
-    oxEventSetErrorText({"Invalid oxEvent native log handle"}, warning_text);
-    return OXEVENT_INVALID_ARGUMENT;
+    return oxEventSetErrorText(oxEventErrors::kNativeHandle, warning_text);
   }
   if (warning_text != nullptr) warning_text->clear();
   FormatNativeMessage(event, handle->ident, &handle->line);

@@ -13,11 +13,6 @@ namespace {
 
 constexpr int kFileErrorSignals[] = {SIGXFSZ, SIGPIPE};
 
-uint32_t NotOnThisPlatform(const char* text, std::string* error) {
-  oxEventSetErrorText({text}, error);
-  return OXEVENT_NOT_FOUND;
-}
-
 }  // namespace
 
 uint64_t oxEventPlatformGetPtpNano() { return oxOSGetTimePTPNano(); }
@@ -71,9 +66,9 @@ void oxEventSignalBlock::TakeBackFileErrors() const {
 }
 
 uint32_t oxEventPlatformInstallWindowsEventSource(const char*, const char*, std::string* error) {
-  return NotOnThisPlatform("Windows Event Log source installation is only available on Windows", error);
+  return oxEventSetErrorText(oxEventErrors::kWindowsInstall, error);
 }
 
 uint32_t oxEventPlatformRemoveWindowsEventSource(const char*, std::string* error) {
-  return NotOnThisPlatform("Windows Event Log source removal is only available on Windows", error);
+  return oxEventSetErrorText(oxEventErrors::kWindowsRemove, error);
 }

@@ -6,12 +6,20 @@
 #include <string>
 #include <string_view>
 
+#include "base/oxEventErrorText.h"
+
+// The texts of its failures. Their places: host, port, and the number of the error.
+struct oxEventUdpErrors {
+  oxEventErrorText<3> resolve;
+  oxEventErrorText<3> socket;
+  oxEventErrorText<3> send;
+};
+
 // Sends datagrams to one receiver over IPv4 or IPv6. Its name is looked up once; the socket is not connected, so that a
 // receiver that is absent for a while costs nothing. Owns its descriptor. Threads: one at a time.
 class oxEventUdpSender {
  public:
-  // `what` is sent, and begins the error texts; a literal.
-  oxEventUdpSender(std::string_view what, std::string host, uint32_t port);
+  oxEventUdpSender(const oxEventUdpErrors& errors, std::string host, uint32_t port);
   ~oxEventUdpSender();
   oxEventUdpSender(const oxEventUdpSender&) = delete;
   oxEventUdpSender& operator=(const oxEventUdpSender&) = delete;
@@ -23,9 +31,9 @@ class oxEventUdpSender {
   uint32_t Send(std::string_view bytes, std::string* error);
 
  private:
-  uint32_t Fail(std::string_view step, int code, std::string* error) const;
+  uint32_t Fail(oxEventErrorText<3> text, int number, std::string* error) const;
 
-  const std::string_view what_;
+  const oxEventUdpErrors errors_;
   const std::string host_;
   const uint32_t port_;
   int fd_ = -1;

@@ -52,10 +52,7 @@ class oxEventAlertmanagerSink : public oxEventSink {
 
 uint32_t oxEventCreateAlertmanagerSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                        std::string* error) {
-  if (out == nullptr) {
-    oxEventSetErrorText({"Invalid oxEvent Alertmanager sink output"}, error);
-    return OXEVENT_INVALID_ARGUMENT;
-  }
+  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kAlertmanagerOutput, error);
   *out = std::make_shared<oxEventAlertmanagerSink>(config);
   return OXEVENT_OK;
 }

@@ -41,8 +41,7 @@ uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64
     if (returned) continue;
     std::string id;
     oxEventAppendNumber(&id, registration->id);
-    oxEventSetErrorText({"oxEvent callback ", id, " threw"}, error);
-    result = OXEVENT_FAILURE;
+    result = oxEventSetErrorText(oxEventErrors::kCallbackThrew, {id}, error);
   }
   return result;
 }

@@ -55,10 +55,8 @@ class oxEventCsvSink : public oxEventSink {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
     if (const uint32_t result = OpenLocked(error); result != OXEVENT_OK) return result;
-    if (!AppendRowLocked(event)) return Fail("Unable to write oxEvent CSV row: ", error);
-    if (flush_each_event_ && !WriteBufferLocked()) {
-      return Fail("Unable to flush oxEvent CSV row: ", error);
-    }
+    if (!AppendRowLocked(event)) return Fail(oxEventErrors::kCsvRow, error);
+    if (flush_each_event_ && !WriteBufferLocked()) return Fail(oxEventErrors::kCsvRowFlush, error);
     return OXEVENT_OK;
   }
 
@@ -71,33 +69,25 @@ class oxEventCsvSink : public oxEventSink {
     if (timeout_ms == 0) {
       mutex_.Lock();
     } else if (!mutex_.TryLockFor(timeout_ms)) {
-      return Fail("A write takes too long to oxEvent CSV file: ", error);
+      return Fail(oxEventErrors::kCsvBusy, error);
     }
     oxEventLock lock(mutex_, std::adopt_lock);
     if (WriteBufferLocked() || (std::exchange(told_, true) && !tell_again)) return OXEVENT_OK;
-    return Fail("Unable to flush oxEvent CSV file: ", error);
+    return Fail(oxEventErrors::kCsvFileFlush, error);
   }
 
-  uint32_t Fail(std::string_view text, std::string* error) const {
-    oxEventSetErrorText({text, path_}, error);
-    return OXEVENT_FAILURE;
+  uint32_t Fail(oxEventErrorText<1> text, std::string* error) const {
+    return oxEventSetErrorText(text, {path_}, error);
   }
 
   uint32_t OpenLocked(std::string* error) OX_REQUIRES(mutex_) {
     if (file_.IsOpen()) return OXEVENT_OK;
-    if (path_.empty()) {
-      oxEventSetErrorText({"oxEvent CSV sink path is empty"}, error);
-      return OXEVENT_INVALID_ARGUMENT;
-    }
+    if (path_.empty()) return oxEventSetErrorText(oxEventErrors::kCsvNoPath, error);
     if (!oxEventPlatformEnsureParentDirectory(path_, error)) return OXEVENT_FAILURE;
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
-    if (!file_.Open(path_)) {
-      return Fail("Unable to open oxEvent CSV file for append: ", error);
-    }
+    if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
     // Written at once: a sink that a reload opens on the same file must find it non-empty.
-    if (needs_header && !WriteRowsLocked(kHeader)) {
-      return Fail("Unable to write oxEvent CSV header: ", error);
-    }
+    if (needs_header && !WriteRowsLocked(kHeader)) return Fail(oxEventErrors::kCsvHeader, error);
     file_.StartWaiting();
     return OXEVENT_OK;
   }
@@ -155,10 +145,7 @@ class oxEventCsvSink : public oxEventSink {
 }  // namespace
 
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error) {
-  if (out == nullptr) {
-    oxEventSetErrorText({"Invalid oxEvent CSV sink output"}, error);
-    return OXEVENT_INVALID_ARGUMENT;
-  }
+  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kCsvOutput, error);
   auto sink = std::make_shared<oxEventCsvSink>(config);
   const uint32_t result = sink->Open(error);
   if (result == OXEVENT_OK) *out = std::move(sink);

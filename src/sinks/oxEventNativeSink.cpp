@@ -45,10 +45,7 @@ class oxEventNativeSink : public oxEventSink {
 
 uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                  std::string* error) {
-  if (out == nullptr) {
-    oxEventSetErrorText({"Invalid oxEvent native sink output"}, error);
-    return OXEVENT_INVALID_ARGUMENT;
-  }
+  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kNativeOutput, error);
   auto sink = std::make_shared<oxEventNativeSink>(config);
   const uint32_t result = sink->Open(error);
   if (result == OXEVENT_OK) *out = std::move(sink);

@@ -132,13 +132,13 @@ template <class Call>
 bool Succeeds(Call call, std::string* error) {
   try {
     if (call(error) == OXEVENT_OK) return true;
-    if (error->empty()) oxEventSetErrorText({"oxEvent sink failed"}, error);
+    if (error->empty()) oxEventSetErrorText(oxEventErrors::kSinkFailed, error);
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (const std::exception& exception) {
-    oxEventSetErrorText({"oxEvent sink failed: ", exception.what()}, error);
+    oxEventSetErrorText(oxEventErrors::kSinkThrew, {exception.what()}, error);
   } catch (...) {
-    oxEventSetErrorText({"oxEvent sink failed with an unknown exception"}, error);
+    oxEventSetErrorText(oxEventErrors::kSinkThrewUnknown, error);
   }
   return false;
 }
@@ -174,12 +174,12 @@ uint32_t BuildEnabledSinks(const oxEventConfig& config, SinkList* sinks, std::st
   return OXEVENT_OK;
 }
 
-uint32_t Replace(const oxEventConfig& config, const char* default_error) {
+uint32_t Replace(const oxEventConfig& config, oxEventErrorText<0> default_error) {
   auto built = std::make_shared<SinkList>();
   std::string error;
   const uint32_t result = BuildEnabledSinks(config, built.get(), &error);
   if (result != OXEVENT_OK) {
-    const std::string_view text = error.empty() ? std::string_view(default_error) : error;
+    const std::string_view text = error.empty() ? default_error.text : std::string_view(error);
     oxEventSetLastError(text);
     SetSinkError(text);
     return result;
@@ -210,11 +210,11 @@ SharedList SinksForDelivery(SharedList* replaced, unsigned* replacements) {
 
 }  // namespace
 
-uint32_t oxEventSinkInitialize(const oxEventConfig& config) {
-  return Replace(config, "oxEvent sink initialization failed");
-}
+uint32_t oxEventSinkInitialize(const oxEventConfig& config) { return Replace(config, oxEventErrors::kSinkStartFailed); }
 
-uint32_t oxEventSinkReloadConfig(const oxEventConfig& config) { return Replace(config, "oxEvent sink reload failed"); }
+uint32_t oxEventSinkReloadConfig(const oxEventConfig& config) {
+  return Replace(config, oxEventErrors::kSinkReloadFailed);
+}
 
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings) {
   if (failed_sinks != nullptr) *failed_sinks = 0;
@@ -259,10 +259,10 @@ uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
   if (last != sinks) WriteOut(last, timeout_ms);  // A reload is about to, and may take its time.
   const bool flushed = FlushAll(sinks, &oxEventSink::Flush, timeout_ms);
   if (g_sinks->rows_missing.exchange(false) || !flushed) {
-    constexpr const char* kText = "oxEvent sink flush failed";
-    SetSinkError(kText);
-    oxEventSetLastError(kText);
-    return OXEVENT_FAILURE;
+    constexpr oxEventErrorText<0> kError(oxEventErrors::kSinkFlushFailed);
+    SetSinkError(kError.text);
+    oxEventSetLastError(kError.text);
+    return kError.code;
   }
   ClearSinkError();
   return OXEVENT_OK;
@@ -291,7 +291,7 @@ uint32_t oxEventSinkUnregisterCallback(uint32_t id) { return g_sinks->callbacks.
 std::string oxEventSinkGetLastError() {
   std::string text;
   oxEventLock lock(g_sinks->error_mutex);
-  if (g_sinks->last_error) oxEventSetErrorText({*g_sinks->last_error}, &text);
+  if (g_sinks->last_error) oxEventCopyErrorText(*g_sinks->last_error, &text);
   return text;
 }
 

@@ -22,6 +22,8 @@ namespace {
 constexpr size_t kMaxMessage = 8192;            // Bytes; a longer trap is refused.
 constexpr uint32_t kMaxRequestId = 0x7FFFFFFF;  // RFC 3416, section 3.
 constexpr int kObjects = 12;
+constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSnmpResolve, oxEventErrors::kSnmpSocket,
+                                         oxEventErrors::kSnmpSend};
 
 std::string OidJoin(std::string_view oid, std::string_view suffix) { return std::string(oid).append(suffix); }
 
@@ -44,7 +46,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
         sys_up_time_(Encoded("1.3.6.1.2.1.1.3.0")),
         snmp_trap_oid_(Encoded("1.3.6.1.6.3.1.1.4.1.0")),
         trap_(Encoded(trap_oid_)),
-        sender_("oxEvent SNMP trap", oxEventOrDefault(config.snmp_host, defaults.snmp_host),
+        sender_(kUdpErrors, oxEventOrDefault(config.snmp_host, defaults.snmp_host),
                 config.snmp_port == 0 ? defaults.snmp_port : config.snmp_port) {
     message_.reserve(kMaxMessage);
     decimal_.reserve(std::numeric_limits<uint64_t>::digits10 + 1);
@@ -64,19 +66,14 @@ class oxEventSnmpTrapSink : public oxEventSink {
     oxEventLock lock(mutex_);
     if (const uint32_t result = sender_.Resolve(error); result != OXEVENT_OK) return result;
     // Told at each event, not at the start: a start that fails would take the other sinks with it.
-    if (trap_.empty()) return Fail({"Invalid SNMP trap_oid: ", trap_oid_}, error);
-    if (objects_[0].empty()) return Fail({"Invalid SNMP enterprise_oid: ", enterprise_oid_}, error);
+    if (trap_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
+    if (objects_[0].empty()) return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
     FormatLocked(event);
-    if (message_.size() > kMaxMessage) return Fail({"oxEvent SNMP trap exceeds maximum datagram size"}, error);
+    if (message_.size() > kMaxMessage) return oxEventSetErrorText(oxEventErrors::kSnmpTooLong, error);
     return sender_.Send(message_, error);
   }
 
  private:
-  static uint32_t Fail(std::initializer_list<std::string_view> text, std::string* error) {
-    oxEventSetErrorText(text, error);
-    return OXEVENT_FAILURE;
-  }
-
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     const uint32_t now_ms = oxEventPlatformGetMs();
     message_.clear();
@@ -137,24 +134,19 @@ class oxEventSnmpTrapSink : public oxEventSink {
   std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused.
 };
 
-// Empty: 2c, which there is.
-std::string_view VersionError(std::string_view version) {
+uint32_t CheckVersion(std::string_view version, std::string* error) {
   const auto known = oxEventFindWord(g_oxEventSnmpVersionWords, version);
-  if (known == kOxEventSnmpVersion2c) return "";
-  return known == kOxEventSnmpVersion3 ? "SNMPv3 requires a future external-library backend"
-                                       : "oxEvent SNMP trap sink currently supports SNMP v2c only";
+  if (known == kOxEventSnmpVersion2c) return OXEVENT_OK;
+  if (known == kOxEventSnmpVersion3) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
+  return oxEventSetErrorText(oxEventErrors::kSnmpVersion, error);
 }
 
 }  // namespace
 
 uint32_t oxEventCreateSnmpTrapSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                    std::string* error) {
-  const std::string_view refusal =
-      out == nullptr ? "Invalid oxEvent SNMP trap sink output" : VersionError(config.version);
-  if (!refusal.empty()) {
-    oxEventSetErrorText({refusal}, error);
-    return OXEVENT_INVALID_ARGUMENT;
-  }
+  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kSnmpOutput, error);
+  if (const uint32_t refusal = CheckVersion(config.version, error); refusal != OXEVENT_OK) return refusal;
   auto sink = std::make_shared<oxEventSnmpTrapSink>(config, oxEventSinkConfig());
   const uint32_t result = sink->Open(error);
   if (result == OXEVENT_OK) *out = std::move(sink);

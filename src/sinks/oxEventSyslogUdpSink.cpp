@@ -22,6 +22,8 @@ namespace {
 constexpr uint32_t kDefaultPort = 514;  // RFC 5426, section 3.3.
 constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is cut.
 constexpr int kShortDigits = 6;         // Of a double, as people read it.
+constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
+                                         oxEventErrors::kSyslogSend};
 
 constexpr uint32_t kLocal0 = 16;  // RFC 5424, table 1.
 
@@ -95,8 +97,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)
       : facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kLocal0)),
         minimum_severity_(config.minimum_severity),
-        sender_("oxEvent syslog UDP", oxEventOrDefault(config.host, "127.0.0.1"),
-                config.port == 0 ? kDefaultPort : config.port) {
+        sender_(kUdpErrors, oxEventOrDefault(config.host, "127.0.0.1"), config.port == 0 ? kDefaultPort : config.port) {
     const auto add = [this](std::string_view text, size_t max_length) {
       origin_.push_back(' ');
       Token(text, max_length, &origin_);
@@ -149,10 +150,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
 
 uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                     std::string* error) {
-  if (out == nullptr) {
-    oxEventSetErrorText({"Invalid oxEvent syslog UDP sink output"}, error);
-    return OXEVENT_INVALID_ARGUMENT;
-  }
+  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kSyslogOutput, error);
   auto sink = std::make_shared<oxEventSyslogUdpSink>(config);
   const uint32_t result = sink->Open(error);
   if (result == OXEVENT_OK) *out = std::move(sink);

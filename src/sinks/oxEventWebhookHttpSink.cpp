@@ -106,8 +106,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
       if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_)) return OXEVENT_OK;
     }
-    oxEventSetErrorText({"oxEvent webhook POST failed: ", endpoint_url_}, error);
-    return OXEVENT_FAILURE;
+    return oxEventSetErrorText(oxEventErrors::kWebhookPost, {endpoint_url_}, error);
   }
 
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
@@ -145,27 +144,24 @@ class oxEventWebhookHttpSink : public oxEventSink {
   std::string body_ OX_GUARDED_BY(mutex_);
 };
 
-std::string_view RefusalOf(const oxEventSinkConfig& config) {
+uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
   const std::string url = oxEventAsciiLower(EndpointUrl(config));
   if (!url.starts_with("http://") && !url.starts_with("https://")) {
-    return "oxEvent webhook sink requires an http:// or https:// endpoint_url";
+    return oxEventSetErrorText(oxEventErrors::kWebhookUrl, error);
   }
   const bool known = config.payload_mode.empty() || oxEventFindWord(g_oxEventPayloadModeWords, config.payload_mode);
   if (!known && config.type != oxEventSinkType::kCloudEventsHttp) {
-    return "oxEvent webhook payload_mode must be native_json or cloudevents";
+    return oxEventSetErrorText(oxEventErrors::kWebhookPayloadMode, error);
   }
-  return "";
+  return OXEVENT_OK;
 }
 
 }  // namespace
 
 uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                           std::string* error) {
-  const std::string_view refusal = out == nullptr ? "Invalid oxEvent webhook sink output" : RefusalOf(config);
-  if (!refusal.empty()) {
-    oxEventSetErrorText({refusal}, error);
-    return OXEVENT_INVALID_ARGUMENT;
-  }
+  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kWebhookOutput, error);
+  if (const uint32_t refusal = CheckSettings(config, error); refusal != OXEVENT_OK) return refusal;
   *out = std::make_shared<oxEventWebhookHttpSink>(config);
   return OXEVENT_OK;
 }
