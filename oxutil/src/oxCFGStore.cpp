@@ -107,13 +107,19 @@ class oxCFGStore::Indexer : public pugi::xml_tree_walker {
   explicit Indexer(oxCFGStore* store) : store_(*store) {}
 
   bool for_each(pugi::xml_node& node) override {
-    if (node.type() == pugi::node_element && depth() >= kMaxDepth) return false;
+    if (node.type() == pugi::node_element && depth() >= kMaxDepth) {
+      stop_ = node;
+      return false;
+    }
     store_.AddToIndex(node);
     return true;
   }
 
+  pugi::xml_node Stop() const { return stop_; }  // Where the walk ended too early.
+
  private:
   oxCFGStore& store_;
+  pugi::xml_node stop_;
 };
 
 size_t oxCFGStore::EntryHash::operator()(const Entry& entry) const {
@@ -124,8 +130,12 @@ size_t oxCFGStore::EntryHash::operator()(const Entry& entry) const {
 bool oxCFGStore::Open(const char* path) {
   if (!file_.Read(path, &saved_)) return false;
   has_byte_order_mark_ = saved_.starts_with(kByteOrderMark);
-  const std::string_view text = std::string_view(saved_).substr(has_byte_order_mark_ ? kByteOrderMark.size() : 0);
+  const std::string_view text = std::string_view(saved_).substr(MarkSize());
   return Parse(IsBlank(text) ? kEmptyStore : text);
+}
+
+size_t oxCFGStore::OffsetOf(pugi::xml_node element) const {
+  return MarkSize() + static_cast<size_t>(element.offset_debug()) - 1;  // Of the name, behind "<".
 }
 
 bool oxCFGStore::AddKey(std::string_view key) {
@@ -200,20 +210,35 @@ std::optional<oxCFGStore::Entry> oxCFGStore::EntryOf(pugi::xml_node node) {
 }
 
 bool oxCFGStore::Parse(std::string_view bytes) {
-  if (bytes.find('\0') != std::string_view::npos || IsTooDense(bytes)) return false;
-  if (bytes.starts_with(kByteOrderMark)) return false;  // A second one, which the parser would drop.
+  if (const size_t zero = bytes.find('\0'); zero != std::string_view::npos) {
+    return Refuse("a zero byte", static_cast<ptrdiff_t>(zero));
+  }
+  if (IsTooDense(bytes)) return Refuse("too much markup", 0);
+  if (bytes.starts_with(kByteOrderMark)) return Refuse("a second byte order mark", 0);  // The parser would drop it.
   // Whatever encoding the file declares, its bytes are taken as they are.
-  if (!document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8)) return false;
+  const auto parsed = document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8);
+  if (!parsed) return Refuse(parsed.description(), parsed.offset);
   for (const pugi::xml_node node : document_.children()) {
-    if (node.type() == pugi::node_cdata || DeclaresEntities(node)) return false;
-    if (node.type() == pugi::node_pcdata && !IsBlank(node.value())) return false;
+    if (DeclaresEntities(node)) return Refuse("entities of the file's own", node.offset_debug());
+    if (node.type() == pugi::node_cdata || (node.type() == pugi::node_pcdata && !IsBlank(node.value()))) {
+      return Refuse("text outside the root element", node.offset_debug());
+    }
     if (node.type() != pugi::node_element) continue;
-    if (root_ || node.name() != "config"sv) return false;
+    if (root_) return Refuse("a second root element", node.offset_debug());
+    if (node.name() != "config"sv) return Refuse("a root element other than config", node.offset_debug());
     root_ = node;
   }
+  if (!root_) return Refuse("no element config", static_cast<ptrdiff_t>(bytes.size()));
   Indexer indexer(this);
-  return root_ && document_.traverse(indexer);
+  return document_.traverse(indexer) || Refuse("elements nested more than 64 deep", indexer.Stop().offset_debug());
 }
+
+bool oxCFGStore::Refuse(const char* reason, ptrdiff_t offset) {
+  refusal_ = {reason, MarkSize() + static_cast<size_t>(std::max<ptrdiff_t>(offset, 0))};
+  return false;
+}
+
+size_t oxCFGStore::MarkSize() const { return has_byte_order_mark_ ? kByteOrderMark.size() : 0; }
 
 void oxCFGStore::AddToIndex(pugi::xml_node node) {
   if (const std::optional<Entry> entry = EntryOf(node)) index_.try_emplace(*entry, node);

@@ -11,6 +11,12 @@
 
 #include "oxCFGFile.h"
 
+// Why a file is no settings store, and the byte of the file at which that shows.
+struct oxCFGRefusal {
+  const char* reason = nullptr;  // Null: the file could not be read.
+  size_t offset = 0;
+};
+
 enum class oxCFGKind : uint32_t { kKey = 0, kValue = 1 };
 
 // A settings store: the document of its file, with an index by name. The document keeps all of the file, its layout
@@ -29,6 +35,13 @@ class oxCFGStore {
 
   // Once, before anything else. An empty file is an empty store.
   bool Open(const char* path);
+
+  // For whoever looks at the file itself, once it is open or refused. The bytes are those that were read.
+  const oxCFGRefusal& Refusal() const { return refusal_; }
+  const std::string& Bytes() const { return saved_; }
+  pugi::xml_node Root() const { return root_; }
+  // Where an element begins in the bytes; only of one that the file holds.
+  size_t OffsetOf(pugi::xml_node element) const;
 
   bool KeyExists(std::string_view key) const { return !FindKey(key).empty(); }
   // Adds the key and what is missing above it.
@@ -64,6 +77,8 @@ class oxCFGStore {
   static std::optional<Entry> EntryOf(pugi::xml_node node);
 
   bool Parse(std::string_view bytes);
+  bool Refuse(const char* reason, ptrdiff_t offset);
+  size_t MarkSize() const;  // Of the byte order mark that the file begins with.
   void AddToIndex(pugi::xml_node node);
   pugi::xml_node Find(pugi::xml_node key, oxCFGKind kind, std::string_view name) const;
   pugi::xml_node FindKey(std::string_view path) const;
@@ -79,6 +94,7 @@ class oxCFGStore {
   std::unordered_map<Entry, pugi::xml_node, EntryHash> index_;  // The first of equal names.
   // The entry that Next returned last, by key: a name alone does not tell a key from a value.
   std::unordered_map<const void*, pugi::xml_node> cursors_;
+  oxCFGRefusal refusal_;
   bool dirty_ = false;
   bool refuses_save_ = false;
 };

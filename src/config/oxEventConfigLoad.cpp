@@ -60,14 +60,19 @@ Value* FieldOf(Value oxEventSinkConfig::*field, oxEventConfig* /*config*/, oxEve
   return &(sink->*field);
 }
 
-// Of one key. `sink`: null for a section without instances.
+using BadValues = std::vector<oxEventBadValue>;
+
+// Of one key. `sink`: null for a section without instances. `bad_values`: null ends it at the first that has to.
 uint32_t ReadSettings(oxEventConfigStore& store, const oxEventSection& section, const std::string& key,
-                      oxEventConfig* config, oxEventSinkConfig* sink, std::string* error) {
+                      oxEventConfig* config, oxEventSinkConfig* sink, BadValues* bad_values, std::string* error) {
   for (const oxEventSetting& setting : section.settings) {
     SettingReader reader(store, key, setting, error);
     const uint32_t result =
         std::visit([&](auto field) { return reader.Read(FieldOf(field, config, sink)); }, setting.field);
-    if (result != OXEVENT_OK) return result;
+    if (bad_values == nullptr && result != OXEVENT_OK) return result;
+    if (bad_values == nullptr || error->empty()) continue;
+    bad_values->push_back({key, setting.name, *error});
+    error->clear();
   }
   return OXEVENT_OK;
 }
@@ -85,7 +90,7 @@ void ExpressAsWebhook(oxEventSinkConfig* sink) {
 }
 
 uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, const std::string& name,
-                  oxEventConfig* config, std::string* error) {
+                  oxEventConfig* config, BadValues* bad_values, std::string* error) {
   const std::string key = KeyOf(section) + "\\" + name;
   store.EnsureKey(key);
   oxEventSinkConfig sink;
@@ -93,7 +98,7 @@ uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, cons
   sink.name = name;
   const bool alarms_only = section.type == oxEventSinkType::kSnmpTrap || section.type == oxEventSinkType::kAlertmanager;
   sink.minimum_severity = alarms_only ? uint32_t{OXEVENT_SEVERITY_WARNING} : config->minimum_severity;
-  const uint32_t result = ReadSettings(store, section, key, config, &sink, error);
+  const uint32_t result = ReadSettings(store, section, key, config, &sink, bad_values, error);
   if (section.type == oxEventSinkType::kCloudEventsHttp) ExpressAsWebhook(&sink);
   config->sinks.push_back(std::move(sink));
   return result;
@@ -111,7 +116,7 @@ std::vector<std::vector<std::string>> InstancesOf(oxEventConfigStore& store) {
   return instances;
 }
 
-uint32_t Load(const char* path, oxEventConfig* config, std::string* error) {
+uint32_t Load(const char* path, oxEventConfig* config, BadValues* bad_values, std::string* error) {
   if (config == nullptr) return oxEventSetErrorText(oxEventErrors::kConfigOutput, error);
   *config = oxEventConfig();
   if (path == nullptr || path[0] == '\0') return oxEventSetErrorText(oxEventErrors::kNoConfigPath, error);
@@ -123,13 +128,13 @@ uint32_t Load(const char* path, oxEventConfig* config, std::string* error) {
   config->config_path = path;
   for (const oxEventSection& section : g_oxEventSections) {
     if (section.default_instance != nullptr) continue;
-    const uint32_t result = ReadSettings(store, section, KeyOf(section), config, nullptr, error);
+    const uint32_t result = ReadSettings(store, section, KeyOf(section), config, nullptr, bad_values, error);
     if (result != OXEVENT_OK) return result;
   }
   const auto instances = InstancesOf(store);
   for (size_t i = 0; i < instances.size(); ++i) {
     for (const std::string& name : instances[i]) {
-      const uint32_t result = ReadSink(store, g_oxEventSections[i], name, config, error);
+      const uint32_t result = ReadSink(store, g_oxEventSections[i], name, config, bad_values, error);
       if (result != OXEVENT_OK) return result;
     }
   }
@@ -144,5 +149,11 @@ uint32_t oxEventConfigLoad(const char* path, oxEventConfig* config, std::string*
   std::string own_error;
   if (error == nullptr) error = &own_error;
   error->clear();
-  return Load(path, config, error);
+  return Load(path, config, nullptr, error);
+}
+
+uint32_t oxEventConfigInspect(const char* path, oxEventConfig* config, std::vector<oxEventBadValue>* bad_values,
+                              std::string* error) {
+  error->clear();
+  return Load(path, config, bad_values, error);
 }

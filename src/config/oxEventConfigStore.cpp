@@ -13,7 +13,7 @@ namespace {
 
 constexpr uint32_t kGet = 0;
 constexpr uint32_t kSet = 1;
-constexpr uint32_t kValueCapacity = 2048;  // Bytes, the terminating zero included.
+constexpr uint32_t kValueCapacity = kOxEventTextMaxBytes + 1;  // With the terminating zero.
 constexpr uint32_t kNameCapacity = 512;
 constexpr uint32_t kSubKey = 0;
 

@@ -82,7 +82,14 @@ constexpr oxEventSetting kSyslogUdp[] = {
     {"port", &S::port, Form::kPort, "The collector's UDP port. 0: 514."},
     {"facility", &S::facility, Form::kWord, "Of the messages. Any other word counts as local0.", "local0",
      kSyslogFacilityWords},
-    {"app_name", &S::app_name, Form::kText, "The APP-NAME of the messages, at most 48 characters.", "oxEvent"}};
+    {"app_name",
+     &S::app_name,
+     Form::kText,
+     "The APP-NAME of the messages, at most 48 characters.",
+     "oxEvent",
+     {},
+     true,
+     kOxEventAppNameMaxBytes}};
 
 constexpr oxEventSetting kNative[] = {
     {"enabled", &S::enabled, Form::kSwitch, kEnabledMeaning, "1"},

@@ -56,6 +56,9 @@ enum class oxEventSettingForm {
   kOid,  // Dotted.
 };
 
+constexpr uint32_t kOxEventTextMaxBytes = 2047;   // Of a text; the rest is cut off.
+constexpr uint32_t kOxEventAppNameMaxBytes = 48;  // RFC 5424, section 6.
+
 struct oxEventSetting {
   const char* name;
   std::variant<bool oxEventConfig::*, uint32_t oxEventConfig::*, oxEventDropPolicy oxEventConfig::*,
@@ -65,7 +68,8 @@ struct oxEventSetting {
   std::string_view meaning;
   const char* default_text = nullptr;  // The default to write, where it is not the field's own.
   oxEventWords words = {};
-  bool has_effect = true;  // False: read and carried only.
+  bool has_effect = true;                     // False: read and carried only.
+  uint32_t max_bytes = kOxEventTextMaxBytes;  // Of a text.
 };
 
 // A key that holds settings, or, of a sink's kind, one sub-key with them per instance.

@@ -103,7 +103,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
       Token(text, max_length, &origin_);
     };
     add(HostName(), 255);
-    add(oxEventOrDefault(config.app_name, "oxEvent"), 48);
+    add(oxEventOrDefault(config.app_name, "oxEvent"), kOxEventAppNameMaxBytes);
     add(std::to_string(getpid()), 128);
     origin_.push_back(' ');
     line_.reserve(kMaxLine);

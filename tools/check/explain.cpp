@@ -1,0 +1,161 @@
+#include "check/explain.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "check/settings_file.h"
+#include "common/command_line.h"
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+constexpr char kInstance[] = "NAME";
+
+Names Split(std::string_view path) {
+  Names names;
+  while (!path.empty()) {
+    const size_t size = std::min(path.find_first_of("\\/."), path.size());
+    if (size > 0) names.emplace_back(path.substr(0, size));
+    path.remove_prefix(std::min(size + 1, path.size()));
+  }
+  return names;
+}
+
+std::string Joined(const Names& names) {
+  std::string path;
+  for (const std::string& name : names) path += (path.empty() ? "" : "\\") + name;
+  return path;
+}
+
+// A setting or, without one, a section.
+struct Topic {
+  const oxEventSection* section;
+  const oxEventSetting* setting;
+
+  Names Path(bool with_instance) const {
+    Names path = Split(section->key);
+    if (with_instance && section->default_instance != nullptr) path.emplace_back(kInstance);
+    if (setting != nullptr) path.emplace_back(setting->name);
+    return path;
+  }
+  bool IsBelow(const Names& key) const {
+    const Names path = Path(true);
+    if (key.size() > path.size()) return false;
+    return std::equal(key.begin(), key.end(), path.begin(), [](const std::string& given, const std::string& own) {
+      return own == given || own == kInstance;
+    });
+  }
+};
+
+std::vector<Topic> AllTopics() {
+  std::vector<Topic> topics;
+  for (const oxEventSection& section : g_oxEventSections) {
+    topics.push_back({&section, nullptr});
+    for (const oxEventSetting& setting : section.settings) topics.push_back({&section, &setting});
+  }
+  return topics;
+}
+
+template <class Matches>
+std::vector<Topic> TopicsThat(Matches matches) {
+  std::vector<Topic> topics = AllTopics();
+  std::erase_if(topics, [&](const Topic& topic) { return !matches(topic); });
+  return topics;
+}
+
+std::vector<Topic> TopicsOf(const Names& key) {
+  auto topics = TopicsThat([&](const Topic& t) { return t.setting != nullptr && t.Path(false) == key; });
+  if (topics.empty()) topics = TopicsThat([&](const Topic& t) { return t.IsBelow(key); });
+  if (topics.empty() && key.size() == 1) {
+    topics = TopicsThat([&](const Topic& t) { return t.setting != nullptr && t.setting->name == key[0]; });
+  }
+  return topics;
+}
+
+std::string FormOf(oxEventSettingForm form) {
+  switch (form) {
+    case oxEventSettingForm::kSwitch:
+      return "a switch, or a number: 0 is off";
+    case oxEventSettingForm::kSeverity:
+      return "a severity, or 0 to 3";
+    case oxEventSettingForm::kWord:
+      return "a word";
+    case oxEventSettingForm::kCapacity:
+      return "a number from 1 to 4294967295";
+    case oxEventSettingForm::kNumber:
+      return "a number from 0 to 4294967295";
+    case oxEventSettingForm::kSeconds:
+      return "seconds, 0 to 4294967295";
+    case oxEventSettingForm::kMilliseconds:
+      return "milliseconds, 0 to 4294967295";
+    case oxEventSettingForm::kPort:
+      return "a port, 0 to 65535";
+    case oxEventSettingForm::kText:
+      return "a text";
+    case oxEventSettingForm::kPath:
+      return "the path of a file";
+    case oxEventSettingForm::kHost:
+      return "a host's name or address";
+    case oxEventSettingForm::kUrl:
+      return "a URL of http or https";
+    case oxEventSettingForm::kUriReference:
+      return "a URI reference (RFC 3986, section 4.1)";
+    case oxEventSettingForm::kHeaderLines:
+      return "header lines of HTTP, with line ends or | between them";
+    case oxEventSettingForm::kSecret:
+      return "a secret";
+    case oxEventSettingForm::kOid:
+      return "an object identifier, dotted";
+  }
+  return "";
+}
+
+oxEventWords WordsOf(const oxEventSetting& setting) {
+  if (setting.form == oxEventSettingForm::kSwitch) return g_oxEventSwitchWords;
+  return setting.form == oxEventSettingForm::kSeverity ? g_oxEventSeverityWords : setting.words;
+}
+
+void Append(const Topic& topic, std::string* text) {
+  if (!text->empty()) text->push_back('\n');
+  *text += std::string(kOxEventSettingsRoot) + "\\" + Joined(topic.Path(true)) + "\n";
+  if (topic.setting == nullptr) {
+    *text += "    " + std::string(topic.section->meaning) + "\n";
+    if (topic.section->default_instance == nullptr) return;
+    *text += std::string("    Instances:  any number, each a key; ") + topic.section->default_instance +
+             " where there is none\n";
+    return;
+  }
+  const oxEventSetting& setting = *topic.setting;
+  *text += "    " + std::string(setting.meaning) + "\n    Type:       " + FormOf(setting.form) + "\n";
+  if (setting.max_bytes < kOxEventTextMaxBytes)
+    *text += "    At most:    " + std::to_string(setting.max_bytes) + " bytes\n";
+  const std::string default_text = oxEventSettingDefault(setting);
+  *text += "    Default:    " + (default_text.empty() ? "none" : default_text) + "\n";
+  std::string words;
+  for (const oxEventWord& word : WordsOf(setting)) words.append(words.empty() ? "" : ", ").append(word.text);
+  if (!words.empty()) *text += "    Accepts:    " + words + ", in any case\n";
+}
+
+}  // namespace
+
+std::string Explanation(std::string_view key) {
+  Names names = Split(key);
+  const Names root = Split(kOxEventSettingsRoot);
+  for (const std::string& name : root) {
+    if (!names.empty() && names[0] == name) names.erase(names.begin());
+  }
+  const std::vector<Topic> topics = TopicsOf(names);
+  if (topics.empty()) {
+    Names known;
+    for (const Topic& topic : AllTopics()) {
+      known.push_back(Joined(topic.Path(true)));
+      known.push_back(Joined(topic.Path(false)));
+      if (topic.setting != nullptr && names.size() == 1) known.emplace_back(topic.setting->name);
+    }
+    throw UsageError(std::string(key) + ": no such key" + Suggestion(Joined(names), known));
+  }
+  std::string text;
+  for (const Topic& topic : topics) Append(topic, &text);
+  return text;
+}

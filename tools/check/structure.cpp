@@ -1,0 +1,338 @@
+// What has no place in the file: keys, values and elements that the loader passes over.
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "check/settings_file.h"
+
+namespace {
+
+// A key that the library knows, and those below it. The instances of a sink are not among them.
+struct Place {
+  std::string name;
+  std::vector<Place> below = {};
+  const oxEventSection* section = nullptr;  // Whose settings or instances it holds.
+
+  bool HasInstances() const { return section != nullptr && section->default_instance != nullptr; }
+  bool HasSettings() const { return section != nullptr && section->default_instance == nullptr; }
+  const Place* Find(std::string_view its_name) const {
+    const auto place = std::find_if(below.begin(), below.end(), [&](const Place& p) { return p.name == its_name; });
+    return place == below.end() ? nullptr : &*place;
+  }
+};
+
+void Add(std::string_view path, const oxEventSection* section, Place* place) {
+  while (!path.empty()) {
+    const std::string name(path.substr(0, path.find('\\')));
+    path.remove_prefix(std::min(name.size() + 1, path.size()));
+    if (place->Find(name) == nullptr) place->below.push_back({name});
+    place = const_cast<Place*>(place->Find(name));
+  }
+  place->section = section;
+}
+
+Place AllPlaces() {
+  Place root;
+  for (const oxEventSection& section : g_oxEventSections) {
+    Add(std::string(kOxEventSettingsRoot) + "\\" + section.key, &section, &root);
+  }
+  return root;
+}
+
+std::vector<std::string> NamesOf(const std::vector<Place>& places) {
+  std::vector<std::string> names;
+  for (const Place& place : places) names.push_back(place.name);
+  return names;
+}
+
+const oxEventSetting* FindSetting(const oxEventSection& section, std::string_view name) {
+  for (const oxEventSetting& setting : section.settings) {
+    if (setting.name == name) return &setting;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> NamesOf(const oxEventSection& section) {
+  std::vector<std::string> names;
+  for (const oxEventSetting& setting : section.settings) names.emplace_back(setting.name);
+  return names;
+}
+
+std::string NameOf(pugi::xml_node node) { return node.attribute("name").value(); }
+bool IsKey(pugi::xml_node node) { return std::string_view(node.name()) == "key"; }
+bool IsValue(pugi::xml_node node) { return std::string_view(node.name()) == "value"; }
+
+// How many of the section's own settings the key holds.
+size_t Matches(const oxEventSection& section, pugi::xml_node key) {
+  size_t matches = 0;
+  for (const pugi::xml_node child : key.children("value")) {
+    const std::string name = NameOf(child);
+    if (name != "enabled" && name != "minimum_severity" && FindSetting(section, name) != nullptr) ++matches;
+  }
+  return matches;
+}
+
+// The section whose settings the key holds; null: of none.
+const oxEventSection* Resembled(pugi::xml_node key) {
+  const oxEventSection* best = nullptr;
+  size_t most = 0;
+  for (const oxEventSection& section : g_oxEventSections) {
+    const size_t matches = Matches(section, key);
+    if (matches <= most) continue;
+    most = matches;
+    best = &section;
+  }
+  return best;
+}
+
+std::string KeyOf(const oxEventSection& section) { return std::string(kOxEventSettingsRoot) + "\\" + section.key; }
+
+class Walk {
+ public:
+  Walk(SettingsFile* file, std::vector<Finding>* findings) : file_(*file), findings_(*findings) {}
+
+  void Run() {
+    const Place places = AllPlaces();
+    EnterPlace(places, file_.store.Root(), "");
+    AddMissing();
+  }
+
+ private:
+  void Warn(const char* code, pugi::xml_node node, const std::string& key, std::string text, std::string remedy = "") {
+    findings_.push_back({Grade::kWarning, code, file_.PositionOf(node), key, std::move(text), std::move(remedy)});
+  }
+
+  // Above the library's own keys other parts of the host may keep theirs.
+  static bool IsOurs(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
+
+  static std::string Join(const std::string& path, const std::string& name) {
+    return path.empty() ? name : path + "\\" + name;
+  }
+
+  // Calls `take` with the keys and values of a key that count. Tells of what is passed over: only of what resembles
+  // `expected`, where it is not the library's own.
+  template <class Take>
+  void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, Take take) {
+    std::set<std::pair<bool, std::string>> seen;
+    for (const pugi::xml_node child : key.children()) {
+      if (child.type() != pugi::node_element) {
+        CheckText(child, key, path);
+        continue;
+      }
+      const std::string name = NameOf(child);
+      const bool resembles = !Suggestion(name, expected).empty();
+      if (!IsKey(child) && !IsValue(child)) {
+        CheckForeign(child, path, expected);
+      } else if (!child.attribute("name")) {
+        CheckNameless(child, path, expected);
+      } else if (name.empty() || name.size() > oxCFGStore::kMaxNameBytes || name.find('\\') != name.npos) {
+        if (IsOurs(path) || name.find("QVX") == 0 || resembles) {
+          Warn("bad-name", child, Join(path, name.substr(0, 80)),
+               "its name is " +
+                   std::string(name.empty()                   ? "empty"
+                               : name.find('\\') != name.npos ? "a path"
+                                                              : "too long") +
+                   ": the library passes it over",
+               "A name has 1 to 511 bytes and no backslash; each key of a path is an element of its own.");
+        }
+      } else if (!seen.emplace(IsKey(child), name).second) {
+        if (IsOurs(path) || resembles) {
+          Warn("twice", child, Join(path, name), "is here a second time: the first counts, this one is passed over",
+               "Remove one of the two.");
+        }
+      } else {
+        take(child, name);
+      }
+    }
+  }
+
+  void CheckText(pugi::xml_node node, pugi::xml_node key, const std::string& path) {
+    const std::string_view text = node.value();
+    const bool is_text = node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+    if (!is_text || !IsOurs(path) || text.find_first_not_of(kBlanks) == text.npos) return;
+    Warn("stray-text", key, path, "holds the text " + Quoted(text) + ", which the library passes over",
+         "A setting is an element of its own: <value name=\"NAME\">TEXT</value>.");
+  }
+
+  void CheckForeign(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
+    const std::string name = NameOf(node);
+    const std::string meant = Suggestion(node.name(), {"key", "value"});
+    const bool expects = !name.empty() && !Suggestion(name, expected).empty();
+    if (expects || (IsOurs(path) && !meant.empty())) {
+      Warn("unknown-element", node, Join(path, name),
+           "the library passes the element <" + std::string(node.name()) + "> over" + meant,
+           "Only <key> and <value>, in lower case, count.");
+    }
+  }
+
+  void CheckNameless(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
+    const auto meant = [&](const pugi::xml_attribute& a) { return !Suggestion(a.value(), expected).empty(); };
+    if (!IsOurs(path) && std::none_of(node.attributes_begin(), node.attributes_end(), meant)) return;
+    Warn("no-name", node, path,
+         "a <" + std::string(node.name()) + "> without the attribute name: the library passes it over",
+         std::string("Write <") + node.name() + " name=\"NAME\">.");
+  }
+
+  void EnterPlace(const Place& place, pugi::xml_node key, const std::string& path) {
+    if (place.HasInstances()) return EnterInstances(*place.section, key, path);
+    if (place.HasSettings()) return EnterSettings(*place.section, key, path, "");
+    const std::vector<std::string> expected = NamesOf(place.below);
+    ForEach(key, path, expected, [&](pugi::xml_node child, const std::string& name) {
+      const Place* const known = place.Find(name);
+      if (known != nullptr && IsKey(child)) {
+        positions_.emplace_back(Join(path, name), file_.PositionOf(child));
+        EnterPlace(*known, child, Join(path, name));
+      } else if (known != nullptr) {
+        Warn("value-for-key", child, Join(path, name), "is a value, where the library looks for a key",
+             "Write <key name=\"" + name + "\">.");
+      } else {
+        CheckUnknown(place, child, path, name);
+      }
+    });
+  }
+
+  // A key or a value in a place that holds only certain keys.
+  void CheckUnknown(const Place& place, pugi::xml_node child, const std::string& path, const std::string& name) {
+    const std::string meant = Suggestion(name, NamesOf(place.below));
+    const oxEventSection* const resembled = IsKey(child) ? Resembled(child) : nullptr;
+    const std::string whole = Join(path, name);
+    const bool too_high = !IsOurs(path) && (name == "Events" || name == "core" || name == "state" || name == "sink");
+    if (IsOurs(path) && meant.empty() && resembled != nullptr) {
+      const std::string instance = resembled->default_instance == nullptr ? "" : "\\" + name;
+      Warn("misplaced", child, whole,
+           "the library passes it over: its settings belong in " + KeyOf(*resembled) + instance, "Move it there.");
+    } else if (IsOurs(path) || !meant.empty()) {
+      Warn(IsKey(child) ? "unknown-key" : "unknown-value", child, whole,
+           std::string("the library knows no such ") + (IsKey(child) ? "key" : "value") + " here" + meant,
+           "Below " + (path.empty() ? "the root" : path) + " it reads: " + Listed(NamesOf(place.below)) + ".");
+    } else if (too_high) {
+      const std::string right = std::string(kOxEventSettingsRoot) + (name == "Events" ? "" : "\\" + name);
+      Warn("misplaced", child, whole, "the library passes it over: it looks for " + right, "Move it there.");
+    }
+  }
+
+  static std::string Listed(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+    return text;
+  }
+
+  void EnterInstances(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
+    bool told = false;
+    ForEach(key, path, NamesOf(section), [&](pugi::xml_node child, const std::string& name) {
+      if (IsKey(child)) {
+        CheckInstance(section, child, path, name);
+        EnterSettings(section, child, Join(path, name), name);
+        return;
+      }
+      Warn("misplaced", child, Join(path, name), "a value beside the instances: the library passes it over",
+           "Settings belong in a key of their own below " + path + ", such as " + section.default_instance + ".");
+      if (!std::exchange(told, true)) {
+        findings_.push_back(
+            {Grade::kNote, "misplaced", file_.PositionOf(key), path, "holds instances, not settings", ""});
+      }
+    });
+  }
+
+  void CheckInstance(const oxEventSection& section, pugi::xml_node key, const std::string& path,
+                     const std::string& name) {
+    if (FindSetting(section, name) != nullptr && !key.child("value")) {
+      Warn("key-for-value", key, Join(path, name), "is a key, which makes it an instance with this name",
+           "Settings are values in a key of their own below " + path + ", such as " + section.default_instance + ".");
+    } else if (HasBlankEnds(name)) {
+      Warn("blanks", key, Join(path, name), "the name has blanks at its ends, which count", "Remove them.");
+    }
+  }
+
+  void EnterSettings(const oxEventSection& section, pugi::xml_node key, const std::string& path,
+                     const std::string& /*instance*/) {
+    Group group = {&section, path, file_.PositionOf(key), {}};
+    ForEach(key, path, NamesOf(section), [&](pugi::xml_node child, const std::string& name) {
+      const oxEventSetting* const setting = FindSetting(section, name);
+      const std::string whole = Join(path, name);
+      if (IsKey(child)) {
+        if (setting != nullptr) {
+          Warn("key-for-value", child, whole, "is a key, where the library looks for a value",
+               "Write <value name=\"" + name + "\">TEXT</value>.");
+        } else {
+          Warn("misplaced", child, whole, "a key among settings: the library passes it over",
+               Resembled(child) == nullptr ? "Remove it."
+                                           : "Move it to " + KeyOf(*Resembled(child)) + ", where its settings belong.");
+        }
+      } else if (setting == nullptr) {
+        Warn("unknown-value", child, whole, "the library knows no such setting here" + Elsewhere(section, name),
+             "The settings of this key: " + Listed(NamesOf(section)) + ".");
+      } else {
+        CheckContent(child, whole);
+        group.values.push_back({setting, file_.store.Get(path, name).value_or(""), file_.PositionOf(child)});
+      }
+    });
+    file_.groups.push_back(std::move(group));
+  }
+
+  static std::string Elsewhere(const oxEventSection& here, const std::string& name) {
+    const std::string meant = Suggestion(name, NamesOf(here));
+    if (!meant.empty()) return meant;
+    for (const oxEventSection& section : g_oxEventSections) {
+      if (FindSetting(section, name) != nullptr) return "; " + KeyOf(section) + " has one of that name";
+    }
+    return "";
+  }
+
+  void CheckContent(pugi::xml_node value, const std::string& key) {
+    for (const pugi::xml_node child : value.children()) {
+      if (child.type() != pugi::node_element) continue;
+      Warn("nested", value, key, "holds the element <" + std::string(child.name()) + ">, which the library passes over",
+           "A value holds text alone.");
+      break;
+    }
+    if (value.attribute("value")) {
+      Warn("text-in-attribute", value, key, "has its text in an attribute, which the library passes over",
+           "Write <value name=\"NAME\">TEXT</value>.");
+    }
+  }
+
+  // What the loader reads although the file has no such key, and what it makes of each sink.
+  void AddMissing() {
+    for (const oxEventSection& section : g_oxEventSections) {
+      if (section.default_instance == nullptr) AddGroup(section, KeyOf(section), nullptr);
+    }
+    for (const oxEventSinkConfig& sink : file_.config.sinks) {
+      for (const oxEventSection& section : g_oxEventSections) {
+        if (section.default_instance == nullptr || section.type != sink.type) continue;
+        AddGroup(section, KeyOf(section) + "\\" + sink.name, &sink);
+      }
+    }
+    std::swap(file_.groups, ordered_);
+  }
+
+  void AddGroup(const oxEventSection& section, const std::string& key, const oxEventSinkConfig* sink) {
+    const auto same = [&](const Group& group) { return group.key == key; };
+    const auto found = std::find_if(file_.groups.begin(), file_.groups.end(), same);
+    Group group = found == file_.groups.end() ? Group{&section, key, NearestTo(key), {}} : *found;
+    group.sink = sink;
+    ordered_.push_back(std::move(group));
+  }
+
+  Position NearestTo(std::string key) const {
+    while (!key.empty()) {
+      for (const auto& [path, position] : positions_) {
+        if (path == key) return position;
+      }
+      const size_t separator = key.rfind('\\');
+      key.resize(separator == key.npos ? 0 : separator);
+    }
+    return {};
+  }
+
+  SettingsFile& file_;
+  std::vector<Finding>& findings_;
+  std::vector<std::pair<std::string, Position>> positions_;  // Of the keys above the groups.
+  std::vector<Group> ordered_;
+};
+
+}  // namespace
+
+void FindGroups(SettingsFile* file, std::vector<Finding>* findings) { Walk(file, findings).Run(); }

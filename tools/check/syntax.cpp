@@ -1,0 +1,128 @@
+#include "check/syntax.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "base/oxEventAscii.h"
+#include "sinks/oxEventSnmpBer.h"
+
+namespace {
+
+constexpr std::string_view kUnreserved = "-._~";
+constexpr std::string_view kDelimiters = ":/?#@!$&'()*+,;=";  // RFC 3986, section 2.2, but for the brackets.
+
+bool IsHexDigit(char c) {
+  const char lower = oxEventAsciiLower(c);
+  return (c >= '0' && c <= '9') || (lower >= 'a' && lower <= 'f');
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool IsScheme(std::string_view text) {
+  const auto allowed = [](char c) { return oxEventAsciiIsAlnum(c) || c == '+' || c == '-' || c == '.'; };
+  return !text.empty() && oxEventAsciiIsAlnum(text[0]) && !IsDigit(text[0]) &&
+         std::all_of(text.begin(), text.end(), allowed);
+}
+
+using Url = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+
+Url NewUrl() { return {curl_url(), curl_url_cleanup}; }
+
+std::string PartOf(const Url& url, CURLUPart part, unsigned flags = 0) {
+  char* text = nullptr;
+  if (curl_url_get(url.get(), part, &text, flags) != CURLUE_OK) return "";
+  std::string copy = text;
+  curl_free(text);
+  return copy;
+}
+
+}  // namespace
+
+bool HasHttpScheme(std::string_view url) {
+  const std::string lower = oxEventAsciiLower(url);
+  return lower.starts_with("http://") || lower.starts_with("https://");
+}
+
+std::string UrlFault(const std::string& url) {
+  if (!HasHttpScheme(url)) return "it begins with neither http:// nor https://";
+  const size_t host_at = url.find("://") + 3;
+  if (host_at == url.size() || std::string_view("/?#:").find(url[host_at]) != std::string_view::npos) return "no host";
+  const auto odd = [](char c) { return c <= ' ' || c == 0x7F; };  // Bytes from 0x80 up are negative.
+  if (std::any_of(url.begin(), url.end(), odd)) return "blanks and what is no ASCII have to be written as %XX";
+  const Url parsed = NewUrl();
+  const CURLUcode result = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
+  return result == CURLUE_OK ? "" : curl_url_strerror(result);
+}
+
+UrlParts PartsOf(const std::string& url) {
+  const Url parsed = NewUrl();
+  curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
+  const std::string host = oxEventAsciiLower(PartOf(parsed, CURLUPART_HOST));
+  UrlParts parts;
+  parts.https = oxEventAsciiLower(PartOf(parsed, CURLUPART_SCHEME)) == "https";
+  parts.loopback = IsLoopback(host);
+  parts.has_password = !PartOf(parsed, CURLUPART_PASSWORD).empty();
+  parts.place = (parts.https ? "https://" : "http://") + host + ":" +
+                PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT) + PartOf(parsed, CURLUPART_PATH) + "?" +
+                PartOf(parsed, CURLUPART_QUERY);
+  return parts;
+}
+
+bool IsLoopback(std::string_view host) {
+  return host == "localhost" || host == "::1" || host == "[::1]" || host.starts_with("127.") ||
+         host.ends_with(".localhost");
+}
+
+// RFC 3986, appendix A, as far as characters and their places go.
+std::string UriReferenceFault(std::string_view text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '%') {
+      if (i + 2 >= text.size() || !IsHexDigit(text[i + 1]) || !IsHexDigit(text[i + 2]))
+        return "% without two hex digits";
+    } else if (c == '[' || c == ']') {
+      const size_t authority = text.find("//");
+      if (authority == text.npos || text.find_first_of("/?#", authority + 2) < i) return "brackets outside the host";
+      if (c == '[' && text.find(']', i) == text.npos) return "[ without ]";
+    } else if (!oxEventAsciiIsAlnum(c) && kUnreserved.find(c) == text.npos && kDelimiters.find(c) == text.npos) {
+      return "a character that has to be written as %XX";
+    }
+  }
+  if (std::count(text.begin(), text.end(), '#') > 1) return "a second #";
+  const size_t colon = text.find_first_of(":/?#");
+  if (colon != text.npos && text[colon] == ':' && !IsScheme(text.substr(0, colon))) return "no scheme before the colon";
+  return "";
+}
+
+std::string OidFault(std::string_view text) {
+  std::string encoded;
+  if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "every event to this sink fails";
+  const std::string second(text.substr(2, text.find('.', 2) - 2));
+  // Both share one byte.
+  if (text.starts_with("2.") && (second.size() > 3 || std::stoul(second) > 175))
+    return "the traps carry 2.0 to 2.175 only";
+  return "";
+}
+
+std::string HostFault(const std::string& host) {
+  constexpr size_t kLongest = 253;  // RFC 1035, section 2.3.4, as text.
+  in6_addr address;
+  const std::string_view before_scope = std::string_view(host).substr(0, host.find('%'));
+  if (inet_pton(AF_INET6, std::string(before_scope).c_str(), &address) == 1) return "";
+  if (host.find("://") != host.npos) return "it begins with a scheme";
+  if (host.front() == '[') return "brackets are for URLs";
+  if (host.find(':') != host.npos) return "the port is a setting of its own";
+  const auto in_name = [](char c) { return oxEventAsciiIsAlnum(c) || c == '.' || c == '-' || c == '_'; };
+  const auto encoded = [](char c) { return (c & 0x80) != 0; };  // An internationalized name.
+  if (!std::all_of(host.begin(), host.end(), [&](char c) { return in_name(c) || encoded(c); })) {
+    return "it holds characters that no name has";
+  }
+  if (host.size() > kLongest || host.find("..") != host.npos || host.front() == '.') return "no name is made so";
+  const bool is_number = std::all_of(host.begin(), host.end(), [](char c) { return IsDigit(c) || c == '.'; });
+  in_addr number;
+  if (is_number && inet_aton(host.c_str(), &number) == 0) return "no IPv4 address is made so";
+  return "";
+}
