@@ -11,7 +11,8 @@ extern "C" {
 
 typedef struct AlertPoster AlertPoster;
 
-/* Registers with oxEvent, before oxEventInitialize. `url` ends in /api/v2/alerts. Null: it cannot be done. */
+/* Registers with oxEvent, before oxEventInitialize. `url` ends in /api/v2/alerts. Null: it cannot be done. For a
+ * cluster of Alertmanagers start one for each: none waits for another. */
 AlertPoster* AlertPosterStart(const char* url);
 
 /* After oxEventShutdown: posts what is still to be posted, for 5 s at most. Returns how many documents were left; 0 is

@@ -21,7 +21,8 @@ static const char kHelp[] =
     "  --max-age SEC        limit for the age of the oldest file in the spool (default 3600)\n"
     "  --max-load X         limit for the load average of one minute (default off)\n"
     "  --min-memory MB|P%   memory that must be available, in megabytes or percent (default 5%)\n"
-    "  --alertmanager URL   post the events to this Alertmanager (http://HOST:9093/api/v2/alerts)\n"
+    "  --alertmanager URL   post the events to this Alertmanager (http://HOST:9093/api/v2/alerts); once for each of\n"
+    "                       a cluster\n"
     "  --period MS          time from one round to the next (default 5000)\n"
     "  --count N            stop after N rounds (default 0: never)\n"
     "  --help               print this and exit\n"
@@ -90,6 +91,15 @@ static int SetSettings(const char* path, Options* options) {
   return kUsage;
 }
 
+static int AddAlertmanager(const char* url, Options* options) {
+  if (options->alertmanager_count < kMaxAlertmanagers) {
+    options->alertmanagers[options->alertmanager_count++] = url;
+    return kGoOn;
+  }
+  fprintf(stderr, "oxevent-watch: --alertmanager: '%s' is one more than %d\n", url, kMaxAlertmanagers);
+  return kUsage;
+}
+
 static int SetOption(int option, const char* name, const char* text, Options* options) {
   switch (option) {
     case kHelpOption:
@@ -118,8 +128,7 @@ static int SetOption(int option, const char* name, const char* text, Options* op
       return options->min_memory_is_percent ? ParseLimit(name, text, "%", 100, &options->min_memory)
                                             : ParseLimit(name, text, "", kMost, &options->min_memory);
     case kAlertmanager:
-      options->alertmanager = text;
-      return kGoOn;
+      return AddAlertmanager(text, options);
     case kPeriod:
       return ParseWhole(name, text, 1, &options->period_ms);
     case kCount:

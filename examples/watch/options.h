@@ -3,6 +3,7 @@
 #define WATCH_OPTIONS_H
 
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 typedef struct Limit {
@@ -10,12 +11,15 @@ typedef struct Limit {
   bool on;
 } Limit;
 
+enum { kMaxAlertmanagers = 4 };
+
 typedef struct Options {
   const char* settings;
   const char* folder;
-  const char* spool;        /* Null: no spool is watched. */
-  const char* alertmanager; /* URL; null: none. */
-  const char* spool_limit;  /* Name of an option that makes no sense without a spool, or null. */
+  const char* spool;                            /* Null: no spool is watched. */
+  const char* spool_limit;                      /* Name of an option that makes no sense without a spool, or null. */
+  const char* alertmanagers[kMaxAlertmanagers]; /* URLs. */
+  size_t alertmanager_count;
   uint64_t period_ms;
   uint64_t rounds; /* 0: until stopped. */
   Limit max_files;

@@ -42,11 +42,13 @@ static void ReportStep(Reporter* reporter, Condition* condition, bool present, d
   const uint64_t now_ms = MonotonicMs();
   const bool moved = condition->raised && HasMoved(condition, value);
   if (!condition->raised) Begin(reporter, condition, now_ms);
-  char* key = FormatText("%s:%s:%s", reporter->host, condition->source_id, condition->event_type);
+  // With the host: where many report, "load" alone would be one alert of them all.
+  char* source = FormatText("%s:%s", reporter->host, condition->source_id);
+  char* key = FormatText("%s:%s", source, condition->event_type);
   const oxEventRecord record = {.struct_size = sizeof(record),
                                 .version = OXEVENT_API_VERSION,
                                 .event_type = condition->event_type,
-                                .source_id = condition->source_id,
+                                .source_id = source,
                                 .source_name = reporter->host,
                                 .message = message,
                                 // A clear has it too: who was sent the raise must see its end.
@@ -66,6 +68,7 @@ static void ReportStep(Reporter* reporter, Condition* condition, bool present, d
     condition->raised = present;
   }
   free(key);
+  free(source);
 }
 
 void ReportCondition(Reporter* reporter, Condition* condition, bool present, double value, char* message,
@@ -78,13 +81,15 @@ void ReportCondition(Reporter* reporter, Condition* condition, bool present, dou
 }
 
 void ReportNotice(Reporter* reporter, const char* event_type, const char* message) {
+  char* source = FormatText("%s:watch", reporter->host);
   const oxEventRecord record = {.struct_size = sizeof(record),
                                 .version = OXEVENT_API_VERSION,
                                 .event_type = event_type,
-                                .source_id = "watch",
+                                .source_id = source,
                                 .source_name = reporter->host,
                                 .message = message,
                                 .severity = OXEVENT_SEVERITY_INFO,
                                 .duration_ms = MonotonicMs() - reporter->started_ms};
   Submit(reporter, &record);
+  free(source);
 }

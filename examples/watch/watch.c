@@ -252,13 +252,19 @@ static int Run(Watcher* watcher) {
   sigaddset(&signals, SIGTERM);
   sigprocmask(SIG_BLOCK, &signals, NULL);
 
-  AlertPoster* poster = NULL;
-  if (watcher->options.alertmanager != NULL && (poster = AlertPosterStart(watcher->options.alertmanager)) == NULL) {
-    return EXIT_FAILURE;
+  const Options* options = &watcher->options;
+  AlertPoster* posters[kMaxAlertmanagers];
+  for (size_t i = 0; i < options->alertmanager_count; ++i) {
+    if ((posters[i] = AlertPosterStart(options->alertmanagers[i])) == NULL) return EXIT_FAILURE;
   }
   const bool good = WatchAndReport(watcher, &signals);
-  const unsigned left = poster != NULL ? AlertPosterStop(poster) : 0;
-  if (left != 0) fprintf(stderr, "oxevent-watch: %u alerts were not posted\n", left);
+  unsigned left = 0;
+  for (size_t i = 0; i < options->alertmanager_count; ++i) {
+    const unsigned unposted = AlertPosterStop(posters[i]);
+    if (unposted != 0)
+      fprintf(stderr, "oxevent-watch: %u alerts were not posted to %s\n", unposted, options->alertmanagers[i]);
+    left += unposted;
+  }
   return good && left == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
