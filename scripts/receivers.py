@@ -85,8 +85,12 @@ class Receiver:
         self.attach(folder)
         self.folder.mkdir(parents=True)
         self.port = free_port(self.kind)
+        return self.run()
+
+    def run(self):
+        """Starts it, again too: with the folder and the port that it had."""
         libc = ctypes.CDLL(None)
-        with open(self.folder / "output", "wb") as output:
+        with open(self.folder / "output", "ab") as output:
             self.child = subprocess.Popen(
                 self.command(), cwd=self.folder, env=os.environ | self.environment(), stdin=subprocess.DEVNULL,
                 stdout=output, stderr=output, preexec_fn=lambda: libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM))
