@@ -253,7 +253,7 @@ static int Run(Watcher* watcher) {
   sigprocmask(SIG_BLOCK, &signals, NULL);
 
   const Options* options = &watcher->options;
-  AlertPoster* posters[kMaxAlertmanagers];
+  AlertPoster* posters[kMaxAlertmanagers] = {NULL};
   for (size_t i = 0; i < options->alertmanager_count; ++i) {
     if ((posters[i] = AlertPosterStart(options->alertmanagers[i])) == NULL) return EXIT_FAILURE;
   }
