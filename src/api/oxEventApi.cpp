@@ -11,6 +11,7 @@
 #include "base/oxEventImmortal.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventTrace.h"
 #include "config/oxEventConfigLoad.h"
 #include "core/oxEventRouter.h"
 #include "oxEvent.h"
@@ -84,14 +85,18 @@ uint64_t NextGeneratedId() {
   return id != 0 ? id : g_oxEventNextGeneratedId.fetch_add(1, std::memory_order_relaxed);
 }
 
-uint32_t SubmitRecord(const oxEventRecord* record) {
+uint32_t SubmitRecord(const char* entry_point, const oxEventRecord* record) {
   const uint64_t id = NextGeneratedId();  // Drawn for a record that is refused too.
   oxEventNormalizedEvent event;
-  if (const uint32_t result = oxEventNormalizeEvent(record, id, &event); result != OXEVENT_OK) {
-    return Fail(result, oxEventErrors::kInvalidRecord);
-  }
-  if (!g_oxEventInitialized) return NotInitialized();
-  return Outcome(oxEventCoreSubmit(event), oxEventErrors::kSubmitFailed);
+  const uint32_t result = Guarded(entry_point, [&] {
+    if (const uint32_t refusal = oxEventNormalizeEvent(record, id, &event); refusal != OXEVENT_OK) {
+      return Fail(refusal, oxEventErrors::kInvalidRecord);
+    }
+    if (!g_oxEventInitialized) return NotInitialized();
+    return Outcome(oxEventCoreSubmit(event), oxEventErrors::kSubmitFailed);
+  });
+  oxEventTraceSubmit(result, event.event_id, event.severity);
+  return result;
 }
 
 // Shuts the sinks down on every way out but the one that keeps them.
@@ -204,29 +209,27 @@ uint32_t oxEventInitialize(const char* config_path) {
 
 uint32_t oxEventShutdown() { return Guarded("oxEventShutdown", Shutdown); }
 
-uint32_t oxEventSubmit(const oxEventRecord* record) {
-  return Guarded("oxEventSubmit", [&] { return SubmitRecord(record); });
-}
+uint32_t oxEventSubmit(const oxEventRecord* record) { return SubmitRecord("oxEventSubmit", record); }
 
 uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* source_name, const char* message) {
-  return Guarded("oxEventSubmitSimple", [&] {
-    oxEventRecord record = {};
-    record.struct_size = sizeof(record);
-    record.version = OXEVENT_API_VERSION;
-    record.event_id = event_id;
-    record.event_type = "simple";
-    record.source_name = source_name;
-    record.message = message;
-    record.severity = severity;
-    return SubmitRecord(&record);
-  });
+  oxEventRecord record = {};
+  record.struct_size = sizeof(record);
+  record.version = OXEVENT_API_VERSION;
+  record.event_id = event_id;
+  record.event_type = "simple";
+  record.source_name = source_name;
+  record.message = message;
+  record.severity = severity;
+  return SubmitRecord("oxEventSubmitSimple", &record);
 }
 
 uint32_t oxEventFlush(uint32_t timeout_ms) {
-  return Guarded("oxEventFlush", [&] {
+  const uint32_t result = Guarded("oxEventFlush", [&] {
     if (!g_oxEventInitialized) return NotInitialized();
     return Outcome(oxEventCoreFlush(timeout_ms), oxEventErrors::kFlushTimedOut);
   });
+  oxEventTraceFlush(result);
+  return result;
 }
 
 uint32_t oxEventReloadConfig(const char* config_path) {

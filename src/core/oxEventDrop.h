@@ -3,7 +3,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <string_view>
+#include <iterator>
+
+#include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventTrace.h"
 
 // Why an event that Submit took does not reach the sinks. The numbers are told to tracers: new ones go to the end.
 enum class oxEventDrop : uint32_t {
@@ -20,6 +23,10 @@ constexpr const char* kOxEventDropTexts[] = {"filtered", "no memory", "refused",
                                              "trimmed",  "stopped",   "suppressed"};
 
 constexpr const char* oxEventDropText(oxEventDrop reason) { return kOxEventDropTexts[static_cast<size_t>(reason)]; }
+
+inline void oxEventTraceDrop(const oxEventNormalizedEvent& event, oxEventDrop reason) {
+  oxEventTraceDrop(event.event_id, event.severity, static_cast<uint32_t>(reason), oxEventDropText(reason));
+}
 
 // How many by which reason; indexed by it.
 using oxEventDrops = std::array<uint64_t, std::size(kOxEventDropTexts)>;

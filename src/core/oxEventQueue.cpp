@@ -33,7 +33,7 @@ struct oxEventQueue::Item {
 void oxEventQueue::ItemDeleter::operator()(Item* item) const { delete item; }
 
 oxEventQueue::Items::~Items() {
-  while (!IsEmpty()) PopFront();
+  while (!IsEmpty()) oxEventTraceDrop(PopFront()->event.Get(), lost_);
 }
 
 void oxEventQueue::Items::PushBack(Spare item) {
@@ -83,7 +83,7 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   bool fits = false;
   bool wake = false;
   while (!fits) {
-    Items garbage;
+    Items garbage(oxEventDrop::kTrimmed);
     std::vector<Spare> more_garbage;
     oxEventLock lock(mutex_);
     policy_ = policy;
@@ -115,6 +115,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
 
   bool wake = false;
   bool full = false;
+  bool displaced = false;
   uint32_t result = OXEVENT_OK;
   {
     oxEventLock lock(mutex_);
@@ -123,13 +124,15 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
       result = RefuseLocked(dropped);
     } else {
       wake = AppendLocked(&item, full);
+      displaced = full;
       Set(accepted, true);
-      Set(dropped, full);
+      Set(dropped, displaced);
     }
   }
   if (wake) not_empty_.NotifyOne();  // With the lock released, or the worker would wake up to wait for it.
   // The worker had its memory: begin to fetch it, for the next event.
   if (item != nullptr) item->Prefetch();
+  if (displaced) oxEventTraceDrop(item->event.Get(), oxEventDrop::kDisplaced);
   if (full && item != nullptr) item->event.ReleaseLongTexts();  // Of the event that was lost.
   return result;
 }

@@ -8,6 +8,7 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
 #include "config/oxEventConfig.h"
+#include "core/oxEventDrop.h"
 
 // The bounded first-in-first-out hand-over from the submitting threads to the worker. Owns copies of the events. Also
 // knows the event that the worker has taken and not completed, so that a flush waits for what has really been
@@ -59,10 +60,10 @@ class oxEventQueue {
   void Reset() OX_EXCLUDES(mutex_);            // As constructed; to be called when the worker has ended.
 
  private:
-  // Owns its items.
+  // Owns its items. Those that are left when it is destroyed are lost, for the reason given.
   class Items {
    public:
-    Items() = default;
+    explicit Items(oxEventDrop lost = oxEventDrop::kStopped) : lost_(lost) {}
     ~Items();
     Items(const Items&) = delete;
     Items& operator=(const Items&) = delete;
@@ -80,6 +81,7 @@ class oxEventQueue {
     Item* front_ = nullptr;
     Item* back_ = nullptr;  // Only to be followed when there is a front.
     size_t size_ = 0;
+    const oxEventDrop lost_;
   };
 
   // Waking a sleeping thread costs a submitter twenty times what queueing an event does. So after an event the worker

@@ -74,17 +74,18 @@ uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
   Run* const run = running_;
   if (run == nullptr) return OXEVENT_NOT_INITIALIZED;
   if (!run->Wants(event.severity)) {
-    run->AddDropped(oxEventDrop::kFiltered);
+    run->Drop(event, oxEventDrop::kFiltered);
     return OXEVENT_OK;
   }
   bool accepted = false;
   bool dropped = false;
   try {
     const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped, place.Spare());
-    if (dropped) run->AddDropped(accepted ? oxEventDrop::kDisplaced : oxEventDrop::kRefused);
+    if (dropped && accepted) run->AddDropped(oxEventDrop::kDisplaced, 1);
+    if (dropped && !accepted) run->Drop(event, oxEventDrop::kRefused);
     return result;
   } catch (...) {
-    run->AddDropped(oxEventDrop::kNoMemory);
+    run->Drop(event, oxEventDrop::kNoMemory);
     throw;
   }
 }

@@ -72,13 +72,14 @@ void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event) {
     emit = true;
   }
   if (!emit) {
-    AddDropped(oxEventDrop::kSuppressed);
+    Drop(event, oxEventDrop::kSuppressed);
     return;
   }
   if (status != OXEVENT_OK) {
     ++sink_failures;
     return;
   }
+  oxEventTraceEmit(out.event_id, out.severity, out.action.data());
   uint64_t failed_sinks = 0;
   uint64_t warnings = 0;
   try {

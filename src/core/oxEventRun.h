@@ -22,7 +22,11 @@ class oxEventRouter::Run {
   bool IsWorker() const { return worker_id_.load() == std::this_thread::get_id(); }
   bool HasEnded() const { return ended_; }
 
-  void AddDropped(oxEventDrop reason, uint64_t n = 1) { drops[static_cast<size_t>(reason)] += n; }
+  void Drop(const oxEventNormalizedEvent& event, oxEventDrop reason) {
+    AddDropped(reason, 1);
+    oxEventTraceDrop(event, reason);
+  }
+  void AddDropped(oxEventDrop reason, uint64_t n) { drops[static_cast<size_t>(reason)] += n; }  // The queue's.
   oxEventDrops Drops() const;
 
   // Which events Submit lets through to the queue.

@@ -15,6 +15,7 @@
 #include "base/oxEventImmortal.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventTrace.h"
 #include "config/oxEventSettings.h"
 #include "sinks/oxEventCallbackSink.h"
 #include "sinks/oxEventSink.h"
@@ -25,12 +26,13 @@ namespace {
 class ActiveSink {
  public:
   // `section` has static storage.
-  ActiveSink(std::string_view section, std::string name, std::shared_ptr<oxEventSink> sink)
+  ActiveSink(const char* section, std::string name, std::shared_ptr<oxEventSink> sink)
       : section_(section), name_(std::move(name)), sink_(std::move(sink)) {}
 
   oxEventSink& Get() const { return *sink_; }
 
   void NoteFailure(std::string error) OX_EXCLUDES(mutex_) {
+    oxEventTraceSinkFailure(section_, name_.c_str(), error.c_str());
     oxEventLock lock(mutex_);
     ++failures_;
     last_error_.swap(error);
@@ -42,7 +44,7 @@ class ActiveSink {
   }
 
  private:
-  const std::string_view section_;
+  const char* const section_;
   const std::string name_;
   const std::shared_ptr<oxEventSink> sink_;
   oxEventMutex mutex_;
@@ -89,7 +91,7 @@ auto FactoryOf(oxEventSinkType type) {
   return CreateConfiguredSink;
 }
 
-std::string_view SectionOf(oxEventSinkType type) {
+const char* SectionOf(oxEventSinkType type) {
   for (const oxEventSection& section : g_oxEventSections) {
     if (section.default_instance != nullptr && section.type == type) return section.key;
   }
