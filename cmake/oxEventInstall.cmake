@@ -1,10 +1,11 @@
-# cmake --install: libraries, header, CMake package, pkg-config file, Python module, documents, man pages.
+# cmake --install: libraries, header, CMake package, pkg-config file, Python module, gdb script, documents, man pages.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES examples/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent/python)
+install(FILES tools/oxevent-gdb.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN docs/man EXCLUDE)
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})

@@ -1,0 +1,105 @@
+"""What gdb shows of a process and of its core, and the trace points: inside_test.py [-v] [Test.test_NAME...]."""
+import os, re, shutil, subprocess, sys, tempfile, unittest
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.append(f"{ROOT}/scripts")
+from receivers import write_settings
+
+PYTHON = os.path.realpath(sys.executable)
+LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
+ARGUMENTS = {"submit": 3, "drop": 4, "emit": 3, "sink_failure": 3, "flush": 1}
+SETTINGS = {"core": {"queue_size": 4, "drop_policy": "drop_debug_info_first"}, "sink\\native\\main": {"enabled": 0},
+            "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}}  # Which it may not send to.
+IDLE = "import ctypes, os, sys; ctypes.CDLL(os.environ['OXEVENT_LIBRARY']); print(flush=True); input()"
+OTHER = "print(flush=True); input()"
+# Something of everything: a condition, and a full queue behind a callback that does not return.
+BUSY = """
+import oxevent, sys, threading
+oxevent.initialize(sys.argv[1])
+for _ in range(2):
+    oxevent.submit("Fan 2", severity=2, action="raise", dedupe_key=50 * "fan-2/", utc_ns=10**18 + 1, event_id=98)
+    oxevent.flush()
+entered = threading.Event()
+oxevent.register_callback(lambda event: (entered.set(), threading.Event().wait()))
+oxevent.submit("in delivery", event_id=99), entered.wait()
+for number, severity in enumerate((0, 1, 1, 2, 3, 3, 1, 3, 2)):
+    oxevent.submit("door\\n%d é" % number, severity=severity, event_id=100 + number, action="raise")
+print(flush=True)
+for line in sys.stdin: oxevent.submit(line, event_id=200)
+"""
+STATE = f"""counters: 12 submitted, 1 emitted, 6 dropped, 1 sink failures, 0 sink warnings
+dropped: 1 filtered, 1 refused, 3 displaced, 1 suppressed
+queue: 4 of 4 pending, drop debug info first; 1 in delivery
+  id 103, warning, raise: door\\n3 é
+  id 104, error, raise: door\\n4 é
+  id 105, error, raise: door\\n5 é
+  id 107, error, raise: door\\n7 é
+conditions: 1 raised
+  {(50 * "fan-2/")[:200]}..., last sent 2001-09-09T01:46:40.000000001Z
+sinks:
+  sink\\syslog\\udp noc: 2 failures, the last: oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13
+  callbacks: no failure
+"""
+
+
+class Test(unittest.TestCase):
+    def setUp(self):
+        self.folder = self.enterContext(tempfile.TemporaryDirectory())
+        self.settings = f"{self.folder}/settings.xml"
+        write_settings(self.settings, SETTINGS)
+
+    def host(self, script, library=LIBRARY):
+        environment = os.environ | {"PYTHONPATH": f"{ROOT}/examples/python", "OXEVENT_LIBRARY": str(library)}
+        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings], env=environment, text=True,
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        for step in (host.stdin.close, host.stdout.close, host.wait, host.kill):  # From the last.
+            self.addCleanup(step)
+        self.assertEqual(host.stdout.readline(), "\n")
+        return host
+
+    def gdb(self, *arguments, commands=("oxevent",)):
+        script = ["-nx", "-batch", "-iex", "set debuginfod enabled off", "-x", f"{ROOT}/tools/oxevent-gdb.py"]
+        commands = [word for command in commands for word in ("-ex", command)]
+        ended = subprocess.run(["gdb", *arguments, *script, *commands], capture_output=True, text=True, check=False)
+        return ended.stdout + ended.stderr
+
+    def test_process_and_core(self):
+        host = self.host(BUSY)
+        expected = f"oxEvent is initialized, by {self.settings}\n" + STATE
+        self.assertIn(expected, self.gdb("-p", str(host.pid)))
+        core = f"{self.folder}/core"
+        self.gdb("-p", str(host.pid), commands=[f"generate-core-file {core}"])
+        self.assertIn(expected, self.gdb(PYTHON, core))
+
+    def test_trace_points_have_their_arguments(self):
+        notes = subprocess.run(["readelf", "-n", LIBRARY], capture_output=True, text=True, check=True).stdout
+        found = re.findall(r"Provider: oxevent\n +Name: (\w+)\n.*\n +Arguments: (.*)", notes)
+        self.assertEqual({(name, len(arguments.split())) for name, arguments in found}, set(ARGUMENTS.items()))
+        host = self.host(BUSY)
+        shown = self.gdb("-p", str(host.pid), commands=[
+            "break -probe-stap oxevent:drop", "break -probe-stap oxevent:submit",
+            f"shell echo one more > /proc/{host.pid}/fd/0",
+            "continue", r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3',
+            "continue", r'printf "%lu %lu %lu\n", $_probe_arg0, $_probe_arg1, $_probe_arg2'])
+        self.assertRegex(shown, r"(?s)\n200 1 2 refused\n.*\n0 200 1\n")
+
+    def test_says_what_is_missing(self):
+        plain = Path(self.folder, LIBRARY.name)
+        subprocess.run(["strip", "-g", "-o", plain, LIBRARY], check=True)
+        shutil.copy(LIBRARY.with_name("liboxutil.so"), self.folder)
+        for script, library, expected in (
+                (OTHER, LIBRARY, "liboxEvent.so is not loaded in this process\n"),
+                (IDLE, plain, f"{plain.resolve()} has no debug information: install that of its package"),
+                (IDLE, LIBRARY, "oxEvent is not initialized; what follows is of the last time, if any\n"
+                                "counters: none yet\nqueue: none yet\nconditions: 0 raised\nsinks: none\n")):
+            with self.subTest(expected):
+                shown = self.gdb("-p", str(self.host(script, library).pid))
+                self.assertIn(expected, shown)
+                self.assertNotIn("Traceback", shown)
+        self.assertIn("there is no process", self.gdb())
+        self.assertIn("'queue x' is none of counters, queue,", self.gdb(commands=["oxevent queue x"]))
+
+
+if __name__ == "__main__":
+    unittest.main()

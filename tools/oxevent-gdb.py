@@ -1,0 +1,243 @@
+# Shows the inside of a process that uses oxEvent, or of its core file:
+#
+#     gdb -p PID -batch -x oxevent-gdb.py -ex oxevent
+#     gdb PROGRAM CORE -batch -x oxevent-gdb.py -ex oxevent
+#
+# Goes by debug information and reads memory alone: nothing is called in the process, which may have stopped anywhere.
+import datetime
+import itertools
+import re
+
+import gdb
+
+LIBRARY = 'liboxEvent.so'
+SEVERITIES = ('debug', 'info', 'warning', 'error')
+TEXT_SHOWN = 200  # Bytes.
+SUMMARY_LINES = 5
+SLOTS_AT_ONCE = 1 << 16
+
+
+def fail(text):
+    raise gdb.GdbError('oxevent: ' + text)
+
+
+def variable(name, source):
+    """A variable of the library's source file, in its anonymous namespace."""
+    for symbol in gdb.lookup_static_symbols('(anonymous namespace)::' + name):
+        if symbol.symtab.filename.endswith('/' + source):
+            return symbol.value()
+    if not gdb.selected_inferior().pid:
+        fail('there is no process and no core file; start gdb with -p PID, or with the program and its core')
+    library = next((o.filename for o in gdb.objfiles() if LIBRARY in (o.filename or '')), None)
+    if library is None:
+        fail(f'{LIBRARY} is not loaded in this process')
+    fail(f'{library} has no debug information: install that of its package (liboxevent1-dbgsym), or build it with '
+         '-DCMAKE_BUILD_TYPE=RelWithDebInfo')
+
+
+def memory(address, size):
+    return bytes(gdb.selected_inferior().read_memory(int(address), int(size)))
+
+
+def printable(raw, size):
+    text = raw.decode('utf-8', 'replace')
+    text = ''.join(c if c.isprintable() else c.encode('unicode_escape').decode() for c in text)
+    return text + ('...' if size > len(raw) else '')
+
+
+def text_at(address, size):
+    try:
+        return printable(memory(address, min(int(size), TEXT_SHOWN)), int(size)) if size else ''
+    except gdb.MemoryError:
+        return '<unreadable>'
+
+
+def string(value):
+    return text_at(value['_M_dataplus']['_M_p'], value['_M_string_length'])
+
+
+def view(value):
+    return text_at(value['_M_str'], value['_M_len'])
+
+
+def number(atomic):
+    return int(atomic['_M_i'])
+
+
+def warn_if_locked(mutex, what):
+    data = mutex['mutex_']['_M_mutex']['__data']
+    if int(data['__lock']):
+        print(f'  (thread {int(data["__owner"])} holds the lock: {what} may be half changed)')
+
+
+def words(name):
+    """kNoMemory: no memory."""
+    return re.sub('(?<!^)(?=[A-Z])', ' ', name.rsplit('::', 1)[-1][1:]).lower()
+
+
+def last_run():
+    router = variable('g_router', 'oxEventRouter.cpp')['object_']
+    warn_if_locked(router['mutex_'], 'the run')
+    run = router['run_']['_M_ptr']
+    return run.cast(gdb.lookup_type('oxEventRouter::Run').pointer()).dereference() if run else None
+
+
+def show_state(_limit):
+    api = 'oxEventApi.cpp'
+    if number(variable('g_oxEventInitialized', api)['_M_base']):
+        path = variable('g_oxEventConfigPath', api)['object_']['_M_payload']
+        print('oxEvent is initialized, by ' + (string(path['_M_payload']['_M_value']) if path['_M_engaged'] else '-'))
+    elif variable('g_oxEventStopping', api):
+        print('oxEvent is shutting down')
+    else:
+        print('oxEvent is not initialized; what follows is of the last time, if any')
+
+
+def show_counters(_limit):
+    run = last_run()
+    if run is None:
+        print('counters: none yet')
+        return
+    queue = run['queue']
+    reasons = {words(f.name): number(run['drops']['_M_elems'][f.enumval])
+               for f in gdb.lookup_type('oxEventDrop').fields()}
+    submitted = int(queue['enqueue_count_']) + reasons['filtered'] + reasons['no memory']
+    print(f'counters: {submitted} submitted, {number(run["emitted"])} emitted, {sum(reasons.values())} dropped, '
+          f'{number(run["sink_failures"])} sink failures, {number(run["sink_warnings"])} sink warnings')
+    print('dropped: ' + (', '.join(f'{n} {reason}' for reason, n in reasons.items() if n) or 'none'))
+
+
+def items(queue, name):
+    """The pending events of a list, oldest first. It may be half changed: never more than it counts."""
+    node = queue[name]['front_'].cast(gdb.lookup_type('oxEventQueue::Item').pointer())  # Declared alone, elsewhere.
+    for _ in range(int(queue[name]['size_'])):
+        if not node:
+            return
+        item = node.dereference()
+        yield int(item['order']), item['event']['event_']
+        node = item['next']
+
+
+def show_queue(limit):
+    run = last_run()
+    if run is None:
+        print('queue: none yet')
+        return
+    queue = run['queue']
+    lists = ('debug_info_', 'warning_error_')
+    count = sum(int(queue[name]['size_']) for name in lists)
+    policy = words(str(queue['policy_']))
+    print(f'queue: {count} of {int(queue["capacity_"])} pending, {policy}; {int(queue["active_count_"])} in delivery')
+    warn_if_locked(queue['mutex_'], 'it')
+    oldest = sorted((e for name in lists for e in itertools.islice(items(queue, name), limit)), key=lambda e: e[0])
+    for _, event in oldest[:limit]:
+        severity = int(event['severity'])
+        name = SEVERITIES[severity] if severity < len(SEVERITIES) else severity
+        print(f'  id {int(event["event_id"])}, {name}, {view(event["action"]) or "-"}: {view(event["message"])}')
+    if count > limit:
+        print(f'  and {count - limit} newer')
+
+
+def utc(ns):
+    seconds, rest = divmod(ns, 10**9)
+    try:
+        return f'{datetime.datetime.utcfromtimestamp(seconds):%Y-%m-%dT%H:%M:%S}.{rest:09}Z'
+    except (ValueError, OverflowError, OSError):
+        return f'{ns} ns'
+
+
+def raised(table):
+    """Keys and times, a block of slots at a time: there may be a million."""
+    slot = table['slots_'].dereference().type
+    at = {f.name: f.bitpos // 8 for f in slot.fields() if hasattr(f, 'bitpos')}
+    start_size = slot['start'].type.sizeof
+    texts = slot['texts'].type.target()
+    head, rest_at = texts.sizeof, texts['key_rest_size'].bitpos // 8
+
+    def word(raw, offset):
+        return int.from_bytes(raw[offset:offset + 8], 'little')
+
+    count, first = int(table['slot_count_']), int(table['slots_'])
+    for begin in range(0, count, SLOTS_AT_ONCE):
+        block = memory(first + begin * slot.sizeof, min(SLOTS_AT_ONCE, count - begin) * slot.sizeof)
+        for i in range(0, len(block), slot.sizeof):
+            one = block[i:i + slot.sizeof]
+            texts_at = word(one, at['texts'])
+            if not texts_at:
+                continue
+            size = one[at['start_size']]
+            key = one[at['start']:at['start'] + min(size, start_size)]
+            if size > start_size:
+                try:
+                    size = start_size + word(memory(texts_at + rest_at, 8), 0)
+                    key += memory(texts_at + head, min(size, TEXT_SHOWN) - start_size)
+                except gdb.MemoryError:
+                    key += b'<unreadable>'
+            yield printable(key, size), word(one, at['last_sent_ns'])
+
+
+def show_conditions(limit):
+    run = last_run()
+    table = run['state']['active_'] if run is not None else None
+    count = int(table['count_']) if run is not None else 0
+    print(f'conditions: {count} raised')
+    if not count:
+        return
+    warn_if_locked(run['state']['mutex_'], 'their table')
+    for key, sent in itertools.islice(raised(table), limit):
+        print(f'  {key}, last sent {utc(sent)}')
+    if count > limit:
+        print(f'  and {count - limit} more')
+
+
+def show_sinks(_limit):
+    sinks = variable('g_sinks', 'oxEventSinkSet.cpp')['object_']
+    active = sinks['active']['_M_ptr']
+    print('sinks:' if active else 'sinks: none')
+    warn_if_locked(sinks['mutex'], 'the list')
+    if not active:
+        return
+    vector = active.dereference()
+    # A vector of unique_ptr, each of which is one pointer.
+    one = vector.type.unqualified().strip_typedefs().template_argument(0).template_argument(0)
+    ends = vector['_M_impl']
+    pointers = ends['_M_start'].cast(one.pointer().pointer())
+    for i in range(int(ends['_M_finish'] - ends['_M_start'])):
+        sink = pointers[i].dereference()
+        name = ' '.join(filter(None, (sink['section_'].string(), string(sink['name_']))))
+        failures = int(sink['failures_'])
+        result = f'{failures} failures, the last: {string(sink["last_error_"])}' if failures else 'no failure'
+        print(f'  {name}: {result}')
+        warn_if_locked(sink['mutex_'], 'this')
+
+
+PARTS = {'counters': show_counters, 'queue': show_queue, 'conditions': show_conditions, 'sinks': show_sinks}
+
+
+class Show(gdb.Command):
+    """Show the inside of oxEvent: oxevent [counters|queue [N]|conditions [N]|sinks]
+
+Without an argument: all of it, in short. N: how many to list; 5 where it is not given."""
+
+    def __init__(self):
+        super().__init__('oxevent', gdb.COMMAND_DATA)
+
+    def complete(self, _text, word):
+        return [part for part in PARTS if part.startswith(word or '')]
+
+    def invoke(self, argument, _from_tty):
+        part, limit = (argument.split() + [None, None])[:2]
+        if part not in (None, *PARTS) or (limit and not limit.isdigit()) or len(argument.split()) > 2:
+            fail(f"'{argument}' is none of " + ', '.join(PARTS) + ', nor one of them and a number')
+        for show in [PARTS[part]] if part else [show_state, *PARTS.values()]:
+            try:
+                show(int(limit or SUMMARY_LINES))
+            except gdb.GdbError:
+                raise
+            except gdb.MemoryError as error:
+                print(f'  the rest is not readable: {error}')
+            except Exception as error:
+                fail(f'the library is of another version than this script: {error}')
+
+
+Show()
