@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -15,6 +16,7 @@
 #include "send/json.h"
 #include "send/options.h"
 #include "send/report.h"
+#include "sinks/oxEventSinkSet.h"
 
 namespace {
 
@@ -100,8 +102,11 @@ class Sending {
   bool MakeReady() {
     progress_.Update();
     if (options_.rate != 0) {
-      const std::chrono::duration<double> time(static_cast<double>(timed_++) / options_.rate);
-      SleepUntil(start_ + std::chrono::duration_cast<Clock::duration>(time));
+      SleepUntil(next_);
+      // Behind time, as after a pause of the input, it makes good for no more than a second.
+      const std::chrono::duration<double> interval(1 / options_.rate);
+      next_ = std::max(next_ + std::chrono::duration_cast<Clock::duration>(interval),
+                       Clock::now() - std::chrono::seconds(1));
     } else if (queued_ == queue_size_) {
       Drain();
     }
@@ -136,6 +141,7 @@ class Sending {
       done = counters.emitted + counters.dropped;
       if (options_.wait_s != 0 && Clock::now() - since >= std::chrono::seconds(options_.wait_s)) {
         outcome_->gave_up = true;
+        outcome_->flushed = oxEventSinkFlush(kSliceMs) == OXEVENT_OK;
         break;
       }
     }
@@ -144,10 +150,9 @@ class Sending {
 
   const Options& options_;
   const uint32_t queue_size_;
-  const Clock::time_point start_ = Clock::now();
+  Clock::time_point next_ = Clock::now();  // Of events that have a time.
   Progress progress_;
   Outcome* outcome_ = nullptr;
-  uint64_t timed_ = 0;   // Events that had a time.
   uint32_t queued_ = 0;  // Since the queue was known to be empty.
 };
 
@@ -163,7 +168,7 @@ int Send(const Options& options) {
   if (oxEventRegisterCallback(Count, &outcome, &callback) != OXEVENT_OK ||
       oxEventInitialize(options.settings) != OXEVENT_OK) {
     Complain(LastError());
-    if (!std::filesystem::exists(options.settings)) {
+    if (std::error_code ignored; !std::filesystem::exists(options.settings, ignored)) {
       Complain("there is no such file; an empty one will do: : > '" + std::string(options.settings) + "'");
     }
     return kUsage;
