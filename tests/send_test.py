@@ -94,7 +94,7 @@ class Test(unittest.TestCase):
             self.assertRegex(error, r"dropped: [34], the queue was full (?s:.*)given up: [12] still waiting")
         closed = hook(receivers.free_port(socket.SOCK_STREAM))
         out, error, rows = self.send(1, "m --count 2 --action raise --quiet".split(), (), closed)
-        self.assertRegex(error, r"dropped: 1, suppressed (?s:.*)sink\\webhook\\http\\w: 1 of 1 failed: .*POST failed")
+        self.assertRegex(error, r"dropped: 1, suppressed (?s:.*)sink\\webhook\\http\\w: 1 of 1 failed: .*POST failed.*\n +Try curl")
         self.assertEqual((out, len(rows)), ("", 1))
         error = self.send(1, ["m"], (), {"sink\\csv\\default": {"enabled": 1, "path": self.folder.name + "/x.csv", "minimum_severity": "error"}})[1]
         self.assertIn("went nowhere: 1", error)

@@ -7,41 +7,41 @@
 
 namespace {
 
-constexpr char kUsageText[] =
-    "Usage: oxevent-send [OPTION]... SETTINGS MESSAGE\n"
-    "       oxevent-send [OPTION]... SETTINGS --json\n"
-    "Reports an event through the sinks that the settings file SETTINGS enables, waits for its delivery and tells "
-    "what\n"
-    "became of it. The file has to exist and may be empty: as always, the library completes it with the settings that\n"
-    "it lacks.\n";
+constexpr char kUsageText[] = R"(Usage: oxevent-send [OPTION]... SETTINGS MESSAGE
+       oxevent-send [OPTION]... SETTINGS --json
+Reports an event through the sinks that the settings file SETTINGS enables, waits for its delivery
+and tells what became of it. The file has to exist and may be empty: as always, the library completes
+it with the settings that it lacks.
+)";
 
-constexpr char kNotes[] =
-    "\n"
-    "With --json, or - in the place of MESSAGE, each line of standard input is an event: a JSON object whose members\n"
-    "are named as the fields of oxEventRecord, as in the documents that the webhook sink sends:\n"
-    "  {\"message\": \"Fan 2 stands still\", \"severity\": \"warning\", \"source_id\": \"fan-2\", \"value\": 0}\n"
-    "severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a text, an object or an array.\n"
-    "null counts as not given. The options above, and MESSAGE, hold for every line that does not say otherwise. Empty\n"
-    "lines are passed over. A line that is refused is named with its number and column; the others go out.\n"
-    "\n"
-    "Without --rate events are reported as fast as they are delivered, and none is lost to a full queue. With it they\n"
-    "keep their time, and a full queue drops by its drop_policy. Which conditions are raised is known to one run "
-    "alone:\n"
-    "each begins with none, so that a raise goes out, a second one in the same run is suppressed as a duplicate, and "
-    "a\n"
-    "clear is suppressed unless its raise was in the same run or state\\route_orphan_clear is on.\n"
-    "\n"
-    "What was sent by UDP or handed to the system log need not have arrived: neither tells. The Alertmanager sink "
-    "sends\n"
-    "nothing itself.\n"
-    "\n"
-    "SIGHUP, SIGINT and SIGTERM end the reporting; what is queued is delivered, and the process ends by the signal. A\n"
-    "second one ends it at once.\n"
-    "\n"
-    "Exit status:\n"
-    "  0  every event went out, and every sink that it concerned took it\n"
-    "  1  an event was refused, dropped or suppressed, concerned no sink, or a sink failed; stderr says what\n"
-    "  2  the command line cannot be followed, or the library did not start\n";
+constexpr char kNotes[] = R"(
+With --json, or - in the place of MESSAGE, each line of standard input is an event: a JSON object whose
+members are named as the fields of oxEventRecord, as in the documents that the webhook sink sends:
+  {"message": "Fan 2 stands still", "severity": "warning", "source_id": "fan-2", "value": 0}
+severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a text, an object or
+an array. null counts as not given. The options above, and MESSAGE, hold for every line that does not
+say otherwise. Empty lines are passed over. A line that is refused is named with its number and column;
+the others go out.
+
+Without --rate events are reported as fast as they are delivered, and none is lost to a full queue.
+With it they keep their time, and a full queue drops by its drop_policy.
+
+Which conditions are raised is known to one run alone, and each begins with none: a raise goes out, a
+second one in the same run is suppressed as a duplicate, and a clear is suppressed unless its raise was
+in the same run or state\route_orphan_clear is on.
+
+What was sent by UDP or handed to the system log need not have arrived: neither tells. The Alertmanager
+sink sends nothing itself. A CSV file whose writes hang, as a pipe that nobody reads, holds the tool up
+whatever --wait says.
+
+SIGHUP, SIGINT and SIGTERM end the reporting; what is queued is delivered, and the process ends by the
+signal. A second one ends it at once.
+
+Exit status:
+  0  every event went out, and every sink that it concerned took it
+  1  an event was refused, dropped or suppressed, concerned no sink, or a sink failed; stderr says what
+  2  the command line cannot be followed, or the library did not start
+)";
 
 }  // namespace
 

@@ -8,6 +8,7 @@
 #include "base/oxEventSeverity.h"
 #include "common/command_line.h"
 #include "core/oxEventRouter.h"
+#include "send/remedy.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {
@@ -31,7 +32,7 @@ class Reporter {
     if (counters.sink_failures > sink_failures) {
       Bad("not evaluated for want of memory: " + std::to_string(counters.sink_failures - sink_failures));
     }
-    if (!outcome_.flushed && all_well_) Bad("flush: " + oxEventSinkGetLastError());
+    if (!outcome_.flushed && all_well_) Bad("flush: " + WithRemedy(oxEventSinkGetLastError()));
     return all_well_;
   }
 
@@ -107,7 +108,7 @@ class Reporter {
     if (status.failures != 0) {
       // A CSV file's rows fail together, at a flush, and each flush after it fails again.
       const std::string share = std::to_string(status.failures) + " of " + std::to_string(concerned) + " failed";
-      return Bad(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " + status.last_error);
+      return Bad(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " + WithRemedy(status.last_error));
     }
     if (concerned == 0 && EmittedFrom(0) != 0) {
       return Good(name + "0, all are below its minimum_severity (" +

@@ -15,6 +15,7 @@
 #include "send/input.h"
 #include "send/json.h"
 #include "send/options.h"
+#include "send/remedy.h"
 #include "send/report.h"
 #include "sinks/oxEventSinkSet.h"
 
@@ -115,7 +116,7 @@ class Sending {
 
   void Submit(const oxEventRecord& record) {
     ++queued_;
-    if (oxEventSubmit(&record) != OXEVENT_OK) Refuse("event not reported: " + LastError());
+    if (oxEventSubmit(&record) != OXEVENT_OK) Refuse("event not reported: " + WithRemedy(LastError()));
   }
 
   void Refuse(const std::string& text) {
@@ -167,14 +168,16 @@ int Send(const Options& options) {
   std::string error;
   if (oxEventRegisterCallback(Count, &outcome, &callback) != OXEVENT_OK ||
       oxEventInitialize(options.settings) != OXEVENT_OK) {
-    Complain(LastError());
-    if (std::error_code ignored; !std::filesystem::exists(options.settings, ignored)) {
-      Complain("there is no such file; an empty one will do: : > '" + std::string(options.settings) + "'");
+    const std::string text = LastError();
+    if (std::error_code ignored; std::filesystem::exists(options.settings, ignored)) {
+      Complain(WithRemedy(text));
+    } else {
+      Complain(text + "\n    There is no such file; an empty one will do: : > '" + options.settings + "'");
     }
     return kUsage;
   }
   if (oxEventConfigLoad(options.settings, &config, &error) != OXEVENT_OK) {
-    Complain(error);
+    Complain(WithRemedy(error));
     return kUsage;
   }
   Sending(options, config).Run(&outcome);
@@ -186,7 +189,7 @@ int Send(const Options& options) {
     _exit(kFailed);  // A shutdown would wait for the sink that does not come back.
   }
   if (oxEventShutdown() != OXEVENT_OK && all_well) {
-    Complain(LastError());
+    Complain(WithRemedy(LastError()));
     all_well = false;
   }
   if (stopped_by != 0) {
