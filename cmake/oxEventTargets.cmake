@@ -44,10 +44,13 @@ function(oxevent_compile target public_include)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:oxevent_options>)
 endfunction()
 
+# A program's path to its libraries is absolute in the build folder otherwise, and part of its build id.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
 # A shared library exports what cmake/<target>.map lists and nothing else.
 function(oxevent_export target)
   set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
   set_target_properties(${target} PROPERTIES
-    LINKER_LANGUAGE CXX LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
+    LINKER_LANGUAGE CXX LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN")
   target_link_options(${target} PRIVATE -Wl,--version-script=${map})
 endfunction()
