@@ -22,6 +22,8 @@ CASES = [
     ("core>;enabled=maybe;minimum_severity=4;<;state>;send_clear=on ", "bad-value:3 bad-value:4 bad-value:7", 2),
     ("core>;enabled=maybe;queue_size=0;drop_policy=newset", "bad-value:3 bad-value:4 bad-value:5", 2),
     ("core=1", "value-for-key:2", 1),
+    ("csv>;default>;path=x", "misplaced:2", 1),
+    ("sink>;cvs>", "unknown-key:3", 1),
     ("core>;enabled>", "key-for-value:3", 1),
     ('core>;<vlaue name="enabled">1</vlaue>;<value nam="enabled">1</value>;<value name="a\\b">1</value>',
      "unknown-element:3 no-name:4 bad-name:5", 1),
@@ -31,12 +33,15 @@ CASES = [
     (CSV + ON + "path=", "sink-refused:6", 2),
     (CSV + "path=log.csv", "filled-in-but-off:4 filled-in-but-off:5", 1),
     (CSV + ON + "path=a;<;d>;" + ON + "path=./a", "same-destination:6 same-destination:10", 1),
+    (CSV + ON + "path=f.xml", "own-file:6", 1),
+    (CSV + ON + "path= a", "blanks:6", 1),
     (CSV + ON + "path=" + 2048 * "x", "cut:6", 1),
     ("sink>;native>;n>;enabled=0", "no-sink:5", 1),
     ("sink>;native>;n>;category=mine;facility=local8", "no-effect:5 unknown-word:6", 1),
     (SYSLOG + ON + "port=65536;app_name=" + 49 * "a", "sink-refused:7 cut:8", 2),
     (SYSLOG + ON + "host=10.0.0.256", "bad-host:7", 1),
     (SNMP + ON + "version=3;port=70000", "sink-refused:7 sink-refused:8", 2),
+    (SNMP + ON + "host=;community=", "empty:7 empty:8", 1),
     (SNMP + ON + "trap_oid=1.3.x;enterprise_oid=.1.3", "bad-oid:7 bad-oid:8", 1),
     (WEBHOOK + ON, "sink-refused:5", 2),
     (WEBHOOK + "payload_mode=xml;endpoint_url=ftp://h;" + ON, "sink-refused:6 sink-refused:7", 2),
@@ -111,6 +116,16 @@ class Test(unittest.TestCase):
             done = self.run_tool(path)
             self.assertEqual((done.returncode, done.stdout.decode().splitlines()[0]),
                              (2, f"{path}:1:1: error: Unable to open oxEvent config: {path}"))
+
+    def test_above_its_own_keys_only_what_was_meant_for_it(self):
+        core = '<key name="core"><value name="queue_size">9</value></key>'
+        for text, line in ((f'<key name="QV">\n<key name="Events">{core}</key></key>', 1),
+                           (f'<key name="Events">{core}</key>', 1), (f'<key name="QVX">\n<key name="Alarms">{core}</key></key>', 2),
+                           ('<key name="QVX"/>\n<key name="QVX"/>', 2), ('<value name="QVX">1</value>', 1),
+                           ('<key name="Host"><key name="Events"/>text</key><key name="core"><value name="speed">1</value></key>', 0)):
+            self.write(f"<config>{text}</config>")
+            found = json.loads(self.run_tool("--json", "f.xml").stdout)
+            self.assertEqual([f["line"] for f in found], [line] if line else [])
 
     def test_completes_as_the_library_does(self):
         for text in (document(CASES[3][0]), document(CASES[-1][0]), DEFAULTS, b""):

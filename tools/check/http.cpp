@@ -155,19 +155,19 @@ class Rules {
 
   void CheckAuthorizations() {
     const oxEventSinkConfig& sink = *group_->sink;
-    std::vector<std::string> from;
-    const char* const headers = sink.type == Type::kCloudEventsHttp ? "auth_header" : "headers";
-    for (const std::string& line : LinesOf(sink.headers)) {
-      if (HeaderName(line) == "authorization") from.emplace_back(headers);
-    }
-    if (!sink.bearer_token.empty()) from.emplace_back("bearer_token");
+    const std::vector<std::string> lines = LinesOf(sink.headers);
+    const auto own = std::count_if(lines.begin(), lines.end(),
+                                   [](const std::string& line) { return HeaderName(line) == "authorization"; });
     const bool basic = !sink.basic_username.empty() || !sink.basic_password.empty();
-    if (basic) from.emplace_back(sink.basic_username.empty() ? "basic_password" : "basic_username");
-    if (from.size() > 1) {
-      for (const std::string& name : from) {
-        Add(name == from.back() ? Grade::kWarning : Grade::kNote, "two-authorizations", name,
-            "each request carries " + std::to_string(from.size()) + " Authorization lines", "Keep one.");
-      }
+    const auto all = own + (sink.bearer_token.empty() ? 0 : 1) + (basic ? 1 : 0);
+    std::vector<const char*> from;
+    if (own > 0) from.push_back(sink.type == Type::kCloudEventsHttp ? "auth_header" : "headers");
+    if (!sink.bearer_token.empty()) from.push_back("bearer_token");
+    if (basic) from.push_back(sink.basic_username.empty() ? "basic_password" : "basic_username");
+    for (const char* const name : from) {
+      if (all < 2) break;
+      Add(name == from.back() ? Grade::kWarning : Grade::kNote, "two-authorizations", name,
+          "each request carries " + std::to_string(all) + " Authorization lines", "Keep one.");
     }
     if (basic && sink.basic_username.empty()) {
       Warn("no-username", "basic_password", "a password without basic_username", "Set basic_username.");

@@ -25,12 +25,13 @@ const char* WhyUnreadable(const std::string& path) {
   return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "it cannot be read";
 }
 
-// A word as it is compared with others.
+// The letters of a word.
 std::string Folded(std::string_view word) {
   std::string folded;
   for (const char c : word) {
     if (kBlanks.find(c) == kBlanks.npos && c != '-' && c != '_') folded.push_back(oxEventAsciiLower(c));
   }
+  std::sort(folded.begin(), folded.end());  // Letters that have changed places are the commonest slip.
   return folded;
 }
 
@@ -58,8 +59,14 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
   oxEventConfigLoad(path.c_str(), &config, &refusal);
   const bool open = store.Open(path.c_str());
   if (completed.empty()) completed = store.Bytes();
+  lines = {0};
+  for (size_t i = 0; i < store.Bytes().size(); ++i) {
+    if (store.Bytes()[i] == '\n') lines.push_back(i + 1);
+  }
   std::string error;
-  oxEventConfigInspect(path.c_str(), &config, &bad_values, &error);
+  std::vector<oxEventBadValue> bad;
+  oxEventConfigInspect(path.c_str(), &config, &bad, &error);
+  for (const oxEventBadValue& value : bad) bad_values.emplace(value.key + "\\" + value.name, value.text);
   if (open && error.empty()) return true;
   const oxCFGRefusal& why = store.Refusal();
   const char* const reason = why.reason == nullptr ? WhyUnreadable(path) : why.reason;
@@ -69,9 +76,8 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
 }
 
 Position SettingsFile::PositionAt(size_t offset) const {
-  const std::string_view before = std::string_view(store.Bytes()).substr(0, offset);
-  const size_t line_start = before.rfind('\n') + 1;  // 0 where there is none.
-  return {static_cast<size_t>(std::count(before.begin(), before.end(), '\n')) + 1, offset - line_start + 1};
+  const auto next = std::upper_bound(lines.begin(), lines.end(), offset);
+  return {static_cast<size_t>(next - lines.begin()), offset - *(next - 1) + 1};
 }
 
 std::string Suggestion(std::string_view word, const std::vector<std::string>& names) {
@@ -88,6 +94,8 @@ bool HasBlankEnds(std::string_view text) {
 
 std::string Quoted(std::string_view text) {
   constexpr size_t kLongest = 60;
-  const bool cut = text.size() > kLongest;
-  return "'" + std::string(text.substr(0, kLongest)) + (cut ? "..." : "") + "'";
+  if (text.size() <= kLongest) return "'" + std::string(text) + "'";
+  size_t size = kLongest;
+  while (size > 0 && (text[size] & 0xC0) == 0x80) --size;  // Not within a character.
+  return "'" + std::string(text.substr(0, size)) + "...'";
 }

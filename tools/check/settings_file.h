@@ -1,6 +1,7 @@
 // A settings file as the library reads it, with the places where everything stands. Nothing is written anywhere.
 #pragma once
 
+#include <map>
 #include <pugixml.hpp>
 #include <string>
 #include <string_view>
@@ -34,11 +35,12 @@ struct Group {
 struct SettingsFile {
   std::string path;
   oxCFGStore store;
-  std::string refusal;   // The loader's error text; empty: it takes the file.
-  oxEventConfig config;  // With defaults for the bad values.
-  std::vector<oxEventBadValue> bad_values;
-  std::string completed;      // The bytes that a load leaves.
-  std::vector<Group> groups;  // In reading order.
+  std::string refusal;                            // The loader's error text; empty: it takes the file.
+  oxEventConfig config;                           // With defaults for the bad values.
+  std::map<std::string, std::string> bad_values;  // The loader's error text by path.
+  std::string completed;                          // The bytes that a load leaves.
+  std::vector<Group> groups;                      // In reading order.
+  std::vector<size_t> lines;                      // Where each begins.
 
   explicit SettingsFile(const std::string& its_path) : path(its_path) {}
 
@@ -57,7 +59,8 @@ void CheckSinks(SettingsFile* file, std::vector<Finding>* findings);
 void CheckHttp(const SettingsFile& file, std::vector<Finding>* findings);
 void CheckTogether(const SettingsFile& file, std::vector<Finding>* findings);
 
-// "; did you mean NAME?", with case, blanks and dashes overlooked; empty where no name comes close.
+// "; did you mean NAME?", with case, blanks, dashes and the order of letters overlooked; empty where no name comes
+// close.
 std::string Suggestion(std::string_view word, const std::vector<std::string>& names);
 
 constexpr std::string_view kBlanks = " \t\r\n\v\f";

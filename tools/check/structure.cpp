@@ -1,93 +1,13 @@
 // What has no place in the file: keys, values and elements that the loader passes over.
 #include <algorithm>
-#include <array>
-#include <memory>
+#include <map>
 #include <set>
 #include <utility>
 
+#include "check/places.h"
 #include "check/settings_file.h"
 
 namespace {
-
-// A key that the library knows, and those below it. The instances of a sink are not among them.
-struct Place {
-  std::string name;
-  std::vector<Place> below = {};
-  const oxEventSection* section = nullptr;  // Whose settings or instances it holds.
-
-  bool HasInstances() const { return section != nullptr && section->default_instance != nullptr; }
-  bool HasSettings() const { return section != nullptr && section->default_instance == nullptr; }
-  const Place* Find(std::string_view its_name) const {
-    const auto place = std::find_if(below.begin(), below.end(), [&](const Place& p) { return p.name == its_name; });
-    return place == below.end() ? nullptr : &*place;
-  }
-};
-
-void Add(std::string_view path, const oxEventSection* section, Place* place) {
-  while (!path.empty()) {
-    const std::string name(path.substr(0, path.find('\\')));
-    path.remove_prefix(std::min(name.size() + 1, path.size()));
-    if (place->Find(name) == nullptr) place->below.push_back({name});
-    place = const_cast<Place*>(place->Find(name));
-  }
-  place->section = section;
-}
-
-Place AllPlaces() {
-  Place root;
-  for (const oxEventSection& section : g_oxEventSections) {
-    Add(std::string(kOxEventSettingsRoot) + "\\" + section.key, &section, &root);
-  }
-  return root;
-}
-
-std::vector<std::string> NamesOf(const std::vector<Place>& places) {
-  std::vector<std::string> names;
-  for (const Place& place : places) names.push_back(place.name);
-  return names;
-}
-
-const oxEventSetting* FindSetting(const oxEventSection& section, std::string_view name) {
-  for (const oxEventSetting& setting : section.settings) {
-    if (setting.name == name) return &setting;
-  }
-  return nullptr;
-}
-
-std::vector<std::string> NamesOf(const oxEventSection& section) {
-  std::vector<std::string> names;
-  for (const oxEventSetting& setting : section.settings) names.emplace_back(setting.name);
-  return names;
-}
-
-std::string NameOf(pugi::xml_node node) { return node.attribute("name").value(); }
-bool IsKey(pugi::xml_node node) { return std::string_view(node.name()) == "key"; }
-bool IsValue(pugi::xml_node node) { return std::string_view(node.name()) == "value"; }
-
-// How many of the section's own settings the key holds.
-size_t Matches(const oxEventSection& section, pugi::xml_node key) {
-  size_t matches = 0;
-  for (const pugi::xml_node child : key.children("value")) {
-    const std::string name = NameOf(child);
-    if (name != "enabled" && name != "minimum_severity" && FindSetting(section, name) != nullptr) ++matches;
-  }
-  return matches;
-}
-
-// The section whose settings the key holds; null: of none.
-const oxEventSection* Resembled(pugi::xml_node key) {
-  const oxEventSection* best = nullptr;
-  size_t most = 0;
-  for (const oxEventSection& section : g_oxEventSections) {
-    const size_t matches = Matches(section, key);
-    if (matches <= most) continue;
-    most = matches;
-    best = &section;
-  }
-  return best;
-}
-
-std::string KeyOf(const oxEventSection& section) { return std::string(kOxEventSettingsRoot) + "\\" + section.key; }
 
 class Walk {
  public:
@@ -106,10 +26,6 @@ class Walk {
 
   // Above the library's own keys other parts of the host may keep theirs.
   static bool IsOurs(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
-
-  static std::string Join(const std::string& path, const std::string& name) {
-    return path.empty() ? name : path + "\\" + name;
-  }
 
   // Calls `take` with the keys and values of a key that count. Tells of what is passed over: only of what resembles
   // `expected`, where it is not the library's own.
@@ -177,12 +93,12 @@ class Walk {
 
   void EnterPlace(const Place& place, pugi::xml_node key, const std::string& path) {
     if (place.HasInstances()) return EnterInstances(*place.section, key, path);
-    if (place.HasSettings()) return EnterSettings(*place.section, key, path, "");
+    if (place.HasSettings()) return EnterSettings(*place.section, key, path);
     const std::vector<std::string> expected = NamesOf(place.below);
     ForEach(key, path, expected, [&](pugi::xml_node child, const std::string& name) {
       const Place* const known = place.Find(name);
       if (known != nullptr && IsKey(child)) {
-        positions_.emplace_back(Join(path, name), file_.PositionOf(child));
+        positions_.emplace(Join(path, name), file_.PositionOf(child));
         EnterPlace(*known, child, Join(path, name));
       } else if (known != nullptr) {
         Warn("value-for-key", child, Join(path, name), "is a value, where the library looks for a key",
@@ -195,21 +111,24 @@ class Walk {
 
   // A key or a value in a place that holds only certain keys.
   void CheckUnknown(const Place& place, pugi::xml_node child, const std::string& path, const std::string& name) {
-    const std::string meant = Suggestion(name, NamesOf(place.below));
+    std::string meant = Suggestion(name, NamesOf(place.below));
+    for (const Place& known : place.below) {
+      if (meant.empty() && IsKey(child) && !IsOurs(path) && Fits(known, child))
+        meant = "; did you mean " + known.name + "?";
+    }
     const oxEventSection* const resembled = IsKey(child) ? Resembled(child) : nullptr;
     const std::string whole = Join(path, name);
-    const bool too_high = !IsOurs(path) && (name == "Events" || name == "core" || name == "state" || name == "sink");
+    const Place* const fitting = IsKey(child) ? FindFitting(place, child) : nullptr;
     if (IsOurs(path) && meant.empty() && resembled != nullptr) {
       const std::string instance = resembled->default_instance == nullptr ? "" : "\\" + name;
       Warn("misplaced", child, whole,
            "the library passes it over: its settings belong in " + KeyOf(*resembled) + instance, "Move it there.");
+    } else if (fitting != nullptr) {
+      Warn("misplaced", child, whole, "the library passes it over: it belongs in " + fitting->above, "Move it there.");
     } else if (IsOurs(path) || !meant.empty()) {
       Warn(IsKey(child) ? "unknown-key" : "unknown-value", child, whole,
            std::string("the library knows no such ") + (IsKey(child) ? "key" : "value") + " here" + meant,
            "Below " + (path.empty() ? "the root" : path) + " it reads: " + Listed(NamesOf(place.below)) + ".");
-    } else if (too_high) {
-      const std::string right = std::string(kOxEventSettingsRoot) + (name == "Events" ? "" : "\\" + name);
-      Warn("misplaced", child, whole, "the library passes it over: it looks for " + right, "Move it there.");
     }
   }
 
@@ -224,7 +143,7 @@ class Walk {
     ForEach(key, path, NamesOf(section), [&](pugi::xml_node child, const std::string& name) {
       if (IsKey(child)) {
         CheckInstance(section, child, path, name);
-        EnterSettings(section, child, Join(path, name), name);
+        EnterSettings(section, child, Join(path, name));
         return;
       }
       Warn("misplaced", child, Join(path, name), "a value beside the instances: the library passes it over",
@@ -246,8 +165,7 @@ class Walk {
     }
   }
 
-  void EnterSettings(const oxEventSection& section, pugi::xml_node key, const std::string& path,
-                     const std::string& /*instance*/) {
+  void EnterSettings(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
     Group group = {&section, path, file_.PositionOf(key), {}};
     ForEach(key, path, NamesOf(section), [&](pugi::xml_node child, const std::string& name) {
       const oxEventSetting* const setting = FindSetting(section, name);
@@ -269,11 +187,11 @@ class Walk {
         group.values.push_back({setting, file_.store.Get(path, name).value_or(""), file_.PositionOf(child)});
       }
     });
-    file_.groups.push_back(std::move(group));
+    found_.emplace(path, std::move(group));
   }
 
   static std::string Elsewhere(const oxEventSection& here, const std::string& name) {
-    const std::string meant = Suggestion(name, NamesOf(here));
+    std::string meant = Suggestion(name, NamesOf(here));
     if (!meant.empty()) return meant;
     for (const oxEventSection& section : g_oxEventSections) {
       if (FindSetting(section, name) != nullptr) return "; " + KeyOf(section) + " has one of that name";
@@ -305,22 +223,18 @@ class Walk {
         AddGroup(section, KeyOf(section) + "\\" + sink.name, &sink);
       }
     }
-    std::swap(file_.groups, ordered_);
   }
 
   void AddGroup(const oxEventSection& section, const std::string& key, const oxEventSinkConfig* sink) {
-    const auto same = [&](const Group& group) { return group.key == key; };
-    const auto found = std::find_if(file_.groups.begin(), file_.groups.end(), same);
-    Group group = found == file_.groups.end() ? Group{&section, key, NearestTo(key), {}} : *found;
+    const auto found = found_.find(key);
+    Group group = found == found_.end() ? Group{&section, key, NearestTo(key), {}} : std::move(found->second);
     group.sink = sink;
-    ordered_.push_back(std::move(group));
+    file_.groups.push_back(std::move(group));
   }
 
   Position NearestTo(std::string key) const {
     while (!key.empty()) {
-      for (const auto& [path, position] : positions_) {
-        if (path == key) return position;
-      }
+      if (const auto known = positions_.find(key); known != positions_.end()) return known->second;
       const size_t separator = key.rfind('\\');
       key.resize(separator == key.npos ? 0 : separator);
     }
@@ -329,8 +243,8 @@ class Walk {
 
   SettingsFile& file_;
   std::vector<Finding>& findings_;
-  std::vector<std::pair<std::string, Position>> positions_;  // Of the keys above the groups.
-  std::vector<Group> ordered_;
+  std::map<std::string, Position> positions_;  // Of the keys above the groups.
+  std::map<std::string, Group> found_;         // By key.
 };
 
 }  // namespace

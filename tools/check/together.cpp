@@ -148,8 +148,7 @@ class Rules {
   }
 
   bool IsGood(const Group& group, std::string_view name) const {
-    return std::none_of(file_.bad_values.begin(), file_.bad_values.end(),
-                        [&](const oxEventBadValue& bad) { return bad.key == group.key && bad.name == name; });
+    return file_.bad_values.count(group.PathOf(name)) == 0;
   }
 
   void CheckSeverities() {
@@ -169,9 +168,14 @@ class Rules {
 
   void CheckDestinations() {
     std::map<std::string, const Group*> known;
+    const std::string own = "file " + WholePath(file_.path);
     ForEachEnabled([&](const Group& group, const Sink& sink) {
       const Destination destination = DestinationOf(sink);
       if (destination.place.empty()) return;
+      if (destination.place == own) {
+        Add(Grade::kWarning, "own-file", group, destination.setting,
+            "is the settings file itself, which the rows would spoil", "Choose another file.");
+      }
       const auto [first, is_new] = known.emplace(destination.place, &group);
       if (is_new) return;
       const bool file = sink.type == Type::kCsv;

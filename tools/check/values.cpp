@@ -1,9 +1,10 @@
 // The rules for one value alone, by the form of its setting.
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <optional>
+#include <system_error>
+#include <utility>
 
 #include "base/oxEventAscii.h"
 #include "check/settings_file.h"
@@ -67,7 +68,11 @@ class Rules {
     if (HasBlankEnds(text) && setting.form != Form::kHeaderLines) {
       return Warn("blanks", "has blanks at its ends, which count", "Remove them; nothing is trimmed.");
     }
-    if (!text.empty()) CheckSyntax();
+    if (!text.empty()) return CheckSyntax();
+    if (setting.form == Form::kHost || setting.form == Form::kOid ||
+        (setting.form == Form::kSecret && !Default().empty())) {
+      Warn("empty", "is empty: " + Default() + " counts", "Set it, or remove the value.");
+    }
   }
 
  private:
@@ -80,20 +85,18 @@ class Rules {
 
   // What the loader refuses.
   bool CheckBad() {
-    for (const oxEventBadValue& bad : file_.bad_values) {
-      const oxEventSetting& setting = *value_->setting;
-      if (bad.key != group_->key || bad.name != std::string_view(setting.name)) continue;
-      const oxEventWords words = setting.form == Form::kSwitch     ? g_oxEventSwitchWords
-                                 : setting.form == Form::kSeverity ? g_oxEventSeverityWords
-                                                                   : setting.words;
-      const std::string remedy = words.empty() ? "A number above 0 is needed; the default is " + Default() + "."
-                                 : HasBlankEnds(value_->text) ? "Remove the blanks at its ends, which count."
-                                                              : "Accepted, in any case: " + Listed(words) +
-                                                                    Suggestion(value_->text, TextsOf(words));
-      findings_.push_back({Grade::kError, "bad-value", value_->where, group_->PathOf(setting.name), bad.text, remedy});
-      return true;
-    }
-    return false;
+    const oxEventSetting& setting = *value_->setting;
+    const auto bad = file_.bad_values.find(group_->PathOf(setting.name));
+    if (bad == file_.bad_values.end()) return false;
+    const oxEventWords words = setting.form == Form::kSwitch     ? g_oxEventSwitchWords
+                               : setting.form == Form::kSeverity ? g_oxEventSeverityWords
+                                                                 : setting.words;
+    const std::string remedy = words.empty() ? "A number above 0 is needed; the default is " + Default() + "."
+                               : HasBlankEnds(value_->text) ? "Remove the blanks at its ends, which count."
+                                                            : "Accepted, in any case: " + Listed(words) +
+                                                                  Suggestion(value_->text, TextsOf(words));
+    findings_.push_back({Grade::kError, "bad-value", value_->where, bad->first, bad->second, remedy});
+    return true;
   }
 
   void CheckCarried() {
@@ -153,7 +156,7 @@ class Rules {
         }
         return;
       case Form::kPath:
-        if (text.back() == '/') {
+        if (std::error_code failure; text.back() == '/' || std::filesystem::is_directory(text, failure)) {
           Warn("bad-path", Quoted(text) + " names a folder", "Give the file's whole path.");
         }
         return;
