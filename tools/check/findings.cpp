@@ -5,6 +5,7 @@
 #include <string_view>
 #include <tuple>
 
+#include "common/command_line.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -12,23 +13,6 @@ namespace {
 constexpr std::string_view kGradeNames[] = {"error", "warning", "note", "note"};
 
 std::string_view NameOf(Grade grade) { return kGradeNames[static_cast<size_t>(grade)]; }
-
-// A value of the file may hold line ends and worse.
-std::string Printable(std::string_view text) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string printable;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= ' ' && byte != 0x7F) {
-      printable.push_back(c);
-    } else if (c == '\n' || c == '\t' || c == '\r') {
-      printable.append(c == '\n' ? "\\n" : c == '\t' ? "\\t" : "\\r");
-    } else {
-      printable.append("\\x").append(1, kDigits[byte >> 4]).append(1, kDigits[byte & 0xF]);
-    }
-  }
-  return printable;
-}
 
 }  // namespace
 

@@ -119,10 +119,28 @@ void Complain(std::string_view text) {
 }
 
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names) {
+  constexpr size_t kLongest = 64;  // That anybody means.
+  if (word.size() > kLongest) return "";
   const auto nearer = [word](const std::string& a, const std::string& b) {
     return Distance(word, a) < Distance(word, b);
   };
   const auto nearest = std::min_element(names.begin(), names.end(), nearer);
   if (nearest == names.end() || Distance(word, *nearest) * 3 > word.size()) return "";
   return "; did you mean " + *nearest + "?";
+}
+
+std::string Printable(std::string_view text) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string printable;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= ' ' && byte != 0x7F) {
+      printable.push_back(c);
+    } else if (c == '\n' || c == '\t' || c == '\r') {
+      printable.append(c == '\n' ? "\\n" : c == '\t' ? "\\t" : "\\r");
+    } else {
+      printable.append("\\x").append(1, kDigits[byte >> 4]).append(1, kDigits[byte & 0xF]);
+    }
+  }
+  return printable;
 }

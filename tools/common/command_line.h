@@ -43,6 +43,9 @@ int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vecto
 // Prints "TOOL: TEXT" to stderr, where TOOL is the running one.
 void Complain(std::string_view text);
 
+// The text on one line and without control characters: what comes from a file may hold line ends and worse.
+std::string Printable(std::string_view text);
+
 // "; did you mean NAME?", with the name that comes close enough to the word; empty where none does.
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names);
 

@@ -93,8 +93,9 @@ class Sending {
     try {
       ReadEvent(line, &record, &texts);
     } catch (const JsonError& error) {
+      constexpr size_t kMost = 500;  // Bytes of a text that a name or value of any length is part of.
       return Refuse("line " + std::to_string(number) + ", column " + std::to_string(error.column) + ": " +
-                    error.what());
+                    Printable(std::string_view(error.what()).substr(0, kMost)));
     }
     if (MakeReady()) Submit(record);
   }
