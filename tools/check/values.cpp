@@ -115,9 +115,6 @@ class Rules {
            HasBlankEnds(value_->text) ? "Remove the blanks at its ends, which count." : "Write digits alone.");
     } else if (name.ends_with("timeout_ms") && *number > 0 && *number < 50) {
       Warn("short-time", value_->text + " ms is hardly enough for a request", "The unit is milliseconds.");
-    } else if (value_->setting->form == Form::kSeconds && *number > 30u * 24 * 3600) {
-      Warn("long-time", value_->text + " s are over 30 days: the condition is hardly ever reported again",
-           "The unit is seconds.");
     }
   }
 
