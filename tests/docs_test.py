@@ -18,7 +18,7 @@ import receivers
 
 PAGES = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")])
 FENCE = re.compile(r"^(?:<!-- ([a-z ]+): (.+?) -->\n)?^```(.*?)\n(.*?)^```$", re.S | re.M)
-PORTS = re.compile(r"\b(5140|8080|8081|1162|9093|9094|6514|2514)\b")  # Of pages and recipes, each replaced by a free one.
+PORTS = re.compile(r"\b(1162|2514|5140|808[0-2]|909[3-6])\b")  # Of pages and recipes, each replaced by a free one.
 SETTINGS = "<config>\n<key name='QVX'><key name='Events'>\n{}</key></key></config>\n"
 QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug</value></key><key name='sink'>
 <key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>
@@ -70,7 +70,7 @@ class Page:
             elif mark.startswith("keeps running"):
                 self.start(code, *note.split())
             elif mark == "shows in the end":
-                receivers.await_(f"'{note}'", lambda: note in self.bash(code).stdout)
+                receivers.await_(f"'{note}' from {code}", lambda: note in self.bash(code).stdout)
             else:
                 if mark == "saved as":
                     (self.folder / note).parent.mkdir(exist_ok=True)
