@@ -139,9 +139,8 @@ class Page:
             self.call(["oxevent-minimal", "loaded.xml"])
 
     def has_commands(self, code):
-        commands = [shlex.split(part) for line in re.sub(r"\\\n", " ", code).splitlines() if not line.startswith("#")
-                    for part in re.split(r"&&|\|", line)]
-        first = [next(word for word in words if "=" not in word) for words in commands if words]
+        plain = re.sub(r"""\\\n|'[^']*'|"[^"]*"|#.*|\w+=(\$\([^)]*\)|\S*)""", " ", code)
+        first = [part.split()[0] for part in re.split(r"&&|[|\n;]", plain) if part.split()]
         return all(shutil.which(name, path=f"{self.environment['PATH']}:{self.folder}") for name in first)
 
     def look_at(self, code):
