@@ -1,5 +1,7 @@
 #include "check/places.h"
 
+#include <iterator>
+
 namespace {
 
 void Add(std::string_view path, const oxEventSection* section, Place* place) {
@@ -43,7 +45,8 @@ Place AllPlaces() {
 
 std::vector<std::string> NamesOf(const std::vector<Place>& places) {
   std::vector<std::string> names;
-  for (const Place& place : places) names.push_back(place.name);
+  std::transform(places.begin(), places.end(), std::back_inserter(names),
+                 [](const Place& place) { return place.name; });
   return names;
 }
 
