@@ -32,7 +32,7 @@ extern "C" {
 #define OXEVENT_API_VERSION 0x00010000u
 
 /* Result codes. */
-#define OXEVENT_OK 0u
+#define OXEVENT_OK 0u                           /* Success. */
 #define OXEVENT_NOT_INITIALIZED 0x80050001u     /* Not initialized, not running, or stopping. */
 #define OXEVENT_ALREADY_INITIALIZED 0x80050002u /* Already initialized, or a shutdown is still under way. */
 #define OXEVENT_INVALID_ARGUMENT 0x80050003u    /* An argument, a record or a settings file that is refused. */
@@ -40,10 +40,10 @@ extern "C" {
 #define OXEVENT_FAILURE 0x80050005u             /* A time-out, a sink that failed, memory exhausted. */
 
 /* Severities: a larger value is more severe. */
-#define OXEVENT_SEVERITY_DEBUG 0u
-#define OXEVENT_SEVERITY_INFO 1u
-#define OXEVENT_SEVERITY_WARNING 2u
-#define OXEVENT_SEVERITY_ERROR 3u
+#define OXEVENT_SEVERITY_DEBUG 0u   /* In syslog: 7, debug. */
+#define OXEVENT_SEVERITY_INFO 1u    /* In syslog: 6, informational. */
+#define OXEVENT_SEVERITY_WARNING 2u /* In syslog: 4, warning. */
+#define OXEVENT_SEVERITY_ERROR 3u   /* In syslog: 3, error. */
 
 /*
  * One event. Set struct_size to sizeof(oxEventRecord), version to OXEVENT_API_VERSION and message to a text that is not
@@ -171,11 +171,17 @@ OXEVENT_API uint32_t oxEventGetLastError(char* buffer, uint32_t buffer_size);
 OXEVENT_API uint32_t oxEventGetApiVersion(void);
 
 /*
- * Registers or removes a source of the Windows event log.
+ * Registers a source of the Windows event log.
  *
  * OXEVENT_NOT_FOUND: always, on Linux.
  */
 OXEVENT_API uint32_t oxEventInstallWindowsEventSource(const char* source_name, const char* message_file);
+
+/*
+ * Removes a source of the Windows event log.
+ *
+ * OXEVENT_NOT_FOUND: always, on Linux.
+ */
 OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 
 #ifdef __cplusplus
@@ -186,6 +192,7 @@ OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 /* Only for the std::string that the library is built with: that of libstdc++ with its C++11 ABI. */
 #if defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI
 
+/* What oxEventFormatAlertmanagerRecord goes by. */
 struct oxEventAlertmanagerFormatterConfig {
   bool send_resolved = true;                /* False: an event that ends a condition gives the empty list "[]". */
   bool allow_source_label = false;          /* True: source_id becomes a label, and so part of the alert's identity. */

@@ -3,6 +3,7 @@
 
 man_pages.py header FOLDER                     include/oxEvent.h: a page for each entry point, and oxEventRecord(3)
 man_pages.py page NAME SECTION FILE.md FOLDER  a reference in Markdown: headings, paragraphs, code blocks, tables
+man_pages.py tool NAME HELP FOLDER             what a tool prints for --help
 
 FOLDER holds man3 and so on.
 """
@@ -14,6 +15,14 @@ from pathlib import Path
 ROOT = Path(__file__).parent.parent
 SEE_ALSO = {"oxevent-settings": ["oxevent-check 1", "oxEventInitialize 3", "oxEventReloadConfig 3", "oxevent 3"],
             "oxevent-errors": ["oxevent-check 1", "oxEventGetLastError 3", "oxevent 3", "oxevent-settings 5"]}
+TOOLS = {"oxevent-send": ("report an event from a shell", """\
+: >settings.xml
+oxevent-send --severity warning --source-id fan-2 settings.xml 'Fan 2 stands still'
+echo '{"message": "Fan 2 stands still", "value": 0, "units": "1/min"}' | oxevent-send settings.xml --json
+"""), "oxevent-check": ("find what is wrong with a settings file", """\
+oxevent-check settings.xml
+oxevent-check --explain queue_size
+""")}
 TOGETHER = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions that are on another's page.
             "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
 
@@ -62,14 +71,15 @@ def table(rows):
     cells = [[cell.strip().replace("\\|", "|") for cell in re.split(r"(?<!\\)\|", row)[1:-1]] for row in rows]
     out = ".Bl -tag -width Ds\n"
     for term, meaning, *others in cells[2:]:
-        named = "".join(f" {title}: {cell}." for title, cell in zip(cells[0][2:], others) if cell)
-        out += f".It Cm {escape(term.strip('`'))}\n{lines(meaning + named)}\n"
+        named = "".join(f" {title}: {cell.rstrip('.')}." for title, cell in zip(cells[0][2:], others) if cell)
+        term = escape(term.strip("`")).replace('"', '""')
+        out += f".It Cm \"{term}\"\n{lines(meaning + named)}\n"
     return out + ".El\n"
 
 
 def markdown_page(name, section, text):
     title, *parts = re.split(r"\n\n(?=\S)", text.strip())
-    out = begin(name, section, f".Nm {name}\n.Nd {title.removeprefix('# ')[0].lower() + title[3:]}") + ".Sh DESCRIPTION\n"
+    out = begin(name, section, f".Nm {name}\n.Nd {decapitalized(title.removeprefix('# '))}") + ".Sh DESCRIPTION\n"
     for part in parts:
         if part.startswith("```"):
             out += f".Bd -literal -offset indent\n{escape(part.split(chr(10), 1)[1].rsplit('```', 1)[0])}.Ed\n"
@@ -98,7 +108,7 @@ def errors(paragraph, codes, of):
     if same := re.search(r"Errors as (\w+)\.", paragraph):
         return of[same[1]]
     parts = re.split(r"((?:OXEVENT_[A-Z_]+, )*OXEVENT_[A-Z_]+)([:.;])", paragraph)[1:]
-    return [(names.split(", "), reason.strip(" ;") if colon == ":" else codes[names] + ".")
+    return [(tuple(names.split(", ")), reason.strip(" ;") if colon == ":" else codes[names] + ".")
             for names, colon, reason in zip(parts[::3], parts[1::3], parts[2::3])]
 
 
@@ -108,59 +118,54 @@ def prototype(text):
 
 
 def header_pages(header):
-    codes = codes_of(header)
-    functions, of = {}, {}  # name: (paragraphs, prototypes); name: errors
-    found = re.findall(r'/\*((?:(?!\*/).)*)\*/\n((?:(?:extern "C" )?OXEVENT_API [^;]*;\n)+)', header, re.S)
-    for text, declarations in found:
-        prototypes = [re.sub(r'\s+|extern "C" |OXEVENT_API ', " ", one).strip()
-                      for one in declarations.split(";\n") if one]
-        names = [re.search(r"(\w+)\(", one)[1] for one in prototypes]
-        body = comment(text)
-        failing = next((part for part in body if re.search(r"^OXEVENT_|Errors as", part)), None)
-        of[names[0]] = errors(failing, codes, of) if failing else []
-        for name in names:
-            shown = TOGETHER.get(name, names[0])
-            functions.setdefault(shown, []).append((names, body, prototypes, failing))
-    pages = {}
+    """{page: text}. An entry is a function's name, comment, prototype and errors."""
+    codes, entries, of = codes_of(header), {}, {}
+    for text, declaration in re.findall(r'/\*((?:(?!\*/).)*)\*/\n(?:extern "C" )?OXEVENT_API ([^;]*);\n', header, re.S):
+        name = re.search(r"(\w+)\(", declaration)[1]
+        failing = next((part for part in comment(text) if re.search("^OXEVENT_|Errors as", part)), "")
+        of[name] = errors(failing, codes, of)
+        entries.setdefault(TOGETHER.get(name, name), []).append((name, comment(text), declaration))
     callback = re.search(r"/\*((?:(?!\*/).)*)\*/\n(typedef void \(\*oxEventCallback\)[^;]*;)", header, re.S)
-    for name, entries in functions.items():
-        entries = list({tuple(entry[0]): entry for entry in entries}.values())
-        own = [one for entry in entries for one in entry[0]]
-        first = entries[0][1][0]
-        purpose = re.split(r"[.,:;(]", first)[0].strip()
-        if first.startswith("Returns"):
-            purpose = first.split(",")[0]
-        out = begin(name, 3, " ,\n".join(f".Nm {one}" for one in own) + f"\n.Nd {purpose[0].lower() + purpose[1:]}")
-        out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n"
-        if "Callback" in name:
-            out += ".Bd -literal\n" + callback[2] + "\n.Ed\n.Pp\n"
-        out += "\n".join(prototype(one) for entry in entries for one in entry[2]) + "\n.Sh DESCRIPTION\n"
-        told = []
-        for names, body, _, failing in entries:
-            for i, part in enumerate(body):
-                part = re.sub(r" ?Errors as \w+\.", "", part)
-                if part and not part.startswith("OXEVENT_"):
-                    told.append((f"\n.Fn {names[0]}\n" if i == 0 and len(entries) > 1 else "") +
-                                mark(part[0].lower() + part[1:] if i == 0 and len(entries) > 1 else part, own))
-        if "Callback" in name:
-            told += [mark("The callback " + part[0].lower() + part[1:] if i == 0 else part, own)
-                     for i, part in enumerate(comment(callback[1]))]
-        out += "\n.Pp\n".join(part.strip("\n") for part in told) + "\n"
-        failures = [failure for entry in entries for failure in of[entry[0][0]]]
-        out += ".Sh RETURN VALUES\n"
-        if failures:
-            out += mark("OXEVENT_OK, or one of the result codes below; oxEventGetLastError then gives the reason.",
-                        own) + "\n.Sh ERRORS\n.Bl -tag -width Ds\n"
-            for names, reason in failures:
-                out += f".It {' , '.join(f'Dv {one}' for one in names)}\n{mark(reason[0].upper() + reason[1:], own)}\n"
-            out += ".El\n"
-        else:
-            out += mark("OXEVENT_API_VERSION.", own) + "\n"
+    pages = {"oxEventRecord": record_page(header)}
+    for page, functions in entries.items():
+        own = [name for name, _, _ in functions]
+        told = [told_of(name if len(own) > 1 else "", body, own) for name, body, _ in functions]
+        shown = [prototype(declaration) for _, _, declaration in functions]
+        if "Callback" in page:
+            shown.insert(0, f".Bd -literal\n{callback[2]}\n.Ed\n.Pp")
+            told.append(told_of("", ["The callback " + decapitalized(comment(callback[1])[0])], own))
+        purpose = decapitalized(re.split(r"[.:;(]|, [a-z]+ (?!the)", functions[0][1][0])[0].strip())
+        out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose}")
+        out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n" + "\n".join(shown)
+        out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(told) + "\n" + returned([f for name in own for f in of[name]], own)
         others = {"oxevent 3", "oxevent-errors 7"} | {f"{one} 3" for one in re.findall(r"\.Xr (\w+) 3", out)}
         others |= {"oxEventRecord 3"} if "oxEventRecord" in out else set()
-        pages[name] = out + see_also(others - {f"{name} 3"})
-        pages |= {one: f".so man3/{name}.3\n" for one in own[1:]}
-    return pages | {"oxEventRecord": record_page(header)}
+        pages[page] = out + see_also(others)
+        pages |= {name: f".so man3/{page}.3\n" for name in own[1:]}
+    return pages
+
+
+def decapitalized(text):
+    return text[0].lower() + text[1:]
+
+
+def told_of(name, body, own):
+    """The paragraphs but the errors, begun with the function's name if given."""
+    parts = [re.sub(r" ?Errors as \w+\.", "", part) for part in body if not part.startswith("OXEVENT_")]
+    if name:
+        parts[0] = decapitalized(parts[0])
+    return (f".Fn {name}\n" if name else "") + "\n.Pp\n".join(mark(part, own) for part in parts)
+
+
+def returned(failures, own):
+    if not failures:
+        return ".Sh RETURN VALUES\n" + mark("OXEVENT_API_VERSION.", own) + "\n"
+    out = ".Sh RETURN VALUES\n" + mark(
+        "OXEVENT_OK, or one of the result codes below; oxEventGetLastError then gives the reason.", own)
+    out += "\n.Sh ERRORS\n.Bl -tag -width Ds\n"
+    for names, reason in dict.fromkeys(failures):
+        out += f".It {' , '.join(f'Dv {one}' for one in names)}\n{mark(reason[0].upper() + reason[1:], own)}\n"
+    return out + ".El\n"
 
 
 def record_page(header):
@@ -173,6 +178,38 @@ def record_page(header):
     return out + ".El\n" + see_also(["oxevent 3", "oxEventSubmit 3", "oxEventRegisterCallback 3"])
 
 
+# Of a tool's --help.
+
+def tool_page(name, text):
+    purpose, example = TOOLS[name]
+    out = begin(name, 1, f".Nm {name}\n.Nd {purpose}") + ".Sh SYNOPSIS\n"
+    usage = re.findall(rf"^(?:Usage:)? +{name} (.*)\n", text, re.M)
+    for words in usage:
+        out += f".Nm\n" + "".join(
+            f".{'Op ' if '[' in word else ''}{'Fl ' + word[1:] if word.startswith('-') else 'Ar ' + word.strip('[]').replace(']', ' ')}\n"
+            for word in words.split())
+    out += ".Sh DESCRIPTION\n"
+    rest = text[text.rindex(f" {name} {usage[-1]}\n") + len(f" {name} {usage[-1]}\n"):]
+    text, status = re.split("Exit status: ?", rest)
+    for part in re.split(r"\n{2,}", text.strip("\n")):
+        heading, _, options = part.rpartition(":\n") if re.match(r"[\w ]+:\n  --", part) else ("", "", part)
+        out += f".Ss {heading}\n" if heading else ""
+        if options.startswith("  --"):
+            out += ".Bl -tag -width Ds\n"
+            for option, value, meaning in re.findall(r"^  --(\S+)(?: (\S+))? +(.*(?:\n {10,}.*)*)", options, re.M):
+                out += f".It Fl -{option}{' Ar ' + value if value else ''}\n{lines(meaning)}\n"
+            out += ".El\n"
+        else:
+            for shown, told in re.findall(r"((?:^  .*\n?)+)|((?:^\S.*\n?)+)", part, re.M):
+                out += f".Bd -literal -offset indent\n{escape(shown).rstrip()}\n.Ed\n" if shown else (
+                    ("" if out.rsplit("\n", 2)[1].startswith((".Sh", ".Ss")) else ".Pp\n") + lines(told) + "\n")
+    out += ".Sh EXIT STATUS\n.Bl -tag -width Ds\n"
+    for code, meaning in re.findall(r"(\d) +(.*?)(?=,? +\d |$)", " ".join(status.split())):
+        out += f".It {code}\n{lines(meaning[0].upper() + meaning[1:].rstrip('.'))}.\n"
+    out += f".El\n.Sh EXAMPLES\n.Bd -literal\n{escape(example)}.Ed\n"
+    return out + see_also({"oxevent 3", "oxevent-settings 5", "oxevent-errors 7"} | {f"{one} 1" for one in TOOLS if one != name})
+
+
 def main():
     if sys.argv[1:2] == ["header"] and len(sys.argv) == 3:
         pages = header_pages((ROOT / "include" / "oxEvent.h").read_text())
@@ -181,6 +218,9 @@ def main():
     elif sys.argv[1:2] == ["page"] and len(sys.argv) == 6:
         _, _, name, section, source, folder = sys.argv
         (Path(folder) / f"man{section}" / f"{name}.{section}").write_text(markdown_page(name, section, Path(source).read_text()))
+    elif sys.argv[1:2] == ["tool"] and len(sys.argv) == 5:
+        _, _, name, text, folder = sys.argv
+        (Path(folder) / "man1" / f"{name}.1").write_text(tool_page(name, text))
     else:
         sys.exit(__doc__)
 

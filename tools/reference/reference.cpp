@@ -1,14 +1,14 @@
-// Prints a reference in Markdown, from the tables that the library itself goes by: oxevent-reference settings
+// Prints a reference in Markdown, from the tables that the library itself goes by: oxevent-reference settings|errors
 // scripts/reference writes the files with it. Not installed.
 #include <cstdio>
 #include <string>
 #include <string_view>
 
+#include "base/oxEventErrors.h"
+#include "common/setting_forms.h"
 #include "config/oxEventSettings.h"
 
 namespace {
-
-using Form = oxEventSettingForm;
 
 void Print(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
@@ -32,41 +32,9 @@ std::string ListOf(oxEventWords words) {
 }
 
 std::string TakesOf(const oxEventSetting& setting) {
-  switch (setting.form) {
-    case Form::kSwitch:
-      return "switch";
-    case Form::kSeverity:
-      return "severity";
-    case Form::kWord:
-      return ListOf(setting.words);
-    case Form::kCapacity:
-      return "number above 0";
-    case Form::kNumber:
-      return "number";
-    case Form::kSeconds:
-      return "seconds";
-    case Form::kMilliseconds:
-      return "milliseconds";
-    case Form::kPort:
-      return "port";
-    case Form::kText:
-      return "text";
-    case Form::kPath:
-      return "path";
-    case Form::kHost:
-      return "host name or address";
-    case Form::kUrl:
-      return "URL, http or https";
-    case Form::kUriReference:
-      return "URI reference";
-    case Form::kHeaderLines:
-      return "header lines";
-    case Form::kSecret:
-      return "secret text";
-    case Form::kOid:
-      return "OID, dotted";
-  }
-  return {};
+  if (setting.form == oxEventSettingForm::kWord) return ListOf(setting.words);
+  const bool is_short = setting.max_bytes < kOxEventTextMaxBytes;
+  return FormOf(setting.form) + (is_short ? ", at most " + std::to_string(setting.max_bytes) + " bytes" : "");
 }
 
 constexpr std::string_view kSettingsBegin = R"(# Settings of the library oxEvent
@@ -97,15 +65,14 @@ the first counts.
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number, also of seconds or milliseconds, is decimal, 0 to 4294967295, without white space; any other text is replaced by
-the default. A port is 0 to 65535. A line end within a value is written `&#10;`. Secrets stand in the file in clear: its
-mode is the host's to set.
+A number is decimal, without white space; any other text is replaced by the default. A line end within a value is written
+`&#10;`. Secrets stand in the file in clear: its mode is the host's to set.
 )";
 
 void PrintSettings() {
   Print(kSettingsBegin);
-  Print("A switch takes one of " + ListOf(g_oxEventSwitchWords) + ", or a number: 0 is off. A severity takes one of " +
-        ListOf(g_oxEventSeverityWords) + ", or 0 to 3.\n");
+  Print("A switch takes one of " + ListOf(g_oxEventSwitchWords) + ". A severity takes one of " +
+        ListOf(g_oxEventSeverityWords) + ".\n");
   Print(kSettingsForms);
   for (const oxEventSection& section : g_oxEventSections) {
     const bool has_instances = section.default_instance != nullptr;
@@ -119,6 +86,51 @@ void PrintSettings() {
   }
 }
 
+constexpr std::string_view kErrorsBegin = R"(# Error texts of the library oxEvent
+
+What a call leaves for `oxEventGetLastError` when it fails, and what the sinks tell of a delivery that failed. A word in
+braces stands for what was found.
+)";
+
+// The rows of those met there.
+void PrintErrors(oxEventErrors::Met met, bool with_cause) {
+  struct Named {
+    uint32_t code;
+    const char* name;
+  };
+  constexpr Named kCodes[] = {{OXEVENT_NOT_INITIALIZED, "`OXEVENT_NOT_INITIALIZED`"},
+                              {OXEVENT_ALREADY_INITIALIZED, "`OXEVENT_ALREADY_INITIALIZED`"},
+                              {OXEVENT_INVALID_ARGUMENT, "`OXEVENT_INVALID_ARGUMENT`"},
+                              {OXEVENT_NOT_FOUND, "`OXEVENT_NOT_FOUND`"},
+                              {OXEVENT_FAILURE, "`OXEVENT_FAILURE`"}};
+  Print(with_cause ? "\n| Text | Cause | Remedy | Code |\n|---|---|---|---|\n" : "\n| Text | Code |\n|---|---|\n");
+  for (const oxEventErrors::Entry& entry : oxEventErrors::kTable) {
+    if (entry.met != met) continue;
+    std::string codes;
+    for (const Named& one : kCodes) {
+      if (one.code == entry.codes[0] || one.code == entry.codes[1])
+        codes += (codes.empty() ? "" : ", ") + std::string(one.name);
+    }
+    Print("| " + Code(Cell(entry.text)) + " | ");
+    if (with_cause) Print(Cell(entry.cause) + " | " + Cell(entry.remedy) + " | ");
+    Print(codes + " |\n");
+  }
+}
+
+void PrintErrors() {
+  Print(kErrorsBegin);
+  Print("\n## Of a call\n\nThe calling thread's last error; the call has returned the code.\n");
+  PrintErrors(oxEventErrors::Met::kCall, true);
+  Print(
+      "\n## Of a delivery\n\nThe sink's own last error, as `oxevent-send` tells it: the call that reported the event "
+      "has "
+      "returned before. The code is the sink's.\n");
+  PrintErrors(oxEventErrors::Met::kDelivery, true);
+  Print("\n## Of the library's own checks\n\n" + std::string(oxEventErrors::kInternalCause) + " " +
+        std::string(oxEventErrors::kInternalRemedy) + "\n");
+  PrintErrors(oxEventErrors::Met::kNever, false);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -127,6 +139,10 @@ int main(int argc, char** argv) {
     PrintSettings();
     return 0;
   }
-  std::fputs("usage: oxevent-reference settings\n", stderr);
+  if (reference == "errors") {
+    PrintErrors();
+    return 0;
+  }
+  std::fputs("usage: oxevent-reference settings|errors\n", stderr);
   return 2;
 }

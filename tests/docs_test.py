@@ -1,0 +1,207 @@
+"""What the documents show must work: docs_test.py [-v] [Test.test_NAME...].
+
+Every code block is compiled or run, in order, in a copy of the tree of the page's own. Above a block may stand:
+<!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": until the page's end; the next block waits for the port
+<!-- saved as: FILE -->           it becomes that file
+<!-- shows in the end: TEXT -->   repeated until its output has the text
+<!-- not run: REASON -->          only checked for its syntax, and that its commands and paths exist
+"keeps running where installed": where its command is not, the page ends here.
+"""
+import json, os, re, shlex, shutil, signal, socket, subprocess, sys, tempfile, unittest
+import xml.etree.ElementTree as ElementTree
+from pathlib import Path
+from urllib.parse import unquote, urlsplit
+
+ROOT, BUILD = Path(__file__).resolve().parent.parent, Path(os.environ["OXEVENT_BUILD"])
+sys.path.append(f"{ROOT}/scripts")
+import receivers
+
+PAGES = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")])
+FENCE = re.compile(r"^(?:<!-- ([a-z ]+): (.+?) -->\n)?^```(.*?)\n(.*?)^```$", re.S | re.M)
+PORTS = re.compile(r"\b(1162|2514|5140|808[0-2]|909[3-6])\b")  # Of pages and recipes, each replaced by a free one.
+SETTINGS = "<config>\n<key name='QVX'><key name='Events'>\n{}</key></key></config>\n"
+QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug</value></key><key name='sink'>
+<key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>
+<value name='enabled'>1</value><value name='path'>{}/seen.csv</value></key></key></key>""")
+FLAGS = ["-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
+
+
+def without_code(text):
+    return FENCE.sub("", re.sub(r"(?<!`)`[^`\n]+`(?!`)", "", text))
+
+
+def slugs(page):
+    """The anchors of a page's headings, as GitHub makes them."""
+    headings = re.findall(r"^#+ (.+)$", FENCE.sub("", page.read_text()), re.M)
+    return [re.sub(r"[^\w\- ]", "", re.sub(r"\]\([^)]*\)", "]", heading).lower()).replace(" ", "-") for heading in headings]
+
+
+class Page:
+    """Its blocks at work. `count`: how many of each kind, `excepted`: the reasons of those that are not run."""
+
+    def __init__(self, path, prefix):
+        self.folder = Path(tempfile.mkdtemp())
+        self.folder.chmod(0o755)  # nginx's workers are of another user.
+        shutil.copytree(ROOT, self.folder, dirs_exist_ok=True, ignore=shutil.ignore_patterns("build*", ".git", "*.svg"))
+        self.ports, self.running, self.count, self.excepted = {}, [], {}, []
+        for recipe in [*self.folder.glob("docs/*/*.conf"), *self.folder.glob("docs/*/*.yml")]:
+            recipe.write_text(self.local(recipe.read_text()))
+        self.text = self.local(path.read_text())
+        self.environment = os.environ | {
+            "PREFIX": str(prefix), "PATH": f"{prefix}/bin:{BUILD}/examples:{os.environ['PATH']}:/usr/sbin",
+            "LD_LIBRARY_PATH": f"{prefix}/lib", "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig", "CMAKE_PREFIX_PATH": str(prefix),
+            "PYTHONPATH": f"{ROOT}/examples/python", "PYTHONDONTWRITEBYTECODE": "1",
+            "OXEVENT_LIBRARY": f"{prefix}/lib/liboxEvent.so.1"}
+
+    def local(self, text):
+        free = lambda: receivers.free_port(socket.SOCK_STREAM)
+        return PORTS.sub(lambda port: str(self.ports.setdefault(port[0], None) or self.ports.update({port[0]: free()})
+                                          or self.ports[port[0]]), text)
+
+    def run(self):
+        for mark, note, kind, code in FENCE.findall(self.text):
+            self.count[kind] = self.count.get(kind, 0) + 1
+            if mark == "keeps running where installed" and not self.has_commands(code):
+                self.excepted.append(f"the rest, for a command is missing: {code.splitlines()[0]}")
+                return
+            if mark == "not run":
+                self.excepted.append(f"{note}: {code.splitlines()[0]}")
+                self.look_at(code)
+            elif mark.startswith("keeps running"):
+                self.start(code, *note.split())
+            elif mark == "shows in the end":
+                receivers.await_(f"'{note}' from {code}", lambda: note in self.bash(code).stdout)
+            else:
+                if mark == "saved as":
+                    (self.folder / note).parent.mkdir(exist_ok=True)
+                    (self.folder / note).write_text(code)
+                getattr(self, f"do_{kind or 'unmarked'}")(code)
+
+    def bash(self, code):
+        return self.ran(["bash", "-euo", "pipefail", "-c", code])
+
+    def ran(self, command):
+        return subprocess.run(command, cwd=self.folder, env=self.environment, capture_output=True, text=True, timeout=120)
+
+    def call(self, command):
+        done = self.ran(command)
+        assert done.returncode == 0, f"{shlex.join(map(str, command))[-1500:]}\n{done.stdout}{done.stderr}"
+
+    def do_text(self, code):
+        pass
+
+    def do_cmake(self, code):
+        assert (self.folder / "fan/CMakeLists.txt").exists()  # Run by the block behind it.
+
+    def do_json(self, code):
+        json.loads(code)
+
+    def do_sh(self, code):
+        self.call(["bash", "-euo", "pipefail", "-c", code])
+
+    def do_python(self, code):
+        self.call(["/usr/bin/python3", "-c", code, self.quiet_settings()])
+        self.seen()
+
+    def do_cpp(self, code):
+        self.do_c(code, ["g++", "-std=c++17", "-x", "c++"])
+
+    def do_c(self, code, compiler=("gcc", "-std=c99", "-x", "c")):
+        source, program = self.folder / "block", self.folder / "program"
+        whole = "main(" in code
+        source.write_text(code if whole else "#include <oxEvent.h>\n" + code)
+        self.call([*compiler, *FLAGS, source, *(["-x", "none", f"{BUILD}/liboxEvent.so", "-o", program] if whole else ["-fsyntax-only"])])
+        if whole:
+            self.call([program, self.quiet_settings()])
+            self.seen()
+
+    def quiet_settings(self):
+        (self.folder / "quiet.xml").write_text(QUIET.format(self.folder))
+        return self.folder / "quiet.xml"
+
+    def seen(self):
+        rows = (self.folder / "seen.csv").read_text().splitlines()
+        (self.folder / "seen.csv").unlink()
+        assert len(rows) > 1, "the program reported nothing"
+
+    def do_xml(self, code):
+        """What is shown becomes settings.xml, with which the page's next blocks work."""
+        code = re.sub(r"<\?xml.*?\?>\s*", "", code)
+        if not code.startswith("<config>"):
+            inside = re.match(r'<key name="(core|state|sink)">', code)
+            code = SETTINGS.format(code if inside else f"<key name='sink'>{code}</key>")
+        ElementTree.fromstring(code)
+        for name in ("settings.xml", "loaded.xml"):
+            (self.folder / name).write_text(code)
+            (self.folder / name).chmod(0o600)
+        self.call(["oxevent-check", "loaded.xml"])
+        if not self.running:  # They are to see the page's own event.
+            self.call(["oxevent-minimal", "loaded.xml"])
+
+    def has_commands(self, code):
+        plain = re.sub(r"""\\\n|'[^']*'|"[^"]*"|#.*|\w+=(\$\([^)]*\)|\S*)""", " ", code)
+        first = [part.split()[0] for part in re.split(r"&&|[|\n;]", plain) if part.split()]
+        return all(shutil.which(name, path=f"{self.environment['PATH']}:{self.folder}") for name in first)
+
+    def look_at(self, code):
+        self.call(["bash", "-n", "-c", code])
+        assert self.has_commands(code), f"a command of these is missing: {code}"
+        for path in re.findall(r"\b(?:docs|scripts|examples|tests|tools|include)/[\w./-]+\w", code):
+            assert (self.folder / path).exists(), f"no {path}"
+
+    def start(self, code, kind, port):
+        (self.folder / "events").mkdir(exist_ok=True)
+        child = subprocess.Popen(["bash", "-euo", "pipefail", "-c", code], cwd=self.folder, env=self.environment,
+                                 start_new_session=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.running.append(child)
+        if kind != "no":
+            probe = receivers.Receiver()
+            probe.port, probe.kind = int(port), {"udp": socket.SOCK_DGRAM, "tcp": socket.SOCK_STREAM}[kind]
+            receivers.await_(f"the start of {code}", lambda: child.poll() is not None or probe.listens())
+            assert child.poll() is None, f"{code}\nended: {child.stdout.read().decode()}"
+
+    def close(self):
+        for child in self.running:
+            try:
+                os.killpg(child.pid, signal.SIGTERM)
+            except ProcessLookupError:
+                pass
+            child.communicate()
+        shutil.rmtree(self.folder)
+
+
+class Test(unittest.TestCase):
+    def test_links(self):
+        for page in PAGES:
+            text = without_code(page.read_text())
+            for link in re.findall(r"\]\(([^)\s]+)\)", text) + re.findall(r'(?:src|srcset|href)="([^"]+)"', text):
+                with self.subTest(page=page.name, link=link):
+                    url = urlsplit(link)
+                    if url.scheme:
+                        self.assertTrue(url.scheme in ("http", "https") and re.fullmatch(r"[\w.-]+(:\d+)?", url.netloc))
+                        continue
+                    target = (page.parent / unquote(url.path)).resolve() if url.path else page
+                    self.assertTrue(target.exists() and ROOT in target.parents)
+                    if url.fragment:
+                        self.assertIn(url.fragment, slugs(target))
+
+    def test_blocks(self):
+        self.assertIn(re.search("^```c\n(.*?)^```", (ROOT / "README.md").read_text(), re.S | re.M)[1],
+                      (ROOT / "examples/minimal.c").read_text())
+        count, excepted = {}, []
+        with tempfile.TemporaryDirectory() as prefix:
+            subprocess.run(["cmake", "--install", BUILD, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
+            for path in PAGES:
+                if "```" not in path.read_text():
+                    continue
+                with self.subTest(page=str(path.relative_to(ROOT))):
+                    page = Page(path, prefix)
+                    self.addCleanup(page.close)
+                    page.run()
+                    count = {kind: count.get(kind, 0) + page.count.get(kind, 0) for kind in count | page.count}
+                    excepted += [f"{path.name}: {note}" for note in page.excepted]
+        print(count, "not run:", *excepted, sep="\n")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,39 @@
+#include "common/setting_forms.h"
+
+std::string FormOf(oxEventSettingForm form) {
+  switch (form) {
+    case oxEventSettingForm::kSwitch:
+      return "a switch, or a number: 0 is off";
+    case oxEventSettingForm::kSeverity:
+      return "a severity, or 0 to 3";
+    case oxEventSettingForm::kWord:
+      return "a word";
+    case oxEventSettingForm::kCapacity:
+      return "a number from 1 to 4294967295";
+    case oxEventSettingForm::kNumber:
+      return "a number from 0 to 4294967295";
+    case oxEventSettingForm::kSeconds:
+      return "seconds, 0 to 4294967295";
+    case oxEventSettingForm::kMilliseconds:
+      return "milliseconds, 0 to 4294967295";
+    case oxEventSettingForm::kPort:
+      return "a port, 0 to 65535";
+    case oxEventSettingForm::kText:
+      return "a text";
+    case oxEventSettingForm::kPath:
+      return "the path of a file";
+    case oxEventSettingForm::kHost:
+      return "a host's name or address";
+    case oxEventSettingForm::kUrl:
+      return "a URL of http or https";
+    case oxEventSettingForm::kUriReference:
+      return "a URI reference (RFC 3986, section 4.1)";
+    case oxEventSettingForm::kHeaderLines:
+      return "header lines of HTTP, with line ends or | between them";
+    case oxEventSettingForm::kSecret:
+      return "a secret";
+    case oxEventSettingForm::kOid:
+      return "an object identifier, dotted";
+  }
+  return "";
+}
