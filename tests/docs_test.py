@@ -141,7 +141,7 @@ class Page:
     def has_commands(self, code):
         plain = re.sub(r"""\\\n|'[^']*'|"[^"]*"|#.*|\w+=(\$\([^)]*\)|\S*)""", " ", code)
         first = [part.split()[0] for part in re.split(r"&&|[|\n;]", plain) if part.split()]
-        return all(shutil.which(name, path=f"{self.environment['PATH']}:{self.folder}") for name in first)
+        return all(shutil.which(self.folder / name if "/" in name else name, path=self.environment["PATH"]) for name in first)
 
     def look_at(self, code):
         self.call(["bash", "-n", "-c", code])
