@@ -185,9 +185,10 @@ def tool_page(name, text):
     out = begin(name, 1, f".Nm {name}\n.Nd {purpose}") + ".Sh SYNOPSIS\n"
     usage = re.findall(rf"^(?:Usage:)? +{name} (.*)\n", text, re.M)
     for words in usage:
-        out += f".Nm\n" + "".join(
-            f".{'Op ' if '[' in word else ''}{'Fl ' + word[1:] if word.startswith('-') else 'Ar ' + word.strip('[]').replace(']', ' ')}\n"
-            for word in words.split())
+        out += ".Nm\n"
+        for word in words.split():
+            macro = "Fl " + word[1:] if word.startswith("-") else "Ar " + word.strip("[]").replace("]", " ")
+            out += f".{'Op ' if '[' in word else ''}{macro}\n"
     out += ".Sh DESCRIPTION\n"
     rest = text[text.rindex(f" {name} {usage[-1]}\n") + len(f" {name} {usage[-1]}\n"):]
     text, status = re.split("Exit status: ?", rest)

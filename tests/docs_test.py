@@ -87,6 +87,9 @@ class Page:
         done = self.ran(command)
         assert done.returncode == 0, f"{shlex.join(map(str, command))[-1500:]}\n{done.stdout}{done.stderr}"
 
+    def do_unmarked(self, code):
+        raise AssertionError(f"a block of no kind: {code}")
+
     def do_text(self, code):
         pass
 
@@ -110,7 +113,8 @@ class Page:
         source, program = self.folder / "block", self.folder / "program"
         whole = "main(" in code
         source.write_text(code if whole else "#include <oxEvent.h>\n" + code)
-        self.call([*compiler, *FLAGS, source, *(["-x", "none", f"{BUILD}/liboxEvent.so", "-o", program] if whole else ["-fsyntax-only"])])
+        link = ["-x", "none", f"{BUILD}/liboxEvent.so", f"-Wl,-rpath,{BUILD}", "-o", program]
+        self.call([*compiler, *FLAGS, source, *(link if whole else ["-fsyntax-only"])])
         if whole:
             self.call([program, self.quiet_settings()])
             self.seen()
@@ -184,6 +188,12 @@ class Test(unittest.TestCase):
                     self.assertTrue(target.exists() and ROOT in target.parents)
                     if url.fragment:
                         self.assertIn(url.fragment, slugs(target))
+
+    def test_man_page(self):
+        example = re.search(r"\.Bd -literal.*?\n(#include.*?)\.Ed", (ROOT / "docs/man/man3/oxevent.3").read_text(), re.S)[1]
+        page = Page(ROOT / "README.md", BUILD)
+        self.addCleanup(page.close)
+        page.do_c(example.replace("\\e", "\\"))
 
     def test_blocks(self):
         self.assertIn(re.search("^```c\n(.*?)^```", (ROOT / "README.md").read_text(), re.S | re.M)[1],
