@@ -220,7 +220,8 @@ int Measure(const Load& load, const std::string& folder) {
   const auto worker_allocations = static_cast<double>(g_worker.allocations - allocations_before);
   const auto worker_cpu = static_cast<double>(g_worker.CpuNs() - cpu_before);
   const auto sleeps = static_cast<double>(g_worker.Sleeps() - sleeps_before);
-  const uint64_t memory = PeakResidentKib() - resident_before;
+  const uint64_t peak = PeakResidentKib();  // The kernel's count may lag behind, by more than a peer takes.
+  const uint64_t memory = peak > resident_before ? peak - resident_before : 0;
 
   const auto events = static_cast<double>(load.events);
   printf(R"({"peer":"%s","load":"%s","threads":%u,"events":%u,)", kPeer, load.name, load.threads, load.events);

@@ -388,7 +388,7 @@ def load_section(road, load):
 def page(road, pieces, machine, bars, notes):
     results = [[bar.what, bar.words, "–" if bar.values is None else cell(bar.values, bar.units, " "), bar.figures,
                 bar.result() if bar.values and bar.holds() else f"**{bar.result()}**"] for bar in bars]
-    steps = [[f"`{name}`", shown(median(pieces(name)), TIME), spread(pieces(name), TIME)] for name in pieces.names]
+    steps = [[f"`{name}`", shown(median(pieces(name)), TIME), spread(pieces(name), TIME)] for name in sorted(pieces.names)]
     return string.Template(read(ROOT / "bench" / "performance.md.in")).substitute(
         rounds=len(road.rounds), repetitions=pieces.repetitions, notes=notes,
         machine=table(["Machine", ""], [[name, str(text)] for name, text in machine.items()], "---|---|").rstrip(),
