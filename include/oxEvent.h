@@ -117,8 +117,11 @@ OXEVENT_API uint32_t oxEventShutdown(void);
 OXEVENT_API uint32_t oxEventSubmit(const oxEventRecord* record);
 
 /*
- * Reports an event of type "simple". event_id 0: the library assigns one. source_name null: "oxEvent". message must not
- * be null or empty. Errors as oxEventSubmit.
+ * Reports an event of type "simple", as oxEventSubmit does. event_id 0: the library assigns one. source_name null:
+ * "oxEvent".
+ *
+ * OXEVENT_INVALID_ARGUMENT: message null or empty, or a severity above error. OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE:
+ * no memory for the copy.
  */
 OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* source_name,
                                          const char* message);

@@ -99,14 +99,16 @@ def comment(text):
     return [" ".join(part.split()) for part in re.sub(r"^ ?\*( |$)", "", text.strip(), flags=re.M).split("\n\n")]
 
 
+def file_comment(header):
+    return " ".join(comment(re.search(r"/\*(.*?)\*/", header, re.S)[1]))
+
+
 def codes_of(header):
     return dict(re.findall(r"#define (OXEVENT_[A-Z_]+) 0x800\w+u +/\* (.*?)\.? \*/", header))
 
 
-def errors(paragraph, codes, of):
+def errors(paragraph, codes):
     """[(codes, reason)] of a paragraph such as "OXEVENT_A: reason. OXEVENT_B; OXEVENT_C, OXEVENT_D: reason." """
-    if same := re.search(r"Errors as (\w+)\.", paragraph):
-        return of[same[1]]
     parts = re.split(r"((?:OXEVENT_[A-Z_]+, )*OXEVENT_[A-Z_]+)([:.;])", paragraph)[1:]
     return [(tuple(names.split(", ")), reason.strip(" ;") if colon == ":" else codes[names] + ".")
             for names, colon, reason in zip(parts[::3], parts[1::3], parts[2::3])]
@@ -122,11 +124,12 @@ def header_pages(header):
     codes, entries, of = codes_of(header), {}, {}
     for text, declaration in re.findall(r'/\*((?:(?!\*/).)*)\*/\n(?:extern "C" )?OXEVENT_API ([^;]*);\n', header, re.S):
         name = re.search(r"(\w+)\(", declaration)[1]
-        failing = next((part for part in comment(text) if re.search("^OXEVENT_|Errors as", part)), "")
-        of[name] = errors(failing, codes, of)
+        failing = next((part for part in comment(text) if part.startswith("OXEVENT_")), "")
+        of[name] = errors(failing, codes)
         entries.setdefault(TOGETHER.get(name, name), []).append((name, comment(text), declaration))
     callback = re.search(r"/\*((?:(?!\*/).)*)\*/\n(typedef void \(\*oxEventCallback\)[^;]*;)", header, re.S)
     pages = {"oxEventRecord": record_page(header)}
+    threads, texts = re.search(r"(Every function .*? escape\.).*?(Texts are .*? host's\.)", file_comment(header)).groups()
     for page, functions in entries.items():
         own = [name for name, _, _ in functions]
         told = [told_of(name if len(own) > 1 else "", body, own) for name, body, _ in functions]
@@ -134,6 +137,9 @@ def header_pages(header):
         if "Callback" in page:
             shown.insert(0, f".Bd -literal\n{callback[2]}\n.Ed\n.Pp")
             told.append(told_of("", ["The callback " + decapitalized(comment(callback[1])[0])], own))
+        if "const oxEventAlertmanagerFormatterConfig&" in shown[0]:
+            told.append("The configuration:\n" + fields(header, "oxEventAlertmanagerFormatterConfig"))
+        told.append(mark(threads, own) + ("\n" + mark(texts, own) if "*" in shown[0] else ""))
         purpose = decapitalized(re.split(r"[.:;(]|, [a-z]+ (?!the)", functions[0][1][0])[0].strip())
         out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose}")
         out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n" + "\n".join(shown)
@@ -151,7 +157,7 @@ def decapitalized(text):
 
 def told_of(name, body, own):
     """The paragraphs but the errors, begun with the function's name if given."""
-    parts = [re.sub(r" ?Errors as \w+\.", "", part) for part in body if not part.startswith("OXEVENT_")]
+    parts = [part for part in body if not part.startswith("OXEVENT_")]
     if name:
         parts[0] = decapitalized(parts[0])
     return (f".Fn {name}\n" if name else "") + "\n.Pp\n".join(mark(part, own) for part in parts)
@@ -160,22 +166,29 @@ def told_of(name, body, own):
 def returned(failures, own):
     if not failures:
         return ".Sh RETURN VALUES\n" + mark("OXEVENT_API_VERSION.", own) + "\n"
-    out = ".Sh RETURN VALUES\n" + mark(
-        "OXEVENT_OK, or one of the result codes below; oxEventGetLastError then gives the reason.", own)
+    told = not any("last error" in reason for _, reason in failures)  # Of a function that leaves it alone.
+    out = ".Sh RETURN VALUES\n" + mark("OXEVENT_OK, or one of the result codes below"
+                                       + ("; oxEventGetLastError then gives the reason." if told else "."), own)
     out += "\n.Sh ERRORS\n.Bl -tag -width Ds\n"
     for names, reason in dict.fromkeys(failures):
         out += f".It {' , '.join(f'Dv {one}' for one in names)}\n{mark(reason[0].upper() + reason[1:], own)}\n"
     return out + ".El\n"
 
 
+def fields(header, struct):
+    out = ".Bl -tag -width Ds\n"
+    within = re.search(rf"struct {struct} \{{\n(.*?)\n\}}", header, re.S)[1]
+    for kind, name, default, meaning in re.findall(r"^  ([\w: ]+\*?) (\w+)( = .*?)?; */\* (.*?) \*/", within, re.M | re.S):
+        out += f".It Vt {kind} Va {name}{default}\n{mark(meaning, ())}\n".replace('"OxEvent"\n', '\\(dqOxEvent\\(dq\n', 1)
+    return out + ".El"
+
+
 def record_page(header):
-    text, fields = re.search(r"/\*((?:(?!\*/).)*)\*/\ntypedef struct oxEventRecord \{\n(.*?)\n\}", header, re.S).groups()
+    text = re.search(r"/\*((?:(?!\*/).)*)\*/\ntypedef struct oxEventRecord \{", header, re.S)[1]
     out = begin("oxEventRecord", 3, ".Nm oxEventRecord\n.Nd one event")
     out += ".Sh SYNOPSIS\n.In oxEvent.h\n.Vt oxEventRecord\n.Sh DESCRIPTION\n"
-    out += "\n.Pp\n".join(mark(part, ()) for part in comment(text)) + "\n.Pp\nThe fields, in order:\n.Bl -tag -width Ds\n"
-    for kind, name, meaning in re.findall(r"^  ([\w ]+\*?) (\w+); */\* (.*?) \*/", fields, re.M):
-        out += f".It Vt {kind} Va {name}\n{mark(meaning, ())}\n"
-    return out + ".El\n" + see_also(["oxevent 3", "oxEventSubmit 3", "oxEventRegisterCallback 3"])
+    out += "\n.Pp\n".join(mark(part, ()) for part in comment(text)) + "\n.Pp\nThe fields, in order:\n"
+    return out + fields(header, "oxEventRecord") + "\n" + see_also(["oxevent 3", "oxEventSubmit 3", "oxEventRegisterCallback 3"])
 
 
 # Of a tool's --help.
