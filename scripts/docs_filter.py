@@ -42,6 +42,7 @@ def line_of_page(path, line):
     for i in range(0, len(parts), 2):
         parts[i] = re.sub(r"\\(?![|])|@", r"\\\g<0>", parts[i])
     line = "".join(parts)
+    line = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", line)  # Doxygen knows none with much in it.
     line = re.sub(r"!\[([^]]*)\]\(([^)]+)\)",
                   lambda m: f'<img src="{(path.parent / m[2]).resolve().relative_to(ROOT)}" alt="{m[1]}">', line)
     return re.sub(r"(?<!!)\[([^]]+)\]\(([^)\s]+)\)", lambda m: link(path, m[1], m[2]), line)
