@@ -76,6 +76,9 @@ class Test(unittest.TestCase):
             self.assertIn(f"line {number}, column {said}", line)
         self.assertIn(f"refused: {len(REFUSED)}", error)
         self.assertEqual([(row["message"], row["source_id"]) for row in rows], [("last", "t")])
+        command = ["sh", "-c", '"$0" "$@" >&- 2>&-', os.environ["OXEVENT_SEND"], self.folder.name + "/settings.xml", "-"]
+        subprocess.run(command, input=b'{"mesage": 1}\n{"message": "unmixed"}')
+        self.assertEqual([row["message"] for row in self.rows()], ["last", "unmixed"])
         for arguments, said in USAGE:
             self.assertIn(said, self.send(2, arguments.split())[1])
         self.assertIn("Invalid drop_policy", self.send(2, ["m"], (), {"core": {"drop_policy": "x"}})[1])

@@ -1,6 +1,8 @@
 #include "command_line.h"
 
+#include <fcntl.h>
 #include <getopt.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -80,6 +82,14 @@ std::vector<const char*> Follow(const Tool& tool, int argc, char** argv) {
   return {argv + optind, argv + argc};
 }
 
+// A standard descriptor that is closed would go to the next file opened, such as a sink's, and what is printed into it.
+// What keeps its place fails as a closed one: it is open the wrong way round.
+void KeepStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
 int Run(Tool* tool, int argc, char** argv, const std::function<int(std::vector<const char*>)>& run) {
   enum { kGoOn, kHelp, kVersion } wanted = kGoOn;
   tool->options.push_back({"help", nullptr, "print this and exit", [&wanted](const char*) { wanted = kHelp; }});
@@ -98,6 +108,7 @@ int Run(Tool* tool, int argc, char** argv, const std::function<int(std::vector<c
 }  // namespace
 
 int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vector<const char*>)>& run) {
+  KeepStandardDescriptors();
   g_tool = tool.name;
   int status = kUsage;
   try {
