@@ -6,11 +6,24 @@
 #include <tuple>
 
 #include "common/command_line.h"
+#include "oxUTF8.h"
 #include "sinks/oxEventText.h"
 
 namespace {
 
 constexpr std::string_view kGradeNames[] = {"error", "warning", "note", "note"};
+
+// Bytes that are no UTF-8 become U+FFFD: JSON is UTF-8 throughout (RFC 8259, section 8.1).
+std::string Utf8(std::string_view text) {
+  std::string valid;
+  while (!text.empty()) {
+    const size_t size = oxUTF8SequenceLength(text);
+    const bool is_stray = size == 1 && (text[0] & 0x80) != 0;
+    valid.append(is_stray ? "\xEF\xBF\xBD" : text.substr(0, size));
+    text.remove_prefix(size);
+  }
+  return valid;
+}
 
 std::string_view NameOf(Grade grade) { return kGradeNames[static_cast<size_t>(grade)]; }
 
@@ -40,14 +53,14 @@ std::string AsJson(const std::string& file, const std::vector<Finding>& findings
   for (const Finding& f : findings) {
     if (!text.empty()) text += ",\n";
     oxEventText::JsonObject object(&text);
-    object.AddStringField("file", file);
+    object.AddStringField("file", Utf8(file));
     object.AddField("line", uint64_t{f.where.line});
     object.AddField("column", uint64_t{f.where.column});
-    object.AddStringField("key", f.key);
+    object.AddStringField("key", Utf8(f.key));
     object.AddStringField("severity", NameOf(f.grade));
     object.AddStringField("code", f.code);
-    object.AddStringField("text", f.text);
-    object.AddStringField("remedy", f.remedy);
+    object.AddStringField("text", Utf8(f.text));
+    object.AddStringField("remedy", Utf8(f.remedy));
     object.Close();
   }
   return text;

@@ -91,7 +91,7 @@ class Rules {
   }
 
  private:
-  void Add(Grade grade, const char* code, std::string_view name, std::string text, std::string remedy = "") {
+  void Add(Grade grade, const char* code, std::string_view name, std::string text, std::string remedy) {
     findings_.push_back({grade, code, group_->At(name), group_->PathOf(name), std::move(text), std::move(remedy)});
   }
   void Warn(const char* code, std::string_view name, std::string text, std::string remedy) {
@@ -195,7 +195,7 @@ class Rules {
         if (!told)
           Warn("secret-in-clear", "endpoint_url", "plain http carries the sink's secrets readable", "Use https.");
         told = true;
-        Add(Grade::kNote, "secret-in-clear", value.setting->name, "goes over plain http");
+        Add(Grade::kNote, "secret-in-clear", value.setting->name, "goes over plain http", "Use https.");
       }
     }
     if (!url.https) return;

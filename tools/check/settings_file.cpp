@@ -10,6 +10,7 @@
 
 #include "base/oxEventAscii.h"
 #include "common/command_line.h"
+#include "common/remedy.h"
 #include "oxCFGFile.h"
 
 namespace {
@@ -17,7 +18,7 @@ namespace {
 // What the store of the load under way would have written.
 std::string* g_replacement = nullptr;
 
-const char* WhyUnreadable(const std::string& path) {
+std::string WhyUnreadable(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) return std::strerror(errno);
   if (!S_ISREG(status.st_mode)) return "no regular file";
@@ -69,9 +70,10 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
   for (const oxEventBadValue& value : bad) bad_values.emplace(value.key + "\\" + value.name, value.text);
   if (open && error.empty()) return true;
   const oxCFGRefusal& why = store.Refusal();
-  const char* const reason = why.reason == nullptr ? WhyUnreadable(path) : why.reason;
+  const std::string remedy = why.reason == nullptr ? WhyUnreadable(path) + ". " + std::string(RemedyFor(refusal))
+                                                   : std::string(why.reason) + ". Mend the file there.";
   findings->push_back(
-      {Grade::kError, why.reason == nullptr ? "unreadable" : "not-xml", PositionAt(why.offset), "", refusal, reason});
+      {Grade::kError, why.reason == nullptr ? "unreadable" : "not-xml", PositionAt(why.offset), "", refusal, remedy});
   return false;
 }
 

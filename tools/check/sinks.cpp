@@ -3,6 +3,7 @@
 
 #include "check/settings_file.h"
 #include "check/syntax.h"
+#include "common/remedy.h"
 #include "sinks/oxEventSink.h"
 
 namespace {
@@ -21,12 +22,10 @@ struct Refusable {
   bool (*is_refused)(const Sink& sink);
   void (*mend)(Sink* sink);
   uint32_t (*create)(const Sink& sink, std::shared_ptr<oxEventSink>* out, std::string* error);
-  const char* remedy;
+  const char* remedy = nullptr;  // Where the table of errors has one for more than this.
 };
 
-constexpr char kSetPath[] = "Set it, or switch the sink off.";
 constexpr char kSetPort[] = "A port is 0 to 65535; 0: the usual one.";
-constexpr char kSetUrl[] = "Set it, beginning with http:// or https://, or switch the sink off.";
 
 bool LacksPath(const Sink& sink) { return sink.path.empty(); }
 bool LacksUrl(const Sink& sink) { return !HasHttpScheme(sink.endpoint_url); }
@@ -44,13 +43,12 @@ void MendUrl(Sink* sink) { sink->endpoint_url = "http://localhost"; }
 void MendVersion(Sink* sink) { sink->version = "2c"; }
 
 constexpr Refusable kRefusables[] = {  // In the order in which a sink looks at them.
-    {Type::kCsv, "path", LacksPath, MendNothing, oxEventCreateCsvSink, kSetPath},
+    {Type::kCsv, "path", LacksPath, MendNothing, oxEventCreateCsvSink},
     {Type::kSyslogUdp, "port", HasBadPort, MendNothing, oxEventCreateSyslogUdpSink, kSetPort},
-    {Type::kCloudEventsHttp, "endpoint_url", LacksUrl, MendNothing, oxEventCreateCloudEventsHttpSink, kSetUrl},
-    {Type::kWebhookHttp, "endpoint_url", LacksUrl, MendNothing, oxEventCreateCloudEventsHttpSink, kSetUrl},
-    {Type::kWebhookHttp, "payload_mode", HasBadMode, MendUrl, oxEventCreateCloudEventsHttpSink,
-     "Set it to native_json or cloudevents"},
-    {Type::kSnmpTrap, "version", HasBadVersion, MendNothing, oxEventCreateSnmpTrapSink, "Set it to 2c"},
+    {Type::kCloudEventsHttp, "endpoint_url", LacksUrl, MendNothing, oxEventCreateCloudEventsHttpSink},
+    {Type::kWebhookHttp, "endpoint_url", LacksUrl, MendNothing, oxEventCreateCloudEventsHttpSink},
+    {Type::kWebhookHttp, "payload_mode", HasBadMode, MendUrl, oxEventCreateCloudEventsHttpSink},
+    {Type::kSnmpTrap, "version", HasBadVersion, MendNothing, oxEventCreateSnmpTrapSink},
     {Type::kSnmpTrap, "port", HasBadSnmpPort, MendVersion, oxEventCreateSnmpTrapSink, kSetPort}};
 
 class Rules {
@@ -78,7 +76,10 @@ class Rules {
     if (value != nullptr) {
       for (const oxEventWord& word : value->setting->words) words.emplace_back(word.text);
     }
-    const std::string remedy = refusable.remedy + (words.empty() ? "" : Suggestion(value->text, words));
+    std::string remedy(refusable.remedy != nullptr ? refusable.remedy : RemedyFor(error));
+    if (const std::string meant = words.empty() ? "" : Suggestion(value->text, words); !meant.empty()) {
+      remedy.replace(remedy.size() - 1, 1, meant);  // For the full stop.
+    }
     if (sink.enabled) {
       if (file_.refusal.empty()) file_.refusal = error;
       findings_.push_back({Grade::kError, "sink-refused", where, path, error, remedy});
@@ -101,7 +102,7 @@ class Rules {
                            std::string("the sink is ") + (missing ? "off by default" : "off") + ", but filled in",
                            "Set enabled to 1; or else take its " + std::string(setting.name) + " out."});
       findings_.push_back({Grade::kNote, "filled-in-but-off", value.where, group.PathOf(setting.name),
-                           "has no effect while the sink is off", ""});
+                           "has no effect while the sink is off", "Take it out, or set enabled to 1."});
       return;
     }
   }

@@ -20,7 +20,7 @@ class Walk {
   }
 
  private:
-  void Warn(const char* code, pugi::xml_node node, const std::string& key, std::string text, std::string remedy = "") {
+  void Warn(const char* code, pugi::xml_node node, const std::string& key, std::string text, std::string remedy) {
     findings_.push_back({Grade::kWarning, code, file_.PositionOf(node), key, std::move(text), std::move(remedy)});
   }
 
@@ -149,8 +149,8 @@ class Walk {
       Warn("misplaced", child, Join(path, name), "a value beside the instances: the library passes it over",
            "Settings belong in a key of their own below " + path + ", such as " + section.default_instance + ".");
       if (!std::exchange(told, true)) {
-        findings_.push_back(
-            {Grade::kNote, "misplaced", file_.PositionOf(key), path, "holds instances, not settings", ""});
+        findings_.push_back({Grade::kNote, "misplaced", file_.PositionOf(key), path, "holds instances, not settings",
+                             "Put a key with the name of an instance around the settings."});
       }
     });
   }

@@ -110,7 +110,7 @@ class Rules {
 
  private:
   void Add(Grade grade, const char* code, const Group& group, std::string_view name, std::string text,
-           std::string remedy = "") {
+           std::string remedy) {
     findings_.push_back({grade, code, group.At(name), group.PathOf(name), std::move(text), std::move(remedy)});
   }
 
@@ -161,7 +161,8 @@ class Rules {
           "asks for events that minimum_severity of the core, " + std::string(oxEventSeverityName(core)) + ", drops",
           "Lower the core's, or raise this one.");
       if (!std::exchange(told, true)) {
-        Add(Grade::kNote, "severity-hidden", *core_, "minimum_severity", "drops what a sink asks for");
+        Add(Grade::kNote, "severity-hidden", *core_, "minimum_severity", "drops what a sink asks for",
+            "Lower it, or raise the sink's.");
       }
     });
   }
@@ -183,7 +184,8 @@ class Rules {
           (file ? "writes to the same file as " : "sends to the same place as ") + first->second->key +
               ": each event comes twice" + (file ? ", in any order" : ""),
           "Change one, or switch one of the two off.");
-      Add(Grade::kNote, "same-destination", *first->second, destination.setting, "is the first of the two");
+      Add(Grade::kNote, "same-destination", *first->second, destination.setting, "is the first of the two",
+          "Change one, or switch one of the two off.");
     });
   }
 
@@ -204,7 +206,7 @@ class Rules {
     Add(is_long ? Grade::kWarning : Grade::kDetail, "shutdown-delay", *longest, Longest(*longest->sink),
         "while endpoints do not answer, one event takes up to " + Seconds(total_ms) +
             " by the HTTP sinks, and oxEventShutdown up to " + Seconds(kDrainMs + total_ms),
-        is_long ? "Fewer tries, shorter time-outs: later events wait meanwhile, and the queue fills." : "");
+        "Fewer tries, shorter time-outs: later events wait meanwhile, and the queue fills.");
   }
 
   // Settings that need another one.
@@ -212,15 +214,17 @@ class Rules {
     const bool state_off = !file_.config.state_enabled || !file_.config.dedupe_enabled;
     if (state_off) {
       Add(Grade::kDetail, "no-state", file_.groups.at(1), file_.config.state_enabled ? "dedupe_enabled" : "enabled",
-          "every event goes out as reported: no duplicate is recognised");
+          "every event goes out as reported: no duplicate is recognised", "Set it to 1 to have duplicates suppressed.");
     }
     ForEachEnabled([&](const Group& group, const Sink& sink) {
       if (sink.type == Type::kAlertmanager) {
-        Add(Grade::kDetail, "sends-nothing", group, "enabled", "the host posts the documents; this sink sends nothing");
+        Add(Grade::kDetail, "sends-nothing", group, "enabled", "the host posts the documents; this sink sends nothing",
+            "Have the host post what oxEventFormatAlertmanagerRecord gives.");
       }
       if (sink.type != Type::kWebhookHttp) return;
       if (sink.connect_timeout_ms > sink.request_timeout_ms && sink.request_timeout_ms != 0) {
-        Add(Grade::kDetail, "no-effect", group, "connect_timeout_ms", "is over request_timeout_ms, which ends all");
+        Add(Grade::kDetail, "no-effect", group, "connect_timeout_ms", "is over request_timeout_ms, which ends all",
+            "Lower it, or raise request_timeout_ms.");
       }
       if (oxEventFindWord(g_oxEventPayloadModeWords, sink.payload_mode) == kOxEventPayloadCloudEvents) return;
       for (const char* name : {"cloudevents_source", "cloudevents_subject_prefix"}) {

@@ -7,8 +7,8 @@
 
 #include "base/oxEventSeverity.h"
 #include "common/command_line.h"
+#include "common/remedy.h"
 #include "core/oxEventRouter.h"
-#include "send/remedy.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {

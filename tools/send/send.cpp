@@ -10,12 +10,12 @@
 #include <filesystem>
 
 #include "common/command_line.h"
+#include "common/remedy.h"
 #include "config/oxEventConfigLoad.h"
 #include "core/oxEventRouter.h"
 #include "send/input.h"
 #include "send/json.h"
 #include "send/options.h"
-#include "send/remedy.h"
 #include "send/report.h"
 #include "sinks/oxEventSinkSet.h"
 
@@ -170,7 +170,8 @@ int Send(const Options& options) {
   if (oxEventRegisterCallback(Count, &outcome, &callback) != OXEVENT_OK ||
       oxEventInitialize(options.settings) != OXEVENT_OK) {
     const std::string text = LastError();
-    if (std::error_code ignored; std::filesystem::exists(options.settings, ignored)) {
+    std::error_code failure;
+    if (std::filesystem::exists(options.settings, failure) || failure) {
       Complain(WithRemedy(text));
     } else {
       Complain(text + "\n    There is no such file; an empty one will do: : > '" + options.settings + "'");

@@ -1,4 +1,4 @@
-#include "send/remedy.h"
+#include "common/remedy.h"
 
 #include "base/oxEventErrors.h"
 
@@ -27,7 +27,7 @@ size_t Literal(std::string_view pattern) {
 
 }  // namespace
 
-std::string WithRemedy(std::string_view text) {
+std::string_view RemedyFor(std::string_view text) {
   size_t best = 0;  // The text of one entry may fit a more general one too.
   std::string_view remedy;
   for (const oxEventErrors::Entry& entry : oxEventErrors::kTable) {
@@ -35,5 +35,10 @@ std::string WithRemedy(std::string_view text) {
     best = Literal(entry.text);
     remedy = entry.remedy;
   }
+  return remedy;
+}
+
+std::string WithRemedy(std::string_view text) {
+  const std::string_view remedy = RemedyFor(text);
   return std::string(text) + (remedy.empty() ? "" : "\n    ") + std::string(remedy);
 }
