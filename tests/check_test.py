@@ -32,6 +32,7 @@ CASES = [
     (CSV + "d>;path=x", "misplaced:5", 1),
     (CSV + ON + "path=", "sink-refused:6", 2),
     (CSV + "path=log.csv", "filled-in-but-off:4 filled-in-but-off:5", 1),
+    (CSV + "enabled= 1;path=log.csv", "bad-value:5", 2),
     (CSV + ON + "path=a;<;d>;" + ON + "path=./a", "same-destination:6 same-destination:10", 1),
     (CSV + ON + "path=f.xml", "own-file:6", 1),
     (CSV + ON + "path= a", "blanks:6", 1),

@@ -91,6 +91,7 @@ class Rules {
 
   // Whoever fills in where a sink sends to, or its secrets, means it to send.
   void CheckDisabled(const Group& group) {
+    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;  // Which may well mean on.
     for (const Value& value : group.values) {
       const oxEventSetting& setting = *value.setting;
       const bool tells = setting.form == Form::kUrl || setting.form == Form::kHost || setting.form == Form::kPath ||

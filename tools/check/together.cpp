@@ -21,7 +21,10 @@ constexpr uint64_t kDrainMs = 5000;              // What a Shutdown gives the qu
 constexpr uint64_t kLongShutdownMs = 60 * 1000;  // What hardly any host has meant.
 constexpr uint32_t kNoTry = 0xFFFFFFFF;          // Of retry_count.
 
+constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
+
 std::string Seconds(uint64_t ms) {
+  if (ms >= kCenturyMs) return "a century and more";
   const uint64_t tenths = (ms + 50) / 100;
   return std::to_string(tenths / 10) + (tenths % 10 == 0 ? "" : "." + std::to_string(tenths % 10)) + " s";
 }
@@ -34,6 +37,7 @@ uint64_t LongestDeliveryMs(const Sink& sink) {
   if (tries == 0) return 0;
   const uint64_t timeout_ms = sink.request_timeout_ms != 0 ? sink.request_timeout_ms : kDefaultTimeoutMs;
   const uint64_t backoff_ms = sink.backoff_ms != 0 ? sink.backoff_ms : kDefaultBackoffMs;
+  if (tries > kCenturyMs / (timeout_ms + backoff_ms)) return kCenturyMs;  // The whole may outgrow 64 bits.
   return tries * timeout_ms + (tries - 1) * backoff_ms;
 }
 

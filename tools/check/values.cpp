@@ -101,7 +101,8 @@ class Rules {
 
   void CheckCarried() {
     if (value_->text.empty() || value_->text == Default()) return;
-    Warn("no-effect", "is read and carried only: changing it has no effect", std::string(value_->setting->meaning));
+    Warn("no-effect", "is read and carried only: changing it has no effect",
+         "Leave its default. " + std::string(value_->setting->meaning));
   }
 
   void CheckNumber() {
