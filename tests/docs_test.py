@@ -2,6 +2,7 @@
 
 Every code block is compiled or run, in order, in a copy of the tree of the page's own. Above a block may stand:
 <!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": until the page's end; the next block waits for the port
+<!-- came out: exactly -->        the block before it printed this
 <!-- saved as: FILE -->           it becomes that file
 <!-- shows in the end: TEXT -->   repeated until its output has the text
 <!-- not run: REASON -->          only checked for its syntax, and that its commands and paths exist
@@ -70,7 +71,9 @@ class Page:
             elif mark.startswith("keeps running"):
                 self.start(code, *note.split())
             elif mark == "shows in the end":
-                receivers.await_(f"'{note}' from {code}", lambda: note in self.bash(code).stdout)
+                receivers.await_(f"'{note}' from {code}", lambda: note in self.bash(code))
+            elif mark == "came out":
+                assert code == self.printed, f"printed was:\n{self.printed}"
             else:
                 if mark == "saved as":
                     (self.folder / note).parent.mkdir(exist_ok=True)
@@ -78,7 +81,8 @@ class Page:
                 getattr(self, f"do_{kind or 'unmarked'}")(code)
 
     def bash(self, code):
-        return self.ran(["bash", "-euo", "pipefail", "-c", code])
+        self.printed = self.ran(["bash", "-euo", "pipefail", "-c", code]).stdout
+        return self.printed
 
     def ran(self, command):
         return subprocess.run(command, cwd=self.folder, env=self.environment, capture_output=True, text=True, timeout=120)
@@ -86,6 +90,7 @@ class Page:
     def call(self, command):
         done = self.ran(command)
         assert done.returncode == 0, f"{shlex.join(map(str, command))[-1500:]}\n{done.stdout}{done.stderr}"
+        self.printed = done.stdout
 
     def do_unmarked(self, code):
         raise AssertionError(f"a block of no kind: {code}")
@@ -140,7 +145,7 @@ class Page:
             (self.folder / name).chmod(0o600)
         self.call(["oxevent-check", "loaded.xml"])
         if not self.running:  # They are to see the page's own event.
-            self.call(["oxevent-minimal", "loaded.xml"])
+            self.call(["bash", "-c", "mkdir -p elsewhere; cd elsewhere; oxevent-minimal ../loaded.xml"])
 
     def has_commands(self, code):
         plain = re.sub(r"""\\\n|'[^']*'|"[^"]*"|#.*|\w+=(\$\([^)]*\)|\S*)""", " ", code)
