@@ -11,6 +11,7 @@ import re
 import gdb
 
 LIBRARY = 'liboxEvent.so'
+HEAD_SIZE = 4096  # The first page has the build id.
 SEVERITIES = ('debug', 'info', 'warning', 'error')
 TEXT_SHOWN = 200  # Bytes.
 SUMMARY_LINES = 5
@@ -21,6 +22,26 @@ def fail(text):
     raise gdb.GdbError('oxevent: ' + text)
 
 
+def library():
+    return next((o.filename for o in gdb.objfiles() if LIBRARY in (o.filename or '')), None)
+
+
+def fail_if_replaced():
+    """gdb goes by the file of today, whatever the process has loaded of that name."""
+    path = library()
+    if not gdb.selected_inferior().pid or path is None:
+        return
+    for line in gdb.execute('info proc mappings', to_string=True).splitlines():
+        start, _, _, offset = (line.split() + 4 * [''])[:4]
+        if LIBRARY not in line or offset != '0x0':
+            continue
+        with open(path, 'rb') as file:
+            if file.read(HEAD_SIZE) == memory(int(start, 16), HEAD_SIZE):
+                return
+        fail(f'{path} is not what the process has loaded: an upgrade has replaced it. Look again after a '
+             'restart, or at a core file where the same library is installed')
+
+
 def variable(name, source):
     """A variable of the library's source file, in its anonymous namespace."""
     for symbol in gdb.lookup_static_symbols('(anonymous namespace)::' + name):
@@ -28,10 +49,9 @@ def variable(name, source):
             return symbol.value()
     if not gdb.selected_inferior().pid:
         fail('there is no process and no core file; start gdb with -p PID, or with the program and its core')
-    library = next((o.filename for o in gdb.objfiles() if LIBRARY in (o.filename or '')), None)
-    if library is None:
+    if library() is None:
         fail(f'{LIBRARY} is not loaded in this process')
-    fail(f'{library} has no debug information: install that of its package (liboxevent1-dbgsym), or build it with '
+    fail(f'{library()} has no debug information: install that of its package (liboxevent1-dbgsym), or build it with '
          '-DCMAKE_BUILD_TYPE=RelWithDebInfo')
 
 
@@ -229,6 +249,7 @@ Without an argument: all of it, in short. N: how many to list; 5 where it is not
         part, limit = (argument.split() + [None, None])[:2]
         if part not in (None, *PARTS) or (limit and not limit.isdigit()) or len(argument.split()) > 2:
             fail(f"'{argument}' is none of " + ', '.join(PARTS) + ', nor one of them and a number')
+        fail_if_replaced()
         for show in [PARTS[part]] if part else [show_state, *PARTS.values()]:
             try:
                 show(int(limit or SUMMARY_LINES))
