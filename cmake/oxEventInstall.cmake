@@ -1,4 +1,4 @@
-# cmake --install: libraries, header, CMake package, pkg-config file, Python module, gdb script, documents, man pages.
+# cmake --install: libraries, header, CMake package, pkg-config file, Python module, gdb script, documents, examples, man pages.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
@@ -8,6 +8,7 @@ install(FILES examples/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/ox
 install(FILES tools/oxevent-gdb.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN docs/man EXCLUDE)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN python EXCLUDE PATTERN CMakeLists.txt EXCLUDE)
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/oxEvent)
