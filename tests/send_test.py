@@ -13,7 +13,7 @@ OPTIONS = [word for name, value in ALL.items() if name != "message" for word in
 DOCUMENT = ALL | {"version": 65536, "severity_value": 3, "severity_code": 3}  # As the webhook sink sends it.
 REFUSED = {  # A line, and what is said of it.
     '{"message": "m", "sevrity": 1}': "18: sevrity: is no field of an event; did you mean severity?",
-    '{"message": "m", "\\u001b[2J": 1}': "18: \\x1b[2J: is no field of an event",
+    '{"message": "m", "\\u001b[2J\\u009b2Jé": 1}': "18: \\x1b[2J\\xc2\\x9b2Jé: is no field of an event",
     '{"message": "m", "message": "n"}': "18: message: is there twice",
     '{"message": 5}': "13: message: must be a text",
     '{"message": "\\u0000"}': "13: message: holds a NUL",

@@ -142,10 +142,16 @@ std::string DidYouMean(std::string_view word, const std::vector<std::string>& na
 
 std::string Printable(std::string_view text) {
   constexpr char kDigits[] = "0123456789abcdef";
+  // U+0080 to U+009F are control characters too.
+  const auto begins_c1 = [text](size_t i) {
+    return text[i] == '\xC2' && i + 1 < text.size() && (text[i + 1] & 0xE0) == 0x80;
+  };
   std::string printable;
-  for (const char c : text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
     const auto byte = static_cast<unsigned char>(c);
-    if (byte >= ' ' && byte != 0x7F) {
+    const bool is_c1 = begins_c1(i) || (i > 0 && begins_c1(i - 1));
+    if (byte >= ' ' && byte != 0x7F && !is_c1) {
       printable.push_back(c);
     } else if (c == '\n' || c == '\t' || c == '\r') {
       printable.append(c == '\n' ? "\\n" : c == '\t' ? "\\t" : "\\r");
