@@ -40,9 +40,8 @@ constexpr oxEventWord kPayloadModeWords[] = {{"native_json", kOxEventPayloadNati
                                              {"cloudevents", kOxEventPayloadCloudEvents},
                                              {"cloudevents_structured", kOxEventPayloadCloudEvents}};
 
-constexpr oxEventWord kSnmpVersionWords[] = {{"2c", kOxEventSnmpVersion2c},      {"v2c", kOxEventSnmpVersion2c},
-                                             {"snmpv2c", kOxEventSnmpVersion2c}, {"3", kOxEventSnmpVersion3},
-                                             {"v3", kOxEventSnmpVersion3},       {"snmpv3", kOxEventSnmpVersion3}};
+constexpr oxEventWord kSnmpVersionWords[] = {
+    {"2c", kOxEventSnmpVersion2c}, {"v2c", kOxEventSnmpVersion2c}, {"snmpv2c", kOxEventSnmpVersion2c}};
 
 constexpr oxEventSetting kCore[] = {
     {"enabled", &C::enabled, Form::kSwitch, "Off: every event is dropped."},

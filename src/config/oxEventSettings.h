@@ -34,7 +34,6 @@ constexpr uint32_t kOxEventPayloadNativeJson = 0;
 constexpr uint32_t kOxEventPayloadCloudEvents = 1;
 extern const oxEventWords g_oxEventSnmpVersionWords;  // Versions as messages have them.
 constexpr uint32_t kOxEventSnmpVersion2c = 1;         // RFC 1901, section 3.
-constexpr uint32_t kOxEventSnmpVersion3 = 3;          // RFC 3412, section 6.
 
 // What a value has to be.
 enum class oxEventSettingForm {

@@ -135,9 +135,9 @@ class oxEventSnmpTrapSink : public oxEventSink {
 };
 
 uint32_t CheckVersion(std::string_view version, std::string* error) {
-  const auto known = oxEventFindWord(g_oxEventSnmpVersionWords, version);
-  if (known == kOxEventSnmpVersion2c) return OXEVENT_OK;
-  if (known == kOxEventSnmpVersion3) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
+  constexpr oxEventWord kVersion3Words[] = {{"3", 3}, {"v3", 3}, {"snmpv3", 3}};  // Refused with a text of their own.
+  if (oxEventFindWord(g_oxEventSnmpVersionWords, version)) return OXEVENT_OK;
+  if (oxEventFindWord(kVersion3Words, version)) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
   return oxEventSetErrorText(oxEventErrors::kSnmpVersion, error);
 }
 

@@ -32,9 +32,7 @@ bool LacksUrl(const Sink& sink) { return !HasHttpScheme(sink.endpoint_url); }
 bool HasBadMode(const Sink& sink) {
   return !sink.payload_mode.empty() && !oxEventFindWord(g_oxEventPayloadModeWords, sink.payload_mode);
 }
-bool HasBadVersion(const Sink& sink) {
-  return oxEventFindWord(g_oxEventSnmpVersionWords, sink.version) != kOxEventSnmpVersion2c;
-}
+bool HasBadVersion(const Sink& sink) { return !oxEventFindWord(g_oxEventSnmpVersionWords, sink.version); }
 bool HasBadPort(const Sink& sink) { return sink.port > kMaxPort; }
 bool HasBadSnmpPort(const Sink& sink) { return sink.snmp_port > kMaxPort; }
 
