@@ -3,6 +3,7 @@
 
 A page is named by its file, docs/receivers/nginx.md "receivers-nginx", and its headings by that and GitHub's anchor.
 """
+import html
 import re
 import sys
 from pathlib import Path
@@ -41,7 +42,11 @@ def line_of_page(path, line):
     parts = re.split(r"(`[^`]*`)", line)  # Odd ones are code.
     for i in range(0, len(parts), 2):
         parts[i] = re.sub(r"\\(?![|])|@", r"\\\g<0>", parts[i])
-    line = "".join(parts)
+    for i in range(1, len(parts), 2):
+        if "\\|" in parts[i]:  # Doxygen would show the backslash.
+            parts[i] = f"<code>{html.escape(parts[i][1:-1], quote=False)}</code>"
+        parts[i] = re.sub(r"https?://", r"%\g<0>", parts[i])  # No link.
+    line = re.sub(r"(?<!%)https?://(?!\w)", r"%\g<0>", "".join(parts))
     line = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", line)  # Doxygen knows none with much in it.
     line = re.sub(r"!\[([^]]*)\]\(([^)]+)\)",
                   lambda m: f'<img src="{(path.parent / m[2]).resolve().relative_to(ROOT)}" alt="{m[1]}">', line)
