@@ -71,7 +71,8 @@ def table(rows):
     cells = [[cell.strip().replace("\\|", "|") for cell in re.split(r"(?<!\\)\|", row)[1:-1]] for row in rows]
     out = ".Bl -tag -width Ds\n"
     for term, meaning, *others in cells[2:]:
-        named = "".join(f" {title}: {cell.rstrip('.')}." for title, cell in zip(cells[0][2:], others) if cell)
+        titled = zip(cells[0][2:], others, strict=True)
+        named = "".join(f" {title}: {cell.rstrip('.')}." for title, cell in titled if cell)
         term = escape(term.strip("`")).replace('"', '""')
         out += f".It Cm \"{term}\"\n{lines(meaning + named)}\n"
     return out + ".El\n"

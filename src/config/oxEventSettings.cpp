@@ -55,7 +55,7 @@ constexpr oxEventSetting kState[] = {
     {"enabled", &C::state_enabled, Form::kSwitch, "Off: every event goes out as reported."},
     {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "Off: every event goes out as reported."},
     {"default_repeat_interval_sec", &C::default_repeat_interval_sec, Form::kSeconds,
-     "After this time the next report of a raised condition goes out again, as a repeat."},
+     "After this time the next report of a raised condition goes out again, a raise as a repeat. 0: each report does."},
     {"send_clear", &C::send_clear, Form::kSwitch, "Whether the clear of a raised condition goes out."},
     {"route_orphan_clear", &C::route_orphan_clear, Form::kSwitch,
      "Whether the clear of a condition that is not raised goes out."}};
@@ -166,9 +166,10 @@ using Type = oxEventSinkType;
 constexpr oxEventSection kSections[] = {
     {"core", nullptr, {}, "Which events are taken, and the queue.", kCore},
     {"state", nullptr, {}, "Raised conditions: duplicates, repeats, clears.", kState},
-    {"sink\\csv", "default", Type::kCsv, "A file of comma-separated values (RFC 4180).", kCsv},
+    {"sink\\csv", "default", Type::kCsv,
+     "A file of comma-separated values (RFC 4180, but lines end in a single line feed).", kCsv},
     {"sink\\syslog\\udp", "default", Type::kSyslogUdp,
-     "RFC 5424 messages over UDP, with all fields in the structured data velmora@32473.", kSyslogUdp},
+     "RFC 5424 messages over UDP, with all fields but the message in the structured data velmora@32473.", kSyslogUdp},
     {"sink\\native", "main", Type::kNative, "The system log of this machine.", kNative},
     {"sink\\cloudevents\\http", "default", Type::kCloudEventsHttp,
      "CloudEvents 1.0 in structured mode, one POST per event, without further tries; TLS is never verified.",

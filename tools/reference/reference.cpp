@@ -65,8 +65,8 @@ the first counts.
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number is decimal, without white space; any other text is replaced by the default. A line end within a value is written
-`&#10;`. Secrets stand in the file in clear: its mode is the host's to set.
+A number is decimal, without white space; any other text is replaced by the default. Of a text the first 2047 bytes count.
+A line end within a value is written `&#10;`. Secrets stand in the file in clear: its mode is the host's to set.
 )";
 
 void PrintSettings() {
@@ -80,7 +80,7 @@ void PrintSettings() {
     if (has_instances) Print(" Where there is none, " + Code(section.default_instance) + " is made.");
     Print("\n\n| Value | Meaning | Takes | Default |\n|---|---|---|---|\n");
     for (const oxEventSetting& setting : section.settings) {
-      Print("| " + Code(setting.name) + " | " + Cell(setting.meaning) + " | " + TakesOf(setting) + " | " +
+      Print("| " + Code(setting.name) + " | " + Cell(setting.meaning) + " | " + Cell(TakesOf(setting)) + " | " +
             Code(oxEventSettingDefault(setting)) + " |\n");
     }
   }
