@@ -168,7 +168,8 @@ inline constexpr Entry kTable[] = {
      "oxEventShutdown could not deliver everything that was queued within 5 s, or was called in a callback while "
      "events "
      "were queued, and has discarded the rest. With OXEVENT_NOT_INITIALIZED: the process began to exit meanwhile. The "
-     "library is shut down all the same.",
+     "library is shut down all the same. Where the last flush or reload before it has failed, that one's text comes "
+     "instead of this.",
      "Look for a sink that is slow: a webhook's request_timeout_ms and retry_count, a callback. Where all events must "
      "go "
      "out, let the host call oxEventFlush(0) before oxEventShutdown."},
@@ -289,9 +290,9 @@ inline constexpr Entry kTable[] = {
      "The settings file is missing, cannot be read by the process's user, is no regular file, is over 64 MiB, or is "
      "not "
      "such an XML file. It has not been changed.",
-     "Look with namei -l PATH whether the file is there and the process's user may read it, and with xmllint --noout "
-     "PATH whether it is XML; its root element is config. A relative path counts from the process's working folder. An "
-     "empty file will do: the library completes it."},
+     "Look with namei -l PATH whether the file is there and the process's user may read it, and with oxevent-check "
+     "PATH where it is not such XML; its root element is config. A relative path counts from the process's working "
+     "folder. An empty file will do: the library completes it."},
     {kNotAboveZero,
      Met::kCall,
      "{setting} must be greater than zero",
@@ -502,20 +503,20 @@ inline constexpr Entry kTable[] = {
      "there; "
      "the next is tried anew.",
      "The number is errno's: 101 and 113 there is no way to the collector (ip route get ADDRESS), 1 a packet filter of "
-     "this machine refuses it (nft list ruleset), 13 the address is a broadcast address, 90 the datagram is too large, "
-     "9 and 88 the host has closed a descriptor that is the library's, 105 the network's queue is full."},
+     "this machine refuses it (nft list ruleset), 13 the address is a broadcast address, 99 the machine has no address "
+     "of its kind (IPv6 switched off: give an IPv4 address), 90 the datagram is too large, 9 and 88 the host has "
+     "closed a descriptor that is the library's, 105 the network's queue is full."},
     {kWebhookPost,
      Met::kDelivery,
      "oxEvent webhook POST failed: {endpoint_url}",
      {OXEVENT_FAILURE},
      "The endpoint did not accept an event within request_timeout_ms (below sink\\cloudevents\\http: timeout_ms): its "
-     "name "
-     "was not found, there was no connection, its certificate is not trusted, its answer was no 2xx, or a token of the "
-     "section holds a line end. With retry_count 4294967295 there is no try at all. After the last try the event is "
-     "lost there; the next is tried anew.",
-     "Try curl -v -H 'Content-Type: application/json' -d '{}' URL on that machine, as the process's user, with "
-     "the header lines and the token of the section. Where the endpoint is slow or away for moments, set "
-     "request_timeout_ms, retry_count and backoff_ms."},
+     "URL is malformed, its name was not found, there was no connection (within connect_timeout_ms), its certificate "
+     "is not trusted, its answer was no 2xx, or a token of the section holds a line end. With retry_count 4294967295 "
+     "there is no try at all. After the last try the event is lost there; the next is tried anew.",
+     "Try curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on that machine, as the process's "
+     "user, with the header lines and the token of the section. Where the endpoint is slow or away for moments, set "
+     "connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
     {kSnmpTrapOid,
      Met::kDelivery,
      "Invalid SNMP trap_oid: {oid}",
@@ -550,9 +551,9 @@ inline constexpr Entry kTable[] = {
      "next is tried anew.",
      "The number is errno's: 101 and 113 there is no way to the manager (ip route get ADDRESS), 1 a packet filter of "
      "this "
-     "machine refuses it (nft list ruleset), 13 the address is a broadcast address, 90 the datagram is too large, 9 "
-     "and "
-     "88 the host has closed a descriptor that is the library's, 105 the network's queue is full."},
+     "machine refuses it (nft list ruleset), 13 the address is a broadcast address, 99 the machine has no address of "
+     "its kind (IPv6 switched off: give an IPv4 address), 90 the datagram is too large, 9 and 88 the host has closed a "
+     "descriptor that is the library's, 105 the network's queue is full."},
 
     {kCallbackFailed,
      Met::kNever,
