@@ -90,6 +90,7 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  *
  * OXEVENT_INVALID_ARGUMENT: path null or empty, file unreadable, a setting refused (the text says why).
  * OXEVENT_ALREADY_INITIALIZED: initialized before, or another thread's oxEventShutdown has not returned yet.
+ * OXEVENT_NOT_INITIALIZED: the process is exiting.
  * OXEVENT_FAILURE: a sink could not be opened, no memory, no thread. After a failure nothing runs; one that comes after
  * the sinks were opened forgets the callbacks, as a shutdown does.
  */
@@ -128,7 +129,8 @@ OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, c
 
 /*
  * Waits until all queued events are delivered, at most timeout_ms milliseconds (0: without limit), then flushes the
- * sinks, which get the same time again.
+ * sinks, which get the same time again. Only a write to a CSV file that hangs, as one to a pipe that nobody reads, may
+ * take longer.
  *
  * From a callback it does not wait, since nobody else could deliver: with events queued it fails at once.
  *
@@ -138,8 +140,9 @@ OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, c
 OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 
 /*
- * Loads the settings anew and puts them into force; queued events, raised conditions and callbacks stay. config_path
- * null or empty: the file of the last successful oxEventInitialize or oxEventReloadConfig.
+ * Loads the settings anew and puts them into force; raised conditions and callbacks stay, and of the queued events as
+ * many as the new queue_size holds. config_path null or empty: the file of the last successful oxEventInitialize or
+ * oxEventReloadConfig.
  *
  * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as oxEventInitialize; the old settings then stay in force.
  * OXEVENT_NOT_INITIALIZED.
