@@ -27,12 +27,12 @@ Without --rate events are reported as fast as they are delivered, and none is lo
 With it they keep their time, and a full queue drops by its drop_policy.
 
 Which conditions are raised is known to one run alone, and each begins with none: a raise goes out, a
-second one in the same run is suppressed as a duplicate, and a clear is suppressed unless its raise was
-in the same run or state\route_orphan_clear is on.
+second one in the same run is suppressed as a duplicate for state\default_repeat_interval_sec, and a
+clear is suppressed unless its raise was in the same run or state\route_orphan_clear is on.
 
 What was sent by UDP or handed to the system log need not have arrived: neither tells. The Alertmanager
-sink sends nothing itself. A CSV file whose writes hang, as a pipe that nobody reads, holds the tool up
-whatever --wait says.
+sink sends nothing itself. A CSV file whose writes hang, as a pipe that nobody reads, can hold the tool
+up whatever --wait says.
 
 SIGHUP, SIGINT and SIGTERM end the reporting; what is queued is delivered, and the process ends by the
 signal. A second one ends it at once.

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "common/command_line.h"
 #include "common/remedy.h"
@@ -56,7 +57,9 @@ class Reporter {
       case oxEventDrop::kDisplaced:
         return "the queue was full, and a newer event took the place";
       case oxEventDrop::kSuppressed:
-        return "suppressed by the state, as a duplicate, or as the clear or repeat of what was not raised in this run";
+        return std::string("suppressed by the state, as a duplicate, ") +
+               (config_.send_clear ? "" : "as a clear (state\\send_clear is off), ") +
+               "or as the clear or repeat of what was not raised in this run";
       default:
         return oxEventDropText(reason);
     }
@@ -81,8 +84,8 @@ class Reporter {
   // No more than the sink knows itself.
   static std::string WhatBecame(const oxEventSinkConfig& sink) {
     const auto datagrams = [](const std::string& host, uint32_t port, uint32_t usual_port) {
-      return " sent to " + host + " port " + std::to_string(port == 0 ? usual_port : port) +
-             " by UDP, which does not tell whether they arrived";
+      return " sent to " + oxEventOrDefault(host, "127.0.0.1") + " port " +
+             std::to_string(port == 0 ? usual_port : port) + " by UDP, which does not tell whether they arrived";
     };
     switch (sink.type) {
       case oxEventSinkType::kCsv:
