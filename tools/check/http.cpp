@@ -120,11 +120,13 @@ class Rules {
         {"user-agent", "the sink sends one of its own; this would be a second"},
         {"x-oxevent-tls-verify", "the setting tls_verify counts; this line is passed over"},
         {"x-oxevent-connect-timeout-ms", "the setting connect_timeout_ms counts; this line is passed over"}};
+    size_t number = 0;
     for (const std::string& line : LinesOf(value.text)) {
+      ++number;
       const std::string name = HeaderName(line);
-      if (name.empty()) {
+      if (name.empty()) {  // The line may be a secret, which no output shows.
         Warn("bad-header", value.setting->name,
-             "a line without a name and a colon is passed over: line " + Numbered(value, line),
+             "a line without a name and a colon is passed over: line " + std::to_string(number),
              "Write NAME: VALUE, with a line end or | between two lines, and no | within one.");
       } else if (!IsToken(name)) {
         Warn("bad-header", value.setting->name, Quoted(name) + " is no name for a header line",
@@ -135,12 +137,6 @@ class Rules {
           Warn("reserved-header", value.setting->name, name + ": " + rule.text, "Remove the line.");
       }
     }
-  }
-
-  // Its text may be a secret, which no output shows.
-  static std::string Numbered(const Value& value, const std::string& line) {
-    const std::vector<std::string> lines = LinesOf(value.text);
-    return std::to_string(std::find(lines.begin(), lines.end(), line) - lines.begin() + 1);
   }
 
   void CheckToken(const Value& token) {

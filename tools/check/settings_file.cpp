@@ -40,6 +40,7 @@ std::string Folded(std::string_view word) {
 
 // In this program a save ends here, and the file stays as it is.
 bool oxCFGFile::Replace(std::string_view bytes) {
+  if (bytes.size() > kMaxBytes) return false;  // As the store's own, which leaves the file as it is then.
   *g_replacement = bytes;
   return true;
 }

@@ -116,6 +116,9 @@ class Walk {
       if (meant.empty() && IsKey(child) && !IsOurs(path) && Fits(known, child))
         meant = "; did you mean " + known.name + "?";
     }
+    if (meant.empty() && !IsOurs(path) && place.Find(name.substr(0, name.find_first_of("/."))) != nullptr) {
+      meant = "; each key of a path is an element of its own";
+    }
     const oxEventSection* const resembled = IsKey(child) ? Resembled(child) : nullptr;
     const std::string whole = Join(path, name);
     const Place* const fitting = IsKey(child) ? FindFitting(place, child) : nullptr;

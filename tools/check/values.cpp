@@ -133,7 +133,8 @@ class Rules {
       case Form::kUrl:
         if (!HasHttpScheme(text)) return;  // For which the sink would not start, as CheckSinks tells.
         if (const std::string fault = UrlFault(text); !fault.empty()) {
-          Warn("bad-url", Quoted(text) + " is no URL of http or https: " + fault, "Such as https://HOST:PORT/PATH.");
+          const std::string shown = text.find('@') == text.npos ? Quoted(text) + " " : "";  // Before it are passwords.
+          Warn("bad-url", shown + "is no URL of http or https: " + fault, "Such as https://HOST:PORT/PATH.");
         }
         return;
       case Form::kUriReference:
@@ -156,8 +157,11 @@ class Rules {
       case Form::kPath:
         if (std::error_code failure; text.back() == '/' || std::filesystem::is_directory(text, failure)) {
           Warn("bad-path", Quoted(text) + " names a folder", "Give the file's whole path.");
+        } else if (text.starts_with("~/") || text.starts_with("file:") || text.find('$') != text.npos) {
+          Warn("bad-path", Quoted(text) + " is taken as it stands: no ~, no variable, no URL is resolved",
+               "Give the file's whole path.");
         }
-        return;
+        return CheckCharacters();
       default:
         CheckCharacters();
     }
