@@ -371,7 +371,16 @@ def _report_failure():
     failure, _failure = _failure, None
     if failure is not None:
         function, error = failure
-        raise OxEventError(Result.FAILURE, f"callback {function!r} raised {error!r}") from error
+        text = f"callback {_shown(repr, function)} raised {_shown(repr, error)}"
+        raise OxEventError(Result.FAILURE, text) from error
+
+
+def _shown(convert, value):
+    """repr or str of an object of the host's, which may fail: what is to be told is told all the same."""
+    try:
+        return convert(value)
+    except Exception:
+        return object.__repr__(value)
 
 
 # Arguments on their way to C.
@@ -527,14 +536,15 @@ class OxEventHandler(logging.Handler):
 
     def _details(self, record):
         details = {}
+        formatter = self.formatter or logging.Formatter()
         if record.exc_info and record.exc_info[0]:
             kind, error = record.exc_info[:2]
-            traceback = self.formatter.formatException(record.exc_info)
-            details = {"exception": f"{kind.__name__}: {error}", "traceback": traceback}
+            traceback = formatter.formatException(record.exc_info)
+            details = {"exception": f"{kind.__name__}: {_shown(str, error)}", "traceback": traceback}
         elif record.exc_text:
             details = {"traceback": record.exc_text}
         if record.stack_info:
-            details["stack"] = self.formatter.formatStack(record.stack_info)
+            details["stack"] = formatter.formatStack(record.stack_info)
         return details
 
 
