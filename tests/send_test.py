@@ -103,6 +103,10 @@ class Test(unittest.TestCase):
         error = self.send(1, ["m"], (), {"sink\\csv\\default": {"enabled": 1, "path": self.folder.name + "/x.csv", "minimum_severity": "error"}})[1]
         self.assertIn("went nowhere: 1", error)
         self.assertIn("dropped: 1, below core\\minimum_severity", self.send(1, "m --severity 0".split())[1])
+        held = {"state": {"send_clear": 0}, "sink\\syslog\\udp\\u": {"enabled": 1, "host": ""}}
+        lines = ['{"message": "m", "action": "raise"}', '{"message": "m", "action": "clear"}']
+        out, error, _ = self.send(1, ["-"], lines, held)
+        self.assertRegex(out + error, r"udp\\u: 1 sent to 127\.0\.0\.1 port 5140 (?s:.*)send_clear is off")
 
     def test_a_signal_ends_it_with_what_was_reported(self):
         process = self.start(["-"])

@@ -287,12 +287,12 @@ inline constexpr Entry kTable[] = {
      Met::kCall,
      "Unable to open oxEvent config: {path}",
      {OXEVENT_INVALID_ARGUMENT},
-     "The settings file is missing, cannot be read by the process's user, is no regular file, is over 64 MiB, or is "
-     "not "
-     "such an XML file. It has not been changed.",
+     "The settings file is missing, cannot be read by the process's user, is no regular file, is over 64 MiB, or is no "
+     "such XML file; or the process has no descriptor or no memory left. The file has not been changed.",
      "Look with namei -l PATH whether the file is there and the process's user may read it, and with oxevent-check "
      "PATH where it is not such XML; its root element is config. A relative path counts from the process's working "
-     "folder. An empty file will do: the library completes it."},
+     "folder. An empty file will do: the library completes it. Of a running process look at its descriptors too: ls "
+     "/proc/PID/fd | wc -l and /proc/PID/limits."},
     {kNotAboveZero,
      Met::kCall,
      "{setting} must be greater than zero",
