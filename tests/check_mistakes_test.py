@@ -11,7 +11,7 @@ SEVERITIES = [["debug", "0"], ["info", "Information", "1"], ["warning", "WARN", 
 FACILITIES = "kern user mail daemon auth security authpriv cron ftp local0 local3 LOCAL7".split()
 HOSTS = ["127.0.0.1", "::1", "10.20.30.40", "collector.plant.example", "localhost"]
 URLS = ["http://127.0.0.1:8080/events", "https://hooks.plant.example/a/b?c=d&e=f", "HTTP://[::1]:9000/", "https://h"]
-OIDS = ["1.3.6.1.4.1.32473.1.1", "1.3.6.1.4.1.32473.9", "2.100.3"]
+OIDS = ["1.3.6.1.4.1.32473.1.1", "1.3.6.1.4.1.32473.9", "2.47.3"]
 SOURCES = ["/oxEvent", "//plant-7.example/packer?run=17", "urn:uuid:6e8bc430-9c3a-11d9-9669-0800200c9a66", "a%20b"]
 HEADERS = ["X-Plant: 7", "X-A: 1|X-B: two words", "Authorization: Bearer abc"]
 TEXTS = ["packer", "Line 7", "é€𝄞", "a&b <c> \"d\""]
@@ -257,7 +257,7 @@ WORDS = ["maybe", "ture", "y", "2x", "onn"]
 BAD_URLS = ["htp://h/", "http:/h/", "http//h", "ftp://h/", "h.example/events", "http://", "http://h:99999/",
     "http://a b/",
             "https://:443/", "http://h:80a/"]
-BAD_OIDS = ["1.3.6..1", "1.3.6.a", "3.1.2", "1.40.1", ".1.3.6.1", "1.3.6.1.4.1.4294967296", "1", "1.3.6.1.",
+BAD_OIDS = ["1.3.6..1", "1.3.6.a", "3.1.2", "2.48.3", "1.40.1", ".1.3.6.1", "1.3.6.1.4.1.4294967296", "1", "1.3.6.1.",
     "iso.3.6", "1 3 6"]
 BAD_URIS = ["a b", "//host/ü x", "http://[", "%zz", "<plant>", "a\\b"]
 MISTAKES = [

@@ -101,9 +101,9 @@ std::string OidFault(std::string_view text) {
   std::string encoded;
   if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "every event to this sink fails";
   const std::string second(text.substr(2, text.find('.', 2) - 2));
-  // Both share one byte.
-  if (text.starts_with("2.") && (second.size() > 3 || std::stoul(second) > 175))
-    return "the traps carry 2.0 to 2.175 only";
+  // Both share one byte, whose highest bit would say that the number goes on (X.690, section 8.19.2).
+  if (text.starts_with("2.") && (second.size() > 3 || std::stoul(second) > 47))
+    return "the traps carry 2.0 to 2.47 only";
   return "";
 }
 
