@@ -130,7 +130,7 @@ class Test(unittest.TestCase):
                            (f'<key name="Events">{core}</key>', 1), (f'<key name="QVX">\n<key name="Alarms">{core}</key></key>', 2),
                            ('<key name="QVX/Events/core"/>', 1), ('<key name="QVX">\n<key name="Events.core"/></key>', 2),
                            ('<key name="QVX"/>\n<key name="QVX"/>', 2), ('<value name="QVX">1</value>', 1),
-                           ('<key name="Host"><key name="Events"/>text</key><key name="core"><value name="speed">1</value></key>', 0)):
+                           ('<key name="Host"><key name="Events"/>text</key><key name="QVX.Player"/><key name="core"><value name="speed">1</value></key>', 0)):
             self.write(f"<config>{text}</config>")
             found = json.loads(self.run_tool("--json", "f.xml").stdout)
             self.assertEqual([f["line"] for f in found], [line] if line else [])

@@ -109,6 +109,15 @@ class Walk {
     });
   }
 
+  // As in QVX/Events/core. Two of its keys tell it from another program's name.
+  static bool IsPathBelow(const Place& place, std::string_view name) {
+    const size_t end = std::min(name.find_first_of("/."), name.size());
+    const Place* const first = place.Find(name.substr(0, end));
+    if (first == nullptr || end == name.size()) return false;
+    name.remove_prefix(end + 1);
+    return first->Find(name.substr(0, name.find_first_of("/."))) != nullptr;
+  }
+
   // A key or a value in a place that holds only certain keys.
   void CheckUnknown(const Place& place, pugi::xml_node child, const std::string& path, const std::string& name) {
     std::string meant = Suggestion(name, NamesOf(place.below));
@@ -116,7 +125,7 @@ class Walk {
       if (meant.empty() && IsKey(child) && !IsOurs(path) && Fits(known, child))
         meant = "; did you mean " + known.name + "?";
     }
-    if (meant.empty() && !IsOurs(path) && place.Find(name.substr(0, name.find_first_of("/."))) != nullptr) {
+    if (meant.empty() && !IsOurs(path) && IsPathBelow(place, name)) {
       meant = "; each key of a path is an element of its own";
     }
     const oxEventSection* const resembled = IsKey(child) ? Resembled(child) : nullptr;
