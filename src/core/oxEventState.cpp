@@ -43,7 +43,7 @@ void oxEventState::Reset() {
 
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
   if (out == nullptr || route == nullptr) return OXEVENT_INVALID_ARGUMENT;
-  *out = event;
+  if (out != &event) *out = event;
   *route = true;
   oxEventLock lock(mutex_);
   if (!state_enabled_ || !dedupe_enabled_) return OXEVENT_OK;
@@ -105,7 +105,7 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
     BuildKey(event, &key_);
     key = key_;
   }
-  const uint64_t hash = oxEventActiveTable::Hash(key);
+  const uint64_t hash = active_.Hash(key);
   active_.Prefetch(hash);
   const bool update = action == Action::kUpdate;
   if (update) BuildSignature(event, &signature_);  // While the slot comes.
