@@ -171,24 +171,12 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
 
 oxEventNormalizedEvent* oxEventQueue::WaitPop() {
   if (!active_.IsEmpty()) active_.Front().event.ReleaseLongTexts();
-  for (bool completed = false;; completed = true) {
-    FreeItems surplus;
-    {
-      oxEventLock lock(mutex_);
-      if (!completed) CompleteActiveEventLocked();
-      while (PendingLocked() == 0 && surplus.Size() == 0) {
-        if (stop_requested_) return nullptr;
-        RestLocked(&surplus);
-      }
-      if (PendingLocked() != 0) {
-        nap_first_ = true;
-        active_.PushBack(OldestLocked().PopFront());
-        ++active_count_;
-        return &active_.Back().event.Get();
-      }
-    }
-    ReleaseSurplus(&surplus);
+  {
+    oxEventLock lock(mutex_);
+    CompleteActiveEventLocked();
+    if (PendingLocked() != 0) return TakeOldestLocked();
   }
+  return WaitForEvent();
 }
 
 void oxEventQueue::CompleteActiveEvent() {
@@ -288,6 +276,28 @@ void oxEventQueue::CompleteActiveEventLocked() {
 oxEventQueue::Spare oxEventQueue::NewItem() {
   void* const memory = memory_.Allocate(sizeof(Item));
   return Spare(memory != nullptr ? new (memory) Item(&memory_) : nullptr);
+}
+
+oxEventNormalizedEvent* oxEventQueue::TakeOldestLocked() {
+  nap_first_ = true;
+  active_.PushBack(OldestLocked().PopFront());
+  ++active_count_;
+  return &active_.Back().event.Get();
+}
+
+oxEventNormalizedEvent* oxEventQueue::WaitForEvent() {
+  while (true) {
+    FreeItems surplus;
+    {
+      oxEventLock lock(mutex_);
+      while (PendingLocked() == 0 && surplus.Size() == 0) {
+        if (stop_requested_) return nullptr;
+        RestLocked(&surplus);
+      }
+      if (PendingLocked() != 0) return TakeOldestLocked();
+    }
+    ReleaseSurplus(&surplus);
+  }
 }
 
 // Waits for an event or a stop; may return early. The caller has checked that nothing is pending. When the queue has

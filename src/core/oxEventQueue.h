@@ -116,6 +116,8 @@ class oxEventQueue {
   bool AppendLocked(Spare* item, bool full) OX_REQUIRES(mutex_);
   bool FillsLocked() const OX_REQUIRES(mutex_) { return PendingLocked() > 0 && PendingLocked() >= capacity_ / 2; }
   Spare NewItem();
+  oxEventNormalizedEvent* TakeOldestLocked() OX_REQUIRES(mutex_);
+  oxEventNormalizedEvent* WaitForEvent() OX_EXCLUDES(mutex_);
   void RestLocked(FreeItems* surplus) OX_REQUIRES(mutex_);
   void ReleaseSurplus(FreeItems* surplus) OX_EXCLUDES(mutex_);
   void CompleteActiveEventLocked() OX_REQUIRES(mutex_);
