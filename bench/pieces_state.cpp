@@ -1,9 +1,10 @@
 // The state by itself: each action, with a table that the caches hold and with one that they do not.
-#include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -33,10 +34,11 @@ constexpr Report kReports[] = {{"raise_suppressed", "raise", false, false, nullp
                                {"update_same", "update", false, false, nullptr},
                                {"repeat_elapsed", "repeat", true, false, "repeat"}};
 
-// In use by the heap, its own overhead included.
-size_t HeapBytes() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
+// Resident memory of the process.
+size_t ResidentBytes() {
+  size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
 // A state with so many raised conditions, and a quarter as many that are not. They are visited in an order that has
@@ -123,10 +125,10 @@ Conditions::Conditions(uint32_t raised) : raised_(raised), conditions_(raised + 
   std::iota(by_number.begin(), by_number.end(), 0);
   std::sort(by_number.begin(), by_number.end(), [&](uint32_t a, uint32_t b) { return numbers[a] < numbers[b]; });
 
-  const size_t before = HeapBytes();
+  const size_t before = ResidentBytes();
   bool good = true;
   for (const uint32_t i : by_number) good &= Evaluate({"", "raise", false, false, "raise"}, &conditions_[i]);
-  bytes_ = HeapBytes() - before;
+  bytes_ = ResidentBytes() - before;
   if (!good) abort();
 }
 

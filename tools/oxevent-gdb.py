@@ -15,7 +15,6 @@ HEAD_SIZE = 4096  # The first page has the build id.
 SEVERITIES = ('debug', 'info', 'warning', 'error')
 TEXT_SHOWN = 200  # Bytes.
 SUMMARY_LINES = 5
-SLOTS_AT_ONCE = 1 << 16
 
 
 def fail(text):
@@ -166,9 +165,23 @@ def utc(ns):
         return f'{ns} ns'
 
 
+def segments(table):
+    """The memory of their slots. Entries of the directory that share a segment follow one another."""
+    segment = gdb.lookup_type('oxEventActiveTable::Segment')
+    # A unique_ptr is one pointer.
+    directory = table['directory_'].address.cast(segment.pointer().pointer().pointer()).dereference()
+    depth = int(table['depth_'])
+    entry = 0
+    while directory and entry < 1 << depth:
+        one = directory[entry]
+        slots = one['slots']
+        yield memory(slots.address, slots.type.sizeof)
+        entry += 1 << max(0, depth - int(one['depth']))
+
+
 def raised(table):
-    """Keys and times, a block of slots at a time: there may be a million."""
-    slot = table['slots_'].dereference().type
+    """Keys and times, a segment at a time: there may be a million."""
+    slot = gdb.lookup_type('oxEventActiveTable::Condition')
     at = {f.name: f.bitpos // 8 for f in slot.fields() if hasattr(f, 'bitpos')}
     start_size = slot['start'].type.sizeof
     texts = slot['texts'].type.target()
@@ -177,9 +190,7 @@ def raised(table):
     def word(raw, offset):
         return int.from_bytes(raw[offset:offset + 8], 'little')
 
-    count, first = int(table['slot_count_']), int(table['slots_'])
-    for begin in range(0, count, SLOTS_AT_ONCE):
-        block = memory(first + begin * slot.sizeof, min(SLOTS_AT_ONCE, count - begin) * slot.sizeof)
+    for block in segments(table):
         for i in range(0, len(block), slot.sizeof):
             one = block[i:i + slot.sizeof]
             texts_at = word(one, at['texts'])

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "base/oxEventSlab.h"
+
 namespace {
 
 constexpr size_t kLongText = 4096;  // Bytes.
@@ -53,14 +55,17 @@ bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
   return SizeOfTexts(event) <= capacity_;
 }
 
-void oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
+bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
   if (const size_t size = SizeOfTexts(from); size > capacity_) {
     const size_t capacity = std::bit_ceil(size);  // So that events of all sizes soon fit.
-    texts_ = std::make_unique_for_overwrite<char[]>(capacity);
+    void* const texts = memory_->Allocate(capacity);
+    if (texts == nullptr) return false;
+    ReleaseTexts();
+    texts_ = static_cast<char*>(texts);
     capacity_ = capacity;
   }
   event_ = from;
-  char* at = texts_.get();
+  char* at = texts_;
   for (const auto text : kTexts) {
     const std::string_view source = from.*text;
     std::memcpy(at, source.data(), source.size());
@@ -68,11 +73,21 @@ void oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
     event_.*text = {at, source.size()};
     at += source.size() + 1;
   }
+  return true;
 }
 
 void oxEventStoredEvent::ReleaseLongTexts() {
+  if (capacity_ <= kLongText) return;  // None can be that long.
   const auto is_long = [this](auto text) { return (event_.*text).size() > kLongText; };
-  if (std::any_of(std::begin(kTexts), std::end(kTexts), is_long)) *this = {};
+  if (!std::any_of(std::begin(kTexts), std::end(kTexts), is_long)) return;
+  event_ = {};
+  ReleaseTexts();
+}
+
+void oxEventStoredEvent::ReleaseTexts() {
+  if (texts_ != nullptr) memory_->Free(texts_, capacity_);
+  texts_ = nullptr;
+  capacity_ = 0;
 }
 
 void oxEventReleaseLongText(std::string* text) {

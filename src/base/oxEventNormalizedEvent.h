@@ -2,11 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "oxEvent.h"
+
+class oxEventSharedSlab;
 
 // A normalized event: every default applied, a definite event id and time stamps. Its texts belong to someone else, and
 // behind each stands a NUL.
@@ -39,22 +40,34 @@ struct oxEventNormalizedEvent {
 // A copy of a normalized event, with the texts in one block of memory that serves the next event too.
 class oxEventStoredEvent {
  public:
+  // `memory`: for the texts; outlives this.
+  explicit oxEventStoredEvent(oxEventSharedSlab* memory) : memory_(memory) {}
+  ~oxEventStoredEvent() { ReleaseTexts(); }
+  oxEventStoredEvent(const oxEventStoredEvent&) = delete;
+  oxEventStoredEvent& operator=(const oxEventStoredEvent&) = delete;
+
   // Whether Assign will do without more memory.
   bool HasRoomFor(const oxEventNormalizedEvent& event) const;
 
-  // Throws when there is no memory; then nothing has changed.
-  void Assign(const oxEventNormalizedEvent& from);
+  // False: no memory, and nothing has changed.
+  [[nodiscard]] bool Assign(const oxEventNormalizedEvent& from);
 
   // Valid until the next Assign or ReleaseLongTexts.
   const oxEventNormalizedEvent& Get() const { return event_; }
+  oxEventNormalizedEvent& Get() { return event_; }
 
   // Forgets the event, and gives the memory back, if a text is of uncommon length: over 4 KiB.
   void ReleaseLongTexts();
 
+  oxEventSharedSlab* Memory() const { return memory_; }
+
  private:
+  void ReleaseTexts();
+
   oxEventNormalizedEvent event_;
-  std::unique_ptr<char[]> texts_;
+  char* texts_ = nullptr;
   size_t capacity_ = 0;  // Of texts_.
+  oxEventSharedSlab* const memory_;
 };
 
 // The same for a text that is kept for reuse.

@@ -8,8 +8,10 @@
 namespace {
 
 constexpr size_t kLineSize = 64;
-constexpr size_t kLeastSlots = 1024;    // 64 KiB: kept for the next conditions, however few are left.
-constexpr uint8_t kMostLinesKept = 64;  // Of texts that have gone: 4 KiB.
+constexpr uint8_t kMostLinesKept = 64;  // Of texts that have become far shorter: 4 KiB.
+// The hash spreads conditions evenly, so the directory has a few entries for each segment. Where it has so many more,
+// the hashes are not what they should be, and a segment is filled instead of split.
+constexpr size_t kMostEntriesPerSegment = 64;
 
 // What follows the head of a block.
 char* Bytes(auto* texts) { return reinterpret_cast<char*>(texts + 1); }
@@ -17,15 +19,20 @@ const char* Bytes(const auto* texts) { return reinterpret_cast<const char*>(text
 
 }  // namespace
 
+void oxEventActiveTable::Prefetch(uint64_t hash) const {
+  if (directory_ != nullptr) __builtin_prefetch(&directory_[Entry(hash)]->slots[Home(hash)]);
+}
+
 void oxEventActiveTable::PrefetchTexts(const Condition* condition) {
   const char* const begin = reinterpret_cast<const char*>(condition->texts);
   for (size_t i = 0; i < condition->texts_lines; ++i) __builtin_prefetch(begin + i * kLineSize);
 }
 
 oxEventActiveTable::Condition* oxEventActiveTable::Find(uint64_t hash, std::string_view key) const {
-  if (slot_count_ == 0) return nullptr;
-  for (size_t i = Home(hash); slots_[i].texts != nullptr; i = Next(i)) {
-    if (slots_[i].hash == hash && HasKey(slots_[i], key)) return &slots_[i];
+  if (directory_ == nullptr) return nullptr;
+  Condition* const slots = directory_[Entry(hash)]->slots;
+  for (size_t i = Home(hash); slots[i].texts != nullptr; i = Next(i)) {
+    if (slots[i].hash == hash && HasKey(slots[i], key)) return &slots[i];
   }
   return nullptr;
 }
@@ -37,15 +44,20 @@ std::string_view oxEventActiveTable::Signature(const Condition* condition) {
 
 void oxEventActiveTable::Insert(uint64_t hash, std::string_view key, std::string_view signature,
                                 uint64_t last_sent_ns) {
-  if (count_ >= slot_count_ / 4 * 3 && !Resize(std::max(kLeastSlots, slot_count_ * 2))) throw std::bad_alloc();
+  constexpr size_t kSplitAt = kSlots / 4 * 3;
+  if (directory_ == nullptr && !CreateDirectory()) throw std::bad_alloc();
+  if (directory_[Entry(hash)]->count >= kSplitAt) Split(hash);  // Without memory the segment becomes fuller.
+  Segment* const segment = directory_[Entry(hash)];
+  if (segment->count == kSlots - 1) throw std::bad_alloc();  // A free slot ends each search.
   const std::string_view start = key.substr(0, Condition::kStartSize), rest = key.substr(start.size());
-  Texts* const texts = TakeTexts(rest.size() + signature.size());
-  Condition* const condition = FreeSlot(hash);
+  Texts* const texts = NewTexts(rest.size() + signature.size());
+  Condition* const condition = FreeSlot(segment, hash);
   SetTexts(condition, texts, rest, signature);
   condition->last_sent_ns = last_sent_ns;
   condition->hash = hash;
   condition->start_size = static_cast<uint8_t>(std::min(key.size(), Condition::kStartSize + 1));
   std::memcpy(condition->start, start.data(), start.size());
+  ++segment->count;
   ++count_;
 }
 
@@ -56,7 +68,7 @@ void oxEventActiveTable::Update(Condition* condition, std::string_view signature
   const bool far_too_large = condition->texts_lines > kMostLinesKept && size <= texts->capacity / 2;
   if (size > texts->capacity || far_too_large) {
     SetTexts(condition, NewTexts(size), rest, signature);
-    ::operator delete(texts);
+    FreeTexts(texts);
   } else {
     SetSignature(texts, signature);
   }
@@ -65,40 +77,47 @@ void oxEventActiveTable::Update(Condition* condition, std::string_view signature
 
 void oxEventActiveTable::Remove(Condition* condition) {
   Texts* const texts = condition->texts;
-  const bool keep = spare_count_ < spare_.size() && condition->texts_lines <= kMostLinesKept;
-  if (keep) PrefetchTexts(condition);
+  const uint64_t hash = condition->hash;
+  Segment* const segment = directory_[Entry(hash)];
+  Condition* const slots = segment->slots;
+  __builtin_prefetch(texts, 1);
+  oxEventSlab::PrefetchForFree(texts);
   // Each one that follows without a gap moves to the free slot, unless its search would then begin behind it.
-  Condition* hole = condition;
-  for (size_t i = Next(static_cast<size_t>(hole - slots_)); slots_[i].texts != nullptr; i = Next(i)) {
-    const size_t from_home = (i - Home(slots_[i].hash)) & (slot_count_ - 1);
-    const size_t from_hole = (i - static_cast<size_t>(hole - slots_)) & (slot_count_ - 1);
-    if (from_home < from_hole) continue;
-    *hole = slots_[i];
-    hole = &slots_[i];
+  auto hole = static_cast<size_t>(condition - slots);
+  for (size_t i = Next(hole); slots[i].texts != nullptr; i = Next(i)) {
+    if (Distance(Home(slots[i].hash), i) < Distance(hole, i)) continue;
+    slots[hole] = slots[i];
+    hole = i;
   }
-  hole->texts = nullptr;
+  slots[hole].texts = nullptr;
+  --segment->count;
   --count_;
-  if (keep) {
-    spare_[spare_count_++] = texts;
-  } else {
-    ::operator delete(texts);
-  }
-  if (slot_count_ > kLeastSlots && count_ < slot_count_ / 4) Resize(slot_count_ / 2);  // If there is memory.
+  FreeTexts(texts);
+  while (Merge(hash)) continue;
 }
 
 void oxEventActiveTable::Clear() {
-  for (size_t i = 0; i < slot_count_; ++i) ::operator delete(slots_[i].texts);
-  while (spare_count_ > 0) ::operator delete(spare_[--spare_count_]);
-  memory_.reset();
-  slots_ = nullptr;
-  slot_count_ = count_ = 0;
+  for (size_t i = 0; directory_ != nullptr && i < size_t{1} << depth_;) {
+    Segment* const segment = directory_[i];
+    i += size_t{1} << (depth_ - segment->depth);
+    for (const Condition& condition : segment->slots) {
+      if (condition.texts != nullptr) FreeTexts(condition.texts);
+    }
+    FreeSegment(segment);
+  }
+  memory_.ReleaseEmptySpan();
+  directory_.reset();
+  depth_ = 0;
+  count_ = 0;
 }
 
-oxEventActiveTable::Texts* oxEventActiveTable::NewTexts(size_t capacity) {
-  constexpr size_t kStep = 16;  // Of the C library's blocks.
-  capacity = (capacity + kStep - 1) / kStep * kStep;
-  return new (::operator new(sizeof(Texts) + capacity)) Texts{capacity, 0, 0};
+bool oxEventActiveTable::HasKey(const Condition& condition, std::string_view key) {
+  if (condition.start_size != std::min(key.size(), Condition::kStartSize + 1)) return false;
+  if (std::memcmp(condition.start, key.data(), std::min(key.size(), Condition::kStartSize)) != 0) return false;
+  return key.size() <= Condition::kStartSize || key.substr(Condition::kStartSize) == KeyRest(condition.texts);
 }
+
+std::string_view oxEventActiveTable::KeyRest(const Texts* texts) { return {Bytes(texts), texts->key_rest_size}; }
 
 void oxEventActiveTable::SetTexts(Condition* condition, Texts* texts, std::string_view key_rest,
                                   std::string_view signature) {
@@ -115,43 +134,124 @@ void oxEventActiveTable::SetSignature(Texts* texts, std::string_view signature) 
   std::memcpy(Bytes(texts) + texts->key_rest_size, signature.data(), signature.size());
 }
 
-bool oxEventActiveTable::HasKey(const Condition& condition, std::string_view key) {
-  if (condition.start_size != std::min(key.size(), Condition::kStartSize + 1)) return false;
-  if (std::memcmp(condition.start, key.data(), std::min(key.size(), Condition::kStartSize)) != 0) return false;
-  return key.size() <= Condition::kStartSize || key.substr(Condition::kStartSize) == KeyRest(condition.texts);
+oxEventActiveTable::Texts* oxEventActiveTable::NewTexts(size_t capacity) {
+  const size_t size = oxEventSlab::BlockSize(sizeof(Texts) + capacity);
+  void* const memory = memory_.Allocate(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return new (memory) Texts{size - sizeof(Texts), 0, 0};
 }
 
-std::string_view oxEventActiveTable::KeyRest(const Texts* texts) { return {Bytes(texts), texts->key_rest_size}; }
+void oxEventActiveTable::FreeTexts(Texts* texts) { memory_.Free(texts, sizeof(Texts) + texts->capacity); }
 
-oxEventActiveTable::Condition* oxEventActiveTable::FreeSlot(uint64_t hash) const {
+oxEventActiveTable::Condition* oxEventActiveTable::FreeSlot(Segment* segment, uint64_t hash) {
   size_t i = Home(hash);
-  while (slots_[i].texts != nullptr) i = Next(i);
-  return &slots_[i];
+  while (segment->slots[i].texts != nullptr) i = Next(i);
+  return &segment->slots[i];
 }
 
-// False: no memory.
-bool oxEventActiveTable::Resize(size_t slot_count) {
-  size_t size = (slot_count + 1) * sizeof(Condition);
-  std::unique_ptr<char[]> memory(new (std::nothrow) char[size]);
-  if (memory == nullptr) return false;
-  void* aligned = memory.get();
-  std::memset(aligned, 0, size);
-  const size_t old_count = std::exchange(slot_count_, slot_count);
-  const auto* const old = std::exchange(
-      slots_, static_cast<Condition*>(std::align(alignof(Condition), slot_count * sizeof(Condition), aligned, size)));
-  for (size_t i = 0; i < old_count; ++i) {
-    if (old[i].texts != nullptr) *FreeSlot(old[i].hash) = old[i];
+void oxEventActiveTable::MoveAll(const Segment& from, Segment* to) {
+  for (const Condition& condition : from.slots) {
+    if (condition.texts != nullptr) *FreeSlot(to, condition.hash) = condition;
   }
-  memory_ = std::move(memory);
+  to->count += from.count;
+}
+
+// With one empty segment. False: no memory, as below.
+bool oxEventActiveTable::CreateDirectory() {
+  std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[1]);
+  if (directory == nullptr || (directory[0] = NewSegment(0)) == nullptr) return false;
+  directory_ = std::move(directory);
   return true;
 }
 
-// A block that has become too small is replaced for good, so that all of them come to fit.
-oxEventActiveTable::Texts* oxEventActiveTable::TakeTexts(size_t capacity) {
-  Texts* const spare = spare_count_ > 0 ? spare_[spare_count_ - 1] : nullptr;
-  Texts* const texts = spare != nullptr && spare->capacity >= capacity ? spare : NewTexts(capacity);
-  if (spare == nullptr) return texts;
-  --spare_count_;
-  if (texts != spare) ::operator delete(spare);
-  return texts;
+// The segment that the hash leads to, in two new ones.
+bool oxEventActiveTable::Split(uint64_t hash) {
+  Segment* const old = directory_[Entry(hash)];
+  if (old->depth == depth_ && !DoubleDirectory()) return false;
+  const uint32_t depth = old->depth + 1;
+  const uint64_t bit = uint64_t{1} << (64 - depth);
+  Segment* const low = NewSegment(depth);
+  Segment* const high = low != nullptr ? NewSegment(depth) : nullptr;
+  if (high == nullptr) {
+    if (low != nullptr) FreeSegment(low);
+    HalveDirectory();
+    return false;
+  }
+  for (const Condition& condition : old->slots) {
+    if (condition.texts == nullptr) continue;
+    Segment* const segment = (condition.hash & bit) != 0 ? high : low;
+    *FreeSlot(segment, condition.hash) = condition;
+    ++segment->count;
+  }
+  SetEntries(hash & ~bit, low);
+  SetEntries(hash | bit, high);
+  FreeSegment(old);
+  return true;
+}
+
+bool oxEventActiveTable::DoubleDirectory() {
+  const size_t size = size_t{1} << depth_;
+  if (depth_ == kDeepest || size >= kMostEntriesPerSegment * segment_count_) return false;
+  std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[2 * size]);
+  if (directory == nullptr) return false;
+  for (size_t i = 0; i < 2 * size; ++i) directory[i] = directory_[i / 2];
+  directory_ = std::move(directory);
+  ++depth_;
+  return true;
+}
+
+// The segment that the hash leads to with its neighbour, if they are of one depth and few conditions are left. Whether
+// they were merged.
+bool oxEventActiveTable::Merge(uint64_t hash) {
+  constexpr size_t kMergeBelow = kSlots / 4;
+  Segment* const segment = directory_[Entry(hash)];
+  if (segment->count >= kMergeBelow || segment->depth == 0) return false;
+  Segment* const neighbour = directory_[Entry(hash ^ uint64_t{1} << (64 - segment->depth))];
+  if (neighbour->depth != segment->depth || segment->count + neighbour->count >= kMergeBelow) return false;
+  const bool keeps_segment = segment->count >= neighbour->count;
+  Segment* const kept = keeps_segment ? segment : neighbour;
+  Segment* const gone = keeps_segment ? neighbour : segment;
+  MoveAll(*gone, kept);
+  --segments_by_depth_[kept->depth];
+  ++segments_by_depth_[--kept->depth];
+  SetEntries(hash, kept);
+  FreeSegment(gone);
+  HalveDirectory();
+  return true;
+}
+
+// As often as no segment needs its last bit. Without memory it becomes smaller in place.
+void oxEventActiveTable::HalveDirectory() {
+  for (; depth_ > 0 && segments_by_depth_[depth_] == 0; --depth_) {
+    const size_t size = size_t{1} << (depth_ - 1);
+    std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[size]);
+    Segment** const entries = directory != nullptr ? directory.get() : directory_.get();
+    for (size_t i = 0; i < size; ++i) entries[i] = directory_[2 * i];
+    if (directory != nullptr) directory_ = std::move(directory);
+  }
+}
+
+// Null: no memory.
+oxEventActiveTable::Segment* oxEventActiveTable::NewSegment(uint32_t depth) {
+  void* const memory = memory_.Allocate(sizeof(Segment));
+  if (memory == nullptr) return nullptr;
+  auto* const segment = new (memory) Segment();
+  segment->depth = depth;
+  ++segment_count_;
+  ++segments_by_depth_[depth];
+  return segment;
+}
+
+// Its conditions are elsewhere.
+void oxEventActiveTable::FreeSegment(Segment* segment) {
+  --segment_count_;
+  --segments_by_depth_[segment->depth];
+  memory_.Free(segment, sizeof(Segment));
+}
+
+// All entries that begin with the bits of the hash that the segment's depth counts.
+void oxEventActiveTable::SetEntries(uint64_t hash, Segment* segment) {
+  const size_t count = size_t{1} << (depth_ - segment->depth);
+  const size_t first = Entry(hash) & ~(count - 1);
+  std::fill_n(&directory_[first], count, segment);
 }

@@ -9,6 +9,9 @@ namespace {
 
 constexpr uint32_t kTrimAtOnce = 64;  // Events.
 constexpr auto kNap = std::chrono::milliseconds(1);
+constexpr auto kKeepSurplus = std::chrono::seconds(1);
+constexpr size_t kKeptItems = 32;
+constexpr size_t kFreedAtOnce = 64;
 
 void Set(bool* flag, bool value) {
   if (flag != nullptr) *flag = value;
@@ -24,13 +27,19 @@ struct oxEventQueue::Item {
   Item* previous = nullptr;
   oxEventStoredEvent event;
 
+  explicit Item(oxEventSharedSlab* memory) : event(memory) {}
+
   void Prefetch() const {
     constexpr size_t kLine = 64;  // Of the caches.
     for (size_t i = 0; i < sizeof(Item); i += kLine) __builtin_prefetch(reinterpret_cast<const char*>(this) + i, 1);
   }
 };
 
-void oxEventQueue::ItemDeleter::operator()(Item* item) const { delete item; }
+void oxEventQueue::ItemDeleter::operator()(Item* item) const {
+  oxEventSharedSlab* const memory = item->event.Memory();
+  item->~Item();
+  memory->Free(item, sizeof(Item));
+}
 
 oxEventQueue::Items::~Items() {
   while (!IsEmpty()) oxEventTraceDrop(PopFront()->event.Get(), lost_);
@@ -67,6 +76,29 @@ void oxEventQueue::Items::Take(Items* from) {
   from->front_ = nullptr;
 }
 
+oxEventQueue::FreeItems::~FreeItems() {
+  while (size_ != 0) Pop();
+}
+
+void oxEventQueue::FreeItems::Push(Spare item) {
+  item->next = first_;
+  first_ = item.release();
+  ++size_;
+}
+
+oxEventQueue::Spare oxEventQueue::FreeItems::Pop() {
+  Spare item(first_);
+  if (item == nullptr) return item;
+  first_ = item->next;
+  --size_;
+  return item;
+}
+
+void oxEventQueue::FreeItems::Swap(FreeItems* other) {
+  std::swap(first_, other->first_);
+  std::swap(size_, other->size_);
+}
+
 void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
   Items garbage;  // Freed with the lock released, as below.
   oxEventLock lock(mutex_);
@@ -84,11 +116,11 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   bool wake = false;
   while (!fits) {
     Items garbage(oxEventDrop::kTrimmed);
-    std::vector<Spare> more_garbage;
+    FreeItems more_garbage;
     oxEventLock lock(mutex_);
     policy_ = policy;
     capacity_ = std::max(capacity, 1u);
-    if (free_.size() > MostFreeLocked()) more_garbage.swap(free_);
+    if (free_.Size() > MostFreeLocked()) more_garbage.Swap(&free_);
     discarded += TrimLocked(&garbage);
     fits = PendingLocked() <= capacity_;
     if (fits) SignalIfDrainedLocked();
@@ -107,11 +139,11 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
     // It costs memory: not for an event that is not taken.
     oxEventLock lock(mutex_);
     if (!IsAcceptingLocked() || !HasRoomLocked()) return RefuseLocked(dropped);
-    if (item == nullptr) item = TakeFreeLocked();
+    if (item == nullptr) item = free_.Pop();
   }
   // With the lock released, so that a long text delays nobody else.
-  if (item == nullptr) item.reset(new Item);
-  item->event.Assign(event);
+  if (item == nullptr) item = NewItem();
+  if (item == nullptr || !item->event.Assign(event)) throw std::bad_alloc();
 
   bool wake = false;
   bool full = false;
@@ -137,18 +169,14 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
   return result;
 }
 
-const oxEventNormalizedEvent* oxEventQueue::WaitPop() {
+oxEventNormalizedEvent* oxEventQueue::WaitPop() {
   if (!active_.IsEmpty()) active_.Front().event.ReleaseLongTexts();
-  oxEventLock lock(mutex_);
-  CompleteActiveEventLocked();
-  while (PendingLocked() == 0) {
-    if (stop_requested_) return nullptr;
-    RestLocked();
+  {
+    oxEventLock lock(mutex_);
+    CompleteActiveEventLocked();
+    if (PendingLocked() != 0) return TakeOldestLocked();
   }
-  nap_first_ = true;
-  active_.PushBack(OldestLocked().PopFront());
-  ++active_count_;
-  return &active_.Back().event.Get();
+  return WaitForEvent();
 }
 
 void oxEventQueue::CompleteActiveEvent() {
@@ -204,10 +232,10 @@ uint64_t oxEventQueue::DropPending() {
 
 void oxEventQueue::Reset() {
   Items garbage;
-  std::vector<Spare> more_garbage;
+  FreeItems more_garbage;
   oxEventLock lock(mutex_);
   DropAllLocked(&garbage);
-  more_garbage.swap(free_);
+  more_garbage.Swap(&free_);
   active_count_ = 0;
   accepting_ = false;
   stop_requested_ = false;
@@ -230,9 +258,8 @@ uint32_t oxEventQueue::RefuseLocked(bool* dropped) {
 // In place of the oldest event below warning when the queue is full. *item becomes memory for the next event, or null.
 // Returns whether the worker is to be woken.
 bool oxEventQueue::AppendLocked(Spare* item, bool full) {
-  ReserveFreeLocked();
   ++enqueue_count_;
-  Spare next = full ? debug_info_.PopFront() : TakeFreeLocked();
+  Spare next = full ? debug_info_.PopFront() : free_.Pop();
   (*item)->order = next_order_++;
   Items& pending = IsDebugOrInfo((*item)->event.Get().severity) ? debug_info_ : warning_error_;
   pending.PushBack(std::exchange(*item, std::move(next)));
@@ -245,16 +272,65 @@ void oxEventQueue::CompleteActiveEventLocked() {
   SignalIfDrainedLocked();
 }
 
-// Until an event or a stop may be there. What is pending already is the caller's to see.
-void oxEventQueue::RestLocked() {
+// Null: no memory.
+oxEventQueue::Spare oxEventQueue::NewItem() {
+  void* const memory = memory_.Allocate(sizeof(Item));
+  return Spare(memory != nullptr ? new (memory) Item(&memory_) : nullptr);
+}
+
+oxEventNormalizedEvent* oxEventQueue::TakeOldestLocked() {
+  nap_first_ = true;
+  active_.PushBack(OldestLocked().PopFront());
+  ++active_count_;
+  return &active_.Back().event.Get();
+}
+
+oxEventNormalizedEvent* oxEventQueue::WaitForEvent() {
+  while (true) {
+    FreeItems surplus;
+    {
+      oxEventLock lock(mutex_);
+      while (PendingLocked() == 0 && surplus.Size() == 0) {
+        if (stop_requested_) return nullptr;
+        RestLocked(&surplus);
+      }
+      if (PendingLocked() != 0) return TakeOldestLocked();
+    }
+    ReleaseSurplus(&surplus);
+  }
+}
+
+// Waits for an event or a stop; may return early. The caller has checked that nothing is pending. When the queue has
+// been idle for long enough, *surplus takes over the free memory instead, to be given back with the lock released.
+void oxEventQueue::RestLocked(FreeItems* surplus) {
+  const bool has_surplus = free_.Size() > kKeptItems;
   rest_ = nap_first_ ? Rest::kNap : Rest::kSleep;
   nap_first_ = false;
   if (rest_ == Rest::kNap) {
     not_empty_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kNap);
+  } else if (has_surplus) {
+    const auto deadline = std::chrono::steady_clock::now() + kKeepSurplus;
+    while (rest_ == Rest::kSleep && !stop_requested_ && std::chrono::steady_clock::now() < deadline) {
+      not_empty_.WaitUntil(mutex_, deadline);
+    }
+    if (rest_ == Rest::kSleep && !stop_requested_) surplus->Swap(&free_);
   } else {
     not_empty_.Wait(mutex_);
   }
   rest_ = Rest::kNone;
+}
+
+// A few at a time, and no more once there is something to do. Meanwhile submitters take new memory.
+void oxEventQueue::ReleaseSurplus(FreeItems* surplus) {
+  bool busy = false;
+  while (surplus->Size() > kKeptItems && !busy) {
+    for (size_t i = 0; i < kFreedAtOnce && surplus->Size() > kKeptItems; ++i) surplus->Pop();
+    oxEventLock lock(mutex_);
+    busy = PendingLocked() != 0 || stop_requested_;
+  }
+  memory_.ReleaseEmptySpan();
+  oxEventLock lock(mutex_);
+  surplus->Swap(&free_);
 }
 
 // Whether there is a rest to end: the worker is to be notified, by this caller alone.
@@ -295,27 +371,9 @@ uint64_t oxEventQueue::DropAllLocked(Items* garbage) {
   return discarded;
 }
 
-// Null: there is none.
-oxEventQueue::Spare oxEventQueue::TakeFreeLocked() {
-  if (free_.empty()) return nullptr;
-  Spare item = std::move(free_.back());
-  free_.pop_back();
-  return item;
-}
-
-// So that RecycleLocked needs no memory for the event that is about to be queued. If there is none, it will free it.
-void oxEventQueue::ReserveFreeLocked() {
-  const size_t items = PendingLocked() + active_.Size() + free_.size() + 1;
-  if (items <= free_.capacity()) return;
-  try {
-    free_.reserve(2 * items);
-  } catch (const std::bad_alloc&) {
-  }
-}
-
 // Without long texts.
 void oxEventQueue::RecycleLocked(Spare item) {
-  if (free_.size() < std::min(MostFreeLocked(), free_.capacity())) free_.push_back(std::move(item));
+  if (free_.Size() < MostFreeLocked()) free_.Push(std::move(item));
 }
 
 void oxEventQueue::SignalIfDrainedLocked() {

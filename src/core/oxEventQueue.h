@@ -3,17 +3,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventSlab.h"
 #include "config/oxEventConfig.h"
 #include "core/oxEventDrop.h"
 
 // The bounded first-in-first-out hand-over from the submitting threads to the worker. Owns copies of the events. Also
 // knows the event that the worker has taken and not completed, so that a flush waits for what has really been
 // delivered. Threads: WaitPop and CompleteActiveEvent the worker, everything else any. Takes memory as events need it,
-// up to its capacity, and keeps it for the next events.
+// up to its capacity, keeps it for the next events, and gives most of it back once it has been idle for a second.
 class oxEventQueue {
  public:
   // Memory for one event. A submitting thread keeps one between its events, so that it need not come for it first.
@@ -21,7 +21,7 @@ class oxEventQueue {
   struct ItemDeleter {
     void operator()(Item* item) const;
   };
-  using Spare = std::unique_ptr<Item, ItemDeleter>;
+  using Spare = std::unique_ptr<Item, ItemDeleter>;  // To be freed before the queue is destroyed.
 
   oxEventQueue() = default;
   oxEventQueue(const oxEventQueue&) = delete;
@@ -41,8 +41,8 @@ class oxEventQueue {
       OX_EXCLUDES(mutex_);
 
   // Waits for an event and takes the oldest; the one before, if any, is then delivered. Null: stop requested, and
-  // nothing is left. How it waits: Rest, below.
-  const oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
+  // nothing is left. How it waits: Rest, below. The worker may change the event.
+  oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
   // What WaitPop gave is delivered, and no longer valid. For a worker that ends without another WaitPop.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
@@ -84,9 +84,28 @@ class oxEventQueue {
     const oxEventDrop lost_;
   };
 
+  // Memory for the next events, the last used first. Owns it.
+  class FreeItems {
+   public:
+    FreeItems() = default;
+    ~FreeItems();
+    FreeItems(const FreeItems&) = delete;
+    FreeItems& operator=(const FreeItems&) = delete;
+
+    size_t Size() const { return size_; }
+    void Push(Spare item);
+    Spare Pop();  // Null: there is none.
+    void Swap(FreeItems* other);
+
+   private:
+    Item* first_ = nullptr;
+    size_t size_ = 0;
+  };
+
   // Waking a sleeping thread costs a submitter twenty times what queueing an event does. So after an event the worker
   // first naps: events that come meanwhile wait for its end, and wake nobody, unless the queue fills. After a nap that
-  // brought nothing it sleeps.
+  // brought nothing it sleeps, and after a second of sleep it gives back the memory that a burst has left: not sooner,
+  // since the next burst of a host that works in cycles needs it again.
   enum class Rest { kNone, kNap, kSleep };
 
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
@@ -96,7 +115,11 @@ class oxEventQueue {
   uint32_t RefuseLocked(bool* dropped) OX_REQUIRES(mutex_);
   bool AppendLocked(Spare* item, bool full) OX_REQUIRES(mutex_);
   bool FillsLocked() const OX_REQUIRES(mutex_) { return PendingLocked() > 0 && PendingLocked() >= capacity_ / 2; }
-  void RestLocked() OX_REQUIRES(mutex_);
+  Spare NewItem();
+  oxEventNormalizedEvent* TakeOldestLocked() OX_REQUIRES(mutex_);
+  oxEventNormalizedEvent* WaitForEvent() OX_EXCLUDES(mutex_);
+  void RestLocked(FreeItems* surplus) OX_REQUIRES(mutex_);
+  void ReleaseSurplus(FreeItems* surplus) OX_EXCLUDES(mutex_);
   void CompleteActiveEventLocked() OX_REQUIRES(mutex_);
   bool EndRestLocked() OX_REQUIRES(mutex_);
   Items& NewestLocked() OX_REQUIRES(mutex_);
@@ -105,17 +128,16 @@ class oxEventQueue {
   uint64_t DropAllLocked(Items* garbage) OX_REQUIRES(mutex_);
   Spare TakeFreeLocked() OX_REQUIRES(mutex_);
   size_t MostFreeLocked() const OX_REQUIRES(mutex_) { return size_t{capacity_} + 1; }  // With the active one's.
-  void ReserveFreeLocked() OX_REQUIRES(mutex_);
   void RecycleLocked(Spare item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
 
+  oxEventSharedSlab memory_;  // Of the items and their texts; has a lock of its own.
   oxEventMutex mutex_;
   // Pending events, oldest at the front. Two lists, so that the oldest event below warning is found without a search;
   // `order` tells which list's front is next.
   Items debug_info_ OX_GUARDED_BY(mutex_);
   Items warning_error_ OX_GUARDED_BY(mutex_);
-  // Kept for the next events, the last used at the end. There is room for the pending and active ones too.
-  std::vector<Spare> free_ OX_GUARDED_BY(mutex_);
+  FreeItems free_ OX_GUARDED_BY(mutex_);
   uint64_t next_order_ OX_GUARDED_BY(mutex_) = 0;
   uint64_t enqueue_count_ OX_GUARDED_BY(mutex_) = 0;
   uint32_t capacity_ OX_GUARDED_BY(mutex_) = 1;

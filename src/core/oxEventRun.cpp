@@ -54,36 +54,35 @@ void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
   const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
   const WorkerEnd end(queue);
-  while (const oxEventNormalizedEvent* event = queue.WaitPop()) {
-    Deliver(*event);
+  while (oxEventNormalizedEvent* event = queue.WaitPop()) {
+    Deliver(event);
     if (end.IsInChild()) return;
   }
   ended_ = true;
 }
 
-void oxEventRouter::Run::Deliver(const oxEventNormalizedEvent& event) {
-  oxEventNormalizedEvent out;
+void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   bool emit = true;
   uint32_t status = OXEVENT_FAILURE;
   try {
-    status = state.Evaluate(event, &out, &emit);
+    status = state.Evaluate(*event, event, &emit);
   } catch (...) {
     // No memory: counted as a failed evaluation.
     emit = true;
   }
   if (!emit) {
-    Drop(event, oxEventDrop::kSuppressed);
+    Drop(*event, oxEventDrop::kSuppressed);
     return;
   }
   if (status != OXEVENT_OK) {
     ++sink_failures;
     return;
   }
-  oxEventTraceEmit(out.event_id, out.severity, out.action.data());
+  oxEventTraceEmit(event->event_id, event->severity, event->action.data());
   uint64_t failed_sinks = 0;
   uint64_t warnings = 0;
   try {
-    oxEventSinkSubmit(out, &failed_sinks, &warnings);
+    oxEventSinkSubmit(*event, &failed_sinks, &warnings);
   } catch (const abi::__forced_unwind&) {
     ++emitted;
     throw;

@@ -42,7 +42,7 @@ class oxEventRouter::Run {
 
  private:
   void RouterMain();
-  void Deliver(const oxEventNormalizedEvent& event);
+  void Deliver(oxEventNormalizedEvent* event);
 
   std::atomic<uint32_t> minimum_ = UINT32_MAX;  // Of severities; none is that high.
   oxEventMutex join_mutex_;                     // Two threads may want to join: a stop, and the process's exit.

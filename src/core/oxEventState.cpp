@@ -1,6 +1,6 @@
 #include "core/oxEventState.h"
 
-#include <utility>
+#include <cstring>
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventNumber.h"
@@ -9,20 +9,12 @@ enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 
 namespace {
 
-void AppendLine(std::string* out, std::string_view text) { out->append(text).push_back('\n'); }
-
-template <class... NumberAndDigits>
-void AppendNumberLine(std::string* out, NumberAndDigits... number_and_digits) {
-  oxEventAppendNumber(out, number_and_digits...);
-  out->push_back('\n');
-}
-
-bool EqualsLower(std::string_view text, std::string_view lower) {
-  if (text.size() != lower.size()) return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (oxEventAsciiLower(text[i]) != lower[i]) return false;
-  }
-  return true;
+// Letters of both cases alike, up to eight of them in one number.
+constexpr uint64_t Packed(std::string_view text) {
+  constexpr uint64_t kLowerCase = 0x20;
+  uint64_t packed = 0;
+  for (const char c : text) packed = packed << 8 | static_cast<unsigned char>(c) | kLowerCase;
+  return packed;
 }
 
 }  // namespace
@@ -43,7 +35,7 @@ void oxEventState::Reset() {
 
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
   if (out == nullptr || route == nullptr) return OXEVENT_INVALID_ARGUMENT;
-  *out = event;
+  if (out != &event) *out = event;
   *route = true;
   oxEventLock lock(mutex_);
   if (!state_enabled_ || !dedupe_enabled_) return OXEVENT_OK;
@@ -65,32 +57,57 @@ void oxEventState::BuildKey(const oxEventNormalizedEvent& event, std::string* ke
 
 void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::string* signature) {
   constexpr int kDigits = 6;
-  signature->clear();
-  AppendLine(signature, event.event_type);
-  AppendLine(signature, event.source_id);
-  AppendLine(signature, event.source_name);
-  AppendLine(signature, event.message);
-  AppendNumberLine(signature, event.severity);
-  for (const char c : event.action) signature->push_back(oxEventAsciiLower(c));
-  signature->push_back('\n');
-  AppendLine(signature, event.dedupe_key);
-  AppendLine(signature, event.correlation_id);
-  AppendNumberLine(signature, event.pts);
-  AppendLine(signature, event.timecode);
-  AppendNumberLine(signature, event.value, kDigits);
-  AppendNumberLine(signature, event.threshold, kDigits);
-  AppendLine(signature, event.units);
-  AppendNumberLine(signature, event.duration_ms);
-  AppendLine(signature, event.details_json);
+  constexpr size_t kLines = 15;
+  constexpr size_t kNumbers = 5;
+  const size_t texts = event.event_type.size() + event.source_id.size() + event.source_name.size() +
+                       event.message.size() + event.action.size() + event.dedupe_key.size() +
+                       event.correlation_id.size() + event.timecode.size() + event.units.size() +
+                       event.details_json.size();
+  signature->resize(texts + kLines + kNumbers * kOxEventNumberSize);  // At most so much.
+  char* at = signature->data();
+  const auto end_line = [&at] { *at++ = '\n'; };
+  const auto add_text = [&](std::string_view text) {
+    std::memcpy(at, text.data(), text.size());
+    at += text.size();
+    end_line();
+  };
+  const auto add_number = [&](auto... number_and_digits) {
+    at = oxEventWriteNumber(number_and_digits..., at);
+    end_line();
+  };
+  add_text(event.event_type);
+  add_text(event.source_id);
+  add_text(event.source_name);
+  add_text(event.message);
+  add_number(event.severity);
+  for (const char c : event.action) *at++ = oxEventAsciiLower(c);
+  end_line();
+  add_text(event.dedupe_key);
+  add_text(event.correlation_id);
+  add_number(event.pts);
+  add_text(event.timecode);
+  add_number(event.value, kDigits);
+  add_number(event.threshold, kDigits);
+  add_text(event.units);
+  add_number(event.duration_ms);
+  add_text(event.details_json);
+  signature->resize(static_cast<size_t>(at - signature->data()));
 }
 
 oxEventState::Action oxEventState::ActionOf(std::string_view action) {
-  constexpr std::pair<std::string_view, Action> kActions[] = {
-      {"raise", Action::kRaise}, {"update", Action::kUpdate}, {"repeat", Action::kRepeat}, {"clear", Action::kClear}};
-  for (const auto& [name, value] : kActions) {
-    if (EqualsLower(action, name)) return value;
+  if (action.size() > sizeof(uint64_t)) return Action::kOther;
+  switch (Packed(action)) {
+    case Packed("raise"):
+      return Action::kRaise;
+    case Packed("update"):
+      return Action::kUpdate;
+    case Packed("repeat"):
+      return Action::kRepeat;
+    case Packed("clear"):
+      return Action::kClear;
+    default:
+      return Action::kOther;
   }
-  return Action::kOther;
 }
 
 // A clock that went backwards never holds a repeat back.
@@ -105,7 +122,7 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
     BuildKey(event, &key_);
     key = key_;
   }
-  const uint64_t hash = oxEventActiveTable::Hash(key);
+  const uint64_t hash = active_.Hash(key);
   active_.Prefetch(hash);
   const bool update = action == Action::kUpdate;
   if (update) BuildSignature(event, &signature_);  // While the slot comes.

@@ -24,8 +24,8 @@ class oxEventState {
   // Forgets them.
   void Reset() OX_EXCLUDES(mutex_);
 
-  // *out becomes the event, with its texts, perhaps with another action; *route: whether it goes on to the sinks.
-  // Neither may be null (OXEVENT_INVALID_ARGUMENT). Throws when there is no memory.
+  // *out becomes the event, with its texts, perhaps with another action; it may be the event itself. *route: whether it
+  // goes on to the sinks. Neither may be null (OXEVENT_INVALID_ARGUMENT). Throws when there is no memory.
   uint32_t Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) OX_EXCLUDES(mutex_);
 
   // What names the condition of an event: its dedupe_key, else source_id ":" event_type.

@@ -1,0 +1,52 @@
+#include "base/oxEventPages.h"
+
+#include <sys/mman.h>
+
+#include <cstdint>
+
+namespace {
+
+char* Map(size_t size) {
+  void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return memory != MAP_FAILED ? static_cast<char*>(memory) : nullptr;
+}
+
+}  // namespace
+
+oxEventPages::~oxEventPages() {
+  while (unmappable_ != nullptr) {
+    Chunk* const chunk = unmappable_;
+    unmappable_ = chunk->next;
+    munmap(chunk, chunk_size_);
+  }
+}
+
+void* oxEventPages::Allocate() {
+  if (unmappable_ != nullptr) {
+    Chunk* const chunk = unmappable_;
+    unmappable_ = chunk->next;
+    chunk->next = nullptr;  // The rest is zero.
+    return chunk;
+  }
+  // The kernel mostly puts a mapping next to the last one, so after an aligned one the next is aligned too.
+  const auto misalignment = [this](const char* at) { return reinterpret_cast<uintptr_t>(at) & (chunk_size_ - 1); };
+  char* const chunk = Map(chunk_size_);
+  if (chunk == nullptr || misalignment(chunk) == 0) return chunk;
+  munmap(chunk, chunk_size_);
+  char* const twice = Map(2 * chunk_size_);
+  if (twice == nullptr) return nullptr;
+  const size_t before = chunk_size_ - misalignment(twice);
+  if (before != chunk_size_) munmap(twice, before);
+  char* const aligned = before != chunk_size_ ? twice + before : twice;
+  munmap(aligned + chunk_size_, static_cast<size_t>(twice + 2 * chunk_size_ - (aligned + chunk_size_)));
+  return aligned;
+}
+
+// An unmap from the middle of a mapping makes two of it, of which a process may have so many (vm.max_map_count).
+void oxEventPages::Free(void* chunk) {
+  if (munmap(chunk, chunk_size_) == 0) return;
+  madvise(chunk, chunk_size_, MADV_DONTNEED);
+  auto* const kept = static_cast<Chunk*>(chunk);
+  kept->next = unmappable_;
+  unmappable_ = kept;
+}

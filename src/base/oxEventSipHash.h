@@ -1,0 +1,76 @@
+#pragma once
+
+#include <sys/auxv.h>
+#include <sys/random.h>
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+// SipHash (Aumasson and Bernstein, 2012): a hash whose collisions nobody can construct without the key, so that texts
+// chosen by an attacker spread like any others. SipHash-1-3, the default, is what hash tables commonly use.
+struct oxEventSipKey {
+  uint64_t low;
+  uint64_t high;
+};
+
+// A random key, for a table that lives in this process. Never waits: early in the system's start, or where a sandbox
+// forbids getrandom, it takes the 16 random bytes that the kernel gives every program at its start (AT_RANDOM). The C
+// library derives its stack guard from them, so they stay secret from whoever chooses texts, but they are the same for
+// every table of the process.
+inline oxEventSipKey oxEventRandomSipKey() {
+  oxEventSipKey key = {};
+  if (getrandom(&key, sizeof(key), GRND_NONBLOCK) == static_cast<ssize_t>(sizeof(key))) return key;
+  const auto* const program_bytes =
+      reinterpret_cast<const void*>(getauxval(AT_RANDOM));  // NOLINT(performance-no-int-to-ptr)
+  if (program_bytes != nullptr) std::memcpy(&key, program_bytes, sizeof(key));
+  return key;
+}
+
+template <int kRoundsPerWord = 1, int kFinalRounds = 3>
+inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) {
+  constexpr size_t kWord = sizeof(uint64_t);
+  uint64_t v0 = key.low ^ 0x736f6d6570736575;
+  uint64_t v1 = key.high ^ 0x646f72616e646f6d;
+  uint64_t v2 = key.low ^ 0x6c7967656e657261;
+  uint64_t v3 = key.high ^ 0x7465646279746573;
+  const auto rounds = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      v0 += v1;
+      v2 += v3;
+      v1 = std::rotl(v1, 13) ^ v0;
+      v3 = std::rotl(v3, 16) ^ v2;
+      v0 = std::rotl(v0, 32);
+      v2 += v1;
+      v0 += v3;
+      v1 = std::rotl(v1, 17) ^ v2;
+      v3 = std::rotl(v3, 21) ^ v0;
+      v2 = std::rotl(v2, 32);
+    }
+  };
+  const auto absorb = [&](uint64_t word) {
+    v3 ^= word;
+    rounds(kRoundsPerWord);
+    v0 ^= word;
+  };
+  const auto word_at = [](const char* at) {
+    uint64_t word = 0;
+    std::memcpy(&word, at, kWord);
+    return word;
+  };
+  const char* at = text.data();
+  const size_t rest = text.size() % kWord;
+  const char* const end = at + (text.size() - rest);
+  for (; at != end; at += kWord) absorb(word_at(at));
+  uint64_t last = static_cast<uint64_t>(text.size()) << 56;
+  if (rest != 0 && text.size() > kWord) {
+    last |= word_at(at + rest - kWord) >> (8 * (kWord - rest));  // Overlaps the word before.
+  } else {
+    for (size_t i = 0; i < rest; ++i) last |= uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
+  }
+  absorb(last);
+  v2 ^= 0xFF;
+  rounds(kFinalRounds);
+  return v0 ^ v1 ^ v2 ^ v3;
+}

@@ -1,0 +1,93 @@
+#include "base/oxEventSlab.h"
+
+#include <sanitizer/asan_interface.h>
+
+#include <new>
+
+size_t oxEventSlab::BlockSize(size_t size) {
+  if (size > kLargestBlock) return size;
+  const size_t step = size <= kFineLimit ? kFineStep : kCoarseStep;
+  return (size + step - 1) / step * step;
+}
+
+size_t oxEventSlab::ClassOf(size_t size) {
+  return size <= kFineLimit ? (size - 1) / kFineStep : kFineClasses + (size - kFineLimit - 1) / kCoarseStep;
+}
+
+void* oxEventSlab::Allocate(size_t size) {
+  if (size > kLargestBlock) return ::operator new(size, std::nothrow);
+  const size_t size_class = ClassOf(size);
+  Span* span = with_room_[size_class];
+  if (span == nullptr) {
+    span = NewSpan(size_class, BlockSize(size));
+    if (span == nullptr) return nullptr;
+  }
+  if (span->live_blocks++ == 0) empty_ = nullptr;
+  void* block = span->free_list;
+  if (block != nullptr) {
+    span->free_list = span->free_list->next;
+  } else {
+    block = reinterpret_cast<char*>(span) + span->unused_offset;
+    span->unused_offset += span->block_size;
+  }
+  if (IsFull(span)) Unlink(span);
+  ASAN_UNPOISON_MEMORY_REGION(block, span->block_size);
+  return block;
+}
+
+void oxEventSlab::Free(void* block, size_t size) {
+  if (size > kLargestBlock) return ::operator delete(block);
+  Span* const span = SpanOf(block);
+  if (IsFull(span)) Link(span);
+  auto* const freed = static_cast<FreeBlock*>(block);
+  freed->next = span->free_list;
+  span->free_list = freed;
+  ASAN_POISON_MEMORY_REGION(freed + 1, span->block_size - sizeof(FreeBlock));
+  if (--span->live_blocks != 0) return;
+  if (empty_ == nullptr) {
+    empty_ = span;
+  } else {
+    FreeSpan(span);
+  }
+}
+
+void oxEventSlab::ReleaseEmptySpan() {
+  if (empty_ == nullptr) return;
+  FreeSpan(empty_);
+  empty_ = nullptr;
+}
+
+// Without a block in use, and linked. Null: no memory.
+oxEventSlab::Span* oxEventSlab::NewSpan(size_t size_class, size_t block_size) {
+  void* memory = empty_;
+  if (empty_ != nullptr) {
+    Unlink(empty_);
+    ASAN_UNPOISON_MEMORY_REGION(memory, kSpanSize);
+  } else {
+    memory = pages_.Allocate();
+    if (memory == nullptr) return nullptr;
+  }
+  auto* const span = new (memory) Span{
+      nullptr, nullptr, nullptr, sizeof(Span), 0, static_cast<uint32_t>(block_size), static_cast<uint32_t>(size_class)};
+  Link(span);
+  return span;
+}
+
+void oxEventSlab::Link(Span* span) {
+  Span*& first = with_room_[span->size_class];
+  span->previous = nullptr;
+  span->next = first;
+  if (first != nullptr) first->previous = span;
+  first = span;
+}
+
+void oxEventSlab::Unlink(Span* span) {
+  (span->previous != nullptr ? span->previous->next : with_room_[span->size_class]) = span->next;
+  if (span->next != nullptr) span->next->previous = span->previous;
+}
+
+void oxEventSlab::FreeSpan(Span* span) {
+  Unlink(span);
+  ASAN_UNPOISON_MEMORY_REGION(span, kSpanSize);
+  pages_.Free(span);
+}
