@@ -128,7 +128,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
     line_.assign(1, '<');
     oxEventAppendNumber(&line_, facility_code_ * 8 + SyslogSeverity(event.severity));
     line_.append(">1 ");
-    oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_);
+    oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_, &utc_cache_);
     line_.append(origin_);
     Token(event.event_type, 32, &line_);
     line_.push_back(' ');
@@ -144,6 +144,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
   std::string origin_;  // " HOSTNAME APP-NAME PROCID ". Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string line_ OX_GUARDED_BY(mutex_);  // Reused.
+  oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
 };
 
 }  // namespace
