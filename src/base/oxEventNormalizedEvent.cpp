@@ -53,10 +53,12 @@ bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
   return SizeOfTexts(event) <= capacity_;
 }
 
-void oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
+bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
   if (const size_t size = SizeOfTexts(from); size > capacity_) {
     const size_t capacity = std::bit_ceil(size);  // So that events of all sizes soon fit.
-    texts_ = std::make_unique_for_overwrite<char[]>(capacity);
+    char* const texts = static_cast<char*>(std::malloc(capacity));
+    if (texts == nullptr) return false;
+    texts_.reset(texts);
     capacity_ = capacity;
   }
   event_ = from;
@@ -68,6 +70,7 @@ void oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
     event_.*text = {at, source.size()};
     at += source.size() + 1;
   }
+  return true;
 }
 
 void oxEventStoredEvent::ReleaseLongTexts() {

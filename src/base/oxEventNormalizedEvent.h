@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -42,8 +43,8 @@ class oxEventStoredEvent {
   // Whether Assign will do without more memory.
   bool HasRoomFor(const oxEventNormalizedEvent& event) const;
 
-  // Throws when there is no memory; then nothing has changed.
-  void Assign(const oxEventNormalizedEvent& from);
+  // False when there is no memory; then nothing has changed. Does not throw.
+  bool Assign(const oxEventNormalizedEvent& from);
 
   // Valid until the next Assign or ReleaseLongTexts.
   const oxEventNormalizedEvent& Get() const { return event_; }
@@ -53,7 +54,10 @@ class oxEventStoredEvent {
 
  private:
   oxEventNormalizedEvent event_;
-  std::unique_ptr<char[]> texts_;
+  struct Free {
+    void operator()(char* texts) const { std::free(texts); }
+  };
+  std::unique_ptr<char[], Free> texts_;
   size_t capacity_ = 0;  // Of texts_.
 };
 

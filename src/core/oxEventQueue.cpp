@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -30,10 +31,23 @@ struct oxEventQueue::Item {
   }
 };
 
-void oxEventQueue::ItemDeleter::operator()(Item* item) const { delete item; }
+// By malloc: in the C++ library even the nothrow form of new throws inside.
+oxEventQueue::Spare oxEventQueue::Allocate() {
+  static_assert(alignof(Item) <= alignof(std::max_align_t));
+  void* const memory = std::malloc(sizeof(Item));
+  return Spare(memory != nullptr ? new (memory) Item : nullptr);
+}
+
+void oxEventQueue::ItemDeleter::operator()(Item* item) const {
+  item->~Item();
+  std::free(item);
+}
 
 oxEventQueue::Items::~Items() {
-  while (!IsEmpty()) oxEventTraceDrop(PopFront()->event.Get(), lost_);
+  while (!IsEmpty()) {
+    const Spare item = PopFront();
+    if (lost_) oxEventTraceDrop(item->event.Get(), *lost_);
+  }
 }
 
 void oxEventQueue::Items::PushBack(Spare item) {
@@ -84,11 +98,11 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   bool wake = false;
   while (!fits) {
     Items garbage(oxEventDrop::kTrimmed);
-    std::vector<Spare> more_garbage;
+    Items more_garbage(std::nullopt);
     oxEventLock lock(mutex_);
     policy_ = policy;
     capacity_ = std::max(capacity, 1u);
-    if (free_.size() > MostFreeLocked()) more_garbage.swap(free_);
+    if (free_.Size() > MostFreeLocked()) more_garbage.Take(&free_);
     discarded += TrimLocked(&garbage);
     fits = PendingLocked() <= capacity_;
     if (fits) SignalIfDrainedLocked();
@@ -110,8 +124,8 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
     if (item == nullptr) item = TakeFreeLocked();
   }
   // With the lock released, so that a long text delays nobody else.
-  if (item == nullptr) item.reset(new Item);
-  item->event.Assign(event);
+  if (item == nullptr) item = Allocate();
+  if (item == nullptr || !item->event.Assign(event)) return OXEVENT_FAILURE;
 
   bool wake = false;
   bool full = false;
@@ -204,10 +218,10 @@ uint64_t oxEventQueue::DropPending() {
 
 void oxEventQueue::Reset() {
   Items garbage;
-  std::vector<Spare> more_garbage;
+  Items more_garbage(std::nullopt);
   oxEventLock lock(mutex_);
   DropAllLocked(&garbage);
-  more_garbage.swap(free_);
+  more_garbage.Take(&free_);
   active_count_ = 0;
   accepting_ = false;
   stop_requested_ = false;
@@ -230,7 +244,6 @@ uint32_t oxEventQueue::RefuseLocked(bool* dropped) {
 // In place of the oldest event below warning when the queue is full. *item becomes memory for the next event, or null.
 // Returns whether the worker is to be woken.
 bool oxEventQueue::AppendLocked(Spare* item, bool full) {
-  ReserveFreeLocked();
   ++enqueue_count_;
   Spare next = full ? debug_info_.PopFront() : TakeFreeLocked();
   (*item)->order = next_order_++;
@@ -296,26 +309,11 @@ uint64_t oxEventQueue::DropAllLocked(Items* garbage) {
 }
 
 // Null: there is none.
-oxEventQueue::Spare oxEventQueue::TakeFreeLocked() {
-  if (free_.empty()) return nullptr;
-  Spare item = std::move(free_.back());
-  free_.pop_back();
-  return item;
-}
-
-// So that RecycleLocked needs no memory for the event that is about to be queued. If there is none, it will free it.
-void oxEventQueue::ReserveFreeLocked() {
-  const size_t items = PendingLocked() + active_.Size() + free_.size() + 1;
-  if (items <= free_.capacity()) return;
-  try {
-    free_.reserve(2 * items);
-  } catch (const std::bad_alloc&) {
-  }
-}
+oxEventQueue::Spare oxEventQueue::TakeFreeLocked() { return free_.IsEmpty() ? nullptr : free_.PopBack(); }
 
 // Without long texts.
 void oxEventQueue::RecycleLocked(Spare item) {
-  if (free_.size() < std::min(MostFreeLocked(), free_.capacity())) free_.push_back(std::move(item));
+  if (free_.Size() < MostFreeLocked()) free_.PushBack(std::move(item));
 }
 
 void oxEventQueue::SignalIfDrainedLocked() {

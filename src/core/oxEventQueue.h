@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
+#include <optional>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
@@ -35,8 +35,8 @@ class oxEventQueue {
 
   // Queues a copy. Never waits for space. *accepted: the event is queued; *dropped: an event was lost, this one or an
   // older one that made room; either may be null. *spare: used, and filled again from what the queue keeps; may be
-  // null. Returns 0, for a full queue too, or OXEVENT_NOT_INITIALIZED when the queue does not accept. Throws when there
-  // is no memory; then nothing has changed.
+  // null. Returns 0, for a full queue too; OXEVENT_NOT_INITIALIZED when the queue does not accept; OXEVENT_FAILURE when
+  // there is no memory, and then nothing has changed. Never throws: a thread's first exception may need memory too.
   uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped, Spare* spare = nullptr)
       OX_EXCLUDES(mutex_);
 
@@ -52,7 +52,7 @@ class oxEventQueue {
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   bool HasPending() OX_EXCLUDES(mutex_);
-  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Of the calls that did not throw. Start and Reset leave it.
+  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Of the calls that had memory. Start and Reset leave it.
 
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
@@ -60,10 +60,11 @@ class oxEventQueue {
   void Reset() OX_EXCLUDES(mutex_);            // As constructed; to be called when the worker has ended.
 
  private:
-  // Owns its items. Those that are left when it is destroyed are lost, for the reason given.
+  // Owns its items. Those that are left when it is destroyed are lost, for the reason given; without one they hold no
+  // event.
   class Items {
    public:
-    explicit Items(oxEventDrop lost = oxEventDrop::kStopped) : lost_(lost) {}
+    explicit Items(std::optional<oxEventDrop> lost = oxEventDrop::kStopped) : lost_(lost) {}
     ~Items();
     Items(const Items&) = delete;
     Items& operator=(const Items&) = delete;
@@ -81,7 +82,7 @@ class oxEventQueue {
     Item* front_ = nullptr;
     Item* back_ = nullptr;  // Only to be followed when there is a front.
     size_t size_ = 0;
-    const oxEventDrop lost_;
+    const std::optional<oxEventDrop> lost_;
   };
 
   // Waking a sleeping thread costs a submitter twenty times what queueing an event does. So after an event the worker
@@ -89,6 +90,7 @@ class oxEventQueue {
   // brought nothing it sleeps.
   enum class Rest { kNone, kNap, kSleep };
 
+  static Spare Allocate();  // Null: no memory.
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
   bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return PendingLocked() == 0 && active_count_ == 0; }
   size_t PendingLocked() const OX_REQUIRES(mutex_) { return debug_info_.Size() + warning_error_.Size(); }
@@ -105,7 +107,6 @@ class oxEventQueue {
   uint64_t DropAllLocked(Items* garbage) OX_REQUIRES(mutex_);
   Spare TakeFreeLocked() OX_REQUIRES(mutex_);
   size_t MostFreeLocked() const OX_REQUIRES(mutex_) { return size_t{capacity_} + 1; }  // With the active one's.
-  void ReserveFreeLocked() OX_REQUIRES(mutex_);
   void RecycleLocked(Spare item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
 
@@ -114,8 +115,7 @@ class oxEventQueue {
   // `order` tells which list's front is next.
   Items debug_info_ OX_GUARDED_BY(mutex_);
   Items warning_error_ OX_GUARDED_BY(mutex_);
-  // Kept for the next events, the last used at the end. There is room for the pending and active ones too.
-  std::vector<Spare> free_ OX_GUARDED_BY(mutex_);
+  Items free_ OX_GUARDED_BY(mutex_){std::nullopt};  // Kept for the next events, the last used at the end.
   uint64_t next_order_ OX_GUARDED_BY(mutex_) = 0;
   uint64_t enqueue_count_ OX_GUARDED_BY(mutex_) = 0;
   uint32_t capacity_ OX_GUARDED_BY(mutex_) = 1;
