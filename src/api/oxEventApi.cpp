@@ -23,10 +23,13 @@ namespace {
 
 constexpr uint32_t kShutdownDrainMs = 5000;
 
-// Outermost lock. Held over opening sinks, which may take as long as a name server does: Submit and Flush go by
-// g_oxEventInitialized without it.
+// Outermost lock but one. Held over opening sinks, but not over looking up their hosts, which may take as long as a
+// name server does. Submit and Flush go by g_oxEventInitialized without it.
 constinit oxEventImmortal<oxEventMutex> g_oxEventMutex;
+// One reload at a time, lookups included: of two the later settings stay in force. Taken before g_oxEventMutex.
+constinit oxEventImmortal<oxEventMutex> g_oxEventReloadMutex;
 constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
+constinit std::atomic<uint64_t> g_oxEventStarts = 0;       // Successful ones. Changed with g_oxEventMutex held.
 constinit std::atomic<bool> g_oxEventClosed = false;       // At unload and process exit, for good.
 constinit bool g_oxEventStopping = false;                  // A Shutdown is draining. Guarded by g_oxEventMutex.
 constinit oxEventImmortal<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
@@ -123,6 +126,7 @@ uint32_t Initialize(const char* config_path) {
     return FailWith(result, error, oxEventErrors::kConfigLoadFailed);
   }
   std::string remembered_path = config.config_path;
+  if (!g_oxEventInitialized) oxEventSinkLookUpHosts(&config);
 
   oxEventLock lock(*g_oxEventMutex);
   if (g_oxEventInitialized || g_oxEventStopping) {
@@ -139,6 +143,7 @@ uint32_t Initialize(const char* config_path) {
   }
   sinks.Keep();
   *g_oxEventConfigPath = std::move(remembered_path);
+  ++g_oxEventStarts;
   g_oxEventInitialized = true;
   oxEventClearLastError();
   return OXEVENT_OK;
@@ -146,6 +151,8 @@ uint32_t Initialize(const char* config_path) {
 
 uint32_t ReloadConfig(const char* config_path) {
   const oxEventCancelBlock cancel_block;
+  const oxEventLock reload_lock(*g_oxEventReloadMutex);
+  const uint64_t starts = g_oxEventStarts;
   std::string path = config_path == nullptr ? "" : config_path;
   if (path.empty()) {
     oxEventLock lock(*g_oxEventMutex);
@@ -156,9 +163,11 @@ uint32_t ReloadConfig(const char* config_path) {
   if (const uint32_t result = oxEventConfigLoad(path.c_str(), &config, &error); result != OXEVENT_OK) {
     return FailWith(result, error, oxEventErrors::kConfigReloadFailed);
   }
+  if (g_oxEventInitialized) oxEventSinkLookUpHosts(&config);
 
   oxEventLock lock(*g_oxEventMutex);
-  if (!g_oxEventInitialized) return NotInitialized();
+  // These settings are for the run that they were loaded in, and not for a later one either.
+  if (!g_oxEventInitialized || g_oxEventStarts != starts) return NotInitialized();
   if (const uint32_t result = oxEventSinkReloadConfig(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kConfigReloadFailed);
   }
@@ -299,6 +308,7 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
 
 void oxEventApiForgetInChild() {
   g_oxEventMutex.Renew();
+  g_oxEventReloadMutex.Renew();
   g_oxEventConfigPath.Renew();
   g_oxEventClosed = false;
   g_oxEventInitialized = false;

@@ -23,7 +23,20 @@ void AfterForkInChild() {
   oxEventLastErrorForgetInChild();
 }
 
+// The C++ runtime keeps the state of a thread's exceptions in thread-local storage. In a C host that came by it through
+// dlopen, a thread allocates that storage at its first exception, and where there is no memory the C library ends the
+// process. This descriptor of a variable in the same storage makes the loader place it, for every thread, in the memory
+// that threads have from their start. Unlike an initial-exec reference it does not fail the dlopen when the loader
+// cannot, as where the runtime is in use already.
+void PlaceExceptionState() {
+#if defined(__GLIBCXX__) && defined(__x86_64__)
+  void* descriptor;
+  asm volatile("leaq _ZSt15__once_callable@TLSDESC(%%rip), %%rax" : "=a"(descriptor));
+#endif
+}
+
 [[gnu::constructor]] void Load() {
+  PlaceExceptionState();
   pthread_atfork(oxEventPlatformNativeBeforeFork, oxEventPlatformNativeAfterForkInParent, AfterForkInChild);
 }
 

@@ -137,9 +137,11 @@ inline constexpr Entry kTable[] = {
     {kSubmitFailed,
      Met::kCall,
      "oxEvent core submit failed",
-     {OXEVENT_NOT_INITIALIZED},
-     "The library was shut down, or the process began to exit, while the event was being reported. The event is lost.",
-     "Let the host end the threads that report events before it calls oxEventShutdown."},
+     {OXEVENT_NOT_INITIALIZED, OXEVENT_FAILURE},
+     "0x80050001: the library was shut down, or the process began to exit, while the event was being reported. "
+     "0x80050005: no memory for its copy. The event is lost.",
+     "0x80050001: let the host end the threads that report events before it calls oxEventShutdown. 0x80050005: look at "
+     "the memory limits of the process and of its control group, and at the system's memory (free -m)."},
     {kFlushTimedOut,
      Met::kCall,
      "oxEvent core flush timed out",

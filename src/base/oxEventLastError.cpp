@@ -1,11 +1,14 @@
 #include "base/oxEventLastError.h"
 
 #include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
-#include <exception>
-#include <memory>
-#include <string>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
 
 #include "base/oxEventCopyString.h"
 #include "base/oxEventImmortal.h"
@@ -13,16 +16,24 @@
 
 namespace {
 
-struct ThreadText {
-  std::string text;
-  ThreadText* next;
+struct Link {
+  Link* previous;
+  Link* next;
 };
 
+// Made with malloc, as its text is: a thread's first exception may need memory too.
+struct ThreadText : Link {
+  pid_t thread;
+  char* text;  // Null: no memory for it.
+};
+
+constexpr int kSweepAtOnce = 2;
+
 constinit oxEventImmortal<oxEventMutex> g_mutex;
-constinit ThreadText* g_texts = nullptr;     // Every thread's, so that an unload can free them. Guarded by g_mutex.
-constinit std::atomic<bool> g_open = false;  // There is a key. Changed with g_mutex held.
-constinit bool g_unloaded = false;           // There will be none any more. Guarded by g_mutex.
-pthread_key_t g_oxEventLastError;            // Holds the thread's ThreadText.
+constinit Link g_texts = {&g_texts, &g_texts};  // A ring of every thread's. Guarded by g_mutex.
+constinit std::atomic<bool> g_open = false;     // There is a key. Changed with g_mutex held.
+constinit bool g_unloaded = false;              // There will be none any more. Guarded by g_mutex.
+pthread_key_t g_oxEventLastError;               // Holds the thread's ThreadText.
 
 // Only to be followed with g_mutex held and g_open seen true: an unload in another thread frees the texts.
 ThreadText* OwnText() {
@@ -30,47 +41,70 @@ ThreadText* OwnText() {
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
 }
 
-void EndThread(void* text);
-
-// The process may have used up its keys; they may come back.
+// The process may have used up its keys; they may come back. Without a destructor: an ending thread could be about to
+// call it while dlclose unmaps it.
 bool OpenLocked() {
-  if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, EndThread) == 0;
+  if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, nullptr) == 0;
   return g_open;
 }
 
-void FreeLocked(void* text) {
-  ThreadText** link = &g_texts;
-  while (*link != nullptr && *link != text) link = &(*link)->next;
-  ThreadText* found = *link;
-  if (found == nullptr) return;
-  *link = found->next;
-  delete found;
+void UnlinkLocked(Link* link) {
+  link->previous->next = link->next;
+  link->next->previous = link->previous;
 }
 
-void EndThread(void* text) {
-  oxEventLock lock(*g_mutex);
-  if (g_open) FreeLocked(text);
+void LinkLastLocked(Link* link) {
+  link->previous = g_texts.previous;
+  link->next = &g_texts;
+  link->previous->next = link->next->previous = link;
+}
+
+void FreeLocked(ThreadText* text) {
+  UnlinkLocked(text);
+  free(text->text);
+  free(text);
+}
+
+// A thread that ends leaves its text behind. Each new text looks at the two that nobody has looked at for longest, so
+// at most about half of the texts are of threads that are gone. Where the system forbids to ask, they stay.
+void SweepLocked(pid_t self) {
+  for (int i = 0; i < kSweepAtOnce && g_texts.next != &g_texts; ++i) {
+    auto* const oldest = static_cast<ThreadText*>(g_texts.next);
+    const bool gone = oldest->thread == self || (tgkill(getpid(), oldest->thread, 0) != 0 && errno == ESRCH);
+    if (gone) {
+      FreeLocked(oldest);
+    } else {
+      UnlinkLocked(oldest);
+      LinkLastLocked(oldest);
+    }
+  }
+}
+
+// Null: no memory.
+ThreadText* AddLocked() {
+  const pid_t self = gettid();
+  SweepLocked(self);
+  void* const memory = malloc(sizeof(ThreadText));
+  if (memory == nullptr) return nullptr;
+  if (pthread_setspecific(g_oxEventLastError, memory) != 0) {
+    free(memory);
+    return nullptr;
+  }
+  auto* const made = new (memory) ThreadText{{}, self, nullptr};
+  LinkLastLocked(made);
+  return made;
 }
 
 }  // namespace
 
 void oxEventSetLastError(std::string_view text) {
-  try {
-    oxEventLock lock(*g_mutex);
-    if (!OpenLocked()) return;
-    ThreadText* own = OwnText();
-    if (own == nullptr) {
-      auto made = std::make_unique<ThreadText>();
-      if (pthread_setspecific(g_oxEventLastError, made.get()) != 0) return;
-      own = made.release();
-      own->next = g_texts;
-      g_texts = own;
-    }
-    own->text.clear();
-    own->text.assign(text);
-  } catch (const std::exception&) {
-    // No memory: the text is empty, the caller's result code stands.
-  }
+  oxEventLock lock(*g_mutex);
+  if (!OpenLocked()) return;
+  ThreadText* own = OwnText();
+  if (own == nullptr) own = AddLocked();
+  if (own == nullptr) return;
+  free(own->text);
+  own->text = strndup(text.data(), text.size());
 }
 
 void oxEventClearLastError() {
@@ -84,7 +118,7 @@ void oxEventClearLastError() {
 void oxEventCopyLastError(char* buffer, uint32_t buffer_size) {
   oxEventLock lock(*g_mutex);
   const ThreadText* own = OwnText();
-  oxEventPlatformCopyString(buffer, buffer_size, own == nullptr ? nullptr : own->text.c_str());
+  oxEventPlatformCopyString(buffer, buffer_size, own == nullptr ? nullptr : own->text);
 }
 
 void oxEventLastErrorUnload() {
@@ -92,11 +126,11 @@ void oxEventLastErrorUnload() {
   g_unloaded = true;
   if (!g_open.exchange(false)) return;
   pthread_key_delete(g_oxEventLastError);
-  while (g_texts != nullptr) FreeLocked(g_texts);
+  while (g_texts.next != &g_texts) FreeLocked(static_cast<ThreadText*>(g_texts.next));
 }
 
 void oxEventLastErrorForgetInChild() {
   g_mutex.Renew();
-  g_texts = nullptr;
+  g_texts = {&g_texts, &g_texts};
   if (g_open) pthread_setspecific(g_oxEventLastError, nullptr);
 }

@@ -7,7 +7,7 @@
 // more than a look. Kept under a pthread key: a thread_local with a destructor would keep the library loaded until its
 // thread ends.
 
-// Replaces the text. Without memory for it the text becomes empty.
+// Replaces the text. Without memory for it the text becomes empty. Does not throw.
 void oxEventSetLastError(std::string_view text);
 void oxEventClearLastError();
 

@@ -2,6 +2,7 @@
 
 #include <sanitizer/asan_interface.h>
 
+#include <cstdlib>
 #include <new>
 
 size_t oxEventSlab::BlockSize(size_t size) {
@@ -15,7 +16,7 @@ size_t oxEventSlab::ClassOf(size_t size) {
 }
 
 void* oxEventSlab::Allocate(size_t size) {
-  if (size > kLargestBlock) return ::operator new(size, std::nothrow);
+  if (size > kLargestBlock) return std::malloc(size);
   const size_t size_class = ClassOf(size);
   Span* span = with_room_[size_class];
   if (span == nullptr) {
@@ -36,7 +37,7 @@ void* oxEventSlab::Allocate(size_t size) {
 }
 
 void oxEventSlab::Free(void* block, size_t size) {
-  if (size > kLargestBlock) return ::operator delete(block);
+  if (size > kLargestBlock) return std::free(block);
   Span* const span = SpanOf(block);
   if (IsFull(span)) Link(span);
   auto* const freed = static_cast<FreeBlock*>(block);

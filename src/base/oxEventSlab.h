@@ -9,7 +9,8 @@
 
 // An allocator whose memory goes back to the system when it is freed, as that of the C library's does not: a block of
 // the host's between ours would hold the pages. Each span of pages holds blocks of one size; a span without a block in
-// use is unmapped, but for one that is kept for the next blocks. Blocks over 32 KiB come from operator new.
+// use is unmapped, but for one that is kept for the next blocks. Blocks over 32 KiB come from malloc.
+// No exception: in a host in C the first one on a thread needs memory itself.
 // Threads: one at a time. Every block has to be freed before the allocator is destroyed.
 class oxEventSlab {
  public:

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -87,6 +88,9 @@ struct oxEventSinkConfig {
   bool verify_tls = true;
   uint32_t am_retry_count = 3;
   uint32_t retry_backoff_ms = 500;
+
+  // What looking up the host of a syslog or SNMP sink gave: done before any lock is taken. Null: not done.
+  std::shared_ptr<const struct oxEventUdpLookup> lookup;
 
   bool operator==(const oxEventSinkConfig&) const = default;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -42,7 +43,10 @@ void oxEventQueue::ItemDeleter::operator()(Item* item) const {
 }
 
 oxEventQueue::Items::~Items() {
-  while (!IsEmpty()) oxEventTraceDrop(PopFront()->event.Get(), lost_);
+  while (!IsEmpty()) {
+    const Spare item = PopFront();
+    oxEventTraceDrop(item->event.Get(), lost_);
+  }
 }
 
 void oxEventQueue::Items::PushBack(Spare item) {
@@ -143,7 +147,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
   }
   // With the lock released, so that a long text delays nobody else.
   if (item == nullptr) item = NewItem();
-  if (item == nullptr || !item->event.Assign(event)) throw std::bad_alloc();
+  if (item == nullptr || !item->event.Assign(event)) return OXEVENT_FAILURE;
 
   bool wake = false;
   bool full = false;

@@ -35,8 +35,8 @@ class oxEventQueue {
 
   // Queues a copy. Never waits for space. *accepted: the event is queued; *dropped: an event was lost, this one or an
   // older one that made room; either may be null. *spare: used, and filled again from what the queue keeps; may be
-  // null. Returns 0, for a full queue too, or OXEVENT_NOT_INITIALIZED when the queue does not accept. Throws when there
-  // is no memory; then nothing has changed.
+  // null. Returns 0, for a full queue too; OXEVENT_NOT_INITIALIZED when the queue does not accept; OXEVENT_FAILURE when
+  // there is no memory, and then nothing has changed. Never throws: a thread's first exception may need memory too.
   uint32_t Enqueue(const oxEventNormalizedEvent& event, bool* accepted, bool* dropped, Spare* spare = nullptr)
       OX_EXCLUDES(mutex_);
 
@@ -52,7 +52,7 @@ class oxEventQueue {
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   bool HasPending() OX_EXCLUDES(mutex_);
-  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Of the calls that did not throw. Start and Reset leave it.
+  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Of the calls that had memory. Start and Reset leave it.
 
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
@@ -60,7 +60,8 @@ class oxEventQueue {
   void Reset() OX_EXCLUDES(mutex_);            // As constructed; to be called when the worker has ended.
 
  private:
-  // Owns its items. Those that are left when it is destroyed are lost, for the reason given.
+  // Owns its items. Those that are left when it is destroyed are lost, for the reason given; without one they hold no
+  // event.
   class Items {
    public:
     explicit Items(oxEventDrop lost = oxEventDrop::kStopped) : lost_(lost) {}
@@ -126,7 +127,6 @@ class oxEventQueue {
   Items& OldestLocked() OX_REQUIRES(mutex_);
   uint32_t TrimLocked(Items* garbage) OX_REQUIRES(mutex_);
   uint64_t DropAllLocked(Items* garbage) OX_REQUIRES(mutex_);
-  Spare TakeFreeLocked() OX_REQUIRES(mutex_);
   size_t MostFreeLocked() const OX_REQUIRES(mutex_) { return size_t{capacity_} + 1; }  // With the active one's.
   void RecycleLocked(Spare item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);

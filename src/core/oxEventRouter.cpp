@@ -79,15 +79,11 @@ uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
   }
   bool accepted = false;
   bool dropped = false;
-  try {
-    const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped, place.Spare());
-    if (dropped && accepted) run->AddDropped(oxEventDrop::kDisplaced, 1);
-    if (dropped && !accepted) run->Drop(event, oxEventDrop::kRefused);
-    return result;
-  } catch (...) {
-    run->Drop(event, oxEventDrop::kNoMemory);
-    throw;
-  }
+  const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped, place.Spare());
+  if (dropped && accepted) run->AddDropped(oxEventDrop::kDisplaced, 1);
+  if (dropped && !accepted) run->Drop(event, oxEventDrop::kRefused);
+  if (result == OXEVENT_FAILURE) run->Drop(event, oxEventDrop::kNoMemory);
+  return result;
 }
 
 uint32_t oxEventRouter::Flush(uint32_t timeout_ms) {

@@ -40,7 +40,8 @@ class oxEventRouter {
   // OXEVENT_ALREADY_INITIALIZED: running. Throws when there is no thread or no memory; then nothing has changed.
   uint32_t Start(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
-  // Filters and queues a copy. 0 for a dropped event too. Never waits for the worker.
+  // Filters and queues a copy. 0 for a dropped event too; OXEVENT_FAILURE when there is no memory. Never waits for the
+  // worker, and does not throw.
   uint32_t Submit(const oxEventNormalizedEvent& event);
 
   // Waits until everything is delivered (0: without limit), then flushes the sinks, which get the whole time again.

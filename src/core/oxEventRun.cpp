@@ -35,6 +35,7 @@ void oxEventRouter::Run::StartWorker() {
   const oxEventSignalBlock block(oxEventSignalBlock::kAll);
   worker_ = std::thread([this] { RouterMain(); });
   worker_id_ = worker_.get_id();
+  ready_.wait(false);
 }
 
 void oxEventRouter::Run::JoinWorker() {
@@ -52,6 +53,9 @@ oxEventDrops oxEventRouter::Run::Drops() const {
 
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
+  // A thread's first exception may allocate, and without memory that ends the process: not later, amid deliveries.
+  ready_ = abi::__cxa_get_globals() != nullptr;
+  ready_.notify_one();
   const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
   const WorkerEnd end(queue);
   while (oxEventNormalizedEvent* event = queue.WaitPop()) {

@@ -15,7 +15,7 @@ class oxEventRouter::Run {
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
 
-  // Starts the worker, which blocks every signal: no handler of the host's runs on it.
+  // Starts the worker, which blocks every signal: no handler of the host's runs on it. Returns once it can take events.
   void StartWorker();
   void JoinWorker() OX_EXCLUDES(join_mutex_);
   // False again once the worker is joined: another thread may get its id.
@@ -48,5 +48,6 @@ class oxEventRouter::Run {
   oxEventMutex join_mutex_;                     // Two threads may want to join: a stop, and the process's exit.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);
   std::atomic<std::thread::id> worker_id_;
+  std::atomic<bool> ready_ = false;
   std::atomic<bool> ended_ = false;
 };

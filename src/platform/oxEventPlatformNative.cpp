@@ -40,6 +40,7 @@ int Level(uint32_t severity) {
 struct SystemLog {
   oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The one that holds `mutex` over its fork.
+  int cancel_state = PTHREAD_CANCEL_ENABLE;   // Its own, before the fork. Guarded by `mutex`.
   std::atomic<int> forks_waiting = 0;         // For `mutex`. A busy worker leaves it to them between two lines.
   std::atomic<bool> writing = false;          // A line goes out, under its sink's identity. Changed with `mutex` held.
   // False in the child of a fork that found a line half written: the C library's log is locked there for good.
@@ -140,21 +141,34 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   delete handle;
 }
 
-// The lock goes from this function to the next.
+// The lock goes from this function to the next. A cancellation waits meanwhile, also in other handlers of the fork.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
+  int cancel_state = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   ++g_system_log->forks_waiting;
-  if (g_system_log->mutex.TryLockFor(kPatienceMs)) g_system_log->forking_thread = pthread_self();
+  const bool locked = g_system_log->mutex.TryLockFor(kPatienceMs);
   --g_system_log->forks_waiting;
+  if (!locked) {
+    pthread_setcancelstate(cancel_state, nullptr);
+    return;
+  }
+  g_system_log->forking_thread = pthread_self();
+  g_system_log->cancel_state = cancel_state;
 }
 
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeAfterForkInParent() {
   if (g_system_log->forking_thread != pthread_self()) return;
+  const int cancel_state = g_system_log->cancel_state;
   g_system_log->forking_thread = 0;
   g_system_log->mutex.Unlock();
+  pthread_setcancelstate(cancel_state, nullptr);
 }
 
 void oxEventPlatformNativeAfterForkInChild() {
-  const bool usable = g_system_log->usable && g_system_log->forking_thread == pthread_self();
+  const bool locked = g_system_log->forking_thread == pthread_self();
+  const bool usable = g_system_log->usable && locked;
+  const int cancel_state = g_system_log->cancel_state;
   g_system_log.Renew();
   g_system_log->usable = usable;
+  if (locked) pthread_setcancelstate(cancel_state, nullptr);
 }

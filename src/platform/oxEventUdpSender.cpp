@@ -17,8 +17,35 @@ constexpr uint32_t kMaxPort = 65535;
 
 }  // namespace
 
-oxEventUdpSender::oxEventUdpSender(const oxEventUdpErrors& errors, std::string host, uint32_t port)
-    : errors_(errors), host_(std::move(host)), port_(port) {}
+struct oxEventUdpLookup {
+  oxEventUdpLookup(const std::string& host, uint32_t port) {
+    if (port > kMaxPort) {
+      failure = EAI_SERVICE;
+      return;
+    }
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_DGRAM;
+    hints.ai_protocol = IPPROTO_UDP;
+    failure = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
+  }
+  ~oxEventUdpLookup() {
+    if (list != nullptr) freeaddrinfo(list);
+  }
+  oxEventUdpLookup(const oxEventUdpLookup&) = delete;
+  oxEventUdpLookup& operator=(const oxEventUdpLookup&) = delete;
+
+  int failure = 0;
+  addrinfo* list = nullptr;
+};
+
+std::shared_ptr<const oxEventUdpLookup> oxEventUdpLookUp(const std::string& host, uint32_t port) {
+  return std::make_shared<const oxEventUdpLookup>(host, port);
+}
+
+oxEventUdpSender::oxEventUdpSender(const oxEventUdpErrors& errors, std::string host, uint32_t port,
+                                   std::shared_ptr<const oxEventUdpLookup> lookup)
+    : errors_(errors), host_(std::move(host)), port_(port), lookup_(std::move(lookup)) {}
 
 oxEventUdpSender::~oxEventUdpSender() {
   if (fd_ >= 0) close(fd_);
@@ -26,18 +53,12 @@ oxEventUdpSender::~oxEventUdpSender() {
 
 uint32_t oxEventUdpSender::Resolve(std::string* error) {
   if (fd_ >= 0) return OXEVENT_OK;
-  if (port_ > kMaxPort) return Fail(errors_.resolve, EAI_SERVICE, error);
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_DGRAM;
-  hints.ai_protocol = IPPROTO_UDP;
-  addrinfo* list = nullptr;
-  const int failure = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &list);
-  if (failure != 0 || list == nullptr) return Fail(errors_.resolve, failure, error);
+  auto lookup = std::exchange(lookup_, nullptr);
+  if (lookup == nullptr) lookup = oxEventUdpLookUp(host_, port_);
+  if (lookup->failure != 0 || lookup->list == nullptr) return Fail(errors_.resolve, lookup->failure, error);
 
   errno = 0;
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, freeaddrinfo);
-  for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
+  for (const addrinfo* entry = lookup->list; entry != nullptr; entry = entry->ai_next) {
     if (entry->ai_addrlen > sizeof(address_)) continue;
     fd_ = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC, entry->ai_protocol);
     if (fd_ < 0) continue;

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -15,16 +16,24 @@ struct oxEventUdpErrors {
   oxEventErrorText<3> send;
 };
 
+// What a name server gave for a receiver's name, or the number of the failure.
+struct oxEventUdpLookup;
+// Takes as long as the name server does. Throws when there is no memory.
+std::shared_ptr<const oxEventUdpLookup> oxEventUdpLookUp(const std::string& host, uint32_t port);
+
 // Sends datagrams to one receiver over IPv4 or IPv6. Its name is looked up once; the socket is not connected, so that a
 // receiver that is absent for a while costs nothing. Owns its descriptor. Threads: one at a time.
 class oxEventUdpSender {
  public:
-  oxEventUdpSender(const oxEventUdpErrors& errors, std::string host, uint32_t port);
+  // `lookup`: of this host and port; null: Resolve does it.
+  oxEventUdpSender(const oxEventUdpErrors& errors, std::string host, uint32_t port,
+                   std::shared_ptr<const oxEventUdpLookup> lookup);
   ~oxEventUdpSender();
   oxEventUdpSender(const oxEventUdpSender&) = delete;
   oxEventUdpSender& operator=(const oxEventUdpSender&) = delete;
 
-  // Looks the receiver up and opens the socket, unless that is done. Takes as long as a name server does.
+  // Looks the receiver up and opens the socket, as far as that is not done. A lookup takes as long as a name server
+  // does.
   uint32_t Resolve(std::string* error);
 
   // One datagram, after Resolve.
@@ -36,6 +45,7 @@ class oxEventUdpSender {
   const oxEventUdpErrors errors_;
   const std::string host_;
   const uint32_t port_;
+  std::shared_ptr<const oxEventUdpLookup> lookup_;  // Until there is a socket.
   int fd_ = -1;
   sockaddr_storage address_ = {};
   socklen_t address_length_ = 0;

@@ -122,7 +122,8 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
 }  // namespace
 
 uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
-                                        const oxEventAlertmanagerFormatterConfig& config, std::string* out) {
+                                        const oxEventAlertmanagerFormatterConfig& config, std::string* out,
+                                        oxEventText::UtcCache* cache) {
   if (out == nullptr) return OXEVENT_INVALID_ARGUMENT;
   const bool resolved = IsResolved(event.action);
   out->assign(resolved && !config.send_resolved ? "[]" : "[");
@@ -132,7 +133,7 @@ uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
   AddLabels(event, config, out);
   alert.AddName("annotations");
   AddAnnotations(event, out);
-  const auto append_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, out); };
+  const auto append_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, out, cache); };
   AddString("startsAt", &alert, out, append_time);
   if (resolved) AddString("endsAt", &alert, out, append_time);
   alert.Close();

@@ -27,16 +27,19 @@ class oxEventAlertmanagerSink : public oxEventSink {
       OX_EXCLUDES(mutex_) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     std::string document;
+    oxEventText::UtcCache utc_cache;
     {
       oxEventLock lock(mutex_);
       document.swap(spare_);
+      utc_cache = utc_cache_;
     }
-    const uint32_t result = oxEventFormatAlertmanagerAlert(event, formatter_config_, &document);
+    const uint32_t result = oxEventFormatAlertmanagerAlert(event, formatter_config_, &document, &utc_cache);
     if (result != OXEVENT_OK) return result;
     oxEventLock lock(mutex_);
     document.swap(latest_document_);
     document.swap(spare_);
     oxEventReleaseLongText(&spare_);
+    utc_cache_ = utc_cache;
     return OXEVENT_OK;
   }
 
@@ -46,6 +49,7 @@ class oxEventAlertmanagerSink : public oxEventSink {
   const oxEventAlertmanagerFormatterConfig formatter_config_;
   std::string latest_document_ OX_GUARDED_BY(mutex_);
   std::string spare_ OX_GUARDED_BY(mutex_);  // The memory of the one before, for the next.
+  oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
 };
 
 }  // namespace

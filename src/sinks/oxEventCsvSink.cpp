@@ -97,7 +97,7 @@ class oxEventCsvSink : public oxEventSink {
     if (failed_) return false;
     ReserveLocked(used_ + oxEventText::CsvRowCapacity(event));
     char* const begin = buffer_.get();
-    used_ = static_cast<size_t>(oxEventText::WriteCsvRow(event, begin + used_) - begin);
+    used_ = static_cast<size_t>(oxEventText::WriteCsvRow(event, begin + used_, &utc_cache_) - begin);
     return used_ <= kBufferSize || WriteBufferLocked();
   }
 
@@ -138,6 +138,7 @@ class oxEventCsvSink : public oxEventSink {
   std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Whole rows that are not in the file yet.
   size_t used_ OX_GUARDED_BY(mutex_) = 0;                 // Bytes of it.
   size_t capacity_ OX_GUARDED_BY(mutex_) = 0;
+  oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
   bool failed_ OX_GUARDED_BY(mutex_) = false;
   bool told_ OX_GUARDED_BY(mutex_) = false;  // Of that, by a call whose failure the host learns of.
 };

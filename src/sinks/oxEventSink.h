@@ -27,6 +27,10 @@ class oxEventSink {
   virtual uint32_t WriteOut(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 };
 
+// For the receiver of a sink of this kind. Takes as long as a name server does.
+std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSyslogUdp(const oxEventSinkConfig& config);
+std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSnmpTrap(const oxEventSinkConfig& config);
+
 // A factory makes a sink of its kind: 0 with the sink in *out, or a code with the reason in *error (may be null).
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error);
 uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,

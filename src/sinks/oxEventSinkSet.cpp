@@ -212,6 +212,14 @@ SharedList SinksForDelivery(SharedList* replaced, unsigned* replacements) {
 
 }  // namespace
 
+void oxEventSinkLookUpHosts(oxEventConfig* config) {
+  for (oxEventSinkConfig& sink : config->sinks) {
+    if (!sink.enabled) continue;
+    if (sink.type == oxEventSinkType::kSyslogUdp) sink.lookup = oxEventLookUpSyslogUdp(sink);
+    if (sink.type == oxEventSinkType::kSnmpTrap) sink.lookup = oxEventLookUpSnmpTrap(sink);
+  }
+}
+
 uint32_t oxEventSinkInitialize(const oxEventConfig& config) { return Replace(config, oxEventErrors::kSinkStartFailed); }
 
 uint32_t oxEventSinkReloadConfig(const oxEventConfig& config) {

@@ -13,6 +13,10 @@
 // Any thread. No lock is held while a sink is called: a delivery goes on with the set that it began with, and a sink is
 // destroyed when the last such delivery is done.
 
+// Looks up the host of each enabled syslog and SNMP sink, so that building the sinks needs no name server. Failures are
+// kept for the sinks' factories. Takes as long as the name servers do; no lock is held.
+void oxEventSinkLookUpHosts(oxEventConfig* config);
+
 // Build the sinks and put them in the place of those before, whose buffered rows are then written out. On failure the
 // factory's code and message (oxEventSinkGetLastError, and the thread's last error), and the sinks before stay.
 uint32_t oxEventSinkInitialize(const oxEventConfig& config);

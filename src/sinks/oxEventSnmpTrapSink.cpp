@@ -34,6 +34,14 @@ std::string Encoded(std::string_view dotted) {
   return oid;
 }
 
+std::string Host(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults) {
+  return oxEventOrDefault(config.snmp_host, defaults.snmp_host);
+}
+
+uint32_t Port(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults) {
+  return config.snmp_port == 0 ? defaults.snmp_port : config.snmp_port;
+}
+
 // One SNMPv2-Trap-PDU per event in one datagram (RFC 3416, RFC 3417), with the event's fields as objects.
 class oxEventSnmpTrapSink : public oxEventSink {
  public:
@@ -46,8 +54,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
         sys_up_time_(Encoded("1.3.6.1.2.1.1.3.0")),
         snmp_trap_oid_(Encoded("1.3.6.1.6.3.1.1.4.1.0")),
         trap_(Encoded(trap_oid_)),
-        sender_(kUdpErrors, oxEventOrDefault(config.snmp_host, defaults.snmp_host),
-                config.snmp_port == 0 ? defaults.snmp_port : config.snmp_port) {
+        sender_(kUdpErrors, Host(config, defaults), Port(config, defaults), config.lookup) {
     message_.reserve(kMaxMessage);
     decimal_.reserve(std::numeric_limits<uint64_t>::digits10 + 1);
     for (int i = 1; i <= kObjects; ++i) {
@@ -142,6 +149,11 @@ uint32_t CheckVersion(std::string_view version, std::string* error) {
 }
 
 }  // namespace
+
+std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSnmpTrap(const oxEventSinkConfig& config) {
+  const oxEventSinkConfig defaults;
+  return oxEventUdpLookUp(Host(config, defaults), Port(config, defaults));
+}
 
 uint32_t oxEventCreateSnmpTrapSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                    std::string* error) {

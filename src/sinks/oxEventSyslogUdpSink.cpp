@@ -90,6 +90,10 @@ std::string HostName() {
   return known && name[0] != '\0' ? name : "-";
 }
 
+std::string Host(const oxEventSinkConfig& config) { return oxEventOrDefault(config.host, "127.0.0.1"); }
+
+uint32_t Port(const oxEventSinkConfig& config) { return config.port == 0 ? kDefaultPort : config.port; }
+
 // One RFC 5424 message per event in one datagram (RFC 5426). The time stamp has nine digits of fraction where the
 // standard knows six: no nanosecond is lost.
 class oxEventSyslogUdpSink : public oxEventSink {
@@ -97,7 +101,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)
       : facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kLocal0)),
         minimum_severity_(config.minimum_severity),
-        sender_(kUdpErrors, oxEventOrDefault(config.host, "127.0.0.1"), config.port == 0 ? kDefaultPort : config.port) {
+        sender_(kUdpErrors, Host(config), Port(config), config.lookup) {
     const auto add = [this](std::string_view text, size_t max_length) {
       origin_.push_back(' ');
       Token(text, max_length, &origin_);
@@ -128,7 +132,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
     line_.assign(1, '<');
     oxEventAppendNumber(&line_, facility_code_ * 8 + SyslogSeverity(event.severity));
     line_.append(">1 ");
-    oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_);
+    oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_, &utc_cache_);
     line_.append(origin_);
     Token(event.event_type, 32, &line_);
     line_.push_back(' ');
@@ -144,9 +148,14 @@ class oxEventSyslogUdpSink : public oxEventSink {
   std::string origin_;  // " HOSTNAME APP-NAME PROCID ". Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string line_ OX_GUARDED_BY(mutex_);  // Reused.
+  oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
 };
 
 }  // namespace
+
+std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSyslogUdp(const oxEventSinkConfig& config) {
+  return oxEventUdpLookUp(Host(config), Port(config));
+}
 
 uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                     std::string* error) {

@@ -46,30 +46,30 @@ char* WritePadded(uint64_t value, int width, char separator, char* at) {
 constexpr size_t kUtcSeconds = sizeof("2023-11-14T22:13:20") - 1;
 constexpr size_t kUtcNano = kUtcSeconds + sizeof(".000000000Z") - 1;
 
-// 2023-11-14T22:13:20. A thread's events mostly lie in the second of the one before.
-char* WriteUtcSeconds(uint64_t ns, char* at) {
-  thread_local uint64_t t_second = UINT64_MAX;  // Of t_text.
-  thread_local char t_text[kUtcSeconds + 1];
-  if (const uint64_t second = ns / kNsPerSecond; second != t_second) {
+// 2023-11-14T22:13:20
+char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
+  UtcCache own;
+  if (cache == nullptr) cache = &own;
+  if (const uint64_t second = ns / kNsPerSecond; second != cache->second) {
     const std::chrono::sys_seconds time{std::chrono::seconds{second}};
     const auto midnight = std::chrono::floor<std::chrono::days>(time);
     const std::chrono::year_month_day date{midnight};
     const std::chrono::hh_mm_ss clock{time - midnight};
-    char* part = WritePadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', t_text);
+    char* part = WritePadded(static_cast<uint64_t>(static_cast<int>(date.year())), 4, '-', cache->text);
     part = WritePadded(static_cast<unsigned>(date.month()), 2, '-', part);
     part = WritePadded(static_cast<unsigned>(date.day()), 2, 'T', part);
     part = WritePadded(static_cast<uint64_t>(clock.hours().count()), 2, ':', part);
     part = WritePadded(static_cast<uint64_t>(clock.minutes().count()), 2, ':', part);
     WritePadded(static_cast<uint64_t>(clock.seconds().count()), 2, '\0', part);
-    t_second = second;
+    cache->second = second;
   }
-  std::memcpy(at, t_text, kUtcSeconds);
+  std::memcpy(at, cache->text, kUtcSeconds);
   return at + kUtcSeconds;
 }
 
 // 2023-11-14T22:13:20.000000000Z
-char* WriteUtcNano(uint64_t ns, char* at) {
-  at = WriteUtcSeconds(ns, at);
+char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
+  at = WriteUtcSeconds(ns, cache, at);
   *at++ = '.';
   return WritePadded(ns % kNsPerSecond, 9, 'Z', at);
 }
@@ -142,15 +142,15 @@ void DoubleToJson(double value, std::string* out) {
   oxEventAppendNumber(out, value, kRoundTripDigits);
 }
 
-void UtcIsoFromNs(uint64_t ns, std::string* out) {
-  if (ns % kNsPerSecond != 0) return UtcIsoNanoFromNs(ns, out);
+void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache) {
+  if (ns % kNsPerSecond != 0) return UtcIsoNanoFromNs(ns, out, cache);
   char text[kUtcSeconds];
-  out->append(text, WriteUtcSeconds(ns, text)).push_back('Z');
+  out->append(text, WriteUtcSeconds(ns, cache, text)).push_back('Z');
 }
 
-void UtcIsoNanoFromNs(uint64_t ns, std::string* out) {
+void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache) {
   char text[kUtcNano];
-  out->append(text, WriteUtcNano(ns, text));
+  out->append(text, WriteUtcNano(ns, cache, text));
 }
 
 size_t CsvRowCapacity(const oxEventNormalizedEvent& e) {
@@ -161,7 +161,7 @@ size_t CsvRowCapacity(const oxEventNormalizedEvent& e) {
   return kFixed + 2 * texts;  // As if each byte were a quote.
 }
 
-char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at) {
+char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache) {
   const auto text = [&at](std::string_view field, char end = ',') {
     at = WriteCsvText(field, at);
     *at++ = end;
@@ -172,7 +172,7 @@ char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at) {
   };
   number(OXEVENT_API_VERSION);
   number(event.event_id);
-  at = WriteUtcNano(event.utc_ns, at);
+  at = WriteUtcNano(event.utc_ns, cache, at);
   *at++ = ',';
   number(event.utc_ns);
   text(oxEventSeverityName(event.severity, "unknown"));

@@ -73,14 +73,22 @@ class JsonObject {
 // 17 significant digits, which give the value back; NaN and infinities are "null".
 void DoubleToJson(double value, std::string* out);
 
-// ISO 8601: 2023-11-14T22:13:20Z, with nine digits of fraction if it is not zero.
-void UtcIsoFromNs(uint64_t ns, std::string* out);
+// The text of the second that was formatted last: successive events mostly share one. Belongs to whoever formats, since
+// thread-local storage in a library that came by dlopen is allocated at its first use, where failure ends the process.
+// Threads: one at a time.
+struct UtcCache {
+  uint64_t second = UINT64_MAX;
+  char text[sizeof("2023-11-14T22:13:20")] = {};
+};
+
+// ISO 8601: 2023-11-14T22:13:20Z, with nine digits of fraction if it is not zero. `cache` may be null, here and below.
+void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 // The same always with nine digits: 2023-11-14T22:13:20.000000000Z.
-void UtcIsoNanoFromNs(uint64_t ns, std::string* out);
+void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 
 // The CSV file's row (RFC 4180, section 2), with its line feed, into memory of at least that capacity. Returns the end.
 size_t CsvRowCapacity(const oxEventNormalizedEvent& event);
-char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at);
+char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache = nullptr);
 
 // The library's own JSON document for one event.
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out);
