@@ -1,4 +1,5 @@
 // The queue, the state and numbers by themselves.
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -12,26 +13,159 @@
 
 namespace {
 
-bool Enqueue(oxEventQueue* queue) {
-  bool accepted = false, dropped = true;
-  return queue->Enqueue({}, &accepted, &dropped) == OXEVENT_OK && accepted && !dropped;
+using Policy = oxEventDropPolicy;
+
+struct QueueTest : testing::Test {
+  struct Result {
+    uint32_t code;
+    bool accepted;
+    bool dropped;
+    bool operator==(const Result&) const = default;
+  };
+  static constexpr Result kQueued = {OXEVENT_OK, true, false};
+  static constexpr Result kQueuedForAnOlder = {OXEVENT_OK, true, true};
+  static constexpr Result kLost = {OXEVENT_OK, false, true};
+  static constexpr Result kRefused = {OXEVENT_NOT_INITIALIZED, false, false};
+
+  Result Enqueue(std::string_view message, uint32_t severity = OXEVENT_SEVERITY_WARNING) {
+    oxEventNormalizedEvent event;
+    event.message = message;
+    event.severity = severity;
+    Result result = {0, true, true};
+    result.code = queue.Enqueue(event, &result.accepted, &result.dropped);
+    return result;
+  }
+  // The messages of what is left, in order; ends the queue.
+  std::string Rest() {
+    queue.RequestStop();
+    std::string messages;
+    while (const oxEventNormalizedEvent* event = queue.WaitPop()) messages.append(event->message);
+    return messages;
+  }
+  bool IsDrained() { return queue.Flush(1) == OXEVENT_OK; }
+
+  oxEventQueue queue;
+};
+
+TEST_F(QueueTest, AcceptsFromStartToStop) {
+  EXPECT_EQ(Enqueue("a"), kRefused);
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("b"), kQueued);
+  queue.StopAccepting();
+  EXPECT_EQ(Enqueue("c"), kRefused);
+  queue.Start(3, Policy::kDropNewest);  // Empties it.
+  EXPECT_EQ(Enqueue("d"), kQueued);
+  EXPECT_EQ(Enqueue("e"), kQueued);
+  queue.RequestStop();
+  EXPECT_EQ(Enqueue("f"), kRefused);
+  EXPECT_EQ(Rest(), "de");
+  queue.Reset();
+  EXPECT_EQ(Enqueue("g"), kRefused);
+  EXPECT_EQ(queue.EnqueueCount(), 7u);  // With those that were refused.
 }
 
-TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
-  for (const char last_call : {'c', 'D', 'R'}) {
-    oxEventQueue queue;
-    queue.Start(1, oxEventDropPolicy::kDropNewest);
-    EXPECT_TRUE(Enqueue(&queue) && (last_call == 'D' || queue.WaitPop() != nullptr));
+TEST_F(QueueTest, RefusesAnEventWhoseCopyWasReadyBeforeTheStop) {
+  oxEventQueue::Spare spare;
+  queue.Start(3, Policy::kDropNewest);
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(queue.Enqueue({}, nullptr, nullptr, &spare), OXEVENT_OK);
+  for (int i = 0; i < 2; ++i) ASSERT_NE(queue.WaitPop(), nullptr);
+  queue.CompleteActiveEvent();
+  ASSERT_EQ(queue.Enqueue({}, nullptr, nullptr, &spare), OXEVENT_OK);
+  ASSERT_NE(spare, nullptr);
+  for (const auto stop : {&oxEventQueue::StopAccepting, &oxEventQueue::RequestStop}) {
+    (queue.*stop)();
+    const uint64_t before = queue.EnqueueCount();
+    EXPECT_EQ(queue.Enqueue({}, nullptr, nullptr, &spare), OXEVENT_NOT_INITIALIZED);
+    EXPECT_EQ(queue.EnqueueCount(), before + 1);
+  }
+  EXPECT_EQ(queue.DropPending(), 1u);
+}
+
+TEST_F(QueueTest, DropsByItsPolicy) {
+  const struct {
+    const char* name;
+    Policy policy;
+    std::array<uint32_t, 3> severities;  // Of "a", "b" and "c", which fill the queue.
+    Result result;                       // Of "d".
+    const char* rest;
+  } cases[] = {{"the newest", Policy::kDropNewest, {0, 0, 0}, kLost, "abc"},
+               {"no debug or info", Policy::kDropDebugInfoFirst, {2, 3, 2}, kLost, "abc"},
+               {"the oldest info, not the lowest", Policy::kDropDebugInfoFirst, {2, 1, 0}, kQueuedForAnOlder, "acd"},
+               {"the oldest of all", Policy::kDropDebugInfoFirst, {0, 1, 1}, kQueuedForAnOlder, "bcd"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const uint32_t severity : {0u, 3u}) {
+      queue.Start(3, c.policy);
+      EXPECT_EQ(Enqueue("a", c.severities[0]), kQueued);
+      EXPECT_EQ(Enqueue("b", c.severities[1]), kQueued);
+      EXPECT_EQ(Enqueue("c", c.severities[2]), kQueued);
+      EXPECT_EQ(Enqueue("d", severity), c.result);
+      EXPECT_EQ(Rest(), c.rest);
+    }
+  }
+}
+
+TEST_F(QueueTest, TrimsByItsPolicy) {
+  const struct {
+    Policy policy;
+    uint32_t capacity;
+    uint32_t discarded;
+    const char* rest;
+  } cases[] = {{Policy::kDropNewest, 5, 0, "abcde"},
+               {Policy::kDropNewest, 2, 3, "ab"},
+               {Policy::kDropDebugInfoFirst, 3, 2, "ace"},
+               {Policy::kDropDebugInfoFirst, 2, 3, "ac"},
+               {Policy::kDropDebugInfoFirst, 0, 4, "a"}};  // As 1.
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.rest);
+    queue.Start(5, Policy::kDropNewest);
+    for (const char* message : {"a", "b", "c", "d", "e"}) {
+      const bool low = *message == 'b' || *message == 'd';
+      EXPECT_EQ(Enqueue(message, low ? OXEVENT_SEVERITY_INFO : OXEVENT_SEVERITY_WARNING), kQueued);
+    }
+    EXPECT_EQ(queue.Configure(c.capacity, c.policy), c.discarded);
+    EXPECT_EQ(Rest(), c.rest);
+  }
+}
+
+TEST_F(QueueTest, IsDrainedOnceTheActiveEventIsComplete) {
+  queue.Start(0, Policy::kDropNewest);  // As 1.
+  EXPECT_TRUE(IsDrained());
+  queue.CompleteActiveEvent();  // There is none.
+  EXPECT_EQ(Enqueue("a"), kQueued);
+  EXPECT_EQ(Enqueue("b"), kLost);
+  EXPECT_FALSE(IsDrained());
+  ASSERT_NE(queue.WaitPop(), nullptr);
+  EXPECT_FALSE(IsDrained());
+  EXPECT_EQ(queue.DropPending(), 0u);
+  EXPECT_FALSE(IsDrained());
+  queue.CompleteActiveEvent();
+  EXPECT_TRUE(IsDrained());
+}
+
+// What drains the queue ends the flush, although another event is queued before the flush has a look.
+TEST_F(QueueTest, FlushEndsAtAMomentWithNothingPending) {
+  const std::function<void()> drains[] = {[&] { queue.CompleteActiveEvent(); }, [&] { queue.Reset(); },
+                                          [&] { queue.DropPending(); }};
+  for (const auto& drain : drains) {
+    queue.Start(1, Policy::kDropNewest);
+    EXPECT_EQ(Enqueue("a"), kQueued);
+    if (&drain != &drains[2]) {
+      ASSERT_NE(queue.WaitPop(), nullptr);
+    }
     std::atomic<bool> drained = false;
-    std::jthread flusher([&] { EXPECT_TRUE(!queue.Flush(last_call == 'c' ? 0xFFFFFFFF : 0) && drained); });
-    queue.RequestStop();  // Wakes it for nothing.
+    std::jthread flusher([&] {
+      EXPECT_EQ(queue.Flush(&drain == drains ? UINT32_MAX : 0), OXEVENT_OK);
+      EXPECT_TRUE(drained);
+    });
+    queue.RequestStop();  // Wakes the flush, for nothing.
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(queue.Flush(50) == OXEVENT_FAILURE &&
-                std::chrono::steady_clock::now() >= start + std::chrono::milliseconds(50));
+    EXPECT_EQ(queue.Flush(50), OXEVENT_FAILURE);
+    EXPECT_GE(std::chrono::steady_clock::now(), start + std::chrono::milliseconds(50));
     drained = true;
-    last_call == 'c' ? queue.CompleteActiveEvent() : last_call == 'R' ? queue.Reset() : (void)queue.DropPending();
-    queue.Start(1, oxEventDropPolicy::kDropNewest);
-    EXPECT_TRUE(Enqueue(&queue));  // Before the flush has a look.
+    drain();
+    queue.Start(1, Policy::kDropNewest);
+    EXPECT_EQ(Enqueue("b"), kQueued);
   }
 }
 
