@@ -40,6 +40,11 @@ TEST(oxEventSipHash, HasAKeyWithoutGetrandom) {
   EXPECT_NE(key.high, 0u);
 }
 
+TEST(oxEventActiveTable, HashesEachByAKeyOfItsOwn) {
+  const oxEventActiveTable tables[2];
+  EXPECT_NE(tables[0].Hash("fan 2"), tables[1].Hash("fan 2"));
+}
+
 // Counts the mappings that are made and given back, and lets those of one kind fail.
 struct Mappings {
   std::atomic<int> made = 0;
