@@ -34,7 +34,7 @@ struct QueueTest : testing::Test {
     event.message = message;
     event.severity = severity;
     Result result = {0, true, true};
-    result.code = queue.Enqueue(event, &result.accepted, &result.dropped);
+    result.code = queue.Enqueue(event, &result.accepted, &result.dropped, &spare);
     return result;
   }
   // The messages of what is left, in order; ends the queue.
@@ -42,11 +42,12 @@ struct QueueTest : testing::Test {
     queue.RequestStop();
     std::string messages;
     while (const oxEventNormalizedEvent* event = queue.WaitPop()) messages.append(event->message);
+    queue.CompleteActiveEvent();
     return messages;
   }
-  bool IsDrained() { return queue.Flush(1) == OXEVENT_OK; }
 
   oxEventQueue queue;
+  oxEventQueue::Spare spare;  // As a submitting thread keeps it.
 };
 
 TEST_F(QueueTest, AcceptsFromStartToStop) {
@@ -54,33 +55,22 @@ TEST_F(QueueTest, AcceptsFromStartToStop) {
   queue.Start(3, Policy::kDropNewest);
   EXPECT_EQ(Enqueue("b"), kQueued);
   queue.StopAccepting();
-  EXPECT_EQ(Enqueue("c"), kRefused);
-  queue.Start(3, Policy::kDropNewest);  // Empties it.
+  EXPECT_EQ(Enqueue("c"), kRefused);  // Without memory for it.
+  EXPECT_EQ(Rest(), "b");
+  queue.Start(3, Policy::kDropNewest);
   EXPECT_EQ(Enqueue("d"), kQueued);
   EXPECT_EQ(Enqueue("e"), kQueued);
-  queue.RequestStop();
-  EXPECT_EQ(Enqueue("f"), kRefused);
-  EXPECT_EQ(Rest(), "de");
-  queue.Reset();
-  EXPECT_EQ(Enqueue("g"), kRefused);
-  EXPECT_EQ(queue.EnqueueCount(), 7u);  // With those that were refused.
-}
-
-TEST_F(QueueTest, RefusesAnEventWhoseCopyWasReadyBeforeTheStop) {
-  oxEventQueue::Spare spare;
+  EXPECT_EQ(Enqueue("f"), kQueued);
+  EXPECT_EQ(Rest(), "def");
   queue.Start(3, Policy::kDropNewest);
-  for (int i = 0; i < 2; ++i) ASSERT_EQ(queue.Enqueue({}, nullptr, nullptr, &spare), OXEVENT_OK);
-  for (int i = 0; i < 2; ++i) ASSERT_NE(queue.WaitPop(), nullptr);
-  queue.CompleteActiveEvent();
-  ASSERT_EQ(queue.Enqueue({}, nullptr, nullptr, &spare), OXEVENT_OK);
+  EXPECT_EQ(Enqueue("g"), kQueued);
   ASSERT_NE(spare, nullptr);
-  for (const auto stop : {&oxEventQueue::StopAccepting, &oxEventQueue::RequestStop}) {
-    (queue.*stop)();
-    const uint64_t before = queue.EnqueueCount();
-    EXPECT_EQ(queue.Enqueue({}, nullptr, nullptr, &spare), OXEVENT_NOT_INITIALIZED);
-    EXPECT_EQ(queue.EnqueueCount(), before + 1);
-  }
-  EXPECT_EQ(queue.DropPending(), 1u);
+  queue.RequestStop();
+  EXPECT_EQ(Enqueue("h"), kRefused);  // Although its copy is made.
+  EXPECT_EQ(Rest(), "g");
+  queue.Reset();
+  EXPECT_EQ(Enqueue("i"), kRefused);
+  EXPECT_EQ(queue.EnqueueCount(), 9u);  // With those that were refused.
 }
 
 TEST_F(QueueTest, DropsByItsPolicy) {
@@ -130,21 +120,6 @@ TEST_F(QueueTest, TrimsByItsPolicy) {
   }
 }
 
-TEST_F(QueueTest, IsDrainedOnceTheActiveEventIsComplete) {
-  queue.Start(0, Policy::kDropNewest);  // As 1.
-  EXPECT_TRUE(IsDrained());
-  queue.CompleteActiveEvent();  // There is none.
-  EXPECT_EQ(Enqueue("a"), kQueued);
-  EXPECT_EQ(Enqueue("b"), kLost);
-  EXPECT_FALSE(IsDrained());
-  ASSERT_NE(queue.WaitPop(), nullptr);
-  EXPECT_FALSE(IsDrained());
-  EXPECT_EQ(queue.DropPending(), 0u);
-  EXPECT_FALSE(IsDrained());
-  queue.CompleteActiveEvent();
-  EXPECT_TRUE(IsDrained());
-}
-
 // What drains the queue ends the flush, although another event is queued before the flush has a look.
 TEST_F(QueueTest, FlushEndsAtAMomentWithNothingPending) {
   const std::function<void()> drains[] = {[&] { queue.CompleteActiveEvent(); }, [&] { queue.Reset(); },
@@ -189,146 +164,36 @@ TEST(oxEventNumber, ReadsAsPrintfWritesIt) {
   }
 }
 
-constexpr uint64_t kSecond = 1'000'000'000;
-constexpr uint64_t kInterval = 1800 * kSecond;  // As by default.
-constexpr uint64_t kRaisedAt = 5 * kSecond;
-
-struct StateTest : testing::Test {
-  // The action that goes on; "-": none does.
-  std::string Evaluate(std::string_view action, uint64_t utc_ns = kRaisedAt, std::string_view message = "first") {
-    event.action = action;
-    event.utc_ns = utc_ns;
-    event.message = message;
-    bool route = false;
-    EXPECT_EQ(state.Evaluate(event, &out, &route), OXEVENT_OK);
-    return route ? std::string(out.action) : "-";
-  }
-  void Configure(bool oxEventConfig::*flipped, uint32_t interval_seconds = 1800) {
-    oxEventConfig config;
-    config.default_repeat_interval_sec = interval_seconds;
-    if (flipped != nullptr) config.*flipped = !(config.*flipped);
-    state.Configure(config);
-  }
-
-  oxEventState state;
-  oxEventNormalizedEvent event;
-  oxEventNormalizedEvent out;
-};
-
-// Each rule for an action that comes for a condition which was raised by "update", or which was not.
-TEST_F(StateTest, DecidesByActionTimeAndContent) {
-  const struct {
-    const char* name;
-    bool raised;
-    const char* action;
-    uint64_t utc_ns;
-    const char* message;
-    const char* forwarded;
-    const char*
-        next_update;  // The first update once more, just before it is due. A later one that is stored makes it due.
-  } cases[] = {{"a raise begins", false, "Raise", kRaisedAt, "first", "Raise", "update"},
-               {"an update begins", false, "Update", kRaisedAt, "first", "raise", "-"},
-               {"a repeat does not begin", false, "repeat", kRaisedAt, "first", "-", "raise"},
-               {"a clear of nothing", false, "clear", kRaisedAt, "first", "-", "raise"},
-               {"another action", false, "ack", kRaisedAt, "first", "ack", "raise"},
-               {"bytes that are no letters", false, "rais\xC5", kRaisedAt, "first", "rais\xC5", "raise"},
-               {"no action", false, "", kRaisedAt, "first", "", "raise"},
-               {"a raise too soon", true, "raise", kRaisedAt + kInterval - 1, "other", "-", "-"},
-               {"a raise that is due", true, "RAISE", kRaisedAt + kInterval, "first", "repeat", "update"},
-               {"a raise from before", true, "raise", kRaisedAt - 1, "first", "repeat", "update"},
-               {"the same update too soon", true, "update", kRaisedAt + kInterval - 1, "first", "-", "-"},
-               {"the same update that is due", true, "UPDATE", kRaisedAt + kInterval, "first", "UPDATE", "update"},
-               {"another update at once", true, "update", kRaisedAt, "other", "update", "update"},
-               {"a repeat too soon", true, "repeat", kRaisedAt + kInterval - 1, "other", "-", "-"},
-               {"a repeat that is due", true, "Repeat", kRaisedAt + kInterval, "first", "Repeat", "update"},
-               {"a clear", true, "Clear", kRaisedAt, "first", "Clear", "raise"},
-               {"another action on a condition", true, "raises", kRaisedAt + kInterval, "first", "raises", "update"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    state.Reset();
-    if (c.raised) {
-      EXPECT_EQ(Evaluate("update"), "raise");
-    }
-    EXPECT_EQ(Evaluate(c.action, c.utc_ns, c.message), c.forwarded);
-    const bool other = std::string_view(c.name) == "another action on a condition";
-    EXPECT_EQ(Evaluate("update", kRaisedAt + kInterval - (other ? 0 : 1)), c.next_update);
-  }
-}
-
-TEST_F(StateTest, GoesByItsSettings) {
-  EXPECT_EQ(Evaluate("raise"), "raise");
-  for (const auto off : {&oxEventConfig::state_enabled, &oxEventConfig::dedupe_enabled}) {
-    Configure(off);
-    EXPECT_EQ(Evaluate("raise"), "raise");
-    EXPECT_EQ(Evaluate("clear"), "clear");
-    EXPECT_EQ(Evaluate("repeat"), "repeat");
-  }
-  Configure(&oxEventConfig::send_clear);
-  EXPECT_EQ(Evaluate("raise"), "-");  // Still raised.
-  EXPECT_EQ(Evaluate("clear"), "-");
-  EXPECT_EQ(Evaluate("raise"), "raise");
-  Configure(&oxEventConfig::route_orphan_clear);
-  EXPECT_EQ(Evaluate("clear"), "clear");
-  EXPECT_EQ(Evaluate("clear"), "clear");
-  Configure(nullptr, 0);  // Every raise is due.
-  EXPECT_EQ(Evaluate("raise"), "raise");
-  EXPECT_EQ(Evaluate("raise"), "repeat");
-  Configure(nullptr, UINT32_MAX);  // No overflow.
-  EXPECT_EQ(Evaluate("raise", UINT32_MAX * kSecond), "-");
-  EXPECT_EQ(Evaluate("raise", kRaisedAt + UINT32_MAX * kSecond), "repeat");
-  EXPECT_EQ(Evaluate("clear"), "clear");
-  EXPECT_EQ(Evaluate("raise", 0), "raise");  // Counts as never sent.
-  EXPECT_EQ(Evaluate("raise", 0), "repeat");
-}
-
-TEST_F(StateTest, TellsConditionsApartByTheirKeys) {
-  event.source_id = "s";
-  event.event_type = "t";
-  EXPECT_EQ(Evaluate("raise"), "raise");
-  event.dedupe_key = "s:t";  // The key that the other two make.
-  EXPECT_EQ(Evaluate("raise"), "-");
-  event.dedupe_key = "s";
-  EXPECT_EQ(Evaluate("raise"), "raise");
-  event.dedupe_key = "";
-  event.event_type = "";
-  EXPECT_EQ(Evaluate("raise"), "raise");  // "s:".
-}
-
-TEST_F(StateTest, RefusesNullAndChangesNothing) {
-  bool route = false;
-  event.action = "raise";
-  EXPECT_EQ(state.Evaluate(event, nullptr, &route), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_EQ(state.Evaluate(event, &out, nullptr), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_FALSE(route);
-  EXPECT_EQ(Evaluate("raise"), "raise");
-}
-
-TEST(oxEventNormalize, GivesOneTimeStampWithoutChangingTheOther) {
-  const struct {
-    uint64_t utc_ns;
-    uint64_t ptp_ns;
-  } cases[] = {{0, 0}, {7, 0}, {0, 8}, {7, 8}};
-  oxEventRecord record = {};
-  record.struct_size = sizeof(record);
-  record.version = OXEVENT_API_VERSION;
-  record.message = "m";
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.utc_ns) + " " + std::to_string(c.ptp_ns));
-    record.utc_ns = c.utc_ns;
-    record.ptp_ns = c.ptp_ns;
+TEST(oxEventNormalize, FillsInOneTimeStampAndKeepsTheOther) {
+  for (const auto given : {&oxEventRecord::utc_ns, &oxEventRecord::ptp_ns}) {
+    oxEventRecord record = {};
+    record.struct_size = sizeof(record);
+    record.version = OXEVENT_API_VERSION;
+    record.message = "m";
+    record.*given = 7;
     oxEventNormalizedEvent event;
-    const uint64_t before = oxEventPlatformGetPtpNano();
+    const uint64_t now = oxEventPlatformGetPtpNano();
     ASSERT_EQ(oxEventNormalizeEvent(&record, 1, &event), OXEVENT_OK);
-    const uint64_t after = oxEventPlatformGetPtpNano();
-    for (const auto& [given, got] : {std::pair(c.utc_ns, event.utc_ns), std::pair(c.ptp_ns, event.ptp_ns)}) {
-      EXPECT_GE(got, given != 0 ? given : before);
-      EXPECT_LE(got, given != 0 ? given : after);
-    }
-    EXPECT_EQ(event.utc_ns == event.ptp_ns, c.utc_ns == 0 && c.ptp_ns == 0);
+    EXPECT_EQ(given == &oxEventRecord::utc_ns ? event.utc_ns : event.ptp_ns, 7u);
+    EXPECT_GE(given == &oxEventRecord::utc_ns ? event.ptp_ns : event.utc_ns, now);
   }
 }
 
-TEST(oxEventState, NoticesEachChangeOfContent) {
+TEST(oxEventState, GoesByActionKeyTimeAndContent) {
+  // What is not as by default, the interval, and steps: action, key, time in ns, and the action that goes on or "-".
+  const std::tuple<bool oxEventConfig::*, uint32_t, const char*> cases[] = {
+      {nullptr, 1800, "raise k 1e9 raise raise k 1800999999999 - RAISE k 1801e9 repeat raise k 1801e9 -"},
+      {nullptr, 1800, "raise k 1e9 repeat update k 1e9 update UPDATE k 2e9 - update k 1800999999999 - clear y 9 -"},
+      {nullptr, 1800, "Update k 1801e9 Update update k 1801e9 - repeat k 3600999999999 - Repeat k 3601e9 Repeat"},
+      {nullptr, 1800, "update k 3601e9 update update u 2 raise update u 3 - raise x 0 raise raise x 0 repeat"},
+      {nullptr, 1800, "repeat y 9 - cleaR k 9 cleaR clear k 9 - raise j 2 raise raise j 3 - raise k 2 raise"},
+      {nullptr, 1800, "raise none 1 raise raise s:t 1 - clear s:t 1 clear raises k 1 raises rais\xC5 k 1 rais\xC5"},
+      {nullptr, 0, "raise k 1 repeat raise k 1 repeat update u 3 update update u 3 update"},
+      {&oxEventConfig::state_enabled, 1800, "raise k 1 raise clear k 1 clear repeat y 1 repeat"},
+      {&oxEventConfig::dedupe_enabled, 1800, "raise k 1 raise clear k 1 clear repeat y 1 repeat"},
+      {&oxEventConfig::send_clear, 1800, "raise k 3 - clear k 3 - raise k 1 raise clear y 1 -"},
+      {&oxEventConfig::route_orphan_clear, 1800, "clear y 1 clear clear y 1 clear repeat y 1 -"},
+      {nullptr, UINT32_MAX, "raise k 4294967295e9 - raise k 1.8e19 repeat raise k 5 repeat"}};
   oxEventState state;
   oxEventNormalizedEvent event, out;
   const auto outcome = [&] {
@@ -337,7 +202,20 @@ TEST(oxEventState, NoticesEachChangeOfContent) {
     return std::string(route ? out.action : "-");
   };
   const auto twice = [&] { return outcome().append(outcome()); };
-  event.utc_ns = 5;
+  event.source_id = "s", event.event_type = "t";
+  for (const auto& [flipped, seconds, steps] : cases) {
+    oxEventConfig config;
+    config.default_repeat_interval_sec = seconds;
+    if (flipped != nullptr) config.*flipped = !(config.*flipped);
+    state.Configure(config);  // Keeps what is active.
+    std::istringstream in(steps);
+    for (std::string action, key, time, expected; in >> action >> key >> time >> expected;) {
+      event.action = action, event.dedupe_key = key == "none" ? std::string_view() : key;
+      event.utc_ns = static_cast<uint64_t>(std::stold(time));
+      EXPECT_EQ(outcome(), expected) << steps << ": " << event.action << " " << time;
+    }
+  }
+  state.Reset();
   event.action = "update", event.dedupe_key = "k";
   EXPECT_EQ(twice(), "raise-");
   for (const auto text : {&event.event_type, &event.source_id, &event.source_name, &event.message, &event.timecode,
