@@ -1,37 +1,148 @@
 // The queue, the state and numbers by themselves.
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <random>
 #include <thread>
 
+#include "api/oxEventNormalize.h"
 #include "base/oxEventNumber.h"
 #include "core/oxEventQueue.h"
 #include "core/oxEventState.h"
 #include "host_fixture.h"
+#include "platform/oxEventPlatform.h"
 
 namespace {
 
-bool Enqueue(oxEventQueue* queue) {
-  bool accepted = false, dropped = true;
-  return queue->Enqueue({}, &accepted, &dropped) == OXEVENT_OK && accepted && !dropped;
+using Policy = oxEventDropPolicy;
+
+struct QueueTest : testing::Test {
+  struct Result {
+    uint32_t code;
+    bool accepted;
+    bool dropped;
+    bool operator==(const Result&) const = default;
+  };
+  static constexpr Result kQueued = {OXEVENT_OK, true, false};
+  static constexpr Result kQueuedForAnOlder = {OXEVENT_OK, true, true};
+  static constexpr Result kLost = {OXEVENT_OK, false, true};
+  static constexpr Result kRefused = {OXEVENT_NOT_INITIALIZED, false, false};
+
+  Result Enqueue(std::string_view message, uint32_t severity = OXEVENT_SEVERITY_WARNING) {
+    oxEventNormalizedEvent event;
+    event.message = message;
+    event.severity = severity;
+    Result result = {0, true, true};
+    result.code = queue.Enqueue(event, &result.accepted, &result.dropped, &spare);
+    return result;
+  }
+  // The messages of what is left, in order; ends the queue.
+  std::string Rest() {
+    queue.RequestStop();
+    std::string messages;
+    while (const oxEventNormalizedEvent* event = queue.WaitPop()) messages.append(event->message);
+    queue.CompleteActiveEvent();
+    return messages;
+  }
+
+  oxEventQueue queue;
+  oxEventQueue::Spare spare;  // As a submitting thread keeps it.
+};
+
+TEST_F(QueueTest, AcceptsFromStartToStop) {
+  EXPECT_EQ(Enqueue("a"), kRefused);
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("b"), kQueued);
+  queue.StopAccepting();
+  EXPECT_EQ(Enqueue("c"), kRefused);  // Without memory for it.
+  EXPECT_EQ(Rest(), "b");
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("d"), kQueued);
+  EXPECT_EQ(Enqueue("e"), kQueued);
+  EXPECT_EQ(Enqueue("f"), kQueued);
+  EXPECT_EQ(Rest(), "def");
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("g"), kQueued);
+  ASSERT_NE(spare, nullptr);
+  queue.RequestStop();
+  EXPECT_EQ(Enqueue("h"), kRefused);  // Although its copy is made.
+  EXPECT_EQ(Rest(), "g");
+  queue.Reset();
+  EXPECT_EQ(Enqueue("i"), kRefused);
+  EXPECT_EQ(queue.EnqueueCount(), 9u);  // With those that were refused.
 }
 
-TEST(oxEventQueue, FlushEndsWhenDrainedAndNotBefore) {
-  for (const char last_call : {'c', 'D', 'R'}) {
-    oxEventQueue queue;
-    queue.Start(1, oxEventDropPolicy::kDropNewest);
-    EXPECT_TRUE(Enqueue(&queue) && (last_call == 'D' || queue.WaitPop() != nullptr));
+TEST_F(QueueTest, DropsByItsPolicy) {
+  const struct {
+    const char* name;
+    Policy policy;
+    std::array<uint32_t, 3> severities;  // Of "a", "b" and "c", which fill the queue.
+    Result result;                       // Of "d".
+    const char* rest;
+  } cases[] = {{"the newest", Policy::kDropNewest, {0, 0, 0}, kLost, "abc"},
+               {"no debug or info", Policy::kDropDebugInfoFirst, {2, 3, 2}, kLost, "abc"},
+               {"the oldest info, not the lowest", Policy::kDropDebugInfoFirst, {2, 1, 0}, kQueuedForAnOlder, "acd"},
+               {"the oldest of all", Policy::kDropDebugInfoFirst, {0, 1, 1}, kQueuedForAnOlder, "bcd"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const uint32_t severity : {0u, 3u}) {
+      queue.Start(3, c.policy);
+      EXPECT_EQ(Enqueue("a", c.severities[0]), kQueued);
+      EXPECT_EQ(Enqueue("b", c.severities[1]), kQueued);
+      EXPECT_EQ(Enqueue("c", c.severities[2]), kQueued);
+      EXPECT_EQ(Enqueue("d", severity), c.result);
+      EXPECT_EQ(Rest(), c.rest);
+    }
+  }
+}
+
+TEST_F(QueueTest, TrimsByItsPolicy) {
+  const struct {
+    Policy policy;
+    uint32_t capacity;
+    uint32_t discarded;
+    const char* rest;
+  } cases[] = {{Policy::kDropNewest, 5, 0, "abcde"},
+               {Policy::kDropNewest, 2, 3, "ab"},
+               {Policy::kDropDebugInfoFirst, 3, 2, "ace"},
+               {Policy::kDropDebugInfoFirst, 2, 3, "ac"},
+               {Policy::kDropDebugInfoFirst, 0, 4, "a"}};  // As 1.
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.rest);
+    queue.Start(5, Policy::kDropNewest);
+    for (const char* message : {"a", "b", "c", "d", "e"}) {
+      const bool low = *message == 'b' || *message == 'd';
+      EXPECT_EQ(Enqueue(message, low ? OXEVENT_SEVERITY_INFO : OXEVENT_SEVERITY_WARNING), kQueued);
+    }
+    EXPECT_EQ(queue.Configure(c.capacity, c.policy), c.discarded);
+    EXPECT_EQ(Rest(), c.rest);
+  }
+}
+
+// What drains the queue ends the flush, although another event is queued before the flush has a look.
+TEST_F(QueueTest, FlushEndsAtAMomentWithNothingPending) {
+  const std::function<void()> drains[] = {[&] { queue.CompleteActiveEvent(); }, [&] { queue.Reset(); },
+                                          [&] { queue.DropPending(); }};
+  for (const auto& drain : drains) {
+    queue.Start(1, Policy::kDropNewest);
+    EXPECT_EQ(Enqueue("a"), kQueued);
+    if (&drain != &drains[2]) {
+      ASSERT_NE(queue.WaitPop(), nullptr);
+    }
     std::atomic<bool> drained = false;
-    std::jthread flusher([&] { EXPECT_TRUE(!queue.Flush(last_call == 'c' ? 0xFFFFFFFF : 0) && drained); });
-    queue.RequestStop();  // Wakes it for nothing.
+    std::jthread flusher([&] {
+      EXPECT_EQ(queue.Flush(&drain == drains ? UINT32_MAX : 0), OXEVENT_OK);
+      EXPECT_TRUE(drained);
+    });
+    queue.RequestStop();  // Wakes the flush, for nothing.
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(queue.Flush(50) == OXEVENT_FAILURE &&
-                std::chrono::steady_clock::now() >= start + std::chrono::milliseconds(50));
+    EXPECT_EQ(queue.Flush(50), OXEVENT_FAILURE);
+    EXPECT_GE(std::chrono::steady_clock::now(), start + std::chrono::milliseconds(50));
     drained = true;
-    last_call == 'c' ? queue.CompleteActiveEvent() : last_call == 'R' ? queue.Reset() : (void)queue.DropPending();
-    queue.Start(1, oxEventDropPolicy::kDropNewest);
-    EXPECT_TRUE(Enqueue(&queue));  // Before the flush has a look.
+    drain();
+    queue.Start(1, Policy::kDropNewest);
+    EXPECT_EQ(Enqueue("b"), kQueued);
   }
 }
 
@@ -50,6 +161,21 @@ TEST(oxEventNumber, ReadsAsPrintfWritesIt) {
       snprintf(expected, sizeof expected, "%.*g", digits, value);
       ASSERT_EQ(std::string(text, oxEventWriteNumber(value, digits, text)), expected);
     }
+  }
+}
+
+TEST(oxEventNormalize, FillsInOneTimeStampAndKeepsTheOther) {
+  for (const auto given : {&oxEventRecord::utc_ns, &oxEventRecord::ptp_ns}) {
+    oxEventRecord record = {};
+    record.struct_size = sizeof(record);
+    record.version = OXEVENT_API_VERSION;
+    record.message = "m";
+    record.*given = 7;
+    oxEventNormalizedEvent event;
+    const uint64_t now = oxEventPlatformGetPtpNano();
+    ASSERT_EQ(oxEventNormalizeEvent(&record, 1, &event), OXEVENT_OK);
+    EXPECT_EQ(given == &oxEventRecord::utc_ns ? event.utc_ns : event.ptp_ns, 7u);
+    EXPECT_GE(given == &oxEventRecord::utc_ns ? event.ptp_ns : event.utc_ns, now);
   }
 }
 

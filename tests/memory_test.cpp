@@ -1,0 +1,111 @@
+// Where the memory of the queue and of the conditions comes from, and the table that is kept in it.
+#include <atomic>
+#include <cstring>
+#include <random>
+
+#include "base/oxEventSipHash.h"
+#include "base/oxEventSlab.h"
+#include "core/oxEventActiveTable.h"
+#include "faults.h"
+#include "host_fixture.h"
+
+namespace {
+
+// Expected values: the reference implementation's vectors for 2-4; for 1-3 the algorithm's description, computed by
+// hand in another language.
+TEST(oxEventSipHash, GivesThePublishedValues) {
+  const struct {
+    size_t size;
+    uint64_t sip_2_4;
+    uint64_t sip_1_3;
+  } cases[] = {{0, 0x726fdb47dd0e0e31, 0xabac0158050fc4dc},  {1, 0x74f839c593dc67fd, 0xc9f49bf37d57ca93},
+               {7, 0xab0200f58b01d137, 0xd3927d989bb11140},  {8, 0x93f5f5799a932462, 0x369095118d299a8e},
+               {9, 0x9e0082df0ba9e4b0, 0x25a48eb36c063de4},  {15, 0xa129ca6149be45e5, 0xd320d86d2a519956},
+               {16, 0x3f2acc7f57c29bdb, 0xcc4fdd1a7d908b66}, {63, 0x958a324ceb064572, 0x9d199062b7bbb3a8}};
+  const oxEventSipKey key = {0x0706050403020100, 0x0f0e0d0c0b0a0908};
+  std::string bytes;
+  for (char c = 0; c < 64; ++c) bytes.push_back(c);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    const std::string_view text(bytes.data(), c.size);
+    EXPECT_EQ((oxEventSipHash<2, 4>(key, text)), c.sip_2_4);
+    EXPECT_EQ(oxEventSipHash(key, text), c.sip_1_3);
+  }
+}
+
+TEST(oxEventSipHash, HasAKeyWithoutGetrandom) {
+  const Faults faults([](std::string_view call, long) { return call == "getrandom" ? ENOSYS : 0; });
+  const oxEventSipKey key = oxEventRandomSipKey();
+  EXPECT_NE(key.low, 0u);
+  EXPECT_NE(key.high, 0u);
+}
+
+TEST(oxEventActiveTable, HashesEachByAKeyOfItsOwn) {
+  const oxEventActiveTable tables[2];
+  EXPECT_NE(tables[0].Hash("fan 2"), tables[1].Hash("fan 2"));
+}
+
+TEST(oxEventSlab, KeepsBlocksApartAndGivesTheirMemoryBack) {
+  std::atomic<int> spans = 0;  // Given back.
+  std::mt19937 random(1);
+  std::vector<std::pair<char*, size_t>> blocks;
+  oxEventSlab slab;
+  for (int i = 0; i < 20'000; ++i) {
+    const size_t limit = random() % 16 == 0 ? 40'000 : 600;
+    const size_t size = 1 + random() % limit;
+    char* const bytes = static_cast<char*>(slab.Allocate(size));
+    ASSERT_NE(bytes, nullptr);
+    std::memset(bytes, static_cast<char>(size), size);
+    blocks.emplace_back(bytes, size);
+    std::swap(blocks.back(), blocks[random() % blocks.size()]);
+    for (bool shrinks = i % 8000 >= 4000; shrinks && blocks.size() > 100; shrinks = random() % 2 == 0) {
+      const auto [freed, freed_size] = blocks.back();
+      ASSERT_EQ(std::count(freed, freed + freed_size, static_cast<char>(freed_size)), static_cast<long>(freed_size));
+      slab.Free(freed, freed_size);
+      blocks.pop_back();
+    }
+  }
+  const Faults faults([&](std::string_view call, long) { return spans += call == "munmap", 0; });
+  for (const auto& [bytes, size] : blocks) slab.Free(bytes, size);
+  EXPECT_GT(spans, 20);
+  const int before = spans;
+  slab.ReleaseEmptySpan();
+  EXPECT_EQ(spans, before + 1);  // All others are gone.
+}
+
+// However many there are: a step takes a span at most three times, each by up to four calls, and the directory.
+TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
+  oxEventActiveTable table;
+  for (int i = 0; i < 120'000; ++i) {
+    const std::string key = std::to_string(i % 60'000);
+    const uint64_t hash = table.Hash(key);
+    oxEventActiveTable::Condition* const found = table.Find(hash, key);
+    ASSERT_EQ(found != nullptr, i >= 60'000);
+    std::atomic<int> mappings = 0;
+    std::atomic<long> largest = 0;
+    const Faults faults([&](std::string_view call, long size) {
+      if (call == "malloc") largest = std::max(largest.load(), size);
+      mappings += call == "mmap" || call == "munmap";
+      return 0;
+    });
+    found == nullptr ? table.Insert(hash, key, "signature", 1) : table.Remove(found);
+    ASSERT_LE(mappings, 12);
+    ASSERT_LE(largest, 16 * 1024);
+  }
+}
+
+TEST(oxEventActiveTable, RefusesWhatASegmentOfEqualHashesCannotHold) {
+  oxEventActiveTable table;
+  int count = 0;
+  EXPECT_THROW(for (; count < 100'000; ++count) table.Insert(1, std::to_string(count), "signature", 1), std::bad_alloc);
+  EXPECT_GT(count, 300);
+  table.Insert(~0ull, "other", "signature", 1);
+  for (int i = 0; i < count; ++i) {
+    oxEventActiveTable::Condition* const condition = table.Find(1, std::to_string(i));
+    ASSERT_NE(condition, nullptr) << i;
+    table.Remove(condition);
+  }
+  EXPECT_NE(table.Find(~0ull, "other"), nullptr);
+}
+
+}  // namespace
