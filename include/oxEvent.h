@@ -86,7 +86,8 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  * Loads the settings file and starts the library: opens the enabled sinks and starts the worker thread.
  *
  * config_path names an existing XML settings file (an empty file will do); settings that it lacks are added to it with
- * their defaults. Reading it, and resolving the names of hosts in it, may take a while.
+ * their defaults. Reading it, and resolving the names of hosts in it, may take a while. Needs a stack of 64 KiB, as
+ * oxEventReloadConfig does.
  *
  * OXEVENT_INVALID_ARGUMENT: path null or empty, file unreadable, a setting refused (the text says why).
  * OXEVENT_ALREADY_INITIALIZED: initialized before, or another thread's oxEventShutdown has not returned yet.
@@ -142,10 +143,11 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 /*
  * Loads the settings anew and puts them into force; raised conditions and callbacks stay, and of the queued events as
  * many as the new queue_size holds. config_path null or empty: the file of the last successful oxEventInitialize or
- * oxEventReloadConfig.
+ * oxEventReloadConfig. Reloads wait for one another; oxEventShutdown does not wait for one that is still resolving the
+ * names of hosts, which then changes nothing.
  *
  * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as oxEventInitialize; the old settings then stay in force.
- * OXEVENT_NOT_INITIALIZED.
+ * OXEVENT_NOT_INITIALIZED: also when the library was shut down meanwhile, even if it is initialized again.
  */
 OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
 
@@ -159,7 +161,12 @@ OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
 OXEVENT_API uint32_t oxEventRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
 
 /*
- * Removes a callback. An event in delivery at that moment may still reach it.
+ * Removes a callback. An event in delivery at that moment may still reach it, so user_data may be freed
+ * - from inside a callback: at once, by the callback itself when it no longer uses it;
+ * - on any other thread: once an oxEventFlush that was called after this has returned 0, or once an oxEventShutdown
+ *   that was called on a thread of the host's has returned.
+ * After an oxEventShutdown inside a callback, the callbacks behind that one still receive its event: free their
+ * user_data in a later call of the host's, once the callback has returned and the thread "oxEvent" that called it ended.
  *
  * OXEVENT_NOT_FOUND: no callback has this id.
  */

@@ -185,6 +185,39 @@ TEST_F(oxEventApi, WorksFromInsideACallback) {
   EXPECT_EQ(ReadMessages(csv2_), (Texts{"message", "new", "more", "new", "more"}));
 }
 
+TEST_F(oxEventApi, DeliversWhatASubmitAmidAShutdownWasAcceptedFor) {
+  for (int i = 0; i < 30; ++i) {
+    Start({{"core\\queue_size", "1000000"}});
+    recorder_.messages.clear();
+    std::atomic<size_t> accepted = 0;
+    const auto submit = [&] {
+      while (Send("m") == 0) ++accepted;
+    };
+    std::thread first(submit), second(submit);
+    while (accepted < 10) usleep(10);
+    EXPECT_EQ(Got(oxEventShutdown()), kOk);
+    first.join(), second.join();
+    EXPECT_EQ(recorder_.messages.size(), accepted);
+  }
+}
+
+TEST_F(oxEventApi, HasLeftAnUnregisteredCallbackOnceAFlushSucceeds) {
+  std::promise<void> entered, go;
+  bool left = false;
+  recorder_.on_event = [&](const oxEventRecord&) {
+    entered.set_value(), go.get_future().wait();
+    left = true;
+  };
+  Start();
+  EXPECT_EQ(Send("m"), 0u);
+  entered.get_future().wait();
+  EXPECT_EQ(Got(oxEventUnregisterCallback(id_)), kOk);
+  EXPECT_EQ((Texts{Got(oxEventFlush(1)), Got(Send("not for it"))}), (Texts{kPending, kOk}));
+  go.set_value();
+  EXPECT_EQ(Got(oxEventFlush(0)), kOk);
+  EXPECT_TRUE(left && recorder_.messages == Texts{"m"});
+}
+
 TEST_F(oxEventApi, WritesCsvRowsWhole) {  // So that a process that is killed leaves whole ones.
   recorder_.on_event = [&](const oxEventRecord&) { EXPECT_TRUE(ReadFile(csv_).ends_with('\n')); };
   Start();

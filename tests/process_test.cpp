@@ -2,6 +2,7 @@
 // and checks what it can see; the test waits for its end and compares the CSV file with the calls of the callback.
 #include <dlfcn.h>
 #include <malloc.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/resource.h>
 
@@ -49,6 +50,38 @@ extern "C" int __lsan_is_turned_off() { return g_calls < 0; }
   while (!(condition)) usleep(500)
 #define CHECK(condition) \
   ((condition) ? void() : (dprintf(STDERR_FILENO, "line %d: %s\n", __LINE__, #condition), _exit(99)))
+
+std::atomic<int> g_hanging, g_answers;
+
+void Hang() {
+  ++g_hanging;
+  AWAIT(g_answers > 0);
+}
+
+// A name server that hangs, for one host.
+extern "C" int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
+  static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  const bool hangs = strcmp(host, "hangs.test") == 0;
+  if (hangs) Hang();
+  return next(hangs ? "127.0.0.1" : host, port, hints, result);
+}
+
+// What a syslog sink calls while it is being built, with the lifecycle locked.
+extern "C" int gethostname(char* name, size_t size) noexcept {
+  Hang();
+  return snprintf(name, size, "host") > 0 ? 0 : -1;
+}
+
+// A thread that ends is slow to call what the library has registered for that.
+void (*g_at_thread_end)(void*);
+extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void*)) noexcept {
+  static const auto next = reinterpret_cast<decltype(&pthread_key_create)>(dlsym(RTLD_NEXT, "pthread_key_create"));
+  Dl_info info = {};
+  dladdr(reinterpret_cast<void*>(at_thread_end), &info);
+  if (info.dli_fname == nullptr || strstr(info.dli_fname, "liboxEvent") == nullptr) return next(key, at_thread_end);
+  g_at_thread_end = at_thread_end;
+  return next(key, [](void* value) { Hang(), g_at_thread_end(value); });
+}
 
 bool Fails(uint32_t code, const std::string& error, uint32_t expected = OXEVENT_FAILURE) {
   char text[256] = "";
@@ -220,6 +253,51 @@ void ShutdownInCallback() {
   usleep(100'000);  // In which a host that does not wait for the callback gets away.
 }
 
+std::thread ReloadWithSyslog(const char* host, uint32_t expected) {
+  WriteSettings("late.xml", "late.csv", {{"sink\\syslog\\udp\\x\\enabled", "1"}, {"sink\\syslog\\udp\\x\\host", host}});
+  return std::thread([expected] { CHECK(ox->ReloadConfig("late.xml") == expected); });
+}
+
+// A reload that only waits for a name server holds up nobody but other reloads, and comes too late for its run.
+void ShutdownAmidLookup() {
+  std::thread reload = ReloadWithSyslog("hangs.test", OXEVENT_NOT_INITIALIZED);
+  AWAIT(g_hanging == 1);
+  CHECK(Fork([] { Live(), CHECK(ox->ReloadConfig("own.xml") == 0), Stop(); }) == 0);
+  Stop();
+  CHECK(Start("own.xml"));
+  ++g_answers;
+  reload.join();
+  CHECK(!std::filesystem::exists("late.csv"));
+}
+
+void ForkAmidReload() {
+  std::thread reload = ReloadWithSyslog("127.0.0.1", OXEVENT_OK);
+  AWAIT(g_hanging == 1);
+  CHECK(Fork([] { Live(), Stop(); }) == 0);
+  ++g_answers;
+  reload.join();
+}
+
+void UnloadAmidThreadEnd() {
+  std::atomic<pid_t> id = 0;
+  std::thread thread([&id] { ox->Flush(0), id = gettid(); });
+  AWAIT(id != 0 && (g_hanging > 0 || !std::filesystem::exists("/proc/self/task/" + std::to_string(id))));
+  Unload();
+  ++g_answers;
+  thread.join();
+}
+
+// Each with an error text.
+void EndThreads() {
+  const auto run = [](int count) {
+    for (int i = 0; i < count; ++i) std::thread([] { ox->Flush(0); }).join();
+    return mallinfo2().uordblks;
+  };
+  Stop();
+  const size_t before = run(100);
+  CHECK(run(2000) < before + 2000 * 16);
+}
+
 void LimitFileSize() {
   const rlimit limit = {std::filesystem::file_size("events.csv"), RLIM_INFINITY};
   CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
@@ -258,6 +336,10 @@ constexpr Case kCases[] = {
     {"fork_and_unload", Unload, 0, 0, "mc", "ibfhs"},
     {"fork_and_return_from_callback", nullptr, 0, kThreads, "c", "ibf"},
     {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAny, "M", "i"},
+    {"shutdown_amid_lookup", ShutdownAmidLookup, 0, kAny | kLost | kThreads, "M", "i"},
+    {"fork_amid_reload", ForkAmidReload, 0, kAny | kThreads, "M", "i"},
+    {"unload_amid_thread_end", [] { Stop(), UnloadAmidThreadEnd(); }, 0, kAny, "M", "i"},
+    {"threads_end", EndThreads, 0, kAny, "M", "i"},
     {"file_size_at_reload", [] { LimitFileSize(), LoseRowsInAReload(); }, 0, kAny | kLost, "M", "i"},
     {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
 #ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
