@@ -109,11 +109,12 @@ OXUTIL_API uint32_t oxOSGetMs(void);
  * milliseconds: name lookup, connection, TLS and every stall included; 0 is over at once. Non-zero: the answer came and
  * its status is 2xx.
  *
- * url, method: as for any HTTP client; a redirect is an answer and not followed, the environment's proxies are not
- * used. headers: lines "Name: value" with one byte 0xA7 between two of them (within a UTF-8 sequence that byte is
- * text); null: none. A CR or LF in it makes the request fail with nothing sent. A line without a name and a colon is
- * passed over, and so are Content-Length, Transfer-Encoding and Expect. Two names are directions that are obeyed and
- * not sent, the first of each:
+ * url, method: as for any HTTP client; a method that is no token (RFC 9110, section 5.6.2) makes the request fail with
+ * nothing sent. A redirect is an answer and not followed, the environment's proxies are not used. headers: lines
+ * "Name: value" with one byte 0xA7 between two of them (within a UTF-8 sequence that byte is text); null: none. A CR or
+ * LF in it makes the request fail with nothing sent, and so does a name that is no token. Blanks before the colon are
+ * left out. A line without a name and a colon is passed over, and so are Content-Length, Transfer-Encoding and Expect.
+ * Two names are directions that are obeyed and not sent, the first of each:
  *   X-oxEvent-TLS-Verify: 0             accepts any certificate, which otherwise must be the host's by the system's
  *                                       certificates
  *   X-oxEvent-Connect-Timeout-Ms: 2000  limits name lookup, connection and TLS together
@@ -123,9 +124,11 @@ OXUTIL_API uint32_t oxOSGetMs(void);
  * answer's text, of any status, cut to 64 KiB (the rest is not read), NUL-terminated, for OXFree; null without one.
  *
  * Connections are kept for the next request to the same place, of any thread; one that turns out to be closed before
- * any byte of an answer is the one case in which a request is sent again. Raises no signal. The names of 16 hosts are
- * looked up at a time. Once the process runs its exit handlers, https fails at once; they wait for the https requests
- * under way. A fork's child makes connections of its own.
+ * any byte of an answer is the one case in which a request is sent again. Raises no signal. At most 16 names are looked
+ * up at a time; requests for one host share its lookup, and begin another when it has hung for 30 s, or longer while
+ * many hang. Once the process runs its exit handlers, https fails at once; they wait for the https requests under way.
+ * A fork's child makes connections of its own. Every request fails in a process with rights that its caller lacks
+ * (AT_SECURE) while the environment holds SSLKEYLOGFILE or OPENSSL_ia32cap (and its like for other processors).
  */
 OXUTIL_API int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body,
                                    int32_t body_length, char** response, int32_t* status, uint32_t timeout_ms);

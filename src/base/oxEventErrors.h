@@ -54,6 +54,7 @@ enum Id : size_t {
   kSyslogSocket,
   kWebhookUrl,
   kWebhookPayloadMode,
+  kWebhookEnvironment,
   kSnmpVersion3,
   kSnmpVersion,
   kSnmpResolve,
@@ -395,6 +396,16 @@ inline constexpr Entry kTable[] = {
      {OXEVENT_INVALID_ARGUMENT},
      "An enabled section below sink\\webhook\\http has another payload_mode.",
      "Set it to native_json or cloudevents, without blanks around it."},
+    {kWebhookEnvironment,
+     Met::kCall,
+     "oxEvent webhook sink cannot start with {variable} in the environment of a privileged process",
+     {OXEVENT_FAILURE},
+     "The process has rights that its caller lacks (a set-uid or set-gid program, or one with file capabilities), and "
+     "the caller has set a variable that steers the HTTP client: SSLKEYLOGFILE would have TLS session keys written to "
+     "a "
+     "file of the caller's choice.",
+     "Start the program without the variable: unset it in the service or shell that starts it, or switch the sections "
+     "below sink\\webhook\\http and sink\\cloudevents\\http off: enabled 0."},
     {kSnmpVersion3,
      Met::kCall,
      "SNMPv3 requires a future external-library backend",
@@ -435,10 +446,10 @@ inline constexpr Entry kTable[] = {
      Met::kDelivery,
      "oxEvent sink failed",
      {OXEVENT_FAILURE},
-     "A sink has failed without a text: there was no memory for it, or the process is the child of a fork that found a "
-     "line to the system log half written, after which a section sink\\native cannot be used there.",
-     "See to memory (free -m, memory.max of the control group). Let such a child replace itself by exec, or switch the "
-     "sections sink\\native off in its settings."},
+     "The process is the child of a fork that found a line to the system log half written: a section sink\\native "
+     "cannot "
+     "be used there.",
+     "Let such a child replace itself by exec, or switch the sections sink\\native off in its settings."},
     {kSinkThrew,
      Met::kDelivery,
      "oxEvent sink failed: {what}",
@@ -514,8 +525,9 @@ inline constexpr Entry kTable[] = {
      {OXEVENT_FAILURE},
      "The endpoint did not accept an event within request_timeout_ms (below sink\\cloudevents\\http: timeout_ms): its "
      "URL is malformed, its name was not found, there was no connection (within connect_timeout_ms), its certificate "
-     "is not trusted, its answer was no 2xx, or a token of the section holds a line end. With retry_count 4294967295 "
-     "there is no try at all. After the last try the event is lost there; the next is tried anew.",
+     "is not trusted, its answer was no 2xx, a header line's name holds what none may, or a "
+     "token of the section holds a line end. After the last try the event is lost there; the next is tried anew. (With "
+     "retry_count 4294967295 every event fails without a try and without a text.)",
      "Try curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on that machine, as the process's "
      "user, with the header lines and the token of the section. Where the endpoint is slow or away for moments, set "
      "connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
