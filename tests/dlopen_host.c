@@ -5,6 +5,7 @@
  * Usage: dlopen_host LIBRARY DIRECTORY [RUNTIME]
  * With RUNTIME, the C++ runtime is in use before the library comes, so that each thread's first exception allocates.
  */
+#define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
@@ -13,6 +14,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "../include/oxEvent.h"
 
@@ -32,12 +36,16 @@ void* __libc_realloc(void* memory, size_t size);
 void* malloc(size_t size) { return Allocates() ? __libc_malloc(size) : NULL; }
 void* calloc(size_t count, size_t size) { return Allocates() ? __libc_calloc(count, size) : NULL; }
 void* realloc(void* memory, size_t size) { return Allocates() ? __libc_realloc(memory, size) : NULL; }
+void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
+  if (!Allocates()) return MAP_FAILED;
+  return (void*)syscall(SYS_mmap, address, size, protection, flags, fd, offset);
+}
 
 #define ENTRY(name) static uint32_t (*name)();
-#define EACH(X)                                                                                            \
-  X(Initialize)                                                                                            \
-  X(Shutdown) X(Submit) X(SubmitSimple) X(Flush) X(ReloadConfig) X(RegisterCallback) X(UnregisterCallback) \
-      X(GetLastError)
+#define EACH(X) \
+  X(Initialize) \
+  X(Shutdown)   \
+  X(Submit) X(SubmitSimple) X(Flush) X(ReloadConfig) X(RegisterCallback) X(UnregisterCallback) X(GetLastError)
 EACH(ENTRY)
 
 static char g_settings[512];
