@@ -11,6 +11,8 @@ namespace {
 
 using pugi::xml_node;
 
+constexpr char kWhiteSpace[] = " \t\r\n";
+
 const Folder g_folder;
 const std::string g_path = g_folder.path + "/events.xml";
 
@@ -52,8 +54,10 @@ std::string TextOf(xml_node value) {
 
 // Null: no number of 32 bits.
 std::optional<uint64_t> NumberOf(const std::string& text) {
-  if (text.empty() || text.find_first_not_of("0123456789") != text.npos) return std::nullopt;
-  const uint64_t number = strtoull(text.c_str(), nullptr, 10);  // The largest where it is larger still.
+  const size_t begin = std::min(text.find_first_not_of(kWhiteSpace), text.size());
+  const std::string digits = text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);
+  if (digits.empty() || digits.find_first_not_of("0123456789") != text.npos) return std::nullopt;
+  const uint64_t number = strtoull(digits.c_str(), nullptr, 10);  // The largest where it is larger still.
   return number <= 0xFFFFFFFF ? std::optional(number) : std::nullopt;
 }
 
@@ -72,10 +76,9 @@ std::vector<std::string> Names(xml_node key, const char* kind) {
 std::string Shallow(xml_node node) {
   std::string text = node.value();
   if (node.type() == pugi::node_pcdata) {
-    text.erase(text.find_last_not_of(" \t\r\n") + 1);
-    text.erase(0, text.find_first_not_of(" \t\r\n"));
+    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(kWhiteSpace));
   }
-  if (node.type() == pugi::node_comment) std::erase(text, ' ');  // A save spaces out "--", which XML forbids there.
   text.insert(0, std::to_string(node.type()) + node.name() + "|");
   for (const pugi::xml_attribute attribute : node.attributes()) {
     text.append("|").append(attribute.name()).append("|").append(attribute.value());
@@ -173,7 +176,7 @@ void CheckStore(const std::string& bytes) {
   if (store == nullptr) return;
   const std::string key = Walk(store, Parsed(bytes).child("config"), "") + "\\new";
   std::string text = bytes.substr(0, bytes.size() % 300);
-  std::erase(text, '\0');
+  std::erase_if(text, [](unsigned char c) { return c < ' ' && c != '\t' && c != '\r' && c != '\n'; });
   auto length = static_cast<uint32_t>(text.size());
   if (oxCFGAddKeyString(store, key.c_str(), "", "", 0, 0) == 0) {
     CHECK_EQ(oxCFGValueString(store, key.c_str(), "text", text.data(), &length, 1), 0u);

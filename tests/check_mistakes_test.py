@@ -157,7 +157,7 @@ def key_name(f):
 
 
 def blanks(f):
-    node = f.r.choice([v for k in f.instances for v in k.children])
+    node = f.r.choice([v for k in f.instances for v in k.children if not v.text.isdigit()])  # Numbers may have some.
     node.text = f.r.choice([" {}", "{} ", "\t{}", "{}\n"]).format(node.text)
     return [node]
 

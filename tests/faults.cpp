@@ -69,7 +69,7 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
   }
 // clang-format off
 OWN(open) OWN(openat) OWN(read) OWN(write) OWN(close) OWN(fsync) OWN(ftruncate) OWN(lseek) OWN(fstat) OWN(fstatat)
-OWN(stat) OWN(faccessat) OWN(getrandom) OWN(fchmod) OWN(fchown) OWN(lgetxattr) OWN(fsetxattr) OWN(fremovexattr)
+OWN(stat) OWN(faccessat) OWN(getrandom) OWN(fchmod) OWN(fchown) OWN(lgetxattr) OWN(llistxattr) OWN(fsetxattr) OWN(fremovexattr)
 OWN(renameat) OWN(unlinkat) OWN(mkdir) OWN(socket) OWN(connect) OWN(send) OWN(sendto) OWN(pthread_create)
 #ifndef OXEVENT_SANITIZED  // Whose own mappings come this way, before anything is set up.
 OWN(mmap) OWN(munmap)

@@ -1,6 +1,8 @@
 #include "oxutil.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <cerrno>
 #include <memory>
@@ -10,6 +12,11 @@
 
 namespace fs = std::filesystem;
 using std::string_literals::operator""s;
+
+// As of a host that exports a build of pugixml of its own, which the companion must not call.
+#define LOAD_BUFFER "_ZN4pugi12xml_document11load_bufferEPKvmjNS_12xml_encodingE"
+extern "C" void LoadBuffer() __asm__(LOAD_BUFFER);
+void LoadBuffer() { abort(); }
 
 namespace {
 
@@ -57,9 +64,16 @@ TEST_F(oxCFG, RefusesWhatIsNoStoreAndLeavesIt) {
     EXPECT_EQ(oxCFGOpen((folder_ / name).c_str(), 0), nullptr) << name;
 }
 
+TEST_F(oxCFG, RefusesWhatASaveCouldNotWriteAsItIs) {
+  for (const char* text : {"<!-- a--b -->", "<!-- a --->", "\x01", "<a b='&#0;'/>", "&#x0000;", "&#31;", "&#xD800;",
+                           "&#xDFFF;", "&#xFFFE;", "&#x110000;", "&#4294967297;"})
+    EXPECT_EQ(Open("<config>"s + text + "</config>"), nullptr) << text;
+}
+
 TEST_F(oxCFG, KeepsWhatItDoesNotSet) {
   const std::string head =
-      "<!DOCTYPE c [ ]>\r\n<?p d?>\n<!-- \xE4 -->\n<config>\t<p a=\"1\">a <b>b</b></p><value name=\"n\">";
+      "<!DOCTYPE c [ <!-- -- --> ]>\r\n<?p d?>\n<!-- \xE4 -->\n<config>\t<p a=\"1\">a <b>b</b></p>&#13;&#x41; &none; & "
+      "]]&gt;<q q=\"&#9;'&quot;\"/><![CDATA[&#0;]]><!-- &#0; - - --><value name=\"n\">";
   const std::string tail = "<!--in--></value> text <![CDATA[<&>]]><key name=\"k\"><key/></key></config>\n<!-- z -->";
   const Store store = Open(head + "1<![CDATA[<]]>" + tail);
   EXPECT_TRUE(Set(store, "", "n", "2") && oxCFGAddKeyString(store.get(), "k", "new", "", 0, 0) == 0 && Save(store));
@@ -70,18 +84,137 @@ TEST_F(oxCFG, KeepsWhatItDoesNotSet) {
 }
 
 TEST_F(oxCFG, CarriesAnyTextThroughTheFile) {
-  std::string all;
-  for (int byte = 1; byte < 256; ++byte) all += static_cast<char>(byte);
+  std::string all = "\t\r\n", name = all;
+  for (int byte = ' '; byte < 256; ++byte) {
+    all += static_cast<char>(byte);
+    if (byte != '\\') name += static_cast<char>(byte);
+  }
   for (const std::string& text : {all, ""s, " "s, "\r\n\t "s, "]]>"s, "<!--&#10;&amp;-->"s, std::string(90000, '<')}) {
     const Store store = Open("");
-    EXPECT_TRUE(Set(store, "", all.substr('\\'), text) && Save(store));
-    EXPECT_TRUE(Get(Open(), "", all.substr('\\')) == text) << text.substr(0, 60);
+    EXPECT_TRUE(oxCFGAddKeyString(store.get(), name.c_str(), "", "", 0, 0) == 0 && Set(store, name, name, text));
+    EXPECT_TRUE(Get(store, name, name) == text && Save(store));
+    EXPECT_TRUE(Get(Open(), name, name) == text) << text.substr(0, 60);
   }
-  EXPECT_FALSE(Set(Open(""), "", "v", "a\0b"s));
+  for (const std::string& text : {"a\0b"s, "\x01"s, "\x1F"s}) EXPECT_FALSE(Set(Open(""), "", "v", text));
+  EXPECT_FALSE(Set(Open(""), "", "\x1F", "v"));
   const std::string head = "\xEF\xBB\xBF<?xml version='1.0' encoding='ISO-8859-1'?>";
   const Store store = Open(head + "<config><value name='v'>&amp;b&#10;\xE4</value></config>");
   EXPECT_EQ(Get(store, "", "v") + Get(store, "", "v", 3) + Get(store, "", "v", 0), "&b\n\xE4&b(none)");
   EXPECT_TRUE(Set(store, "", "v", "") && Save(store) && ReadFile(path_).starts_with("\xEF\xBB\xBF<?xml"));
+}
+
+TEST_F(oxCFG, DecodesReferencesAndKeepsThemInTheFile) {
+  const std::string text =
+      "<config><key name='a&lt;&quot;\"'><value name='v'>&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#x;&#1</value>"
+      "</key><key name=\"b\"/></config>";
+  const Store store = Open(text);
+  const std::string decoded = "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#x;&#1";
+  EXPECT_EQ(Get(store, "a<\"\"", "v"), decoded);
+  EXPECT_EQ(Get(store, "a<\"\"", "v", 4), "A\xF0\x9F");
+  EXPECT_TRUE(Set(store, "a<\"\"", "v", decoded) && Save(store));
+  EXPECT_EQ(ReadFile(path_), text);
+  EXPECT_TRUE(oxCFGAddKeyString(store.get(), "b", "c", "", 0, 0) == 0 && Save(store));
+  EXPECT_NE(ReadFile(path_).find("\"a&lt;&quot;&quot;\"><value name=\"v\">&#65;&#x1F600;&#xe9;"), text.npos);
+}
+
+TEST_F(oxCFG, TakesANumberWithWhiteSpaceAroundIt) {
+  const auto number = [&](const std::string& text) -> int64_t {
+    const Store store = Open("<config><value name=\"n\">" + text + "</value></config>");
+    uint32_t value = 77;
+    const bool found = oxCFGValueDword(store.get(), "", "n", &value, 0) == 0;
+    EXPECT_TRUE(found || value == 77) << text;
+    return found ? int64_t{value} : -1;
+  };
+  EXPECT_EQ(number("0"), 0);
+  EXPECT_EQ(number("\r\n\t 5000 \n"), 5000);
+  EXPECT_EQ(number(" 00429<![CDATA[4967295 ]]>&#32;"), 4294967295);
+  for (const char* text :
+       {"", " ", "4294967296", "99999999999999999999", "1 2", "+1", "-1", "\v1", "1x", "0x1", "1.0", "/", ":"})
+    EXPECT_EQ(number(text), -1) << text;
+  uint32_t most = 4294967295;
+  const Store store = Open("");
+  EXPECT_TRUE(oxCFGValueDword(store.get(), "", "n", &most, 1) == 0 && Get(store, "", "n") == "4294967295");
+}
+
+TEST_F(oxCFG, WalksEachNameOnceAndInOrder) {
+  const std::string text = "<key name='a'/><value name='x'/><key name=''/><key name='a\\b'/><value name='" +
+                           std::string(512, 'n') + "'/><value name='a'/><key name='a'/><other name='o'/><key name='" +
+                           std::string(511, 'n') + "'/>";
+  const Store store = Open("<config>" + text + "<key name='k'>" + text + "</key></config>");
+  const auto next = [&](const char* key, const char* previous) {
+    char name[512] = "";
+    uint32_t kind = 2;
+    const bool ends = oxCFGGetNext(store.get(), key, name, previous, &kind) == OXCFG_NO_MORE;
+    return ends ? "end" : std::string(name) + (kind == 0 ? "/" : "");
+  };
+  const std::string longest(511, 'n');
+  const char* previous = "";
+  for (const std::string& expected : {"a/"s, "x"s, "a"s, longest + "/"}) {
+    EXPECT_EQ(next("", previous), expected);
+    EXPECT_EQ(next("k", previous), expected);  // Two walks at a time.
+    previous = expected == "a/" ? "a" : expected.c_str();
+  }
+  EXPECT_EQ(next("", "a"), longest + "/");
+  EXPECT_EQ(next("", longest.c_str()) + next("k", longest.c_str()) + next("", "none"), "k/endend");
+}
+
+TEST_F(oxCFG, ReadsWithoutMemoryAndThenSavesOnlyWhatItWasGiven) {
+  const Store store = Open("<config><key name='a&amp;b'><value name='n'>7</value></key></config>");
+  const std::string before = ReadFile(path_);
+  char name[512] = "", text[8] = "";
+  uint32_t kind = 0, number = 0, length = sizeof text;
+  bool reads = false, sets = true;
+  {
+    const Faults faults([](std::string_view call, long) { return call == "malloc" ? ENOMEM : 0; });
+    reads = oxCFGGetNext(store.get(), "", name, "", &kind) == 0 && oxCFGKeyExists(store.get(), name) != 0 &&
+            oxCFGValueDword(store.get(), name, "n", &number, 0) == 0 &&
+            oxCFGValueString(store.get(), name, "n", text, &length, 0) == 0;
+    sets = oxCFGAddKeyString(store.get(), "a name that needs memory", "", "", 0, 0) == 0;
+  }
+  EXPECT_TRUE(reads && text == "7"s && !sets);
+  EXPECT_FALSE(Set(store, "a&b", "n", "8") && Save(store));
+  EXPECT_EQ(ReadFile(path_), before);
+}
+
+TEST_F(oxCFG, CallsItsOwnPugixml) {
+  EXPECT_EQ(dlsym(RTLD_DEFAULT, LOAD_BUFFER), reinterpret_cast<void*>(LoadBuffer));
+  EXPECT_NE(Open("<config/>"), nullptr);
+}
+
+TEST_F(oxCFG, AnUnchangedStoreSavesAndLeavesItsFile) {
+  const Store store = Open("<config><value  name='n'>7</value></config>");
+  const Faults faults([](std::string_view call, long) { return call == "openat" || call == "open" ? EROFS : 0; });
+  EXPECT_TRUE(Set(store, "", "n", "7") && Save(store));
+}
+
+TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
+  constexpr char kAcl[] = "system.posix_acl_access";
+  const auto attribute = [&](const char* name) {
+    char value[100];
+    const ssize_t size = getxattr(path_.c_str(), name, value, sizeof value);
+    return size < 0 ? "none" : std::string(value, static_cast<size_t>(size));
+  };
+  // Version 2 of Linux's access lists, with an entry for one more user.
+  const uint32_t list[] = {2, 0x60001, ~0u, 0x40002, user_ + 1, 0x40004, ~0u, 0x40010, ~0u, 0x20, ~0u};
+  ASSERT_EQ(setxattr(folder_.c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
+  Write("<config/>");
+  ASSERT_EQ(removexattr(path_.c_str(), kAcl), 0);
+  Store store = Open();
+  EXPECT_TRUE(Set(store, "", "v", "1") && Save(store));
+  EXPECT_EQ(attribute(kAcl), "none");
+  ASSERT_EQ(setxattr(path_.c_str(), kAcl, list, sizeof list, 0), 0);
+  ASSERT_EQ(setxattr(path_.c_str(), "user.empty", "", 0, 0) | setxattr(path_.c_str(), "user.a", "old", 3, 0), 0);
+  const auto saves = [&](std::string_view failing, int error) {
+    store = Open();
+    const Faults faults([&](std::string_view call, long) { return call.ends_with(failing) ? error : 0; });
+    return Set(store, "", "v", Get(store, "", "v") + "1") && Save(store);
+  };
+  EXPECT_TRUE(saves("none", 0));
+  for (const char* call : {"llistxattr", "lgetxattr", "fsetxattr"}) EXPECT_FALSE(saves(call, EACCES)) << call;
+  EXPECT_FALSE(saves("lgetxattr", ENODATA));  // Removed meanwhile.
+  EXPECT_TRUE(Get(Open(), "", "v") == "11" && attribute("user.empty") + attribute("user.a") == "old");
+  EXPECT_EQ(attribute(kAcl), std::string(reinterpret_cast<const char*>(list), sizeof list));
+  EXPECT_TRUE(saves("xattr", ENOTSUP));  // On a file system without any.
 }
 
 // Nor is the new file readable to more people while it is written. Calls that a signal interrupts are made again.

@@ -36,13 +36,11 @@ extern "C" {
 /* What oxCFGGetNext returns when there is no further entry. */
 #define OXCFG_NO_MORE 0xFFFFFFFFu
 
-/* What oxCFGSave returns when memory ran out in an earlier call: what seemed missing may not have been. */
-#define OXCFG_NO_MEMORY 0xFFFFFFFEu
-
 /*
  * Opens the store in an existing file; flags must be 0. An empty file is an empty store. Null when the file is missing,
- * unreadable, no regular file, over 64 MiB, or not such an XML file; it is never changed then. oxCFGClose frees the
- * handle.
+ * unreadable, no regular file, over 64 MiB, not such an XML file, or one that no save could write as it is: with a
+ * control byte, a reference to a character that XML cannot hold (&#0;, &#1;), or a comment with "--" inside. A refused
+ * file is never changed. oxCFGClose frees the handle.
  */
 OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
 
@@ -65,24 +63,26 @@ OXUTIL_API uint32_t oxCFGGetNext(void* store, const char* key, char* result_name
                                  uint32_t* kind);
 
 /*
- * Mode 0 gets, mode 1 sets a number. A get fails unless the whole text is a decimal number from 0 to 4294967295; a set
- * fails when the key is missing.
+ * Mode 0 gets, mode 1 sets a number. A get passes over white space (space, tab, CR, LF) before and after the number,
+ * and fails unless the rest is a decimal number from 0 to 4294967295; a set fails when the key is missing.
  */
 OXUTIL_API uint32_t oxCFGValueDword(void* store, const char* key, const char* name, uint32_t* value, uint32_t mode);
 
 /*
  * Mode 0 gets a text: *length is the buffer's size on entry and the bytes written, without the terminating zero, on
- * return; a longer text is cut. Mode 1 sets the value to the first *length bytes of the buffer.
+ * return; a longer text is cut. Mode 1 sets the value to the first *length bytes of the buffer; it fails when the key
+ * is missing, or when they hold a control byte other than tab, CR and LF, which XML cannot hold.
  */
 OXUTIL_API uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* buffer, uint32_t* length,
                                      uint32_t mode);
 
 /*
  * Writes a changed store back: beside the file, synced, then renamed over it (over a symbolic link's target), so that
- * at any moment the file is the old or the new one, whole. Owner, group and mode stay; so do comments and elements that
- * are not the store's. Fails, with the file as it was, when any of this cannot be done, the file has been changed by
- * someone else since it was opened, or memory ran out in any call for this handle (OXCFG_NO_MEMORY). Also fails when
- * the folder cannot be synced after the rename. `reserved` and `mode` are not used.
+ * at any moment the file is the old or the new one, whole. Owner, group, mode and the extended attributes that the
+ * process may see stay; so do comments and elements that are not the store's. Fails, with the file as it was, when any
+ * of this cannot be done, the file has been changed by someone else since it was opened, memory ran out in any call for
+ * this handle, or security.ima or security.evm vouches for its bytes. Also fails when the directory cannot be synced
+ * after the rename. `reserved` and `mode` are not used.
  */
 OXUTIL_API uint32_t oxCFGSave(void* store, uint32_t reserved, uint32_t mode);
 

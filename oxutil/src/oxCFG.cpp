@@ -43,13 +43,11 @@ bool AnyNull(const Pointers*... pointers) {
 }
 
 uint32_t GetDword(const oxCFGStore& store, const char* key, const char* name, uint32_t* value) {
-  const std::optional<std::string> text = store.Get(key, name);
-  if (!text) return kFailure;
-  const char* const end = text->data() + text->size();
-  uint32_t number = 0;
-  const auto [parsed_end, error] = std::from_chars(text->data(), end, number);
-  if (error != std::errc() || parsed_end != end) return kFailure;
-  *value = number;
+  oxCFGNumberParser parser;
+  if (!store.Read(key, name, [&](std::string_view piece) { parser.Append(piece); })) return kFailure;
+  const std::optional<uint32_t> number = parser.Number();
+  if (!number) return kFailure;
+  *value = *number;
   return kSuccess;
 }
 
@@ -61,10 +59,12 @@ uint32_t SetDword(oxCFGStore* store, const char* key, const char* name, uint32_t
 
 uint32_t GetString(const oxCFGStore& store, const char* key, const char* name, char* buffer, uint32_t* length) {
   if (*length == 0) return kFailure;
-  const std::optional<std::string> text = store.Get(key, name);
-  if (!text) return kFailure;
-  const size_t size = std::min<size_t>(text->size(), *length - 1);
-  text->copy(buffer, size);
+  const size_t capacity = *length - 1;
+  size_t size = 0;
+  const auto append = [&](std::string_view piece) {
+    size += piece.copy(buffer + size, std::min(piece.size(), capacity - size));
+  };
+  if (!store.Read(key, name, append)) return kFailure;
   buffer[size] = '\0';
   *length = static_cast<uint32_t>(size);
   return kSuccess;
@@ -139,12 +139,7 @@ uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* 
 uint32_t oxCFGSave(void* store, uint32_t /*reserved*/, uint32_t /*mode*/) {
   if (store == nullptr) return kFailure;
   return Guarded(
-      store,
-      [&] {
-        if (Store(store).RefusesSave()) return OXCFG_NO_MEMORY;
-        return Result(Store(store).Save());
-      },
-      OXCFG_NO_MEMORY);
+      store, [&] { return Result(Store(store).Save()); }, kFailure);
 }
 
 uint32_t oxCFGClose(void* store, uint32_t /*mode*/) {

@@ -16,8 +16,9 @@ class oxCFGFile {
   // Reads a regular file of at most kMaxBytes and remembers which one it was.
   bool Read(const char* path, std::string* bytes);
 
-  // Puts a file with `bytes` and the access rights of the one that was read in its place. Fails, leaving nothing
-  // behind, when any step does, when the file must not be written, or when somebody else has changed it meanwhile.
+  // Puts a file with `bytes` and the owner, mode and extended attributes of the one that was read in its place. Fails,
+  // leaving nothing behind, when any step does, when the file must not be written, or when somebody else has changed it
+  // meanwhile.
   bool Replace(std::string_view bytes);
 
  private:

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <utility>
@@ -59,13 +60,15 @@ class NewFile {
 
   bool Create(const std::string& target);
   bool Write(std::string_view bytes);
-  // Gives it the owner, group, access list and mode of the target, of which `known` tells.
+  // Gives it the owner, group, access list, other extended attributes and mode of the target, of which `known` tells.
   bool CopyAccess(const std::string& target_path, const struct stat& known);
   bool Sync() { return TEMP_FAILURE_RETRY(fsync(file_.Get())) == 0 && file_.Close(); }
   bool Rename(const std::string& target);
 
  private:
   bool CopyAcl(const std::string& target_path);
+  bool CopyAttributes(const std::string& target_path);
+  bool CopyAttribute(const std::string& target_path, const char* name);
 
   const int folder_;  // Not owned.
   std::string name_;  // Empty while there is no file to remove.
@@ -101,7 +104,7 @@ bool NewFile::CopyAccess(const std::string& target_path, const struct stat& know
   const bool same_owner = created.st_uid == known.st_uid && created.st_gid == known.st_gid;
   if (!same_owner && fchown(file_.Get(), known.st_uid, known.st_gid) != 0) return false;
   // The mode last: a change of owner clears bits of it, and it opens the file.
-  return CopyAcl(target_path) && fchmod(file_.Get(), known.st_mode & 07777) == 0;
+  return CopyAcl(target_path) && CopyAttributes(target_path) && fchmod(file_.Get(), known.st_mode & 07777) == 0;
 }
 
 bool NewFile::CopyAcl(const std::string& target_path) {
@@ -111,6 +114,35 @@ bool NewFile::CopyAcl(const std::string& target_path) {
   if (errno != ENODATA && errno != ENOTSUP) return false;
   // The folder's default list may have given it entries that the target lacks.
   return fremovexattr(file_.Get(), kAclAttribute) == 0 || errno == ENODATA || errno == ENOTSUP;
+}
+
+// All that the process may see: the kernel hides trusted attributes from those that may not read them.
+bool NewFile::CopyAttributes(const std::string& target_path) {
+  std::string names(XATTR_LIST_MAX, '\0');
+  const ssize_t size = llistxattr(target_path.c_str(), names.data(), names.size());
+  if (size < 0) return errno == ENOTSUP;
+  names.resize(static_cast<size_t>(size));
+  for (size_t at = 0; at < names.size(); at += std::strlen(names.c_str() + at) + 1) {
+    const char* const name = names.c_str() + at;
+    if (name != std::string_view(kAclAttribute) && !CopyAttribute(target_path, name)) return false;
+  }
+  return true;
+}
+
+bool NewFile::CopyAttribute(const std::string& target_path, const char* name) {
+  // They vouch for the old bytes.
+  for (const char* const bound_to_bytes : {"security.ima", "security.evm"}) {
+    if (name == std::string_view(bound_to_bytes)) return false;
+  }
+  std::string value(XATTR_SIZE_MAX, '\0');
+  const ssize_t size = lgetxattr(target_path.c_str(), name, value.data(), value.size());
+  if (size < 0) return false;
+  value.resize(static_cast<size_t>(size));
+  // A label that the system has given to the new file too needs no privilege then.
+  std::string given(XATTR_SIZE_MAX, '\0');
+  const ssize_t given_size = fgetxattr(file_.Get(), name, given.data(), given.size());
+  if (given_size >= 0 && given.compare(0, static_cast<size_t>(given_size), value) == 0) return true;
+  return fsetxattr(file_.Get(), name, value.data(), value.size(), 0) == 0;
 }
 
 bool NewFile::Rename(const std::string& target) {

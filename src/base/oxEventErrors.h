@@ -291,7 +291,9 @@ inline constexpr Entry kTable[] = {
      "Unable to open oxEvent config: {path}",
      {OXEVENT_INVALID_ARGUMENT},
      "The settings file is missing, cannot be read by the process's user, is no regular file, is over 64 MiB, or is no "
-     "such XML file; or the process has no descriptor or no memory left. The file has not been changed.",
+     "such XML file: it may hold a comment with \"--\" inside, a control byte, or a reference to one such as &#0;. Or "
+     "the "
+     "process has no descriptor or no memory left. The file has not been changed.",
      "Look with namei -l PATH whether the file is there and the process's user may read it, and with oxevent-check "
      "PATH where it is not such XML; its root element is config. A relative path counts from the process's working "
      "folder. An empty file will do: the library completes it. Of a running process look at its descriptors too: ls "
@@ -313,16 +315,15 @@ inline constexpr Entry kTable[] = {
      "Invalid boolean value for {key}\\{name}: {value}",
      {OXEVENT_INVALID_ARGUMENT},
      "The switch has a value that is neither on nor off. Of several bad ones the text names the last.",
-     "Set it to 1, true, yes, on or enabled, or to 0, false, no, off or disabled, without blanks around it; or remove "
-     "the value: the library puts its default there."},
+     "Set it to 1, true, yes, on or enabled, or to 0, false, no, off or disabled, without blanks around a word; or "
+     "remove the value: the library puts its default there."},
     {kBadSeverity,
      Met::kCall,
      "Invalid minimum_severity value for {key}\\minimum_severity: {value}",
      {OXEVENT_INVALID_ARGUMENT},
      "The setting has a value that is no severity. Of several bad ones the text names the last.",
-     "Set it to debug, info, warning or error, or to 0 to 3, without blanks around it; or remove the value: the "
-     "library "
-     "puts info there."},
+     "Set it to debug, info, warning or error, without blanks around it, or to 0 to 3; or remove the value: the "
+     "library puts info there."},
 
     {kCsvNoPath,
      Met::kCall,

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 
 #include "base/oxEventCopyString.h"
 #include "base/oxEventErrorText.h"
@@ -28,9 +27,7 @@ bool oxEventConfigStore::Open(const char* path) {
   return store_ != nullptr;
 }
 
-void oxEventConfigStore::Save() {
-  if (oxCFGSave(store_, 0, 1) == OXCFG_NO_MEMORY) throw std::bad_alloc();
-}
+void oxEventConfigStore::Save() { oxCFGSave(store_, 0, 1); }
 
 void oxEventConfigStore::EnsureKey(const std::string& path) {
   if (path.empty() || oxCFGKeyExists(store_, path.c_str()) != 0) return;

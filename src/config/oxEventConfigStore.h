@@ -16,8 +16,7 @@ class oxEventConfigStore {
 
   bool Open(const char* path);
 
-  // A file that cannot be written stays as it is, and what was read still holds. Throws when memory ran out while
-  // reading: then what was read does not hold.
+  // A file that cannot be written stays as it is, and what was read still holds.
   void Save();
 
   void EnsureKey(const std::string& path);

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int kRefused = 2;  // The library would not start with it.
+constexpr int kErrors = 2;
 
 constexpr char kUsageText[] =
     "Usage: oxevent-check [OPTION]... FILE...\n"
@@ -23,9 +23,10 @@ constexpr char kUsageText[] =
 constexpr char kNotes[] =
     "\n"
     "A finding is a line FILE:LINE:COLUMN: GRADE: KEY: TEXT; the remedy is on the next. Columns count\n"
-    "bytes. GRADE is error (the library would not start: TEXT is what oxEventInitialize gives as\n"
-    "its last error), warning, or note (where else to look). With an error the last line is the text\n"
-    "that oxEventInitialize gives for the file as it is.\n"
+    "bytes. GRADE is error, warning, or note (where else to look). An error is what the library would\n"
+    "not start with (TEXT is what oxEventInitialize gives as its last error), or a section that it\n"
+    "cannot see for its name, so that it starts without it. Where the library would not start, the\n"
+    "last line is the text that oxEventInitialize gives for the file as it is.\n"
     "\n"
     "With --json each finding is an object with file, line, column, key, severity (error, warning or\n"
     "note), code (short, stays the same), text and remedy.\n"
@@ -33,8 +34,7 @@ constexpr char kNotes[] =
     "KEY is a path such as core\\queue_size, QVX\\Events\\sink\\csv\\NAME\\path or sink/csv, with \\, / or .\n"
     "between names, or the name of a setting.\n"
     "\n"
-    "Exit status: 0 no problems, 1 warnings, 2 the library would not start with a FILE, or the\n"
-    "command line cannot be followed.\n";
+    "Exit status: 0 no problems, 1 warnings, 2 errors, or the command line cannot be followed.\n";
 
 struct Wanted {
   bool complete = false;
@@ -69,8 +69,9 @@ int CheckAll(const Wanted& wanted, const std::vector<const char*>& paths) {
   for (const char* const path : paths) {
     SettingsFile file(path);
     const std::vector<Finding> findings = FindingsOf(&file, wanted.verbose);
+    const bool has_errors = !file.refusal.empty() || Has(findings, Grade::kError);
     const bool warned = Has(findings, Grade::kWarning);
-    status = std::max(status, !file.refusal.empty() ? kRefused : warned ? kFailed : kDone);
+    status = std::max(status, has_errors ? kErrors : warned ? kFailed : kDone);
     if (wanted.json) {
       const std::string objects = AsJson(path, findings);
       json += (json.empty() || objects.empty() ? "" : ",\n") + objects;
@@ -79,6 +80,8 @@ int CheckAll(const Wanted& wanted, const std::vector<const char*>& paths) {
     std::fputs(AsText(path, findings).c_str(), stdout);
     if (!file.refusal.empty()) {
       std::printf("%s: the library does not start with it: %s\n", path, file.refusal.c_str());
+    } else if (has_errors) {
+      std::printf("%s: the library starts without the sections that the errors name\n", path);
     } else if (!warned) {
       std::printf("%s: no problems\n", path);
     }
@@ -93,7 +96,7 @@ int Complete(const char* path) {
   file.Read(&findings);
   if (!file.refusal.empty()) {
     Complain(file.refusal);
-    return kRefused;
+    return kErrors;
   }
   std::fwrite(file.completed.data(), 1, file.completed.size(), stdout);
   return kDone;

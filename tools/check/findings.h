@@ -11,7 +11,7 @@ struct Position {  // From 1; columns are bytes.
 };
 
 enum class Grade {
-  kError,    // The library would not start.
+  kError,    // The library would not start, or would start without a section.
   kWarning,  // What a user would want to mend.
   kNote,     // Where else to look for one of these.
   kDetail    // Told only when asked for.

@@ -2,6 +2,8 @@
 
 #include <iterator>
 
+#include "oxCFGText.h"
+
 namespace {
 
 void Add(std::string_view path, const oxEventSection* section, Place* place) {
@@ -56,7 +58,7 @@ std::vector<std::string> NamesOf(const oxEventSection& section) {
   return names;
 }
 
-std::string NameOf(pugi::xml_node node) { return node.attribute("name").value(); }
+std::string NameOf(pugi::xml_node node) { return oxCFGDecoded(node.attribute("name").value()); }
 bool IsKey(pugi::xml_node node) { return std::string_view(node.name()) == "key"; }
 bool IsValue(pugi::xml_node node) { return std::string_view(node.name()) == "value"; }
 

@@ -27,10 +27,11 @@ class Walk {
   // Above the library's own keys other parts of the host may keep theirs.
   static bool IsOurs(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
 
-  // Calls `take` with the keys and values of a key that count. Tells of what is passed over: only of what resembles
-  // `expected`, where it is not the library's own.
+  // Calls `take` with the keys and values of a key that count. Reports what is passed over: only what resembles
+  // `expected`, where it is not the library's own. `sections`: the keys within are sections, or lead to some.
   template <class Take>
-  void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, Take take) {
+  void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, bool sections,
+               Take take) {
     std::set<std::pair<bool, std::string>> seen;
     for (const pugi::xml_node child : key.children()) {
       if (child.type() != pugi::node_element) {
@@ -44,15 +45,7 @@ class Walk {
       } else if (!child.attribute("name")) {
         CheckNameless(child, path, expected);
       } else if (name.empty() || name.size() > oxCFGStore::kMaxNameBytes || name.find('\\') != name.npos) {
-        if (IsOurs(path) || name.find("QVX") == 0 || resembles) {
-          Warn("bad-name", child, Join(path, name.substr(0, 80)),
-               "its name is " +
-                   std::string(name.empty()                   ? "empty"
-                               : name.find('\\') != name.npos ? "a path"
-                                                              : "too long") +
-                   ": the library passes it over",
-               "A name has 1 to 511 bytes and no backslash; each key of a path is an element of its own.");
-        }
+        if (IsOurs(path) || name.find("QVX") == 0 || resembles) CheckBadName(child, path, name, sections);
       } else if (!seen.emplace(IsKey(child), name).second) {
         if (IsOurs(path) || resembles) {
           Warn("twice", child, Join(path, name), "is here a second time: the first counts, this one is passed over",
@@ -64,8 +57,19 @@ class Walk {
     }
   }
 
+  // The loader cannot even see a section with such a name: it starts without it.
+  void CheckBadName(pugi::xml_node node, const std::string& path, const std::string& name, bool sections) {
+    const bool is_section = sections && IsKey(node);
+    const std::string fault = name.empty() ? "empty" : name.find('\\') != name.npos ? "a path" : "too long";
+    findings_.push_back(
+        {is_section ? Grade::kError : Grade::kWarning, "bad-name", file_.PositionOf(node),
+         Join(path, name.substr(0, 80)),
+         "its name is " + fault + ": the library passes it over" + (is_section ? ", with everything in it" : ""),
+         "A name has 1 to 511 bytes and no backslash; each key of a path is an element of its own."});
+  }
+
   void CheckText(pugi::xml_node node, pugi::xml_node key, const std::string& path) {
-    const std::string_view text = node.value();
+    const std::string text = node.type() == pugi::node_cdata ? node.value() : oxCFGDecoded(node.value());
     const bool is_text = node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
     if (!is_text || !IsOurs(path) || text.find_first_not_of(kBlanks) == text.npos) return;
     Warn("stray-text", key, path, "holds the text " + Quoted(text) + ", which the library passes over",
@@ -95,7 +99,7 @@ class Walk {
     if (place.HasInstances()) return EnterInstances(*place.section, key, path);
     if (place.HasSettings()) return EnterSettings(*place.section, key, path);
     const std::vector<std::string> expected = NamesOf(place.below);
-    ForEach(key, path, expected, [&](pugi::xml_node child, const std::string& name) {
+    ForEach(key, path, expected, true, [&](pugi::xml_node child, const std::string& name) {
       const Place* const known = place.Find(name);
       if (known != nullptr && IsKey(child)) {
         positions_.emplace(Join(path, name), file_.PositionOf(child));
@@ -152,7 +156,7 @@ class Walk {
 
   void EnterInstances(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
     bool told = false;
-    ForEach(key, path, NamesOf(section), [&](pugi::xml_node child, const std::string& name) {
+    ForEach(key, path, NamesOf(section), true, [&](pugi::xml_node child, const std::string& name) {
       if (IsKey(child)) {
         CheckInstance(section, child, path, name);
         EnterSettings(section, child, Join(path, name));
@@ -179,7 +183,7 @@ class Walk {
 
   void EnterSettings(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
     Group group = {&section, path, file_.PositionOf(key), {}};
-    ForEach(key, path, NamesOf(section), [&](pugi::xml_node child, const std::string& name) {
+    ForEach(key, path, NamesOf(section), false, [&](pugi::xml_node child, const std::string& name) {
       const oxEventSetting* const setting = FindSetting(section, name);
       const std::string whole = Join(path, name);
       if (IsKey(child)) {
@@ -196,7 +200,9 @@ class Walk {
              "The settings of this key: " + Listed(NamesOf(section)) + ".");
       } else {
         CheckContent(child, whole);
-        group.values.push_back({setting, file_.store.Get(path, name).value_or(""), file_.PositionOf(child)});
+        Value value = {setting, "", file_.PositionOf(child)};
+        file_.store.Read(path, name, [&](std::string_view piece) { value.text += piece; });
+        group.values.push_back(std::move(value));
       }
     });
     found_.emplace(path, std::move(group));

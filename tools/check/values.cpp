@@ -1,6 +1,5 @@
 // The rules for one value alone, by the form of its setting.
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 #include <optional>
 #include <system_error>
@@ -15,10 +14,9 @@ namespace {
 using Form = oxEventSettingForm;
 
 std::optional<uint32_t> NumberIn(std::string_view text) {
-  uint32_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
+  oxCFGNumberParser parser;
+  parser.Append(text);
+  return parser.Number();
 }
 
 bool IsNumber(Form form) {
@@ -91,10 +89,11 @@ class Rules {
     const oxEventWords words = setting.form == Form::kSwitch     ? g_oxEventSwitchWords
                                : setting.form == Form::kSeverity ? g_oxEventSeverityWords
                                                                  : setting.words;
-    const std::string remedy = words.empty() ? "A number above 0 is needed; the default is " + Default() + "."
-                               : HasBlankEnds(value_->text) ? "Remove the blanks at its ends, which count."
-                                                            : "Accepted, in any case: " + Listed(words) +
-                                                                  Suggestion(value_->text, TextsOf(words));
+    const std::string remedy =
+        words.empty() ? "A number above 0 is needed; the default is " + Default() + "."
+        : HasBlankEnds(value_->text) && !NumberIn(value_->text)
+            ? "Remove the blanks at its ends, which count."
+            : "Accepted, in any case: " + Listed(words) + Suggestion(value_->text, TextsOf(words));
     findings_.push_back({Grade::kError, "bad-value", value_->where, bad->first, bad->second, remedy});
     return true;
   }
@@ -113,9 +112,9 @@ class Rules {
       Warn("no-number",
            Quoted(value_->text) + " is no number from 0 to 4294967295: " + Default() + " counts" +
                (writes ? ", and the library writes that over it in the file" : ""),
-           HasBlankEnds(value_->text) ? "Remove the blanks at its ends, which count." : "Write digits alone.");
+           "Write digits alone.");
     } else if (name.ends_with("timeout_ms") && *number > 0 && *number < 50) {
-      Warn("short-time", value_->text + " ms is hardly enough for a request", "The unit is milliseconds.");
+      Warn("short-time", std::to_string(*number) + " ms is hardly enough for a request", "The unit is milliseconds.");
     }
   }
 

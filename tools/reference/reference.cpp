@@ -60,13 +60,18 @@ touched, and the error text names the culprit. `oxevent-check` judges a file wit
 
 The keys below stand within `QVX\Events`; a backslash stands between a key and the key within it. NAME is any name: each
 sub-key of a kind of sink is a sink of its own. Names count byte for byte, words in any case. Of two values with one name
-the first counts.
+the first counts. A name has 1 to 511 bytes and no backslash: the library cannot see a section with any other, and starts
+without it, even when it is enabled; `oxevent-check` reports it as an error.
+
+The file is refused where a save could not write it as it is: with a comment that holds `--`, a control byte, or a reference
+to a character that XML cannot hold, such as `&#0;`. `oxevent-check` gives the position. The file keeps its owner, mode and
+extended attributes when it is completed; where it cannot, it is not completed, and the library starts all the same.
 
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number is decimal, without white space; any other text is replaced by the default. Of a text the first 2047 bytes count.
-A line end within a value is written `&#10;`. Secrets stand in the file in clear: its mode is the host's to set.
+A number is decimal; white space around it is ignored. Any other text is replaced by the default. Of a text the first 2047
+bytes count. A line end within a value is written `&#10;`. Secrets stand in the file in clear: its mode is the host's to set.
 )";
 
 void PrintSettings() {
