@@ -51,8 +51,13 @@ inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
 struct SystemLog {
   explicit SystemLog(int lock) {
     flock(folder, lock);
-    const sockaddr_un address = {AF_UNIX, "/dev/log"};
-    bound = lock == LOCK_EX && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    if (lock != LOCK_EX) return;
+    const sockaddr_un at = {AF_UNIX, "/dev/log"};
+    const auto address = reinterpret_cast<const sockaddr*>(&at);
+    // A test that was killed leaves a socket that refuses.
+    const bool refused = connect(fd, address, sizeof at) != 0 && errno == ECONNREFUSED;
+    if (refused && std::filesystem::is_socket(std::filesystem::symlink_status(at.sun_path))) unlink(at.sun_path);
+    bound = bind(fd, address, sizeof at) == 0;
   }
   ~SystemLog() {
     if (bound) unlink("/dev/log");

@@ -1,6 +1,7 @@
 // Loads, and receivers that do not keep up. OXEVENT_SOAK multiplies the amounts: see tests/soak/run.
 #include <fcntl.h>
 #include <malloc.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -232,6 +233,31 @@ TEST_P(oxEventLoad, HoldsUpItsWorkerOnly) {
   const uint64_t stopped = drops[static_cast<size_t>(oxEventDrop::kStopped)];
   EXPECT_TRUE(refused > 20000 && stopped > 0 && refused + stopped == oxEventCoreGetCounters().dropped);
   shutdown(log.fd, SHUT_RDWR), later.join(), close(reader), close(http);
+}
+
+// So that a service manager which kills the process meanwhile costs no row.
+TEST_F(oxEventLoad, WritesRowsBeforeItWaitsForTheEventInDelivery) {
+  const string csv = folder.path + "/csv";
+  uint16_t port = 0;
+  const int http = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
+  ASSERT_EQ(listen(http, 9), 0);
+  Start(csv, {{"sink\\webhook\\http\\a\\enabled", "1"},
+              {"sink\\webhook\\http\\a\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
+              {"sink\\webhook\\http\\a\\request_timeout_ms", "60000"}});
+  const auto expect_row_before_the_request_ends = [&](const string& row, int request) {
+    pollfd end = {request, POLLRDHUP, 0};
+    while (ReadMessages(csv).back() != row && poll(&end, 1, 1) == 0) continue;
+    EXPECT_EQ(poll(&end, 1, 0), 0) << row;
+    close(request);
+  };
+  EXPECT_EQ(Submit(0, 1) | Submit(0, 2), 0u);
+  const int first = accept4(http, nullptr, nullptr, SOCK_CLOEXEC);
+  auto stop = std::async(std::launch::async, oxEventShutdown);
+  expect_row_before_the_request_ends("0-1", first);
+  // Delivered by the drain, and still in delivery when its time is up.
+  expect_row_before_the_request_ends("0-2", accept4(http, nullptr, nullptr, SOCK_CLOEXEC));
+  EXPECT_EQ(stop.get(), OXEVENT_FAILURE);
+  close(http);
 }
 
 TEST_F(oxEventLoad, GoesOnWhileAReloadWaitsForANameServer) {

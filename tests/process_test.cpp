@@ -154,7 +154,8 @@ int OpenPeer(int* peer) {
 
 void LetGo(int peer) {
   AWAIT(g_open > 0);
-  usleep(50'000);  // In which the library's end finds it stuck.
+  usleep(50'000);                                                    // In which the library's end finds it stuck.
+  if (g_state == 'h') AWAIT(ReadMessages("events.csv").size() > 1);  // Written before the wait for the request.
   for (char bytes[4096]; g_state == 's' && read(peer, bytes, sizeof(bytes)) > 0;) continue;
   close(peer);
 }
@@ -172,6 +173,7 @@ void RunCase() {
                  {"sink\\csv\\pipe\\flush_each_event", "1"},
                  {"sink\\csv\\pipe\\path", "/proc/self/fd/" + number},
                  {"sink\\webhook\\http\\x\\enabled", g_state == 'h' ? "1" : "0"},
+                 {"sink\\webhook\\http\\x\\request_timeout_ms", "90000"},
                  {"sink\\webhook\\http\\x\\endpoint_url", "http://127.0.0.1:" + number}});
   ox = new Library;
   CHECK(Start());

@@ -228,7 +228,7 @@ def show_sinks(_limit):
     warn_if_locked(sinks['mutex'], 'the list')
     if not active:
         return
-    vector = active.dereference()
+    vector = active.dereference()['sinks_']
     # A vector of unique_ptr, each of which is one pointer.
     one = vector.type.unqualified().strip_typedefs().template_argument(0).template_argument(0)
     ends = vector['_M_impl']

@@ -112,6 +112,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   // Without time there is no waiting: what is queued goes at once. The worker cannot wait for itself.
   const bool waits = timeout_ms != 0 && !run->IsWorker();
   if (waits) {
+    oxEventSinkTryFlush();  // A service manager may kill the process while it waits for the event in delivery.
     result = run->queue.Flush(timeout_ms);
   } else if (run->queue.HasPending()) {
     result = OXEVENT_FAILURE;
@@ -122,7 +123,10 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     result = oxEventSinkFlush(timeout_ms);
   }
   run->queue.RequestStop();
-  if (!run->IsWorker()) run->JoinWorker();
+  if (!run->IsWorker()) {
+    oxEventSinkTryFlush();
+    run->JoinWorker();
+  }
   if (!run->IsWorker()) {
     run->queue.Reset();
     run->state.Reset();
@@ -189,6 +193,7 @@ void oxEventRouter::Close() {
   // All are ended before any is waited for: a callback in one may be waiting for the events of another.
   if (last != nullptr) End(*last);
   for (const SharedRun& run : runs) End(*run);
+  oxEventSinkTryFlush();
   if (last != nullptr) Join(&last);
   for (SharedRun& run : runs) Join(&run);
 }

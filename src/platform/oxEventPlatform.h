@@ -68,9 +68,16 @@ class oxEventAppendFile {
   // Creates the file when it is missing. Never waits, a pipe without a reader included.
   bool Open(const std::string& path);
   bool IsOpen() const { return fd_ >= 0; }
+  // kNoWait: a pipe without room ends the write at once.
+  enum Wait { kWait, kNoWait };
   // Returns the number of bytes written: fewer than `size` when it breaks off. Raises no signal. Until StartWaiting, a
   // pipe without room for a second ends it.
-  size_t Write(const char* bytes, size_t size);
+  size_t Write(const char* bytes, size_t size, Wait wait = kWait);
+  // Why the last write broke off.
+  bool IsOutOfSpace() const;
+  bool IsFullPipe() const;
+  // Of a regular file.
+  bool HasContent() const;
   // From now on a write waits for the reader of a pipe, however long.
   void StartWaiting();
   // Cuts off the last bytes written. Does nothing where somebody else has written behind or perhaps among them, nor to
@@ -80,6 +87,7 @@ class oxEventAppendFile {
  private:
   int fd_ = -1;
   size_t last_write_ = 0;  // Bytes that went into the file in one piece.
+  int error_ = 0;          // errno of a write that broke off.
 };
 
 // False when it cannot be opened for reading, or holds nothing.

@@ -17,7 +17,7 @@ namespace {
 constexpr mode_t kDirectoryMode = 0775;
 constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes that oxOSMakeDir is given, the terminating zero included.
 constexpr mode_t kFileMode = 0666;           // Less the umask.
-constexpr auto kPipePatience = std::chrono::seconds(1);
+constexpr auto kPipeTimeout = std::chrono::seconds(1);
 constexpr char kSeparators[] = "/\\";
 
 bool IsDriveRoot(std::string_view path) { return path.size() == 3 && path[1] == ':'; }
@@ -60,7 +60,7 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
 
 // Signals of the host's do not cut the wait short.
 bool HasRoomSoon(int fd) {
-  const auto deadline = std::chrono::steady_clock::now() + kPipePatience;
+  const auto deadline = std::chrono::steady_clock::now() + kPipeTimeout;
   pollfd room = {fd, POLLOUT, 0};
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -96,19 +96,31 @@ bool oxEventAppendFile::Open(const std::string& path) {
 
 void oxEventAppendFile::StartWaiting() { fcntl(fd_, F_SETFL, O_APPEND); }
 
-size_t oxEventAppendFile::Write(const char* bytes, size_t size) {
+size_t oxEventAppendFile::Write(const char* bytes, size_t size, Wait wait) {
   if (size == 0) return 0;
   const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
   const oxEventCancelBlock cancel_block;  // Or the bytes might be written and count as not written.
+  if (wait == kNoWait) fcntl(fd_, F_SETFL, O_APPEND | O_NONBLOCK);
   size_t done = 0;
   while (done != size) {
     const ssize_t written = write(fd_, bytes + done, size - done);
-    if (written < 0 && (errno == EINTR || (errno == EAGAIN && HasRoomSoon(fd_)))) continue;
+    error_ = written < 0 ? errno : 0;
+    if (error_ == EINTR || (error_ == EAGAIN && wait == kWait && HasRoomSoon(fd_))) continue;
     if (written <= 0) break;
     last_write_ = static_cast<size_t>(written);
     done += last_write_;
   }
+  if (wait == kNoWait) StartWaiting();
   return done;
+}
+
+bool oxEventAppendFile::IsOutOfSpace() const { return error_ == ENOSPC || error_ == EDQUOT; }
+
+bool oxEventAppendFile::IsFullPipe() const { return error_ == EAGAIN; }
+
+bool oxEventAppendFile::HasContent() const {
+  struct stat status;
+  return fstat(fd_, &status) == 0 && status.st_size > 0;
 }
 
 void oxEventAppendFile::TakeBack(size_t size) {

@@ -1,7 +1,12 @@
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <iterator>
@@ -83,6 +88,35 @@ void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view i
   if (!event.details_json.empty()) AppendItem(" details_json=", event.details_json, line);
 }
 
+// The largest datagram that a socket of the C library's sends to the log; SIZE_MAX: the log takes a stream, or the
+// limit cannot be known.
+size_t MaxDatagram() {
+  constexpr int kKernelOverhead = 32;  // Linux refuses more than SO_SNDBUF less this on a Unix datagram socket.
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return SIZE_MAX;
+  int send_buffer = 0;
+  socklen_t size = sizeof(send_buffer);
+  const bool known = getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, &size) == 0 && send_buffer > kKernelOverhead;
+  constexpr sockaddr_un kLog = {AF_UNIX, _PATH_LOG};
+  const auto* const address = reinterpret_cast<const sockaddr*>(&kLog);
+  const bool stream = connect(fd, address, sizeof(kLog)) != 0 && errno == EPROTOTYPE;
+  close(fd);
+  return known && !stream ? static_cast<size_t>(send_buffer - kKernelOverhead) : SIZE_MAX;
+}
+
+// Cuts a line that the log's socket would refuse, between two characters: syslog(3) would lose all of it silently.
+void CutToDatagram(std::string_view ident, std::string* line) {
+  constexpr size_t kAlwaysFits = 2048;  // Below the least send buffer that Linux can be set to.
+  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // Of syslog(3), at its longest.
+  const size_t header = kHeader + ident.size();
+  if (header + line->size() <= kAlwaysFits) return;
+  const size_t limit = MaxDatagram();
+  if (header + line->size() <= limit) return;
+  size_t end = limit - std::min(header, limit);
+  while (end != 0 && (static_cast<unsigned char>((*line)[end]) & 0xC0) == 0x80) --end;
+  line->resize(end);
+}
+
 }  // namespace
 
 uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, oxEventNativeLogHandle** handle,
@@ -117,6 +151,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   }
   if (warning_text != nullptr) warning_text->clear();
   FormatNativeMessage(event, handle->ident, &handle->line);
+  CutToDatagram(handle->ident, &handle->line);
   while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
   if (!g_system_log->usable) return oxEventSetErrorText(oxEventErrors::kSinkFailed, warning_text);

@@ -15,11 +15,12 @@
 
 namespace {
 
-constexpr char kHeader[] =
+constexpr std::string_view kHeader =
     "version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,source_name,dedupe_key,correlation_id,"
     "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json\n";
 
 constexpr size_t kBufferSize = 64 * 1024;
+constexpr uint32_t kTryFlushTimeoutMs = 100;  // For the worker to write a row. If it takes longer, its write hangs.
 
 // Bytes of the whole rows that the text begins with. A line feed within quotes ends no row.
 size_t WholeRows(std::string_view text) {
@@ -34,7 +35,8 @@ size_t WholeRows(std::string_view text) {
 
 // Appends one line per event to a comma-separated file (RFC 4180, with single line feeds). Buffers whole rows and
 // writes nothing but whole rows; of a write that breaks off, the torn row is taken back, so that a later sink's first
-// row begins on a line of its own. Once a write has failed, nothing more is written.
+// row begins on a line of its own. Once a write has failed, nothing more is written. A full disk fails no open: the
+// header then waits for the first row.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
@@ -60,19 +62,29 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  // The time-out is for a write of the worker's that waits, for the reader of a pipe say; the own write takes its time.
-  uint32_t Flush(uint32_t timeout_ms, std::string* error) override { return WriteOut(timeout_ms, true, error); }
-  uint32_t WriteOut(uint32_t timeout_ms, std::string* error) override { return WriteOut(timeout_ms, false, error); }
+  // The timeout is for another thread's write that hangs, to a pipe that nobody reads say; the own write takes its
+  // time.
+  uint32_t Flush(uint32_t timeout_ms, std::string* error) override { return Write(timeout_ms, true, nullptr, error); }
+  uint32_t Drain(uint32_t timeout_ms, bool* busy, std::string* error) override {
+    return Write(timeout_ms, false, busy, error);
+  }
+
+  void TryFlush() override OX_EXCLUDES(mutex_) {
+    if (!mutex_.TryLockFor(kTryFlushTimeoutMs)) return;
+    oxEventLock lock(mutex_, std::adopt_lock);
+    WriteBufferLocked(oxEventAppendFile::kNoWait);
+  }
 
  private:
-  uint32_t WriteOut(uint32_t timeout_ms, bool tell_again, std::string* error) OX_EXCLUDES(mutex_) {
+  uint32_t Write(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
     } else if (!mutex_.TryLockFor(timeout_ms)) {
+      if (busy != nullptr) *busy = true;
       return Fail(oxEventErrors::kCsvBusy, error);
     }
     oxEventLock lock(mutex_, std::adopt_lock);
-    if (WriteBufferLocked() || (std::exchange(told_, true) && !tell_again)) return OXEVENT_OK;
+    if (WriteBufferLocked() || (std::exchange(failure_reported_, true) && !report_again)) return OXEVENT_OK;
     return Fail(oxEventErrors::kCsvFileFlush, error);
   }
 
@@ -87,14 +99,22 @@ class oxEventCsvSink : public oxEventSink {
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
     if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
     // Written at once: a sink that a reload opens on the same file must find it non-empty.
-    if (needs_header && !WriteRowsLocked(kHeader)) return Fail(oxEventErrors::kCsvHeader, error);
+    if (needs_header && WriteRowsLocked(kHeader) != kHeader.size()) {
+      if (!file_.IsOutOfSpace()) return Fail(oxEventErrors::kCsvHeader, error);
+      // The other sinks have to carry the alarm about the disk.
+      failed_ = false;
+      header_pending_ = true;
+    }
     file_.StartWaiting();
     return OXEVENT_OK;
   }
 
   // The buffer ends on a whole row before and after, also when memory runs out.
   bool AppendRowLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
-    if (failed_) return false;
+    if (failed_) {
+      failure_reported_ = false;  // This row is lost, too.
+      return false;
+    }
     ReserveLocked(used_ + oxEventText::CsvRowCapacity(event));
     char* const begin = buffer_.get();
     used_ = static_cast<size_t>(oxEventText::WriteCsvRow(event, begin + used_, &utc_cache_) - begin);
@@ -111,23 +131,29 @@ class oxEventCsvSink : public oxEventSink {
     capacity_ = capacity;
   }
 
-  bool WriteBufferLocked() OX_REQUIRES(mutex_) {
-    WriteRowsLocked({buffer_.get(), used_});
-    used_ = 0;
-    if (capacity_ > 4 * kBufferSize) {  // A row of uncommon length was in it.
+  bool WriteBufferLocked(oxEventAppendFile::Wait wait = oxEventAppendFile::kWait) OX_REQUIRES(mutex_) {
+    // Another process, or a sink that a reload opened, may have written a header meanwhile.
+    if (used_ != 0 && std::exchange(header_pending_, false) && !file_.HasContent()) WriteRowsLocked(kHeader);
+    const size_t written = WriteRowsLocked({buffer_.get(), used_}, wait);
+    std::copy(buffer_.get() + written, buffer_.get() + used_, buffer_.get());
+    used_ = failed_ ? 0 : used_ - written;
+    if (used_ == 0 && capacity_ > 4 * kBufferSize) {  // A row of uncommon length was in it.
       buffer_.reset();
       capacity_ = 0;
     }
     return !failed_;
   }
 
-  // The file ends on a whole row before and after, whatever fails.
-  bool WriteRowsLocked(std::string_view rows) OX_REQUIRES(mutex_) {
-    if (failed_) return false;
-    const size_t written = file_.Write(rows.data(), rows.size());
-    failed_ = written != rows.size();
-    if (failed_) file_.TakeBack(written - WholeRows(rows.substr(0, written)));
-    return !failed_;
+  // Returns the bytes written: all of them, or fewer if the write failed or, with kNoWait, if a pipe is full. The file
+  // ends on a whole row before and after, whatever fails; a pipe need not.
+  size_t WriteRowsLocked(std::string_view rows, oxEventAppendFile::Wait wait = oxEventAppendFile::kWait)
+      OX_REQUIRES(mutex_) {
+    if (failed_) return 0;
+    const size_t written = file_.Write(rows.data(), rows.size(), wait);
+    if (written == rows.size() || (wait == oxEventAppendFile::kNoWait && file_.IsFullPipe())) return written;
+    failed_ = true;
+    file_.TakeBack(written - WholeRows(rows.substr(0, written)));
+    return written;
   }
 
   oxEventMutex mutex_;
@@ -135,12 +161,13 @@ class oxEventCsvSink : public oxEventSink {
   const bool flush_each_event_;
   const uint32_t minimum_severity_;
   oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
-  std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Whole rows that are not in the file yet.
+  bool header_pending_ OX_GUARDED_BY(mutex_) = false;     // The disk was full.
+  std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Rows that are not in the file yet.
   size_t used_ OX_GUARDED_BY(mutex_) = 0;                 // Bytes of it.
   size_t capacity_ OX_GUARDED_BY(mutex_) = 0;
   oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
   bool failed_ OX_GUARDED_BY(mutex_) = false;
-  bool told_ OX_GUARDED_BY(mutex_) = false;  // Of that, by a call whose failure the host learns of.
+  bool failure_reported_ OX_GUARDED_BY(mutex_) = false;  // By a Flush or a Drain, after the last row that was lost.
 };
 
 }  // namespace

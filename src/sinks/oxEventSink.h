@@ -23,8 +23,12 @@ class oxEventSink {
   // Writes out what is buffered.
   virtual uint32_t Flush(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 
-  // The same for a sink that is no longer active. A failure that it has told of before is none.
-  virtual uint32_t WriteOut(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
+  // Writes out what can be written without waiting. The next Flush or Drain reports a failure.
+  virtual void TryFlush() {}
+
+  // Flush for a sink that is no longer active. Fails if rows were lost that no Flush and no Drain has reported, or,
+  // with *busy set, if another thread was writing for the whole time.
+  virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
 };
 
 // For the receiver of a sink of this kind. Takes as long as a name server does.

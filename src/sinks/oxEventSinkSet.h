@@ -10,15 +10,15 @@
 #include "oxEvent.h"
 
 // The process's one set of active sinks: those that the settings enable, in their order, and last the host's callbacks.
-// Any thread. No lock is held while a sink is called: a delivery goes on with the set that it began with, and a sink is
-// destroyed when the last such delivery is done.
+// Any thread. No lock is held while a sink is called: a delivery goes on with the sinks that it began with, and a sink
+// is destroyed when the last such delivery is done.
 
 // Looks up the host of each enabled syslog and SNMP sink, so that building the sinks needs no name server. Failures are
 // kept for the sinks' factories. Takes as long as the name servers do; no lock is held.
 void oxEventSinkLookUpHosts(oxEventConfig* config);
 
-// Build the sinks and put them in the place of those before, whose buffered rows are then written out. On failure the
-// factory's code and message (oxEventSinkGetLastError, and the thread's last error), and the sinks before stay.
+// Build the sinks, replace those before and write their buffered rows, waiting at most 1 s for a busy one. On failure
+// the factory's code and message (oxEventSinkGetLastError, and the thread's last error), and the sinks before stay.
 uint32_t oxEventSinkInitialize(const oxEventConfig& config);
 uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 
@@ -26,9 +26,13 @@ uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 // `failed_sinks` and `warnings` receive counts and may be null.
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
-// Each sink gets the whole time. OXEVENT_FAILURE when one failed, or when one that a reload replaced could not write
-// its last rows; the others are flushed all the same.
+// Each sink gets the whole time. OXEVENT_FAILURE when one failed, when one that a reload replaced is still busy with
+// its last rows, or once when it lost rows and no flush has reported that; the others are flushed all the same.
 uint32_t oxEventSinkFlush(uint32_t timeout_ms);
+
+// Writes buffered rows before a wait that the process may not survive, as far as that needs no waiting itself. The next
+// flush reports a failure.
+void oxEventSinkTryFlush();
 
 // Releases every sink and forgets the callbacks. Always 0.
 uint32_t oxEventSinkShutdown();

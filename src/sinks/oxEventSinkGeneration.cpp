@@ -1,0 +1,126 @@
+#include "sinks/oxEventSinkGeneration.h"
+
+#include <cxxabi.h>
+
+#include <exception>
+
+#include "base/oxEventErrorText.h"
+#include "base/oxEventForkCount.h"
+#include "base/oxEventTrace.h"
+
+namespace {
+
+// Calls a method of a sink; *error gets the reason of a failure, if the sink gives one. A sink that throws has failed.
+// An unwinding thread cannot be held up.
+template <class Call>
+bool CallSink(Call call, std::string* error) {
+  try {
+    if (call(error) == OXEVENT_OK) return true;
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (const std::exception& exception) {
+    oxEventSetErrorText(oxEventErrors::kSinkThrew, {exception.what()}, error);
+  } catch (...) {
+    oxEventSetErrorText(oxEventErrors::kSinkThrewUnknown, error);
+  }
+  return false;
+}
+
+}  // namespace
+
+void oxEventActiveSink::NoteFailure(std::string error) {
+  oxEventTraceSinkFailure(section_, name_.c_str(), error.c_str());
+  oxEventLock lock(mutex_);
+  ++failures_;
+  last_error_.swap(error);
+}
+
+oxEventSinkStatus oxEventActiveSink::Status() {
+  oxEventLock lock(mutex_);
+  return {section_, name_, failures_, last_error_};
+}
+
+void oxEventSinkGeneration::Replace(std::shared_ptr<oxEventSinkGeneration> predecessor) {
+  if (predecessor == nullptr) return;
+  predecessor->Retire();
+  oxEventLock lock(mutex_);
+  predecessor_ = std::move(predecessor);
+  has_predecessor_ = true;
+}
+
+uint32_t oxEventSinkGeneration::Deliver(const oxEventNormalizedEvent& event, uint64_t* failed_sinks,
+                                        uint64_t* warnings) {
+  DrainPredecessor(0);
+  const unsigned forks = g_oxEventForkCount;
+  uint32_t result = OXEVENT_OK;
+  for (const auto& sink : sinks_) {
+    uint64_t sink_warnings = 0;
+    std::string error;
+    const bool delivered =
+        CallSink([&](auto* text) { return sink->Get().Submit(event, &sink_warnings, text); }, &error);
+    if (warnings != nullptr) *warnings += sink_warnings;
+    if (delivered || g_oxEventForkCount != forks) continue;
+    sink->NoteFailure(std::move(error));
+    if (failed_sinks != nullptr) ++*failed_sinks;
+    result = OXEVENT_FAILURE;
+  }
+  // Whoever retired this generation may have drained it before this event's rows came. In a child the rows are the
+  // parent's.
+  if (retired_ && g_oxEventForkCount == forks) Drain(0);
+  return result;
+}
+
+bool oxEventSinkGeneration::Flush(uint32_t timeout_ms) {
+  bool flushed = DrainPredecessor(timeout_ms);
+  for (const auto& sink : sinks_) {
+    std::string error;
+    if (CallSink([&](auto* text) { return sink->Get().Flush(timeout_ms, text); }, &error)) continue;
+    sink->NoteFailure(std::move(error));
+    flushed = false;
+  }
+  return flushed;
+}
+
+void oxEventSinkGeneration::TryFlush() {
+  if (const auto predecessor = Predecessor(); predecessor != nullptr) predecessor->TryFlush();
+  for (const auto& sink : sinks_) sink->Get().TryFlush();
+}
+
+bool oxEventSinkGeneration::Drain(uint32_t timeout_ms) {
+  if (!DrainPredecessor(timeout_ms)) return false;
+  bool drained = true;
+  for (const auto& sink : sinks_) {
+    bool busy = false;
+    std::string error;
+    if (CallSink([&](auto* text) { return sink->Get().Drain(timeout_ms, &busy, text); }, &error)) continue;
+    sink->NoteFailure(std::move(error));
+    if (busy) {
+      drained = false;
+    } else {
+      *drain_failed_ = true;
+    }
+  }
+  return drained;
+}
+
+bool oxEventSinkGeneration::DrainPredecessor(uint32_t timeout_ms) {
+  const auto predecessor = Predecessor();
+  if (predecessor == nullptr) return true;
+  if (!predecessor->Drain(timeout_ms)) return false;
+  oxEventLock lock(mutex_);
+  predecessor_.reset();  // Closes no file under the lock: `predecessor` is the last owner.
+  has_predecessor_ = false;
+  return true;
+}
+
+std::shared_ptr<oxEventSinkGeneration> oxEventSinkGeneration::Predecessor() {
+  if (!has_predecessor_) return nullptr;
+  oxEventLock lock(mutex_);
+  return predecessor_;
+}
+
+std::vector<oxEventSinkStatus> oxEventSinkGeneration::Report() const {
+  std::vector<oxEventSinkStatus> report;
+  for (const auto& sink : sinks_) report.push_back(sink->Status());
+  return report;
+}
