@@ -1,5 +1,6 @@
 """What oxevent-send makes of command lines and JSON lines, and what it says became of them."""
-import csv, json, os, re, signal, socket, subprocess, sys, tempfile, unittest
+import csv, io, json, os, re, resource, signal, socket, subprocess, sys, tempfile, threading, unittest
+from pathlib import Path
 
 sys.path.append(sys.path[0] + "/../scripts")
 import receivers
@@ -13,37 +14,70 @@ OPTIONS = [word for name, value in ALL.items() if name != "message" for word in
 DOCUMENT = ALL | {"version": 65536, "severity_value": 3, "severity_code": 3}  # As the webhook sink sends it.
 REFUSED = {  # A line, and what is said of it.
     '{"message": "m", "sevrity": 1}': "18: sevrity: is no field of an event; did you mean severity?",
-    '{"message": "m", "\\u001b[2J\\u009b2Jé": 1}': "18: \\x1b[2J\\xc2\\x9b2Jé: is no field of an event",
-    '{"message": "m", "message": "n"}': "18: message: is there twice",
-    '{"message": 5}': "13: message: must be a text",
-    '{"message": "\\u0000"}': "13: message: holds a NUL",
+    '{"message": "m", "\\u001b\\u009b\\u007f\\n\\r\\té": 1}': "18: \\x1b\\xc2\\x9b\\x7f\\n\\r\\té: is no field of an event",
+    '{"message": "m", "message": "n"}': "18: message: is there twice", '{"message": 5}': "13: message: must be a text",
     '{"message": "m", "event_id": 18446744073709551616}': "30: event_id: '18446744073709551616' is not a whole number from 0",
-    '{"message": "m", "pts": 1.5}': "25: pts: '1.5' is not a whole number",
-    '{"message": "m", "value": "1"}': "27: value: must be a number",
-    '{"message": "m", "severity": "loud"}': "30: severity: 'loud' is none of",
-    '{"severity": 2, "severity_code": 3, "message": "m"}': "34: severity_code: contradicts",
-    '{"message": "m", "version": 2}': "29: version: must be 65536",
-    '{"message": "m", "utc_ns": "2026-02-29T00:00:00Z"}': "28: utc_ns: '2026-02-29T00:00:00Z' is neither",
-    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event is an object", '{"message": "m" "n"}': "17: no JSON",
-    '{"message": "m"}\0': "17: no JSON: a NUL", "[" * 10**6: "1: an event is an object"}
+    '{"message": "\\u0000"}': "13: message: holds a NUL", '{"message": "m", "value": "1"}': "27: value: must be a number",
+    '{"message": "m", "pts": 1.5}': "25: pts: '1.5' is no", '{"message": "m", "severity": "loud"}': "30: severity: 'loud' is none",
+    '{"severity": 2, "severity_code": 3, "message": "m"}': "34: severity_code: contradicts", "5": "1: an event is an object",
+    '{"message": "m", "version": 2}': "29: version: must be 65536", '{"message": ""}': "1: message: is empty",
+    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event is an object", '{"message": "m"}\0': "17: no JSON: a NUL",
+    '{"message": {}}': "13: message: must not be an", '{"message": "m", "details_json": 1}': "34: details_json: must be a text, an",
+    '{"message": "m", "severity_value": "x"}': "36: severity_value: must be a number", '{"message": "m" "n"}': "17: no JSON",
+    '{"message": "m", "utc_ns": true}': "28: utc_ns: must be a number or a text", "[" * 10**6: "1: an event is an object",
+    '{"message": "m", "version": "65536"}': "29: version: must be 65536", '{"' + "x" * 600 + '": 1}': "2: " + "x" * 500 + "\n"}
 USAGE = (  # Arguments behind the settings file, and what is said of them.
-    ("m --severty 1", "--severty: no such option; did you mean --severity"), ("m --pts", "--pts: its value is missing"),
-    ("m --quiet=1", "--quiet: takes no value"), ("m --pts 9223372036854775808", "--pts: '9223372036854775808' is not"),
-    ("m n", "'n' is one argument too many"), ("- --count 2", "--count: not with"), ("", "MESSAGE is missing"),
-    ("m --utc 2026-13-01T00:00:00Z", "--utc: '2026-13-01"), ("m --rate 0", "--rate: '0' is not a number from"))
+    ("m --severty 1", "--severty: no such option; did you mean --severity?"), ("m -x", "-x: no such option"),
+    ("m --rqtx 1", "--rqtx: no such option; did you mean --rate?"), ("m --rqxy=1", "--rqxy: no such option"),
+    ("m --source x", "--source: several options begin so"), ("m --pts", "--pts: its value is missing"),
+    ("m --quiet=1", "--quiet: takes no value"), ("- --count 2", "--count: not with events from standard input"),
+    ("m n", "'n' is one argument too many: SETTINGS is 'settings.xml', MESSAGE is 'm'"),
+    ("", "MESSAGE is missing; see oxevent-send --help"), ("m --value nan", "--value: 'nan' is not a number"),
+    ("m --severity 4", "--severity: '4' is none of debug, info, warning, error, 0 to 3"),
+    ("m --count 0", "--count: '0' is not a whole number from 1 to 18446744073709551615"),
+    ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"),
+    ("m --rate 1000001", "--rate: '1000001' is not a number from 0.001 to 1e+06"))
+TIMES = {  # Nanoseconds since 1970. With the leap second that RFC 3339 shows.
+    "1": 1, "18446744073709551615": 2**64 - 1, "1970-01-01T00:00:00.000000001Z": 1, "1970-01-02 23:59:01+23:59": 86401 * 10**9,
+    "1969-12-31T00:01:02-23:59": 2 * 10**9, "2024-02-29t23:59:59.5z": 1709251199500000000,
+    "1990-12-31T15:59:60-08:00": 662688000 * 10**9, "2554-07-21T23:34:32.999999999Z": 18446744072999999999}
+NO_TIMES = (
+    "", "-1", "18446744073709551616", "2026-03-01T12:00:00", "2026-03-01T12:00Z", "2026-03-01T12:00:00Zx", "2026-3-01T12:00:00Z",
+    "1969-12-31T23:59:59Z", "2554-07-21T23:34:33Z", "2026-00-01T00:00:00Z", "2026-02-29T00:00:00Z", "2026-03/01T00:00:00Z",
+    "2026-03-01T24:00:00Z", "2026-03-01T12.00:00Z", "2026-03-01T23:60:00Z", "2026-03-01T23:59:61Z", "2026-03-01T12:00:60Z",
+    "2026-03-01T12:00:00.Z", "2026-03-01T12:00:00.0000000001Z", "2026-03-01T12:00:00+24:00", "2026-03-01T12:00:00-0100")
+CSV, WEBHOOK, OFF = "sink\\csv\\default", "sink\\webhook\\http\\w", {"enabled": 0}
 
 
 class Test(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
         self.addCleanup(self.folder.cleanup)
+        for number in signal.SIGHUP, signal.SIGINT:  # Ignored by what runs in the background, and inherited.
+            signal.signal(number, signal.SIG_DFL)
 
-    def start(self, arguments, sections={}):
-        file, off = self.folder.name + "/settings.xml", {"enabled": 0}
-        receivers.write_settings(file, {"sink\\native\\main": off, "sink\\csv\\default": {
-            "enabled": 1, "path": self.folder.name + "/events.csv", "flush_each_event": 1}} | sections)
-        return subprocess.Popen([os.environ["OXEVENT_SEND"], file, *arguments], stdin=subprocess.PIPE,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8")
+    def call(self, *arguments):
+        command = [os.environ["OXEVENT_SEND"], *arguments]
+        return subprocess.run(command, cwd=self.folder.name, capture_output=True, encoding="utf-8")
+
+    def webhook(self, *answers):  # A sink whose server gives these answers, then none.
+        server = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(server.close)
+        def serve():
+            for status in answers:
+                with server.accept()[0] as connection:
+                    while not connection.recv(65536).endswith(b"}"):
+                        pass
+                    connection.sendall(b"HTTP/1.1 %d Answer\r\nConnection: close\r\nContent-Length: 0\r\n\r\n" % status)
+        threading.Thread(target=serve, daemon=True).start()
+        return {"enabled": 1, "endpoint_url": "http://127.0.0.1:%d/" % server.getsockname()[1], "request_timeout_ms": 600000}
+
+    def start(self, arguments, sections={}, **streams):
+        sections = {"sink\\native\\main": OFF, CSV: {"enabled": 1, "path": "events.csv", "flush_each_event": 1}} | sections
+        receivers.write_settings(self.folder.name + "/settings.xml", sections)
+        pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
+        return subprocess.Popen([os.environ["OXEVENT_SEND"], "settings.xml", *arguments], cwd=self.folder.name,
+                                encoding="utf-8", **pipes | streams)
 
     def send(self, status, arguments, lines=(), sections={}):  # Gives stdout, stderr, and the rows that are new.
         before = len(self.rows())
@@ -53,11 +87,8 @@ class Test(unittest.TestCase):
         return out, error, self.rows()[before:]
 
     def rows(self):
-        path = self.folder.name + "/events.csv"
-        if not os.path.exists(path):
-            return []
-        with open(path, newline="", encoding="utf-8") as file:
-            return [*csv.DictReader(file)]
+        path = Path(self.folder.name, "events.csv")
+        return [*csv.DictReader(io.StringIO(path.read_text("utf-8"), newline=""))] if path.exists() else []
 
     def test_every_field_survives(self):
         object = json.dumps(DOCUMENT | {"details_json": 0}).replace('"details_json": 0', '"details_json": ' + ALL["details_json"])
@@ -65,59 +96,138 @@ class Test(unittest.TestCase):
             row = self.send(0, arguments, lines)[2][0]
             numbers = {name: type(value)(row[name]) for name, value in ALL.items() if type(value) is not str}
             self.assertEqual({name: row[name] for name in ALL} | numbers, ALL)
-        for time, ns in ("1970-01-01T01:00:00.000000007+01:00", 7), ("2024-02-29t23:59:60.5z", 1709251200500000000):
-            self.assertEqual(self.send(0, ["m", "--utc", time])[2][0]["utc_ns"], str(ns))
         row = self.send(0, ["default", "--source-id", "s"], ['{"units": null}'])[2]  # Standard input is not read.
         self.assertEqual([(r["message"], r["source_id"], r["severity"]) for r in row], [("default", "s", "info")])
+
+    def test_times_are_those_of_rfc_3339_and_of_64_bits(self):
+        lines = [json.dumps({"message": "m", "utc_ns": time}) for time in [*TIMES, *NO_TIMES]]
+        out, error, rows = self.send(1, ["-"], lines)
+        self.assertEqual([int(row["utc_ns"]) for row in rows], [*TIMES.values()])
+        refused = re.findall(r"^oxevent-send: line \d+, column 28: utc_ns: '(.*)' is n", error, re.M)
+        self.assertEqual(refused, [*NO_TIMES])
 
     def test_what_is_refused_is_named_and_the_rest_goes_out(self):
         out, error, rows = self.send(1, ["-", "--source-id", "s"], [*REFUSED, " ", '{"message":"last","source_id":"t"}'])
         for number, (said, line) in enumerate(zip(REFUSED.values(), error.splitlines(), strict=False), 1):
-            self.assertIn(f"line {number}, column {said}", line)
-        self.assertIn(f"refused: {len(REFUSED)}", error)
+            self.assertIn(f"line {number}, column {said}", line + "\n")
+        self.assertIn(f"refused: {len(REFUSED)}\n", error)
         self.assertEqual([(row["message"], row["source_id"]) for row in rows], [("last", "t")])
-        command = ["sh", "-c", '"$0" "$@" >&- 2>&-', os.environ["OXEVENT_SEND"], self.folder.name + "/settings.xml", "-"]
-        subprocess.run(command, input=b'{"mesage": 1}\n{"message": "unmixed"}')
-        self.assertEqual([row["message"] for row in self.rows()], ["last", "unmixed"])
+
+    def test_a_command_line_that_cannot_be_followed_is_explained_in_one_line(self):
         for arguments, said in USAGE:
-            self.assertIn(said, self.send(2, arguments.split())[1])
-        self.assertIn("Invalid drop_policy", self.send(2, ["m"], (), {"core": {"drop_policy": "x"}})[1])
+            with self.subTest(arguments):
+                self.assertEqual(self.send(2, arguments.split())[:2], ("", f"oxevent-send: {said}\n"))
+        self.assertEqual(self.call().stderr, "oxevent-send: SETTINGS is missing; see oxevent-send --help\n")
+        self.assertEqual(self.call("settings.xml", "").stderr, "oxevent-send: MESSAGE is empty\n")
+
+    def test_settings_that_do_not_start_the_library_are_explained(self):
+        self.assertRegex(self.send(2, ["m"], (), {"core": {"drop_policy": "x"}})[1], "^oxevent-send: Invalid .*\n    Set it to")
+        self.assertRegex(self.call("none.xml", "m").stderr, "^oxevent-send: Unable .*\n    There is no such file;")
+        self.assertRegex(self.call(256 * "x", "m").stderr, "^oxevent-send: Unable .*\n    Look with namei")
+
+    def test_help_and_version_go_to_standard_output(self):
+        self.assertRegex(self.send(0, ["--version"])[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
+        shown = self.send(0, ["--help"])[0]
+        self.assertRegex(shown, "(?s)^Usage: .*\n\nFields of the event:\n  --severity NAME[|]NUMBER    debug, .*\n\nReporting:\n"
+                         "  --json                    read .* 60,\n {28}0: never\\)\n.*\nExit status:\n  0 .*\n  2 .*\n$")
+
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        with open("/dev/full", "w") as full:
+            for arguments, status in (["--help"], 1), (["m"], 1), (["m", "--quiet"], 0):
+                process = self.start(arguments, stdout=full)
+                said = status * "oxevent-send: standard output: No space left on device\n"
+                self.assertEqual((process.communicate()[1], process.returncode), (said, status))
 
     def test_nothing_is_lost_to_a_full_queue(self):
-        lines = [f'{{"message": "{i}"}}' for i in range(5000)]
-        out, error, rows = self.send(0, ["-"], lines, {"core": {"queue_size": 16}})
-        self.assertEqual([row["message"] for row in rows], [str(i) for i in range(5000)])
-        self.assertRegex(out, r"emitted: 5000\nsink\\csv\\default: 5000 written to /.*/events.csv")
+        messages = [f"{i:0300}" for i in range(500)]  # More than is read at once.
+        lines = [json.dumps({"message": message}) for message in messages]
+        out, error, rows = self.send(0, ["-"], lines, {"core": {"queue_size": 1}})
+        self.assertEqual([row["message"] for row in rows], messages)
+        self.assertEqual((out.splitlines()[:2], error), (["submitted: 500", "emitted: 500"], ""))
 
-    def test_what_did_not_go_out_is_told(self):
-        with socket.create_server(("127.0.0.1", 0)) as server:
-            hook = lambda port: {"sink\\webhook\\http\\w": {"enabled": 1, "endpoint_url": f"http://127.0.0.1:{port}/",
-                                                            "request_timeout_ms": 600000}}
-            stuck = {"core": {"queue_size": 1}} | hook(server.getsockname()[1])  # It never answers.
-            _, error, _ = self.send(1, "m --count 5 --rate 1000000 --wait 1".split(), (), stuck)
-            self.assertRegex(error, r"dropped: [34], the queue was full (?s:.*)given up: [12] still waiting")
-        closed = hook(receivers.free_port(socket.SOCK_STREAM))
-        out, error, rows = self.send(1, "m --count 2 --action raise --quiet".split(), (), closed)
-        self.assertRegex(error, r"dropped: 1, suppressed (?s:.*)sink\\webhook\\http\\w: 1 of 1 failed: .*POST failed.*\n +Try curl")
-        self.assertEqual((out, len(rows)), ("", 1))
-        error = self.send(1, ["m"], (), {"sink\\csv\\default": {"enabled": 1, "path": self.folder.name + "/x.csv", "minimum_severity": "error"}})[1]
-        self.assertIn("went nowhere: 1", error)
-        self.assertIn("dropped: 1, below core\\minimum_severity", self.send(1, "m --severity 0".split())[1])
-        held = {"state": {"send_clear": 0}, "sink\\syslog\\udp\\u": {"enabled": 1, "host": ""}}
-        lines = ['{"message": "m", "action": "raise"}', '{"message": "m", "action": "clear"}']
-        out, error, _ = self.send(1, ["-"], lines, held)
-        self.assertRegex(out + error, r"udp\\u: 1 sent to 127\.0\.0\.1 port 5140 (?s:.*)send_clear is off")
+    def test_the_report_says_what_each_sink_did(self):
+        on = {"enabled": 1, "minimum_severity": "warning"}
+        cloud = self.webhook(200, 200) | on
+        sinks = {"core": {"minimum_severity": "debug"}, CSV: on | {"path": "./events.csv"}, "sink\\cloudevents\\http\\c": cloud,
+                 "sink\\syslog\\udp\\u": on | {"host": "", "port": 0}, "sink\\snmp\\trap\\t": on | {"host": "localhost", "port": 0},
+                 "sink\\alertmanager\\main": on, WEBHOOK: self.webhook(500, 200) | on,
+                 "sink\\native\\main": {"enabled": 1, "minimum_severity": "error"}}
+        out, error, _ = self.send(1, ["-"], [f'{{"message": "m", "severity": {severity}}}' for severity in (0, 2, 2)], sinks)
+        udp = "by UDP, which does not tell whether they arrived"
+        self.assertEqual({*out.splitlines()}, {
+            "submitted: 3", "emitted: 3", f"{CSV}: 2 written to {self.folder.name}/events.csv",
+            f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}", f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}",
+            "sink\\cloudevents\\http\\c: 2 accepted by " + cloud["endpoint_url"],
+            "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",
+            "sink\\native\\main: 0, all are below its minimum_severity (error)"})
+        self.assertRegex(error, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n    Try curl.*\n"
+                         "oxevent-send: went nowhere: 1, below the minimum_severity of every enabled sink\n$")
+
+    def test_what_did_not_go_out_is_told_with_its_reason(self):
+        small = {"core": {"queue_size": 1}, WEBHOOK: self.webhook()}
+        displacing = small | {"core": {"queue_size": 1, "drop_policy": "drop_debug_info_first"}}
+        burst = "m --count 5 --rate 1000000 --wait 1"
+        for sections, arguments, said in (
+                ({"core": OFF}, "m", r"default: 0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
+                ({}, "m --severity debug", r"dropped: 1, below core\\minimum_severity \(info\)\n"),
+                ({"core": {"minimum_severity": "debug"}}, "m --severity 0", r"0, all are below (?s:.*)went nowhere: 1, below"),
+                (small, burst, r"dropped: [34], the queue was full \(core\\queue_size is 1\)\n(?s:.*)given up: [12] still"),
+                (displacing, burst, "dropped: [34], the queue was full, and a newer event took the place\n"),
+                ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed .* as a duplicate, or as the"),
+                ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or as the clear or"),
+                ({CSV: OFF}, "m --count 1", "emitted: 1\n.*no sink is enabled: the events went nowhere\n")):
+            with self.subTest(said):
+                self.assertRegex("".join(self.send(1, arguments.split(), (), sections)[:2]), said)
+
+    def test_a_file_that_cannot_be_written_has_failed(self):
+        process = self.start(["m" * 60000], preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000)))
+        out, error = process.communicate()
+        self.assertEqual((process.returncode, out), (1, "submitted: 1\nemitted: 1\n"))
+        self.assertRegex(error, r"^oxevent-send: sink\\csv\\default: failed: .*\n    .*\n$")
+
+    def test_progress_is_shown_on_a_terminal_until_the_report(self):
+        for arguments, shown in ("", "1 submitted, 0"), ("--count 2", "2 of 2 submitted, 0"), ("--quiet", None):
+            reader, terminal = os.openpty()
+            self.start(["m", "--wait", "3", *arguments.split()], {WEBHOOK: self.webhook()}, stderr=terminal).communicate()
+            said = os.read(reader, 65536).decode()
+            self.assertRegex(said, rf"^(\r{shown} emitted\x1b\[K)+\r\x1b\[Koxevent-send: g" if shown else "^oxevent-send: g")
+
+    def test_descriptors_that_are_closed_do_not_become_those_of_sinks(self):
+        error = self.start(["-"], preexec_fn=lambda: os.close(0)).communicate()[1]
+        self.assertEqual(error, "oxevent-send: line 1: read: Bad file descriptor\noxevent-send: refused: 1\n")
+        process = self.start(["-"], preexec_fn=lambda: os.closerange(1, 3))
+        process.communicate('{"mesage": 1}\n{"message": "unmixed"}')
+        self.assertEqual([row["message"] for row in self.rows()], ["unmixed"])
+
+    def test_lines_have_up_to_64_mib(self):
+        longest = '{"message": "m"'.ljust((64 << 20) - 1) + "}\n"
+        error = self.start(["-"]).communicate(longest + "x" * ((64 << 20) + 131072))[1]
+        self.assertEqual(error, "oxevent-send: line 2: it is longer than 64 MiB\noxevent-send: refused: 1\n")
 
     def test_a_signal_ends_it_with_what_was_reported(self):
-        process = self.start(["-"])
-        process.stdin.write('{"message": "1"}\n{"message": "2"}\n{"message": "torn')
-        process.stdin.flush()
-        receivers.await_("two rows", lambda: len(self.rows()) == 2)
+        nohup = lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)
+        for number, arguments, sections, before, said in (
+                (signal.SIGTERM, "-", {}, nohup, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
+                (signal.SIGHUP, "m --count 2 --rate 0.001", {}, None, "emitted: 1\n(?s:.*)stopped by SIGHUP\n$"),
+                (signal.SIGINT, "m --wait 1", {WEBHOOK: self.webhook()}, None, "stopped by SIGINT\n.*given up: 1 still waiting")):
+            with self.subTest(number.name):
+                rows = len(self.rows())
+                process = self.start(arguments.split(), sections, preexec_fn=before)
+                process.stdin.write('{"message": "m"}\n{"message": "torn')
+                process.stdin.flush()
+                receivers.await_("a row", lambda: len(self.rows()) > rows)
+                process.send_signal(number)
+                self.assertRegex("".join(process.communicate(timeout=60)), said)
+                self.assertEqual(process.returncode, -number)
+
+    def test_a_second_signal_ends_it_at_once(self):
+        process = self.start("m --wait 0".split(), {WEBHOOK: self.webhook()})
+        receivers.await_("the event", self.rows)
         process.send_signal(signal.SIGTERM)
-        out, error = process.communicate(timeout=60)
-        self.assertEqual((process.returncode, len(self.rows())), (-signal.SIGTERM, 2))
-        self.assertIn("emitted: 2", out)
-        self.assertIn("stopped by SIGTERM", error)
+        caught = lambda: int(re.search(r"SigCgt:\t(\w+)", Path(f"/proc/{process.pid}/status").read_text())[1], 16)
+        receivers.await_("the first signal", lambda: not caught() & 1 << signal.SIGTERM - 1)
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual((process.communicate(timeout=60), process.returncode), (("", ""), -signal.SIGTERM))
 
 
 if __name__ == "__main__":

@@ -38,11 +38,9 @@ void PrintHelp(const Tool& tool) {
     if (option.heading != nullptr) std::printf("\n%s:\n", option.heading);
     std::string left = std::string("  --") + option.name;
     if (option.argument != nullptr) left.append(" ").append(option.argument);
-    if (left.size() >= kColumn) left.append("\n");
     std::string help = option.help;
     for (size_t i = 0; (i = help.find('\n', i)) != help.npos;) help.insert(++i, kColumn, ' ');
-    const int width = left.back() == '\n' ? 0 : kColumn;
-    std::printf("%-*s%*s%s\n", width, left.c_str(), kColumn - width, "", help.c_str());
+    std::printf("%-*s %s\n", kColumn - 1, left.c_str(), help.c_str());
   }
   std::fputs(tool.notes, stdout);
 }

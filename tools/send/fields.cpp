@@ -35,6 +35,7 @@ constexpr Field kFields[] = {
     {"event_id", "event-id", "NUMBER", "0, the default: the next number from 1", &R::event_id}};
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
+constexpr int64_t kSecondsPerDay = 86'400;
 constexpr int64_t kMostSeconds = 18'446'744'073;  // Whose nanoseconds begin to outgrow 64 bits.
 
 // Takes a text apart from its front. What does not fit leaves `good` false.
@@ -90,7 +91,9 @@ uint64_t UtcFrom(std::string_view text) {
   if (zone == '+') time -= cursor.HoursAndMinutes();
   if (zone == '-') time += cursor.HoursAndMinutes();
   const int64_t seconds = time.time_since_epoch().count();
-  if (!cursor.good || !cursor.rest.empty() || !date.ok() || second > 60 || seconds < 0 || seconds >= kMostSeconds) {
+  // A leap second is the last one of a day in UTC.
+  const bool good_second = second < 60 || (second == 60 && seconds % kSecondsPerDay == 0);
+  if (!cursor.good || !cursor.rest.empty() || !date.ok() || !good_second || seconds < 0 || seconds >= kMostSeconds) {
     throw std::invalid_argument("'" + std::string(text) +
                                 "' is neither a time as 2026-03-01T12:00:00Z, from 1970 to 2554, nor nanoseconds");
   }

@@ -186,11 +186,8 @@ int Send(const Options& options) {
   const int stopped_by = StopSignal();
   if (stopped_by != 0) Complain(std::string("stopped by SIG") + sigabbrev_np(stopped_by));
   bool all_well = Report(config, outcome, options.quiet);
-  if (outcome.gave_up) {
-    std::fflush(stdout);
-    _exit(kFailed);  // A shutdown would wait for the sink that does not come back.
-  }
-  if (oxEventShutdown() != OXEVENT_OK && all_well) {
+  // After giving up, a shutdown would wait for the sink that does not come back.
+  if (!outcome.gave_up && oxEventShutdown() != OXEVENT_OK && all_well) {
     Complain(WithRemedy(LastError()));
     all_well = false;
   }
@@ -198,6 +195,10 @@ int Send(const Options& options) {
     std::fflush(stdout);
     signal(stopped_by, SIG_DFL);
     raise(stopped_by);
+  }
+  if (outcome.gave_up) {
+    std::fflush(stdout);
+    _exit(kFailed);
   }
   return all_well ? kDone : kFailed;
 }
