@@ -39,6 +39,10 @@ std::string PartOf(const Url& url, CURLUPart part, unsigned flags = 0) {
   return copy;
 }
 
+bool IsLoopback(std::string_view host) {
+  return host == "localhost" || host == "[::1]" || host.starts_with("127.") || host.ends_with(".localhost");
+}
+
 }  // namespace
 
 bool HasHttpScheme(std::string_view url) {
@@ -71,11 +75,6 @@ UrlParts PartsOf(const std::string& url) {
   return parts;
 }
 
-bool IsLoopback(std::string_view host) {
-  return host == "localhost" || host == "::1" || host == "[::1]" || host.starts_with("127.") ||
-         host.ends_with(".localhost");
-}
-
 // RFC 3986, appendix A, as far as characters and their places go.
 std::string UriReferenceFault(std::string_view text) {
   for (size_t i = 0; i < text.size(); ++i) {
@@ -100,10 +99,8 @@ std::string UriReferenceFault(std::string_view text) {
 std::string OidFault(std::string_view text) {
   std::string encoded;
   if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "every event to this sink fails";
-  const std::string second(text.substr(2, text.find('.', 2) - 2));
   // Both share one byte, whose highest bit would say that the number goes on (X.690, section 8.19.2).
-  if (text.starts_with("2.") && (second.size() > 3 || std::stoul(second) > 47))
-    return "the traps carry 2.0 to 2.47 only";
+  if (text.starts_with("2.") && std::stoul(std::string(text.substr(2))) > 47) return "the traps carry 2.0 to 2.47 only";
   return "";
 }
 

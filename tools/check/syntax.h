@@ -18,4 +18,3 @@ struct UrlParts {
   std::string place;  // For comparison: the whole, with the usual port, scheme and host in lower case.
 };
 UrlParts PartsOf(const std::string& url);  // Of one without fault.
-bool IsLoopback(std::string_view host);

@@ -44,20 +44,12 @@ uint64_t LongestDeliveryMs(const Sink& sink) {
 // The setting that, with its default, would shorten the delivery most.
 std::string_view Longest(const Sink& sink) {
   if (sink.type == Type::kCloudEventsHttp) return "timeout_ms";
-  std::string_view longest = "retry_count";
-  uint64_t least = LongestDeliveryMs(sink);
-  const auto consider = [&](std::string_view name, uint32_t Sink::*field) {
-    Sink changed = sink;
-    changed.*field = Sink().*field;
-    if (const uint64_t ms = LongestDeliveryMs(changed); ms < least) {
-      least = ms;
-      longest = name;
-    }
-  };
-  consider("retry_count", &Sink::retry_count);
-  consider("request_timeout_ms", &Sink::request_timeout_ms);
-  consider("backoff_ms", &Sink::backoff_ms);
-  return longest;
+  Sink one_try = sink;
+  one_try.retry_count = Sink().retry_count;
+  Sink usual_timeout = sink;
+  usual_timeout.request_timeout_ms = Sink().request_timeout_ms;
+  const uint64_t otherwise_ms = std::min(LongestDeliveryMs(sink), LongestDeliveryMs(one_try));
+  return LongestDeliveryMs(usual_timeout) < otherwise_ms ? "request_timeout_ms" : "retry_count";
 }
 
 // Where a sink sends to, with the setting that says so; empty: nowhere.

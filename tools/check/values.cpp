@@ -24,10 +24,6 @@ bool IsNumber(Form form) {
          form == Form::kPort;
 }
 
-bool IsText(Form form) {
-  return !IsNumber(form) && form != Form::kSwitch && form != Form::kSeverity && form != Form::kWord;
-}
-
 std::string Listed(oxEventWords words) {
   std::string text;
   for (const oxEventWord& word : words) text.append(text.empty() ? "" : ", ").append(word.text);
@@ -52,11 +48,10 @@ class Rules {
     if (CheckBad()) return;
     if (!setting.has_effect) return CheckCarried();
     if (IsNumber(setting.form)) return CheckNumber();
-    if (setting.form == Form::kSwitch && NumberIn(text).value_or(0) > 1) {
+    if (setting.form == Form::kSwitch && NumberIn(text) > 1U) {
       return Warn("odd-switch", Quoted(text) + " counts as on", "Write 1 or 0.");
     }
     if (setting.form == Form::kWord) return CheckWord();
-    if (!IsText(setting.form)) return;
     if (text.size() > setting.max_bytes) {
       Warn("cut",
            "has " + std::to_string(text.size()) + " bytes; what is beyond " + std::to_string(setting.max_bytes) +
