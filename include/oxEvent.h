@@ -165,8 +165,8 @@ OXEVENT_API uint32_t oxEventRegisterCallback(oxEventCallback callback, void* use
  * - from inside a callback: at once, by the callback itself when it no longer uses it;
  * - on any other thread: once an oxEventFlush that was called after this has returned 0, or once an oxEventShutdown
  *   that was called on a thread of the host's has returned.
- * After an oxEventShutdown inside a callback, the callbacks behind that one still receive its event: free their
- * user_data in a later call of the host's, once the callback has returned and the thread "oxEvent" that called it ended.
+ * After an oxEventShutdown inside a callback, the callbacks behind that one still receive its event: keep their
+ * user_data until the callback has returned and its thread has ended.
  *
  * OXEVENT_NOT_FOUND: no callback has this id.
  */

@@ -185,22 +185,6 @@ TEST_F(oxEventApi, WorksFromInsideACallback) {
   EXPECT_EQ(ReadMessages(csv2_), (Texts{"message", "new", "more", "new", "more"}));
 }
 
-TEST_F(oxEventApi, DeliversWhatASubmitAmidAShutdownWasAcceptedFor) {
-  for (int i = 0; i < 30; ++i) {
-    Start({{"core\\queue_size", "1000000"}});
-    recorder_.messages.clear();
-    std::atomic<size_t> accepted = 0;
-    const auto submit = [&] {
-      while (Send("m") == 0) ++accepted;
-    };
-    std::thread first(submit), second(submit);
-    while (accepted < 10) usleep(10);
-    EXPECT_EQ(Got(oxEventShutdown()), kOk);
-    first.join(), second.join();
-    EXPECT_EQ(recorder_.messages.size(), accepted);
-  }
-}
-
 TEST_F(oxEventApi, HasLeftAnUnregisteredCallbackOnceAFlushSucceeds) {
   std::promise<void> entered, go;
   bool left = false;
