@@ -65,7 +65,7 @@ bool Lines::Next(std::string* line) {
     buffer_.erase(0, begin_);
     begin_ = 0;
     if (Fill()) continue;
-    if (g_stop != 0 || buffer_.empty()) return false;
+    if (g_stop != 0 || buffer_.empty()) break;
     line->swap(buffer_);  // The last one, without an end.
     buffer_.clear();
     return true;
