@@ -1,8 +1,8 @@
 """What oxevent-check says of each mistake, and where each limit is: check_findings_test.py [-v] [Test.test_NAME...]."""
-import json, os, subprocess, tempfile, unittest
+import json, os, re, subprocess, tempfile, unittest
 from typing import NamedTuple
 
-from check_test import CSV, ON, SNMP, SYSLOG, TOOL, URL, WEBHOOK, document
+from check_test import CSV, DEFAULTS, ON, SNMP, SYSLOG, TOOL, URL, WEBHOOK, document
 
 CORE, NATIVE, ALERTS = "core>;", "sink>;native>;n>;", "sink>;alertmanager>;a>;"
 POST, PLAIN = WEBHOOK + ON + URL, WEBHOOK + ON + "endpoint_url=http://h/;"
@@ -336,6 +336,21 @@ class Test(unittest.TestCase):
 
     def test_details(self):
         self.check(DETAILS, "--verbose")
+
+    def test_every_misspelt_name_is_told_at_its_line(self):
+        lines = DEFAULTS.decode().splitlines()
+        files = []
+        for number, line in enumerate(lines):
+            name = re.search('name="([^"]*)"', line)
+            if not name or name[1] in ("default", "main"):  # The names of instances are free.
+                continue
+            word = name[1]
+            for slip in (word[1:], word[:-1], word + "x", word[0] + word, word[1] + word[0] + word[2:], word.swapcase(), "-" + word):
+                wrong = line.replace(f'"{word}"', f'"{slip}"')
+                files.append((number + 1, "\n".join([*lines[:number], wrong, *lines[number + 1:]])))
+        for (number, text), found in zip(files, self.findings([text[text.index("<config"):] for _, text in files])):
+            with self.subTest(text.splitlines()[number - 1]):
+                self.assertIn(number - 1, [finding["line"] for finding in found])  # Without the declaration's line.
 
     def test_text_and_status_of_several_files(self):
         self.write("core>;queue_sise=1", "warned.xml")
