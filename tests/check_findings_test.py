@@ -1,12 +1,12 @@
 """What oxevent-check says of each mistake, and where each limit is: check_findings_test.py [-v] [Test.test_NAME...]."""
-import json, os, subprocess, tempfile, unittest
+import json, os, re, subprocess, tempfile, unittest
 from typing import NamedTuple
 
-from check_test import CSV, ON, SNMP, SYSLOG, TOOL, URL, WEBHOOK, document
+from check_test import CSV, DEFAULTS, ON, SNMP, SYSLOG, TOOL, URL, WEBHOOK, document
 
-CORE, NATIVE, ALERTS, CLOUD = "core>;", "sink>;native>;n>;", "sink>;alertmanager>;a>;", WEBHOOK + ON + URL + "payload_mode=cloudevents;"
-CLOUDEVENTS = "sink>;cloudevents>;http>;c>;" + ON + URL
+CORE, NATIVE, ALERTS = "core>;", "sink>;native>;n>;", "sink>;alertmanager>;a>;"
 POST, PLAIN = WEBHOOK + ON + URL, WEBHOOK + ON + "endpoint_url=http://h/;"
+CLOUD, CLOUDEVENTS = POST + "payload_mode=cloudevents;", "sink>;cloudevents>;http>;c>;" + ON + URL
 
 
 class Limit(NamedTuple):
@@ -19,9 +19,9 @@ class Limit(NamedTuple):
 
 
 class Case(NamedTuple):
-    settings: str          # As check_test.document takes them, or the whole of a <config>.
-    findings: list         # LINE:COLUMN: SEVERITY: TEXT of each, in their order.
-    remedy: str = ""       # Of the first.
+    settings: str     # As check_test.document takes them, or the whole of a <config>.
+    findings: list    # LINE:COLUMN SEVERITY TEXT of each, in their order.
+    remedy: str = ""  # Of the first; empty: any.
 
 
 NUMBER = "'{}' is no number from 0 to 4294967295: "
@@ -32,7 +32,8 @@ LIMITS = [
           ["2x", "4294967296"]),
     Limit(POST, "retry_count", ["0"], NUMBER + "0 counts, and the library writes that over it in the file", ["-1"]),
     Limit(POST, "connect_timeout_ms", ["0", "50"], "{} ms is hardly enough for a request", ["1", "49"]),
-    Limit(POST, "backoff_ms", ["1"], NUMBER + "250 counts, and the library writes that over it in the file", [""]),
+    Limit("state>;", "default_repeat_interval_sec", ["0"], NUMBER + "1800 counts, and the library writes that over it in the file",
+          [""]),
     Limit(POST, "tls_verify", ["1", "on"], "'{}' counts as on", ["2"]),
     Limit(SYSLOG + ON, "port", ["0", "65535"], "oxEvent syslog UDP resolve failed for 127.0.0.1:{} error=-8", ["65536"]),
     Limit(SNMP + ON, "port", ["0", "65535"], "oxEvent SNMP trap resolve failed for 127.0.0.1:{} error=-8", ["65536"]),
@@ -50,7 +51,7 @@ LIMITS = [
     Limit(CSV + ON, "path", ["a b"], CONTROL, ["a\tb"]),
     Limit(CSV + ON, "path", ["a.csv"], "'{}' names a folder", ["a/", "."]),
     Limit(CSV + ON, "path", ["a~/b"], "'{}' is taken as it stands: no ~, no variable, no URL is resolved", ["~/a", "file:a", "a$b"]),
-    Limit(SYSLOG + ON, "host", ["::1", "fe80::1%lo", "a-b_c.d.", "é", "10.0.0.1", 253 * "a"], HOST + "no name is made so",
+    Limit(SYSLOG + ON, "host", ["::1", "fe80::1%lo", "a-b_c.d.", "é", "1-2", "10.0.0.1", 253 * "a"], HOST + "no name is made so",
           ["a..b", ".a"]),
     Limit(SYSLOG + ON, "host", [], "'" + 60 * "a" + "...' is no host: no name is made so", [254 * "a"]),
     Limit(SYSLOG + ON, "host", [], HOST + "it begins with a scheme", ["http://h"]),
@@ -78,6 +79,7 @@ LIMITS = [
           "holds a colon, at which the server ends the name (RFC 7617, section 2)", ["u:v"]),
     Limit(POST, "headers", ["Az9!#$%&'*+-.^_`~: 1", " a: b\tc ", "a:1||b:2"], "'{name}' is no name for a header line",
           ["a(: 1", "é: 1"]),
+    Limit(POST, "headers", [], "expect: the client never sends it and passes this line over", ["Expect : 1"]),
     Limit(POST, "headers", [], "a line without a name and a colon is passed over: line 1", [": 1"]),
     Limit(POST, "headers", [], "a line without a name and a colon is passed over: line 3", ["a:1||b:2|c|d:4"]),
     Limit(POST, "headers", [], "{name}: the client sets it itself and passes this line over",
@@ -108,15 +110,13 @@ LIMITS = [
     Limit(SYSLOG, "app_name", ["x"], "holds characters that messages carry as _", ["x y"]),
 ]
 
-
 PASSED = "the library passes it over"
 TAKES = "while endpoints do not answer, one event takes up to {} s by the HTTP sinks, and oxEventShutdown up to {} s"
 CASES = [
     # Values that the loader or a sink refuses.
-    Case(r"core>;enabled=maybe;queue_size=ten", [r"3:1 error Invalid boolean value for QVX\Events\core\enabled: maybe",
+    Case("core>;enabled=maybe;queue_size=ten", [r"3:1 error Invalid boolean value for QVX\Events\core\enabled: maybe",
          "4:1 warning 'ten' is no number from 0 to 4294967295: 1024 counts"],
          "Accepted, in any case: 1, true, yes, on, enabled, 0, false, no, off, disabled"),
-    Case("core>;queue_size=0", ["3:1 error queue_size must be greater than zero"], "A number above 0 is needed; the default is 1024."),
     Case("core>;minimum_severity=warnin", [r"3:1 error Invalid minimum_severity value for QVX\Events\core\minimum_severity: warnin"],
          "Accepted, in any case: debug, info, information, warning, warn, error, err; did you mean warning?"),
     Case("core>;enabled=on ", [r"3:1 error Invalid boolean value for QVX\Events\core\enabled: on "],
@@ -130,15 +130,17 @@ CASES = [
          "endpoint_url", "7:1 note has no effect while the sink is off"],
          "Set enabled to 1; or else take its endpoint_url out."),
     Case(CSV + "enabled=0;path=", []),
-    Case("sink>;csv>;" + "c>;" + ON + "path=;<;d>;" + ON + "path=;", ["6:1 error oxEvent CSV sink path is empty", "10:1 error oxEvent CSV sink path is empty"]),
+    Case(CSV + ON + "path=;<;d>;" + ON + "path=;", ["6:1 error oxEvent CSV sink path is empty",
+         "10:1 error oxEvent CSV sink path is empty"]),
     Case(ALERTS + "authorization_token=t;retry_count=1", ["5:1 warning is read and carried only: changing it has no effect",
          "6:1 warning is read and carried only: changing it has no effect"],
          "Leave its default. Carried, without effect: the host posts the documents."),
     # What has no place in the file.
-    Case("core>;port=1;zzz=1", [rf"3:1 warning the library knows no such setting here; QVX\Events\sink\syslog\udp has one of that name",
-         "4:1 warning the library knows no such setting here"],
+    Case("core>;port=1;zzz=1",
+         [r"3:1 warning the library knows no such setting here; QVX\Events\sink\syslog\udp has one of that name",
+          "4:1 warning the library knows no such setting here"],
          "The settings of this key: enabled, minimum_severity, queue_size, drop_policy."),
-    Case("core>;QueueSize=1;quuee_size=1", ["3:1 warning the library knows no such setting here; did you mean queue_size?",
+    Case("core>;<value name='Q-u-e-u-e S i z e'/>;quuee_size=1", ["3:1 warning the library knows no such setting here; did you mean queue_size?",
          "4:1 warning the library knows no such setting here; did you mean queue_size?"]),
     Case("sink>;zzz=1;zzy>", ["3:1 warning the library knows no such value here", "4:1 warning the library knows no such key here"],
          r"Below QVX\Events\sink it reads: csv, syslog, native, cloudevents, webhook, snmp, alertmanager."),
@@ -174,61 +176,77 @@ CASES = [
           f"5:1 warning its name is too long: {PASSED}", f"6:1 warning its name is a path: {PASSED}"]),
     # Above the library's own keys.
     Case('<config><key name="QVX/Events/core"/></config>',
-         ["1:9 warning the library knows no such key here; each key of a path is an element of its own"], "Below the root it reads: QVX."),
+         ["1:9 warning the library knows no such key here; each key of a path is an element of its own"],
+         "Below the root it reads: QVX."),
     Case('<config><key name="QVX"><key name="Events.core"/></key></config>',
-         ["1:25 warning the library knows no such key here; each key of a path is an element of its own"], "Below QVX it reads: Events."),
-    Case('<config><key name="QVX.Player"/><key name="OVX/Events"/><key name="Evnts"/><value name="core">x</value>text</config>', []),
-    Case('<config><key name="Host"><key name="Events"><key name="core"><value name="queue_size">1</value></key></key></key></config>',
+         ["1:25 warning the library knows no such key here; each key of a path is an element of its own"],
+         "Below QVX it reads: Events."),
+    Case('<config><key name="QVX.Player"/><key name="OVX/Events"/><key name="Evnts"/><value name="core">x</value>y</config>', []),
+    Case('<config><key name="H"><key name="Events"><key name="core"><value name="queue_size">1</value></key></key></key></config>',
          ["1:9 warning the library knows no such key here; did you mean QVX?"]),
     Case('<config><key name="core"><value name="queue_size">1</value></key></config>',
          [rf"1:9 warning {PASSED}: it belongs in QVX\Events"]),
-    Case('<config><key name="QVX\\Events"/><key name=""/><key name="a\\b"/></config>', [f"1:9 warning its name is a path: {PASSED}"]),
+    Case('<config><key name="QVX\\Events"/><key name=""/><key name="a\\b"/></config>',
+         [f"1:9 warning its name is a path: {PASSED}"]),
     Case('<config><key name="a"/><key name="a"/><key name="QVX"/>\n <value name="QVX"/> <key name="QVX"/></config>',
          ["2:2 warning is a value, where the library looks for a key",
           "2:22 warning is here a second time: the first counts, this one is passed over"]),
     Case('<config><key nam="QVX"/><key nam="a"/><kye name="QVX"/><kye name="a"/></config>',
-         [f"1:9 warning a <key> without the attribute name: {PASSED}", "1:39 warning the library passes the element <kye> over; did you mean key?"]),
+         [f"1:9 warning a <key> without the attribute name: {PASSED}",
+          "1:39 warning the library passes the element <kye> over; did you mean key?"]),
     Case('<config><key name="QVX"><key name="Events">a<![CDATA[b]]><!--c--> \n</key></key></config>',
-         ["1:25 warning holds the text 'a', which the library passes over", "1:25 warning holds the text 'b', which the library passes over"]),
+         ["1:25 warning holds the text 'a', which the library passes over",
+          "1:25 warning holds the text 'b', which the library passes over"]),
     # Sinks together.
     Case(CSV + ON + "path=a;<;d>;" + ON + "path=./a", ["6:1 note is the first of the two",
-         rf"10:1 warning writes to the same file as QVX\Events\sink\csv\c: each event comes twice, in any order"]),
-    Case(WEBHOOK + ON + "endpoint_url=HTTPS://H/?a;<;v>;" + ON + "endpoint_url=https://h:443/?a;<;u>;" + ON + "endpoint_url=https://h/?b;<;t>;" +
-         ON + "endpoint_url=https://h/a?b;<;s>;" + ON + "endpoint_url=http://h:443/?a;<;r>;" + ON + "endpoint_url=https://g/?a",
-         ["7:1 note is the first of the two", rf"11:1 warning sends to the same place as QVX\Events\sink\webhook\http\w: each event comes twice"]),
+         r"10:1 warning writes to the same file as QVX\Events\sink\csv\c: each event comes twice, in any order"]),
+    Case(WEBHOOK + ON + "endpoint_url=HTTPS://H/?a;<;v>;" + ON + "endpoint_url=https://h:443/?a;<;u>;" + ON +
+         "endpoint_url=https://h/?b;<;t>;" + ON + "endpoint_url=https://h/a?b;<;s>;" + ON + "endpoint_url=http://h:443/?a;<;r>;" + ON +
+         "endpoint_url=https://g/?a",
+         ["7:1 note is the first of the two",
+          r"11:1 warning sends to the same place as QVX\Events\sink\webhook\http\w: each event comes twice"]),
     Case(SYSLOG + ON + "host=A;port=0;<;t>;" + ON + "host=a;port=514;<;u>;" + ON + "host=a;port=515",
-         ["7:1 note is the first of the two", rf"12:1 warning sends to the same place as QVX\Events\sink\syslog\udp\s: each event comes twice"]),
+         ["7:1 note is the first of the two",
+          r"12:1 warning sends to the same place as QVX\Events\sink\syslog\udp\s: each event comes twice"]),
     Case(SNMP + ON + "port=0;<;u>;" + ON + "host=127.0.0.1;port=162;<;v>;" + ON + "port=163",
-         ["5:1 note is the first of the two", rf"11:1 warning sends to the same place as QVX\Events\sink\snmp\trap\t: each event comes twice"]),
+         ["5:1 note is the first of the two",
+          r"11:1 warning sends to the same place as QVX\Events\sink\snmp\trap\t: each event comes twice"]),
     Case(NATIVE + "facility=local4;<;m>;facility=x;<;o>;facility=local3", ["5:1 note is the first of the two",
          "8:1 warning 'x' is no facility: it counts as local4",
-         rf"8:1 warning sends to the same place as QVX\Events\sink\native\n: each event comes twice"]),
-    Case("core>;minimum_severity=warning;<;" + CSV + ON + "path=a;minimum_severity=info;<;d>;" + ON + "path=b;minimum_severity=0;<;e>;" + ON +
-         "path=c;minimum_severity=2;<;f>;minimum_severity=0",
+         r"8:1 warning sends to the same place as QVX\Events\sink\native\n: each event comes twice"]),
+    Case("core>;minimum_severity=warning;<;" + CSV + ON + "path=a;minimum_severity=info;<;d>;" + ON +
+         "path=b;minimum_severity=0;<;e>;" + ON + "path=c;minimum_severity=2;<;f>;minimum_severity=0",
          ["3:1 note drops what a sink asks for",
           "10:1 warning asks for events that minimum_severity of the core, warning, drops",
           "15:1 warning asks for events that minimum_severity of the core, warning, drops"]),
-    Case("core>;minimum_severity=error;<;state>;default_repeat_interval_sec=5", ["3:1 warning a clear below error is dropped, so "
-         "that its condition stays raised and is not reported again before 5 s"]),
+    Case("core>;minimum_severity=error;<;state>;default_repeat_interval_sec=5",
+         ["3:1 warning a clear below error is dropped, so that its condition stays raised and is not reported again before 5 s"]),
     Case("core>;minimum_severity=error;<;state>;enabled=0", []),
     Case("core>;minimum_severity=error;<;state>;dedupe_enabled=0", []),
-    Case(NATIVE + "enabled=0;<;m>;enabled=0", ["5:1 warning no sink is enabled: only callbacks that the host registers get the events"]),
+    Case(NATIVE + "enabled=0;<;m>;enabled=0",
+         ["5:1 warning no sink is enabled: only callbacks that the host registers get the events"]),
     Case(POST + "cloudevents_source=/a;cloudevents_subject_prefix=b", ["8:1 warning has no effect with this payload_mode",
          "9:1 warning has no effect with this payload_mode"]),
-    Case(POST + "cloudevents_source=/oxEvent;cloudevents_subject_prefix=", []),
+    Case(POST + "cloudevents_source=/oxEvent;cloudevents_subject_prefix=b",
+         ["9:1 warning has no effect with this payload_mode"]),
+    Case(SNMP + ON + "host=;community=;trap_oid=",
+         ["7:1 warning is empty: 127.0.0.1 counts", "8:1 warning is empty: cobalt counts",
+         "9:1 warning is empty: 1.3.6.1.4.1.32473.1.1.0.1 counts"]),
     # The HTTP sinks.
     Case(POST + "bearer_token=t;basic_username=u;basic_password=p;headers=Authorization: x",
          ["8:1 note each request carries 3 Authorization lines", "9:1 warning each request carries 3 Authorization lines",
           "11:1 note each request carries 3 Authorization lines"]),
-    Case(CLOUDEVENTS + "auth_header=Authorization: a|AUTHORIZATION: b", ["7:1 warning this section never verifies the endpoint's certificate",
-         "8:1 warning each request carries 2 Authorization lines"]),
+    Case(CLOUDEVENTS + "auth_header=Authorization: a|AUTHORIZATION: b",
+         ["7:1 warning this section never verifies the endpoint's certificate",
+          "8:1 warning each request carries 2 Authorization lines"]),
     Case(POST + "tls_verify=0", ["8:1 warning any certificate will do: whoever is on the way can read and change the events"]),
     Case(PLAIN + "tls_verify=0;bearer_token=t;headers=X-Key: k", ["7:1 warning plain http carries the sink's secrets readable",
          "9:1 note goes over plain http", "10:1 note goes over plain http"]),
     Case(WEBHOOK + "bearer_token=;basic_username=u:v", ["7:1 warning a name without basic_password",
          "7:1 warning holds a colon, at which the server ends the name (RFC 7617, section 2)"]),
-    Case(POST + "retry_count=4294967295", ["8:1 warning 4294967295 makes no try at all: every event fails"]),
     Case(POST + "request_timeout_ms=60001", ["8:1 warning " + TAKES.format(60, 65)]),
+    Case(POST + "request_timeout_ms=60049", ["8:1 warning " + TAKES.format(60, 65)]),
+    Case(POST + "retry_count=199;request_timeout_ms=0;backoff_ms=0", ["8:1 warning " + TAKES.format(1049.8, 1054.8)]),
     Case(POST + "request_timeout_ms=40000;retry_count=1", ["8:1 warning " + TAKES.format(80.3, 85.3)]),
     Case(POST + "retry_count=1;backoff_ms=55000", ["8:1 warning " + TAKES.format(65, 70)]),
     Case(POST + "retry_count=11;request_timeout_ms=6000", ["8:1 warning " + TAKES.format(74.8, 79.8)]),
@@ -236,15 +254,20 @@ CASES = [
          ["10:1 warning " + TAKES.format(3155759999.8, 0).replace("0 s", "a century and more")]),
     Case(POST + "request_timeout_ms=750;connect_timeout_ms=700;retry_count=3155760000",
          ["10:1 warning " + TAKES.replace("{} s", "a century and more")]),
-    Case(CLOUDEVENTS + "timeout_ms=35000;<;d>;" + ON + "endpoint_url=https://g/;timeout_ms=36000", ["7:1 warning this section never verifies the endpoint's certificate",
-         "12:1 warning this section never verifies the endpoint's certificate", "13:1 warning " + TAKES.format(71, 76)]),
+    Case(POST + "retry_count=4294967294;request_timeout_ms=2147483650;backoff_ms=2147483648",  # 2^64 ms and 25 days.
+         ["8:1 warning " + TAKES.replace("{} s", "a century and more")]),
+    Case(CLOUDEVENTS + "timeout_ms=35000;<;d>;" + ON + "endpoint_url=https://g/;timeout_ms=36000",
+         ["7:1 warning this section never verifies the endpoint's certificate",
+          "12:1 warning this section never verifies the endpoint's certificate", "13:1 warning " + TAKES.format(71, 76)]),
 ]
 DETAILS = [  # With --verbose.
     Case(POST + "request_timeout_ms=60000", ["8:1 note " + TAKES.format(60, 65)]),
-    Case(POST + "request_timeout_ms=0;backoff_ms=0;retry_count=1;connect_timeout_ms=6000", ["10:1 note " + TAKES.format(10.3, 15.3)]),
-    Case(POST + "connect_timeout_ms=5001", ["5:1 note " + TAKES.format(5, 10), "8:1 note is over request_timeout_ms, which ends all"]),
+    Case(POST + "request_timeout_ms=0;connect_timeout_ms=6000", ["5:1 note " + TAKES.format(5, 10)]),
+    Case(POST + "connect_timeout_ms=5001",
+         ["5:1 note " + TAKES.format(5, 10), "8:1 note is over request_timeout_ms, which ends all"]),
     Case(POST + "connect_timeout_ms=5000", ["5:1 note " + TAKES.format(5, 10)]),
-    Case(POST + "retry_count=4294967295;backoff_ms=9", ["8:1 warning 4294967295 makes no try at all: every event fails", "8:1 note " + TAKES.format(0, 5)]),
+    Case(POST + "retry_count=4294967295;backoff_ms=9",
+         ["8:1 warning 4294967295 makes no try at all: every event fails", "8:1 note " + TAKES.format(0, 5)]),
     Case("state>;enabled=0", ["3:1 note every event goes out as reported: no duplicate is recognised"]),
     Case("state>;dedupe_enabled=0", ["3:1 note every event goes out as reported: no duplicate is recognised"]),
     Case(ALERTS + ON, ["5:1 note the host posts the documents; this sink sends nothing"]),
@@ -314,6 +337,21 @@ class Test(unittest.TestCase):
     def test_details(self):
         self.check(DETAILS, "--verbose")
 
+    def test_every_misspelt_name_is_told_at_its_line(self):
+        lines = DEFAULTS.decode().splitlines()
+        files = []
+        for number, line in enumerate(lines):
+            name = re.search('name="([^"]*)"', line)
+            if not name or name[1] in ("default", "main"):  # The names of instances are free.
+                continue
+            word = name[1]
+            for slip in (word[1:], word[:-1], word + "x", word[0] + word, word[1] + word[0] + word[2:], word.swapcase(), "-" + word):
+                wrong = line.replace(f'"{word}"', f'"{slip}"')
+                files.append((number + 1, "\n".join([*lines[:number], wrong, *lines[number + 1:]])))
+        for (number, text), found in zip(files, self.findings([text[text.index("<config"):] for _, text in files])):
+            with self.subTest(text.splitlines()[number - 1]):
+                self.assertIn(number - 1, [finding["line"] for finding in found])  # Without the declaration's line.
+
     def test_text_and_status_of_several_files(self):
         self.write("core>;queue_sise=1", "warned.xml")
         self.write("core>;queue_size=0;drop_policy= ", "refused.xml")
@@ -345,14 +383,16 @@ good.xml: no problems
                 self.assertEqual(found["remedy"].partition(". ")[0], remedy)
 
     def test_position_where_a_file_is_no_settings_file(self):
-        for text, position, reason in (("<config>\n <a>\n</config>", "3:3", "Start-end tags mismatch"), ("<config/>\n <b/>", "2:3", "a second root element")):
+        for text, position, reason in (("<config>\n <a>\n</config>", (3, 3), "Start-end tags mismatch"),
+                                       ("<config/>\n <b/>", (2, 3), "a second root element")):
             with self.subTest(text):
                 (found,), = self.findings([text])
-                self.assertEqual(f"{found['line']}:{found['column']} {found['code']} {found['remedy']}", f"{position} not-xml {reason}. Mend the file there.")
+                self.assertEqual((found["line"], found["column"]), position)
+                self.assertEqual((found["code"], found["remedy"]), ("not-xml", f"{reason}. Mend the file there."))
 
     def test_who_may_read_the_secrets(self):
-        secrets = POST + "bearer_token=t;headers=X-Key: k;basic_username=u;basic_password=p;<;v>;" + ON + "endpoint_url=https://u:p@h/;bearer_token=;headers=a:b;<;<;<;snmp>;trap>;t>;community=cobalt;"
-        self.write(secrets)
+        self.write(POST + "bearer_token=t;headers=X-Key: k;basic_username=u;basic_password=p;<;v>;" + ON +
+                   "endpoint_url=https://u:p@h/;bearer_token=;headers=a:b;<;<;<;snmp>;trap>;t>;community=cobalt")
         for mode, who in ((0o640, None), (0o604, "read"), (0o602, "change"), (0o606, "change")):
             os.chmod("f.xml", mode)
             found = [f for f in json.loads(self.run_tool("--json", "f.xml").stdout) if f["code"] == "secret-readable"]
@@ -360,11 +400,27 @@ good.xml: no problems
             self.assertEqual([(f["line"], f["text"], f["remedy"]) for f in found],
                              [(line, text, "chmod o-rw, or 0640 with a group of its own.") for line in (8, 9, 11, 15) if who])
 
+    @unittest.skipUnless(os.geteuid() == 0, "only root gives a file to another user")
+    def test_a_file_with_secrets_that_another_user_owns(self):
+        self.write(POST + "bearer_token=t")
+        for owner, user, is_told in ((0, 7777, False), (7777, 7777, False), (1, 0, False), (1, 7777, True)):
+            with self.subTest(owner=owner, user=user):
+                os.chown("f.xml", owner, -1)
+                done = subprocess.run(["setpriv", f"--reuid={user}", "--inh-caps=+dac_override", "--ambient-caps=+dac_override",
+                                       TOOL, "--json", "f.xml"], capture_output=True, check=False)
+                self.assertEqual([(finding["text"], finding["remedy"]) for finding in json.loads(done.stdout)],
+                                 [("is a secret in a file that its owner, who is neither root nor you, may read",
+                                   "Give the file to the user that the library runs as: chown.")] if is_told else [])
+
     def test_command_lines_that_cannot_be_followed(self):
         for arguments, complaint in (
-                ([], "no FILE"), (["--explain", "core", "f.xml"], "f.xml: --explain takes no FILE"), (["--complete", "a", "b"], "b: --complete takes one FILE"),
-                (["--jsn", "a"], "--jsn: no such option; did you mean --json?"), (["--complete", "none"], "Unable to open oxEvent config: none"),
-                (["--explain", "que_size"], "que_size: no such key; did you mean queue_size?"), (["--explain", "sink/csv/path/x"], r"sink/csv/path/x: no such key; did you mean sink\csv\path?"),
+                ([], "no FILE"),
+                (["--explain", "core", "f.xml"], "f.xml: --explain takes no FILE"),
+                (["--complete", "a", "b"], "b: --complete takes one FILE"),
+                (["--complete", "none"], "Unable to open oxEvent config: none"),
+                (["--jsn", "a"], "--jsn: no such option; did you mean --json?"),
+                (["--explain", "que_size"], "que_size: no such key; did you mean queue_size?"),
+                (["--explain", "sink/csv/path/x"], r"sink/csv/path/x: no such key; did you mean sink\csv\path?"),
                 (["--explain", "sink/csv/NAME/pth"], r"sink/csv/NAME/pth: no such key; did you mean sink\csv\NAME\path?"),
                 (["--explain", "core\\enable"], r"core\enable: no such key; did you mean core\enabled?")):
             with self.subTest(arguments):
@@ -382,9 +438,11 @@ good.xml: no problems
         for key, text in EXPLANATIONS.items():
             with self.subTest(key):
                 self.assertEqual(self.run_tool("--explain", key).stdout, text)
-        for key, count in (("enabled", 9), ("host", 2), ("QVX", 77), ("core", 5), ("sink/csv", 5), ("sink.csv.mine", 5), (r"sink\syslog", 7)):
+        for key, count in (("enabled", 9), ("host", 2), ("QVX", 77), ("core", 5), ("sink/csv", 5), ("sink/csv/path", 1),
+                           ("sink.csv.mine", 5), (r"sink\syslog", 7)):
             with self.subTest(key):
-                self.assertEqual(self.run_tool("--explain", key).stdout.count("QVX\\"), count)
+                said = self.run_tool("--explain", key).stdout
+                self.assertEqual((said.count("QVX\\"), said.count("\n\n")), (count, count - 1))
 
 
 if __name__ == "__main__":

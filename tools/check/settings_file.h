@@ -23,7 +23,7 @@ struct Value {
 struct Group {
   const oxEventSection* section;
   std::string key;                          // Its path.
-  Position where;                           // Of the key, or of the nearest above it that the file has.
+  Position where;                           // Of the key; the beginning where the file has none.
   std::vector<Value> values;                // The first of each name.
   const oxEventSinkConfig* sink = nullptr;  // What the loader makes of it; null: the core's.
 

@@ -102,7 +102,6 @@ class Walk {
     ForEach(key, path, expected, true, [&](pugi::xml_node child, const std::string& name) {
       const Place* const known = place.Find(name);
       if (known != nullptr && IsKey(child)) {
-        positions_.emplace(Join(path, name), file_.PositionOf(child));
         EnterPlace(*known, child, Join(path, name));
       } else if (known != nullptr) {
         Warn("value-for-key", child, Join(path, name), "is a value, where the library looks for a key",
@@ -245,24 +244,14 @@ class Walk {
 
   void AddGroup(const oxEventSection& section, const std::string& key, const oxEventSinkConfig* sink) {
     const auto found = found_.find(key);
-    Group group = found == found_.end() ? Group{&section, key, NearestTo(key), {}} : std::move(found->second);
+    Group group = found == found_.end() ? Group{&section, key, {}, {}} : std::move(found->second);
     group.sink = sink;
     file_.groups.push_back(std::move(group));
   }
 
-  Position NearestTo(std::string key) const {
-    while (!key.empty()) {
-      if (const auto known = positions_.find(key); known != positions_.end()) return known->second;
-      const size_t separator = key.rfind('\\');
-      key.resize(separator == key.npos ? 0 : separator);
-    }
-    return {};
-  }
-
   SettingsFile& file_;
   std::vector<Finding>& findings_;
-  std::map<std::string, Position> positions_;  // Of the keys above the groups.
-  std::map<std::string, Group> found_;         // By key.
+  std::map<std::string, Group> found_;  // By key.
 };
 
 }  // namespace
