@@ -76,6 +76,7 @@ extern "C" int gethostname(char* name, size_t size) noexcept {
 void (*g_at_thread_end)(void*);
 extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void*)) noexcept {
   static const auto next = reinterpret_cast<decltype(&pthread_key_create)>(dlsym(RTLD_NEXT, "pthread_key_create"));
+  if (at_thread_end == nullptr) return next(key, nullptr);  // dladdr would wait for a dlclose.
   Dl_info info = {};
   dladdr(reinterpret_cast<void*>(at_thread_end), &info);
   if (info.dli_fname == nullptr || strstr(info.dli_fname, "liboxEvent") == nullptr) return next(key, at_thread_end);
