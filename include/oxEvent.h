@@ -86,8 +86,9 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  * Loads the settings file and starts the library: opens the enabled sinks and starts the worker thread.
  *
  * config_path names an existing XML settings file (an empty file will do); settings that it lacks are added to it with
- * their defaults. Reading it, and resolving the names of hosts in it, may take a while. Needs a stack of 64 KiB, as
- * oxEventReloadConfig does.
+ * their defaults. Reading it, and resolving the names of hosts in it, may take a while. A full disk does not keep the
+ * library from starting: a CSV file that has no space for its header gets it with its first rows. Needs a stack of
+ * 64 KiB, as oxEventReloadConfig does.
  *
  * OXEVENT_INVALID_ARGUMENT: path null or empty, file unreadable, a setting refused (the text says why).
  * OXEVENT_ALREADY_INITIALIZED: initialized before, or another thread's oxEventShutdown has not returned yet.
@@ -99,7 +100,8 @@ OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
 
 /*
  * Stops the library: delivers what is queued for at most 5000 ms, discards the rest, waits for the event that is being
- * delivered, closes the sinks and forgets the callbacks. oxEventInitialize may follow.
+ * delivered, closes the sinks and forgets the callbacks. Rows that a CSV sink buffers are written before each wait.
+ * oxEventInitialize may follow.
  *
  * From a callback: discards what is queued and returns; the worker ends when the callback returns.
  *
@@ -135,8 +137,8 @@ OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, c
  *
  * From a callback it does not wait, since nobody else could deliver: with events queued it fails at once.
  *
- * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up, or a sink could not be flushed, or one that a reload has
- * replaced since the last flush.
+ * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: the time was up, or a sink could not be flushed, or a sink that a reload
+ * replaced has lost rows, which is reported once.
  */
 OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 

@@ -124,6 +124,12 @@ class Test(unittest.TestCase):
                         "does not start with it: " + refusal if refusal else "starts without the sections that the errors name"))
                 self.assertEqual(told.endswith(": no problems\n"), status == 0)
 
+    def test_says_what_the_system_log_does_to_the_hosts_lines_when_asked_for_more(self):
+        for settings, told in (("enabled=1", True), ("enabled=0", False)):
+            self.write(document("sink>;native>;n>;" + settings))
+            found = json.loads(self.run_tool("--json", "--verbose", "f.xml").stdout)
+            self.assertEqual("host-lines" in [f["code"] for f in found], told)
+
     def test_files_that_do_not_open(self):
         self.write(document("core>;queue_sizeY=1;minimum_severity=Y(").encode().replace(b"Y", b"\xe2\x82"))
         found = json.loads(self.run_tool("--json", "f.xml").stdout.decode())

@@ -352,11 +352,11 @@ inline constexpr Entry kTable[] = {
      Met::kCall,
      "Unable to write oxEvent CSV header: {path}",
      {OXEVENT_FAILURE},
-     "The file of a CSV sink could be opened but not written: the disk or the quota is full, the process's limit for "
-     "files is reached, or it is a pipe that has been full for 1 s.",
-     "Look with df -h PATH and df -i PATH at the room, at the quota, and at the file size in /proc/PID/limits. Make "
-     "room, "
-     "or change the path in the section below sink\\csv."},
+     "The file of a CSV sink could be opened but not written: the process's limit for files is reached, the device "
+     "fails, or it is a pipe that has been full for 1 s. (A full disk does not give this error: the header then waits "
+     "for the first row.)",
+     "Look at the file size in /proc/PID/limits and at dmesg; a pipe needs a reader. Or change the path in the section "
+     "below sink\\csv."},
     {kNativeNoMemory,
      Met::kCall,
      "Unable to allocate oxEvent native log handle",
@@ -481,7 +481,9 @@ inline constexpr Entry kTable[] = {
      "files is reached, or the device fails. The sink writes nothing more; the rows since the last good write are "
      "lost.",
      "Look with df -h PATH at the room, at the quota, at the file size in /proc/PID/limits and at dmesg. Once there is "
-     "room, let the host call oxEventReloadConfig: the file is opened anew."},
+     "room, let the host call oxEventReloadConfig: the file is opened again. Where this file itself has filled the "
+     "disk, "
+     "delete it and reload: the reload closes it, which frees its space."},
     {kCsvRowFlush,
      Met::kDelivery,
      "Unable to flush oxEvent CSV row: {path}",
@@ -490,7 +492,9 @@ inline constexpr Entry kTable[] = {
      "is "
      "full, the process's limit for files is reached, or the device fails. The sink writes nothing more.",
      "Look with df -h PATH at the room, at the quota, at the file size in /proc/PID/limits and at dmesg. Once there is "
-     "room, let the host call oxEventReloadConfig: the file is opened anew."},
+     "room, let the host call oxEventReloadConfig: the file is opened again. Where this file itself has filled the "
+     "disk, "
+     "delete it and reload: the reload closes it, which frees its space."},
     {kCsvFileFlush,
      Met::kDelivery,
      "Unable to flush oxEvent CSV file: {path}",
@@ -499,7 +503,9 @@ inline constexpr Entry kTable[] = {
      "the "
      "process's limit for files is reached, or the device fails. The sink writes nothing more.",
      "Look with df -h PATH at the room, at the quota, at the file size in /proc/PID/limits and at dmesg. Once there is "
-     "room, let the host call oxEventReloadConfig: the file is opened anew."},
+     "room, let the host call oxEventReloadConfig: the file is opened again. Where this file itself has filled the "
+     "disk, "
+     "delete it and reload: the reload closes it, which frees its space."},
     {kCsvBusy,
      Met::kDelivery,
      "A write takes too long to oxEvent CSV file: {path}",

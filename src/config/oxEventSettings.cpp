@@ -93,9 +93,16 @@ constexpr oxEventSetting kSyslogUdp[] = {
 constexpr oxEventSetting kNative[] = {
     {"enabled", &S::enabled, Form::kSwitch, kEnabledMeaning, "1"},
     kMinimumSeverity,
-    {"source_name", &S::source_name, Form::kText, "The identity that the log shows.", "oxEvent"},
-    {"facility", &S::native_facility, Form::kWord, "Of the lines. Any other word counts as local4.", nullptr,
-     kNativeFacilityWords},
+    {"source_name", &S::source_name, Form::kText,
+     "The identity that the log shows. It belongs to the "
+     "process: after an event, the host's own lines carry it too, until the host calls openlog again.",
+     "oxEvent"},
+    {"facility", &S::native_facility, Form::kWord,
+     "Of the lines. Any other word counts as local4. It "
+     "belongs to the process: after an event, lines of the host's own that name no facility go here too, until the "
+     "host "
+     "calls openlog again.",
+     nullptr, kNativeFacilityWords},
     {"subsystem", &S::subsystem, Form::kText, "Carried, without effect on Linux.", nullptr, {}, false},
     {"category", &S::category, Form::kText, "Carried, without effect on Linux.", nullptr, {}, false}};
 

@@ -217,6 +217,13 @@ class Rules {
         Add(Grade::kDetail, "sends-nothing", group, "enabled", "the host posts the documents; this sink sends nothing",
             "Have the host post what oxEventFormatAlertmanagerRecord gives.");
       }
+      if (sink.type == Type::kNative) {
+        Add(Grade::kDetail, "host-lines", group, "facility",
+            "the host's own lines in the system log also go to this facility, under this source_name, once an event "
+            "has "
+            "gone there",
+            "Have the host name the facility in each call of syslog, or call openlog again before it.");
+      }
       if (sink.type != Type::kWebhookHttp) return;
       if (sink.connect_timeout_ms > sink.request_timeout_ms && sink.request_timeout_ms != 0) {
         Add(Grade::kDetail, "no-effect", group, "connect_timeout_ms", "is over request_timeout_ms, which ends all",
