@@ -52,6 +52,7 @@ class Rules {
       return Warn("odd-switch", Quoted(text) + " counts as on", "Write 1 or 0.");
     }
     if (setting.form == Form::kWord) return CheckWord();
+    if (setting.form == Form::kSwitch || setting.form == Form::kSeverity) return;  // Good, or CheckBad has named it.
     if (text.size() > setting.max_bytes) {
       Warn("cut",
            "has " + std::to_string(text.size()) + " bytes; what is beyond " + std::to_string(setting.max_bytes) +
