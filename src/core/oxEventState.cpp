@@ -1,7 +1,5 @@
 #include "core/oxEventState.h"
 
-#include <cstring>
-
 #include "base/oxEventAscii.h"
 #include "base/oxEventNumber.h"
 
@@ -67,8 +65,7 @@ void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::stri
   char* at = signature->data();
   const auto end_line = [&at] { *at++ = '\n'; };
   const auto add_text = [&](std::string_view text) {
-    std::memcpy(at, text.data(), text.size());
-    at += text.size();
+    at += text.copy(at, text.size());
     end_line();
   };
   const auto add_number = [&](auto... number_and_digits) {
