@@ -13,8 +13,8 @@ OPTIONS = [word for name, value in ALL.items() if name != "message" for word in
            ("--" + {"utc_ns": "utc"}.get(name, name.replace("_", "-")), str(value))]
 DOCUMENT = ALL | {"version": 65536, "severity_value": 3, "severity_code": 3}  # As the webhook sink sends it.
 REFUSED = {  # A line, and what is said of it.
-    '{"version": 2}': "13: version: must be 65536", '{"message": ""}': "1: message: is empty",
-    '{"xpts": 1}': "2: xpts: is no field of an event; did you mean pts?", '{"message": "\\u0000"}': "13: message: holds a NUL",
+    '{"version": 2}': "13: version: must be", '{"message": ""}': "1: message: is", '{"message": "\\u0000"}': "13: message: holds a NUL",
+    '{"xqts": 1}': "2: xqts: is no field of an event\n", '{"unit": 1}': "2: unit: is no field of an event; did you mean units?",
     '{"ptss": 1}': "2: ptss: is no field of an event; did you mean pts?", '{"version": "65536"}': "13: version: must be 65536",
     '{"message": "m", "\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}': "18: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is no field of an event",
     '{"message": "m", "message": "n"}': "18: message: is there twice", '{"message": 5}': "13: message: must be a text",
