@@ -67,7 +67,8 @@ extern "C" int getaddrinfo(const char* host, const char* port, const addrinfo* h
 }
 
 // What a syslog sink calls while it is being built, with the lifecycle locked.
-extern "C" int gethostname(char* name, size_t size) noexcept {
+extern "C" int OwnGethostname(char*, size_t) __asm__("gethostname");  // Of that name there is an inline one.
+int OwnGethostname(char* name, size_t size) {
   Hang();
   return snprintf(name, size, "host") > 0 ? 0 : -1;
 }
@@ -78,7 +79,8 @@ extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void
   static const auto next = reinterpret_cast<decltype(&pthread_key_create)>(dlsym(RTLD_NEXT, "pthread_key_create"));
   if (at_thread_end == nullptr) return next(key, nullptr);  // dladdr would wait for a dlclose.
   Dl_info info = {};
-  dladdr(reinterpret_cast<void*>(at_thread_end), &info);
+  // Not for a null: it takes a lock of the loader's, which dlclose holds while it waits for the worker.
+  if (at_thread_end != nullptr) dladdr(reinterpret_cast<void*>(at_thread_end), &info);
   if (info.dli_fname == nullptr || strstr(info.dli_fname, "liboxEvent") == nullptr) return next(key, at_thread_end);
   g_at_thread_end = at_thread_end;
   return next(key, [](void* value) { Hang(), g_at_thread_end(value); });
