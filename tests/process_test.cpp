@@ -77,7 +77,6 @@ int OwnGethostname(char* name, size_t size) {
 void (*g_at_thread_end)(void*);
 extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void*)) noexcept {
   static const auto next = reinterpret_cast<decltype(&pthread_key_create)>(dlsym(RTLD_NEXT, "pthread_key_create"));
-  if (at_thread_end == nullptr) return next(key, nullptr);  // dladdr would wait for a dlclose.
   Dl_info info = {};
   // Not for a null: it takes a lock of the loader's, which dlclose holds while it waits for the worker.
   if (at_thread_end != nullptr) dladdr(reinterpret_cast<void*>(at_thread_end), &info);
