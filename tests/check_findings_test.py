@@ -77,7 +77,8 @@ LIMITS = [
     Limit(POST, "basic_password", [""], "a password without basic_username", ["p"]),
     Limit(POST + "basic_password=p;", "basic_username", ["u"],
           "holds a colon, at which the server ends the name (RFC 7617, section 2)", ["u:v"]),
-    Limit(POST, "headers", ["Az9!#$%&'*+-.^_`~: 1", " a: b\tc ", "a:1||b:2"], "the name of a header line holds what none may",
+    Limit(POST, "headers", ["Az9!#$%&'*+-.^_`~: 1", " a: b\tc ", "a:1||b:2"], 
+          "the name of a header line holds what none may, so that every post fails: line 1",
           ["a(: 1", "é: 1"]),
     Limit(POST, "headers", [], "expect: the client never sends it and passes this line over", ["Expect : 1"]),
     Limit(POST, "headers", [], "a line without a name and a colon is passed over: line 1", [": 1"]),
@@ -316,7 +317,8 @@ class Test(unittest.TestCase):
     def check(self, cases, *options):
         for case, found in zip(cases, self.findings([case.settings for case in cases], *options)):
             with self.subTest(case.settings):
-                said = [f"{f['line']}:{f['column']} {f['severity']} {f['text']}" for f in found]
+                said = [f"{f['line']}:{f['column']} {f['severity']} {f['text']}" for f in found
+                        if f["code"] != "host-lines"]  # Stands for each file that leaves the system log on.
                 self.assertEqual(said, case.findings)
                 if case.remedy:
                     self.assertEqual(found[0]["remedy"], case.remedy)
@@ -370,7 +372,7 @@ good.xml: no problems
         self.assertEqual(self.run_tool("good.xml", "good.xml").returncode, 0)
         self.assertEqual(self.run_tool("--json", "good.xml").stdout, "[]\n")
         found = json.loads(self.run_tool("--json", "--verbose", "good.xml", "good.xml", "warned.xml").stdout)
-        self.assertEqual([finding["severity"] for finding in found], ["note", "note", "warning"])
+        self.assertEqual([finding["severity"] for finding in found], ["note"] * 5 + ["warning"])
 
     def test_files_that_cannot_be_read(self):
         self.write("core>;", "bare.xml")
