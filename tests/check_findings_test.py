@@ -160,6 +160,8 @@ CASES = [
     Case("sink>;core>;queue_size=5", [rf"3:1 warning {PASSED}: its settings belong in QVX\Events\core"]),
     Case("zz>;community=x;path=a;flush_each_event=0", [rf"2:1 warning {PASSED}: its settings belong in QVX\Events\sink\csv\zz"]),
     Case("udp>;a>;app_name=x", [rf"2:1 warning {PASSED}: it belongs in QVX\Events\sink\syslog"]),
+    Case("udp>;a>;zzz=1;<;<;state>;zzz>", ["2:1 warning the library knows no such key here",
+         f"8:1 warning a key among settings: {PASSED}"]),
     Case("sink>;http>;w>;auth_header=t", [rf"3:1 warning {PASSED}: it belongs in QVX\Events\sink\cloudevents"]),
     Case("Core>;queue_size=5;<;snk>;csv>;c>;path=x", ["2:1 warning the library knows no such key here; did you mean core?",
          "5:1 warning the library knows no such key here; did you mean sink?"]),
@@ -393,7 +395,7 @@ good.xml: no problems
                 self.assertEqual((found["code"], found["remedy"]), ("not-xml", f"{reason}. Mend the file there."))
 
     def test_who_may_read_the_secrets(self):
-        self.write(POST + "bearer_token=t;headers=X-Key: k;basic_username=u;basic_password=p;<;v>;" + ON +
+        self.write(POST + "bearer_token=t;headers=a: b|X-Key: k;basic_username=u;basic_password=p;<;v>;" + ON +
                    "endpoint_url=https://u:p@h/;bearer_token=;headers=a:b;<;<;<;snmp>;trap>;t>;community=cobalt")
         for mode, who in ((0o640, None), (0o604, "read"), (0o602, "change"), (0o606, "change")):
             os.chmod("f.xml", mode)
@@ -441,7 +443,7 @@ good.xml: no problems
             with self.subTest(key):
                 self.assertEqual(self.run_tool("--explain", key).stdout, text)
         for key, count in (("enabled", 9), ("host", 2), ("QVX", 77), ("core", 5), ("sink/csv", 5), ("sink/csv/path", 1),
-                           ("sink.csv.mine", 5), (r"sink\syslog", 7)):
+                           ("sink.csv.mine", 5), ("/core//queue_size", 1), (r"sink\syslog", 7)):
             with self.subTest(key):
                 said = self.run_tool("--explain", key).stdout
                 self.assertEqual((said.count("QVX\\"), said.count("\n\n")), (count, count - 1))
