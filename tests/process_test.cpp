@@ -105,7 +105,7 @@ int Fork(void (*run)(), int limit_ms = 2500) {
 }
 
 void ForkCase() {  // The child ends at once, or does in one of three tries where others take the processor.
-  for (int tries = 3; Fork(g_case.run, g_case.expect & kThreads ? 2500 : 100) != g_case.status;) CHECK(--tries > 0);
+  for (int tries = 3; Fork(g_case.run, g_case.expect & kThreads ? 2500 : 1000) != g_case.status;) CHECK(--tries > 0);
 }
 
 bool IsHeld() { return g_state == 'h' || g_state == 's'; }
@@ -369,7 +369,7 @@ TEST_P(oxEventProcess, EndsAndLeavesItsRows) {
       const HostFolder folder;
       ASSERT_EQ(chdir(folder.path.c_str()), 0);
       const bool in_child = g_where == 'm' || g_where == 'c';
-      EXPECT_EQ(Fork([] { RunCase(), exit(0); }, 60000), in_child ? 0 : g_case.status);
+      EXPECT_EQ(Fork([] { RunCase(), exit(0); }, 240000), in_child ? 0 : g_case.status);
 
       std::string rows, calls = "message.\n" + ReadFile("calls");
       for (const std::string& message : ReadMessages("events.csv")) rows += message + ".\n";

@@ -78,7 +78,7 @@ class oxCFGStore {
     oxCFGKind kind;
     std::string_view name;  // In the document or decoded_names_, neither of which ever changes a name.
 
-    auto operator<=>(const Entry&) const = default;
+    auto operator<=>(const Entry&) const = default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 takes it for a 0.
   };
   struct Item {
     pugi::xml_node node;
