@@ -110,12 +110,11 @@ Clock::time_point GivenUpLocked(const Lookup& lookup) {
 
 // Null: no thread is free.
 SharedLookup JoinOrStartLocked(const std::string& host) {
-  const bool full = g_lookups.threads >= kMaxThreads;
   const Clock::time_point now = Clock::now();
   const auto known = g_lookups.newest.find(host);
   const bool is_known = known != g_lookups.newest.end();
-  if (is_known && (full || now < GivenUpLocked(*known->second))) return known->second;
-  if (full) return nullptr;
+  if (is_known && now < GivenUpLocked(*known->second)) return known->second;
+  if (g_lookups.threads >= kMaxThreads) return nullptr;
   auto lookup = std::make_shared<Lookup>();
   lookup->started = now;
   if (is_known) lookup->hung_before = known->second->hung_before + 1;
@@ -141,10 +140,7 @@ std::string oxHTTPLookup(const std::string& host, Clock::time_point deadline) {
       g_lookups.changed.wait_until(lock, deadline);
       continue;
     }
-    // Without a thread for another one it is waited for beyond its time.
-    const Clock::time_point given_up = GivenUpLocked(*lookup);
-    const Clock::time_point until = given_up > Clock::now() ? std::min(given_up, deadline) : deadline;
-    if (!lookup->done) g_lookups.changed.wait_until(lock, until);
+    if (!lookup->done) g_lookups.changed.wait_until(lock, std::min(GivenUpLocked(*lookup), deadline));
     if (lookup->done) return lookup->addresses;
   } while (Clock::now() < deadline);
   return "";
