@@ -109,11 +109,12 @@ OXUTIL_API uint32_t oxOSGetMs(void);
  * milliseconds: name lookup, connection, TLS and every stall included; 0 is over at once. Non-zero: the answer came and
  * its status is 2xx.
  *
- * url, method: as for any HTTP client; a redirect is an answer and not followed, the environment's proxies are not
- * used. headers: lines "Name: value" with one byte 0xA7 between two of them (within a UTF-8 sequence that byte is
- * text); null: none. A CR or LF in it makes the request fail with nothing sent. A line without a name and a colon is
- * passed over, and so are Content-Length, Transfer-Encoding and Expect. Two names are directions that are obeyed and
- * not sent, the first of each:
+ * url, method: as for any HTTP client; a method that is no token (RFC 9110, section 5.6.2) makes the request fail with
+ * nothing sent. A redirect is an answer and not followed, the environment's proxies are not used. headers: lines
+ * "Name: value" with one byte 0xA7 between two of them (within a UTF-8 sequence that byte is text); null: none. A CR or
+ * LF in it makes the request fail with nothing sent, and so does a name that is no token. Blanks before the colon are
+ * left out. A line without a name and a colon is passed over, and so are Content-Length, Transfer-Encoding and Expect.
+ * Two names are directions that are obeyed and not sent, the first of each:
  *   X-oxEvent-TLS-Verify: 0             accepts any certificate, which otherwise must be the host's by the system's
  *                                       certificates
  *   X-oxEvent-Connect-Timeout-Ms: 2000  limits name lookup, connection and TLS together

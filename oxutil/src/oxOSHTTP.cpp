@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -42,11 +43,22 @@ std::string_view Trim(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
 }
 
+// RFC 9110, section 5.6.2.
+bool IsToken(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    const char lower = Lower(c);
+    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || (c != '\0' && strchr("!#$%&'*+-.^_`|~", c));
+  });
+}
+
 // Reads the header block: directions to this client, and what goes to the server.
 class HeaderReader {
  public:
-  oxHTTPHeader Read(std::string_view block) {
-    while (!block.empty()) Add(Trim(NextLine(&block)));
+  // Empty: a line would garble the request.
+  std::optional<oxHTTPHeader> Read(std::string_view block) {
+    while (!block.empty()) {
+      if (!Add(Trim(NextLine(&block)))) return std::nullopt;
+    }
     // libcurl would send these of its own accord.
     for (const char* name : {"Accept", "Content-Type", "Expect"}) {
       if (!Has(name)) Append(std::string(name) + ":");
@@ -55,13 +67,18 @@ class HeaderReader {
   }
 
  private:
-  void Add(std::string_view line) {
+  // A server answers 400 to a blank before the colon (RFC 9112, section 5.1), so the line is sent without it. A name
+  // that is no token is refused: without its line, an Authorization perhaps, the request would be another one.
+  bool Add(std::string_view line) {
     const size_t colon = line.find(':');
-    if (colon == 0 || colon == line.npos) return;  // No header line.
+    if (colon == 0 || colon == line.npos) return true;  // No header line.
     const std::string_view name = Trim(line.substr(0, colon));
+    if (!IsToken(name)) return false;
     const std::string_view value = Trim(line.substr(colon + 1));
-    if (Direct(name, value) || FramesMessage(name)) return;
-    Append(value.empty() ? std::string(name) + ";" : std::string(line));  // libcurl's way to send no value.
+    if (Direct(name, value) || FramesMessage(name)) return true;
+    // A semicolon is how libcurl is told to send no value.
+    Append(std::string(name).append(value.empty() ? ";" : line.substr(colon)));
+    return true;
   }
 
   // The first direction of its kind holds: the caller's own stand before those that a user's settings add.
@@ -105,14 +122,6 @@ class HeaderReader {
   bool timeout_given_ = false;
 };
 
-// RFC 9110, section 5.6.2.
-bool IsToken(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-    const char lower = Lower(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || (c != '\0' && strchr("!#$%&'*+-.^_`|~", c));
-  });
-}
-
 // Gives the client back on every way out, the unwinding of a cancelled thread included.
 struct Lease {
   explicit Lease(const oxHTTPRequest& its_request)
@@ -134,8 +143,11 @@ bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
   Lease lease(request);
   if (!lease.taken) return false;
   oxHTTPClient* const client = lease.client.get();
-  const bool ready = client->IsSetUpFor(request) || client->SetUp(request, HeaderReader().Read(request.header_block));
-  lease.answered = ready && client->Perform(request, answer);
+  if (!client->IsSetUpFor(request)) {
+    std::optional<oxHTTPHeader> header = HeaderReader().Read(request.header_block);
+    if (!header || !client->SetUp(request, std::move(*header))) return false;
+  }
+  lease.answered = client->Perform(request, answer);
   return lease.answered;
 }
 

@@ -13,6 +13,8 @@ namespace {
 using Form = oxEventSettingForm;
 using Type = oxEventSinkType;
 
+constexpr std::string_view kFieldBlanks = " \t";  // RFC 9110, section 5.6.3.
+
 std::string_view Trim(std::string_view text) {
   const size_t begin = text.find_first_not_of(kBlanks);
   if (begin == text.npos) return {};
@@ -33,7 +35,13 @@ std::vector<std::string> LinesOf(std::string_view text) {
 // Empty: the line has none.
 std::string HeaderName(std::string_view line) {
   const size_t colon = line.find(':');
-  return colon == line.npos ? "" : oxEventAsciiLower(Trim(line.substr(0, colon)));
+  const size_t last = line.substr(0, colon).find_last_not_of(kFieldBlanks);
+  return colon == line.npos || last == line.npos ? "" : oxEventAsciiLower(line.substr(0, last + 1));
+}
+
+bool HasBlankBeforeColon(std::string_view line) {
+  const size_t colon = line.find(':');
+  return colon != line.npos && colon > 0 && kFieldBlanks.find(line[colon - 1]) != kFieldBlanks.npos;
 }
 
 bool IsToken(std::string_view text) {  // RFC 9110, section 5.6.2.
@@ -129,8 +137,12 @@ class Rules {
              "a line without a name and a colon is passed over: line " + std::to_string(number),
              "Write NAME: VALUE, with a line end or | between two lines, and no | within one.");
       } else if (!IsToken(name)) {
-        Warn("bad-header", value.setting->name, Quoted(name) + " is no name for a header line",
+        Warn("bad-header", value.setting->name,
+             "the name of a header line holds what none may, so that every post fails: line " + std::to_string(number),
              "Use letters, digits and dashes; the colon follows at once.");
+      } else if (HasBlankBeforeColon(line)) {
+        Warn("bad-header", value.setting->name, name + ": has a blank before its colon; the client leaves that out",
+             "Remove the blank.");
       }
       for (const Rule& rule : kRules) {
         if (rule.name == name)
