@@ -4,7 +4,10 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -14,19 +17,31 @@
 
 namespace {
 
-// What a dead name server can keep waiting at a time; later names wait for their turn.
-constexpr size_t kMaxLookups = 16;
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMaxThreads = 16;
+constexpr auto kPatience = std::chrono::seconds(30);
 
 struct Lookup {
+  Clock::time_point started;
+  unsigned hung_before = 0;  // Lookups of this host in a row that were given up.
   bool done = false;
   std::string addresses;
 };
+using SharedLookup = std::shared_ptr<Lookup>;
 
 struct Lookups {
   std::mutex mutex;
   std::condition_variable changed;
-  // By host, of those that have a thread. All who want a host share its lookup. Guarded by mutex, with what it holds.
-  std::map<std::string, std::shared_ptr<Lookup>> under_way;
+  // Guarded by mutex, with what they hold:
+  size_t threads = 0;                          // At most kMaxThreads.
+  std::map<std::string, SharedLookup> newest;  // By host. All who want a host share its newest lookup.
+};
+
+// What a thread is given.
+struct Task {
+  std::string host;
+  SharedLookup lookup;
 };
 
 // Never destroyed: lookups may end while the process exits.
@@ -50,25 +65,26 @@ std::string AddressesOf(const std::string& host) {
   return addresses;
 }
 
-void* RunLookup(void* host_of) {
-  const std::unique_ptr<std::string> host(static_cast<std::string*>(host_of));
+void* RunLookup(void* task_of) {
+  const std::unique_ptr<Task> task(static_cast<Task*>(task_of));
   std::string addresses;
   try {
-    addresses = AddressesOf(*host);
+    addresses = AddressesOf(task->host);
   } catch (const std::bad_alloc&) {
     // As good as no answer.
   }
   const std::lock_guard lock(g_lookups.mutex);
-  const auto lookup = g_lookups.under_way.find(*host);
-  lookup->second->addresses.swap(addresses);
-  lookup->second->done = true;
-  g_lookups.under_way.erase(lookup);
+  task->lookup->addresses.swap(addresses);
+  task->lookup->done = true;
+  --g_lookups.threads;
+  const auto newest = g_lookups.newest.find(task->host);
+  if (newest != g_lookups.newest.end() && newest->second == task->lookup) g_lookups.newest.erase(newest);
   g_lookups.changed.notify_all();
   return nullptr;
 }
 
 // The thread takes no signal of the host's.
-bool StartThread(std::unique_ptr<std::string> host) {
+bool StartThread(std::unique_ptr<Task> task) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -77,37 +93,57 @@ bool StartThread(std::unique_ptr<std::string> host) {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   pthread_t thread;
-  const bool started = pthread_create(&thread, &attributes, RunLookup, host.get()) == 0;
+  const bool started = pthread_create(&thread, &attributes, RunLookup, task.get()) == 0;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   pthread_attr_destroy(&attributes);
-  if (started) static_cast<void>(host.release());  // The thread's.
+  if (started) static_cast<void>(task.release());  // The thread's.
   return started;
 }
 
-// Null: too many are under way.
-std::shared_ptr<Lookup> JoinOrStartLocked(const std::string& host) {
-  const auto known = g_lookups.under_way.find(host);
-  if (known != g_lookups.under_way.end()) return known->second;
-  if (g_lookups.under_way.size() >= kMaxLookups) return nullptr;
+// When a lookup counts as hung: the C library reads a name server's TCP answer without a limit. The thread cannot be
+// ended, so hung ones have to be few. The time doubles with each of them for the host, and with each thread beyond half
+// of all: a name server that is away for hours leaves threads for other names, and for its own return.
+Clock::time_point GivenUpLocked(const Lookup& lookup) {
+  const size_t beyond_half = std::max(g_lookups.threads, kMaxThreads / 2) - kMaxThreads / 2;
+  return lookup.started + kPatience * (int64_t{1} << (lookup.hung_before + beyond_half));
+}
+
+// Null: no thread is free.
+SharedLookup JoinOrStartLocked(const std::string& host) {
+  const Clock::time_point now = Clock::now();
+  const auto known = g_lookups.newest.find(host);
+  const bool is_known = known != g_lookups.newest.end();
+  if (is_known && now < GivenUpLocked(*known->second)) return known->second;
+  if (g_lookups.threads >= kMaxThreads) return nullptr;
   auto lookup = std::make_shared<Lookup>();
-  auto argument = std::make_unique<std::string>(host);
-  const auto entry = g_lookups.under_way.emplace(host, lookup).first;
-  if (StartThread(std::move(argument))) return lookup;
-  g_lookups.under_way.erase(entry);
-  lookup->done = true;
+  lookup->started = now;
+  if (is_known) lookup->hung_before = known->second->hung_before + 1;
+  std::unique_ptr<Task> task(new Task{host, lookup});
+  SharedLookup& newest = g_lookups.newest[host];
+  if (!StartThread(std::move(task))) {
+    if (newest == nullptr) g_lookups.newest.erase(host);
+    lookup->done = true;
+    return lookup;
+  }
+  newest = lookup;
+  ++g_lookups.threads;
   return lookup;
 }
 
 }  // namespace
 
-std::string oxHTTPLookup(const std::string& host, std::chrono::steady_clock::time_point deadline) {
+std::string oxHTTPLookup(const std::string& host, Clock::time_point deadline) {
   std::unique_lock lock(g_lookups.mutex);
-  std::shared_ptr<Lookup> lookup;
-  while ((lookup = JoinOrStartLocked(host)) == nullptr) {
-    if (g_lookups.changed.wait_until(lock, deadline) == std::cv_status::timeout) return "";
-  }
-  g_lookups.changed.wait_until(lock, deadline, [&] { return lookup->done; });
-  return lookup->addresses;
+  do {
+    const SharedLookup lookup = JoinOrStartLocked(host);
+    if (lookup == nullptr) {
+      g_lookups.changed.wait_until(lock, deadline);
+      continue;
+    }
+    if (!lookup->done) g_lookups.changed.wait_until(lock, std::min(GivenUpLocked(*lookup), deadline));
+    if (lookup->done) return lookup->addresses;
+  } while (Clock::now() < deadline);
+  return "";
 }
 
 void oxHTTPLookupForgetInChild() { new (g_storage) Lookups; }
