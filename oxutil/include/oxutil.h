@@ -124,9 +124,11 @@ OXUTIL_API uint32_t oxOSGetMs(void);
  * answer's text, of any status, cut to 64 KiB (the rest is not read), NUL-terminated, for OXFree; null without one.
  *
  * Connections are kept for the next request to the same place, of any thread; one that turns out to be closed before
- * any byte of an answer is the one case in which a request is sent again. Raises no signal. The names of 16 hosts are
- * looked up at a time. Once the process runs its exit handlers, https fails at once; they wait for the https requests
- * under way. A fork's child makes connections of its own.
+ * any byte of an answer is the one case in which a request is sent again. Raises no signal. At most 16 names are looked
+ * up at a time; requests for one host share its lookup, and begin another when it has hung for 30 s, or longer while
+ * many hang. Once the process runs its exit handlers, https fails at once; they wait for the https requests under way.
+ * A fork's child makes connections of its own. Every request fails in a process with rights that its caller lacks
+ * (AT_SECURE) while the environment holds SSLKEYLOGFILE or OPENSSL_ia32cap (and its like for other processors).
  */
 OXUTIL_API int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body,
                                    int32_t body_length, char** response, int32_t* status, uint32_t timeout_ms);

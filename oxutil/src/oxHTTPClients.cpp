@@ -1,9 +1,11 @@
 #include <openssl/crypto.h>
 #include <pthread.h>
+#include <sys/auxv.h>
 
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
+#include <iterator>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -57,8 +59,19 @@ void AfterForkInChild() {
   g_clients.mutex.unlock();
 }
 
+// Whether this process has rights that its caller lacks, and the caller would use them: libcurl appends TLS session
+// keys to the file that SSLKEYLOGFILE names, and the others choose OpenSSL's code, of weaker protection too. Both
+// libraries read these with getenv; what else they read is read with secure_getenv or set by oxHTTPClient.
+bool IsSteeredByCaller() {
+  constexpr const char* kVariables[] = {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap",
+                                        "OPENSSL_s390xcap"};
+  return getauxval(AT_SECURE) != 0 && std::any_of(std::begin(kVariables), std::end(kVariables),
+                                                  [](const char* variable) { return getenv(variable) != nullptr; });
+}
+
 bool StartLocked() {
   if (g_clients.started) return true;
+  if (IsSteeredByCaller()) return false;
   g_clients.idle.reserve(kMaxIdle);
   if (!g_clients.heeds_fork && pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) != 0) return false;
   g_clients.heeds_fork = true;

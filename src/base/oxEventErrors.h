@@ -54,6 +54,7 @@ enum Id : size_t {
   kSyslogSocket,
   kWebhookUrl,
   kWebhookPayloadMode,
+  kWebhookEnvironment,
   kSnmpVersion3,
   kSnmpVersion,
   kSnmpResolve,
@@ -393,6 +394,16 @@ inline constexpr Entry kTable[] = {
      {OXEVENT_INVALID_ARGUMENT},
      "An enabled section below sink\\webhook\\http has another payload_mode.",
      "Set it to native_json or cloudevents, without blanks around it."},
+    {kWebhookEnvironment,
+     Met::kCall,
+     "oxEvent webhook sink cannot start with {variable} in the environment of a privileged process",
+     {OXEVENT_FAILURE},
+     "The process has rights that its caller lacks (a set-uid or set-gid program, or one with file capabilities), and "
+     "the caller has set a variable that steers the HTTP client: SSLKEYLOGFILE would have TLS session keys written to "
+     "a "
+     "file of the caller's choice.",
+     "Start the program without the variable: unset it in the service or shell that starts it, or switch the sections "
+     "below sink\\webhook\\http and sink\\cloudevents\\http off: enabled 0."},
     {kSnmpVersion3,
      Met::kCall,
      "SNMPv3 requires a future external-library backend",

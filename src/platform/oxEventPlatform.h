@@ -90,6 +90,10 @@ bool oxEventPlatformFileHasContent(const std::string& path);
 bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
                              uint32_t timeout_ms);
 
+// The environment variable by which the caller of a process with more rights would steer the HTTP client, which does
+// not start then; else null.
+const char* oxEventPlatformHttpSteeringVariable();
+
 // The operating system's log: syslog(3), whose connection and identity belong to the whole process.
 struct oxEventNativeLogHandle;
 // `error` may be null.

@@ -1,6 +1,8 @@
 #include <pthread.h>
 #include <signal.h>
+#include <sys/auxv.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string_view>
@@ -34,6 +36,16 @@ bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_b
                                            static_cast<int32_t>(body.size()), &response, &status, timeout_ms);
   if (response != nullptr) OXFree(response);
   return accepted != 0;
+}
+
+const char* oxEventPlatformHttpSteeringVariable() {
+  if (getauxval(AT_SECURE) == 0) return nullptr;
+  // Those that libcurl and OpenSSL read with getenv.
+  for (const char* const variable :
+       {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap", "OPENSSL_s390xcap"}) {
+    if (getenv(variable) != nullptr) return variable;
+  }
+  return nullptr;
 }
 
 oxEventSignalBlock::oxEventSignalBlock(Which which) : which_(which) {

@@ -153,6 +153,9 @@ uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
   if (!known && config.type != oxEventSinkType::kCloudEventsHttp) {
     return oxEventSetErrorText(oxEventErrors::kWebhookPayloadMode, error);
   }
+  if (const char* const variable = oxEventPlatformHttpSteeringVariable()) {
+    return oxEventSetErrorText(oxEventErrors::kWebhookEnvironment, {variable}, error);
+  }
   return OXEVENT_OK;
 }
 
