@@ -230,23 +230,26 @@ TEST(oxEventSinks, FailOnlyWhereTheyMust) {
 TEST(oxEventSinks, ReportTheirFailures) {
   const HostFolder folder;
   oxEventConfig config;
-  Config csv, syslog;
+  Config csv, syslog, webhook;
   csv.type = oxEventSinkType::kCsv, csv.name = "a", csv.path = folder.path + "/rows", csv.enabled = true;
   syslog.type = oxEventSinkType::kSyslogUdp, syslog.name = "b", syslog.host = "127.255.255.255", syslog.enabled = true;
-  config.sinks = {csv, Config(), syslog};
+  webhook.type = oxEventSinkType::kWebhookHttp, webhook.name = "c", webhook.endpoint_url = "http://h";
+  webhook.enabled = true, webhook.retry_count = UINT32_MAX;  // No try, and no text.
+  config.sinks = {csv, Config(), syslog, webhook};
   ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
   uint32_t id = 0;
   ASSERT_EQ(oxEventSinkRegisterCallback([](const oxEventRecord*, void*) { throw 1; }, nullptr, &id), OXEVENT_OK);
   const Faults faults([](std::string_view call, long) { return call == "write" ? ENOSPC : 0; });
   uint64_t failed = 0;
   EXPECT_EQ(oxEventSinkSubmit(FullEvent(), &failed, nullptr) | oxEventSinkFlush(0), OXEVENT_FAILURE);
-  EXPECT_EQ(failed, 2u);
+  EXPECT_EQ(failed, 3u);
   string report;
   for (const oxEventSinkStatus& s : oxEventSinkReport()) {
     report += string(s.section) + ' ' + s.name + ' ' + std::to_string(s.failures) + ' ' + s.last_error + '\n';
   }
   EXPECT_EQ(report, "sink\\csv a 1 Unable to flush oxEvent CSV file: " + csv.path +
                         "\nsink\\syslog\\udp b 1 oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13\n"
+                        "sink\\webhook\\http c 1 \n"
                         "callbacks  1 oxEvent callback " +
                         std::to_string(id) + " threw\n");
   EXPECT_EQ(oxEventSinkShutdown(), OXEVENT_OK);

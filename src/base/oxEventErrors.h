@@ -444,10 +444,10 @@ inline constexpr Entry kTable[] = {
      Met::kDelivery,
      "oxEvent sink failed",
      {OXEVENT_FAILURE},
-     "A sink has failed without a text: there was no memory for it, or the process is the child of a fork that found a "
-     "line to the system log half written, after which a section sink\\native cannot be used there.",
-     "See to memory (free -m, memory.max of the control group). Let such a child replace itself by exec, or switch the "
-     "sections sink\\native off in its settings."},
+     "The process is the child of a fork that found a line to the system log half written: a section sink\\native "
+     "cannot "
+     "be used there.",
+     "Let such a child replace itself by exec, or switch the sections sink\\native off in its settings."},
     {kSinkThrew,
      Met::kDelivery,
      "oxEvent sink failed: {what}",
@@ -523,8 +523,9 @@ inline constexpr Entry kTable[] = {
      {OXEVENT_FAILURE},
      "The endpoint did not accept an event within request_timeout_ms (below sink\\cloudevents\\http: timeout_ms): its "
      "URL is malformed, its name was not found, there was no connection (within connect_timeout_ms), its certificate "
-     "is not trusted, its answer was no 2xx, or a token of the section holds a line end. With retry_count 4294967295 "
-     "there is no try at all. After the last try the event is lost there; the next is tried anew.",
+     "is not trusted, its answer was no 2xx, a header line's name holds what none may, or a "
+     "token of the section holds a line end. After the last try the event is lost there; the next is tried anew. (With "
+     "retry_count 4294967295 every event fails without a try and without a text.)",
      "Try curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on that machine, as the process's "
      "user, with the header lines and the token of the section. Where the endpoint is slow or away for moments, set "
      "connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},

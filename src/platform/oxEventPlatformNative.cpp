@@ -118,7 +118,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   FormatNativeMessage(event, handle->ident, &handle->line);
   while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
-  if (!g_system_log->usable) return OXEVENT_FAILURE;
+  if (!g_system_log->usable) return oxEventSetErrorText(oxEventErrors::kSinkFailed, warning_text);
   // Opened anew each time: the host, or a native sink that a reload replaced, may have opened or closed the log since.
   openlog(handle->ident.c_str(), LOG_PID, handle->facility);
   g_system_log->writing = true;

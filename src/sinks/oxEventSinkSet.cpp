@@ -128,13 +128,12 @@ void ClearSinkError() {
   g_sinks->last_error.reset();
 }
 
-// Calls a method of a sink; *error gets the reason of a failure. A sink that throws has failed. An unwinding thread
-// cannot be held up.
+// Calls a method of a sink; *error gets the reason of a failure, if the sink gives one. A sink that throws has failed.
+// An unwinding thread cannot be held up.
 template <class Call>
 bool Succeeds(Call call, std::string* error) {
   try {
     if (call(error) == OXEVENT_OK) return true;
-    if (error->empty()) oxEventSetErrorText(oxEventErrors::kSinkFailed, error);
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (const std::exception& exception) {

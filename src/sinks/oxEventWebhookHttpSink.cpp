@@ -102,6 +102,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
  private:
   uint32_t PostLocked(std::string* error) OX_REQUIRES(mutex_) {
     const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
+    if (tries == 0) return OXEVENT_FAILURE;
     for (uint32_t i = 0; i < tries; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
       if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_)) return OXEVENT_OK;
