@@ -1,9 +1,12 @@
 // The HTTP client against servers, name servers and certificates of this file's making.
 #include <dlfcn.h>
+#include <grp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sys/auxv.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include <thread>
 
@@ -23,15 +26,32 @@ void* const g_library = (setenv("http_proxy", "[::1]:1", 1), setenv("ALL_PROXY",
                          setenv("https_proxy", "[::1]:1", 1), dlopen(OXUTIL_LIBRARY, RTLD_NOW));
 const auto g_command = reinterpret_cast<decltype(&oxOSHTTPCommand)>(dlsym(g_library, "oxOSHTTPCommand"));
 BIO* const g_system_certificates = BIO_new(BIO_s_mem());
-std::atomic<bool> g_lookups_hang;
+std::atomic<bool> g_lookups_hang;  // Those that begin now.
+std::atomic<int> g_lookups_hung, g_lookups_released;
+std::atomic<int> g_seconds_ahead;  // Of the client's clock.
+std::atomic<bool> g_sends_break;   // As some versions of libcurl send for TLS: with SIGPIPE.
+std::atomic<int> g_pipe_signals;
+const auto g_on_pipe_signal = signal(SIGPIPE, [](int) { ++g_pipe_signals; });
 std::atomic<int> g_late = -1;  // A server's connection that closes just before the client sends on it.
 const Faults g_lookups([](std::string_view call, long) {
-  while (call == "getaddrinfo" && g_lookups_hang) usleep(1000);
+  if (call == "getaddrinfo" && g_lookups_hang) {
+    for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
+  }
+  if (call == "send" && g_sends_break) raise(SIGPIPE);
   if (call == "send" && g_late >= 0) dup2(STDERR_FILENO, g_late.exchange(-1));
   return 0;
 });
 const pid_t g_parent = getpid();
 extern "C" int __lsan_is_turned_off() { return getpid() != g_parent; }  // A child drops what is its parent's.
+
+bool HaveHung(int count) {
+  for (int i = 0; i < 20000 && g_lookups_hung < count; ++i) usleep(1000);
+  return g_lookups_hung == count;
+}
+void ReleaseHungLookups() {
+  g_lookups_hang = false;
+  g_lookups_released = int(g_lookups_hung);
+}
 
 // "+200 text", "-404 text" when the request failed, "-0 " without an answer. A body ends in a brace.
 string Ask(const string& url, uint32_t timeout_ms = kLong, const char* header = nullptr, const string& body = "{}",
@@ -41,6 +61,7 @@ string Ask(const string& url, uint32_t timeout_ms = kLong, const char* header = 
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min(timeout_ms + 2000, kLong / 2));
   const int ok = g_command(url.c_str(), method, header, body.data(), int(body.size()), &text, &status, timeout_ms);
   EXPECT_TRUE(std::chrono::steady_clock::now() < end && (status != 0 || text == nullptr)) << url;
+  EXPECT_EQ(g_pipe_signals.exchange(0), 0) << url;
   const string answer = (ok != 0 ? "+" : "-") + std::to_string(status) + " " + (text != nullptr ? text : "");
   reinterpret_cast<decltype(&OXFree)>(dlsym(g_library, "OXFree"))(text);
   return answer;
@@ -90,7 +111,8 @@ struct Server {
   bool Serve(int* polled, BIO* bio, const std::stop_token& stop) {
     const int fd = std::exchange(*polled, -1);
     string request, part(65536, 0);
-    while (answers[0][0] >= 'a' && !request.ends_with("}") && !request.ends_with("}\r\n\r\n")) {
+    while (answers[0][0] >= 'a' && !request.ends_with("}") && !request.ends_with("}\r\n\r\n") &&
+           !request.ends_with("Length: 0\r\n\r\n")) {
       const int size = BIO_read(bio, part.data(), 65536);
       if (size <= 0) return false;
       request.append(part, 0, size_t(size));
@@ -157,6 +179,7 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
   }
   EXPECT_EQ(Ask(url, kLong, header.c_str(), body), "+200 ok");
   EXPECT_EQ(Ask(url + "/p?q=%20"), "+200 ok");
+  EXPECT_EQ(Ask(url + "/a b"), "-0 ");  // Which costs the connection.
   for (const char* bad : {"A: 1\r\nB: 2", "A: 1\n", "\rA: 1", "B\xA7X-oxEvent-TLS-Verify: 0\r"})
     EXPECT_EQ(Ask(url, kLong, bad) + Ask(url, 0), "-0 -0 ");
   for (const char* bad : {"ftp://127.0.0.1", "http://", "file:///etc/hosts?"}) EXPECT_EQ(Ask(bad + server.port), "-0 ");
@@ -169,7 +192,32 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
     const string length = text.empty() ? "" : "\r\nContent-Length: " + std::to_string(text.size());
     all.push_back(row.substr(0, 1) + " " + path + start + line + length + "\r\n\r\n" + text);
   }
-  EXPECT_TRUE(server.Stop() == all && server.polls.size() == 2) << testing::PrintToString(server.requests);
+  EXPECT_TRUE(server.Stop() == all && server.polls.size() == 3) << testing::PrintToString(server.requests);
+}
+
+TEST(oxOSHTTPCommand, SendsHeaderNamesOnlyAsServersTakeThem) {
+  Server server("k4");
+  const char* const blanks = "X-A : 1\xA7X-B\t :2\xA7X-C :\xA7Transfer-Encoding : x\xA7X-oxEvent-TLS-Verify : 1";
+  EXPECT_EQ(Ask(kHost + server.port, kLong, blanks), "+200 ok");
+  for (const char* bad : {"X A: 1", "A\x01: 1", "A\v: 1", "\u00E4: 1", "A(: 1", "X: 1\xA7X Y: 2"})
+    EXPECT_EQ(Ask(kHost + server.port, kLong, bad), "-0 ") << bad;
+  const string lines = "X-A: 1\r\nX-B:2\r\nX-C:\r\nContent-Length: 2\r\n\r\n{}";
+  EXPECT_EQ(server.Stop(), Strings{"POST / HTTP/1.1\r\nHost: 127.0.0.1" + server.port + "\r\n" + lines});
+}
+
+TEST(oxOSHTTPCommand, SendsEveryTokenAsMethodAndNothingElse) {
+  Server server("k4~k4~k4~k4~k4~k22\r\n\r\n");
+  Strings sent;
+  const auto ask = [&](const string& method, const string& length) {
+    EXPECT_EQ(Ask(kHost + server.port, kLong, "A: }", "", method.c_str()), method == "HEAD" ? "+200 " : "+200 ok")
+        << method;
+    sent.push_back(method + " / HTTP/1.1\r\nHost: 127.0.0.1" + server.port + "\r\nA: }\r\n" + length + "\r\n");
+  };
+  for (const char* method : {"POST", "PUT", "PATCH"}) ask(method, "Content-Length: 0\r\n");
+  for (const char* method : {"DELETE", "!#$%&'*+-.^_`|~azAZ09", "HEAD"}) ask(method, "");
+  for (const char* bad : {"", "GE T", "GET\r\nX: 1\r\n", "GET / HTTP/1.1\r\n\r\n", "G:", "G@", "G[", "G{", "G\x7F"})
+    EXPECT_EQ(Ask(kHost + server.port, 1000, "A: }", "", bad), "-0 ") << bad;
+  EXPECT_EQ(server.Stop(), sent);
 }
 
 TEST(oxOSHTTPCommand, GivesEachRequestItsAnswer) {
@@ -183,6 +231,7 @@ TEST(oxOSHTTPCommand, GivesEachRequestItsAnswer) {
 }
 
 TEST(oxOSHTTPCommand, ComesBackFromAnyServerInTimeWithBoundedMemory) {
+  const size_t descriptors = Entries("/proc/self/fd");
   for (const string& row : Split(
            "-0 h0~-h1A~-h22\r\n\r\na~-h1A: |a~-h1|A: b\r\n~-0 h0|x~-h0|HTTP/1.1 100 Continue\r\n\r\n~+200 bbh1\r\n|b"
            "~+200 bbh3|1\r\nb\r\n~-h30\r\n|T: t\r\n~-c2-1\r\n\r\n~-c29\r\n\r\nshort~-c299999999999999999999\r\n\r\nb"
@@ -192,6 +241,7 @@ TEST(oxOSHTTPCommand, ComesBackFromAnyServerInTimeWithBoundedMemory) {
     const string body(16 << 20, '}');
     EXPECT_TRUE(Ask(kHost + server.port, 300, "", row[end] < 'a' ? body : "{}").starts_with(row.substr(0, end))) << row;
   }
+  EXPECT_LE(Entries("/proc/self/fd"), descriptors + 16);  // Kept connections.
 #ifndef OXEVENT_SANITIZED
   rusage usage;
   EXPECT_TRUE(getrusage(RUSAGE_SELF, &usage) == 0 && usage.ru_maxrss < 112 * 1024) << usage.ru_maxrss;  // KiB.
@@ -204,7 +254,7 @@ TEST(oxOSHTTPCommand, LimitsLookupConnectionAndTlsByTheConnectTimeout) {
   g_lookups_hang = true;
   for (const string& url : {kHost + full.port, "http://a.test" + full.port, "https://127.0.0.1" + silent.port})
     EXPECT_EQ(Ask(url, 100) + Ask(url, kLong, "X-oxEvent-Connect-Timeout-Ms: 100"), "-0 -0 ");
-  g_lookups_hang = false;
+  ReleaseHungLookups();
 }
 
 TEST(oxOSHTTPCommand, WorksOnWhileNoNameServerAnswers) {
@@ -213,10 +263,45 @@ TEST(oxOSHTTPCommand, WorksOnWhileNoNameServerAnswers) {
   const size_t threads = Entries("/proc/self/task");
   g_lookups_hang = true;
   for (int i = 0; i < 200; ++i) EXPECT_EQ(Ask("http://n" + std::to_string(i) + ".test", 2), "-0 ");
-  EXPECT_LE(Entries("/proc/self/task"), threads + 64);
+  g_seconds_ahead += 1'000'000;  // When all of them count as hung.
+  EXPECT_EQ(Ask("http://n0.test", 2), "-0 ");
+  EXPECT_LE(Entries("/proc/self/task"), threads + 16);
   EXPECT_EQ(Ask("http://a.test" + server.port) + Ask(kHost + server.port), "+200 ok+200 ok");
-  g_lookups_hang = false;
+  ReleaseHungLookups();
   EXPECT_EQ(Ask("http://b.test" + server.port), "+200 ok");  // When it gets one of the threads that now end.
+  while (Entries("/proc/self/task") > threads) usleep(1000);
+}
+
+TEST(oxOSHTTPCommand, LooksANameUpAgainWhenALookupHangs) {
+  Server server("k4");
+  const string url = "http://hung.test" + server.port;
+  const size_t threads = Entries("/proc/self/task");
+  const int hung_before = g_lookups_hung;
+  const auto ask_while_lookups_hang = [&](int hung) {
+    g_lookups_hang = true;
+    EXPECT_EQ(Ask(url, 50), "-0 ");
+    EXPECT_TRUE(HaveHung(hung_before + hung));
+    g_lookups_hang = false;
+  };
+  ask_while_lookups_hang(1);
+  g_seconds_ahead += 31;
+  ask_while_lookups_hang(2);
+  ++g_lookups_released;  // The first comes back, and takes nothing from the second.
+  while (Entries("/proc/self/task") > threads + 1) usleep(1000);
+  g_seconds_ahead += 31;
+  EXPECT_EQ(Ask(url, 50), "-0 ");  // Joins the second, which has twice the time.
+  g_seconds_ahead += 31;
+  EXPECT_EQ(Ask(url), "+200 ok");
+  ReleaseHungLookups();
+}
+
+TEST(oxOSHTTPCommand, LeavesLookupThreadsForOtherNames) {
+  g_lookups_hang = true;
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(Ask("http://m" + std::to_string(i) + ".test", 2), "-0 ");
+  g_seconds_ahead += 45;
+  EXPECT_EQ(Ask("http://m0.test", 50), "-0 ");
+  EXPECT_TRUE(HaveHung(g_lookups_released + 9));
+  ReleaseHungLookups();
 }
 
 TEST(oxOSHTTPCommand, KeepsConnectionsForEveryThread) {
@@ -262,9 +347,73 @@ TEST(oxOSHTTPCommand, TalksOnlyToTheServerThatTheCertificateNames) {
   }
 }
 
+TEST(oxOSHTTPCommand, RaisesNoSignalWhereTlsSendsIntoABrokenConnection) {
+  Server server("k4", g_tls);
+  const string url = "https://a.test" + server.port;
+  EXPECT_EQ(Ask(url), "+200 ok");
+  g_sends_break = true;
+  EXPECT_EQ(Ask(url), "+200 ok");
+  EXPECT_EQ(Ask(url, kLong, "A B: 1"), "-0 ");  // Closes the connection, with TLS's close_notify.
+  g_sends_break = false;
+}
+
+// This program again, as a set-uid host: in the environment are the URL of a server, and the folder with its settings.
+const bool g_is_no_set_uid_host = [] {
+  const char* const url = getenv("OXUTIL_TEST_URL");
+  if (url == nullptr) return true;
+  if (getauxval(AT_SECURE) == 0) _exit(1);
+  const string folder = getenv("OXUTIL_TEST_FOLDER"), settings = folder + "/settings.xml";
+  const int answered = g_command(url, "POST", nullptr, "{}", 2, nullptr, nullptr, kLong);
+  void* const library = dlopen(OXEVENT_LIBRARY, RTLD_NOW);
+  char text[512];
+  const auto code =
+      reinterpret_cast<decltype(&oxEventInitialize)>(dlsym(library, "oxEventInitialize"))(settings.c_str());
+  reinterpret_cast<decltype(&oxEventGetLastError)>(dlsym(library, "oxEventGetLastError"))(text, sizeof text);
+  std::ofstream(folder + "/answer") << answered << ' ' << std::hex << code << ' ' << text;
+  _exit(0);
+}();
+
+TEST(oxOSHTTPCommand, RefusesToStartWhereTheCallerOfASetUidHostSteersIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a set-uid program";
+  Server server("k4");
+  const HostFolder folder;
+  const string host = folder.path + "/host", keys = folder.path + "/keys", url = kHost + server.port;
+  std::filesystem::copy_file("/proc/self/exe", host);
+  EXPECT_EQ(chmod(host.c_str(), 04755) | chmod(folder.path.c_str(), 0755), 0);
+  const string at_url = "OXUTIL_TEST_URL=" + url, at_folder = "OXUTIL_TEST_FOLDER=" + folder.path;
+  for (const string variable : {"", "SSLKEYLOGFILE", "OPENSSL_ia32cap"}) {
+    WriteSettings(folder.path + "/settings.xml", "",
+                  {{"sink\\webhook\\http\\w\\enabled", "1"}, {"sink\\webhook\\http\\w\\endpoint_url", url}});
+    const string value = variable + "=" + (variable[0] == 'S' ? keys : "");
+    const int exit_code = InChild([&] {
+      const char* const environment[] = {at_url.c_str(), at_folder.c_str(), value.c_str(), nullptr};
+      if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return 2;
+      return execle(host.c_str(), host.c_str(), nullptr, environment);
+    });
+    if (exit_code == 1) GTEST_SKIP() << "the set-uid bit has no effect here";
+    ASSERT_EQ(exit_code, 0);
+    const string refusal =
+        "0 80050005 oxEvent webhook sink cannot start with " + variable + " in the environment of a privileged process";
+    EXPECT_EQ(ReadFile(folder.path + "/answer"), variable.empty() ? "1 0 " : refusal);
+    EXPECT_FALSE(std::filesystem::exists(keys));
+  }
+  EXPECT_EQ(server.Stop().size(), 1u);
+}
+
 }  // namespace
 
-// The executable's own stands before the C library's.
+// The executable's own stand before the C library's. The kernel knows nothing of the time that the clock is ahead.
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const long result = syscall(SYS_clock_gettime, clock, now);
+  if (clock == CLOCK_MONOTONIC) now->tv_sec += g_seconds_ahead;
+  return int(result);
+}
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* until) {
+  static const auto next =
+      reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+  const timespec end = {until->tv_sec - (clock == CLOCK_MONOTONIC ? g_seconds_ahead.load() : 0), until->tv_nsec};
+  return next(condition, mutex, clock, &end);
+}
 FILE* fopen64(const char* path, const char* mode) {
   char* text;
   const auto size = size_t(BIO_get_mem_data(g_system_certificates, &text));
