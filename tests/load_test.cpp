@@ -254,6 +254,7 @@ TEST_F(oxEventLoad, WritesRowsBeforeItWaitsForTheEventInDelivery) {
   const int first = accept4(http, nullptr, nullptr, SOCK_CLOEXEC);
   auto stop = std::async(std::launch::async, oxEventShutdown);
   expect_row_before_the_request_ends("0-1", first);
+  ASSERT_FALSE(HasFailure());
   // Delivered by the drain, and still in delivery when its time is up.
   expect_row_before_the_request_ends("0-2", accept4(http, nullptr, nullptr, SOCK_CLOEXEC));
   EXPECT_EQ(stop.get(), OXEVENT_FAILURE);

@@ -292,7 +292,12 @@ struct CsvSinkSet : testing::Test {  // The process's sinks: one CSV file, which
 };
 
 TEST_F(CsvSinkSet, FailsTheFlushAfterAReloadOnceAndOnlyIfRowsWereLost) {
-  for (const bool lost : {false, true}) {
+  const struct {
+    const char* name;
+    bool flushed_before, lost;
+  } cases[] = {{"late", false, false}, {"late, and flushed before", true, false}, {"lost", false, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     MakePipe();
     config.sinks[0].flush_each_event = true;
     ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
@@ -300,16 +305,18 @@ TEST_F(CsvSinkSet, FailsTheFlushAfterAReloadOnceAndOnlyIfRowsWereLost) {
     auto delivery = InBackground([&] { return Submit(large); });
     while (Ready() < 4096) ASSERT_EQ(delivery.wait_for(std::chrono::milliseconds(1)), std::future_status::timeout);
     EXPECT_EQ(oxEventSinkReloadConfig({}), OXEVENT_OK);
-    if (lost) {
+    EXPECT_EQ(c.flushed_before ? oxEventSinkFlush(1) : OXEVENT_FAILURE, OXEVENT_FAILURE);
+    if (c.lost) {
       close(std::exchange(reader, -1));
     } else {
-      EXPECT_EQ(oxEventSinkFlush(1), OXEVENT_FAILURE);  // Not yet in the file.
       EXPECT_EQ(Read(Row(large).size()), Row(large));
     }
-    EXPECT_EQ(delivery.get(), lost ? OXEVENT_FAILURE : OXEVENT_OK);
-    EXPECT_EQ(oxEventSinkFlush(0), lost ? OXEVENT_FAILURE : OXEVENT_OK);
+    const uint32_t expected = c.lost ? OXEVENT_FAILURE : OXEVENT_OK;
+    EXPECT_EQ(delivery.get(), expected);
+    EXPECT_EQ(oxEventSinkFlush(0), expected);
     EXPECT_EQ(oxEventSinkFlush(0) | oxEventSinkShutdown(), OXEVENT_OK);
-    close(reader), unlink(path.c_str());
+    close(reader);
+    unlink(path.c_str());
   }
 }
 
