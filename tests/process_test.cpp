@@ -73,6 +73,7 @@ int OwnGethostname(char* name, size_t size) {
   return snprintf(name, size, "host") > 0 ? 0 : -1;
 }
 
+#ifndef __SANITIZE_THREAD__  // That sanitizer makes keys before this program is ready.
 // A thread that ends is slow to call what the library has registered for that.
 void (*g_at_thread_end)(void*);
 extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void*)) noexcept {
@@ -84,6 +85,7 @@ extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void
   g_at_thread_end = at_thread_end;
   return next(key, [](void* value) { Hang(), g_at_thread_end(value); });
 }
+#endif
 
 bool Fails(uint32_t code, const std::string& error, uint32_t expected = OXEVENT_FAILURE) {
   char text[256] = "";
@@ -283,7 +285,7 @@ void ForkAmidReload() {
   reload.join();
 }
 
-void UnloadAmidThreadEnd() {
+[[maybe_unused]] void UnloadAmidThreadEnd() {
   std::atomic<pid_t> id = 0;
   std::thread thread([&id] { ox->Flush(0), id = gettid(); });
   AWAIT(id != 0 && (g_hanging > 0 || !std::filesystem::exists("/proc/self/task/" + std::to_string(id))));
@@ -343,7 +345,9 @@ constexpr Case kCases[] = {
     {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAny, "M", "i"},
     {"shutdown_amid_lookup", ShutdownAmidLookup, 0, kAny | kLost | kThreads, "M", "i"},
     {"fork_amid_reload", ForkAmidReload, 0, kAny | kThreads, "M", "i"},
+#ifndef __SANITIZE_THREAD__
     {"unload_amid_thread_end", [] { Stop(), UnloadAmidThreadEnd(); }, 0, kAny, "M", "i"},
+#endif
     {"threads_end", EndThreads, 0, kAny, "M", "i"},
     {"file_size_at_reload", [] { LimitFileSize(), LoseRowsInAReload(); }, 0, kAny | kLost, "M", "i"},
     {"file_size_at_exit", LimitFileSize, 0, kLost, "M", "i"},
