@@ -59,8 +59,16 @@ void LinkLastLocked(Link* link) {
   link->previous->next = link->next->previous = link;
 }
 
-void FreeLocked(ThreadText* text) {
-  UnlinkLocked(text);
+// Null: there is none.
+ThreadText* TakeFirstLocked() {
+  Link* const first = g_texts.next;
+  if (first == &g_texts) return nullptr;
+  g_texts.next = first->next;
+  first->next->previous = &g_texts;
+  return static_cast<ThreadText*>(first);
+}
+
+void Free(ThreadText* text) {
   free(text->text);
   free(text);
 }
@@ -68,13 +76,13 @@ void FreeLocked(ThreadText* text) {
 // A thread that ends leaves its text behind. Each new text looks at the two that nobody has looked at for longest, so
 // at most about half of the texts are of threads that are gone. Where the system forbids to ask, they stay.
 void SweepLocked(pid_t self) {
-  for (int i = 0; i < kSweepAtOnce && g_texts.next != &g_texts; ++i) {
-    auto* const oldest = static_cast<ThreadText*>(g_texts.next);
+  for (int i = 0; i < kSweepAtOnce; ++i) {
+    ThreadText* const oldest = TakeFirstLocked();
+    if (oldest == nullptr) return;
     const bool gone = oldest->thread == self || (tgkill(getpid(), oldest->thread, 0) != 0 && errno == ESRCH);
     if (gone) {
-      FreeLocked(oldest);
+      Free(oldest);
     } else {
-      UnlinkLocked(oldest);
       LinkLastLocked(oldest);
     }
   }
@@ -111,7 +119,9 @@ void oxEventClearLastError() {
   if (OwnText() == nullptr) return;
   oxEventLock lock(*g_mutex);
   if (!g_open) return;
-  FreeLocked(OwnText());
+  ThreadText* const own = OwnText();
+  UnlinkLocked(own);
+  Free(own);
   pthread_setspecific(g_oxEventLastError, nullptr);
 }
 
@@ -126,7 +136,7 @@ void oxEventLastErrorUnload() {
   g_unloaded = true;
   if (!g_open.exchange(false)) return;
   pthread_key_delete(g_oxEventLastError);
-  while (g_texts.next != &g_texts) FreeLocked(static_cast<ThreadText*>(g_texts.next));
+  while (ThreadText* const text = TakeFirstLocked()) Free(text);
 }
 
 void oxEventLastErrorForgetInChild() {

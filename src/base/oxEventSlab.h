@@ -57,8 +57,8 @@ class oxEventSlab {
 
   static size_t ClassOf(size_t size);
   static Span* SpanOf(const void* block) {
-    return reinterpret_cast<Span*>(reinterpret_cast<uintptr_t>(block) &
-                                   ~(kSpanSize - 1));  // NOLINT(performance-no-int-to-ptr)
+    const auto address = reinterpret_cast<uintptr_t>(block);
+    return reinterpret_cast<Span*>(address & ~(kSpanSize - 1));  // NOLINT(performance-no-int-to-ptr)
   }
   static bool IsFull(const Span* span) {
     return span->free_list == nullptr && span->unused_offset + span->block_size > kSpanSize;
