@@ -185,23 +185,6 @@ TEST_F(oxEventApi, WorksFromInsideACallback) {
   EXPECT_EQ(ReadMessages(csv2_), (Texts{"message", "new", "more", "new", "more"}));
 }
 
-TEST_F(oxEventApi, HasLeftAnUnregisteredCallbackOnceAFlushSucceeds) {
-  std::promise<void> entered, go;
-  bool left = false;
-  recorder_.on_event = [&](const oxEventRecord&) {
-    entered.set_value(), go.get_future().wait();
-    left = true;
-  };
-  Start();
-  EXPECT_EQ(Send("m"), 0u);
-  entered.get_future().wait();
-  EXPECT_EQ(Got(oxEventUnregisterCallback(id_)), kOk);
-  EXPECT_EQ((Texts{Got(oxEventFlush(1)), Got(Send("not for it"))}), (Texts{kPending, kOk}));
-  go.set_value();
-  EXPECT_EQ(Got(oxEventFlush(0)), kOk);
-  EXPECT_TRUE(left && recorder_.messages == Texts{"m"});
-}
-
 TEST_F(oxEventApi, WritesCsvRowsWhole) {  // So that a process that is killed leaves whole ones.
   recorder_.on_event = [&](const oxEventRecord&) { EXPECT_TRUE(ReadFile(csv_).ends_with('\n')); };
   Start();
