@@ -64,13 +64,14 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
   long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {              \
     static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call));             \
     const int answer = Ask(#call, first);                                                                  \
-    if (answer > 0) return #call[0] == 'p' ? answer : (errno = answer, -1);                                \
+    if (answer > 0) return #call[1] == 't' && #call[0] == 'p' ? answer : (errno = answer, -1);             \
     return next(first, second, answer < 0 ? std::min<long>(third, -answer) : third, fourth, fifth, sixth); \
   }
 // clang-format off
 OWN(open) OWN(openat) OWN(read) OWN(write) OWN(close) OWN(fsync) OWN(ftruncate) OWN(lseek) OWN(fstat) OWN(fstatat)
 OWN(stat) OWN(faccessat) OWN(getrandom) OWN(fchmod) OWN(fchown) OWN(lgetxattr) OWN(llistxattr) OWN(fsetxattr) OWN(fremovexattr)
-OWN(renameat) OWN(unlinkat) OWN(mkdir) OWN(socket) OWN(connect) OWN(send) OWN(sendto) OWN(pthread_create)
+OWN(renameat) OWN(unlinkat) OWN(mkdir) OWN(socket) OWN(connect) OWN(send) OWN(sendto) OWN(poll) OWN(getsockopt)
+OWN(pthread_create)
 #ifndef OXEVENT_SANITIZED  // Whose own mappings come this way, before anything is set up.
 OWN(mmap) OWN(munmap)
 #endif

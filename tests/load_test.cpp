@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "core/oxEventRouter.h"
-#include "faults.h"
 #include "host_fixture.h"
 
 namespace {
@@ -259,23 +258,6 @@ TEST_F(oxEventLoad, WritesRowsBeforeItWaitsForTheEventInDelivery) {
   expect_row_before_the_request_ends("0-2", accept4(http, nullptr, nullptr, SOCK_CLOEXEC));
   EXPECT_EQ(stop.get(), OXEVENT_FAILURE);
   close(http);
-}
-
-TEST_F(oxEventLoad, GoesOnWhileAReloadWaitsForANameServer) {
-  std::promise<void> asked, answer;
-  Start("", {});
-  WriteSettings(settings, "", {{"sink\\syslog\\udp\\a\\enabled", "1"}, {"sink\\syslog\\udp\\a\\host", "dead.test"}});
-  const Faults faults([&](std::string_view call, long) {
-    return call == "getaddrinfo" ? asked.set_value(), answer.get_future().wait(), 0 : 0;
-  });
-  auto reload = std::async(std::launch::async, [] { return oxEventReloadConfig(nullptr); });
-  asked.get_future().wait();
-  for (size_t i = 0; i < 1000; ++i) EXPECT_EQ(Submit(0, ++sent), 0u);
-  EXPECT_EQ(oxEventFlush(0) | oxEventUnregisterCallback(id), 0u);
-  EXPECT_EQ(delivered, 1000u);
-  EXPECT_EQ(oxEventShutdown(), 0u);  // Does not wait for the name server either.
-  answer.set_value();
-  EXPECT_EQ(reload.get(), OXEVENT_NOT_INITIALIZED);
 }
 
 }  // namespace

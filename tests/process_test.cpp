@@ -269,6 +269,8 @@ std::thread ReloadWithSyslog(const char* host, uint32_t expected) {
 void ShutdownAmidLookup() {
   std::thread reload = ReloadWithSyslog("hangs.test", OXEVENT_NOT_INITIALIZED);
   AWAIT(g_hanging == 1);
+  Submit(3);
+  CHECK(ox->Flush(0) == 0);
   CHECK(Fork([] { Live(), CHECK(ox->ReloadConfig("own.xml") == 0), Stop(); }) == 0);
   Stop();
   CHECK(Start("own.xml"));

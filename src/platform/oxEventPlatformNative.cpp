@@ -80,7 +80,7 @@ void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view i
   AppendItem(" event_type=", or_dash(event.event_type), line);
   AppendItem(" source_id=", or_dash(event.source_id), line);
   AppendItem(" source_name=", or_dash(event.source_name), line);
-  AppendItem(" native_source=", ident.empty() ? "oxEvent" : ident, line);
+  AppendItem(" native_source=", ident, line);
   AppendItem(" message=\"", event.message, line);
   line->push_back('"');
   if (!event.dedupe_key.empty()) AppendItem(" dedupe_key=", event.dedupe_key, line);
