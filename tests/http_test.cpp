@@ -172,7 +172,9 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
   string header, sent, url = kHost + server.port;
   for (const string& line :  // Those behind a dash are not sent.
        Split("A: 1~a:2~B: \u00E7~B: \u00E7\u00A7\u20A7\u09D7\U0001F4A7\U00027000~C: \xC3\xA4~C: \xFF~C: \xC1~C: \x82~E:"
-             "~User-Agent: u~-C;~-~-: C~-x-oxevent-connect-timeout-ms:9999~-X-oxEvent-TLS-Verify: 1~-content-length: 7"
+             "~F: \xC3(~F: \xE0\x9F~F: \xE1(~F: \xED\x9F\xA7~F: \xED\xA0~F: \xF0\x8F\x82~F: \xF1(~F: \xF1\x82("
+             "~F: \xF1\x82\x82(~F: \xF4\x8F\x82\xA7~F: \xF4\x90\x82~User-Agent: u~-C;~-~-: "
+             "C~-x-oxevent-connect-timeout-ms:9999~-X-oxEvent-TLS-Verify: 1~-content-length: 7"
              "~-Expect: 100-continue~-Transfer-Encoding: chunked")) {
     header += line.substr(line[0] == '-') + "\xA7";
     if (line[0] != '-') sent += line + "\r\n";
