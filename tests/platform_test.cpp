@@ -16,23 +16,25 @@ using std::string;
 
 std::atomic<int> g_lines = 0;
 std::atomic<bool> g_held = false;
-size_t g_size = 0;  // Of the last line.
+int g_priority = 0;  // Of the last line.
+string g_line;
 
-void Line(va_list arguments) {
-  g_size = strlen(va_arg(arguments, const char*));
+void Line(int priority, va_list arguments) {
+  g_priority = priority;
+  g_line = va_arg(arguments, const char*);
   for (++g_lines; g_held;) usleep(100);
 }
 
-extern "C" void syslog(int, const char* format, ...) {
+extern "C" void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  Line(arguments);
+  Line(priority, arguments);
   va_end(arguments);
 }
-extern "C" void __syslog_chk(int, int, const char* format, ...) {
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  Line(arguments);
+  Line(priority, arguments);
   va_end(arguments);
 }
 
@@ -126,26 +128,44 @@ TEST_F(oxEventNativeLog, SurvivesTheCancellationOfAFork) {
   EXPECT_TRUE(Writes());
 }
 
-TEST_F(oxEventNativeLog, CutsOnlyWhatADatagramSocketIsKnownToRefuse) {
+TEST_F(oxEventNativeLog, WritesWithItsFacility) {
+  std::istringstream rows(
+      "user 11 mail 19 daemon 27 auth 35 Security 35 authpriv 83 cron 75 ftp 91 local0 131 local1 139 local2 147 "
+      "local3 155 local4 163 local5 171 local6 179 LOCAL7 187 local9 163 x 163");
+  oxEventNativePlatformConfig config;
+  oxEventNormalizedEvent event;
+  event.severity = OXEVENT_SEVERITY_ERROR;
+  for (int priority = 0; rows >> config.facility >> priority;) {
+    oxEventPlatformNativeClose(handle);
+    EXPECT_EQ(oxEventPlatformNativeOpen(config, &handle, nullptr), OXEVENT_OK);
+    EXPECT_EQ(oxEventPlatformNativeWrite(handle, event, nullptr, nullptr), OXEVENT_OK);
+    EXPECT_EQ(g_priority, priority) << config.facility;
+  }
+}
+
+TEST_F(oxEventNativeLog, CutsBetweenCharactersOnlyWhatADatagramSocketIsKnownToRefuse) {
   const struct {
     const char* call;
     int error;
-    size_t message;
+    size_t characters;  // Of two bytes each.
     bool cut;
-  } cases[] = {{"connect", ENOENT, 300'000, true},
-               {"connect", ENOENT, 100'000, false},
-               {"connect", EPROTOTYPE, 300'000, false},  // A log that takes a stream.
-               {"socket", EMFILE, 300'000, false},
-               {"getsockopt", EINVAL, 300'000, false}};
+  } cases[] = {{"connect", ENOENT, 150'000, true},
+               {"connect", ENOENT, 50'000, false},
+               {"connect", EPROTOTYPE, 150'000, false},  // A log that takes a stream.
+               {"socket", EMFILE, 150'000, false},
+               {"getsockopt", EINVAL, 150'000, false}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(string(c.call) + ' ' + std::to_string(c.error));
-    const string message(c.message, 'm');
-    oxEventNormalizedEvent event;
-    event.message = message;
-    event.severity = 4;  // None of ours: it goes out all the same.
-    const Faults faults([&](std::string_view call, long) { return call == c.call ? c.error : 0; });
-    EXPECT_EQ(oxEventPlatformNativeWrite(handle, event, nullptr, nullptr), OXEVENT_OK);
-    EXPECT_EQ(g_size < c.message, c.cut);
+    for (string message : {"", "x"}) {
+      SCOPED_TRACE(c.call + std::to_string(c.error) + message);
+      for (size_t i = 0; i < c.characters; ++i) message += "\xC3\xA9";
+      oxEventNormalizedEvent event;
+      event.message = message;
+      event.severity = 4;  // None of ours: it goes out all the same.
+      const Faults faults([&](std::string_view call, long) { return call == c.call ? c.error : 0; });
+      EXPECT_EQ(oxEventPlatformNativeWrite(handle, event, nullptr, nullptr), OXEVENT_OK);
+      EXPECT_TRUE(g_line.ends_with(c.cut ? "\xA9" : "\xA9\""));
+      EXPECT_TRUE(!c.cut || g_line.size() > 200'000);
+    }
   }
 }
 

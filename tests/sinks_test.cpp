@@ -366,41 +366,6 @@ TEST_F(CsvSinkSet, TriesAFlushWithoutWaitingForTheReaderOfAPipe) {
   EXPECT_EQ(flush.get(), OXEVENT_OK);
 }
 
-struct oxEventNativeSinkTest : testing::Test {
-  void SetUp() override {
-    if (!log.bound) GTEST_SKIP() << "The machine has a log daemon";
-  }
-  string Write(const Config& config, const Event& event) const {
-    EXPECT_EQ(Do(oxEventCreateNativeSink, config, event), "");
-    string line(1 << 20, 0);
-    return line.substr(0, static_cast<size_t>(std::max<ssize_t>(0, recv(log.fd, &line[0], line.size(), MSG_DONTWAIT))));
-  }
-  const SystemLog log = SystemLog(LOCK_EX);
-};
-
-TEST_F(oxEventNativeSinkTest, WritesWithItsFacility) {
-  std::istringstream rows(
-      "user 11 mail 19 daemon 27 auth 35 Security 35 authpriv 83 cron 75 ftp 91 local0 131 local1 139 local2 147 "
-      "local3 155 local4 163 local5 171 local6 179 LOCAL7 187 local9 163 x 163");
-  Config config;
-  for (string priority; rows >> config.native_facility >> priority;) {
-    EXPECT_TRUE(Write(config, FullEvent()).starts_with("<" + priority + ">")) << config.native_facility;
-  }
-}
-
-TEST_F(oxEventNativeSinkTest, CutsALineThatTheSocketWouldRefuseBetweenTwoCharacters) {
-  Config config;
-  for (const string start : {"", "x"}) {
-    string message = start;
-    for (size_t i = 0; i < 150'000; ++i) message += "\xC3\xA9";
-    Event event = FullEvent();
-    event.message = message;
-    const string line = Write(config, event), text = line.substr(std::min(line.size(), line.find("message=\"") + 9));
-    EXPECT_GT(line.size(), 200'000u);
-    EXPECT_TRUE(message.starts_with(text) && text.ends_with("\xA9"));
-  }
-}
-
 TEST(oxEventSinks, FailOnlyWhereTheyMust) {
   for (const auto& [create, name] : {std::pair(kSyslog, "syslog UDP"s), {kTrap, "SNMP trap"}}) {
     Config c = Receiver();
