@@ -2,7 +2,7 @@
 import collections, ctypes, json, os, re, socket, subprocess, sys, tempfile, time, unittest, urllib.request
 from pathlib import Path
 
-sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../examples/python"]
+sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../tools/python"]
 import oxevent, receivers
 from receivers import await_, free_port, read_log
 

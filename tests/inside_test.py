@@ -50,7 +50,7 @@ class Test(unittest.TestCase):
         write_settings(self.settings, SETTINGS)
 
     def host(self, script, library=LIBRARY):
-        environment = os.environ | {"PYTHONPATH": f"{ROOT}/examples/python", "OXEVENT_LIBRARY": str(library)}
+        environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "OXEVENT_LIBRARY": str(library)}
         host = subprocess.Popen([PYTHON, "-Bc", script, self.settings], env=environment, text=True,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         for step in (host.stdin.close, host.stdout.close, host.wait, host.kill):  # From the last.

@@ -4,7 +4,7 @@ from datetime import datetime, timedelta, timezone
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-sys.path[:0] = [f"{ROOT}/examples/python", f"{ROOT}/scripts"]
+sys.path[:0] = [f"{ROOT}/tools/python", f"{ROOT}/scripts"]
 import oxevent
 from receivers import octets, write_settings
 

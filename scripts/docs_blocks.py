@@ -1,4 +1,4 @@
-"""What the documents show must work: docs_test.py [-v] [Test.test_NAME...].
+"""What the documents show must work: docs_blocks.py [-v] [Test.test_NAME...], with a build in OXEVENT_BUILD.
 
 Every code block is compiled or run, in order, in a copy of the tree of the page's own. Above a block may stand:
 <!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": until the page's end; the next block waits for the port
@@ -11,10 +11,8 @@ Every code block is compiled or run, in order, in a copy of the tree of the page
 import json, os, re, shlex, shutil, signal, socket, subprocess, sys, tempfile, unittest
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
-from urllib.parse import unquote, urlsplit
 
 ROOT, BUILD = Path(__file__).resolve().parent.parent, Path(os.environ["OXEVENT_BUILD"])
-sys.path.append(f"{ROOT}/scripts")
 import receivers
 
 PAGES = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")])
@@ -25,16 +23,6 @@ QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug
 <key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>
 <value name='enabled'>1</value><value name='path'>{}/seen.csv</value></key></key></key>""")
 FLAGS = ["-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
-
-
-def without_code(text):
-    return FENCE.sub("", re.sub(r"(?<!`)`[^`\n]+`(?!`)", "", text))
-
-
-def slugs(page):
-    """The anchors of a page's headings, as GitHub makes them."""
-    headings = re.findall(r"^#+ (.+)$", FENCE.sub("", page.read_text()), re.M)
-    return [re.sub(r"[^\w\- ]", "", re.sub(r"\]\([^)]*\)", "]", heading).lower()).replace(" ", "-") for heading in headings]
 
 
 class Page:
@@ -51,7 +39,7 @@ class Page:
         self.environment = os.environ | {
             "PREFIX": str(prefix), "PATH": f"{prefix}/bin:{BUILD}/examples:{os.environ['PATH']}:/usr/sbin",
             "LD_LIBRARY_PATH": f"{prefix}/lib", "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig", "CMAKE_PREFIX_PATH": str(prefix),
-            "PYTHONPATH": f"{ROOT}/examples/python", "PYTHONDONTWRITEBYTECODE": "1",
+            "PYTHONPATH": f"{ROOT}/tools/python", "PYTHONDONTWRITEBYTECODE": "1",
             "OXEVENT_LIBRARY": f"{prefix}/lib/liboxEvent.so.1"}
 
     def local(self, text):
@@ -180,20 +168,6 @@ class Page:
 
 
 class Test(unittest.TestCase):
-    def test_links(self):
-        for page in PAGES:
-            text = without_code(page.read_text())
-            for link in re.findall(r"\]\(([^)\s]+)\)", text) + re.findall(r'(?:src|srcset|href)="([^"]+)"', text):
-                with self.subTest(page=page.name, link=link):
-                    url = urlsplit(link)
-                    if url.scheme:
-                        self.assertTrue(url.scheme in ("http", "https") and re.fullmatch(r"[\w.-]+(:\d+)?", url.netloc))
-                        continue
-                    target = (page.parent / unquote(url.path)).resolve() if url.path else page
-                    self.assertTrue(target.exists() and ROOT in target.parents)
-                    if url.fragment:
-                        self.assertIn(url.fragment, slugs(target))
-
     def test_man_page(self):
         example = re.search(r"\.Bd -literal.*?\n(#include.*?)\.Ed", (ROOT / "docs/man/man3/oxevent.3").read_text(), re.S)[1]
         page = Page(ROOT / "README.md", BUILD)
