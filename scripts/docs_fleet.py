@@ -1,8 +1,11 @@
-"""Three hosts and what receives from many, with the files of docs/fleet: fleet_test.py [-v] [Test.test_NAME...]."""
+"""Three hosts and what receives from many, with the files of docs/fleet: docs_fleet.py [-v] [Test.test_NAME...].
+
+In the environment: OXEVENT_LIBRARY and OXEVENT_ALERT_POSTER, as scripts/check has them.
+"""
 import collections, ctypes, json, os, re, socket, subprocess, sys, tempfile, time, unittest, urllib.request
 from pathlib import Path
 
-sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../tools/python"]
+sys.path.append(sys.path[0] + "/../tools/python")
 import oxevent, receivers
 from receivers import await_, free_port, read_log
 
