@@ -179,6 +179,41 @@ TEST(oxEventNormalize, FillsInOneTimeStampAndKeepsTheOther) {
   }
 }
 
+TEST(oxEventNormalize, ReadsOnlyTheFieldsThatTheCallersRecordHoldsWholly) {
+  oxEventRecord record = {};
+  record.version = OXEVENT_API_VERSION;
+  record.message = record.action = record.dedupe_key = record.correlation_id = record.timecode = record.units =
+      record.details_json = "x";
+  record.severity = OXEVENT_SEVERITY_ERROR;
+  record.utc_ns = record.duration_ms = 7;
+  record.pts = 7;
+  record.value = record.threshold = 7;
+  for (record.struct_size = 0; record.struct_size <= 160; ++record.struct_size) {
+    SCOPED_TRACE(record.struct_size);
+    oxEventNormalizedEvent event;
+    const uint32_t result = oxEventNormalizeEvent(&record, 1, &event);
+    ASSERT_EQ(result, record.struct_size < 48 ? OXEVENT_INVALID_ARGUMENT : OXEVENT_OK);
+    if (result != OXEVENT_OK) continue;
+    const auto given = [&](const auto& field, auto value, decltype(value) absent) {
+      const auto end = reinterpret_cast<const char*>(&field + 1) - reinterpret_cast<const char*>(&record);
+      return record.struct_size >= static_cast<size_t>(end) ? value : absent;
+    };
+    using Text = std::string_view;
+    EXPECT_EQ(event.severity, given(record.severity, OXEVENT_SEVERITY_ERROR, OXEVENT_SEVERITY_INFO));
+    EXPECT_EQ(event.action, given(record.action, Text("x"), ""));
+    EXPECT_EQ(event.dedupe_key, given(record.dedupe_key, Text("x"), ""));
+    EXPECT_EQ(event.correlation_id, given(record.correlation_id, Text("x"), ""));
+    EXPECT_EQ(event.utc_ns == 7, given(record.utc_ns, true, false));
+    EXPECT_EQ(event.pts, given(record.pts, 7, 0));
+    EXPECT_EQ(event.timecode, given(record.timecode, Text("x"), ""));
+    EXPECT_EQ(event.value, given(record.value, 7, 0));
+    EXPECT_EQ(event.threshold, given(record.threshold, 7, 0));
+    EXPECT_EQ(event.units, given(record.units, Text("x"), ""));
+    EXPECT_EQ(event.duration_ms, given(record.duration_ms, 7u, 0u));
+    EXPECT_EQ(event.details_json, given(record.details_json, Text("x"), "{}"));
+  }
+}
+
 TEST(oxEventState, GoesByActionKeyTimeAndContent) {
   // What is not as by default, the interval, and steps: action, key, time in ns, and the action that goes on or "-".
   const std::tuple<bool oxEventConfig::*, uint32_t, const char*> cases[] = {

@@ -105,7 +105,7 @@ TEST_F(oxCFG, CarriesAnyTextThroughTheFile) {
 
 TEST_F(oxCFG, DecodesReferencesAndKeepsThemInTheFile) {
   const std::string text =
-      "<config><key name='a&lt;&quot;\"'><value name='v'>&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#x;&#1</value>"
+      "<config><key a='' name='a&lt;&quot;\"'><value name='v'>&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#x;&#1</value>"
       "</key><key name=\"b\"/></config>";
   const Store store = Open(text);
   const std::string decoded = "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#x;&#1";

@@ -46,9 +46,9 @@ TEST(oxEventPlatformFiles, MakesTheFoldersAboveAFile) {
   const string name(250, 'n'), deep = name + '/' + name + '/' + name + '/' + name + '/' + name;
   const struct {
     string path, folder;  // Empty: none is needed.
-  } cases[] = {{"x", ""},         {"./x", "."},          {"/x", "/"},           {"a/b/x", "a/b"},
-               {"1e/x", "1e"},    {"c\\x", "c"},         {"d//e\\\\x", "d//e"}, {"f/g/", "f"},
-               {"C:\\x", "C:\\"}, {"D:\\y\\x", "D:\\y"}, {"G:x", ""},           {deep + "/x", deep}};
+  } cases[] = {{"x", ""},     {"./x", "."},          {"/x", "/"},   {"a/b/x", "a/b"},  {"1e/x", "1e"},
+               {"c\\x", "c"}, {"d//e\\\\x", "d//e"}, {"f/g/", "f"}, {"C:\\x", "C:\\"}, {"D:\\y\\x", "D:\\y"},
+               {"G:x", ""},   {"ab/", ""},           {"k:mn/", ""}, {"h\\\\x", "h"},   {deep + "/x", deep}};
   for (const auto& c : cases) {
     EXPECT_TRUE(oxEventPlatformEnsureParentDirectory(c.path, nullptr)) << c.path;
     EXPECT_TRUE(c.folder.empty() || std::filesystem::is_directory(c.folder)) << c.path;
@@ -58,7 +58,7 @@ TEST(oxEventPlatformFiles, MakesTheFoldersAboveAFile) {
     EXPECT_FALSE(oxEventPlatformEnsureParentDirectory(path, &error)) << path;
     EXPECT_TRUE(error.ends_with(": file")) << error;
   }
-  EXPECT_EQ(Entries("."), 10u);
+  EXPECT_EQ(Entries("."), 11u);
   std::filesystem::current_path(before);
 }
 
@@ -66,19 +66,19 @@ TEST(oxEventAppendFile, WaitsForRoomInAPipeThroughSignals) {
   const HostFolder folder;
   const string path = folder.path + "/pipe", bytes(5000, 'b');
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  for (const int end : {0, EBADF}) {
+  for (const bool is_read : {true, false}) {
     const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_EQ(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
     int polls = 0;
     const Faults faults([&](std::string_view call, long) {
       if (call != "poll") return 0;
       if (++polls == 1) return EINTR;
-      return end == 0 && read(reader, string(4096, 0).data(), 4096) != 4096 ? EIO : end;
+      return is_read && read(reader, string(4096, 0).data(), 4096) != 4096 ? EIO : 0;
     });
     oxEventAppendFile file;
     EXPECT_TRUE(file.Open(path));
-    EXPECT_EQ(file.Write(bytes.data(), bytes.size()), end == 0 ? 5000u : 4096u);
-    EXPECT_EQ(file.IsFullPipe(), end != 0);
+    EXPECT_EQ(file.Write(bytes.data(), bytes.size()), is_read ? 5000u : 4096u);
+    EXPECT_EQ(file.IsFullPipe(), !is_read);
     EXPECT_EQ(polls, 2);
     close(reader);
   }
