@@ -415,9 +415,12 @@ TEST(oxEventWebhookHttpSink, PostsAndTriesAgain) {
   string post = "POST HTTPS://h 5000\nContent-Type: application/" + type + "1\nX-oxEvent-Connect-Timeout-Ms: 2000";
   const string data = "\n\n" + kJson, cloud = "\n\n" + kCloudEvent;
   Config c;
-  c.headers = "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|B\xE2\x80", c.ce_auth_header = "X: c", c.bearer_token = "t";
+  c.headers = "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|B\xE2\x80|B\xC0|B\xC3\xA9|B\xF0\x80\x80|B\xEF\x80\x80|D\x80\x80",
+  c.ce_auth_header = "X: c", c.bearer_token = "t";
   c.endpoint_url = "HTTPS://h", c.cloudevents_source = "/s", c.cloudevents_subject_prefix = "p\"", c.ce_timeout_ms = 9;
-  const string lines = "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE2\x80 \nAuthorization: Bearer t\nAuthorization: Basic ";
+  const string lines =
+      "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE2\x80 \nB\xC0 \nB\xC3\xA9\nB\xF0\x80\x80 "
+      "\nB\xEF\x80\x80\nD\x80\x80\nAuthorization: Bearer t\nAuthorization: Basic ";
   for (const std::array<string, 4>& credentials :
        {std::array{""s, "\xFB\xEF"s, "\xFF\xFF"s, "++86//8="s}, {"NATIVE_JSON", "abc", "", "YWJjOg=="}}) {
     c.payload_mode = credentials[0], c.basic_username = credentials[1], c.basic_password = credentials[2];
