@@ -120,6 +120,17 @@ TEST_F(QueueTest, TrimsByItsPolicy) {
   }
 }
 
+TEST_F(QueueTest, TrimsManyEventsOfOneKind) {
+  for (const uint32_t severity : {OXEVENT_SEVERITY_INFO, OXEVENT_SEVERITY_WARNING}) {
+    SCOPED_TRACE(severity);
+    queue.Start(1000, Policy::kDropNewest);
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(Enqueue(std::to_string(i), severity), kQueued);
+    EXPECT_EQ(queue.Configure(2, Policy::kDropNewest), 998u);
+    EXPECT_EQ(Enqueue("more", severity), kLost);
+    EXPECT_EQ(Rest(), "01");
+  }
+}
+
 // What drains the queue ends the flush, although another event is queued before the flush has a look.
 TEST_F(QueueTest, FlushEndsAtAMomentWithNothingPending) {
   const std::function<void()> drains[] = {[&] { queue.CompleteActiveEvent(); }, [&] { queue.Reset(); },

@@ -185,7 +185,10 @@ TEST(oxOSHTTPCommand, SendsItsHeaderLinesAndNoOthers) {
   for (const char* bad : {"A: 1\r\nB: 2", "A: 1\n", "\rA: 1", "B\xA7X-oxEvent-TLS-Verify: 0\r"})
     EXPECT_EQ(Ask(url, kLong, bad) + Ask(url, 0), "-0 -0 ");
   for (const char* bad : {"ftp://127.0.0.1", "http://", "file:///etc/hosts?"}) EXPECT_EQ(Ask(bad + server.port), "-0 ");
-  EXPECT_EQ(g_command(nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr, kLong), 0);
+  for (const char* bad_url : {static_cast<const char*>(nullptr), url.c_str()})
+    EXPECT_EQ(g_command(bad_url, bad_url == nullptr ? "POST" : nullptr, nullptr, "", 0, nullptr, nullptr, kLong), 0);
+  for (const int length : {1, -1})
+    EXPECT_EQ(g_command(url.c_str(), "POST", nullptr, nullptr, length, nullptr, nullptr, kLong), 0) << length;
   Strings all = {"POST /" + start + sent + "Content-Length: 6\r\n\r\n" + body,
                  "POST /p?q=%20" + start + "Content-Length: 2\r\n\r\n{}"};
   for (const string& row : Split("GAa{}~GAa{}~GAa{1}~GBa{}~HBa{}~HBb{}~HBb~HBb~HBb{}")) {

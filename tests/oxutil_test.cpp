@@ -66,7 +66,7 @@ TEST_F(oxCFG, RefusesWhatIsNoStoreAndLeavesIt) {
 
 TEST_F(oxCFG, RefusesWhatASaveCouldNotWriteAsItIs) {
   for (const char* text : {"<!-- a--b -->", "<!-- a --->", "\x01", "<a b='&#0;'/>", "&#x0000;", "&#31;", "&#xD800;",
-                           "&#xDFFF;", "&#xFFFE;", "&#x110000;", "&#4294967297;"})
+                           "&#xDFFF;", "&#xFFFE;", "&#xFFFF;", "&#x110000;", "&#4294967297;"})
     EXPECT_EQ(Open("<config>"s + text + "</config>"), nullptr) << text;
 }
 
@@ -105,10 +105,11 @@ TEST_F(oxCFG, CarriesAnyTextThroughTheFile) {
 
 TEST_F(oxCFG, DecodesReferencesAndKeepsThemInTheFile) {
   const std::string text =
-      "<config><key a='' name='a&lt;&quot;\"'><value name='v'>&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#x;&#1</value>"
+      "<config><key a='' name='a&lt;&quot;\"'><value "
+      "name='v'>&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#6x;&#x;&#1</value>"
       "</key><key name=\"b\"/></config>";
   const Store store = Open(text);
-  const std::string decoded = "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#x;&#1";
+  const std::string decoded = "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#6x;&#x;&#1";
   EXPECT_EQ(Get(store, "a<\"\"", "v"), decoded);
   EXPECT_EQ(Get(store, "a<\"\"", "v", 4), "A\xF0\x9F");
   EXPECT_TRUE(Set(store, "a<\"\"", "v", decoded) && Save(store));
@@ -136,9 +137,10 @@ TEST_F(oxCFG, TakesANumberWithWhiteSpaceAroundIt) {
 }
 
 TEST_F(oxCFG, WalksEachNameOnceAndInOrder) {
-  const std::string text = "<key name='a'/><value name='x'/><key name=''/><key name='a\\b'/><value name='" +
-                           std::string(512, 'n') + "'/><value name='a'/><key name='a'/><other name='o'/><key name='" +
-                           std::string(511, 'n') + "'/>";
+  const std::string text =
+      "<key name='a'/><value name='x'/><key name=''/><key name='a\\b'/><value name='" + std::string(512, 'n') +
+      "'/><value name='a'/><key name='a'/><value name='m'/><key name='m'/><other name='o'/><key name='" +
+      std::string(511, 'n') + "'/>";
   const Store store = Open("<config>" + text + "<key name='k'>" + text + "</key></config>");
   const auto next = [&](const char* key, const char* previous) {
     char name[512] = "";
@@ -147,14 +149,34 @@ TEST_F(oxCFG, WalksEachNameOnceAndInOrder) {
     return ends ? "end" : std::string(name) + (kind == 0 ? "/" : "");
   };
   const std::string longest(511, 'n');
-  const char* previous = "";
-  for (const std::string& expected : {"a/"s, "x"s, "a"s, longest + "/"}) {
-    EXPECT_EQ(next("", previous), expected);
-    EXPECT_EQ(next("k", previous), expected);  // Two walks at a time.
-    previous = expected == "a/" ? "a" : expected.c_str();
+  std::string previous;
+  for (const std::string& expected : {"a/"s, "x"s, "a"s, "m"s, "m/"s, longest + "/"}) {
+    EXPECT_EQ(next("", previous.c_str()), expected);
+    EXPECT_EQ(next("k", previous.c_str()), expected);  // Two walks at a time.
+    previous = expected.substr(0, expected.find('/'));
   }
-  EXPECT_EQ(next("", "a"), longest + "/");
+  EXPECT_EQ(next("", "x") + next("", "m"), "a" + longest + "/");
+  EXPECT_EQ(next("", "a"), "m");
   EXPECT_EQ(next("", longest.c_str()) + next("k", longest.c_str()) + next("", "none"), "k/endend");
+}
+
+TEST_F(oxCFG, RefusesWhatAFileCannotHold) {
+  const Store store = Open("");
+  const auto adds = [&](const std::string& key) {
+    return oxCFGAddKeyString(store.get(), "", key.c_str(), "", 0, 0) == 0;
+  };
+  std::string deepest = "k";
+  for (int i = 1; i < 62; ++i) deepest += "\\k";
+  EXPECT_TRUE(adds(deepest) && adds(std::string(511, 'n')));
+  EXPECT_TRUE(Set(store, deepest, "v", "1"));
+  for (const std::string& key : {deepest + "\\k", std::string(512, 'n'), "k\\\x01"s}) EXPECT_FALSE(adds(key)) << key;
+  for (const std::string& name : {""s, "a\\b"s, std::string(512, 'n')}) EXPECT_FALSE(Set(store, "", name, "1")) << name;
+  EXPECT_FALSE(Set(store, "missing", "v", "1"));
+  std::string text = "<config></config>";
+  for (size_t end = 8; end < 8 + 63 * 14; end += 14) text.insert(end, "<key name='k'></key>");
+  EXPECT_FALSE(Set(Open(text), deepest + "\\k", "v", "1"));
+  EXPECT_EQ(oxCFGOpen(nullptr, 0), nullptr);
+  EXPECT_EQ(oxCFGOpen(path_.c_str(), 1), nullptr);
 }
 
 TEST_F(oxCFG, ReadsWithoutMemoryAndThenSavesOnlyWhatItWasGiven) {
