@@ -207,7 +207,7 @@ OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 /* Only for the std::string that the library is built with: that of libstdc++ with its C++11 ABI. */
 #if defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI
 
-/* What oxEventFormatAlertmanagerRecord goes by. */
+/* Options for oxEventFormatAlertmanagerRecord. */
 struct oxEventAlertmanagerFormatterConfig {
   bool send_resolved = true;                /* False: an event that ends a condition gives the empty list "[]". */
   bool allow_source_label = false;          /* True: source_id becomes a label, and so part of the alert's identity. */

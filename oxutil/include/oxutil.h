@@ -106,8 +106,8 @@ OXUTIL_API uint32_t oxOSGetMs(void);
 
 /*
  * Makes one HTTP/1.1 request (RFC 9110, 9112) over http or https and waits for the whole answer, at most timeout_ms
- * milliseconds: name lookup, connection, TLS and every stall included; 0 is over at once. Non-zero: the answer came and
- * its status is 2xx.
+ * milliseconds: name lookup, connection, TLS and every stall included; 0 fails immediately. Non-zero: the answer came
+ * and its status is 2xx.
  *
  * url, method: as for any HTTP client; a method that is no token (RFC 9110, section 5.6.2) makes the request fail with
  * nothing sent. A redirect is an answer and not followed, the environment's proxies are not used. headers: lines

@@ -24,5 +24,5 @@ class oxCFGFile {
  private:
   std::string folder_;  // Absolute, with a slash at the end, no symbolic link: valid after a chdir.
   std::string name_;
-  struct stat known_ = {};  // Of the file as read, or as last replaced.
+  struct stat known_ = {};  // The file's status when it was read or last replaced.
 };

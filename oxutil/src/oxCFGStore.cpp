@@ -13,7 +13,7 @@ constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi:
                                    pugi::parse_doctype | pugi::parse_cdata | pugi::parse_ws_pcdata |
                                    pugi::parse_fragment;
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // Of UTF-8.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // The byte order mark of UTF-8.
 
 constexpr std::string_view kEmptyStore = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<config/>\n";
 
@@ -122,7 +122,8 @@ bool oxCFGStore::Open(const char* path) {
 }
 
 size_t oxCFGStore::OffsetOf(pugi::xml_node element) const {
-  return MarkSize() + static_cast<size_t>(element.offset_debug()) - 1;  // Of the name, behind "<".
+  return MarkSize() + static_cast<size_t>(element.offset_debug()) -
+         1;  // offset_debug() points at the name, behind "<".
 }
 
 bool oxCFGStore::AddKey(std::string_view key) {

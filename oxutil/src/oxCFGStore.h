@@ -31,7 +31,7 @@ enum class oxCFGKind : uint32_t { kKey = 0, kValue = 1 };
 class oxCFGStore {
  public:
   static constexpr size_t kMaxNameBytes = 511;
-  static constexpr int kMaxDepth = 64;  // Of nested elements, <config> included.
+  static constexpr int kMaxDepth = 64;  // Nesting depth of elements, <config> included.
 
   oxCFGStore() = default;
   oxCFGStore(const oxCFGStore&) = delete;
@@ -82,8 +82,8 @@ class oxCFGStore {
   };
   struct Item {
     pugi::xml_node node;
-    size_t order = 0;  // Of siblings, the later one has the higher.
-    // Of a key: what Next returned last. A name alone does not tell a key from a value.
+    size_t order = 0;  // A later sibling has a higher one.
+    // For a key, the node that Next returned last. A name alone does not tell a key from a value.
     mutable pugi::xml_node cursor = {};
   };
   class Indexer;
@@ -106,7 +106,7 @@ class oxCFGStore {
   bool Enter(pugi::xml_node node);
   bool EnterAttributes(pugi::xml_node node);
   bool Refuse(const char* reason, ptrdiff_t offset);
-  size_t MarkSize() const;  // Of the byte order mark that the file begins with.
+  size_t MarkSize() const;  // Size of the byte order mark that the file begins with; 0 without one.
   std::optional<Entry> EntryOf(pugi::xml_node node) const;
   void AddToIndex(pugi::xml_node node);
   const Item* Find(pugi::xml_node key, oxCFGKind kind, std::string_view name) const;

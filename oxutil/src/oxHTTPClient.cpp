@@ -152,7 +152,7 @@ curl_socket_t oxHTTPClient::OnOpenSocket(void* self, curlsocktype /*purpose*/, c
 int oxHTTPClient::OnCloseSocket(void* self, curl_socket_t fd) {
   auto* client = static_cast<oxHTTPClient*>(self);
   if (const auto kept = client->kept_sockets_.find(fd); kept != client->kept_sockets_.end()) {
-    // Of TLS the bytes tell nothing: a farewell is some too.
+    // Under TLS the byte count proves nothing: a close_notify alert counts too.
     client->answer_begun_ |= BytesReceived(fd) > kept->second && !client->https_;
     client->kept_sockets_.erase(kept);
   }

@@ -24,7 +24,7 @@ struct oxHTTPRequest {
   size_t body_length = 0;
   bool https = false;
   std::chrono::steady_clock::time_point start;
-  std::chrono::steady_clock::time_point deadline;  // Of the whole exchange.
+  std::chrono::steady_clock::time_point deadline;  // When the whole exchange must be over.
 };
 
 // What a header block says.

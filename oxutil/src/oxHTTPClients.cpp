@@ -27,7 +27,7 @@ struct Clients {
   bool started = false;
   bool tls_over = false;
   int tls_requests = 0;            // Under way.
-  Clock::time_point tls_deadline;  // Of the longest of them.
+  Clock::time_point tls_deadline;  // The latest deadline among them.
   std::condition_variable tls_done;
   std::vector<std::unique_ptr<oxHTTPClient>> idle;
 };
@@ -50,7 +50,7 @@ void BeforeFork() { g_clients.mutex.lock(); }
 
 void AfterForkInParent() { g_clients.mutex.unlock(); }
 
-// The connections are the parent's, and so is the word to speak on them, even to take leave.
+// The connections belong to the parent: the child must send nothing on them, not even a TLS close_notify.
 void AfterForkInChild() {
   for (auto& client : g_clients.idle) static_cast<void>(client.release());
   g_clients.idle.clear();

@@ -17,7 +17,7 @@ constexpr std::string_view Event::*kTexts[] = {
     &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
 
-// Of all texts and a NUL behind each.
+// Bytes that all texts need, with a NUL behind each.
 size_t SizeOfTexts(const Event& event) {
   size_t size = std::size(kTexts);
   for (const auto text : kTexts) size += (event.*text).size();

@@ -66,7 +66,7 @@ class oxEventStoredEvent {
 
   oxEventNormalizedEvent event_;
   char* texts_ = nullptr;
-  size_t capacity_ = 0;  // Of texts_.
+  size_t capacity_ = 0;  // Bytes allocated in texts_.
   oxEventSharedSlab* const memory_;
 };
 

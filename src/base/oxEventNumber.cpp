@@ -9,7 +9,7 @@ namespace {
 
 __extension__ using uint128 = unsigned __int128;
 
-constexpr int kFractionBits = 52;  // Of a double (IEEE 754).
+constexpr int kFractionBits = 52;  // Fraction bits of a double (IEEE 754).
 constexpr int kExponentBias = 1023;
 
 constexpr auto kPowersOfTen = [] {

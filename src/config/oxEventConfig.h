@@ -26,7 +26,7 @@ enum class oxEventSinkType : uint32_t {
 // One configured output. One flat record for every kind; a sink reads the fields of its own kind only.
 struct oxEventSinkConfig {
   oxEventSinkType type = oxEventSinkType::kNative;
-  std::string name;  // Of the instance, from its key.
+  std::string name;  // The instance's name: that of its key.
   bool enabled = false;
   uint32_t minimum_severity = 1;
 
@@ -96,7 +96,7 @@ struct oxEventSinkConfig {
 };
 
 struct oxEventConfig {
-  std::string config_path;  // Of the store that it was loaded from.
+  std::string config_path;  // The settings file that it was loaded from.
   bool enabled = true;
   uint32_t minimum_severity = 1;
   uint32_t queue_size = 1024;  // Events; above 0.

@@ -62,7 +62,8 @@ Value* FieldOf(Value oxEventSinkConfig::*field, oxEventConfig* /*config*/, oxEve
 
 using BadValues = std::vector<oxEventBadValue>;
 
-// Of one key. `sink`: null for a section without instances. `bad_values`: null ends it at the first that has to.
+// Loads the values of one key. `sink` is null for a section without instances. If `bad_values` is null, stops at the
+// first invalid value.
 uint32_t ReadSettings(oxEventConfigStore& store, const oxEventSection& section, const std::string& key,
                       oxEventConfig* config, oxEventSinkConfig* sink, BadValues* bad_values, std::string* error) {
   for (const oxEventSetting& setting : section.settings) {

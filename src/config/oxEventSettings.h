@@ -50,12 +50,12 @@ enum class oxEventSettingForm {
   kHost,          // A name or an address.
   kUrl,           // http or https.
   kUriReference,  // RFC 3986, section 4.1.
-  kHeaderLines,   // Of HTTP, separated by line ends or "|".
+  kHeaderLines,   // HTTP header lines, separated by line ends or "|".
   kSecret,
   kOid,  // Dotted.
 };
 
-constexpr uint32_t kOxEventTextMaxBytes = 2047;   // Of a text; the rest is cut off.
+constexpr uint32_t kOxEventTextMaxBytes = 2047;   // Longer texts are cut off.
 constexpr uint32_t kOxEventAppNameMaxBytes = 48;  // RFC 5424, section 6.
 
 struct oxEventSetting {
@@ -68,14 +68,14 @@ struct oxEventSetting {
   const char* default_text = nullptr;  // The default to write, where it is not the field's own.
   oxEventWords words = {};
   bool has_effect = true;                     // False: read and carried only.
-  uint32_t max_bytes = kOxEventTextMaxBytes;  // Of a text.
+  uint32_t max_bytes = kOxEventTextMaxBytes;  // For texts only.
 };
 
 // A key that holds settings, or, of a sink's kind, one sub-key with them per instance.
 struct oxEventSection {
   const char* key;               // Below the root.
   const char* default_instance;  // Made where there is none. Null: the key holds the settings itself.
-  oxEventSinkType type;          // Of the instances.
+  oxEventSinkType type;          // The type of every instance in this section.
   std::string_view meaning;
   std::span<const oxEventSetting> settings;  // In reading order, which is the order in a completed file.
 };

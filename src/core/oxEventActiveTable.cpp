@@ -8,7 +8,7 @@
 namespace {
 
 constexpr size_t kLineSize = 64;
-constexpr uint8_t kMostLinesKept = 64;  // Of texts that have become far shorter: 4 KiB.
+constexpr uint8_t kMostLinesKept = 64;  // 4 KiB: a larger block is replaced when its texts have become far shorter.
 // The hash spreads conditions evenly, so the directory has a few entries for each segment. Where it has so many more,
 // the hashes are not what they should be, and a segment is filled instead of split.
 constexpr size_t kMostEntriesPerSegment = 64;

@@ -32,7 +32,7 @@ class oxEventActiveTable {
    private:
     friend class oxEventActiveTable;
     static constexpr size_t kStartSize = 38;
-    uint64_t hash;        // Of the key.
+    uint64_t hash;        // Hash of the key.
     Texts* texts;         // Null: the slot is free.
     uint8_t texts_lines;  // Cache lines of the block, or 255 if more: known without a miss.
     uint8_t start_size;   // kStartSize + 1: the key goes on in the block.
@@ -112,8 +112,8 @@ class oxEventActiveTable {
   const oxEventSipKey hash_key_ = oxEventRandomSipKey();
   std::unique_ptr<Segment*[]> directory_;  // Null: there is no segment.
   uint32_t depth_ = 0;                     // The directory has 2^depth_ entries.
-  size_t count_ = 0;                       // Of the conditions.
+  size_t count_ = 0;                       // Number of conditions.
   size_t segment_count_ = 0;
   std::array<uint32_t, kDeepest + 1> segments_by_depth_ = {};
-  oxEventSlab memory_;  // Of segments and texts.
+  oxEventSlab memory_;  // Owns the memory of segments and texts.
 };

@@ -8,7 +8,7 @@
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventTrace.h"
 
-// Why an event that Submit took does not reach the sinks. The numbers are told to tracers: new ones go to the end.
+// Reasons for dropping an accepted event. Trace points show the values: append only.
 enum class oxEventDrop : uint32_t {
   kFiltered,    // Switched off, or below the minimum severity.
   kNoMemory,    // For the copy.

@@ -23,7 +23,7 @@ bool IsDebugOrInfo(uint32_t severity) { return severity < OXEVENT_SEVERITY_WARNI
 }  // namespace
 
 struct oxEventQueue::Item {
-  uint64_t order = 0;  // Of arrival.
+  uint64_t order = 0;  // Order of arrival.
   Item* next = nullptr;
   Item* previous = nullptr;
   oxEventStoredEvent event;
@@ -31,8 +31,9 @@ struct oxEventQueue::Item {
   explicit Item(oxEventSharedSlab* memory) : event(memory) {}
 
   void Prefetch() const {
-    constexpr size_t kLine = 64;  // Of the caches.
-    for (size_t i = 0; i < sizeof(Item); i += kLine) __builtin_prefetch(reinterpret_cast<const char*>(this) + i, 1);
+    constexpr size_t kCacheLineBytes = 64;
+    for (size_t i = 0; i < sizeof(Item); i += kCacheLineBytes)
+      __builtin_prefetch(reinterpret_cast<const char*>(this) + i, 1);
   }
 };
 
@@ -140,7 +141,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
   Spare own;
   Spare& item = spare != nullptr ? *spare : own;
   if (item == nullptr || !item->event.HasRoomFor(event)) {
-    // It costs memory: not for an event that is not taken.
+    // Check first: do not allocate for an event that would be refused.
     oxEventLock lock(mutex_);
     if (!IsAcceptingLocked() || !HasRoomLocked()) return RefuseLocked(dropped);
     if (item == nullptr) item = free_.Pop();
@@ -169,7 +170,7 @@ uint32_t oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, bool* accept
   // The worker had its memory: begin to fetch it, for the next event.
   if (item != nullptr) item->Prefetch();
   if (displaced) oxEventTraceDrop(item->event.Get(), oxEventDrop::kDisplaced);
-  if (full && item != nullptr) item->event.ReleaseLongTexts();  // Of the event that was lost.
+  if (full && item != nullptr) item->event.ReleaseLongTexts();  // Those of the event that was dropped.
   return result;
 }
 
@@ -251,7 +252,7 @@ bool oxEventQueue::HasRoomLocked() const {
   return PendingLocked() < capacity_ || (policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.IsEmpty());
 }
 
-// An event that is not taken: for want of room it is lost.
+// Counts an event that was not queued; it is dropped if the queue was full.
 uint32_t oxEventQueue::RefuseLocked(bool* dropped) {
   ++enqueue_count_;
   if (!IsAcceptingLocked()) return OXEVENT_NOT_INITIALIZED;

@@ -16,7 +16,8 @@
 // up to its capacity, keeps it for the next events, and gives most of it back once it has been idle for a second.
 class oxEventQueue {
  public:
-  // Memory for one event. A submitting thread keeps one between its events, so that it need not come for it first.
+  // Memory for one event. Each submitting thread caches one, so that it can copy its next event before it takes the
+  // lock.
   struct Item;
   struct ItemDeleter {
     void operator()(Item* item) const;
@@ -52,7 +53,7 @@ class oxEventQueue {
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   bool HasPending() OX_EXCLUDES(mutex_);
-  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Of the calls that had memory. Start and Reset leave it.
+  uint64_t EnqueueCount() OX_EXCLUDES(mutex_);  // Counts the calls that had memory. Start and Reset do not reset it.
 
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
@@ -131,7 +132,7 @@ class oxEventQueue {
   void RecycleLocked(Spare item) OX_REQUIRES(mutex_);
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
 
-  oxEventSharedSlab memory_;  // Of the items and their texts; has a lock of its own.
+  oxEventSharedSlab memory_;  // Owns the memory of the items and their texts; has a lock of its own.
   oxEventMutex mutex_;
   // Pending events, oldest at the front. Two lists, so that the oldest event below warning is found without a search;
   // `order` tells which list's front is next.

@@ -20,7 +20,7 @@ namespace {
 
 bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
 
-// Asleep, for only so does a real-time thread let run whom it waits for.
+// Sleeps: yielding from a real-time thread never lets a lower-priority thread run.
 void LetOthersRun() {
   const oxEventCancelBlock cancel_block;
   std::this_thread::sleep_for(std::chrono::microseconds(50));

@@ -60,7 +60,7 @@ class oxEventRouter {
   // left to do is its host's.
   void Reap() OX_EXCLUDES(mutex_);
 
-  // Of this run, or of the last one. Not one atomic snapshot.
+  // The counters of this run or, without one, of the last. Not an atomic snapshot.
   oxEventCounters GetCounters() OX_EXCLUDES(mutex_);
   oxEventDrops GetDrops() OX_EXCLUDES(mutex_);  // What `dropped` is made of.
 
@@ -96,7 +96,7 @@ class oxEventRouter {
   bool closed_ OX_GUARDED_BY(mutex_) = false;
   // Runs that their own worker stopped; owned until that thread can be joined.
   std::vector<SharedRun> retired_ OX_GUARDED_BY(mutex_);
-  SharedRun exiting_ OX_GUARDED_BY(mutex_);  // Of the worker that called exit.
+  SharedRun exiting_ OX_GUARDED_BY(mutex_);  // The run whose worker called exit.
 };
 
 // The process's one router.

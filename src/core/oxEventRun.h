@@ -44,7 +44,7 @@ class oxEventRouter::Run {
   void RouterMain();
   void Deliver(oxEventNormalizedEvent* event);
 
-  std::atomic<uint32_t> minimum_ = UINT32_MAX;  // Of severities; none is that high.
+  std::atomic<uint32_t> minimum_ = UINT32_MAX;  // The minimum severity; no event reaches this initial value.
   oxEventMutex join_mutex_;                     // Two threads may want to join: a stop, and the process's exit.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);
   std::atomic<std::thread::id> worker_id_;

@@ -49,6 +49,6 @@ class oxEventState {
   bool route_orphan_clear_ OX_GUARDED_BY(mutex_) = false;
   uint64_t repeat_interval_ns_ OX_GUARDED_BY(mutex_) = 1'800'000'000'000;
   oxEventActiveTable active_ OX_GUARDED_BY(mutex_);
-  std::string key_ OX_GUARDED_BY(mutex_);  // Of an event without a dedupe_key. This and the next: reused.
+  std::string key_ OX_GUARDED_BY(mutex_);  // Built for events without a dedupe_key. Reused, as the next one is.
   std::string signature_ OX_GUARDED_BY(mutex_);
 };

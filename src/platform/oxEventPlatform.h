@@ -76,7 +76,7 @@ class oxEventAppendFile {
   // Why the last write broke off.
   bool IsOutOfSpace() const;
   bool IsFullPipe() const;
-  // Of a regular file.
+  // Whether the file holds any byte. False for anything but a regular file.
   bool HasContent() const;
   // From now on a write waits for the reader of a pipe, however long.
   void StartWaiting();

@@ -107,7 +107,7 @@ size_t MaxDatagram() {
 // Cuts a line that the log's socket would refuse, between two characters: syslog(3) would lose all of it silently.
 void CutToDatagram(std::string_view ident, std::string* line) {
   constexpr size_t kAlwaysFits = 2048;  // Below the least send buffer that Linux can be set to.
-  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // Of syslog(3), at its longest.
+  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest that syslog(3) writes.
   const size_t header = kHeader + ident.size();
   if (header + line->size() <= kAlwaysFits) return;
   const size_t limit = MaxDatagram();

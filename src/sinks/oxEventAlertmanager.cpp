@@ -15,7 +15,7 @@ namespace {
 using oxEventText::JsonEscape;
 using oxEventText::JsonObject;
 
-constexpr int kShortDigits = 6;  // Of a double, as people read it.
+constexpr int kShortDigits = 6;  // Significant digits of a double for people.
 
 bool IsResolved(std::string_view action) {
   constexpr std::string_view kResolved[] = {"clear", "resolve", "resolved"};
@@ -46,7 +46,7 @@ void AppendAlertName(std::string_view prefix, std::string_view event_type, std::
 // What is safe in a label value that people select by.
 void PrometheusSafeLabelValue(std::string_view text, std::string_view fallback, std::string* out) {
   const size_t begin = out->size();
-  bool in_run = false;  // Of other characters, which becomes one "_".
+  bool in_run = false;  // Whether the last character was replaced: a run of them becomes one "_".
   for (const char c : text) {
     const bool kept = oxEventAsciiIsAlnum(c) || c == '_' || c == '.' || c == ':' || c == '-';
     if (kept) out->push_back(oxEventAsciiLower(c));
@@ -83,7 +83,7 @@ void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFor
   AddString("alertname", &labels, out, [&] { AppendAlertName(config.alertname_prefix, event.event_type, out); });
   labels.AddStringField("severity", AlertSeverity(event.severity));
   AddString("event_type", &labels, out, [&] { PrometheusSafeLabelValue(event.event_type, "event", out); });
-  labels.AddStringField("action", "raise");  // Of a clear too: another label would be another alert.
+  labels.AddStringField("action", "raise");  // For a clear too: another label would make it another alert.
   if (config.allow_source_label && !event.source_id.empty()) {
     AddString("source_id", &labels, out, [&] { PrometheusSafeLabelValue(event.source_id, "source", out); });
   }

@@ -21,7 +21,7 @@ namespace {
 
 using SharedGeneration = std::shared_ptr<oxEventSinkGeneration>;
 
-constexpr uint32_t kReloadTimeoutMs = 1000;  // Of draining the sinks that it replaced.
+constexpr uint32_t kReloadTimeoutMs = 1000;  // For flushing the sinks that a reload replaced.
 
 // A configured and enabled sink of a kind that this library does not know: accepts everything, does nothing.
 class oxEventConfiguredSink : public oxEventSink {

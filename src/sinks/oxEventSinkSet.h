@@ -45,9 +45,9 @@ std::string oxEventSinkGetLastError();
 
 // What has become of a sink since the settings were loaded.
 struct oxEventSinkStatus {
-  std::string_view section;  // Of the settings: sink\csv, say; callbacks.
-  std::string name;          // Of the instance. The callbacks have none.
-  uint64_t failures = 0;     // Of deliveries and flushes.
+  std::string_view section;  // The section in the settings, such as sink\csv; or "callbacks".
+  std::string name;          // The instance's name; empty for the callbacks.
+  uint64_t failures = 0;     // Deliveries and flushes that failed.
   std::string last_error;    // Empty: none yet.
 };
 

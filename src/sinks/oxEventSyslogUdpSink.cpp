@@ -21,7 +21,7 @@ namespace {
 
 constexpr uint32_t kDefaultPort = 514;  // RFC 5426, section 3.3.
 constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is cut.
-constexpr int kShortDigits = 6;         // Of a double, as people read it.
+constexpr int kShortDigits = 6;         // Significant digits of a double for people.
 constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
                                          oxEventErrors::kSyslogSend};
 

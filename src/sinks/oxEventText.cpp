@@ -13,7 +13,7 @@ namespace oxEventText {
 namespace {
 
 constexpr uint64_t kNsPerSecond = 1'000'000'000;
-constexpr int kRoundTripDigits = 17;  // Of a double, whatever its value.
+constexpr int kRoundTripDigits = 17;  // Enough significant digits to read any double back exactly.
 
 // The character after the backslash; 'u' for those that are spelled in hexadecimal.
 constexpr char EscapeOf(unsigned char byte) {

@@ -19,7 +19,7 @@ namespace {
 
 constexpr uint32_t kDefaultRequestTimeoutMs = 5000;
 constexpr uint32_t kDefaultBackoffMs = 250;
-constexpr char kLineSeparator = '\xA7';  // Of the HTTP client's header block.
+constexpr char kLineSeparator = '\xA7';  // Separates the lines of the HTTP client's header block.
 
 void AppendBase64(std::string_view bytes, std::string* out) {  // RFC 4648, section 4.
   constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -112,7 +112,8 @@ class oxEventWebhookHttpSink : public oxEventSink {
 
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
     const auto add = [this](std::string_view name, std::string_view value = "") {
-      if (EndsWithinSequence(header_block_)) header_block_.push_back(' ');  // Of no meaning at a value's end.
+      if (EndsWithinSequence(header_block_))
+        header_block_.push_back(' ');  // A blank at the end of a value means nothing.
       if (!header_block_.empty()) header_block_.push_back(kLineSeparator);
       header_block_.append(name).append(value);
     };

@@ -33,7 +33,7 @@ std::string KeyOf(const oxEventSection& section);
 std::string Join(const std::string& path, const std::string& name);
 const oxEventSetting* FindSetting(const oxEventSection& section, std::string_view name);
 
-// Of the file's elements.
+// Elements of the settings file.
 std::string NameOf(pugi::xml_node node);
 bool IsKey(pugi::xml_node node);
 bool IsValue(pugi::xml_node node);

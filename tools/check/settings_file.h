@@ -23,12 +23,12 @@ struct Value {
 struct Group {
   const oxEventSection* section;
   std::string key;                          // Its path.
-  Position where;                           // Of the key; the beginning where the file has none.
+  Position where;                           // Position of the key; the beginning of the file if it has no such key.
   std::vector<Value> values;                // The first of each name.
   const oxEventSinkConfig* sink = nullptr;  // What the loader makes of it; null: the core's.
 
   const Value* Find(std::string_view name) const;
-  Position At(std::string_view name) const;  // Of the value; where it is missing, of the key.
+  Position At(std::string_view name) const;  // Position of the value or, if it is missing, of the key.
   std::string PathOf(std::string_view name) const { return key + "\\" + std::string(name); }
 };
 

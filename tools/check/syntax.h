@@ -17,4 +17,4 @@ struct UrlParts {
   bool has_password = false;
   std::string place;  // For comparison: the whole, with the usual port, scheme and host in lower case.
 };
-UrlParts PartsOf(const std::string& url);  // Of one without fault.
+UrlParts PartsOf(const std::string& url);  // The URL must be valid.

@@ -19,7 +19,7 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint64_t kDrainMs = 5000;              // What a Shutdown gives the queue.
 constexpr uint64_t kLongShutdownMs = 60 * 1000;  // What hardly any host has meant.
-constexpr uint32_t kNoTry = 0xFFFFFFFF;          // Of retry_count.
+constexpr uint32_t kNoTry = 0xFFFFFFFF;          // The value of retry_count that makes no try.
 
 constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
 

@@ -14,7 +14,7 @@ namespace {
 
 const char* g_tool = "";
 
-constexpr int kFirst = 256;  // Of the values that getopt_long gives for options: behind every character.
+constexpr int kFirst = 256;  // The first value that getopt_long returns for a long option: above every character.
 
 // By how many letters two words differ: to be inserted, left out or replaced.
 size_t Distance(std::string_view a, std::string_view b) {

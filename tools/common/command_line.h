@@ -25,7 +25,7 @@ struct Option {
   const char* help;      // May have several lines.
   // Gets the value, which lives as long as the process; null where there is none. Throws std::invalid_argument.
   std::function<void(const char* value)> set;
-  const char* heading = nullptr;  // Of the part of the help that the option begins.
+  const char* heading = nullptr;  // Heading of the section of the help that begins with this option.
 };
 
 struct Tool {

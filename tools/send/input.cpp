@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kMostBytes = 64 << 20;  // Of a line.
+constexpr size_t kMostBytes = 64 << 20;  // The longest line.
 constexpr int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 volatile sig_atomic_t g_stop = 0;

@@ -25,6 +25,6 @@ class Lines {
   bool Fill();
 
   std::string buffer_;
-  size_t begin_ = 0;  // Of what is not given out yet.
+  size_t begin_ = 0;  // Where the bytes that are not returned yet begin.
   bool at_end_ = false;
 };

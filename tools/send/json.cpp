@@ -132,11 +132,11 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
   size_t token_ = 0;  // Offset of the token, and of what is behind it.
   size_t token_end_ = 0;
   size_t details_ = 0;            // Offset of the value that is passed on as it stands.
-  std::string name_;              // Of the member.
+  std::string name_;              // The member's name.
   const Field* field_ = nullptr;  // That it sets; null: the version.
   bool number_only_ = false;      // The name stands for a number.
   bool severity_given_ = false;
-  std::vector<std::string> names_;  // Of the members so far.
+  std::vector<std::string> names_;  // The members' names so far.
 };
 
 }  // namespace

@@ -122,7 +122,7 @@ class Reporter {
 
   // Returns the failures of deliveries that were told of.
   uint64_t TellSinks() {
-    const std::vector<oxEventSinkStatus> statuses = oxEventSinkReport();  // Of the enabled ones, in their order.
+    const std::vector<oxEventSinkStatus> statuses = oxEventSinkReport();  // The enabled sinks, in their order.
     uint64_t failures = 0;
     uint32_t lowest = UINT32_MAX;
     auto status = statuses.begin();

@@ -128,7 +128,7 @@ class Sending {
 
   // Waits until everything is delivered, and flushes the sinks.
   void Drain() {
-    constexpr uint32_t kSliceMs = 200;  // Of the waiting, for the progress.
+    constexpr uint32_t kSliceMs = 200;  // How often the progress is shown while waiting.
     uint64_t done = 0;
     bool idle = false;
     for (auto since = Clock::now(); oxEventFlush(kSliceMs) != OXEVENT_OK; progress_.Update()) {
@@ -152,7 +152,7 @@ class Sending {
 
   const Options& options_;
   const uint32_t queue_size_;
-  Clock::time_point next_ = Clock::now();  // Of events that have a time.
+  Clock::time_point next_ = Clock::now();  // When the next event is due.
   Progress progress_;
   Outcome* outcome_ = nullptr;
   uint32_t queued_ = 0;  // Since the queue was known to be empty.
