@@ -338,7 +338,7 @@ EXPLANATIONS = {
     Default:    oxEvent
 """,
     "QVX/Events/core.minimum_severity": r"""QVX\Events\core\minimum_severity
-    Events below are dropped.
+    Events below this severity are dropped.
     Type:       a severity, or 0 to 3
     Default:    info
     Accepts:    debug, info, information, warning, warn, error, err, in any case

@@ -45,8 +45,8 @@ constexpr oxEventWord kSnmpVersionWords[] = {
 
 constexpr oxEventSetting kCore[] = {
     {"enabled", &C::enabled, Form::kSwitch, "Off: every event is dropped."},
-    {"minimum_severity", &C::minimum_severity, Form::kSeverity, "Events below are dropped."},
-    {"queue_size", &C::queue_size, Form::kCapacity, "How many events may wait for the worker."},
+    {"minimum_severity", &C::minimum_severity, Form::kSeverity, "Events below this severity are dropped."},
+    {"queue_size", &C::queue_size, Form::kCapacity, "The most events that may wait for the worker."},
     {"drop_policy", &C::drop_policy, Form::kWord,
      "What a full queue does with the next event: refuses it, or discards its oldest event below warning instead.",
      nullptr, kDropPolicyWords}};
@@ -55,7 +55,8 @@ constexpr oxEventSetting kState[] = {
     {"enabled", &C::state_enabled, Form::kSwitch, "Off: every event goes out as reported."},
     {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "Off: every event goes out as reported."},
     {"default_repeat_interval_sec", &C::default_repeat_interval_sec, Form::kSeconds,
-     "After this time the next report of a raised condition goes out again, a raise as a repeat. 0: each report does."},
+     "After this time, the next report of a raised condition goes out again; a raise goes out as a repeat. 0: every "
+     "report goes out."},
     {"send_clear", &C::send_clear, Form::kSwitch, "Whether the clear of a raised condition goes out."},
     {"route_orphan_clear", &C::route_orphan_clear, Form::kSwitch,
      "Whether the clear of a condition that is not raised goes out."}};
@@ -63,23 +64,25 @@ constexpr oxEventSetting kState[] = {
 constexpr std::string_view kEnabledMeaning = "Whether events go to this sink.";
 constexpr oxEventSetting kEnabled = {"enabled", &S::enabled, Form::kSwitch, kEnabledMeaning};
 constexpr oxEventSetting kMinimumSeverity = {"minimum_severity", &S::minimum_severity, Form::kSeverity,
-                                             "This sink skips events below."};
+                                             "This sink skips events below this severity."};
 
 constexpr oxEventSetting kCsv[] = {
     kEnabled,
     kMinimumSeverity,
-    {"path", &S::path, Form::kPath, "The file that rows are appended to. Missing folders are created.", "oxEvent.csv"},
-    {"flush_each_event", &S::flush_each_event, Form::kSwitch, "Writes each row at once, not in blocks."}};
+    {"path", &S::path, Form::kPath, "The file that rows are appended to. Missing directories are created.",
+     "oxEvent.csv"},
+    {"flush_each_event", &S::flush_each_event, Form::kSwitch,
+     "On: each row is written at once. Off: rows are written in blocks."}};
 
 constexpr oxEventSetting kSyslogUdp[] = {
     kEnabled,
     kMinimumSeverity,
     {"host", &S::host, Form::kHost,
-     "The collector, IPv4 or IPv6. Its name is looked up when the settings are loaded; one that is not found makes the "
-     "start fail.",
+     "The collector: a name, or an IPv4 or IPv6 address. A name is looked up when the settings are loaded; the start "
+     "fails if it is not found.",
      "127.0.0.1"},
     {"port", &S::port, Form::kPort, "The collector's UDP port. 0: 514."},
-    {"facility", &S::facility, Form::kWord, "Of the messages. Any other word counts as local0.", "local0",
+    {"facility", &S::facility, Form::kWord, "Syslog facility of the messages. An unknown name means local0.", "local0",
      kSyslogFacilityWords},
     {"app_name",
      &S::app_name,
@@ -94,14 +97,12 @@ constexpr oxEventSetting kNative[] = {
     {"enabled", &S::enabled, Form::kSwitch, kEnabledMeaning, "1"},
     kMinimumSeverity,
     {"source_name", &S::source_name, Form::kText,
-     "The identity that the log shows. It belongs to the "
-     "process: after an event, the host's own lines carry it too, until the host calls openlog again.",
+     "The identity that the log shows. It belongs to the process: after an event, the host's own lines carry it too, "
+     "until the host calls openlog again.",
      "oxEvent"},
     {"facility", &S::native_facility, Form::kWord,
-     "Of the lines. Any other word counts as local4. It "
-     "belongs to the process: after an event, lines of the host's own that name no facility go here too, until the "
-     "host "
-     "calls openlog again.",
+     "Syslog facility of the lines. An unknown name means local4. It belongs to the process: after an event, the "
+     "host's own lines that name no facility use it too, until the host calls openlog again.",
      nullptr, kNativeFacilityWords},
     {"subsystem", &S::subsystem, Form::kText, "Carried, without effect on Linux.", nullptr, {}, false},
     {"category", &S::category, Form::kText, "Carried, without effect on Linux.", nullptr, {}, false}};
@@ -109,47 +110,48 @@ constexpr oxEventSetting kNative[] = {
 constexpr oxEventSetting kCloudEventsHttp[] = {
     kEnabled,
     kMinimumSeverity,
-    {"endpoint_url", &S::ce_endpoint_url, Form::kUrl, "Where the events are posted to."},
+    {"endpoint_url", &S::ce_endpoint_url, Form::kUrl, "The URL that events are posted to."},
     {"source", &S::ce_source, Form::kUriReference,
-     "The source attribute of the events. Best one that tells hosts and restarts apart. Empty: /oxEvent."},
-    {"subject_prefix", &S::ce_subject_prefix, Form::kText, "Stands before the subject attribute."},
-    {"auth_header", &S::ce_auth_header, Form::kHeaderLines, "Further header lines, separated by line ends or \"|\"."},
+     "The source attribute of the events. Choose one that tells machines and restarts apart. Empty: /oxEvent."},
+    {"subject_prefix", &S::ce_subject_prefix, Form::kText, "Prefix of the subject attribute."},
+    {"auth_header", &S::ce_auth_header, Form::kHeaderLines,
+     "Additional header lines, separated by line ends or \"|\"."},
     {"timeout_ms", &S::ce_timeout_ms, Form::kMilliseconds,
-     "For a request as a whole: name lookup, connection, answer. 0: 5000."}};
+     "Timeout of the whole request: name lookup, connection, response. 0: 5000."}};
 
 constexpr oxEventSetting kWebhookHttp[] = {
     kEnabled,
     kMinimumSeverity,
-    {"endpoint_url", &S::endpoint_url, Form::kUrl, "Where the events are posted to."},
+    {"endpoint_url", &S::endpoint_url, Form::kUrl, "The URL that events are posted to."},
     {"payload_mode", &S::payload_mode, Form::kWord,
      "The body: a plain JSON document, or CloudEvents 1.0 in structured mode.", nullptr, kPayloadModeWords},
-    {"headers", &S::headers, Form::kHeaderLines, "Further header lines, separated by line ends or \"|\"."},
+    {"headers", &S::headers, Form::kHeaderLines, "Additional header lines, separated by line ends or \"|\"."},
     {"bearer_token", &S::bearer_token, Form::kSecret, "Sent as Authorization: Bearer."},
     {"basic_username", &S::basic_username, Form::kText, "Sent, with the password, as Authorization: Basic."},
     {"basic_password", &S::basic_password, Form::kSecret, "Sent, with the user's name, as Authorization: Basic."},
     {"connect_timeout_ms", &S::connect_timeout_ms, Form::kMilliseconds,
-     "For name lookup, connection and TLS together. 0: as long as for the request as a whole."},
-    {"request_timeout_ms", &S::request_timeout_ms, Form::kMilliseconds, "For a request as a whole. 0: 5000."},
-    {"tls_verify", &S::tls_verify, Form::kSwitch, "Off: any certificate will do."},
+     "Timeout of name lookup, connection and TLS together. 0: as long as request_timeout_ms."},
+    {"request_timeout_ms", &S::request_timeout_ms, Form::kMilliseconds, "Timeout of the whole request. 0: 5000."},
+    {"tls_verify", &S::tls_verify, Form::kSwitch, "Off: any certificate is accepted."},
     {"retry_count", &S::retry_count, Form::kNumber,
-     "Further tries after one that failed; later events wait meanwhile. 4294967295: not even a first try."},
-    {"backoff_ms", &S::backoff_ms, Form::kMilliseconds, "The wait before each further try. 0: 250."},
+     "Retries after a failed attempt; later events wait meanwhile. 4294967295: no attempt at all."},
+    {"backoff_ms", &S::backoff_ms, Form::kMilliseconds, "The wait before each retry. 0: 250."},
     {"cloudevents_source", &S::cloudevents_source, Form::kUriReference,
-     "The source attribute of CloudEvents. Best one that tells hosts and restarts apart. Empty: /oxEvent."},
+     "The source attribute of CloudEvents. Choose one that tells machines and restarts apart. Empty: /oxEvent."},
     {"cloudevents_subject_prefix", &S::cloudevents_subject_prefix, Form::kText,
-     "Stands before the subject attribute of CloudEvents."}};
+     "Prefix of the subject attribute of CloudEvents."}};
 
 constexpr oxEventSetting kSnmpTrap[] = {
     kEnabled,
     kMinimumSeverity,
     {"host", &S::snmp_host, Form::kHost,
-     "The manager, IPv4 or IPv6. Its name is looked up when the settings are loaded; one that is not found makes the "
-     "start fail."},
+     "The manager: a name, or an IPv4 or IPv6 address. A name is looked up when the settings are loaded; the start "
+     "fails if it is not found."},
     {"port", &S::snmp_port, Form::kPort, "The manager's UDP port. 0: 162."},
     {"community", &S::community, Form::kSecret, "The community of the traps. It travels unencrypted. Empty: cobalt."},
-    {"version", &S::version, Form::kWord, "Of SNMP: 2c, nothing else yet.", nullptr, kSnmpVersionWords},
-    {"enterprise_oid", &S::enterprise_oid, Form::kOid, "Above the objects of a trap."},
-    {"trap_oid", &S::trap_oid, Form::kOid, "Of the trap."}};
+    {"version", &S::version, Form::kWord, "SNMP version. Only 2c is supported.", nullptr, kSnmpVersionWords},
+    {"enterprise_oid", &S::enterprise_oid, Form::kOid, "OID prefix of the objects in the trap."},
+    {"trap_oid", &S::trap_oid, Form::kOid, "OID that identifies the trap."}};
 
 constexpr std::string_view kNotSent = "Carried, without effect: the host posts the documents.";
 constexpr oxEventSetting kAlertmanager[] = {
@@ -160,7 +162,7 @@ constexpr oxEventSetting kAlertmanager[] = {
     {"allow_source_label", &S::allow_source_label, Form::kSwitch,
      "Whether source_id becomes a label, and so part of the alert's identity."},
     {"alertname_prefix", &S::alertname_prefix, Form::kText,
-     "Begins the alert's name; of it letters, digits and \"_\" are used. None of these: OxEvent."},
+     "Prefix of the alert's name; only letters, digits and \"_\" in it are used. If it has none of these: OxEvent."},
     {"authorization_type", &S::authorization_type, Form::kText, kNotSent, nullptr, {}, false},
     {"authorization_token", &S::authorization_token, Form::kSecret, kNotSent, nullptr, {}, false},
     {"connect_timeout_ms", &S::am_connect_timeout_ms, Form::kMilliseconds, kNotSent, nullptr, {}, false},
@@ -171,7 +173,7 @@ constexpr oxEventSetting kAlertmanager[] = {
 
 using Type = oxEventSinkType;
 constexpr oxEventSection kSections[] = {
-    {"core", nullptr, {}, "Which events are taken, and the queue.", kCore},
+    {"core", nullptr, {}, "Which events are accepted, and the queue.", kCore},
     {"state", nullptr, {}, "Raised conditions: duplicates, repeats, clears.", kState},
     {"sink\\csv", "default", Type::kCsv,
      "A file of comma-separated values (RFC 4180, but lines end in a single line feed).", kCsv},
