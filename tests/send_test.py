@@ -1,5 +1,5 @@
 """What oxevent-send makes of command lines and JSON lines, and what it says became of them."""
-import csv, io, json, os, re, resource, signal, socket, subprocess, sys, tempfile, threading, unittest
+import contextlib, csv, io, json, os, re, resource, signal, socket, subprocess, sys, tempfile, threading, unittest
 from pathlib import Path
 
 sys.path.append(sys.path[0] + "/../scripts")
@@ -188,8 +188,14 @@ class Test(unittest.TestCase):
                 ("--count 2", (), r"(\r2 of 2 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 2"),
                 ("--count 2 --quiet", (200,), "oxevent-send: given up: 1")):
             reader, terminal = os.openpty()
-            self.start(["m", "--wait", "3", *arguments.split()], {WEBHOOK: self.webhook(*answers)}, stderr=terminal).communicate()
-            self.assertRegex(os.read(reader, 65536).decode(), "^" + said)
+            process = self.start(["m", "--wait", "3", *arguments.split()], {WEBHOOK: self.webhook(*answers)}, stderr=terminal)
+            os.close(terminal)
+            shown = b""
+            with contextlib.suppress(OSError):  # The terminal's other end is closed.
+                while part := os.read(reader, 65536):
+                    shown += part
+            process.communicate()
+            self.assertRegex(shown.decode(), "^" + said)
 
     def test_descriptors_that_are_closed_do_not_become_those_of_sinks(self):
         error = self.start(["-"], preexec_fn=lambda: os.close(0)).communicate()[1]
