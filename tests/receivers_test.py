@@ -1,17 +1,12 @@
 """Real receivers must understand every field of every event: receivers_test.py [-v] [Test.test_NAME...]."""
-import ctypes, json, os, re, socket, sys, tempfile, time, unittest
+import ctypes, dataclasses, json, os, re, socket, sys, tempfile, time, unittest
 from datetime import datetime, timezone
 
-sys.path.append(sys.path[0] + "/../scripts")
-import receivers
+sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../tools/python"]
+import oxevent, receivers
 from receivers import octets, text
 
-LIBRARY, POSTER = ctypes.CDLL(os.environ["OXEVENT_LIBRARY"]), ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
-POSTER.AlertPosterStart.restype, POSTER.AlertPosterStop.argtypes = ctypes.c_void_p, [ctypes.c_void_p]
-FIELDS = re.findall(r"^  ([\w ]+\*?) (\w+);", open(sys.path[0] + "/../include/oxEvent.h").read(), re.M)
-RECORD = type("Record", (ctypes.Structure,), {"_fields_": [
-    (name, getattr(ctypes, "c_" + kind.removesuffix("_t").replace("const char*", "char_p"))) for kind, name in FIELDS]})
-TEXTS = [name for kind, name in FIELDS if kind == "const char*"]
+TEXTS = [field.name for field in dataclasses.fields(oxevent.Event) if field.type == "str"]
 SEVERITIES = ("debug", "info", "warning", "error")
 
 
@@ -59,27 +54,24 @@ def cloud_event(event):  # Refused where CloudEvents 1.0 does not allow what the
 
 
 class Test(unittest.TestCase):
-    def submit(self, event):  # Gives the event with the texts as str.
-        record = RECORD(struct_size=ctypes.sizeof(RECORD), version=65536, **event)
-        self.assertEqual(LIBRARY.oxEventSubmit(ctypes.byref(record)), 0)
-        values = {name: getattr(record, name) for kind, name in FIELDS[1:]}
-        return values | {name: text(values[name]) for name in TEXTS}
-
-    def deliver(self, receiver, settings):
+    def running(self, receiver, settings={}):
         file, off, debug = f"{receiver.folder}/settings.xml", {"enabled": 0}, {"minimum_severity": "debug"}
         receivers.write_settings(file, {"core": debug, "state": off, "sink\\native\\main": off,
                                         receiver.section: receiver.settings | debug | settings})
-        self.assertEqual(LIBRARY.oxEventInitialize(octets(file)), 0)
-        self.addCleanup(LIBRARY.oxEventShutdown)
-        taken = [*map(self.submit, EVENTS)]
-        self.assertEqual(LIBRARY.oxEventFlush(0), 0)
-        receivers.await_("the arrival", lambda: len(receiver.events()) >= len(taken))
-        return taken
+        return oxevent.running(file)
+
+    def deliver(self, receiver):
+        for event in EVENTS:
+            oxevent.submit(**event)
+        oxevent.flush()
+        receivers.await_("the arrival", lambda: len(receiver.events()) >= len(EVENTS))
 
     def check(self, kind, settings, expected, read=lambda got: got):
-        with tempfile.TemporaryDirectory() as folder, kind().start(folder) as receiver:
-            taken = self.deliver(receiver, settings)
-            for event, got in zip(taken, map(read, receiver.events()), strict=True):
+        sent = []
+        with tempfile.TemporaryDirectory() as folder, kind().start(folder) as receiver, self.running(receiver, settings):
+            oxevent.register_callback(lambda event: sent.append({"version": 65536} | vars(event)))
+            self.deliver(receiver)
+            for event, got in zip(sent, map(read, receiver.events()), strict=True):
                 self.assertEqual(got | expected(event), got)
 
     def test_rsyslog(self):
@@ -99,16 +91,18 @@ class Test(unittest.TestCase):
                    lambda got: json.loads(got["body"]) if "body" in got else {"refused": True})
 
     def test_alertmanager(self):
+        posting = ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
+        posting.AlertPosterStart.restype, posting.AlertPosterStop.argtypes = ctypes.c_void_p, [ctypes.c_void_p]
         with tempfile.TemporaryDirectory() as folder, receivers.Alertmanager().start(folder) as receiver:
-            poster = POSTER.AlertPosterStart(octets(receiver.url))
-            self.deliver(receiver, {})  # Alertmanager shows those that are well formed.
+            poster = posting.AlertPosterStart(octets(receiver.url))
             doors = lambda: "".join(sorted(alert["labels"]["source_id"] for alert in receiver.events()
                                            if alert["labels"]["event_type"] == "door"))
-            for action, source, shown in ((b"raise", b"a", "a"), (b"raise", b"b", "ab"), (b"clear", b"a", "b")):
-                self.submit(EVENTS[0] | {"message": b"m", "event_type": b"door", "action": action, "source_id": source})
-                receivers.await_(f"{action} of {source}", lambda: doors() == shown)
-            LIBRARY.oxEventShutdown()
-            self.assertEqual(POSTER.AlertPosterStop(poster), 0)
+            with self.running(receiver):
+                self.deliver(receiver)  # Alertmanager shows those that are well formed.
+                for action, source, shown in (("raise", "a", "a"), ("raise", "b", "ab"), ("clear", "a", "b")):
+                    oxevent.submit("m", event_type="door", action=action, source_id=source)
+                    receivers.await_(f"{action} of {source}", lambda: doors() == shown)
+            self.assertEqual(posting.AlertPosterStop(poster), 0)
 
 
 if __name__ == "__main__":
