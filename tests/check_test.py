@@ -310,6 +310,7 @@ CODES = [  # With the lines; the status; 2: the library refuses, or passes enabl
      "key-for-value:3 unknown-element:5 no-name:6 bad-name:7", 1),
     ('<key name="sink\\csv"/>;sink>;csv>;<key name="a\\b"/>;<key name="' + 512 * "n" + '"/>;<key name="n"><key name="a\\b"/></key>',
      "bad-name:2 bad-name:5 bad-name:6 bad-name:7", 2),
+    ('sink>;csv>;<key name="a\\b"/>', "bad-name:4", 2),
     (CSV + "path=x;<value name='flush_each_event'>1<b/></value>", "filled-in-but-off:4 filled-in-but-off:5 nested:6", 1),
     (CSV + ON + "path=f.xml;<;d>;" + ON + "path= a;<;e>;" + ON + "path=a\x7F;<;f>;" + ON + "path=~/a;<;g>;" + ON + "path=" + 2048 * "x",
      "own-file:6 blanks:10 control:14 bad-path:18 cut:22", 1),
@@ -336,12 +337,6 @@ EXPLANATIONS = {
     Type:       a text
     At most:    48 bytes
     Default:    oxEvent
-""",
-    "QVX/Events/core.minimum_severity": r"""QVX\Events\core\minimum_severity
-    Events below this severity are dropped.
-    Type:       a severity, or 0 to 3
-    Default:    info
-    Accepts:    debug, info, information, warning, warn, error, err, in any case
 """,
 }
 

@@ -5,6 +5,7 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 
 #include "faults.h"
@@ -36,6 +37,12 @@ std::string Get(const Store& store, const std::string& key, const std::string& n
 }
 
 bool Save(const Store& store) { return oxCFGSave(store.get(), 0, 1) == 0; }
+
+TEST(oxOS, ReadsTheClocksInTheirUnits) {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+  EXPECT_LT(oxOSGetMs() - static_cast<uint32_t>(now), 600'000u);
+  EXPECT_NEAR(static_cast<double>(oxOSGetTimePTPNano()) / 1e9, static_cast<double>(time(nullptr)), 600);
+}
 
 struct oxCFG : testing::Test {
   void Write(const std::string& text) const { std::ofstream(path_) << text; }

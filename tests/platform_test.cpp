@@ -84,6 +84,22 @@ TEST(oxEventAppendFile, WaitsForRoomInAPipeThroughSignals) {
   }
 }
 
+TEST(oxEventSignalBlock, LeavesTheHostsOwnPendingSignal) {
+  sigset_t pipe, pending;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  for (const bool is_the_hosts : {false, true}) {
+    if (is_the_hosts) raise(SIGPIPE);
+    {
+      const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
+      raise(SIGPIPE);
+    }
+    sigpending(&pending);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE) == 1, is_the_hosts);
+  }
+}
+
 struct oxEventNativeLog : testing::Test {
   oxEventNativeLog() { EXPECT_EQ(oxEventPlatformNativeOpen({}, &handle, nullptr), OXEVENT_OK); }
   ~oxEventNativeLog() override { oxEventPlatformNativeClose(handle); }

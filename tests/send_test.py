@@ -50,14 +50,13 @@ CSV, WEBHOOK, OFF = "sink\\csv\\default", "sink\\webhook\\http\\w", {"enabled": 
 
 class Test(unittest.TestCase):
     def setUp(self):
-        self.folder = tempfile.TemporaryDirectory()
-        self.addCleanup(self.folder.cleanup)
+        self.folder = self.enterContext(tempfile.TemporaryDirectory())
         for number in signal.SIGHUP, signal.SIGINT:  # Ignored by what runs in the background, and inherited.
             signal.signal(number, signal.SIG_DFL)
 
     def call(self, *arguments):
         command = [os.environ["OXEVENT_SEND"], *arguments]
-        return subprocess.run(command, cwd=self.folder.name, capture_output=True, encoding="utf-8")
+        return subprocess.run(command, cwd=self.folder, capture_output=True, encoding="utf-8")
 
     def webhook(self, *answers):  # A sink whose server gives these answers, then none.
         server = socket.create_server(("127.0.0.1", 0))
@@ -73,9 +72,9 @@ class Test(unittest.TestCase):
 
     def start(self, arguments, sections={}, **streams):
         sections = {"sink\\native\\main": OFF, CSV: {"enabled": 1, "path": "events.csv", "flush_each_event": 1}} | sections
-        receivers.write_settings(self.folder.name + "/settings.xml", sections)
+        receivers.write_settings(self.folder + "/settings.xml", sections)
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
-        return subprocess.Popen([os.environ["OXEVENT_SEND"], "settings.xml", *arguments], cwd=self.folder.name,
+        return subprocess.Popen([os.environ["OXEVENT_SEND"], "settings.xml", *arguments], cwd=self.folder,
                                 encoding="utf-8", **pipes | streams)
 
     def send(self, status, arguments, lines=(), sections={}):  # Gives stdout, stderr, and the rows that are new.
@@ -86,7 +85,7 @@ class Test(unittest.TestCase):
         return out, error, self.rows()[before:]
 
     def rows(self):
-        path = Path(self.folder.name, "events.csv")
+        path = Path(self.folder, "events.csv")
         return [*csv.DictReader(io.StringIO(path.read_text("utf-8"), newline=""))] if path.exists() else []
 
     def test_every_field_survives(self):
@@ -153,7 +152,7 @@ class Test(unittest.TestCase):
         out, error, _ = self.send(1, ["-"], [f'{{"message": "m", "severity": {severity}}}' for severity in (0, 2, 2)], sinks)
         udp = "by UDP, which does not tell whether they arrived"
         self.assertEqual({*out.splitlines()}, {
-            "submitted: 3", "emitted: 3", f"{CSV}: 2 written to {self.folder.name}/events.csv",
+            "submitted: 3", "emitted: 3", f"{CSV}: 2 written to {self.folder}/events.csv",
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}", f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}",
             "sink\\cloudevents\\http\\c: 2 accepted by " + cloud["endpoint_url"],
             "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",

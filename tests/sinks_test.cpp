@@ -387,6 +387,7 @@ TEST(oxEventSinks, ReportTheirFailures) {
   Config csv, syslog, webhook;
   csv.type = oxEventSinkType::kCsv, csv.name = "a", csv.path = folder.path + "/rows", csv.enabled = true;
   syslog.type = oxEventSinkType::kSyslogUdp, syslog.name = "b", syslog.host = "127.255.255.255", syslog.enabled = true;
+  syslog.port = 0;  // Means 514.
   webhook.type = oxEventSinkType::kWebhookHttp, webhook.name = "c", webhook.endpoint_url = "http://h";
   webhook.enabled = true, webhook.retry_count = UINT32_MAX;  // No try, and no text.
   config.sinks = {csv, Config(), syslog, webhook};
@@ -402,7 +403,7 @@ TEST(oxEventSinks, ReportTheirFailures) {
     report += string(s.section) + ' ' + s.name + ' ' + std::to_string(s.failures) + ' ' + s.last_error + '\n';
   }
   EXPECT_EQ(report, "sink\\csv a 1 Unable to flush oxEvent CSV file: " + csv.path +
-                        "\nsink\\syslog\\udp b 1 oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13\n"
+                        "\nsink\\syslog\\udp b 1 oxEvent syslog UDP send failed to 127.255.255.255:514 error=13\n"
                         "sink\\webhook\\http c 1 \n"
                         "callbacks  1 oxEvent callback " +
                         std::to_string(id) + " threw\n");
