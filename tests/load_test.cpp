@@ -171,7 +171,10 @@ TEST_F(oxEventLoad, GivesBackTheMemoryOfABurstWhenIdle) {
   EXPECT_GT(Resident(), idle + (8 << 20));
   go.set_value();
   EXPECT_EQ(oxEventFlush(0), 0u);
-  for (int tries = 0; Resident() > idle + kNoMore && tries < 6000; ++tries) usleep(10'000);
+  for (int tries = 0; Resident() > idle + kNoMore && tries < 6000; ++tries) {
+    EXPECT_EQ(Submit(0, ++sent), 0u);  // An event now and then does not keep the memory.
+    usleep(10'000);
+  }
   EXPECT_LT(Resident(), idle + kNoMore);
 }
 
@@ -254,9 +257,9 @@ TEST_F(oxEventLoad, WritesRowsBeforeItWaitsForTheEventInDelivery) {
   auto stop = std::async(std::launch::async, oxEventShutdown);
   expect_row_before_the_request_ends("0-1", first);
   ASSERT_FALSE(HasFailure());
-  // Delivered by the drain, and still in delivery when its time is up.
+  // Delivered by the drain, which still goes on.
   expect_row_before_the_request_ends("0-2", accept4(http, nullptr, nullptr, SOCK_CLOEXEC));
-  EXPECT_EQ(stop.get(), OXEVENT_FAILURE);
+  EXPECT_EQ(stop.get(), OXEVENT_OK);
   close(http);
 }
 

@@ -306,7 +306,7 @@ oxEventNormalizedEvent* oxEventQueue::WaitForEvent() {
 }
 
 // Waits for an event or a stop; may return early. The caller has checked that nothing is pending. When the queue has
-// been idle for long enough, *surplus takes over the free memory instead, to be given back with the lock released.
+// been quiet for long enough, *surplus takes over the free memory instead, to be given back with the lock released.
 void oxEventQueue::RestLocked(FreeItems* surplus) {
   const bool has_surplus = free_.Size() > kKeptItems;
   rest_ = nap_first_ ? Rest::kNap : Rest::kSleep;
@@ -314,7 +314,10 @@ void oxEventQueue::RestLocked(FreeItems* surplus) {
   if (rest_ == Rest::kNap) {
     not_empty_.WaitUntil(mutex_, std::chrono::steady_clock::now() + kNap);
   } else if (has_surplus) {
-    const auto deadline = std::chrono::steady_clock::now() + kKeepSurplus;
+    // An event now and then does not count: the memory that stays is enough for it.
+    if (enqueue_count_ - enqueued_before_sleep_ > kKeptItems) quiet_since_ = std::chrono::steady_clock::now();
+    enqueued_before_sleep_ = enqueue_count_;
+    const auto deadline = quiet_since_ + kKeepSurplus;
     while (rest_ == Rest::kSleep && !stop_requested_ && std::chrono::steady_clock::now() < deadline) {
       not_empty_.WaitUntil(mutex_, deadline);
     }

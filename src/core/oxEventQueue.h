@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -106,8 +107,8 @@ class oxEventQueue {
 
   // Waking a sleeping thread costs a submitter twenty times what queueing an event does. So after an event the worker
   // first naps: events that come meanwhile wait for its end, and wake nobody, unless the queue fills. After a nap that
-  // brought nothing it sleeps, and after a second of sleep it gives back the memory that a burst has left: not sooner,
-  // since the next burst of a host that works in cycles needs it again.
+  // brought nothing it sleeps, and after a second without a burst it gives back the memory that the last one has left:
+  // not sooner, since the next burst of a host that works in cycles needs it again.
   enum class Rest { kNone, kNap, kSleep };
 
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
@@ -147,8 +148,10 @@ class oxEventQueue {
   uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // How often a change left nothing pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
-  Rest rest_ OX_GUARDED_BY(mutex_) = Rest::kNone;  // The worker's.
-  bool nap_first_ OX_GUARDED_BY(mutex_) = false;   // The last rest brought an event.
+  Rest rest_ OX_GUARDED_BY(mutex_) = Rest::kNone;                            // The worker's.
+  bool nap_first_ OX_GUARDED_BY(mutex_) = false;                             // The last rest brought an event.
+  uint64_t enqueued_before_sleep_ OX_GUARDED_BY(mutex_) = 0;                 // The count when the worker last slept.
+  std::chrono::steady_clock::time_point quiet_since_ OX_GUARDED_BY(mutex_);  // The end of the last burst.
   oxEventCondition not_empty_;
   oxEventCondition drained_;
   Items active_;  // Changed by the worker alone, with the lock held.

@@ -26,6 +26,20 @@ void LetOthersRun() {
   std::this_thread::sleep_for(std::chrono::microseconds(50));
 }
 
+// Waits until nothing is queued or in delivery. A service manager may kill the process meanwhile: the rows of events
+// that were delivered must be in their files by then, whenever a sink begins to stall.
+uint32_t Drain(oxEventQueue* queue, uint32_t timeout_ms) {
+  constexpr int64_t kFlushIntervalMs = 500;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (true) {
+    oxEventSinkTryFlush();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return OXEVENT_FAILURE;
+    const auto wait_ms = static_cast<uint32_t>(std::min<int64_t>(left.count(), kFlushIntervalMs));
+    if (queue->Flush(wait_ms) == OXEVENT_OK) return OXEVENT_OK;
+  }
+}
+
 }  // namespace
 
 class oxEventRouter::PlaceHolder {
@@ -112,8 +126,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   // Without time there is no waiting: what is queued goes at once. The worker cannot wait for itself.
   const bool waits = timeout_ms != 0 && !run->IsWorker();
   if (waits) {
-    oxEventSinkTryFlush();  // A service manager may kill the process while it waits for the event in delivery.
-    result = run->queue.Flush(timeout_ms);
+    result = Drain(&run->queue, timeout_ms);
   } else if (run->queue.HasPending()) {
     result = OXEVENT_FAILURE;
   }
