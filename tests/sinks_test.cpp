@@ -99,7 +99,8 @@ struct Receiver : Config {  // Of datagrams, with the settings to send here.
 TEST(oxEventSyslogUdpSink, SendsTheWholeEvent) {
   std::istringstream rows(
       "kern 3 user 11 mail 19 daemon 27 auth 35 Security 35 syslog 43 lpr 51 news 59 uucp 67 cron 75 AuthPriv 83 "
-      "ftp 91 local0 131 local3 155 LOCAL7 187 local8 131 local/ 131 x 131");
+      "ftp 91 local0 131 local1 139 local2 147 local3 155 local4 163 local5 171 local6 179 LOCAL7 187 local8 131 "
+      "local/ 131 x 131");
   const string f(48, '5'), pid = " " + std::to_string(getpid()) + " ", end = "\"] \"a\n\n\",b";
   const std::array<string, 3> names[] = {{" ", "\x7F/!~ \xC3\xA9", "_" + pid + "_/!~___"},
                                          {"", "", "oxEvent" + pid + "-"},
