@@ -31,6 +31,13 @@ REFUSED = (
     (TypeError, "details_json: Object of type set", {"details_json": [set()]}),
     (oxevent.OxEventError, "oxEvent is not initialized (NOT_INITIALIZED, 0x80050001)", {}))
 
+
+class Mute(Exception):
+    def __str__(self):
+        raise self
+    __repr__ = __str__
+
+
 MISSING = "try: oxevent.load()\nexcept OSError as error: print(error)"
 PENDING = """
 seen = oxevent.register_callback(lambda event: print(event.message))
@@ -108,14 +115,15 @@ class Test(unittest.TestCase):
 
     def test_callback_that_raises_fails_the_next_flush(self):
         def fail(event):
-            raise KeyError("key")
+            raise {"key": KeyError("key"), "mute": Mute()}[event.message]
         self.start(fail)
-        fails = self.assertRaisesRegex(oxevent.OxEventError, "raised KeyError.*FAILURE")
-        with self.assertLogs("oxevent") as logs, fails as at:
-            oxevent.submit("m")
-            oxevent.flush()
-        self.assertIsInstance(at.exception.__cause__, KeyError)
-        self.assertIn("KeyError: ", *logs.output)
+        for message, cause, text in (("key", KeyError, "raised KeyError.*FAILURE"), ("mute", Mute, "raised <.*Mute object")):
+            fails = self.assertRaisesRegex(oxevent.OxEventError, text)
+            with self.assertLogs("oxevent") as logs, fails as at:
+                oxevent.submit(message)
+                oxevent.flush()
+            self.assertIsInstance(at.exception.__cause__, cause)
+            self.assertIn(f"{cause.__name__}: ", *logs.output)
         oxevent.flush()
 
     def test_unregistered_amid_a_delivery(self):
@@ -145,10 +153,12 @@ class Test(unittest.TestCase):
             fields = {"action": "raise", "details_json": {"k": 1}}
             logger.exception("a\0\ud800", stack_info=True, extra={"oxevent": fields})
             logger.exception("", extra={"oxevent": {"details_json": "[]"}})
+        handler.setFormatter(None)  # Which logging lets stand for its own.
+        logger.error("", exc_info=Mute())
         logging.shutdown([weakref.ref(handler)])  # Flushes with the handler locked, while callbacks log.
         self.assertEqual([(event.message, event.severity) for event in self.events[:6]],
                          [("5", 0), ("10", 0), ("20", 1), ("30", 2), ("40", 3), ("50", 3)])
-        event, text = self.events[6], self.events[7].message
+        event, text, mute = self.events[6], self.events[7].message, self.events[8].details_json
         details = json.loads(event.details_json)
         self.assertEqual((event.message, event.action, event.source_name, event.source_id, event.event_type),
                          ("a\\x00\\ud800", "raise", "pump.7", "press-4", "log"))
@@ -156,6 +166,7 @@ class Test(unittest.TestCase):
         self.assertIn('raise ValueError("bad")', details["traceback"])
         self.assertIn("test_log_records", details["stack"])
         self.assertTrue(text.endswith("\nValueError: bad"), text)
+        self.assertRegex(json.loads(mute)["exception"], "^Mute: <.*Mute object")
 
     def test_exit_with_pending_events(self):
         for script in (OWN_START, EMBEDDED):
