@@ -16,6 +16,7 @@
 #include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventSinkSet.h"
+#include "sinks/oxEventText.h"
 
 using std::string;
 using std::string_literals::operator""s;
@@ -248,6 +249,16 @@ TEST(oxEventCsvSink, OpensOnAFullDiskAndWritesTheHeaderBeforeTheFirstRow) {
   EXPECT_EQ(oxEventCreateCsvSink(csv, &sink, nullptr), OXEVENT_OK);
   EXPECT_EQ(write(*sink), OXEVENT_FAILURE);
   EXPECT_EQ(sink->Submit(FullEvent(), nullptr, nullptr), OXEVENT_FAILURE);  // As after any failed write.
+}
+
+TEST(oxEventCsvSink, HasRoomForARowOfQuotes) {
+  const string quotes(1000, '"');
+  Event event;
+  event.source_id = event.source_name = event.dedupe_key = event.correlation_id = event.message = quotes;
+  event.action = event.event_type = event.units = event.timecode = event.details_json = quotes;
+  string row(100'000, 0);
+  const char* const end = oxEventText::WriteCsvRow(event, row.data());
+  EXPECT_GE(oxEventText::CsvRowCapacity(event), static_cast<size_t>(end - row.data()));
 }
 
 struct CsvSinkSet : testing::Test {  // The process's sinks: one CSV file, which may be a pipe with little room.
