@@ -50,14 +50,14 @@ void EnqueuePop(benchmark::State& state) {
   const oxEventRecord record = CompleteRecord();
   oxEventNormalizedEvent view;
   const bool normalized = oxEventNormalizeEvent(&record, 1, &view) == OXEVENT_OK;
-  oxEventQueue queue;
+  oxEventDropLedger drops;
+  oxEventQueue queue(&drops);
+  oxEventNodePtr node_cache;
   queue.Start(1024, oxEventDropPolicy::kDropNewest);
   uint64_t id = 0;
   Repeat(state, [&] {
     view.event_id = ++id;
-    bool accepted = false;
-    bool dropped = true;
-    const bool queued = queue.Enqueue(view, &accepted, &dropped) == OXEVENT_OK && accepted && !dropped;
+    const bool queued = queue.Enqueue(view, &node_cache) == oxEventEnqueueResult::kQueued;
     const oxEventNormalizedEvent* popped = queued ? queue.WaitPop() : nullptr;
     const bool same = popped != nullptr && popped->event_id == id && popped->message == view.message;
     queue.CompleteActiveEvent();

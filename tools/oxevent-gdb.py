@@ -118,7 +118,7 @@ def show_counters(_limit):
         print('counters: none yet')
         return
     queue = run['queue']
-    reasons = {words(f.name): number(run['drops']['_M_elems'][f.enumval])
+    reasons = {words(f.name): number(run['drops']['counts_']['_M_elems'][f.enumval])
                for f in gdb.lookup_type('oxEventDrop').fields()}
     submitted = int(queue['enqueue_count_']) + reasons['filtered'] + reasons['no memory']
     print(f'counters: {submitted} submitted, {number(run["emitted"])} emitted, {sum(reasons.values())} dropped, '
@@ -128,8 +128,8 @@ def show_counters(_limit):
 
 def items(queue, name):
     """The pending events of a list, oldest first. It may be half changed: never more than it counts."""
-    node = queue[name]['front_'].cast(gdb.lookup_type('oxEventQueue::Item').pointer())  # Declared alone, elsewhere.
-    for _ in range(int(queue[name]['size_'])):
+    node = queue['backlog_'][name]['front_']
+    for _ in range(int(queue['backlog_'][name]['size_'])):
         if not node:
             return
         item = node.dereference()
@@ -143,10 +143,11 @@ def show_queue(limit):
         print('queue: none yet')
         return
     queue = run['queue']
+    backlog = queue['backlog_']
     lists = ('debug_info_', 'warning_error_')
-    count = sum(int(queue[name]['size_']) for name in lists)
-    policy = words(str(queue['policy_']))
-    print(f'queue: {count} of {int(queue["capacity_"])} pending, {policy}; {int(queue["active_count_"])} in delivery')
+    count = sum(int(backlog[name]['size_']) for name in lists)
+    policy = words(str(backlog['policy_']))
+    print(f'queue: {count} of {int(backlog["capacity_"])} pending, {policy}; {int(queue["active_count_"])} in delivery')
     warn_if_locked(queue['mutex_'], 'it')
     oldest = sorted((e for name in lists for e in itertools.islice(items(queue, name), limit)), key=lambda e: e[0])
     for _, event in oldest[:limit]:

@@ -8,7 +8,7 @@
 #include "api/oxEventNormalize.h"
 #include "api/oxEventProcess.h"
 #include "base/oxEventErrorText.h"
-#include "base/oxEventImmortal.h"
+#include "base/oxEventNoDestructor.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventTrace.h"
@@ -25,14 +25,14 @@ constexpr uint32_t kShutdownDrainMs = 5000;
 
 // Outermost lock but one. Held over opening sinks, but not over looking up their hosts, which may take as long as a
 // name server does. Submit and Flush go by g_oxEventInitialized without it.
-constinit oxEventImmortal<oxEventMutex> g_oxEventMutex;
+constinit oxEventNoDestructor<oxEventMutex> g_oxEventMutex;
 // One reload at a time, lookups included: of two the later settings stay in force. Taken before g_oxEventMutex.
-constinit oxEventImmortal<oxEventMutex> g_oxEventReloadMutex;
+constinit oxEventNoDestructor<oxEventMutex> g_oxEventReloadMutex;
 constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
 constinit std::atomic<uint64_t> g_oxEventStarts = 0;       // Successful ones. Changed with g_oxEventMutex held.
 constinit std::atomic<bool> g_oxEventClosed = false;       // At unload and process exit, for good.
 constinit bool g_oxEventStopping = false;                  // A Shutdown is draining. Guarded by g_oxEventMutex.
-constinit oxEventImmortal<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
+constinit oxEventNoDestructor<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
 constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
 
 uint32_t Fail(uint32_t code, std::string_view text) {
@@ -119,7 +119,7 @@ class SinkShutdownGuard {
 
 uint32_t Initialize(const char* config_path) {
   const oxEventCancelBlock cancel_block;
-  oxEventCoreReap();
+  oxEventCoreRouter().Reap();
   oxEventConfig config;
   std::string error;
   if (const uint32_t result = oxEventConfigLoad(config_path, &config, &error); result != OXEVENT_OK) {
@@ -307,9 +307,9 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
 }
 
 void oxEventApiForgetInChild() {
-  g_oxEventMutex.Renew();
-  g_oxEventReloadMutex.Renew();
-  g_oxEventConfigPath.Renew();
+  g_oxEventMutex.Reset();
+  g_oxEventReloadMutex.Reset();
+  g_oxEventConfigPath.Reset();
   g_oxEventClosed = false;
   g_oxEventInitialized = false;
   g_oxEventStopping = false;

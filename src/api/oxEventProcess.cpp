@@ -17,7 +17,7 @@ namespace {
 void AfterForkInChild() {
   ++g_oxEventForkCount;
   oxEventApiForgetInChild();
-  oxEventCoreForgetInChild();
+  oxEventCoreResetAfterFork();
   oxEventSinkForgetInChild();
   oxEventPlatformNativeAfterForkInChild();
   oxEventLastErrorForgetInChild();
@@ -44,7 +44,7 @@ void PlaceExceptionState() {
 // loaded the library late, which may still report events. Host threads may go on submitting meanwhile.
 [[gnu::destructor]] void Unload() {
   oxEventApiClose();
-  oxEventCoreClose();
+  oxEventCoreRouter().Close();
   oxEventSinkFlush(0);
   oxEventSinkShutdown();
   oxEventLastErrorUnload();

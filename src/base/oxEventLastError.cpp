@@ -11,7 +11,7 @@
 #include <new>
 
 #include "base/oxEventCopyString.h"
-#include "base/oxEventImmortal.h"
+#include "base/oxEventNoDestructor.h"
 #include "base/oxEventMutex.h"
 
 namespace {
@@ -29,7 +29,7 @@ struct ThreadText : Link {
 
 constexpr int kSweepAtOnce = 2;
 
-constinit oxEventImmortal<oxEventMutex> g_mutex;
+constinit oxEventNoDestructor<oxEventMutex> g_mutex;
 constinit Link g_texts = {&g_texts, &g_texts};  // A ring of every thread's. Guarded by g_mutex.
 constinit std::atomic<bool> g_open = false;     // There is a key. Changed with g_mutex held.
 constinit bool g_unloaded = false;              // There will be none any more. Guarded by g_mutex.
@@ -140,7 +140,7 @@ void oxEventLastErrorUnload() {
 }
 
 void oxEventLastErrorForgetInChild() {
-  g_mutex.Renew();
+  g_mutex.Reset();
   g_texts = {&g_texts, &g_texts};
   if (g_open) pthread_setspecific(g_oxEventLastError, nullptr);
 }

@@ -1,16 +1,12 @@
 #include "core/oxEventRouter.h"
 
-#include <pthread.h>
-
 #include <algorithm>
-#include <bit>
 #include <chrono>
 #include <iterator>
 #include <numeric>
-#include <thread>
 #include <utility>
 
-#include "base/oxEventImmortal.h"
+#include "base/oxEventNoDestructor.h"
 #include "base/oxEventSeverity.h"
 #include "core/oxEventRun.h"
 #include "platform/oxEventPlatform.h"
@@ -19,12 +15,6 @@
 namespace {
 
 bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
-
-// Sleeps: yielding from a real-time thread never lets a lower-priority thread run.
-void LetOthersRun() {
-  const oxEventCancelBlock cancel_block;
-  std::this_thread::sleep_for(std::chrono::microseconds(50));
-}
 
 // Waits until nothing is queued or in delivery. A service manager may kill the process meanwhile: the rows of events
 // that were delivered must be in their files by then, whenever a sink begins to stall.
@@ -41,31 +31,6 @@ uint32_t Drain(oxEventQueue* queue, uint32_t timeout_ms) {
 }
 
 }  // namespace
-
-class oxEventRouter::PlaceHolder {
- public:
-  explicit PlaceHolder(Places* places) : place_(Take(places)) {}
-  ~PlaceHolder() { place_.holder.store(0, std::memory_order_release); }
-  PlaceHolder(const PlaceHolder&) = delete;
-  PlaceHolder& operator=(const PlaceHolder&) = delete;
-
-  oxEventQueue::Spare* Spare() const { return &place_.spare; }
-
- private:
-  // The thread's own, or the next that nobody is in.
-  static Place& Take(Places* places) {
-    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;  // 2^64 by the golden ratio.
-    constexpr int kShift = 64 - std::countr_zero(std::tuple_size_v<Places>);
-    const pthread_t self = pthread_self();
-    for (size_t i = self * kSpread >> kShift, tries = 1;; ++i, ++tries) {
-      Place& place = (*places)[i % places->size()];
-      if (pthread_t nobody = 0; place.holder.compare_exchange_strong(nobody, self)) return place;
-      if (tries % places->size() == 0) LetOthersRun();
-    }
-  }
-
-  Place& place_;
-};
 
 uint32_t oxEventRouter::Start(const oxEventConfig* config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
@@ -84,20 +49,24 @@ uint32_t oxEventRouter::Start(const oxEventConfig* config) {
 }
 
 uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
-  const PlaceHolder place(&places_);
+  const oxEventSubmitSlots::Lease slot(&slots_);
   Run* const run = running_;
   if (run == nullptr) return OXEVENT_NOT_INITIALIZED;
-  if (!run->Wants(event.severity)) {
-    run->Drop(event, oxEventDrop::kFiltered);
+  if (!run->IsEnabled(event.severity)) {
+    run->drops.Record(event, oxEventDrop::kFiltered);
     return OXEVENT_OK;
   }
-  bool accepted = false;
-  bool dropped = false;
-  const uint32_t result = run->queue.Enqueue(event, &accepted, &dropped, place.Spare());
-  if (dropped && accepted) run->AddDropped(oxEventDrop::kDisplaced, 1);
-  if (dropped && !accepted) run->Drop(event, oxEventDrop::kRefused);
-  if (result == OXEVENT_FAILURE) run->Drop(event, oxEventDrop::kNoMemory);
-  return result;
+  switch (run->queue.Enqueue(event, slot.NodeCache())) {
+    case oxEventEnqueueResult::kNotAccepting:
+      return OXEVENT_NOT_INITIALIZED;
+    case oxEventEnqueueResult::kNoMemory:
+      return OXEVENT_FAILURE;
+    case oxEventEnqueueResult::kQueued:
+    case oxEventEnqueueResult::kDisplacedOlder:
+    case oxEventEnqueueResult::kDropped:
+      break;
+  }
+  return OXEVENT_OK;
 }
 
 uint32_t oxEventRouter::Flush(uint32_t timeout_ms) {
@@ -121,7 +90,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     if (run->IsWorker()) retired_.push_back(run);
   }
   run->queue.StopAccepting();
-  WaitForSubmitters();
+  slots_.WaitForInFlightSubmits();
   uint32_t result = OXEVENT_OK;
   // Without time there is no waiting: what is queued goes at once. The worker cannot wait for itself.
   const bool waits = timeout_ms != 0 && !run->IsWorker();
@@ -131,7 +100,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     result = OXEVENT_FAILURE;
   }
   if (result != OXEVENT_OK) {
-    run->AddDropped(oxEventDrop::kStopped, run->queue.DropPending());
+    run->queue.DropPending();
   } else {
     result = oxEventSinkFlush(timeout_ms);
   }
@@ -157,7 +126,7 @@ uint32_t oxEventRouter::ReloadConfig(const oxEventConfig* config) {
   }
   run->Configure(*config);
   run->state.Configure(*config);
-  run->AddDropped(oxEventDrop::kTrimmed, run->queue.Configure(config->queue_size, config->drop_policy));
+  run->queue.Configure(config->queue_size, config->drop_policy);
   return OXEVENT_OK;
 }
 
@@ -176,17 +145,16 @@ void oxEventRouter::Reap() {
 oxEventCounters oxEventRouter::GetCounters() {
   const SharedRun run = LastRun();
   if (run == nullptr) return {};
-  const oxEventDrops drops = run->Drops();
-  // The queue has not seen these.
-  const uint64_t turned_away =
+  const oxEventDropCounts drops = run->drops.Counts();
+  // These never reached the queue.
+  const uint64_t not_enqueued =
       drops[static_cast<size_t>(oxEventDrop::kFiltered)] + drops[static_cast<size_t>(oxEventDrop::kNoMemory)];
-  return {run->queue.EnqueueCount() + turned_away, run->emitted, std::reduce(drops.begin(), drops.end()),
-          run->sink_failures, run->sink_warnings};
-}
-
-oxEventDrops oxEventRouter::GetDrops() {
-  const SharedRun run = LastRun();
-  return run != nullptr ? run->Drops() : oxEventDrops();
+  return {run->queue.EnqueueCount() + not_enqueued,
+          run->emitted,
+          std::reduce(drops.begin(), drops.end()),
+          run->sink_failures,
+          run->sink_warnings,
+          drops};
 }
 
 void oxEventRouter::Close() {
@@ -213,7 +181,7 @@ void oxEventRouter::Close() {
 
 // A stop that another thread waits in has no more time. The event in delivery on an exiting worker never completes.
 void oxEventRouter::End(Run& run) {
-  run.AddDropped(oxEventDrop::kStopped, run.queue.DropPending());
+  run.queue.DropPending();
   run.queue.RequestStop();
   if (run.IsWorker()) run.queue.Reset();
 }
@@ -223,19 +191,6 @@ void oxEventRouter::Join(SharedRun* run) {
   if (!(*run)->IsWorker()) return (*run)->JoinWorker();
   oxEventLock lock(mutex_);
   exiting_ = std::move(*run);
-}
-
-// After running_ has changed: until everyone who has seen what it was is out. Frees what they kept. Not for the calling
-// thread, when a signal handler that exits has interrupted its Submit.
-void oxEventRouter::WaitForSubmitters() {
-  const pthread_t self = pthread_self();
-  for (Place& place : places_) {
-    pthread_t holder = 0;
-    for (; !place.holder.compare_exchange_strong(holder, self) && holder != self; holder = 0) LetOthersRun();
-    if (holder == self) continue;
-    place.spare.reset();
-    place.holder = 0;
-  }
 }
 
 oxEventRouter::SharedRun oxEventRouter::LastRun() {
@@ -250,9 +205,11 @@ oxEventRouter::SharedRun oxEventRouter::RunningRun() {
 
 namespace {
 
-constinit oxEventImmortal<oxEventRouter> g_router;
+constinit oxEventNoDestructor<oxEventRouter> g_router;
 
 }  // namespace
+
+oxEventRouter& oxEventCoreRouter() { return *g_router; }
 
 uint32_t oxEventCoreStart(const oxEventConfig* config) { return g_router->Start(config); }
 
@@ -266,10 +223,4 @@ uint32_t oxEventCoreReloadConfig(const oxEventConfig* config) { return g_router-
 
 oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }
 
-oxEventDrops oxEventCoreGetDrops() { return g_router->GetDrops(); }
-
-void oxEventCoreReap() { g_router->Reap(); }
-
-void oxEventCoreClose() { g_router->Close(); }
-
-void oxEventCoreForgetInChild() { g_router.Renew(); }
+void oxEventCoreResetAfterFork() { g_router.Reset(); }

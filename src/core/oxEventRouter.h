@@ -1,29 +1,27 @@
 #pragma once
 
-#include <pthread.h>
-
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
 #include "config/oxEventConfig.h"
-#include "core/oxEventDrop.h"
+#include "core/oxEventDropLedger.h"
 #include "core/oxEventQueue.h"
 #include "core/oxEventState.h"
+#include "core/oxEventSubmitSlots.h"
 
 // At any quiet moment submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED)
 //   + failed evaluations + pending + active.
 struct oxEventCounters {
   uint64_t submitted = 0;      // Submit while running, before any filter.
   uint64_t emitted = 0;        // Handed to the sinks, whatever they did.
-  uint64_t dropped = 0;        // For whichever reason: oxEventDrop.
+  uint64_t dropped = 0;        // The sum of drops_by_reason.
   uint64_t sink_failures = 0;  // Failed sinks, added up over the events; also failed evaluations.
   uint64_t sink_warnings = 0;
+  oxEventDropCounts drops_by_reason = {};
 };
 
 // Joins the queue, the state and the sinks: owns the worker thread and the counters. One Start to Stop is a run; each
@@ -62,7 +60,6 @@ class oxEventRouter {
 
   // The counters of this run or, without one, of the last. Not an atomic snapshot.
   oxEventCounters GetCounters() OX_EXCLUDES(mutex_);
-  oxEventDrops GetDrops() OX_EXCLUDES(mutex_);  // What `dropped` is made of.
 
   // For good: at unload and process exit. Stops without delivering what is queued, and waits for every worker, a stop
   // that is under way in another thread included; not for the calling thread when it is one.
@@ -72,23 +69,13 @@ class oxEventRouter {
   class Run;
   using SharedRun = std::shared_ptr<Run>;
 
-  // A submitting thread takes one for a call, mostly the same one each time. While it has it, the run that it found is
-  // not destroyed; and the memory that its next event goes into is its own, so that it has to come for one lock only.
-  struct alignas(64) Place {  // On a cache line of its own.
-    std::atomic<pthread_t> holder = 0;
-    oxEventQueue::Spare spare;
-  };
-  using Places = std::array<Place, 32>;
-  class PlaceHolder;
-
-  void WaitForSubmitters();
   SharedRun RunningRun() OX_EXCLUDES(mutex_);
   SharedRun LastRun() OX_EXCLUDES(mutex_);
   static void End(Run& run);
   void Join(SharedRun* run) OX_EXCLUDES(mutex_);
 
-  Places places_;
-  std::atomic<Run*> running_ = nullptr;  // Changed with mutex_ held. For Submit, which takes no lock for it.
+  oxEventSubmitSlots slots_;
+  std::atomic<Run*> running_ = nullptr;  // Written with mutex_ held. Submit reads it with a slot held, and no lock.
 
   // Never held while the queue, the state or the sinks are called, but for those of a new run in Start.
   oxEventMutex mutex_;
@@ -99,14 +86,14 @@ class oxEventRouter {
   SharedRun exiting_ OX_GUARDED_BY(mutex_);  // The run whose worker called exit.
 };
 
-// The process's one router.
+// The process's one router, and its functions under their own names.
+oxEventRouter& oxEventCoreRouter();
 uint32_t oxEventCoreStart(const oxEventConfig* config);
 uint32_t oxEventCoreStop(uint32_t timeout_ms);
 uint32_t oxEventCoreSubmit(const oxEventNormalizedEvent& event);
 uint32_t oxEventCoreFlush(uint32_t timeout_ms);
 uint32_t oxEventCoreReloadConfig(const oxEventConfig* config);
 oxEventCounters oxEventCoreGetCounters();
-oxEventDrops oxEventCoreGetDrops();
-void oxEventCoreReap();
-void oxEventCoreClose();
-void oxEventCoreForgetInChild();
+
+// In the child of a fork: a new router, as after load. Abandons the parent's run without touching it.
+void oxEventCoreResetAfterFork();

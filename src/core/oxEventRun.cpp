@@ -2,8 +2,6 @@
 
 #include <cxxabi.h>
 
-#include <algorithm>
-
 #include "base/oxEventForkCount.h"
 #include "platform/oxEventPlatform.h"
 #include "sinks/oxEventSinkSet.h"
@@ -45,12 +43,6 @@ void oxEventRouter::Run::JoinWorker() {
   worker_id_ = std::thread::id();
 }
 
-oxEventDrops oxEventRouter::Run::Drops() const {
-  oxEventDrops copy = {};
-  std::copy(drops.begin(), drops.end(), copy.begin());
-  return copy;
-}
-
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
   // A thread's first exception may allocate, and without memory that ends the process: not later, amid deliveries.
@@ -75,7 +67,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
     emit = true;
   }
   if (!emit) {
-    Drop(*event, oxEventDrop::kSuppressed);
+    drops.Record(*event, oxEventDrop::kSuppressed);
     return;
   }
   if (status != OXEVENT_OK) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <thread>
 
@@ -22,23 +21,16 @@ class oxEventRouter::Run {
   bool IsWorker() const { return worker_id_.load() == std::this_thread::get_id(); }
   bool HasEnded() const { return ended_; }
 
-  void Drop(const oxEventNormalizedEvent& event, oxEventDrop reason) {
-    AddDropped(reason, 1);
-    oxEventTraceDrop(event, reason);
-  }
-  void AddDropped(oxEventDrop reason, uint64_t n) { drops[static_cast<size_t>(reason)] += n; }  // The queue's.
-  oxEventDrops Drops() const;
-
   // Which events Submit lets through to the queue.
   void Configure(const oxEventConfig& config) { minimum_ = config.enabled ? config.minimum_severity : UINT32_MAX; }
-  bool Wants(uint32_t severity) const { return oxEventSeverityMeetsMinimum(severity, minimum_); }
+  bool IsEnabled(uint32_t severity) const { return oxEventSeverityMeetsMinimum(severity, minimum_); }
 
-  oxEventQueue queue;
+  oxEventDropLedger drops;
+  oxEventQueue queue{&drops};
   oxEventState state;
   std::atomic<uint64_t> emitted = 0;
   std::atomic<uint64_t> sink_failures = 0;
   std::atomic<uint64_t> sink_warnings = 0;
-  std::array<std::atomic<uint64_t>, std::tuple_size_v<oxEventDrops>> drops = {};  // By reason.
 
  private:
   void RouterMain();

@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "base/oxEventErrorText.h"
-#include "base/oxEventImmortal.h"
+#include "base/oxEventNoDestructor.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
@@ -51,7 +51,7 @@ struct SystemLog {
   // False in the child of a fork that found a line half written: the C library's log is locked there for good.
   bool usable = true;  // Guarded by `mutex`.
 };
-constinit oxEventImmortal<SystemLog> g_system_log;
+constinit oxEventNoDestructor<SystemLog> g_system_log;
 
 }  // namespace
 
@@ -203,7 +203,7 @@ void oxEventPlatformNativeAfterForkInChild() {
   const bool locked = g_system_log->forking_thread == pthread_self();
   const bool usable = g_system_log->usable && locked;
   const int cancel_state = g_system_log->cancel_state;
-  g_system_log.Renew();
+  g_system_log.Reset();
   g_system_log->usable = usable;
   if (locked) pthread_setcancelstate(cancel_state, nullptr);
 }

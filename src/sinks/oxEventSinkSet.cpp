@@ -9,7 +9,7 @@
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventForkCount.h"
-#include "base/oxEventImmortal.h"
+#include "base/oxEventNoDestructor.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
 #include "config/oxEventSettings.h"
@@ -73,7 +73,7 @@ struct SinkSet {
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
   oxEventCallbackSink callbacks;
 };
-constinit oxEventImmortal<SinkSet> g_sinks;
+constinit oxEventNoDestructor<SinkSet> g_sinks;
 
 // Shares the one callback sink without owning it: it is there from load to unload.
 std::shared_ptr<oxEventSink> CallbackSink() { return {std::shared_ptr<void>(), &g_sinks->callbacks}; }
@@ -210,4 +210,4 @@ std::vector<oxEventSinkStatus> oxEventSinkReport() {
   return generation != nullptr ? generation->Report() : std::vector<oxEventSinkStatus>();
 }
 
-void oxEventSinkForgetInChild() { g_sinks.Renew(); }
+void oxEventSinkForgetInChild() { g_sinks.Reset(); }

@@ -66,7 +66,7 @@ class Reporter {
   }
 
   void TellDrops() {
-    const oxEventDrops drops = oxEventCoreGetDrops();
+    const oxEventDropCounts drops = oxEventCoreGetCounters().drops_by_reason;
     for (size_t i = 0; i < drops.size(); ++i) {
       if (drops[i] != 0) Bad("dropped: " + std::to_string(drops[i]) + ", " + WhyDropped(static_cast<oxEventDrop>(i)));
     }

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "config/oxEventConfig.h"
+#include "core/oxEventNode.h"
+
+// The pending events in their order of arrival, at most `capacity` of them, and the policy that decides what a full
+// backlog drops. Keeps two lists, so that the oldest event below warning is found without a search.
+// Threads: none of its own and no lock; the queue calls it with its lock held.
+class oxEventBacklog {
+ public:
+  // Keeps what is pending, even if it is more than the new capacity: see Trim. Capacity 0 counts as 1.
+  void Configure(uint32_t capacity, oxEventDropPolicy policy) {
+    capacity_ = std::max(capacity, 1u);
+    policy_ = policy;
+  }
+
+  uint32_t Capacity() const { return capacity_; }
+  size_t Size() const { return debug_info_.Size() + warning_error_.Size(); }
+  bool IsEmpty() const { return Size() == 0; }
+  bool IsFull() const { return Size() >= capacity_; }
+  bool IsHalfFull() const { return !IsEmpty() && Size() >= capacity_ / 2; }
+
+  // Whether Push may be called: there is room, or the policy makes room by dropping an older event.
+  bool HasRoom() const { return !IsFull() || DropsDebugInfo(); }
+
+  // Appends the newest event. Returns the event that was dropped to make room for it, or null.
+  oxEventNodePtr Push(oxEventNodePtr node) {
+    oxEventNodePtr displaced(IsFull() ? debug_info_.PopFront() : nullptr);
+    node->order = next_order_++;
+    const bool is_debug_or_info = node->event.Get().severity < OXEVENT_SEVERITY_WARNING;
+    (is_debug_or_info ? debug_info_ : warning_error_).PushBack(std::move(node));
+    return displaced;
+  }
+
+  // The backlog is not empty.
+  oxEventNodePtr PopOldest() { return ListOfOldest().PopFront(); }
+
+  // Moves at most `limit` events beyond the capacity to *removed: by the policy the oldest below warning first, and the
+  // newest where there is none.
+  void Trim(size_t limit, oxEventNodeList* removed);
+
+  // Moves all events to *removed.
+  void Clear(oxEventNodeList* removed) {
+    removed->Splice(&debug_info_);
+    removed->Splice(&warning_error_);
+  }
+
+ private:
+  bool DropsDebugInfo() const { return policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.IsEmpty(); }
+  oxEventNodeList& ListOfOldest();
+  oxEventNodeList& ListOfNewest();
+
+  oxEventNodeList debug_info_;  // Oldest at the front; `order` tells which of the two lists goes first.
+  oxEventNodeList warning_error_;
+  uint64_t next_order_ = 0;
+  uint32_t capacity_ = 1;
+  oxEventDropPolicy policy_ = oxEventDropPolicy::kDropNewest;
+};

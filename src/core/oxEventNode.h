@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventSlab.h"
+
+// One event in the queue, and the memory that serves the next one. Lives in a slab, which outlives it.
+struct oxEventNode {
+  uint64_t order = 0;  // Order of arrival.
+  oxEventNode* next = nullptr;
+  oxEventNode* previous = nullptr;
+  oxEventStoredEvent event;
+
+  explicit oxEventNode(oxEventSharedSlab* memory) : event(memory) {}
+
+  // Begins to fetch the node into the cache: another thread wrote to it last.
+  void Prefetch() const {
+    constexpr size_t kCacheLineBytes = 64;
+    for (size_t i = 0; i < sizeof(oxEventNode); i += kCacheLineBytes)
+      __builtin_prefetch(reinterpret_cast<const char*>(this) + i, 1);
+  }
+};
+
+struct oxEventNodeDeleter {
+  void operator()(oxEventNode* node) const;
+};
+using oxEventNodePtr = std::unique_ptr<oxEventNode, oxEventNodeDeleter>;
+
+// First in, first out. Owns its nodes.
+class oxEventNodeList {
+ public:
+  oxEventNodeList() = default;
+  ~oxEventNodeList() {
+    while (!IsEmpty()) PopFront();
+  }
+  oxEventNodeList(const oxEventNodeList&) = delete;
+  oxEventNodeList& operator=(const oxEventNodeList&) = delete;
+
+  bool IsEmpty() const { return front_ == nullptr; }
+  size_t Size() const { return size_; }
+  oxEventNode& Front() { return *front_; }
+  oxEventNode& Back() { return *back_; }
+
+  void PushBack(oxEventNodePtr node) {
+    oxEventNode* const added = node.release();
+    added->previous = back_;
+    (IsEmpty() ? front_ : back_->next) = added;
+    back_ = added;
+    ++size_;
+  }
+  // Does not touch the next node, which may be far away in memory: the caller holds a lock.
+  oxEventNodePtr PopFront() {
+    oxEventNodePtr node(front_);
+    front_ = --size_ == 0 ? nullptr : node->next;
+    return node;
+  }
+  oxEventNodePtr PopBack() {
+    oxEventNodePtr node(back_);
+    back_ = node->previous;
+    if (--size_ == 0) front_ = nullptr;
+    return node;
+  }
+  // Appends all nodes of the other list, which is empty afterwards.
+  void Splice(oxEventNodeList* from) {
+    if (from->IsEmpty()) return;
+    from->front_->previous = back_;
+    (IsEmpty() ? front_ : back_->next) = from->front_;
+    back_ = from->back_;
+    size_ += std::exchange(from->size_, 0);
+    from->front_ = nullptr;
+  }
+
+ private:
+  oxEventNode* front_ = nullptr;
+  oxEventNode* back_ = nullptr;  // Valid only while the list is not empty.
+  size_t size_ = 0;
+};
+
+// Last in, first out: nodes for the next events, the most recently used first. Owns its nodes.
+class oxEventNodeStack {
+ public:
+  oxEventNodeStack() = default;
+  ~oxEventNodeStack() {
+    while (Pop() != nullptr) continue;
+  }
+  oxEventNodeStack(const oxEventNodeStack&) = delete;
+  oxEventNodeStack& operator=(const oxEventNodeStack&) = delete;
+
+  bool IsEmpty() const { return top_ == nullptr; }
+  size_t Size() const { return size_; }
+
+  void Push(oxEventNodePtr node) {
+    node->next = top_;
+    top_ = node.release();
+    ++size_;
+  }
+  // Null if the stack is empty.
+  oxEventNodePtr Pop() {
+    oxEventNodePtr node(top_);
+    if (node == nullptr) return node;
+    top_ = node->next;
+    --size_;
+    return node;
+  }
+  void Swap(oxEventNodeStack* other) {
+    std::swap(top_, other->top_);
+    std::swap(size_, other->size_);
+  }
+
+ private:
+  oxEventNode* top_ = nullptr;
+  size_t size_ = 0;
+};

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include "base/oxEventSlab.h"
+#include "core/oxEventNode.h"
+
+// The memory of the queue's events. Keeps the nodes of delivered events for the next ones; what a burst has left over
+// goes back to the system once the queue has been quiet for a second: not sooner, since the next burst of a host that
+// works in cycles needs it again.
+// Threads: Create and Shrink take the slab's own lock. All other calls need the lock of the queue.
+class oxEventNodePool {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // A node in new memory. Null: no memory.
+  oxEventNodePtr Create();
+
+  // A node that was kept. Null: there is none.
+  oxEventNodePtr TryAcquire() { return free_nodes_.Pop(); }
+
+  // Keeps the node, if fewer than `limit` are kept.
+  void Recycle(oxEventNodePtr node, size_t limit) {
+    if (free_nodes_.Size() < limit) free_nodes_.Push(std::move(node));
+  }
+
+  size_t Size() const { return free_nodes_.Size(); }
+
+  // Moves all kept nodes to *nodes, which is empty.
+  void Take(oxEventNodeStack* nodes) { nodes->Swap(&free_nodes_); }
+
+  // Whether enough nodes are kept for it to be worth giving memory back.
+  bool HasSurplus() const { return free_nodes_.Size() > kNodesKept; }
+
+  // When the surplus may go, unless more than a few events have been queued since the last call. `enqueue_count`: all
+  // events ever queued.
+  Clock::time_point SurplusDeadline(uint64_t enqueue_count);
+
+  // Frees surplus nodes from *nodes, a few at a time, as long as may_go_on() is true, then gives empty memory back.
+  template <class MayGoOn>
+  void Shrink(oxEventNodeStack* nodes, MayGoOn may_go_on) {
+    while (nodes->Size() > kNodesKept && may_go_on()) {
+      for (size_t i = 0; i < kNodesFreedAtOnce && nodes->Size() > kNodesKept; ++i) nodes->Pop();
+    }
+    memory_.ReleaseEmptySpan();
+  }
+
+ private:
+  static constexpr size_t kNodesKept = 32;
+  static constexpr size_t kNodesFreedAtOnce = 64;
+  static constexpr auto kQuietTime = std::chrono::seconds(1);
+
+  oxEventSharedSlab memory_;  // Owns the memory of the nodes and their texts: declared first, destroyed last.
+  oxEventNodeStack free_nodes_;
+  Clock::time_point quiet_since_;    // The end of the last burst.
+  uint64_t enqueued_last_time_ = 0;  // The argument of the last SurplusDeadline.
+};

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <tuple>
+
+#include "core/oxEventNode.h"
+
+// Lets Submit use the running run without a lock: each submitting thread holds a slot for the time of its call, and a
+// stop waits until all slots that were held are free again. A slot also keeps memory for the next event of its thread.
+// Any thread.
+class oxEventSubmitSlots {
+ private:
+  struct alignas(64) Slot {  // On a cache line of its own.
+    std::atomic<pthread_t> holder = 0;
+    oxEventNodePtr node;
+  };
+  using Slots = std::array<Slot, 32>;
+
+ public:
+  // Holds one slot: mostly the same one for the same thread, else the next that is free. Waits while all are held.
+  class Lease {
+   public:
+    explicit Lease(oxEventSubmitSlots* slots) : slot_(Acquire(&slots->slots_)) {}
+    ~Lease() { slot_.holder.store(0, std::memory_order_release); }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+
+    // Memory for the next event; may be null.
+    oxEventNodePtr* NodeCache() const { return &slot_.node; }
+
+   private:
+    static Slot& Acquire(Slots* slots) {
+      constexpr uint64_t kHashFactor = 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio.
+      constexpr int kShift = 64 - std::countr_zero(std::tuple_size_v<Slots>);
+      const pthread_t self = pthread_self();
+      for (size_t i = self * kHashFactor >> kShift, tries = 1;; ++i, ++tries) {
+        Slot& slot = (*slots)[i % slots->size()];
+        if (pthread_t nobody = 0; slot.holder.compare_exchange_strong(nobody, self)) return slot;
+        if (tries % slots->size() == 0) BackOff();
+      }
+    }
+
+    Slot& slot_;
+  };
+
+  constexpr oxEventSubmitSlots() = default;
+  oxEventSubmitSlots(const oxEventSubmitSlots&) = delete;
+  oxEventSubmitSlots& operator=(const oxEventSubmitSlots&) = delete;
+
+  // Waits until every lease that was held when the call began has ended, and frees the memory that the slots keep. Does
+  // not wait for the calling thread's own lease: a signal handler that exits may have interrupted its Submit.
+  void WaitForInFlightSubmits();
+
+ private:
+  static void BackOff();
+
+  Slots slots_;
+};

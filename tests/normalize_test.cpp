@@ -1,0 +1,80 @@
+// The normalization of records, and numbers.
+#include <cmath>
+#include <random>
+
+#include "api/oxEventNormalize.h"
+#include "base/oxEventNumber.h"
+#include "host_fixture.h"
+#include "platform/oxEventPlatform.h"
+
+namespace {
+
+TEST(oxEventNumber, ReadsAsPrintfWritesIt) {
+  std::mt19937_64 random(1);
+  std::vector<double> values = {0, -0.0, 0.5, 5e-324, 1e308, 1e15, 0x1p53, INFINITY, -INFINITY};
+  for (double power = 1; power < 1e18; power *= 10) {  // What lies at a power, and halfway between two texts.
+    for (const double v : {power, std::nextafter(power, 0), power * 1.5, power - 0.05, power - 5e-7})
+      values.push_back(v);
+  }
+  for (int i = 0; i < 100000; ++i) values.push_back(std::ldexp(int64_t(random()), int(random() % 80) - 70));
+  for (int i = 0; i < 100000; ++i) values.push_back(double(random() % 100000000) / double(1 << random() % 12));
+  for (const double value : values) {
+    for (const int digits : {6, 17}) {
+      char expected[64], text[kOxEventNumberSize];
+      snprintf(expected, sizeof expected, "%.*g", digits, value);
+      ASSERT_EQ(std::string(text, oxEventWriteNumber(value, digits, text)), expected);
+    }
+  }
+}
+
+TEST(oxEventNormalize, FillsInOneTimeStampAndKeepsTheOther) {
+  for (const auto given : {&oxEventRecord::utc_ns, &oxEventRecord::ptp_ns}) {
+    oxEventRecord record = {};
+    record.struct_size = sizeof(record);
+    record.version = OXEVENT_API_VERSION;
+    record.message = "m";
+    record.*given = 7;
+    oxEventNormalizedEvent event;
+    const uint64_t now = oxEventPlatformGetPtpNano();
+    ASSERT_EQ(oxEventNormalizeEvent(&record, 1, &event), OXEVENT_OK);
+    EXPECT_EQ(given == &oxEventRecord::utc_ns ? event.utc_ns : event.ptp_ns, 7u);
+    EXPECT_GE(given == &oxEventRecord::utc_ns ? event.ptp_ns : event.utc_ns, now);
+  }
+}
+
+TEST(oxEventNormalize, ReadsOnlyTheFieldsThatTheCallersRecordHoldsWholly) {
+  oxEventRecord record = {};
+  record.version = OXEVENT_API_VERSION;
+  record.message = record.action = record.dedupe_key = record.correlation_id = record.timecode = record.units =
+      record.details_json = "x";
+  record.severity = OXEVENT_SEVERITY_ERROR;
+  record.utc_ns = record.duration_ms = 7;
+  record.pts = 7;
+  record.value = record.threshold = 7;
+  for (record.struct_size = 0; record.struct_size <= 160; ++record.struct_size) {
+    SCOPED_TRACE(record.struct_size);
+    oxEventNormalizedEvent event;
+    const uint32_t result = oxEventNormalizeEvent(&record, 1, &event);
+    ASSERT_EQ(result, record.struct_size < 48 ? OXEVENT_INVALID_ARGUMENT : OXEVENT_OK);
+    if (result != OXEVENT_OK) continue;
+    const auto given = [&](const auto& field, auto value, decltype(value) absent) {
+      const auto end = reinterpret_cast<const char*>(&field + 1) - reinterpret_cast<const char*>(&record);
+      return record.struct_size >= static_cast<size_t>(end) ? value : absent;
+    };
+    using Text = std::string_view;
+    EXPECT_EQ(event.severity, given(record.severity, OXEVENT_SEVERITY_ERROR, OXEVENT_SEVERITY_INFO));
+    EXPECT_EQ(event.action, given(record.action, Text("x"), ""));
+    EXPECT_EQ(event.dedupe_key, given(record.dedupe_key, Text("x"), ""));
+    EXPECT_EQ(event.correlation_id, given(record.correlation_id, Text("x"), ""));
+    EXPECT_EQ(event.utc_ns == 7, given(record.utc_ns, true, false));
+    EXPECT_EQ(event.pts, given(record.pts, 7, 0));
+    EXPECT_EQ(event.timecode, given(record.timecode, Text("x"), ""));
+    EXPECT_EQ(event.value, given(record.value, 7, 0));
+    EXPECT_EQ(event.threshold, given(record.threshold, 7, 0));
+    EXPECT_EQ(event.units, given(record.units, Text("x"), ""));
+    EXPECT_EQ(event.duration_ms, given(record.duration_ms, 7u, 0u));
+    EXPECT_EQ(event.details_json, given(record.details_json, Text("x"), "{}"));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,372 @@
+// The queue and its parts: the backlog, the drop ledger, the submit slots.
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "core/oxEventQueue.h"
+#include "core/oxEventSubmitSlots.h"
+#include "host_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Policy = oxEventDropPolicy;
+using Result = oxEventEnqueueResult;
+
+oxEventNormalizedEvent Event(std::string_view message, uint32_t severity) {
+  oxEventNormalizedEvent event;
+  event.message = message;
+  event.severity = severity;
+  return event;
+}
+
+struct BacklogTest : testing::Test {
+  // Pushes the events "1", "2", ... Returns the message that was displaced last, or "".
+  std::string Push(const std::vector<uint32_t>& severities) {
+    std::string displaced;
+    for (const uint32_t severity : severities) {
+      oxEventNodePtr node = pool.Create();
+      EXPECT_TRUE(node->event.Assign(Event(std::to_string(++pushed), severity)));
+      node = backlog.Push(std::move(node));
+      displaced = node != nullptr ? node->event.Get().message : "";
+    }
+    return displaced;
+  }
+  std::string PopAll() {
+    std::string messages;
+    while (!backlog.IsEmpty()) messages += backlog.PopOldest()->event.Get().message;
+    return messages;
+  }
+
+  oxEventNodePool pool;
+  oxEventBacklog backlog;
+  int pushed = 0;
+};
+
+constexpr uint32_t kDebug = OXEVENT_SEVERITY_DEBUG;
+constexpr uint32_t kInfo = OXEVENT_SEVERITY_INFO;
+constexpr uint32_t kWarning = OXEVENT_SEVERITY_WARNING;
+constexpr uint32_t kError = OXEVENT_SEVERITY_ERROR;
+
+TEST_F(BacklogTest, HasRoomWhenFullOnlyIfThePolicyMakesRoom) {
+  const struct {
+    const char* name;
+    Policy policy;
+    std::vector<uint32_t> severities;
+    bool has_room;
+  } cases[] = {{"drops the newest", Policy::kDropNewest, {kDebug, kInfo}, false},
+               {"has nothing below warning", Policy::kDropDebugInfoFirst, {kWarning, kError}, false},
+               {"has an info", Policy::kDropDebugInfoFirst, {kWarning, kInfo}, true},
+               {"is not full", Policy::kDropNewest, {kInfo}, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    backlog.Configure(2, c.policy);
+    Push(c.severities);
+    EXPECT_EQ(backlog.HasRoom(), c.has_room);
+    PopAll();
+  }
+}
+
+TEST_F(BacklogTest, DisplacesTheOldestBelowWarning) {
+  backlog.Configure(3, Policy::kDropDebugInfoFirst);
+  EXPECT_EQ(Push({kWarning, kInfo, kDebug}), "");
+  EXPECT_EQ(Push({kDebug}), "2");
+  EXPECT_EQ(Push({kError}), "3");
+  EXPECT_EQ(PopAll(), "145");
+}
+
+TEST_F(BacklogTest, IsHalfFullFromHalfItsCapacityOn) {
+  backlog.Configure(5, Policy::kDropNewest);
+  EXPECT_FALSE(backlog.IsHalfFull());
+  Push({kInfo});
+  EXPECT_FALSE(backlog.IsHalfFull());
+  Push({kError});
+  EXPECT_TRUE(backlog.IsHalfFull());
+}
+
+TEST_F(BacklogTest, IsNotHalfFullWhenEmptyWithACapacityOfOne) {
+  backlog.Configure(1, Policy::kDropNewest);
+  EXPECT_FALSE(backlog.IsHalfFull());
+}
+
+TEST_F(BacklogTest, TrimsByItsPolicyAndCountsCapacityZeroAsOne) {
+  const struct {
+    Policy policy;
+    uint32_t capacity;
+    size_t trimmed;
+    const char* left;
+  } cases[] = {{Policy::kDropNewest, 5, 0, "12345"},
+               {Policy::kDropNewest, 2, 3, "12"},
+               {Policy::kDropDebugInfoFirst, 3, 2, "135"},
+               {Policy::kDropDebugInfoFirst, 2, 3, "13"},
+               {Policy::kDropDebugInfoFirst, 0, 4, "1"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.left);
+    backlog.Configure(5, Policy::kDropNewest);
+    pushed = 0;
+    Push({kWarning, kInfo, kWarning, kInfo, kWarning});
+    backlog.Configure(c.capacity, c.policy);
+    oxEventNodeList trimmed;
+    backlog.Trim(5, &trimmed);
+    EXPECT_EQ(trimmed.Size(), c.trimmed);
+    EXPECT_EQ(PopAll(), c.left);
+  }
+}
+
+TEST_F(BacklogTest, TrimsOnlyUpToTheLimit) {
+  backlog.Configure(5, Policy::kDropNewest);
+  Push({kInfo, kInfo, kInfo, kInfo, kInfo});
+  backlog.Configure(1, Policy::kDropNewest);
+  oxEventNodeList trimmed;
+  backlog.Trim(3, &trimmed);
+  EXPECT_EQ(PopAll(), "12");
+}
+
+TEST_F(BacklogTest, ClearsBothLists) {
+  backlog.Configure(9, Policy::kDropNewest);
+  Push({kInfo, kError, kInfo});
+  oxEventNodeList removed;
+  backlog.Clear(&removed);
+  EXPECT_EQ(removed.Size(), 3u);
+  EXPECT_TRUE(backlog.IsEmpty());
+  Push({kError, kInfo});
+  EXPECT_EQ(PopAll(), "45");
+}
+
+struct QueueTest : testing::Test {
+  Result Enqueue(std::string_view message, uint32_t severity = kWarning) {
+    return queue.Enqueue(Event(message, severity), &node_cache);
+  }
+  // Stops the queue. Returns the messages that were left, in their order.
+  std::string StopAndPopAll() {
+    queue.RequestStop();
+    std::string messages;
+    while (const oxEventNormalizedEvent* event = queue.WaitPop()) messages.append(event->message);
+    return messages;
+  }
+  uint64_t Drops(oxEventDrop reason) const { return drops.Counts()[static_cast<size_t>(reason)]; }
+
+  oxEventDropLedger drops;
+  oxEventQueue queue{&drops};
+  oxEventNodePtr node_cache;  // As a submitting thread keeps it.
+};
+
+TEST_F(QueueTest, RefusesEventsBeforeItsStartAndAfterAReset) {
+  EXPECT_EQ(Enqueue("a"), Result::kNotAccepting);
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("b"), Result::kQueued);
+  EXPECT_EQ(StopAndPopAll(), "b");
+  queue.Reset();
+  EXPECT_EQ(Enqueue("c"), Result::kNotAccepting);
+  EXPECT_EQ(queue.EnqueueCount(), 3u);
+}
+
+TEST_F(QueueTest, DeliversWhatIsPendingWhenItStopsAccepting) {
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  queue.StopAccepting();
+  EXPECT_EQ(Enqueue("b"), Result::kNotAccepting);
+  EXPECT_EQ(StopAndPopAll(), "a");
+}
+
+TEST_F(QueueTest, RefusesAnEventThatIsCopiedAlready) {
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  EXPECT_EQ(Enqueue("b"), Result::kQueued);
+  ASSERT_NE(queue.WaitPop(), nullptr);
+  ASSERT_NE(queue.WaitPop(), nullptr);
+  queue.CompleteActiveEvent();
+  EXPECT_EQ(Enqueue("c"), Result::kQueued);  // In the node of "b"; that of "a" goes to the cache.
+  ASSERT_NE(node_cache, nullptr);
+  queue.StopAccepting();
+  EXPECT_EQ(Enqueue("d"), Result::kNotAccepting);
+  EXPECT_EQ(StopAndPopAll(), "c");
+}
+
+TEST_F(QueueTest, AcceptsAgainAfterAStopAndAStart) {
+  queue.Start(3, Policy::kDropNewest);
+  StopAndPopAll();
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  EXPECT_EQ(Enqueue("b"), Result::kQueued);
+  EXPECT_EQ(StopAndPopAll(), "ab");
+}
+
+TEST_F(QueueTest, RecordsEveryDropByItsReason) {
+  queue.Start(1, Policy::kDropDebugInfoFirst);
+  EXPECT_EQ(Enqueue("a", kInfo), Result::kQueued);
+  EXPECT_EQ(Enqueue("b"), Result::kDisplacedOlder);
+  EXPECT_EQ(Enqueue("c"), Result::kDropped);
+  EXPECT_EQ(queue.DropPending(), 1u);
+  EXPECT_EQ(Drops(oxEventDrop::kDisplaced), 1u);
+  EXPECT_EQ(Drops(oxEventDrop::kRefused), 1u);
+  EXPECT_EQ(Drops(oxEventDrop::kStopped), 1u);
+}
+
+TEST_F(QueueTest, TrimsAThousandEventsOfOneKind) {
+  for (const uint32_t severity : {kInfo, kWarning}) {
+    SCOPED_TRACE(severity);
+    const uint64_t before = Drops(oxEventDrop::kTrimmed);
+    queue.Start(1000, Policy::kDropNewest);
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(Enqueue(std::to_string(i), severity), Result::kQueued);
+    EXPECT_EQ(queue.Configure(2, Policy::kDropNewest), 998u);
+    EXPECT_EQ(Drops(oxEventDrop::kTrimmed), before + 998);
+    EXPECT_EQ(Enqueue("more", severity), Result::kDropped);
+    EXPECT_EQ(StopAndPopAll(), "01");
+  }
+}
+
+TEST_F(QueueTest, FlushFailsWhenItsTimeIsOver) {
+  queue.Start(1, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(queue.Flush(50), OXEVENT_FAILURE);
+  EXPECT_GE(std::chrono::steady_clock::now(), start + 50ms);
+}
+
+// Another event is queued before the waiting flush can look.
+TEST_F(QueueTest, FlushEndsOnceNothingIsPendingOrActive) {
+  const struct {
+    const char* name;
+    bool is_active;  // Whether the worker has taken the event.
+    std::function<void()> drain;
+  } cases[] = {{"the event is complete", true, [&] { queue.CompleteActiveEvent(); }},
+               {"the queue is reset", true, [&] { queue.Reset(); }},
+               {"the pending event is dropped", false, [&] { queue.DropPending(); }}};
+  for (const uint32_t timeout_ms : {0u, UINT32_MAX}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      queue.Start(1, Policy::kDropNewest);
+      EXPECT_EQ(Enqueue("a"), Result::kQueued);
+      if (c.is_active) {
+        ASSERT_NE(queue.WaitPop(), nullptr);
+      }
+      auto flush = std::async(std::launch::async, [&] { return queue.Flush(timeout_ms); });
+      queue.RequestStop();  // Wakes the flush, which must go on waiting.
+      EXPECT_EQ(flush.wait_for(10ms), std::future_status::timeout);
+      c.drain();
+      queue.Start(1, Policy::kDropNewest);
+      EXPECT_EQ(Enqueue("b"), Result::kQueued);
+      EXPECT_EQ(flush.get(), OXEVENT_OK);
+      queue.DropPending();
+    }
+  }
+}
+
+// A worker that waits an hour for the next event before it blocks, so that only a wake-up ends the wait.
+struct TimedWaitTest : testing::Test {
+  TimedWaitTest() {
+    queue.Start(4, Policy::kDropNewest);
+    Enqueue("first");
+    while (delivered == 0 || !IsAsleep()) std::this_thread::yield();
+  }
+  ~TimedWaitTest() override { queue.RequestStop(); }
+
+  void Enqueue(const char* message) {
+    oxEventNodePtr node;
+    EXPECT_EQ(queue.Enqueue(Event(message, kInfo), &node), Result::kQueued);
+  }
+  bool IsAsleep() const {
+    const std::string stat = ReadFile("/proc/self/task/" + std::to_string(worker_id.load()) + "/stat");
+    return stat.find(") S ") != stat.npos;
+  }
+  void WaitForDelivery(int count) const {
+    while (delivered < count) std::this_thread::yield();
+  }
+
+  oxEventDropLedger drops;
+  oxEventQueue queue{&drops, 1h};
+  std::atomic<int> delivered = 0;
+  std::atomic<int> worker_id = 0;
+  std::jthread worker{[this] {
+    worker_id = gettid();
+    while (queue.WaitPop() != nullptr) ++delivered;
+  }};
+};
+
+TEST_F(TimedWaitTest, AnEventAloneDoesNotEndTheWait) {
+  Enqueue("second");
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(delivered, 1);
+}
+
+TEST_F(TimedWaitTest, AFlushEndsTheWait) {
+  Enqueue("second");
+  EXPECT_EQ(queue.Flush(0), OXEVENT_OK);
+  EXPECT_EQ(delivered, 2);
+}
+
+TEST_F(TimedWaitTest, AStopEndsTheWait) {
+  Enqueue("second");
+  queue.RequestStop();
+  worker.join();
+  EXPECT_EQ(delivered, 2);
+}
+
+TEST_F(TimedWaitTest, AHalfFullBacklogEndsTheWait) {
+  Enqueue("second");
+  Enqueue("third");
+  WaitForDelivery(3);
+}
+
+TEST_F(TimedWaitTest, ASmallerCapacityThatIsHalfFullEndsTheWait) {
+  Enqueue("second");
+  EXPECT_EQ(queue.Configure(2, Policy::kDropNewest), 0u);
+  WaitForDelivery(2);
+}
+
+TEST_F(QueueTest, ATimedWaitEndsByItself) {
+  queue.Start(100, Policy::kDropNewest);
+  std::jthread worker([&] {
+    for (int i = 0; i < 20; ++i) EXPECT_NE(queue.WaitPop(), nullptr);
+    queue.CompleteActiveEvent();
+  });
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(Enqueue("a"), Result::kQueued);
+    while (queue.HasPending()) std::this_thread::yield();
+  }
+}
+
+struct SubmitSlotsTest : testing::Test {
+  using Lease = oxEventSubmitSlots::Lease;
+  oxEventNodePool pool;
+  oxEventSubmitSlots slots;
+};
+
+TEST_F(SubmitSlotsTest, AThreadGetsTheMemoryOfItsLastLease) {
+  *Lease(&slots).NodeCache() = pool.Create();
+  EXPECT_NE(*Lease(&slots).NodeCache(), nullptr);
+}
+
+TEST_F(SubmitSlotsTest, ALeaseWaitsWhileAllSlotsAreHeld) {
+  std::vector<std::unique_ptr<Lease>> leases;
+  for (int i = 0; i < 32; ++i) leases.push_back(std::make_unique<Lease>(&slots));
+  auto lease = std::async(std::launch::async, [&] { const Lease lease_of_another_thread(&slots); });
+  EXPECT_EQ(lease.wait_for(10ms), std::future_status::timeout);
+  leases.pop_back();
+  lease.get();
+}
+
+TEST_F(SubmitSlotsTest, WaitsForOtherThreadsAndFreesWhatTheyKeep) {
+  const Lease own(&slots);  // Is not waited for.
+  *own.NodeCache() = pool.Create();
+  std::promise<oxEventNodePtr*> held;
+  std::promise<void> release;
+  std::jthread submitter([&] {
+    const Lease other(&slots);
+    *other.NodeCache() = pool.Create();
+    held.set_value(other.NodeCache());
+    release.get_future().wait();
+  });
+  const oxEventNodePtr* const others_node = held.get_future().get();
+  std::jthread releaser([&] {
+    std::this_thread::sleep_for(10ms);
+    EXPECT_NE(*others_node, nullptr);
+    release.set_value();
+  });
+  slots.WaitForInFlightSubmits();
+  EXPECT_EQ(*others_node, nullptr);
+  EXPECT_NE(*own.NodeCache(), nullptr);
+}
+
+}  // namespace
