@@ -112,6 +112,7 @@ TEST(oxEventActiveTable, RefusesWhatASegmentOfEqualHashesCannotHold) {
   EXPECT_THROW(for (; count < 100'000; ++count) table.Insert(1, key(count), "signature", 1), std::bad_alloc);
   EXPECT_GT(count, 300);
   table.Insert(~0ull, "other", "signature", 1);
+  EXPECT_EQ(table.Find(1, "another key of that hash"), nullptr);
   for (int i = count; i-- > 0;) {  // The last is found behind all others.
     oxEventActiveTable::Condition* const condition = table.Find(1, key(i));
     ASSERT_NE(condition, nullptr) << i;

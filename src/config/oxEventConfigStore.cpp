@@ -51,15 +51,14 @@ void oxEventConfigStore::EnsureKey(const std::string& path) {
 std::vector<std::string> oxEventConfigStore::EnumChildren(const std::string& path) {
   std::vector<std::string> names;
   char previous[kNameCapacity] = "";
-  char name[kNameCapacity] = "";
-  uint32_t kind = kSubKey;
-  while (oxCFGGetNext(store_, path.c_str(), name, previous, &kind) != OXCFG_NO_MORE) {
+  while (true) {
+    char name[kNameCapacity] = "";
+    uint32_t kind = kSubKey;
+    if (oxCFGGetNext(store_, path.c_str(), name, previous, &kind) == OXCFG_NO_MORE) return names;
     name[kNameCapacity - 1] = '\0';  // Whatever companion is in place.
     if (name[0] != '\0' && kind == kSubKey) names.emplace_back(name);
     oxEventPlatformCopyString(previous, kNameCapacity, name);
-    name[0] = '\0';
   }
-  return names;
 }
 
 uint32_t oxEventConfigStore::ReadDword(const std::string& key, const char* name, uint32_t default_value) {

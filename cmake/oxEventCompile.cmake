@@ -14,8 +14,8 @@ endif()
 
 add_library(oxevent_options INTERFACE)
 target_compile_options(oxevent_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>
-  # No file tells in which folder it was built.
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${OXEVENT_WERROR}>:-Werror>
+  # No file shows in which directory it was built.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=.
   -fstack-protector-strong -fstack-clash-protection -fcf-protection
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
@@ -44,7 +44,7 @@ function(oxevent_compile target public_include)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:oxevent_options>)
 endfunction()
 
-# A program's path to its libraries is absolute in the build folder otherwise, and part of its build id.
+# Otherwise a program's path to its libraries is absolute in the build directory, and part of its build id.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
 # A shared library exports what cmake/<target>.map lists and nothing else.
