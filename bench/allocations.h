@@ -2,5 +2,5 @@
 
 #include <cstddef>
 
-// The calling thread's allocations so far: malloc, calloc and realloc of this program and its libraries.
+// Number of the calling thread's calls of malloc, calloc and realloc, including those from shared libraries.
 extern thread_local size_t t_allocations;

@@ -1,4 +1,4 @@
-// The event that every benchmark reports: an ordinary one, with all of its 18 fields.
+// The event that every benchmark reports. A benchmark that needs an id or time stamps adds them.
 #pragma once
 
 #include "oxEvent.h"

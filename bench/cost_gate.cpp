@@ -1,7 +1,7 @@
-// What an event costs on its way, section by section. For scripts/figures, which runs this under callgrind in a folder
-// of its own: each section leaves a dump of callgrind's counts that carries its name, and a line on standard output:
-// name, events, allocations. Nobody waits for a lock in a section, so that its counts are exact: the worker is held in
-// a callback while the caller submits, and the caller rests while the worker delivers.
+// Counts what an event costs in each section of its path. scripts/figures runs this under callgrind in an empty
+// directory. Each section writes a callgrind dump with its name as the trigger, and a line to standard output: name,
+// events, allocations. The counts are exact because no thread waits for a lock in a section: a callback blocks the
+// worker while the caller submits, and the caller blocks while the worker delivers.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <valgrind/callgrind.h>
@@ -18,28 +18,28 @@
 #include "oxEvent.h"
 #include "sinks/oxEventText.h"
 
-// Stands before the companion's: a time that takes the same number of bytes in every trap.
+// Replaces liboxutil's clock with a constant: the sysUpTime of every trap takes the same number of bytes.
 extern "C" uint32_t oxOSGetMs() { return 0x40000000; }
 
 namespace {
 
-constexpr size_t kEvents = 1000;  // Of a section.
+constexpr size_t kEvents = 1000;  // Per section.
 constexpr size_t kQueueSize = 2 * kEvents;
-constexpr uint64_t kUsual = 1234567, kHold = 1, kLast = 2;  // Ids of events.
+constexpr uint64_t kEventId = 1234567, kHoldId = 1, kEndId = 2;
 
-void Check(bool holds, const char* complaint) {
-  if (holds) return;
-  std::fprintf(stderr, "figures: %s\n", complaint);
+void Check(bool condition, const char* failure) {
+  if (condition) return;
+  std::fprintf(stderr, "cost_gate: %s\n", failure);
   std::exit(1);
 }
 
-// What one thread does between Begin and End.
+// Counts what one thread does between Begin and End.
 class Section {
  public:
   void Begin() {
-    CALLGRIND_DUMP_STATS_AT("before");  // Zeroes the counts of system calls too, which go on all the time.
+    CALLGRIND_DUMP_STATS_AT("before");  // Zeroes the system call counts, which ignore the toggle.
     allocations_ = t_allocations;
-    CALLGRIND_TOGGLE_COLLECT;  // This thread's only.
+    CALLGRIND_TOGGLE_COLLECT;  // For the calling thread only.
   }
   void End() {
     CALLGRIND_TOGGLE_COLLECT;
@@ -57,20 +57,19 @@ class Section {
   size_t allocations_ = 0;
 };
 
-// The worker's side.
 struct Worker {
-  std::binary_semaphore held{0}, go{0}, done{0};
-  Section section;       // From the event that holds it to the last one.
-  size_t delivered = 0;  // In the section.
+  std::binary_semaphore held{0}, resume{0}, done{0};
+  Section section;       // From the hold event to the end event.
+  size_t delivered = 0;  // Events in the section.
 } g_worker;
 
 void OnEvent(const oxEventRecord* event, void* /*user_data*/) {
-  if (event->event_id == kHold) {
+  if (event->event_id == kHoldId) {
     g_worker.held.release();
-    g_worker.go.acquire();
+    g_worker.resume.acquire();
     g_worker.delivered = 0;
     g_worker.section.Begin();
-  } else if (event->event_id == kLast) {
+  } else if (event->event_id == kEndId) {
     g_worker.section.End();
     g_worker.done.release();
   } else {
@@ -78,58 +77,58 @@ void OnEvent(const oxEventRecord* event, void* /*user_data*/) {
   }
 }
 
-oxEventRecord UsualRecord() {
+oxEventRecord CompleteRecord() {
   oxEventRecord record = OrdinaryRecord();
-  record.event_id = kUsual;
+  record.event_id = kEventId;
   record.utc_ns = 1700000000123456789;
   record.ptp_ns = 1700000037123456789;
   return record;
 }
 
-const std::string& LongestText() {
-  static const std::string text(300, 'x');
-  return text;
+const std::string& LongestMessage() {
+  static const std::string message(300, 'x');
+  return message;
 }
 
-void Submit(const oxEventRecord& record) { Check(oxEventSubmit(&record) == OXEVENT_OK, "an event is refused"); }
+void Submit(const oxEventRecord& record) { Check(oxEventSubmit(&record) == OXEVENT_OK, "oxEventSubmit failed"); }
 
-// With texts as long as any, so that what it leaves to be used again will do for every event.
-void SubmitMark(uint64_t id) {
-  oxEventRecord record = UsualRecord();
+// Its strings are the longest of all events, so that the buffers it leaves for reuse fit every event.
+void SubmitMarker(uint64_t id) {
+  oxEventRecord record = CompleteRecord();
   record.event_id = id;
   record.action = "";
-  record.message = LongestText().c_str();
+  record.message = LongestMessage().c_str();
   record.dedupe_key = "rack-07/psu-2/temperature/sensor-00";
   Submit(record);
 }
 
-void Hold() {
-  SubmitMark(kHold);
+void HoldWorker() {
+  SubmitMarker(kHoldId);
   g_worker.held.acquire();
 }
 
-void Flush() { Check(oxEventFlush(0) == OXEVENT_OK, "a flush fails"); }
+void Flush() { Check(oxEventFlush(0) == OXEVENT_OK, "oxEventFlush failed"); }
 
-void LetGo() {
-  g_worker.go.release();
+void ReleaseWorker() {
+  g_worker.resume.release();
   g_worker.done.acquire();
   Flush();
 }
 
-// A port that takes datagrams and reads none.
+// The port of a UDP socket that nothing reads.
 uint16_t ReceiverPort() {
   static const int receiver = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof(address);
-  const auto any = reinterpret_cast<sockaddr*>(&address);
-  static const bool bound = bind(receiver, any, size) == 0;
-  Check(bound && getsockname(receiver, any, &size) == 0, "no socket on loopback");
+  const auto generic = reinterpret_cast<sockaddr*>(&address);
+  static const bool bound = bind(receiver, generic, size) == 0;
+  Check(bound && getsockname(receiver, generic, &size) == 0, "no UDP socket on the loopback interface");
   return ntohs(address.sin_port);
 }
 
-// With the sinks that are named in `sinks`.
+// Starts the library with the sinks named in `sinks`.
 void Start(std::string_view sinks) {
   const auto enabled = [sinks](std::string_view name) {
     return std::string("<value name='enabled'>") + (sinks.find(name) == sinks.npos ? "0" : "1") + "</value>";
@@ -150,60 +149,57 @@ void Start(std::string_view sinks) {
                                 << "</key></key></key></config>\n";
   uint32_t id = 0;
   const uint32_t result = oxEventInitialize("settings.xml") | oxEventRegisterCallback(OnEvent, nullptr, &id);
-  Check(result == OXEVENT_OK, "the library does not start");
+  Check(result == OXEVENT_OK, "oxEventInitialize or oxEventRegisterCallback failed");
   Check(t_allocations > 0, "allocations are not counted");
 }
 
-void Stop() { Check(oxEventShutdown() == OXEVENT_OK, "the shutdown fails"); }
+void Stop() { Check(oxEventShutdown() == OXEVENT_OK, "oxEventShutdown failed"); }
 
-// Of an event through the library.
-struct Road {
+struct Scenario {
   const char* submit;  // Name of the caller's section; null: not reported.
   const char* worker;  // Name of the worker's section.
   std::string_view sinks;
-  const char* actions[2];  // On the one condition, in turn.
-  size_t delivered;        // Of the section's events.
+  const char* actions[2];  // Alternating reports of one condition.
+  size_t delivered;        // Expected number of events in the worker's section.
 };
 
-constexpr Road kRoads[] = {{"submit", "worker_callback", "", {"raise", "clear"}, kEvents},
-                           {nullptr, "worker_update", "", {"update", "update"}, kEvents},
-                           {nullptr, "worker_suppressed", "", {"raise", "raise"}, 0},
-                           {nullptr, "worker_csv", "csv", {"raise", "clear"}, kEvents},
-                           {nullptr, "worker_syslog", "syslog", {"raise", "clear"}, kEvents},
-                           {nullptr, "worker_snmp", "snmp", {"raise", "clear"}, kEvents},
-                           {nullptr, "worker_alertmanager", "alertmanager", {"raise", "clear"}, kEvents}};
+constexpr Scenario kScenarios[] = {{"submit", "worker_callback", "", {"raise", "clear"}, kEvents},
+                                   {nullptr, "worker_update", "", {"update", "update"}, kEvents},
+                                   {nullptr, "worker_suppressed", "", {"raise", "raise"}, 0},
+                                   {nullptr, "worker_csv", "csv", {"raise", "clear"}, kEvents},
+                                   {nullptr, "worker_syslog", "syslog", {"raise", "clear"}, kEvents},
+                                   {nullptr, "worker_snmp", "snmp", {"raise", "clear"}, kEvents},
+                                   {nullptr, "worker_alertmanager", "alertmanager", {"raise", "clear"}, kEvents}};
 
-void Travel(const Road& road, bool warm) {
+void RunScenario(const Scenario& scenario, bool report) {
   Section caller;
-  oxEventRecord record = UsualRecord();
-  Hold();
+  oxEventRecord record = CompleteRecord();
+  HoldWorker();
   caller.Begin();
   for (size_t i = 0; i < kEvents; ++i) {
-    record.action = road.actions[i % 2];
-    record.value = i % 2 == 0 ? 71.3 : 72.5;  // So that no update repeats the one before.
+    record.action = scenario.actions[i % 2];
+    record.value = i % 2 == 0 ? 71.3 : 72.5;  // No update repeats the previous one.
     Submit(record);
   }
   caller.End();
-  if (warm && road.submit != nullptr) caller.Report(road.submit);
-  SubmitMark(kLast);
-  LetGo();
-  if (!warm) return;
-  g_worker.section.Report(road.worker);
-  Check(g_worker.delivered == road.delivered, "other events are delivered than expected");
+  if (report && scenario.submit != nullptr) caller.Report(scenario.submit);
+  SubmitMarker(kEndId);
+  ReleaseWorker();
+  if (!report) return;
+  g_worker.section.Report(scenario.worker);
+  Check(g_worker.delivered == scenario.delivered, "unexpected number of delivered events");
 }
 
-void MeasureRoads() {
-  for (const Road& road : kRoads) {
-    Start(road.sinks);
-    Travel(road, false);
-    Travel(road, false);
-    Travel(road, true);
+void MeasureScenarios() {
+  for (const Scenario& scenario : kScenarios) {
+    Start(scenario.sinks);
+    for (const bool report : {false, false, true}) RunScenario(scenario, report);
     Stop();
   }
 }
 
-// Of events that the caller loses.
-void MeasureLosses() {
+// Events that Submit drops: the queue is full, or their severity is below the minimum.
+void MeasureDrops() {
   const auto measure = [](const char* name, const oxEventRecord& record) {
     Section caller;
     caller.Begin();
@@ -212,21 +208,21 @@ void MeasureLosses() {
     caller.Report(name);
   };
   Start("");
-  oxEventRecord record = UsualRecord();
+  oxEventRecord record = CompleteRecord();
   record.action = "";
-  Hold();
-  SubmitMark(kLast);
+  HoldWorker();
+  SubmitMarker(kEndId);
   for (size_t i = 1; i < kQueueSize; ++i) Submit(record);
   measure("submit_dropped", record);
   record.severity = OXEVENT_SEVERITY_DEBUG;
   measure("submit_filtered", record);
-  LetGo();
-  Check(g_worker.delivered == kQueueSize - 1, "the events were not lost");
+  ReleaseWorker();
+  Check(g_worker.delivered == kQueueSize - 1, "unexpected number of dropped events");
   Stop();
 }
 
-void MeasureDocument() {
-  const oxEventRecord r = UsualRecord();
+void MeasureNativeJson() {
+  const oxEventRecord r = CompleteRecord();
   const oxEventNormalizedEvent event = {r.event_id, r.event_type,  r.source_id,   r.source_name,    r.message,
                                         r.severity, r.action,      r.dedupe_key,  r.correlation_id, r.utc_ns,
                                         r.ptp_ns,   r.pts,         r.timecode,    r.value,          r.threshold,
@@ -243,60 +239,61 @@ void MeasureDocument() {
   section.Report("native_json");
 }
 
-// Five actions on each of fifty keys, every event followed by another. `lengths`: of the messages.
+// Reports each of 50 conditions with five actions, and a second event after each report. The messages have `lengths`
+// different lengths; 1 means the longest message only, and that the second event repeats the first.
 void SubmitCycle(size_t lengths) {
-  constexpr const char* kSteps[] = {"raise", "raise", "update", "repeat", "clear"};
+  constexpr const char* kActions[] = {"raise", "raise", "update", "repeat", "clear"};
   static size_t sent = 0;
-  oxEventRecord record = UsualRecord();
+  oxEventRecord record = CompleteRecord();
   for (size_t i = 0; i < 250; ++i) {
     char key[64];
     std::snprintf(key, sizeof(key), "rack-07/psu-2/temperature/sensor-%zu", 10 + i % 50);
-    record.action = kSteps[i / 50];
+    record.action = kActions[i / 50];
     record.dedupe_key = key;
-    record.message = LongestText().c_str() + sent++ * 7 % lengths;
-    record.utc_ns = 1 + i / 150 * 4000000000000;  // Repeat and clear come after the repeat interval.
+    record.message = LongestMessage().c_str() + sent++ * 7 % lengths;
+    record.utc_ns = 1 + i / 150 * 4000000000000;  // Repeat and clear follow after the repeat interval.
     record.value = i < 100 ? 71.3 : 72.5;
     Submit(record);
     const bool simple = lengths > 1;
     const uint32_t result = simple ? oxEventSubmitSimple(0, OXEVENT_SEVERITY_INFO, "Power supply 2", record.message)
                                    : oxEventSubmit(&record);
-    Check(result == OXEVENT_OK, "an event is refused");
+    Check(result == OXEVENT_OK, "oxEventSubmit failed");
   }
 }
 
-// Allocations alone, since caller and worker run at the same time: all sinks, while the queue fills and empties,
-// conditions come and go and texts vary in length.
-void MeasureMixture() {
+// Counts only allocations, because caller and worker run concurrently: with all sinks, while the queue fills and
+// drains, conditions are raised and cleared, and message lengths vary.
+void MeasureMixedLoad() {
   constexpr size_t kRounds = 20;
   Start("csv syslog snmp alertmanager");
-  for (int i = 0; i < 3; ++i) {  // Warms up with the longest texts and a deeper queue than ever later.
-    Hold();
+  for (int i = 0; i < 3; ++i) {  // Warm-up: the longest messages, the deepest queue.
+    HoldWorker();
     SubmitCycle(1);
     SubmitCycle(1);
-    SubmitMark(kLast);
-    LetGo();
+    SubmitMarker(kEndId);
+    ReleaseWorker();
   }
   Section caller;
-  Hold();
+  HoldWorker();
   caller.Begin();
-  g_worker.go.release();
+  g_worker.resume.release();
   for (size_t i = 0; i < kRounds; ++i) {
     SubmitCycle(250);
     Flush();
   }
   caller.End();
-  SubmitMark(kLast);
+  SubmitMarker(kEndId);
   g_worker.done.acquire();
-  caller.ReportAllocations("mixture_submit", kRounds * 500);
-  g_worker.section.ReportAllocations("mixture_worker", kRounds * 500);
+  caller.ReportAllocations("mixed_submit", kRounds * 500);
+  g_worker.section.ReportAllocations("mixed_worker", kRounds * 500);
   Stop();
 }
 
 }  // namespace
 
 int main() {
-  MeasureRoads();
-  MeasureLosses();
-  MeasureDocument();
-  MeasureMixture();
+  MeasureScenarios();
+  MeasureDrops();
+  MeasureNativeJson();
+  MeasureMixedLoad();
 }
