@@ -1,20 +1,20 @@
-"""Horizontal bar charts as SVG, on a white ground so that they read in a light and in a dark page."""
+"""Horizontal bar charts as SVG, with a white background so that they are readable in light and dark pages."""
 import math
 from statistics import median
 from typing import Callable, NamedTuple
 from xml.sax.saxutils import escape
 
-WIDTH, LEFT, RIGHT = 860, 150, 150  # Left: the columns' labels; right: the figure behind the longest.
+WIDTH, LEFT, RIGHT = 860, 150, 150  # Pixels. Left margin: labels; right margin: the value of the longest bar.
 TOP, ROW, HEADING, FOOT = 78, 19, 27, 46
-STEEP = 30  # Magnitudes further apart than this get a logarithmic scale.
+MAX_LINEAR_RATIO = 30  # Values with a larger ratio get a logarithmic scale.
 
 
-class Column(NamedTuple):
+class Bar(NamedTuple):
     label: str
     colour: str
-    values: list  # Drawn to the median, with the spread as a thin line.
+    values: list  # The bar ends at the median; a thin line shows the range.
     text: str
-    tail: float | None = None  # Drawn lighter up to this, instead of the spread.
+    tail: float | None = None  # End of a lighter bar, which replaces the range.
 
     def ends(self):
         return self.values if self.tail is None else [self.tail]
@@ -22,17 +22,17 @@ class Column(NamedTuple):
 
 class Panel(NamedTuple):
     title: str
-    text_of: Callable  # A tick's text.
-    groups: list  # (Heading, columns).
+    tick_label: Callable  # Formats the value of a tick.
+    groups: list  # (Heading, bars).
 
 
 class Axis:
     def __init__(self, values):
         positive = [value for value in values if value > 0] or [1]
-        self.logarithmic = max(positive) / min(positive) > STEEP
+        self.logarithmic = max(positive) / min(positive) > MAX_LINEAR_RATIO
         self._high = max(positive)
         if self.logarithmic:
-            first = math.floor(math.log10(min(positive) / 1.5))  # So that the shortest bar is seen.
+            first = math.floor(math.log10(min(positive) / 1.5))  # Keeps the shortest bar visible.
             self._low = 10.0 ** first
             self.ticks = [10.0 ** at for at in range(first, math.floor(math.log10(self._high)) + 1)]
         else:
@@ -42,10 +42,10 @@ class Axis:
 
     def x(self, value):
         if self.logarithmic:
-            share = math.log(max(value, self._low) / self._low) / math.log(self._high / self._low)
+            fraction = math.log(max(value, self._low) / self._low) / math.log(self._high / self._low)
         else:
-            share = value / self._high
-        return round(LEFT + share * (WIDTH - LEFT - RIGHT), 1)
+            fraction = value / self._high
+        return round(LEFT + fraction * (WIDTH - LEFT - RIGHT), 1)
 
 
 def text_at(x, y, text, **attributes):
@@ -53,41 +53,42 @@ def text_at(x, y, text, **attributes):
     return f'<text x="{x}" y="{y}"{more}>{escape(text)}</text>'
 
 
-def over_lines(x, y, text, **attributes):
+def text_with_halo(x, y, text, **attributes):
     return text_at(x, y, text, paint_order="stroke", stroke="#fff", stroke_width=5, **attributes)
 
 
-def column_svg(column, axis, y):
-    def bar(value, opacity):
-        return (f'<rect x="{LEFT}" y="{y + 2}" width="{axis.x(value) - LEFT:.1f}" height="{ROW - 5}" fill="{column.colour}" '
-                f'opacity="{opacity}"/>')
+def bar_svg(bar, axis, y):
+    def rectangle(value, opacity):
+        return (f'<rect x="{LEFT}" y="{y + 2}" width="{axis.x(value) - LEFT:.1f}" height="{ROW - 5}" '
+                f'fill="{bar.colour}" opacity="{opacity}"/>')
 
-    middle, least, most = median(column.values), min(column.ends()), max(column.ends())
-    yield text_at(LEFT - 8, y + 13, column.label, text_anchor="end")
-    if column.tail is not None:
-        yield bar(column.tail, 0.35)
-    yield bar(middle, 1)
-    if column.tail is None:
-        yield f'<path d="M{axis.x(least)} {y + 9}H{axis.x(most)}" stroke="#111" stroke-width="1.5"/>'
-    yield over_lines(max(axis.x(middle), axis.x(most)) + 7, y + 13, column.text)
+    middle, low, high = median(bar.values), min(bar.ends()), max(bar.ends())
+    yield text_at(LEFT - 8, y + 13, bar.label, text_anchor="end")
+    if bar.tail is not None:
+        yield rectangle(bar.tail, 0.35)
+    yield rectangle(middle, 1)
+    if bar.tail is None:
+        yield f'<path d="M{axis.x(low)} {y + 9}H{axis.x(high)}" stroke="#111" stroke-width="1.5"/>'
+    yield text_with_halo(max(axis.x(middle), axis.x(high)) + 7, y + 13, bar.text)
 
 
 def panel_svg(panel, top):
-    """Its elements, and where it ends."""
-    columns = [column for _, group in panel.groups for column in group]
-    axis = Axis([value for column in columns for value in (median(column.values), *column.ends())])
-    bottom = top + 22 + HEADING * len(panel.groups) + ROW * len(columns)
-    scale = ", logarithmic scale: each line is ten times the one before" if axis.logarithmic else ""
+    """Returns the SVG elements and the y coordinate of the end."""
+    bars = [bar for _, group in panel.groups for bar in group]
+    axis = Axis([value for bar in bars for value in (median(bar.values), *bar.ends())])
+    bottom = top + 22 + HEADING * len(panel.groups) + ROW * len(bars)
+    scale = " (logarithmic scale)" if axis.logarithmic else ""
     out = [text_at(20, top + 6, panel.title + scale, fill="#444")]
     for tick in axis.ticks:
         out.append(f'<path d="M{axis.x(tick)} {top + 18}V{bottom + 4}" stroke="#ddd"/>')
-        out.append(text_at(axis.x(tick), bottom + 19, panel.text_of(tick), fill="#444", text_anchor="middle", font_size=12))
+        out.append(text_at(axis.x(tick), bottom + 19, panel.tick_label(tick), fill="#444", text_anchor="middle",
+                           font_size=12))
     y = top + 14
     for heading, group in panel.groups:
         y += HEADING
-        out.append(over_lines(20, y - 5, heading, font_weight="bold"))
-        for column in group:
-            out += column_svg(column, axis, y)
+        out.append(text_with_halo(20, y - 5, heading, font_weight="bold"))
+        for bar in group:
+            out += bar_svg(bar, axis, y)
             y += ROW
     return out, bottom + FOOT
 

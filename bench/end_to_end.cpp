@@ -1,4 +1,4 @@
-#include "road.h"
+#include "end_to_end.h"
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -25,7 +25,7 @@ namespace {
 
 constexpr uint64_t kNsPerSecond = 1'000'000'000;
 constexpr uint64_t kNsPerMs = 1'000'000;
-constexpr uint32_t kStorm = 1000;  // Events.
+constexpr uint32_t kEventsPerStorm = 1000;
 
 enum class Pace { kStorms, kSpinning, kSleeping, kBackToBack };
 
@@ -39,9 +39,9 @@ struct Load {
 };
 
 constexpr Load kLoads[] = {
-    {"storm_1", Pace::kStorms, 1, 40 * kStorm, 10 * kNsPerMs, 1024},
-    {"storm_2", Pace::kStorms, 2, 40 * kStorm, 10 * kNsPerMs, 1024},
-    {"storm_8", Pace::kStorms, 8, 40 * kStorm, 10 * kNsPerMs, 1024},
+    {"storm_1", Pace::kStorms, 1, 40 * kEventsPerStorm, 10 * kNsPerMs, 1024},
+    {"storm_2", Pace::kStorms, 2, 40 * kEventsPerStorm, 10 * kNsPerMs, 1024},
+    {"storm_8", Pace::kStorms, 8, 40 * kEventsPerStorm, 10 * kNsPerMs, 1024},
     {"paced_20000", Pace::kSpinning, 1, 20'000, kNsPerSecond / 20'000, 1024},
     {"paced_1000", Pace::kSleeping, 1, 1500, kNsPerSecond / 1000, 1024},
     {"idle", Pace::kSleeping, 1, 60, 20 * kNsPerMs, 1024},
@@ -61,16 +61,16 @@ void SleepUntil(uint64_t time_ns) {
   }
 }
 
-// The thread that delivers, as it was when it last did.
+// The delivering thread.
 struct Worker {
-  std::atomic<pid_t> tid = 0;
+  std::atomic<pid_t> tid = 0;  // 0: has not delivered yet.
   clockid_t cpu_clock = 0;
-  std::atomic<size_t> allocations = 0;
+  std::atomic<size_t> allocations = 0;  // Up to the last delivered event.
 
   uint64_t CpuNs() const { return tid == 0 ? 0 : Now(cpu_clock); }
 
-  // How often it has gone to sleep, and so been woken.
-  uint64_t Sleeps() const {
+  // Number of times that the thread has blocked, each followed by a wakeup.
+  uint64_t Wakeups() const {
     std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
     constexpr std::string_view kLabel = "voluntary_ctxt_switches:";
     for (std::string line; std::getline(status, line);) {
@@ -81,78 +81,81 @@ struct Worker {
 };
 Worker g_worker;
 
-// By event id. The warm-up's events count from 0, those measured from g_first_id.
+// Indexed by event id minus g_first_id. The ids of the warm-up start at 0, those of the measurement after them.
 std::vector<uint64_t> g_submitted_ns;
-std::vector<uint64_t> g_took_ns;
+std::vector<uint64_t> g_submit_duration_ns;
 std::vector<uint64_t> g_delivered_ns;  // 0: lost.
 uint64_t g_first_id = 0;
 const uint64_t g_utc_minus_monotonic = Now(CLOCK_REALTIME) - Now();
 
-void SubmitOne(oxEventRecord* record, uint64_t id) {
-  record->event_id = g_first_id + id;
-  record->pts = static_cast<int64_t>(id) * 3600;  // An update, and no duplicate of the one before.
-  record->value = 60 + static_cast<double>(id % 100) / 10;
+void SubmitOne(oxEventRecord* record, uint64_t index) {
+  record->event_id = g_first_id + index;
+  record->pts = static_cast<int64_t>(index) * 3600;  // An update equal to the previous one would be suppressed.
+  record->value = 60 + static_cast<double>(index % 100) / 10;
   record->utc_ns = record->ptp_ns = Now() + g_utc_minus_monotonic;
   const uint64_t start = Now();
-  g_submitted_ns[id] = start;
-  PeerSubmit(*record);
-  g_took_ns[id] = Now() - start;
+  g_submitted_ns[index] = start;
+  LoggerSubmit(*record);
+  g_submit_duration_ns[index] = Now() - start;
 }
 
-size_t Storms(const Load& load, uint32_t events) {
-  const uint32_t each = kStorm / load.threads;
+// Returns the callers' allocations.
+size_t RunStorms(const Load& load, uint32_t events) {
+  const uint32_t events_per_thread = kEventsPerStorm / load.threads;
   std::barrier start(load.threads + 1);
   std::barrier end(load.threads + 1);
   std::atomic<size_t> allocations = 0;
   const auto body = [&](uint32_t thread) {
     oxEventRecord record = OrdinaryRecord();
-    for (uint32_t storm = 0; storm < events / kStorm; ++storm) {
+    for (uint32_t storm = 0; storm < events / kEventsPerStorm; ++storm) {
       start.arrive_and_wait();
       const size_t before = t_allocations;
-      for (uint32_t i = 0; i < each; ++i) SubmitOne(&record, storm * kStorm + thread * each + i);
+      const uint32_t first = storm * kEventsPerStorm + thread * events_per_thread;
+      for (uint32_t i = 0; i < events_per_thread; ++i) SubmitOne(&record, first + i);
       allocations += t_allocations - before;
       end.arrive_and_wait();
     }
   };
   std::vector<std::thread> threads;
   for (uint32_t i = 0; i < load.threads; ++i) threads.emplace_back(body, i);
-  for (uint32_t storm = 0; storm < events / kStorm; ++storm) {
+  for (uint32_t storm = 0; storm < events / kEventsPerStorm; ++storm) {
     SleepUntil(Now() + load.interval_ns);
     start.arrive_and_wait();
     end.arrive_and_wait();
-    PeerDrain();
+    LoggerDrain();
   }
   for (std::thread& thread : threads) thread.join();
   return allocations;
 }
 
-size_t OneThread(const Load& load, uint32_t events) {
+// Returns the caller's allocations.
+size_t RunOneThread(const Load& load, uint32_t events) {
   oxEventRecord record = OrdinaryRecord();
   const size_t before = t_allocations;
   const uint64_t start = Now();
   for (uint32_t i = 0; i < events; ++i) {
-    const uint64_t due = start + (i + 1) * load.interval_ns;  // The first one too finds things at rest.
+    const uint64_t due = start + (i + 1) * load.interval_ns;  // The first event, too, finds the worker idle.
     if (load.pace == Pace::kSleeping) SleepUntil(due);
     while (load.pace == Pace::kSpinning && Now() < due) {
     }
     SubmitOne(&record, i);
   }
   const size_t allocations = t_allocations - before;
-  PeerDrain();
+  LoggerDrain();
   return allocations;
 }
 
 // Returns the callers' allocations.
 size_t Run(const Load& load, uint32_t events) {
-  return load.pace == Pace::kStorms ? Storms(load, events) : OneThread(load, events);
+  return load.pace == Pace::kStorms ? RunStorms(load, events) : RunOneThread(load, events);
 }
 
-// Warms up: the queue holds as much as it ever will, and has what memory it will need.
+// Warm-up: fills the queue, so that it allocates all of its memory.
 void FillQueue(const Load& load) {
   oxEventRecord record = OrdinaryRecord();
-  const uint32_t events = load.queue_size + load.queue_size / 2 + kStorm;
+  const uint32_t events = load.queue_size + load.queue_size / 2 + kEventsPerStorm;
   for (uint32_t i = 0; i < events; ++i) SubmitOne(&record, i % load.events);
-  PeerDrain();
+  LoggerDrain();
 }
 
 uint64_t ResidentKib() {
@@ -169,22 +172,22 @@ uint64_t PeakResidentKib() {
   return static_cast<uint64_t>(usage.ru_maxrss);
 }
 
-// The least value that this part of all values does not exceed.
-uint64_t Percentile(const std::vector<uint64_t>& sorted, double part) {
-  const auto rank = static_cast<size_t>(std::ceil(part * static_cast<double>(sorted.size()) - 1e-6));
+// Nearest-rank percentile. `fraction`: 0 to 1.
+uint64_t Percentile(const std::vector<uint64_t>& sorted, double fraction) {
+  const auto rank = static_cast<size_t>(std::ceil(fraction * static_cast<double>(sorted.size()) - 1e-6));
   return sorted[std::clamp<size_t>(rank, 1, sorted.size()) - 1];
 }
 
 void PrintSubmitTimes() {
   uint64_t sum = 0;
-  for (const uint64_t took : g_took_ns) sum += took;
-  const double mean = static_cast<double>(sum) / static_cast<double>(g_took_ns.size());
-  std::sort(g_took_ns.begin(), g_took_ns.end());
-  printf(R"("submit_ns":{"p50":%lu,"p99":%lu,"p999":%lu,"mean":%.1f},)", Percentile(g_took_ns, 0.5),
-         Percentile(g_took_ns, 0.99), Percentile(g_took_ns, 0.999), mean);
+  for (const uint64_t duration : g_submit_duration_ns) sum += duration;
+  const double mean = static_cast<double>(sum) / static_cast<double>(g_submit_duration_ns.size());
+  std::sort(g_submit_duration_ns.begin(), g_submit_duration_ns.end());
+  printf(R"("submit_ns":{"p50":%lu,"p99":%lu,"p999":%lu,"mean":%.1f},)", Percentile(g_submit_duration_ns, 0.5),
+         Percentile(g_submit_duration_ns, 0.99), Percentile(g_submit_duration_ns, 0.999), mean);
 }
 
-// Returns the number of events lost.
+// Returns the number of lost events.
 size_t PrintDelays() {
   std::vector<uint64_t> delays;
   for (size_t i = 0; i < g_delivered_ns.size(); ++i) {
@@ -193,38 +196,38 @@ size_t PrintDelays() {
   std::sort(delays.begin(), delays.end());
   const size_t lost = g_delivered_ns.size() - delays.size();
   if (delays.empty()) {
-    fprintf(stderr, "%s has delivered nothing\n", kPeer);
+    fprintf(stderr, "%s delivered no events\n", kLoggerName);
     exit(1);
   }
   printf(R"("delay_ns":{"p50":%lu,"p99":%lu},)", Percentile(delays, 0.5), Percentile(delays, 0.99));
   return lost;
 }
 
-int Measure(const Load& load, const std::string& folder) {
+int Measure(const Load& load, const std::string& directory) {
   g_submitted_ns.assign(load.events, 1);
-  g_took_ns.assign(load.events, 1);
+  g_submit_duration_ns.assign(load.events, 1);
   g_delivered_ns.assign(load.events, 1);
   const uint64_t resident_before = ResidentKib();
-  PeerStart(folder, load.queue_size);
+  LoggerStart(directory, load.queue_size);
   g_first_id = 0;
   if (kHasWorker) FillQueue(load);
-  Run(load, load.pace == Pace::kStorms ? 5 * kStorm : load.events / 10);
+  Run(load, load.pace == Pace::kStorms ? 5 * kEventsPerStorm : load.events / 10);
 
   std::fill(g_delivered_ns.begin(), g_delivered_ns.end(), 0);
   g_first_id = load.events;
   const size_t allocations_before = g_worker.allocations;
   const uint64_t cpu_before = g_worker.CpuNs();
-  const uint64_t sleeps_before = g_worker.Sleeps();
+  const uint64_t wakeups_before = g_worker.Wakeups();
   const auto caller_allocations = static_cast<double>(Run(load, load.events));
-  SleepUntil(Now() + 5 * kNsPerMs);  // Until the worker has come to rest.
+  SleepUntil(Now() + 5 * kNsPerMs);  // Lets the worker become idle.
   const auto worker_allocations = static_cast<double>(g_worker.allocations - allocations_before);
   const auto worker_cpu = static_cast<double>(g_worker.CpuNs() - cpu_before);
-  const auto sleeps = static_cast<double>(g_worker.Sleeps() - sleeps_before);
-  const uint64_t peak = PeakResidentKib();  // The kernel's count may lag behind, by more than a peer takes.
+  const auto wakeups = static_cast<double>(g_worker.Wakeups() - wakeups_before);
+  const uint64_t peak = PeakResidentKib();  // May be below resident_before: the kernel updates it late.
   const uint64_t memory = peak > resident_before ? peak - resident_before : 0;
 
   const auto events = static_cast<double>(load.events);
-  printf(R"({"peer":"%s","load":"%s","threads":%u,"events":%u,)", kPeer, load.name, load.threads, load.events);
+  printf(R"({"logger":"%s","load":"%s","threads":%u,"events":%u,)", kLoggerName, load.name, load.threads, load.events);
   size_t lost = 0;
   if (kHasWorker) {
     lost = PrintDelays();
@@ -233,13 +236,13 @@ int Measure(const Load& load, const std::string& folder) {
     const double seconds = static_cast<double>(end - g_submitted_ns[0]) / kNsPerSecond;
     printf(R"("lost":%zu,"events_per_s":%.0f,)", lost, delivered / seconds);
     printf(R"("worker_allocations":%.6g,"worker_cpu_ns":%.1f,"worker_wakeups":%.6g,)", worker_allocations / delivered,
-           worker_cpu / delivered, sleeps / delivered);
+           worker_cpu / delivered, wakeups / delivered);
     if (std::string_view(load.name) == "idle") {
-      const uint64_t quiet_cpu = g_worker.CpuNs();
-      const uint64_t quiet_sleeps = g_worker.Sleeps();
+      const uint64_t quiet_cpu_before = g_worker.CpuNs();
+      const uint64_t quiet_wakeups_before = g_worker.Wakeups();
       SleepUntil(Now() + kNsPerSecond);
-      printf(R"("quiet_cpu_ns":%lu,"quiet_wakeups":%lu,)", g_worker.CpuNs() - quiet_cpu,
-             g_worker.Sleeps() - quiet_sleeps);
+      printf(R"("quiet_cpu_ns":%lu,"quiet_wakeups":%lu,)", g_worker.CpuNs() - quiet_cpu_before,
+             g_worker.Wakeups() - quiet_wakeups_before);
     }
   } else {
     const uint64_t last = *std::max_element(g_submitted_ns.begin(), g_submitted_ns.end());
@@ -252,7 +255,7 @@ int Measure(const Load& load, const std::string& folder) {
   printf(R"("caller_allocations":%.6g,"memory_kib":%lu})"
          "\n",
          caller_allocations / events, memory);
-  PeerStop();
+  LoggerStop();
   return 0;
 }
 
@@ -269,21 +272,22 @@ void Delivered(uint64_t event_id) {
 }
 
 int main(int argc, char** argv) {
-  const Load* load = std::find_if(std::begin(kLoads), std::end(kLoads),
-                                  [&](const Load& one) { return argc == 2 && std::string_view(argv[1]) == one.name; });
+  const Load* load = std::find_if(std::begin(kLoads), std::end(kLoads), [&](const Load& candidate) {
+    return argc == 2 && std::string_view(argv[1]) == candidate.name;
+  });
   if (load == std::end(kLoads)) {
-    fprintf(stderr, "usage: %s LOAD, one of:", argv[0]);
-    for (const Load& one : kLoads) fprintf(stderr, " %s", one.name);
+    fprintf(stderr, "usage: %s LOAD, where LOAD is one of:", argv[0]);
+    for (const Load& known : kLoads) fprintf(stderr, " %s", known.name);
     fprintf(stderr, "\n");
     return 2;
   }
   const char* const parent = getenv("TMPDIR");
-  std::string folder = std::string(parent == nullptr ? "/tmp" : parent) + "/oxevent_bench_XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) {
-    perror(folder.c_str());
+  std::string directory = std::string(parent == nullptr ? "/tmp" : parent) + "/oxevent_bench_XXXXXX";
+  if (mkdtemp(directory.data()) == nullptr) {
+    perror(directory.c_str());
     return 1;
   }
-  const int result = Measure(*load, folder);
-  std::filesystem::remove_all(folder);
+  const int result = Measure(*load, directory);
+  std::filesystem::remove_all(directory);
   return result;
 }

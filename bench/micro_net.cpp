@@ -1,4 +1,4 @@
-// The sinks that send, against the bare sending of the same bytes.
+// Network sinks, compared with sending the same bytes by sendto and libcurl alone.
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <netinet/in.h>
@@ -17,13 +17,13 @@
 #include <string_view>
 #include <thread>
 
-#include "pieces.h"
+#include "micro.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventText.h"
 
 namespace {
 
-constexpr int64_t kDatagrams = 64;  // In a batch: fewer than a socket's buffer holds.
+constexpr int64_t kDatagramsPerBatch = 64;  // They fit into the receive buffer of a socket.
 
 sockaddr_in Loopback() {
   sockaddr_in address = {};
@@ -32,7 +32,7 @@ sockaddr_in Loopback() {
   return address;
 }
 
-// A socket on a free port of this machine. Its descriptor is the process's.
+// Returns a socket that is bound to a free port of the loopback interface. The caller closes it.
 int BoundSocket(int type, uint16_t* port) {
   const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
   sockaddr_in address = Loopback();
@@ -55,7 +55,7 @@ class UdpReceiver {
 
   uint16_t Port() const { return port_; }
 
-  // Takes what is there; the last datagram is kept.
+  // Receives all pending datagrams, keeps the last one and returns their number.
   int64_t Drain() {
     char bytes[16 * 1024];
     int64_t datagrams = 0;
@@ -84,13 +84,15 @@ void SubmitDatagrams(benchmark::State& state, Factory factory, bool bare) {
   std::shared_ptr<oxEventSink> sink;
   const bool sent =
       factory(config, &sink, nullptr) == OXEVENT_OK && sink->Submit(event, nullptr, nullptr) == OXEVENT_OK;
-  if (!sent || receiver.Drain() != 1) return state.SkipWithError("no datagram");
+  if (!sent || receiver.Drain() != 1) return state.SkipWithError("no datagram was received");
 
   const std::string datagram = receiver.Last();
-  const auto drain = [&] { return receiver.Drain() == kDatagrams && receiver.Last().size() == datagram.size(); };
+  const auto drain = [&] {
+    return receiver.Drain() == kDatagramsPerBatch && receiver.Last().size() == datagram.size();
+  };
   if (!bare) {
     RepeatInBatches(
-        state, kDatagrams, [&] { return sink->Submit(event, nullptr, nullptr) == OXEVENT_OK; }, drain);
+        state, kDatagramsPerBatch, [&] { return sink->Submit(event, nullptr, nullptr) == OXEVENT_OK; }, drain);
   } else {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     sockaddr_in address = Loopback();
@@ -100,50 +102,52 @@ void SubmitDatagrams(benchmark::State& state, Factory factory, bool bare) {
       const ssize_t size = sendto(fd, datagram.data(), datagram.size(), 0, generic, sizeof(address));
       return size == static_cast<ssize_t>(datagram.size());
     };
-    RepeatInBatches(state, kDatagrams, send, drain);
+    RepeatInBatches(state, kDatagramsPerBatch, send, drain);
     close(fd);
   }
   state.counters["bytes"] = static_cast<double>(datagram.size());
 }
 
-// Keeps the calling thread, and those that it starts, on the first or the last of its processors. Server and client
-// have one each: left to the scheduler they share one at times, and an exchange then takes a third of the time.
-class Processor {
+// Pins the calling thread, and the threads that it starts, to the first or the last of its processors. Client and
+// server get one each: the scheduler sometimes places both on one processor, and an exchange then takes a third of the
+// time.
+class CpuPin {
  public:
   enum Which { kFirst, kLast };
-  explicit Processor(Which which) {
-    if (sched_getaffinity(0, sizeof(before_), &before_) != 0) abort();
+  explicit CpuPin(Which which) {
+    if (sched_getaffinity(0, sizeof(previous_), &previous_) != 0) abort();
     int cpu = which == kFirst ? 0 : CPU_SETSIZE - 1;
-    while (!CPU_ISSET(cpu, &before_)) cpu += which == kFirst ? 1 : -1;
+    while (!CPU_ISSET(cpu, &previous_)) cpu += which == kFirst ? 1 : -1;
     cpu_set_t one;
     CPU_ZERO(&one);
     CPU_SET(cpu, &one);
     if (sched_setaffinity(0, sizeof(one), &one) != 0) abort();
   }
-  ~Processor() { sched_setaffinity(0, sizeof(before_), &before_); }
-  Processor(const Processor&) = delete;
-  Processor& operator=(const Processor&) = delete;
+  ~CpuPin() { sched_setaffinity(0, sizeof(previous_), &previous_); }
+  CpuPin(const CpuPin&) = delete;
+  CpuPin& operator=(const CpuPin&) = delete;
 
  private:
-  cpu_set_t before_;
+  cpu_set_t previous_;
 };
 
-// As the webhook sink, with the library's own document.
+// The webhook sink with the native JSON document.
 void HttpPost(benchmark::State& state, const std::string& url) {
-  const Processor processor(Processor::kFirst);
+  const CpuPin pin(CpuPin::kFirst);
   const oxEventNormalizedEvent event = CompleteEvent();
   oxEventSinkConfig config;
   config.type = oxEventSinkType::kWebhookHttp;
   config.endpoint_url = url;
   std::shared_ptr<oxEventSink> sink;
-  if (oxEventCreateCloudEventsHttpSink(config, &sink, nullptr) != OXEVENT_OK) return state.SkipWithError("no sink");
-  if (sink->Submit(event, nullptr, nullptr) != OXEVENT_OK) return state.SkipWithError("no connection");
+  if (oxEventCreateCloudEventsHttpSink(config, &sink, nullptr) != OXEVENT_OK)
+    return state.SkipWithError("the sink was not created");
+  if (sink->Submit(event, nullptr, nullptr) != OXEVENT_OK) return state.SkipWithError("the first request failed");
   Repeat(state, [&] { return sink->Submit(event, nullptr, nullptr) == OXEVENT_OK; });
 }
 
-// The same bytes with a libcurl handle that is set up once. The server sees to it that they are the same.
+// Posts the same bytes with one reused libcurl handle. The server rejects a request with other bytes.
 void HttpBareLibcurl(benchmark::State& state, const std::string& url) {
-  const Processor processor(Processor::kFirst);
+  const CpuPin pin(CpuPin::kFirst);
   std::string body;
   oxEventText::FormatNativeJsonData(CompleteEvent(), &body);
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> owner(curl_easy_init(), curl_easy_cleanup);
@@ -167,55 +171,56 @@ void HttpBareLibcurl(benchmark::State& state, const std::string& url) {
   if (post()) {
     Repeat(state, post);
   } else {
-    state.SkipWithError("no connection");
+    state.SkipWithError("the first request failed");
   }
   curl_slist_free_all(header);
 }
 
-// The bytes of the next request, of `rest` and what follows on the connection. Empty: there is none.
-std::string NextRequest(int fd, std::string* rest) {
-  constexpr std::string_view kLength = "\r\nContent-Length: ";
-  size_t wanted = std::string::npos;
-  while (rest->size() < wanted) {
-    if (const size_t end = rest->find("\r\n\r\n"); end != std::string::npos && wanted == std::string::npos) {
+// Returns the next request of a connection, or an empty string at its end. *received holds the bytes that have been
+// received but not returned.
+std::string NextRequest(int fd, std::string* received) {
+  constexpr std::string_view kContentLength = "\r\nContent-Length: ";
+  size_t request_size = std::string::npos;
+  while (received->size() < request_size) {
+    if (const size_t end = received->find("\r\n\r\n"); end != std::string::npos && request_size == std::string::npos) {
       size_t length = 0;
-      if (const size_t at = rest->find(kLength); at < end) {
-        std::from_chars(rest->data() + at + kLength.size(), rest->data() + end, length);
+      if (const size_t at = received->find(kContentLength); at < end) {
+        std::from_chars(received->data() + at + kContentLength.size(), received->data() + end, length);
       }
-      wanted = end + 4 + length;
+      request_size = end + 4 + length;
       continue;
     }
     char bytes[16 * 1024];
     const ssize_t size = recv(fd, bytes, sizeof(bytes), 0);
     if (size <= 0) return "";
-    rest->append(bytes, static_cast<size_t>(size));
+    received->append(bytes, static_cast<size_t>(size));
   }
-  std::string request = rest->substr(0, wanted);
-  rest->erase(0, wanted);
+  std::string request = received->substr(0, request_size);
+  received->erase(0, request_size);
   return request;
 }
 
 void Serve(int fd) {
   static std::mutex mutex;
   static std::string first;
-  std::string rest;
-  for (std::string request; !(request = NextRequest(fd, &rest)).empty();) {
+  std::string received;
+  for (std::string request; !(request = NextRequest(fd, &received)).empty();) {
     bool same = false;
     {
       const std::lock_guard lock(mutex);
       if (first.empty()) first = request;
       same = request == first;
     }
-    const std::string_view answer =
-        same ? "HTTP/1.1 204 No Content\r\n\r\n" : "HTTP/1.1 500 Another Request\r\nContent-Length: 0\r\n\r\n";
-    if (send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(answer.size())) break;
+    const std::string_view response =
+        same ? "HTTP/1.1 204 No Content\r\n\r\n" : "HTTP/1.1 500 Unexpected Request\r\nContent-Length: 0\r\n\r\n";
+    if (send(fd, response.data(), response.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(response.size())) break;
   }
   close(fd);
 }
 
 [[noreturn]] void ServeAll(int listener) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  const Processor processor(Processor::kLast);
+  const CpuPin pin(CpuPin::kLast);
   for (;;) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) _exit(1);
@@ -241,7 +246,7 @@ HttpServer::~HttpServer() {
   waitpid(child_, nullptr, 0);
 }
 
-void RegisterNet(const std::string& http_url) {
+void RegisterNetworkBenchmarks(const std::string& http_url) {
   for (const bool bare : {false, true}) {
     const auto add = [bare](const char* name, Factory factory) {
       benchmark::RegisterBenchmark(std::string(name).append(bare ? "/bare_sendto" : "/submit").c_str(), SubmitDatagrams,

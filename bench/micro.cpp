@@ -1,5 +1,5 @@
-// The pieces of an event's way that keep to this process and its files.
-#include "pieces.h"
+// Micro-benchmarks of steps that involve only this process and its files.
+#include "micro.h"
 
 #include <fcntl.h>
 #include <rapidjson/document.h>
@@ -36,7 +36,7 @@ void Normalize(benchmark::State& state) {
   oxEventRecord record = CompleteRecord();
   Repeat(state, [&] {
     benchmark::DoNotOptimize(&record);
-    benchmark::ClobberMemory();  // Nothing is known of the record.
+    benchmark::ClobberMemory();  // The compiler must not assume anything about the record.
     oxEventNormalizedEvent view;
     const uint32_t result = oxEventNormalizeEvent(&record, 1, &view);
     benchmark::DoNotOptimize(&view);
@@ -45,7 +45,7 @@ void Normalize(benchmark::State& state) {
 }
 BENCHMARK(Normalize);
 
-// On one thread, which never waits.
+// One thread does both, so that it never waits.
 void EnqueuePop(benchmark::State& state) {
   const oxEventRecord record = CompleteRecord();
   oxEventNormalizedEvent view;
@@ -66,10 +66,10 @@ void EnqueuePop(benchmark::State& state) {
 }
 BENCHMARK(EnqueuePop)->Name("Queue/enqueue_pop");
 
-// Whatever appends to a text that is reused. What it appends must hold `part`.
+// Registers a benchmark of `append`, which appends to a reused string. The output must contain `expected_part`.
 template <class Append>
-void RegisterText(const char* name, std::string_view part, Append append) {
-  benchmark::RegisterBenchmark(name, [part, append](benchmark::State& state) {
+void RegisterFormatter(const char* name, std::string_view expected_part, Append append) {
+  benchmark::RegisterBenchmark(name, [expected_part, append](benchmark::State& state) {
     std::string expected;
     append(&expected);
     std::string out;
@@ -80,7 +80,9 @@ void RegisterText(const char* name, std::string_view part, Append append) {
       benchmark::ClobberMemory();
       return out.size() == expected.size();
     });
-    if (out != expected || out.find(part) == std::string::npos) state.SkipWithError("another text");
+    if (out != expected || out.find(expected_part) == std::string::npos) {
+      state.SkipWithError("unexpected output");
+    }
   });
 }
 
@@ -89,24 +91,26 @@ void AppendCsvRow(const oxEventNormalizedEvent& event, std::string* out) {
   if (oxEventText::CsvRowCapacity(event) <= sizeof(row)) out->append(row, oxEventText::WriteCsvRow(event, row));
 }
 
-void RegisterTexts() {
+void RegisterFormatters() {
   static const oxEventNormalizedEvent event = CompleteEvent();
-  RegisterText("Text/csv_row", "71.299999999999997", [](auto* out) { AppendCsvRow(event, out); });
-  RegisterText("Text/native_json", event.message, [](auto* out) { oxEventText::FormatNativeJsonData(event, out); });
-  RegisterText("Text/cloudevents_json", "\"subject\":\"racks/rack-07",
-               [](auto* out) { oxEventText::FormatCloudEventsJson(event, "/oxEvent", "racks/", out); });
-  RegisterText("Text/alertmanager", "OxEventTemperatureHigh", [](auto* out) {
+  RegisterFormatter("Text/csv_row", "71.299999999999997", [](auto* out) { AppendCsvRow(event, out); });
+  RegisterFormatter("Text/native_json", event.message,
+                    [](auto* out) { oxEventText::FormatNativeJsonData(event, out); });
+  RegisterFormatter("Text/cloudevents_json", "\"subject\":\"racks/rack-07",
+                    [](auto* out) { oxEventText::FormatCloudEventsJson(event, "/oxEvent", "racks/", out); });
+  RegisterFormatter("Text/alertmanager", "OxEventTemperatureHigh", [](auto* out) {
     static const oxEventAlertmanagerFormatterConfig config;
     oxEventFormatAlertmanagerAlert(event, config, out);
   });
-  RegisterText("Text/json_escape", R"(\"fan_rpm\":4200)",
-               [](auto* out) { oxEventText::JsonEscape(event.details_json, out); });
-  RegisterText("Text/utc_iso", "2023-11-14T22:13:20.123456789Z",
-               [](auto* out) { oxEventText::UtcIsoFromNs(event.utc_ns, out); });
-  // What a trap is made of.
-  RegisterText("Ber/integer", "\x02\x01\x01", [](auto* out) { SnmpBer::Integer(SnmpBer::kInteger, 1, out); });
-  RegisterText("Ber/oid", "\x2B\x06", [](auto* out) { SnmpBer::ObjectIdentifier("1.3.6.1.4.1.32473.1.1.1.8.0", out); });
-  RegisterText("Ber/string_binding", event.message, [](auto* out) {
+  RegisterFormatter("Text/json_escape", R"(\"fan_rpm\":4200)",
+                    [](auto* out) { oxEventText::JsonEscape(event.details_json, out); });
+  RegisterFormatter("Text/utc_iso", "2023-11-14T22:13:20.123456789Z",
+                    [](auto* out) { oxEventText::UtcIsoFromNs(event.utc_ns, out); });
+  // Encoding steps of an SNMP trap.
+  RegisterFormatter("Ber/integer", "\x02\x01\x01", [](auto* out) { SnmpBer::Integer(SnmpBer::kInteger, 1, out); });
+  RegisterFormatter("Ber/oid", "\x2B\x06",
+                    [](auto* out) { SnmpBer::ObjectIdentifier("1.3.6.1.4.1.32473.1.1.1.8.0", out); });
+  RegisterFormatter("Ber/string_binding", event.message, [](auto* out) {
     static const std::string oid = [] {
       std::string encoded;
       SnmpBer::ObjectIdentifier("1.3.6.1.4.1.32473.1.1.1.8.0", &encoded);
@@ -119,7 +123,7 @@ void RegisterTexts() {
 using JsonBuffer = rapidjson::StringBuffer;
 using JsonWriter = rapidjson::Writer<JsonBuffer>;
 
-// With 17 digits, as the library does; RapidJSON's own way is the shortest text that gives the value back.
+// With 17 digits, as the library does, or RapidJSON's default: the shortest string that converts back to the value.
 void WriteDouble(double value, bool shortest, JsonWriter* writer) {
   if (shortest) {
     writer->Double(value);
@@ -130,12 +134,12 @@ void WriteDouble(double value, bool shortest, JsonWriter* writer) {
   writer->RawValue(digits, static_cast<size_t>(length), rapidjson::kNumberType);
 }
 
-// The members of the library's document in their order.
+// Writes the same members in the same order as the library.
 void WriteWithRapidJson(const oxEventNormalizedEvent& event, bool shortest, JsonWriter* writer) {
   const auto key = [writer](std::string_view name) {
     writer->Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
   };
-  const auto text = [&](std::string_view name, std::string_view value) {
+  const auto string = [&](std::string_view name, std::string_view value) {
     key(name);
     writer->String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
   };
@@ -146,35 +150,35 @@ void WriteWithRapidJson(const oxEventNormalizedEvent& event, bool shortest, Json
   writer->StartObject();
   number("version", OXEVENT_API_VERSION);
   number("event_id", event.event_id);
-  text("severity", oxEventSeverityName(event.severity));
+  string("severity", oxEventSeverityName(event.severity));
   number("severity_value", event.severity);
   number("severity_code", event.severity);
-  text("action", event.action);
-  text("event_type", event.event_type);
-  text("source_id", event.source_id);
-  text("source_name", event.source_name);
-  text("dedupe_key", event.dedupe_key);
-  text("correlation_id", event.correlation_id);
-  text("message", event.message);
+  string("action", event.action);
+  string("event_type", event.event_type);
+  string("source_id", event.source_id);
+  string("source_name", event.source_name);
+  string("dedupe_key", event.dedupe_key);
+  string("correlation_id", event.correlation_id);
+  string("message", event.message);
   number("utc_ns", event.utc_ns);
   number("ptp_ns", event.ptp_ns);
   key("pts");
   writer->Int64(event.pts);
-  text("timecode", event.timecode);
+  string("timecode", event.timecode);
   key("value");
   WriteDouble(event.value, shortest, writer);
   key("threshold");
   WriteDouble(event.threshold, shortest, writer);
-  text("units", event.units);
+  string("units", event.units);
   number("duration_ms", event.duration_ms);
-  text("details_json", event.details_json);
+  string("details_json", event.details_json);
   writer->EndObject();
 }
 
-// The same document by the texts' own measure, and by RapidJSON with all of its memory reused.
-void RegisterJson() {
+// The same document by the library, and by RapidJSON with its buffers reused.
+void RegisterJsonWriters() {
   static const oxEventNormalizedEvent event = CompleteEvent();
-  RegisterText("Json/native", event.message, [](auto* out) { oxEventText::FormatNativeJsonData(event, out); });
+  RegisterFormatter("Json/native", event.message, [](auto* out) { oxEventText::FormatNativeJsonData(event, out); });
   for (const bool shortest : {false, true}) {
     benchmark::RegisterBenchmark(
         shortest ? "Json/rapidjson_shortest" : "Json/rapidjson", [shortest](benchmark::State& state) {
@@ -195,32 +199,34 @@ void RegisterJson() {
           a.Parse(ours.data(), ours.size());
           b.Parse(buffer.GetString(), buffer.GetSize());
           const bool same = !a.HasParseError() && !b.HasParseError() && a == b && a.MemberCount() == 21;
-          if (!same) state.SkipWithError("another document");
+          if (!same) state.SkipWithError("unexpected document");
         });
   }
 }
 
-// A file for the life of a benchmark. Emptied after each batch, so that the size of the disk does not matter.
-class File {
+// A temporary file, truncated after each batch to limit its size.
+class TempFile {
  public:
-  File() : path_(folder_ + "/events.csv") {}
-  ~File() { std::filesystem::remove_all(folder_); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
+  TempFile() : path_(directory_ + "/events.csv") {}
+  ~TempFile() { std::filesystem::remove_all(directory_); }
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
 
   const std::string& Path() const { return path_; }
-  bool Empty(size_t expected_size) const {
+
+  // False unless the file has `expected_size` bytes.
+  bool Truncate(size_t expected_size) const {
     return std::filesystem::file_size(path_) == expected_size && truncate(path_.c_str(), 0) == 0;
   }
 
  private:
-  const std::string folder_ =
-      mkdtemp((std::filesystem::temp_directory_path().string() + "/oxevent_pieces_XXXXXX").data());
+  const std::string directory_ =
+      mkdtemp((std::filesystem::temp_directory_path().string() + "/oxevent_micro_XXXXXX").data());
   const std::string path_;
 };
 
-constexpr size_t kBlock = 64 * 1024;
-constexpr int64_t kBlocks = 32;  // In a batch.
+constexpr size_t kBlockBytes = 64 * 1024;
+constexpr int64_t kBlocksPerBatch = 32;
 
 std::string CsvRow() {
   std::string row;
@@ -228,57 +234,59 @@ std::string CsvRow() {
   return row;
 }
 
-// The last rows of a batch are written out in its time.
+// The timed part of a batch includes the flush of its last rows.
 void CsvRowToFile(benchmark::State& state) {
-  const File file;
+  const TempFile file;
   const oxEventNormalizedEvent event = CompleteEvent();
   const size_t row_size = CsvRow().size();
-  const auto batch = static_cast<int64_t>(kBlocks * kBlock / row_size);
+  const auto batch_size = static_cast<int64_t>(kBlocksPerBatch * kBlockBytes / row_size);
   oxEventSinkConfig config;
   config.path = file.Path();
   std::shared_ptr<oxEventSink> sink;
-  if (oxEventCreateCsvSink(config, &sink, nullptr) != OXEVENT_OK) return state.SkipWithError("no sink");
-  if (truncate(config.path.c_str(), 0) != 0) return state.SkipWithError("no file");  // Rid of the header.
+  if (oxEventCreateCsvSink(config, &sink, nullptr) != OXEVENT_OK)
+    return state.SkipWithError("the sink was not created");
+  // Removes the header, so that the file contains only rows.
+  if (truncate(config.path.c_str(), 0) != 0) return state.SkipWithError("the file was not created");
   int64_t rows = 0;
   RepeatInBatches(
-      state, batch,
+      state, batch_size,
       [&] {
         if (sink->Submit(event, nullptr, nullptr) != OXEVENT_OK) return false;
-        return ++rows % batch != 0 || sink->Flush(0, nullptr) == OXEVENT_OK;
+        return ++rows % batch_size != 0 || sink->Flush(0, nullptr) == OXEVENT_OK;
       },
-      [&] { return file.Empty(static_cast<size_t>(batch) * row_size); });
+      [&] { return file.Truncate(static_cast<size_t>(batch_size) * row_size); });
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(row_size));
 }
 BENCHMARK(CsvRowToFile)->Name("Csv/row_to_file");
 
-// The same bytes, ready, in blocks of whole rows; the time is that of one row.
+// Writes the same preformatted rows in blocks; reports the time per row.
 void CsvBareWrite(benchmark::State& state) {
-  const File file;
+  const TempFile file;
   const std::string row = CsvRow();
-  const auto rows_in_block = static_cast<int64_t>(kBlock / row.size());
+  const auto rows_per_block = static_cast<int64_t>(kBlockBytes / row.size());
   std::string block;
-  for (int64_t i = 0; i < rows_in_block; ++i) block.append(row);
+  for (int64_t i = 0; i < rows_per_block; ++i) block.append(row);
   const int fd = open(file.Path().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   int64_t rows = 0;
   RepeatInBatches(
-      state, kBlocks * rows_in_block,
+      state, kBlocksPerBatch * rows_per_block,
       [&] {
-        if (++rows % rows_in_block != 0) return true;
+        if (++rows % rows_per_block != 0) return true;
         return write(fd, block.data(), block.size()) == static_cast<ssize_t>(block.size());
       },
-      [&] { return file.Empty(kBlocks * block.size()); });
+      [&] { return file.Truncate(kBlocksPerBatch * block.size()); });
   close(fd);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(row.size()));
 }
 BENCHMARK(CsvBareWrite)->Name("Csv/bare_write");
 
-// One callback and no other sink.
+// With one callback and no other sink.
 void CallbackDispatch(benchmark::State& state) {
   const oxEventNormalizedEvent event = CompleteEvent();
   uint64_t ids = 0;
   uint32_t callback_id = 0;
   const auto add_id = [](const oxEventRecord* record, void* sum) { *static_cast<uint64_t*>(sum) += record->event_id; };
-  if (oxEventSinkInitialize({}) != OXEVENT_OK) return state.SkipWithError("no sinks");
+  if (oxEventSinkInitialize({}) != OXEVENT_OK) return state.SkipWithError("oxEventSinkInitialize failed");
   const bool registered = oxEventSinkRegisterCallback(add_id, &ids, &callback_id) == OXEVENT_OK;
   Repeat(state, [&] {
     uint64_t failed = 0;
@@ -286,7 +294,7 @@ void CallbackDispatch(benchmark::State& state) {
     return oxEventSinkSubmit(event, &failed, &warnings) == OXEVENT_OK && failed == 0;
   });
   const auto calls = static_cast<uint64_t>(state.iterations());
-  if (!registered || ids != calls * event.event_id) state.SkipWithError("a call is missing");
+  if (!registered || ids != calls * event.event_id) state.SkipWithError("unexpected number of callback calls");
   oxEventSinkShutdown();
 }
 BENCHMARK(CallbackDispatch)->Name("Callback/dispatch");
@@ -297,10 +305,10 @@ int main(int argc, char** argv) {
   const HttpServer server;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RegisterTexts();
-  RegisterJson();
-  RegisterState();
-  RegisterNet(server.Url());
+  RegisterFormatters();
+  RegisterJsonWriters();
+  RegisterStateBenchmarks();
+  RegisterNetworkBenchmarks(server.Url());
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
 }

@@ -1,11 +1,11 @@
-// This library: a CSV file and a callback, with the state on.
+// oxEvent with the CSV sink and a callback, deduplication enabled.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
-#include "road.h"
+#include "end_to_end.h"
 
-const char* const kPeer = "oxevent";
+const char* const kLoggerName = "oxevent";
 const bool kHasWorker = true;
 
 namespace {
@@ -20,15 +20,15 @@ void Check(uint32_t result, const char* what) {
 
 }  // namespace
 
-void PeerStart(const std::string& folder, uint32_t queue_size) {
-  const std::string settings = folder + "/settings.xml";
+void LoggerStart(const std::string& directory, uint32_t queue_size) {
+  const std::string settings = directory + "/settings.xml";
   std::ofstream(settings) << R"(<config><key name="QVX"><key name="Events">
     <key name="core"><value name="queue_size">)"
                           << queue_size << R"(</value></key>
     <key name="sink">
       <key name="csv"><key name="default"><value name="enabled">1</value>
         <value name="path">)"
-                          << folder << R"(/events.csv</value></key></key>
+                          << directory << R"(/events.csv</value></key></key>
       <key name="native"><key name="main"><value name="enabled">0</value></key></key>
     </key></key></key></config>)";
   Check(oxEventInitialize(settings.c_str()), "oxEventInitialize");
@@ -37,8 +37,8 @@ void PeerStart(const std::string& folder, uint32_t queue_size) {
   Check(oxEventRegisterCallback(callback, nullptr, &id), "oxEventRegisterCallback");
 }
 
-void PeerSubmit(const oxEventRecord& record) { Check(oxEventSubmit(&record), "oxEventSubmit"); }
+void LoggerSubmit(const oxEventRecord& record) { Check(oxEventSubmit(&record), "oxEventSubmit"); }
 
-void PeerDrain() { Check(oxEventFlush(0), "oxEventFlush"); }
+void LoggerDrain() { Check(oxEventFlush(0), "oxEventFlush"); }
 
-void PeerStop() { Check(oxEventShutdown(), "oxEventShutdown"); }
+void LoggerStop() { Check(oxEventShutdown(), "oxEventShutdown"); }

@@ -1,4 +1,4 @@
-// What a host writes in an afternoon: one line per event on the caller's own thread, formatted outside the lock.
+// A minimal synchronous logger: formats the row on the caller's thread, and holds a mutex only while it writes.
 #include <time.h>
 
 #include <cinttypes>
@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "road.h"
+#include "end_to_end.h"
 
-const char* const kPeer = "writer";
+const char* const kLoggerName = "writer";
 const bool kHasWorker = false;
 
 namespace {
@@ -18,14 +18,14 @@ std::mutex g_mutex;
 
 }  // namespace
 
-void PeerStart(const std::string& folder, uint32_t /*queue_size*/) {
-  g_file = fopen((folder + "/events.csv").c_str(), "a");
+void LoggerStart(const std::string& directory, uint32_t /*queue_size*/) {
+  g_file = fopen((directory + "/events.csv").c_str(), "a");
   if (g_file != nullptr) return;
-  perror(folder.c_str());
+  perror(directory.c_str());
   exit(1);
 }
 
-void PeerSubmit(const oxEventRecord& e) {
+void LoggerSubmit(const oxEventRecord& e) {
   const auto second = static_cast<time_t>(e.utc_ns / 1'000'000'000);
   tm utc;
   gmtime_r(&second, &utc);
@@ -43,6 +43,6 @@ void PeerSubmit(const oxEventRecord& e) {
   exit(1);
 }
 
-void PeerDrain() { fflush(g_file); }
+void LoggerDrain() { fflush(g_file); }
 
-void PeerStop() { fclose(g_file); }
+void LoggerStop() { fclose(g_file); }

@@ -1,5 +1,5 @@
-// spdlog's asynchronous logger: a file, and behind it a sink that takes the place of the callback. Compiled once for
-// each policy at a full queue.
+// spdlog's asynchronous logger with a file sink, followed by a sink that replaces the callback. Compiled once for each
+// overflow policy.
 #include <spdlog/async.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
@@ -10,20 +10,20 @@
 #include <chrono>
 #include <thread>
 
-#include "road.h"
+#include "end_to_end.h"
 
 #ifdef OXEVENT_BENCH_OVERRUN
-const char* const kPeer = "spdlog_overrun";
+const char* const kLoggerName = "spdlog_overrun";
 constexpr auto kPolicy = spdlog::async_overflow_policy::overrun_oldest;
 #else
-const char* const kPeer = "spdlog_block";
+const char* const kLoggerName = "spdlog_block";
 constexpr auto kPolicy = spdlog::async_overflow_policy::block;
 #endif
 const bool kHasWorker = true;
 
 namespace {
 
-// Only the one worker calls it, so that it needs no lock of its own.
+// Needs no lock: the pool has only one worker.
 class ProbeSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  private:
   void sink_it_(const spdlog::details::log_msg& message) override {
@@ -44,29 +44,29 @@ uint64_t g_flushes = 0;
 
 }  // namespace
 
-void PeerStart(const std::string& folder, uint32_t queue_size) {
+void LoggerStart(const std::string& directory, uint32_t queue_size) {
   g_pool = std::make_shared<spdlog::details::thread_pool>(queue_size, 1);
   g_probe = std::make_shared<ProbeSink>();
-  const spdlog::sink_ptr file = std::make_shared<spdlog::sinks::basic_file_sink_mt>(folder + "/events.csv");
+  const spdlog::sink_ptr file = std::make_shared<spdlog::sinks::basic_file_sink_mt>(directory + "/events.csv");
   file->set_formatter(
       std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%FZ,%l,%v", spdlog::pattern_time_type::utc));
   const spdlog::sink_ptr sinks[] = {file, g_probe};
   g_logger = std::make_shared<spdlog::async_logger>("events", std::begin(sinks), std::end(sinks), g_pool, kPolicy);
 }
 
-void PeerSubmit(const oxEventRecord& e) {
+void LoggerSubmit(const oxEventRecord& e) {
   g_logger->warn("{},{},{},{},{},{},{},{},{},{},{},{},{},{},{},{},{}", e.event_id, e.action, e.event_type, e.source_id,
                  e.source_name, e.dedupe_key, e.correlation_id, e.message, e.value, e.threshold, e.units, e.duration_ms,
                  e.utc_ns, e.ptp_ns, e.pts, e.timecode, e.details_json);
 }
 
-void PeerDrain() {
+void LoggerDrain() {
   g_logger->flush();
   ++g_flushes;
   while (g_probe->flushes < g_flushes) std::this_thread::sleep_for(std::chrono::microseconds(200));
 }
 
-void PeerStop() {
+void LoggerStop() {
   g_logger.reset();
   g_pool.reset();
 }

@@ -1,4 +1,4 @@
-// The state by itself: each action, with a table that the caches hold and with one that they do not.
+// oxEventState: each action, with a table that fits into the CPU caches and with one that does not.
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,19 +13,19 @@
 #include <vector>
 
 #include "core/oxEventState.h"
-#include "pieces.h"
+#include "micro.h"
 
 namespace {
 
-constexpr uint64_t kRepeatIntervalNs = 1'800'000'000'000;  // As by default.
+constexpr uint64_t kRepeatIntervalNs = 1'800'000'000'000;  // The default.
 
-// What is reported of a raised condition, and what must become of it.
+// A report of a raised condition, and the expected result.
 struct Report {
   const char* name;
   const char* action;
-  bool after_interval;    // Since the condition's last event that went on.
-  bool changed;           // Against that event.
-  const char* forwarded;  // The action that goes on; null: none.
+  bool after_interval;    // The repeat interval has passed since the condition's last forwarded event.
+  bool changed;           // The value differs from that event's.
+  const char* forwarded;  // Action of the forwarded event; null: the report is suppressed.
 };
 
 constexpr Report kReports[] = {{"raise_suppressed", "raise", false, false, nullptr},
@@ -34,42 +34,42 @@ constexpr Report kReports[] = {{"raise_suppressed", "raise", false, false, nullp
                                {"update_same", "update", false, false, nullptr},
                                {"repeat_elapsed", "repeat", true, false, "repeat"}};
 
-// Resident memory of the process.
 size_t ResidentBytes() {
   size_t pages = 0;
   std::ifstream("/proc/self/statm") >> pages >> pages;
   return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// A state with so many raised conditions, and a quarter as many that are not. They are visited in an order that has
-// nothing to do with that of their memory; what is needed for the next event lies in the order of the visits, so that
-// only the state's own memory is missed.
+// A state with `raised` raised conditions, and a quarter as many clear ones. The visits are in random order with
+// respect to the state's memory. The benchmark's own data is stored in the order of the visits, so that the cache
+// misses are those of the state.
 class Conditions {
  public:
   explicit Conditions(uint32_t raised);
 
-  // Reports the next raised condition. False: not what was to be expected.
+  // Reports the next raised condition. Returns whether the result was as expected, like the two methods below.
   bool Next(const Report& report) {
     if (++visit_ == raised_) visit_ = 0;
     return Evaluate(report, &At(visit_));
   }
 
-  // Raises the one that has been clear for longest, and clears the one that has been raised for longest.
+  // Raises the condition that has been clear the longest, and clears the one that has been raised the longest.
   bool RaiseAndClear() {
-    const bool good = Evaluate({"", "raise", false, false, "raise"}, &At(raised_)) &&
-                      Evaluate({"", "clear", false, false, "clear"}, &At(0));
+    const bool ok = Evaluate({"", "raise", false, false, "raise"}, &At(raised_)) &&
+                    Evaluate({"", "clear", false, false, "clear"}, &At(0));
     if (++first_ == conditions_.size()) first_ = 0;
-    return good;
+    return ok;
   }
 
-  // Makes the last event of every raised condition one that `report` can repeat: with the same action.
+  // If `report` is a suppressed update, makes an update the last forwarded event of every raised condition: an update
+  // is suppressed only if it equals that event.
   bool Prepare(const Report& report) {
     if (report.forwarded != nullptr || std::string_view(report.action) != "update") return true;
-    bool good = true;
+    bool ok = true;
     for (uint32_t i = 0; i < raised_; ++i) {
-      if (!At(i).updated) good &= Evaluate({"", "update", false, true, "update"}, &At(i));
+      if (!At(i).updated) ok &= Evaluate({"", "update", false, true, "update"}, &At(i));
     }
-    return good;
+    return ok;
   }
 
   double BytesPerCondition() const { return static_cast<double>(bytes_) / raised_; }
@@ -77,9 +77,9 @@ class Conditions {
  private:
   struct Condition {
     std::array<char, 31> key;
-    bool updated = false;  // By its last event that went on.
-    bool odd = false;      // Which of two values that event had.
-    uint64_t last_sent_ns = 0;
+    bool updated = false;  // The last forwarded event was an update.
+    bool odd = false;      // Selects one of two values.
+    uint64_t last_forwarded_ns = 0;
   };
 
   Condition& At(size_t visit) {
@@ -91,19 +91,19 @@ class Conditions {
     condition->odd ^= report.changed;
     event_.action = report.action;
     event_.dedupe_key = {condition->key.data(), condition->key.size()};
-    event_.utc_ns = condition->last_sent_ns + (report.after_interval ? kRepeatIntervalNs : 0);
+    event_.utc_ns = condition->last_forwarded_ns + (report.after_interval ? kRepeatIntervalNs : 0);
     event_.value = condition->odd ? 71.3 : 71.4;
     bool route = false;
     if (state_.Evaluate(event_, &out_, &route) != OXEVENT_OK || route != (report.forwarded != nullptr)) return false;
     if (!route) return true;
     condition->updated = event_.action == "update";
-    condition->last_sent_ns = event_.utc_ns;
+    condition->last_forwarded_ns = event_.utc_ns;
     return out_.action == report.forwarded;
   }
 
   const uint32_t raised_;
   std::vector<Condition> conditions_;
-  size_t first_ = 0;  // The raised ones begin here, and go on at the begin.
+  size_t first_ = 0;  // Index of the first raised condition. The raised ones may wrap around the end of the vector.
   uint32_t visit_ = 0;
   size_t bytes_ = 0;
   oxEventNormalizedEvent event_ = CompleteEvent();
@@ -119,24 +119,24 @@ Conditions::Conditions(uint32_t raised) : raised_(raised), conditions_(raised + 
     char key[32];
     snprintf(key, sizeof(key), "rack-%08u/psu-2/temperature", numbers[i] % 100'000'000);
     std::copy_n(key, conditions_[i].key.size(), conditions_[i].key.begin());
-    conditions_[i].last_sent_ns = event_.utc_ns;
+    conditions_[i].last_forwarded_ns = event_.utc_ns;
   }
   std::vector<uint32_t> by_number(raised_);
   std::iota(by_number.begin(), by_number.end(), 0);
   std::sort(by_number.begin(), by_number.end(), [&](uint32_t a, uint32_t b) { return numbers[a] < numbers[b]; });
 
   const size_t before = ResidentBytes();
-  bool good = true;
-  for (const uint32_t i : by_number) good &= Evaluate({"", "raise", false, false, "raise"}, &conditions_[i]);
+  bool ok = true;
+  for (const uint32_t i : by_number) ok &= Evaluate({"", "raise", false, false, "raise"}, &conditions_[i]);
   bytes_ = ResidentBytes() - before;
-  if (!good) abort();
+  if (!ok) abort();
 }
 
 }  // namespace
 
-void RegisterState() {
+void RegisterStateBenchmarks() {
   for (const uint32_t size : {1'000u, 1'000'000u}) {
-    // Made when first needed, for all of the process.
+    // Created on first use, and shared by the benchmarks of this size.
     const auto shared = std::make_shared<std::unique_ptr<Conditions>>();
     const auto get = [shared, size]() -> Conditions& {
       if (*shared == nullptr) *shared = std::make_unique<Conditions>(size);
@@ -152,7 +152,7 @@ void RegisterState() {
         Repeat(state, [&] { return conditions.Next(report); });
       });
     }
-    // Both of them: there is no raise of a new condition in a table of steady size without a clear.
+    // Raise and clear together, so that the size of the table does not change.
     benchmark::RegisterBenchmark(name("raise_clear").c_str(), [get](benchmark::State& state) {
       Conditions& conditions = get();
       Repeat(state, [&] { return conditions.RaiseAndClear(); });

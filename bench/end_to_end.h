@@ -1,0 +1,29 @@
+// End-to-end benchmark: from the call on a host's thread until the event is written. One program per logger, built from
+// end_to_end.cpp and the logger's own source file, which defines the functions below.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "oxEvent.h"
+
+// Name in the results.
+extern const char* const kLoggerName;
+
+// Whether the logger delivers on a thread of its own.
+extern const bool kHasWorker;
+
+// Starts the logger with a queue of `queue_size` events. It writes its files to `directory`.
+void LoggerStart(const std::string& directory, uint32_t queue_size);
+
+// Reports one event. Threads: any. event_id and value differ from call to call.
+void LoggerSubmit(const oxEventRecord& record);
+
+// Waits until every reported event is delivered or lost.
+void LoggerDrain();
+
+void LoggerStop();
+
+// The logger calls this on the delivering thread after it has written the event.
+void Delivered(uint64_t event_id);
