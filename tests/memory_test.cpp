@@ -1,4 +1,6 @@
 // Where the memory of the queue and of the conditions comes from, and the table that is kept in it.
+#include <malloc.h>
+
 #include <atomic>
 #include <cstring>
 #include <random>
@@ -100,6 +102,49 @@ TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
   table.Clear();
 #ifndef OXEVENT_SANITIZED
   EXPECT_GT(spans, 5);
+#endif
+}
+
+// A call without memory changes nothing; Remove needs none.
+TEST(oxEventActiveTable, KeepsEveryConditionWhileMemoryIsScarce) {
+  oxEventActiveTable table;
+  std::vector<bool> raised(20'000);
+  {
+    std::mt19937 random(1);
+    const Faults faults([&](std::string_view call, long) {
+      return (call == "mmap" || call == "malloc") && random() % 2 == 0 ? ENOMEM : 0;
+    });
+    for (size_t i = 0; i < raised.size(); ++i) {
+      const std::string key = std::to_string(i);
+      try {
+        table.Insert(table.Hash(key), key, "signature", 1);
+        raised[i] = true;
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    EXPECT_GT(std::count(raised.begin(), raised.end(), true), 10'000);
+    for (size_t i = 0; i < raised.size(); ++i) {
+      const std::string key = std::to_string(i);
+      oxEventActiveTable::Condition* const found = table.Find(table.Hash(key), key);
+      ASSERT_EQ(found != nullptr, raised[i]) << key;
+      if (i % 10 != 0 && found != nullptr) table.Remove(found);
+    }
+  }
+  for (size_t i = 0; i < raised.size(); i += 10) {
+    const std::string key = std::to_string(i);
+    ASSERT_EQ(table.Find(table.Hash(key), key) != nullptr, raised[i]) << key;
+  }
+}
+
+TEST(oxEventActiveTable, GivesBackTheMemoryOfALongSignature) {
+  oxEventActiveTable table;
+  table.Insert(1, "key", std::string(1 << 20, 's'), 1);
+  const auto bytes_in_use = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+  const size_t before = bytes_in_use();
+  table.Update(table.Find(1, "key"), "short", 2);
+  EXPECT_EQ(table.Signature(table.Find(1, "key")), "short");
+#ifndef OXEVENT_SANITIZED
+  EXPECT_LE(bytes_in_use() + (1 << 20), before);
 #endif
 }
 

@@ -5,6 +5,7 @@
 
 #include "core/oxEventQueue.h"
 #include "core/oxEventSubmitSlots.h"
+#include "faults.h"
 #include "host_fixture.h"
 
 namespace {
@@ -95,11 +96,9 @@ TEST_F(BacklogTest, TrimsByItsPolicyAndCountsCapacityZeroAsOne) {
     uint32_t capacity;
     size_t trimmed;
     const char* left;
-  } cases[] = {{Policy::kDropNewest, 5, 0, "12345"},
-               {Policy::kDropNewest, 2, 3, "12"},
-               {Policy::kDropDebugInfoFirst, 3, 2, "135"},
-               {Policy::kDropDebugInfoFirst, 2, 3, "13"},
-               {Policy::kDropDebugInfoFirst, 0, 4, "1"}};
+  } cases[] = {{Policy::kDropNewest, 5, 0, "12345"},      {Policy::kDropNewest, 2, 3, "12"},
+               {Policy::kDropNewest, 1, 4, "1"},          {Policy::kDropDebugInfoFirst, 3, 2, "135"},
+               {Policy::kDropDebugInfoFirst, 2, 3, "13"}, {Policy::kDropDebugInfoFirst, 0, 4, "1"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.left);
     backlog.Configure(5, Policy::kDropNewest);
@@ -214,6 +213,18 @@ TEST_F(QueueTest, TrimsAThousandEventsOfOneKind) {
     EXPECT_EQ(Enqueue("more", severity), Result::kDropped);
     EXPECT_EQ(StopAndPopAll(), "01");
   }
+}
+
+TEST_F(QueueTest, GivesBackMemoryThatASmallerCapacityDoesNotNeed) {
+  queue.Start(5000, Policy::kDropNewest);
+  for (int i = 0; i < 5000; ++i) EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  StopAndPopAll();
+  std::atomic<int> unmapped = 0;
+  const Faults faults([&](std::string_view call, long) { return unmapped += call == "munmap", 0; });
+  queue.Configure(10, Policy::kDropNewest);
+#ifndef OXEVENT_SANITIZED
+  EXPECT_GT(unmapped, 0);
+#endif
 }
 
 TEST_F(QueueTest, FlushFailsWhenItsTimeIsOver) {
