@@ -35,6 +35,7 @@ struct Lookups {
   std::condition_variable changed;
   // Guarded by mutex, with what they hold:
   size_t threads = 0;                          // At most kMaxThreads.
+  size_t retries = 0;                          // Threads whose lookup follows a hung one of the same host.
   std::map<std::string, SharedLookup> newest;  // By host. All who want a host share its newest lookup.
 };
 
@@ -77,6 +78,7 @@ void* RunLookup(void* task_of) {
   task->lookup->addresses.swap(addresses);
   task->lookup->done = true;
   --g_lookups.threads;
+  if (task->lookup->hung_before > 0) --g_lookups.retries;
   const auto newest = g_lookups.newest.find(task->host);
   if (newest != g_lookups.newest.end() && newest->second == task->lookup) g_lookups.newest.erase(newest);
   g_lookups.changed.notify_all();
@@ -100,12 +102,15 @@ bool StartThread(std::unique_ptr<Task> task) {
   return started;
 }
 
-// When a lookup counts as hung: the C library reads a name server's TCP answer without a limit. The thread cannot be
-// ended, so hung ones have to be few. The time doubles with each of them for the host, and with each thread beyond half
-// of all: a name server that is away for hours leaves threads for other names, and for its own return.
+// When `lookup` counts as hung, so that the next request for its host starts another one. The C library reads a name
+// server's TCP response without a timeout, and the thread cannot be ended: retries must not use up the threads. The
+// time doubles with each lookup of the host that hung before. With each thread beyond half of them it doubles too, but
+// only as far as there are retries: however many hosts hang at once, the first retry of each comes after a minute at
+// most.
 Clock::time_point GivenUpLocked(const Lookup& lookup) {
   const size_t beyond_half = std::max(g_lookups.threads, kMaxThreads / 2) - kMaxThreads / 2;
-  return lookup.started + kPatience * (int64_t{1} << (lookup.hung_before + beyond_half));
+  const size_t doublings = lookup.hung_before + std::min(beyond_half, 2 * g_lookups.retries + 1);
+  return lookup.started + kPatience * (int64_t{1} << doublings);
 }
 
 // Null: no thread is free.
@@ -127,6 +132,7 @@ SharedLookup JoinOrStartLocked(const std::string& host) {
   }
   newest = lookup;
   ++g_lookups.threads;
+  if (lookup->hung_before > 0) ++g_lookups.retries;
   return lookup;
 }
 
