@@ -10,12 +10,12 @@
 #include <string>
 #include <string_view>
 
-struct oxHTTPListFree {
+struct oxCurlListFree {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
-using oxHTTPList = std::unique_ptr<curl_slist, oxHTTPListFree>;
+using oxCurlList = std::unique_ptr<curl_slist, oxCurlListFree>;
 
-// One request. Texts belong to the caller and outlive it.
+// One request. The strings belong to the caller and must outlive it.
 struct oxHTTPRequest {
   const char* url = nullptr;
   const char* method = nullptr;
@@ -24,30 +24,31 @@ struct oxHTTPRequest {
   size_t body_length = 0;
   bool https = false;
   std::chrono::steady_clock::time_point start;
-  std::chrono::steady_clock::time_point deadline;  // When the whole exchange must be over.
+  std::chrono::steady_clock::time_point deadline;  // For the complete response.
 };
 
-// What a header block says.
+// A parsed header block.
 struct oxHTTPHeader {
-  oxHTTPList lines;  // As libcurl takes them.
+  oxCurlList lines;  // In the format of CURLOPT_HTTPHEADER.
   bool verify_tls = true;
-  uint32_t connect_timeout_ms = 0;  // Until the connection stands, TLS included. 0: as the whole exchange.
+  uint32_t connect_timeout_ms = 0;  // For name lookup, connection and TLS together. 0: limited by the deadline alone.
 };
 
-// What a server answered.
-struct oxHTTPAnswer {
-  static constexpr size_t kMaxHeader = 64 * 1024;  // Interim answers included. A longer one is no answer.
-  static constexpr size_t kMaxText = 64 * 1024;    // A longer text is cut, and the rest not read.
+struct oxHTTPResponse {
+  static constexpr size_t kMaxHeaderBytes = 64 * 1024;  // With interim responses. A larger header fails the request.
+  static constexpr size_t kMaxBodyBytes = 64 * 1024;    // A longer body is truncated, and the rest is not read.
   long status = 0;
-  size_t header_length = 0;
-  int64_t length = -1;        // As the header says; negative: it says none.
-  bool framed = false;        // The text came in chunks: more bytes than it has.
-  bool header_ended = false;  // Where it breaks off, libcurl is content.
-  bool cut = false;
-  std::string text;
+  size_t header_bytes = 0;
+  int64_t content_length = -1;   // Negative: the header has none.
+  bool chunked = false;          // More bytes were received than `header_bytes` and `body` count.
+  bool header_complete = false;  // libcurl accepts a header that breaks off.
+  bool truncated = false;
+  std::string body;
 };
 
-// A libcurl handle with the connections that it keeps (RFC 9112, section 9.3). Threads: one at a time.
+// A libcurl handle with its kept connections (RFC 9112, section 9.3). Threads: one at a time.
+// After SetUp or Perform has failed or thrown, the client must be destroyed. Both throw std::bad_alloc, and
+// std::runtime_error for an option that libcurl lacks.
 class oxHTTPClient {
  public:
   // Throws std::bad_alloc.
@@ -56,63 +57,51 @@ class oxHTTPClient {
   oxHTTPClient(const oxHTTPClient&) = delete;
   oxHTTPClient& operator=(const oxHTTPClient&) = delete;
 
-  // A client is of no use any more once one of the following has failed or thrown: for want of memory, or of something
-  // in libcurl.
-
-  // Whether the last SetUp serves this request too: nothing but the bytes of the body and the times differ.
+  // Whether the last SetUp is valid for this request too: only the body's bytes and the times differ.
   bool IsSetUpFor(const oxHTTPRequest& request) const;
 
-  // False: the URL is none.
+  // Returns false if the URL is invalid.
   bool SetUp(const oxHTTPRequest& request, oxHTTPHeader header);
 
-  // For a request that the client is set up for. True: the answer is there, whatever its status. Never later than the
-  // deadline.
-  bool Perform(const oxHTTPRequest& request, oxHTTPAnswer* answer);
+  // Sends the request that the client is set up for. Returns true with a complete response, whatever its status, and in
+  // any case by the deadline.
+  bool Perform(const oxHTTPRequest& request, oxHTTPResponse* response);
 
-  // False: a server has closed a kept connection, or has sent something that would pass for the next answer.
-  bool IsFresh() const;
+  // Returns false if a server has closed a kept connection, or has sent bytes that would pass for the next response.
+  bool IsReusable() const;
 
-  // The scheme, host and port of the last request, as its URL had them.
+  // Scheme, host and port of the last request, as written in its URL.
   const std::string& Origin() const { return origin_; }
   static std::string_view OriginOf(std::string_view url);
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  bool SetTarget(const char* url);
+  bool SetUrl(const char* url);
   Clock::time_point ConnectDeadline(const oxHTTPRequest& request) const;
-  CURLcode Exchange(const oxHTTPRequest& request, const oxHTTPAnswer& answer);
-  oxHTTPList LookUp(const oxHTTPRequest& request);
-  void NoteKeptSocket(const oxHTTPAnswer& answer);
+  CURLcode PerformOnce(const oxHTTPRequest& request, const oxHTTPResponse& response);
+  oxCurlList LookUpHost(const oxHTTPRequest& request);
+  void RecordKeptSocket(const oxHTTPResponse& response);
   static int OnLookup(void* state, void* reserved, void* self);
   static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
   static int OnCloseSocket(void* self, curl_socket_t fd);
 
   CURLM* const multi_;
   CURL* const easy_;
-  std::string url_;  // The last one, and its parts.
+
+  // What the handle is set up for.
+  std::string url_;
   std::string origin_;
   std::string host_;
   std::string port_;
-  std::string method_;  // What the handle is set up for, with the URL.
+  std::string method_;
   std::string header_block_;
-  oxHTTPHeader header_;  // The block, read.
+  oxHTTPHeader header_;  // The parsed header_block_.
   bool has_body_ = false;
-  bool set_up_ = false;
   bool https_ = false;
-  bool lookup_wanted_ = false;
-  bool answer_begun_ = false;                       // On a kept connection that then closed.
-  std::map<curl_socket_t, uint64_t> kept_sockets_;  // Bytes received by the end of the last exchange.
+  bool set_up_ = false;
+
+  bool lookup_needed_ = false;
+  bool response_started_ = false;                   // On a kept connection that then closed.
+  std::map<curl_socket_t, uint64_t> kept_sockets_;  // Bytes received by the end of the last request.
 };
-
-// The clients between requests, with their connections. Any thread.
-namespace oxHTTPClients {
-
-// A client for one request. Null when libcurl cannot be started, and for https once the process runs its exit handlers.
-// Throws std::bad_alloc.
-std::unique_ptr<oxHTTPClient> Take(const oxHTTPRequest& request);
-
-// Ends the request.
-void GiveBack(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client);
-
-}  // namespace oxHTTPClients

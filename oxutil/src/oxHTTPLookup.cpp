@@ -20,36 +20,36 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxThreads = 16;
-constexpr auto kPatience = std::chrono::seconds(30);
+constexpr auto kHungTimeout = std::chrono::seconds(30);
 
 struct Lookup {
   Clock::time_point started;
-  unsigned hung_before = 0;  // Lookups of this host in a row that were given up.
+  unsigned hung_before = 0;  // Consecutive lookups of this host that hung before this one.
   bool done = false;
   std::string addresses;
 };
 using SharedLookup = std::shared_ptr<Lookup>;
 
-struct Lookups {
+// `mutex` guards all members and the lookups that they refer to.
+struct State {
   std::mutex mutex;
   std::condition_variable changed;
-  // Guarded by mutex, with what they hold:
   size_t threads = 0;                          // At most kMaxThreads.
   size_t retries = 0;                          // Threads whose lookup follows a hung one of the same host.
-  std::map<std::string, SharedLookup> newest;  // By host. All who want a host share its newest lookup.
+  std::map<std::string, SharedLookup> newest;  // By host: the newest lookup, while it runs. All requests share it.
 };
 
-// What a thread is given.
+// Argument of a lookup thread.
 struct Task {
   std::string host;
   SharedLookup lookup;
 };
 
 // Never destroyed: lookups may end while the process exits.
-alignas(Lookups) char g_storage[sizeof(Lookups)];
-Lookups& g_lookups = *new (g_storage) Lookups;
+alignas(State) char g_storage[sizeof(State)];
+State& g_state = *new (g_storage) State;
 
-std::string AddressesOf(const std::string& host) {
+std::string Resolve(const std::string& host) {
   addrinfo hints = {};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* list = nullptr;
@@ -59,33 +59,33 @@ std::string AddressesOf(const std::string& host) {
   for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
     char text[NI_MAXHOST];
     if (getnameinfo(entry->ai_addr, entry->ai_addrlen, text, sizeof(text), nullptr, 0, NI_NUMERICHOST) != 0) continue;
-    if (std::strchr(text, '%') != nullptr) continue;  // libcurl takes none with a scope.
+    if (std::strchr(text, '%') != nullptr) continue;  // CURLOPT_RESOLVE accepts no IPv6 scope.
     if (!addresses.empty()) addresses.push_back(',');
     addresses.append(text);
   }
   return addresses;
 }
 
-void* RunLookup(void* task_of) {
-  const std::unique_ptr<Task> task(static_cast<Task*>(task_of));
+void* RunLookup(void* argument) {
+  const std::unique_ptr<Task> task(static_cast<Task*>(argument));
   std::string addresses;
   try {
-    addresses = AddressesOf(task->host);
+    addresses = Resolve(task->host);
   } catch (const std::bad_alloc&) {
-    // As good as no answer.
+    // The same as no address.
   }
-  const std::lock_guard lock(g_lookups.mutex);
+  const std::lock_guard lock(g_state.mutex);
   task->lookup->addresses.swap(addresses);
   task->lookup->done = true;
-  --g_lookups.threads;
-  if (task->lookup->hung_before > 0) --g_lookups.retries;
-  const auto newest = g_lookups.newest.find(task->host);
-  if (newest != g_lookups.newest.end() && newest->second == task->lookup) g_lookups.newest.erase(newest);
-  g_lookups.changed.notify_all();
+  --g_state.threads;
+  if (task->lookup->hung_before > 0) --g_state.retries;
+  const auto newest = g_state.newest.find(task->host);
+  if (newest != g_state.newest.end() && newest->second == task->lookup) g_state.newest.erase(newest);
+  g_state.changed.notify_all();
   return nullptr;
 }
 
-// The thread takes no signal of the host's.
+// The thread blocks all signals: they are for the host's threads.
 bool StartThread(std::unique_ptr<Task> task) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
@@ -98,7 +98,7 @@ bool StartThread(std::unique_ptr<Task> task) {
   const bool started = pthread_create(&thread, &attributes, RunLookup, task.get()) == 0;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   pthread_attr_destroy(&attributes);
-  if (started) static_cast<void>(task.release());  // The thread's.
+  if (started) static_cast<void>(task.release());  // The thread owns it.
   return started;
 }
 
@@ -107,49 +107,49 @@ bool StartThread(std::unique_ptr<Task> task) {
 // time doubles with each lookup of the host that hung before. With each thread beyond half of them it doubles too, but
 // only as far as there are retries: however many hosts hang at once, the first retry of each comes after a minute at
 // most.
-Clock::time_point GivenUpLocked(const Lookup& lookup) {
-  const size_t beyond_half = std::max(g_lookups.threads, kMaxThreads / 2) - kMaxThreads / 2;
-  const size_t doublings = lookup.hung_before + std::min(beyond_half, 2 * g_lookups.retries + 1);
-  return lookup.started + kPatience * (int64_t{1} << doublings);
+Clock::time_point HungTimeLocked(const Lookup& lookup) {
+  const size_t beyond_half = std::max(g_state.threads, kMaxThreads / 2) - kMaxThreads / 2;
+  const size_t doublings = lookup.hung_before + std::min(beyond_half, 2 * g_state.retries + 1);
+  return lookup.started + kHungTimeout * (int64_t{1} << doublings);
 }
 
-// Null: no thread is free.
+// Returns null if no thread is free.
 SharedLookup JoinOrStartLocked(const std::string& host) {
   const Clock::time_point now = Clock::now();
-  const auto known = g_lookups.newest.find(host);
-  const bool is_known = known != g_lookups.newest.end();
-  if (is_known && now < GivenUpLocked(*known->second)) return known->second;
-  if (g_lookups.threads >= kMaxThreads) return nullptr;
+  const auto known = g_state.newest.find(host);
+  const bool is_known = known != g_state.newest.end();
+  if (is_known && now < HungTimeLocked(*known->second)) return known->second;
+  if (g_state.threads >= kMaxThreads) return nullptr;
   auto lookup = std::make_shared<Lookup>();
   lookup->started = now;
   if (is_known) lookup->hung_before = known->second->hung_before + 1;
   std::unique_ptr<Task> task(new Task{host, lookup});
-  SharedLookup& newest = g_lookups.newest[host];
+  SharedLookup& newest = g_state.newest[host];
   if (!StartThread(std::move(task))) {
-    if (newest == nullptr) g_lookups.newest.erase(host);
+    if (newest == nullptr) g_state.newest.erase(host);
     lookup->done = true;
     return lookup;
   }
   newest = lookup;
-  ++g_lookups.threads;
-  if (lookup->hung_before > 0) ++g_lookups.retries;
+  ++g_state.threads;
+  if (lookup->hung_before > 0) ++g_state.retries;
   return lookup;
 }
 
 }  // namespace
 
 std::string oxHTTPLookup(const std::string& host, Clock::time_point deadline) {
-  std::unique_lock lock(g_lookups.mutex);
+  std::unique_lock lock(g_state.mutex);
   do {
     const SharedLookup lookup = JoinOrStartLocked(host);
     if (lookup == nullptr) {
-      g_lookups.changed.wait_until(lock, deadline);
+      g_state.changed.wait_until(lock, deadline);
       continue;
     }
-    if (!lookup->done) g_lookups.changed.wait_until(lock, std::min(GivenUpLocked(*lookup), deadline));
+    if (!lookup->done) g_state.changed.wait_until(lock, std::min(HungTimeLocked(*lookup), deadline));
     if (lookup->done) return lookup->addresses;
   } while (Clock::now() < deadline);
   return "";
 }
 
-void oxHTTPLookupForgetInChild() { new (g_storage) Lookups; }
+void oxHTTPLookupResetAfterFork() { new (g_storage) State; }

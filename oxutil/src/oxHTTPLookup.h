@@ -3,11 +3,11 @@
 #include <chrono>
 #include <string>
 
-// Looks a host name up, until the deadline at the latest. The C library's lookup cannot be called off: it runs on a
-// thread of its own, which may outlive the call by as long as a name server does not answer. The calls for a host share
-// one, and begin another when it has hung for 30 s. At most 16 threads. Returns the addresses, separated by commas;
-// empty when there are none in time. Any thread; throws std::bad_alloc.
+// Returns the addresses of a host name, separated by commas; empty if there are none by the deadline. The C library's
+// lookup cannot be cancelled, so it runs in its own thread, which may outlive the call for as long as a name server
+// does not respond. Concurrent calls for a host share one lookup, and start another when that has hung for 30 s, or
+// longer while many hang. At most 16 threads exist. Threads: any. Throws std::bad_alloc.
 std::string oxHTTPLookup(const std::string& host, std::chrono::steady_clock::time_point deadline);
 
-// In a fork's child, where none of the threads is left.
-void oxHTTPLookupForgetInChild();
+// Forgets all lookups. For the child of a fork, which has none of the threads.
+void oxHTTPLookupResetAfterFork();

@@ -1,4 +1,4 @@
-// oxOSHTTPCommand: from its arguments to a request, and from the answer to its results.
+// oxOSHTTPCommand: builds the request from the arguments and the results from the response.
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "oxHTTPClient.h"
+#include "oxHTTPClientPool.h"
 #include "oxUTF8.h"
 #include "oxutil.h"
 
@@ -27,7 +28,7 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return Lower(x) == Lower(y); });
 }
 
-// Cuts the first line off the block. A separator's byte within a UTF-8 sequence is text.
+// Removes the first line from the block and returns it. Within a UTF-8 sequence the separator's byte is text.
 std::string_view NextLine(std::string_view* block) {
   size_t end = 0;
   while (end < block->size() && (*block)[end] != kSeparator) end += oxUTF8SequenceLength(block->substr(end));
@@ -45,21 +46,22 @@ std::string_view Trim(std::string_view text) {
 
 // RFC 9110, section 5.6.2.
 bool IsToken(std::string_view text) {
+  static constexpr std::string_view kPunctuation = "!#$%&'*+-.^_`|~";
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
     const char lower = Lower(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || (c != '\0' && strchr("!#$%&'*+-.^_`|~", c));
+    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || kPunctuation.find(c) != kPunctuation.npos;
   });
 }
 
-// Reads the header block: directions to this client, and what goes to the server.
-class HeaderReader {
+// Splits a header block into directives to this client and lines for the server.
+class HeaderParser {
  public:
-  // Empty: a line would garble the request.
-  std::optional<oxHTTPHeader> Read(std::string_view block) {
+  // Returns nothing if a line has an invalid name.
+  std::optional<oxHTTPHeader> Parse(std::string_view block) {
     while (!block.empty()) {
-      if (!Add(Trim(NextLine(&block)))) return std::nullopt;
+      if (!ParseLine(Trim(NextLine(&block)))) return std::nullopt;
     }
-    // libcurl would send these of its own accord.
+    // An empty line keeps libcurl from sending its own value.
     for (const char* name : {"Accept", "Content-Type", "Expect"}) {
       if (!Has(name)) Append(std::string(name) + ":");
     }
@@ -67,28 +69,28 @@ class HeaderReader {
   }
 
  private:
-  // A server answers 400 to a blank before the colon (RFC 9112, section 5.1), so the line is sent without it. A name
-  // that is no token is refused: without its line, an Authorization perhaps, the request would be another one.
-  bool Add(std::string_view line) {
+  // Servers reject a blank before the colon with status 400 (RFC 9112, section 5.1), so it is removed. A name that is
+  // not a token fails the request: sent without that line, perhaps an Authorization, it would be a different request.
+  bool ParseLine(std::string_view line) {
     const size_t colon = line.find(':');
-    if (colon == 0 || colon == line.npos) return true;  // No header line.
+    if (colon == 0 || colon == line.npos) return true;  // Not a header line.
     const std::string_view name = Trim(line.substr(0, colon));
     if (!IsToken(name)) return false;
     const std::string_view value = Trim(line.substr(colon + 1));
-    if (Direct(name, value) || FramesMessage(name)) return true;
-    // A semicolon is how libcurl is told to send no value.
+    if (ParseDirective(name, value) || IsFramingHeader(name)) return true;
+    // libcurl sends an empty value for a semicolon in place of the colon.
     Append(std::string(name).append(value.empty() ? ";" : line.substr(colon)));
     return true;
   }
 
-  // The first direction of its kind holds: the caller's own stand before those that a user's settings add.
-  bool Direct(std::string_view name, std::string_view value) {
+  // The first directive of each kind counts: the caller's own precede those that the user's settings add.
+  bool ParseDirective(std::string_view name, std::string_view value) {
     if (EqualsIgnoringCase(name, "X-oxEvent-TLS-Verify")) {
-      if (!std::exchange(verify_given_, true)) header_.verify_tls = value != "0";
+      if (!std::exchange(has_verify_, true)) header_.verify_tls = value != "0";
       return true;
     }
     if (EqualsIgnoringCase(name, "X-oxEvent-Connect-Timeout-Ms")) {
-      if (!std::exchange(timeout_given_, true)) {
+      if (!std::exchange(has_timeout_, true)) {
         std::from_chars(value.data(), value.data() + value.size(), header_.connect_timeout_ms);
       }
       return true;
@@ -96,8 +98,8 @@ class HeaderReader {
     return false;
   }
 
-  // Tells where the message ends; for this client alone to say.
-  static bool FramesMessage(std::string_view name) {
+  // Whether the header determines the length of the message, which only this client may do.
+  static bool IsFramingHeader(std::string_view name) {
     const auto is = [name](std::string_view other) { return EqualsIgnoringCase(name, other); };
     return is("Content-Length") || is("Transfer-Encoding") || is("Expect");
   }
@@ -113,55 +115,53 @@ class HeaderReader {
   void Append(const std::string& line) {
     curl_slist* list = curl_slist_append(header_.lines.get(), line.c_str());
     if (list == nullptr) throw std::bad_alloc();
-    static_cast<void>(header_.lines.release());  // `list` begins with it.
+    static_cast<void>(header_.lines.release());  // Its lines are part of `list` now.
     header_.lines.reset(list);
   }
 
   oxHTTPHeader header_;
-  bool verify_given_ = false;
-  bool timeout_given_ = false;
+  bool has_verify_ = false;
+  bool has_timeout_ = false;
 };
 
-// Gives the client back on every way out, the unwinding of a cancelled thread included.
-struct Lease {
-  explicit Lease(const oxHTTPRequest& its_request)
-      : request(its_request), client(oxHTTPClients::Take(its_request)), taken(client != nullptr) {}
-  ~Lease() {
-    if (!answered) client.reset();  // Has no connection to keep.
-    if (taken) oxHTTPClients::GiveBack(request, std::move(client));
+// Releases the client in every case, including the unwinding of a cancelled thread.
+struct ClientLease {
+  explicit ClientLease(const oxHTTPRequest& its_request)
+      : request(its_request), client(oxHTTPClientPool::Acquire(its_request)), acquired(client != nullptr) {}
+  ~ClientLease() {
+    if (!succeeded) client.reset();  // It must not be used again.
+    if (acquired) oxHTTPClientPool::Release(request, std::move(client));
   }
-  Lease(const Lease&) = delete;
-  Lease& operator=(const Lease&) = delete;
+  ClientLease(const ClientLease&) = delete;
+  ClientLease& operator=(const ClientLease&) = delete;
 
   const oxHTTPRequest& request;
   std::unique_ptr<oxHTTPClient> client;
-  const bool taken;
-  bool answered = false;
+  const bool acquired;
+  bool succeeded = false;
 };
 
-bool Exchange(const oxHTTPRequest& request, oxHTTPAnswer* answer) {
-  Lease lease(request);
-  if (!lease.taken) return false;
+bool Perform(const oxHTTPRequest& request, oxHTTPResponse* response) {
+  ClientLease lease(request);
+  if (!lease.acquired) return false;
   oxHTTPClient* const client = lease.client.get();
   if (!client->IsSetUpFor(request)) {
-    std::optional<oxHTTPHeader> header = HeaderReader().Read(request.header_block);
+    std::optional<oxHTTPHeader> header = HeaderParser().Parse(request.header_block);
     if (!header || !client->SetUp(request, std::move(*header))) return false;
   }
-  lease.answered = client->Perform(request, answer);
-  return lease.answered;
+  lease.succeeded = client->Perform(request, response);
+  return lease.succeeded;
 }
 
-char* CopyOf(const std::string& text) {
+char* Duplicate(const std::string& text) {
   auto* copy = static_cast<char*>(malloc(text.size() + 1));
   if (copy != nullptr) memcpy(copy, text.c_str(), text.size() + 1);
   return copy;
 }
 
-bool Command(const char* url, const char* method, std::string_view header_block, std::string_view body, char** response,
+bool Execute(const char* url, const char* method, std::string_view header_block, std::string_view body, char** response,
              int32_t* status, uint32_t timeout_ms) {
-  for (const char line_end : {'\r', '\n'}) {
-    if (header_block.find(line_end) != header_block.npos) return false;
-  }
+  if (header_block.find_first_of("\r\n") != header_block.npos) return false;
   oxHTTPRequest request;
   request.url = url;
   request.method = method;
@@ -171,11 +171,11 @@ bool Command(const char* url, const char* method, std::string_view header_block,
   request.https = EqualsIgnoringCase(std::string_view(url).substr(0, 6), "https:");
   request.start = Clock::now();
   request.deadline = request.start + std::chrono::milliseconds(timeout_ms);
-  oxHTTPAnswer answer;
-  if (!Exchange(request, &answer)) return false;
-  if (status != nullptr) *status = static_cast<int32_t>(answer.status);
-  if (response != nullptr) *response = CopyOf(answer.text);
-  return answer.status >= 200 && answer.status <= 299;
+  oxHTTPResponse http_response;
+  if (!Perform(request, &http_response)) return false;
+  if (status != nullptr) *status = static_cast<int32_t>(http_response.status);
+  if (response != nullptr) *response = Duplicate(http_response.body);
+  return http_response.status >= 200 && http_response.status <= 299;
 }
 
 }  // namespace
@@ -187,7 +187,7 @@ int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers
   if (url == nullptr || method == nullptr || !IsToken(method)) return 0;
   if (body_length < 0 || (body == nullptr && body_length != 0) || timeout_ms == 0) return 0;
   try {
-    return Command(url, method, headers == nullptr ? "" : headers, {body, static_cast<size_t>(body_length)}, response,
+    return Execute(url, method, headers == nullptr ? "" : headers, {body, static_cast<size_t>(body_length)}, response,
                    status, timeout_ms);
   } catch (const std::exception&) {
     return 0;

@@ -1,0 +1,63 @@
+#include "oxCurlMulti.h"
+
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+
+namespace {
+
+constexpr int kWakeups = 11;  // Another socket pair is unlikely to have exactly this many unread bytes.
+constexpr int kMaxAttempts = 10;
+
+// The two lowest free descriptors: the next socketpair() returns them unless another thread opens one in between.
+struct DescriptorPair {
+  DescriptorPair() {
+    const int first = eventfd(0, EFD_CLOEXEC);
+    const int second = eventfd(0, EFD_CLOEXEC);
+    close(first);
+    close(second);
+    read_end = std::min(first, second);
+    write_end = std::max(first, second);
+  }
+  int read_end;
+  int write_end;
+};
+
+// Whether the wakeups are pending in the queue that `request` measures; without `woken`, whether that queue is empty.
+bool MatchesQueue(int fd, unsigned long request, bool woken) {
+  int bytes = 0;
+  if (ioctl(fd, request, &bytes) != 0) return false;
+  return request == FIONREAD ? bytes == (woken ? kWakeups : 0) : (bytes > 0) == woken;
+}
+
+// Whether the pair belongs to the multi handle: each wakeup writes one byte to one end, and it stays unread at the
+// other.
+bool IsWakeupPair(const DescriptorPair& pair, CURLM* multi) {
+  const auto both_match = [&](bool woken) {
+    return MatchesQueue(pair.read_end, FIONREAD, woken) && MatchesQueue(pair.write_end, SIOCOUTQ, woken);
+  };
+  if (!both_match(false)) return false;
+  for (int i = 0; i < kWakeups; ++i) curl_multi_wakeup(multi);
+  return both_match(true);
+}
+
+}  // namespace
+
+CURLM* oxCurlMultiInit() {
+  CURLM* multi = nullptr;
+  for (int i = 0; i < kMaxAttempts; ++i) {
+    curl_multi_cleanup(multi);
+    const DescriptorPair pair;
+    multi = curl_multi_init();
+    if (multi == nullptr || !IsWakeupPair(pair, multi)) continue;
+    fcntl(pair.read_end, F_SETFD, FD_CLOEXEC);
+    fcntl(pair.write_end, F_SETFD, FD_CLOEXEC);
+    break;
+  }
+  return multi;
+}

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <curl/curl.h>
+
+// Calls curl_multi_init and makes the sockets behind curl_multi_wakeup close-on-exec, which libcurl omits.
+// Returns null if memory runs out.
+CURLM* oxCurlMultiInit();
