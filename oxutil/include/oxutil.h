@@ -80,9 +80,10 @@ OXUTIL_API uint32_t oxCFGValueString(void* store, const char* key, const char* n
  * Writes a changed store back: to a new file beside it, which is synced and then renamed over it (over the target of a
  * symbolic link), so that the file is complete at any moment, old or new. Preserves owner, group, mode and the extended
  * attributes that the process can see, and comments and elements that do not belong to the store. Fails, and leaves the
- * file as it was, if any of this is impossible, if another process has changed the file since it was opened, if memory
- * ran out in any call for this handle, or if the file has the attribute security.ima or security.evm, which vouch for
- * its bytes. Also fails if the directory cannot be synced after the rename. `reserved` and `mode` are ignored.
+ * file as it was, if any of this is impossible, if the file has been changed other than through this handle since it
+ * was opened, if memory ran out in any call for this handle, or if the file has the attribute security.ima or
+ * security.evm, which vouch for its bytes. Also fails if the directory cannot be synced after the rename. `reserved`
+ * and `mode` are ignored.
  */
 OXUTIL_API uint32_t oxCFGSave(void* store, uint32_t reserved, uint32_t mode);
 

@@ -1,4 +1,4 @@
-// The C face of the settings store: checks arguments and lets no exception out.
+// The C interface of the settings store: checks arguments and catches exceptions.
 #include <cxxabi.h>
 
 #include <algorithm>
@@ -24,15 +24,15 @@ uint32_t Result(bool success) { return success ? kSuccess : kFailure; }
 
 oxCFGStore& Store(void* store) { return *static_cast<oxCFGStore*>(store); }
 
-// Lets no exception out; one makes the store refuse to be saved.
+// Returns `failure` after an exception, which also disables saving: the document may be incomplete.
 template <typename Function>
-auto Guarded(void* store, const Function& function, decltype(function()) failure) {
+auto CatchExceptions(void* store, const Function& function, decltype(function()) failure) {
   try {
     return function();
   } catch (abi::__forced_unwind&) {
-    throw;  // The thread is being cancelled, which nothing may stop.
+    throw;  // The thread is being cancelled; swallowing this would end the process.
   } catch (...) {
-    if (store != nullptr) Store(store).RefuseSave();
+    if (store != nullptr) Store(store).DisableSave();
     return failure;
   }
 }
@@ -74,7 +74,7 @@ uint32_t GetString(const oxCFGStore& store, const char* key, const char* name, c
 
 void* oxCFGOpen(const char* path, uint32_t flags) {
   if (path == nullptr || flags != 0) return nullptr;
-  return Guarded(
+  return CatchExceptions(
       nullptr,
       [&]() -> void* {
         auto store = std::make_unique<oxCFGStore>();
@@ -85,20 +85,20 @@ void* oxCFGOpen(const char* path, uint32_t flags) {
 
 uint32_t oxCFGKeyExists(void* store, const char* key) {
   if (AnyNull(store, key)) return 0;
-  return Guarded(
+  return CatchExceptions(
       store, [&]() -> uint32_t { return Store(store).KeyExists(key) ? 1 : 0; }, 0);
 }
 
 uint32_t oxCFGAddKeyString(void* store, const char* parent, const char* name, const char* /*value*/,
                            uint32_t /*reserved1*/, uint32_t /*reserved2*/) {
   if (AnyNull(store, parent, name)) return kFailure;
-  return Guarded(
+  return CatchExceptions(
       store, [&] { return Result(Store(store).AddKey(std::string(parent) + '\\' + name)); }, kFailure);
 }
 
 uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const char* previous_name, uint32_t* kind) {
   if (AnyNull(store, key, result_name, previous_name, kind)) return OXCFG_NO_MORE;
-  return Guarded(
+  return CatchExceptions(
       store,
       [&] {
         std::string_view name;
@@ -115,7 +115,7 @@ uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const cha
 
 uint32_t oxCFGValueDword(void* store, const char* key, const char* name, uint32_t* value, uint32_t mode) {
   if (AnyNull(store, key, name, value) || mode > kSet) return kFailure;
-  return Guarded(
+  return CatchExceptions(
       store,
       [&] {
         if (mode == kGet) return GetDword(Store(store), key, name, value);
@@ -127,7 +127,7 @@ uint32_t oxCFGValueDword(void* store, const char* key, const char* name, uint32_
 uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* buffer, uint32_t* length,
                           uint32_t mode) {
   if (AnyNull(store, key, name, buffer, length) || mode > kSet) return kFailure;
-  return Guarded(
+  return CatchExceptions(
       store,
       [&] {
         if (mode == kGet) return GetString(Store(store), key, name, buffer, length);
@@ -138,7 +138,7 @@ uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* 
 
 uint32_t oxCFGSave(void* store, uint32_t /*reserved*/, uint32_t /*mode*/) {
   if (store == nullptr) return kFailure;
-  return Guarded(
+  return CatchExceptions(
       store, [&] { return Result(Store(store).Save()); }, kFailure);
 }
 

@@ -1,4 +1,4 @@
-// A file descriptor and its owner.
+// Owns a file descriptor.
 #pragma once
 
 #include <unistd.h>
@@ -17,7 +17,7 @@ class oxCFGDescriptor {
 
   int Get() const { return fd_; }
   void Set(int fd) { fd_ = fd; }
-  // Linux has closed the descriptor even where close fails.
+  // Linux closes the descriptor even if close fails.
   bool Close() { return close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
 
  private:

@@ -29,13 +29,13 @@ bool ReadAll(int fd, std::string* bytes) {
 
 bool oxCFGFile::Read(const char* path, std::string* bytes) {
   const std::unique_ptr<char, decltype(&free)> resolved(realpath(path, nullptr), &free);
-  // Looked at before it is opened too: opening alone sets some devices to work.
-  if (resolved == nullptr || stat(resolved.get(), &known_) != 0 || !IsAcceptable(known_)) return false;
+  // Checks the type before the open too, because opening a device can have side effects.
+  if (resolved == nullptr || stat(resolved.get(), &status_) != 0 || !IsAcceptable(status_)) return false;
   const oxCFGDescriptor file(open(resolved.get(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (file.Get() < 0 || fstat(file.Get(), &known_) != 0 || !IsAcceptable(known_)) return false;
+  if (file.Get() < 0 || fstat(file.Get(), &status_) != 0 || !IsAcceptable(status_)) return false;
   const std::string_view absolute = resolved.get();
   const size_t name_at = absolute.rfind('/') + 1;
-  folder_ = absolute.substr(0, name_at);
+  directory_ = absolute.substr(0, name_at);
   name_ = absolute.substr(name_at);
   return ReadAll(file.Get(), bytes);
 }

@@ -7,22 +7,22 @@
 #include <string>
 #include <string_view>
 
-// A file that is read whole and replaced whole: at any moment it holds the old or the new bytes.
+// A file that is read and replaced as a whole: at any moment it contains the old or the new bytes.
 // Threads: one at a time. Errors: false. No descriptor stays open between calls.
 class oxCFGFile {
  public:
   static constexpr size_t kMaxBytes = size_t{64} << 20;
 
-  // Reads a regular file of at most kMaxBytes and remembers which one it was.
+  // Reads a regular file of at most kMaxBytes and remembers its path and status.
   bool Read(const char* path, std::string* bytes);
 
-  // Puts a file with `bytes` and the owner, mode and extended attributes of the one that was read in its place. Fails,
-  // leaving nothing behind, when any step does, when the file must not be written, or when somebody else has changed it
-  // meanwhile.
+  // Replaces the file with a new one that contains `bytes` and has the owner, mode and extended attributes of the old
+  // one. Fails without leaving a new file behind if any step fails, or if the old file is write-protected or has been
+  // changed by someone else.
   bool Replace(std::string_view bytes);
 
  private:
-  std::string folder_;  // Absolute, with a slash at the end, no symbolic link: valid after a chdir.
+  std::string directory_;  // Absolute, without symbolic links, ends with a slash; remains valid after a chdir.
   std::string name_;
-  struct stat known_ = {};  // The file's status when it was read or last replaced.
+  struct stat status_ = {};  // Of the file when it was read or last replaced.
 };

@@ -80,12 +80,12 @@ std::string oxCFGDecoded(std::string_view raw) {
   return text;
 }
 
-std::string oxCFGEncoded(std::string_view text, oxCFGPlace place) {
+std::string oxCFGEncoded(std::string_view text, oxCFGContext context) {
   std::string raw;
   raw.reserve(text.size());
   for (const char c : text) {
     const auto escape = std::find_if(std::begin(kEscapes), std::end(kEscapes), [&](const Escape& e) {
-      return e.character == c && (!e.only_in_attributes || place == oxCFGPlace::kAttribute);
+      return e.character == c && (!e.only_in_attributes || context == oxCFGContext::kAttribute);
     });
     if (escape == std::end(kEscapes)) {
       raw += c;

@@ -1,4 +1,4 @@
-// Text as an XML 1.0 document holds it, with references such as &lt; and &#13;, and as the store gives it.
+// Conversion between the text of an XML 1.0 document, with references such as &lt; and &#13;, and the plain string.
 #pragma once
 
 #include <algorithm>
@@ -11,49 +11,49 @@
 
 constexpr std::string_view kOxCFGWhiteSpace = " \t\r\n";  // XML 1.0, section 2.3.
 
-// A reference at the beginning of `raw`. `size` is 0 where there is none: a stray "&" is text.
+// The reference at the start of `raw`. `size` is 0 if there is none: a stray "&" is text.
 struct oxCFGReference {
   size_t size = 0;
-  uint32_t code_point = 0;  // May be one that no document can hold.
+  uint32_t code_point = 0;  // May be invalid in XML.
 };
 oxCFGReference oxCFGReferenceAt(std::string_view raw);
 
-// Writes the code point's UTF-8 and returns its size.
+// Encodes the code point as UTF-8 and returns the number of bytes.
 size_t oxCFGEncodeUTF8(uint32_t code_point, char (&bytes)[4]);
 
-// Where `raw` first refers to a character that no document can hold, such as &#0;. npos: nowhere.
+// Returns the position of the first reference to a character that XML forbids, such as &#0;, or npos.
 size_t oxCFGFindBadReference(std::string_view raw);
 
-// Where the first control byte stands that no document can hold. npos: nowhere.
+// Returns the position of the first control byte that XML forbids, or npos.
 size_t oxCFGFindControl(std::string_view bytes);
 
-// Calls take(std::string_view) with the text of `raw`, piece by piece. Allocates nothing.
-template <typename Take>
-void oxCFGDecode(std::string_view raw, Take take) {
+// Passes the decoded text of `raw` to callback(std::string_view), piece by piece. Does not allocate.
+template <typename Callback>
+void oxCFGDecode(std::string_view raw, Callback callback) {
   while (!raw.empty()) {
     const size_t plain = std::min(raw.find('&'), raw.size());
-    if (plain > 0) take(raw.substr(0, plain));
+    if (plain > 0) callback(raw.substr(0, plain));
     raw.remove_prefix(plain);
     if (raw.empty()) return;
     const oxCFGReference reference = oxCFGReferenceAt(raw);
     char bytes[4] = {'&'};
     const size_t size = reference.size == 0 ? 1 : oxCFGEncodeUTF8(reference.code_point, bytes);
-    take(std::string_view(bytes, size));
+    callback(std::string_view(bytes, size));
     raw.remove_prefix(std::max<size_t>(reference.size, 1));
   }
 }
 std::string oxCFGDecoded(std::string_view raw);
 
-// How a document holds the text, so that every reader gets it back: also those that turn a raw CR into LF, and
-// within an attribute every white space into a blank.
-enum class oxCFGPlace { kElement, kAttribute };
-std::string oxCFGEncoded(std::string_view text, oxCFGPlace place);
+// Encodes the text so that every XML parser decodes it unchanged, including those that turn a raw CR into LF, and white
+// space within an attribute into blanks.
+enum class oxCFGContext { kElement, kAttribute };
+std::string oxCFGEncoded(std::string_view text, oxCFGContext context);
 
-// Takes a decimal number with white space around it, piece by piece.
+// Parses a decimal number with white space around it, piece by piece.
 class oxCFGNumberParser {
  public:
   void Append(std::string_view piece);
-  // None where the text is no number from 0 to 4294967295.
+  // Empty unless the text is a number from 0 to 4294967295.
   std::optional<uint32_t> Number() const;
 
  private:
@@ -62,5 +62,5 @@ class oxCFGNumberParser {
   bool is_valid_ = true;
   bool has_digits_ = false;
   bool has_ended_ = false;
-  uint64_t number_ = 0;  // kMax + 1 stands for all above.
+  uint64_t number_ = 0;  // kMax + 1 means too large.
 };

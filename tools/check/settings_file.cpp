@@ -70,7 +70,7 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
   oxEventConfigInspect(path.c_str(), &config, &bad, &error);
   for (const oxEventBadValue& value : bad) bad_values.emplace(value.key + "\\" + value.name, value.text);
   if (open && error.empty()) return true;
-  const oxCFGRefusal& why = store.Refusal();
+  const oxCFGParseError& why = store.ParseError();
   const std::string remedy = why.reason == nullptr ? WhyUnreadable(path) + ". " + std::string(RemedyFor(refusal))
                                                    : std::string(why.reason) + ". Mend the file there.";
   findings->push_back(
