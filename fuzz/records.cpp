@@ -3,7 +3,7 @@
 
 #include "api/oxEventNormalize.h"
 #include "fuzz.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventPlatformSystem.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "api/oxEventNormalize.h"
 #include "base/oxEventNumber.h"
 #include "host_fixture.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventPlatformSystem.h"
 
 namespace {
 

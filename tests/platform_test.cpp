@@ -8,7 +8,10 @@
 
 #include "faults.h"
 #include "host_fixture.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventAppendFile.h"
+#include "platform/oxEventPlatformFiles.h"
+#include "platform/oxEventPlatformNative.h"
+#include "platform/oxEventSignalBlock.h"
 
 namespace {
 

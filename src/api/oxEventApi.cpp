@@ -15,7 +15,8 @@
 #include "config/oxEventConfigLoad.h"
 #include "core/oxEventRouter.h"
 #include "oxEvent.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventPlatformSystem.h"
+#include "platform/oxEventSignalBlock.h"
 #include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSinkSet.h"
 

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventPlatformSystem.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "base/oxEventNoDestructor.h"
 #include "base/oxEventSeverity.h"
 #include "core/oxEventRun.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventSignalBlock.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {

@@ -3,7 +3,8 @@
 #include <cxxabi.h>
 
 #include "base/oxEventForkCount.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventPlatformSystem.h"
+#include "platform/oxEventSignalBlock.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <thread>
 
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventSignalBlock.h"
 
 void oxEventSubmitSlots::WaitForInFlightSubmits() {
   const pthread_t self = pthread_self();

@@ -1,3 +1,5 @@
+#include "platform/oxEventPlatformNative.h"
+
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -21,7 +23,6 @@
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "config/oxEventSettings.h"
-#include "platform/oxEventPlatform.h"
 
 namespace {
 

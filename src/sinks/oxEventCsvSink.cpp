@@ -9,7 +9,8 @@
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventSeverity.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventAppendFile.h"
+#include "platform/oxEventPlatformFiles.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventText.h"
 

@@ -11,7 +11,7 @@
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
 #include "config/oxEventSettings.h"
-#include "platform/oxEventPlatform.h"
+#include "platform/oxEventPlatformHttp.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventText.h"
 

@@ -1,0 +1,78 @@
+#include "platform/oxEventAppendFile.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+
+#include "platform/oxEventSignalBlock.h"
+
+namespace {
+
+constexpr mode_t kFileMode = 0666;  // Less the umask.
+constexpr auto kPipeTimeout = std::chrono::seconds(1);
+
+// Signals of the host's do not cut the wait short.
+bool HasRoomSoon(int fd) {
+  const auto deadline = std::chrono::steady_clock::now() + kPipeTimeout;
+  pollfd room = {fd, POLLOUT, 0};
+  while (true) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const int ready = poll(&room, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+    if (ready >= 0 || errno != EINTR) return ready > 0;
+  }
+}
+
+}  // namespace
+
+oxEventAppendFile::~oxEventAppendFile() {
+  if (IsOpen()) close(fd_);
+}
+
+bool oxEventAppendFile::Open(const std::string& path) {
+  // Before StartWaiting a pipe without a reader is an error, and so is a full one: a reload must not hang on it.
+  fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
+  return IsOpen();
+}
+
+void oxEventAppendFile::StartWaiting() { fcntl(fd_, F_SETFL, O_APPEND); }
+
+size_t oxEventAppendFile::Write(const char* bytes, size_t size, Wait wait) {
+  if (size == 0) return 0;
+  const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
+  const oxEventCancelBlock cancel_block;  // Or the bytes might be written and count as not written.
+  if (wait == kNoWait) fcntl(fd_, F_SETFL, O_APPEND | O_NONBLOCK);
+  size_t done = 0;
+  while (done != size) {
+    const ssize_t written = write(fd_, bytes + done, size - done);
+    error_ = written < 0 ? errno : 0;
+    if (error_ == EINTR || (error_ == EAGAIN && wait == kWait && HasRoomSoon(fd_))) continue;
+    if (written <= 0) break;
+    last_write_ = static_cast<size_t>(written);
+    done += last_write_;
+  }
+  if (wait == kNoWait) StartWaiting();
+  return done;
+}
+
+bool oxEventAppendFile::IsOutOfSpace() const { return error_ == ENOSPC || error_ == EDQUOT; }
+
+bool oxEventAppendFile::IsFullPipe() const { return error_ == EAGAIN; }
+
+bool oxEventAppendFile::HasContent() const {
+  struct stat status;
+  return fstat(fd_, &status) == 0 && status.st_size > 0;
+}
+
+void oxEventAppendFile::TakeBack(size_t size) {
+  struct stat status;
+  if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;
+  // Where the file may only grow, it stays as it is.
+  static_cast<void>(TEMP_FAILURE_RETRY(ftruncate(fd_, status.st_size - static_cast<off_t>(size))) == 0);
+}

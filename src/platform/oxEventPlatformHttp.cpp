@@ -1,0 +1,33 @@
+#include "platform/oxEventPlatformHttp.h"
+
+#include <sys/auxv.h>
+
+#include <cstdlib>
+#include <limits>
+
+#include "oxutil.h"
+
+bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
+                             uint32_t timeout_ms) {
+  // A line end would begin another header, and a NUL would hide the rest. The length of the body is 32 bits, signed.
+  for (const char forbidden : {'\r', '\n', '\0'}) {
+    if (header_block.find(forbidden) != std::string::npos) return false;
+  }
+  if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
+  char* response = nullptr;
+  int32_t status = 0;
+  const int32_t accepted = oxOSHTTPCommand(url.c_str(), "POST", header_block.c_str(), body.c_str(),
+                                           static_cast<int32_t>(body.size()), &response, &status, timeout_ms);
+  if (response != nullptr) OXFree(response);
+  return accepted != 0;
+}
+
+const char* oxEventPlatformHttpSteeringVariable() {
+  if (getauxval(AT_SECURE) == 0) return nullptr;
+  // Those that libcurl and OpenSSL read with getenv.
+  for (const char* const variable :
+       {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap", "OPENSSL_s390xcap"}) {
+    if (getenv(variable) != nullptr) return variable;
+  }
+  return nullptr;
+}

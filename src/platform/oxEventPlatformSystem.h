@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// Clocks, thread names and event sources. Any thread.
+
+// Nanoseconds of the PTP clock since 1970-01-01T00:00:00Z.
+uint64_t oxEventPlatformGetPtpNano();
+
+// Milliseconds of a monotonic clock, modulo 2^32.
+uint32_t oxEventPlatformGetMs();
+
+// Names the calling thread, with at most 15 bytes. Names no other thread: the C library opens a file for that, which a
+// child process would inherit.
+void oxEventPlatformNameThread(const char* name);
+
+// Not available on this platform: fail with a reason in *error, which may be null.
+uint32_t oxEventPlatformInstallWindowsEventSource(const char* source_name, const char* message_file,
+                                                  std::string* error);
+uint32_t oxEventPlatformRemoveWindowsEventSource(const char* source_name, std::string* error);
