@@ -10,8 +10,8 @@
 #include "host_fixture.h"
 #include "platform/oxEventAppendFile.h"
 #include "platform/oxEventPlatformFiles.h"
-#include "platform/oxEventPlatformNative.h"
 #include "platform/oxEventSignalBlock.h"
+#include "platform/oxEventSystemLog.h"
 
 namespace {
 

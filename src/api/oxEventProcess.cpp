@@ -5,7 +5,7 @@
 #include "base/oxEventForkCount.h"
 #include "base/oxEventLastError.h"
 #include "core/oxEventRouter.h"
-#include "platform/oxEventPlatformNative.h"
+#include "platform/oxEventSystemLog.h"
 #include "sinks/oxEventSinkSet.h"
 
 // Load, fork, unload and process exit.

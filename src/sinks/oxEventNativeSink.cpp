@@ -1,7 +1,7 @@
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventSeverity.h"
-#include "platform/oxEventPlatformNative.h"
+#include "platform/oxEventSystemLog.h"
 #include "sinks/oxEventSink.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/oxEventPlatformNative.h"
+#include "platform/oxEventSystemLog.h"
 
 #include <pthread.h>
 #include <sys/socket.h>
