@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <iterator>
 #include <memory>
@@ -20,8 +19,8 @@
 #include "base/oxEventErrorText.h"
 #include "base/oxEventNoDestructor.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventNativeMessage.h"
 #include "base/oxEventOrDefault.h"
-#include "base/oxEventSeverity.h"
 #include "config/oxEventSettings.h"
 
 namespace {
@@ -66,28 +65,6 @@ struct oxEventNativeLogHandle {
 };
 
 namespace {
-
-void AppendItem(std::string_view name, std::string_view value, std::string* line) { line->append(name).append(value); }
-
-// For people who read the system log: nothing is escaped.
-void FormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view ident, std::string* line) {
-  const auto or_dash = [](std::string_view text) { return text.empty() ? "-" : text; };
-  char id[20];
-  const char* id_end = std::to_chars(id, std::end(id), event.event_id).ptr;
-  line->clear();
-  AppendItem("oxEvent event_id=", std::string_view(id, static_cast<size_t>(id_end - id)), line);
-  AppendItem(" severity=", oxEventSeverityName(event.severity), line);
-  AppendItem(" action=", or_dash(event.action), line);
-  AppendItem(" event_type=", or_dash(event.event_type), line);
-  AppendItem(" source_id=", or_dash(event.source_id), line);
-  AppendItem(" source_name=", or_dash(event.source_name), line);
-  AppendItem(" native_source=", ident, line);
-  AppendItem(" message=\"", event.message, line);
-  line->push_back('"');
-  if (!event.dedupe_key.empty()) AppendItem(" dedupe_key=", event.dedupe_key, line);
-  if (!event.correlation_id.empty()) AppendItem(" correlation_id=", event.correlation_id, line);
-  if (!event.details_json.empty()) AppendItem(" details_json=", event.details_json, line);
-}
 
 // The largest datagram that a socket of the C library's sends to the log; SIZE_MAX: the log takes a stream, or the
 // limit cannot be known.
@@ -151,7 +128,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
     return oxEventSetErrorText(oxEventErrors::kNativeHandle, warning_text);
   }
   if (warning_text != nullptr) warning_text->clear();
-  FormatNativeMessage(event, handle->ident, &handle->line);
+  oxEventFormatNativeMessage(event, handle->ident, &handle->line);
   CutToDatagram(handle->ident, &handle->line);
   while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
