@@ -16,10 +16,6 @@
 
 namespace {
 
-constexpr std::string_view kHeader =
-    "version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,source_name,dedupe_key,correlation_id,"
-    "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json\n";
-
 constexpr size_t kBufferSize = 64 * 1024;
 constexpr uint32_t kTryFlushTimeoutMs = 100;  // For the worker to write a row. If it takes longer, its write hangs.
 
@@ -100,7 +96,7 @@ class oxEventCsvSink : public oxEventSink {
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
     if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
     // Written at once: a sink that a reload opens on the same file must find it non-empty.
-    if (needs_header && WriteRowsLocked(kHeader) != kHeader.size()) {
+    if (needs_header && !WriteHeaderLocked()) {
       if (!file_.IsOutOfSpace()) return Fail(oxEventErrors::kCsvHeader, error);
       // The other sinks have to carry the alarm about the disk.
       failed_ = false;
@@ -134,7 +130,7 @@ class oxEventCsvSink : public oxEventSink {
 
   bool WriteBufferLocked(oxEventAppendFile::Wait wait = oxEventAppendFile::kWait) OX_REQUIRES(mutex_) {
     // Another process, or a sink that a reload opened, may have written a header meanwhile.
-    if (used_ != 0 && std::exchange(header_pending_, false) && !file_.HasContent()) WriteRowsLocked(kHeader);
+    if (used_ != 0 && std::exchange(header_pending_, false) && !file_.HasContent()) WriteHeaderLocked();
     const size_t written = WriteRowsLocked({buffer_.get(), used_}, wait);
     std::copy(buffer_.get() + written, buffer_.get() + used_, buffer_.get());
     used_ = failed_ ? 0 : used_ - written;
@@ -143,6 +139,11 @@ class oxEventCsvSink : public oxEventSink {
       capacity_ = 0;
     }
     return !failed_;
+  }
+
+  bool WriteHeaderLocked() OX_REQUIRES(mutex_) {
+    const std::string_view header = oxEventText::CsvHeader();
+    return WriteRowsLocked(header) == header.size();
   }
 
   // Returns the bytes written: all of them, or fewer if the write failed or, with kNoWait, if a pipe is full. The file

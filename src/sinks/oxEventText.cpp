@@ -1,9 +1,14 @@
 #include "sinks/oxEventText.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
+#include <concepts>
 #include <cstring>
+#include <functional>
+#include <tuple>
+#include <type_traits>
 
 #include "base/oxEventNumber.h"
 #include "base/oxEventSeverity.h"
@@ -74,11 +79,75 @@ char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
   return WritePadded(ns % kNsPerSecond, 9, 'Z', at);
 }
 
-constexpr size_t kCsvTexts = 11;
-constexpr size_t kCsvNumbers = 9;
+// A column of the CSV file. `value` gives its value: a string, a number or a UtcTime.
+template <class Value>
+struct CsvColumn {
+  std::string_view name;
+  Value value;
+};
+template <class Value>
+CsvColumn(const char*, Value) -> CsvColumn<Value>;  // clang 14 deduces none from an aggregate.
+
+struct UtcTime {
+  uint64_t ns;
+};
+
+using Event = oxEventNormalizedEvent;
+
+constexpr std::tuple kCsvColumns = {
+    CsvColumn{"version", [](const Event&) { return OXEVENT_API_VERSION; }},
+    CsvColumn{"event_id", &Event::event_id},
+    CsvColumn{"utc_iso", [](const Event& event) { return UtcTime{event.utc_ns}; }},
+    CsvColumn{"utc_ns", &Event::utc_ns},
+    CsvColumn{"severity", [](const Event& event) { return oxEventSeverityName(event.severity, "unknown"); }},
+    CsvColumn{"action", &Event::action},
+    CsvColumn{"event_type", &Event::event_type},
+    CsvColumn{"source_id", &Event::source_id},
+    CsvColumn{"source_name", &Event::source_name},
+    CsvColumn{"dedupe_key", &Event::dedupe_key},
+    CsvColumn{"correlation_id", &Event::correlation_id},
+    CsvColumn{"message", &Event::message},
+    CsvColumn{"value", &Event::value},
+    CsvColumn{"threshold", &Event::threshold},
+    CsvColumn{"units", &Event::units},
+    CsvColumn{"duration_ms", &Event::duration_ms},
+    CsvColumn{"ptp_ns", &Event::ptp_ns},
+    CsvColumn{"pts", &Event::pts},
+    CsvColumn{"timecode", &Event::timecode},
+    CsvColumn{"details_json", &Event::details_json},
+};
+
+// Unrolled by the compiler: the list costs nothing at run time.
+template <class Visit>
+constexpr void ForEachCsvColumn(Visit visit) {
+  std::apply([&visit](const auto&... column) { (visit(column), ...); }, kCsvColumns);
+}
+
+constexpr size_t kCsvHeaderSize =
+    std::apply([](const auto&... column) { return (column.name.size() + ... + sizeof...(column)); }, kCsvColumns);
+
+constexpr std::array<char, kCsvHeaderSize> kCsvHeader = [] {
+  std::array<char, kCsvHeaderSize> header = {};
+  char* at = header.data();
+  ForEachCsvColumn([&at](const auto& column) {
+    at = std::copy(column.name.begin(), column.name.end(), at);
+    *at++ = ',';
+  });
+  at[-1] = '\n';
+  return header;
+}();
+
+constexpr size_t CsvFieldCapacity(std::string_view text) {
+  return sizeof("\"\"") - 1 + 2 * text.size();
+}  // All quotes.
+constexpr size_t CsvFieldCapacity(UtcTime) { return kUtcNano; }
+template <class Number>
+constexpr size_t CsvFieldCapacity(Number) {
+  return kOxEventNumberSize;
+}
 
 // RFC 4180, section 2.
-char* WriteCsvText(std::string_view text, char* at) {
+char* WriteCsvField(std::string_view text, char* at) {
   const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
   if (PlainLength(text, is_special) == text.size()) {
     std::memcpy(at, text.data(), text.size());
@@ -91,6 +160,13 @@ char* WriteCsvText(std::string_view text, char* at) {
   }
   *at++ = '"';
   return at;
+}
+
+char* WriteCsvField(double value, char* at) { return oxEventWriteNumber(value, kRoundTripDigits, at); }
+
+template <std::integral Integer>
+char* WriteCsvField(Integer value, char* at) {
+  return oxEventWriteNumber(value, at);
 }
 
 }  // namespace
@@ -153,44 +229,28 @@ void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache) {
   out->append(text, WriteUtcNano(ns, cache, text));
 }
 
-size_t CsvRowCapacity(const oxEventNormalizedEvent& e) {
-  constexpr size_t kFixed = kUtcNano + 1 + kCsvNumbers * (kOxEventNumberSize + 1) + kCsvTexts * sizeof("\"\",");
-  const size_t texts = oxEventSeverityName(e.severity, "unknown").size() + e.action.size() + e.event_type.size() +
-                       e.source_id.size() + e.source_name.size() + e.dedupe_key.size() + e.correlation_id.size() +
-                       e.message.size() + e.units.size() + e.timecode.size() + e.details_json.size();
-  return kFixed + 2 * texts;  // As if each byte were a quote.
+std::string_view CsvHeader() { return {kCsvHeader.data(), kCsvHeader.size()}; }
+
+size_t CsvRowCapacity(const oxEventNormalizedEvent& event) {
+  size_t capacity = 0;
+  ForEachCsvColumn(
+      [&](const auto& column) { capacity += CsvFieldCapacity(std::invoke(column.value, event)) + sizeof(','); });
+  return capacity;
 }
 
 char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache) {
-  const auto text = [&at](std::string_view field, char end = ',') {
-    at = WriteCsvText(field, at);
-    *at++ = end;
+  const auto write = [&](auto value) {
+    if constexpr (std::is_same_v<decltype(value), UtcTime>) {
+      return WriteUtcNano(value.ns, cache, at);
+    } else {
+      return WriteCsvField(value, at);
+    }
   };
-  const auto number = [&at](auto... value_and_digits) {
-    at = oxEventWriteNumber(value_and_digits..., at);
+  ForEachCsvColumn([&](const auto& column) {
+    at = write(std::invoke(column.value, event));
     *at++ = ',';
-  };
-  number(OXEVENT_API_VERSION);
-  number(event.event_id);
-  at = WriteUtcNano(event.utc_ns, cache, at);
-  *at++ = ',';
-  number(event.utc_ns);
-  text(oxEventSeverityName(event.severity, "unknown"));
-  text(event.action);
-  text(event.event_type);
-  text(event.source_id);
-  text(event.source_name);
-  text(event.dedupe_key);
-  text(event.correlation_id);
-  text(event.message);
-  number(event.value, kRoundTripDigits);
-  number(event.threshold, kRoundTripDigits);
-  text(event.units);
-  number(event.duration_ms);
-  number(event.ptp_ns);
-  number(event.pts);
-  text(event.timecode);
-  text(event.details_json, '\n');
+  });
+  at[-1] = '\n';
   return at;
 }
 

@@ -86,7 +86,9 @@ void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 // The same always with nine digits: 2023-11-14T22:13:20.000000000Z.
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 
-// The CSV file's row (RFC 4180, section 2), with its line feed, into memory of at least that capacity. Returns the end.
+// The header line of the CSV file and the row of an event (RFC 4180, section 2), each with its line feed. WriteCsvRow
+// needs CsvRowCapacity bytes of memory and returns the end of the row.
+std::string_view CsvHeader();
 size_t CsvRowCapacity(const oxEventNormalizedEvent& event);
 char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache = nullptr);
 
