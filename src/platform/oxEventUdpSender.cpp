@@ -51,15 +51,13 @@ oxEventUdpSender::~oxEventUdpSender() {
   if (fd_ >= 0) close(fd_);
 }
 
-uint32_t oxEventUdpSender::Resolve(std::string* error) {
-  if (fd_ >= 0) return OXEVENT_OK;
+uint32_t oxEventUdpSender::Open(std::string* error) {
   auto lookup = std::exchange(lookup_, nullptr);
   if (lookup == nullptr) lookup = oxEventUdpLookUp(host_, port_);
-  if (lookup->failure != 0 || lookup->list == nullptr) return Fail(errors_.resolve, lookup->failure, error);
+  if (lookup->failure != 0) return Fail(errors_.resolve, lookup->failure, error);
 
   errno = 0;
   for (const addrinfo* entry = lookup->list; entry != nullptr; entry = entry->ai_next) {
-    if (entry->ai_addrlen > sizeof(address_)) continue;
     fd_ = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC, entry->ai_protocol);
     if (fd_ < 0) continue;
     std::memcpy(&address_, entry->ai_addr, entry->ai_addrlen);

@@ -25,18 +25,17 @@ std::shared_ptr<const oxEventUdpLookup> oxEventUdpLookUp(const std::string& host
 // receiver that is absent for a while costs nothing. Owns its descriptor. Threads: one at a time.
 class oxEventUdpSender {
  public:
-  // `lookup`: of this host and port; null: Resolve does it.
+  // `lookup`: the result for this host and port; if null, Open looks them up.
   oxEventUdpSender(const oxEventUdpErrors& errors, std::string host, uint32_t port,
                    std::shared_ptr<const oxEventUdpLookup> lookup);
   ~oxEventUdpSender();
   oxEventUdpSender(const oxEventUdpSender&) = delete;
   oxEventUdpSender& operator=(const oxEventUdpSender&) = delete;
 
-  // Looks the receiver up and opens the socket, as far as that is not done. A lookup takes as long as a name server
-  // does.
-  uint32_t Resolve(std::string* error);
+  // Looks the receiver up, unless that is done, and opens the socket. Call once.
+  uint32_t Open(std::string* error);
 
-  // One datagram, after Resolve.
+  // Sends one datagram, after Open.
   uint32_t Send(std::string_view bytes, std::string* error);
 
  private:

@@ -4,9 +4,9 @@
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
-#include "base/oxEventSeverity.h"
 #include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSink.h"
+#include "sinks/oxEventSinkFactory.h"
 
 namespace {
 
@@ -16,16 +16,16 @@ constexpr size_t kUsualSize = 2048;  // Bytes of a document.
 class oxEventAlertmanagerSink : public oxEventSink {
  public:
   explicit oxEventAlertmanagerSink(const oxEventSinkConfig& config)
-      : minimum_severity_(config.minimum_severity),
+      : oxEventSink(config.minimum_severity),
         formatter_config_{config.send_resolved, config.allow_source_label,
                           oxEventOrDefault(config.alertname_prefix, "OxEvent")} {
     latest_document_.reserve(kUsualSize);
     spare_.reserve(kUsualSize);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* /*error*/) override
+ private:
+  uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* /*error*/) override
       OX_EXCLUDES(mutex_) {
-    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     std::string document;
     oxEventText::UtcCache utc_cache;
     {
@@ -33,8 +33,7 @@ class oxEventAlertmanagerSink : public oxEventSink {
       document.swap(spare_);
       utc_cache = utc_cache_;
     }
-    const uint32_t result = oxEventFormatAlertmanagerAlert(event, formatter_config_, &document, &utc_cache);
-    if (result != OXEVENT_OK) return result;
+    oxEventFormatAlertmanagerAlert(event, formatter_config_, &document, &utc_cache);
     oxEventLock lock(mutex_);
     document.swap(latest_document_);
     document.swap(spare_);
@@ -43,9 +42,7 @@ class oxEventAlertmanagerSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
- private:
   oxEventMutex mutex_;
-  const uint32_t minimum_severity_;
   const oxEventAlertmanagerFormatterConfig formatter_config_;
   std::string latest_document_ OX_GUARDED_BY(mutex_);
   std::string spare_ OX_GUARDED_BY(mutex_);  // The memory of the one before, for the next.
@@ -56,7 +53,5 @@ class oxEventAlertmanagerSink : public oxEventSink {
 
 uint32_t oxEventCreateAlertmanagerSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                        std::string* error) {
-  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kAlertmanagerOutput, error);
-  *out = std::make_shared<oxEventAlertmanagerSink>(config);
-  return OXEVENT_OK;
+  return oxEventCreateSink<oxEventAlertmanagerSink>(oxEventErrors::kAlertmanagerOutput, config, out, error);
 }

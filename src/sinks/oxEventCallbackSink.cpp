@@ -24,7 +24,7 @@ bool Call(oxEventCallback callback, const oxEventRecord& record, void* user_data
 
 }  // namespace
 
-uint32_t oxEventCallbackSink::Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) {
+uint32_t oxEventCallbackSink::Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) {
   std::shared_ptr<const Registrations> registrations;
   {
     oxEventLock lock(mutex_);

@@ -12,8 +12,7 @@
 // held.
 class oxEventCallbackSink : public oxEventSink {
  public:
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) override
-      OX_EXCLUDES(mutex_);
+  constexpr oxEventCallbackSink() : oxEventSink(OXEVENT_SEVERITY_DEBUG) {}
 
   // OXEVENT_INVALID_ARGUMENT: callback or id_out null.
   uint32_t Register(oxEventCallback callback, void* user_data, uint32_t* id_out) OX_EXCLUDES(mutex_);
@@ -24,6 +23,9 @@ class oxEventCallbackSink : public oxEventSink {
   void UnregisterAll() OX_EXCLUDES(mutex_);
 
  private:
+  uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) override
+      OX_EXCLUDES(mutex_);
+
   struct Registration {
     Registration(uint32_t its_id, oxEventCallback its_callback, void* its_user_data)
         : id(its_id), callback(its_callback), user_data(its_user_data) {}

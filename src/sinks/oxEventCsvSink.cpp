@@ -8,10 +8,10 @@
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
-#include "base/oxEventSeverity.h"
 #include "platform/oxEventAppendFile.h"
 #include "platform/oxEventPlatformFiles.h"
 #include "sinks/oxEventSink.h"
+#include "sinks/oxEventSinkFactory.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -37,25 +37,27 @@ size_t WholeRows(std::string_view text) {
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
-      : path_(config.path), flush_each_event_(config.flush_each_event), minimum_severity_(config.minimum_severity) {}
+      : oxEventSink(config.minimum_severity), path_(config.path), flush_each_event_(config.flush_each_event) {}
 
   ~oxEventCsvSink() override {
     oxEventLock lock(mutex_);
     WriteBufferLocked();
   }
 
-  uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
+  uint32_t Open(std::string* error) override OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    return OpenLocked(error);
-  }
-
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
-      OX_EXCLUDES(mutex_) {
-    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
-    oxEventLock lock(mutex_);
-    if (const uint32_t result = OpenLocked(error); result != OXEVENT_OK) return result;
-    if (!AppendRowLocked(event)) return Fail(oxEventErrors::kCsvRow, error);
-    if (flush_each_event_ && !WriteBufferLocked()) return Fail(oxEventErrors::kCsvRowFlush, error);
+    if (path_.empty()) return oxEventSetErrorText(oxEventErrors::kCsvNoPath, error);
+    if (!oxEventPlatformEnsureParentDirectory(path_, error)) return OXEVENT_FAILURE;
+    const bool needs_header = !oxEventPlatformFileHasContent(path_);
+    if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
+    // Written at once: a sink that a reload opens on the same file must find it non-empty.
+    if (needs_header && !WriteHeaderLocked()) {
+      if (!file_.IsOutOfSpace()) return Fail(oxEventErrors::kCsvHeader, error);
+      // The other sinks have to carry the alarm about the disk.
+      failed_ = false;
+      header_pending_ = true;
+    }
+    file_.StartWaiting();
     return OXEVENT_OK;
   }
 
@@ -73,6 +75,14 @@ class oxEventCsvSink : public oxEventSink {
   }
 
  private:
+  uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+      OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    if (!AppendRowLocked(event)) return Fail(oxEventErrors::kCsvRow, error);
+    if (flush_each_event_ && !WriteBufferLocked()) return Fail(oxEventErrors::kCsvRowFlush, error);
+    return OXEVENT_OK;
+  }
+
   uint32_t Write(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
@@ -87,23 +97,6 @@ class oxEventCsvSink : public oxEventSink {
 
   uint32_t Fail(oxEventErrorText<1> text, std::string* error) const {
     return oxEventSetErrorText(text, {path_}, error);
-  }
-
-  uint32_t OpenLocked(std::string* error) OX_REQUIRES(mutex_) {
-    if (file_.IsOpen()) return OXEVENT_OK;
-    if (path_.empty()) return oxEventSetErrorText(oxEventErrors::kCsvNoPath, error);
-    if (!oxEventPlatformEnsureParentDirectory(path_, error)) return OXEVENT_FAILURE;
-    const bool needs_header = !oxEventPlatformFileHasContent(path_);
-    if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
-    // Written at once: a sink that a reload opens on the same file must find it non-empty.
-    if (needs_header && !WriteHeaderLocked()) {
-      if (!file_.IsOutOfSpace()) return Fail(oxEventErrors::kCsvHeader, error);
-      // The other sinks have to carry the alarm about the disk.
-      failed_ = false;
-      header_pending_ = true;
-    }
-    file_.StartWaiting();
-    return OXEVENT_OK;
   }
 
   // The buffer ends on a whole row before and after, also when memory runs out.
@@ -161,7 +154,6 @@ class oxEventCsvSink : public oxEventSink {
   oxEventMutex mutex_;
   const std::string path_;
   const bool flush_each_event_;
-  const uint32_t minimum_severity_;
   oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
   bool header_pending_ OX_GUARDED_BY(mutex_) = false;     // The disk was full.
   std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Rows that are not in the file yet.
@@ -175,9 +167,5 @@ class oxEventCsvSink : public oxEventSink {
 }  // namespace
 
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error) {
-  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kCsvOutput, error);
-  auto sink = std::make_shared<oxEventCsvSink>(config);
-  const uint32_t result = sink->Open(error);
-  if (result == OXEVENT_OK) *out = std::move(sink);
-  return result;
+  return oxEventCreateSink<oxEventCsvSink>(oxEventErrors::kCsvOutput, config, out, error);
 }

@@ -5,44 +5,58 @@
 #include <string>
 
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventSeverity.h"
 #include "config/oxEventConfig.h"
 
-// A destination of events. Shared: it lives until the active set and whoever still delivers to it have let go. Each
-// sink guards its own state: the worker calls Submit, any thread Flush. *error (may be null) gets the reason of a
-// failure.
+// A destination of events. Ownership: shared by the active set and by each thread that delivers to it.
+// Threads: the worker calls Submit, any thread the rest; each sink guards its own state. *error, which may be null,
+// gets the reason of a failure.
 class oxEventSink {
  public:
-  oxEventSink() = default;
+  constexpr explicit oxEventSink(uint32_t minimum_severity) : minimum_severity_(minimum_severity) {}
   virtual ~oxEventSink() = default;
   oxEventSink(const oxEventSink&) = delete;
   oxEventSink& operator=(const oxEventSink&) = delete;
 
-  // Delivers the event; may add to *warnings. Returns 0 or a result code.
-  virtual uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) = 0;
+  // Opens what the sink writes to. Called once, before everything else; a sink that fails is discarded.
+  virtual uint32_t Open(std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Writes out what is buffered.
+  // Delivers the event, unless its severity is below the minimum. Adds to *warnings, which may be null. Returns 0 or a
+  // result code.
+  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) {
+    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
+    return Deliver(event, warnings, error);
+  }
+
+  // Writes what is buffered.
   virtual uint32_t Flush(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Writes out what can be written without waiting. The next Flush or Drain reports a failure.
+  // Writes what can be written without waiting. The next Flush or Drain reports a failure.
   virtual void TryFlush() {}
 
   // Flush for a sink that is no longer active. Fails if rows were lost that no Flush and no Drain has reported, or,
   // with *busy set, if another thread was writing for the whole time.
   virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
+
+ private:
+  // Submit for an event that is severe enough.
+  virtual uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) = 0;
+
+  const uint32_t minimum_severity_;
 };
 
-// For the receiver of a sink of this kind. Takes as long as a name server does.
+// Looks up the host that a sink of this kind sends to. Blocks for as long as the name server takes.
 std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSyslogUdp(const oxEventSinkConfig& config);
 std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSnmpTrap(const oxEventSinkConfig& config);
 
-// A factory makes a sink of its kind: 0 with the sink in *out, or a code with the reason in *error (may be null).
+// Factories. Each returns 0 with the sink in *out, or a result code with the reason in *error, which may be null.
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error);
 uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                     std::string* error);
 uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                  std::string* error);
 uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
-                                          std::string* error);  // The webhook's too.
+                                          std::string* error);  // For a webhook too.
 uint32_t oxEventCreateSnmpTrapSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                    std::string* error);
 uint32_t oxEventCreateAlertmanagerSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,

@@ -26,10 +26,12 @@ constexpr uint32_t kReloadTimeoutMs = 1000;  // For flushing the sinks that a re
 // A configured and enabled sink of a kind that this library does not know: accepts everything, does nothing.
 class oxEventConfiguredSink : public oxEventSink {
  public:
-  explicit oxEventConfiguredSink(const oxEventSinkConfig& config) : config_(config) {}
-  uint32_t Submit(const oxEventNormalizedEvent&, uint64_t*, std::string*) override { return OXEVENT_OK; }
+  explicit oxEventConfiguredSink(const oxEventSinkConfig& config)
+      : oxEventSink(config.minimum_severity), config_(config) {}
 
  private:
+  uint32_t Deliver(const oxEventNormalizedEvent&, uint64_t*, std::string*) override { return OXEVENT_OK; }
+
   const oxEventSinkConfig config_;
 };
 

@@ -14,6 +14,7 @@
 #include "platform/oxEventPlatformSystem.h"
 #include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventSink.h"
+#include "sinks/oxEventSinkFactory.h"
 #include "sinks/oxEventSnmpBer.h"
 #include "sinks/oxEventText.h"
 
@@ -45,9 +46,9 @@ uint32_t Port(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults
 // One SNMPv2-Trap-PDU per event in one datagram (RFC 3416, RFC 3417), with the event's fields as objects.
 class oxEventSnmpTrapSink : public oxEventSink {
  public:
-  // `defaults` stand for the texts that are not given.
-  oxEventSnmpTrapSink(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults)
-      : minimum_severity_(config.minimum_severity),
+  // `defaults` replace the settings that are empty.
+  explicit oxEventSnmpTrapSink(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults = {})
+      : oxEventSink(config.minimum_severity),
         community_(oxEventOrDefault(config.community, defaults.community)),
         enterprise_oid_(oxEventOrDefault(config.enterprise_oid, defaults.enterprise_oid)),
         trap_oid_(oxEventOrDefault(config.trap_oid, defaults.trap_oid)),
@@ -62,16 +63,15 @@ class oxEventSnmpTrapSink : public oxEventSink {
     }
   }
 
-  uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
+  uint32_t Open(std::string* error) override OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    return sender_.Resolve(error);
+    return sender_.Open(error);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+ private:
+  uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
-    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    if (const uint32_t result = sender_.Resolve(error); result != OXEVENT_OK) return result;
     // Told at each event, not at the start: a start that fails would take the other sinks with it.
     if (trap_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
     if (objects_[0].empty()) return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
@@ -80,7 +80,6 @@ class oxEventSnmpTrapSink : public oxEventSink {
     return sender_.Send(message_, error);
   }
 
- private:
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     const uint32_t now_ms = oxEventPlatformGetMs();
     message_.clear();
@@ -127,7 +126,6 @@ class oxEventSnmpTrapSink : public oxEventSink {
   }
 
   oxEventMutex mutex_;
-  const uint32_t minimum_severity_;
   const std::string community_;
   const std::string enterprise_oid_;
   const std::string trap_oid_;
@@ -141,10 +139,10 @@ class oxEventSnmpTrapSink : public oxEventSink {
   std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused.
 };
 
-uint32_t CheckVersion(std::string_view version, std::string* error) {
+uint32_t CheckVersion(const oxEventSinkConfig& config, std::string* error) {
   constexpr oxEventWord kVersion3Words[] = {{"3", 3}, {"v3", 3}, {"snmpv3", 3}};  // Refused with a text of their own.
-  if (oxEventFindWord(g_oxEventSnmpVersionWords, version)) return OXEVENT_OK;
-  if (oxEventFindWord(kVersion3Words, version)) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
+  if (oxEventFindWord(g_oxEventSnmpVersionWords, config.version)) return OXEVENT_OK;
+  if (oxEventFindWord(kVersion3Words, config.version)) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
   return oxEventSetErrorText(oxEventErrors::kSnmpVersion, error);
 }
 
@@ -157,10 +155,5 @@ std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSnmpTrap(const oxEventSinkC
 
 uint32_t oxEventCreateSnmpTrapSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                    std::string* error) {
-  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kSnmpOutput, error);
-  if (const uint32_t refusal = CheckVersion(config.version, error); refusal != OXEVENT_OK) return refusal;
-  auto sink = std::make_shared<oxEventSnmpTrapSink>(config, oxEventSinkConfig());
-  const uint32_t result = sink->Open(error);
-  if (result == OXEVENT_OK) *out = std::move(sink);
-  return result;
+  return oxEventCreateSink<oxEventSnmpTrapSink>(oxEventErrors::kSnmpOutput, config, out, error, CheckVersion);
 }

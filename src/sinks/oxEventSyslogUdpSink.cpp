@@ -15,6 +15,7 @@
 #include "config/oxEventSettings.h"
 #include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventSink.h"
+#include "sinks/oxEventSinkFactory.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -99,8 +100,8 @@ uint32_t Port(const oxEventSinkConfig& config) { return config.port == 0 ? kDefa
 class oxEventSyslogUdpSink : public oxEventSink {
  public:
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)
-      : facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kLocal0)),
-        minimum_severity_(config.minimum_severity),
+      : oxEventSink(config.minimum_severity),
+        facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kLocal0)),
         sender_(kUdpErrors, Host(config), Port(config), config.lookup) {
     const auto add = [this](std::string_view text, size_t max_length) {
       origin_.push_back(' ');
@@ -113,21 +114,19 @@ class oxEventSyslogUdpSink : public oxEventSink {
     line_.reserve(kMaxLine);
   }
 
-  uint32_t Open(std::string* error) OX_EXCLUDES(mutex_) {
+  uint32_t Open(std::string* error) override OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    return sender_.Resolve(error);
+    return sender_.Open(error);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+ private:
+  uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
-    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
-    if (const uint32_t result = sender_.Resolve(error); result != OXEVENT_OK) return result;
     FormatLocked(event);
     return sender_.Send(line_, error);
   }
 
- private:
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     line_.assign(1, '<');
     oxEventAppendNumber(&line_, facility_code_ * 8 + SyslogSeverity(event.severity));
@@ -144,7 +143,6 @@ class oxEventSyslogUdpSink : public oxEventSink {
 
   oxEventMutex mutex_;
   const uint32_t facility_code_;
-  const uint32_t minimum_severity_;
   std::string origin_;  // " HOSTNAME APP-NAME PROCID ". Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string line_ OX_GUARDED_BY(mutex_);  // Reused.
@@ -159,9 +157,5 @@ std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSyslogUdp(const oxEventSink
 
 uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                     std::string* error) {
-  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kSyslogOutput, error);
-  auto sink = std::make_shared<oxEventSyslogUdpSink>(config);
-  const uint32_t result = sink->Open(error);
-  if (result == OXEVENT_OK) *out = std::move(sink);
-  return result;
+  return oxEventCreateSink<oxEventSyslogUdpSink>(oxEventErrors::kSyslogOutput, config, out, error);
 }

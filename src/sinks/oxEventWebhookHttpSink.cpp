@@ -9,10 +9,10 @@
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
-#include "base/oxEventSeverity.h"
 #include "config/oxEventSettings.h"
 #include "platform/oxEventPlatformHttp.h"
 #include "sinks/oxEventSink.h"
+#include "sinks/oxEventSinkFactory.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -71,7 +71,8 @@ constexpr uint32_t FirstNonZero(uint32_t a, uint32_t b, uint32_t c) { return a !
 class oxEventWebhookHttpSink : public oxEventSink {
  public:
   explicit oxEventWebhookHttpSink(const oxEventSinkConfig& config)
-      : endpoint_url_(EndpointUrl(config)),
+      : oxEventSink(config.minimum_severity),
+        endpoint_url_(EndpointUrl(config)),
         cloudevents_(config.type == oxEventSinkType::kCloudEventsHttp ||
                      oxEventFindWord(g_oxEventPayloadModeWords, config.payload_mode) == kOxEventPayloadCloudEvents),
         request_timeout_ms_(FirstNonZero(config.request_timeout_ms, config.ce_timeout_ms, kDefaultRequestTimeoutMs)),
@@ -79,14 +80,13 @@ class oxEventWebhookHttpSink : public oxEventSink {
         backoff_ms_(config.backoff_ms == 0 ? kDefaultBackoffMs : config.backoff_ms),
         cloudevents_source_(
             oxEventOrDefault(oxEventOrDefault(config.cloudevents_source, config.ce_source), "/oxEvent")),
-        cloudevents_subject_prefix_(oxEventOrDefault(config.cloudevents_subject_prefix, config.ce_subject_prefix)),
-        minimum_severity_(config.minimum_severity) {
+        cloudevents_subject_prefix_(oxEventOrDefault(config.cloudevents_subject_prefix, config.ce_subject_prefix)) {
     BuildHeaderBlock(config);
   }
 
-  uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
+ private:
+  uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
-    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     oxEventLock lock(mutex_);
     body_.clear();
     if (cloudevents_) {
@@ -99,7 +99,6 @@ class oxEventWebhookHttpSink : public oxEventSink {
     return result;
   }
 
- private:
   uint32_t PostLocked(std::string* error) OX_REQUIRES(mutex_) {
     const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
     if (tries == 0) return OXEVENT_FAILURE;
@@ -141,7 +140,6 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const uint32_t backoff_ms_;
   const std::string cloudevents_source_;
   const std::string cloudevents_subject_prefix_;
-  const uint32_t minimum_severity_;
   std::string header_block_;  // As the HTTP client takes it. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
 };
@@ -165,8 +163,5 @@ uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
 
 uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                           std::string* error) {
-  if (out == nullptr) return oxEventSetErrorText(oxEventErrors::kWebhookOutput, error);
-  if (const uint32_t refusal = CheckSettings(config, error); refusal != OXEVENT_OK) return refusal;
-  *out = std::make_shared<oxEventWebhookHttpSink>(config);
-  return OXEVENT_OK;
+  return oxEventCreateSink<oxEventWebhookHttpSink>(oxEventErrors::kWebhookOutput, config, out, error, CheckSettings);
 }
