@@ -18,7 +18,7 @@ void AfterForkInChild() {
   ++g_oxEventForkCount;
   oxEventApiForgetInChild();
   oxEventCoreResetAfterFork();
-  oxEventSinkForgetInChild();
+  oxEventSinkResetAfterFork();
   oxEventPlatformNativeAfterForkInChild();
   oxEventLastErrorForgetInChild();
 }

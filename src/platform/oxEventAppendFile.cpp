@@ -18,7 +18,7 @@ constexpr mode_t kFileMode = 0666;  // Less the umask.
 constexpr auto kPipeTimeout = std::chrono::seconds(1);
 
 // Signals of the host's do not cut the wait short.
-bool HasRoomSoon(int fd) {
+bool WaitForRoom(int fd) {
   const auto deadline = std::chrono::steady_clock::now() + kPipeTimeout;
   pollfd room = {fd, POLLOUT, 0};
   while (true) {
@@ -35,12 +35,12 @@ oxEventAppendFile::~oxEventAppendFile() {
 }
 
 bool oxEventAppendFile::Open(const std::string& path) {
-  // Before StartWaiting a pipe without a reader is an error, and so is a full one: a reload must not hang on it.
+  // Before SetBlocking a pipe without a reader is an error, and so is a full one: a reload must not hang on it.
   fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
   return IsOpen();
 }
 
-void oxEventAppendFile::StartWaiting() { fcntl(fd_, F_SETFL, O_APPEND); }
+void oxEventAppendFile::SetBlocking() { fcntl(fd_, F_SETFL, O_APPEND); }
 
 size_t oxEventAppendFile::Write(const char* bytes, size_t size, Wait wait) {
   if (size == 0) return 0;
@@ -51,12 +51,12 @@ size_t oxEventAppendFile::Write(const char* bytes, size_t size, Wait wait) {
   while (done != size) {
     const ssize_t written = write(fd_, bytes + done, size - done);
     error_ = written < 0 ? errno : 0;
-    if (error_ == EINTR || (error_ == EAGAIN && wait == kWait && HasRoomSoon(fd_))) continue;
+    if (error_ == EINTR || (error_ == EAGAIN && wait == kWait && WaitForRoom(fd_))) continue;
     if (written <= 0) break;
     last_write_ = static_cast<size_t>(written);
     done += last_write_;
   }
-  if (wait == kNoWait) StartWaiting();
+  if (wait == kNoWait) SetBlocking();
   return done;
 }
 
@@ -69,7 +69,7 @@ bool oxEventAppendFile::HasContent() const {
   return fstat(fd_, &status) == 0 && status.st_size > 0;
 }
 
-void oxEventAppendFile::TakeBack(size_t size) {
+void oxEventAppendFile::TruncateTail(size_t size) {
   struct stat status;
   if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
   if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;

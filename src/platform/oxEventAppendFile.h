@@ -17,7 +17,7 @@ class oxEventAppendFile {
   // kNoWait: a full pipe ends the write at once.
   enum Wait { kWait, kNoWait };
   // Returns the number of bytes written, which is less than `size` if the write fails. Raises no signal. Before
-  // StartWaiting, a pipe that stays full for one second fails the write.
+  // SetBlocking, a pipe that stays full for one second fails the write.
   size_t Write(const char* bytes, size_t size, Wait wait = kWait);
   // Why the last write failed.
   bool IsOutOfSpace() const;
@@ -25,10 +25,10 @@ class oxEventAppendFile {
   // False for anything but a regular file.
   bool HasContent() const;
   // From now on a write waits for the reader of a pipe, without a limit.
-  void StartWaiting();
+  void SetBlocking();
   // Cuts off the last `size` bytes written. Does nothing if another process has appended after them, or may have
   // written between them, or if the file is not a regular one.
-  void TakeBack(size_t size);
+  void TruncateTail(size_t size);
 
  private:
   int fd_ = -1;

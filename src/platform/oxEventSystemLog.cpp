@@ -27,15 +27,15 @@ namespace {
 
 // How long a fork or a reload waits for a line of ours that is being written; with a log daemon that stalls it may be
 // forever.
-constexpr uint32_t kPatienceMs = 20;
+constexpr uint32_t kLockTimeoutMs = 20;
 
-int FacilityValue(std::string_view name) {
+int SyslogFacility(std::string_view name) {
   constexpr uint32_t kCodeUnit = LOG_USER;  // The facility with the code 1.
   const auto code = oxEventFindWord(g_oxEventNativeFacilityWords, name);
   return code ? static_cast<int>(*code * kCodeUnit) : LOG_LOCAL4;
 }
 
-int Level(uint32_t severity) {
+int SyslogLevel(uint32_t severity) {
   constexpr int kLevels[] = {LOG_DEBUG, LOG_INFO, LOG_WARNING, LOG_ERR};
   return severity < std::size(kLevels) ? kLevels[severity] : LOG_INFO;
 }
@@ -68,7 +68,7 @@ namespace {
 
 // The largest datagram that a socket of the C library's sends to the log; SIZE_MAX: the log takes a stream, or the
 // limit cannot be known.
-size_t MaxDatagram() {
+size_t MaxDatagramSize() {
   constexpr int kKernelOverhead = 32;  // Linux refuses more than SO_SNDBUF less this on a Unix datagram socket.
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return SIZE_MAX;
@@ -83,12 +83,12 @@ size_t MaxDatagram() {
 }
 
 // Cuts a line that the log's socket would refuse, between two characters: syslog(3) would lose all of it silently.
-void CutToDatagram(std::string_view ident, std::string* line) {
+void TruncateToDatagram(std::string_view ident, std::string* line) {
   constexpr size_t kAlwaysFits = 2048;  // Below the least send buffer that Linux can be set to.
   constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest that syslog(3) writes.
   const size_t header = kHeader + ident.size();
   if (header + line->size() <= kAlwaysFits) return;
-  const size_t limit = MaxDatagram();
+  const size_t limit = MaxDatagramSize();
   if (header + line->size() <= limit) return;
   size_t end = limit - std::min(header, limit);
   while (end != 0 && (static_cast<unsigned char>((*line)[end]) & 0xC0) == 0x80) --end;
@@ -112,8 +112,8 @@ uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, ox
   opened->facility_name = oxEventOrDefault(config.facility, defaults.facility);
   opened->subsystem = oxEventOrDefault(config.subsystem, defaults.subsystem);
   opened->category = oxEventOrDefault(config.category, defaults.category);
-  opened->facility = FacilityValue(opened->facility_name);
-  if (g_system_log->mutex.TryLockFor(kPatienceMs)) {  // Else the first line opens it.
+  opened->facility = SyslogFacility(opened->facility_name);
+  if (g_system_log->mutex.TryLockFor(kLockTimeoutMs)) {  // Else the first line opens it.
     if (g_system_log->usable) openlog(opened->ident.c_str(), LOG_PID, opened->facility);
     g_system_log->mutex.Unlock();
   }
@@ -129,14 +129,14 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   }
   if (warning_text != nullptr) warning_text->clear();
   oxEventFormatNativeMessage(event, handle->ident, &handle->line);
-  CutToDatagram(handle->ident, &handle->line);
+  TruncateToDatagram(handle->ident, &handle->line);
   while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
   if (!g_system_log->usable) return oxEventSetErrorText(oxEventErrors::kSinkFailed, warning_text);
   // Opened anew each time: the host, or a native sink that a reload replaced, may have opened or closed the log since.
   openlog(handle->ident.c_str(), LOG_PID, handle->facility);
   g_system_log->writing = true;
-  syslog(handle->facility | Level(event.severity), "%s", handle->line.c_str());
+  syslog(handle->facility | SyslogLevel(event.severity), "%s", handle->line.c_str());
   g_system_log->writing = false;
   oxEventReleaseLongText(&handle->line);
   return OXEVENT_OK;
@@ -146,7 +146,7 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   if (handle == nullptr) return;
   bool locked = false;
   // A line of another sink's that hangs has put that sink's identity in the place of this one's: it may go.
-  while (!(locked = g_system_log->mutex.TryLockFor(kPatienceMs)) && !g_system_log->writing) continue;
+  while (!(locked = g_system_log->mutex.TryLockFor(kLockTimeoutMs)) && !g_system_log->writing) continue;
   if (locked) {
     if (g_system_log->usable) closelog();
     g_system_log->mutex.Unlock();
@@ -159,7 +159,7 @@ OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   ++g_system_log->forks_waiting;
-  const bool locked = g_system_log->mutex.TryLockFor(kPatienceMs);
+  const bool locked = g_system_log->mutex.TryLockFor(kLockTimeoutMs);
   --g_system_log->forks_waiting;
   if (!locked) {
     pthread_setcancelstate(cancel_state, nullptr);

@@ -74,6 +74,6 @@ uint32_t oxEventUdpSender::Send(std::string_view bytes, std::string* error) {
   return Fail(errors_.send, errno, error);
 }
 
-uint32_t oxEventUdpSender::Fail(oxEventErrorText<3> text, int number, std::string* error) const {
-  return oxEventSetErrorText(text, {host_, std::to_string(port_), std::to_string(number)}, error);
+uint32_t oxEventUdpSender::Fail(oxEventErrorText<3> text, int error_number, std::string* error) const {
+  return oxEventSetErrorText(text, {host_, std::to_string(port_), std::to_string(error_number)}, error);
 }

@@ -9,14 +9,14 @@
 
 #include "base/oxEventErrorText.h"
 
-// The texts of its failures. Their places: host, port, and the number of the error.
+// The texts of its failures. Their places: host, port, and the error number.
 struct oxEventUdpErrors {
   oxEventErrorText<3> resolve;
   oxEventErrorText<3> socket;
   oxEventErrorText<3> send;
 };
 
-// What a name server gave for a receiver's name, or the number of the failure.
+// What a name server gave for a receiver's name, or the error number of the lookup that failed.
 struct oxEventUdpLookup;
 // Takes as long as the name server does. Throws when there is no memory.
 std::shared_ptr<const oxEventUdpLookup> oxEventUdpLookUp(const std::string& host, uint32_t port);
@@ -39,7 +39,7 @@ class oxEventUdpSender {
   uint32_t Send(std::string_view bytes, std::string* error);
 
  private:
-  uint32_t Fail(oxEventErrorText<3> text, int number, std::string* error) const;
+  uint32_t Fail(oxEventErrorText<3> text, int error_number, std::string* error) const;
 
   const oxEventUdpErrors errors_;
   const std::string host_;

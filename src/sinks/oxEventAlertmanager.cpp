@@ -15,7 +15,7 @@ namespace {
 using oxEventText::JsonEscape;
 using oxEventText::JsonObject;
 
-constexpr int kShortDigits = 6;  // Significant digits of a double for people.
+constexpr int kDisplayDigits = 6;  // Significant digits of a double for people.
 
 bool IsResolved(std::string_view action) {
   constexpr std::string_view kResolved[] = {"clear", "resolve", "resolved"};
@@ -111,7 +111,7 @@ void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
   annotations.AddStringField("ox_units", event.units);
   const auto add_number = [&](std::string_view name, double value) {
     AddString(name, &annotations, out, [&] {
-      if (std::isfinite(value)) oxEventAppendNumber(out, value, kShortDigits);
+      if (std::isfinite(value)) oxEventAppendNumber(out, value, kDisplayDigits);
     });
   };
   add_number("ox_value", event.value);

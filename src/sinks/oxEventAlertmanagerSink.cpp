@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kUsualSize = 2048;  // Bytes of a document.
+constexpr size_t kInitialCapacity = 2048;  // Bytes of a document.
 
 // Keeps the document of the latest event. Sends nothing: the host delivers the documents that it formats itself.
 class oxEventAlertmanagerSink : public oxEventSink {
@@ -19,8 +19,8 @@ class oxEventAlertmanagerSink : public oxEventSink {
       : oxEventSink(config.minimum_severity),
         formatter_config_{config.send_resolved, config.allow_source_label,
                           oxEventOrDefault(config.alertname_prefix, "OxEvent")} {
-    latest_document_.reserve(kUsualSize);
-    spare_.reserve(kUsualSize);
+    latest_document_.reserve(kInitialCapacity);
+    spare_document_.reserve(kInitialCapacity);
   }
 
  private:
@@ -30,14 +30,14 @@ class oxEventAlertmanagerSink : public oxEventSink {
     oxEventText::UtcCache utc_cache;
     {
       oxEventLock lock(mutex_);
-      document.swap(spare_);
+      document.swap(spare_document_);
       utc_cache = utc_cache_;
     }
     oxEventFormatAlertmanagerAlert(event, formatter_config_, &document, &utc_cache);
     oxEventLock lock(mutex_);
     document.swap(latest_document_);
-    document.swap(spare_);
-    oxEventReleaseLongText(&spare_);
+    document.swap(spare_document_);
+    oxEventReleaseLongText(&spare_document_);
     utc_cache_ = utc_cache;
     return OXEVENT_OK;
   }
@@ -45,7 +45,7 @@ class oxEventAlertmanagerSink : public oxEventSink {
   oxEventMutex mutex_;
   const oxEventAlertmanagerFormatterConfig formatter_config_;
   std::string latest_document_ OX_GUARDED_BY(mutex_);
-  std::string spare_ OX_GUARDED_BY(mutex_);  // The memory of the one before, for the next.
+  std::string spare_document_ OX_GUARDED_BY(mutex_);  // The memory of the one before, for the next.
   oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
 };
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-bool Call(oxEventCallback callback, const oxEventRecord& record, void* user_data) {
+bool InvokeCallback(oxEventCallback callback, const oxEventRecord& record, void* user_data) {
   try {
     callback(&record, user_data);
     return true;
@@ -36,7 +36,7 @@ uint32_t oxEventCallbackSink::Deliver(const oxEventNormalizedEvent& event, uint6
   uint32_t result = OXEVENT_OK;
   for (const auto& registration : *registrations) {
     if (registration->removed) continue;
-    const bool returned = Call(registration->callback, record, registration->user_data);
+    const bool returned = InvokeCallback(registration->callback, record, registration->user_data);
     if (g_oxEventForkCount != forks) break;  // A child: the others are the parent's to call.
     if (returned) continue;
     std::string id;

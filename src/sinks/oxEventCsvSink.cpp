@@ -20,7 +20,7 @@ constexpr size_t kBufferSize = 64 * 1024;
 constexpr uint32_t kTryFlushTimeoutMs = 100;  // For the worker to write a row. If it takes longer, its write hangs.
 
 // Bytes of the whole rows that the text begins with. A line feed within quotes ends no row.
-size_t WholeRows(std::string_view text) {
+size_t WholeRowsSize(std::string_view text) {
   size_t end = 0;
   bool quoted = false;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -57,15 +57,17 @@ class oxEventCsvSink : public oxEventSink {
       failed_ = false;
       header_pending_ = true;
     }
-    file_.StartWaiting();
+    file_.SetBlocking();
     return OXEVENT_OK;
   }
 
   // The timeout is for another thread's write that hangs, to a pipe that nobody reads say; the own write takes its
   // time.
-  uint32_t Flush(uint32_t timeout_ms, std::string* error) override { return Write(timeout_ms, true, nullptr, error); }
+  uint32_t Flush(uint32_t timeout_ms, std::string* error) override {
+    return WriteBuffer(timeout_ms, true, nullptr, error);
+  }
   uint32_t Drain(uint32_t timeout_ms, bool* busy, std::string* error) override {
-    return Write(timeout_ms, false, busy, error);
+    return WriteBuffer(timeout_ms, false, busy, error);
   }
 
   void TryFlush() override OX_EXCLUDES(mutex_) {
@@ -83,7 +85,7 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  uint32_t Write(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
+  uint32_t WriteBuffer(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
     } else if (!mutex_.TryLockFor(timeout_ms)) {
@@ -147,7 +149,7 @@ class oxEventCsvSink : public oxEventSink {
     const size_t written = file_.Write(rows.data(), rows.size(), wait);
     if (written == rows.size() || (wait == oxEventAppendFile::kNoWait && file_.IsFullPipe())) return written;
     failed_ = true;
-    file_.TakeBack(written - WholeRows(rows.substr(0, written)));
+    file_.TruncateTail(written - WholeRowsSize(rows.substr(0, written)));
     return written;
   }
 

@@ -28,7 +28,7 @@ bool CallSink(Call call, std::string* error) {
 
 }  // namespace
 
-void oxEventActiveSink::NoteFailure(std::string error) {
+void oxEventActiveSink::RecordFailure(std::string error) {
   oxEventTraceSinkFailure(section_, name_.c_str(), error.c_str());
   oxEventLock lock(mutex_);
   ++failures_;
@@ -60,7 +60,7 @@ uint32_t oxEventSinkGeneration::Deliver(const oxEventNormalizedEvent& event, uin
         CallSink([&](auto* text) { return sink->Get().Submit(event, &sink_warnings, text); }, &error);
     if (warnings != nullptr) *warnings += sink_warnings;
     if (delivered || g_oxEventForkCount != forks) continue;
-    sink->NoteFailure(std::move(error));
+    sink->RecordFailure(std::move(error));
     if (failed_sinks != nullptr) ++*failed_sinks;
     result = OXEVENT_FAILURE;
   }
@@ -75,7 +75,7 @@ bool oxEventSinkGeneration::Flush(uint32_t timeout_ms) {
   for (const auto& sink : sinks_) {
     std::string error;
     if (CallSink([&](auto* text) { return sink->Get().Flush(timeout_ms, text); }, &error)) continue;
-    sink->NoteFailure(std::move(error));
+    sink->RecordFailure(std::move(error));
     flushed = false;
   }
   return flushed;
@@ -93,7 +93,7 @@ bool oxEventSinkGeneration::Drain(uint32_t timeout_ms) {
     bool busy = false;
     std::string error;
     if (CallSink([&](auto* text) { return sink->Get().Drain(timeout_ms, &busy, text); }, &error)) continue;
-    sink->NoteFailure(std::move(error));
+    sink->RecordFailure(std::move(error));
     if (busy) {
       drained = false;
     } else {

@@ -20,7 +20,7 @@ class oxEventActiveSink {
       : section_(section), name_(std::move(name)), sink_(std::move(sink)) {}
 
   oxEventSink& Get() const { return *sink_; }
-  void NoteFailure(std::string error) OX_EXCLUDES(mutex_);
+  void RecordFailure(std::string error) OX_EXCLUDES(mutex_);
   oxEventSinkStatus Status() OX_EXCLUDES(mutex_);
 
  private:

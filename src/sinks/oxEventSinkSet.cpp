@@ -94,7 +94,7 @@ void ClearSinkError() {
   g_sinks->last_error.reset();
 }
 
-SharedGeneration Active() {
+SharedGeneration ActiveGeneration() {
   oxEventLock lock(g_sinks->mutex);
   return g_sinks->active;
 }
@@ -112,7 +112,7 @@ uint32_t BuildEnabledSinks(const oxEventConfig& config, oxEventSinkGeneration::S
   return OXEVENT_OK;
 }
 
-uint32_t Replace(const oxEventConfig& config, oxEventErrorText<0> default_error) {
+uint32_t ReplaceSinks(const oxEventConfig& config, oxEventErrorText<0> default_error) {
   oxEventSinkGeneration::Sinks sinks;
   std::string error;
   const uint32_t result = BuildEnabledSinks(config, &sinks, &error);
@@ -143,16 +143,18 @@ void oxEventSinkLookUpHosts(oxEventConfig* config) {
   }
 }
 
-uint32_t oxEventSinkInitialize(const oxEventConfig& config) { return Replace(config, oxEventErrors::kSinkStartFailed); }
+uint32_t oxEventSinkInitialize(const oxEventConfig& config) {
+  return ReplaceSinks(config, oxEventErrors::kSinkStartFailed);
+}
 
 uint32_t oxEventSinkReloadConfig(const oxEventConfig& config) {
-  return Replace(config, oxEventErrors::kSinkReloadFailed);
+  return ReplaceSinks(config, oxEventErrors::kSinkReloadFailed);
 }
 
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings) {
   if (failed_sinks != nullptr) *failed_sinks = 0;
   if (warnings != nullptr) *warnings = 0;
-  SharedGeneration generation = Active();
+  SharedGeneration generation = ActiveGeneration();
   if (generation == nullptr) return OXEVENT_OK;
   const unsigned forks = g_oxEventForkCount;
   const uint32_t result = generation->Deliver(event, failed_sinks, warnings);
@@ -162,7 +164,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
 }
 
 uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
-  const SharedGeneration generation = Active();
+  const SharedGeneration generation = ActiveGeneration();
   const bool flushed = generation == nullptr || generation->Flush(timeout_ms);
   if (g_sinks->drain_failed.exchange(false) || !flushed) {
     constexpr oxEventErrorText<0> kError(oxEventErrors::kSinkFlushFailed);
@@ -175,7 +177,7 @@ uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
 }
 
 void oxEventSinkTryFlush() {
-  if (const SharedGeneration generation = Active(); generation != nullptr) generation->TryFlush();
+  if (const SharedGeneration generation = ActiveGeneration(); generation != nullptr) generation->TryFlush();
 }
 
 uint32_t oxEventSinkShutdown() {
@@ -208,8 +210,8 @@ std::string oxEventSinkGetLastError() {
 }
 
 std::vector<oxEventSinkStatus> oxEventSinkReport() {
-  const SharedGeneration generation = Active();
+  const SharedGeneration generation = ActiveGeneration();
   return generation != nullptr ? generation->Report() : std::vector<oxEventSinkStatus>();
 }
 
-void oxEventSinkForgetInChild() { g_sinks.Reset(); }
+void oxEventSinkResetAfterFork() { g_sinks.Reset(); }

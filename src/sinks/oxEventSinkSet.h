@@ -55,4 +55,4 @@ struct oxEventSinkStatus {
 std::vector<oxEventSinkStatus> oxEventSinkReport();
 
 // In a fork's child: as after load; what the parent's sinks hold is abandoned, not released.
-void oxEventSinkForgetInChild();
+void oxEventSinkResetAfterFork();

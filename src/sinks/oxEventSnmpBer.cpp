@@ -18,14 +18,14 @@ void AppendBigEndian(size_t value, size_t count, std::string* out) {
 }
 
 // The tag and the length of the content, in the fewest bytes.
-void AppendHead(Tag tag, size_t length, std::string* out) {
+void AppendTagAndLength(Tag tag, size_t length, std::string* out) {
   out->push_back(static_cast<char>(tag));
   const size_t count = ByteCount(length);
   if (length > kShortForm) out->push_back(static_cast<char>(0x80 | count));
   AppendBigEndian(length, std::max<size_t>(count, 1), out);
 }
 
-size_t HeadSize(size_t length) { return length > kShortForm ? 2 + ByteCount(length) : 2; }
+size_t TagAndLengthSize(size_t length) { return length > kShortForm ? 2 + ByteCount(length) : 2; }
 
 void AppendBase128(uint32_t arc, std::string* out) {
   int shift = 28;
@@ -35,7 +35,7 @@ void AppendBase128(uint32_t arc, std::string* out) {
 }
 
 // Cuts the first arc off the dotted rest. False: it is no number of 32 bits.
-bool NextArc(std::string_view* rest, uint32_t* arc) {
+bool ParseArc(std::string_view* rest, uint32_t* arc) {
   const std::string_view text = rest->substr(0, rest->find('.'));
   rest->remove_prefix(text.size());
   const char* const end = text.data() + text.size();
@@ -44,21 +44,21 @@ bool NextArc(std::string_view* rest, uint32_t* arc) {
 }
 
 // The same of the second arc and those that follow, which a dot precedes.
-bool NextDottedArc(std::string_view* rest, uint32_t* arc) {
+bool ParseNextArc(std::string_view* rest, uint32_t* arc) {
   if (rest->empty()) return false;
   rest->remove_prefix(1);
-  return NextArc(rest, arc);
+  return ParseArc(rest, arc);
 }
 
 bool AppendArcs(std::string_view dotted, std::string* out) {
   uint32_t first = 0;
   uint32_t second = 0;
-  if (!NextArc(&dotted, &first) || !NextDottedArc(&dotted, &second)) return false;
+  if (!ParseArc(&dotted, &first) || !ParseNextArc(&dotted, &second)) return false;
   if (first > 2 || (first < 2 && second > 39)) return false;
   out->push_back(static_cast<char>((first * 40 + second) & 0xFF));
   while (!dotted.empty()) {
     uint32_t arc = 0;
-    if (!NextDottedArc(&dotted, &arc)) return false;
+    if (!ParseNextArc(&dotted, &arc)) return false;
     AppendBase128(arc, out);
   }
   return true;
@@ -68,18 +68,18 @@ bool AppendArcs(std::string_view dotted, std::string* out) {
 
 void Wrap(Tag tag, size_t begin, std::string* out) {
   std::string head;  // At most ten bytes: needs no memory.
-  AppendHead(tag, out->size() - begin, &head);
+  AppendTagAndLength(tag, out->size() - begin, &head);
   out->insert(begin, head);
 }
 
 void Integer(Tag tag, uint32_t value, std::string* out) {
   const size_t length = static_cast<size_t>(std::bit_width(value)) / 8 + 1;  // With a bit for the sign.
-  AppendHead(tag, length, out);
+  AppendTagAndLength(tag, length, out);
   AppendBigEndian(value, length, out);
 }
 
 void OctetString(std::string_view text, std::string* out) {
-  AppendHead(kOctetString, text.size(), out);
+  AppendTagAndLength(kOctetString, text.size(), out);
   out->append(text);
 }
 
@@ -94,13 +94,13 @@ bool ObjectIdentifier(std::string_view dotted, std::string* out) {
 }
 
 void AppendVarBind(std::string_view oid, std::string_view value, std::string* list) {
-  AppendHead(kSequence, oid.size() + value.size(), list);
+  AppendTagAndLength(kSequence, oid.size() + value.size(), list);
   list->append(oid).append(value);
 }
 
 void AppendStringVarBind(std::string_view oid, std::string_view text, size_t max_length, std::string* list) {
   text = text.substr(0, max_length);
-  AppendHead(kSequence, oid.size() + HeadSize(text.size()) + text.size(), list);
+  AppendTagAndLength(kSequence, oid.size() + TagAndLengthSize(text.size()) + text.size(), list);
   list->append(oid);
   OctetString(text, list);
 }

@@ -22,14 +22,14 @@ namespace {
 
 constexpr size_t kMaxMessage = 8192;            // Bytes; a longer trap is refused.
 constexpr uint32_t kMaxRequestId = 0x7FFFFFFF;  // RFC 3416, section 3.
-constexpr int kObjects = 12;
+constexpr int kObjectCount = 12;
 constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSnmpResolve, oxEventErrors::kSnmpSocket,
                                          oxEventErrors::kSnmpSend};
 
 std::string OidJoin(std::string_view oid, std::string_view suffix) { return std::string(oid).append(suffix); }
 
 // Empty: the OID is not valid.
-std::string Encoded(std::string_view dotted) {
+std::string EncodeOid(std::string_view dotted) {
   std::string oid;
   SnmpBer::ObjectIdentifier(dotted, &oid);
   return oid;
@@ -52,14 +52,14 @@ class oxEventSnmpTrapSink : public oxEventSink {
         community_(oxEventOrDefault(config.community, defaults.community)),
         enterprise_oid_(oxEventOrDefault(config.enterprise_oid, defaults.enterprise_oid)),
         trap_oid_(oxEventOrDefault(config.trap_oid, defaults.trap_oid)),
-        sys_up_time_(Encoded("1.3.6.1.2.1.1.3.0")),
-        snmp_trap_oid_(Encoded("1.3.6.1.6.3.1.1.4.1.0")),
-        trap_(Encoded(trap_oid_)),
+        encoded_sys_up_time_(EncodeOid("1.3.6.1.2.1.1.3.0")),
+        encoded_snmp_trap_oid_(EncodeOid("1.3.6.1.6.3.1.1.4.1.0")),
+        encoded_trap_oid_(EncodeOid(trap_oid_)),
         sender_(kUdpErrors, Host(config, defaults), Port(config, defaults), config.lookup) {
     message_.reserve(kMaxMessage);
     decimal_.reserve(std::numeric_limits<uint64_t>::digits10 + 1);
-    for (int i = 1; i <= kObjects; ++i) {
-      objects_.push_back(Encoded(OidJoin(enterprise_oid_, ".1." + std::to_string(i) + ".0")));
+    for (int i = 1; i <= kObjectCount; ++i) {
+      encoded_objects_.push_back(EncodeOid(OidJoin(enterprise_oid_, ".1." + std::to_string(i) + ".0")));
     }
   }
 
@@ -73,8 +73,9 @@ class oxEventSnmpTrapSink : public oxEventSink {
       OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
     // Told at each event, not at the start: a start that fails would take the other sinks with it.
-    if (trap_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
-    if (objects_[0].empty()) return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
+    if (encoded_trap_oid_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
+    if (encoded_objects_[0].empty())
+      return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
     FormatLocked(event);
     if (message_.size() > kMaxMessage) return oxEventSetErrorText(oxEventErrors::kSnmpTooLong, error);
     return sender_.Send(message_, error);
@@ -98,9 +99,9 @@ class oxEventSnmpTrapSink : public oxEventSink {
     const size_t list = message_.size();
     std::string number;  // Short: needs no memory.
     SnmpBer::Integer(SnmpBer::kTimeTicks, now_ms / 10, &number);
-    SnmpBer::AppendVarBind(sys_up_time_, number, &message_);
-    SnmpBer::AppendVarBind(snmp_trap_oid_, trap_, &message_);
-    auto object = objects_.begin();
+    SnmpBer::AppendVarBind(encoded_sys_up_time_, number, &message_);
+    SnmpBer::AppendVarBind(encoded_snmp_trap_oid_, encoded_trap_oid_, &message_);
+    auto object = encoded_objects_.begin();
     number.clear();
     SnmpBer::Integer(SnmpBer::kInteger, event.severity, &number);
     SnmpBer::AppendVarBind(*object++, number, &message_);
@@ -129,11 +130,11 @@ class oxEventSnmpTrapSink : public oxEventSink {
   const std::string community_;
   const std::string enterprise_oid_;
   const std::string trap_oid_;
-  // Encoded.
-  const std::string sys_up_time_;
-  const std::string snmp_trap_oid_;
-  const std::string trap_;
-  std::vector<std::string> objects_;  // .1.1.0 to .1.12.0 below the enterprise OID. Constant after construction.
+  // Encoded OIDs. Constant after construction; empty where the setting is no valid OID.
+  const std::string encoded_sys_up_time_;
+  const std::string encoded_snmp_trap_oid_;
+  const std::string encoded_trap_oid_;
+  std::vector<std::string> encoded_objects_;  // .1.1.0 to .1.12.0 below the enterprise OID.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string message_ OX_GUARDED_BY(mutex_);  // Reused.
   std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused.

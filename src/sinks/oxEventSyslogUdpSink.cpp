@@ -22,11 +22,11 @@ namespace {
 
 constexpr uint32_t kDefaultPort = 514;  // RFC 5426, section 3.3.
 constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is cut.
-constexpr int kShortDigits = 6;         // Significant digits of a double for people.
+constexpr int kDisplayDigits = 6;       // Significant digits of a double for people.
 constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
                                          oxEventErrors::kSyslogSend};
 
-constexpr uint32_t kLocal0 = 16;  // RFC 5424, table 1.
+constexpr uint32_t kDefaultFacility = 16;  // RFC 5424, table 1.
 
 uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
   constexpr uint32_t kSeverities[] = {7, 6, 4, 3};
@@ -46,41 +46,41 @@ void StructuredDataValue(std::string_view text, std::string* line) {
   oxEventText::AppendEscaped(text, is_special, line, [line](char c) { line->append(1, '\\').append(1, c); });
 }
 
-void OpenParameter(std::string_view name, std::string* line) { line->append(1, ' ').append(name).append("=\""); }
+void BeginParameter(std::string_view name, std::string* line) { line->append(1, ' ').append(name).append("=\""); }
 
-void AddText(std::string_view name, std::string_view text, std::string* line) {
-  OpenParameter(name, line);
+void AddStringParameter(std::string_view name, std::string_view text, std::string* line) {
+  BeginParameter(name, line);
   StructuredDataValue(text, line);
   line->push_back('"');
 }
 
-template <class... NumberAndDigits>
-void AddNumber(std::string_view name, std::string* line, NumberAndDigits... value_and_digits) {
-  OpenParameter(name, line);
-  oxEventAppendNumber(line, value_and_digits...);
+template <class... NumberArguments>
+void AddNumberParameter(std::string_view name, std::string* line, NumberArguments... number) {
+  BeginParameter(name, line);
+  oxEventAppendNumber(line, number...);
   line->push_back('"');
 }
 
 void AppendStructuredData(const oxEventNormalizedEvent& event, std::string* line) {
   line->append("[velmora@32473");
-  AddNumber("version", line, uint64_t{OXEVENT_API_VERSION});
-  AddNumber("event_id", line, event.event_id);
-  AddText("severity", oxEventSeverityName(event.severity), line);
-  AddText("action", event.action, line);
-  AddText("event_type", event.event_type, line);
-  AddText("source_id", event.source_id, line);
-  AddText("source_name", event.source_name, line);
-  AddText("dedupe_key", event.dedupe_key, line);
-  AddText("correlation_id", event.correlation_id, line);
-  AddNumber("utc_ns", line, event.utc_ns);
-  AddNumber("ptp_ns", line, event.ptp_ns);
-  AddNumber("pts", line, event.pts);
-  AddText("timecode", event.timecode, line);
-  AddNumber("value", line, event.value, kShortDigits);
-  AddNumber("threshold", line, event.threshold, kShortDigits);
-  AddText("units", event.units, line);
-  AddNumber("duration_ms", line, event.duration_ms);
-  AddText("details_json", event.details_json, line);
+  AddNumberParameter("version", line, uint64_t{OXEVENT_API_VERSION});
+  AddNumberParameter("event_id", line, event.event_id);
+  AddStringParameter("severity", oxEventSeverityName(event.severity), line);
+  AddStringParameter("action", event.action, line);
+  AddStringParameter("event_type", event.event_type, line);
+  AddStringParameter("source_id", event.source_id, line);
+  AddStringParameter("source_name", event.source_name, line);
+  AddStringParameter("dedupe_key", event.dedupe_key, line);
+  AddStringParameter("correlation_id", event.correlation_id, line);
+  AddNumberParameter("utc_ns", line, event.utc_ns);
+  AddNumberParameter("ptp_ns", line, event.ptp_ns);
+  AddNumberParameter("pts", line, event.pts);
+  AddStringParameter("timecode", event.timecode, line);
+  AddNumberParameter("value", line, event.value, kDisplayDigits);
+  AddNumberParameter("threshold", line, event.threshold, kDisplayDigits);
+  AddStringParameter("units", event.units, line);
+  AddNumberParameter("duration_ms", line, event.duration_ms);
+  AddStringParameter("details_json", event.details_json, line);
   line->push_back(']');
 }
 
@@ -101,7 +101,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
  public:
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)
       : oxEventSink(config.minimum_severity),
-        facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kLocal0)),
+        facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kDefaultFacility)),
         sender_(kUdpErrors, Host(config), Port(config), config.lookup) {
     const auto add = [this](std::string_view text, size_t max_length) {
       origin_.push_back(' ');

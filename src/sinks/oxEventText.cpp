@@ -21,7 +21,7 @@ constexpr uint64_t kNsPerSecond = 1'000'000'000;
 constexpr int kRoundTripDigits = 17;  // Enough significant digits to read any double back exactly.
 
 // The character after the backslash; 'u' for those that are spelled in hexadecimal.
-constexpr char EscapeOf(unsigned char byte) {
+constexpr char EscapeLetter(unsigned char byte) {
   switch (byte) {
     case '"':
     case '\\':
@@ -176,7 +176,7 @@ void JsonEscape(std::string_view text, std::string* out) {
   const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
   AppendEscaped(text, is_special, out, [out](char c) {
     const auto byte = static_cast<unsigned char>(c);
-    const char escape = EscapeOf(byte);
+    const char escape = EscapeLetter(byte);
     out->append(1, '\\').append(1, escape);
     if (escape == 'u') out->append("00").append(1, kHex[byte >> 4]).append(1, kHex[byte & 0xF]);
   });

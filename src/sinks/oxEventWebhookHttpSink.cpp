@@ -50,7 +50,7 @@ void SplitHeaders(std::string_view text, Add add) {
 }
 
 // Whether the text breaks off within a UTF-8 sequence. The separator would pass for its last byte.
-bool EndsWithinSequence(std::string_view text) {
+bool EndsInsideUtf8Sequence(std::string_view text) {
   for (size_t length = 1; length <= std::min<size_t>(text.size(), 3); ++length) {
     const auto byte = static_cast<unsigned char>(text[text.size() - length]);
     if (byte >= 0xC0) return length < (byte >= 0xF0 ? 4u : byte >= 0xE0 ? 3u : 2u);
@@ -66,8 +66,8 @@ std::string EndpointUrl(const oxEventSinkConfig& config) {
 
 constexpr uint32_t FirstNonZero(uint32_t a, uint32_t b, uint32_t c) { return a != 0 ? a : b != 0 ? b : c; }
 
-// Posts each event as one JSON document. Blocks the worker for as long as the tries take: events go out in order, one
-// at a time.
+// Posts each event as one JSON document. Blocks the worker for as long as the attempts take: events go out in order,
+// one at a time.
 class oxEventWebhookHttpSink : public oxEventSink {
  public:
   explicit oxEventWebhookHttpSink(const oxEventSinkConfig& config)
@@ -100,9 +100,9 @@ class oxEventWebhookHttpSink : public oxEventSink {
   }
 
   uint32_t PostLocked(std::string* error) OX_REQUIRES(mutex_) {
-    const uint32_t tries = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
-    if (tries == 0) return OXEVENT_FAILURE;
-    for (uint32_t i = 0; i < tries; ++i) {
+    const uint32_t attempts = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
+    if (attempts == 0) return OXEVENT_FAILURE;
+    for (uint32_t i = 0; i < attempts; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
       if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_)) return OXEVENT_OK;
     }
@@ -111,7 +111,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
 
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
     const auto add = [this](std::string_view name, std::string_view value = "") {
-      if (EndsWithinSequence(header_block_))
+      if (EndsInsideUtf8Sequence(header_block_))
         header_block_.push_back(' ');  // A blank at the end of a value means nothing.
       if (!header_block_.empty()) header_block_.push_back(kLineSeparator);
       header_block_.append(name).append(value);
