@@ -14,7 +14,7 @@
 namespace fs = std::filesystem;
 using std::string_literals::operator""s;
 
-// As of a host that exports a build of pugixml of its own, which the companion must not call.
+// Stands for a host that exports its own build of pugixml, which the companion must not call.
 #define LOAD_BUFFER "_ZN4pugi12xml_document11load_bufferEPKvmjNS_12xml_encodingE"
 extern "C" void LoadBuffer() __asm__(LOAD_BUFFER);
 void LoadBuffer() { abort(); }
@@ -112,9 +112,8 @@ TEST_F(oxCFG, CarriesAnyTextThroughTheFile) {
 
 TEST_F(oxCFG, DecodesReferencesAndKeepsThemInTheFile) {
   const std::string text =
-      "<config><key a='' name='a&lt;&quot;\"'><value "
-      "name='v'>&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#6x;&#x;&#1</value>"
-      "</key><key name=\"b\"/></config>";
+      "<config><key a='' name='a&lt;&quot;\"'><value name='v'>"
+      "&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#6x;&#x;&#1</value></key><key name=\"b\"/></config>";
   const Store store = Open(text);
   const std::string decoded = "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#6x;&#x;&#1";
   EXPECT_EQ(Get(store, "a<\"\"", "v"), decoded);
@@ -159,7 +158,7 @@ TEST_F(oxCFG, WalksEachNameOnceAndInOrder) {
   std::string previous;
   for (const std::string& expected : {"a/"s, "x"s, "a"s, "m"s, "m/"s, longest + "/"}) {
     EXPECT_EQ(next("", previous.c_str()), expected);
-    EXPECT_EQ(next("k", previous.c_str()), expected);  // Two walks at a time.
+    EXPECT_EQ(next("k", previous.c_str()), expected);  // Two iterations at a time.
     previous = expected.substr(0, expected.find('/'));
   }
   EXPECT_EQ(next("", "x") + next("", "m"), "a" + longest + "/");
@@ -220,14 +219,14 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
     const ssize_t size = getxattr(path_.c_str(), name, value, sizeof value);
     return size < 0 ? "none" : std::string(value, static_cast<size_t>(size));
   };
-  // Version 2 of Linux's access lists, with an entry for one more user.
+  // A Linux access list, version 2, with an entry for one more user.
   const uint32_t list[] = {2, 0x60001, ~0u, 0x40002, user_ + 1, 0x40004, ~0u, 0x40010, ~0u, 0x20, ~0u};
   ASSERT_EQ(setxattr(folder_.c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
   Write("<config/>");
   const auto saves = [&](std::string_view failing, int error) {
     const Store store = Open();
     const Faults faults([&](std::string_view call, long fd) {
-      const fs::path created = "/proc/self/fd/" + std::to_string(fd);  // The system may label it by rules of its own.
+      const fs::path created = "/proc/self/fd/" + std::to_string(fd);  // The system may set its own label.
       if (call == "write") setxattr(created.c_str(), "user.a", "by rule", 7, 0);
       return call.ends_with(failing) ? error : 0;
     });
@@ -241,10 +240,10 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
   for (const char* call : {"llistxattr", "lgetxattr", "fsetxattr"}) EXPECT_FALSE(saves(call, EACCES)) << call;
   EXPECT_TRUE(Get(Open(), "", "v") == "(none)11" && attribute("user.empty") + attribute("user.a") == "old");
   EXPECT_EQ(attribute(kAcl), std::string(reinterpret_cast<const char*>(list), sizeof list));
-  EXPECT_TRUE(saves("xattr", ENOTSUP));  // On a file system without any.
+  EXPECT_TRUE(saves("xattr", ENOTSUP));  // A file system without extended attributes.
 }
 
-// Nor is the new file readable to more people while it is written. Calls that a signal interrupts are made again.
+// The new file is never readable for more users, and interrupted calls are repeated.
 TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndMode) {
   fs::create_symlink(std::string(255, 't'), path_);  // The longest name.
   Write("<config/>");
@@ -260,7 +259,7 @@ TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndMode) {
     });
     EXPECT_TRUE(Set(store, "", "v", std::string(1500, 'v')) && Save(store));
   }
-  EXPECT_EQ(calls, 8);  // Two writes, two syncs, each made twice.
+  EXPECT_EQ(calls, 8);  // Two writes and two syncs, each repeated once.
   EXPECT_TRUE(Set(store, "", "v", "again") && Save(store) && fs::is_symlink(path_));
   struct stat status;
   EXPECT_TRUE(stat(path_.c_str(), &status) == 0 && status.st_uid == user_ && (status.st_mode & 07777) == 04755);
@@ -310,7 +309,7 @@ TEST_F(oxCFG, IsTheOldOrTheNewFileWhicheverCallFailsOrComesLast) {
       EXPECT_TRUE(is_new ? Get(Open(), "", "v") == "new" : !must_be_new || how == "once") << how << " at call " << at;
       EXPECT_TRUE(how != "once" || Entries(folder_) == 1) << at;
     }
-    EXPECT_TRUE(is_new && at > 16) << at;  // As many as the save makes system calls, at least.
+    EXPECT_TRUE(is_new && at > 16) << at;  // At least as many as a save makes system calls.
   }
 }
 
