@@ -191,6 +191,16 @@ TEST_F(QueueTest, AcceptsAgainAfterAStopAndAStart) {
   EXPECT_EQ(StopAndPopAll(), "ab");
 }
 
+TEST_F(QueueTest, ReusesTheMemoryOfADeliveredEvent) {
+  queue.Start(3, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  const oxEventNormalizedEvent* const delivered = queue.WaitPop();
+  queue.CompleteActiveEvent();
+  ASSERT_EQ(node_cache, nullptr);
+  EXPECT_EQ(Enqueue("b"), Result::kQueued);
+  EXPECT_EQ(queue.WaitPop(), delivered);
+}
+
 TEST_F(QueueTest, RecordsEveryDropByItsReason) {
   queue.Start(1, Policy::kDropDebugInfoFirst);
   EXPECT_EQ(Enqueue("a", kInfo), Result::kQueued);
