@@ -11,8 +11,8 @@
 #include <new>
 
 #include "base/oxEventCopyString.h"
-#include "base/oxEventNoDestructor.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventNoDestructor.h"
 
 namespace {
 

@@ -17,9 +17,9 @@
 #include <thread>
 
 #include "base/oxEventErrorText.h"
-#include "base/oxEventNoDestructor.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventNativeMessage.h"
+#include "base/oxEventNoDestructor.h"
 #include "base/oxEventOrDefault.h"
 #include "config/oxEventSettings.h"
 

@@ -9,9 +9,9 @@
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventForkCount.h"
-#include "base/oxEventNoDestructor.h"
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
+#include "base/oxEventNoDestructor.h"
 #include "config/oxEventSettings.h"
 #include "sinks/oxEventCallbackSink.h"
 #include "sinks/oxEventSink.h"
