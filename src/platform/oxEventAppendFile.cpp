@@ -17,7 +17,7 @@ namespace {
 constexpr mode_t kFileMode = 0666;  // Less the umask.
 constexpr auto kPipeTimeout = std::chrono::seconds(1);
 
-// Signals of the host's do not cut the wait short.
+// Returns whether the pipe has room before the timeout. A signal handler of the host does not end the wait.
 bool WaitForRoom(int fd) {
   const auto deadline = std::chrono::steady_clock::now() + kPipeTimeout;
   pollfd room = {fd, POLLOUT, 0};
@@ -35,7 +35,7 @@ oxEventAppendFile::~oxEventAppendFile() {
 }
 
 bool oxEventAppendFile::Open(const std::string& path) {
-  // Before SetBlocking a pipe without a reader is an error, and so is a full one: a reload must not hang on it.
+  // Non-blocking until SetBlocking: a reload must not hang on a pipe that has no reader or is full.
   fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
   return IsOpen();
 }
@@ -45,7 +45,7 @@ void oxEventAppendFile::SetBlocking() { fcntl(fd_, F_SETFL, O_APPEND); }
 size_t oxEventAppendFile::Write(const char* bytes, size_t size, Wait wait) {
   if (size == 0) return 0;
   const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
-  const oxEventCancelBlock cancel_block;  // Or the bytes might be written and count as not written.
+  const oxEventCancelBlock cancel_block;  // Otherwise bytes could be written without being counted.
   if (wait == kNoWait) fcntl(fd_, F_SETFL, O_APPEND | O_NONBLOCK);
   size_t done = 0;
   while (done != size) {
@@ -73,6 +73,6 @@ void oxEventAppendFile::TruncateTail(size_t size) {
   struct stat status;
   if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
   if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;
-  // Where the file may only grow, it stays as it is.
+  // Fails on an append-only file, which keeps its tail.
   static_cast<void>(TEMP_FAILURE_RETRY(ftruncate(fd_, status.st_size - static_cast<off_t>(size))) == 0);
 }

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr mode_t kDirectoryMode = 0775;
-constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes that oxOSMakeDir is given, the terminating zero included.
+constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes passed to oxOSMakeDir, including the terminating NUL.
 constexpr char kSeparators[] = "/\\";
 
 bool IsDriveRoot(std::string_view path) { return path.size() == 3 && path[1] == ':'; }

@@ -24,7 +24,7 @@ bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_b
 
 const char* oxEventPlatformHttpSteeringVariable() {
   if (getauxval(AT_SECURE) == 0) return nullptr;
-  // Those that libcurl and OpenSSL read with getenv.
+  // The variables that libcurl and OpenSSL read with getenv.
   for (const char* const variable :
        {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap", "OPENSSL_s390xcap"}) {
     if (getenv(variable) != nullptr) return variable;

@@ -11,8 +11,8 @@ uint64_t oxEventPlatformGetPtpNano();
 // Milliseconds of a monotonic clock, modulo 2^32.
 uint32_t oxEventPlatformGetMs();
 
-// Names the calling thread, with at most 15 bytes. Names no other thread: the C library opens a file for that, which a
-// child process would inherit.
+// Names the calling thread, with at most 15 bytes. For another thread the C library would open a file without
+// O_CLOEXEC, which a concurrent exec would inherit.
 void oxEventPlatformNameThread(const char* name);
 
 // Not available on this platform: fail with a reason in *error, which may be null.

@@ -25,12 +25,11 @@
 
 namespace {
 
-// How long a fork or a reload waits for a line of ours that is being written; with a log daemon that stalls it may be
-// forever.
+// Limits how long a fork or a reload waits for another thread's message: if the log daemon hangs, so does syslog(3).
 constexpr uint32_t kLockTimeoutMs = 20;
 
 int SyslogFacility(std::string_view name) {
-  constexpr uint32_t kCodeUnit = LOG_USER;  // The facility with the code 1.
+  constexpr uint32_t kCodeUnit = LOG_USER;  // LOG_USER has the code 1.
   const auto code = oxEventFindWord(g_oxEventNativeFacilityWords, name);
   return code ? static_cast<int>(*code * kCodeUnit) : LOG_LOCAL4;
 }
@@ -40,15 +39,15 @@ int SyslogLevel(uint32_t severity) {
   return severity < std::size(kLevels) ? kLevels[severity] : LOG_INFO;
 }
 
-// Held over every openlog, syslog and closelog of ours, so that no line goes out under another sink's identity. Longer
-// than the C library's own lock by nothing that waits.
+// `mutex` is held over each openlog, syslog and closelog of this library, so that no message is written with another
+// sink's ident. Nothing but those calls blocks while it is held.
 struct SystemLog {
   oxEventMutex mutex;
-  std::atomic<pthread_t> forking_thread = 0;  // The one that holds `mutex` over its fork.
-  int cancel_state = PTHREAD_CANCEL_ENABLE;   // Its own, before the fork. Guarded by `mutex`.
-  std::atomic<int> forks_waiting = 0;         // For `mutex`. A busy worker leaves it to them between two lines.
-  std::atomic<bool> writing = false;          // A line goes out, under its sink's identity. Changed with `mutex` held.
-  // False in the child of a fork that found a line half written: the C library's log is locked there for good.
+  std::atomic<pthread_t> forking_thread = 0;  // The thread that holds `mutex` during its fork.
+  int cancel_state = PTHREAD_CANCEL_ENABLE;   // Of that thread, before the fork. Guarded by `mutex`.
+  std::atomic<int> forks_waiting = 0;  // Waiting for `mutex`: a busy worker lets them have it between two messages.
+  std::atomic<bool> writing = false;   // syslog(3) is running, with the ident of its sink. Changed with `mutex` held.
+  // False in the child of a fork during a write: the C library's log stays locked there.
   bool usable = true;  // Guarded by `mutex`.
 };
 constinit oxEventNoDestructor<SystemLog> g_system_log;
@@ -56,20 +55,17 @@ constinit oxEventNoDestructor<SystemLog> g_system_log;
 }  // namespace
 
 struct oxEventNativeLogHandle {
-  std::string ident;  // syslog keeps a pointer into it.
-  std::string facility_name;
-  std::string subsystem;
-  std::string category;
+  std::string ident;  // syslog(3) keeps a pointer into it.
   int facility = LOG_LOCAL4;
   std::string line;  // Reused for each event.
 };
 
 namespace {
 
-// The largest datagram that a socket of the C library's sends to the log; SIZE_MAX: the log takes a stream, or the
-// limit cannot be known.
+// Returns the size of the largest datagram that the C library can send to the log, or SIZE_MAX if the log is a stream
+// or the limit is unknown.
 size_t MaxDatagramSize() {
-  constexpr int kKernelOverhead = 32;  // Linux refuses more than SO_SNDBUF less this on a Unix datagram socket.
+  constexpr int kKernelOverhead = 32;  // The limit of a Unix datagram socket on Linux is SO_SNDBUF less this.
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return SIZE_MAX;
   int send_buffer = 0;
@@ -82,10 +78,10 @@ size_t MaxDatagramSize() {
   return known && !stream ? static_cast<size_t>(send_buffer - kKernelOverhead) : SIZE_MAX;
 }
 
-// Cuts a line that the log's socket would refuse, between two characters: syslog(3) would lose all of it silently.
+// Truncates a message that is too long for the log's socket, between two characters. syslog(3) would lose it silently.
 void TruncateToDatagram(std::string_view ident, std::string* line) {
-  constexpr size_t kAlwaysFits = 2048;  // Below the least send buffer that Linux can be set to.
-  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest that syslog(3) writes.
+  constexpr size_t kAlwaysFits = 2048;  // Below the smallest send buffer that Linux allows.
+  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest header of syslog(3).
   const size_t header = kHeader + ident.size();
   if (header + line->size() <= kAlwaysFits) return;
   const size_t limit = MaxDatagramSize();
@@ -109,11 +105,8 @@ uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, ox
   }
   const oxEventNativePlatformConfig defaults;
   opened->ident = oxEventOrDefault(config.source, defaults.source);
-  opened->facility_name = oxEventOrDefault(config.facility, defaults.facility);
-  opened->subsystem = oxEventOrDefault(config.subsystem, defaults.subsystem);
-  opened->category = oxEventOrDefault(config.category, defaults.category);
-  opened->facility = SyslogFacility(opened->facility_name);
-  if (g_system_log->mutex.TryLockFor(kLockTimeoutMs)) {  // Else the first line opens it.
+  opened->facility = SyslogFacility(oxEventOrDefault(config.facility, defaults.facility));
+  if (g_system_log->mutex.TryLockFor(kLockTimeoutMs)) {  // Otherwise the first write opens it.
     if (g_system_log->usable) openlog(opened->ident.c_str(), LOG_PID, opened->facility);
     g_system_log->mutex.Unlock();
   }
@@ -133,7 +126,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
   if (!g_system_log->usable) return oxEventSetErrorText(oxEventErrors::kSinkFailed, warning_text);
-  // Opened anew each time: the host, or a native sink that a reload replaced, may have opened or closed the log since.
+  // Opened each time: the host, or a sink that a reload replaced, may have opened or closed the log in the meantime.
   openlog(handle->ident.c_str(), LOG_PID, handle->facility);
   g_system_log->writing = true;
   syslog(handle->facility | SyslogLevel(event.severity), "%s", handle->line.c_str());
@@ -145,7 +138,7 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
 void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   if (handle == nullptr) return;
   bool locked = false;
-  // A line of another sink's that hangs has put that sink's identity in the place of this one's: it may go.
+  // While another sink's write hangs, syslog(3) uses that sink's ident: this one can be freed.
   while (!(locked = g_system_log->mutex.TryLockFor(kLockTimeoutMs)) && !g_system_log->writing) continue;
   if (locked) {
     if (g_system_log->usable) closelog();
@@ -154,7 +147,8 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   delete handle;
 }
 
-// The lock goes from this function to the next. A cancellation waits meanwhile, also in other handlers of the fork.
+// `mutex` stays locked until one of the two functions below. Cancellation stays disabled as long, also in other
+// handlers of the fork.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);

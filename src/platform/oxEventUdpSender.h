@@ -9,20 +9,20 @@
 
 #include "base/oxEventErrorText.h"
 
-// The texts of its failures. Their places: host, port, and the error number.
+// Error texts. Their placeholders: host, port, error number.
 struct oxEventUdpErrors {
   oxEventErrorText<3> resolve;
   oxEventErrorText<3> socket;
   oxEventErrorText<3> send;
 };
 
-// What a name server gave for a receiver's name, or the error number of the lookup that failed.
+// The result of looking up a receiver's name: its addresses or an error number.
 struct oxEventUdpLookup;
-// Takes as long as the name server does. Throws when there is no memory.
+// Blocks for as long as the name server takes. Throws when there is no memory.
 std::shared_ptr<const oxEventUdpLookup> oxEventUdpLookUp(const std::string& host, uint32_t port);
 
-// Sends datagrams to one receiver over IPv4 or IPv6. Its name is looked up once; the socket is not connected, so that a
-// receiver that is absent for a while costs nothing. Owns its descriptor. Threads: one at a time.
+// Sends datagrams to one receiver over IPv4 or IPv6. The receiver's name is looked up once. The socket is not
+// connected, so that no send fails because the receiver was down. Owns its descriptor. Threads: one at a time.
 class oxEventUdpSender {
  public:
   // `lookup`: the result for this host and port; if null, Open looks them up.
@@ -44,7 +44,7 @@ class oxEventUdpSender {
   const oxEventUdpErrors errors_;
   const std::string host_;
   const uint32_t port_;
-  std::shared_ptr<const oxEventUdpLookup> lookup_;  // Until there is a socket.
+  std::shared_ptr<const oxEventUdpLookup> lookup_;  // Null after Open.
   int fd_ = -1;
   sockaddr_storage address_ = {};
   socklen_t address_length_ = 0;

@@ -15,7 +15,7 @@ namespace {
 using oxEventText::JsonEscape;
 using oxEventText::JsonObject;
 
-constexpr int kDisplayDigits = 6;  // Significant digits of a double for people.
+constexpr int kDisplayDigits = 6;  // Significant digits of a double in an annotation.
 
 bool IsResolved(std::string_view action) {
   constexpr std::string_view kResolved[] = {"clear", "resolve", "resolved"};
@@ -26,7 +26,7 @@ bool IsResolved(std::string_view action) {
   return std::any_of(std::begin(kResolved), std::end(kResolved), equals);
 }
 
-// The prefix and the words of the event type, each with a capital: OxEventDiskUsageHigh.
+// Joins the prefix and the words of the event type, each capitalized: OxEventDiskUsageHigh.
 void AppendAlertName(std::string_view prefix, std::string_view event_type, std::string* out) {
   const size_t begin = out->size();
   for (const char c : prefix) {
@@ -43,10 +43,10 @@ void AppendAlertName(std::string_view prefix, std::string_view event_type, std::
   if (out->size() == words) out->append("Event");
 }
 
-// What is safe in a label value that people select by.
+// Appends the string as a label value that is easy to select by: lower case, no special characters.
 void PrometheusSafeLabelValue(std::string_view text, std::string_view fallback, std::string* out) {
   const size_t begin = out->size();
-  bool in_run = false;  // Whether the last character was replaced: a run of them becomes one "_".
+  bool in_run = false;  // Whether the last character was replaced. A run of such characters becomes one "_".
   for (const char c : text) {
     const bool kept = oxEventAsciiIsAlnum(c) || c == '_' || c == '.' || c == ':' || c == '-';
     if (kept) out->push_back(oxEventAsciiLower(c));
@@ -63,12 +63,12 @@ std::string_view AlertSeverity(uint32_t severity) {
   return severity == OXEVENT_SEVERITY_ERROR ? "critical" : "info";
 }
 
-// In linear time, as std::string::find is not: the texts are the host's, of any length.
+// Linear time, unlike std::string::find: the host passes strings of any length.
 bool Contains(std::string_view text, std::string_view part) {
   return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-// A string member whose text `append` writes.
+// Adds a string member whose value `append` appends, escaped.
 template <class Append>
 void AddString(std::string_view name, JsonObject* object, std::string* out, Append append) {
   object->AddName(name);
@@ -83,7 +83,7 @@ void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFor
   AddString("alertname", &labels, out, [&] { AppendAlertName(config.alertname_prefix, event.event_type, out); });
   labels.AddStringField("severity", AlertSeverity(event.severity));
   AddString("event_type", &labels, out, [&] { PrometheusSafeLabelValue(event.event_type, "event", out); });
-  labels.AddStringField("action", "raise");  // For a clear too: another label would make it another alert.
+  labels.AddStringField("action", "raise");  // Also for a clear: a different label would identify a different alert.
   if (config.allow_source_label && !event.source_id.empty()) {
     AddString("source_id", &labels, out, [&] { PrometheusSafeLabelValue(event.source_id, "source", out); });
   }

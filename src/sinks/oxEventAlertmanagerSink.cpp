@@ -1,5 +1,4 @@
 #include <memory>
-#include <utility>
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
@@ -10,9 +9,9 @@
 
 namespace {
 
-constexpr size_t kInitialCapacity = 2048;  // Bytes of a document.
+constexpr size_t kInitialCapacity = 2048;  // Bytes; enough for a usual document.
 
-// Keeps the document of the latest event. Sends nothing: the host delivers the documents that it formats itself.
+// Keeps the document of the latest event. Sends nothing: the host formats documents itself and posts them.
 class oxEventAlertmanagerSink : public oxEventSink {
  public:
   explicit oxEventAlertmanagerSink(const oxEventSinkConfig& config)
@@ -45,7 +44,7 @@ class oxEventAlertmanagerSink : public oxEventSink {
   oxEventMutex mutex_;
   const oxEventAlertmanagerFormatterConfig formatter_config_;
   std::string latest_document_ OX_GUARDED_BY(mutex_);
-  std::string spare_document_ OX_GUARDED_BY(mutex_);  // The memory of the one before, for the next.
+  std::string spare_document_ OX_GUARDED_BY(mutex_);  // Its memory is reused for the next document.
   oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
 };
 

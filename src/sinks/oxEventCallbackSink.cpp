@@ -16,7 +16,7 @@ bool InvokeCallback(oxEventCallback callback, const oxEventRecord& record, void*
     callback(&record, user_data);
     return true;
   } catch (const abi::__forced_unwind&) {
-    throw;  // The thread is being cancelled; this cannot be held up.
+    throw;  // Thread cancellation must not be caught.
   } catch (...) {
     return false;
   }
@@ -37,7 +37,8 @@ uint32_t oxEventCallbackSink::Deliver(const oxEventNormalizedEvent& event, uint6
   for (const auto& registration : *registrations) {
     if (registration->removed) continue;
     const bool returned = InvokeCallback(registration->callback, record, registration->user_data);
-    if (g_oxEventForkCount != forks) break;  // A child: the others are the parent's to call.
+    if (g_oxEventForkCount != forks)
+      break;  // This is now a child process: only the parent calls the remaining callbacks.
     if (returned) continue;
     std::string id;
     oxEventAppendNumber(&id, registration->id);
@@ -57,7 +58,7 @@ uint32_t oxEventCallbackSink::Register(oxEventCallback callback, void* user_data
   const uint32_t id = next_callback_id_;
   changed->push_back(std::make_shared<Registration>(id, callback, user_data));
   registrations_ = std::move(changed);
-  next_callback_id_ = std::max(id + 1, 1u);  // Never 0, after a wrap too.
+  next_callback_id_ = std::max(id + 1, 1u);  // Never 0, not even after a wrap.
   *id_out = id;
   return OXEVENT_OK;
 }

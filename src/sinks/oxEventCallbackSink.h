@@ -8,16 +8,17 @@
 #include "base/oxEventMutex.h"
 #include "sinks/oxEventSink.h"
 
-// Hands every event to the host's callbacks, in the order of registration. Callbacks run on the worker with no lock
-// held.
+// Passes every event to the host's callbacks, in the order of registration. Callbacks run on the worker thread, with no
+// lock held. Threads: any.
 class oxEventCallbackSink : public oxEventSink {
  public:
   constexpr oxEventCallbackSink() : oxEventSink(OXEVENT_SEVERITY_DEBUG) {}
 
-  // OXEVENT_INVALID_ARGUMENT: callback or id_out null.
+  // Returns OXEVENT_INVALID_ARGUMENT if `callback` or `id_out` is null.
   uint32_t Register(oxEventCallback callback, void* user_data, uint32_t* id_out) OX_EXCLUDES(mutex_);
 
-  // OXEVENT_NOT_FOUND: no callback has this id. An event in delivery may still reach it.
+  // Returns OXEVENT_NOT_FOUND if no callback has this id. An event that is being delivered may still reach the
+  // callback.
   uint32_t Unregister(uint32_t id) OX_EXCLUDES(mutex_);
 
   void UnregisterAll() OX_EXCLUDES(mutex_);
@@ -31,13 +32,14 @@ class oxEventCallbackSink : public oxEventSink {
         : id(its_id), callback(its_callback), user_data(its_user_data) {}
     const uint32_t id;
     const oxEventCallback callback;
-    void* const user_data;              // The host's; never dereferenced.
-    std::atomic<bool> removed = false;  // Removal needs no memory; the next registration tidies up.
+    void* const user_data;              // Owned by the host; never dereferenced.
+    std::atomic<bool> removed = false;  // Set instead of erasing, which would allocate. The next Register erases.
   };
   using Registrations = std::vector<std::shared_ptr<Registration>>;
 
   oxEventMutex mutex_;
   uint32_t next_callback_id_ OX_GUARDED_BY(mutex_) = 1;
-  // Replaced as a whole, so that a delivery goes on with the one that it began with, without a copy. Null: none.
+  // Immutable and replaced as a whole, so that a delivery keeps the list that it began with without a copy. Null if
+  // empty.
   std::shared_ptr<const Registrations> registrations_ OX_GUARDED_BY(mutex_);
 };

@@ -17,9 +17,9 @@
 namespace {
 
 constexpr size_t kBufferSize = 64 * 1024;
-constexpr uint32_t kTryFlushTimeoutMs = 100;  // For the worker to write a row. If it takes longer, its write hangs.
+constexpr uint32_t kTryFlushTimeoutMs = 100;  // Enough for the worker to write a row, unless its write hangs.
 
-// Bytes of the whole rows that the text begins with. A line feed within quotes ends no row.
+// Returns how many bytes at the beginning of `text` are complete rows. A line feed within quotes does not end a row.
 size_t WholeRowsSize(std::string_view text) {
   size_t end = 0;
   bool quoted = false;
@@ -30,10 +30,9 @@ size_t WholeRowsSize(std::string_view text) {
   return end;
 }
 
-// Appends one line per event to a comma-separated file (RFC 4180, with single line feeds). Buffers whole rows and
-// writes nothing but whole rows; of a write that breaks off, the torn row is taken back, so that a later sink's first
-// row begins on a line of its own. Once a write has failed, nothing more is written. A full disk fails no open: the
-// header then waits for the first row.
+// Appends one row per event to a CSV file (RFC 4180, with single line feeds). Buffers and writes complete rows only:
+// after a partial write it truncates the torn row, so that the first row of a later sink begins on a new line. After a
+// failed write it writes nothing more. Open succeeds on a full disk: the header is then written before the first row.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
@@ -50,10 +49,10 @@ class oxEventCsvSink : public oxEventSink {
     if (!oxEventPlatformEnsureParentDirectory(path_, error)) return OXEVENT_FAILURE;
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
     if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
-    // Written at once: a sink that a reload opens on the same file must find it non-empty.
+    // Not buffered: a sink that a reload opens on the same file must find the file non-empty.
     if (needs_header && !WriteHeaderLocked()) {
       if (!file_.IsOutOfSpace()) return Fail(oxEventErrors::kCsvHeader, error);
-      // The other sinks have to carry the alarm about the disk.
+      // Not an error: the other sinks must start, to deliver the alarm about the disk.
       failed_ = false;
       header_pending_ = true;
     }
@@ -61,8 +60,7 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  // The timeout is for another thread's write that hangs, to a pipe that nobody reads say; the own write takes its
-  // time.
+  // The timeout limits the wait for another thread's write, which may block on a pipe, but not this thread's own write.
   uint32_t Flush(uint32_t timeout_ms, std::string* error) override {
     return WriteBuffer(timeout_ms, true, nullptr, error);
   }
@@ -85,6 +83,7 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
+  // Reports lost rows once, or each time with `report_again`.
   uint32_t WriteBuffer(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
@@ -101,10 +100,10 @@ class oxEventCsvSink : public oxEventSink {
     return oxEventSetErrorText(text, {path_}, error);
   }
 
-  // The buffer ends on a whole row before and after, also when memory runs out.
+  // The buffer holds complete rows before and after, even if memory runs out.
   bool AppendRowLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     if (failed_) {
-      failure_reported_ = false;  // This row is lost, too.
+      failure_reported_ = false;  // This row is lost as well.
       return false;
     }
     ReserveLocked(used_ + oxEventText::CsvRowCapacity(event));
@@ -113,7 +112,7 @@ class oxEventCsvSink : public oxEventSink {
     return used_ <= kBufferSize || WriteBufferLocked();
   }
 
-  // Throws when there is no memory; then nothing has changed.
+  // Throws when there is no memory, without any effect.
   void ReserveLocked(size_t size) OX_REQUIRES(mutex_) {
     if (size <= capacity_) return;
     const size_t capacity = std::bit_ceil(size);
@@ -124,12 +123,12 @@ class oxEventCsvSink : public oxEventSink {
   }
 
   bool WriteBufferLocked(oxEventAppendFile::Wait wait = oxEventAppendFile::kWait) OX_REQUIRES(mutex_) {
-    // Another process, or a sink that a reload opened, may have written a header meanwhile.
+    // Another process, or a sink that a reload opened, may have written a header in the meantime.
     if (used_ != 0 && std::exchange(header_pending_, false) && !file_.HasContent()) WriteHeaderLocked();
     const size_t written = WriteRowsLocked({buffer_.get(), used_}, wait);
     std::copy(buffer_.get() + written, buffer_.get() + used_, buffer_.get());
     used_ = failed_ ? 0 : used_ - written;
-    if (used_ == 0 && capacity_ > 4 * kBufferSize) {  // A row of uncommon length was in it.
+    if (used_ == 0 && capacity_ > 4 * kBufferSize) {  // It held an unusually long row.
       buffer_.reset();
       capacity_ = 0;
     }
@@ -141,8 +140,8 @@ class oxEventCsvSink : public oxEventSink {
     return WriteRowsLocked(header) == header.size();
   }
 
-  // Returns the bytes written: all of them, or fewer if the write failed or, with kNoWait, if a pipe is full. The file
-  // ends on a whole row before and after, whatever fails; a pipe need not.
+  // Returns the number of bytes written: all, or fewer if the write failed or, with kNoWait, if a pipe is full. A file
+  // ends with a complete row before and after, even if the write fails; what was written to a pipe may not.
   size_t WriteRowsLocked(std::string_view rows, oxEventAppendFile::Wait wait = oxEventAppendFile::kWait)
       OX_REQUIRES(mutex_) {
     if (failed_) return 0;
@@ -157,13 +156,13 @@ class oxEventCsvSink : public oxEventSink {
   const std::string path_;
   const bool flush_each_event_;
   oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
-  bool header_pending_ OX_GUARDED_BY(mutex_) = false;     // The disk was full.
-  std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Rows that are not in the file yet.
-  size_t used_ OX_GUARDED_BY(mutex_) = 0;                 // Bytes of it.
+  bool header_pending_ OX_GUARDED_BY(mutex_) = false;     // The disk was full at Open.
+  std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Rows that are not yet in the file.
+  size_t used_ OX_GUARDED_BY(mutex_) = 0;                 // Bytes in buffer_.
   size_t capacity_ OX_GUARDED_BY(mutex_) = 0;
   oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
   bool failed_ OX_GUARDED_BY(mutex_) = false;
-  bool failure_reported_ OX_GUARDED_BY(mutex_) = false;  // By a Flush or a Drain, after the last row that was lost.
+  bool failure_reported_ OX_GUARDED_BY(mutex_) = false;  // Since the last lost row, by Flush or Drain.
 };
 
 }  // namespace

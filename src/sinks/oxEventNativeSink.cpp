@@ -6,7 +6,7 @@
 
 namespace {
 
-// Writes each event as one line to the operating system's log.
+// Writes each event as one message to the operating system's log.
 class oxEventNativeSink : public oxEventSink {
  public:
   explicit oxEventNativeSink(const oxEventSinkConfig& config)

@@ -39,7 +39,7 @@ class oxEventSink {
   virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
 
  private:
-  // Submit for an event that is severe enough.
+  // Called by Submit for an event of at least the minimum severity.
   virtual uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) = 0;
 
   const uint32_t minimum_severity_;

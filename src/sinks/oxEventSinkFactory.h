@@ -10,8 +10,8 @@
 #include "oxEvent.h"
 #include "sinks/oxEventSink.h"
 
-// What every factory does: checks the settings if `check` is given, makes the sink and opens it. *out is set on success
-// only; `no_output` is the error for `out` null.
+// The body of every factory: checks the settings if `check` is given, creates the sink and opens it. Sets *out only on
+// success. `no_output`: the error if `out` is null.
 template <class Sink>
 uint32_t oxEventCreateSink(oxEventErrorText<0> no_output, const oxEventSinkConfig& config,
                            std::shared_ptr<oxEventSink>* out, std::string* error,

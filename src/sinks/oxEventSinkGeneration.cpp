@@ -10,8 +10,8 @@
 
 namespace {
 
-// Calls a method of a sink; *error gets the reason of a failure, if the sink gives one. A sink that throws has failed.
-// An unwinding thread cannot be held up.
+// Calls a method of a sink and returns whether it succeeded. *error gets the reason of a failure, if the sink gives
+// one. An exception is a failure, except for a thread cancellation, which must not be caught.
 template <class Call>
 bool CallSink(Call call, std::string* error) {
   try {
@@ -64,8 +64,8 @@ uint32_t oxEventSinkGeneration::Deliver(const oxEventNormalizedEvent& event, uin
     if (failed_sinks != nullptr) ++*failed_sinks;
     result = OXEVENT_FAILURE;
   }
-  // Whoever retired this generation may have drained it before this event's rows came. In a child the rows are the
-  // parent's.
+  // The thread that retired this generation may have drained it before this event's rows were buffered. In a child
+  // process the rows belong to the parent.
   if (retired_ && g_oxEventForkCount == forks) Drain(0);
   return result;
 }
@@ -108,7 +108,7 @@ bool oxEventSinkGeneration::DrainPredecessor(uint32_t timeout_ms) {
   if (predecessor == nullptr) return true;
   if (!predecessor->Drain(timeout_ms)) return false;
   oxEventLock lock(mutex_);
-  predecessor_.reset();  // Closes no file under the lock: `predecessor` is the last owner.
+  predecessor_.reset();  // Closes no file under the lock: `predecessor` still owns it.
   has_predecessor_ = false;
   return true;
 }

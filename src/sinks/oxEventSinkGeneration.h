@@ -12,7 +12,7 @@
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventSinkSet.h"
 
-// A sink and its failures.
+// A sink with its name and its failures. Threads: any.
 class oxEventActiveSink {
  public:
   // `section` has static storage.
@@ -32,35 +32,35 @@ class oxEventActiveSink {
   std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
-// The sinks that one load of the settings built. A generation delivers only after its predecessor, the one that it
-// replaced, has written its buffered rows: both may write to one file.
+// The sinks created from one load of the settings. A generation delivers only after its predecessor, the generation
+// that it replaced, has written its buffered rows, because both may write to the same file.
 // Ownership: shared by the sink set, by each thread that calls it and, until it is drained, by its successor.
 // Threads: any. No lock is held while a sink is called. A timeout of 0 means no limit.
 class oxEventSinkGeneration {
  public:
   using Sinks = std::vector<std::unique_ptr<oxEventActiveSink>>;
 
-  // Sets *drain_failed when a drain loses rows; it must outlive the generation.
+  // Sets *drain_failed when a drain loses rows; *drain_failed must outlive the generation.
   oxEventSinkGeneration(Sinks sinks, std::atomic<bool>* drain_failed)
       : sinks_(std::move(sinks)), drain_failed_(drain_failed) {}
 
-  // Takes the place of `predecessor`, which may be null. Call before another thread knows this generation.
+  // Retires `predecessor`, which may be null, and replaces it. Call before another thread can use this generation.
   void Replace(std::shared_ptr<oxEventSinkGeneration> predecessor) OX_EXCLUDES(mutex_);
-  // From now on every delivery ends with a drain.
+  // From now on each delivery ends with a drain.
   void Retire() { retired_ = true; }
 
-  // Gives the event to every sink; returns OXEVENT_FAILURE if one failed. The counts may be null and are added to.
+  // Delivers the event to every sink. Returns OXEVENT_FAILURE if one failed. Adds to the counts, which may be null.
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
-  // Drains the predecessor and flushes every sink. False if a sink failed or was busy for the whole time.
+  // Drains the predecessor and flushes every sink. Returns false if a sink failed or was busy for the whole time.
   bool Flush(uint32_t timeout_ms);
-  // Writes buffered rows as far as that needs no waiting. The next flush or drain reports a failure.
+  // Writes the buffered rows that can be written without waiting. The next Flush or Drain reports a failure.
   void TryFlush();
 
-  // Writes the rows of a generation that is no longer active. False if a sink was busy for the whole time, because
-  // another thread is writing to it: the rows are still to come.
+  // Writes the rows of a generation that is no longer active. Returns false if another thread was writing to a sink for
+  // the whole time: its rows are not written yet.
   bool Drain(uint32_t timeout_ms);
-  // Lets go of the predecessor once it is drained. False if it is not.
+  // Drains the predecessor, if there is one, and releases it. Returns false if it could not be drained.
   bool DrainPredecessor(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   std::vector<oxEventSinkStatus> Report() const;
@@ -71,7 +71,7 @@ class oxEventSinkGeneration {
   const Sinks sinks_;
   std::atomic<bool>* const drain_failed_;
   std::atomic<bool> retired_ = false;
-  std::atomic<bool> has_predecessor_ = false;  // Whether predecessor_ is set; spares each delivery the lock.
+  std::atomic<bool> has_predecessor_ = false;  // Whether predecessor_ is set; saves each delivery the lock.
   oxEventMutex mutex_;
-  std::shared_ptr<oxEventSinkGeneration> predecessor_ OX_GUARDED_BY(mutex_);  // Null once it is drained.
+  std::shared_ptr<oxEventSinkGeneration> predecessor_ OX_GUARDED_BY(mutex_);  // Null once drained.
 };

@@ -21,9 +21,9 @@ namespace {
 
 using SharedGeneration = std::shared_ptr<oxEventSinkGeneration>;
 
-constexpr uint32_t kReloadTimeoutMs = 1000;  // For flushing the sinks that a reload replaced.
+constexpr uint32_t kReloadTimeoutMs = 1000;  // For draining the sinks that a reload replaced.
 
-// A configured and enabled sink of a kind that this library does not know: accepts everything, does nothing.
+// Placeholder for an enabled sink of a kind that this library does not know: accepts every event and does nothing.
 class oxEventConfiguredSink : public oxEventSink {
  public:
   explicit oxEventConfiguredSink(const oxEventSinkConfig& config)
@@ -66,18 +66,18 @@ const char* SectionOf(oxEventSinkType type) {
   return "sink";
 }
 
-// Lock order: mutex, then that of a generation or the callback sink's own, then error_mutex.
+// Lock order: mutex, then the mutex of a generation or of the callback sink, then error_mutex.
 struct SinkSet {
   oxEventMutex mutex;
-  SharedGeneration active OX_GUARDED_BY(mutex);  // Null: no sinks.
-  std::atomic<bool> drain_failed = false;        // A replaced sink lost rows, and no flush has reported it yet.
+  SharedGeneration active OX_GUARDED_BY(mutex);  // Null before initialization and after shutdown.
+  std::atomic<bool> drain_failed = false;        // A replaced sink lost rows that no flush has reported yet.
   oxEventMutex error_mutex;
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
   oxEventCallbackSink callbacks;
 };
 constinit oxEventNoDestructor<SinkSet> g_sinks;
 
-// Shares the one callback sink without owning it: it is there from load to unload.
+// A reference without ownership: the callback sink exists as long as the library is loaded.
 std::shared_ptr<oxEventSink> CallbackSink() { return {std::shared_ptr<void>(), &g_sinks->callbacks}; }
 
 void SetSinkError(std::string_view text) {
@@ -85,7 +85,7 @@ void SetSinkError(std::string_view text) {
   try {
     g_sinks->last_error.emplace(text);
   } catch (const std::bad_alloc&) {
-    // Without memory for it there is no text; the result code stands.
+    // The error text is missing; the result code remains.
   }
 }
 
@@ -158,7 +158,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   if (generation == nullptr) return OXEVENT_OK;
   const unsigned forks = g_oxEventForkCount;
   const uint32_t result = generation->Deliver(event, failed_sinks, warnings);
-  // In the child of a fork in a callback the sinks are the parent's: never released, so that nothing is written twice.
+  // In the child of a fork in a callback, leaks the reference: releasing the parent's sinks would write rows twice.
   if (g_oxEventForkCount != forks) new (std::nothrow) SharedGeneration(std::move(generation));
   return result;
 }
@@ -192,7 +192,7 @@ uint32_t oxEventSinkShutdown() {
     released->Retire();
     released->Drain(0);
   }
-  g_sinks->drain_failed = false;  // The stop before has flushed and reported failures.
+  g_sinks->drain_failed = false;  // The router's Stop has already flushed and reported failures.
   return OXEVENT_OK;
 }
 

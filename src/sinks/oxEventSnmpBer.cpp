@@ -9,7 +9,7 @@ namespace SnmpBer {
 
 namespace {
 
-constexpr size_t kShortForm = 127;  // The largest length in one byte (X.690, section 8.1.3).
+constexpr size_t kShortForm = 127;  // Largest length that fits in one byte (X.690, section 8.1.3).
 
 size_t ByteCount(size_t value) { return (static_cast<size_t>(std::bit_width(value)) + 7) / 8; }
 
@@ -17,7 +17,7 @@ void AppendBigEndian(size_t value, size_t count, std::string* out) {
   while (count-- > 0) out->push_back(static_cast<char>(value >> (8 * count) & 0xFF));
 }
 
-// The tag and the length of the content, in the fewest bytes.
+// The length takes the fewest bytes.
 void AppendTagAndLength(Tag tag, size_t length, std::string* out) {
   out->push_back(static_cast<char>(tag));
   const size_t count = ByteCount(length);
@@ -34,7 +34,7 @@ void AppendBase128(uint32_t arc, std::string* out) {
   out->push_back(static_cast<char>(arc & 0x7F));
 }
 
-// Cuts the first arc off the dotted rest. False: it is no number of 32 bits.
+// Removes the first arc from *rest. Returns false if it is not a number of 32 bits.
 bool ParseArc(std::string_view* rest, uint32_t* arc) {
   const std::string_view text = rest->substr(0, rest->find('.'));
   rest->remove_prefix(text.size());
@@ -43,7 +43,7 @@ bool ParseArc(std::string_view* rest, uint32_t* arc) {
   return failure == std::errc() && read_to == end;
 }
 
-// The same of the second arc and those that follow, which a dot precedes.
+// The same for an arc with a dot before it: the second and each following one.
 bool ParseNextArc(std::string_view* rest, uint32_t* arc) {
   if (rest->empty()) return false;
   rest->remove_prefix(1);
@@ -67,13 +67,13 @@ bool AppendArcs(std::string_view dotted, std::string* out) {
 }  // namespace
 
 void Wrap(Tag tag, size_t begin, std::string* out) {
-  std::string head;  // At most ten bytes: needs no memory.
+  std::string head;  // At most ten bytes: allocates nothing.
   AppendTagAndLength(tag, out->size() - begin, &head);
   out->insert(begin, head);
 }
 
 void Integer(Tag tag, uint32_t value, std::string* out) {
-  const size_t length = static_cast<size_t>(std::bit_width(value)) / 8 + 1;  // With a bit for the sign.
+  const size_t length = static_cast<size_t>(std::bit_width(value)) / 8 + 1;  // Including a sign bit.
   AppendTagAndLength(tag, length, out);
   AppendBigEndian(value, length, out);
 }

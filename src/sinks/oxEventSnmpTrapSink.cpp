@@ -2,7 +2,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "base/oxEventErrorText.h"
@@ -16,11 +15,10 @@
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventSinkFactory.h"
 #include "sinks/oxEventSnmpBer.h"
-#include "sinks/oxEventText.h"
 
 namespace {
 
-constexpr size_t kMaxMessage = 8192;            // Bytes; a longer trap is refused.
+constexpr size_t kMaxMessage = 8192;            // Bytes; a longer trap is not sent.
 constexpr uint32_t kMaxRequestId = 0x7FFFFFFF;  // RFC 3416, section 3.
 constexpr int kObjectCount = 12;
 constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSnmpResolve, oxEventErrors::kSnmpSocket,
@@ -28,7 +26,7 @@ constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSnmpResolve, oxEventErr
 
 std::string OidJoin(std::string_view oid, std::string_view suffix) { return std::string(oid).append(suffix); }
 
-// Empty: the OID is not valid.
+// Returns an empty string if the OID is not valid.
 std::string EncodeOid(std::string_view dotted) {
   std::string oid;
   SnmpBer::ObjectIdentifier(dotted, &oid);
@@ -43,7 +41,7 @@ uint32_t Port(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults
   return config.snmp_port == 0 ? defaults.snmp_port : config.snmp_port;
 }
 
-// One SNMPv2-Trap-PDU per event in one datagram (RFC 3416, RFC 3417), with the event's fields as objects.
+// Sends each event as one SNMPv2-Trap-PDU in one datagram (RFC 3416, RFC 3417), with the event's fields as objects.
 class oxEventSnmpTrapSink : public oxEventSink {
  public:
   // `defaults` replace the settings that are empty.
@@ -72,7 +70,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    // Told at each event, not at the start: a start that fails would take the other sinks with it.
+    // Reported for each event, not by Open: if a sink fails to open, none is started.
     if (encoded_trap_oid_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
     if (encoded_objects_[0].empty())
       return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
@@ -97,7 +95,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
 
   void AppendBindingsLocked(const oxEventNormalizedEvent& event, uint32_t now_ms) OX_REQUIRES(mutex_) {
     const size_t list = message_.size();
-    std::string number;  // Short: needs no memory.
+    std::string number;  // Short: allocates nothing.
     SnmpBer::Integer(SnmpBer::kTimeTicks, now_ms / 10, &number);
     SnmpBer::AppendVarBind(encoded_sys_up_time_, number, &message_);
     SnmpBer::AppendVarBind(encoded_snmp_trap_oid_, encoded_trap_oid_, &message_);
@@ -136,12 +134,12 @@ class oxEventSnmpTrapSink : public oxEventSink {
   const std::string encoded_trap_oid_;
   std::vector<std::string> encoded_objects_;  // .1.1.0 to .1.12.0 below the enterprise OID.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
-  std::string message_ OX_GUARDED_BY(mutex_);  // Reused.
-  std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused.
+  std::string message_ OX_GUARDED_BY(mutex_);  // Reused for each event.
+  std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused for each event.
 };
 
 uint32_t CheckVersion(const oxEventSinkConfig& config, std::string* error) {
-  constexpr oxEventWord kVersion3Words[] = {{"3", 3}, {"v3", 3}, {"snmpv3", 3}};  // Refused with a text of their own.
+  constexpr oxEventWord kVersion3Words[] = {{"3", 3}, {"v3", 3}, {"snmpv3", 3}};  // Have an error text of their own.
   if (oxEventFindWord(g_oxEventSnmpVersionWords, config.version)) return OXEVENT_OK;
   if (oxEventFindWord(kVersion3Words, config.version)) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
   return oxEventSetErrorText(oxEventErrors::kSnmpVersion, error);

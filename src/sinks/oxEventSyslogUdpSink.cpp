@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
@@ -21,25 +20,25 @@
 namespace {
 
 constexpr uint32_t kDefaultPort = 514;  // RFC 5426, section 3.3.
-constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is cut.
-constexpr int kDisplayDigits = 6;       // Significant digits of a double for people.
+constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is truncated.
+constexpr int kDisplayDigits = 6;       // Significant digits of a double.
 constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
                                          oxEventErrors::kSyslogSend};
 
-constexpr uint32_t kDefaultFacility = 16;  // RFC 5424, table 1.
+constexpr uint32_t kDefaultFacility = 16;  // local0: RFC 5424, table 1.
 
 uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
   constexpr uint32_t kSeverities[] = {7, 6, 4, 3};
   return severity < std::size(kSeverities) ? kSeverities[severity] : 6;
 }
 
-// A field of the header: printable US-ASCII, "-" when there is none.
+// Appends a header field: printable US-ASCII, or "-" if it is empty.
 void Token(std::string_view text, size_t max_length, std::string* line) {
   if (text.empty()) line->push_back('-');
   for (const char c : text.substr(0, max_length)) line->push_back(c >= '!' && c <= '~' ? c : '_');
 }
 
-// A PARAM-VALUE. What lies beyond the longest line is not even looked at.
+// Appends a PARAM-VALUE. Does not process bytes beyond the longest line.
 void StructuredDataValue(std::string_view text, std::string* line) {
   const auto is_special = [](auto c) { return (c == '"') | (c == '\\') | (c == ']'); };
   text = text.substr(0, kMaxLine - std::min(line->size(), kMaxLine));
@@ -95,8 +94,8 @@ std::string Host(const oxEventSinkConfig& config) { return oxEventOrDefault(conf
 
 uint32_t Port(const oxEventSinkConfig& config) { return config.port == 0 ? kDefaultPort : config.port; }
 
-// One RFC 5424 message per event in one datagram (RFC 5426). The time stamp has nine digits of fraction where the
-// standard knows six: no nanosecond is lost.
+// Sends each event as one RFC 5424 message in one datagram (RFC 5426). The timestamp has nine fractional digits, where
+// the standard allows six, so that it keeps the nanoseconds.
 class oxEventSyslogUdpSink : public oxEventSink {
  public:
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)
@@ -145,7 +144,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
   const uint32_t facility_code_;
   std::string origin_;  // " HOSTNAME APP-NAME PROCID ". Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
-  std::string line_ OX_GUARDED_BY(mutex_);  // Reused.
+  std::string line_ OX_GUARDED_BY(mutex_);  // Reused for each event.
   oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
 };
 

@@ -18,9 +18,9 @@ namespace oxEventText {
 namespace {
 
 constexpr uint64_t kNsPerSecond = 1'000'000'000;
-constexpr int kRoundTripDigits = 17;  // Enough significant digits to read any double back exactly.
+constexpr int kRoundTripDigits = 17;  // Significant digits; enough to read any double back exactly.
 
-// The character after the backslash; 'u' for those that are spelled in hexadecimal.
+// Returns the character after the backslash: 'u' for bytes that are escaped in hexadecimal.
 constexpr char EscapeLetter(unsigned char byte) {
   switch (byte) {
     case '"':
@@ -41,7 +41,7 @@ constexpr char EscapeLetter(unsigned char byte) {
   }
 }
 
-// Returns the end.
+// Writes the last `width` digits of `value`, then the separator. Returns the end.
 char* WritePadded(uint64_t value, int width, char separator, char* at) {
   for (int i = width; i-- > 0; value /= 10) at[i] = static_cast<char>('0' + value % 10);
   at[width] = separator;
@@ -51,7 +51,7 @@ char* WritePadded(uint64_t value, int width, char separator, char* at) {
 constexpr size_t kUtcSeconds = sizeof("2023-11-14T22:13:20") - 1;
 constexpr size_t kUtcNano = kUtcSeconds + sizeof(".000000000Z") - 1;
 
-// 2023-11-14T22:13:20
+// 2023-11-14T22:13:20, not terminated. Returns the end.
 char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   UtcCache own;
   if (cache == nullptr) cache = &own;
@@ -79,14 +79,14 @@ char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
   return WritePadded(ns % kNsPerSecond, 9, 'Z', at);
 }
 
-// A column of the CSV file. `value` gives its value: a string, a number or a UtcTime.
+// A column of the CSV file. `value` returns its value: a string, a number or a UtcTime.
 template <class Value>
 struct CsvColumn {
   std::string_view name;
   Value value;
 };
 template <class Value>
-CsvColumn(const char*, Value) -> CsvColumn<Value>;  // clang 14 deduces none from an aggregate.
+CsvColumn(const char*, Value) -> CsvColumn<Value>;  // clang 14 does not deduce it for an aggregate.
 
 struct UtcTime {
   uint64_t ns;
@@ -137,9 +137,8 @@ constexpr std::array<char, kCsvHeaderSize> kCsvHeader = [] {
   return header;
 }();
 
-constexpr size_t CsvFieldCapacity(std::string_view text) {
-  return sizeof("\"\"") - 1 + 2 * text.size();
-}  // All quotes.
+// Enough for a string of quotes: each is doubled, and quotes enclose the field.
+constexpr size_t CsvFieldCapacity(std::string_view text) { return 2 + 2 * text.size(); }
 constexpr size_t CsvFieldCapacity(UtcTime) { return kUtcNano; }
 template <class Number>
 constexpr size_t CsvFieldCapacity(Number) {
@@ -261,7 +260,7 @@ void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out)
   object.AddField("event_id", event.event_id);
   object.AddStringField("severity", oxEventSeverityName(event.severity));
   object.AddField("severity_value", severity);
-  object.AddField("severity_code", severity);  // Receivers know it under either name.
+  object.AddField("severity_code", severity);  // The same value: receivers expect either name.
   object.AddStringField("action", event.action);
   object.AddStringField("event_type", event.event_type);
   object.AddStringField("source_id", event.source_id);

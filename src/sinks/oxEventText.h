@@ -12,16 +12,16 @@
 
 #include "base/oxEventNormalizedEvent.h"
 
-// The renderings of an event that several sinks share. Each appends to *out, which a caller may reuse. Bytes are taken
-// as UTF-8 and passed on unchecked; nothing depends on the locale. They fail only by running out of memory. Any thread.
+// Text formats of events. Each function appends to *out, which a caller may reuse. Strings are assumed to be UTF-8 and
+// are not validated; nothing depends on the locale. The only failure is std::bad_alloc. Any thread.
 namespace oxEventText {
 
-// The number of bytes before the first special one. Looks at 16 at a time: is_special takes one byte or a vector of
-// them, and so joins its comparisons with | and not with ||.
+// Returns the number of bytes before the first special one. Examines 16 at a time: is_special takes a byte or a vector
+// of bytes, so it must combine comparisons with | instead of ||.
 template <class IsSpecial>
 size_t PlainLength(std::string_view text, IsSpecial is_special) {
   using Bytes __attribute__((vector_size(16))) = unsigned char;
-  const auto first_special = [&](size_t begin) {  // Within 16 bytes; 32: none.
+  const auto first_special = [&](size_t begin) {  // Offset within 16 bytes; 32 if there is none.
     Bytes bytes;
     std::memcpy(&bytes, text.data() + begin, sizeof(bytes));
     const int found = _mm_movemask_epi8(std::bit_cast<__m128i>(is_special(bytes)));
@@ -39,7 +39,7 @@ size_t PlainLength(std::string_view text, IsSpecial is_special) {
   return std::min(last + first_special(last), text.size());
 }
 
-// Appends the text to *out, where `escape` stands in for each special byte.
+// Appends the text to *out, with a call of `escape` in place of each special byte.
 template <class IsSpecial, class Escape>
 void AppendEscaped(std::string_view text, IsSpecial is_special, std::string* out, Escape escape) {
   while (true) {
@@ -51,9 +51,9 @@ void AppendEscaped(std::string_view text, IsSpecial is_special, std::string* out
   }
 }
 
-void JsonEscape(std::string_view text, std::string* out);  // RFC 8259, section 7; without the quotes.
+void JsonEscape(std::string_view text, std::string* out);  // RFC 8259, section 7, without quotes.
 
-// A JSON object that is being written, without white space.
+// Writes a JSON object without white space. The constructor opens it; call Close last.
 class JsonObject {
  public:
   explicit JsonObject(std::string* out) : out_(out) { out_->push_back('{'); }
@@ -61,7 +61,7 @@ class JsonObject {
   void AddDoubleField(std::string_view name, double value);
   void AddField(std::string_view name, uint64_t value);
   void AddField(std::string_view name, int64_t value);
-  // Appends the name; the caller appends the value.
+  // Appends the name only: the caller appends the value.
   void AddName(std::string_view name);
   void Close() { out_->push_back('}'); }
 
@@ -70,20 +70,20 @@ class JsonObject {
   bool first_ = true;
 };
 
-// 17 significant digits, which give the value back; NaN and infinities are "null".
+// Writes 17 significant digits, enough to read the value back exactly; NaN and infinities as null.
 void DoubleToJson(double value, std::string* out);
 
-// The text of the second that was formatted last: successive events mostly share one. Belongs to whoever formats, since
-// thread-local storage in a library that came by dlopen is allocated at its first use, where failure ends the process.
+// Caches the last formatted second, which successive events mostly share. Owned by the caller instead of thread-local:
+// in a library loaded by dlopen, the first use of thread-local storage allocates, and a failure ends the process.
 // Threads: one at a time.
 struct UtcCache {
   uint64_t second = UINT64_MAX;
   char text[sizeof("2023-11-14T22:13:20")] = {};
 };
 
-// ISO 8601: 2023-11-14T22:13:20Z, with nine digits of fraction if it is not zero. `cache` may be null, here and below.
+// ISO 8601: 2023-11-14T22:13:20Z, with nine fractional digits if they are not zero. `cache` may be null, also below.
 void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
-// The same always with nine digits: 2023-11-14T22:13:20.000000000Z.
+// The same, always with nine fractional digits: 2023-11-14T22:13:20.000000000Z.
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 
 // The header line of the CSV file and the row of an event (RFC 4180, section 2), each with its line feed. WriteCsvRow
@@ -92,7 +92,7 @@ std::string_view CsvHeader();
 size_t CsvRowCapacity(const oxEventNormalizedEvent& event);
 char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache = nullptr);
 
-// The library's own JSON document for one event.
+// oxEvent's own JSON document for one event.
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out);
 
 // CloudEvents 1.0 in structured content mode, with the document above as its data.

@@ -19,7 +19,7 @@ namespace {
 
 constexpr uint32_t kDefaultRequestTimeoutMs = 5000;
 constexpr uint32_t kDefaultBackoffMs = 250;
-constexpr char kLineSeparator = '\xA7';  // Separates the lines of the HTTP client's header block.
+constexpr char kLineSeparator = '\xA7';  // Between two lines of the HTTP client's header block.
 
 void AppendBase64(std::string_view bytes, std::string* out) {  // RFC 4648, section 4.
   constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -38,7 +38,7 @@ std::string_view Trim(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(kSpaces) + 1 - begin);
 }
 
-// Calls `add` with each header line of the setting.
+// Calls `add` with each header line of the setting, trimmed.
 template <class Add>
 void SplitHeaders(std::string_view text, Add add) {
   while (!text.empty()) {
@@ -49,7 +49,7 @@ void SplitHeaders(std::string_view text, Add add) {
   }
 }
 
-// Whether the text breaks off within a UTF-8 sequence. The separator would pass for its last byte.
+// Whether the text ends inside a UTF-8 sequence, so that the separator would be taken for its last byte.
 bool EndsInsideUtf8Sequence(std::string_view text) {
   for (size_t length = 1; length <= std::min<size_t>(text.size(), 3); ++length) {
     const auto byte = static_cast<unsigned char>(text[text.size() - length]);
@@ -59,15 +59,15 @@ bool EndsInsideUtf8Sequence(std::string_view text) {
   return false;
 }
 
-// A setting of the CloudEvents section stands where the webhook's own is not given.
+// The CloudEvents section's setting applies if the webhook's is empty.
 std::string EndpointUrl(const oxEventSinkConfig& config) {
   return oxEventOrDefault(config.endpoint_url, config.ce_endpoint_url);
 }
 
 constexpr uint32_t FirstNonZero(uint32_t a, uint32_t b, uint32_t c) { return a != 0 ? a : b != 0 ? b : c; }
 
-// Posts each event as one JSON document. Blocks the worker for as long as the attempts take: events go out in order,
-// one at a time.
+// Posts each event as one JSON document. Blocks the worker during all attempts, so that events are sent in order, one
+// at a time.
 class oxEventWebhookHttpSink : public oxEventSink {
  public:
   explicit oxEventWebhookHttpSink(const oxEventSinkConfig& config)
@@ -100,7 +100,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   }
 
   uint32_t PostLocked(std::string* error) OX_REQUIRES(mutex_) {
-    const uint32_t attempts = retry_count_ + 1;  // Modulo 2^32: with all ones there is none.
+    const uint32_t attempts = retry_count_ + 1;  // Wraps to 0, no attempt at all, if retry_count_ is UINT32_MAX.
     if (attempts == 0) return OXEVENT_FAILURE;
     for (uint32_t i = 0; i < attempts; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
@@ -111,8 +111,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
 
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
     const auto add = [this](std::string_view name, std::string_view value = "") {
-      if (EndsInsideUtf8Sequence(header_block_))
-        header_block_.push_back(' ');  // A blank at the end of a value means nothing.
+      if (EndsInsideUtf8Sequence(header_block_)) header_block_.push_back(' ');  // Trailing blanks are insignificant.
       if (!header_block_.empty()) header_block_.push_back(kLineSeparator);
       header_block_.append(name).append(value);
     };
@@ -140,7 +139,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const uint32_t backoff_ms_;
   const std::string cloudevents_source_;
   const std::string cloudevents_subject_prefix_;
-  std::string header_block_;  // As the HTTP client takes it. Constant after construction.
+  std::string header_block_;  // In the HTTP client's format. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
 };
 
