@@ -130,7 +130,7 @@ def header_pages(header):
         entries.setdefault(TOGETHER.get(name, name), []).append((name, comment(text), declaration))
     callback = re.search(r"/\*((?:(?!\*/).)*)\*/\n(typedef void \(\*oxEventCallback\)[^;]*;)", header, re.S)
     pages = {"oxEventRecord": record_page(header)}
-    threads, texts = re.search(r"(Every function .*? escape\.).*?(Texts are .*? host's\.)", file_comment(header)).groups()
+    threads, texts = re.search(r"(Every function .*? escape\.).*?(Strings are .*? must free\.)", file_comment(header)).groups()
     for page, functions in entries.items():
         own = [name for name, _, _ in functions]
         told = [told_of(name if len(own) > 1 else "", body, own) for name, body, _ in functions]
