@@ -15,103 +15,155 @@ extern "C" uint32_t oxCFGSave(void* store, uint32_t reserved, uint32_t mode) {
 
 namespace {
 
-std::string Row(const auto&... values) {
-  std::ostringstream text;
-  return ((text << values << "|"), ...), text.str();
+using Fields = std::vector<std::string>;
+
+std::string Line(const std::string& name, const auto&... fields) {
+  std::ostringstream line;
+  line << name << ':';
+  ((line << ' ' << fields), ...);
+  return line.str();
 }
 
-// The core's fields and the sinks', with what CSV and native log have of their own.
-std::string Describe(const oxEventConfig& c) {
-  std::string text = Row(c.enabled, c.minimum_severity, c.queue_size, static_cast<int>(c.drop_policy), c.state_enabled,
-                         c.dedupe_enabled, c.default_repeat_interval_sec, c.send_clear, c.route_orphan_clear);
+// A line for the core and one for each sink, with what CSV and native log have of their own.
+Fields Describe(const oxEventConfig& c) {
+  Fields lines = {Line("core", c.enabled, c.minimum_severity, c.queue_size, static_cast<int>(c.drop_policy)),
+                  Line("state", c.state_enabled, c.dedupe_enabled, c.default_repeat_interval_sec, c.send_clear,
+                       c.route_orphan_clear)};
   for (const oxEventSinkConfig& s : c.sinks) {
-    text += "\n" + Row(static_cast<int>(s.type), s.name, s.enabled, s.minimum_severity);
-    if (s.type == oxEventSinkType::kCsv) text += Row(s.path, s.flush_each_event);
-    if (s.type == oxEventSinkType::kNative) text += Row(s.source_name, s.native_facility, s.subsystem, s.category);
+    std::string line = Line("sink", static_cast<int>(s.type), s.name, s.enabled, s.minimum_severity);
+    if (s.type == oxEventSinkType::kCsv) line += Line(" csv", s.path, s.flush_each_event);
+    if (s.type == oxEventSinkType::kNative) {
+      line += Line(" native", s.source_name, s.native_facility, s.subsystem, s.category);
+    }
+    lines.push_back(line);
   }
-  return text;
+  return lines;
 }
 
-struct oxEventConfigFile : testing::Test {
-  std::string Load() {  // Returns what was loaded, or the error.
+struct ConfigTest : testing::Test {
+  Fields Load() {  // What was loaded, or the error.
     std::string error = "old";
-    const uint32_t result = oxEventConfigLoad(path_.c_str(), &config_, &error);
+    const uint32_t result = oxEventConfigLoad(path.c_str(), &config, &error);
     EXPECT_EQ(result, error.empty() ? OXEVENT_OK : OXEVENT_INVALID_ARGUMENT);
-    return error.empty() ? Describe(config_) : error;
+    return error.empty() ? Describe(config) : Fields{error};
   }
   std::string Stamp() const {  // Changes with any write, and with any file in its place.
     struct stat s = {};
-    return stat(path_.c_str(), &s), Row(s.st_ino, s.st_mtim.tv_sec, s.st_mtim.tv_nsec) + ReadFile(path_);
+    EXPECT_EQ(stat(path.c_str(), &s), 0);
+    return Line("file", s.st_ino, s.st_mtim.tv_sec, s.st_mtim.tv_nsec, ReadFile(path));
   }
-  const HostFolder folder_{};
-  const std::string path_ = folder_.path + "/events.xml";
-  oxEventConfig config_;
+  const HostFolder folder{};
+  const std::string path = folder.path + "/events.xml";
+  oxEventConfig config;
 };
 
-TEST_F(oxEventConfigFile, IsCompletedOnceWhenItCanBe) {
+TEST_F(ConfigTest, CompletesTheFileOnceItCanBeWritten) {
   rlimit limit = {0, RLIM_INFINITY};  // No byte can be written.
-  std::ofstream(path_) << "";
+  std::ofstream(path) << "";
   prlimit(0, RLIMIT_FSIZE, &limit, &limit);
-  const std::string unsaved = Load() + ReadFile(path_);
+  const Fields unsaved = Load();
+  const std::string file = ReadFile(path);
   prlimit(0, RLIMIT_FSIZE, &limit, nullptr);
+  EXPECT_EQ(file, "");
   EXPECT_EQ(Load(), unsaved);
-  EXPECT_EQ(ReadFile(path_), ReadFile(OXEVENT_DOCS "/default-settings.xml"));
+  EXPECT_EQ(ReadFile(path), ReadFile(OXEVENT_DOCS "/default-settings.xml"));
   const std::string stamp = Stamp();
   EXPECT_EQ(Load(), unsaved);
   EXPECT_EQ(Stamp(), stamp);
 }
 
-TEST_F(oxEventConfigFile, LoadsWhateverASaveThatFailsReturns) {
+TEST_F(ConfigTest, LoadsWhateverASaveThatFailsReturns) {
   for (const uint32_t result : {1u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
-    std::ofstream(path_) << "";
+    std::ofstream(path) << "";
     g_save_result = result;
-    const std::string loaded = Load();
+    const Fields loaded = Load();
     g_save_result = 0;
     EXPECT_EQ(loaded, Load()) << result;
   }
 }
 
-TEST_F(oxEventConfigFile, KeepsWhiteSpaceAroundNumbers) {
-  WriteSettings(path_, "",
+TEST_F(ConfigTest, KeepsWhiteSpaceAroundNumbers) {
+  WriteSettings(path, "",
                 {{"core\\queue_size", "\n 5000\r\n"}, {"core\\minimum_severity", "\t2 "}, {"core\\enabled", " 0"}});
-  EXPECT_EQ(Load().substr(0, 9), "0|2|5000|");
-  EXPECT_NE(ReadFile(path_).find(">\n 5000\r\n<"), std::string::npos);
+  EXPECT_EQ(Load().front(), "core: 0 2 5000 0");
+  EXPECT_NE(ReadFile(path).find(">\n 5000\r\n<"), std::string::npos);
 }
 
-TEST_F(oxEventConfigFile, SetsTheFieldsByAnyWordAndKeepsTheRest) {
-  std::istringstream words(
-      R"(core\enabled OFF core\minimum_severity ERR core\queue_size 1x core\drop_policy debug_info_first
-         state\enabled nO state\dedupe_enabled False state\default_repeat_interval_sec 4294967296
-         state\send_clear disabled state\route_orphan_clear 4294967295 sink\csv\a\stray 1 sink\csv\b\key\c d
-         sink\csv\default\enabled tRue sink\csv\default\minimum_severity DeBug sink\csv\default\flush_each_event YES
-         sink\syslog\udp\x\enabled on sink\syslog\udp\x\minimum_severity information sink\native\main\enabled Enabled
-         sink\native\main\category c sink\native\main\minimum_severity Warn sink\native\main\source_name s&amp;s
-         sink\native\main\facility f sink\native\main\subsystem u sink\cloudevents\http\default\minimum_severity warning
-         sink\webhook\http\default\unknown 5 sink\snmp\trap\default\minimum_severity 0
-         sink\alertmanager\main\minimum_severity Error)");
-  const std::string most(2047, 'x');
-  std::map<std::string, std::string> settings;
-  for (std::string name, text; words >> name >> text;) settings[name] = text;
-  WriteSettings(path_, most + "yz", settings);
-  const std::string start = "0|3|1024|1|0|0|1800|0|1|\n0|a|0|1|oxEvent.csv|0|\n0|b|0|1|oxEvent.csv|0|\n0|default|1|0|";
-  EXPECT_EQ(Load(), start + most + "|1|\n1|x|1|1|\n2|main|1|2|s&s|f|u|c|\n3|default|0|2|\n5|default|0|1|\n" +
-                        "4|default|0|0|\n6|main|0|3|");
-  for (const char* kept : {">5<", "stray", "yz</value>", ">1024<", ">1800<"})
-    EXPECT_NE(ReadFile(path_).find(kept), most.npos) << kept;
+TEST_F(ConfigTest, KnowsEachWordOfADropPolicy) {
+  const std::pair<std::string, oxEventDropPolicy> cases[] = {
+      {"drop_newest", oxEventDropPolicy::kDropNewest},
+      {"newest", oxEventDropPolicy::kDropNewest},
+      {"DROP", oxEventDropPolicy::kDropNewest},
+      {"drop_debug_info_first", oxEventDropPolicy::kDropDebugInfoFirst},
+      {"debug_info_first", oxEventDropPolicy::kDropDebugInfoFirst},
+      {"Drop_Low_Severity_First", oxEventDropPolicy::kDropDebugInfoFirst}};
+  for (const auto& [word, policy] : cases) {
+    WriteSettings(path, "", {{"core\\drop_policy", word}});
+    Load();
+    EXPECT_EQ(config.drop_policy, policy) << word;
+  }
 }
 
-TEST_F(oxEventConfigFile, IsLeftWhenRefused) {
-  const std::string cases[][3] = {
-      {"core\\enabled", "1</config>", "Unable to open oxEvent config: " + path_},
+TEST_F(ConfigTest, SetsTheFieldsByAnyWordAndKeepsTheRest) {
+  const std::string longest(2047, 'x');
+  WriteSettings(path, longest + "yz",
+                {{"core\\enabled", "OFF"},
+                 {"core\\minimum_severity", "ERR"},
+                 {"core\\queue_size", "1x"},  // As after each text that is no number: the default.
+                 {"state\\enabled", "nO"},
+                 {"state\\dedupe_enabled", "False"},
+                 {"state\\default_repeat_interval_sec", "4294967296"},
+                 {"state\\send_clear", "disabled"},
+                 {"state\\route_orphan_clear", "4294967295"},
+                 {"sink\\csv\\a\\stray", "1"},
+                 {"sink\\csv\\b\\key\\c", "d"},
+                 {"sink\\csv\\default\\enabled", "tRue"},
+                 {"sink\\csv\\default\\minimum_severity", "DeBug"},
+                 {"sink\\csv\\default\\flush_each_event", "YES"},
+                 {"sink\\syslog\\udp\\x\\enabled", "on"},
+                 {"sink\\syslog\\udp\\x\\minimum_severity", "information"},
+                 {"sink\\native\\main\\enabled", "Enabled"},
+                 {"sink\\native\\main\\category", "c"},
+                 {"sink\\native\\main\\minimum_severity", "Warn"},
+                 {"sink\\native\\main\\source_name", "s&amp;s"},
+                 {"sink\\native\\main\\facility", "f"},
+                 {"sink\\native\\main\\subsystem", "u"},
+                 {"sink\\cloudevents\\http\\default\\minimum_severity", "warning"},
+                 {"sink\\webhook\\http\\default\\unknown", "5"},
+                 {"sink\\snmp\\trap\\default\\minimum_severity", "0"},
+                 {"sink\\alertmanager\\main\\minimum_severity", "Error"}});
+  const Fields expected = {"core: 0 3 1024 0",
+                           "state: 0 0 1800 0 1",
+                           "sink: 0 a 0 1 csv: oxEvent.csv 0",
+                           "sink: 0 b 0 1 csv: oxEvent.csv 0",
+                           "sink: 0 default 1 0 csv: " + longest + " 1",
+                           "sink: 1 x 1 1",
+                           "sink: 2 main 1 2 native: s&s f u c",
+                           "sink: 3 default 0 2",
+                           "sink: 5 default 0 1",
+                           "sink: 4 default 0 0",
+                           "sink: 6 main 0 3"};
+  EXPECT_EQ(Load(), expected);
+  for (const char* kept : {">5<", "stray", "yz</value>", ">1024<", ">1800<"}) {
+    EXPECT_NE(ReadFile(path).find(kept), std::string::npos) << kept;
+  }
+}
+
+TEST_F(ConfigTest, LeavesAFileThatItRefuses) {
+  const struct {
+    std::string setting, value, error;
+  } cases[] = {
+      {"core\\enabled", "1</config>", "Unable to open oxEvent config: " + path},
       {"core\\queue_size", "0", "queue_size must be greater than zero"},
       {"core\\drop_policy", "Oldest", R"(Invalid drop_policy value for QVX\Events\core\drop_policy: Oldest)"},
       {"core\\minimum_severity", "7", R"(Invalid minimum_severity value for QVX\Events\core\minimum_severity: 7)"},
       {"sink\\csv\\b\\enabled", "2x", R"(Invalid boolean value for QVX\Events\sink\csv\b\enabled: 2x)"}};
-  for (const auto& [name, text, error] : cases) {
-    WriteSettings(path_, "", {{name, text}});
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.error);
+    WriteSettings(path, "", {{c.setting, c.value}});
     const std::string stamp = Stamp();
-    EXPECT_EQ(Load(), error);
-    EXPECT_EQ(Stamp(), stamp) << error;
+    EXPECT_EQ(Load(), Fields{c.error});
+    EXPECT_EQ(Stamp(), stamp);
   }
 }
 

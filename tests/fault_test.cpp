@@ -3,6 +3,7 @@
 #include <netdb.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
 #include "core/oxEventRouter.h"
@@ -12,19 +13,26 @@
 namespace {
 
 using std::string;
+using Strings = std::vector<string>;
 using Errors = std::vector<int>;
 
 constexpr char kSecret[] = "sesame", kLong[] = "too long for a text that needs no memory";
-std::atomic<uint64_t> g_round = 0;  // Named by each event's message: a post of an earlier one may come late.
-thread_local char t_thread = 'w';   // 'h': the host's, 's': the server's; else the worker, or a lookup of its.
+constexpr char kOk[] = "0 ";
+const Errors kOpen = {EACCES, EIO, ELOOP, EMFILE, ENFILE, ENOENT, ENOMEM, ENOSPC, EROFS};
+const Errors kSocket = {EACCES, EAFNOSUPPORT, EMFILE, ENFILE, ENOBUFS, ENOMEM};
+const Errors kLookup = {EAI_AGAIN, EAI_FAIL, EAI_MEMORY, EAI_NONAME, EAI_SYSTEM};
 
+enum class Thread { kHost, kServer, kWorker };
+thread_local Thread t_thread = Thread::kWorker;  // The worker, or a lookup of its.
+
+std::atomic<uint64_t> g_round = 0;  // Named by each event's message: a post of an earlier one may come late.
 string Message() { return "m" + std::to_string(g_round); }
 
 struct HttpServer {  // Accepts each post, one on a connection.
   HttpServer() { listen(fd, 100), thread = std::thread(&HttpServer::Run, this); }
   ~HttpServer() { shutdown(fd, SHUT_RDWR), thread.join(), close(fd); }
   void Run() {
-    t_thread = 's';
+    t_thread = Thread::kServer;
     for (int peer; (peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(peer)) {
       string post(65536, 0);
       for (ssize_t got = 1; got > 0 && post.find('}') == post.npos;) got = recv(peer, post.data(), post.size(), 0);
@@ -38,93 +46,100 @@ struct HttpServer {  // Accepts each post, one on a connection.
   std::thread thread;
 };
 
-struct oxEventFaults : testing::TestWithParam<char> {
-  oxEventFaults() {
-    t_thread = 'h';
-    // A system log that is there is not filled.
-    std::map<string, string> more = {{"sink\\native\\main\\enabled", access("/dev/log", F_OK) == 0 ? "0" : "1"}};
-    for (const string sink : {"syslog\\udp", "snmp\\trap", "alertmanager", "webhook\\http"}) {
-      const string values[][2] = {{"enabled", "1"},
-                                  {"host", sink.substr(0, 2) + ".test"},
-                                  {"community", kSecret},
-                                  {"endpoint_url", "http://h.test:" + std::to_string(server.port)},
-                                  {"port", std::to_string(port)},
-                                  {"bearer_token", kSecret}};
-      for (const auto& [name, value] : values) more["sink\\" + sink + "\\a\\" + name] = value;
-    }
-    WriteSettings(settings, csv, more);
-    ExpectWorks();
-    completed = ReadFile(settings);
-  }
-  ~oxEventFaults() override { oxEventShutdown(), close(datagrams); }
+struct Case {
+  string call, about;                   // `about`: a file or a host; empty: any.
+  Errors errors;                        // As Faults takes them.
+  Strings results;                      // One of these begins the code and the text that the entry point then gives.
+  Strings results_if_others_fail = {};  // Where they differ when all later calls fail too.
+  uint64_t failing_sinks = 0;
+};
 
-  // For a step: 'i' from a stop, 'r' with a CSV file to make, 'f' and 's' with a row to write.
-  void Begin(char step) {
+struct FaultTest : testing::Test {
+  FaultTest() {
+    t_thread = Thread::kHost;
+    const string own_log = access("/dev/log", F_OK) == 0 ? "0" : "1";  // A machine's log is not filled.
+    WriteSettings(settings, csv,
+                  {{"sink\\native\\main\\enabled", own_log},
+                   {"sink\\alertmanager\\a\\enabled", "1"},
+                   {"sink\\syslog\\udp\\a\\enabled", "1"},
+                   {"sink\\syslog\\udp\\a\\host", "syslog.test"},
+                   {"sink\\syslog\\udp\\a\\port", std::to_string(port)},
+                   {"sink\\snmp\\trap\\a\\enabled", "1"},
+                   {"sink\\snmp\\trap\\a\\host", "snmp.test"},
+                   {"sink\\snmp\\trap\\a\\port", std::to_string(port)},
+                   {"sink\\snmp\\trap\\a\\community", kSecret},
+                   {"sink\\webhook\\http\\a\\enabled", "1"},
+                   {"sink\\webhook\\http\\a\\bearer_token", kSecret},
+                   {"sink\\webhook\\http\\a\\endpoint_url", "http://http.test:" + std::to_string(server.port)}});
+    Restart();
+    completed = ReadFile(settings);
+    ExpectWorks();
+  }
+  ~FaultTest() override { oxEventShutdown(), close(datagrams); }
+
+  static void Note(const oxEventRecord* event, void* calls_of) {
+    if (++*static_cast<std::atomic<uint64_t>*>(calls_of) > 1) return;
+    // After a raise that was not sent, its repetition is sent.
+    EXPECT_TRUE(string("raise").starts_with(event->action)) << event->action;
+  }
+  void Stop() {
     oxEventShutdown();
     std::filesystem::remove_all(folder.path + "/csv");
-    if (step == 'i') return;
-    EXPECT_EQ(Got(oxEventInitialize(settings.c_str())), "0 ");
-    EXPECT_EQ(oxEventRegisterCallback(Note, &calls, &id), 0u);
-    if (step == 'r') std::filesystem::remove_all(folder.path + "/csv");
-    if (step != 'f' && step != 's') return;
-    EXPECT_EQ(oxEventSubmitSimple(1, 3, "n", "m"), 0u);
-    while (calls == 0) usleep(100);
   }
-  uint32_t Do(char step) {
-    oxEventRecord record = {152, 65536, 0, kLong, kLong, kLong, "", 3, "", kLong, "", 1, 0, 0, "", 0, 0, "", 0, "{}"};
+  void Restart() {
+    Stop();
+    calls = 0;
+    EXPECT_EQ(LastResult(oxEventInitialize(settings.c_str())), kOk);
+    EXPECT_EQ(LastResult(oxEventRegisterCallback(Note, &calls, &id)), kOk);
+  }
+  static uint32_t SubmitAction(const char* action) {
     const string message = Message();
-    string document;
-    uint32_t result = 0, other = 0;
-    if (step == 'i') return oxEventInitialize(settings.c_str());
-    if (step == 'r') return oxEventReloadConfig(nullptr);
-    if (step == 'f') return oxEventFlush(0);
-    if (step == 's') return oxEventShutdown();
-    if (step == 'c') return oxEventRegisterCallback([](auto...) {}, nullptr, &other);
-    if (step == 'u') return oxEventUnregisterCallback(0);
-    if (step == 'g') return oxEventGetLastError(nullptr, 0);
-    if (step == 'p') return oxEventSubmitSimple(1, 3, kLong, kLong);
-    record.message = message.c_str();
-    if (step == 'a') return oxEventFormatAlertmanagerRecord(&record, {}, &document);
-    for (const char* action : {"raise", "raise", "update", "clear"}) {  // The second is suppressed.
-      record.action = action, record.pts = *action;
-      result = std::max(oxEventSubmit(&record), result);
-    }
-    if (step == 'w') oxEventFlush(0);
-    return result;
+    oxEventRecord record = MakeRecord(message.c_str());
+    record.severity = OXEVENT_SEVERITY_ERROR;
+    record.event_type = record.source_id = record.source_name = record.correlation_id = kLong;
+    record.action = action;
+    record.pts = *action;
+    return oxEventSubmit(&record);
   }
-
-  static void Note(const oxEventRecord* event,
-                   void* calls_of) {  // What was not sent for a raise does not count as one.
-    EXPECT_TRUE(++*static_cast<std::atomic<uint64_t>*>(calls_of) > 1 || string("raise").starts_with(event->action));
-  }
-  static string Got(uint32_t code) {  // The code that a call gave, and the text that it left.
-    char text[512] = "unread";
-    EXPECT_TRUE(oxEventGetLastError(text, sizeof text) == 0 && string(text).find(kSecret) == string::npos) << text;
-    return (std::stringstream() << std::hex << code << ' ' << text).str();
-  }
-  // Of the round's events: rows, syslog messages, traps, posts.
-  std::vector<uint64_t> Arrived() {
-    const std::vector<string> rows = ReadMessages(csv);
+  // How many of the round's events have arrived where; begins the next round.
+  using Arrivals = std::map<string, uint64_t>;
+  Arrivals TakeArrivals() {
+    const Strings rows = ReadMessages(csv);
     EXPECT_EQ(std::count(rows.begin(), rows.end(), "no row"), 0);
-    std::vector<uint64_t> now = {static_cast<uint64_t>(std::count(rows.begin(), rows.end(), Message())), 0, 0, 0};
-    for (char first; recv(datagrams, &first, 1, MSG_DONTWAIT) == 1;) ++now[first == '<' ? 1 : 2];
-    return ++g_round, now[3] = server.posts.exchange(0), now;
+    Arrivals arrivals = {{"messages", 0}, {"traps", 0}};
+    arrivals["rows"] = static_cast<uint64_t>(std::count(rows.begin(), rows.end(), Message()));
+    for (char first; recv(datagrams, &first, 1, MSG_DONTWAIT) == 1;) ++arrivals[first == '<' ? "messages" : "traps"];
+    ++g_round;
+    arrivals["posts"] = server.posts.exchange(0);
+    return arrivals;
   }
   // At most `failing` sinks lack an event, and what they lack is counted.
   void ExpectAccounted(uint64_t failing) {
-    EXPECT_EQ(oxEventFlush(0), 0u);
-    const oxEventCounters c = oxEventCoreGetCounters();
-    uint64_t lost = c.submitted - c.emitted - c.dropped, lacking = 0;  // Failed evaluations.
-    for (const uint64_t arrived : Arrived()) lost += c.emitted - arrived, lacking += arrived < c.emitted;
-    EXPECT_TRUE(c.submitted == 4 && calls == c.emitted && lost <= c.sink_failures && lacking <= failing) << lost;
+    EXPECT_EQ(oxEventFlush(0), OXEVENT_OK);
+    const oxEventCounters counters = oxEventCoreGetCounters();
+    uint64_t lost = counters.submitted - counters.emitted - counters.dropped;  // Failed evaluations.
+    uint64_t lacking = 0;
+    for (const auto& [where, arrived] : TakeArrivals()) {
+      lost += counters.emitted - arrived;
+      lacking += arrived < counters.emitted;
+    }
+    EXPECT_EQ(counters.submitted, 4u);
+    EXPECT_EQ(counters.emitted, calls);
+    EXPECT_LE(lost, counters.sink_failures);
+    EXPECT_LE(lacking, failing);
   }
   void ExpectWorks() {
-    if (oxEventReloadConfig(nullptr) != 0) Begin('-');  // A reload, since a CSV file may have broken off.
-    oxEventFlush(0), Arrived(), oxEventUnregisterCallback(id), calls = 0;
-    EXPECT_EQ(oxEventRegisterCallback(Note, &calls, &id), 0u);
-    EXPECT_FALSE(oxEventSubmitSimple(0, 3, "n", Message().c_str()) || oxEventFlush(0));
-    EXPECT_EQ(Arrived(), (std::vector<uint64_t>{1, 1, 1, 1}));
-    EXPECT_TRUE(calls == 1 && (completed.empty() || ReadFile(settings) == completed));
+    if (oxEventReloadConfig(nullptr) != OXEVENT_OK) Restart();  // A reload, since a CSV file may have broken off.
+    oxEventFlush(0);
+    TakeArrivals();
+    oxEventUnregisterCallback(id);
+    calls = 0;
+    EXPECT_EQ(LastResult(oxEventRegisterCallback(Note, &calls, &id)), kOk);
+    EXPECT_EQ(LastResult(oxEventSubmitSimple(0, 3, "n", Message().c_str())), kOk);
+    EXPECT_EQ(LastResult(oxEventFlush(0)), kOk);
+    EXPECT_EQ(TakeArrivals(), (Arrivals{{"messages", 1}, {"posts", 1}, {"rows", 1}, {"traps", 1}}));
+    EXPECT_EQ(calls, 1u);
+    EXPECT_EQ(ReadFile(settings), completed);
   }
 
   static bool IsAbout(std::string_view call, long first, const string& what) {
@@ -133,7 +148,55 @@ struct oxEventFaults : testing::TestWithParam<char> {
     std::error_code none;
     return what == std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(first), none);
   }
-
+  // For each n, makes the n-th call on a thread fail while `act` runs, until there is no n-th call.
+  void FailEach(const std::vector<Case>& cases, const std::function<uint32_t()>& act, Thread thread = Thread::kHost) {
+    for (const Case& c : cases) {
+      for (const int error : c.errors) {
+        FailEach(c, error, c.results, false, act, thread);
+        FailEach(c, error, c.results_if_others_fail.empty() ? c.results : c.results_if_others_fail, true, act, thread);
+      }
+    }
+  }
+  void FailEach(const Case& c, int error, const Strings& results, bool others_fail,
+                const std::function<uint32_t()>& act, Thread thread) {
+    std::atomic<size_t> made = 1;
+    for (size_t n = 1; made >= n && !HasFailure(); ++n) {
+      SCOPED_TRACE(c.call + " " + c.about + " gives " + std::to_string(error) + " from call " + std::to_string(n) +
+                   (others_fail ? " on" : " only"));
+      prepare();
+      TakeArrivals();
+      made = calls = 0;
+      uint32_t code = 0;
+      {
+        const Faults faults([&](std::string_view call, long first) {
+          if (call != c.call || t_thread != thread || !IsAbout(call, first, c.about)) return 0;
+          return ++made == n || (made > n && others_fail) ? error : 0;
+        });
+        code = act();
+      }
+      EXPECT_GE(made + n, 2u) << "There is no such call";
+      ExpectOneOf(made < n ? Strings{kOk} : results, LastResult(code));
+      if (thread == Thread::kWorker) ExpectAccounted(c.failing_sinks);
+      ExpectWorks();
+    }
+  }
+  static void ExpectOneOf(const Strings& results, const string& result) {
+    const auto begins = [&](const string& start) {
+      return start.ends_with(' ') ? result == start : result.starts_with(start);  // Ends in a space: without a text.
+    };
+    EXPECT_TRUE(std::any_of(results.begin(), results.end(), begins)) << result;
+    EXPECT_EQ(result.find(kSecret), string::npos) << result;
+  }
+  // What a call returns while this thread has no memory.
+  static string WithoutMemory(const std::function<uint32_t()>& act) {
+    const auto hook = [](std::string_view call, long) {
+      return call == "malloc" && t_thread == Thread::kHost ? ENOMEM : 0;
+    };
+    std::optional<Faults> faults(hook);
+    const uint32_t code = act();
+    faults.reset();
+    return LastResult(code);
+  }
   const SystemLog log = SystemLog(LOCK_SH);
   const HostFolder folder{};
   const string settings = folder.path + "/settings", csv = folder.path + "/csv/rows";
@@ -143,70 +206,118 @@ struct oxEventFaults : testing::TestWithParam<char> {
   string completed;  // The settings, as the library completes them.
   std::atomic<uint64_t> calls = 0;
   uint32_t id = 0;
+  std::function<void()> prepare = [this] { Restart(); };
 };
 
-INSTANTIATE_TEST_SUITE_P(InEach, oxEventFaults, testing::Values('i', 'r', 'f', 's', 'c', 'u', 'g', 'p', 'd', 'a', 'w'));
+TEST_F(FaultTest, InitializeAndReloadReportWhatFails) {
+  const string config = "80050003 Unable to open oxEvent config: " + settings, csv_folder = folder.path + "/csv";
+  const string make_folder = "80050005 Unable to create directory for oxEvent CSV sink: " + csv_folder;
+  const string open_file = "80050005 Unable to open oxEvent CSV file for append: " + csv;
+  const string syslog = "80050005 oxEvent syslog UDP ", trap = "80050005 oxEvent SNMP trap ";
+  const auto out_of_memory = [&](const string& entry_point) {
+    const Strings results = {config, "80050005 " + entry_point + " failed: std::bad_alloc",
+                             "80050005 Unable to allocate oxEvent native log handle",
+                             syslog + "resolve failed for syslog.test:", trap + "resolve failed for snmp.test:"};
+    return Case{"malloc", "", {ENOMEM}, results, {"80050003 ", "80050005 "}};
+  };
+  const std::vector<Case> cases = {
+      {"open", settings, kOpen, {config}},
+      {"read", settings, {EIO, EISDIR, ENOMEM}, {config}},
+      {"mkdir", csv_folder, {EACCES, EDQUOT, EMLINK, ENOSPC, EROFS}, {kOk}, {make_folder}},
+      {"open", csv, kOpen, {kOk, open_file}, {open_file}},
+      {"write", csv, {EFBIG, EIO}, {"80050005 Unable to write oxEvent CSV header: " + csv}},
+      {"write", csv, {-7, EDQUOT, ENOSPC}, {kOk}},
+      {"getaddrinfo", "syslog.test", kLookup, {syslog + "resolve failed for syslog.test:"}},
+      {"getaddrinfo", "snmp.test", kLookup, {trap + "resolve failed for snmp.test:"}},
+      {"socket", "", kSocket, {syslog + "socket creation failed for", trap + "socket creation failed for"}}};
+  prepare = [&] { Stop(); };
+  const auto initialize = [&] { return oxEventInitialize(settings.c_str()); };
+  FailEach(cases, initialize);
+  const Case no_thread = {"pthread_create", "", {EAGAIN, EINVAL, EPERM}, {"80050005 oxEventInitialize failed:"}};
+  FailEach({out_of_memory("oxEventInitialize"), no_thread}, initialize);
+  prepare = [&] {
+    Restart();
+    std::filesystem::remove_all(csv_folder);
+  };
+  const auto reload = [] { return oxEventReloadConfig(nullptr); };
+  FailEach(cases, reload);
+  FailEach({out_of_memory("oxEventReloadConfig")}, reload);
+}
 
-TEST_P(oxEventFaults, GiveACodeAndLoseNothing) {
-  const Errors open = {EACCES, EIO, ELOOP, EMFILE, ENFILE, ENOENT, ENOMEM, ENOSPC, EROFS};
-  const Errors write = {-7, EDQUOT, EFBIG, EIO, ENOSPC}, header = {-7, EFBIG, EIO}, full = {EDQUOT, ENOSPC};
-  const Errors make = {EACCES, EDQUOT, EMLINK, ENOSPC, EROFS};
-  const Errors socket = {EACCES, EAFNOSUPPORT, EMFILE, ENFILE, ENOBUFS, ENOMEM};
-  const Errors host = {EAI_AGAIN, EAI_FAIL, EAI_MEMORY, EAI_NONAME, EAI_SYSTEM};
+TEST_F(FaultTest, FlushAndShutdownReportRowsThatTheyCannotWrite) {
+  prepare = [&] {
+    Restart();
+    EXPECT_EQ(LastResult(oxEventSubmitSimple(1, 3, "n", "m")), kOk);
+    while (calls == 0) usleep(100);
+  };
+  const Errors errors = {EDQUOT, EFBIG, EIO, ENOSPC};
+  const Case in_pieces = {"write", csv, {-7}, {kOk}};
+  FailEach({{"write", csv, errors, {"80050005 oxEvent core flush timed out"}}, in_pieces},
+           [] { return oxEventFlush(0); });
+  FailEach({{"write", csv, errors, {"80050005 oxEvent sink flush failed"}}, in_pieces}, oxEventShutdown);
+}
+
+TEST_F(FaultTest, ReportsThatMemoryRanOut) {
+  uint32_t other = 0;
+  FailEach({{"malloc", "", {ENOMEM}, {"80050005 oxEventRegisterCallback failed: std::bad_alloc"}, {"80050005 "}}},
+           [&] { return oxEventRegisterCallback([](auto...) {}, nullptr, &other); });
+  const oxEventRecord record = MakeRecord(kLong);
+  const auto format = [&] {
+    string document;
+    return oxEventFormatAlertmanagerRecord(&record, {}, &document);
+  };
+  const string text = "80050005 oxEventFormatAlertmanagerRecord failed: std::bad_alloc";
+  FailEach({{"malloc", "", {ENOMEM}, {text}, {"80050005 "}}}, format);
+}
+
+TEST_F(FaultTest, ReturnsACodeWithoutMemoryForItsText) {
+  EXPECT_EQ(WithoutMemory([] { return oxEventUnregisterCallback(0); }), "80050004 ");
+  EXPECT_EQ(WithoutMemory([] { return oxEventGetLastError(nullptr, 0); }), "80050003 ");
+}
+
+TEST_F(FaultTest, SubmitsFlushesAndShutsDownWithoutMemory) {
+  Restart();
+  EXPECT_EQ(WithoutMemory([] { return oxEventSubmitSimple(1, 3, kLong, kLong); }), kOk);
+  EXPECT_EQ(WithoutMemory([] { return oxEventFlush(0); }), kOk);
+  EXPECT_EQ(calls, 1u);
+  EXPECT_EQ(WithoutMemory([] { return oxEventSubmitSimple(1, 3, kLong, kLong); }), kOk);
+  EXPECT_EQ(WithoutMemory(oxEventShutdown), kOk);
+  EXPECT_EQ(calls, 2u);
+}
+
+#ifndef OXEVENT_SANITIZED  // A sanitizer's own mappings come the same way.
+TEST_F(FaultTest, SubmitCountsAndReportsAnEventForWhichThereIsNoMemory) {
+  const auto act = [] {
+    const uint32_t result = SubmitAction("raise");
+    EXPECT_EQ(oxEventCoreGetCounters().dropped, result == OXEVENT_OK ? 0u : 1u);
+    return result;
+  };
+  FailEach({{"mmap", "", {ENOMEM}, {"80050005 oxEvent core submit failed"}}}, act);
+}
+#endif
+
+TEST_F(FaultTest, CountsWhatASinkDoesNotSend) {
   const Errors send = {-3, EACCES, EAGAIN, EHOSTUNREACH, EMSGSIZE, ENETDOWN, ENETUNREACH, ENOBUFS, EPERM};
-  const string config = "80050003 Unable to open oxEvent config: " + settings, is = "80050005 oxEvent ";
-  const struct {
-    string steps, call, about;  // A file or a host; empty: any.
-    Errors errors;
-    string text;  // "0 ": it succeeds.
-  } rows[] = {{"irfscugpdaw", "malloc", "", {ENOMEM}, "8005000"},
-              {"dw", "mmap", "", {ENOMEM}, "8005000"},
-              {"w", "munmap", "", {ENOMEM}, ""},
-              {"ir", "open", settings, open, config},
-              {"ir", "read", settings, {EIO, EISDIR, ENOMEM}, config},
-              {"ir", "mkdir", folder.path + "/csv", make, "80050005 Unable to create directory for oxEvent CSV sink: "},
-              {"ir", "open", csv, open, "80050005 Unable to open oxEvent CSV file for append: " + csv},
-              {"ir", "write", csv, header, "80050005 Unable to write oxEvent CSV header: " + csv},
-              {"ir", "write", csv, full, "0 "},
-              {"ir", "getaddrinfo", "sy.test", host, is + "syslog UDP resolve failed for sy.test:"},
-              {"ir", "getaddrinfo", "sn.test", host, is + "SNMP trap resolve failed for sn.test:"},
-              {"ir", "socket", "", socket, is},
-              {"i", "pthread_create", "", {EAGAIN, EINVAL, EPERM}, "80050005 oxEventInitialize failed: "},
-              {"f", "write", csv, write, is + "core flush timed out"},
-              {"s", "write", csv, write, is + "sink flush failed"},
-              {"w", "sendto", "", send, ""},
-              {"w", "getaddrinfo", "h.test", host, ""},
-              {"w", "pthread_create", "", {EAGAIN, EINVAL, EPERM}, ""},
-              {"w", "socket", "", socket, ""},
-              {"w", "connect", "", {EADDRNOTAVAIL, ECONNREFUSED, ENETUNREACH, ETIMEDOUT}, ""}};
-  size_t rounds = 0;
-  for (const auto& row : rows) {
-    for (size_t i = 0; i < row.errors.size() * 2 && row.steps.find(GetParam()) != string::npos; ++i) {
-      const int error = row.errors[i / 2];
-      std::atomic<size_t> made = 1;
-      for (size_t n = 1; made >= n && !HasFailure(); ++n) {  // The n-th fails, and with an odd i all later ones.
-        SCOPED_TRACE(row.call + " " + row.about + " " + std::to_string(error) + " at " + std::to_string(n));
-        ++rounds, Begin(GetParam()), Arrived();
-        uint32_t result = 0;
-        made = calls = 0;
-        {
-          const Faults faults([&](std::string_view call, long first) {
-            if (call != row.call || t_thread != (GetParam() == 'w' ? 'w' : 'h') || !IsAbout(call, first, row.about))
-              return 0;
-            return ++made == n || (made > n && i % 2 == 1) ? error : 0;
-          });
-          result = Do(GetParam());
-        }
-        EXPECT_TRUE(result == 0 ? Got(0) == "0 " : Got(result).starts_with(row.text)) << Got(result);
-        const bool must_fail = n == 1 && i % 2 == 1 && error > 0 && made != 0 && GetParam() != 'w' && row.text != "0 ";
-        EXPECT_TRUE(result != 0 || !must_fail);
-        if (GetParam() == 'w' || GetParam() == 'd')
-          ExpectAccounted(row.call.starts_with("m") ? 4 : row.call == "sendto" ? 2 : 1);
-        ExpectWorks();
-      }
+  const auto act = [] {
+    uint32_t result = 0;
+    for (const char* action : {"raise", "raise", "update", "clear"}) {  // The second is suppressed.
+      result = std::max(result, SubmitAction(action));
     }
-  }
-  printf("%zu rounds\n", rounds);
+    oxEventFlush(0);
+    return result;
+  };
+  const std::vector<Case> cases = {
+      {"malloc", "", {ENOMEM}, {kOk}, {}, 4},
+#ifndef OXEVENT_SANITIZED
+      {"mmap", "", {ENOMEM}, {kOk}, {}, 4},
+      {"munmap", "", {ENOMEM}, {kOk}, {}, 4},
+#endif
+      {"sendto", "", send, {kOk}, {}, 2},
+      {"getaddrinfo", "http.test", kLookup, {kOk}, {}, 1},
+      {"pthread_create", "", {EAGAIN, EINVAL, EPERM}, {kOk}, {}, 1},
+      {"socket", "", kSocket, {kOk}, {}, 1},
+      {"connect", "", {EADDRNOTAVAIL, ECONNREFUSED, ENETUNREACH, ETIMEDOUT}, {kOk}, {}, 1}};
+  FailEach(cases, act, Thread::kWorker);
 }
 
 }  // namespace

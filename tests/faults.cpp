@@ -12,33 +12,35 @@
 namespace {
 
 std::atomic<const Faults::Hook*> g_hook = nullptr;
-std::atomic<int> g_asking = 0;  // Threads that may be in the hook.
-thread_local bool t_asking = false;
+std::atomic<int> g_threads_in_hook = 0;
+thread_local bool t_in_hook = false;
 
-int Ask(const char* call, long first) {
-  if (g_hook == nullptr || t_asking) return 0;
-  t_asking = true, ++g_asking;
+int FaultFor(const char* call, long first) {
+  if (g_hook == nullptr || t_in_hook) return 0;
+  t_in_hook = true;
+  ++g_threads_in_hook;
   const Faults::Hook* const hook = g_hook;
-  const int answer = hook == nullptr ? 0 : (*hook)(call, first);
-  t_asking = false, --g_asking;
-  return answer;
+  const int fault = hook == nullptr ? 0 : (*hook)(call, first);
+  t_in_hook = false;
+  --g_threads_in_hook;
+  return fault;
 }
 
-bool Allocates(size_t size) { return Ask("malloc", static_cast<long>(size)) == 0 || (errno = ENOMEM, false); }
+bool Allocates(size_t size) { return FaultFor("malloc", static_cast<long>(size)) == 0 || (errno = ENOMEM, false); }
 
 }  // namespace
 
 Faults::Faults(Hook hook) : hook_(std::move(hook)) { g_hook = &hook_; }
 Faults::~Faults() {
-  for (g_hook = nullptr; g_asking != 0;) sched_yield();
+  for (g_hook = nullptr; g_threads_in_hook != 0;) sched_yield();
 }
 
 // Hosts below "test" are this machine.
 int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
   static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   const bool ours = host != nullptr && std::string_view(host).ends_with(".test");
-  const int answer = Ask("getaddrinfo", reinterpret_cast<long>(host));
-  return answer != 0 ? answer : next(ours ? "127.0.0.1" : host, port, hints, result);
+  const int fault = FaultFor("getaddrinfo", reinterpret_cast<long>(host));
+  return fault != 0 ? fault : next(ours ? "127.0.0.1" : host, port, hints, result);
 }
 
 #ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
@@ -58,14 +60,14 @@ void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
 #endif
 
-// The arguments go by the same registers, be they numbers or pointers.
-#define OWN(call)                                                                                          \
-  extern "C" long Own_##call(long, long, long, long, long, long) __asm__(#call);                           \
-  long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {              \
-    static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call));             \
-    const int answer = Ask(#call, first);                                                                  \
-    if (answer > 0) return #call[1] == 't' && #call[0] == 'p' ? answer : (errno = answer, -1);             \
-    return next(first, second, answer < 0 ? std::min<long>(third, -answer) : third, fourth, fifth, sixth); \
+// Numbers and pointers are passed in the same registers.
+#define OWN(call)                                                                                        \
+  extern "C" long Own_##call(long, long, long, long, long, long) __asm__(#call);                         \
+  long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {            \
+    static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call));           \
+    const int fault = FaultFor(#call, first);                                                            \
+    if (fault > 0) return #call[1] == 't' && #call[0] == 'p' ? fault : (errno = fault, -1);              \
+    return next(first, second, fault < 0 ? std::min<long>(third, -fault) : third, fourth, fifth, sixth); \
   }
 // clang-format off
 OWN(open) OWN(openat) OWN(read) OWN(write) OWN(close) OWN(fsync) OWN(ftruncate) OWN(lseek) OWN(fstat) OWN(fstatat)

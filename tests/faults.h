@@ -5,10 +5,11 @@
 #include <functional>
 #include <string_view>
 
-// While one lives, it is asked before each of the calls listed in faults.cpp, on whichever thread, and with the call's
-// first argument. 0: the call goes through; above: it fails with this errno (getaddrinfo and pthread_create: with this
-// result); below: a write takes at most so many bytes. Calls that the answer takes are not asked about. One at a time.
-// The destructor waits for the threads that are asking.
+// While an object lives, its hook is called before each of the calls listed in faults.cpp, on whichever thread, with
+// the call's first argument. The hook returns 0 to let the call through; a positive number to make it fail with this
+// errno (getaddrinfo and pthread_create: with this result); a negative number to limit a write to that many bytes.
+// Calls that the hook itself makes go through. One object at a time. The destructor waits for the threads that are in
+// the hook.
 class Faults {
  public:
   using Hook = std::function<int(std::string_view call, long first)>;

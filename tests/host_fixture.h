@@ -1,4 +1,4 @@
-// What stands in for a host. Calls no entry point, so that tests that load the libraries by hand can use it too.
+// What stands in for a host. Tests that load the libraries by hand can use it too.
 #pragma once
 
 #include <fcntl.h>
@@ -83,6 +83,21 @@ inline void WriteSettings(const std::string& file, const std::string& csv,
   }
   for (const char c : open) xml += c == '\\' ? "</key>" : "";
   std::ofstream(file) << xml << "</key></key></config>\n";
+}
+
+// The code that an entry point returned, in hexadecimal, and the error text that it left.
+inline std::string LastResult(uint32_t code) {  // Only for tests that link the library.
+  char text[512] = "unread";
+  oxEventGetLastError(text, sizeof text);
+  return (std::stringstream() << std::hex << code << ' ' << text).str();
+}
+
+inline oxEventRecord MakeRecord(const char* message) {
+  oxEventRecord record = {};
+  record.struct_size = sizeof record;
+  record.version = OXEVENT_API_VERSION;
+  record.message = message;
+  return record;
 }
 
 inline std::string ReadFile(std::string file) { return (std::stringstream() << std::ifstream(file).rdbuf()).str(); }
