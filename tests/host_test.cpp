@@ -171,24 +171,6 @@ TEST_F(oxEventApi, CutsTheErrorTextToTheBuffer) {
   EXPECT_EQ(LastResult(oxEventGetLastError(buffer.data(), 0)), kNoBuffer);
 }
 
-TEST_F(oxEventApi, DropsByThePolicyWhenFullAndWhenAReloadShrinksTheQueue) {
-  Settings more = {{"core\\drop_policy", "drop_debug_info_first"}, {"core\\minimum_severity", "0"}};
-  more["core\\queue_size"] = "5";
-  StartHeld(more);
-  EXPECT_EQ(LastResult(Send("warning 1", OXEVENT_SEVERITY_WARNING)), kOk);
-  EXPECT_EQ(LastResult(Send("info 1", OXEVENT_SEVERITY_INFO)), kOk);
-  EXPECT_EQ(LastResult(Send("warning 2", OXEVENT_SEVERITY_WARNING)), kOk);
-  EXPECT_EQ(LastResult(Send("debug 1", OXEVENT_SEVERITY_DEBUG)), kOk);
-  EXPECT_EQ(LastResult(Send("error 1", OXEVENT_SEVERITY_ERROR)), kOk);
-  EXPECT_EQ(LastResult(Send("error 2", OXEVENT_SEVERITY_ERROR)), kOk);  // Takes the place of "info 1".
-  more["core\\queue_size"] = "4";
-  WriteSettings(settings, csv, more);
-  EXPECT_EQ(LastResult(oxEventReloadConfig("")), kOk);
-  opened.set_value();
-  EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
-  EXPECT_EQ(recorder.messages, (Strings{"gate", "warning 1", "warning 2", "error 1", "error 2"}));
-}
-
 TEST_F(oxEventApi, ShutdownDeliversWhatIsQueuedAndRefusesOtherCallsMeanwhile) {
   StartHeld();
   EXPECT_EQ(LastResult(Send("queued")), kOk);
@@ -290,38 +272,6 @@ TEST_F(oxEventApi, WritesCsvRowsWhole) {  // So that a process that is killed le
   }
   EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
   EXPECT_EQ(recorder.messages.size(), 150u);
-}
-
-TEST_F(oxEventApi, WritesTheSystemLog) {
-  const SystemLog log(LOCK_EX);
-  if (!log.bound) GTEST_SKIP() << "The machine has a log daemon";
-  Start({{"sink\\native\\main\\enabled", "1"}, {"sink\\native\\main\\facility", "local0"}});
-  oxEventRecord record = {};
-  record.struct_size = sizeof record;
-  record.version = OXEVENT_API_VERSION;
-  record.event_id = 7;
-  record.event_type = "t";
-  record.source_name = "n";
-  record.message = "5 %s\n";
-  record.severity = OXEVENT_SEVERITY_WARNING;
-  record.action = "a";
-  record.dedupe_key = "k";
-  record.correlation_id = "c";
-  EXPECT_EQ(LastResult(oxEventSubmit(&record)), kOk);
-  EXPECT_EQ(LastResult(oxEventSubmitSimple(8, OXEVENT_SEVERITY_ERROR, "", std::string(300'000, 'm').c_str())), kOk);
-  EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
-  const auto receive = [&] {
-    std::string line(300'000, 0);  // Between the priority and this, the stamp and the process.
-    EXPECT_GT(recv(log.fd, line.data(), line.size(), MSG_DONTWAIT), 0);
-    return line.substr(0, 5) + line.substr(line.find("]: ") + 3).c_str();
-  };
-  EXPECT_EQ(receive(),
-            "<132>oxEvent event_id=7 severity=warning action=a event_type=t source_id=- source_name=n "
-            "native_source=oxEvent message=\"5 %s\n\" dedupe_key=k correlation_id=c details_json={}");
-  const std::string start =
-      "<131>oxEvent event_id=8 severity=error action=- event_type=simple source_id=- source_name=- "
-      "native_source=oxEvent message=\"mmm";
-  EXPECT_EQ(receive().substr(0, start.size()), start);
 }
 
 }  // namespace

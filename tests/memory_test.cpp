@@ -77,6 +77,24 @@ TEST(oxEventSlab, KeepsBlocksApartAndGivesTheirMemoryBack) {
 #endif
 }
 
+// The kernel refuses to unmap when a process has too many mappings.
+TEST(oxEventSlab, ReusesPagesThatCannotBeUnmapped) {
+  constexpr size_t kBlockSize = 32'768;  // Seven of them to a span.
+  std::atomic<int> mapped = 0;
+  const Faults faults([&](std::string_view call, long) {
+    mapped += call == "mmap";
+    return call == "munmap" ? ENOMEM : 0;
+  });
+  oxEventSlab slab;
+  for (const int expected_mappings : {2, 0}) {
+    mapped = 0;
+    void* blocks[14];
+    for (void*& block : blocks) block = slab.Allocate(kBlockSize);
+    for (void* const block : blocks) slab.Free(block, kBlockSize);
+    EXPECT_LE(mapped, 2 * expected_mappings);  // Twice: a mapping that is not aligned is made again.
+  }
+}
+
 // However many there are: a step takes a span at most three times, each by up to four calls, and the directory.
 TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
   oxEventActiveTable table;
