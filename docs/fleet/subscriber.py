@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Reads all events from the broker of nchan.conf: subscriber.py URL LOG
 
-Each event becomes one line of LOG, written before the next is asked for: a JSON object with the broker's position and
-the document as a text. Started again it goes on behind the last line. Ids that a source has skipped are told on stderr.
+Each event becomes one line of LOG, written before the next is requested: a JSON object with the position in the broker
+and the document as a string. After a restart it continues after the last line. Reports skipped ids of a source on stderr.
 """
 import json
 import sys
@@ -11,13 +11,13 @@ import urllib.error
 import urllib.request
 
 
-def note(document, last):
-    """Tells of a gap before this event."""
+def report_gap(document, last):
+    """Reports ids that are missing before this event."""
     try:
         event = json.loads(document)
         source, number = event["source"], int(event["id"])
     except (ValueError, TypeError, KeyError):
-        return  # No CloudEvent of oxEvent's; it is in the log.
+        return  # Not a CloudEvent from oxEvent; it is still logged.
     if number > last.get(source, 0) + 1:
         print(f"{source}: {last.get(source, 0) + 1} to {number - 1} missing before {number}", file=sys.stderr, flush=True)
     last[source] = max(number, last.get(source, 0))
@@ -30,12 +30,12 @@ def main(url, path):
         good = 0
         for line in log:
             if not line.endswith(b"\n"):
-                log.truncate(good)  # Torn by a crash.
+                log.truncate(good)  # Truncated by a crash.
                 break
             good += len(line)
             entry = json.loads(line)
             position = entry["position"]
-            note(entry["document"], last)
+            report_gap(entry["document"], last)
         while True:
             try:
                 with urllib.request.urlopen(urllib.request.Request(url, headers=position)) as answer:
@@ -43,13 +43,13 @@ def main(url, path):
                     position = {"If-Modified-Since": answer.headers["Last-Modified"], "If-None-Match": answer.headers["Etag"]}
             except OSError as failure:
                 if isinstance(failure, urllib.error.HTTPError) and failure.code in (304, 408):
-                    continue  # Nothing came for a while.
+                    continue  # No event within the broker's timeout.
                 print(f"{url}: {failure}", file=sys.stderr, flush=True)
                 time.sleep(1)
                 continue
             log.write(json.dumps({"position": position, "document": document}).encode() + b"\n")
             log.flush()
-            note(document, last)
+            report_gap(document, last)
 
 
 if __name__ == "__main__":
