@@ -123,7 +123,7 @@ CASES = [
     (WEBHOOK + "enabled=0;payload_mode=json;endpoint_url=h", "6:1 warning filled-in-but-off: the sink is off, *",
      "-> * take its endpoint_url out.", "7:1 warning sink-refused: * would not start *: oxEvent webhook payload_mode *",
      "8:1 warning sink-refused", "8:1 note filled-in-but-off"),
-    (ALERTS + "authorization_token=t", "5:1 warning no-effect", "-> Leave its default. Carried, *"),
+    (ALERTS + "authorization_token=t", "5:1 warning no-effect", "-> Leave its default. Read, *"),
     # What has no place in the file.
     ("core>;port=1;zzz=1;zzz=1;<value name='Q-u-e-u-e S i z e'/>",
      r"3:1 warning unknown-value: * setting here; QVX\Events\sink\syslog\udp has one of that name",
@@ -425,8 +425,8 @@ good.xml: no problems
     def test_explains(self):
         self.assertEqual(self.run_tool("--explain", r"sink\syslog\udp\any\app_name").stdout,
                          "QVX\\Events\\sink\\syslog\\udp\\NAME\\app_name\n"
-                         "    The APP-NAME of the messages, at most 48 characters.\n"
-                         "    Type:       a text\n    At most:    48 bytes\n    Default:    oxEvent\n")
+                         "    APP-NAME of the messages, at most 48 characters.\n"
+                         "    Type:       a string\n    At most:    48 bytes\n    Default:    oxEvent\n")
         self.assertIn(" 3\n    Default:    info\n    Accepts:    debug, info, information, warning, warn, error, err, in any case\n",
                       self.run_tool("--explain", "QVX/Events/core.minimum_severity").stdout)
         for key, count in (("enabled", 9), ("host", 2), ("QVX", 77), ("core", 5), ("sink/csv", 5), ("sink/csv/path", 1),

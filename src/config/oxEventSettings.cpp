@@ -44,100 +44,101 @@ constexpr oxEventWord kSnmpVersionWords[] = {
     {"2c", kOxEventSnmpVersion2c}, {"v2c", kOxEventSnmpVersion2c}, {"snmpv2c", kOxEventSnmpVersion2c}};
 
 constexpr oxEventSetting kCore[] = {
-    {"enabled", &C::enabled, Form::kSwitch, "Off: every event is dropped."},
+    {"enabled", &C::enabled, Form::kSwitch, "If off, every event is dropped."},
     {"minimum_severity", &C::minimum_severity, Form::kSeverity, "Events below this severity are dropped."},
-    {"queue_size", &C::queue_size, Form::kCapacity, "The most events that may wait for the worker."},
+    {"queue_size", &C::queue_size, Form::kCapacity, "Maximum number of events that wait for the worker thread."},
     {"drop_policy", &C::drop_policy, Form::kWord,
-     "What a full queue does with the next event: refuses it, or discards its oldest event below warning instead.",
+     "What is dropped when the queue is full: the new event, or the oldest queued event below warning, if there is "
+     "one.",
      nullptr, kDropPolicyWords}};
 
 constexpr oxEventSetting kState[] = {
-    {"enabled", &C::state_enabled, Form::kSwitch, "Off: every event goes out as reported."},
-    {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "Off: every event goes out as reported."},
+    {"enabled", &C::state_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
+    {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
     {"default_repeat_interval_sec", &C::default_repeat_interval_sec, Form::kSeconds,
-     "After this time, the next report of a raised condition goes out again; a raise goes out as a repeat. 0: every "
-     "report goes out."},
-    {"send_clear", &C::send_clear, Form::kSwitch, "Whether the clear of a raised condition goes out."},
+     "Interval after which a raised condition that is reported again is delivered again; a raise is then delivered as "
+     "a repeat. 0: every report is delivered."},
+    {"send_clear", &C::send_clear, Form::kSwitch, "Whether the clear of a raised condition is delivered."},
     {"route_orphan_clear", &C::route_orphan_clear, Form::kSwitch,
-     "Whether the clear of a condition that is not raised goes out."}};
+     "Whether the clear of a condition that is not raised is delivered."}};
 
-constexpr std::string_view kEnabledMeaning = "Whether events go to this sink.";
-constexpr oxEventSetting kEnabled = {"enabled", &S::enabled, Form::kSwitch, kEnabledMeaning};
+constexpr std::string_view kEnabledDescription = "Whether this sink receives events.";
+constexpr oxEventSetting kEnabled = {"enabled", &S::enabled, Form::kSwitch, kEnabledDescription};
 constexpr oxEventSetting kMinimumSeverity = {"minimum_severity", &S::minimum_severity, Form::kSeverity,
-                                             "This sink skips events below this severity."};
+                                             "The sink ignores events below this severity."};
 
 constexpr oxEventSetting kCsv[] = {
     kEnabled,
     kMinimumSeverity,
-    {"path", &S::path, Form::kPath, "The file that rows are appended to. Missing directories are created.",
-     "oxEvent.csv"},
+    {"path", &S::path, Form::kPath, "File to which rows are appended. Missing directories are created.", "oxEvent.csv"},
     {"flush_each_event", &S::flush_each_event, Form::kSwitch,
-     "On: each row is written at once. Off: rows are written in blocks."}};
+     "If on, each row is written immediately. If off, rows are written in blocks."}};
 
 constexpr oxEventSetting kSyslogUdp[] = {
     kEnabled,
     kMinimumSeverity,
     {"host", &S::host, Form::kHost,
-     "The collector: a name, or an IPv4 or IPv6 address. A name is looked up when the settings are loaded; the start "
-     "fails if it is not found.",
+     "Name, IPv4 address or IPv6 address of the collector. A name is resolved when the settings are loaded; if that "
+     "fails, the library does not start.",
      "127.0.0.1"},
-    {"port", &S::port, Form::kPort, "The collector's UDP port. 0: 514."},
+    {"port", &S::port, Form::kPort, "UDP port of the collector. 0: 514."},
     {"facility", &S::facility, Form::kWord, "Syslog facility of the messages. An unknown name means local0.", "local0",
      kSyslogFacilityWords},
     {"app_name",
      &S::app_name,
      Form::kText,
-     "The APP-NAME of the messages, at most 48 characters.",
+     "APP-NAME of the messages, at most 48 characters.",
      "oxEvent",
      {},
      true,
      kOxEventAppNameMaxBytes}};
 
 constexpr oxEventSetting kNative[] = {
-    {"enabled", &S::enabled, Form::kSwitch, kEnabledMeaning, "1"},
+    {"enabled", &S::enabled, Form::kSwitch, kEnabledDescription, "1"},
     kMinimumSeverity,
     {"source_name", &S::source_name, Form::kText,
-     "The identity that the log shows. It belongs to the process: after an event, the host's own lines carry it too, "
-     "until the host calls openlog again.",
+     "Identity shown in the log. It applies to the whole process: after an event, the host's own messages carry it "
+     "too, until the host calls openlog again.",
      "oxEvent"},
     {"facility", &S::native_facility, Form::kWord,
-     "Syslog facility of the lines. An unknown name means local4. It belongs to the process: after an event, the "
-     "host's own lines that name no facility use it too, until the host calls openlog again.",
+     "Syslog facility of the messages. An unknown name means local4. It applies to the whole process: after an event, "
+     "the host's own messages without a facility use it too, until the host calls openlog again.",
      nullptr, kNativeFacilityWords},
-    {"subsystem", &S::subsystem, Form::kText, "Carried, without effect on Linux.", nullptr, {}, false},
-    {"category", &S::category, Form::kText, "Carried, without effect on Linux.", nullptr, {}, false}};
+    {"subsystem", &S::subsystem, Form::kText, "Read, but has no effect on Linux.", nullptr, {}, false},
+    {"category", &S::category, Form::kText, "Read, but has no effect on Linux.", nullptr, {}, false}};
 
 constexpr oxEventSetting kCloudEventsHttp[] = {
     kEnabled,
     kMinimumSeverity,
-    {"endpoint_url", &S::ce_endpoint_url, Form::kUrl, "The URL that events are posted to."},
+    {"endpoint_url", &S::ce_endpoint_url, Form::kUrl, "URL to which events are posted."},
     {"source", &S::ce_source, Form::kUriReference,
-     "The source attribute of the events. Choose one that tells machines and restarts apart. Empty: /oxEvent."},
+     "The source attribute of the events. Choose a value that distinguishes machines and restarts. Empty: /oxEvent."},
     {"subject_prefix", &S::ce_subject_prefix, Form::kText, "Prefix of the subject attribute."},
     {"auth_header", &S::ce_auth_header, Form::kHeaderLines,
-     "Additional header lines, separated by line ends or \"|\"."},
+     "Additional HTTP header lines, separated by line ends or \"|\"."},
     {"timeout_ms", &S::ce_timeout_ms, Form::kMilliseconds,
-     "Timeout of the whole request: name lookup, connection, response. 0: 5000."}};
+     "Timeout of the whole request: name resolution, connection and response. 0: 5000."}};
 
 constexpr oxEventSetting kWebhookHttp[] = {
     kEnabled,
     kMinimumSeverity,
-    {"endpoint_url", &S::endpoint_url, Form::kUrl, "The URL that events are posted to."},
+    {"endpoint_url", &S::endpoint_url, Form::kUrl, "URL to which events are posted."},
     {"payload_mode", &S::payload_mode, Form::kWord,
-     "The body: a plain JSON document, or CloudEvents 1.0 in structured mode.", nullptr, kPayloadModeWords},
-    {"headers", &S::headers, Form::kHeaderLines, "Additional header lines, separated by line ends or \"|\"."},
-    {"bearer_token", &S::bearer_token, Form::kSecret, "Sent as Authorization: Bearer."},
-    {"basic_username", &S::basic_username, Form::kText, "Sent, with the password, as Authorization: Basic."},
-    {"basic_password", &S::basic_password, Form::kSecret, "Sent, with the user's name, as Authorization: Basic."},
+     "Format of the body: plain JSON, or CloudEvents 1.0 in structured mode.", nullptr, kPayloadModeWords},
+    {"headers", &S::headers, Form::kHeaderLines, "Additional HTTP header lines, separated by line ends or \"|\"."},
+    {"bearer_token", &S::bearer_token, Form::kSecret, "Token sent as Authorization: Bearer."},
+    {"basic_username", &S::basic_username, Form::kText, "User name sent, with the password, as Authorization: Basic."},
+    {"basic_password", &S::basic_password, Form::kSecret,
+     "Password sent, with the user name, as Authorization: Basic."},
     {"connect_timeout_ms", &S::connect_timeout_ms, Form::kMilliseconds,
-     "Timeout of name lookup, connection and TLS together. 0: as long as request_timeout_ms."},
+     "Timeout of name resolution, connection and TLS handshake together. 0: the same as request_timeout_ms."},
     {"request_timeout_ms", &S::request_timeout_ms, Form::kMilliseconds, "Timeout of the whole request. 0: 5000."},
-    {"tls_verify", &S::tls_verify, Form::kSwitch, "Off: any certificate is accepted."},
+    {"tls_verify", &S::tls_verify, Form::kSwitch, "If off, any certificate is accepted."},
     {"retry_count", &S::retry_count, Form::kNumber,
-     "Retries after a failed attempt; later events wait meanwhile. 4294967295: no attempt at all."},
-    {"backoff_ms", &S::backoff_ms, Form::kMilliseconds, "The wait before each retry. 0: 250."},
+     "Number of retries after a failed attempt; later events wait in the meantime. 4294967295: no attempt is made."},
+    {"backoff_ms", &S::backoff_ms, Form::kMilliseconds, "Delay before each retry. 0: 250."},
     {"cloudevents_source", &S::cloudevents_source, Form::kUriReference,
-     "The source attribute of CloudEvents. Choose one that tells machines and restarts apart. Empty: /oxEvent."},
+     "The source attribute of CloudEvents. Choose a value that distinguishes machines and restarts. Empty: /oxEvent."},
     {"cloudevents_subject_prefix", &S::cloudevents_subject_prefix, Form::kText,
      "Prefix of the subject attribute of CloudEvents."}};
 
@@ -145,24 +146,25 @@ constexpr oxEventSetting kSnmpTrap[] = {
     kEnabled,
     kMinimumSeverity,
     {"host", &S::snmp_host, Form::kHost,
-     "The manager: a name, or an IPv4 or IPv6 address. A name is looked up when the settings are loaded; the start "
-     "fails if it is not found."},
-    {"port", &S::snmp_port, Form::kPort, "The manager's UDP port. 0: 162."},
-    {"community", &S::community, Form::kSecret, "The community of the traps. It travels unencrypted. Empty: cobalt."},
+     "Name, IPv4 address or IPv6 address of the manager. A name is resolved when the settings are loaded; if that "
+     "fails, the library does not start."},
+    {"port", &S::snmp_port, Form::kPort, "UDP port of the manager. 0: 162."},
+    {"community", &S::community, Form::kSecret, "Community string of the traps, sent unencrypted. Empty: cobalt."},
     {"version", &S::version, Form::kWord, "SNMP version. Only 2c is supported.", nullptr, kSnmpVersionWords},
     {"enterprise_oid", &S::enterprise_oid, Form::kOid, "OID prefix of the objects in the trap."},
     {"trap_oid", &S::trap_oid, Form::kOid, "OID that identifies the trap."}};
 
-constexpr std::string_view kNotSent = "Carried, without effect: the host posts the documents.";
+constexpr std::string_view kNotSent = "Read, but has no effect: the host posts the documents.";
 constexpr oxEventSetting kAlertmanager[] = {
     kEnabled,
     kMinimumSeverity,
     {"url", &S::url, Form::kUrl, kNotSent, nullptr, {}, false},
-    {"send_resolved", &S::send_resolved, Form::kSwitch, "Whether the end of a condition makes a document."},
+    {"send_resolved", &S::send_resolved, Form::kSwitch, "Whether the end of a condition produces a document."},
     {"allow_source_label", &S::allow_source_label, Form::kSwitch,
-     "Whether source_id becomes a label, and so part of the alert's identity."},
+     "Whether source_id becomes a label and thus part of the alert's identity."},
     {"alertname_prefix", &S::alertname_prefix, Form::kText,
-     "Prefix of the alert's name; only letters, digits and \"_\" in it are used. If it has none of these: OxEvent."},
+     "Prefix of the alert's name. Characters other than letters, digits and \"_\" are removed; if nothing is left: "
+     "OxEvent."},
     {"authorization_type", &S::authorization_type, Form::kText, kNotSent, nullptr, {}, false},
     {"authorization_token", &S::authorization_token, Form::kSecret, kNotSent, nullptr, {}, false},
     {"connect_timeout_ms", &S::am_connect_timeout_ms, Form::kMilliseconds, kNotSent, nullptr, {}, false},
@@ -173,19 +175,19 @@ constexpr oxEventSetting kAlertmanager[] = {
 
 using Type = oxEventSinkType;
 constexpr oxEventSection kSections[] = {
-    {"core", nullptr, {}, "Which events are accepted, and the queue.", kCore},
-    {"state", nullptr, {}, "Raised conditions: duplicates, repeats, clears.", kState},
-    {"sink\\csv", "default", Type::kCsv,
-     "A file of comma-separated values (RFC 4180, but lines end in a single line feed).", kCsv},
+    {"core", nullptr, {}, "Which events are accepted, and how many are queued.", kCore},
+    {"state", nullptr, {}, "Raised conditions: which duplicates, repeats and clears are delivered.", kState},
+    {"sink\\csv", "default", Type::kCsv, "A CSV file (RFC 4180, but lines end in a single line feed).", kCsv},
     {"sink\\syslog\\udp", "default", Type::kSyslogUdp,
      "RFC 5424 messages over UDP, with all fields but the message in the structured data velmora@32473.", kSyslogUdp},
     {"sink\\native", "main", Type::kNative, "The system log of this machine.", kNative},
     {"sink\\cloudevents\\http", "default", Type::kCloudEventsHttp,
-     "CloudEvents 1.0 in structured mode, one POST per event, without further tries; TLS is never verified.",
+     "CloudEvents 1.0 in structured mode, one POST request per event, without retries. TLS certificates are not "
+     "verified.",
      kCloudEventsHttp},
-    {"sink\\webhook\\http", "default", Type::kWebhookHttp, "One POST per event.", kWebhookHttp},
+    {"sink\\webhook\\http", "default", Type::kWebhookHttp, "One POST request per event.", kWebhookHttp},
     {"sink\\snmp\\trap", "default", Type::kSnmpTrap, "SNMPv2c traps.", kSnmpTrap},
-    {"sink\\alertmanager", "main", Type::kAlertmanager, "Formats alerts for an Alertmanager, and sends nothing.",
+    {"sink\\alertmanager", "main", Type::kAlertmanager, "Formats alerts for an Alertmanager, but sends nothing.",
      kAlertmanager}};
 
 // As a file has it: the first word of those that mean the value.

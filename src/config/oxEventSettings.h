@@ -64,7 +64,7 @@ struct oxEventSetting {
                std::string oxEventSinkConfig::*, uint32_t oxEventSinkConfig::*, bool oxEventSinkConfig::*>
       field;
   oxEventSettingForm form;
-  std::string_view meaning;
+  std::string_view description;
   const char* default_text = nullptr;  // The default to write, where it is not the field's own.
   oxEventWords words = {};
   bool has_effect = true;                     // False: read and carried only.
@@ -76,7 +76,7 @@ struct oxEventSection {
   const char* key;               // Below the root.
   const char* default_instance;  // Made where there is none. Null: the key holds the settings itself.
   oxEventSinkType type;          // The type of every instance in this section.
-  std::string_view meaning;
+  std::string_view description;
   std::span<const oxEventSetting> settings;  // In reading order, which is the order in a completed file.
 };
 

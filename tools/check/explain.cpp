@@ -83,14 +83,14 @@ void Append(const Topic& topic, std::string* text) {
   if (!text->empty()) text->push_back('\n');
   *text += std::string(kOxEventSettingsRoot) + "\\" + Joined(topic.Path(true)) + "\n";
   if (topic.setting == nullptr) {
-    *text += "    " + std::string(topic.section->meaning) + "\n";
+    *text += "    " + std::string(topic.section->description) + "\n";
     if (topic.section->default_instance == nullptr) return;
     *text += std::string("    Instances:  any number, each a key; ") + topic.section->default_instance +
-             " where there is none\n";
+             " if there is none\n";
     return;
   }
   const oxEventSetting& setting = *topic.setting;
-  *text += "    " + std::string(setting.meaning) + "\n    Type:       " + FormOf(setting.form) + "\n";
+  *text += "    " + std::string(setting.description) + "\n    Type:       " + FormOf(setting.form) + "\n";
   if (setting.max_bytes < kOxEventTextMaxBytes)
     *text += "    At most:    " + std::to_string(setting.max_bytes) + " bytes\n";
   const std::string default_text = oxEventSettingDefault(setting);

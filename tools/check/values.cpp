@@ -97,7 +97,7 @@ class Rules {
   void CheckCarried() {
     if (value_->text.empty() || value_->text == Default()) return;
     Warn("no-effect", "is read and carried only: changing it has no effect",
-         "Leave its default. " + std::string(value_->setting->meaning));
+         "Leave its default. " + std::string(value_->setting->description));
   }
 
   void CheckNumber() {

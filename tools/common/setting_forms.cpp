@@ -19,21 +19,21 @@ std::string FormOf(oxEventSettingForm form) {
     case oxEventSettingForm::kPort:
       return "a port, 0 to 65535";
     case oxEventSettingForm::kText:
-      return "a text";
+      return "a string";
     case oxEventSettingForm::kPath:
-      return "the path of a file";
+      return "a file path";
     case oxEventSettingForm::kHost:
-      return "a host's name or address";
+      return "a host name or address";
     case oxEventSettingForm::kUrl:
-      return "a URL of http or https";
+      return "an http or https URL";
     case oxEventSettingForm::kUriReference:
       return "a URI reference (RFC 3986, section 4.1)";
     case oxEventSettingForm::kHeaderLines:
-      return "header lines of HTTP, with line ends or | between them";
+      return "HTTP header lines, separated by line ends or |";
     case oxEventSettingForm::kSecret:
       return "a secret";
     case oxEventSettingForm::kOid:
-      return "an object identifier, dotted";
+      return "an object identifier in dotted notation";
   }
   return "";
 }

@@ -4,5 +4,5 @@
 
 #include "config/oxEventSettings.h"
 
-// What a setting of this form has to be, for people: "a port, 0 to 65535".
+// Describes the values that a setting of this form accepts: "a port, 0 to 65535".
 std::string FormOf(oxEventSettingForm form);

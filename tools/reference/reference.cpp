@@ -1,5 +1,5 @@
-// Prints a reference in Markdown, from the tables that the library itself goes by: oxevent-reference settings|errors
-// scripts/reference writes the files with it. Not installed.
+// Prints a reference in Markdown, generated from the library's own tables: oxevent-reference settings|errors
+// Used by scripts/reference. Not installed.
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -14,14 +14,14 @@ void Print(std::string_view text) { std::fwrite(text.data(), 1, text.size(), std
 
 std::string Code(std::string_view text) { return text.empty() ? "" : "`" + std::string(text) + "`"; }
 
-// In a table.
+// Escapes a string for a cell of a table.
 std::string Cell(std::string_view text) {
   std::string cell;
   for (const char c : text) cell += c == '|' ? "\\|" : std::string(1, c);
   return cell;
 }
 
-// "`debug`, `warn` = `warning`": in the order of the table, those of one value joined.
+// "`debug`, `warn` = `warning`": in the order of the table; "=" joins words that mean the same value.
 std::string ListOf(oxEventWords words) {
   std::string list;
   for (size_t i = 0; i < words.size(); ++i) {
@@ -31,7 +31,7 @@ std::string ListOf(oxEventWords words) {
   return list;
 }
 
-std::string TakesOf(const oxEventSetting& setting) {
+std::string AcceptedBy(const oxEventSetting& setting) {
   if (setting.form == oxEventSettingForm::kWord) return ListOf(setting.words);
   const bool is_short = setting.max_bytes < kOxEventTextMaxBytes;
   return FormOf(setting.form) + (is_short ? ", at most " + std::to_string(setting.max_bytes) + " bytes" : "");
@@ -39,9 +39,9 @@ std::string TakesOf(const oxEventSetting& setting) {
 
 constexpr std::string_view kSettingsBegin = R"(# Settings of the library oxEvent
 
-An XML file of keys and values. What is missing is added with its default when the file is loaded, so that an empty file
-will do to begin with; everything else in the file, comments included, stays. A file that the loader refuses is not
-touched, and the error text names the culprit. `oxevent-check` judges a file without running anything.
+The settings are an XML file of keys and values. Missing settings are added with their defaults when the file is loaded, so
+an empty file is enough to start with; everything else in the file, comments included, is kept. A file that the loader
+refuses is not modified, and the error text names the cause. `oxevent-check` validates a file without starting anything.
 
 ```xml
 <?xml version="1.0" encoding="UTF-8"?>
@@ -58,34 +58,37 @@ touched, and the error text names the culprit. `oxevent-check` judges a file wit
 </config>
 ```
 
-The keys below stand within `QVX\Events`; a backslash stands between a key and the key within it. NAME is any name: each
-sub-key of a kind of sink is a sink of its own. Names count byte for byte, words in any case. Of two values with one name
-the first counts. A name has 1 to 511 bytes and no backslash: the library cannot see a section with any other, and starts
-without it, even when it is enabled; `oxevent-check` reports it as an error.
+The keys below are relative to `QVX\Events`; a backslash separates a key from its sub-key. NAME is any name: each sub-key of
+a sink type is a separate sink. Names are case-sensitive, keywords are not. If two values have the same name, the first one
+counts. A name has 1 to 511 bytes and no backslash: the library cannot see a section with any other name and starts without
+it, even if it is enabled; `oxevent-check` reports it as an error.
 
-The file is refused where a save could not write it as it is: with a comment that holds `--`, a control byte, or a reference
-to a character that XML cannot hold, such as `&#0;`. `oxevent-check` gives the position. The file keeps its owner, mode and
-extended attributes when it is completed; where it cannot, it is not completed, and the library starts all the same.
+The file is refused if it could not be saved unchanged: if it contains a comment with `--` inside, a control character, or a
+reference to a character that XML does not allow, such as `&#0;`. `oxevent-check` reports the position. A file that is
+completed keeps its owner, mode and extended attributes; if it cannot keep them, it is not completed, and the library starts
+nevertheless.
 
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number is decimal; white space around it is ignored. Any other text is replaced by the default. Of a text the first 2047
-bytes count. A line end within a value is written `&#10;`. Secrets stand in the file in clear: its mode is the host's to set.
+A number is decimal; surrounding white space is ignored. If a value is not a number, it is replaced by the default. Of a
+string, the first 2047 bytes count. A line end within a value is written `&#10;`. Secrets are stored in clear text: setting
+the file's mode is up to the host.
 )";
 
 void PrintSettings() {
   Print(kSettingsBegin);
-  Print("A switch takes one of " + ListOf(g_oxEventSwitchWords) + ". A severity takes one of " +
+  Print("A switch is one of " + ListOf(g_oxEventSwitchWords) + ". A severity is one of " +
         ListOf(g_oxEventSeverityWords) + ".\n");
   Print(kSettingsForms);
   for (const oxEventSection& section : g_oxEventSections) {
     const bool has_instances = section.default_instance != nullptr;
-    Print("\n## " + std::string(section.key) + (has_instances ? "\\NAME" : "") + "\n\n" + std::string(section.meaning));
-    if (has_instances) Print(" Where there is none, " + Code(section.default_instance) + " is made.");
-    Print("\n\n| Value | Meaning | Takes | Default |\n|---|---|---|---|\n");
+    Print("\n## " + std::string(section.key) + (has_instances ? "\\NAME" : "") + "\n\n" +
+          std::string(section.description));
+    if (has_instances) Print(" If there is no instance, " + Code(section.default_instance) + " is created.");
+    Print("\n\n| Setting | Description | Accepts | Default |\n|---|---|---|---|\n");
     for (const oxEventSetting& setting : section.settings) {
-      Print("| " + Code(setting.name) + " | " + Cell(setting.meaning) + " | " + Cell(TakesOf(setting)) + " | " +
+      Print("| " + Code(setting.name) + " | " + Cell(setting.description) + " | " + Cell(AcceptedBy(setting)) + " | " +
             Code(oxEventSettingDefault(setting)) + " |\n");
     }
   }
@@ -93,8 +96,8 @@ void PrintSettings() {
 
 constexpr std::string_view kErrorsBegin = R"(# Error texts of the library oxEvent
 
-What a call leaves for `oxEventGetLastError` when it fails, and what the sinks tell of a delivery that failed. A word in
-braces stands for what was found.
+What `oxEventGetLastError` returns after a failed call, and what a sink reports when a delivery fails. A word in braces is a
+placeholder for the actual value.
 )";
 
 // The rows of those met there.
