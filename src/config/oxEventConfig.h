@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
-// The settings, as the loader fills them from the store. Never modified once the router has them.
+// The settings as loaded from the settings file. Constant once the router has them.
 
-// What a full queue does with the next event.
+// What a full queue drops.
 enum class oxEventDropPolicy : uint32_t {
-  kDropNewest = 0,          // Refuses it.
-  kDropDebugInfoFirst = 1,  // Discards the oldest pending event below warning instead, if there is one.
+  kDropNewest = 0,          // The new event.
+  kDropDebugInfoFirst = 1,  // The oldest queued event below warning; if there is none, the new event.
 };
 
 enum class oxEventSinkType : uint32_t {
@@ -23,10 +23,10 @@ enum class oxEventSinkType : uint32_t {
   kAlertmanager = 6,
 };
 
-// One configured output. One flat record for every kind; a sink reads the fields of its own kind only.
+// One configured sink. A flat struct for all types; a sink reads only the fields of its own type.
 struct oxEventSinkConfig {
   oxEventSinkType type = oxEventSinkType::kNative;
-  std::string name;  // The instance's name: that of its key.
+  std::string name;  // Instance name: the name of its key.
   bool enabled = false;
   uint32_t minimum_severity = 1;
 
@@ -40,20 +40,20 @@ struct oxEventSinkConfig {
   std::string facility;
   std::string app_name;
 
-  // Native log.
+  // System log.
   std::string source_name;
   std::string native_facility = "local4";
   std::string subsystem = "com.velmora.oxEvent";
   std::string category = "events";
 
-  // CloudEvents over HTTP, as read; the sink goes by the webhook fields, which the loader fills from these.
+  // CloudEvents over HTTP, as read. The loader copies these to the webhook fields, which the sink uses.
   std::string ce_endpoint_url;
   std::string ce_source = "/oxEvent";
   std::string ce_subject_prefix;
   std::string ce_auth_header;
   uint32_t ce_timeout_ms = 5000;
 
-  // Webhook, and CloudEvents as sent.
+  // Webhook, and CloudEvents after loading.
   std::string endpoint_url;
   std::string payload_mode = "native_json";
   std::string headers;
@@ -89,14 +89,14 @@ struct oxEventSinkConfig {
   uint32_t am_retry_count = 3;
   uint32_t retry_backoff_ms = 500;
 
-  // What looking up the host of a syslog or SNMP sink gave: done before any lock is taken. Null: not done.
+  // Result of resolving the host of a syslog or SNMP sink, before any lock is taken. Null: not resolved.
   std::shared_ptr<const struct oxEventUdpLookup> lookup;
 
   bool operator==(const oxEventSinkConfig&) const = default;
 };
 
 struct oxEventConfig {
-  std::string config_path;  // The settings file that it was loaded from.
+  std::string config_path;  // The settings file it was loaded from.
   bool enabled = true;
   uint32_t minimum_severity = 1;
   uint32_t queue_size = 1024;  // Events; above 0.
@@ -111,7 +111,7 @@ struct oxEventConfig {
   bool operator==(const oxEventConfig&) const = default;
 };
 
-// What the native log layer takes.
+// Configuration of the system log.
 struct oxEventNativePlatformConfig {
   std::string source = "oxEvent";
   std::string facility = "local4";

@@ -12,17 +12,17 @@
 
 namespace {
 
-std::string KeyOf(const oxEventSection& section) { return std::string(kOxEventSettingsRoot) + "\\" + section.key; }
+std::string KeyPath(const oxEventSection& section) { return std::string(kOxEventSettingsRoot) + "\\" + section.key; }
 
-// Reads one setting into its field, which holds what counts where the setting is missing or bad.
+// Reads one setting into its field, which holds the value to use if the setting is missing or invalid.
 class SettingReader {
  public:
   SettingReader(oxEventConfigStore& store, const std::string& key, const oxEventSetting& setting, std::string* error)
       : store_(store), key_(key), setting_(setting), error_(error) {}
 
   uint32_t Read(bool* field) {
-    const bool absent = oxEventFindWord(g_oxEventSwitchWords, oxEventSettingDefault(setting_)) == 1u;
-    *field = store_.ReadBool(key_, setting_.name, absent);
+    const bool default_value = oxEventFindWord(g_oxEventSwitchWords, oxEventSettingDefault(setting_)) == 1u;
+    *field = store_.ReadBool(key_, setting_.name, default_value);
     return OXEVENT_OK;
   }
   uint32_t Read(uint32_t* field) {
@@ -62,7 +62,7 @@ Value* FieldOf(Value oxEventSinkConfig::*field, oxEventConfig* /*config*/, oxEve
 
 using BadValues = std::vector<oxEventBadValue>;
 
-// Loads the values of one key. `sink` is null for a section without instances. If `bad_values` is null, stops at the
+// Reads the settings of one key. `sink` is null for a section without instances. If `bad_values` is null, stops at the
 // first invalid value.
 uint32_t ReadSettings(oxEventConfigStore& store, const oxEventSection& section, const std::string& key,
                       oxEventConfig* config, oxEventSinkConfig* sink, BadValues* bad_values, std::string* error) {
@@ -78,8 +78,8 @@ uint32_t ReadSettings(oxEventConfigStore& store, const oxEventSection& section, 
   return OXEVENT_OK;
 }
 
-// The CloudEvents sink goes by the webhook fields. Its section has no switch for TLS: it never verifies.
-void ExpressAsWebhook(oxEventSinkConfig* sink) {
+// The CloudEvents sink reads the webhook fields. Its section has no tls_verify: certificates are not verified.
+void CopyToWebhookFields(oxEventSinkConfig* sink) {
   sink->endpoint_url = sink->ce_endpoint_url;
   sink->payload_mode = "cloudevents";
   sink->headers = sink->ce_auth_header;
@@ -92,7 +92,7 @@ void ExpressAsWebhook(oxEventSinkConfig* sink) {
 
 uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, const std::string& name,
                   oxEventConfig* config, BadValues* bad_values, std::string* error) {
-  const std::string key = KeyOf(section) + "\\" + name;
+  const std::string key = KeyPath(section) + "\\" + name;
   store.EnsureKey(key);
   oxEventSinkConfig sink;
   sink.type = section.type;
@@ -100,18 +100,18 @@ uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, cons
   const bool alarms_only = section.type == oxEventSinkType::kSnmpTrap || section.type == oxEventSinkType::kAlertmanager;
   sink.minimum_severity = alarms_only ? uint32_t{OXEVENT_SEVERITY_WARNING} : config->minimum_severity;
   const uint32_t result = ReadSettings(store, section, key, config, &sink, bad_values, error);
-  if (section.type == oxEventSinkType::kCloudEventsHttp) ExpressAsWebhook(&sink);
+  if (section.type == oxEventSinkType::kCloudEventsHttp) CopyToWebhookFields(&sink);
   config->sinks.push_back(std::move(sink));
   return result;
 }
 
-// The names of the instances of each section, in the order of the sections; none where it has no instances.
-std::vector<std::vector<std::string>> InstancesOf(oxEventConfigStore& store) {
+// Instance names per section, in the order of g_oxEventSections; empty for a section without instances.
+std::vector<std::vector<std::string>> InstanceNames(oxEventConfigStore& store) {
   std::vector<std::vector<std::string>> instances;
   for (const oxEventSection& section : g_oxEventSections) {
     instances.emplace_back();
     if (section.default_instance == nullptr) continue;
-    instances.back() = store.EnumChildren(KeyOf(section));
+    instances.back() = store.EnumChildren(KeyPath(section));
     if (instances.back().empty()) instances.back().emplace_back(section.default_instance);
   }
   return instances;
@@ -125,14 +125,14 @@ uint32_t Load(const char* path, oxEventConfig* config, BadValues* bad_values, st
   if (!store.Open(path)) return oxEventSetErrorText(oxEventErrors::kConfigUnreadable, {path}, error);
 
   store.EnsureKey(kOxEventSettingsRoot);
-  for (const oxEventSection& section : g_oxEventSections) store.EnsureKey(KeyOf(section));
+  for (const oxEventSection& section : g_oxEventSections) store.EnsureKey(KeyPath(section));
   config->config_path = path;
   for (const oxEventSection& section : g_oxEventSections) {
     if (section.default_instance != nullptr) continue;
-    const uint32_t result = ReadSettings(store, section, KeyOf(section), config, nullptr, bad_values, error);
+    const uint32_t result = ReadSettings(store, section, KeyPath(section), config, nullptr, bad_values, error);
     if (result != OXEVENT_OK) return result;
   }
-  const auto instances = InstancesOf(store);
+  const auto instances = InstanceNames(store);
   for (size_t i = 0; i < instances.size(); ++i) {
     for (const std::string& name : instances[i]) {
       const uint32_t result = ReadSink(store, g_oxEventSections[i], name, config, bad_values, error);

@@ -6,19 +6,19 @@
 
 #include "config/oxEventConfig.h"
 
-// Fills *config from the settings store in the file `path` and completes the file with the defaults of what is missing.
-// Returns 0, or OXEVENT_INVALID_ARGUMENT with the reason in *error (may be null); then the file is as it was, and
-// *config holds what was read up to then. Throws when there is no memory.
+// Loads *config from the settings file `path` and adds missing settings to the file with their defaults. Returns 0, or
+// OXEVENT_INVALID_ARGUMENT with the reason in *error (may be null); the file is then unchanged, and *config holds what
+// was read so far. Throws std::bad_alloc.
 uint32_t oxEventConfigLoad(const char* path, oxEventConfig* config, std::string* error);
 
-// A value for which a load refuses the file.
+// An invalid value, for which oxEventConfigLoad refuses the file.
 struct oxEventBadValue {
   std::string key;
   const char* name;
-  std::string text;  // The error.
+  std::string text;  // The error text.
 };
 
-// The same to look through a file whole: goes on after a bad value, and appends each to *bad_values. *error gets only
-// the reason for which there are no values at all.
+// As oxEventConfigLoad, but reports every invalid value: continues after each and appends it to *bad_values. *error is
+// set only if the file could not be read at all.
 uint32_t oxEventConfigInspect(const char* path, oxEventConfig* config, std::vector<oxEventBadValue>* bad_values,
                               std::string* error);

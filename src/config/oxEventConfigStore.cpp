@@ -12,7 +12,7 @@ namespace {
 
 constexpr uint32_t kGet = 0;
 constexpr uint32_t kSet = 1;
-constexpr uint32_t kValueCapacity = kOxEventTextMaxBytes + 1;  // With the terminating zero.
+constexpr uint32_t kValueCapacity = kOxEventTextMaxBytes + 1;  // Including the terminating NUL.
 constexpr uint32_t kNameCapacity = 512;
 constexpr uint32_t kSubKey = 0;
 
@@ -55,7 +55,7 @@ std::vector<std::string> oxEventConfigStore::EnumChildren(const std::string& pat
     char name[kNameCapacity] = "";
     uint32_t kind = kSubKey;
     if (oxCFGGetNext(store_, path.c_str(), name, previous, &kind) == OXCFG_NO_MORE) return names;
-    name[kNameCapacity - 1] = '\0';  // Whatever companion is in place.
+    name[kNameCapacity - 1] = '\0';  // In case another liboxutil does not terminate it.
     if (name[0] != '\0' && kind == kSubKey) names.emplace_back(name);
     oxEventPlatformCopyString(previous, kNameCapacity, name);
   }

@@ -4,32 +4,33 @@
 #include <string>
 #include <vector>
 
-// The settings store of the companion library, completing itself: a value that is read and missing is added with its
-// default. Owns the store's handle. Threads: one at a time.
+// A settings file, accessed through liboxutil. Reading a missing value adds it to the store with its default. Owns the
+// store's handle. Threads: one at a time.
 class oxEventConfigStore {
  public:
-  // Severity and bool readers put the text of the last bad value into *error, which must outlive this object.
+  // ReadBool and ReadSeverity write the error text of the last invalid value to *error, which must outlive this object.
   explicit oxEventConfigStore(std::string* error) : error_(error) {}
   ~oxEventConfigStore();
   oxEventConfigStore(const oxEventConfigStore&) = delete;
   oxEventConfigStore& operator=(const oxEventConfigStore&) = delete;
 
+  // False: the file cannot be read or is not valid.
   bool Open(const char* path);
 
-  // A file that cannot be written stays as it is, and what was read still holds.
+  // Writes the added values to the file. Failure is ignored: the values that were read remain valid.
   void Save();
 
   void EnsureKey(const std::string& path);
-  std::vector<std::string> EnumChildren(const std::string& path);  // Names of the sub-keys, in the file's order.
+  std::vector<std::string> EnumChildren(const std::string& path);  // Names of the sub-keys, in file order.
 
   uint32_t ReadDword(const std::string& key, const char* name, uint32_t default_value);
-  // At most 2047 bytes. An empty default is not written.
+  // Returns at most 2047 bytes. An empty default is not added.
   std::string ReadString(const std::string& key, const char* name, const std::string& default_value);
   bool ReadBool(const std::string& key, const char* name, bool default_value);
-  // Reads "minimum_severity". Missing, it becomes info; `default_value` is returned only with an error.
+  // Reads "minimum_severity". A missing value becomes info; returns `default_value` only if the value is invalid.
   uint32_t ReadSeverity(const std::string& key, uint32_t default_value);
 
-  bool HasBadValue() const { return has_bad_value_; }  // A bool or a severity was none.
+  bool HasBadValue() const { return has_bad_value_; }  // Set by ReadBool and ReadSeverity.
 
  private:
   std::string* const error_;

@@ -190,18 +190,18 @@ constexpr oxEventSection kSections[] = {
     {"sink\\alertmanager", "main", Type::kAlertmanager, "Formats alerts for an Alertmanager, but sends nothing.",
      kAlertmanager}};
 
-// As a file has it: the first word of those that mean the value.
+// The first word that means the value.
 std::string WordFor(oxEventWords words, uint32_t value) {
   return std::string(
       std::find_if(words.begin(), words.end(), [=](const oxEventWord& w) { return w.value == value; })->text);
 }
 
-std::string TextOf(const oxEventSetting& /*setting*/, bool value) { return WordFor(kSwitchWords, value ? 1 : 0); }
-std::string TextOf(const oxEventSetting& /*setting*/, std::string value) { return value; }
-std::string TextOf(const oxEventSetting& setting, oxEventDropPolicy value) {
+std::string FormatValue(const oxEventSetting& /*setting*/, bool value) { return WordFor(kSwitchWords, value ? 1 : 0); }
+std::string FormatValue(const oxEventSetting& /*setting*/, std::string value) { return value; }
+std::string FormatValue(const oxEventSetting& setting, oxEventDropPolicy value) {
   return WordFor(setting.words, static_cast<uint32_t>(value));
 }
-std::string TextOf(const oxEventSetting& setting, uint32_t value) {
+std::string FormatValue(const oxEventSetting& setting, uint32_t value) {
   return setting.form == Form::kSeverity ? WordFor(kSeverityWords, value) : std::to_string(value);
 }
 
@@ -228,5 +228,5 @@ std::optional<uint32_t> oxEventFindWord(oxEventWords words, std::string_view tex
 
 std::string oxEventSettingDefault(const oxEventSetting& setting) {
   if (setting.default_text != nullptr) return setting.default_text;
-  return std::visit([&](auto field) { return TextOf(setting, DefaultOf(field)); }, setting.field);
+  return std::visit([&](auto field) { return FormatValue(setting, DefaultOf(field)); }, setting.field);
 }
