@@ -1,4 +1,4 @@
-// Loads, and receivers that do not keep up. OXEVENT_SOAK multiplies the amounts: see tests/soak/run.
+// Loads, and receivers that do not keep up. OXEVENT_SOAK multiplies the amounts: see scripts/soak.
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
