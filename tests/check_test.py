@@ -12,11 +12,11 @@ ON, URL = "enabled=1;", "endpoint_url=https://h.example/in;"
 POST, PLAIN = WEBHOOK + ON + URL, WEBHOOK + ON + "endpoint_url=http://h/;"
 CLOUD, CLOUDEVENTS = POST + "payload_mode=cloudevents;", "sink>;cloudevents>;http>;c>;" + ON + URL
 
-NUMBER = "no-number: '{}' is no number from 0 to 4294967295: "
-OVER = " counts, and the library writes that over it in the file"
-FACILITY, HOST = "unknown-word: '{}' is no facility: it counts as local4", "bad-host: '{}' is no host: "
-OID, URI = "bad-oid: '{}' is no object identifier: ", "bad-uri: '{}' is no URI reference: "
-NO_URL = "bad-url: '{}' is no URL of http or https: "
+NUMBER = "no-number: '{}' is not a number from 0 to 4294967295: the default "
+OVER = " applies, and the library writes it to the file"
+FACILITY = "unknown-word: '{}' is not a facility: the default local4 applies"
+HOST, OID = "bad-host: '{}' is not a host name or address: ", "bad-oid: '{}' is not an object identifier: "
+URI, NO_URL = "bad-uri: '{}' is not a URI reference: ", "bad-url: '{}' is not an http or https URL: "
 # Each setting within the elements above it, texts of it that are no mistake, and what is said of others: CODE or CODE: TEXT
 # of a finding, in which {} stands for these.
 LIMITS = [
@@ -42,42 +42,42 @@ LIMITS = [
     (CSV + ON, "path", ["a b", "a.csv", "a~/b"], {
         "control": ["a\tb", "a\x7f"],
         "blanks": [" a", "a\t"],
-        "cut: has 2048 bytes; what is beyond 2047 is cut off": [2048 * "x"],
-        "bad-path: '{}' names a folder": ["a/", "."],
-        "bad-path: '{}' is taken as it stands: no ~, no variable, no URL is resolved": ["~/a", "file:a", "a$b"]}),
+        "cut: has 2048 bytes; everything beyond 2047 is cut off": [2048 * "x"],
+        "bad-path: '{}' names a directory": ["a/", "."],
+        "bad-path: '{}' is used literally: ~, variables and URLs are not expanded": ["~/a", "file:a", "a$b"]}),
     (SYSLOG + ON, "host", ["::1", "fe80::1%lo", "a-b_c.d.", "é", "1-2", "10.0.0.1", 253 * "a"], {
-        HOST + "no name is made so": ["a..b", ".a"],
-        HOST.format(60 * "a" + "...") + "no name is made so": [254 * "a"],
+        HOST + "malformed name": ["a..b", ".a"],
+        HOST.format(60 * "a" + "...") + "malformed name": [254 * "a"],
         HOST + "it begins with a scheme": ["http://h"],
         HOST + "brackets are for URLs": ["[::1]"],
-        HOST + "the port is a setting of its own": ["h:80"],
-        HOST + "it holds characters that no name has": ["a!b", "a b"],
-        HOST + "no IPv4 address is made so": ["10.0.0.256"]}),
+        HOST + "the port is a separate setting": ["h:80"],
+        HOST + "it contains characters that no name may have": ["a!b", "a b"],
+        HOST + "malformed IPv4 address": ["10.0.0.256"]}),
     (SNMP + ON, "trap_oid", ["1.39", "2.47", "2.47.48", "0.0.4294967295"], {
         OID + "every event to this sink fails": ["1", "1.40", "3.1", "1.3.4294967296", "1.3.x", ".1.3"],
-        OID + "the traps carry 2.0 to 2.47 only": ["2.48", "2.48.1", "2.4294967295"]}),
+        OID + "traps can carry only 2.0 to 2.47": ["2.48", "2.48.1", "2.4294967295"]}),
     (POST, "cloudevents_source", ["", "/oxEvent"], {"no-effect": ["/a"]}),
     (POST, "cloudevents_subject_prefix", [""], {"no-effect": ["b"]}),
     (CLOUD, "cloudevents_source", ["a%09", "%fF", "a#b", "//[::1]/x", "A+1-.z:b", "a/1:c", "/-._~:?@!$&'()*+,="], {
         URI + "% without two hex digits": ["a%2", "%/0", "%:0", "%0g", "%`0"],
         URI + "brackets outside the host": ["[a]", "a]", "///[x]"],
         URI + "[ without ]": ["//[::1"],
-        URI + "a character that has to be written as %XX": ["a b", "é", "a^"],
+        URI + "a character that must be written as %XX": ["a b", "é", "a^"],
         URI + "a second #": ["a#b#"],
         URI + "no scheme before the colon": [":a", "1a:b", "+a:b", "a_b:c"]}),
     (POST, "bearer_token", ["", "a-b"], {
-        "bad-token: begins with what the sink puts before it: Authorization: Bearer": [
+        "bad-token: begins with what the sink adds itself: Authorization: Bearer": [
             "Bearer t", "BASIC t", "Authorization:t"],
-        "bad-token: holds blanks, which no token has (RFC 6750, section 2.1)": ["a b"],
+        "bad-token: contains white space, which no token may (RFC 6750, section 2.1)": ["a b"],
         "blanks": ["a b ", "\ta"]}),
     (POST, "basic_username", [""], {"no-password": ["u"]}),
     (POST, "basic_password", [""], {"no-username": ["p"]}),
     (POST + "basic_password=p;", "basic_username", ["u"], {"bad-username": ["u:v"]}),
     (POST, "headers", ["Az9!#$%&'*+-.^_`~: 1", " a: b\tc ", "a:1||b:2", "X-B:\t2"], {
-        "bad-header: the name of a header line holds what none may, so that every post fails: line 1": ["a(: 1", "é: 1"],
-        "bad-header: a line without a name and a colon is passed over: line 1": [": 1", "p4ssword"],
-        "bad-header: a line without a name and a colon is passed over: line 3": ["a:1||b:2|c|d:4"],
-        "bad-header: x-a: has a blank before its colon; the client leaves that out": ["X-A : 1", "X-A\t: 1"],
+        "bad-header: a header name contains a character that is not allowed, so that every POST fails: line 1": ["a(: 1", "é: 1"],
+        "bad-header: a line without a name and a colon is ignored: line 1": [": 1", "p4ssword"],
+        "bad-header: a line without a name and a colon is ignored: line 3": ["a:1||b:2|c|d:4"],
+        "bad-header: x-a: has white space before its colon; the HTTP client removes it": ["X-A : 1", "X-A\t: 1"],
         "reserved-header": ["content-length: 1", "transfer-encoding: 1", "Expect : 1", "content-type: a", "user-agent: a",
                             "X-oxEvent-tls-verify: 0"]}),
     (PLAIN, "headers", ["X-Plant: key"], {"secret-in-clear": [
@@ -89,7 +89,7 @@ LIMITS = [
         "secret-in-url": ["http://u:p4ssword@h/", "https://u:p4ssword@h/"],
         "bad-url": ["https://u:p4ssword@h:99999/", "http://u:p4ssword@h/a b"],
         NO_URL + "no host": ["http://", "https:///x", "http://?x", "http://#x", "https://:443/"],
-        NO_URL + "blanks and what is no ASCII have to be written as %XX": ["http://h/a b", "http://h/é", "http://h/\x7f"]}),
+        NO_URL + "spaces and non-ASCII characters must be written as %XX": ["http://h/a b", "http://h/é", "http://h/\x7f"]}),
     (WEBHOOK, "endpoint_url", [""], {"filled-in-but-off": ["https://h/"]}),
     (WEBHOOK, "headers", [""], {"filled-in-but-off": ["a: b"]}),
     (WEBHOOK, "bearer_token", [""], {"filled-in-but-off": ["t"]}),
@@ -108,20 +108,20 @@ CASES = [
     # Values that the loader or a sink refuses.
     ("core>;enabled=maybe;queue_size=ten;minimum_severity=warnin",
      r"3:1 error bad-value: Invalid boolean value for QVX\Events\core\enabled: maybe",
-     "-> Accepted, in any case: 1, true, yes, on, enabled, 0, false, no, off, disabled",
-     "4:1 warning no-number: *'ten'*: 1024 counts", "5:1 error bad-value", "-> Accepted, *; did you mean warning?"),
+     "-> Accepted (case-insensitive): 1, true, yes, on, enabled, 0, false, no, off, disabled",
+     "4:1 warning no-number: *'ten'*: the default 1024 applies", "5:1 error bad-value", "-> Accepted *; did you mean warning?"),
     ("core>;queue_size=1 0;enabled= on;minimum_severity= 4;<;state>;send_clear=on ", "3:1 warning no-number",
-     "4:1 error bad-value", "-> Remove the blanks at its ends, which count.", "5:1 error bad-value",
-     "-> Accepted, in any case: debug, info, information, warning, warn, error, err", "8:1 error bad-value"),
+     "4:1 error bad-value", "-> Remove the leading or trailing white space, which counts.", "5:1 error bad-value",
+     "-> Accepted (case-insensitive): debug, info, information, warning, warn, error, err", "8:1 error bad-value"),
     (CSV + "enabled=on ;path=log.csv", "5:1 error bad-value"),
     (CSV + ON + "path=;<;d>;" + ON + "path=;", "6:1 error sink-refused", "10:1 error sink-refused"),
-    (SYSLOG + ON + "port=65536", "7:1 error sink-refused", "-> A port is 0 to 65535; 0: the usual one."),
+    (SYSLOG + ON + "port=65536", "7:1 error sink-refused", "-> A port is 0 to 65535; 0 means the default port."),
     (SNMP + ON + "version=3;port=70000", "7:1 error sink-refused: SNMPv3 *", "8:1 error sink-refused: *127.0.0.1:70000 *"),
     (WEBHOOK + ON, "5:1 error sink-refused: oxEvent webhook sink requires an http:// or https:// endpoint_url"),
     (WEBHOOK + "payload_mode=cloudevent;endpoint_url=ftp://h;" + ON, "6:1 error sink-refused",
      "-> Set it to native_json or cloudevents, *; did you mean cloudevents?", "7:1 error sink-refused"),
     (WEBHOOK + "enabled=0;payload_mode=json;endpoint_url=h", "6:1 warning filled-in-but-off: the sink is off, *",
-     "-> * take its endpoint_url out.", "7:1 warning sink-refused: * would not start *: oxEvent webhook payload_mode *",
+     "-> * or remove endpoint_url.", "7:1 warning sink-refused: * would not start *: oxEvent webhook payload_mode *",
      "8:1 warning sink-refused", "8:1 note filled-in-but-off"),
     (ALERTS + "authorization_token=t", "5:1 warning no-effect", "-> Leave its default. Read, *"),
     # What has no place in the file.
@@ -130,11 +130,11 @@ CASES = [
      "-> The settings of this key: enabled, minimum_severity, queue_size, drop_policy.",
      "4:1 warning unknown-value: * setting here", "5:1 warning twice", "6:1 warning unknown-value: *; did you mean queue_size?"),
     ("sink>;zzz=1;zzy>", "3:1 warning unknown-value: * value here",
-     r"-> Below QVX\Events\sink it reads: csv, syslog, native, *", "4:1 warning unknown-key: * key here"),
+     r"-> Keys below QVX\Events\sink: csv, syslog, native, *", "4:1 warning unknown-key: * key here"),
     ("sink>;native>;enabled=1;source_name=x;facility=user", "3:1 note misplaced",
      "4:1 warning misplaced", "5:1 warning misplaced", "6:1 warning misplaced"),
     ("sink>;csv>;path>;<; a>;<;enabled>;flush_each_event=0", "4:1 warning key-for-value",
-     r"-> Settings are values in a key of their own below QVX\Events\sink\csv, such as default.", "6:1 warning blanks"),
+     r"-> Settings are values in an instance key below QVX\Events\sink\csv, such as default.", "6:1 warning blanks"),
     ("core>;enabled>;<;csv>;path=x", "3:1 warning key-for-value", '-> Write <value name="enabled">TEXT</value>.',
      "5:1 warning misplaced", r"-> Move it to QVX\Events\sink\csv, where its settings belong."),
     ("core>;foo>;bar=x;enabled=1;minimum_severity=info", "3:1 warning misplaced", "-> Remove it."),
@@ -147,14 +147,14 @@ CASES = [
     ("Core>;queue_size=5;<;snk>;csv>;c>;path=x",
      "2:1 warning unknown-key: *; did you mean core?", "5:1 warning unknown-key: *; did you mean sink?"),
     ("<setting name='core'/>;<vaule name='x'/>;<note name='x'/>;<KEY name='state'/>",
-     "2:1 warning unknown-element: the library passes the element <setting> over",
+     "2:1 warning unknown-element: the library ignores the element <setting>",
      "3:1 warning unknown-element: *<vaule>*; did you mean value?", "5:1 warning unknown-element: *; did you mean key?"),
     ("core>;<value>1</value>;<key/>", "3:1 warning no-name", '-> Write <value name="NAME">.', "4:1 warning no-name"),
     ("core>;<value name='queue_size'>7<b/><c/></value>;<value name='drop_policy' value='newest'>drop<!-- x --></value>",
      "3:1 warning nested: *<b>*", "4:1 warning text-in-attribute"),
     (f'core>;<value name=""/>;<value name="{511 * "x"}"/>;<value name="{512 * "x"}"/>;<value name="a\\b"/>',
      "3:1 warning bad-name: *is empty: *", "4:1 warning unknown-value",
-     "5:1 warning bad-name: *is too long: *", "6:1 warning bad-name: *is a path: the library passes it over"),
+     "5:1 warning bad-name: *is too long: *", "6:1 warning bad-name: *is a path: the library ignores it"),
     ('<key name="sink\\csv"/>;sink>;csv>;<key name="a\\b"/>;<key name="n"><key name="a\\b"/></key>',
      "2:1 error bad-name: *is a path: *, with everything in it", "5:1 error bad-name", "6:15 warning bad-name"),
     # Above the library's own keys.
@@ -162,9 +162,9 @@ CASES = [
     ('<config><key name="core"><value name="speed"/></key><key name="H"><key name="Events"/></key></config>',),
     ('<config><key name="core"><value name="queue_size"/></key></config>', r"1:9 warning misplaced: * it belongs in QVX\Events"),
     ('<config><key name="QVX/Events/core"/></config>',
-     "1:9 warning unknown-key: *; each key of a path is an element of its own", "-> Below the root it reads: QVX."),
+     "1:9 warning unknown-key: *; each key of a path is an element of its own", "-> Keys below the root: QVX."),
     ('<config><key name="QVX"><key name="Events.core"/></key></config>',
-     "1:25 warning unknown-key", "-> Below QVX it reads: Events."),
+     "1:25 warning unknown-key", "-> Keys below QVX: Events."),
     ('<config><key name="H"><key name="Events"><key name="core"><value name="queue_size"/></key></key></key></config>',
      "1:9 warning unknown-key: *; did you mean QVX?"),
     ('<config><key name="QVX\\Events"/><key name=""/><key name="a\\b"/></config>', "1:9 error bad-name"),
@@ -180,7 +180,7 @@ CASES = [
     (WEBHOOK + ON + "endpoint_url=HTTPS://H/?a;<;v>;" + ON + "endpoint_url=https://h:443/?a;<;u>;" + ON +
      "endpoint_url=https://h/?b;<;t>;" + ON + "endpoint_url=https://h/a?b;<;s>;" + ON +
      "endpoint_url=http://h:443/?a;<;r>;" + ON + "endpoint_url=https://g/?a", "7:1 note same-destination",
-     r"11:1 warning same-destination: * the same place as QVX\Events\sink\webhook\http\w: each event comes twice"),
+     r"11:1 warning same-destination: * the same destination as QVX\Events\sink\webhook\http\w: each event appears twice"),
     (SYSLOG + ON + "host=A;port=0;<;t>;" + ON + "host=a;port=514;<;u>;" + ON + "host=a;port=515",
      "7:1 note same-destination", "12:1 warning same-destination"),
     (SNMP + ON + "port=0;<;u>;" + ON + "host=127.0.0.1;port=162;<;v>;" + ON + "port=163",
@@ -203,26 +203,26 @@ CASES = [
     (PLAIN + "tls_verify=0;bearer_token=t;headers=X-Key: k",
      "7:1 warning secret-in-clear", "9:1 note secret-in-clear", "10:1 note secret-in-clear"),
     (WEBHOOK + "bearer_token=;basic_username=u:v", "7:1 warning no-password", "7:1 warning bad-username"),
-    (POST + "request_timeout_ms=60049", "8:1 warning shutdown-delay: * 60 s by * 65 s"),
-    (POST + "request_timeout_ms=40000;retry_count=1", "8:1 warning shutdown-delay: * 80.3 s by * 85.3 s"),
-    (POST + "retry_count=1;backoff_ms=55000", "8:1 warning shutdown-delay: * 65 s by * 70 s"),
-    (POST + "retry_count=11;request_timeout_ms=6000", "8:1 warning shutdown-delay: * 74.8 s by * 79.8 s"),
-    (POST + "retry_count=199;request_timeout_ms=0;backoff_ms=0", "8:1 warning shutdown-delay: * 1049.8 s by * 1054.8 s"),
+    (POST + "request_timeout_ms=60049", "8:1 warning shutdown-delay: * 60 s in * 65 s"),
+    (POST + "request_timeout_ms=40000;retry_count=1", "8:1 warning shutdown-delay: * 80.3 s in * 85.3 s"),
+    (POST + "retry_count=1;backoff_ms=55000", "8:1 warning shutdown-delay: * 65 s in * 70 s"),
+    (POST + "retry_count=11;request_timeout_ms=6000", "8:1 warning shutdown-delay: * 74.8 s in * 79.8 s"),
+    (POST + "retry_count=199;request_timeout_ms=0;backoff_ms=0", "8:1 warning shutdown-delay: * 1049.8 s in * 1054.8 s"),
     (POST + "retry_count=3155759999;request_timeout_ms=750;connect_timeout_ms=700",
-     "8:1 warning shutdown-delay: * 3155759999.8 s by * a century *"),
+     "8:1 warning shutdown-delay: * 3155759999.8 s in * a century *"),
     (POST + "retry_count=3155760000;request_timeout_ms=750;connect_timeout_ms=700",
      "8:1 warning shutdown-delay: * a century * a century *"),
     (POST + "retry_count=4294967294;request_timeout_ms=2147483650;backoff_ms=2147483648",  # 2^64 ms and 25 days.
      "8:1 warning shutdown-delay: * a century * a century *"),
     (CLOUDEVENTS + "timeout_ms=35000;<;d>;" + ON + "endpoint_url=https://g/;timeout_ms=36000",
-     "7:1 warning tls-unverified", "12:1 warning tls-unverified", "13:1 warning shutdown-delay: * 71 s by * 76 s"),
+     "7:1 warning tls-unverified", "12:1 warning tls-unverified", "13:1 warning shutdown-delay: * 71 s in * 76 s"),
 ]
 DETAILS = [  # With --verbose.
-    (POST + "request_timeout_ms=60000", "8:1 note shutdown-delay: * 60 s by * 65 s"),
-    (POST + "request_timeout_ms=0;connect_timeout_ms=6000", "5:1 note shutdown-delay: * 5 s by * 10 s"),
+    (POST + "request_timeout_ms=60000", "8:1 note shutdown-delay: * 60 s in * 65 s"),
+    (POST + "request_timeout_ms=0;connect_timeout_ms=6000", "5:1 note shutdown-delay: * 5 s in * 10 s"),
     (POST + "connect_timeout_ms=5000", "5:1 note shutdown-delay"),
     (POST + "connect_timeout_ms=5001", "5:1 note shutdown-delay", "8:1 note no-effect"),
-    (POST + "retry_count=4294967295;backoff_ms=9", "8:1 warning no-try", "8:1 note shutdown-delay: * 0 s by * 5 s"),
+    (POST + "retry_count=4294967295;backoff_ms=9", "8:1 warning no-try", "8:1 note shutdown-delay: * 0 s in * 5 s"),
     ("state>;enabled=0", "3:1 note no-state"),
     ("state>;dedupe_enabled=0", "3:1 note no-state"),
     (ALERTS + ON, "5:1 note sends-nothing"),
@@ -312,8 +312,8 @@ class Test(unittest.TestCase):
                 self.assertEqual((done.returncode, done.stdout.endswith("0.xml: no problems\n")), (status, status == 0))
                 if status == 2:
                     refusal = self.refusal()
-                    told = f"does not start with it: {refusal}" if refusal else "starts without the sections that the errors name"
-                    self.assertEqual(done.stdout.splitlines()[-1], f"0.xml: the library {told}")
+                    outcome = f"not start: {refusal}" if refusal else "start without the sections named in the errors"
+                    self.assertEqual(done.stdout.splitlines()[-1], f"0.xml: the library would {outcome}")
 
     def test_details(self):
         for settings, *expected in DETAILS:
@@ -338,9 +338,9 @@ class Test(unittest.TestCase):
         self.write("state>;enabled=0", "good.xml")
         done = self.run_tool("refused.xml", "warned.xml", "good.xml")
         self.assertEqual((done.returncode, done.stdout), (2, r"""refused.xml:3:1: error: QVX\Events\core\queue_size: queue_size must be greater than zero
-    A number above 0 is needed; the default is 1024.
-refused.xml: the library does not start with it: queue_size must be greater than zero
-warned.xml:3:1: warning: QVX\Events\core\queue_sise\xc2\x85: the library knows no such setting here; did you mean queue_size?
+    Set a number above 0; the default is 1024.
+refused.xml: the library would not start: queue_size must be greater than zero
+warned.xml:3:1: warning: QVX\Events\core\queue_sise\xc2\x85: no such setting here; did you mean queue_size?
     The settings of this key: enabled, minimum_severity, queue_size, drop_policy.
 good.xml: no problems
 """))
@@ -360,13 +360,13 @@ good.xml: no problems
             with self.subTest(content):
                 (f,), = self.findings([content])
                 self.assertEqual((f["code"], f["severity"], f["text"]), ("not-xml", "error", self.refusal()))
-                self.assertEqual((f["line"], f["column"], f["remedy"]), (*position, f"{reason}. Mend the file there."))
+                self.assertEqual((f["line"], f["column"], f["remedy"]), (*position, f"{reason}. Fix the file at this position."))
 
     def test_files_that_cannot_be_read(self):
         self.write("core>;", "long.xml")
         os.truncate("long.xml", (64 << 20) + 1)
-        for path, reason in (("none", "No such file or directory"), (".", "no regular file"), ("/dev/zero", "no regular file"),
-                             ("long.xml", "over 64 MiB"), ("/proc/self/mem", "it cannot be read")):
+        for path, reason in (("none", "No such file or directory"), (".", "not a regular file"), ("/dev/zero", "not a regular file"),
+                             ("long.xml", "larger than 64 MiB"), ("/proc/self/mem", "it cannot be read")):
             with self.subTest(path):
                 done = self.run_tool(path)
                 self.assertEqual((done.returncode, done.stdout.partition(". ")[0]),
@@ -396,14 +396,14 @@ good.xml: no problems
     @unittest.skipUnless(os.geteuid() == 0, "only root gives a file to another user")
     def test_a_file_with_secrets_that_another_user_owns(self):
         self.write(POST + "bearer_token=t")
-        for owner, user, is_told in ((0, 7777, False), (7777, 7777, False), (1, 0, False), (1, 7777, True)):
+        for owner, user, is_reported in ((0, 7777, False), (7777, 7777, False), (1, 0, False), (1, 7777, True)):
             with self.subTest(owner=owner, user=user):
                 os.chown("0.xml", owner, -1)
                 done = subprocess.run(["setpriv", f"--reuid={user}", "--inh-caps=+dac_override", "--ambient-caps=+dac_override",
                                        TOOL, "--json", "0.xml"], capture_output=True, check=False)
                 self.assertEqual([(finding["text"], finding["remedy"]) for finding in json.loads(done.stdout)],
                                  [("is a secret in a file that its owner, who is neither root nor you, may read",
-                                   "Give the file to the user that the library runs as: chown.")] if is_told else [])
+                                   "Give the file to the user that the library runs as: chown.")] if is_reported else [])
 
     def test_command_lines_that_cannot_be_followed(self):
         for arguments, complaint in (
@@ -427,7 +427,7 @@ good.xml: no problems
                          "QVX\\Events\\sink\\syslog\\udp\\NAME\\app_name\n"
                          "    APP-NAME of the messages, at most 48 characters.\n"
                          "    Type:       a string\n    At most:    48 bytes\n    Default:    oxEvent\n")
-        self.assertIn(" 3\n    Default:    info\n    Accepts:    debug, info, information, warning, warn, error, err, in any case\n",
+        self.assertIn(" 3\n    Default:    info\n    Accepts:    debug, info, information, warning, warn, error, err (case-insensitive)\n",
                       self.run_tool("--explain", "QVX/Events/core.minimum_severity").stdout)
         for key, count in (("enabled", 9), ("host", 2), ("QVX", 77), ("core", 5), ("sink/csv", 5), ("sink/csv/path", 1),
                            ("sink.csv.mine", 5), ("/core//queue_size", 1), (r"sink\syslog", 7)):

@@ -13,24 +13,24 @@ OPTIONS = [word for name, value in ALL.items() if name != "message" for word in
            ("--" + {"utc_ns": "utc"}.get(name, name.replace("_", "-")), str(value))]
 DOCUMENT = ALL | {"version": 65536, "severity_value": 3, "severity_code": 3}  # As the webhook sink sends it.
 REFUSED = {  # A line, and what is said of it.
-    '{"version": 2}': "13: version: must be", '{"message": ""}': "1: message: is", '{"message": "\\u0000"}': "13: message: holds a NUL",
-    '{"xqts": 1}': "2: xqts: is no field of an event\n", '{"unit": 1}': "2: unit: is no field of an event; did you mean units?",
-    '{"ptss": 1}': "2: ptss: is no field of an event; did you mean pts?", '{"version": "65536"}': "13: version: must be 65536",
-    '{"message": "m", "\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}': "18: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is no field of an event",
-    '{"message": "m", "message": "n"}': "18: message: is there twice", '{"message": 5}': "13: message: must be a text",
+    '{"version": 2}': "13: version: must be", '{"message": ""}': "1: message: is", '{"message": "\\u0000"}': "13: message: contains a NUL",
+    '{"xqts": 1}': "2: xqts: is not a field of an event\n", '{"unit": 1}': "2: unit: is not a field of an event; did you mean units?",
+    '{"ptss": 1}': "2: ptss: is not a field of an event; did you mean pts?", '{"version": "65536"}': "13: version: must be 65536",
+    '{"message": "m", "\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}': "18: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is not a field of an event",
+    '{"message": "m", "message": "n"}': "18: message: appears twice", '{"message": 5}': "13: message: must be a string",
     '{"message": "m", "event_id": 18446744073709551616}': "30: event_id: '18446744073709551616' is not a whole number from 0",
     '{"message": {}}': "13: message: must not be an", '{"message": "m", "value": "1"}': "27: value: must be a number",
     '{"message": "m", "pts": 1.5}': "25: pts: '1.5' is no", '{"message": "m", "severity": "loud"}': "30: severity: 'loud' is none",
     '{"severity": 2, "severity_code": 3, "message": "m"}': "34: severity_code: contradicts", "5": "1: an event is an object",
-    '{"message": "m" "n"}': "17: no JSON: Missing a comma or '}' after an object member\n", "[" * 10**6: "1: an event is an object",
-    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event is an object", '{"message": "m"}\0': "17: no JSON: a NUL",
-    '{"details_json": 1}': "18: details_json: must be a text, an", '{"severity_value": "x"}': "20: severity_value: must be a number",
+    '{"message": "m" "n"}': "17: invalid JSON: Missing a comma or '}' after an object member\n", "[" * 10**6: "1: an event is an object",
+    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event is an object", '{"message": "m"}\0': "17: invalid JSON: a NUL",
+    '{"details_json": 1}': "18: details_json: must be a string, an", '{"severity_value": "x"}': "20: severity_value: must be a number",
     '{"utc_ns": true}': "12: utc_ns: must be a number or", '{"' + "x" * 600 + '": 1}': "2: " + "x" * 500 + "\n"}
 USAGE = (  # Arguments behind the settings file, and what is said of them.
     ("m --severty 1", "--severty: no such option; did you mean --severity?"), ("m -x", "-x: no such option"),
     ("m --rqtx 1", "--rqtx: no such option; did you mean --rate?"), ("m --rqxy=1", "--rqxy: no such option"),
-    ("m --source x", "--source: several options begin so"), ("m --severity", "--severity: its value is missing"),
-    ("m --quiet=1", "--quiet: takes no value"), ("- --count 2", "--count: not with events from standard input"),
+    ("m --source x", "--source: ambiguous option"), ("m --severity", "--severity: requires a value"),
+    ("m --quiet=1", "--quiet: takes no value"), ("- --count 2", "--count: cannot be combined with events from standard input"),
     ("m n", "'n' is one argument too many: SETTINGS is 'settings.xml', MESSAGE is 'm'"),
     ("", "MESSAGE is missing; see oxevent-send --help"), ("m --value nan", "--value: 'nan' is not a number"),
     ("m --severity 4", "--severity: '4' is none of debug, info, warning, error, 0 to 3"),
@@ -120,7 +120,7 @@ class Test(unittest.TestCase):
 
     def test_settings_that_do_not_start_the_library_are_explained(self):
         self.assertRegex(self.send(2, ["m"], (), {"core": {"drop_policy": "x"}})[1], "^oxevent-send: Invalid .*\n    Set it to")
-        self.assertRegex(self.call("none.xml", "m").stderr, "^oxevent-send: Unable .*\n    There is no such file;")
+        self.assertRegex(self.call("none.xml", "m").stderr, "^oxevent-send: Unable .*\n    No such file;")
         self.assertRegex(self.call(256 * "x", "m").stderr, "^oxevent-send: Unable .*\n    Look with namei")
 
     def test_help_and_version_go_to_standard_output(self):
@@ -150,7 +150,7 @@ class Test(unittest.TestCase):
                  "sink\\snmp\\trap\\t": on | {"host": "localhost", "port": 0}, WEBHOOK: self.webhook(500, 200) | on,
                  "sink\\native\\main": {"enabled": 1, "minimum_severity": "error"}}
         out, error, _ = self.send(1, ["-"], [f'{{"message": "m", "severity": {severity}}}' for severity in (0, 2, 2)], sinks)
-        udp = "by UDP, which does not tell whether they arrived"
+        udp = "by UDP, which does not confirm delivery"
         self.assertEqual({*out.splitlines()}, {
             "submitted: 3", "emitted: 3", f"{CSV}: 2 written to {self.folder}/events.csv",
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}", f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}",
@@ -158,7 +158,7 @@ class Test(unittest.TestCase):
             "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",
             "sink\\native\\main: 0, all are below its minimum_severity (error)"})
         self.assertRegex(error, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n    Try curl.*\n"
-                         "oxevent-send: went nowhere: 1, below the minimum_severity of every enabled sink\n$")
+                         "oxevent-send: reached no sink: 1, below the minimum_severity of every enabled sink\n$")
 
     def test_what_did_not_go_out_is_told_with_its_reason(self):
         small = {"core": {"queue_size": 1}, WEBHOOK: self.webhook()}
@@ -167,12 +167,12 @@ class Test(unittest.TestCase):
         for sections, arguments, said in (
                 ({"core": OFF}, "m", r"default: 0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
                 ({}, "m --severity debug", r"dropped: 1, below core\\minimum_severity \(info\)\n"),
-                ({"core": {"minimum_severity": "debug"}}, "m --severity 0", r"0, all are below (?s:.*)went nowhere: 1, below"),
+                ({"core": {"minimum_severity": "debug"}}, "m --severity 0", r"0, all are below (?s:.*)reached no sink: 1, below"),
                 (small, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n(?s:.*)given up: [12] still"),
-                (displacing, burst, "dropped: 49[89], the queue was full, and a newer event took the place\n"),
-                ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed .* as a duplicate, or as the"),
-                ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or as the clear or"),
-                ({CSV: OFF}, "m --count 1", "emitted: 1\n.*no sink is enabled: the events went nowhere\n")):
+                (displacing, burst, "dropped: 49[89], the queue was full, and a newer event replaced it\n"),
+                ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or as a"),
+                ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or as a clear or"),
+                ({CSV: OFF}, "m --count 1", "emitted: 1\n.*no sink is enabled: no event was delivered\n")):
             with self.subTest(said):
                 self.assertRegex("".join(self.send(1, arguments.split(), (), sections)[:2]), said)
 
@@ -206,7 +206,7 @@ class Test(unittest.TestCase):
     def test_lines_have_up_to_64_mib(self):
         longest = '{"message": "m"'.ljust((64 << 20) - 1) + "}\n"
         error = self.start(["-"]).communicate(longest + "x" * ((64 << 20) + 131072))[1]
-        self.assertEqual(error, "oxevent-send: line 2: it is longer than 64 MiB\noxevent-send: refused: 1\n")
+        self.assertEqual(error, "oxevent-send: line 2: longer than 64 MiB\noxevent-send: refused: 1\n")
 
     def test_a_signal_ends_it_with_what_was_reported(self):
         nohup = lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)

@@ -1,4 +1,4 @@
-// oxevent-check: what is wrong with a settings file, without a change to it.
+// oxevent-check: reports what is wrong with settings files, without changing them.
 #include <algorithm>
 #include <cstdio>
 #include <utility>
@@ -9,84 +9,86 @@
 
 namespace {
 
-constexpr int kErrors = 2;
+constexpr int kExitWarnings = 1;
+constexpr int kExitErrors = 2;
 
 constexpr char kUsageText[] =
     "Usage: oxevent-check [OPTION]... FILE...\n"
     "       oxevent-check --complete FILE\n"
     "       oxevent-check --explain KEY\n"
     "\n"
-    "Reads settings files as the library does and tells, with line, key and remedy, what is\n"
-    "wrong with them. Changes and creates no file, opens no connection, looks up no name.\n"
+    "Reads settings files as the library does and reports what is wrong with them, with line, key and\n"
+    "remedy. Writes no file, opens no connection and resolves no host name.\n"
     "\n";
 
 constexpr char kNotes[] =
     "\n"
-    "A finding is a line FILE:LINE:COLUMN: GRADE: KEY: TEXT; the remedy is on the next. Columns count\n"
-    "bytes. GRADE is error, warning, or note (where else to look). An error is what the library would\n"
-    "not start with (TEXT is what oxEventInitialize gives as its last error), or a section that it\n"
-    "cannot see for its name, so that it starts without it. Where the library would not start, the\n"
-    "last line is the text that oxEventInitialize gives for the file as it is.\n"
+    "Each finding is a line of this form, followed by a line with the remedy:\n"
+    "  FILE:LINE:COLUMN: SEVERITY: KEY: TEXT\n"
+    "Columns count bytes. SEVERITY is error, warning, or note (additional information). An error means\n"
+    "that the library would not start (TEXT is then the error text of oxEventInitialize), or that it\n"
+    "would start without a section because the section's name is invalid. If the library would not\n"
+    "start, the last line has the error text of oxEventInitialize for the whole file.\n"
     "\n"
     "With --json each finding is an object with file, line, column, key, severity (error, warning or\n"
-    "note), code (short, stays the same), text and remedy.\n"
+    "note), code (a short, stable name of the problem), text and remedy.\n"
     "\n"
     "KEY is a path such as core\\queue_size, QVX\\Events\\sink\\csv\\NAME\\path or sink/csv, with \\, / or .\n"
     "between names, or the name of a setting.\n"
     "\n"
-    "Exit status: 0 no problems, 1 warnings, 2 errors, or the command line cannot be followed.\n";
+    "Exit status: 0 no problems, 1 warnings, 2 errors or an invalid command line.\n";
 
-struct Wanted {
+struct Options {
   bool complete = false;
   bool json = false;
   bool verbose = false;
   const char* explain = nullptr;
 };
 
-std::vector<Finding> FindingsOf(SettingsFile* file, bool verbose) {
+std::vector<Finding> CheckFile(SettingsFile* file, bool verbose) {
   std::vector<Finding> findings;
   if (file->Read(&findings)) {
     FindGroups(file, &findings);
     CheckValues(*file, &findings);
     CheckSinks(file, &findings);
     CheckHttp(*file, &findings);
-    CheckTogether(*file, &findings);
+    CheckCombinations(*file, &findings);
   }
   Sort(verbose, &findings);
   return findings;
 }
 
-bool Has(const std::vector<Finding>& findings, Grade grade) {
+bool HasSeverity(const std::vector<Finding>& findings, Severity severity) {
   for (const Finding& finding : findings) {
-    if (finding.grade == grade) return true;
+    if (finding.severity == severity) return true;
   }
   return false;
 }
 
-int CheckAll(const Wanted& wanted, const std::vector<const char*>& paths) {
-  int status = kDone;
+int CheckAll(const Options& options, const std::vector<const char*>& paths) {
+  int status = kExitSuccess;
   std::string json;
   for (const char* const path : paths) {
     SettingsFile file(path);
-    const std::vector<Finding> findings = FindingsOf(&file, wanted.verbose);
-    const bool has_errors = !file.refusal.empty() || Has(findings, Grade::kError);
-    const bool warned = Has(findings, Grade::kWarning);
-    status = std::max(status, has_errors ? kErrors : warned ? kFailed : kDone);
-    if (wanted.json) {
-      const std::string objects = AsJson(path, findings);
+    const std::vector<Finding> findings = CheckFile(&file, options.verbose);
+    const bool has_errors = !file.start_error.empty() || HasSeverity(findings, Severity::kError);
+    const bool has_warnings = HasSeverity(findings, Severity::kWarning);
+    status = std::max(status, has_errors ? kExitErrors : has_warnings ? kExitWarnings : kExitSuccess);
+    if (options.json) {
+      const std::string objects = FormatJson(path, findings);
       json += (json.empty() || objects.empty() ? "" : ",\n") + objects;
       continue;
     }
-    std::fputs(AsText(path, findings).c_str(), stdout);
-    if (!file.refusal.empty()) {
-      std::printf("%s: the library does not start with it: %s\n", path, file.refusal.c_str());
+    std::fputs(FormatText(path, findings).c_str(), stdout);
+    if (!file.start_error.empty()) {
+      std::printf("%s: the library would not start: %s\n", path, file.start_error.c_str());
     } else if (has_errors) {
-      std::printf("%s: the library starts without the sections that the errors name\n", path);
-    } else if (!warned) {
+      std::printf("%s: the library would start without the sections named in the errors\n", path);
+    } else if (!has_warnings) {
       std::printf("%s: no problems\n", path);
     }
   }
-  if (wanted.json) std::printf("[%s]\n", json.c_str());
+  if (options.json) std::printf("[%s]\n", json.c_str());
   return status;
 }
 
@@ -94,22 +96,22 @@ int Complete(const char* path) {
   SettingsFile file(path);
   std::vector<Finding> findings;
   file.Read(&findings);
-  if (!file.refusal.empty()) {
-    Complain(file.refusal);
-    return kErrors;
+  if (!file.start_error.empty()) {
+    PrintError(file.start_error);
+    return kExitErrors;
   }
   std::fwrite(file.completed.data(), 1, file.completed.size(), stdout);
-  return kDone;
+  return kExitSuccess;
 }
 
-int Check(const Wanted& wanted, const std::vector<const char*>& paths) {
-  if (wanted.explain != nullptr) {
+int Check(const Options& options, const std::vector<const char*>& paths) {
+  if (options.explain != nullptr) {
     if (!paths.empty()) throw UsageError(std::string(paths[0]) + ": --explain takes no FILE");
-    std::fputs(Explanation(wanted.explain).c_str(), stdout);
-    return kDone;
+    std::fputs(Explain(options.explain).c_str(), stdout);
+    return kExitSuccess;
   }
   if (paths.empty()) throw UsageError("no FILE");
-  if (!wanted.complete) return CheckAll(wanted, paths);
+  if (!options.complete) return CheckAll(options, paths);
   if (paths.size() > 1) throw UsageError(std::string(paths[1]) + ": --complete takes one FILE");
   return Complete(paths[0]);
 }
@@ -117,17 +119,17 @@ int Check(const Wanted& wanted, const std::vector<const char*>& paths) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Wanted wanted;
+  Options options;
   Tool tool = {"oxevent-check",
                kUsageText,
                kNotes,
                {{"complete", nullptr, "print FILE as the library would complete it",
-                 [&](const char*) { wanted.complete = true; }},
-                {"explain", "KEY", "print what a setting means, or all below a key",
-                 [&](const char* key) { wanted.explain = key; }},
-                {"json", nullptr, "print the findings as one JSON array", [&](const char*) { wanted.json = true; }},
-                {"verbose", nullptr, "tell also what need not be mended, such as how\nlong oxEventShutdown can take",
-                 [&](const char*) { wanted.verbose = true; }}}};
+                 [&](const char*) { options.complete = true; }},
+                {"explain", "KEY", "explain a setting, or all settings below a key",
+                 [&](const char* key) { options.explain = key; }},
+                {"json", nullptr, "print the findings as one JSON array", [&](const char*) { options.json = true; }},
+                {"verbose", nullptr, "also print findings that need no fix, such as how\nlong oxEventShutdown can take",
+                 [&](const char*) { options.verbose = true; }}}};
   return RunTool(std::move(tool), argc, argv,
-                 [&](const std::vector<const char*>& paths) { return Check(wanted, paths); });
+                 [&](const std::vector<const char*>& paths) { return Check(options, paths); });
 }

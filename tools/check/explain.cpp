@@ -11,7 +11,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-constexpr char kInstance[] = "NAME";
+constexpr char kInstancePlaceholder[] = "NAME";
 
 Names Split(std::string_view path) {
   Names names;
@@ -23,28 +23,28 @@ Names Split(std::string_view path) {
   return names;
 }
 
-std::string Joined(const Names& names) {
+std::string Join(const Names& names) {
   std::string path;
   for (const std::string& name : names) path += (path.empty() ? "" : "\\") + name;
   return path;
 }
 
-// A setting or, without one, a section.
+// A setting or, if `setting` is null, a section.
 struct Topic {
   const oxEventSection* section;
   const oxEventSetting* setting;
 
   Names Path(bool with_instance) const {
     Names path = Split(section->key);
-    if (with_instance && section->default_instance != nullptr) path.emplace_back(kInstance);
+    if (with_instance && section->default_instance != nullptr) path.emplace_back(kInstancePlaceholder);
     if (setting != nullptr) path.emplace_back(setting->name);
     return path;
   }
   bool IsBelow(const Names& key) const {
     const Names path = Path(true);
     if (key.size() > path.size()) return false;
-    return std::equal(key.begin(), key.end(), path.begin(), [](const std::string& given, const std::string& own) {
-      return own == given || own == kInstance;
+    return std::equal(key.begin(), key.end(), path.begin(), [](const std::string& given, const std::string& known) {
+      return known == given || known == kInstancePlaceholder;
     });
   }
 };
@@ -59,64 +59,64 @@ std::vector<Topic> AllTopics() {
 }
 
 template <class Matches>
-std::vector<Topic> TopicsThat(Matches matches) {
+std::vector<Topic> FilterTopics(Matches matches) {
   std::vector<Topic> topics = AllTopics();
   std::erase_if(topics, [&](const Topic& topic) { return !matches(topic); });
   return topics;
 }
 
-std::vector<Topic> TopicsOf(const Names& key) {
-  auto topics = TopicsThat([&](const Topic& t) { return t.setting != nullptr && t.Path(false) == key; });
-  if (topics.empty()) topics = TopicsThat([&](const Topic& t) { return t.IsBelow(key); });
+std::vector<Topic> FindTopics(const Names& key) {
+  auto topics = FilterTopics([&](const Topic& t) { return t.setting != nullptr && t.Path(false) == key; });
+  if (topics.empty()) topics = FilterTopics([&](const Topic& t) { return t.IsBelow(key); });
   if (topics.empty() && key.size() == 1) {
-    topics = TopicsThat([&](const Topic& t) { return t.setting != nullptr && t.setting->name == key[0]; });
+    topics = FilterTopics([&](const Topic& t) { return t.setting != nullptr && t.setting->name == key[0]; });
   }
   return topics;
 }
 
-oxEventWords WordsOf(const oxEventSetting& setting) {
+oxEventWords AcceptedWords(const oxEventSetting& setting) {
   if (setting.form == oxEventSettingForm::kSwitch) return g_oxEventSwitchWords;
   return setting.form == oxEventSettingForm::kSeverity ? g_oxEventSeverityWords : setting.words;
 }
 
 void Append(const Topic& topic, std::string* text) {
   if (!text->empty()) text->push_back('\n');
-  *text += std::string(kOxEventSettingsRoot) + "\\" + Joined(topic.Path(true)) + "\n";
+  *text += std::string(kOxEventSettingsRoot) + "\\" + Join(topic.Path(true)) + "\n";
   if (topic.setting == nullptr) {
     *text += "    " + std::string(topic.section->description) + "\n";
     if (topic.section->default_instance == nullptr) return;
     *text += std::string("    Instances:  any number, each a key; ") + topic.section->default_instance +
-             " if there is none\n";
+             " is added if there is none\n";
     return;
   }
   const oxEventSetting& setting = *topic.setting;
-  *text += "    " + std::string(setting.description) + "\n    Type:       " + FormOf(setting.form) + "\n";
+  *text += "    " + std::string(setting.description) + "\n    Type:       " + DescribeForm(setting.form) + "\n";
   if (setting.max_bytes < kOxEventTextMaxBytes)
     *text += "    At most:    " + std::to_string(setting.max_bytes) + " bytes\n";
   const std::string default_text = oxEventSettingDefault(setting);
   *text += "    Default:    " + (default_text.empty() ? "none" : default_text) + "\n";
   std::string words;
-  for (const oxEventWord& word : WordsOf(setting)) words.append(words.empty() ? "" : ", ").append(word.text);
-  if (!words.empty()) *text += "    Accepts:    " + words + ", in any case\n";
+  for (const oxEventWord& word : AcceptedWords(setting)) words.append(words.empty() ? "" : ", ").append(word.text);
+  if (!words.empty()) *text += "    Accepts:    " + words + " (case-insensitive)\n";
 }
 
 }  // namespace
 
-std::string Explanation(std::string_view key) {
+std::string Explain(std::string_view key) {
   Names names = Split(key);
   const Names root = Split(kOxEventSettingsRoot);
   for (const std::string& name : root) {
     if (!names.empty() && names[0] == name) names.erase(names.begin());
   }
-  const std::vector<Topic> topics = TopicsOf(names);
+  const std::vector<Topic> topics = FindTopics(names);
   if (topics.empty()) {
     Names known;
     for (const Topic& topic : AllTopics()) {
-      known.push_back(Joined(topic.Path(true)));
-      known.push_back(Joined(topic.Path(false)));
+      known.push_back(Join(topic.Path(true)));
+      known.push_back(Join(topic.Path(false)));
       if (topic.setting != nullptr && names.size() == 1) known.emplace_back(topic.setting->name);
     }
-    throw UsageError(std::string(key) + ": no such key" + Suggestion(Joined(names), known));
+    throw UsageError(std::string(key) + ": no such key" + Suggestion(Join(names), known));
   }
   std::string text;
   for (const Topic& topic : topics) Append(topic, &text);

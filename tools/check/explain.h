@@ -1,10 +1,10 @@
-// What a setting means, from the loader's table.
+// Explanations of settings, from the loader's table.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// Explains a setting, or all settings below a key. `key` is a path from the root or from below it, with \, / or .
-// between the names and an instance by its name, as NAME or left out; or the name of a setting alone. Throws
-// UsageError for an unknown key.
-std::string Explanation(std::string_view key);
+// Explains a setting, or all settings below a key. `key` is the name of a setting, or a path, with or without
+// QVX\Events, whose names are separated by \, / or . and which may contain an instance's name or NAME, or omit the
+// instance. Throws UsageError for an unknown key.
+std::string Explain(std::string_view key);

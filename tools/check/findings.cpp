@@ -11,10 +11,10 @@
 
 namespace {
 
-constexpr std::string_view kGradeNames[] = {"error", "warning", "note", "note"};
+constexpr std::string_view kSeverityNames[] = {"error", "warning", "note", "note"};
 
-// Bytes that are no UTF-8 become U+FFFD: JSON is UTF-8 throughout (RFC 8259, section 8.1).
-std::string Utf8(std::string_view text) {
+// Replaces bytes that are not UTF-8 by U+FFFD: JSON must be UTF-8 (RFC 8259, section 8.1).
+std::string ValidUtf8(std::string_view text) {
   std::string valid;
   while (!text.empty()) {
     const size_t size = oxUTF8SequenceLength(text);
@@ -25,22 +25,23 @@ std::string Utf8(std::string_view text) {
   return valid;
 }
 
-std::string_view NameOf(Grade grade) { return kGradeNames[static_cast<size_t>(grade)]; }
+std::string_view NameOf(Severity severity) { return kSeverityNames[static_cast<size_t>(severity)]; }
 
 }  // namespace
 
 void Sort(bool with_details, std::vector<Finding>* findings) {
-  if (!with_details) std::erase_if(*findings, [](const Finding& f) { return f.grade == Grade::kDetail; });
+  if (!with_details) std::erase_if(*findings, [](const Finding& f) { return f.severity == Severity::kDetail; });
   std::stable_sort(findings->begin(), findings->end(), [](const Finding& a, const Finding& b) {
-    return std::tie(a.where.line, a.where.column, a.grade) < std::tie(b.where.line, b.where.column, b.grade);
+    return std::tie(a.position.line, a.position.column, a.severity) <
+           std::tie(b.position.line, b.position.column, b.severity);
   });
 }
 
-std::string AsText(const std::string& file, const std::vector<Finding>& findings) {
+std::string FormatText(const std::string& file, const std::vector<Finding>& findings) {
   std::string text;
   for (const Finding& f : findings) {
-    text += file + ":" + std::to_string(f.where.line) + ":" + std::to_string(f.where.column) + ": ";
-    text.append(NameOf(f.grade)).append(": ");
+    text += file + ":" + std::to_string(f.position.line) + ":" + std::to_string(f.position.column) + ": ";
+    text.append(NameOf(f.severity)).append(": ");
     if (!f.key.empty()) text += Printable(f.key) + ": ";
     text += Printable(f.text) + "\n";
     if (!f.remedy.empty()) text += "    " + Printable(f.remedy) + "\n";
@@ -48,19 +49,19 @@ std::string AsText(const std::string& file, const std::vector<Finding>& findings
   return text;
 }
 
-std::string AsJson(const std::string& file, const std::vector<Finding>& findings) {
+std::string FormatJson(const std::string& file, const std::vector<Finding>& findings) {
   std::string text;
   for (const Finding& f : findings) {
     if (!text.empty()) text += ",\n";
     oxEventText::JsonObject object(&text);
-    object.AddStringField("file", Utf8(file));
-    object.AddField("line", uint64_t{f.where.line});
-    object.AddField("column", uint64_t{f.where.column});
-    object.AddStringField("key", Utf8(f.key));
-    object.AddStringField("severity", NameOf(f.grade));
+    object.AddStringField("file", ValidUtf8(file));
+    object.AddField("line", uint64_t{f.position.line});
+    object.AddField("column", uint64_t{f.position.column});
+    object.AddStringField("key", ValidUtf8(f.key));
+    object.AddStringField("severity", NameOf(f.severity));
     object.AddStringField("code", f.code);
-    object.AddStringField("text", Utf8(f.text));
-    object.AddStringField("remedy", Utf8(f.remedy));
+    object.AddStringField("text", ValidUtf8(f.text));
+    object.AddStringField("remedy", ValidUtf8(f.remedy));
     object.Close();
   }
   return text;

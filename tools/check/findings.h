@@ -1,36 +1,36 @@
-// What the check of a settings file has found, and how it is told.
+// Findings about a settings file, and their output formats.
 #pragma once
 
 #include <cstddef>
 #include <string>
 #include <vector>
 
-struct Position {  // From 1; columns are bytes.
+struct Position {  // Both count from 1; columns count bytes.
   size_t line = 1;
   size_t column = 1;
 };
 
-enum class Grade {
+enum class Severity {
   kError,    // The library would not start, or would start without a section.
-  kWarning,  // What a user would want to mend.
-  kNote,     // Where else to look for one of these.
-  kDetail    // Told only when asked for.
+  kWarning,  // Something that the user probably did not intend.
+  kNote,     // Another position that belongs to an error or a warning.
+  kDetail    // Printed only with --verbose.
 };
 
 struct Finding {
-  Grade grade;
-  const char* code;  // For machines: short, and stays.
-  Position where;
-  std::string key;  // The path of the key or the value; empty: the file.
+  Severity severity;
+  const char* code;  // For programs: short and stable.
+  Position position;
+  std::string key;  // Path of the key or value; empty: the whole file.
   std::string text;
   std::string remedy;
 };
 
-// In the order of the lines, the gravest first; the details only if they are asked for.
+// Sorts by line and column, the most severe first; removes the details unless `with_details`.
 void Sort(bool with_details, std::vector<Finding>* findings);
 
-// As compilers do: FILE:LINE:COLUMN: GRADE: KEY: TEXT, and the remedy on a line of its own.
-std::string AsText(const std::string& file, const std::vector<Finding>& findings);
+// Formats findings as compilers do: FILE:LINE:COLUMN: SEVERITY: KEY: TEXT, and the remedy on the next line.
+std::string FormatText(const std::string& file, const std::vector<Finding>& findings);
 
-// Objects in JSON, separated by commas and line ends.
-std::string AsJson(const std::string& file, const std::vector<Finding>& findings);
+// Formats findings as JSON objects, separated by commas and line ends.
+std::string FormatJson(const std::string& file, const std::vector<Finding>& findings);

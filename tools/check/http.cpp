@@ -1,4 +1,4 @@
-// What the HTTP sinks send: header lines, tokens, and who may read them.
+// Settings of the HTTP sinks: header lines, credentials, and who may read them.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,16 +13,16 @@ namespace {
 using Form = oxEventSettingForm;
 using Type = oxEventSinkType;
 
-constexpr std::string_view kFieldBlanks = " \t";  // RFC 9110, section 5.6.3.
+constexpr std::string_view kFieldWhiteSpace = " \t";  // RFC 9110, section 5.6.3.
 
 std::string_view Trim(std::string_view text) {
-  const size_t begin = text.find_first_not_of(kBlanks);
+  const size_t begin = text.find_first_not_of(kWhiteSpace);
   if (begin == text.npos) return {};
-  return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
+  return text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);
 }
 
-// As the sink splits them.
-std::vector<std::string> LinesOf(std::string_view text) {
+// Splits header lines as the sink does.
+std::vector<std::string> SplitHeaderLines(std::string_view text) {
   std::vector<std::string> lines;
   while (!text.empty()) {
     const size_t end = text.find_first_of("\n\r|");
@@ -32,16 +32,16 @@ std::vector<std::string> LinesOf(std::string_view text) {
   return lines;
 }
 
-// Empty: the line has none.
+// Returns the name in lower case; empty: the line has none.
 std::string HeaderName(std::string_view line) {
   const size_t colon = line.find(':');
-  const size_t last = line.substr(0, colon).find_last_not_of(kFieldBlanks);
+  const size_t last = line.substr(0, colon).find_last_not_of(kFieldWhiteSpace);
   return colon == line.npos || last == line.npos ? "" : oxEventAsciiLower(line.substr(0, last + 1));
 }
 
-bool HasBlankBeforeColon(std::string_view line) {
+bool HasWhiteSpaceBeforeColon(std::string_view line) {
   const size_t colon = line.find(':');
-  return colon != line.npos && colon > 0 && kFieldBlanks.find(line[colon - 1]) != kFieldBlanks.npos;
+  return colon != line.npos && colon > 0 && kFieldWhiteSpace.find(line[colon - 1]) != kFieldWhiteSpace.npos;
 }
 
 bool IsToken(std::string_view text) {  // RFC 9110, section 5.6.2.
@@ -61,9 +61,9 @@ bool IsHttp(const Group& group) {
          (group.sink->type == Type::kWebhookHttp || group.sink->type == Type::kCloudEventsHttp);
 }
 
-class Rules {
+class HttpChecker {
  public:
-  Rules(const SettingsFile& file, std::vector<Finding>* findings) : file_(file), findings_(*findings) {}
+  HttpChecker(const SettingsFile& file, std::vector<Finding>* findings) : file_(file), findings_(*findings) {}
 
   void Check(const Group& group) {
     group_ = &group;
@@ -76,14 +76,14 @@ class Rules {
     if (group.sink->enabled) CheckTransport();
   }
 
-  // Who else may read the secrets, or put other ones in their place.
+  // Reports secrets that other users may read or replace.
   void CheckAccess() {
     struct stat status;
     if (stat(file_.path.c_str(), &status) != 0) return;
     const bool others_read = (status.st_mode & S_IROTH) != 0;
     const bool others_write = (status.st_mode & S_IWOTH) != 0;
-    const bool anothers = geteuid() != 0 && status.st_uid != 0 && status.st_uid != geteuid();
-    if (!others_read && !others_write && !anothers) return;
+    const bool owned_by_other = geteuid() != 0 && status.st_uid != 0 && status.st_uid != geteuid();
+    if (!others_read && !others_write && !owned_by_other) return;
     const char* const who = others_write  ? "every user of the machine may change"
                             : others_read ? "every user of the machine may read"
                                           : "its owner, who is neither root nor you, may read";
@@ -92,26 +92,27 @@ class Rules {
       for (const Value& value : group.values) {
         if (!HoldsSecret(value)) continue;
         Warn("secret-readable", value.setting->name, std::string("is a secret in a file that ") + who,
-             anothers ? "Give the file to the user that the library runs as: chown."
-                      : "chmod o-rw, or 0640 with a group of its own.");
+             owned_by_other ? "Give the file to the user that the library runs as: chown."
+                            : "chmod o-rw, or 0640 with a group of its own.");
       }
     }
   }
 
  private:
-  void Add(Grade grade, const char* code, std::string_view name, std::string text, std::string remedy) {
-    findings_.push_back({grade, code, group_->At(name), group_->PathOf(name), std::move(text), std::move(remedy)});
+  void Add(Severity severity, const char* code, std::string_view name, std::string text, std::string remedy) {
+    findings_.push_back(
+        {severity, code, group_->PositionOf(name), group_->PathOf(name), std::move(text), std::move(remedy)});
   }
   void Warn(const char* code, std::string_view name, std::string text, std::string remedy) {
-    Add(Grade::kWarning, code, name, std::move(text), std::move(remedy));
+    Add(Severity::kWarning, code, name, std::move(text), std::move(remedy));
   }
 
   static bool HoldsSecret(const Value& value) {
     if (value.text.empty()) return false;
     if (value.setting->form == Form::kSecret) return value.text != oxEventSettingDefault(*value.setting);
-    if (value.setting->form == Form::kUrl) return UrlFault(value.text).empty() && PartsOf(value.text).has_password;
+    if (value.setting->form == Form::kUrl) return UrlFault(value.text).empty() && ParseUrl(value.text).has_password;
     if (value.setting->form != Form::kHeaderLines) return false;
-    const std::vector<std::string> lines = LinesOf(value.text);
+    const std::vector<std::string> lines = SplitHeaderLines(value.text);
     return std::any_of(lines.begin(), lines.end(), [](const std::string& l) { return NamesSecret(HeaderName(l)); });
   }
 
@@ -121,28 +122,29 @@ class Rules {
       const char* text;
     };
     constexpr Rule kRules[] = {
-        {"content-length", "the client sets it itself and passes this line over"},
-        {"transfer-encoding", "the client sets it itself and passes this line over"},
-        {"expect", "the client never sends it and passes this line over"},
-        {"content-type", "the sink sends one of its own; this would be a second"},
-        {"user-agent", "the sink sends one of its own; this would be a second"},
-        {"x-oxevent-tls-verify", "the setting tls_verify counts; this line is passed over"},
-        {"x-oxevent-connect-timeout-ms", "the setting connect_timeout_ms counts; this line is passed over"}};
+        {"content-length", "the HTTP client sets it itself and ignores this line"},
+        {"transfer-encoding", "the HTTP client sets it itself and ignores this line"},
+        {"expect", "the HTTP client never sends it and ignores this line"},
+        {"content-type", "the sink sends its own; this line would be a second one"},
+        {"user-agent", "the sink sends its own; this line would be a second one"},
+        {"x-oxevent-tls-verify", "the setting tls_verify applies; this line is ignored"},
+        {"x-oxevent-connect-timeout-ms", "the setting connect_timeout_ms applies; this line is ignored"}};
     size_t number = 0;
-    for (const std::string& line : LinesOf(value.text)) {
+    for (const std::string& line : SplitHeaderLines(value.text)) {
       ++number;
       const std::string name = HeaderName(line);
-      if (name.empty()) {  // The line may be a secret, which no output shows.
+      if (name.empty()) {  // The line may be a secret: do not print it.
         Warn("bad-header", value.setting->name,
-             "a line without a name and a colon is passed over: line " + std::to_string(number),
+             "a line without a name and a colon is ignored: line " + std::to_string(number),
              "Write NAME: VALUE, with a line end or | between two lines, and no | within one.");
       } else if (!IsToken(name)) {
         Warn("bad-header", value.setting->name,
-             "the name of a header line holds what none may, so that every post fails: line " + std::to_string(number),
-             "Use letters, digits and dashes; the colon follows at once.");
-      } else if (HasBlankBeforeColon(line)) {
-        Warn("bad-header", value.setting->name, name + ": has a blank before its colon; the client leaves that out",
-             "Remove the blank.");
+             "a header name contains a character that is not allowed, so that every POST fails: line " +
+                 std::to_string(number),
+             "Use letters, digits and dashes, directly followed by the colon.");
+      } else if (HasWhiteSpaceBeforeColon(line)) {
+        Warn("bad-header", value.setting->name, name + ": has white space before its colon; the HTTP client removes it",
+             "Remove the white space.");
       }
       for (const Rule& rule : kRules) {
         if (rule.name == name)
@@ -154,36 +156,37 @@ class Rules {
   void CheckToken(const Value& token) {
     const std::string lower = oxEventAsciiLower(token.text);
     if (lower.starts_with("bearer ") || lower.starts_with("basic ") || lower.starts_with("authorization:")) {
-      Warn("bad-token", "bearer_token", "begins with what the sink puts before it: Authorization: Bearer",
-           "Give the token alone.");
-    } else if (!HasBlankEnds(token.text) && token.text.find_first_of(kBlanks) != token.text.npos) {
-      Warn("bad-token", "bearer_token", "holds blanks, which no token has (RFC 6750, section 2.1)", "Remove them.");
+      Warn("bad-token", "bearer_token", "begins with what the sink adds itself: Authorization: Bearer",
+           "Set only the token.");
+    } else if (!HasOuterWhiteSpace(token.text) && token.text.find_first_of(kWhiteSpace) != token.text.npos) {
+      Warn("bad-token", "bearer_token", "contains white space, which no token may (RFC 6750, section 2.1)",
+           "Remove it.");
     }
   }
 
   void CheckAuthorizations() {
     const oxEventSinkConfig& sink = *group_->sink;
-    const std::vector<std::string> lines = LinesOf(sink.headers);
+    const std::vector<std::string> lines = SplitHeaderLines(sink.headers);
     const auto own = std::count_if(lines.begin(), lines.end(),
                                    [](const std::string& line) { return HeaderName(line) == "authorization"; });
     const bool basic = !sink.basic_username.empty() || !sink.basic_password.empty();
-    const auto all = own + (sink.bearer_token.empty() ? 0 : 1) + (basic ? 1 : 0);
+    const auto count = own + (sink.bearer_token.empty() ? 0 : 1) + (basic ? 1 : 0);
     std::vector<const char*> from;
     if (own > 0) from.push_back(sink.type == Type::kCloudEventsHttp ? "auth_header" : "headers");
     if (!sink.bearer_token.empty()) from.push_back("bearer_token");
     if (basic) from.push_back(sink.basic_username.empty() ? "basic_password" : "basic_username");
     for (const char* const name : from) {
-      if (all < 2) break;
-      Add(name == from.back() ? Grade::kWarning : Grade::kNote, "two-authorizations", name,
-          "each request carries " + std::to_string(all) + " Authorization lines", "Keep one.");
+      if (count < 2) break;
+      Add(name == from.back() ? Severity::kWarning : Severity::kNote, "two-authorizations", name,
+          "each request carries " + std::to_string(count) + " Authorization headers", "Keep one.");
     }
     if (basic && sink.basic_username.empty()) {
       Warn("no-username", "basic_password", "a password without basic_username", "Set basic_username.");
     } else if (basic && sink.basic_password.empty()) {
-      Warn("no-password", "basic_username", "a name without basic_password", "Set basic_password.");
+      Warn("no-password", "basic_username", "a user name without basic_password", "Set basic_password.");
     }
     if (sink.basic_username.find(':') != std::string::npos) {
-      Warn("bad-username", "basic_username", "holds a colon, at which the server ends the name (RFC 7617, section 2)",
+      Warn("bad-username", "basic_username", "contains a colon, where the server ends the name (RFC 7617, section 2)",
            "Choose another.");
     }
   }
@@ -191,19 +194,19 @@ class Rules {
   void CheckTransport() {
     const oxEventSinkConfig& sink = *group_->sink;
     if (!UrlFault(sink.endpoint_url).empty()) return;
-    const UrlParts url = PartsOf(sink.endpoint_url);
+    const UrlParts url = ParseUrl(sink.endpoint_url);
     if (url.has_password) {
-      Warn("secret-in-url", "endpoint_url", "holds a password, which error texts would show",
+      Warn("secret-in-url", "endpoint_url", "contains a password, which error texts would show",
            "Use basic_username and basic_password.");
     }
     if (!url.https && !url.loopback) {
-      bool told = false;
+      bool reported = false;
       for (const Value& value : group_->values) {
         if (!HoldsSecret(value) || value.setting->form == Form::kUrl) continue;
-        if (!told)
-          Warn("secret-in-clear", "endpoint_url", "plain http carries the sink's secrets readable", "Use https.");
-        told = true;
-        Add(Grade::kNote, "secret-in-clear", value.setting->name, "goes over plain http", "Use https.");
+        if (!reported)
+          Warn("secret-in-clear", "endpoint_url", "plain http sends the sink's secrets unencrypted", "Use https.");
+        reported = true;
+        Add(Severity::kNote, "secret-in-clear", value.setting->name, "is sent over plain http", "Use https.");
       }
     }
     if (!url.https) return;
@@ -212,8 +215,8 @@ class Rules {
            "Use sink\\webhook\\http with payload_mode cloudevents.");
     } else if (!sink.tls_verify) {
       Warn("tls-unverified", "tls_verify",
-           "any certificate will do: whoever is on the way can read and change the events",
-           "Set it to 1, and have the endpoint's authority among the system's certificates.");
+           "the certificate is not verified: an attacker on the path can read and change the events",
+           "Set it to 1, and add the endpoint's CA to the system's certificates.");
     }
   }
 
@@ -225,7 +228,7 @@ class Rules {
 }  // namespace
 
 void CheckHttp(const SettingsFile& file, std::vector<Finding>* findings) {
-  Rules rules(file, findings);
-  for (const Group& group : file.groups) rules.Check(group);
-  rules.CheckAccess();
+  HttpChecker checker(file, findings);
+  for (const Group& group : file.groups) checker.Check(group);
+  checker.CheckAccess();
 }

@@ -15,32 +15,32 @@
 
 namespace {
 
-// What the store of the load under way would have written.
+// Receives what the store of the current load would write to the file.
 std::string* g_replacement = nullptr;
 
 std::string WhyUnreadable(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) return std::strerror(errno);
-  if (!S_ISREG(status.st_mode)) return "no regular file";
-  if (status.st_size > static_cast<off_t>(oxCFGFile::kMaxBytes)) return "over 64 MiB";
+  if (!S_ISREG(status.st_mode)) return "not a regular file";
+  if (status.st_size > static_cast<off_t>(oxCFGFile::kMaxBytes)) return "larger than 64 MiB";
   return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "it cannot be read";
 }
 
-// The letters of a word.
-std::string Folded(std::string_view word) {
-  std::string folded;
+// Returns the word's characters in lower case and sorted, without white space, dashes and underscores.
+std::string SortedLetters(std::string_view word) {
+  std::string letters;
   for (const char c : word) {
-    if (kBlanks.find(c) == kBlanks.npos && c != '-' && c != '_') folded.push_back(oxEventAsciiLower(c));
+    if (kWhiteSpace.find(c) == kWhiteSpace.npos && c != '-' && c != '_') letters.push_back(oxEventAsciiLower(c));
   }
-  std::sort(folded.begin(), folded.end());  // Letters that have changed places are the commonest slip.
-  return folded;
+  std::sort(letters.begin(), letters.end());  // Swapped letters are the most common typing error.
+  return letters;
 }
 
 }  // namespace
 
-// In this program a save ends here, and the file stays as it is.
+// Overrides the library's function: in this program a save leaves the file unchanged.
 bool oxCFGFile::Replace(std::string_view bytes) {
-  if (bytes.size() > kMaxBytes) return false;  // As the store's own, which leaves the file as it is then.
+  if (bytes.size() > kMaxBytes) return false;  // The library's function also refuses this.
   *g_replacement = bytes;
   return true;
 }
@@ -51,54 +51,55 @@ const Value* Group::Find(std::string_view name) const {
   return value == values.end() ? nullptr : &*value;
 }
 
-Position Group::At(std::string_view name) const {
+Position Group::PositionOf(std::string_view name) const {
   const Value* const value = Find(name);
-  return value == nullptr ? where : value->where;
+  return value == nullptr ? position : value->position;
 }
 
 bool SettingsFile::Read(std::vector<Finding>* findings) {
   g_replacement = &completed;
-  oxEventConfigLoad(path.c_str(), &config, &refusal);
+  oxEventConfigLoad(path.c_str(), &config, &start_error);
   const bool open = store.Open(path.c_str());
   if (completed.empty()) completed = store.Bytes();
-  lines = {0};
+  line_offsets = {0};
   for (size_t i = 0; i < store.Bytes().size(); ++i) {
-    if (store.Bytes()[i] == '\n') lines.push_back(i + 1);
+    if (store.Bytes()[i] == '\n') line_offsets.push_back(i + 1);
   }
   std::string error;
-  std::vector<oxEventBadValue> bad;
-  oxEventConfigInspect(path.c_str(), &config, &bad, &error);
-  for (const oxEventBadValue& value : bad) bad_values.emplace(value.key + "\\" + value.name, value.text);
+  std::vector<oxEventBadValue> invalid;
+  oxEventConfigInspect(path.c_str(), &config, &invalid, &error);
+  for (const oxEventBadValue& value : invalid) bad_values.emplace(value.key + "\\" + value.name, value.text);
   if (open && error.empty()) return true;
   const oxCFGParseError& why = store.ParseError();
-  const std::string remedy = why.reason == nullptr ? WhyUnreadable(path) + ". " + std::string(RemedyFor(refusal))
-                                                   : std::string(why.reason) + ". Mend the file there.";
-  findings->push_back(
-      {Grade::kError, why.reason == nullptr ? "unreadable" : "not-xml", PositionAt(why.offset), "", refusal, remedy});
+  const std::string remedy = why.reason == nullptr ? WhyUnreadable(path) + ". " + std::string(RemedyFor(start_error))
+                                                   : std::string(why.reason) + ". Fix the file at this position.";
+  findings->push_back({Severity::kError, why.reason == nullptr ? "unreadable" : "not-xml", PositionAt(why.offset), "",
+                       start_error, remedy});
   return false;
 }
 
 Position SettingsFile::PositionAt(size_t offset) const {
-  const auto next = std::upper_bound(lines.begin(), lines.end(), offset);
-  return {static_cast<size_t>(next - lines.begin()), offset - *(next - 1) + 1};
+  const auto next = std::upper_bound(line_offsets.begin(), line_offsets.end(), offset);
+  return {static_cast<size_t>(next - line_offsets.begin()), offset - *(next - 1) + 1};
 }
 
 std::string Suggestion(std::string_view word, const std::vector<std::string>& names) {
   for (const std::string& name : names) {
-    if (Folded(name) == Folded(word)) return "; did you mean " + name + "?";
+    if (SortedLetters(name) == SortedLetters(word)) return "; did you mean " + name + "?";
   }
-  const std::string meant = DidYouMean(word, names);
-  return meant.empty() ? DidYouMean(oxEventAsciiLower(word), names) : meant;
+  const std::string similar = DidYouMean(word, names);
+  return similar.empty() ? DidYouMean(oxEventAsciiLower(word), names) : similar;
 }
 
-bool HasBlankEnds(std::string_view text) {
-  return !text.empty() && (kBlanks.find(text.front()) != kBlanks.npos || kBlanks.find(text.back()) != kBlanks.npos);
+bool HasOuterWhiteSpace(std::string_view text) {
+  return !text.empty() &&
+         (kWhiteSpace.find(text.front()) != kWhiteSpace.npos || kWhiteSpace.find(text.back()) != kWhiteSpace.npos);
 }
 
 std::string Quoted(std::string_view text) {
-  constexpr size_t kLongest = 60;
-  if (text.size() <= kLongest) return "'" + std::string(text) + "'";
-  size_t size = kLongest;
-  while (size > 0 && (text[size] & 0xC0) == 0x80) --size;  // Not within a character.
+  constexpr size_t kMaxBytes = 60;
+  if (text.size() <= kMaxBytes) return "'" + std::string(text) + "'";
+  size_t size = kMaxBytes;
+  while (size > 0 && (text[size] & 0xC0) == 0x80) --size;  // Do not split a UTF-8 character.
   return "'" + std::string(text.substr(0, size)) + "...'";
 }

@@ -1,4 +1,4 @@
-// A settings file as the library reads it, with the places where everything stands. Nothing is written anywhere.
+// A settings file as the library reads it, with the position of each element. Writes no file.
 #pragma once
 
 #include <map>
@@ -16,53 +16,54 @@
 struct Value {
   const oxEventSetting* setting;
   std::string text;
-  Position where;
+  Position position;
 };
 
-// A key with settings.
+// A key that contains settings.
 struct Group {
   const oxEventSection* section;
-  std::string key;                          // Its path.
-  Position where;                           // Position of the key; the beginning of the file if it has no such key.
-  std::vector<Value> values;                // The first of each name.
-  const oxEventSinkConfig* sink = nullptr;  // What the loader makes of it; null: the core's.
+  std::string key;                          // Path of the key.
+  Position position;                        // Position of the key; the start of the file if the key is missing.
+  std::vector<Value> values;                // If two values have one name, only the first.
+  const oxEventSinkConfig* sink = nullptr;  // The loader's result; null if the key is not a sink.
 
   const Value* Find(std::string_view name) const;
-  Position At(std::string_view name) const;  // Position of the value or, if it is missing, of the key.
+  Position PositionOf(std::string_view name) const;  // Position of the value or, if it is missing, of the key.
   std::string PathOf(std::string_view name) const { return key + "\\" + std::string(name); }
 };
 
 struct SettingsFile {
   std::string path;
   oxCFGStore store;
-  std::string refusal;                            // The loader's error text; empty: it takes the file.
-  oxEventConfig config;                           // With defaults for the bad values.
-  std::map<std::string, std::string> bad_values;  // The loader's error text by path.
-  std::string completed;                          // The bytes that a load leaves.
-  std::vector<Group> groups;                      // In reading order.
-  std::vector<size_t> lines;                      // Where each begins.
+  std::string start_error;                        // Error text of a start with the file; empty: it would start.
+  oxEventConfig config;                           // Contains defaults for invalid values.
+  std::map<std::string, std::string> bad_values;  // Maps a value's path to the loader's error text.
+  std::string completed;                          // Contents of the file after the library has completed it.
+  std::vector<Group> groups;                      // In the order in which the library reads them.
+  std::vector<size_t> line_offsets;               // Offset of the start of each line.
 
-  explicit SettingsFile(const std::string& its_path) : path(its_path) {}
+  explicit SettingsFile(const std::string& file_path) : path(file_path) {}
 
-  // False: it is no settings file, as the findings tell. The groups are left to FindGroups.
+  // Returns false, with a finding, if the file is not a settings file. Does not fill in `groups`: see FindGroups.
   bool Read(std::vector<Finding>* findings);
   Position PositionAt(size_t offset) const;
   Position PositionOf(pugi::xml_node element) const { return PositionAt(store.OffsetOf(element)); }
 };
 
-// Goes through the elements: fills in the groups, and tells of everything that has no place in the file.
+// Fills in the groups, and reports all elements that the library ignores.
 void FindGroups(SettingsFile* file, std::vector<Finding>* findings);
 
-// The rules for one value alone, for the start of the sinks, which may add to the refusal, and for values together.
+// Check single values, whether the sinks would start (may set start_error), HTTP settings, and combinations of
+// settings.
 void CheckValues(const SettingsFile& file, std::vector<Finding>* findings);
 void CheckSinks(SettingsFile* file, std::vector<Finding>* findings);
 void CheckHttp(const SettingsFile& file, std::vector<Finding>* findings);
-void CheckTogether(const SettingsFile& file, std::vector<Finding>* findings);
+void CheckCombinations(const SettingsFile& file, std::vector<Finding>* findings);
 
-// "; did you mean NAME?", with case, blanks, dashes and the order of letters overlooked; empty where no name comes
-// close.
+// Returns "; did you mean NAME?", or an empty string if no name is similar. Ignores case, white space, dashes and the
+// order of letters.
 std::string Suggestion(std::string_view word, const std::vector<std::string>& names);
 
-constexpr std::string_view kBlanks = " \t\r\n\v\f";
-bool HasBlankEnds(std::string_view text);
-std::string Quoted(std::string_view text);  // Cut where it is long.
+constexpr std::string_view kWhiteSpace = " \t\r\n\v\f";
+bool HasOuterWhiteSpace(std::string_view text);
+std::string Quoted(std::string_view text);  // Truncates a long string.

@@ -1,4 +1,4 @@
-// Sinks that would not start, and those that are filled in but switched off.
+// Sinks that would not start, and sinks that are configured but disabled.
 #include <memory>
 
 #include "check/settings_file.h"
@@ -14,18 +14,18 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint32_t kMaxPort = 65535;
 
-// The settings for which a sink refuses to start, whatever the machine is like. `mend` puts right what else could be
-// refused, so that the refusal is this one's; and no factory that is called here comes so far as to touch the machine.
-struct Refusable {
+// A setting that can keep a sink from starting on any machine. `fix_others` makes the sink's other settings valid, so
+// that the factory fails because of this one; it then fails before it accesses files or the network.
+struct StartRequirement {
   Type type;
   const char* setting;
-  bool (*is_refused)(const Sink& sink);
-  void (*mend)(Sink* sink);
+  bool (*is_violated)(const Sink& sink);
+  void (*fix_others)(Sink* sink);
   uint32_t (*create)(const Sink& sink, std::shared_ptr<oxEventSink>* out, std::string* error);
-  const char* remedy = nullptr;  // Where the table of errors has one for more than this.
+  const char* remedy = nullptr;  // Replaces that of the error table, if it is too general.
 };
 
-constexpr char kSetPort[] = "A port is 0 to 65535; 0: the usual one.";
+constexpr char kPortRemedy[] = "A port is 0 to 65535; 0 means the default port.";
 
 bool LacksPath(const Sink& sink) { return sink.path.empty(); }
 bool LacksUrl(const Sink& sink) { return !HasHttpScheme(sink.endpoint_url); }
@@ -36,72 +36,76 @@ bool HasBadVersion(const Sink& sink) { return !oxEventFindWord(g_oxEventSnmpVers
 bool HasBadPort(const Sink& sink) { return sink.port > kMaxPort; }
 bool HasBadSnmpPort(const Sink& sink) { return sink.snmp_port > kMaxPort; }
 
-void MendNothing(Sink* /*sink*/) {}
-void MendUrl(Sink* sink) { sink->endpoint_url = "http://localhost"; }
-void MendVersion(Sink* sink) { sink->version = "2c"; }
+void FixNothing(Sink* /*sink*/) {}
+void FixUrl(Sink* sink) { sink->endpoint_url = "http://localhost"; }
+void FixVersion(Sink* sink) { sink->version = "2c"; }
 
-constexpr Refusable kRefusables[] = {  // In the order in which a sink looks at them.
-    {Type::kCsv, "path", LacksPath, MendNothing, oxEventCreateCsvSink},
-    {Type::kSyslogUdp, "port", HasBadPort, MendNothing, oxEventCreateSyslogUdpSink, kSetPort},
-    {Type::kCloudEventsHttp, "endpoint_url", LacksUrl, MendNothing, oxEventCreateCloudEventsHttpSink},
-    {Type::kWebhookHttp, "endpoint_url", LacksUrl, MendNothing, oxEventCreateCloudEventsHttpSink},
-    {Type::kWebhookHttp, "payload_mode", HasBadMode, MendUrl, oxEventCreateCloudEventsHttpSink},
-    {Type::kSnmpTrap, "version", HasBadVersion, MendNothing, oxEventCreateSnmpTrapSink},
-    {Type::kSnmpTrap, "port", HasBadSnmpPort, MendVersion, oxEventCreateSnmpTrapSink, kSetPort}};
+constexpr StartRequirement kStartRequirements[] = {  // In the order in which a sink checks them.
+    {Type::kCsv, "path", LacksPath, FixNothing, oxEventCreateCsvSink},
+    {Type::kSyslogUdp, "port", HasBadPort, FixNothing, oxEventCreateSyslogUdpSink, kPortRemedy},
+    {Type::kCloudEventsHttp, "endpoint_url", LacksUrl, FixNothing, oxEventCreateCloudEventsHttpSink},
+    {Type::kWebhookHttp, "endpoint_url", LacksUrl, FixNothing, oxEventCreateCloudEventsHttpSink},
+    {Type::kWebhookHttp, "payload_mode", HasBadMode, FixUrl, oxEventCreateCloudEventsHttpSink},
+    {Type::kSnmpTrap, "version", HasBadVersion, FixNothing, oxEventCreateSnmpTrapSink},
+    {Type::kSnmpTrap, "port", HasBadSnmpPort, FixVersion, oxEventCreateSnmpTrapSink, kPortRemedy}};
 
-class Rules {
+class SinkChecker {
  public:
-  Rules(SettingsFile* file, std::vector<Finding>* findings) : file_(*file), findings_(*findings) {}
+  SinkChecker(SettingsFile* file, std::vector<Finding>* findings) : file_(*file), findings_(*findings) {}
 
   void Check(const Group& group) {
-    for (const Refusable& refusable : kRefusables) {
-      if (refusable.type == group.sink->type && refusable.is_refused(*group.sink)) CheckRefusal(group, refusable);
+    for (const StartRequirement& requirement : kStartRequirements) {
+      if (requirement.type == group.sink->type && requirement.is_violated(*group.sink))
+        ReportStartError(group, requirement);
     }
     if (!group.sink->enabled) CheckDisabled(group);
   }
 
  private:
-  void CheckRefusal(const Group& group, const Refusable& refusable) {
+  void ReportStartError(const Group& group, const StartRequirement& requirement) {
     Sink sink = *group.sink;
-    refusable.mend(&sink);
+    requirement.fix_others(&sink);
     std::shared_ptr<oxEventSink> none;
     std::string error;
-    refusable.create(sink, &none, &error);
-    const Value* const value = group.Find(refusable.setting);
-    const Position where = group.At(refusable.setting);
-    const std::string path = group.PathOf(refusable.setting);
+    requirement.create(sink, &none, &error);
+    const Value* const value = group.Find(requirement.setting);
+    const Position position = group.PositionOf(requirement.setting);
+    const std::string path = group.PathOf(requirement.setting);
     std::vector<std::string> words;
     if (value != nullptr) {
       for (const oxEventWord& word : value->setting->words) words.emplace_back(word.text);
     }
-    std::string remedy(refusable.remedy != nullptr ? refusable.remedy : RemedyFor(error));
-    if (const std::string meant = words.empty() ? "" : Suggestion(value->text, words); !meant.empty()) {
-      remedy.replace(remedy.size() - 1, 1, meant);  // For the full stop.
+    std::string remedy(requirement.remedy != nullptr ? requirement.remedy : RemedyFor(error));
+    if (const std::string suggestion = words.empty() ? "" : Suggestion(value->text, words); !suggestion.empty()) {
+      remedy.replace(remedy.size() - 1, 1, suggestion);  // Replaces the full stop.
     }
     if (sink.enabled) {
-      if (file_.refusal.empty()) file_.refusal = error;
-      findings_.push_back({Grade::kError, "sink-refused", where, path, error, remedy});
+      if (file_.start_error.empty()) file_.start_error = error;
+      findings_.push_back({Severity::kError, "sink-refused", position, path, error, remedy});
     } else if (value != nullptr && !value->text.empty()) {
-      findings_.push_back({Grade::kWarning, "sink-refused", where, path,
+      findings_.push_back({Severity::kWarning, "sink-refused", position, path,
                            "the library would not start with this sink enabled: " + error, remedy});
     }
   }
 
-  // Whoever fills in where a sink sends to, or its secrets, means it to send.
+  // A disabled sink with a destination or a secret was probably meant to be enabled.
   void CheckDisabled(const Group& group) {
-    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;  // Which may well mean on.
+    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;  // May mean on.
     for (const Value& value : group.values) {
       const oxEventSetting& setting = *value.setting;
-      const bool tells = setting.form == Form::kUrl || setting.form == Form::kHost || setting.form == Form::kPath ||
-                         setting.form == Form::kSecret || setting.form == Form::kHeaderLines;
+      const bool is_destination_or_secret = setting.form == Form::kUrl || setting.form == Form::kHost ||
+                                            setting.form == Form::kPath || setting.form == Form::kSecret ||
+                                            setting.form == Form::kHeaderLines;
       const std::string text = value.text;
-      if (!tells || !setting.has_effect || text.empty() || text == oxEventSettingDefault(setting)) continue;
+      if (!is_destination_or_secret || !setting.has_effect || text.empty() || text == oxEventSettingDefault(setting))
+        continue;
       const bool missing = group.Find("enabled") == nullptr;
-      findings_.push_back({Grade::kWarning, "filled-in-but-off", group.At("enabled"), group.PathOf("enabled"),
-                           std::string("the sink is ") + (missing ? "off by default" : "off") + ", but filled in",
-                           "Set enabled to 1; or else take its " + std::string(setting.name) + " out."});
-      findings_.push_back({Grade::kNote, "filled-in-but-off", value.where, group.PathOf(setting.name),
-                           "has no effect while the sink is off", "Take it out, or set enabled to 1."});
+      findings_.push_back({Severity::kWarning, "filled-in-but-off", group.PositionOf("enabled"),
+                           group.PathOf("enabled"),
+                           std::string("the sink is ") + (missing ? "off by default" : "off") + ", but configured",
+                           "Set enabled to 1, or remove " + std::string(setting.name) + "."});
+      findings_.push_back({Severity::kNote, "filled-in-but-off", value.position, group.PathOf(setting.name),
+                           "has no effect while the sink is off", "Remove it, or set enabled to 1."});
       return;
     }
   }
@@ -113,8 +117,8 @@ class Rules {
 }  // namespace
 
 void CheckSinks(SettingsFile* file, std::vector<Finding>* findings) {
-  Rules rules(file, findings);
+  SinkChecker checker(file, findings);
   for (const Group& group : file->groups) {
-    if (group.sink != nullptr) rules.Check(group);
+    if (group.sink != nullptr) checker.Check(group);
   }
 }

@@ -1,37 +1,37 @@
-// What has no place in the file: keys, values and elements that the loader passes over.
+// Keys, values and other elements that the loader ignores.
 #include <algorithm>
 #include <map>
 #include <set>
 #include <utility>
 
-#include "check/places.h"
+#include "check/key_schema.h"
 #include "check/settings_file.h"
 
 namespace {
 
-class Walk {
+class StructureChecker {
  public:
-  Walk(SettingsFile* file, std::vector<Finding>* findings) : file_(*file), findings_(*findings) {}
+  StructureChecker(SettingsFile* file, std::vector<Finding>* findings) : file_(*file), findings_(*findings) {}
 
   void Run() {
-    const Place places = AllPlaces();
-    EnterPlace(places, file_.store.Root(), "");
-    AddMissing();
+    const KeySchema schema = BuildKeySchema();
+    CheckKey(schema, file_.store.Root(), "");
+    AddGroups();
   }
 
  private:
   void Warn(const char* code, pugi::xml_node node, const std::string& key, std::string text, std::string remedy) {
-    findings_.push_back({Grade::kWarning, code, file_.PositionOf(node), key, std::move(text), std::move(remedy)});
+    findings_.push_back({Severity::kWarning, code, file_.PositionOf(node), key, std::move(text), std::move(remedy)});
   }
 
-  // Above the library's own keys other parts of the host may keep theirs.
-  static bool IsOurs(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
+  // Outside QVX\Events the host may keep keys of its own.
+  static bool IsInEvents(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
 
-  // Calls `take` with the keys and values of a key that count. Reports what is passed over: only what resembles
-  // `expected`, where it is not the library's own. `sections`: the keys within are sections, or lead to some.
-  template <class Take>
+  // Calls `visit` for each key and value below `key` that the library does not ignore. Reports the ignored ones,
+  // outside QVX\Events only if they resemble `expected`. `sections`: the keys below are sections or contain some.
+  template <class Visit>
   void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, bool sections,
-               Take take) {
+               Visit visit) {
     std::set<std::pair<bool, std::string>> seen;
     for (const pugi::xml_node child : key.children()) {
       if (child.type() != pugi::node_element) {
@@ -41,109 +41,110 @@ class Walk {
       const std::string name = NameOf(child);
       const bool resembles = !Suggestion(name, expected).empty();
       if (!IsKey(child) && !IsValue(child)) {
-        CheckForeign(child, path, expected);
+        CheckUnknownElement(child, path, expected);
       } else if (!child.attribute("name")) {
-        CheckNameless(child, path, expected);
+        CheckMissingName(child, path, expected);
       } else if (name.empty() || name.size() > oxCFGStore::kMaxNameBytes || name.find('\\') != name.npos) {
-        if (IsOurs(path) || name.find("QVX") == 0 || resembles) CheckBadName(child, path, name, sections);
+        if (IsInEvents(path) || name.find("QVX") == 0 || resembles) CheckBadName(child, path, name, sections);
       } else if (!seen.emplace(IsKey(child), name).second) {
-        if (IsOurs(path) || resembles) {
-          Warn("twice", child, Join(path, name), "is here a second time: the first counts, this one is passed over",
-               "Remove one of the two.");
+        if (IsInEvents(path) || resembles) {
+          Warn("twice", child, JoinPath(path, name),
+               "is a duplicate: the library uses the first one and ignores this one", "Remove one of the two.");
         }
       } else {
-        take(child, name);
+        visit(child, name);
       }
     }
   }
 
-  // The loader cannot even see a section with such a name: it starts without it.
+  // The loader does not even see a section with such a name, and starts without it.
   void CheckBadName(pugi::xml_node node, const std::string& path, const std::string& name, bool sections) {
     const bool is_section = sections && IsKey(node);
     const std::string fault = name.empty() ? "empty" : name.find('\\') != name.npos ? "a path" : "too long";
     findings_.push_back(
-        {is_section ? Grade::kError : Grade::kWarning, "bad-name", file_.PositionOf(node),
-         Join(path, name.substr(0, 80)),
-         "its name is " + fault + ": the library passes it over" + (is_section ? ", with everything in it" : ""),
+        {is_section ? Severity::kError : Severity::kWarning, "bad-name", file_.PositionOf(node),
+         JoinPath(path, name.substr(0, 80)),
+         "its name is " + fault + ": the library ignores it" + (is_section ? ", with everything in it" : ""),
          "A name has 1 to 511 bytes and no backslash; each key of a path is an element of its own."});
   }
 
   void CheckText(pugi::xml_node node, pugi::xml_node key, const std::string& path) {
     const std::string text = node.type() == pugi::node_cdata ? node.value() : oxCFGDecoded(node.value());
     const bool is_text = node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
-    if (!is_text || !IsOurs(path) || text.find_first_not_of(kBlanks) == text.npos) return;
-    Warn("stray-text", key, path, "holds the text " + Quoted(text) + ", which the library passes over",
+    if (!is_text || !IsInEvents(path) || text.find_first_not_of(kWhiteSpace) == text.npos) return;
+    Warn("stray-text", key, path, "contains the text " + Quoted(text) + ", which the library ignores",
          "A setting is an element of its own: <value name=\"NAME\">TEXT</value>.");
   }
 
-  void CheckForeign(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
+  void CheckUnknownElement(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
     const std::string name = NameOf(node);
-    const std::string meant = Suggestion(node.name(), {"key", "value"});
-    const bool expects = !name.empty() && !Suggestion(name, expected).empty();
-    if (expects || (IsOurs(path) && !meant.empty())) {
-      Warn("unknown-element", node, Join(path, name),
-           "the library passes the element <" + std::string(node.name()) + "> over" + meant,
-           "Only <key> and <value>, in lower case, count.");
+    const std::string suggestion = Suggestion(node.name(), {"key", "value"});
+    const bool is_expected = !name.empty() && !Suggestion(name, expected).empty();
+    if (is_expected || (IsInEvents(path) && !suggestion.empty())) {
+      Warn("unknown-element", node, JoinPath(path, name),
+           "the library ignores the element <" + std::string(node.name()) + ">" + suggestion,
+           "Use <key> or <value>, in lower case.");
     }
   }
 
-  void CheckNameless(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
-    const auto meant = [&](const pugi::xml_attribute& a) { return !Suggestion(a.value(), expected).empty(); };
-    if (!IsOurs(path) && std::none_of(node.attributes_begin(), node.attributes_end(), meant)) return;
-    Warn("no-name", node, path,
-         "a <" + std::string(node.name()) + "> without the attribute name: the library passes it over",
+  void CheckMissingName(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
+    const auto is_expected = [&](const pugi::xml_attribute& a) { return !Suggestion(a.value(), expected).empty(); };
+    if (!IsInEvents(path) && std::none_of(node.attributes_begin(), node.attributes_end(), is_expected)) return;
+    Warn("no-name", node, path, "a <" + std::string(node.name()) + "> without a name attribute: the library ignores it",
          std::string("Write <") + node.name() + " name=\"NAME\">.");
   }
 
-  void EnterPlace(const Place& place, pugi::xml_node key, const std::string& path) {
-    if (place.HasInstances()) return EnterInstances(*place.section, key, path);
-    if (place.HasSettings()) return EnterSettings(*place.section, key, path);
-    const std::vector<std::string> expected = NamesOf(place.below);
+  void CheckKey(const KeySchema& schema, pugi::xml_node key, const std::string& path) {
+    if (schema.HasInstances()) return CheckInstances(*schema.section, key, path);
+    if (schema.HasSettings()) return CheckSettings(*schema.section, key, path);
+    const std::vector<std::string> expected = NamesOf(schema.children);
     ForEach(key, path, expected, true, [&](pugi::xml_node child, const std::string& name) {
-      const Place* const known = place.Find(name);
-      if (known != nullptr && IsKey(child)) {
-        EnterPlace(*known, child, Join(path, name));
-      } else if (known != nullptr) {
-        Warn("value-for-key", child, Join(path, name), "is a value, where the library looks for a key",
+      const KeySchema* const child_schema = schema.Find(name);
+      if (child_schema != nullptr && IsKey(child)) {
+        CheckKey(*child_schema, child, JoinPath(path, name));
+      } else if (child_schema != nullptr) {
+        Warn("value-for-key", child, JoinPath(path, name), "is a value, but the library expects a key here",
              "Write <key name=\"" + name + "\">.");
       } else {
-        CheckUnknown(place, child, path, name);
+        CheckUnknownName(schema, child, path, name);
       }
     });
   }
 
-  // As in QVX/Events/core. Two of its keys tell it from another program's name.
-  static bool IsPathBelow(const Place& place, std::string_view name) {
+  // Whether a name is a path, such as QVX/Events/core, of two known keys or more: one alone may be another program's.
+  static bool IsKnownPath(const KeySchema& schema, std::string_view name) {
     const size_t end = std::min(name.find_first_of("/."), name.size());
-    const Place* const first = place.Find(name.substr(0, end));
+    const KeySchema* const first = schema.Find(name.substr(0, end));
     if (first == nullptr || end == name.size()) return false;
     name.remove_prefix(end + 1);
     return first->Find(name.substr(0, name.find_first_of("/."))) != nullptr;
   }
 
-  // A key or a value in a place that holds only certain keys.
-  void CheckUnknown(const Place& place, pugi::xml_node child, const std::string& path, const std::string& name) {
-    std::string meant = Suggestion(name, NamesOf(place.below));
-    for (const Place& known : place.below) {
-      if (meant.empty() && IsKey(child) && !IsOurs(path) && Fits(known, child))
-        meant = "; did you mean " + known.name + "?";
+  // Reports a key or a value whose name is none of the schema's keys.
+  void CheckUnknownName(const KeySchema& schema, pugi::xml_node child, const std::string& path,
+                        const std::string& name) {
+    std::string suggestion = Suggestion(name, NamesOf(schema.children));
+    for (const KeySchema& known : schema.children) {
+      if (suggestion.empty() && IsKey(child) && !IsInEvents(path) && MatchesSchema(known, child))
+        suggestion = "; did you mean " + known.name + "?";
     }
-    if (meant.empty() && !IsOurs(path) && IsPathBelow(place, name)) {
-      meant = "; each key of a path is an element of its own";
+    if (suggestion.empty() && !IsInEvents(path) && IsKnownPath(schema, name)) {
+      suggestion = "; each key of a path is an element of its own";
     }
-    const oxEventSection* const resembled = IsKey(child) ? Resembled(child) : nullptr;
-    const std::string whole = Join(path, name);
-    const Place* const fitting = IsKey(child) ? FindFitting(place, child) : nullptr;
-    if (IsOurs(path) && meant.empty() && resembled != nullptr) {
-      const std::string instance = resembled->default_instance == nullptr ? "" : "\\" + name;
-      Warn("misplaced", child, whole,
-           "the library passes it over: its settings belong in " + KeyOf(*resembled) + instance, "Move it there.");
-    } else if (fitting != nullptr) {
-      Warn("misplaced", child, whole, "the library passes it over: it belongs in " + fitting->above, "Move it there.");
-    } else if (IsOurs(path) || !meant.empty()) {
-      Warn(IsKey(child) ? "unknown-key" : "unknown-value", child, whole,
-           std::string("the library knows no such ") + (IsKey(child) ? "key" : "value") + " here" + meant,
-           "Below " + (path.empty() ? "the root" : path) + " it reads: " + Listed(NamesOf(place.below)) + ".");
+    const oxEventSection* const similar = IsKey(child) ? FindSimilarSection(child) : nullptr;
+    const std::string child_path = JoinPath(path, name);
+    const KeySchema* const match = IsKey(child) ? FindMatchingSchema(schema, child) : nullptr;
+    if (IsInEvents(path) && suggestion.empty() && similar != nullptr) {
+      const std::string instance = similar->default_instance == nullptr ? "" : "\\" + name;
+      Warn("misplaced", child, child_path,
+           "the library ignores it: its settings belong in " + PathOf(*similar) + instance, "Move it there.");
+    } else if (match != nullptr) {
+      Warn("misplaced", child, child_path, "the library ignores it: it belongs in " + match->parent_path,
+           "Move it there.");
+    } else if (IsInEvents(path) || !suggestion.empty()) {
+      Warn(IsKey(child) ? "unknown-key" : "unknown-value", child, child_path,
+           std::string("no such ") + (IsKey(child) ? "key" : "value") + " here" + suggestion,
+           "Keys below " + (path.empty() ? "the root" : path) + ": " + Listed(NamesOf(schema.children)) + ".");
     }
   }
 
@@ -153,18 +154,19 @@ class Walk {
     return text;
   }
 
-  void EnterInstances(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
-    bool told = false;
+  void CheckInstances(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
+    bool reported = false;
     ForEach(key, path, NamesOf(section), true, [&](pugi::xml_node child, const std::string& name) {
       if (IsKey(child)) {
         CheckInstance(section, child, path, name);
-        EnterSettings(section, child, Join(path, name));
+        CheckSettings(section, child, JoinPath(path, name));
         return;
       }
-      Warn("misplaced", child, Join(path, name), "a value beside the instances: the library passes it over",
-           "Settings belong in a key of their own below " + path + ", such as " + section.default_instance + ".");
-      if (!std::exchange(told, true)) {
-        findings_.push_back({Grade::kNote, "misplaced", file_.PositionOf(key), path, "holds instances, not settings",
+      Warn("misplaced", child, JoinPath(path, name), "a value next to instances: the library ignores it",
+           "Settings belong in an instance key below " + path + ", such as " + section.default_instance + ".");
+      if (!std::exchange(reported, true)) {
+        findings_.push_back({Severity::kNote, "misplaced", file_.PositionOf(key), path,
+                             "contains instances, not settings",
                              "Put a key with the name of an instance around the settings."});
       }
     });
@@ -173,32 +175,34 @@ class Walk {
   void CheckInstance(const oxEventSection& section, pugi::xml_node key, const std::string& path,
                      const std::string& name) {
     if (FindSetting(section, name) != nullptr && !key.child("value")) {
-      Warn("key-for-value", key, Join(path, name), "is a key, which makes it an instance with this name",
-           "Settings are values in a key of their own below " + path + ", such as " + section.default_instance + ".");
-    } else if (HasBlankEnds(name)) {
-      Warn("blanks", key, Join(path, name), "the name has blanks at its ends, which count", "Remove them.");
+      Warn("key-for-value", key, JoinPath(path, name), "is a key, so the library takes it for an instance of this name",
+           "Settings are values in an instance key below " + path + ", such as " + section.default_instance + ".");
+    } else if (HasOuterWhiteSpace(name)) {
+      Warn("blanks", key, JoinPath(path, name), "the name has leading or trailing white space, which counts",
+           "Remove it.");
     }
   }
 
-  void EnterSettings(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
+  void CheckSettings(const oxEventSection& section, pugi::xml_node key, const std::string& path) {
     Group group = {&section, path, file_.PositionOf(key), {}};
     ForEach(key, path, NamesOf(section), false, [&](pugi::xml_node child, const std::string& name) {
       const oxEventSetting* const setting = FindSetting(section, name);
-      const std::string whole = Join(path, name);
+      const std::string child_path = JoinPath(path, name);
       if (IsKey(child)) {
         if (setting != nullptr) {
-          Warn("key-for-value", child, whole, "is a key, where the library looks for a value",
+          Warn("key-for-value", child, child_path, "is a key, but the library expects a value here",
                "Write <value name=\"" + name + "\">TEXT</value>.");
         } else {
-          Warn("misplaced", child, whole, "a key among settings: the library passes it over",
-               Resembled(child) == nullptr ? "Remove it."
-                                           : "Move it to " + KeyOf(*Resembled(child)) + ", where its settings belong.");
+          Warn("misplaced", child, child_path, "a key among settings: the library ignores it",
+               FindSimilarSection(child) == nullptr
+                   ? "Remove it."
+                   : "Move it to " + PathOf(*FindSimilarSection(child)) + ", where its settings belong.");
         }
       } else if (setting == nullptr) {
-        Warn("unknown-value", child, whole, "the library knows no such setting here" + Elsewhere(section, name),
+        Warn("unknown-value", child, child_path, "no such setting here" + SuggestElsewhere(section, name),
              "The settings of this key: " + Listed(NamesOf(section)) + ".");
       } else {
-        CheckContent(child, whole);
+        CheckContent(child, child_path);
         Value value = {setting, "", file_.PositionOf(child)};
         file_.store.Read(path, name, [&](std::string_view piece) { value.text += piece; });
         group.values.push_back(std::move(value));
@@ -207,11 +211,11 @@ class Walk {
     found_.emplace(path, std::move(group));
   }
 
-  static std::string Elsewhere(const oxEventSection& here, const std::string& name) {
-    std::string meant = Suggestion(name, NamesOf(here));
-    if (!meant.empty()) return meant;
+  static std::string SuggestElsewhere(const oxEventSection& here, const std::string& name) {
+    std::string suggestion = Suggestion(name, NamesOf(here));
+    if (!suggestion.empty()) return suggestion;
     for (const oxEventSection& section : g_oxEventSections) {
-      if (FindSetting(section, name) != nullptr) return "; " + KeyOf(section) + " has one of that name";
+      if (FindSetting(section, name) != nullptr) return "; " + PathOf(section) + " has one of that name";
     }
     return "";
   }
@@ -219,25 +223,25 @@ class Walk {
   void CheckContent(pugi::xml_node value, const std::string& key) {
     for (const pugi::xml_node child : value.children()) {
       if (child.type() != pugi::node_element) continue;
-      Warn("nested", value, key, "holds the element <" + std::string(child.name()) + ">, which the library passes over",
-           "A value holds text alone.");
+      Warn("nested", value, key, "contains the element <" + std::string(child.name()) + ">, which the library ignores",
+           "A value contains only text.");
       break;
     }
     if (value.attribute("value")) {
-      Warn("text-in-attribute", value, key, "has its text in an attribute, which the library passes over",
+      Warn("text-in-attribute", value, key, "has its text in an attribute, which the library ignores",
            "Write <value name=\"NAME\">TEXT</value>.");
     }
   }
 
-  // What the loader reads although the file has no such key, and what it makes of each sink.
-  void AddMissing() {
+  // Passes the groups on in the order in which the loader reads them, including those that the file lacks.
+  void AddGroups() {
     for (const oxEventSection& section : g_oxEventSections) {
-      if (section.default_instance == nullptr) AddGroup(section, KeyOf(section), nullptr);
+      if (section.default_instance == nullptr) AddGroup(section, PathOf(section), nullptr);
     }
     for (const oxEventSinkConfig& sink : file_.config.sinks) {
       for (const oxEventSection& section : g_oxEventSections) {
         if (section.default_instance == nullptr || section.type != sink.type) continue;
-        AddGroup(section, KeyOf(section) + "\\" + sink.name, &sink);
+        AddGroup(section, PathOf(section) + "\\" + sink.name, &sink);
       }
     }
   }
@@ -251,9 +255,9 @@ class Walk {
 
   SettingsFile& file_;
   std::vector<Finding>& findings_;
-  std::map<std::string, Group> found_;  // By key.
+  std::map<std::string, Group> found_;  // By path of the key.
 };
 
 }  // namespace
 
-void FindGroups(SettingsFile* file, std::vector<Finding>* findings) { Walk(file, findings).Run(); }
+void FindGroups(SettingsFile* file, std::vector<Finding>* findings) { StructureChecker(file, findings).Run(); }

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr std::string_view kUnreserved = "-._~";
-constexpr std::string_view kDelimiters = ":/?#@!$&'()*+,;=";  // RFC 3986, section 2.2, but for the brackets.
+constexpr std::string_view kDelimiters = ":/?#@!$&'()*+,;=";  // RFC 3986, section 2.2, except the brackets.
 
 bool IsHexDigit(char c) {
   const char lower = oxEventAsciiLower(c);
@@ -54,14 +54,15 @@ std::string UrlFault(const std::string& url) {
   if (!HasHttpScheme(url)) return "it begins with neither http:// nor https://";
   const size_t host_at = url.find("://") + 3;
   if (host_at == url.size() || std::string_view("/?#:").find(url[host_at]) != std::string_view::npos) return "no host";
-  const auto odd = [](char c) { return c <= ' ' || c == 0x7F; };  // Bytes from 0x80 up are negative.
-  if (std::any_of(url.begin(), url.end(), odd)) return "blanks and what is no ASCII have to be written as %XX";
+  const auto must_be_encoded = [](char c) { return c <= ' ' || c == 0x7F; };  // Bytes from 0x80 up are negative.
+  if (std::any_of(url.begin(), url.end(), must_be_encoded))
+    return "spaces and non-ASCII characters must be written as %XX";
   const Url parsed = NewUrl();
   const CURLUcode result = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
   return result == CURLUE_OK ? "" : curl_url_strerror(result);
 }
 
-UrlParts PartsOf(const std::string& url) {
+UrlParts ParseUrl(const std::string& url) {
   const Url parsed = NewUrl();
   curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
   const std::string host = oxEventAsciiLower(PartOf(parsed, CURLUPART_HOST));
@@ -69,13 +70,13 @@ UrlParts PartsOf(const std::string& url) {
   parts.https = oxEventAsciiLower(PartOf(parsed, CURLUPART_SCHEME)) == "https";
   parts.loopback = IsLoopback(host);
   parts.has_password = !PartOf(parsed, CURLUPART_PASSWORD).empty();
-  parts.place = (parts.https ? "https://" : "http://") + host + ":" +
-                PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT) + PartOf(parsed, CURLUPART_PATH) + "?" +
-                PartOf(parsed, CURLUPART_QUERY);
+  parts.normalized = (parts.https ? "https://" : "http://") + host + ":" +
+                     PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT) + PartOf(parsed, CURLUPART_PATH) + "?" +
+                     PartOf(parsed, CURLUPART_QUERY);
   return parts;
 }
 
-// RFC 3986, appendix A, as far as characters and their places go.
+// Checks the characters and their positions (RFC 3986, appendix A), not the whole grammar.
 std::string UriReferenceFault(std::string_view text) {
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
@@ -87,7 +88,7 @@ std::string UriReferenceFault(std::string_view text) {
       if (authority == text.npos || text.find_first_of("/?#", authority + 2) < i) return "brackets outside the host";
       if (c == '[' && text.find(']', i) == text.npos) return "[ without ]";
     } else if (!oxEventAsciiIsAlnum(c) && kUnreserved.find(c) == text.npos && kDelimiters.find(c) == text.npos) {
-      return "a character that has to be written as %XX";
+      return "a character that must be written as %XX";
     }
   }
   if (std::count(text.begin(), text.end(), '#') > 1) return "a second #";
@@ -99,27 +100,27 @@ std::string UriReferenceFault(std::string_view text) {
 std::string OidFault(std::string_view text) {
   std::string encoded;
   if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "every event to this sink fails";
-  // Both share one byte, whose highest bit would say that the number goes on (X.690, section 8.19.2).
-  if (text.starts_with("2.") && std::stoul(std::string(text.substr(2))) > 47) return "the traps carry 2.0 to 2.47 only";
+  // The first two numbers share one byte, whose highest bit marks a continuation (X.690, section 8.19.2).
+  if (text.starts_with("2.") && std::stoul(std::string(text.substr(2))) > 47) return "traps can carry only 2.0 to 2.47";
   return "";
 }
 
 std::string HostFault(const std::string& host) {
-  constexpr size_t kLongest = 253;  // RFC 1035, section 2.3.4, as text.
+  constexpr size_t kMaxBytes = 253;  // RFC 1035, section 2.3.4, in dotted form.
   in6_addr address;
   const std::string_view before_scope = std::string_view(host).substr(0, host.find('%'));
   if (inet_pton(AF_INET6, std::string(before_scope).c_str(), &address) == 1) return "";
   if (host.find("://") != host.npos) return "it begins with a scheme";
   if (host.front() == '[') return "brackets are for URLs";
-  if (host.find(':') != host.npos) return "the port is a setting of its own";
-  const auto in_name = [](char c) { return oxEventAsciiIsAlnum(c) || c == '.' || c == '-' || c == '_'; };
-  const auto encoded = [](char c) { return (c & 0x80) != 0; };  // An internationalized name.
-  if (!std::all_of(host.begin(), host.end(), [&](char c) { return in_name(c) || encoded(c); })) {
-    return "it holds characters that no name has";
+  if (host.find(':') != host.npos) return "the port is a separate setting";
+  const auto is_name_character = [](char c) { return oxEventAsciiIsAlnum(c) || c == '.' || c == '-' || c == '_'; };
+  const auto is_non_ascii = [](char c) { return (c & 0x80) != 0; };  // An internationalized name.
+  if (!std::all_of(host.begin(), host.end(), [&](char c) { return is_name_character(c) || is_non_ascii(c); })) {
+    return "it contains characters that no name may have";
   }
-  if (host.size() > kLongest || host.find("..") != host.npos || host.front() == '.') return "no name is made so";
+  if (host.size() > kMaxBytes || host.find("..") != host.npos || host.front() == '.') return "malformed name";
   const bool is_number = std::all_of(host.begin(), host.end(), [](char c) { return IsDigit(c) || c == '.'; });
   in_addr number;
-  if (is_number && inet_aton(host.c_str(), &number) == 0) return "no IPv4 address is made so";
+  if (is_number && inet_aton(host.c_str(), &number) == 0) return "malformed IPv4 address";
   return "";
 }

@@ -1,4 +1,4 @@
-// What is wrong with a text that has to follow a grammar; empty: nothing.
+// Syntax checks. A function ...Fault returns what is wrong with the string, or an empty string.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 #include <vector>
 
 bool HasHttpScheme(std::string_view url);
-std::string UrlFault(const std::string& url);  // As the HTTP client's library takes it.
+std::string UrlFault(const std::string& url);  // As libcurl parses it.
 std::string UriReferenceFault(std::string_view text);
 std::string OidFault(std::string_view text);  // As the SNMP sink encodes it.
 std::string HostFault(const std::string& host);
@@ -15,6 +15,6 @@ struct UrlParts {
   bool https = false;
   bool loopback = false;
   bool has_password = false;
-  std::string place;  // For comparison: the whole, with the usual port, scheme and host in lower case.
+  std::string normalized;  // For comparison: scheme and host in lower case, the default port added.
 };
-UrlParts PartsOf(const std::string& url);  // The URL must be valid.
+UrlParts ParseUrl(const std::string& url);  // The URL must be valid.

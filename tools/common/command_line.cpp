@@ -14,11 +14,11 @@ namespace {
 
 const char* g_tool = "";
 
-constexpr int kFirst = 256;  // The first value that getopt_long returns for a long option: above every character.
+constexpr int kFirstLongOption = 256;  // getopt_long's value of the first option: above every character.
 
-// By how many letters two words differ: to be inserted, left out or replaced.
-size_t Distance(std::string_view a, std::string_view b) {
-  std::vector<size_t> row(b.size() + 1);  // From the beginning of `a` so far to each beginning of `b`.
+// Levenshtein distance.
+size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);  // Distances of the processed prefix of `a` to each prefix of `b`.
   std::iota(row.begin(), row.end(), size_t{0});
   for (const char letter : a) {
     size_t diagonal = row[0]++;
@@ -32,7 +32,7 @@ size_t Distance(std::string_view a, std::string_view b) {
 }
 
 void PrintHelp(const Tool& tool) {
-  constexpr int kColumn = 28;  // Where the descriptions stand.
+  constexpr int kColumn = 28;  // Column of the descriptions.
   std::fputs(tool.usage, stdout);
   for (const Option& option : tool.options) {
     if (option.heading != nullptr) std::printf("\n%s:\n", option.heading);
@@ -45,32 +45,32 @@ void PrintHelp(const Tool& tool) {
   std::fputs(tool.notes, stdout);
 }
 
-UsageError NotFollowed(const Tool& tool, const char* word, int option, bool lacks_value) {
-  if (option >= kFirst) {
-    const std::string name = std::string("--") + tool.options[static_cast<size_t>(option - kFirst)].name;
-    return UsageError(name + (lacks_value ? ": its value is missing" : ": takes no value"));
+UsageError MakeOptionError(const Tool& tool, const char* word, int option, bool lacks_value) {
+  if (option >= kFirstLongOption) {
+    const std::string name = std::string("--") + tool.options[static_cast<size_t>(option - kFirstLongOption)].name;
+    return UsageError(name + (lacks_value ? ": requires a value" : ": takes no value"));
   }
   if (option != 0) return UsageError(std::string("-") + static_cast<char>(option) + ": no such option");
   const std::string name(word, std::strcspn(word, "="));
   std::vector<std::string> names;
   for (const Option& known : tool.options) names.push_back(std::string("--") + known.name);
-  const auto begins = [&name](const std::string& known) { return known.starts_with(name); };
-  if (std::count_if(names.begin(), names.end(), begins) > 1) return UsageError(name + ": several options begin so");
+  const auto begins_with_name = [&name](const std::string& known) { return known.starts_with(name); };
+  if (std::count_if(names.begin(), names.end(), begins_with_name) > 1) return UsageError(name + ": ambiguous option");
   return UsageError(name + ": no such option" + DidYouMean(name, names));
 }
 
-// Follows the options and returns the other arguments.
-std::vector<const char*> Follow(const Tool& tool, int argc, char** argv) {
+// Parses the options and returns the other arguments.
+std::vector<const char*> ParseOptions(const Tool& tool, int argc, char** argv) {
   std::vector<option> known;
   for (const Option& option : tool.options) {
     known.push_back({option.name, option.argument == nullptr ? no_argument : required_argument, nullptr,
-                     kFirst + static_cast<int>(known.size())});
+                     kFirstLongOption + static_cast<int>(known.size())});
   }
   known.push_back({});
   opterr = 0;
   for (int found = 0; (found = getopt_long(argc, argv, ":", known.data(), nullptr)) != -1;) {
-    if (found == '?' || found == ':') throw NotFollowed(tool, argv[optind - 1], optopt, found == ':');
-    const Option& option = tool.options[static_cast<size_t>(found - kFirst)];
+    if (found == '?' || found == ':') throw MakeOptionError(tool, argv[optind - 1], optopt, found == ':');
+    const Option& option = tool.options[static_cast<size_t>(found - kFirstLongOption)];
     try {
       option.set(optarg);
     } catch (const std::invalid_argument& error) {
@@ -80,61 +80,61 @@ std::vector<const char*> Follow(const Tool& tool, int argc, char** argv) {
   return {argv + optind, argv + argc};
 }
 
-// A standard descriptor that is closed would go to the next file opened, such as a sink's, and what is printed into it.
-// What keeps its place fails as a closed one: it is open the wrong way round.
-void KeepStandardDescriptors() {
+// Opens /dev/null for closed standard descriptors: otherwise the next file opened, such as a sink's, would get the
+// number, and the tool would print into it. Opened in the wrong mode, so that using it fails as with a closed one.
+void ReserveStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) == -1) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
   }
 }
 
 int Run(Tool* tool, int argc, char** argv, const std::function<int(std::vector<const char*>)>& run) {
-  enum { kGoOn, kHelp, kVersion } wanted = kGoOn;
-  tool->options.push_back({"help", nullptr, "print this and exit", [&wanted](const char*) { wanted = kHelp; }});
+  enum { kRun, kHelp, kVersion } action = kRun;
+  tool->options.push_back({"help", nullptr, "print this help and exit", [&action](const char*) { action = kHelp; }});
   tool->options.push_back(
-      {"version", nullptr, "print the version and exit", [&wanted](const char*) { wanted = kVersion; }});
-  const std::vector<const char*> arguments = Follow(*tool, argc, argv);
-  if (wanted == kGoOn) return run(arguments);
-  if (wanted == kHelp) {
+      {"version", nullptr, "print the version and exit", [&action](const char*) { action = kVersion; }});
+  const std::vector<const char*> arguments = ParseOptions(*tool, argc, argv);
+  if (action == kRun) return run(arguments);
+  if (action == kHelp) {
     PrintHelp(*tool);
   } else {
     std::printf("%s %s\n", tool->name, OXEVENT_VERSION);
   }
-  return kDone;
+  return kExitSuccess;
 }
 
 }  // namespace
 
 int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vector<const char*>)>& run) {
-  KeepStandardDescriptors();
+  ReserveStandardDescriptors();
   g_tool = tool.name;
-  int status = kUsage;
+  int status = kExitUsage;
   try {
     status = Run(&tool, argc, argv, run);
   } catch (const UsageError& error) {
-    Complain(error.what());
+    PrintError(error.what());
   } catch (const std::exception& error) {
-    Complain(error.what());
-    status = kFailed;
+    PrintError(error.what());
+    status = kExitFailure;
   }
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
-  Complain(std::string("standard output: ") + std::strerror(errno));
-  return status == kDone ? kFailed : status;
+  PrintError(std::string("standard output: ") + std::strerror(errno));
+  return status == kExitSuccess ? kExitFailure : status;
 }
 
-void Complain(std::string_view text) {
-  std::fflush(stdout);  // Its lines came before.
-  std::fprintf(stderr, "%s: %.*s\n", g_tool, static_cast<int>(text.size()), text.data());
+void PrintError(std::string_view message) {
+  std::fflush(stdout);  // Keeps the order of the lines.
+  std::fprintf(stderr, "%s: %.*s\n", g_tool, static_cast<int>(message.size()), message.data());
 }
 
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names) {
-  constexpr size_t kLongest = 64;  // That anybody means.
-  if (word.size() > kLongest) return "";
-  const auto nearer = [word](const std::string& a, const std::string& b) {
-    return Distance(word, a) < Distance(word, b);
+  constexpr size_t kMaxBytes = 64;  // No name is longer. Bounds the time.
+  if (word.size() > kMaxBytes) return "";
+  const auto is_nearer = [word](const std::string& a, const std::string& b) {
+    return EditDistance(word, a) < EditDistance(word, b);
   };
-  const auto nearest = std::min_element(names.begin(), names.end(), nearer);
-  if (nearest == names.end() || Distance(word, *nearest) * 3 > word.size()) return "";
+  const auto nearest = std::min_element(names.begin(), names.end(), is_nearer);
+  if (nearest == names.end() || EditDistance(word, *nearest) * 3 > word.size()) return "";
   return "; did you mean " + *nearest + "?";
 }
 

@@ -1,4 +1,4 @@
-// What the command line tools share.
+// Functions that the command line tools share: options, help, exit statuses, output.
 #pragma once
 
 #include <charconv>
@@ -10,60 +10,60 @@
 #include <type_traits>
 #include <vector>
 
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+constexpr int kExitSuccess = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
 
-// A command line that cannot be followed. The text is one line and names the culprit.
+// An invalid command line. The message is one line and names the argument at fault.
 class UsageError : public std::runtime_error {
   using runtime_error::runtime_error;
 };
 
 struct Option {
-  const char* name;      // Without its dashes.
-  const char* argument;  // What the help calls its value; null: it takes none.
-  const char* help;      // May have several lines.
-  // Gets the value, which lives as long as the process; null where there is none. Throws std::invalid_argument.
+  const char* name;      // Without the dashes.
+  const char* argument;  // Name of the value in the help; null: the option takes no value.
+  const char* help;      // May contain line feeds.
+  // `value` lives as long as the process, and is null if the option takes none. Throws std::invalid_argument.
   std::function<void(const char* value)> set;
   const char* heading = nullptr;  // Heading of the section of the help that begins with this option.
 };
 
 struct Tool {
   const char* name;
-  const char* usage;  // The help's text before and after the options.
-  const char* notes;
-  std::vector<Option> options;  // --help and --version aside.
+  const char* usage;            // Text of the help before the options.
+  const char* notes;            // Text of the help after the options.
+  std::vector<Option> options;  // Without --help and --version.
 };
 
-// Runs a tool: follows the options, hands the other arguments to `run` and returns the status to exit with. --help and
-// --version are answered here, a UsageError is told and becomes kUsage. What could not be written to stdout is told
-// too, and makes kDone kFailed.
+// Runs a tool: parses the options, calls `run` with the other arguments and returns the exit status. Handles --help and
+// --version. Reports a UsageError and returns kExitUsage. Reports a failed write to stdout and returns kExitFailure
+// instead of kExitSuccess.
 int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vector<const char*> arguments)>& run);
 
-// Prints "TOOL: TEXT" to stderr, where TOOL is the running one.
-void Complain(std::string_view text);
+// Prints "TOOL: MESSAGE" to stderr, with the name of the running tool.
+void PrintError(std::string_view message);
 
-// The text on one line and without control characters: what comes from a file may hold line ends and worse.
+// Escapes control characters, line feeds included: strings from a file must not reach the terminal unescaped.
 std::string Printable(std::string_view text);
 
-// "; did you mean NAME?", with the name that comes close enough to the word; empty where none does.
+// Returns "; did you mean NAME?" with the most similar name, or an empty string if none is similar enough.
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names);
 
-// The text, all of it, as a number from `least` to `most`. Throws std::invalid_argument.
+// Parses the whole string as a number from `min` to `max`. Throws std::invalid_argument.
 template <class Number>
-Number NumberFrom(std::string_view text, Number least = std::numeric_limits<Number>::lowest(),
-                  Number most = std::numeric_limits<Number>::max()) {
+Number ParseNumber(std::string_view text, Number min = std::numeric_limits<Number>::lowest(),
+                   Number max = std::numeric_limits<Number>::max()) {
   Number number = 0;
   const char* const end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, number);
-  if (error == std::errc() && rest == end && number >= least && number <= most) return number;  // Not NaN.
+  if (error == std::errc() && rest == end && number >= min && number <= max) return number;  // Never true for NaN.
   std::string range;
-  if (std::is_integral_v<Number> || least > std::numeric_limits<Number>::lowest()) {
+  if (std::is_integral_v<Number> || min > std::numeric_limits<Number>::lowest()) {
     const auto decimal = [](Number limit) {
       char digits[32];
       return std::string(digits, std::to_chars(digits, digits + sizeof(digits), limit).ptr);
     };
-    range = " from " + decimal(least) + " to " + decimal(most);
+    range = " from " + decimal(min) + " to " + decimal(max);
   }
   throw std::invalid_argument("'" + std::string(text) + "' is not a " + (std::is_integral_v<Number> ? "whole " : "") +
                               "number" + range);

@@ -1,6 +1,6 @@
 #include "common/setting_forms.h"
 
-std::string FormOf(oxEventSettingForm form) {
+std::string DescribeForm(oxEventSettingForm form) {
   switch (form) {
     case oxEventSettingForm::kSwitch:
       return "a switch, or a number: 0 is off";
@@ -33,7 +33,7 @@ std::string FormOf(oxEventSettingForm form) {
     case oxEventSettingForm::kSecret:
       return "a secret";
     case oxEventSettingForm::kOid:
-      return "an object identifier in dotted notation";
+      return "a dotted object identifier";
   }
   return "";
 }

@@ -4,5 +4,5 @@
 
 #include "config/oxEventSettings.h"
 
-// Describes the values that a setting of this form accepts: "a port, 0 to 65535".
-std::string FormOf(oxEventSettingForm form);
+// Describes the values of a form for a reader: "a port, 0 to 65535".
+std::string DescribeForm(oxEventSettingForm form);

@@ -34,7 +34,7 @@ std::string ListOf(oxEventWords words) {
 std::string AcceptedBy(const oxEventSetting& setting) {
   if (setting.form == oxEventSettingForm::kWord) return ListOf(setting.words);
   const bool is_short = setting.max_bytes < kOxEventTextMaxBytes;
-  return FormOf(setting.form) + (is_short ? ", at most " + std::to_string(setting.max_bytes) + " bytes" : "");
+  return DescribeForm(setting.form) + (is_short ? ", at most " + std::to_string(setting.max_bytes) + " bytes" : "");
 }
 
 constexpr std::string_view kSettingsBegin = R"(# Settings of the library oxEvent
@@ -100,22 +100,22 @@ What `oxEventGetLastError` returns after a failed call, and what a sink reports 
 placeholder for the actual value.
 )";
 
-// The rows of those met there.
+// Prints the table of the errors that are met there.
 void PrintErrors(oxEventErrors::Met met, bool with_cause) {
-  struct Named {
+  struct CodeName {
     uint32_t code;
     const char* name;
   };
-  constexpr Named kCodes[] = {{OXEVENT_NOT_INITIALIZED, "`OXEVENT_NOT_INITIALIZED`"},
-                              {OXEVENT_ALREADY_INITIALIZED, "`OXEVENT_ALREADY_INITIALIZED`"},
-                              {OXEVENT_INVALID_ARGUMENT, "`OXEVENT_INVALID_ARGUMENT`"},
-                              {OXEVENT_NOT_FOUND, "`OXEVENT_NOT_FOUND`"},
-                              {OXEVENT_FAILURE, "`OXEVENT_FAILURE`"}};
+  constexpr CodeName kCodes[] = {{OXEVENT_NOT_INITIALIZED, "`OXEVENT_NOT_INITIALIZED`"},
+                                 {OXEVENT_ALREADY_INITIALIZED, "`OXEVENT_ALREADY_INITIALIZED`"},
+                                 {OXEVENT_INVALID_ARGUMENT, "`OXEVENT_INVALID_ARGUMENT`"},
+                                 {OXEVENT_NOT_FOUND, "`OXEVENT_NOT_FOUND`"},
+                                 {OXEVENT_FAILURE, "`OXEVENT_FAILURE`"}};
   Print(with_cause ? "\n| Text | Cause | Remedy | Code |\n|---|---|---|---|\n" : "\n| Text | Code |\n|---|---|\n");
   for (const oxEventErrors::Entry& entry : oxEventErrors::kTable) {
     if (entry.met != met) continue;
     std::string codes;
-    for (const Named& one : kCodes) {
+    for (const CodeName& one : kCodes) {
       if (one.code == entry.codes[0] || one.code == entry.codes[1])
         codes += (codes.empty() ? "" : ", ") + std::string(one.name);
     }
@@ -127,14 +127,14 @@ void PrintErrors(oxEventErrors::Met met, bool with_cause) {
 
 void PrintErrors() {
   Print(kErrorsBegin);
-  Print("\n## Of a call\n\nThe calling thread's last error; the call has returned the code.\n");
+  Print("\n## Errors of calls\n\nThe last error of the calling thread; the call has returned the code.\n");
   PrintErrors(oxEventErrors::Met::kCall, true);
   Print(
-      "\n## Of a delivery\n\nThe sink's own last error, as `oxevent-send` tells it: the call that reported the event "
-      "has "
-      "returned before. The code is the sink's.\n");
+      "\n## Errors of deliveries\n\nThe sink's last error, which `oxevent-send` prints: the call that reported the "
+      "event "
+      "has already returned. The code is the sink's.\n");
   PrintErrors(oxEventErrors::Met::kDelivery, true);
-  Print("\n## Of the library's own checks\n\n" + std::string(oxEventErrors::kInternalCause) + " " +
+  Print("\n## Errors of internal checks\n\n" + std::string(oxEventErrors::kInternalCause) + " " +
         std::string(oxEventErrors::kInternalRemedy) + "\n");
   PrintErrors(oxEventErrors::Met::kNever, false);
 }

@@ -14,88 +14,89 @@ using R = oxEventRecord;
 constexpr Field kFields[] = {
     {"message", nullptr, nullptr, nullptr, &R::message},
     {"severity", "severity", "NAME|NUMBER", "debug, info, warning, error or 0 to 3 (default info)", &R::severity},
-    {"action", "action", "TEXT",
-     "raise, update, repeat or clear of a condition; any other\ntext, or none, goes out as it is", &R::action},
-    {"event_type", "event-type", "TEXT", "kind of event (default \"event\")", &R::event_type},
-    {"source_id", "source-id", "TEXT", "what reports", &R::source_id},
-    {"source_name", "source-name", "TEXT", "its display name (default \"oxEvent\")", &R::source_name},
-    {"dedupe_key", "dedupe-key", "TEXT", "names the condition (default SOURCE-ID:EVENT-TYPE)", &R::dedupe_key},
-    {"correlation_id", "correlation-id", "TEXT", "joins events that belong together", &R::correlation_id},
+    {"action", "action", "STRING",
+     "raise, update, repeat or clear of a condition; any other\nstring, or none, is passed on unchanged", &R::action},
+    {"event_type", "event-type", "STRING", "kind of event (default \"event\")", &R::event_type},
+    {"source_id", "source-id", "STRING", "identifier of the source", &R::source_id},
+    {"source_name", "source-name", "STRING", "display name of the source (default \"oxEvent\")", &R::source_name},
+    {"dedupe_key", "dedupe-key", "STRING", "identifies the condition (default SOURCE-ID:EVENT-TYPE)", &R::dedupe_key},
+    {"correlation_id", "correlation-id", "STRING", "links related events", &R::correlation_id},
     {"utc_ns", "utc", "TIME|NS",
-     "when it happened: RFC 3339 (2026-03-01T12:00:00.5Z) or\nnanoseconds since 1970 (0, the default: now)",
+     "time of the event: RFC 3339 (2026-03-01T12:00:00.5Z) or\nnanoseconds since 1970 (0, the default: now)",
      &R::utc_ns},
     {"ptp_ns", "ptp-ns", "NS", "PTP time in nanoseconds (0, the default: now)", &R::ptp_ns},
     {"pts", "pts", "NUMBER", "media presentation time stamp, may be negative", &R::pts},
-    {"timecode", "timecode", "TEXT", "media time code", &R::timecode},
-    {"value", "value", "NUMBER", "what was measured", &R::value},
-    {"threshold", "threshold", "NUMBER", "what it was compared with", &R::threshold},
-    {"units", "units", "TEXT", "units of value and threshold", &R::units},
-    {"duration_ms", "duration-ms", "MS", "how long it took, in milliseconds", &R::duration_ms},
-    {"details_json", "details-json", "JSON", "an object with more, passed on unread (default {})", &R::details_json},
-    {"event_id", "event-id", "NUMBER", "0, the default: the next number from 1", &R::event_id}};
+    {"timecode", "timecode", "STRING", "media time code", &R::timecode},
+    {"value", "value", "NUMBER", "measured value", &R::value},
+    {"threshold", "threshold", "NUMBER", "limit that the value was compared with", &R::threshold},
+    {"units", "units", "STRING", "units of value and threshold", &R::units},
+    {"duration_ms", "duration-ms", "MS", "duration in milliseconds", &R::duration_ms},
+    {"details_json", "details-json", "JSON", "further details, passed on without being parsed (default {})",
+     &R::details_json},
+    {"event_id", "event-id", "NUMBER", "identifier; 0, the default: the next number from 1", &R::event_id}};
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kSecondsPerDay = 86'400;
-constexpr int64_t kMostSeconds = 18'446'744'073;  // Whose nanoseconds begin to outgrow 64 bits.
+constexpr int64_t kMaxSeconds = 18'446'744'073;  // Seconds from here on overflow 64 bits as nanoseconds.
 
-// Takes a text apart from its front. What does not fit leaves `good` false.
+// Parses a string from the front. A mismatch clears `good`.
 struct Cursor {
   std::string_view rest;
   bool good = true;
 
-  char OneOf(std::string_view characters) {
+  char TakeOneOf(std::string_view characters) {
     good = good && !rest.empty() && characters.find(rest[0]) != characters.npos;
     if (!good) return '\0';
     const char taken = rest[0];
     rest.remove_prefix(1);
     return taken;
   }
-  int Number(size_t digits) {
+  int TakeNumber(size_t digits) {
     int number = 0;
-    for (size_t i = 0; i < digits; ++i) number = number * 10 + (OneOf("0123456789") - '0');
+    for (size_t i = 0; i < digits; ++i) number = number * 10 + (TakeOneOf("0123456789") - '0');
     return good ? number : 0;
   }
-  std::chrono::minutes HoursAndMinutes() {
-    const int hours = Number(2);
-    OneOf(":");
-    const int minutes = Number(2);
+  std::chrono::minutes TakeHoursAndMinutes() {
+    const int hours = TakeNumber(2);
+    TakeOneOf(":");
+    const int minutes = TakeNumber(2);
     good = good && hours < 24 && minutes < 60;
     return std::chrono::hours(hours) + std::chrono::minutes(minutes);
   }
 };
 
 // RFC 3339, section 5.6, with up to nine digits of fraction.
-uint64_t UtcFrom(std::string_view text) {
-  if (text.find_first_not_of("0123456789") == text.npos) return NumberFrom<uint64_t>(text);
+uint64_t ParseUtc(std::string_view text) {
+  if (text.find_first_not_of("0123456789") == text.npos) return ParseNumber<uint64_t>(text);
   Cursor cursor{text};
-  const std::chrono::year year(cursor.Number(4));
-  cursor.OneOf("-");
-  const std::chrono::month month(static_cast<unsigned>(cursor.Number(2)));
-  cursor.OneOf("-");
-  const std::chrono::year_month_day date(year, month, std::chrono::day(static_cast<unsigned>(cursor.Number(2))));
-  cursor.OneOf("Tt ");
-  std::chrono::sys_seconds time = std::chrono::sys_days(date) + cursor.HoursAndMinutes();
-  cursor.OneOf(":");
-  const int second = cursor.Number(2);
+  const std::chrono::year year(cursor.TakeNumber(4));
+  cursor.TakeOneOf("-");
+  const std::chrono::month month(static_cast<unsigned>(cursor.TakeNumber(2)));
+  cursor.TakeOneOf("-");
+  const std::chrono::year_month_day date(year, month, std::chrono::day(static_cast<unsigned>(cursor.TakeNumber(2))));
+  cursor.TakeOneOf("Tt ");
+  std::chrono::sys_seconds time = std::chrono::sys_days(date) + cursor.TakeHoursAndMinutes();
+  cursor.TakeOneOf(":");
+  const int second = cursor.TakeNumber(2);
   time += std::chrono::seconds(second);
   int64_t fraction = 0;
   if (cursor.rest.starts_with('.')) {
-    cursor.OneOf(".");
+    cursor.TakeOneOf(".");
     int64_t unit = kNsPerSecond / 10;
     do {
-      fraction += unit * cursor.Number(1);
+      fraction += unit * cursor.TakeNumber(1);
       unit /= 10;
     } while (unit > 0 && !cursor.rest.empty() && cursor.rest[0] >= '0' && cursor.rest[0] <= '9');
   }
-  const char zone = cursor.OneOf("Zz+-");
-  if (zone == '+') time -= cursor.HoursAndMinutes();
-  if (zone == '-') time += cursor.HoursAndMinutes();
+  const char zone = cursor.TakeOneOf("Zz+-");
+  if (zone == '+') time -= cursor.TakeHoursAndMinutes();
+  if (zone == '-') time += cursor.TakeHoursAndMinutes();
   const int64_t seconds = time.time_since_epoch().count();
-  // A leap second is the last one of a day in UTC.
+  // A leap second is the last second of a UTC day.
   const bool good_second = second < 60 || (second == 60 && seconds % kSecondsPerDay == 0);
-  if (!cursor.good || !cursor.rest.empty() || !date.ok() || !good_second || seconds < 0 || seconds >= kMostSeconds) {
+  if (!cursor.good || !cursor.rest.empty() || !date.ok() || !good_second || seconds < 0 || seconds >= kMaxSeconds) {
     throw std::invalid_argument("'" + std::string(text) +
-                                "' is neither a time as 2026-03-01T12:00:00Z, from 1970 to 2554, nor nanoseconds");
+                                "' is neither a time such as 2026-03-01T12:00:00Z, from 1970 to 2554, nor nanoseconds");
   }
   return static_cast<uint64_t>(seconds) * kNsPerSecond + static_cast<uint64_t>(fraction);
 }
@@ -109,10 +110,10 @@ const Field* FindField(std::string_view name) {
   return found == g_fields.end() ? nullptr : &*found;
 }
 
-uint32_t SeverityFrom(std::string_view text) {
+uint32_t ParseSeverity(std::string_view text) {
   if (const auto named = oxEventFindWord(g_oxEventSeverityWords, text)) return *named;
   try {
-    return NumberFrom<uint32_t>(text, OXEVENT_SEVERITY_DEBUG, OXEVENT_SEVERITY_ERROR);
+    return ParseNumber<uint32_t>(text, OXEVENT_SEVERITY_DEBUG, OXEVENT_SEVERITY_ERROR);
   } catch (const std::invalid_argument&) {
     throw std::invalid_argument("'" + std::string(text) + "' is none of debug, info, warning, error, 0 to 3");
   }
@@ -123,12 +124,12 @@ void SetField(const Field& field, const char* text, oxEventRecord* record) {
     const char* text;
     oxEventRecord& record;
     void operator()(const char* oxEventRecord::*member) const { record.*member = text; }
-    void operator()(uint32_t oxEventRecord::*member) const { record.*member = SeverityFrom(text); }
+    void operator()(uint32_t oxEventRecord::*member) const { record.*member = ParseSeverity(text); }
     void operator()(uint64_t oxEventRecord::*member) const {
-      record.*member = member == &R::utc_ns ? UtcFrom(text) : NumberFrom<uint64_t>(text);
+      record.*member = member == &R::utc_ns ? ParseUtc(text) : ParseNumber<uint64_t>(text);
     }
-    void operator()(int64_t oxEventRecord::*member) const { record.*member = NumberFrom<int64_t>(text); }
-    void operator()(double oxEventRecord::*member) const { record.*member = NumberFrom<double>(text); }
+    void operator()(int64_t oxEventRecord::*member) const { record.*member = ParseNumber<int64_t>(text); }
+    void operator()(double oxEventRecord::*member) const { record.*member = ParseNumber<double>(text); }
   } const set = {text, *record};
   std::visit(set, field.member);
 }

@@ -10,12 +10,13 @@
 
 namespace {
 
-constexpr size_t kMostBytes = 64 << 20;  // The longest line.
+constexpr size_t kMaxLineBytes = 64 << 20;
 constexpr int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 volatile sig_atomic_t g_stop = 0;
 
-// As ppoll, which a stop signal ends; one that has come before, too.
+// Like ppoll, but returns at once if a stop signal has already been received. Without a race: blocks the signals while
+// it checks.
 void Wait(pollfd* fd, const timespec* time) {
   sigset_t stops;
   sigset_t old;
@@ -32,7 +33,7 @@ void CatchStopSignals() {
   for (const int signal : kStopSignals) {
     struct sigaction action = {};
     sigaction(signal, nullptr, &action);
-    if (action.sa_handler == SIG_IGN) continue;  // As nohup wants it.
+    if (action.sa_handler == SIG_IGN) continue;  // Set by nohup.
     action.sa_handler = [](int caught) { g_stop = caught; };
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(signal, &action, nullptr);
@@ -51,7 +52,7 @@ void SleepUntil(Clock::time_point time) {
   }
 }
 
-bool Lines::Next(std::string* line) {
+bool LineReader::Next(std::string* line) {
   size_t searched = begin_;
   while (g_stop == 0) {
     const size_t end = buffer_.find('\n', searched);
@@ -61,28 +62,28 @@ bool Lines::Next(std::string* line) {
       return true;
     }
     searched = buffer_.size() - begin_;
-    if (searched > kMostBytes) throw std::runtime_error("it is longer than 64 MiB");
+    if (searched > kMaxLineBytes) throw std::runtime_error("longer than 64 MiB");
     buffer_.erase(0, begin_);
     begin_ = 0;
     if (Fill()) continue;
     if (g_stop != 0 || buffer_.empty()) break;
-    line->swap(buffer_);  // The last one, without an end.
+    line->swap(buffer_);  // The last line has no line end.
     buffer_.clear();
     return true;
   }
   return false;
 }
 
-// Appends what has come. False: nothing will, or a stop signal came.
-bool Lines::Fill() {
-  constexpr size_t kBlock = 64 * 1024;
+// Appends the available input. Returns false at the end of the input and after a stop signal.
+bool LineReader::Fill() {
+  constexpr size_t kBlockBytes = 64 * 1024;
   const size_t size = buffer_.size();
   while (!at_end_ && g_stop == 0) {
     pollfd input = {STDIN_FILENO, POLLIN, 0};
     Wait(&input, nullptr);
     if (g_stop != 0) break;
-    buffer_.resize(size + kBlock);
-    const ssize_t got = read(STDIN_FILENO, buffer_.data() + size, kBlock);
+    buffer_.resize(size + kBlockBytes);
+    const ssize_t got = read(STDIN_FILENO, buffer_.data() + size, kBlockBytes);
     const int error = errno;
     buffer_.resize(size + static_cast<size_t>(std::max<ssize_t>(got, 0)));
     if (got > 0) return true;

@@ -1,4 +1,4 @@
-// What the sending waits for, until a signal stops it: lines on standard input, the time of the next event.
+// Waiting for lines on standard input and for times, both interrupted by stop signals.
 #pragma once
 
 #include <chrono>
@@ -6,25 +6,26 @@
 
 using Clock = std::chrono::steady_clock;
 
-// From now on SIGHUP, SIGINT and SIGTERM stop the waiting. The second of one kind ends the process.
+// Makes SIGHUP, SIGINT and SIGTERM interrupt the functions below. A second signal of one kind ends the process.
 void CatchStopSignals();
 
-// The signal that came, or 0.
+// Returns the stop signal that was received, or 0.
 int StopSignal();
 
-// Returns at that time, or when a stop signal comes.
+// Sleeps until `time` or a stop signal.
 void SleepUntil(Clock::time_point time);
 
-// The lines of standard input.
-class Lines {
+// Reads lines from standard input.
+class LineReader {
  public:
-  // Gets the next line, without its end. False: there is none, or a stop signal came. Throws std::runtime_error.
+  // Reads the next line, without its line end. Returns false at the end of the input and after a stop signal. Throws
+  // std::runtime_error.
   bool Next(std::string* line);
 
  private:
   bool Fill();
 
   std::string buffer_;
-  size_t begin_ = 0;  // Where the bytes that are not returned yet begin.
+  size_t begin_ = 0;  // Offset of the first byte that has not been returned.
   bool at_end_ = false;
 };

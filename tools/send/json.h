@@ -1,4 +1,4 @@
-// Events from JSON.
+// Reads events from JSON.
 #pragma once
 
 #include <deque>
@@ -8,13 +8,13 @@
 
 #include "oxEvent.h"
 
-// Where a JSON text stops making sense, and why.
+// An error in a JSON text, with its position.
 class JsonError : public std::runtime_error {
  public:
   JsonError(const std::string& text, size_t offset) : runtime_error(text), column(offset + 1) {}
-  const size_t column;  // In bytes, from 1.
+  const size_t column;  // Counts bytes from 1.
 };
 
-// Sets the fields of *record that are members of the object `json`, which has the names of the library's own JSON
-// document. `texts` gets the texts that the record then points to. Throws JsonError.
-void ReadEvent(std::string_view json, oxEventRecord* record, std::deque<std::string>* texts);
+// Sets the fields of *record from the members of the object `json`, which are named as in the library's JSON documents.
+// The record then points into *strings. Throws JsonError.
+void ReadEvent(std::string_view json, oxEventRecord* record, std::deque<std::string>* strings);

@@ -1,4 +1,4 @@
-// The command line.
+// The command line of oxevent-send.
 #pragma once
 
 #include <cstdint>
@@ -9,16 +9,16 @@
 
 struct Options {
   const char* settings = nullptr;
-  oxEventRecord record = {};  // The event, or what holds for each line that does not say otherwise.
-  bool json = false;          // Lines on standard input.
-  uint64_t count = 0;         // How often; 0: not given.
+  oxEventRecord record = {};  // The event, or the defaults of each line of standard input.
+  bool json = false;          // Read events from standard input.
+  uint64_t count = 0;         // How often to report the event; 0: not given.
   double rate = 0;            // Events per second; 0: as fast as they are delivered.
-  uint32_t wait_s = 60;       // How long without any delivery; 0: without limit.
+  uint32_t wait_s = 60;       // Timeout since the last delivery; 0: no timeout.
   bool quiet = false;
 };
 
-// The tool, whose options go to *options.
+// Describes the tool; its options set *options.
 Tool DescribeTool(Options* options);
 
-// What no option says. Throws UsageError.
-void TakeArguments(const std::vector<const char*>& arguments, Options* options);
+// Parses the positional arguments and checks the options. Throws UsageError.
+void ParseArguments(const std::vector<const char*>& arguments, Options* options);

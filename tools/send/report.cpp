@@ -14,40 +14,40 @@
 
 namespace {
 
-class Reporter {
+class ReportPrinter {
  public:
-  Reporter(const oxEventConfig& config, const Outcome& outcome, bool quiet)
-      : config_(config), outcome_(outcome), quiet_(quiet) {}
+  ReportPrinter(const oxEventConfig& config, const SendResult& result, bool quiet)
+      : config_(config), result_(result), quiet_(quiet) {}
 
-  bool Tell() {
+  bool Print() {
     const oxEventCounters counters = oxEventCoreGetCounters();
-    Good("submitted: " + std::to_string(counters.submitted));
-    Good("emitted: " + std::to_string(counters.emitted));
-    if (outcome_.refused != 0) Bad("refused: " + std::to_string(outcome_.refused));
-    TellDrops();
-    if (outcome_.gave_up) {
-      Bad("given up: " + std::to_string(counters.submitted - counters.emitted - counters.dropped) +
-          " still waiting for a sink");
+    PrintSuccess("submitted: " + std::to_string(counters.submitted));
+    PrintSuccess("emitted: " + std::to_string(counters.emitted));
+    if (result_.refused != 0) PrintProblem("refused: " + std::to_string(result_.refused));
+    PrintDrops();
+    if (result_.gave_up) {
+      PrintProblem("given up: " + std::to_string(counters.submitted - counters.emitted - counters.dropped) +
+                   " still waiting for a sink");
     }
-    const uint64_t sink_failures = TellSinks();
+    const uint64_t sink_failures = PrintSinks();
     if (counters.sink_failures > sink_failures) {
-      Bad("not evaluated for want of memory: " + std::to_string(counters.sink_failures - sink_failures));
+      PrintProblem("not evaluated, out of memory: " + std::to_string(counters.sink_failures - sink_failures));
     }
-    if (!outcome_.flushed && all_well_) Bad("flush: " + WithRemedy(oxEventSinkGetLastError()));
-    return all_well_;
+    if (!result_.flushed && succeeded_) PrintProblem("flush: " + WithRemedy(oxEventSinkGetLastError()));
+    return succeeded_;
   }
 
  private:
-  void Good(const std::string& line) const {
+  void PrintSuccess(const std::string& line) const {
     if (!quiet_) std::printf("%s\n", line.c_str());
   }
 
-  void Bad(const std::string& line) {
-    Complain(line);
-    all_well_ = false;
+  void PrintProblem(const std::string& line) {
+    PrintError(line);
+    succeeded_ = false;
   }
 
-  std::string WhyDropped(oxEventDrop reason) const {
+  std::string DescribeDrop(oxEventDrop reason) const {
     switch (reason) {
       case oxEventDrop::kFiltered:
         if (!config_.enabled) return "core\\enabled is off";
@@ -55,43 +55,44 @@ class Reporter {
       case oxEventDrop::kRefused:
         return "the queue was full (core\\queue_size is " + std::to_string(config_.queue_size) + ")";
       case oxEventDrop::kDisplaced:
-        return "the queue was full, and a newer event took the place";
+        return "the queue was full, and a newer event replaced it";
       case oxEventDrop::kSuppressed:
-        return std::string("suppressed by the state, as a duplicate, ") +
+        return std::string("suppressed as a duplicate, ") +
                (config_.send_clear ? "" : "as a clear (state\\send_clear is off), ") +
-               "or as the clear or repeat of what was not raised in this run";
+               "or as a clear or repeat of a condition that was not raised in this run";
       default:
         return oxEventDropText(reason);
     }
   }
 
-  void TellDrops() {
+  void PrintDrops() {
     const oxEventDropCounts drops = oxEventCoreGetCounters().drops_by_reason;
     for (size_t i = 0; i < drops.size(); ++i) {
-      if (drops[i] != 0) Bad("dropped: " + std::to_string(drops[i]) + ", " + WhyDropped(static_cast<oxEventDrop>(i)));
+      if (drops[i] != 0)
+        PrintProblem("dropped: " + std::to_string(drops[i]) + ", " + DescribeDrop(static_cast<oxEventDrop>(i)));
     }
   }
 
-  // How many events went out that a sink with this minimum takes.
-  uint64_t EmittedFrom(uint32_t minimum_severity) const {
+  // Counts the emitted events that a sink with this minimum severity accepts.
+  uint64_t CountEmitted(uint32_t minimum_severity) const {
     uint64_t sum = 0;
-    for (uint32_t i = 0; i < outcome_.emitted.size(); ++i) {
-      if (oxEventSeverityMeetsMinimum(i, minimum_severity)) sum += outcome_.emitted[i];
+    for (uint32_t i = 0; i < result_.emitted.size(); ++i) {
+      if (oxEventSeverityMeetsMinimum(i, minimum_severity)) sum += result_.emitted[i];
     }
     return sum;
   }
 
-  // No more than the sink knows itself.
-  static std::string WhatBecame(const oxEventSinkConfig& sink) {
+  // Claims no more than the sink knows: UDP and the system log do not confirm delivery.
+  static std::string DescribeDelivery(const oxEventSinkConfig& sink) {
     const auto datagrams = [](const std::string& host, uint32_t port, uint32_t usual_port) {
       return " sent to " + oxEventOrDefault(host, "127.0.0.1") + " port " +
-             std::to_string(port == 0 ? usual_port : port) + " by UDP, which does not tell whether they arrived";
+             std::to_string(port == 0 ? usual_port : port) + " by UDP, which does not confirm delivery";
     };
     switch (sink.type) {
       case oxEventSinkType::kCsv:
         return " written to " + std::filesystem::absolute(sink.path).lexically_normal().string();
       case oxEventSinkType::kNative:
-        return " handed to the system log, which does not tell whether it took them";
+        return " handed to the system log, which does not confirm delivery";
       case oxEventSinkType::kSyslogUdp:
         return datagrams(sink.host, sink.port, 514);
       case oxEventSinkType::kSnmpTrap:
@@ -105,50 +106,53 @@ class Reporter {
     return "";
   }
 
-  void TellSink(const oxEventSinkConfig& sink, const oxEventSinkStatus& status) {
+  void PrintSink(const oxEventSinkConfig& sink, const oxEventSinkStatus& status) {
     const std::string name = std::string(status.section) + "\\" + status.name + ": ";
-    const uint64_t concerned = EmittedFrom(sink.minimum_severity);
+    const uint64_t accepted = CountEmitted(sink.minimum_severity);
     if (status.failures != 0) {
-      // A CSV file's rows fail together, at a flush, and each flush after it fails again.
-      const std::string share = std::to_string(status.failures) + " of " + std::to_string(concerned) + " failed";
-      return Bad(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " + WithRemedy(status.last_error));
+      // The rows of a CSV file fail together at a flush, and later flushes fail again: the count means nothing.
+      const std::string share = std::to_string(status.failures) + " of " + std::to_string(accepted) + " failed";
+      return PrintProblem(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " +
+                          WithRemedy(status.last_error));
     }
-    if (concerned == 0 && EmittedFrom(0) != 0) {
-      return Good(name + "0, all are below its minimum_severity (" +
-                  std::string(oxEventSeverityName(sink.minimum_severity)) + ")");
+    if (accepted == 0 && CountEmitted(0) != 0) {
+      return PrintSuccess(name + "0, all are below its minimum_severity (" +
+                          std::string(oxEventSeverityName(sink.minimum_severity)) + ")");
     }
-    Good(name + std::to_string(concerned) + WhatBecame(sink));
+    PrintSuccess(name + std::to_string(accepted) + DescribeDelivery(sink));
   }
 
-  // Returns the failures of deliveries that were told of.
-  uint64_t TellSinks() {
-    const std::vector<oxEventSinkStatus> statuses = oxEventSinkReport();  // The enabled sinks, in their order.
+  // Returns the number of failures that it has reported.
+  uint64_t PrintSinks() {
+    const std::vector<oxEventSinkStatus> statuses =
+        oxEventSinkReport();  // Contains the enabled sinks, in the order of the settings.
     uint64_t failures = 0;
-    uint32_t lowest = UINT32_MAX;
+    uint32_t min_severity = UINT32_MAX;
     auto status = statuses.begin();
     for (const oxEventSinkConfig& sink : config_.sinks) {
       if (!sink.enabled || status == statuses.end()) continue;
       failures += status->failures;
-      lowest = std::min(lowest, sink.minimum_severity);
-      TellSink(sink, *status++);
+      min_severity = std::min(min_severity, sink.minimum_severity);
+      PrintSink(sink, *status++);
     }
-    const uint64_t unheard = EmittedFrom(0) - EmittedFrom(lowest);
-    if (lowest == UINT32_MAX) {
-      Bad("no sink is enabled: the events went nowhere");
-    } else if (unheard != 0) {
-      Bad("went nowhere: " + std::to_string(unheard) + ", below the minimum_severity of every enabled sink");
+    const uint64_t without_sink = CountEmitted(0) - CountEmitted(min_severity);
+    if (min_severity == UINT32_MAX) {
+      PrintProblem("no sink is enabled: no event was delivered");
+    } else if (without_sink != 0) {
+      PrintProblem("reached no sink: " + std::to_string(without_sink) +
+                   ", below the minimum_severity of every enabled sink");
     }
     return failures;
   }
 
   const oxEventConfig& config_;
-  const Outcome& outcome_;
+  const SendResult& result_;
   const bool quiet_;
-  bool all_well_ = true;
+  bool succeeded_ = true;
 };
 
 }  // namespace
 
-bool Report(const oxEventConfig& config, const Outcome& outcome, bool quiet) {
-  return Reporter(config, outcome, quiet).Tell();
+bool PrintReport(const oxEventConfig& config, const SendResult& result, bool quiet) {
+  return ReportPrinter(config, result, quiet).Print();
 }

@@ -1,4 +1,4 @@
-// What became of the events.
+// The report about the events of a run.
 #pragma once
 
 #include <array>
@@ -7,13 +7,13 @@
 
 #include "config/oxEventConfig.h"
 
-struct Outcome {
-  std::array<std::atomic<uint64_t>, 4> emitted = {};  // By severity.
-  uint64_t refused = 0;                               // Lines and events, each of which was told of.
-  bool gave_up = false;                               // Events are still waiting.
-  bool flushed = true;                                // All that the sinks buffer.
+struct SendResult {
+  std::array<std::atomic<uint64_t>, 4> emitted = {};  // Indexed by severity.
+  uint64_t refused = 0;                               // Lines and events; each was reported.
+  bool gave_up = false;                               // Timed out with undelivered events.
+  bool flushed = true;                                // The last flush of the sinks succeeded.
 };
 
-// Prints what went well to stdout, unless quiet, and what went wrong to stderr. Returns whether all went well. To be
-// called while the library runs.
-bool Report(const oxEventConfig& config, const Outcome& outcome, bool quiet);
+// Prints successes to stdout, unless quiet, and problems to stderr. Returns whether there were no problems. Must be
+// called before oxEventShutdown.
+bool PrintReport(const oxEventConfig& config, const SendResult& result, bool quiet);

@@ -1,4 +1,4 @@
-// oxevent-send: reports events from the command line or from JSON lines, and tells what became of them.
+// oxevent-send: reports events from the command line or from JSON lines, and prints the result of their delivery.
 #include <signal.h>
 #include <unistd.h>
 
@@ -27,7 +27,7 @@ std::string LastError() {
   return text;
 }
 
-// Shown on a terminal once the work takes more than a second.
+// The progress display on a terminal, shown after one second.
 class Progress {
  public:
   explicit Progress(const Options& options) : total_(options.count), shown_(!options.quiet && isatty(STDERR_FILENO)) {}
@@ -54,153 +54,153 @@ class Progress {
   bool visible_ = false;
 };
 
-class Sending {
+class Sender {
  public:
-  Sending(const Options& options, const oxEventConfig& config)
+  Sender(const Options& options, const oxEventConfig& config)
       : options_(options), queue_size_(config.queue_size), progress_(options) {}
 
-  // Until there are no more events, a stop signal comes, or nothing is delivered any more.
-  void Run(Outcome* outcome) {
-    outcome_ = outcome;
+  // Sends until there are no more events, a stop signal is received, or the delivery times out.
+  void Run(SendResult* result) {
+    result_ = result;
     if (options_.json) {
       SendLines();
     } else {
       const uint64_t count = options_.count == 0 ? 1 : options_.count;
-      for (uint64_t i = 0; i < count && MakeReady(); ++i) Submit(options_.record);
+      for (uint64_t i = 0; i < count && WaitToSubmit(); ++i) Submit(options_.record);
     }
-    if (!outcome->gave_up) Drain();
+    if (!result->gave_up) Drain();
     progress_.Hide();
   }
 
  private:
   void SendLines() {
-    Lines lines;
+    LineReader lines;
     std::string line;
     uint64_t number = 0;
     try {
-      while (!outcome_->gave_up && lines.Next(&line)) {
+      while (!result_->gave_up && lines.Next(&line)) {
         ++number;
         if (line.find_first_not_of(" \t\r") != line.npos) SendLine(line, number);
       }
     } catch (const std::runtime_error& error) {
-      Refuse("line " + std::to_string(number + 1) + ": " + error.what());
+      ReportRefused("line " + std::to_string(number + 1) + ": " + error.what());
     }
   }
 
   void SendLine(const std::string& line, uint64_t number) {
     oxEventRecord record = options_.record;
-    std::deque<std::string> texts;
+    std::deque<std::string> strings;
     try {
-      ReadEvent(line, &record, &texts);
+      ReadEvent(line, &record, &strings);
     } catch (const JsonError& error) {
-      constexpr size_t kMost = 500;  // Bytes of a text that a name or value of any length is part of.
-      return Refuse("line " + std::to_string(number) + ", column " + std::to_string(error.column) + ": " +
-                    Printable(std::string_view(error.what()).substr(0, kMost)));
+      constexpr size_t kMaxBytes = 500;  // The message can contain a name or value of any length.
+      return ReportRefused("line " + std::to_string(number) + ", column " + std::to_string(error.column) + ": " +
+                           Printable(std::string_view(error.what()).substr(0, kMaxBytes)));
     }
-    if (MakeReady()) Submit(record);
+    if (WaitToSubmit()) Submit(record);
   }
 
-  // Waits for the time of the next event, or for room in the queue. False: the sending is over.
-  bool MakeReady() {
+  // Waits until the next event is due, or for space in the queue. Returns false if sending must stop.
+  bool WaitToSubmit() {
     progress_.Update();
     if (options_.rate != 0) {
       SleepUntil(next_);
-      // Behind time, as after a pause of the input, it makes good for no more than a second.
+      // After a delay, such as a pause of the input, catches up at most one second.
       const std::chrono::duration<double> interval(1 / options_.rate);
       next_ = std::max(next_ + std::chrono::duration_cast<Clock::duration>(interval),
                        Clock::now() - std::chrono::seconds(1));
-    } else if (queued_ == queue_size_) {
+    } else if (submitted_ == queue_size_) {
       Drain();
     }
-    return StopSignal() == 0 && !outcome_->gave_up;
+    return StopSignal() == 0 && !result_->gave_up;
   }
 
   void Submit(const oxEventRecord& record) {
-    ++queued_;
-    if (oxEventSubmit(&record) != OXEVENT_OK) Refuse("event not reported: " + WithRemedy(LastError()));
+    ++submitted_;
+    if (oxEventSubmit(&record) != OXEVENT_OK) ReportRefused("event not reported: " + WithRemedy(LastError()));
   }
 
-  void Refuse(const std::string& text) {
+  void ReportRefused(const std::string& text) {
     progress_.Hide();
-    Complain(text);
-    ++outcome_->refused;
+    PrintError(text);
+    ++result_->refused;
   }
 
-  // Waits until everything is delivered, and flushes the sinks.
+  // Waits until all events are delivered, and flushes the sinks.
   void Drain() {
-    constexpr uint32_t kSliceMs = 200;  // How often the progress is shown while waiting.
+    constexpr uint32_t kSliceMs = 200;  // Interval of updating the progress display.
     uint64_t done = 0;
     bool idle = false;
     for (auto since = Clock::now(); oxEventFlush(kSliceMs) != OXEVENT_OK; progress_.Update()) {
       const oxEventCounters counters = oxEventCoreGetCounters();
-      // It was a sink's fault when all had been delivered before the flush.
+      // All events were delivered before this flush, so that a sink caused the failure.
       if (idle) {
-        outcome_->flushed = false;
+        result_->flushed = false;
         break;
       }
       idle = counters.emitted + counters.dropped == counters.submitted;
       if (counters.emitted + counters.dropped != done) since = Clock::now();
       done = counters.emitted + counters.dropped;
       if (options_.wait_s != 0 && Clock::now() - since >= std::chrono::seconds(options_.wait_s)) {
-        outcome_->gave_up = true;
-        outcome_->flushed = oxEventSinkFlush(kSliceMs) == OXEVENT_OK;
+        result_->gave_up = true;
+        result_->flushed = oxEventSinkFlush(kSliceMs) == OXEVENT_OK;
         break;
       }
     }
-    queued_ = 0;
+    submitted_ = 0;
   }
 
   const Options& options_;
   const uint32_t queue_size_;
-  Clock::time_point next_ = Clock::now();  // When the next event is due.
+  Clock::time_point next_ = Clock::now();  // Time at which the next event is due.
   Progress progress_;
-  Outcome* outcome_ = nullptr;
-  uint32_t queued_ = 0;  // Since the queue was known to be empty.
+  SendResult* result_ = nullptr;
+  uint32_t submitted_ = 0;  // Events since the queue was known to be empty.
 };
 
-void Count(const oxEventRecord* event, void* outcome) { ++static_cast<Outcome*>(outcome)->emitted[event->severity]; }
+void Count(const oxEventRecord* event, void* result) { ++static_cast<SendResult*>(result)->emitted[event->severity]; }
 
 int Send(const Options& options) {
-  signal(SIGPIPE, SIG_IGN);  // A reader of ours that goes away ends nothing half-way.
+  signal(SIGPIPE, SIG_IGN);  // Finish the delivery even if the reader of stdout is gone.
   CatchStopSignals();
-  Outcome outcome;
+  SendResult result;
   uint32_t callback = 0;
   oxEventConfig config;
   std::string error;
-  if (oxEventRegisterCallback(Count, &outcome, &callback) != OXEVENT_OK ||
+  if (oxEventRegisterCallback(Count, &result, &callback) != OXEVENT_OK ||
       oxEventInitialize(options.settings) != OXEVENT_OK) {
     const std::string text = LastError();
     std::error_code failure;
     if (std::filesystem::exists(options.settings, failure) || failure) {
-      Complain(WithRemedy(text));
+      PrintError(WithRemedy(text));
     } else {
-      Complain(text + "\n    There is no such file; an empty one will do: : > '" + options.settings + "'");
+      PrintError(text + "\n    No such file; an empty file is enough: : > '" + options.settings + "'");
     }
-    return kUsage;
+    return kExitUsage;
   }
   if (oxEventConfigLoad(options.settings, &config, &error) != OXEVENT_OK) {
-    Complain(WithRemedy(error));
-    return kUsage;
+    PrintError(WithRemedy(error));
+    return kExitUsage;
   }
-  Sending(options, config).Run(&outcome);
+  Sender(options, config).Run(&result);
   const int stopped_by = StopSignal();
-  if (stopped_by != 0) Complain(std::string("stopped by SIG") + sigabbrev_np(stopped_by));
-  bool all_well = Report(config, outcome, options.quiet);
-  // After giving up, a shutdown would wait for the sink that does not come back.
-  if (!outcome.gave_up && oxEventShutdown() != OXEVENT_OK && all_well) {
-    Complain(WithRemedy(LastError()));
-    all_well = false;
+  if (stopped_by != 0) PrintError(std::string("stopped by SIG") + sigabbrev_np(stopped_by));
+  bool succeeded = PrintReport(config, result, options.quiet);
+  // After giving up, a shutdown would wait for the sink that hangs.
+  if (!result.gave_up && oxEventShutdown() != OXEVENT_OK && succeeded) {
+    PrintError(WithRemedy(LastError()));
+    succeeded = false;
   }
   if (stopped_by != 0) {
     std::fflush(stdout);
     signal(stopped_by, SIG_DFL);
     raise(stopped_by);
   }
-  if (outcome.gave_up) {
+  if (result.gave_up) {
     std::fflush(stdout);
-    _exit(kFailed);
+    _exit(kExitFailure);
   }
-  return all_well ? kDone : kFailed;
+  return succeeded ? kExitSuccess : kExitFailure;
 }
 
 }  // namespace
@@ -211,7 +211,7 @@ int main(int argc, char** argv) {
   options.record.version = OXEVENT_API_VERSION;
   options.record.severity = OXEVENT_SEVERITY_INFO;
   return RunTool(DescribeTool(&options), argc, argv, [&options](const std::vector<const char*>& arguments) {
-    TakeArguments(arguments, &options);
+    ParseArguments(arguments, &options);
     return Send(options);
   });
 }
