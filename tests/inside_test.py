@@ -66,7 +66,7 @@ class Test(unittest.TestCase):
 
     def test_process_and_core(self):
         host = self.host(BUSY)
-        expected = f"oxEvent is initialized, by {self.settings}\n" + STATE
+        expected = f"oxEvent is initialized with {self.settings}\n" + STATE
         self.assertIn(expected, self.gdb("-p", str(host.pid)))
         core = f"{self.folder}/core"
         self.gdb("-p", str(host.pid), commands=[f"generate-core-file {core}"])
@@ -90,8 +90,8 @@ class Test(unittest.TestCase):
         shutil.copy(LIBRARY.with_name("liboxutil.so"), self.folder)
         for script, library, expected in (
                 (OTHER, LIBRARY, "liboxEvent.so is not loaded in this process\n"),
-                (IDLE, plain, f"{plain.resolve()} has no debug information: install that of its package"),
-                (IDLE, LIBRARY, "oxEvent is not initialized; what follows is of the last time, if any\n"
+                (IDLE, plain, f"{plain.resolve()} has no debug information: install liboxevent1-dbgsym"),
+                (IDLE, LIBRARY, "oxEvent is not initialized; the following is from the last run, if any\n"
                                 "counters: none yet\nqueue: none yet\nconditions: 0 raised\nsinks: none\n")):
             with self.subTest(expected):
                 shown = self.gdb("-p", str(self.host(script, library).pid))
@@ -100,7 +100,7 @@ class Test(unittest.TestCase):
         upgraded = Path(shutil.copy(LIBRARY, f"{self.folder}/upgraded-{LIBRARY.name}"))
         host = self.host(IDLE, upgraded)
         plain.replace(upgraded)
-        self.assertIn(f"{upgraded} is not what the process has loaded", self.gdb("-p", str(host.pid)))
+        self.assertIn(f"{upgraded} is not the file that the process has loaded", self.gdb("-p", str(host.pid)))
         self.assertIn("there is no process", self.gdb())
         self.assertIn("'queue x' is none of counters, queue,", self.gdb(commands=["oxevent queue x"]))
 

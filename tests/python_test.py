@@ -103,14 +103,14 @@ class Test(unittest.TestCase):
     def test_what_is_refused_is_named(self):
         oxevent.load()
         for error, text, call, arguments in (
-                (OSError, "is loaded already", oxevent.load, {"library": "other.so"}),
+                (OSError, "is already loaded", oxevent.load, {"library": "other.so"}),
                 (ValueError, "timeout_s must be above 0", oxevent.flush, {"timeout_s": 0}),
                 (ValueError, "path must not contain", oxevent.initialize, {"path": "a\0"}),
                 *((error, text, oxevent.submit, {"message": "m"} | fields) for error, text, fields in REFUSED)):
             with self.subTest(text), self.assertRaisesRegex(error, re.escape(text)):
                 call(**arguments)
         for library, tried in (("liboxNone.so", "liboxNone.so (from the environment variable OXEVENT_LIBRARY)"),
-                               ("", "liboxEvent.so.1 (where the loader looks")):
+                               ("", "liboxEvent.so.1 (from the loader's search path")):
             self.assertIn("tried " + tried, *self.run_script(MISSING, library))
 
     def test_callback_that_raises_fails_the_next_flush(self):

@@ -1,9 +1,9 @@
-# Shows the inside of a process that uses oxEvent, or of its core file:
+# Shows the state of oxEvent in a process or in a core file:
 #
 #     gdb -p PID -batch -x oxevent-gdb.py -ex oxevent
 #     gdb PROGRAM CORE -batch -x oxevent-gdb.py -ex oxevent
 #
-# Goes by debug information and reads memory alone: nothing is called in the process, which may have stopped anywhere.
+# Needs debug information. Only reads memory: calls no function in the process, which may have stopped anywhere.
 import datetime
 import itertools
 import re
@@ -11,9 +11,9 @@ import re
 import gdb
 
 LIBRARY = 'liboxEvent.so'
-HEAD_SIZE = 4096  # The first page has the build id.
+HEAD_SIZE = 4096  # The first page contains the build id.
 SEVERITIES = ('debug', 'info', 'warning', 'error')
-TEXT_SHOWN = 200  # Bytes.
+MAX_TEXT_BYTES = 200
 SUMMARY_LINES = 5
 
 
@@ -21,13 +21,13 @@ def fail(text):
     raise gdb.GdbError('oxevent: ' + text)
 
 
-def library():
+def library_path():
     return next((o.filename for o in gdb.objfiles() if LIBRARY in (o.filename or '')), None)
 
 
 def fail_if_replaced():
-    """gdb goes by the file of today, whatever the process has loaded of that name."""
-    path = library()
+    """gdb reads the file that is installed now, which may not be the one that the process has loaded."""
+    path = library_path()
     if not gdb.selected_inferior().pid or path is None:
         return
     for line in gdb.execute('info proc mappings', to_string=True).splitlines():
@@ -37,8 +37,8 @@ def fail_if_replaced():
         with open(path, 'rb') as file:
             if file.read(HEAD_SIZE) == memory(int(start, 16), HEAD_SIZE):
                 return
-        fail(f'{path} is not what the process has loaded: an upgrade has replaced it. Look again after a '
-             'restart, or at a core file where the same library is installed')
+        fail(f'{path} is not the file that the process has loaded: an upgrade has replaced it. Try again after a '
+             'restart, or with a core file on a machine with the same library')
 
 
 def variable(name, source):
@@ -47,10 +47,10 @@ def variable(name, source):
         if symbol.symtab.filename.endswith('/' + source):
             return symbol.value()
     if not gdb.selected_inferior().pid:
-        fail('there is no process and no core file; start gdb with -p PID, or with the program and its core')
-    if library() is None:
+        fail('there is no process and no core file; start gdb with -p PID, or with the program and its core file')
+    if library_path() is None:
         fail(f'{LIBRARY} is not loaded in this process')
-    fail(f'{library()} has no debug information: install that of its package (liboxevent1-dbgsym), or build it with '
+    fail(f'{library_path()} has no debug information: install liboxevent1-dbgsym, or build the library with '
          '-DCMAKE_BUILD_TYPE=RelWithDebInfo')
 
 
@@ -66,7 +66,7 @@ def printable(raw, size):
 
 def text_at(address, size):
     try:
-        return printable(memory(address, min(int(size), TEXT_SHOWN)), int(size)) if size else ''
+        return printable(memory(address, min(int(size), MAX_TEXT_BYTES)), int(size)) if size else ''
     except gdb.MemoryError:
         return '<unreadable>'
 
@@ -86,11 +86,11 @@ def number(atomic):
 def warn_if_locked(mutex, what):
     data = mutex['mutex_']['_M_mutex']['__data']
     if int(data['__lock']):
-        print(f'  (thread {int(data["__owner"])} holds the lock: {what} may be half changed)')
+        print(f'  (thread {int(data["__owner"])} holds the lock: {what} may be inconsistent)')
 
 
-def words(name):
-    """kNoMemory: no memory."""
+def words_of(name):
+    """The words of a constant's name: kNoMemory becomes "no memory"."""
     return re.sub('(?<!^)(?=[A-Z])', ' ', name.rsplit('::', 1)[-1][1:]).lower()
 
 
@@ -105,11 +105,11 @@ def show_state(_limit):
     api = 'oxEventApi.cpp'
     if number(variable('g_oxEventInitialized', api)['_M_base']):
         path = variable('g_oxEventConfigPath', api)['object_']['_M_payload']
-        print('oxEvent is initialized, by ' + (string(path['_M_payload']['_M_value']) if path['_M_engaged'] else '-'))
+        print('oxEvent is initialized with ' + (string(path['_M_payload']['_M_value']) if path['_M_engaged'] else '-'))
     elif variable('g_oxEventStopping', api):
         print('oxEvent is shutting down')
     else:
-        print('oxEvent is not initialized; what follows is of the last time, if any')
+        print('oxEvent is not initialized; the following is from the last run, if any')
 
 
 def show_counters(_limit):
@@ -118,7 +118,7 @@ def show_counters(_limit):
         print('counters: none yet')
         return
     queue = run['queue']
-    reasons = {words(f.name): number(run['drops']['counts_']['_M_elems'][f.enumval])
+    reasons = {words_of(f.name): number(run['drops']['counts_']['_M_elems'][f.enumval])
                for f in gdb.lookup_type('oxEventDrop').fields()}
     submitted = int(queue['enqueue_count_']) + reasons['filtered'] + reasons['no memory']
     print(f'counters: {submitted} submitted, {number(run["emitted"])} emitted, {sum(reasons.values())} dropped, '
@@ -146,9 +146,9 @@ def show_queue(limit):
     backlog = queue['backlog_']
     lists = ('debug_info_', 'warning_error_')
     count = sum(int(backlog[name]['size_']) for name in lists)
-    policy = words(str(backlog['policy_']))
+    policy = words_of(str(backlog['policy_']))
     print(f'queue: {count} of {int(backlog["capacity_"])} pending, {policy}; {int(queue["active_count_"])} in delivery')
-    warn_if_locked(queue['mutex_'], 'it')
+    warn_if_locked(queue['mutex_'], 'the queue')
     oldest = sorted((e for name in lists for e in itertools.islice(items(queue, name), limit)), key=lambda e: e[0])
     for _, event in oldest[:limit]:
         severity = int(event['severity'])
@@ -167,9 +167,9 @@ def utc(ns):
 
 
 def segments(table):
-    """The memory of their slots. Entries of the directory that share a segment follow one another."""
+    """The memory of each segment's slots. Directory entries that share a segment are adjacent."""
     segment = gdb.lookup_type('oxEventActiveTable::Segment')
-    # A unique_ptr is one pointer.
+    # A unique_ptr has the size of a pointer.
     directory = table['directory_'].address.cast(segment.pointer().pointer().pointer()).dereference()
     depth = int(table['depth_'])
     entry = 0
@@ -180,8 +180,8 @@ def segments(table):
         entry += 1 << max(0, depth - int(one['depth']))
 
 
-def raised(table):
-    """Keys and times, a segment at a time: there may be a million."""
+def raised_conditions(table):
+    """Keys and times. Reads one segment at a time: there may be a million conditions."""
     slot = gdb.lookup_type('oxEventActiveTable::Condition')
     at = {f.name: f.bitpos // 8 for f in slot.fields() if hasattr(f, 'bitpos')}
     start_size = slot['start'].type.sizeof
@@ -202,7 +202,7 @@ def raised(table):
             if size > start_size:
                 try:
                     size = start_size + word(memory(texts_at + rest_at, 8), 0)
-                    key += memory(texts_at + head, min(size, TEXT_SHOWN) - start_size)
+                    key += memory(texts_at + head, min(size, MAX_TEXT_BYTES) - start_size)
                 except gdb.MemoryError:
                     key += b'<unreadable>'
             yield printable(key, size), word(one, at['last_sent_ns'])
@@ -215,8 +215,8 @@ def show_conditions(limit):
     print(f'conditions: {count} raised')
     if not count:
         return
-    warn_if_locked(run['state']['mutex_'], 'their table')
-    for key, sent in itertools.islice(raised(table), limit):
+    warn_if_locked(run['state']['mutex_'], 'the table')
+    for key, sent in itertools.islice(raised_conditions(table), limit):
         print(f'  {key}, last sent {utc(sent)}')
     if count > limit:
         print(f'  and {count - limit} more')
@@ -230,7 +230,7 @@ def show_sinks(_limit):
     if not active:
         return
     vector = active.dereference()['sinks_']
-    # A vector of unique_ptr, each of which is one pointer.
+    # A vector of unique_ptr, each of which has the size of a pointer.
     one = vector.type.unqualified().strip_typedefs().template_argument(0).template_argument(0)
     ends = vector['_M_impl']
     pointers = ends['_M_start'].cast(one.pointer().pointer())
@@ -240,16 +240,16 @@ def show_sinks(_limit):
         failures = int(sink['failures_'])
         result = f'{failures} failures, the last: {string(sink["last_error_"])}' if failures else 'no failure'
         print(f'  {name}: {result}')
-        warn_if_locked(sink['mutex_'], 'this')
+        warn_if_locked(sink['mutex_'], 'this sink')
 
 
 PARTS = {'counters': show_counters, 'queue': show_queue, 'conditions': show_conditions, 'sinks': show_sinks}
 
 
 class Show(gdb.Command):
-    """Show the inside of oxEvent: oxevent [counters|queue [N]|conditions [N]|sinks]
+    """Show the state of oxEvent: oxevent [counters|queue [N]|conditions [N]|sinks]
 
-Without an argument: all of it, in short. N: how many to list; 5 where it is not given."""
+Without an argument, shows a summary of everything. N: how many to list (default 5)."""
 
     def __init__(self):
         super().__init__('oxevent', gdb.COMMAND_DATA)
@@ -268,9 +268,9 @@ Without an argument: all of it, in short. N: how many to list; 5 where it is not
             except gdb.GdbError:
                 raise
             except gdb.MemoryError as error:
-                print(f'  the rest is not readable: {error}')
+                print(f'  the rest cannot be read: {error}')
             except Exception as error:
-                fail(f'the library is of another version than this script: {error}')
+                fail(f'this script does not match the version of the library: {error}')
 
 
 Show()

@@ -1,29 +1,30 @@
-"""Operational events from Python: alarms, state changes, notices, by way of the shared library liboxEvent.
+"""Reports operational events (alarms, state changes, notices) through the shared library liboxEvent.
 
     import oxevent
 
     with oxevent.running("settings.xml"):
         oxevent.submit("Fan 2 stands still", severity=oxevent.Severity.WARNING, source_id="fan-2")
 
-The settings file must exist; an empty one will do, the library completes it. It says where events go: CSV file, system
-log, syslog, HTTP, SNMP. A condition is raised with action="raise" and ended with action="clear" (see submit); what the
-logging module writes becomes events through OxEventHandler; register_callback hands all events to a function.
+The settings file must exist but may be empty: the library completes it. It configures the destinations of events: CSV
+file, system log, syslog, HTTP, SNMP. A condition is raised with action="raise" and ended with action="clear" (see
+submit). OxEventHandler turns log records of the logging module into events; register_callback passes all events to a
+function.
 
-Any thread may call any function, from inside a callback too. A call that the library refuses raises OxEventError; an
-argument that cannot be passed on as it is, ValueError or TypeError with the argument's name. Texts are str, passed as
-UTF-8 with surrogateescape, or bytes, passed as they are.
+Any thread may call any function, also from inside a callback. A call that the library refuses raises OxEventError; an
+argument that cannot be converted raises ValueError or TypeError with the argument's name. Strings are str, passed as
+UTF-8 with surrogateescape, or bytes, passed unchanged.
 
-The library is loaded by the first call: the file that load() was given, or that the environment variable
-OXEVENT_LIBRARY names, or liboxEvent.so.1 from where the loader looks.
+The first call loads the library: the file that was passed to load(), or that the environment variable OXEVENT_LIBRARY
+names, or liboxEvent.so.1 from the loader's search path.
 
-Exit: when the interpreter ends, what is queued is delivered for at most five seconds, to callbacks too. Not so after
-os._exit, which is how the forked children of multiprocessing end.
+Exit: when the interpreter exits, queued events are delivered for at most five seconds, also to callbacks. This does not
+happen after os._exit, with which forked children of multiprocessing end.
 
-Fork (os.fork, multiprocessing): the child starts out uninitialized and without callbacks, and calls that need the
-library running raise OxEventError with the code NOT_INITIALIZED. It may call initialize for itself; a child of
-multiprocessing best does so with running(), which delivers what is queued before the child ends.
+Fork (os.fork, multiprocessing): the child starts uninitialized and without callbacks; calls that need a running library
+raise OxEventError with the code NOT_INITIALIZED. The child may call initialize itself; a child of multiprocessing
+should use running(), which delivers the queued events before the child ends.
 
-This one file is the whole module: Python 3.9 or later, the standard library, Linux.
+This file is the whole module. It needs Python 3.9 or later, the standard library, and Linux.
 """
 from __future__ import annotations
 
@@ -59,14 +60,14 @@ class Result(enum.IntEnum):
 
     OK = 0
     NOT_INITIALIZED = 0x80050001  # Not initialized, not running, or stopping.
-    ALREADY_INITIALIZED = 0x80050002  # Or a shutdown is still under way.
-    INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file that is refused.
+    ALREADY_INITIALIZED = 0x80050002  # Or a shutdown is in progress.
+    INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file was refused.
     NOT_FOUND = 0x80050004
-    FAILURE = 0x80050005  # A time-out, a sink or a callback that failed, memory exhausted.
+    FAILURE = 0x80050005  # A timeout, a failed sink or callback, or out of memory.
 
 
 class Severity(enum.IntEnum):
-    """How severe an event is: a larger value is more severe."""
+    """The severity of an event: a larger value is more severe."""
 
     DEBUG = 0
     INFO = 1
@@ -75,7 +76,7 @@ class Severity(enum.IntEnum):
 
 
 class OxEventError(Exception):
-    """A call failed: `code` is a Result, `text` the library's reason."""
+    """A call failed: `code` is a Result, `text` the library's error text."""
 
     def __init__(self, code: int, text: str):
         super().__init__(code, text)
@@ -88,7 +89,7 @@ class OxEventError(Exception):
 
 @dataclasses.dataclass(frozen=True)
 class Event:
-    """An event as a callback receives it. The fields are submit's arguments; nothing is None."""
+    """An event as a callback receives it. The fields are the arguments of submit; none is None."""
 
     event_id: int
     event_type: str
@@ -131,24 +132,23 @@ _FUNCTIONS = {
     "oxEventUnregisterCallback": [ctypes.c_uint32], "oxEventGetLastError": [ctypes.c_char_p, ctypes.c_uint32],
     "oxEventGetApiVersion": []}
 _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
-_SHUTDOWN_S = 5  # As long as the library's own shutdown takes at most.
+_SHUTDOWN_S = 5  # Timeout of the library's own shutdown.
 _logger = logging.getLogger("oxevent")
 
 _lock = threading.RLock()  # Guards loading, and registering against the interpreter's exit.
 _library = None
-_initialized_here = False  # By this module, which then shuts down at exit; not by a program that embeds Python.
+_initialized_here = False  # By this module, which then shuts down at exit, not by a program that embeds Python.
 _exiting = False
-_callbacks = {}  # By the number that the library hands on as user_data: a late call finds none, not freed memory.
+_callbacks = {}  # By number, which is the callback's user_data: a late call finds no entry instead of freed memory.
 _numbers = itertools.count(1)
-_failure = None  # Of a callback: what raised and the exception, until a flush or shutdown has reported it.
+_failure = None  # The first failed callback and its exception, until a flush or shutdown reports them.
 _delivering = threading.local()  # `on`: this thread is in a callback.
 
 
 def load(library: Optional[Path] = None) -> None:
-    """Load the library from this file, or else from where the module's description says.
+    """Load the library from this file, or by default as the module's documentation says.
 
-    Needed only to name the file, and then before any other call. OSError: there is no such library; the text says what
-    was tried.
+    Needed only to choose the file, and only before any other call. Raises OSError if the library cannot be loaded.
     """
     _loaded(library)
 
@@ -161,7 +161,7 @@ def _loaded(library=None):
         if _library is None:
             _library = _open(library)
         elif library is not None and os.fsdecode(library) != _library._name:
-            raise OSError(f"cannot load {os.fsdecode(library)}: {_library._name} is loaded already")
+            raise OSError(f"cannot load {os.fsdecode(library)}: {_library._name} is already loaded")
     return _library
 
 
@@ -171,7 +171,7 @@ def _open(library):
     elif os.environ.get("OXEVENT_LIBRARY"):
         name, origin = os.environ["OXEVENT_LIBRARY"], "from the environment variable OXEVENT_LIBRARY"
     else:
-        name, origin = "liboxEvent.so.1", "where the loader looks; OXEVENT_LIBRARY or load() can name the file"
+        name, origin = "liboxEvent.so.1", "from the loader's search path; OXEVENT_LIBRARY or load() can name the file"
     try:
         opened = ctypes.CDLL(name)
         for function, arguments in _FUNCTIONS.items():
@@ -195,9 +195,10 @@ def _call(function, *arguments):
 
 
 def initialize(path: Path) -> None:
-    """Load the settings file, open the sinks and start delivering.
+    """Load the settings file, open the sinks and start delivering events.
 
-    OxEventError: the file or a setting is refused, a sink could not be opened, or the library is initialized already.
+    Raises OxEventError if the file or a setting is refused, a sink cannot be opened, or the library is already
+    initialized.
     """
     global _initialized_here
     _call("oxEventInitialize", _path(path))
@@ -205,29 +206,29 @@ def initialize(path: Path) -> None:
 
 
 def shutdown() -> None:
-    """Deliver what is queued, for at most five seconds, close the sinks and forget the callbacks.
+    """Deliver the queued events for at most five seconds, close the sinks and unregister the callbacks.
 
-    OxEventError: events were discarded, a sink could not be flushed, a callback raised an exception (see
-    register_callback). The library is shut down all the same, unless it was not initialized.
+    Raises OxEventError if events were discarded, a sink could not be flushed, or a callback raised an exception (see
+    register_callback). The library is shut down even then, unless it was not initialized.
     """
     global _initialized_here
-    forgotten = list(_callbacks)
+    numbers = list(_callbacks)
     try:
         _call("oxEventShutdown")
     except OxEventError as error:
         if error.code == Result.NOT_INITIALIZED:
-            forgotten.clear()
+            numbers.clear()
         raise
     finally:
         _initialized_here = False
-        for number in forgotten:
+        for number in numbers:
             _callbacks.pop(number, None)
     _report_failure()
 
 
 @contextlib.contextmanager
 def running(path: Path) -> Iterator[None]:
-    """A context in which the library is initialized: `with oxevent.running("settings.xml"): ...`"""
+    """Context manager that initializes the library and shuts it down: `with oxevent.running("settings.xml"): ...`"""
     initialize(path)
     try:
         yield
@@ -241,37 +242,37 @@ def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional
            threshold: float = 0.0, units: Optional[Text] = None, duration_ms: int = 0,
            details_json: Union[Text, dict, list, None] = None, utc_ns: Time = 0, ptp_ns: Time = 0, pts: int = 0,
            timecode: Optional[Text] = None, event_id: int = 0) -> None:
-    """Report an event; queues it and returns, never waits for a file or the network.
+    """Report an event: queue it and return. Never waits for a file or the network.
 
     message         text for people, not empty
     severity        a Severity
     event_type      kind of event, "event" if not given
-    source_id       identifier of what reports
-    source_name     its display name, "oxEvent" if not given
-    action          "raise", "update", "repeat" or "clear" of a condition; without, the event goes out as it is
-    dedupe_key      names the condition; if not given, source_id and event_type do
-    correlation_id  links events
-    value, threshold, units   what was measured, what it was compared with, and in which units
-    duration_ms     milliseconds
-    details_json    a dict or list, or JSON as a text
-    utc_ns, ptp_ns  when: nanoseconds since 1970 or a datetime with a time zone; 0: now
+    source_id       identifier of the source
+    source_name     display name of the source, "oxEvent" if not given
+    action          "raise", "update", "repeat" or "clear" of a condition; without it, the event is passed on unchanged
+    dedupe_key      identifies the condition; if not given, source_id and event_type do
+    correlation_id  links related events
+    value, threshold, units   measured value, limit that it was compared with, and their units
+    duration_ms     duration in milliseconds
+    details_json    a dict or list, or JSON as a string
+    utc_ns, ptp_ns  time of the event: nanoseconds since 1970 or a datetime with a time zone; 0: now
     pts, timecode   media time stamps
-    event_id        0: the library gives the next number of this process
+    event_id        0: the library assigns the next number of this process
 
-    Success means accepted: an event below the minimum severity, or one that finds the queue full, is dropped and
-    counted. OxEventError with NOT_INITIALIZED: the library is not running.
+    Success means that the event was accepted: one below the minimum severity, or one submitted to a full queue, is
+    dropped and counted. Raises OxEventError with NOT_INITIALIZED if the library is not running.
     """
     _call("oxEventSubmit", ctypes.byref(_record(locals())))
 
 
 def flush(timeout_s: Optional[float] = None) -> None:
-    """Wait until everything queued is delivered, for at most this many seconds (None: without limit), then write out.
+    """Wait until all queued events are delivered (timeout_s None: without limit), then flush the sinks.
 
-    OxEventError: the time was up, a sink could not be flushed, or a callback raised an exception (see
-    register_callback). In a callback it does not wait: with events queued it fails at once. Ctrl-C takes effect when it
-    returns.
+    Raises OxEventError after the timeout, if a sink could not be flushed, or if a callback raised an exception (see
+    register_callback). Inside a callback it does not wait: it fails at once if events are queued. Ctrl-C takes effect
+    when it returns.
     """
-    milliseconds = 0  # Without limit, so the shortest limit is one.
+    milliseconds = 0  # Means no limit to the library, so that the shortest timeout is 1 ms.
     if timeout_s is not None:
         if not 0 < timeout_s <= (2**32 - 1) / 1000:
             raise ValueError(f"timeout_s must be above 0 and at most 4294967.295, not {timeout_s!r}")
@@ -281,15 +282,15 @@ def flush(timeout_s: Optional[float] = None) -> None:
 
 
 def reload(path: Optional[Path] = None) -> None:
-    """Put changed settings into force, from this file or the one in use; queue, conditions and callbacks stay.
+    """Apply changed settings, from this file or by default the current one. Queue, conditions and callbacks are kept.
 
-    OxEventError: the file is refused, or a sink could not be opened; the old settings then stay in force.
+    Raises OxEventError if the file is refused or a sink cannot be opened; the old settings then stay in effect.
     """
     _call("oxEventReloadConfig", None if path is None else _path(path))
 
 
 class Callback:
-    """A registered callback, made by register_callback; in a `with` statement it is registered for that block."""
+    """A callback from register_callback; as a context manager it is unregistered at the end of the `with` block."""
 
     def __init__(self, function: Callable[[Event], object]):
         self.function = function
@@ -297,13 +298,13 @@ class Callback:
         self._id = ctypes.c_uint32()
 
     def unregister(self) -> None:
-        """No call begins any more; one that is under way in the worker goes on. A second time does nothing."""
+        """Start no further calls; a call in progress continues. Calling this again has no effect."""
         if _callbacks.pop(self._number, None) is None:
             return
         try:
             _call("oxEventUnregisterCallback", self._id)
         except OxEventError as error:
-            if error.code != Result.NOT_FOUND:  # A start that failed has forgotten it, or the embedding program.
+            if error.code != Result.NOT_FOUND:  # Else a failed start or the embedding program has unregistered it.
                 raise
 
     def __enter__(self) -> Callback:
@@ -314,14 +315,14 @@ class Callback:
 
 
 def register_callback(function: Callable[[Event], object]) -> Callback:
-    """Have function(event) called with each Event that reaches the sinks, until unregister() or shutdown().
+    """Call function(event) with each Event that reaches the sinks, until unregister() or shutdown().
 
-    It runs on the library's worker, one event at a time, and later events wait for it. The result need not be kept.
-    Works before initialize too.
+    The function runs on the library's worker thread, one event at a time; later events wait for it. The returned object
+    need not be kept. May be called before initialize.
 
-    An exception that it raises (SystemExit too) does not disturb the delivery. It is logged at once, with its
-    traceback, to the logger "oxevent"; and the next flush or shutdown raises an OxEventError with the code FAILURE,
-    whose __cause__ is the first exception since the last one reported.
+    An exception from the function, SystemExit included, does not stop the delivery. It is logged at once, with its
+    traceback, to the logger "oxevent", and the next flush or shutdown raises an OxEventError with the code FAILURE
+    whose __cause__ is the first exception since the last report.
     """
     if not callable(function):
         raise TypeError(f"function must be callable, not {function!r}")
@@ -339,7 +340,7 @@ def register_callback(function: Callable[[Event], object]) -> Callback:
     return callback
 
 
-# The one C callback, for all: it lives as long as the module, so unregistering frees nothing that the worker is in.
+# The only C callback. It lives as long as the module, so that unregistering frees no code that the worker is running.
 @_CALLBACK
 def _on_event(record, number):
     global _failure
@@ -371,21 +372,21 @@ def _report_failure():
     failure, _failure = _failure, None
     if failure is not None:
         function, error = failure
-        text = f"callback {_shown(repr, function)} raised {_shown(repr, error)}"
+        text = f"callback {_safe_format(repr, function)} raised {_safe_format(repr, error)}"
         raise OxEventError(Result.FAILURE, text) from error
 
 
-def _shown(convert, value):
-    """repr or str of an object of the host's, which may fail: what is to be told is told all the same."""
+def _safe_format(convert, value):
+    """repr or str of an object, whose methods may raise: the failure must be reported anyway."""
     try:
         return convert(value)
     except Exception:
         return object.__repr__(value)
 
 
-# Arguments on their way to C.
+# Conversion of arguments to C.
 
-_UNFIT = re.compile("[\0\ud800-\udc7f\udd00-\udfff]")  # NUL, and surrogates that stand for no byte.
+_UNENCODABLE = re.compile("[\0\ud800-\udc7f\udd00-\udfff]")  # NUL, and surrogates that do not represent a byte.
 
 
 def _record(fields):
@@ -399,16 +400,16 @@ def _record(fields):
 
 
 def _path(path):
-    return _text("path", os.fsencode(path))
+    return _string("path", os.fsencode(path))
 
 
-def _text(name, value):
+def _string(name, value):
     if isinstance(value, (dict, list)) and name == "details_json":
         value = _json(name, value)
     if isinstance(value, str):
-        unfit = _UNFIT.search(value)
-        if unfit:
-            raise ValueError(f"{name} must not contain {unfit[0]!r} (at {unfit.start()})")
+        bad = _UNENCODABLE.search(value)
+        if bad:
+            raise ValueError(f"{name} must not contain {bad[0]!r} (at {bad.start()})")
         return value.encode("utf-8", "surrogateescape")
     if not isinstance(value, bytes):
         raise TypeError(f"{name} must be str or bytes, not {value!r}")
@@ -456,44 +457,44 @@ def _severity(name, value):
         raise ValueError(f"{name} must be one of {choices}, not {value!r}") from None
 
 
-_BY_TYPE = {_TEXT: _text, ctypes.c_double: _float, _UNSIGNED: functools.partial(_integer, 0, 2**64 - 1),
+_BY_TYPE = {_TEXT: _string, ctypes.c_double: _float, _UNSIGNED: functools.partial(_integer, 0, 2**64 - 1),
             _SIGNED: functools.partial(_integer, -2**63, 2**63 - 1)}
 _CONVERSIONS = {name: _BY_TYPE.get(kind, _severity) for name, kind in _Record._fields_[2:]}
 
 
 class OxEventHandler(logging.Handler):
-    """Makes each log record an event.
+    """Reports each log record as an event.
 
         logging.getLogger().addHandler(oxevent.OxEventHandler(source_id="press-4"))
         logging.warning("Pressure low", extra={"oxevent": {"action": "raise", "dedupe_key": "pressure"}})
 
-    message       the text, or what setFormatter makes of the record
-    severity      DEBUG, INFO, WARNING, and ERROR for all from ERROR up; other levels count as the next lower one
-    source_name   the logger's name: what an operator knows the part of the program by
-    event_type    "log", so that receivers can tell log records from other events
-    utc_ns        when the record was made
-    details_json  of an exception {"exception": "ValueError: ...", "traceback": "..."}, of stack_info {"stack": "..."},
-                  merged into a dict that is given; beside details that are given otherwise they stay in the message
+    message       the message, as formatted by the handler's formatter
+    severity      DEBUG, INFO, WARNING, and ERROR for all levels from ERROR up; others map to the next lower level
+    source_name   the logger's name: operators know the parts of the program by it
+    event_type    "log", so that receivers can distinguish log records from other events
+    utc_ns        time of the record
+    details_json  {"exception": "ValueError: ...", "traceback": "..."} for an exception, {"stack": "..."} for
+                  stack_info, merged into details_json if that is a dict; otherwise they stay in the message
 
     Arguments of the constructor set fields (of submit) for every record, the dict extra={"oxevent": {...}} for one. NUL
     and lone surrogates in the message are escaped; an empty message becomes the level's name.
 
-    The library is initialized and shut down apart from the handler. When an event cannot be submitted (the library is
-    not running, as in a fork's child that did not call initialize; a field is wrong), the handler's handleError is
-    called, as logging does for its own. Records logged inside a callback are left out: they would come back as events,
-    to the same callback, without end.
+    The handler neither initializes the library nor shuts it down. If an event cannot be submitted (the library is not
+    running, as in a forked child that did not call initialize; a field is invalid), the handler calls handleError, like
+    the handlers of logging. Records logged inside a callback are ignored: they would return as events to the same
+    callback, endlessly.
     """
 
     def __init__(self, level: Union[int, str] = logging.NOTSET, **fields):
-        inspect.signature(submit).bind(message="", **fields)  # TypeError for a name that is none.
+        inspect.signature(submit).bind(message="", **fields)  # Raises TypeError for an unknown field.
         super().__init__(level)
         self._fields = fields
-        self.setFormatter(logging.Formatter())  # Where basicConfig finds none, it adds level and name to the text.
+        self.setFormatter(logging.Formatter())  # Else basicConfig sets one that adds level and name.
 
     def handle(self, record: logging.LogRecord):
-        """Submit the record if the filters let it pass."""
-        # Without the handler's lock: submit needs none, and logging.shutdown holds it over the flush, which waits for
-        # callbacks that log.
+        """Submit the record if the filters accept it."""
+        # Does not take the handler's lock: submit needs none, and logging.shutdown holds it during the flush, which
+        # waits for callbacks that log.
         passed = self.filter(record)
         if passed:
             self.emit(passed if isinstance(passed, logging.LogRecord) else record)
@@ -509,9 +510,9 @@ class OxEventHandler(logging.Handler):
             self.handleError(record)
 
     def flush(self) -> None:
-        """Wait until everything queued is delivered, at most five seconds; without effect where nothing runs.
+        """Wait until all queued events are delivered, at most five seconds. Does nothing if the library is not running.
 
-        OxEventError as from oxevent.flush.
+        Raises OxEventError like oxevent.flush.
         """
         try:
             flush(_SHUTDOWN_S)
@@ -530,7 +531,7 @@ class OxEventHandler(logging.Handler):
             record = copy.copy(record)
             record.exc_info = record.exc_text = record.stack_info = None
         if "message" not in fields:
-            text = _UNFIT.sub(lambda match: match[0].encode("unicode_escape").decode(), self.format(record))
+            text = _UNENCODABLE.sub(lambda match: match[0].encode("unicode_escape").decode(), self.format(record))
             fields["message"] = text or record.levelname
         return fields
 
@@ -540,7 +541,7 @@ class OxEventHandler(logging.Handler):
         if record.exc_info and record.exc_info[0]:
             kind, error = record.exc_info[:2]
             traceback = formatter.formatException(record.exc_info)
-            details = {"exception": f"{kind.__name__}: {_shown(str, error)}", "traceback": traceback}
+            details = {"exception": f"{kind.__name__}: {_safe_format(str, error)}", "traceback": traceback}
         elif record.exc_text:
             details = {"traceback": record.exc_text}
         if record.stack_info:
@@ -548,11 +549,11 @@ class OxEventHandler(logging.Handler):
         return details
 
 
-# The ends of a process.
+# Exit and fork.
 
 
 def _at_exit():
-    # The worker must be through with Python's callbacks before the interpreter ends: it would wait for it for ever.
+    # The worker must have finished Python's callbacks before the interpreter ends, or it blocks for ever.
     global _exiting
     with _lock:
         _exiting = True
@@ -562,14 +563,14 @@ def _at_exit():
         callbacks = list(_callbacks.values())
         for callback in callbacks:
             callback.unregister()
-        if callbacks:  # The embedding program's library goes on; or it does not run, and nothing is in delivery.
+        if callbacks:  # The embedding program keeps the library running; otherwise this has no effect.
             _call("oxEventFlush", _SHUTDOWN_S * 1000)
     except OxEventError as error:
         if error.code != Result.NOT_INITIALIZED:
             _logger.error("at exit: %s", error)
 
 
-def _forget_in_child():
+def _reset_after_fork_in_child():
     global _lock, _delivering, _failure, _initialized_here
     _lock = threading.RLock()
     _delivering = threading.local()
@@ -579,4 +580,4 @@ def _forget_in_child():
 
 
 atexit.register(_at_exit)
-os.register_at_fork(after_in_child=_forget_in_child)
+os.register_at_fork(after_in_child=_reset_after_fork_in_child)
