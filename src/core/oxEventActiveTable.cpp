@@ -8,12 +8,12 @@
 namespace {
 
 constexpr size_t kLineSize = 64;
-constexpr uint8_t kMostLinesKept = 64;  // 4 KiB: a larger block is replaced when its texts have become far shorter.
-// The hash spreads conditions evenly, so the directory has a few entries for each segment. Where it has so many more,
-// the hashes are not what they should be, and a segment is filled instead of split.
-constexpr size_t kMostEntriesPerSegment = 64;
+constexpr uint8_t kMaxLinesKept = 64;  // 4 KiB. A larger block is replaced if at most half of it is still needed.
+// With evenly distributed hashes the directory has a few entries per segment. If it has many more, the hashes are not
+// evenly distributed, and a full segment is filled further instead of split.
+constexpr size_t kMaxEntriesPerSegment = 64;
 
-// What follows the head of a block.
+// The bytes behind the header of a block.
 char* Bytes(auto* texts) { return reinterpret_cast<char*>(texts + 1); }
 const char* Bytes(const auto* texts) { return reinterpret_cast<const char*>(texts + 1); }
 
@@ -46,7 +46,7 @@ void oxEventActiveTable::Insert(uint64_t hash, std::string_view key, std::string
                                 uint64_t last_sent_ns) {
   constexpr size_t kSplitAt = kSlots / 4 * 3;
   if (directory_ == nullptr && !CreateDirectory()) throw std::bad_alloc();
-  if (directory_[Entry(hash)]->count >= kSplitAt) Split(hash);  // Without memory the segment becomes fuller.
+  if (directory_[Entry(hash)]->count >= kSplitAt) Split(hash);  // If there is no memory, the segment is filled further.
   Segment* const segment = directory_[Entry(hash)];
   if (segment->count == kSlots - 1) throw std::bad_alloc();  // A free slot ends each search.
   const std::string_view start = key.substr(0, Condition::kStartSize), rest = key.substr(start.size());
@@ -65,7 +65,7 @@ void oxEventActiveTable::Update(Condition* condition, std::string_view signature
   Texts* const texts = condition->texts;
   const std::string_view rest = KeyRest(texts);
   const size_t size = rest.size() + signature.size();
-  const bool far_too_large = condition->texts_lines > kMostLinesKept && size <= texts->capacity / 2;
+  const bool far_too_large = condition->texts_lines > kMaxLinesKept && size <= texts->capacity / 2;
   if (size > texts->capacity || far_too_large) {
     SetTexts(condition, NewTexts(size), rest, signature);
     FreeTexts(texts);
@@ -82,7 +82,7 @@ void oxEventActiveTable::Remove(Condition* condition) {
   Condition* const slots = segment->slots;
   __builtin_prefetch(texts, 1);
   oxEventSlab::PrefetchForFree(texts);
-  // Each one that follows without a gap moves to the free slot, unless its search would then begin behind it.
+  // Each condition that follows without a gap moves to the free slot, unless its home is behind that slot.
   auto hole = static_cast<size_t>(condition - slots);
   for (size_t i = Next(hole); slots[i].texts != nullptr; i = Next(i)) {
     if (Distance(Home(slots[i].hash), i) < Distance(hole, i)) continue;
@@ -156,7 +156,7 @@ void oxEventActiveTable::MoveAll(const Segment& from, Segment* to) {
   to->count += from.count;
 }
 
-// With one empty segment. False: no memory, as below.
+// Creates a directory with one empty segment. Returns false if there is no memory, like the functions below.
 bool oxEventActiveTable::CreateDirectory() {
   std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[1]);
   if (directory == nullptr || (directory[0] = NewSegment(0)) == nullptr) return false;
@@ -164,7 +164,7 @@ bool oxEventActiveTable::CreateDirectory() {
   return true;
 }
 
-// The segment that the hash leads to, in two new ones.
+// Replaces the segment of this hash by two new ones.
 bool oxEventActiveTable::Split(uint64_t hash) {
   Segment* const old = directory_[Entry(hash)];
   if (old->depth == depth_ && !DoubleDirectory()) return false;
@@ -191,7 +191,7 @@ bool oxEventActiveTable::Split(uint64_t hash) {
 
 bool oxEventActiveTable::DoubleDirectory() {
   const size_t size = size_t{1} << depth_;
-  if (depth_ == kDeepest || size >= kMostEntriesPerSegment * segment_count_) return false;
+  if (depth_ == kDeepest || size >= kMaxEntriesPerSegment * segment_count_) return false;
   std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[2 * size]);
   if (directory == nullptr) return false;
   for (size_t i = 0; i < 2 * size; ++i) directory[i] = directory_[i / 2];
@@ -200,8 +200,8 @@ bool oxEventActiveTable::DoubleDirectory() {
   return true;
 }
 
-// The segment that the hash leads to with its neighbour, if they are of one depth and few conditions are left. Whether
-// they were merged.
+// Merges the segment of this hash with its neighbour, if both have the same depth and few conditions. Returns whether
+// it did.
 bool oxEventActiveTable::Merge(uint64_t hash) {
   constexpr size_t kMergeBelow = kSlots / 4;
   Segment* const segment = directory_[Entry(hash)];
@@ -220,7 +220,7 @@ bool oxEventActiveTable::Merge(uint64_t hash) {
   return true;
 }
 
-// As often as no segment needs its last bit. Without memory it becomes smaller in place.
+// Halves the directory while no segment needs its last bit. If there is no memory for a smaller one, reuses the old.
 void oxEventActiveTable::HalveDirectory() {
   for (; depth_ > 0 && segments_by_depth_[depth_] == 0; --depth_) {
     const size_t size = size_t{1} << (depth_ - 1);
@@ -231,7 +231,7 @@ void oxEventActiveTable::HalveDirectory() {
   }
 }
 
-// Null: no memory.
+// Returns null if there is no memory.
 oxEventActiveTable::Segment* oxEventActiveTable::NewSegment(uint32_t depth) {
   void* const memory = memory_.Allocate(sizeof(Segment));
   if (memory == nullptr) return nullptr;
@@ -242,14 +242,14 @@ oxEventActiveTable::Segment* oxEventActiveTable::NewSegment(uint32_t depth) {
   return segment;
 }
 
-// Its conditions are elsewhere.
+// The segment's conditions have been moved.
 void oxEventActiveTable::FreeSegment(Segment* segment) {
   --segment_count_;
   --segments_by_depth_[segment->depth];
   memory_.Free(segment, sizeof(Segment));
 }
 
-// All entries that begin with the bits of the hash that the segment's depth counts.
+// Sets all entries that start with the first `segment->depth` bits of the hash.
 void oxEventActiveTable::SetEntries(uint64_t hash, Segment* segment) {
   const size_t count = size_t{1} << (depth_ - segment->depth);
   const size_t first = Entry(hash) & ~(count - 1);

@@ -9,16 +9,15 @@
 #include "base/oxEventSipHash.h"
 #include "base/oxEventSlab.h"
 
-// The raised conditions by their keys. Designed for a million of them, where cache misses dominate the time of a
-// lookup: a slot is one cache line and holds the beginning of the key, mostly all of it, so that finding a condition
-// takes one miss. The rest of the key, and the signature of the last event that went on, stand in a block of memory of
-// the condition's own.
+// The raised conditions by their keys. Designed for a million conditions, where cache misses dominate the time of a
+// lookup: a slot is one cache line and contains the start of the key, usually all of it, so that a lookup takes one
+// miss. Each condition has a block of memory for the rest of its key and the signature of its last event that was sent.
 //
 // Extendible hashing: the high bits of the hash choose an entry of the directory, which points to a segment of slots,
-// and the low bits choose the slot in it (linear probing; a removal leaves no mark). A segment that becomes three
-// quarters full splits in two, two neighbours that together are less than a quarter full merge. So the table grows and
-// shrinks by some hundred slots at a time, and no event waits for more. Memory goes back to the system. A call without
-// memory throws and has changed nothing; Remove needs none. Threads: one at a time.
+// and the low bits choose the slot in it (linear probing; a removal leaves no tombstone). A segment that becomes three
+// quarters full splits in two; two neighbours that together are less than a quarter full merge. The table therefore
+// grows and shrinks by some hundred slots at a time, and no event waits for more. Freed memory goes back to the system.
+// Insert and Update throw when there is no memory, and have then changed nothing. Threads: one at a time.
 class oxEventActiveTable {
  private:
   struct Texts;
@@ -33,9 +32,9 @@ class oxEventActiveTable {
     friend class oxEventActiveTable;
     static constexpr size_t kStartSize = 38;
     uint64_t hash;        // Hash of the key.
-    Texts* texts;         // Null: the slot is free.
-    uint8_t texts_lines;  // Cache lines of the block, or 255 if more: known without a miss.
-    uint8_t start_size;   // kStartSize + 1: the key goes on in the block.
+    Texts* texts;         // Null if the slot is free.
+    uint8_t texts_lines;  // Cache lines of the block, at most 255. Stored here to be known without a miss.
+    uint8_t start_size;   // kStartSize + 1 if the key continues in the block.
     char start[kStartSize];
   };
 
@@ -44,31 +43,31 @@ class oxEventActiveTable {
   oxEventActiveTable& operator=(const oxEventActiveTable&) = delete;
   ~oxEventActiveTable() { Clear(); }
 
-  // Keyed, so that nobody can choose keys of one segment.
+  // Hashes with a random key, so that nobody can choose keys that all lead to one segment.
   uint64_t Hash(std::string_view key) const { return oxEventSipHash(hash_key_, key); }
 
-  // Begin to fetch what Find will look at, and what Signature and Update will.
+  // Start to fetch into the cache what Find reads, and what Signature and Update read.
   void Prefetch(uint64_t hash) const;
   static void PrefetchTexts(const Condition* condition);
 
-  // Null: not raised.
+  // Returns null if the condition is not raised.
   Condition* Find(uint64_t hash, std::string_view key) const;
 
   static std::string_view Signature(const Condition* condition);
 
-  // The key is not in the table.
+  // The key must not be in the table.
   void Insert(uint64_t hash, std::string_view key, std::string_view signature, uint64_t last_sent_ns);
 
   void Update(Condition* condition, std::string_view signature, uint64_t last_sent_ns);
 
   void Remove(Condition* condition);
 
-  // Gives all memory back.
+  // Removes all conditions and frees all memory.
   void Clear();
 
  private:
   struct Texts {
-    size_t capacity;  // For what follows this: the rest of the key and the signature.
+    size_t capacity;  // Bytes behind this header, for the rest of the key and the signature.
     size_t key_rest_size;
     size_t signature_size;
   };
@@ -77,7 +76,7 @@ class oxEventActiveTable {
   static constexpr size_t kSlots = kSegmentSize / sizeof(Condition) - 1;
   static constexpr uint32_t kDeepest = 32;
 
-  // Its conditions share the first `depth` bits of their hashes.
+  // The conditions whose hashes start with the same `depth` bits.
   struct Segment {
     alignas(64) uint32_t count;
     uint32_t depth;
@@ -98,7 +97,7 @@ class oxEventActiveTable {
   static Condition* FreeSlot(Segment* segment, uint64_t hash);
   static void MoveAll(const Segment& from, Segment* to);
 
-  // The directory's entry: the first depth_ bits of the hash.
+  // The index in the directory: the first depth_ bits of the hash.
   size_t Entry(uint64_t hash) const { return static_cast<size_t>((hash >> 32) << depth_ >> 32); }
   bool CreateDirectory();
   bool Split(uint64_t hash);
@@ -110,7 +109,7 @@ class oxEventActiveTable {
   void SetEntries(uint64_t hash, Segment* segment);
 
   const oxEventSipKey hash_key_ = oxEventRandomSipKey();
-  std::unique_ptr<Segment*[]> directory_;  // Null: there is no segment.
+  std::unique_ptr<Segment*[]> directory_;  // Null if there is no segment.
   uint32_t depth_ = 0;                     // The directory has 2^depth_ entries.
   size_t count_ = 0;                       // Number of conditions.
   size_t segment_count_ = 0;

@@ -16,8 +16,8 @@ namespace {
 
 bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
 
-// Waits until nothing is queued or in delivery. A service manager may kill the process meanwhile: the rows of events
-// that were delivered must be in their files by then, whenever a sink begins to stall.
+// Waits until nothing is queued or in delivery. A service manager may kill the process in the meantime, so the rows of
+// delivered events are written to their files regularly, in case a sink stalls.
 uint32_t Drain(oxEventQueue* queue, uint32_t timeout_ms) {
   constexpr int64_t kFlushIntervalMs = 500;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -92,7 +92,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
   run->queue.StopAccepting();
   slots_.WaitForInFlightSubmits();
   uint32_t result = OXEVENT_OK;
-  // Without time there is no waiting: what is queued goes at once. The worker cannot wait for itself.
+  // The worker cannot wait for itself.
   const bool waits = timeout_ms != 0 && !run->IsWorker();
   if (waits) {
     result = Drain(&run->queue, timeout_ms);
@@ -146,7 +146,7 @@ oxEventCounters oxEventRouter::GetCounters() {
   const SharedRun run = LastRun();
   if (run == nullptr) return {};
   const oxEventDropCounts drops = run->drops.Counts();
-  // These never reached the queue.
+  // The queue did not count these.
   const uint64_t not_enqueued =
       drops[static_cast<size_t>(oxEventDrop::kFiltered)] + drops[static_cast<size_t>(oxEventDrop::kNoMemory)];
   return {run->queue.EnqueueCount() + not_enqueued,
@@ -163,7 +163,7 @@ void oxEventRouter::Close() {
     closed_ = true;
   }
   Stop(0);
-  // From here on nobody adds a run.
+  // No run is added from here on.
   SharedRun last;
   std::vector<SharedRun> runs;
   {
@@ -171,7 +171,7 @@ void oxEventRouter::Close() {
     last.swap(run_);
     runs.swap(retired_);
   }
-  // All are ended before any is waited for: a callback in one may be waiting for the events of another.
+  // End all runs before joining any: a callback in one may be waiting for the events of another.
   if (last != nullptr) End(*last);
   for (const SharedRun& run : runs) End(*run);
   oxEventSinkTryFlush();
@@ -179,14 +179,14 @@ void oxEventRouter::Close() {
   for (SharedRun& run : runs) Join(&run);
 }
 
-// A stop that another thread waits in has no more time. The event in delivery on an exiting worker never completes.
+// Ends a stop in which another thread may be waiting. The event in delivery on an exiting worker never completes.
 void oxEventRouter::End(Run& run) {
   run.queue.DropPending();
   run.queue.RequestStop();
   if (run.IsWorker()) run.queue.Reset();
 }
 
-// Lets go of a run, but for one whose worker is the exiting thread: that one still runs in it.
+// Joins the worker and releases the run, unless the worker is the exiting thread, which still uses the run.
 void oxEventRouter::Join(SharedRun* run) {
   if (!(*run)->IsWorker()) return (*run)->JoinWorker();
   oxEventLock lock(mutex_);

@@ -13,56 +13,58 @@
 #include "core/oxEventState.h"
 #include "core/oxEventSubmitSlots.h"
 
-// At any quiet moment submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED)
+// While no call is under way, submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED)
 //   + failed evaluations + pending + active.
 struct oxEventCounters {
-  uint64_t submitted = 0;      // Submit while running, before any filter.
-  uint64_t emitted = 0;        // Handed to the sinks, whatever they did.
+  uint64_t submitted = 0;      // Calls of Submit while running, before any filter.
+  uint64_t emitted = 0;        // Passed to the sinks, whether or not they succeeded.
   uint64_t dropped = 0;        // The sum of drops_by_reason.
-  uint64_t sink_failures = 0;  // Failed sinks, added up over the events; also failed evaluations.
+  uint64_t sink_failures = 0;  // One for each event and failed sink, and one for each failed evaluation.
   uint64_t sink_warnings = 0;
   oxEventDropCounts drops_by_reason = {};
 };
 
-// Joins the queue, the state and the sinks: owns the worker thread and the counters. One Start to Stop is a run; each
-// has a worker, a queue and a state of its own, so that a worker that has shut the library down from a callback can
-// finish its event while the next run is already under way.
-// Threads: Start, Stop and ReloadConfig one at a time, the others any. Codes: OXEVENT_NOT_INITIALIZED when not running.
+// Connects the queue, the state and the sinks: owns the worker thread and the counters. The time from Start to Stop is
+// a run. Each run has its own worker, queue and state, so that a worker whose callback has shut the library down can
+// finish its event while the next run has already started.
+// Threads: Start, Stop and ReloadConfig one at a time, the others any. Returns OXEVENT_NOT_INITIALIZED when not
+// running.
 class oxEventRouter {
  public:
   constexpr oxEventRouter() = default;
   oxEventRouter(const oxEventRouter&) = delete;
   oxEventRouter& operator=(const oxEventRouter&) = delete;
 
-  // Begins with zeroed counters and no raised condition. OXEVENT_INVALID_ARGUMENT: no configuration, or queue_size 0.
-  // OXEVENT_ALREADY_INITIALIZED: running. Throws when there is no thread or no memory; then nothing has changed.
+  // Starts a run with zeroed counters and no raised condition. Returns OXEVENT_INVALID_ARGUMENT without a configuration
+  // or with queue_size 0, OXEVENT_ALREADY_INITIALIZED when running. Throws when there is no thread or no memory; then
+  // nothing has changed.
   uint32_t Start(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
-  // Filters and queues a copy. 0 for a dropped event too; OXEVENT_FAILURE when there is no memory. Never waits for the
-  // worker, and does not throw.
+  // Filters the event and queues a copy. Returns 0 for a dropped event too, OXEVENT_FAILURE when there is no memory.
+  // Never waits for the worker, and does not throw.
   uint32_t Submit(const oxEventNormalizedEvent& event);
 
-  // Waits until everything is delivered (0: without limit), then flushes the sinks, which get the whole time again.
-  // On the worker: OXEVENT_FAILURE at once when events are pending.
+  // Waits until everything is delivered, at most timeout_ms milliseconds (0: without limit), then flushes the sinks
+  // with the same timeout. On the worker, does not wait and returns OXEVENT_FAILURE if events are pending.
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
-  // Delivers what is queued, for at most timeout_ms milliseconds (0: discards it at once), and ends the worker, waiting
-  // for the event in delivery. OXEVENT_FAILURE: events were discarded. On the worker: discards what is queued; the
-  // worker ends when it returns from the callback.
+  // Delivers the queued events, for at most timeout_ms milliseconds (0: drops them), waits for the event in delivery
+  // and ends the worker. Returns OXEVENT_FAILURE if events were dropped. On the worker, drops the queued events; the
+  // worker ends when its callback returns.
   uint32_t Stop(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
-  // Keeps queued events, as far as they fit, and raised conditions.
+  // Keeps the queued events that fit into the new capacity, and the raised conditions.
   uint32_t ReloadConfig(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
-  // Frees the runs whose worker has returned from the callback that stopped it. With no lock held: what that thread has
-  // left to do is its host's.
+  // Frees the runs whose worker has returned from the callback that stopped it. Joins these threads without a lock
+  // held: they may still run code of the host.
   void Reap() OX_EXCLUDES(mutex_);
 
-  // The counters of this run or, without one, of the last. Not an atomic snapshot.
+  // The counters of the current run or, if there is none, of the last one. Not an atomic snapshot.
   oxEventCounters GetCounters() OX_EXCLUDES(mutex_);
 
-  // For good: at unload and process exit. Stops without delivering what is queued, and waits for every worker, a stop
-  // that is under way in another thread included; not for the calling thread when it is one.
+  // Stops for good, at unload and process exit. Drops the queued events and waits for every worker, also for one that
+  // another thread is stopping, but not for the calling thread if it is a worker.
   void Close() OX_EXCLUDES(mutex_);
 
  private:
@@ -77,11 +79,11 @@ class oxEventRouter {
   oxEventSubmitSlots slots_;
   std::atomic<Run*> running_ = nullptr;  // Written with mutex_ held. Submit reads it with a slot held, and no lock.
 
-  // Never held while the queue, the state or the sinks are called, but for those of a new run in Start.
+  // Not held while the queue, the state or the sinks are called, except those of a new run in Start.
   oxEventMutex mutex_;
   SharedRun run_ OX_GUARDED_BY(mutex_);  // Kept after Stop, for its counters.
   bool closed_ OX_GUARDED_BY(mutex_) = false;
-  // Runs that their own worker stopped; owned until that thread can be joined.
+  // Runs that were stopped by their own worker, until that thread can be joined.
   std::vector<SharedRun> retired_ OX_GUARDED_BY(mutex_);
   SharedRun exiting_ OX_GUARDED_BY(mutex_);  // The run whose worker called exit.
 };

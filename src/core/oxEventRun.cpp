@@ -9,8 +9,8 @@
 
 namespace {
 
-// Completes the active event on every way out of the worker, an unwinding thread included. In the child of a fork in a
-// callback there is no worker.
+// Completes the active event on every way out of the worker, unwinding included, except in the child of a fork in a
+// callback, where there is no worker.
 class WorkerEnd {
  public:
   explicit WorkerEnd(oxEventQueue& queue) : queue_(queue) {}
@@ -46,10 +46,11 @@ void oxEventRouter::Run::JoinWorker() {
 
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
-  // A thread's first exception may allocate, and without memory that ends the process: not later, amid deliveries.
+  // The first exception of a thread may allocate, and without memory that ends the process. So allocate now, not during
+  // a delivery.
   ready_ = abi::__cxa_get_globals() != nullptr;
   ready_.notify_one();
-  const oxEventCancelBlock cancel_block;  // A callback of the host's knows this thread.
+  const oxEventCancelBlock cancel_block;  // A callback could cancel this thread.
   const WorkerEnd end(queue);
   while (oxEventNormalizedEvent* event = queue.WaitPop()) {
     Deliver(event);
@@ -64,7 +65,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   try {
     status = state.Evaluate(*event, event, &emit);
   } catch (...) {
-    // No memory: counted as a failed evaluation.
+    // There is no memory: counts as a failed evaluation.
     emit = true;
   }
   if (!emit) {

@@ -7,7 +7,7 @@ enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 
 namespace {
 
-// Letters of both cases alike, up to eight of them in one number.
+// Up to eight letters in one number, which does not depend on their case.
 constexpr uint64_t Packed(std::string_view text) {
   constexpr uint64_t kLowerCase = 0x20;
   uint64_t packed = 0;
@@ -61,7 +61,7 @@ void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::stri
                        event.message.size() + event.action.size() + event.dedupe_key.size() +
                        event.correlation_id.size() + event.timecode.size() + event.units.size() +
                        event.details_json.size();
-  signature->resize(texts + kLines + kNumbers * kOxEventNumberSize);  // At most so much.
+  signature->resize(texts + kLines + kNumbers * kOxEventNumberSize);  // An upper bound.
   char* at = signature->data();
   const auto end_line = [&at] { *at++ = '\n'; };
   const auto add_text = [&](std::string_view text) {
@@ -107,12 +107,12 @@ oxEventState::Action oxEventState::ActionOf(std::string_view action) {
   }
 }
 
-// A clock that went backwards never holds a repeat back.
+// A clock that was set back never delays a repeat.
 bool oxEventState::RepeatElapsed(uint64_t now_ns, uint64_t last_ns) const {
   return repeat_interval_ns_ == 0 || last_ns == 0 || last_ns > now_ns || now_ns - last_ns >= repeat_interval_ns_;
 }
 
-// Returns whether the event goes on.
+// Returns whether the event goes on to the sinks.
 bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out) {
   std::string_view key = event.dedupe_key;
   if (key.empty()) {
@@ -122,11 +122,11 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
   const uint64_t hash = active_.Hash(key);
   active_.Prefetch(hash);
   const bool update = action == Action::kUpdate;
-  if (update) BuildSignature(event, &signature_);  // While the slot comes.
+  if (update) BuildSignature(event, &signature_);  // While the prefetch is under way.
   oxEventActiveTable::Condition* const raised = active_.Find(hash, key);
   if (action == Action::kClear) {
     if (raised == nullptr) return route_orphan_clear_;
-    active_.Remove(raised);  // Cleared, whether or not anybody is told.
+    active_.Remove(raised);  // Even if the clear is not sent.
     return send_clear_;
   }
   if (raised == nullptr && action == Action::kRepeat) return false;
@@ -135,7 +135,8 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
   if (raised != nullptr) oxEventActiveTable::PrefetchTexts(raised);
   if (!update) BuildSignature(event, &signature_);
   if (!due && oxEventActiveTable::Signature(raised) == signature_) return false;
-  // Without memory nothing changes: an entry without its signature would be a condition that nobody was told of.
+  // Insert and Update throw when there is no memory, before they change anything: the event is then a failed
+  // evaluation.
   if (raised == nullptr) {
     active_.Insert(hash, key, signature_, event.utc_ns);
   } else {

@@ -9,9 +9,9 @@
 #include "config/oxEventConfig.h"
 #include "core/oxEventActiveTable.h"
 
-// Which conditions are raised, and what that makes of the next event: suppresses duplicates until the repeat interval
-// has passed, turns a late duplicate into a "repeat" and an update of an unknown condition into a "raise", lets a clear
-// through as configured. Threads: Evaluate the worker, the others any.
+// Remembers the raised conditions and decides by them about each event: suppresses a duplicate until the repeat
+// interval has passed, turns a late duplicate into a "repeat" and an update of an unknown condition into a "raise", and
+// lets a clear through if configured to. Threads: the worker calls Evaluate, any thread the rest.
 class oxEventState {
  public:
   oxEventState() = default;
@@ -21,17 +21,18 @@ class oxEventState {
   // Keeps the raised conditions.
   void Configure(const oxEventConfig& config) OX_EXCLUDES(mutex_);
 
-  // Forgets them.
+  // Forgets the raised conditions.
   void Reset() OX_EXCLUDES(mutex_);
 
-  // *out becomes the event, with its texts, perhaps with another action; it may be the event itself. *route: whether it
-  // goes on to the sinks. Neither may be null (OXEVENT_INVALID_ARGUMENT). Throws when there is no memory.
+  // Copies the event to *out, which may be the event itself, perhaps with another action, and sets *route to whether it
+  // goes on to the sinks. Returns OXEVENT_INVALID_ARGUMENT if either is null. Throws when there is no memory; then no
+  // condition has changed.
   uint32_t Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) OX_EXCLUDES(mutex_);
 
-  // What names the condition of an event: its dedupe_key, else source_id ":" event_type.
+  // The key of the event's condition: its dedupe_key or, if that is empty, source_id ":" event_type.
   static void BuildKey(const oxEventNormalizedEvent& event, std::string* key);
 
-  // Two reports of a condition are the same when their signatures are: every field but id and time stamps.
+  // Two events with equal signatures report the same. Contains every field except the id and the time stamps.
   static void BuildSignature(const oxEventNormalizedEvent& event, std::string* signature);
 
  private:
@@ -49,6 +50,6 @@ class oxEventState {
   bool route_orphan_clear_ OX_GUARDED_BY(mutex_) = false;
   uint64_t repeat_interval_ns_ OX_GUARDED_BY(mutex_) = 1'800'000'000'000;
   oxEventActiveTable active_ OX_GUARDED_BY(mutex_);
-  std::string key_ OX_GUARDED_BY(mutex_);  // Built for events without a dedupe_key. Reused, as the next one is.
+  std::string key_ OX_GUARDED_BY(mutex_);  // Of an event without a dedupe_key. Both buffers are reused.
   std::string signature_ OX_GUARDED_BY(mutex_);
 };
