@@ -121,7 +121,7 @@ class Test(unittest.TestCase):
     def test_settings_that_do_not_start_the_library_are_explained(self):
         self.assertRegex(self.send(2, ["m"], (), {"core": {"drop_policy": "x"}})[1], "^oxevent-send: Invalid .*\n    Set it to")
         self.assertRegex(self.call("none.xml", "m").stderr, "^oxevent-send: Unable .*\n    No such file;")
-        self.assertRegex(self.call(256 * "x", "m").stderr, "^oxevent-send: Unable .*\n    Look with namei")
+        self.assertRegex(self.call(256 * "x", "m").stderr, "^oxevent-send: Unable .*\n    Check with namei")
 
     def test_help_and_version_go_to_standard_output(self):
         self.assertRegex(self.send(0, ["--version"])[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
@@ -157,7 +157,7 @@ class Test(unittest.TestCase):
             "sink\\cloudevents\\http\\c: 2 accepted by " + cloud["endpoint_url"],
             "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",
             "sink\\native\\main: 0, all are below its minimum_severity (error)"})
-        self.assertRegex(error, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n    Try curl.*\n"
+        self.assertRegex(error, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n    Run curl.*\n"
                          "oxevent-send: reached no sink: 1, below the minimum_severity of every enabled sink\n$")
 
     def test_what_did_not_go_out_is_told_with_its_reason(self):

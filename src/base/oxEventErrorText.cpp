@@ -6,8 +6,8 @@ void oxEventFillErrorText(std::string_view text, const std::string_view* values,
   if (error == nullptr) return;
   try {
     error->clear();
-    for (size_t place; (place = text.find('{')) != text.npos; text.remove_prefix(text.find('}') + 1)) {
-      error->append(text.substr(0, place)).append(*values++);
+    for (size_t begin; (begin = text.find('{')) != text.npos; text.remove_prefix(text.find('}') + 1)) {
+      error->append(text.substr(0, begin)).append(*values++);
     }
     error->append(text);
   } catch (const std::bad_alloc&) {

@@ -9,28 +9,28 @@
 
 #include "base/oxEventErrors.h"
 
-// A text of the table that has so many places. Made from the entry's id by the compiler alone, so that nothing else of
-// the table comes into the library, and no text that is not in the table.
-template <size_t places>
+// A text of the table with this many placeholders. Constructed from the id at compile time, so that no unused text ends
+// up in the library, and no text that is missing from the table.
+template <size_t placeholders>
 class oxEventErrorText {
  public:
   consteval oxEventErrorText(oxEventErrors::Id id)
       : text(oxEventErrors::kTable[id].text), code(oxEventErrors::kTable[id].codes[0]) {
-    if (std::count(text.begin(), text.end(), '{') != places) throw "the text has another number of places";
+    if (std::count(text.begin(), text.end(), '{') != placeholders) throw "the text has another number of placeholders";
   }
 
   std::string_view text;
-  uint32_t code;  // The usual one.
+  uint32_t code;  // The usual result code.
 };
 
-// Puts the values into the places of a text; `error` may be null. Without memory for it the text is empty: the result
-// code that it goes with stands.
+// Sets *error to the text with its placeholders replaced by the values; `error` may be null. If out of memory, *error
+// becomes empty, and the result code alone reports the failure.
 void oxEventFillErrorText(std::string_view text, const std::string_view* values, std::string* error) noexcept;
 
-// The same for an entry: oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns its usual code.
-template <size_t places>
-uint32_t oxEventSetErrorText(std::type_identity_t<oxEventErrorText<places>> entry,
-                             const std::string_view (&values)[places], std::string* error) noexcept {
+// As above, by id: oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns the usual result code.
+template <size_t placeholders>
+uint32_t oxEventSetErrorText(std::type_identity_t<oxEventErrorText<placeholders>> entry,
+                             const std::string_view (&values)[placeholders], std::string* error) noexcept {
   oxEventFillErrorText(entry.text, values, error);
   return entry.code;
 }
@@ -40,5 +40,5 @@ inline uint32_t oxEventSetErrorText(oxEventErrorText<0> entry, std::string* erro
   return entry.code;
 }
 
-// Hands on a text that was made before; the rest as above.
+// Sets *error to a text that was formatted before; otherwise as above.
 void oxEventCopyErrorText(std::string_view text, std::string* error) noexcept;

@@ -51,7 +51,7 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
   oxOSMakeDir(shortened, kDirectoryMode);
   if (IsDirectory(trimmed)) return true;
   if ((mkdir(trimmed.c_str(), kDirectoryMode) == 0 || errno == EEXIST) && IsDirectory(trimmed)) return true;
-  oxEventSetErrorText(oxEventErrors::kCsvFolder, {trimmed}, error);
+  oxEventSetErrorText(oxEventErrors::kCsvDirectory, {trimmed}, error);
   return false;
 }
 

@@ -1,26 +1,27 @@
 #include "common/remedy.h"
 
 #include "base/oxEventErrors.h"
+#include "common/error_causes.h"
 
 namespace {
 
-// Whether a text was made of the pattern, by putting values in its places, "{name}".
-bool IsMadeOf(std::string_view pattern, std::string_view text) {
-  const size_t place = pattern.find('{');
-  if (place == pattern.npos) return text == pattern;
-  if (!text.starts_with(pattern.substr(0, place))) return false;
+// Whether the text is the pattern with its placeholders, "{name}", replaced by values.
+bool Matches(std::string_view pattern, std::string_view text) {
+  const size_t begin = pattern.find('{');
+  if (begin == pattern.npos) return text == pattern;
+  if (!text.starts_with(pattern.substr(0, begin))) return false;
   pattern.remove_prefix(pattern.find('}') + 1);
-  for (text.remove_prefix(place); !IsMadeOf(pattern, text); text.remove_prefix(1)) {
+  for (text.remove_prefix(begin); !Matches(pattern, text); text.remove_prefix(1)) {
     if (text.empty()) return false;
   }
   return true;
 }
 
-// Bytes of a pattern that are no place.
-size_t Literal(std::string_view pattern) {
+// Number of bytes of a pattern outside placeholders.
+size_t LiteralSize(std::string_view pattern) {
   size_t bytes = 0;
-  for (size_t place = 0; (place = pattern.find('{')) != pattern.npos; pattern.remove_prefix(pattern.find('}') + 1)) {
-    bytes += place;
+  for (size_t begin = 0; (begin = pattern.find('{')) != pattern.npos; pattern.remove_prefix(pattern.find('}') + 1)) {
+    bytes += begin;
   }
   return bytes + pattern.size();
 }
@@ -28,12 +29,12 @@ size_t Literal(std::string_view pattern) {
 }  // namespace
 
 std::string_view RemedyFor(std::string_view text) {
-  size_t best = 0;  // The text of one entry may fit a more general one too.
+  size_t best = 0;  // A text may match several patterns: the one with the most literal bytes wins.
   std::string_view remedy;
   for (const oxEventErrors::Entry& entry : oxEventErrors::kTable) {
-    if (Literal(entry.text) <= best || !IsMadeOf(entry.text, text)) continue;
-    best = Literal(entry.text);
-    remedy = entry.remedy;
+    if (LiteralSize(entry.text) <= best || !Matches(entry.text, text)) continue;
+    best = LiteralSize(entry.text);
+    remedy = kErrorCauses[entry.id].remedy;
   }
   return remedy;
 }

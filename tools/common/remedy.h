@@ -1,11 +1,11 @@
-// What to do about the library's error texts.
+// Remedies for the library's error texts.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// The remedy of the table of errors for a text of the library's; empty: the text is none of its.
+// Returns the remedy for an error text of the library; empty if the text is not one.
 std::string_view RemedyFor(std::string_view text);
 
-// The text, and on the next line its remedy, where the table of errors has one.
+// Returns the text, followed by its remedy on the next line if there is one.
 std::string WithRemedy(std::string_view text);

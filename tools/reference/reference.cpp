@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/oxEventErrors.h"
+#include "common/error_causes.h"
 #include "common/setting_forms.h"
 #include "config/oxEventSettings.h"
 
@@ -100,8 +101,8 @@ What `oxEventGetLastError` returns after a failed call, and what a sink reports 
 placeholder for the actual value.
 )";
 
-// Prints the table of the errors that are met there.
-void PrintErrors(oxEventErrors::Met met, bool with_cause) {
+// Prints the errors of one origin as a table.
+void PrintErrors(ErrorOrigin origin, bool with_cause) {
   struct CodeName {
     uint32_t code;
     const char* name;
@@ -113,30 +114,29 @@ void PrintErrors(oxEventErrors::Met met, bool with_cause) {
                                  {OXEVENT_FAILURE, "`OXEVENT_FAILURE`"}};
   Print(with_cause ? "\n| Text | Cause | Remedy | Code |\n|---|---|---|---|\n" : "\n| Text | Code |\n|---|---|\n");
   for (const oxEventErrors::Entry& entry : oxEventErrors::kTable) {
-    if (entry.met != met) continue;
+    const ErrorCause& why = kErrorCauses[entry.id];
+    if (why.origin != origin) continue;
     std::string codes;
     for (const CodeName& one : kCodes) {
       if (one.code == entry.codes[0] || one.code == entry.codes[1])
         codes += (codes.empty() ? "" : ", ") + std::string(one.name);
     }
     Print("| " + Code(Cell(entry.text)) + " | ");
-    if (with_cause) Print(Cell(entry.cause) + " | " + Cell(entry.remedy) + " | ");
+    if (with_cause) Print(Cell(why.cause) + " | " + Cell(why.remedy) + " | ");
     Print(codes + " |\n");
   }
 }
 
 void PrintErrors() {
   Print(kErrorsBegin);
-  Print("\n## Errors of calls\n\nThe last error of the calling thread; the call has returned the code.\n");
-  PrintErrors(oxEventErrors::Met::kCall, true);
+  Print("\n## Failed calls\n\nThe last error of the calling thread; the call has returned the code.\n");
+  PrintErrors(ErrorOrigin::kCall, true);
   Print(
-      "\n## Errors of deliveries\n\nThe sink's last error, which `oxevent-send` prints: the call that reported the "
-      "event "
-      "has already returned. The code is the sink's.\n");
-  PrintErrors(oxEventErrors::Met::kDelivery, true);
-  Print("\n## Errors of internal checks\n\n" + std::string(oxEventErrors::kInternalCause) + " " +
-        std::string(oxEventErrors::kInternalRemedy) + "\n");
-  PrintErrors(oxEventErrors::Met::kNever, false);
+      "\n## Failed deliveries\n\nThe last error of a sink, as `oxevent-send` reports it, with the code of the sink. ");
+  Print("The call that reported the event has already returned.\n");
+  PrintErrors(ErrorOrigin::kDelivery, true);
+  Print("\n## Internal errors\n\n" + std::string(kInternalCause) + " " + std::string(kInternalRemedy) + "\n");
+  PrintErrors(ErrorOrigin::kInternal, false);
 }
 
 }  // namespace
