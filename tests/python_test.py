@@ -129,9 +129,11 @@ class Test(unittest.TestCase):
     def test_unregistered_amid_a_delivery(self):
         entered, go_on = threading.Event(), threading.Event()
         callback = self.start(lambda event: (self.events.append(event.message), entered.set(), go_on.wait()))
-        oxevent.submit("a"), oxevent.submit("b")
+        oxevent.submit("a")
+        oxevent.submit("b")
         entered.wait()
-        callback.unregister(), callback.unregister()
+        callback.unregister()
+        callback.unregister()
         threading.Timer(0, go_on.set).start()
         oxevent.flush()  # Leaves the interpreter to the callback that it waits for.
         self.assertEqual(self.events, ["a"])
