@@ -8,17 +8,16 @@
 #include <cstring>
 #include <string_view>
 
-// SipHash (Aumasson and Bernstein, 2012): a hash whose collisions nobody can construct without the key, so that texts
-// chosen by an attacker spread like any others. SipHash-1-3, the default, is what hash tables commonly use.
+// SipHash (Aumasson and Bernstein, 2012): a hash for which nobody can construct collisions without the key, so that
+// strings chosen by an attacker are distributed like any others. Hash tables commonly use SipHash-1-3, the default.
 struct oxEventSipKey {
   uint64_t low;
   uint64_t high;
 };
 
-// A random key, for a table that lives in this process. Never waits: early in the system's start, or where a sandbox
-// forbids getrandom, it takes the 16 random bytes that the kernel gives every program at its start (AT_RANDOM). The C
-// library derives its stack guard from them, so they stay secret from whoever chooses texts, but they are the same for
-// every table of the process.
+// A random key for a table in this process. Never waits: early in the boot, or if a sandbox forbids getrandom, uses the
+// 16 random bytes that the kernel gives every program at its start (AT_RANDOM). The C library derives its stack guard
+// from them, so an attacker does not know them; but they are the same for every table of the process.
 inline oxEventSipKey oxEventRandomSipKey() {
   oxEventSipKey key = {};
   if (getrandom(&key, sizeof(key), GRND_NONBLOCK) == static_cast<ssize_t>(sizeof(key))) return key;
@@ -28,15 +27,16 @@ inline oxEventSipKey oxEventRandomSipKey() {
   return key;
 }
 
-template <int kRoundsPerWord = 1, int kFinalRounds = 3>
-inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) {
-  constexpr size_t kWord = sizeof(uint64_t);
-  uint64_t v0 = key.low ^ 0x736f6d6570736575;
-  uint64_t v1 = key.high ^ 0x646f72616e646f6d;
-  uint64_t v2 = key.low ^ 0x6c7967656e657261;
-  uint64_t v3 = key.high ^ 0x7465646279746573;
-  const auto rounds = [&](int count) {
-    for (int i = 0; i < count; ++i) {
+// The state of the algorithm, under the names that its authors use.
+struct oxEventSipState {
+  explicit oxEventSipState(const oxEventSipKey& key)
+      : v0(key.low ^ 0x736f6d6570736575),
+        v1(key.high ^ 0x646f72616e646f6d),
+        v2(key.low ^ 0x6c7967656e657261),
+        v3(key.high ^ 0x7465646279746573) {}
+
+  void Mix(int rounds) {
+    for (int i = 0; i < rounds; ++i) {
       v0 += v1;
       v2 += v3;
       v1 = std::rotl(v1, 13) ^ v0;
@@ -48,11 +48,19 @@ inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) 
       v3 = std::rotl(v3, 21) ^ v0;
       v2 = std::rotl(v2, 32);
     }
-  };
-  const auto absorb = [&](uint64_t word) {
-    v3 ^= word;
-    rounds(kRoundsPerWord);
-    v0 ^= word;
+  }
+
+  uint64_t v0, v1, v2, v3;
+};
+
+template <int kRoundsPerWord = 1, int kFinalRounds = 3>
+inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) {
+  constexpr size_t kWord = sizeof(uint64_t);
+  oxEventSipState state(key);
+  const auto absorb = [&state](uint64_t word) {
+    state.v3 ^= word;
+    state.Mix(kRoundsPerWord);
+    state.v0 ^= word;
   };
   const auto word_at = [](const char* at) {
     uint64_t word = 0;
@@ -70,7 +78,7 @@ inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) 
     for (size_t i = 0; i < rest; ++i) last |= uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
   }
   absorb(last);
-  v2 ^= 0xFF;
-  rounds(kFinalRounds);
-  return v0 ^ v1 ^ v2 ^ v3;
+  state.v2 ^= 0xFF;
+  state.Mix(kFinalRounds);
+  return state.v0 ^ state.v1 ^ state.v2 ^ state.v3;
 }

@@ -160,28 +160,30 @@ class Sender {
 
 void Count(const oxEventRecord* event, void* result) { ++static_cast<SendResult*>(result)->emitted[event->severity]; }
 
+// Starts the library and loads its configuration again, for the report. Returns false after printing what is wrong.
+bool Start(const Options& options, SendResult* result, oxEventConfig* config) {
+  uint32_t callback = 0;
+  std::string error;
+  if (oxEventRegisterCallback(Count, result, &callback) != OXEVENT_OK ||
+      oxEventInitialize(options.settings) != OXEVENT_OK) {
+    const std::string text = LastError();
+    std::error_code failure;
+    const bool exists = std::filesystem::exists(options.settings, failure) || failure;
+    PrintError(exists ? WithRemedy(text)
+                      : text + "\n    No such file; an empty file is enough: : > '" + options.settings + "'");
+    return false;
+  }
+  if (oxEventConfigLoad(options.settings, config, &error) == OXEVENT_OK) return true;
+  PrintError(WithRemedy(error));
+  return false;
+}
+
 int Send(const Options& options) {
   signal(SIGPIPE, SIG_IGN);  // Finish the delivery even if the reader of stdout is gone.
   CatchStopSignals();
   SendResult result;
-  uint32_t callback = 0;
   oxEventConfig config;
-  std::string error;
-  if (oxEventRegisterCallback(Count, &result, &callback) != OXEVENT_OK ||
-      oxEventInitialize(options.settings) != OXEVENT_OK) {
-    const std::string text = LastError();
-    std::error_code failure;
-    if (std::filesystem::exists(options.settings, failure) || failure) {
-      PrintError(WithRemedy(text));
-    } else {
-      PrintError(text + "\n    No such file; an empty file is enough: : > '" + options.settings + "'");
-    }
-    return kExitUsage;
-  }
-  if (oxEventConfigLoad(options.settings, &config, &error) != OXEVENT_OK) {
-    PrintError(WithRemedy(error));
-    return kExitUsage;
-  }
+  if (!Start(options, &result, &config)) return kExitUsage;
   Sender(options, config).Run(&result);
   const int stopped_by = StopSignal();
   if (stopped_by != 0) PrintError(std::string("stopped by SIG") + sigabbrev_np(stopped_by));
