@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""What scripts/demo leaves to Python.
+"""The Python part of scripts/demo.
 
 demo_helper.py set SETTINGS KEY NAME VALUE     change one setting, KEY below QVX\\Events
-demo_helper.py receive SOCKET FILE             be the system log until SIGTERM: one line per datagram
-demo_helper.py alert WORK raised|over          whether the Alertmanager has the condition's alert, has it no more
-demo_helper.py report WORK PID [LOG]           show and check what the watcher PID has brought about
+demo_helper.py receive SOCKET FILE             act as the system log until SIGTERM: write one line per datagram
+demo_helper.py alert WORK raised|over          exit with 0 if the Alertmanager has, or no longer has, the condition's alert
+demo_helper.py report WORK PID [LOG]           print and check the events of the watcher PID
 """
 import csv
 import json
@@ -20,9 +20,9 @@ import receivers
 
 CONDITION = "spool.full"
 COLUMNS = ("utc_iso", "severity", "action", "event_type", "value", "threshold", "units", "duration_ms", "message")
-WIDEST = {"utc_iso": 24, "message": 44}  # Longer cells are cut.
+MAX_WIDTHS = {"utc_iso": 24, "message": 44}  # Longer cells are truncated.
 
-# What each receiver understood of an event, under the CSV file's names.
+# How to read a receiver's events, with the field names of the CSV file.
 VIEWS = {
     "rsyslog": (receivers.Rsyslog, lambda event: event),
     "snmptrapd": (receivers.SnmpTrapd, lambda event: event | {"severity": event["severity_name"]}),
@@ -41,7 +41,7 @@ def set_value(path, key, name, value):
         if node is None:
             sys.exit(f"{path}: no key '{part}' of {key}")
     setting = next((child for child in node.findall("value") if child.get("name") == name), None)
-    if setting is None:  # As are those whose default is empty.
+    if setting is None:  # The library does not add settings whose default is empty.
         setting = ElementTree.SubElement(node, "value", name=name)
     setting.text = value
     with open(path + ".new", "w", encoding="utf-8") as file:
@@ -53,7 +53,7 @@ def set_value(path, key, name, value):
 def receive(socket_path, log_path):
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as receiver, open(log_path, "ab", buffering=0) as log:
-        receiver.bind(socket_path)  # Fails when somebody else is the system log.
+        receiver.bind(socket_path)  # Fails if a system log runs.
         try:
             os.chmod(socket_path, 0o666)
             while True:
@@ -67,7 +67,7 @@ def cut(text, width):
 
 
 def print_events(rows):
-    print_table([COLUMNS] + [[cut(row[name], WIDEST.get(name, 14)) for name in COLUMNS] for row in rows])
+    print_table([COLUMNS] + [[cut(row[name], MAX_WIDTHS.get(name, 14)) for name in COLUMNS] for row in rows])
 
 
 def print_table(cells):
@@ -96,11 +96,11 @@ def alert(work, wanted):
 
 
 def read_views(work, rows):
-    """By receiver and event id. Waits for late ones, 10 s at most."""
-    folder = os.path.join(work, "receivers")
+    """Received events by receiver and event id. Waits at most 10 s for late ones."""
+    directory = os.path.join(work, "receivers")
     deadline = time.monotonic() + 10
     while True:
-        views = {name: {str(event["event_id"]): event for event in map(view, receiver().attach(folder).events())}
+        views = {name: {str(event["event_id"]): event for event in map(view, receiver().attach(directory).events())}
                  for name, (receiver, view) in VIEWS.items()}
         if all(row["event_id"] in view for view in views.values() for row in rows) or time.monotonic() > deadline:
             return views
@@ -108,9 +108,9 @@ def read_views(work, rows):
 
 
 def print_views(rows, views):
-    told = lambda event: " ".join(event[name] or "-" for name in ("severity", "action", "event_type")) if event else "?"
+    summary = lambda event: " ".join(event[name] or "-" for name in ("severity", "action", "event_type")) if event else "?"
     print_table([("event", "CSV file", *VIEWS)] +
-                [(row["event_id"], told(row), *(told(views[name].get(row["event_id"])) for name in VIEWS))
+                [(row["event_id"], summary(row), *(summary(views[name].get(row["event_id"])) for name in VIEWS))
                  for row in rows])
 
 
@@ -128,16 +128,16 @@ def view_faults(rows, views):
             event = events.get(row["event_id"], {})
             wrong = [field for field in COMPARED if str(event.get(field)) != row[field]]
             if wrong:
-                yield f"{name} lacks of event {row['event_id']}, {row['action']} {row['event_type']}: {', '.join(wrong)}"
+                yield f"{name}: event {row['event_id']}, {row['action']} {row['event_type']}: wrong {', '.join(wrong)}"
 
 
 def faults(rows, lines, delivered, suppressed):
-    """Yields what did not come out as it must."""
+    """Yields a description of each deviation from the expected events."""
     actions = [row["action"] for row in rows if row["event_type"] == CONDITION]
     if not re.fullmatch(r"raise( (update|repeat))*( update)( (update|repeat))* clear", " ".join(actions)):
-        yield f"the condition came out as: {' '.join(actions)}"
+        yield f"the condition's events are: {' '.join(actions)}"
     if "repeat" not in actions:
-        yield "no repeat came out"
+        yield "there was no repeat"
     if suppressed < 1:
         yield "no duplicate was suppressed"
     if len(rows) != delivered:
@@ -159,14 +159,14 @@ def report(work, pid, log_path=None):
         for line in lines:
             print(cut(line, 230))
     views = read_views(work, rows)
-    print("\n== what each receiver understood ==")
+    print("\n== events as each receiver has parsed them ==")
     print_views(rows, views)
     print("\n== Alertmanager ==")
     print_alerts(work)
     with open(os.path.join(work, "watch.out"), encoding="utf-8") as file:
         summary = re.search(r"^clean shutdown; reported (\d+) events, (\d+) delivered .*, 0 refused$", file.read(), re.M)
     if summary is None:
-        sys.exit("demo: FAILED: the watcher tells of no clean shutdown")
+        sys.exit("demo: FAILED: the watcher did not report a clean shutdown")
     reported, delivered = map(int, summary.groups())
     found = [*faults(rows, lines, delivered, reported - delivered), *view_faults(rows, views)]
     for fault in found:
@@ -182,5 +182,5 @@ COMMANDS = {"set": set_value, "receive": receive, "alert": alert, "report": repo
 if __name__ == "__main__":
     if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:
         sys.exit(__doc__)
-    sys.stdout.reconfigure(errors="replace")  # Not every terminal can show every text.
+    sys.stdout.reconfigure(errors="replace")  # A terminal may lack some characters.
     COMMANDS[sys.argv[1]](*sys.argv[2:])

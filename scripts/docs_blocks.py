@@ -1,14 +1,15 @@
-"""What the documents show must work: docs_blocks.py [-v] [Test.test_NAME...], with a build in OXEVENT_BUILD.
+"""Tests the code blocks of the documents: docs_blocks.py [-v] [Test.test_NAME...], with a build in OXEVENT_BUILD.
 
-Every code block is compiled or run, in order, in a copy of the tree of the page's own. Above a block may stand:
-<!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": until the page's end; the next block waits for the port
-<!-- came out: exactly -->        the block before it printed this
-<!-- saved as: FILE -->           it becomes that file
-<!-- shows in the end: TEXT -->   repeated until its output has the text
-<!-- not run: REASON -->          only checked for its syntax, and that its commands and paths exist
-"keeps running where installed": where its command is not, the page ends here.
+Every code block is compiled or run, in order, in a copy of the tree for each page. A block may follow one of these marks:
+<!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": runs until the end of the page; the next block waits for the
+                                  port
+<!-- came out: exactly -->        the output of the previous block
+<!-- saved as: FILE -->           written to this file
+<!-- shows in the end: TEXT -->   repeated until its output contains TEXT
+<!-- not run: REASON -->          checked only for its syntax, and that its commands and paths exist
+"keeps running where installed": the rest of the page is skipped if a command is missing.
 """
-import json, os, re, shlex, shutil, signal, socket, subprocess, sys, tempfile, unittest
+import json, os, re, shlex, shutil, signal, socket, subprocess, tempfile, unittest
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
@@ -17,7 +18,7 @@ import receivers
 
 PAGES = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")])
 FENCE = re.compile(r"^(?:<!-- ([a-z ]+): (.+?) -->\n)?^```(.*?)\n(.*?)^```$", re.S | re.M)
-PORTS = re.compile(r"\b(1162|2514|5140|808[0-2]|909[3-6])\b")  # Of pages and recipes, each replaced by a free one.
+PORTS = re.compile(r"\b(1162|2514|5140|808[0-2]|909[3-6])\b")  # Ports in pages and recipes, each replaced by a free one.
 SETTINGS = "<config>\n<key name='QVX'><key name='Events'>\n{}</key></key></config>\n"
 QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug</value></key><key name='sink'>
 <key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>
@@ -26,14 +27,14 @@ FLAGS = ["-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
 
 
 class Page:
-    """Its blocks at work. `count`: how many of each kind, `excepted`: the reasons of those that are not run."""
+    """Runs the blocks of a page. `count`: blocks of each kind; `skipped`: blocks that are not run, with the reasons."""
 
     def __init__(self, path, prefix):
-        self.folder = Path(tempfile.mkdtemp())
-        self.folder.chmod(0o755)  # nginx's workers are of another user.
-        shutil.copytree(ROOT, self.folder, dirs_exist_ok=True, ignore=shutil.ignore_patterns("build*", ".git", "*.svg"))
-        self.ports, self.running, self.count, self.excepted = {}, [], {}, []
-        for recipe in [*self.folder.glob("docs/*/*.conf"), *self.folder.glob("docs/*/*.yml")]:
+        self.directory = Path(tempfile.mkdtemp())
+        self.directory.chmod(0o755)  # nginx's workers run as another user.
+        shutil.copytree(ROOT, self.directory, dirs_exist_ok=True, ignore=shutil.ignore_patterns("build*", ".git", "*.svg"))
+        self.ports, self.running, self.count, self.skipped = {}, [], {}, []
+        for recipe in [*self.directory.glob("docs/*/*.conf"), *self.directory.glob("docs/*/*.yml")]:
             recipe.write_text(self.local(recipe.read_text()))
         self.text = self.local(path.read_text())
         self.environment = os.environ | {
@@ -51,21 +52,21 @@ class Page:
         for mark, note, kind, code in FENCE.findall(self.text):
             self.count[kind] = self.count.get(kind, 0) + 1
             if mark == "keeps running where installed" and not self.has_commands(code):
-                self.excepted.append(f"the rest, for a command is missing: {code.splitlines()[0]}")
+                self.skipped.append(f"the rest, because a command is missing: {code.splitlines()[0]}")
                 return
             if mark == "not run":
-                self.excepted.append(f"{note}: {code.splitlines()[0]}")
-                self.look_at(code)
+                self.skipped.append(f"{note}: {code.splitlines()[0]}")
+                self.check_only(code)
             elif mark.startswith("keeps running"):
                 self.start(code, *note.split())
             elif mark == "shows in the end":
                 receivers.await_(f"'{note}' from {code}", lambda: note in self.bash(code))
             elif mark == "came out":
-                assert code == self.printed, f"printed was:\n{self.printed}"
+                assert code == self.printed, f"the output was:\n{self.printed}"
             else:
                 if mark == "saved as":
-                    (self.folder / note).parent.mkdir(exist_ok=True)
-                    (self.folder / note).write_text(code)
+                    (self.directory / note).parent.mkdir(exist_ok=True)
+                    (self.directory / note).write_text(code)
                 getattr(self, f"do_{kind or 'unmarked'}")(code)
 
     def bash(self, code):
@@ -73,7 +74,7 @@ class Page:
         return self.printed
 
     def ran(self, command):
-        return subprocess.run(command, cwd=self.folder, env=self.environment, capture_output=True, text=True, timeout=120)
+        return subprocess.run(command, cwd=self.directory, env=self.environment, capture_output=True, text=True, timeout=120)
 
     def call(self, command):
         done = self.ran(command)
@@ -81,13 +82,13 @@ class Page:
         self.printed = done.stdout
 
     def do_unmarked(self, code):
-        raise AssertionError(f"a block of no kind: {code}")
+        raise AssertionError(f"a block without a language: {code}")
 
     def do_text(self, code):
         pass
 
     def do_cmake(self, code):
-        assert (self.folder / "fan/CMakeLists.txt").exists()  # Run by the block behind it.
+        assert (self.directory / "fan/CMakeLists.txt").exists()  # Run by the next block.
 
     def do_json(self, code):
         json.loads(code)
@@ -103,7 +104,7 @@ class Page:
         self.do_c(code, ["g++", "-std=c++17", "-x", "c++"])
 
     def do_c(self, code, compiler=("gcc", "-std=c99", "-x", "c")):
-        source, program = self.folder / "block", self.folder / "program"
+        source, program = self.directory / "block", self.directory / "program"
         whole = "main(" in code
         source.write_text(code if whole else "#include <oxEvent.h>\n" + code)
         link = ["-x", "none", f"{BUILD}/liboxEvent.so", f"-Wl,-rpath,{BUILD}", "-o", program]
@@ -113,42 +114,42 @@ class Page:
             self.seen()
 
     def quiet_settings(self):
-        (self.folder / "quiet.xml").write_text(QUIET.format(self.folder))
-        return self.folder / "quiet.xml"
+        (self.directory / "quiet.xml").write_text(QUIET.format(self.directory))
+        return self.directory / "quiet.xml"
 
     def seen(self):
-        rows = (self.folder / "seen.csv").read_text().splitlines()
-        (self.folder / "seen.csv").unlink()
+        rows = (self.directory / "seen.csv").read_text().splitlines()
+        (self.directory / "seen.csv").unlink()
         assert len(rows) > 1, "the program reported nothing"
 
     def do_xml(self, code):
-        """What is shown becomes settings.xml, with which the page's next blocks work."""
+        """Writes the block to settings.xml, which the next blocks of the page use."""
         code = re.sub(r"<\?xml.*?\?>\s*", "", code)
         if not code.startswith("<config>"):
             inside = re.match(r'<key name="(core|state|sink)">', code)
             code = SETTINGS.format(code if inside else f"<key name='sink'>{code}</key>")
         ElementTree.fromstring(code)
         for name in ("settings.xml", "loaded.xml"):
-            (self.folder / name).write_text(code)
-            (self.folder / name).chmod(0o600)
+            (self.directory / name).write_text(code)
+            (self.directory / name).chmod(0o600)
         self.call(["oxevent-check", "loaded.xml"])
-        if not self.running:  # They are to see the page's own event.
+        if not self.running:  # Receivers must see only the page's own event.
             self.call(["bash", "-c", "mkdir -p elsewhere; cd elsewhere; oxevent-minimal ../loaded.xml"])
 
     def has_commands(self, code):
         plain = re.sub(r"""\\\n|'[^']*'|"[^"]*"|#.*|\w+=(\$\([^)]*\)|\S*)""", " ", code)
         first = [part.split()[0] for part in re.split(r"&&|[|\n;]", plain) if part.split()]
-        return all(shutil.which(self.folder / name if "/" in name else name, path=self.environment["PATH"]) for name in first)
+        return all(shutil.which(self.directory / name if "/" in name else name, path=self.environment["PATH"]) for name in first)
 
-    def look_at(self, code):
+    def check_only(self, code):
         self.call(["bash", "-n", "-c", code])
-        assert self.has_commands(code), f"a command of these is missing: {code}"
+        assert self.has_commands(code), f"one of these commands is missing: {code}"
         for path in re.findall(r"\b(?:docs|scripts|examples|tests|tools|include)/[\w./-]+\w", code):
-            assert (self.folder / path).exists(), f"no {path}"
+            assert (self.directory / path).exists(), f"no {path}"
 
     def start(self, code, kind, port):
-        (self.folder / "events").mkdir(exist_ok=True)
-        child = subprocess.Popen(["bash", "-euo", "pipefail", "-c", code], cwd=self.folder, env=self.environment,
+        (self.directory / "events").mkdir(exist_ok=True)
+        child = subprocess.Popen(["bash", "-euo", "pipefail", "-c", code], cwd=self.directory, env=self.environment,
                                  start_new_session=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.running.append(child)
         if kind != "no":
@@ -164,7 +165,7 @@ class Page:
             except ProcessLookupError:
                 pass
             child.communicate()
-        shutil.rmtree(self.folder)
+        shutil.rmtree(self.directory)
 
 
 class Test(unittest.TestCase):
@@ -177,7 +178,7 @@ class Test(unittest.TestCase):
     def test_blocks(self):
         self.assertIn(re.search("^```c\n(.*?)^```", (ROOT / "README.md").read_text(), re.S | re.M)[1],
                       (ROOT / "examples/minimal.c").read_text())
-        count, excepted = {}, []
+        count, skipped = {}, []
         with tempfile.TemporaryDirectory() as prefix:
             subprocess.run(["cmake", "--install", BUILD, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
             for path in PAGES:
@@ -188,8 +189,8 @@ class Test(unittest.TestCase):
                     self.addCleanup(page.close)
                     page.run()
                     count = {kind: count.get(kind, 0) + page.count.get(kind, 0) for kind in count | page.count}
-                    excepted += [f"{path.name}: {note}" for note in page.excepted]
-        print(count, "not run:", *excepted, sep="\n")
+                    skipped += [f"{path.name}: {note}" for note in page.skipped]
+        print(count, "not run:", *skipped, sep="\n")
 
 
 if __name__ == "__main__":

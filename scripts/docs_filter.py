@@ -1,7 +1,8 @@
 #!/usr/bin/python3
-"""Prints a document or a header as Doxygen wants it: docs_filter.py FILE
+"""Converts a document or a header to Doxygen's input and prints it: docs_filter.py FILE
 
-A page is named by its file, docs/receivers/nginx.md "receivers-nginx", and its headings by that and GitHub's anchor.
+The name of a page comes from its path, docs/receivers/nginx.md: "receivers-nginx"; the name of a heading is the name of
+its page and the anchor that GitHub gives it.
 """
 import html
 import re
@@ -39,15 +40,15 @@ def line_of_page(path, line):
         level, text = heading.groups()
         name = f"{page_name(path)}-{slug(text)}" if level != "#" else page_name(path).replace("index", "mainpage")
         return f"{level} {text} {{#{name}}}"
-    parts = re.split(r"(`[^`]*`)", line)  # Odd ones are code.
+    parts = re.split(r"(`[^`]*`)", line)  # Odd elements are code.
     for i in range(0, len(parts), 2):
         parts[i] = re.sub(r"\\(?![|])|@", r"\\\g<0>", parts[i])
     for i in range(1, len(parts), 2):
         if "\\|" in parts[i]:  # Doxygen would show the backslash.
             parts[i] = f"<code>{html.escape(parts[i][1:-1], quote=False)}</code>"
-        parts[i] = re.sub(r"https?://", r"%\g<0>", parts[i])  # No link.
+        parts[i] = re.sub(r"https?://", r"%\g<0>", parts[i])  # Not a link.
     line = re.sub(r"(?<!%)https?://(?!\w)", r"%\g<0>", "".join(parts))
-    line = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", line)  # Doxygen knows none with much in it.
+    line = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", line)  # Doxygen supports only short ones.
     line = re.sub(r"!\[([^]]*)\]\(([^)]+)\)",
                   lambda m: f'<img src="{(path.parent / m[2]).resolve().relative_to(ROOT)}" alt="{m[1]}">', line)
     return re.sub(r"(?<!!)\[([^]]+)\]\(([^)\s]+)\)", lambda m: link(path, m[1], m[2]), line)
@@ -59,7 +60,7 @@ def page(path, text):
     for i, block in enumerate(blocks):
         if i % 2:
             joined.append(re.sub(r"^```(\w+)", r"```{.\1}", block))
-        else:  # A link may go over a line's end.
+        else:  # A link may contain a line feed.
             block = re.sub(r"\[[^]`]*\]\([^)]*\)", lambda m: m[0].replace("\n", " "), block)
             joined.append("\n".join(line_of_page(path, line) for line in block.split("\n")))
     out = "".join(joined)
@@ -67,7 +68,7 @@ def page(path, text):
 
 
 def header(text):
-    """Comments as Doxygen's, but for those over a group or a condition; functions and result codes as links."""
+    """Converts comments to Doxygen comments, except those of groups and conditions; links functions and result codes."""
     functions = re.findall(r"^(?:extern \"C\" )?OXEVENT_API \w+ (\w+)\(", text, re.M)
     text = re.sub(r"^/\*\n \* oxEvent:", "/*\n * \\\\file\n * oxEvent:", text)
     text = re.sub(r"^/\*(?=[\n ])(?![^\n]*\*/\n#(?:if|.*\n#define))", "/**", text, flags=re.M)

@@ -1,6 +1,6 @@
-"""Three hosts and what receives from many, with the files of docs/fleet: docs_fleet.py [-v] [Test.test_NAME...].
+"""Tests the recipes of docs/fleet with three hosts: docs_fleet.py [-v] [Test.test_NAME...].
 
-In the environment: OXEVENT_LIBRARY and OXEVENT_ALERT_POSTER, as scripts/check has them.
+Needs the environment variables OXEVENT_LIBRARY and OXEVENT_ALERT_POSTER, as scripts/check sets them.
 """
 import collections, ctypes, json, os, re, socket, subprocess, sys, tempfile, time, unittest, urllib.request
 from pathlib import Path
@@ -12,7 +12,7 @@ from receivers import await_, free_port, read_log
 RECIPES = Path(__file__).parent.parent / "docs" / "fleet"
 
 
-def host(settings, *urls):  # A process that reports the lists of events that it reads.
+def host(settings, *urls):  # Reports the lists of events that it reads from standard input.
     poster = ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
     poster.AlertPosterStart.restype, poster.AlertPosterStop.argtypes = ctypes.c_void_p, [ctypes.c_void_p]
     posters = [poster.AlertPosterStart(url.encode()) for url in urls]
@@ -25,10 +25,10 @@ def host(settings, *urls):  # A process that reports the lists of events that it
     sys.exit(sum(map(poster.AlertPosterStop, posters)))
 
 
-def adapt(receiver, name, old, new):  # The recipe with one text changed, in the receiver's folder.
+def adapt(receiver, name, old, new):  # Copies a recipe to the receiver's directory, with one string replaced.
     text = (RECIPES / name).read_text()
     assert old in text
-    (receiver.folder / name).write_text(text.replace(old, new))
+    (receiver.directory / name).write_text(text.replace(old, new))
     return name
 
 
@@ -39,11 +39,11 @@ class Relay(receivers.Receiver):
         return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "rsyslog-relay.conf"]
 
     def environment(self):
-        return {"OXEVENT_RELAY_FOLDER": str(self.folder), "OXEVENT_RELAY_PORT": str(self.port),
+        return {"OXEVENT_RELAY_FOLDER": str(self.directory), "OXEVENT_RELAY_PORT": str(self.port),
                 "OXEVENT_STORE_HOST": "127.0.0.1", "OXEVENT_STORE_PORT": str(self.store.port)}
 
     def waiting(self):
-        state = self.folder / "oxevent.qi"
+        state = self.directory / "oxevent.qi"
         return int(re.search(r"iQueueSize:2:\d+:(\d+)", state.read_text())[1]) if state.exists() else 0
 
 
@@ -52,7 +52,7 @@ class Store(receivers.Receiver):
         return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "rsyslog-store.conf"]
 
     def environment(self):
-        return {"OXEVENT_STORE_FOLDER": str(self.folder), "OXEVENT_STORE_PORT": str(self.port)}
+        return {"OXEVENT_STORE_FOLDER": str(self.directory), "OXEVENT_STORE_PORT": str(self.port)}
 
 
 class Alertmanager(receivers.Alertmanager):
@@ -71,7 +71,7 @@ class Broker(receivers.HttpReceiver):
     path = "/publish"
 
     def command(self):
-        return ["nginx", "-p", f"{self.folder}/", "-c", adapt(self, "nchan.conf", "127.0.0.1:8082", f"127.0.0.1:{self.port}"),
+        return ["nginx", "-p", f"{self.directory}/", "-c", adapt(self, "nchan.conf", "127.0.0.1:8082", f"127.0.0.1:{self.port}"),
                 "-g", "daemon off;" + receivers.AS_ROOT]
 
 
@@ -85,18 +85,18 @@ class Subscriber(receivers.Receiver):
 
 class Test(unittest.TestCase):
     def setUp(self):
-        self.folder = self.enterContext(tempfile.TemporaryDirectory())
-        self.errors = self.enterContext(open(f"{self.folder}/errors", "w"))
+        self.directory = self.enterContext(tempfile.TemporaryDirectory())
+        self.errors = self.enterContext(open(f"{self.directory}/errors", "w"))
 
-    def start(self, kind, folder="", **attributes):
+    def start(self, kind, directory="", **attributes):
         receiver = kind()
         vars(receiver).update(attributes)
-        return self.enterContext(receiver.start(f"{self.folder}/{folder}"))
+        return self.enterContext(receiver.start(f"{self.directory}/{directory}"))
 
     def start_hosts(self, section, settings, *urls):
         self.hosts = []
         for number in range(3):
-            file = f"{self.folder}/host-{number}.xml"
+            file = f"{self.directory}/host-{number}.xml"
             receivers.write_settings(file, {"sink\\native\\main": {"enabled": 0},
                                             section: {name: str(value).replace("HOST", f"host-{number}")
                                                       for name, value in settings.items()}})
@@ -108,13 +108,13 @@ class Test(unittest.TestCase):
         for process in self.hosts:
             process.stdin.close()
         for process in self.hosts:
-            process.wait(receivers.PATIENCE)
+            process.wait(receivers.TIMEOUT_S)
             process.stdout.close()
 
     def expected(self, names):
         return {f"host-{number} {name}" for number in range(3) for name in names}
 
-    def begin(self, names, **fields):  # Each host reports one event for each name.
+    def begin(self, names, **fields):  # Makes each host report one event for each name.
         for number, process in enumerate(self.hosts):
             events = [{"message": f"host-{number} {name}", "source_id": f"host-{number}", "event_type": str(name)} | fields
                       for name in names]
@@ -132,14 +132,14 @@ class Test(unittest.TestCase):
         store = self.start(Store)
         relay = self.start(Relay, store=store)
         self.start_hosts("sink\\syslog\\udp\\default", {"enabled": 1, "port": relay.port, "app_name": "HOST"})
-        stored = lambda: {json.loads(line)["raw"].split("] ")[-1] for line in read_log(store.folder / "events.log")}
+        stored = lambda: {json.loads(line)["raw"].split("] ")[-1] for line in read_log(store.directory / "events.log")}
         all_of = lambda names: await_("the arrival", lambda: stored() >= self.expected(names))
         self.report(range(20))
         all_of(range(20))
         store.stop()
-        self.report(range(20, 60))  # Few enough for a receive buffer of the usual size.
+        self.report(range(20, 60))  # Few enough for a receive buffer of default size.
         await_("the queue on disk", lambda: relay.waiting() == 120)
-        relay.child.kill()  # As the page says.
+        relay.child.kill()  # As in docs/fleet.md.
         relay.stop()
         relay.run()
         self.report(range(60, 80))
@@ -154,7 +154,7 @@ class Test(unittest.TestCase):
         peers = [f"127.0.0.1:{free_port(socket.SOCK_STREAM)}" for _ in range(2)]
         pair = [self.start(Alertmanager, name, operators=operators.url, peers=order)
                 for name, order in (("a", peers), ("b", peers[::-1]))]
-        self.addCleanup(pair[1].child.kill)  # Its leave of the cluster would take 10 s.
+        self.addCleanup(pair[1].child.kill)  # Killed, because leaving the cluster takes 10 s.
         for one in pair:
             await_("the cluster", lambda: one.metric("alertmanager_cluster_members") == 2)
         self.start_hosts("sink\\native\\main", {}, *(one.url for one in pair))
@@ -164,7 +164,7 @@ class Test(unittest.TestCase):
             return collections.Counter(alert["annotations"]["summary"] for body in bodies for alert in body["alerts"])
 
         self.report(["door"], action="raise")
-        for one in pair:  # Each has looked whether the other has told.
+        for one in pair:  # Each has checked whether the other has sent the notification.
             await_("the decision", lambda: one.metric("alertmanager_nflog_queries_total") >= 3)
         pair[0].child.kill()
         pair[0].stop()
@@ -178,25 +178,25 @@ class Test(unittest.TestCase):
         self.start_hosts("sink\\webhook\\http\\default", {
             "enabled": 1, "endpoint_url": broker.url, "payload_mode": "cloudevents", "cloudevents_source": "//HOST/test?1",
             "retry_count": 1000, "backoff_ms": 20})
-        read = lambda: [json.loads(json.loads(line)["document"]) for line in read_log(subscriber.folder / subscriber.log)]
+        read = lambda: [json.loads(json.loads(line)["document"]) for line in read_log(subscriber.directory / subscriber.log)]
         all_of = lambda count: await_("the arrival", lambda: len(read()) == 3 * count)
         self.report(range(20))
         all_of(20)
         subscriber.child.kill()
         subscriber.stop()
-        self.report(range(20, 40))  # Kept for the subscriber.
+        self.report(range(20, 40))  # The broker keeps them for the subscriber.
         subscriber.run()
         all_of(40)
         broker.stop()
-        self.begin(range(40, 50))  # The hosts try again.
+        self.begin(range(40, 50))  # The hosts retry.
         second = int(time.time())
-        await_("another second, for which the broker's positions begin anew", lambda: int(time.time()) > second)
+        await_("the next second, in which the broker's positions start again", lambda: int(time.time()) > second)
         broker.run()
         self.end()
         all_of(50)
         self.assertEqual({event["data"]["message"] for event in read()}, self.expected(range(50)))
         self.assertEqual(len({(event["source"], event["id"]) for event in read()}), 150)
-        self.assertNotIn("missing", (subscriber.folder / "output").read_text())
+        self.assertNotIn("missing", (subscriber.directory / "output").read_text())
 
 
 if __name__ == "__main__":

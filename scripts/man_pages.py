@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Writes man pages, in mdoc, of what is written down elsewhere.
+"""Generates man pages, in mdoc, from other documents.
 
-man_pages.py header FOLDER                     include/oxEvent.h: a page for each entry point, and oxEventRecord(3)
-man_pages.py page NAME SECTION FILE.md FOLDER  a reference in Markdown: headings, paragraphs, code blocks, tables
-man_pages.py tool NAME HELP FOLDER             what a tool prints for --help
+man_pages.py header DIRECTORY                     from include/oxEvent.h: each entry point, and oxEventRecord(3)
+man_pages.py page NAME SECTION FILE.md DIRECTORY  from a reference in Markdown: headings, paragraphs, code blocks, tables
+man_pages.py tool NAME HELP DIRECTORY             from the output of a tool's --help
 
-FOLDER holds man3 and so on.
+DIRECTORY contains man3 and so on.
 """
 import re
 import sys
@@ -23,8 +23,8 @@ echo '{"message": "Fan 2 stands still", "value": 0, "units": "1/min"}' | oxevent
 oxevent-check settings.xml
 oxevent-check --explain queue_size
 """)}
-TOGETHER = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions that are on another's page.
-            "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
+SHARED_PAGES = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions on the page of another one.
+                "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
 
 
 def escape(text):
@@ -32,7 +32,7 @@ def escape(text):
 
 
 def lines(text):
-    """Filled text: lines of at most 80 bytes, each sentence on a new one."""
+    """Wraps text to lines of at most 80 bytes and starts each sentence on a new line."""
     filled = [line for sentence in re.split(r'(?<=[\w)"`][.:]) +(?=["`(A-Z])|(?<=\w\.) +', " ".join(text.split()))
               for line in textwrap.wrap(re.sub("`([^`]*)`", r"\\fB\1\\fP", sentence.replace("\\", r"\e")), 78,
                                         break_long_words=False, break_on_hyphens=False)]
@@ -40,7 +40,7 @@ def lines(text):
 
 
 def mark(text, own):
-    """The same, with functions, result codes and parameters of the header marked up."""
+    """Like lines(), but marks up functions, result codes and parameters of the header."""
     out = []
     for word in re.sub(r"^\\&", "", lines(text), flags=re.M).replace("\n", " \n ").split(" "):
         name = re.fullmatch(r'(["(]*)(oxEvent[A-Z]\w+|OXEVENT_\w+[a-zA-Z]|\*?[a-z]+_[a-z_]+)(::\w+)?([).,;:"]*)', word)
@@ -65,7 +65,7 @@ def see_also(pages):
     return ".Sh SEE ALSO\n" + " ,\n".join(f".Xr {page}" for page in ordered) + "\n"
 
 
-# Of Markdown.
+# Pages from Markdown.
 
 def table(rows):
     cells = [[cell.strip().replace("\\|", "|") for cell in re.split(r"(?<!\\)\|", row)[1:-1]] for row in rows]
@@ -94,7 +94,7 @@ def markdown_page(name, section, text):
     return out + see_also(SEE_ALSO[name])
 
 
-# Of the header.
+# Pages from the header.
 
 def comment(text):
     return [" ".join(part.split()) for part in re.sub(r"^ ?\*( |$)", "", text.strip(), flags=re.M).split("\n\n")]
@@ -127,24 +127,24 @@ def header_pages(header):
         name = re.search(r"(\w+)\(", declaration)[1]
         failing = next((part for part in comment(text) if part.startswith("OXEVENT_")), "")
         of[name] = errors(failing, codes)
-        entries.setdefault(TOGETHER.get(name, name), []).append((name, comment(text), declaration))
+        entries.setdefault(SHARED_PAGES.get(name, name), []).append((name, comment(text), declaration))
     callback = re.search(r"/\*((?:(?!\*/).)*)\*/\n(typedef void \(\*oxEventCallback\)[^;]*;)", header, re.S)
     pages = {"oxEventRecord": record_page(header)}
     threads, texts = re.search(r"(Every function .*? escape\.).*?(Strings are .*? must free\.)", file_comment(header)).groups()
     for page, functions in entries.items():
         own = [name for name, _, _ in functions]
-        told = [told_of(name if len(own) > 1 else "", body, own) for name, body, _ in functions]
+        described = [description(name if len(own) > 1 else "", body, own) for name, body, _ in functions]
         shown = [prototype(declaration) for _, _, declaration in functions]
         if "Callback" in page:
             shown.insert(0, f".Bd -literal\n{callback[2]}\n.Ed\n.Pp")
-            told.append(told_of("", ["The callback " + decapitalized(comment(callback[1])[0])], own))
+            described.append(description("", ["The callback " + decapitalized(comment(callback[1])[0])], own))
         if "const oxEventAlertmanagerFormatterConfig&" in shown[0]:
-            told.append("The configuration:\n" + fields(header, "oxEventAlertmanagerFormatterConfig"))
-        told.append(mark(threads, own) + ("\n" + mark(texts, own) if "*" in shown[0] else ""))
+            described.append("The configuration:\n" + fields(header, "oxEventAlertmanagerFormatterConfig"))
+        described.append(mark(threads, own) + ("\n" + mark(texts, own) if "*" in shown[0] else ""))
         purpose = decapitalized(re.split(r"[.:;(]|, [a-z]+ (?!the)", functions[0][1][0])[0].strip())
         out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose}")
         out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n" + "\n".join(shown)
-        out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(told) + "\n" + returned([f for name in own for f in of[name]], own)
+        out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(described) + "\n" + return_values([f for name in own for f in of[name]], own)
         others = {"oxevent 3", "oxevent-errors 7"} | {f"{one} 3" for one in re.findall(r"\.Xr (\w+) 3", out)}
         others |= {"oxEventRecord 3"} if "oxEventRecord" in out else set()
         pages[page] = out + see_also(others)
@@ -156,20 +156,21 @@ def decapitalized(text):
     return text[0].lower() + text[1:]
 
 
-def told_of(name, body, own):
-    """The paragraphs but the errors, begun with the function's name if given."""
+def description(name, body, own):
+    """The paragraphs without the errors, starting with the function's name if given."""
     parts = [part for part in body if not part.startswith("OXEVENT_")]
     if name:
         parts[0] = decapitalized(parts[0])
     return (f".Fn {name}\n" if name else "") + "\n.Pp\n".join(mark(part, own) for part in parts)
 
 
-def returned(failures, own):
+def return_values(failures, own):
     if not failures:
         return ".Sh RETURN VALUES\n" + mark("OXEVENT_API_VERSION.", own) + "\n"
-    told = not any("last error" in reason for _, reason in failures)  # Of a function that leaves it alone.
+    # The comment of a function that does not set the last error says so.
+    sets_last_error = not any("last error" in reason for _, reason in failures)
     out = ".Sh RETURN VALUES\n" + mark("OXEVENT_OK, or one of the result codes below"
-                                       + ("; oxEventGetLastError then gives the reason." if told else "."), own)
+                                       + ("; oxEventGetLastError then gives the reason." if sets_last_error else "."), own)
     out += "\n.Sh ERRORS\n.Bl -tag -width Ds\n"
     for names, reason in dict.fromkeys(failures):
         out += f".It {' , '.join(f'Dv {one}' for one in names)}\n{mark(reason[0].upper() + reason[1:], own)}\n"
@@ -192,7 +193,7 @@ def record_page(header):
     return out + fields(header, "oxEventRecord") + "\n" + see_also(["oxevent 3", "oxEventSubmit 3", "oxEventRegisterCallback 3"])
 
 
-# Of a tool's --help.
+# Pages from a tool's --help.
 
 def tool_page(name, text):
     purpose, example = TOOLS[name]
@@ -215,9 +216,9 @@ def tool_page(name, text):
                 out += f".It Fl -{option}{' Ar ' + value if value else ''}\n{lines(meaning)}\n"
             out += ".El\n"
         else:
-            for shown, told in re.findall(r"((?:^  .*\n?)+)|((?:^\S.*\n?)+)", part, re.M):
-                out += f".Bd -literal -offset indent\n{escape(shown).rstrip()}\n.Ed\n" if shown else (
-                    ("" if out.rsplit("\n", 2)[1].startswith((".Sh", ".Ss")) else ".Pp\n") + lines(told) + "\n")
+            for literal, text_lines in re.findall(r"((?:^  .*\n?)+)|((?:^\S.*\n?)+)", part, re.M):
+                out += f".Bd -literal -offset indent\n{escape(literal).rstrip()}\n.Ed\n" if literal else (
+                    ("" if out.rsplit("\n", 2)[1].startswith((".Sh", ".Ss")) else ".Pp\n") + lines(text_lines) + "\n")
     out += ".Sh EXIT STATUS\n.Bl -tag -width Ds\n"
     for code, meaning in re.findall(r"(\d) +(.*?)(?=,? +\d |$)", " ".join(status.split())):
         out += f".It {code}\n{lines(meaning[0].upper() + meaning[1:].rstrip('.'))}.\n"
@@ -231,11 +232,11 @@ def main():
         for name, page in pages.items():
             (Path(sys.argv[2]) / "man3" / f"{name}.3").write_text(page)
     elif sys.argv[1:2] == ["page"] and len(sys.argv) == 6:
-        _, _, name, section, source, folder = sys.argv
-        (Path(folder) / f"man{section}" / f"{name}.{section}").write_text(markdown_page(name, section, Path(source).read_text()))
+        _, _, name, section, source, directory = sys.argv
+        (Path(directory) / f"man{section}" / f"{name}.{section}").write_text(markdown_page(name, section, Path(source).read_text()))
     elif sys.argv[1:2] == ["tool"] and len(sys.argv) == 5:
-        _, _, name, text, folder = sys.argv
-        (Path(folder) / "man1" / f"{name}.1").write_text(tool_page(name, text))
+        _, _, name, text, directory = sys.argv
+        (Path(directory) / "man1" / f"{name}.1").write_text(tool_page(name, text))
     else:
         sys.exit(__doc__)
 

@@ -1,16 +1,16 @@
 #!/usr/bin/python3
-"""Starts what receives events, as plain children on loopback with the configurations of docs/receivers.
+"""Starts receivers of events as child processes on loopback, with the configurations of docs/receivers.
 
-receivers.py run FOLDER [NAME...]   start them (without names: all), write FOLDER/NAME/port each, stop them on SIGTERM
-receivers.py show FOLDER [NAME...]  print what each has understood, one JSON object per event
+receivers.py run DIRECTORY [NAME...]   start them (default: all), write DIRECTORY/NAME/port of each, stop them on SIGTERM
+receivers.py show DIRECTORY [NAME...]  print the events that each has parsed, one JSON object per event
 
 As a module:
-    with Rsyslog().start(folder) as rsyslog:
+    with Rsyslog().start(directory) as rsyslog:
         ...  # Events to UDP port rsyslog.port.
         for event in rsyslog.events(): ...
 
-Texts are str; bytes that are not UTF-8 appear in them as with errors="surrogateescape". Nothing outside the folder is
-written, and a receiver does not outlive its parent.
+Strings contain bytes that are not UTF-8 as with errors="surrogateescape". Receivers write no file outside the directory
+and do not outlive their parent.
 """
 import atexit
 import ctypes
@@ -27,9 +27,9 @@ import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
-PATIENCE = 30  # Seconds for what must happen anyway, however busy the machine.
+TIMEOUT_S = 30  # Generous, for busy machines: everything waited for is expected to happen.
 PR_SET_PDEATHSIG = 1
-AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # In a user namespace of one user there is no other for workers.
+AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may have no other user for nginx's workers.
 
 
 def free_port(kind):
@@ -39,11 +39,11 @@ def free_port(kind):
 
 
 def await_(what, condition):
-    """Polls until the condition holds and returns what it gave."""
-    deadline = time.monotonic() + PATIENCE
+    """Polls until the condition is true and returns its result."""
+    deadline = time.monotonic() + TIMEOUT_S
     while not (result := condition()):
         if time.monotonic() > deadline:
-            raise TimeoutError(f"{what} did not happen in {PATIENCE} s")
+            raise TimeoutError(f"{what} did not happen in {TIMEOUT_S} s")
         time.sleep(0.01)
     return result
 
@@ -57,12 +57,12 @@ def octets(value):
 
 
 def read_log(path):
-    """The complete lines so far."""
+    """Returns the complete lines written so far."""
     return text(path.read_bytes()).split("\n")[:-1] if path.exists() else []
 
 
 def write_settings(path, sections):
-    """A settings file for the library, from {key below QVX\\Events: {name: value}}."""
+    """Writes a settings file for the library from {key below QVX\\Events: {name: value}}."""
     root = ElementTree.Element("config")
     for key, values in sections.items():
         node = root
@@ -75,24 +75,24 @@ def write_settings(path, sections):
 
 
 class Receiver:
-    """What they share. Subclasses: `command`, `parse`, and what differs."""
+    """Base class. Subclasses define `command`, and override `parse` and other members as needed."""
 
     kind = socket.SOCK_STREAM
-    path = ""  # Of the URL.
+    path = ""  # Path of the URL.
     log = "events.log"
 
-    def start(self, folder):
-        self.attach(folder)
-        self.folder.mkdir(parents=True)
+    def start(self, directory):
+        self.attach(directory)
+        self.directory.mkdir(parents=True)
         self.port = free_port(self.kind)
         return self.run()
 
     def run(self):
-        """Starts it, again too: with the folder and the port that it had."""
+        """Starts or restarts the receiver, with the same directory and port."""
         libc = ctypes.CDLL(None)
-        with open(self.folder / "output", "ab") as output:
+        with open(self.directory / "output", "ab") as output:
             self.child = subprocess.Popen(
-                self.command(), cwd=self.folder, env=os.environ | self.environment(), stdin=subprocess.DEVNULL,
+                self.command(), cwd=self.directory, env=os.environ | self.environment(), stdin=subprocess.DEVNULL,
                 stdout=output, stderr=output, preexec_fn=lambda: libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM))
         atexit.register(self.stop)
         try:
@@ -100,14 +100,14 @@ class Receiver:
         except BaseException:
             self.stop()
             raise
-        (self.folder / "port").write_text(f"{self.port}\n")
+        (self.directory / "port").write_text(f"{self.port}\n")
         return self
 
-    def attach(self, folder):
-        """To read what a receiver has received that another process has started."""
+    def attach(self, directory):
+        """Gives access to the events of a receiver that another process has started."""
         self.name = type(self).__name__.lower()
-        self.folder = Path(folder).absolute() / self.name
-        port = self.folder / "port"
+        self.directory = Path(directory).absolute() / self.name
+        port = self.directory / "port"
         self.port = int(port.read_text()) if port.exists() else None
         return self
 
@@ -115,7 +115,7 @@ class Receiver:
         atexit.unregister(self.stop)
         self.child.terminate()
         try:
-            self.child.wait(PATIENCE)
+            self.child.wait(TIMEOUT_S)
         except subprocess.TimeoutExpired:
             self.child.kill()
             self.child.wait()
@@ -132,7 +132,7 @@ class Receiver:
 
     def ready(self):
         if self.child.poll() is not None:
-            output = (self.folder / "output").read_text(errors="replace")
+            output = (self.directory / "output").read_text(errors="replace")
             raise RuntimeError(f"{self.name} ended with {self.child.returncode}: {output[-2000:]}")
         return self.listens()
 
@@ -140,7 +140,7 @@ class Receiver:
         if self.kind == socket.SOCK_STREAM:
             with socket.socket() as probe:
                 return probe.connect_ex(("127.0.0.1", self.port)) == 0
-        # A datagram would be an event, and a bind would be in the receiver's way.
+        # A datagram would be an event, and a bind would occupy the receiver's port.
         return f" 0100007F:{self.port:04X} " in Path("/proc/net/udp").read_text()
 
     def environment(self):
@@ -148,19 +148,19 @@ class Receiver:
 
     @property
     def settings(self):
-        """What makes the library send there, to stand in its `section`."""
+        """The settings, for the key `section`, that make the library send to this receiver."""
         return {"enabled": 1} | ({"port": self.port} if self.kind == socket.SOCK_DGRAM else {"endpoint_url": self.url})
 
     def parse(self, line):
         return json.loads(line)
 
     def events(self):
-        """Of each event what was understood, in the order of arrival."""
-        return [self.parse(line) for line in read_log(self.folder / self.log)]
+        """The parsed events, in order of arrival."""
+        return [self.parse(line) for line in read_log(self.directory / self.log)]
 
 
 class Rsyslog(Receiver):
-    """The header's fields, the structured data's parameters, "message", and "raw": the datagram as it came."""
+    """Events contain the header's fields, the structured data's parameters, "message", and "raw": the whole datagram."""
 
     kind = socket.SOCK_DGRAM
     section = "sink\\syslog\\udp\\default"
@@ -169,22 +169,22 @@ class Rsyslog(Receiver):
         return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "rsyslog.conf"]
 
     def environment(self):
-        return {"OXEVENT_SYSLOG_PORT": str(self.port), "OXEVENT_SYSLOG_FOLDER": str(self.folder)}
+        return {"OXEVENT_SYSLOG_PORT": str(self.port), "OXEVENT_SYSLOG_FOLDER": str(self.directory)}
 
     def parse(self, line):
         event = super().parse(line)
-        return event | event.pop("event", {})  # Without one where the data does not end.
+        return event | event.pop("event", {})  # Missing if the structured data is truncated.
 
 
 class SnmpTrapd(Receiver):
-    """The objects' values by their fields' names."""
+    """Events contain the values of the objects by the names of the fields."""
 
     kind = socket.SOCK_DGRAM
     section = "sink\\snmp\\trap\\default"
     FIELDS = ("severity", "severity_name", "event_id", "event_type", "source_id", "source_name", "action", "message",
               "dedupe_key", "correlation_id", "utc_ns", "details_json")
     FIRST, OBJECTS = ".1.3.6.1.2.1.1.3.0", ".1.3.6.1.4.1.32473.1.1.1."
-    # A text is in quotes, or in hexadecimal where a byte is not printable. A text may go over several lines.
+    # A string is in quotes, or in hexadecimal if a byte is not printable. It may contain line feeds.
     BINDING = re.compile(r'^(\.[0-9.]+) = (?:(?:STRING: )?"((?:[^"\\]|\\.)*)"|Hex-STRING: ([0-9A-F ]*)|\w+: (\S+))',
                          re.DOTALL | re.MULTILINE)
 
@@ -194,30 +194,30 @@ class SnmpTrapd(Receiver):
 
     def events(self):
         events = []
-        for oid, quoted, hexadecimal, other in self.BINDING.findall("\n".join(read_log(self.folder / self.log))):
+        for oid, quoted, hexadecimal, other in self.BINDING.findall("\n".join(read_log(self.directory / self.log))):
             if oid == self.FIRST:
                 events.append({})
             elif oid.startswith(self.OBJECTS):
                 field = self.FIELDS[int(oid.split(".")[-2]) - 1]
                 octets = text(bytes.fromhex(hexadecimal))
                 events[-1][field] = other or octets or re.sub(r"\\(.)", r"\1", quoted, flags=re.DOTALL)
-        return [event for event in events if len(event) == len(self.FIELDS)]  # Not one that is still being written.
+        return [event for event in events if len(event) == len(self.FIELDS)]  # Ignores an event that is still being written.
 
 
 class HttpReceiver(Receiver):
-    """nginx: the request's header fields, and "body"."""
+    """nginx. Events contain the request's header fields, and "body"."""
 
     path = "/events"
     section = "sink\\webhook\\http\\default"
 
     def command(self):
         configuration = (RECIPES / "nginx.conf").read_text()
-        (self.folder / "nginx.conf").write_text(configuration.replace("127.0.0.1:8080", f"127.0.0.1:{self.port}"))
-        return ["nginx", "-p", f"{self.folder}/", "-c", "nginx.conf", "-g", "daemon off;" + AS_ROOT]
+        (self.directory / "nginx.conf").write_text(configuration.replace("127.0.0.1:8080", f"127.0.0.1:{self.port}"))
+        return ["nginx", "-p", f"{self.directory}/", "-c", "nginx.conf", "-g", "daemon off;" + AS_ROOT]
 
 
 class CloudEventsReceiver(Receiver):
-    """The "body" of the documents that were accepted; of the others "refused", the reason."""
+    """Events contain "body" for an accepted document, or "refused", the reason, for another one."""
 
     section = "sink\\cloudevents\\http\\default"
 
@@ -229,7 +229,7 @@ class CloudEventsReceiver(Receiver):
 
 
 class Alertmanager(Receiver):
-    """The alerts that are active now, as its API gives them."""
+    """Events are the active alerts, as the API returns them."""
 
     path = "/api/v2/alerts"
     section = "sink\\alertmanager\\main"
@@ -239,28 +239,28 @@ class Alertmanager(Receiver):
                 "--web.listen-address", f"127.0.0.1:{self.port}", "--cluster.listen-address", ""]
 
     def events(self):
-        with urllib.request.urlopen(self.url) as answer:
-            return json.load(answer)
+        with urllib.request.urlopen(self.url) as response:
+            return json.load(response)
 
 
 RECEIVERS = {kind.__name__: kind for kind in (Rsyslog, SnmpTrapd, HttpReceiver, CloudEventsReceiver, Alertmanager)}
 
 
-def run(folder, names):
+def run(directory, names):
     def end(*_):
-        sys.exit(0)  # Stops them: atexit.
+        sys.exit(0)  # The receivers stop in atexit.
 
     signal.signal(signal.SIGTERM, end)
     signal.signal(signal.SIGINT, end)
     for name in names:
-        RECEIVERS[name]().start(folder)
+        RECEIVERS[name]().start(directory)
     while True:
         signal.pause()
 
 
-def show(folder, names):
+def show(directory, names):
     for name in names:
-        for event in RECEIVERS[name]().attach(folder).events():
+        for event in RECEIVERS[name]().attach(directory).events():
             print(name, json.dumps(event))
 
 

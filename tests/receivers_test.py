@@ -55,7 +55,7 @@ def cloud_event(event):  # Refused where CloudEvents 1.0 does not allow what the
 
 class Test(unittest.TestCase):
     def running(self, receiver, settings={}):
-        file, off, debug = f"{receiver.folder}/settings.xml", {"enabled": 0}, {"minimum_severity": "debug"}
+        file, off, debug = f"{receiver.directory}/settings.xml", {"enabled": 0}, {"minimum_severity": "debug"}
         receivers.write_settings(file, {"core": debug, "state": off, "sink\\native\\main": off,
                                         receiver.section: receiver.settings | debug | settings})
         return oxevent.running(file)
