@@ -18,15 +18,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// An Alertmanager takes an alert for resolved that it has not heard of for its resolve_timeout, 5 minutes by default.
+// An Alertmanager resolves an alert that is not posted again within its resolve_timeout, 5 minutes by default.
 constexpr std::chrono::seconds kRepeat{60};
 constexpr std::chrono::seconds kRetry{5};
-constexpr std::chrono::seconds kStopPatience{5};
+constexpr std::chrono::seconds kStopTimeout{5};
 constexpr uint32_t kTimeoutMs = 3000;
-constexpr size_t kMaxAlerts = 10000;  // While the Alertmanager is away.
+constexpr size_t kMaxAlerts = 10000;  // Limits the memory while the Alertmanager is unavailable.
 
-// What makes an alert the same alert. A clear must come with the labels of its raise, whatever the host reports it
-// with.
+// The labels that identify an alert. A clear must have the labels of its raise, even if the host reports others.
 struct Identity {
   uint32_t severity = 0;
   std::string event_type;
@@ -37,9 +36,9 @@ struct Identity {
 struct Alert {
   Identity identity;
   bool active = false;
-  std::string document;               // Of the active alert, to be posted again and again.
-  std::deque<std::string> documents;  // To be posted, in order.
-  Clock::time_point due;              // Not before.
+  std::string document;               // Document of the active alert, posted repeatedly.
+  std::deque<std::string> documents;  // Documents to post, in order.
+  Clock::time_point due;              // Time of the next post.
 };
 
 }  // namespace
@@ -48,13 +47,13 @@ struct AlertPoster {
  public:
   explicit AlertPoster(const char* url) : url_(url), thread_([this] { Run(); }) {}
 
-  // On the library's thread, which must not wait for a server.
-  static void OnEvent(const oxEventRecord* event, void* self) { static_cast<AlertPoster*>(self)->Take(*event); }
+  // Runs on the library's worker thread, which must not wait for a server.
+  static void OnEvent(const oxEventRecord* event, void* self) { static_cast<AlertPoster*>(self)->Add(*event); }
 
   unsigned Stop() {
     {
       const std::lock_guard lock(mutex_);
-      stop_at_ = Clock::now() + kStopPatience;
+      stop_at_ = Clock::now() + kStopTimeout;
       for (auto& [key, alert] : alerts_) alert.due = Clock::now();
     }
     changed_.notify_one();
@@ -65,33 +64,34 @@ struct AlertPoster {
   }
 
  private:
-  void Take(const oxEventRecord& event) {
-    const auto acts = [&](const char* action) { return strcasecmp(event.action, action) == 0; };
-    const bool clears = acts("clear");
-    const bool raises = acts("raise") || acts("update") || acts("repeat");
-    const std::string key = clears || raises ? ConditionOf(event) : NoticeOf(event);
+  void Add(const oxEventRecord& event) {
+    const auto is_action = [&](const char* action) { return strcasecmp(event.action, action) == 0; };
+    const bool clears = is_action("clear");
+    const bool raises = is_action("raise") || is_action("update") || is_action("repeat");
+    const std::string key = clears || raises ? ConditionKey(event) : NoticeKey(event);
     const std::lock_guard lock(mutex_);
-    news_ = true;
+    has_news_ = true;
     if (alerts_.size() >= kMaxAlerts && !alerts_.contains(key)) {
-      std::fprintf(stderr, "alert poster: no room for event %llu\n", static_cast<unsigned long long>(event.event_id));
+      std::fprintf(stderr, "alert poster: too many alerts, dropped event %llu\n",
+                   static_cast<unsigned long long>(event.event_id));
       return;
     }
     Alert& alert = alerts_[key];
     const Identity identity{event.severity, event.event_type, event.source_id};
     if (alert.active && (clears || identity != alert.identity)) Resolve(event, &alert);
-    if (!clears) Add(event, identity, raises, &alert);
+    if (!clears) Activate(event, identity, raises, &alert);
     changed_.notify_one();
   }
 
-  static std::string ConditionOf(const oxEventRecord& event) {
+  static std::string ConditionKey(const oxEventRecord& event) {
     if (event.dedupe_key[0] != '\0') return event.dedupe_key;
     return std::string(event.source_id) + ":" + event.event_type;
   }
 
-  // A notice is no condition, and posted once.
-  static std::string NoticeOf(const oxEventRecord& event) { return std::to_string(event.event_id) + " notice"; }
+  // A notice is not a condition, and is posted once.
+  static std::string NoticeKey(const oxEventRecord& event) { return std::to_string(event.event_id) + " notice"; }
 
-  static void Add(const oxEventRecord& event, const Identity& identity, bool raises, Alert* alert) {
+  static void Activate(const oxEventRecord& event, const Identity& identity, bool raises, Alert* alert) {
     alert->identity = identity;
     alert->active = raises;
     alert->document = Format(event);
@@ -111,7 +111,7 @@ struct AlertPoster {
 
   static std::string Format(const oxEventRecord& event) {
     oxEventAlertmanagerFormatterConfig config;
-    config.allow_source_label = true;  // Two sources with one trouble are two alerts.
+    config.allow_source_label = true;  // The same problem of two sources is two alerts.
     std::string document;
     if (oxEventFormatAlertmanagerRecord(&event, config, &document) != OXEVENT_OK) document = "[]";
     return document;
@@ -120,12 +120,12 @@ struct AlertPoster {
   void Run() {
     std::unique_lock lock(mutex_);
     for (;;) {
-      news_ = false;
+      has_news_ = false;
       const Clock::time_point now = Clock::now();
       Clock::time_point next = now + kRepeat;
       bool pending = false;
       for (auto it = alerts_.begin(); it != alerts_.end();) {
-        if (it->second.due <= now) Post(it->first, &lock);  // Only this thread takes alerts away: `it` stays.
+        if (it->second.due <= now) Post(it->first, &lock);  // Only this thread erases alerts: `it` stays valid.
         pending |= !it->second.documents.empty();
         next = std::min(next, it->second.due);
         const bool over = !it->second.active && it->second.documents.empty();
@@ -133,12 +133,12 @@ struct AlertPoster {
       }
       const bool stopping = stop_at_ != Clock::time_point::max();
       if (stopping && (!pending || now >= stop_at_)) return;
-      if (news_) continue;  // It came while a post waited for the server.
+      if (has_news_) continue;  // An event arrived while a post waited for the server.
       changed_.wait_until(lock, stopping ? now + std::chrono::milliseconds(100) : next);
     }
   }
 
-  // Without the lock while it waits for the server.
+  // Releases the lock while it waits for the server.
   void Post(const std::string& key, std::unique_lock<std::mutex>* lock) {
     Alert& alert = alerts_[key];
     if (alert.documents.empty() && alert.active) alert.documents.push_back(alert.document);
@@ -161,13 +161,13 @@ struct AlertPoster {
       return true;
     }
     std::fprintf(stderr, "alert poster: %s: status %d\n", url_.c_str(), static_cast<int>(status));
-    return status == 400;  // Refused, and would be again.
+    return status == 400;  // Refused: do not retry.
   }
 
   const std::string url_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool news_ = false;                                     // Guarded by mutex_.
+  bool has_news_ = false;                                 // Guarded by mutex_.
   std::map<std::string, Alert> alerts_;                   // Guarded by mutex_.
   Clock::time_point stop_at_ = Clock::time_point::max();  // Guarded by mutex_.
   std::thread thread_;

@@ -1,6 +1,6 @@
 /*
- * Delivers a host's events to an Alertmanager: oxEvent formats the documents, the host posts them. What a host copies
- * into its own program. The functions are for one thread; errors are told on stderr.
+ * Posts a host's events to an Alertmanager: oxEvent formats the documents, the host posts them. Hosts copy this into
+ * their own program. Call the functions from one thread; errors are printed to stderr.
  */
 #ifndef ALERT_POSTER_H
 #define ALERT_POSTER_H
@@ -11,12 +11,12 @@ extern "C" {
 
 typedef struct AlertPoster AlertPoster;
 
-/* Registers with oxEvent, before oxEventInitialize. `url` ends in /api/v2/alerts. Null: it cannot be done. For a
- * cluster of Alertmanagers start one for each: none waits for another. */
+/* Registers a callback with oxEvent; call it before oxEventInitialize. `url` ends in /api/v2/alerts. Returns null on
+ * failure. For a cluster of Alertmanagers start one poster for each: they do not wait for each other. */
 AlertPoster* AlertPosterStart(const char* url);
 
-/* After oxEventShutdown: posts what is still to be posted, for 5 s at most. Returns how many documents were left; 0 is
- * success. */
+/* Call it after oxEventShutdown: posts the remaining documents for 5 s at most. Returns the number of documents that
+ * were not posted. */
 unsigned AlertPosterStop(AlertPoster* poster);
 
 #ifdef __cplusplus

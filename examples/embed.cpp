@@ -1,6 +1,6 @@
-// A host of several threads: oxevent-embed SETTINGS.xml
-// All threads submit while the settings are reloaded; no event may be lost, doubled or overtaken by a later one of its
-// thread. The status is 0 when that held.
+// A host with several threads: oxevent-embed SETTINGS.xml
+// All threads submit while the settings are reloaded. No event may be lost or duplicated, and the events of a thread
+// must arrive in order: then the exit status is 0.
 #include <oxEvent.h>
 
 #include <array>
@@ -15,11 +15,11 @@ namespace {
 
 constexpr uint64_t kThreads = 4;
 constexpr uint64_t kEventsPerThread = 500;
-constexpr uint64_t kEventsPerFlush = 100;  // All threads' together fit into a queue of default size.
+constexpr uint64_t kEventsPerFlush = 100;  // Those of all threads together fit into a queue of default size.
 
-// Written by the library's thread alone; read after the shutdown, which waits for that thread.
+// Written only by the library's worker thread; read after the shutdown, which waits for that thread.
 struct Received {
-  std::array<uint64_t, kThreads> last{};  // Per submitting thread.
+  std::array<uint64_t, kThreads> last{};  // Last event number of each submitting thread.
   uint64_t in_order = 0;
   uint64_t out_of_order = 0;
 };
@@ -39,13 +39,13 @@ std::string LastError() {
   return text.data();
 }
 
-// Returns whether the call succeeded; tells its error otherwise.
+// Returns whether the call succeeded; prints its error otherwise.
 bool Check(const char* call, uint32_t code) {
   if (code != OXEVENT_OK) std::fprintf(stderr, "oxevent-embed: %s: %s\n", call, LastError().c_str());
   return code == OXEVENT_OK;
 }
 
-// Flushes now and then: a queue that is full drops, and submitting does not wait.
+// Flushes regularly: submitting does not wait, and a full queue drops events.
 bool SubmitAll(uint64_t thread) {
   const std::string source = "worker-" + std::to_string(thread);
   for (uint64_t number = 1; number <= kEventsPerThread; ++number) {

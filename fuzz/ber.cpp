@@ -1,4 +1,4 @@
-// OIDs from texts and from numbers, and the trap datagrams of any event, read back by a decoder of our own.
+// OIDs in dotted form, and trap datagrams of any event, checked with a separate BER decoder.
 #include <memory>
 #include <optional>
 
@@ -8,10 +8,10 @@
 
 namespace {
 
-using Arcs = std::vector<uint64_t>;  // The first two as the one byte that they are encoded in.
+using Arcs = std::vector<uint64_t>;  // The first element is the byte that encodes the first two arcs.
 
-// Null: no OID. An arc is digits alone, however many, up to 32 bits.
-std::optional<Arcs> ArcsOf(const std::string& dotted) {
+// Parses an OID; null if it is invalid. An arc has any number of digits and a value of up to 32 bits.
+std::optional<Arcs> ParseOid(const std::string& dotted) {
   Arcs arcs;
   std::istringstream list(dotted + ".");
   for (std::string digits; std::getline(list, digits, '.');) {
@@ -33,8 +33,8 @@ uint8_t TakeByte(std::string_view* rest) {
   return static_cast<uint8_t>(byte);
 }
 
-// Takes a TLV with this tag off the front. Lengths are in the fewest bytes, like everything here.
-std::string_view Take(int tag, std::string_view* rest) {
+// Reads a TLV with this tag from the front. Requires that its length, like all numbers, uses the fewest bytes.
+std::string_view TakeTlv(int tag, std::string_view* rest) {
   CHECK_EQ(int{TakeByte(rest)}, tag);
   size_t length = TakeByte(rest);
   if (length > 127) {
@@ -51,7 +51,7 @@ std::string_view Take(int tag, std::string_view* rest) {
 }
 
 uint64_t TakeNumber(int tag, std::string_view* rest) {
-  std::string_view content = Take(tag, rest);
+  std::string_view content = TakeTlv(tag, rest);
   CHECK(!content.empty() && content.size() <= 5 && content[0] >= 0);
   CHECK(content.size() == 1 || content[0] != 0 || content[1] < 0);
   uint64_t number = 0;
@@ -60,7 +60,7 @@ uint64_t TakeNumber(int tag, std::string_view* rest) {
 }
 
 Arcs TakeOid(std::string_view* rest) {
-  std::string_view content = Take(0x06, rest);
+  std::string_view content = TakeTlv(0x06, rest);
   Arcs arcs = {TakeByte(&content)};
   while (!content.empty()) {
     uint8_t byte = TakeByte(&content);
@@ -72,7 +72,7 @@ Arcs TakeOid(std::string_view* rest) {
 }
 
 void CheckOid(const std::string& dotted) {
-  const std::optional<Arcs> arcs = ArcsOf(dotted);
+  const std::optional<Arcs> arcs = ParseOid(dotted);
   std::string out = "before";
   CHECK_EQ(SnmpBer::ObjectIdentifier(dotted, &out), arcs.has_value());
   std::string_view rest = out;
@@ -82,44 +82,44 @@ void CheckOid(const std::string& dotted) {
   CHECK_EQ(rest, "");
 }
 
-// Of objects 2 to 12: field and the most bytes of it.
+// Objects 2 to 12: the field and its maximum size in bytes.
 constexpr std::pair<const char*, size_t> kObjects[] = {
     {"severity", 32},        {"event_id", 32}, {"event_type", 128},   {"source_id", 128},
     {"source_name", 128},    {"action", 64},   {"message", 2048},     {"dedupe_key", 256},
     {"correlation_id", 128}, {"utc_ns", 32},   {"details_json", 2048}};
 
 void CheckTrap(std::string_view rest, const oxEventSinkConfig& config, const Event& event) {
-  std::string_view message = Take(0x30, &rest);
+  std::string_view message = TakeTlv(0x30, &rest);
   CHECK_EQ(TakeNumber(0x02, &message), 1u);
-  CHECK_EQ(Take(0x04, &message), config.community.empty() ? "cobalt" : config.community);
-  std::string_view pdu = Take(0xA7, &message);
+  CHECK_EQ(TakeTlv(0x04, &message), config.community.empty() ? "cobalt" : config.community);
+  std::string_view pdu = TakeTlv(0xA7, &message);
   CHECK(TakeNumber(0x02, &pdu) <= 0x7FFFFFFF);
   CHECK_EQ(TakeNumber(0x02, &pdu), 0u);
   CHECK_EQ(TakeNumber(0x02, &pdu), 0u);
-  std::string_view list = Take(0x30, &pdu);
+  std::string_view list = TakeTlv(0x30, &pdu);
   CHECK(rest.empty() && message.empty() && pdu.empty());
   std::string_view binding;
   const auto take_name = [&](const std::string& oid) {
     CHECK_EQ(binding, "");
-    binding = Take(0x30, &list);
-    CHECK(TakeOid(&binding) == ArcsOf(oid));
+    binding = TakeTlv(0x30, &list);
+    CHECK(TakeOid(&binding) == ParseOid(oid));
   };
   take_name("1.3.6.1.2.1.1.3.0");
   CHECK(TakeNumber(0x43, &binding) <= 0xFFFFFFFF / 10);
   take_name("1.3.6.1.6.3.1.1.4.1.0");
-  CHECK(TakeOid(&binding) == ArcsOf(config.trap_oid));
+  CHECK(TakeOid(&binding) == ParseOid(config.trap_oid));
   take_name(config.enterprise_oid + ".1.1.0");
   CHECK_EQ(TakeNumber(0x02, &binding), event.severity);
   for (size_t i = 0; i < std::size(kObjects); ++i) {
     take_name(config.enterprise_oid + ".1." + std::to_string(i + 2) + ".0");
-    CHECK_EQ(Take(0x04, &binding), FieldsOf(event)[kObjects[i].first].substr(0, kObjects[i].second));
+    CHECK_EQ(TakeTlv(0x04, &binding), FieldsOf(event)[kObjects[i].first].substr(0, kObjects[i].second));
   }
   CHECK(binding.empty() && list.empty());
 }
 
 std::string Oid(Input& in) {
   constexpr uint32_t kArcs[] = {0, 1, 39, 40, 47, 48, 127, 128, 16383, 16384, 2097152, 268435456, 4294967295};
-  if (in.ConsumeIntegral<uint8_t>() > 150) return Text(in);
+  if (in.ConsumeIntegral<uint8_t>() > 150) return AnyString(in);
   std::string text = std::to_string(in.ConsumeIntegralInRange(0, 3));
   for (size_t more = in.ConsumeIntegral<uint8_t>() / (in.ConsumeBool() ? 1 : 32); more > 0; --more) {
     text += "." + std::to_string(in.ConsumeBool() ? in.PickValueInArray(kArcs) : in.ConsumeIntegral<uint32_t>());
@@ -135,7 +135,7 @@ size_t EncodedSize(const std::string& oid) {
 void CheckSink(Input& in) {
   oxEventSinkConfig config;
   config.minimum_severity = in.ConsumeIntegralInRange<uint32_t>(0, 4);
-  config.community = Text(in);
+  config.community = AnyString(in);
   if (in.ConsumeBool()) config.trap_oid = Oid(in);
   if (in.ConsumeBool()) config.enterprise_oid = Oid(in);
   const Event event = AnyEvent(in);
@@ -152,7 +152,7 @@ void CheckSink(Input& in) {
     return CheckTrap(g_sent[0], config, event);
   }
   CHECK(result == OXEVENT_FAILURE && g_sent.empty());
-  if (!ArcsOf(config.trap_oid) || !ArcsOf(object)) return;
+  if (!ParseOid(config.trap_oid) || !ParseOid(object)) return;
   size_t size = config.community.size() + EncodedSize(config.trap_oid) + 12 * EncodedSize(object);
   for (const auto& [name, max_length] : kObjects) size += std::min(FieldsOf(event)[name].size(), max_length);
   CHECK(size > 8192 - 250);  // Too long for a datagram with its tags and lengths.

@@ -1,5 +1,5 @@
-// Sequences of calls against a model of the whole library: codes, texts, counters, and what the callbacks see. One
-// event can be held in its callback, so that others queue up behind it.
+// Compares sequences of calls with a model of the whole library: result codes, error texts, counters, and the events
+// that callbacks receive. A callback can block on an event, so that later events wait in the queue.
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -13,23 +13,24 @@
 
 namespace {
 
-const Folder g_folder;
+const TemporaryDirectory g_directory;
 struct File {
   std::string path;
-  const char* refusal;  // What its load says, if it fails.
+  const char* load_error;  // Error text if loading it fails.
 };
-const File g_files[] = {{g_folder.path + "/a.xml", ""},
-                        {g_folder.path + "/b.xml", ""},
-                        {g_folder.path + "/bad-sink.xml", ""},  // Loads, but has a sink that does not open.
-                        {"/missing", "Unable to open oxEvent config: /missing"},
-                        {"", "oxEvent requires a oxCFG XML config path"}};
+const File g_files[] = {
+    {g_directory.path + "/a.xml", ""},
+    {g_directory.path + "/b.xml", ""},
+    {g_directory.path + "/bad-sink.xml", ""},  // Can be loaded, but has a sink that cannot be opened.
+    {"/missing", "Unable to open oxEvent config: /missing"},
+    {"", "oxEvent requires a oxCFG XML config path"}};
 constexpr char kBadSinkText[] = "oxEvent webhook sink requires an http:// or https:// endpoint_url";
 constexpr size_t kGood = 2, kBadSink = 2, kNone = 4;
 
 bool DropsLow(const oxEventConfig& c) { return c.drop_policy == oxEventDropPolicy::kDropDebugInfoFirst; }
 
 void WriteSettings(size_t file, const oxEventConfig& c, const char* sink = "") {
-  std::ofstream(g_files[file].path) << Printed(
+  std::ofstream(g_files[file].path) << Format(
       R"(<config><key name="QVX"><key name="Events">
 <key name="core"><value name="enabled">%d</value><value name="minimum_severity">%u</value>
 <value name="queue_size">%u</value><value name="drop_policy">%s</value></key>
@@ -42,12 +43,12 @@ void WriteSettings(size_t file, const oxEventConfig& c, const char* sink = "") {
       c.dedupe_enabled, c.default_repeat_interval_sec, c.send_clear, c.route_orphan_clear, sink);
 }
 
-// The host's part. A callback's user_data tells how it behaves: 1 throws, 2 flushes.
+// The host's state. The user_data of a callback selects its behavior: 1 throws, 2 flushes.
 std::mutex g_mutex;
 std::condition_variable g_changed;
 std::string g_seen;      // Guarded by g_mutex, like the next two.
-bool g_holding = false;  // The event "hold" is to wait.
-bool g_waiting = false;  // It does.
+bool g_holding = false;  // A callback must block on the event "hold".
+bool g_waiting = false;  // A callback is blocked on it.
 
 std::string Line(uintptr_t user, const oxEventRecord& e, uint32_t flushed) {
   std::ostringstream line;
@@ -70,7 +71,7 @@ void Callback(const oxEventRecord* event, void* user_data) {
 }
 
 std::string Text(const oxEventCounters& c) {
-  return Printed("%lu %lu %lu %lu %lu", c.submitted, c.emitted, c.dropped, c.sink_failures, c.sink_warnings);
+  return Format("%lu %lu %lu %lu %lu", c.submitted, c.emitted, c.dropped, c.sink_failures, c.sink_warnings);
 }
 
 struct Registration {
@@ -78,7 +79,7 @@ struct Registration {
   uintptr_t user;
 };
 
-// What the library is to do.
+// The expected state of the library.
 class Model {
  public:
   bool up = false;
@@ -98,7 +99,7 @@ class Model {
     pending.push_back(event);
   }
 
-  // The first callback has it, and waits.
+  // The first callback receives the event and blocks.
   void Hold(const Event& event) {
     ++counters.submitted;
     held = event;
@@ -171,7 +172,7 @@ class Model {
     if (action == "clear") return raised_.erase(key) != 0 ? config.send_clear : config.route_orphan_clear;
     if (action == "repeat" && !raised) return false;
     const std::string signature = e->event_type + "\n" + e->source_id + "\n" + e->message + "\n" + action + "\n" +
-                                  e->dedupe_key + std::to_string(e->severity) + Printed("\n%g", e->value);
+                                  e->dedupe_key + std::to_string(e->severity) + Format("\n%g", e->value);
     const uint64_t interval = config.default_repeat_interval_sec * uint64_t{1'000'000'000};
     const bool due = !raised || e->utc_ns < found->second.second || e->utc_ns - found->second.second >= interval;
     if (!due && !(action == "update" && signature != found->second.first)) return false;
@@ -185,10 +186,10 @@ class Model {
   std::vector<Registration> held_for_;
 };
 
-class Play {
+class Run {
  public:
-  explicit Play(Input& in) : in_(in) {
-    model_.counters = oxEventCoreGetCounters();  // Of the input before.
+  explicit Run(Input& in) : in_(in) {
+    model_.counters = oxEventCoreGetCounters();  // Start from those of the previous input.
     if (in_.ConsumeBool()) Register();
     Load();
     while (in_.remaining_bytes() != 0) Step();
@@ -198,19 +199,19 @@ class Play {
   }
 
  private:
-  using Method = void (Play::*)();
+  using Method = void (Run::*)();
 
   void Step() {
-    constexpr Method kSteps[] = {&Play::SubmitEvent, &Play::SubmitEvent, &Play::SubmitSimple, &Play::SubmitBad,
-                                 &Play::Load,        &Play::Load,        &Play::Hold,         &Play::Hold,
-                                 &Play::Release,     &Play::Register,    &Play::Unregister,   &Play::Flush,
-                                 &Play::Shutdown,    &Play::BadCalls};
+    constexpr Method kSteps[] = {&Run::SubmitEvent, &Run::SubmitEvent, &Run::SubmitSimple, &Run::SubmitBad,
+                                 &Run::Load,        &Run::Load,        &Run::Hold,         &Run::Hold,
+                                 &Run::Release,     &Run::Register,    &Run::Unregister,   &Run::Flush,
+                                 &Run::Shutdown,    &Run::BadCalls};
     const bool queues = model_.held && in_.ConsumeBool();
-    (this->*(queues ? &Play::SubmitEvent : in_.PickValueInArray(kSteps)))();
+    (this->*(queues ? &Run::SubmitEvent : in_.PickValueInArray(kSteps)))();
     Settle();
   }
 
-  // The code and the text that a call leaves.
+  // Checks the result code and the last error of a call.
   void Expect(uint32_t result, uint32_t code, const std::string& text = "") {
     CHECK_EQ(result, code);
     char buffer[300] = "";
@@ -220,7 +221,7 @@ class Play {
   }
   void ExpectDown(uint32_t result) { Expect(result, OXEVENT_NOT_INITIALIZED, "oxEvent is not initialized"); }
 
-  // Lets the worker come to rest, and compares.
+  // Waits until the worker is idle, and compares it with the model.
   void Settle() {
     if (model_.up && !model_.held) CHECK_EQ(oxEventFlush(0), OXEVENT_OK);
     const std::lock_guard lock(g_mutex);
@@ -257,8 +258,8 @@ class Play {
     const size_t path = reload && given == kNone ? model_.path : given;
     const uint32_t result = reload ? oxEventReloadConfig(name) : oxEventInitialize(name);
     const bool empty_queue = path < kGood && files_[path].queue_size == 0;
-    const std::string refusal = empty_queue ? "queue_size must be greater than zero" : g_files[path].refusal;
-    if (!refusal.empty()) return Expect(result, OXEVENT_INVALID_ARGUMENT, refusal);
+    const std::string load_error = empty_queue ? "queue_size must be greater than zero" : g_files[path].load_error;
+    if (!load_error.empty()) return Expect(result, OXEVENT_INVALID_ARGUMENT, load_error);
     if (reload && !model_.up) return ExpectDown(result);
     if (!reload && model_.up) return Expect(result, OXEVENT_ALREADY_INITIALIZED, "oxEvent is already initialized");
     if (path == kBadSink) return Expect(result, OXEVENT_INVALID_ARGUMENT, kBadSinkText);
@@ -269,7 +270,8 @@ class Play {
 
   void Shutdown() {
     if (!model_.up) return ExpectDown(oxEventShutdown());
-    if (model_.held) {  // What is queued is still delivered; a callback that flushes would see either state.
+    if (model_
+            .held) {  // Queued events are still delivered; the result of a flush in a callback would depend on timing.
       const bool flushes =
           std::any_of(model_.callbacks.begin(), model_.callbacks.end(), [](auto& r) { return r.user == 2; });
       Release();
@@ -382,7 +384,7 @@ class Play {
     event.severity = OXEVENT_SEVERITY_ERROR;
     event.message = "hold";
     const oxEventRecord record = event.ToPublicView();
-    g_holding = true;  // Nothing is in delivery: the worker does not look.
+    g_holding = true;  // No lock needed: no event is in delivery, so that the worker does not read it.
     ++g_next_id;
     model_.Hold(event);
     Expect(oxEventSubmit(&record), OXEVENT_OK);
@@ -398,7 +400,7 @@ class Play {
     g_changed.notify_all();
   }
 
-  static inline uint64_t g_next_id = 1;  // Of the process, like the callbacks' ids.
+  static inline uint64_t g_next_id = 1;  // Counts in the whole process, like the callbacks' ids.
   Input& in_;
   Model model_;
   oxEventConfig files_[kGood];
@@ -414,11 +416,11 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // Every other input is but the seed of one: mutations alone repeat themselves too much for long sequences.
+  // Uses inputs of odd size as random seeds: mutations alone repeat too much to produce long, varied sequences.
   std::vector<uint32_t> random(120);
   std::seed_seq(data, data + size).generate(random.begin(), random.end());
-  const bool seeds = size % 2 != 0;
-  Input in(seeds ? reinterpret_cast<const uint8_t*>(random.data()) : data, seeds ? random.size() * 4 : size);
-  const Play play(in);
+  const bool is_seed = size % 2 != 0;
+  Input in(is_seed ? reinterpret_cast<const uint8_t*>(random.data()) : data, is_seed ? random.size() * 4 : size);
+  const Run run(in);
   return 0;
 }

@@ -1,4 +1,4 @@
-// Takes what the library sends in the place of the network. For one source of a target.
+// Replaces sendto, and records the datagrams that the library sends. Include in only one source file of a target.
 #pragma once
 
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-// What the fuzz targets share. Each compares the library with a model of its own, written apart from it.
+// Helpers of the fuzz targets. Each target compares the library with an independent model.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -25,7 +25,7 @@
 
 using Input = FuzzedDataProvider;
 
-// A normalized event with texts of its own.
+// A normalized event that owns its strings.
 struct Event {
   uint64_t event_id = 0;
   std::string event_type, source_id, source_name, message;
@@ -49,19 +49,19 @@ template <class A, class B>
 void CheckEqual(const char* file, int line, const char* what, const A& a, const B& b) {
   if (a == b) return;
   std::cerr << file << ':' << line << ": " << what << ":\n  " << a << "\n  " << b << std::endl;
-  abort();  // Which makes the input a finding.
+  abort();  // libFuzzer reports the input as a finding.
 }
 #define CHECK_EQ(a, b) CheckEqual(__FILE__, __LINE__, #a " == " #b, a, b)
 #define CHECK(condition) CheckEqual(__FILE__, __LINE__, #condition, static_cast<bool>(condition), true)
 
-struct TextField {
+struct StringField {
   const char* name;
-  size_t offset;  // In a record.
+  size_t offset;  // Offset in oxEventRecord.
   std::string Event::*field;
   std::string_view oxEventNormalizedEvent::*view;
   const char* absent;
 };
-inline constexpr TextField kTexts[] = {
+inline constexpr StringField kStringFields[] = {
     {"event_type", 16, &Event::event_type, &oxEventNormalizedEvent::event_type, "event"},
     {"source_id", 24, &Event::source_id, &oxEventNormalizedEvent::source_id, ""},
     {"source_name", 32, &Event::source_name, &oxEventNormalizedEvent::source_name, "oxEvent"},
@@ -87,26 +87,26 @@ void CopyNumbers(const From& from, To* to) {
 
 inline Event::Event(const oxEventNormalizedEvent& from) {
   CopyNumbers(from, this);
-  for (const TextField& text : kTexts) this->*text.field = from.*text.view;
+  for (const StringField& field : kStringFields) this->*field.field = from.*field.view;
 }
 
 inline Event::operator oxEventNormalizedEvent() const {
   oxEventNormalizedEvent view;
   CopyNumbers(*this, &view);
-  for (const TextField& text : kTexts) view.*text.view = this->*text.field;
+  for (const StringField& field : kStringFields) view.*field.view = this->*field.field;
   return view;
 }
 
-// printf's notation.
-std::string Printed(const char* format, auto... values) {
+// Formats like printf.
+std::string Format(const char* format, auto... values) {
   char text[2048];
   return {text, static_cast<size_t>(snprintf(text, sizeof text, format, values...))};
 }
 
-// An event's fields as texts, by their names in the outputs.
+// The fields of an event as strings, by their names in the outputs.
 inline std::map<std::string, std::string> FieldsOf(const Event& e, const char* double_format = "%.17g") {
   std::map<std::string, std::string> fields;
-  for (const TextField& text : kTexts) fields[text.name] = e.*text.field;
+  for (const StringField& field : kStringFields) fields[field.name] = e.*field.field;
   fields["version"] = "65536";
   fields["event_id"] = std::to_string(e.event_id);
   fields["severity"] = oxEventSeverityName(e.severity);
@@ -114,14 +114,14 @@ inline std::map<std::string, std::string> FieldsOf(const Event& e, const char* d
   fields["utc_ns"] = std::to_string(e.utc_ns);
   fields["ptp_ns"] = std::to_string(e.ptp_ns);
   fields["pts"] = std::to_string(e.pts);
-  fields["value"] = Printed(double_format, e.value);
-  fields["threshold"] = Printed(double_format, e.threshold);
+  fields["value"] = Format(double_format, e.value);
+  fields["threshold"] = Format(double_format, e.threshold);
   fields["duration_ms"] = std::to_string(e.duration_ms);
   return fields;
 }
 
-// Any bytes but NUL, now and then more than a limit of the outputs.
-inline std::string Text(Input& in) {
+// Any bytes but NUL, sometimes longer than a limit of the outputs.
+inline std::string AnyString(Input& in) {
   constexpr size_t kLong[] = {33, 65, 129, 257, 2049, 8193};
   std::string text = in.ConsumeRandomLengthString(40);
   std::erase(text, '\0');
@@ -130,9 +130,10 @@ inline std::string Text(Input& in) {
   return text;
 }
 
-inline double Number(Input& in) {
-  constexpr double kPlain[] = {-0.0, 1.5, 0.1, -1234567.0, 1e100, 100000.0, 999999.5, 5e-324, INFINITY, -INFINITY, NAN};
-  return in.ConsumeBool() ? in.PickValueInArray(kPlain) : in.ConsumeFloatingPoint<double>();
+inline double AnyNumber(Input& in) {
+  constexpr double kSpecial[] = {-0.0,     1.5,    0.1,      -1234567.0, 1e100, 100000.0,
+                                 999999.5, 5e-324, INFINITY, -INFINITY,  NAN};
+  return in.ConsumeBool() ? in.PickValueInArray(kSpecial) : in.ConsumeFloatingPoint<double>();
 }
 
 inline Event AnyEvent(Input& in) {
@@ -143,15 +144,15 @@ inline Event AnyEvent(Input& in) {
   if (in.ConsumeBool()) event.utc_ns -= event.utc_ns % 1'000'000'000;
   event.ptp_ns = in.ConsumeIntegral<uint64_t>();
   event.pts = in.ConsumeIntegral<int64_t>();
-  event.value = Number(in);
-  event.threshold = Number(in);
+  event.value = AnyNumber(in);
+  event.threshold = AnyNumber(in);
   event.duration_ms = in.ConsumeIntegral<uint64_t>();
-  for (const TextField& text : kTexts) event.*text.field = Text(in);
+  for (const StringField& field : kStringFields) event.*field.field = AnyString(in);
   return event;
 }
 
-// A folder in memory, for the life of the process.
-struct Folder {
-  ~Folder() { std::filesystem::remove_all(path); }
+// A temporary directory in memory, removed at exit.
+struct TemporaryDirectory {
+  ~TemporaryDirectory() { std::filesystem::remove_all(path); }
   const std::string path = mkdtemp(std::string("/dev/shm/oxevent_fuzz_XXXXXX").data());
 };

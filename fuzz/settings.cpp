@@ -1,5 +1,5 @@
-// Settings files of any bytes: what is refused stays as it was, what is accepted is completed once and keeps what it
-// holds.
+// Settings files of any bytes: a refused file stays unchanged; an accepted file is completed once and keeps its
+// contents.
 #include <optional>
 #include <pugixml.hpp>
 
@@ -13,14 +13,14 @@ using pugi::xml_node;
 
 constexpr char kWhiteSpace[] = " \t\r\n";
 
-const Folder g_folder;
-const std::string g_path = g_folder.path + "/events.xml";
+const TemporaryDirectory g_directory;
+const std::string g_path = g_directory.path + "/events.xml";
 
-std::string Bytes(const std::string& path) { return (std::stringstream() << std::ifstream(path).rdbuf()).str(); }
+std::string ReadFile(const std::string& path) { return (std::stringstream() << std::ifstream(path).rdbuf()).str(); }
 
 void WriteFile(const std::string& bytes) { std::ofstream(g_path, std::ios::trunc) << bytes; }
 
-pugi::xml_document Parsed(const std::string& bytes) {
+pugi::xml_document Parse(const std::string& bytes) {
   pugi::xml_document document;
   document.load_buffer(bytes.data(), bytes.size(),
                        (pugi::parse_full | pugi::parse_ws_pcdata | pugi::parse_fragment) &
@@ -29,16 +29,16 @@ pugi::xml_document Parsed(const std::string& bytes) {
   return document;
 }
 
-xml_node Child(xml_node key, const char* kind, std::string_view name) {
+xml_node FindChild(xml_node key, const char* kind, std::string_view name) {
   return key.find_child([&](xml_node node) {
     return node.name() == std::string_view(kind) && node.attribute("name").value() == name && node.attribute("name");
   });
 }
 
-xml_node Key(xml_node key, std::string_view path) {
+xml_node FindKey(xml_node key, std::string_view path) {
   while (!path.empty()) {
     const size_t size = std::min(path.find('\\'), path.size());
-    key = Child(key, "key", path.substr(0, size));
+    key = FindChild(key, "key", path.substr(0, size));
     path.remove_prefix(std::min(size + 1, path.size()));
   }
   return key;
@@ -52,16 +52,16 @@ std::string TextOf(xml_node value) {
   return text;
 }
 
-// Null: no number of 32 bits.
-std::optional<uint64_t> NumberOf(const std::string& text) {
+// Parses a number of 32 bits; null if the text is not one.
+std::optional<uint64_t> ParseNumber(const std::string& text) {
   const size_t begin = std::min(text.find_first_not_of(kWhiteSpace), text.size());
   const std::string digits = text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);
   if (digits.empty() || digits.find_first_not_of("0123456789") != text.npos) return std::nullopt;
-  const uint64_t number = strtoull(digits.c_str(), nullptr, 10);  // The largest where it is larger still.
+  const uint64_t number = strtoull(digits.c_str(), nullptr, 10);  // Saturates.
   return number <= 0xFFFFFFFF ? std::optional(number) : std::nullopt;
 }
 
-// The names of a kind below a key that paths can hold, in order; of equal ones the first.
+// The names of the children of a kind, in order, without duplicates and without names that a path cannot contain.
 std::vector<std::string> Names(xml_node key, const char* kind) {
   std::vector<std::string> names;
   for (const xml_node child : key.children(kind)) {
@@ -72,8 +72,8 @@ std::vector<std::string> Names(xml_node key, const char* kind) {
   return names;
 }
 
-// A node without what is below it, nor blanks around a text.
-std::string Shallow(xml_node node) {
+// Describes a node without its children, and without white space around a text.
+std::string Describe(xml_node node) {
   std::string text = node.value();
   if (node.type() == pugi::node_pcdata) {
     text.erase(text.find_last_not_of(kWhiteSpace) + 1);
@@ -86,14 +86,14 @@ std::string Shallow(xml_node node) {
   return text;
 }
 
-// Everything in `old` is in `now`, in this order, but for blanks and the texts of values.
+// Checks that `now` contains all nodes of `old` in the same order, except white space and the texts of values.
 void CheckKept(xml_node old, xml_node now) {
   const bool is_value = old.name() == std::string_view("value");
   xml_node next = now.first_child();
   for (const xml_node child : old.children()) {
-    const std::string wanted = Shallow(child);
+    const std::string wanted = Describe(child);
     if (IsText(child) && (is_value || wanted.ends_with('|'))) continue;
-    while (next && Shallow(next) != wanted) next = next.next_sibling();
+    while (next && Describe(next) != wanted) next = next.next_sibling();
     CHECK(next);
     CheckKept(child, next);
     next = next.next_sibling();
@@ -104,46 +104,49 @@ constexpr const char* kSinkKeys[] = {
     "sink\\csv",           "sink\\syslog\\udp", "sink\\native",      "sink\\cloudevents\\http",
     "sink\\webhook\\http", "sink\\snmp\\trap",  "sink\\alertmanager"};
 
-// Values that were missing have their defaults, numbers that were none too; the others are as they were.
+// Checks that missing values and invalid numbers have their defaults, and that other values are unchanged.
 void CheckValues(xml_node old, xml_node now, xml_node defaults) {
   CHECK(now);
   for (const xml_node value : defaults.children("value")) {
     const char* const name = value.attribute("name").value();
-    const xml_node was = Child(old, "value", name);
-    const xml_node is = Child(now, "value", name);
+    const xml_node was = FindChild(old, "value", name);
+    const xml_node is = FindChild(now, "value", name);
     CHECK(is);
     const bool is_severity = name == std::string_view("minimum_severity");
-    const bool reset = !was || (!is_severity && TextOf(is) == TextOf(value) && !NumberOf(TextOf(was)));
+    const bool reset = !was || (!is_severity && TextOf(is) == TextOf(value) && !ParseNumber(TextOf(was)));
     CHECK_EQ(TextOf(is), TextOf(reset ? value : was));
   }
 }
 
 void CheckCompleted(const std::string& before, const std::string& after, const oxEventConfig& config) {
-  static const pugi::xml_document documented = Parsed(Bytes(OXEVENT_DOCS "/default-settings.xml"));
-  const pugi::xml_document old = Parsed(before);
-  const pugi::xml_document now = Parsed(after);
+  static const pugi::xml_document documented = Parse(ReadFile(OXEVENT_DOCS "/default-settings.xml"));
+  const pugi::xml_document old = Parse(before);
+  const pugi::xml_document now = Parse(after);
   CheckKept(old, now);
-  const auto events = [](const pugi::xml_document& document) { return Key(document.child("config"), "QVX\\Events"); };
+  const auto events = [](const pugi::xml_document& document) {
+    return FindKey(document.child("config"), "QVX\\Events");
+  };
   for (const char* const key : {"core", "state"}) {
-    CheckValues(Key(events(old), key), Key(events(now), key), Key(events(documented), key));
+    CheckValues(FindKey(events(old), key), FindKey(events(now), key), FindKey(events(documented), key));
   }
   auto sink = config.sinks.begin();
   for (const char* const key : kSinkKeys) {
-    const xml_node defaults = Key(events(documented), key).child("key");
-    std::vector<std::string> names = Names(Key(events(old), key), "key");
+    const xml_node defaults = FindKey(events(documented), key).child("key");
+    std::vector<std::string> names = Names(FindKey(events(old), key), "key");
     if (names.empty()) names.emplace_back(defaults.attribute("name").value());
     for (const std::string& name : names) {
       CHECK(sink != config.sinks.end());
       CHECK_EQ((sink++)->name, name);
-      CheckValues(Child(Key(events(old), key), "key", name), Child(Key(events(now), key), "key", name), defaults);
+      CheckValues(FindChild(FindKey(events(old), key), "key", name), FindChild(FindKey(events(now), key), "key", name),
+                  defaults);
     }
   }
   CHECK(sink == config.sinks.end());
 }
 
-// Finds what is there, as it is. Returns a key, if there is any.
+// Checks that the store lists and returns all keys and values below `path`. Returns the path of some key below it.
 std::string Walk(void* store, xml_node key, const std::string& path) {
-  std::vector<std::string> seen[2];  // By kind.
+  std::vector<std::string> seen[2];  // Indexed by kind: keys, values.
   std::string some_key = path;
   char name[512] = "";
   uint32_t kind = 2;
@@ -153,28 +156,28 @@ std::string Walk(void* store, xml_node key, const std::string& path) {
     if (kind == 0) {
       const std::string sub_key = path.empty() ? name : path + "\\" + name;
       CHECK(oxCFGKeyExists(store, sub_key.c_str()) != 0);
-      some_key = Walk(store, Child(key, "key", name), sub_key);
+      some_key = Walk(store, FindChild(key, "key", name), sub_key);
       continue;
     }
-    const std::string text = TextOf(Child(key, "value", name));
+    const std::string text = TextOf(FindChild(key, "value", name));
     char buffer[100];
     uint32_t length = sizeof buffer;
     CHECK_EQ(oxCFGValueString(store, path.c_str(), name, buffer, &length, 0), 0u);
     CHECK_EQ(std::string(buffer, length), text.substr(0, sizeof buffer - 1));
     uint32_t number = 0;
-    CHECK_EQ(oxCFGValueDword(store, path.c_str(), name, &number, 0) == 0, NumberOf(text).has_value());
-    CHECK_EQ(number, NumberOf(text).value_or(0));
+    CHECK_EQ(oxCFGValueDword(store, path.c_str(), name, &number, 0) == 0, ParseNumber(text).has_value());
+    CHECK_EQ(number, ParseNumber(text).value_or(0));
   }
   CHECK(seen[0] == Names(key, "key") && seen[1] == Names(key, "value"));
   return some_key;
 }
 
-// The store by itself: a walk finds what is there, and a text that is set comes back from the file.
+// Checks the store alone: it lists the contents of the file, and a string that is set and saved is read back.
 void CheckStore(const std::string& bytes) {
   WriteFile(bytes);
   void* store = oxCFGOpen(g_path.c_str(), 0);
   if (store == nullptr) return;
-  const std::string key = Walk(store, Parsed(bytes).child("config"), "") + "\\new";
+  const std::string key = Walk(store, Parse(bytes).child("config"), "") + "\\new";
   std::string text = bytes.substr(0, bytes.size() % 300);
   std::erase_if(text, [](unsigned char c) { return c < ' ' && c != '\t' && c != '\r' && c != '\n'; });
   auto length = static_cast<uint32_t>(text.size());
@@ -199,7 +202,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   oxEventConfig config;
   std::string error;
   const uint32_t result = oxEventConfigLoad(g_path.c_str(), &config, &error);
-  const std::string after = Bytes(g_path);
+  const std::string after = ReadFile(g_path);
   if (result != OXEVENT_OK) {
     CHECK_EQ(result, OXEVENT_INVALID_ARGUMENT);
     CHECK_EQ(after, bytes);
@@ -217,9 +220,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     oxEventConfig again;
     CHECK_EQ(oxEventConfigLoad(g_path.c_str(), &again, nullptr), OXEVENT_OK);
     CHECK(again == config);
-    CHECK_EQ(Bytes(g_path), after);
+    CHECK_EQ(ReadFile(g_path), after);
   }
   CheckStore(bytes);
-  CHECK_EQ(std::distance(std::filesystem::directory_iterator(g_folder.path), {}), 1);  // Nothing is left beside it.
+  CHECK_EQ(std::distance(std::filesystem::directory_iterator(g_directory.path), {}), 1);  // No temporary file is left.
   return 0;
 }

@@ -1,4 +1,4 @@
-// What leaves the library as text, taken apart again: JSON documents, CSV rows, syslog lines, HTTP headers.
+// Parses the library's text outputs: JSON documents, CSV rows, syslog messages, HTTP headers.
 #include <cmath>
 #include <ctime>
 #include <iterator>
@@ -17,12 +17,12 @@ std::string g_body;
 
 using Strings = std::vector<std::string>;
 
-// The members of a JSON document in order, as "path=value"; a string's value begins with a quote. Strict, and without
-// white space.
+// Parses a JSON document strictly, without white space, into a list of members "path=value". A string's value begins
+// with a quote.
 class Json {
  public:
   explicit Json(std::string_view text) : rest_(text) {
-    Value("");
+    ParseValue("");
     CHECK_EQ(rest_, "");
   }
   Strings members;
@@ -35,55 +35,55 @@ class Json {
     return c;
   }
   bool Skip(std::string_view text) {
-    const bool there = rest_.starts_with(text);
-    if (there) rest_.remove_prefix(text.size());
-    return there;
+    const bool found = rest_.starts_with(text);
+    if (found) rest_.remove_prefix(text.size());
+    return found;
   }
   void Expect(std::string_view text) { CHECK(Skip(text)); }
-  std::string String() {
+  std::string ParseString() {
     std::string text;
     Expect("\"");
     for (char c = Next(); c != '"'; c = Next()) {
       CHECK(static_cast<uint8_t>(c) >= 0x20);
-      text += c == '\\' ? Escaped() : c;
+      text += c == '\\' ? ParseEscape() : c;
     }
     return text;
   }
-  char Escaped() {
+  char ParseEscape() {
     constexpr std::string_view kNames = "\"\\/bfnrt", kBytes = "\"\\/\b\f\n\r\t";
     if (rest_[0] != 'u') return kBytes.at(kNames.find(Next()));
-    Expect("u00");  // Only bytes that cannot stand for themselves.
+    Expect("u00");  // Only control bytes are escaped like this.
     const std::string hex = {Next(), Next()};
     CHECK(hex.find_first_not_of("0123456789abcdef") == hex.npos);
     return static_cast<char>(std::stoi(hex, nullptr, 16));
   }
-  void Digits() {
+  void ParseDigits() {
     const size_t count = std::min(rest_.find_first_not_of("0123456789"), rest_.size());
     CHECK(count > 0);
     rest_.remove_prefix(count);
   }
-  void Number() {
+  void ParseNumber() {
     Skip("-");
-    if (!Skip("0")) Digits();
-    if (Skip(".")) Digits();
+    if (!Skip("0")) ParseDigits();
+    if (Skip(".")) ParseDigits();
     if (!Skip("e")) return;
     if (!Skip("+")) Skip("-");
-    Digits();
+    ParseDigits();
   }
-  void Value(const std::string& path) {
+  void ParseValue(const std::string& path) {
     const std::string_view begin = rest_;
-    if (rest_.starts_with('"')) return members.push_back(path + "=\"" + String());
+    if (rest_.starts_with('"')) return members.push_back(path + "=\"" + ParseString());
     if (Skip("{}") || Skip("[]")) return;
     const bool is_list = Skip("[");
     if (is_list || Skip("{")) {
       do {
-        const std::string name = is_list ? "" : String();
+        const std::string name = is_list ? "" : ParseString();
         if (!is_list) Expect(":");
-        Value(path + "/" + name);
+        ParseValue(path + "/" + name);
       } while (Skip(","));
       return Expect(is_list ? "]" : "}");
     }
-    if (!Skip("null")) Number();
+    if (!Skip("null")) ParseNumber();
     members.push_back(path + "=" + std::string(begin.substr(0, begin.size() - rest_.size())));
   }
   std::string_view rest_;
@@ -94,23 +94,23 @@ void CheckSame(const Strings& found, const Strings& expected) {
   CHECK_EQ(found.size(), expected.size());
 }
 
-std::string Time(uint64_t ns, bool short_if_whole = false) {
+std::string FormatTime(uint64_t ns, bool short_if_whole = false) {
   const auto seconds = static_cast<time_t>(ns / 1'000'000'000);
   tm utc = {};
   char text[32] = "";
   CHECK(gmtime_r(&seconds, &utc) != nullptr && strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc) != 0);
   return text +
-         (short_if_whole && ns % 1'000'000'000 == 0 ? "Z" : Printed(".%09dZ", static_cast<int>(ns % 1'000'000'000)));
+         (short_if_whole && ns % 1'000'000'000 == 0 ? "Z" : Format(".%09dZ", static_cast<int>(ns % 1'000'000'000)));
 }
 
-Strings Words(const char* text) {
+Strings SplitWords(const char* text) {
   std::istringstream words(text);
   return {std::istream_iterator<std::string>(words), {}};
 }
 
-// The library's own document. In the list of its members a mark stands before those that are strings.
+// The members of the library's own document. A quote marks the names of string members.
 Strings NativeMembers(const std::string& path, const Event& event) {
-  static const Strings names = Words(
+  static const Strings names = SplitWords(
       "version event_id 'severity severity_value severity_code 'action 'event_type 'source_id 'source_name 'dedupe_key "
       "'correlation_id 'message utc_ns ptp_ns pts 'timecode value threshold 'units duration_ms 'details_json");
   auto fields = FieldsOf(event);
@@ -133,7 +133,7 @@ Strings CloudEventsMembers(const Event& e, const std::string& source, const std:
                               "id=\"" + std::to_string(e.event_id),
                               "source=\"" + source,
                               "type=\"" + Or(e.event_type, "oxEvent.event"),
-                              "time=\"" + Time(e.utc_ns),
+                              "time=\"" + FormatTime(e.utc_ns),
                               "subject=\"" + prefix + Or(e.source_id, Or(e.event_type, "event")),
                               "datacontenttype=\"application/json"};
   for (size_t i = 0; i < std::size(head); ++i) members.insert(members.begin() + static_cast<long>(i), "/" + head[i]);
@@ -141,11 +141,11 @@ Strings CloudEventsMembers(const Event& e, const std::string& source, const std:
 }
 
 void CheckCsv(const Event& event) {
-  static const Strings names = Words(
+  static const Strings names = SplitWords(
       "version event_id time utc_ns severity action event_type source_id source_name dedupe_key correlation_id message "
       "value threshold units duration_ms ptp_ns pts timecode details_json");
   auto fields = FieldsOf(event);
-  fields["time"] = Time(event.utc_ns);
+  fields["time"] = FormatTime(event.utc_ns);
   std::string row;
   row.resize(oxEventText::CsvRowCapacity(event));
   row.resize(static_cast<size_t>(oxEventText::WriteCsvRow(event, row.data()) - row.data()));
@@ -167,16 +167,16 @@ void CheckCsv(const Event& event) {
 }
 
 void CheckAlert(const Event& e, Input& in) {
-  const oxEventAlertmanagerFormatterConfig config = {in.ConsumeBool(), in.ConsumeBool(), Text(in)};
+  const oxEventAlertmanagerFormatterConfig config = {in.ConsumeBool(), in.ConsumeBool(), AnyString(in)};
   std::string text;
   CHECK_EQ(oxEventFormatAlertmanagerAlert(e, config, &text), OXEVENT_OK);
-  const auto same = [&](const char* word) { return strcasecmp(e.action.c_str(), word) == 0; };
-  const bool resolved = same("clear") || same("resolve") || same("resolved");
+  const auto is_action = [&](const char* action) { return strcasecmp(e.action.c_str(), action) == 0; };
+  const bool resolved = is_action("clear") || is_action("resolve") || is_action("resolved");
   if (resolved && !config.send_resolved) return CHECK_EQ(text, "[]");
   const Strings found = Json(text).members;
 
   Strings expected;
-  const auto label = [&](const std::string& name, const char* more) {  // Judged by the characters that it may have.
+  const auto label = [&](const std::string& name, const char* more) {  // Checks only the allowed characters.
     const std::string start = "//labels/" + name + "=\"";
     const std::string& member = found.at(expected.size());
     CHECK(member.starts_with(start) && member.size() > start.size());
@@ -184,12 +184,12 @@ void CheckAlert(const Event& e, Input& in) {
     expected.push_back(member);
   };
   label("alertname", "ABCDEFGHIJKLMNOPQRSTUVWXYZ_");
-  expected.emplace_back(std::string("//labels/severity=\"") + Words("info info warning critical")[e.severity]);
+  expected.emplace_back(std::string("//labels/severity=\"") + SplitWords("info info warning critical")[e.severity]);
   label("event_type", "_.:-");
   expected.emplace_back("//labels/action=\"raise");
   if (config.allow_source_label && !e.source_id.empty()) label("source_id", "_.:-");
   const bool names_source = e.message.find(e.source_name) != e.message.npos;
-  const auto number = [](double value) { return std::isfinite(value) ? Printed("%g", value) : ""; };
+  const auto number = [](double value) { return std::isfinite(value) ? Format("%g", value) : ""; };
   const std::string annotations[] = {
       "summary=\"" + Or(e.message, e.event_type),
       "description=\"" + e.message + (names_source ? "" : " on " + e.source_name),
@@ -200,8 +200,8 @@ void CheckAlert(const Event& e, Input& in) {
       "ox_value=\"" + number(e.value),
       "ox_threshold=\"" + number(e.threshold)};
   for (const std::string& annotation : annotations) expected.push_back("//annotations/" + annotation);
-  expected.push_back("//startsAt=\"" + Time(e.utc_ns, true));
-  if (resolved) expected.push_back("//endsAt=\"" + Time(e.utc_ns, true));
+  expected.push_back("//startsAt=\"" + FormatTime(e.utc_ns, true));
+  if (resolved) expected.push_back("//endsAt=\"" + FormatTime(e.utc_ns, true));
   CheckSame(found, expected);
 }
 
@@ -212,7 +212,7 @@ std::string Token(std::string text, size_t max_length) {
 }
 
 void CheckSyslog(const Event& event, Input& in) {
-  static const Strings names = Words(
+  static const Strings names = SplitWords(
       "version event_id severity action event_type source_id source_name dedupe_key correlation_id utc_ns ptp_ns pts "
       "timecode value threshold units duration_ms details_json");
   constexpr std::pair<const char*, int> kFacilities[] = {{"kern", 0}, {"LOCAL7", 23}, {"local8", 16}, {"cron", 9}};
@@ -221,7 +221,7 @@ void CheckSyslog(const Event& event, Input& in) {
   oxEventSinkConfig config;
   config.minimum_severity = 0;
   config.facility = facility;
-  config.app_name = Text(in);
+  config.app_name = AnyString(in);
   std::shared_ptr<oxEventSink> sink;
   CHECK_EQ(oxEventCreateSyslogUdpSink(config, &sink, nullptr), OXEVENT_OK);
   g_sent.clear();
@@ -229,14 +229,14 @@ void CheckSyslog(const Event& event, Input& in) {
   CHECK_EQ(g_sent.size(), 1u);
   std::string_view line = g_sent[0];
   CHECK(line.size() <= 8192);
-  if (line.size() == 8192) return;  // Perhaps cut.
+  if (line.size() == 8192) return;  // May have been truncated.
   const auto expect = [&line](const std::string& text) {
     CHECK_EQ(line.substr(0, text.size()), text);
     line.remove_prefix(text.size());
   };
   char host[255] = "";
   gethostname(host, sizeof host);
-  expect("<" + std::to_string(code * 8 + kSeverities[event.severity]) + ">1 " + Time(event.utc_ns) + " ");
+  expect("<" + std::to_string(code * 8 + kSeverities[event.severity]) + ">1 " + FormatTime(event.utc_ns) + " ");
   expect(Token(host, 255) + " " + Token(Or(config.app_name, "oxEvent"), 48) + " " + std::to_string(getpid()) + " ");
   expect(Token(event.event_type, 32) + " [velmora@32473");
   auto fields = FieldsOf(event, "%g");
@@ -274,19 +274,19 @@ void CheckWebhook(const Event& event, Input& in) {
   config.minimum_severity = 0;
   config.endpoint_url = "http://127.0.0.1/";
   config.payload_mode = in.ConsumeBool() ? "native_json" : "CloudEvents";
-  config.cloudevents_source = Text(in);
-  config.cloudevents_subject_prefix = Text(in);
-  config.basic_username = Text(in);
-  config.basic_password = Text(in);
+  config.cloudevents_source = AnyString(in);
+  config.cloudevents_subject_prefix = AnyString(in);
+  config.basic_username = AnyString(in);
+  config.basic_password = AnyString(in);
   for (std::string* text : {&config.headers, &config.bearer_token}) {
-    *text = Text(in);
-    std::erase_if(*text, [](char c) { return c < 0; });  // One of these bytes is between two lines.
+    *text = AnyString(in);
+    std::erase_if(*text, [](char c) { return c < 0; });  // The separator of the headers is one of these bytes.
   }
   std::shared_ptr<oxEventSink> sink;
   CHECK_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
   g_headers.clear();
   const uint32_t result = sink->Submit(event, nullptr, nullptr);
-  if (config.bearer_token.find_first_of("\r\n") != std::string::npos) {  // It would begin a header of its own.
+  if (config.bearer_token.find_first_of("\r\n") != std::string::npos) {  // It would start another header.
     return CHECK(result == OXEVENT_FAILURE && g_headers.empty());
   }
   CHECK_EQ(result, OXEVENT_OK);
@@ -320,7 +320,7 @@ void CheckWebhook(const Event& event, Input& in) {
 
 }  // namespace
 
-// In the place of the companion's.
+// Replaces the companion's function.
 int32_t oxOSHTTPCommand(const char* /*url*/, const char* /*method*/, const char* headers, const char* body,
                         int32_t size, char** /*response*/, int32_t* status, uint32_t /*timeout_ms*/) {
   g_headers = headers;

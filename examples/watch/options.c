@@ -5,17 +5,17 @@
 #include <stdlib.h>
 #include <string.h>
 
-static const int kGoOn = -1;
+static const int kContinue = -1;
 static const int kUsage = 2;
-static const double kMost = 1e9;  // Of any number here: exact as a double and as an integer.
+static const double kMax = 1e9;  // Limit of all numbers: exact as a double and as an integer.
 
 static const char kHelp[] =
     "Usage: oxevent-watch [OPTION]... SETTINGS.xml\n"
-    "Watches this machine and reports what is wrong with it through oxEvent.\n"
+    "Watches this machine and reports problems through oxEvent.\n"
     "\n"
     "  --config FILE        the settings file, if not given as the argument; may be empty\n"
-    "  --folder DIR         folder whose file system is watched (default /)\n"
-    "  --spool DIR          folder whose files are watched (default none)\n"
+    "  --folder DIR         directory whose file system is watched (default /)\n"
+    "  --spool DIR          directory whose files are watched (default none)\n"
     "  --max-used PERCENT   limit for the use of the file system (default 90)\n"
     "  --max-files N        limit for the number of files in the spool (default 1000)\n"
     "  --max-age SEC        limit for the age of the oldest file in the spool (default 3600)\n"
@@ -23,16 +23,16 @@ static const char kHelp[] =
     "  --min-memory MB|P%   memory that must be available, in megabytes or percent (default 5%)\n"
     "  --alertmanager URL   post the events to this Alertmanager (http://HOST:9093/api/v2/alerts); once for each of\n"
     "                       a cluster\n"
-    "  --period MS          time from one round to the next (default 5000)\n"
+    "  --period MS          interval of the rounds (default 5000)\n"
     "  --count N            stop after N rounds (default 0: never)\n"
-    "  --help               print this and exit\n"
+    "  --help               print this help and exit\n"
     "\n"
-    "What has the limit \"off\" is not watched. SIGHUP reloads the settings, SIGINT and SIGTERM stop.\n";
+    "The limit \"off\" disables a check. SIGHUP reloads the settings, SIGINT and SIGTERM stop.\n";
 
 enum {
   kHelpOption,
   kConfig,
-  kFolder,
+  kDirectory,
   kSpool,
   kMaxUsed,
   kMaxFiles,
@@ -46,7 +46,7 @@ enum {
 
 static const struct option kOptions[] = {{"help", no_argument, NULL, kHelpOption},
                                          {"config", required_argument, NULL, kConfig},
-                                         {"folder", required_argument, NULL, kFolder},
+                                         {"folder", required_argument, NULL, kDirectory},
                                          {"spool", required_argument, NULL, kSpool},
                                          {"max-used", required_argument, NULL, kMaxUsed},
                                          {"max-files", required_argument, NULL, kMaxFiles},
@@ -58,34 +58,33 @@ static const struct option kOptions[] = {{"help", no_argument, NULL, kHelpOption
                                          {"count", required_argument, NULL, kCount},
                                          {NULL, 0, NULL, 0}};
 
-static int ParseNumber(const char* option, const char* text, const char* unit, double least, double most,
-                       double* number) {
+static int ParseNumber(const char* option, const char* text, const char* unit, double min, double max, double* number) {
   char* rest = NULL;
   const bool digits = *text >= '0' && *text <= '9';  // strtod also takes blanks, signs, nan.
   *number = digits ? strtod(text, &rest) : 0;
-  if (digits && strcmp(rest, unit) == 0 && *number >= least && *number <= most) return kGoOn;
-  fprintf(stderr, "oxevent-watch: --%s: '%s' is not a number from %.0f to %.0f\n", option, text, least, most);
+  if (digits && strcmp(rest, unit) == 0 && *number >= min && *number <= max) return kContinue;
+  fprintf(stderr, "oxevent-watch: --%s: '%s' is not a number from %.0f to %.0f\n", option, text, min, max);
   return kUsage;
 }
 
-static int ParseWhole(const char* option, const char* text, double least, uint64_t* whole) {
+static int ParseWhole(const char* option, const char* text, double min, uint64_t* whole) {
   double number = 0;
-  const int status = ParseNumber(option, text, "", least, kMost, &number);
+  const int status = ParseNumber(option, text, "", min, kMax, &number);
   *whole = (uint64_t)number;
-  if (status != kGoOn || (double)*whole == number) return status;
+  if (status != kContinue || (double)*whole == number) return status;
   fprintf(stderr, "oxevent-watch: --%s: '%s' is not a whole number\n", option, text);
   return kUsage;
 }
 
-static int ParseLimit(const char* option, const char* text, const char* unit, double most, Limit* limit) {
+static int ParseLimit(const char* option, const char* text, const char* unit, double max, Limit* limit) {
   limit->on = strcmp(text, "off") != 0;
-  return limit->on ? ParseNumber(option, text, unit, 0, most, &limit->value) : kGoOn;
+  return limit->on ? ParseNumber(option, text, unit, 0, max, &limit->value) : kContinue;
 }
 
 static int SetSettings(const char* path, Options* options) {
   if (options->settings == NULL) {
     options->settings = path;
-    return kGoOn;
+    return kContinue;
   }
   fprintf(stderr, "oxevent-watch: '%s': the settings file is '%s' already\n", path, options->settings);
   return kUsage;
@@ -94,7 +93,7 @@ static int SetSettings(const char* path, Options* options) {
 static int AddAlertmanager(const char* url, Options* options) {
   if (options->alertmanager_count < kMaxAlertmanagers) {
     options->alertmanagers[options->alertmanager_count++] = url;
-    return kGoOn;
+    return kContinue;
   }
   fprintf(stderr, "oxevent-watch: --alertmanager: '%s' is one more than %d\n", url, kMaxAlertmanagers);
   return kUsage;
@@ -107,58 +106,58 @@ static int SetOption(int option, const char* name, const char* text, Options* op
       return EXIT_SUCCESS;
     case kConfig:
       return SetSettings(text, options);
-    case kFolder:
-      options->folder = text;
-      return kGoOn;
+    case kDirectory:
+      options->directory = text;
+      return kContinue;
     case kSpool:
       options->spool = text;
-      return kGoOn;
+      return kContinue;
     case kMaxUsed:
       return ParseLimit(name, text, "", 100, &options->max_used_percent);
     case kMaxFiles:
       options->spool_limit = name;
-      return ParseLimit(name, text, "", kMost, &options->max_files);
+      return ParseLimit(name, text, "", kMax, &options->max_files);
     case kMaxAge:
       options->spool_limit = name;
-      return ParseLimit(name, text, "", kMost, &options->max_age_s);
+      return ParseLimit(name, text, "", kMax, &options->max_age_s);
     case kMaxLoad:
-      return ParseLimit(name, text, "", kMost, &options->max_load);
+      return ParseLimit(name, text, "", kMax, &options->max_load);
     case kMinMemory:
       options->min_memory_is_percent = strchr(text, '%') != NULL;
       return options->min_memory_is_percent ? ParseLimit(name, text, "%", 100, &options->min_memory)
-                                            : ParseLimit(name, text, "", kMost, &options->min_memory);
+                                            : ParseLimit(name, text, "", kMax, &options->min_memory);
     case kAlertmanager:
       return AddAlertmanager(text, options);
     case kPeriod:
       return ParseWhole(name, text, 1, &options->period_ms);
     case kCount:
       return ParseWhole(name, text, 0, &options->rounds);
-    default:  // getopt_long has told what it refused.
+    default:  // getopt_long has printed the error.
       fputs("Try 'oxevent-watch --help'.\n", stderr);
       return kUsage;
   }
 }
 
 int ParseOptions(int argc, char** argv, Options* options) {
-  *options = (Options){.folder = "/",
+  *options = (Options){.directory = "/",
                        .period_ms = 5000,
                        .max_files = {1000, true},
                        .max_age_s = {3600, true},
                        .max_used_percent = {90, true},
                        .min_memory = {5, true},
                        .min_memory_is_percent = true};
-  int status = kGoOn;
+  int status = kContinue;
   int option = 0;
   int index = 0;
-  while (status == kGoOn && (option = getopt_long(argc, argv, "", kOptions, &index)) != -1) {
+  while (status == kContinue && (option = getopt_long(argc, argv, "", kOptions, &index)) != -1) {
     status = SetOption(option, kOptions[index].name, optarg, options);
   }
-  for (; status == kGoOn && optind < argc; ++optind) status = SetSettings(argv[optind], options);
-  if (status == kGoOn && options->settings == NULL) {
+  for (; status == kContinue && optind < argc; ++optind) status = SetSettings(argv[optind], options);
+  if (status == kContinue && options->settings == NULL) {
     fputs("oxevent-watch: the settings file is missing; try 'oxevent-watch --help'\n", stderr);
     return kUsage;
   }
-  if (status == kGoOn && options->spool_limit != NULL && options->spool == NULL) {
+  if (status == kContinue && options->spool_limit != NULL && options->spool == NULL) {
     fprintf(stderr, "oxevent-watch: --%s: needs --spool\n", options->spool_limit);
     return kUsage;
   }

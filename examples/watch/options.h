@@ -15,13 +15,13 @@ enum { kMaxAlertmanagers = 4 };
 
 typedef struct Options {
   const char* settings;
-  const char* folder;
+  const char* directory;
   const char* spool;                            /* Null: no spool is watched. */
-  const char* spool_limit;                      /* Name of an option that makes no sense without a spool, or null. */
+  const char* spool_limit;                      /* Name of an option that requires --spool, or null. */
   const char* alertmanagers[kMaxAlertmanagers]; /* URLs. */
   size_t alertmanager_count;
   uint64_t period_ms;
-  uint64_t rounds; /* 0: until stopped. */
+  uint64_t rounds; /* 0: no limit. */
   Limit max_files;
   Limit max_age_s;
   Limit max_used_percent;
@@ -30,7 +30,7 @@ typedef struct Options {
   bool min_memory_is_percent; /* Else megabytes. */
 } Options;
 
-/* Returns -1 when *options is filled and the program may go on, else the status to exit with; it has told why. */
+/* Returns -1 if the program may continue, or else the exit status; an error has then been printed. */
 int ParseOptions(int argc, char** argv, Options* options);
 
 #endif

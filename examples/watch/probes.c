@@ -13,11 +13,11 @@
 
 static const double kMb = 1024.0 * 1024.0;
 
-int ReadFolder(const char* path, FolderReading* reading) {
+int ReadFileSystem(const char* path, FileSystemReading* reading) {
   struct statvfs fs;
   if (statvfs(path, &fs) != 0) return errno;
   const double used = (double)(fs.f_blocks - fs.f_bfree);
-  const double usable = used + (double)fs.f_bavail;  // Less than f_blocks: some is kept for root.
+  const double usable = used + (double)fs.f_bavail;  // Less than f_blocks: root has a reserve.
   reading->used_percent = usable > 0 ? 100.0 * used / usable : 0.0;
   reading->free_mb = (double)fs.f_bavail * (double)fs.f_frsize / kMb;
   return 0;
@@ -25,10 +25,10 @@ int ReadFolder(const char* path, FolderReading* reading) {
 
 static double Seconds(struct timespec time) { return (double)time.tv_sec + (double)time.tv_nsec / 1e9; }
 
-/* Counts one entry of the spool. A file may vanish between readdir and here: then it is not there. */
-static int AddEntry(int folder, const char* name, double now_s, SpoolReading* reading) {
+/* Counts one entry of the spool. Ignores a file that was removed after readdir. */
+static int AddEntry(int directory, const char* name, double now_s, SpoolReading* reading) {
   struct stat entry;
-  if (fstatat(folder, name, &entry, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : errno;
+  if (fstatat(directory, name, &entry, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : errno;
   if (!S_ISREG(entry.st_mode)) return 0;
   const double age_s = now_s - Seconds(entry.st_mtim);
   if (reading->files == 0 || age_s > reading->oldest_age_s) {
@@ -41,18 +41,18 @@ static int AddEntry(int folder, const char* name, double now_s, SpoolReading* re
 
 int ReadSpool(const char* path, SpoolReading* reading) {
   memset(reading, 0, sizeof(*reading));
-  DIR* folder = opendir(path);
-  if (folder == NULL) return errno;
+  DIR* directory = opendir(path);
+  if (directory == NULL) return errno;
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   int error = 0;
   const struct dirent* entry = NULL;
   do {
-    errno = 0;  // readdir tells the end and a failure apart by errno alone.
-    entry = readdir(folder);
-    error = entry != NULL ? AddEntry(dirfd(folder), entry->d_name, Seconds(now), reading) : errno;
+    errno = 0;  // Only errno distinguishes readdir's failure from its end.
+    entry = readdir(directory);
+    error = entry != NULL ? AddEntry(dirfd(directory), entry->d_name, Seconds(now), reading) : errno;
   } while (entry != NULL && error == 0);
-  closedir(folder);
+  closedir(directory);
   return error;
 }
 

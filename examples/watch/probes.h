@@ -1,6 +1,6 @@
 /*
- * What the watcher measures. Each function fills *reading and returns 0, or returns the errno value of what failed and
- * leaves *reading unspecified.
+ * The watcher's measurements. Each function fills *reading and returns 0, or returns an errno value and leaves *reading
+ * unspecified.
  */
 #ifndef WATCH_PROBES_H
 #define WATCH_PROBES_H
@@ -8,15 +8,15 @@
 #include <limits.h>
 #include <stdint.h>
 
-typedef struct FolderReading {
-  double used_percent; /* As df tells it: of what is open to everyone. */
+typedef struct FileSystemReading {
+  double used_percent; /* Like df: relative to the space that unprivileged users can use. */
   double free_mb;
-} FolderReading;
+} FileSystemReading;
 
 typedef struct SpoolReading {
-  uint64_t files; /* Regular files; what lies in folders of the spool does not count. */
+  uint64_t files; /* Regular files; subdirectories are ignored. */
   double oldest_age_s;
-  char oldest_name[NAME_MAX + 1]; /* Empty without files. */
+  char oldest_name[NAME_MAX + 1]; /* Empty if there are no files. */
 } SpoolReading;
 
 typedef struct MemoryReading {
@@ -24,7 +24,7 @@ typedef struct MemoryReading {
   double available_mb;
 } MemoryReading;
 
-int ReadFolder(const char* path, FolderReading* reading);
+int ReadFileSystem(const char* path, FileSystemReading* reading);
 int ReadSpool(const char* path, SpoolReading* reading);
 int ReadLoad(double* load_of_one_minute);
 int ReadMemory(MemoryReading* reading);

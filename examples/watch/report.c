@@ -25,12 +25,12 @@ static bool Submit(Reporter* reporter, const oxEventRecord* record) {
   return false;
 }
 
-static bool HasMoved(const Condition* condition, double value) {
+static bool HasChanged(const Condition* condition, double value) {
   const double difference = value - condition->value;
   return difference >= condition->step || -difference >= condition->step;
 }
 
-/* Begins an occurrence, with a correlation id of its own; process and start time keep other runs' ids apart. */
+/* Begins an occurrence, with a correlation id of its own; process id and start time distinguish other runs. */
 static void Begin(Reporter* reporter, Condition* condition, uint64_t now_ms) {
   condition->since_ms = now_ms;
   snprintf(condition->correlation_id, sizeof(condition->correlation_id), "%ld-%" PRIu64 "-%u", (long)getpid(),
@@ -40,9 +40,9 @@ static void Begin(Reporter* reporter, Condition* condition, uint64_t now_ms) {
 static void ReportStep(Reporter* reporter, Condition* condition, bool present, double value, const char* message,
                        const char* details_json) {
   const uint64_t now_ms = MonotonicMs();
-  const bool moved = condition->raised && HasMoved(condition, value);
+  const bool changed = condition->raised && HasChanged(condition, value);
   if (!condition->raised) Begin(reporter, condition, now_ms);
-  // With the host: where many report, "load" alone would be one alert of them all.
+  // Includes the host's name: otherwise "load" of all machines would be one alert.
   char* source = FormatText("%s:%s", reporter->host, condition->source_id);
   char* key = FormatText("%s:%s", source, condition->event_type);
   const oxEventRecord record = {.struct_size = sizeof(record),
@@ -51,11 +51,11 @@ static void ReportStep(Reporter* reporter, Condition* condition, bool present, d
                                 .source_id = source,
                                 .source_name = reporter->host,
                                 .message = message,
-                                // A clear has it too: who was sent the raise must see its end.
+                                // A clear has it too, so that it passes the same filters as its raise.
                                 .severity = condition->severity,
-                                .action = !present ? "clear"
-                                          : moved  ? "update"
-                                                   : "raise",
+                                .action = !present  ? "clear"
+                                          : changed ? "update"
+                                                    : "raise",
                                 .dedupe_key = key,
                                 .correlation_id = condition->correlation_id,
                                 .value = value,
@@ -63,8 +63,8 @@ static void ReportStep(Reporter* reporter, Condition* condition, bool present, d
                                 .units = condition->units,
                                 .duration_ms = now_ms - condition->since_ms,
                                 .details_json = details_json};
-  if (Submit(reporter, &record)) {  // What was refused did not happen: the next round tries again.
-    if (moved || !condition->raised) condition->value = value;
+  if (Submit(reporter, &record)) {  // After a refusal the next round tries again.
+    if (changed || !condition->raised) condition->value = value;
     condition->raised = present;
   }
   free(key);

@@ -1,7 +1,7 @@
 /*
- * How the watcher's findings become events. A condition is raised when it is found, reported again every round while it
- * stands, updated when its value moves and cleared when it is gone. The library drops the repetitions and lets one
- * through as "repeat" whenever the repeat interval has passed.
+ * Reports the watcher's findings as events. A condition is raised when it is found, reported again in every round while
+ * it lasts, updated when its value changes and cleared when it has ended. The library suppresses the repetitions, but
+ * passes one on as "repeat" after each repeat interval.
  */
 #ifndef WATCH_REPORT_H
 #define WATCH_REPORT_H
@@ -14,36 +14,36 @@
 typedef struct Reporter {
   const char* host;
   uint64_t started_ms;
-  uint64_t reported; /* Accepted by the library. */
+  uint64_t reported; /* Events that the library accepted. */
   uint64_t refused;
-  unsigned occurrences; /* Conditions raised so far. */
+  unsigned occurrences; /* Number of conditions raised so far. */
 } Reporter;
 
 typedef struct Condition {
   const char* event_type;
-  const char* source_id; /* What is watched. */
+  const char* source_id; /* The watched object. */
   uint32_t severity;
   double threshold;
-  double step; /* A value that moved by less has not changed. */
+  double step; /* Smaller changes of the value are not reported. */
   const char* units;
 
   bool raised;
-  double value; /* As last reported. */
+  double value; /* Value of the last report. */
   uint64_t since_ms;
   char correlation_id[64]; /* The same from raise to clear. */
 } Condition;
 
 /*
- * Reports what a round has found: `present` with `value`. Takes `message` and `details`, ends and frees both. Reports
- * nothing of a condition that neither is nor was.
+ * Reports the state of a condition: `present` with `value`. Reports nothing if the condition is neither present nor
+ * raised. Takes ownership of `message`, and of `details`, which it ends.
  */
 void ReportCondition(Reporter* reporter, Condition* condition, bool present, double value, char* message,
                      JsonObject* details);
 
-/* Reports something that is no condition: the watcher's own start, reload and stop. */
+/* Reports an event that is not a condition: the watcher's own start, reload and stop. */
 void ReportNotice(Reporter* reporter, const char* event_type, const char* message);
 
-/* Prints the library's last error: what was tried, the code, the text. */
+/* Prints the library's last error and `code`, after what was `tried`. */
 void PrintFailure(const char* tried, uint32_t code);
 
 #endif

@@ -42,7 +42,7 @@ static size_t Utf8Size(const unsigned char* s) {
   if (s[0] >= 0xE0 && s[0] <= 0xEF) size = 3;
   if (s[0] >= 0xF0 && s[0] <= 0xF4) size = 4;
   for (size_t i = 1; i < size; ++i) {
-    if ((s[i] & 0xC0) != 0x80) return 0;  // The terminating NUL ends here too.
+    if ((s[i] & 0xC0) != 0x80) return 0;  // Also at the terminating NUL.
   }
   const bool overlong = (s[0] == 0xE0 && s[1] < 0xA0) || (s[0] == 0xF0 && s[1] < 0x90);
   const bool surrogate = s[0] == 0xED && s[1] >= 0xA0;

@@ -1,6 +1,6 @@
 /*
- * Texts of the watcher: formatted ones, clean ones, JSON objects. Every text returned is the caller's to free. A failed
- * allocation ends the program: a watcher without memory has nothing to report with.
+ * String functions: formatting, validation, JSON objects. The caller frees the returned strings. A failed allocation
+ * ends the program: without memory it could not report anything.
  */
 #ifndef WATCH_TEXT_H
 #define WATCH_TEXT_H
@@ -16,12 +16,12 @@
 char* FormatText(const char* format, ...) WATCH_PRINTF_LIKE;
 
 /*
- * A copy of `text` that is well-formed UTF-8 on one line: what is not becomes U+FFFD. File names may hold any byte, but
- * the library's texts are UTF-8, and the system log's lines are not escaped.
+ * Returns a copy of `text` that is well-formed UTF-8 on one line: U+FFFD replaces other bytes. File names may contain
+ * any byte, but the library's strings are UTF-8, and the system log does not escape them.
  */
 char* CleanText(const char* text);
 
-/* A JSON object that is being written, member by member. Names are literals that need no escape. */
+/* Writes a JSON object member by member. Names are literals that need no escaping. */
 typedef struct JsonObject {
   FILE* out;
   char* text;

@@ -1,6 +1,6 @@
 /*
- * Watches this machine: a file system, a spool folder, load and memory. What is wrong becomes a condition that is
- * raised, updated and cleared through oxEvent; every event that comes out is printed.
+ * Watches this machine: a file system, a spool directory, load and memory. Each problem is a condition that is raised,
+ * updated and cleared through oxEvent; every delivered event is printed.
  */
 #define _POSIX_C_SOURCE 200809L  // NOLINT(bugprone-reserved-identifier)
 
@@ -21,16 +21,16 @@
 typedef struct Watcher {
   Options options;
   char* host;
-  char* folder;  // As in the options, but clean.
+  char* directory;  // Like those in the options, but valid UTF-8 on one line.
   char* spool;
   Reporter reporter;
-  Condition folder_full;
+  Condition file_system_full;
   Condition spool_full;
   Condition spool_stale;
   Condition load_high;
   Condition memory_low;
-  // The measurement itself failed. What it would have told stays as it was.
-  Condition folder_unreadable;
+  // The measurement itself failed. The condition that it checks keeps its state.
+  Condition file_system_unreadable;
   Condition spool_unreadable;
   Condition load_unreadable;
   Condition memory_unreadable;
@@ -55,24 +55,24 @@ static void Setup(Watcher* watcher) {
   char host[256] = "";
   gethostname(host, sizeof(host) - 1);
   watcher->host = CleanText(host);
-  watcher->folder = CleanText(options->folder);
+  watcher->directory = CleanText(options->directory);
   watcher->spool = CleanText(options->spool != NULL ? options->spool : "");
   watcher->reporter.host = watcher->host;
   watcher->reporter.started_ms = MonotonicMs();
 
-  const char* folder = watcher->folder;
+  const char* directory = watcher->directory;
   const char* spool = watcher->spool;
   const bool percent = options->min_memory_is_percent;
-  watcher->folder_full =
-      Describe("folder.full", folder, OXEVENT_SEVERITY_ERROR, options->max_used_percent.value, 1, "percent");
+  watcher->file_system_full =
+      Describe("folder.full", directory, OXEVENT_SEVERITY_ERROR, options->max_used_percent.value, 1, "percent");
   watcher->spool_full = Describe("spool.full", spool, OXEVENT_SEVERITY_WARNING, options->max_files.value, 1, "files");
-  // Age grows all the time; what is worth telling is that it has grown by another limit.
+  // The age always grows: report it only when it has grown by another limit.
   watcher->spool_stale = Describe("spool.stale", spool, OXEVENT_SEVERITY_WARNING, options->max_age_s.value,
                                   options->max_age_s.value + 1, "s");
   watcher->load_high = Describe("load.high", "load", OXEVENT_SEVERITY_WARNING, options->max_load.value, 0.5, "");
   watcher->memory_low = Describe("memory.low", "memory", OXEVENT_SEVERITY_ERROR, options->min_memory.value,
                                  percent ? 1 : 64, percent ? "percent" : "MB");
-  watcher->folder_unreadable = DescribeUnreadable(folder);
+  watcher->file_system_unreadable = DescribeUnreadable(directory);
   watcher->spool_unreadable = DescribeUnreadable(spool);
   watcher->load_unreadable = DescribeUnreadable("load");
   watcher->memory_unreadable = DescribeUnreadable("memory");
@@ -88,20 +88,20 @@ static bool Measured(Watcher* watcher, Condition* unreadable, int error) {
   return error == 0;
 }
 
-static void CheckFolder(Watcher* watcher) {
+static void CheckFileSystem(Watcher* watcher) {
   const Options* options = &watcher->options;
-  FolderReading reading;
+  FileSystemReading reading;
   if (!options->max_used_percent.on) return;
-  if (!Measured(watcher, &watcher->folder_unreadable, ReadFolder(options->folder, &reading))) return;
+  if (!Measured(watcher, &watcher->file_system_unreadable, ReadFileSystem(options->directory, &reading))) return;
 
   JsonObject details;
   JsonBegin(&details);
-  JsonAddText(&details, "folder", options->folder);
+  JsonAddText(&details, "folder", options->directory);
   JsonAddNumber(&details, "free_mb", reading.free_mb);
   char* message = FormatText("The file system is %.1f percent full, limit %g: %s", reading.used_percent,
-                             options->max_used_percent.value, watcher->folder);
-  ReportCondition(&watcher->reporter, &watcher->folder_full, reading.used_percent > options->max_used_percent.value,
-                  reading.used_percent, message, &details);
+                             options->max_used_percent.value, watcher->directory);
+  ReportCondition(&watcher->reporter, &watcher->file_system_full,
+                  reading.used_percent > options->max_used_percent.value, reading.used_percent, message, &details);
 }
 
 static void AddSpoolDetails(JsonObject* details, const Options* options, const SpoolReading* reading) {
@@ -167,7 +167,7 @@ static void CheckMemory(Watcher* watcher) {
 }
 
 static void CheckAll(Watcher* watcher) {
-  CheckFolder(watcher);
+  CheckFileSystem(watcher);
   CheckSpool(watcher);
   CheckLoad(watcher);
   CheckMemory(watcher);
@@ -182,7 +182,8 @@ static void Reload(Watcher* watcher) {
   ReportNotice(&watcher->reporter, "watch.reloaded", "The settings are reloaded");
 }
 
-// Waits for one of `signals` and returns it, 0 at `deadline_ms`. The signals are blocked: none is lost between rounds.
+// Waits for one of `signals` and returns it, or 0 at `deadline_ms`. The signals are blocked, so that none is lost
+// between rounds.
 static int WaitForSignal(const sigset_t* signals, uint64_t deadline_ms) {
   for (;;) {
     const uint64_t now_ms = MonotonicMs();
@@ -201,14 +202,14 @@ static void Watch(Watcher* watcher, const sigset_t* signals) {
     CheckAll(watcher);
     if (round == options->rounds) return;
     deadline_ms += options->period_ms;
-    if (deadline_ms < MonotonicMs()) deadline_ms = MonotonicMs();  // Rounds that were missed are not made up for.
+    if (deadline_ms < MonotonicMs()) deadline_ms = MonotonicMs();  // Skips missed rounds.
     int signal = 0;
     while ((signal = WaitForSignal(signals, deadline_ms)) == SIGHUP) Reload(watcher);
     if (signal != 0) return;
   }
 }
 
-// On the library's thread. The counter is read only after oxEventShutdown, which waits for that thread.
+// Runs on the library's worker thread. The counter is read only after oxEventShutdown, which waits for that thread.
 static void PrintEvent(const oxEventRecord* event, void* delivered) {
   ++*(uint64_t*)delivered;
   const time_t seconds = (time_t)(event->utc_ns / 1000000000u);
@@ -221,7 +222,7 @@ static void PrintEvent(const oxEventRecord* event, void* delivered) {
          event->action[0] != '\0' ? event->action : "-", event->event_type, event->message);
 }
 
-// Returns whether all went well.
+// Returns whether all calls succeeded.
 static bool WatchAndReport(Watcher* watcher, const sigset_t* signals) {
   uint64_t delivered = 0;
   uint32_t callback_id = 0;
@@ -244,7 +245,7 @@ static bool WatchAndReport(Watcher* watcher, const sigset_t* signals) {
 }
 
 static int Run(Watcher* watcher) {
-  // Blocked before any thread starts, so that signals wait for Watch whatever the threads do meanwhile.
+  // Blocked before any thread starts, so that no thread but Watch's receives the signals.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGHUP);
@@ -276,7 +277,7 @@ int main(int argc, char** argv) {
   Setup(&watcher);
   const int status = Run(&watcher);
   free(watcher.host);
-  free(watcher.folder);
+  free(watcher.directory);
   free(watcher.spool);
   return status;
 }
