@@ -28,8 +28,8 @@ class oxEventNodePool {
 
   size_t Size() const { return free_nodes_.Size(); }
 
-  // Moves all kept nodes to *nodes, which is empty.
-  void Take(oxEventNodeStack* nodes) { nodes->Swap(&free_nodes_); }
+  // Exchanges the kept nodes for *nodes, so that the caller can free many of them without the queue's lock.
+  void Swap(oxEventNodeStack* nodes) { nodes->Swap(&free_nodes_); }
 
   // Whether enough nodes are kept for it to be worth giving memory back.
   bool HasSurplus() const { return free_nodes_.Size() > kNodesKept; }

@@ -22,7 +22,7 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
     {
       oxEventLock lock(mutex_);
       backlog_.Configure(capacity, policy);
-      if (pool_.Size() > MaxFreeNodesLocked()) pool_.Take(&freed);
+      if (pool_.Size() > MaxFreeNodesLocked()) pool_.Swap(&freed);
       backlog_.Trim(kTrimmedAtOnce, &trimmed);
       fits = backlog_.Size() <= backlog_.Capacity();
       if (fits) SignalIfDrainedLocked();
@@ -142,7 +142,7 @@ void oxEventQueue::Reset() {
   DropPending();
   oxEventNodeStack freed;
   oxEventLock lock(mutex_);
-  pool_.Take(&freed);
+  pool_.Swap(&freed);
   active_count_ = 0;
   accepting_ = false;
   stop_requested_ = false;
@@ -213,7 +213,7 @@ void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
   while (wait_mode_ == WaitMode::kBlocked && !stop_requested_ && std::chrono::steady_clock::now() < deadline) {
     not_empty_.WaitUntil(mutex_, deadline);
   }
-  if (wait_mode_ == WaitMode::kBlocked && !stop_requested_) pool_.Take(surplus);
+  if (wait_mode_ == WaitMode::kBlocked && !stop_requested_) pool_.Swap(surplus);
 }
 
 // Whether the worker waits: the caller, and nobody else, has to notify it.
@@ -226,7 +226,7 @@ void oxEventQueue::ReleaseSurplus(oxEventNodeStack* surplus) {
     return backlog_.IsEmpty() && !stop_requested_;
   });
   oxEventLock lock(mutex_);
-  pool_.Take(surplus);
+  pool_.Swap(surplus);
 }
 
 void oxEventQueue::CompleteActiveEventLocked() {
