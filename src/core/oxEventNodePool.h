@@ -7,18 +7,18 @@
 #include "base/oxEventSlab.h"
 #include "core/oxEventNode.h"
 
-// The memory of the queue's events. Keeps the nodes of delivered events for the next ones; what a burst has left over
-// goes back to the system once the queue has been quiet for a second: not sooner, since the next burst of a host that
-// works in cycles needs it again.
+// The memory of the queue's events. Keeps the nodes of delivered events for the next ones. Surplus nodes of a burst are
+// freed once the queue has been quiet for a second: not sooner, because a host that works in cycles needs them again for
+// its next burst.
 // Threads: Create and Shrink take the slab's own lock. All other calls need the lock of the queue.
 class oxEventNodePool {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // A node in new memory. Null: no memory.
+  // Returns a node in new memory, or null if there is none.
   oxEventNodePtr Create();
 
-  // A node that was kept. Null: there is none.
+  // Returns a kept node, or null if none is kept.
   oxEventNodePtr TryAcquire() { return free_nodes_.Pop(); }
 
   // Keeps the node, if fewer than `limit` are kept.
@@ -31,14 +31,14 @@ class oxEventNodePool {
   // Exchanges the kept nodes for *nodes, so that the caller can free many of them without the queue's lock.
   void Swap(oxEventNodeStack* nodes) { nodes->Swap(&free_nodes_); }
 
-  // Whether enough nodes are kept for it to be worth giving memory back.
+  // Whether more nodes are kept than an idle queue needs.
   bool HasSurplus() const { return free_nodes_.Size() > kNodesKept; }
 
-  // When the surplus may go, unless more than a few events have been queued since the last call. `enqueue_count`: all
-  // events ever queued.
+  // Returns when the surplus may be freed. If more than a few events have been queued since the last call, that is a
+  // second from now. `enqueue_count`: number of events queued so far.
   Clock::time_point SurplusDeadline(uint64_t enqueue_count);
 
-  // Frees surplus nodes from *nodes, a few at a time, as long as may_go_on() is true, then gives empty memory back.
+  // Frees surplus nodes of *nodes, a few at a time, as long as may_go_on() returns true, and then unused memory.
   template <class MayGoOn>
   void Shrink(oxEventNodeStack* nodes, MayGoOn may_go_on) {
     while (nodes->Size() > kNodesKept && may_go_on()) {
