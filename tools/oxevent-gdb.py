@@ -106,7 +106,7 @@ def show_state(_limit):
     if number(variable('g_oxEventInitialized', api)['_M_base']):
         path = variable('g_oxEventConfigPath', api)['object_']['_M_payload']
         print('oxEvent is initialized with ' + (string(path['_M_payload']['_M_value']) if path['_M_engaged'] else '-'))
-    elif variable('g_oxEventStopping', api):
+    elif variable('g_oxEventShutdownInProgress', api):
         print('oxEvent is shutting down')
     else:
         print('oxEvent is not initialized; the following is from the last run, if any')

@@ -24,15 +24,15 @@ namespace {
 
 constexpr uint32_t kShutdownDrainMs = 5000;
 
-// Outermost lock but one. Held over opening sinks, but not over looking up their hosts, which may take as long as a
-// name server does. Submit and Flush go by g_oxEventInitialized without it.
+// Taken before every other lock but g_oxEventReloadMutex. Held while sinks are opened, but not while their hosts are
+// resolved, which may take long. Submit and Flush do not take it: they only read g_oxEventInitialized.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventMutex;
-// One reload at a time, lookups included: of two the later settings stay in force. Taken before g_oxEventMutex.
+// Serializes reloads, name resolution included, so that the settings of the last call win. Taken before g_oxEventMutex.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventReloadMutex;
 constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
-constinit std::atomic<uint64_t> g_oxEventStarts = 0;       // Successful ones. Changed with g_oxEventMutex held.
-constinit std::atomic<bool> g_oxEventClosed = false;       // At unload and process exit, for good.
-constinit bool g_oxEventStopping = false;                  // A Shutdown is draining. Guarded by g_oxEventMutex.
+constinit std::atomic<uint64_t> g_oxEventStarts = 0;  // Counts successful starts. Changed with g_oxEventMutex held.
+constinit std::atomic<bool> g_oxEventClosed = false;  // Set for good at unload and process exit.
+constinit bool g_oxEventShutdownInProgress = false;   // Guarded by g_oxEventMutex.
 constinit oxEventNoDestructor<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
 constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
 
@@ -51,8 +51,8 @@ uint32_t FailWith(uint32_t code, const std::string& text, oxEventErrorText<0> er
 
 uint32_t NotInitialized() { return Fail(oxEventErrors::kNotInitialized); }
 
-// 0: success, else a failure with this text.
-uint32_t Outcome(uint32_t code, oxEventErrorText<0> error) {
+// Sets the last error if `code` is a failure, clears it otherwise. Returns `code`.
+uint32_t Finish(uint32_t code, oxEventErrorText<0> error) {
   if (code != OXEVENT_OK) return Fail(code, error);
   oxEventClearLastError();
   return OXEVENT_OK;
@@ -70,7 +70,7 @@ uint32_t ReturnUnknownError(const char* entry_point) {
   return Fail(code, text);
 }
 
-// Keeps every exception from the host, but for the unwinding of a thread that is being cancelled.
+// Converts every exception of `body` to a result code, except the unwinding of a cancelled thread, which must continue.
 template <class Body>
 uint32_t Guarded(const char* entry_point, Body body) {
   try {
@@ -90,32 +90,32 @@ uint64_t NextGeneratedId() {
 }
 
 uint32_t SubmitRecord(const char* entry_point, const oxEventRecord* record) {
-  const uint64_t id = NextGeneratedId();  // Drawn for a record that is refused too.
+  const uint64_t id = NextGeneratedId();  // Used up even if the record is refused.
   oxEventNormalizedEvent event;
   const uint32_t result = Guarded(entry_point, [&] {
-    if (const uint32_t refusal = oxEventNormalizeEvent(record, id, &event); refusal != OXEVENT_OK) {
-      return Fail(refusal, oxEventErrors::kInvalidRecord);
+    if (const uint32_t failure = oxEventNormalizeEvent(record, id, &event); failure != OXEVENT_OK) {
+      return Fail(failure, oxEventErrors::kInvalidRecord);
     }
     if (!g_oxEventInitialized) return NotInitialized();
-    return Outcome(oxEventCoreSubmit(event), oxEventErrors::kSubmitFailed);
+    return Finish(oxEventCoreSubmit(event), oxEventErrors::kSubmitFailed);
   });
   oxEventTraceSubmit(result, event.event_id, event.severity);
   return result;
 }
 
-// Shuts the sinks down on every way out but the one that keeps them.
+// Shuts the sinks down unless Dismiss was called.
 class SinkShutdownGuard {
  public:
   SinkShutdownGuard() = default;
   ~SinkShutdownGuard() {
-    if (!keep_) oxEventSinkShutdown();
+    if (!dismissed_) oxEventSinkShutdown();
   }
   SinkShutdownGuard(const SinkShutdownGuard&) = delete;
   SinkShutdownGuard& operator=(const SinkShutdownGuard&) = delete;
-  void Keep() { keep_ = true; }
+  void Dismiss() { dismissed_ = true; }
 
  private:
-  bool keep_ = false;
+  bool dismissed_ = false;
 };
 
 uint32_t Initialize(const char* config_path) {
@@ -130,10 +130,10 @@ uint32_t Initialize(const char* config_path) {
   if (!g_oxEventInitialized) oxEventSinkLookUpHosts(&config);
 
   oxEventLock lock(*g_oxEventMutex);
-  if (g_oxEventInitialized || g_oxEventStopping) {
+  if (g_oxEventInitialized || g_oxEventShutdownInProgress) {
     return Fail(oxEventErrors::kAlreadyInitialized);
   }
-  // Not left to the router alone: the event in delivery still needs its callbacks.
+  // The router checks this too, but later: shutting down the sinks then would remove callbacks that a delivery needs.
   if (g_oxEventClosed) return Fail(oxEventErrors::kStartFailed);
   if (const uint32_t result = oxEventSinkInitialize(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kSinkStartFailed);
@@ -142,7 +142,7 @@ uint32_t Initialize(const char* config_path) {
   if (const uint32_t result = oxEventCoreStart(&config); result != OXEVENT_OK) {
     return Fail(result, oxEventErrors::kStartFailed);
   }
-  sinks.Keep();
+  sinks.Dismiss();
   *g_oxEventConfigPath = std::move(remembered_path);
   ++g_oxEventStarts;
   g_oxEventInitialized = true;
@@ -167,7 +167,7 @@ uint32_t ReloadConfig(const char* config_path) {
   if (g_oxEventInitialized) oxEventSinkLookUpHosts(&config);
 
   oxEventLock lock(*g_oxEventMutex);
-  // These settings are for the run that they were loaded in, and not for a later one either.
+  // The library was shut down during the load; it may have been started again, with other settings.
   if (!g_oxEventInitialized || g_oxEventStarts != starts) return NotInitialized();
   if (const uint32_t result = oxEventSinkReloadConfig(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kConfigReloadFailed);
@@ -180,35 +180,35 @@ uint32_t ReloadConfig(const char* config_path) {
   return OXEVENT_OK;
 }
 
-// While a Shutdown drains, on whichever way it ends.
-class Stopping {
+// Marks a shutdown as in progress. Constructed with g_oxEventMutex held.
+class ShutdownInProgress {
  public:
-  Stopping() { g_oxEventStopping = true; }
-  ~Stopping() {
+  ShutdownInProgress() { g_oxEventShutdownInProgress = true; }
+  ~ShutdownInProgress() {
     oxEventLock lock(*g_oxEventMutex);
-    g_oxEventStopping = false;
+    g_oxEventShutdownInProgress = false;
   }
-  Stopping(const Stopping&) = delete;
-  Stopping& operator=(const Stopping&) = delete;
+  ShutdownInProgress(const ShutdownInProgress&) = delete;
+  ShutdownInProgress& operator=(const ShutdownInProgress&) = delete;
 };
 
 uint32_t Shutdown() {
   const oxEventCancelBlock cancel_block;
-  std::optional<Stopping> stopping;
+  std::optional<ShutdownInProgress> in_progress;
   {
     oxEventLock lock(*g_oxEventMutex);
     if (!g_oxEventInitialized) return NotInitialized();
-    stopping.emplace();
+    in_progress.emplace();
     g_oxEventConfigPath->reset();
     g_oxEventInitialized = false;
   }
   SinkShutdownGuard sinks;
   const uint32_t stop_result = oxEventCoreStop(kShutdownDrainMs);
   const std::string stop_text = oxEventSinkGetLastError();
-  sinks.Keep();
+  sinks.Dismiss();
   const uint32_t sink_result = oxEventSinkShutdown();
   if (stop_result != OXEVENT_OK) return FailWith(stop_result, stop_text, oxEventErrors::kShutdownFailed);
-  return Outcome(sink_result, oxEventErrors::kSinkShutdownFailed);
+  return Finish(sink_result, oxEventErrors::kSinkShutdownFailed);
 }
 
 }  // namespace
@@ -236,7 +236,7 @@ uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* s
 uint32_t oxEventFlush(uint32_t timeout_ms) {
   const uint32_t result = Guarded("oxEventFlush", [&] {
     if (!g_oxEventInitialized) return NotInitialized();
-    return Outcome(oxEventCoreFlush(timeout_ms), oxEventErrors::kFlushTimedOut);
+    return Finish(oxEventCoreFlush(timeout_ms), oxEventErrors::kFlushTimedOut);
   });
   oxEventTraceFlush(result);
   return result;
@@ -251,14 +251,14 @@ uint32_t oxEventRegisterCallback(oxEventCallback callback, void* user_data, uint
     if (callback == nullptr || id_out == nullptr) {
       return Fail(oxEventErrors::kCallbackArguments);
     }
-    return Outcome(oxEventSinkRegisterCallback(callback, user_data, id_out), oxEventErrors::kCallbackFailed);
+    return Finish(oxEventSinkRegisterCallback(callback, user_data, id_out), oxEventErrors::kCallbackFailed);
   });
 }
 
 uint32_t oxEventUnregisterCallback(uint32_t id) {
   return Guarded("oxEventUnregisterCallback", [&] {
     const bool found = oxEventSinkUnregisterCallback(id) == OXEVENT_OK;
-    return Outcome(found ? OXEVENT_OK : OXEVENT_NOT_FOUND, oxEventErrors::kCallbackNotFound);
+    return Finish(found ? OXEVENT_OK : OXEVENT_NOT_FOUND, oxEventErrors::kCallbackNotFound);
   });
 }
 
@@ -297,30 +297,30 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
   return Guarded("oxEventFormatAlertmanagerRecord", [&]() -> uint32_t {
     if (record == nullptr || out == nullptr) return OXEVENT_INVALID_ARGUMENT;
     oxEventNormalizedEvent event;
-    const uint64_t assigned_id = record->struct_size == 0 ? 1 : record->struct_size;  // It draws none from the process.
+    const uint64_t assigned_id = record->struct_size == 0 ? 1 : record->struct_size;  // Uses up no generated id.
     const uint32_t result = oxEventNormalizeEvent(record, assigned_id, &event);
     if (result != OXEVENT_OK) return result;
-    std::string document;  // *out gets all of it or nothing.
+    std::string document;  // So that *out is unchanged after a failure.
     if (const uint32_t failure = oxEventFormatAlertmanagerAlert(event, config, &document)) return failure;
     out->swap(document);
     return OXEVENT_OK;
   });
 }
 
-void oxEventApiForgetInChild() {
+void oxEventApiResetAfterFork() {
   g_oxEventMutex.Reset();
   g_oxEventReloadMutex.Reset();
   g_oxEventConfigPath.Reset();
   g_oxEventClosed = false;
   g_oxEventInitialized = false;
-  g_oxEventStopping = false;
+  g_oxEventShutdownInProgress = false;
   g_oxEventNextGeneratedId = 1;
 }
 
 void oxEventApiClose() {
-  g_oxEventClosed = true;  // First, so that nobody takes this for a shutdown and starts anew.
+  g_oxEventClosed = true;  // First, so that no other thread can start the library again.
   g_oxEventInitialized = false;
-  // A reload in another thread may hold the lock for long; then the process is exiting, and nothing need be freed.
+  // A reload on another thread may hold the lock for long; the process is then exiting, and nothing needs to be freed.
   if (!g_oxEventMutex->TryLock()) return;
   g_oxEventConfigPath->reset();
   g_oxEventMutex->Unlock();

@@ -6,15 +6,15 @@
 
 namespace {
 
-// The record's layout is shared with hosts that were compiled long ago.
+// The layout is part of the ABI: hosts may have been compiled with an older header.
 static_assert(sizeof(oxEventRecord) == 152 && offsetof(oxEventRecord, message) == 40 &&
               offsetof(oxEventRecord, severity) == 48 && offsetof(oxEventRecord, action) == 56 &&
               offsetof(oxEventRecord, utc_ns) == 80 && offsetof(oxEventRecord, timecode) == 104 &&
               offsetof(oxEventRecord, units) == 128 && offsetof(oxEventRecord, details_json) == 144);
 
-constexpr uint32_t kSmallestRecord = 48;
+constexpr uint32_t kMinRecordBytes = 48;  // Up to and including message.
 
-// A field counts as given when the record, of the size that the caller declared, holds it wholly.
+// Whether the field lies wholly within the struct_size that the caller declared.
 template <class T>
 bool Has(const oxEventRecord& record, T oxEventRecord::*field) {
   const auto* begin = reinterpret_cast<const char*>(&record);
@@ -23,23 +23,24 @@ bool Has(const oxEventRecord& record, T oxEventRecord::*field) {
 }
 
 template <class T>
-T NumberOr(const oxEventRecord& record, T oxEventRecord::*field, T absent) {
-  return Has(record, field) ? record.*field : absent;
+T NumberOr(const oxEventRecord& record, T oxEventRecord::*field, T default_value) {
+  return Has(record, field) ? record.*field : default_value;
 }
 
-// Zero counts as not given.
-uint64_t NonZeroOr(const oxEventRecord& record, uint64_t oxEventRecord::*field, uint64_t absent) {
+// Zero counts as absent.
+uint64_t NonZeroOr(const oxEventRecord& record, uint64_t oxEventRecord::*field, uint64_t default_value) {
   const uint64_t value = NumberOr(record, field, uint64_t{0});
-  return value != 0 ? value : absent;
+  return value != 0 ? value : default_value;
 }
 
-std::string_view TextOr(const oxEventRecord& record, const char* oxEventRecord::*field, std::string_view absent) {
-  return Has(record, field) && record.*field != nullptr ? std::string_view(record.*field) : absent;
+std::string_view StringOr(const oxEventRecord& record, const char* oxEventRecord::*field,
+                          std::string_view default_value) {
+  return Has(record, field) && record.*field != nullptr ? std::string_view(record.*field) : default_value;
 }
 
 bool IsValid(const oxEventRecord* record) {
   return record != nullptr && record->struct_size >= 2 * sizeof(uint32_t) &&  // Else there is no version to read.
-         record->version == OXEVENT_API_VERSION && record->struct_size >= kSmallestRecord &&
+         record->version == OXEVENT_API_VERSION && record->struct_size >= kMinRecordBytes &&
          record->message != nullptr && record->message[0] != '\0' &&
          NumberOr(*record, &oxEventRecord::severity, OXEVENT_SEVERITY_INFO) <= OXEVENT_SEVERITY_ERROR;
 }
@@ -50,28 +51,28 @@ uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id
   if (out == nullptr || !IsValid(record)) return OXEVENT_INVALID_ARGUMENT;
 
   out->event_id = NonZeroOr(*record, &oxEventRecord::event_id, assigned_id);
-  out->event_type = TextOr(*record, &oxEventRecord::event_type, "event");
-  out->source_id = TextOr(*record, &oxEventRecord::source_id, "");
-  out->source_name = TextOr(*record, &oxEventRecord::source_name, "oxEvent");
+  out->event_type = StringOr(*record, &oxEventRecord::event_type, "event");
+  out->source_id = StringOr(*record, &oxEventRecord::source_id, "");
+  out->source_name = StringOr(*record, &oxEventRecord::source_name, "oxEvent");
   out->message = record->message;
   out->severity = NumberOr(*record, &oxEventRecord::severity, OXEVENT_SEVERITY_INFO);
-  out->action = TextOr(*record, &oxEventRecord::action, "");
-  out->dedupe_key = TextOr(*record, &oxEventRecord::dedupe_key, "");
-  out->correlation_id = TextOr(*record, &oxEventRecord::correlation_id, "");
+  out->action = StringOr(*record, &oxEventRecord::action, "");
+  out->dedupe_key = StringOr(*record, &oxEventRecord::dedupe_key, "");
+  out->correlation_id = StringOr(*record, &oxEventRecord::correlation_id, "");
   out->utc_ns = NonZeroOr(*record, &oxEventRecord::utc_ns, 0);
   out->ptp_ns = NonZeroOr(*record, &oxEventRecord::ptp_ns, 0);
   if (out->utc_ns == 0 || out->ptp_ns == 0) {
-    // One reading for both time stamps, so that an event that gives neither has them equal.
+    // One clock reading for both, so that an event without timestamps gets equal ones.
     const uint64_t now = oxEventPlatformGetPtpNano();
     if (out->utc_ns == 0) out->utc_ns = now;
     if (out->ptp_ns == 0) out->ptp_ns = now;
   }
   out->pts = NumberOr(*record, &oxEventRecord::pts, int64_t{0});
-  out->timecode = TextOr(*record, &oxEventRecord::timecode, "");
+  out->timecode = StringOr(*record, &oxEventRecord::timecode, "");
   out->value = NumberOr(*record, &oxEventRecord::value, 0.0);
   out->threshold = NumberOr(*record, &oxEventRecord::threshold, 0.0);
-  out->units = TextOr(*record, &oxEventRecord::units, "");
+  out->units = StringOr(*record, &oxEventRecord::units, "");
   out->duration_ms = NumberOr(*record, &oxEventRecord::duration_ms, uint64_t{0});
-  out->details_json = TextOr(*record, &oxEventRecord::details_json, "{}");
+  out->details_json = StringOr(*record, &oxEventRecord::details_json, "{}");
   return OXEVENT_OK;
 }

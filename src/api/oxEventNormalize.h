@@ -4,6 +4,6 @@
 
 #include "base/oxEventNormalizedEvent.h"
 
-// Checks a host's record and applies every default. `assigned_id` is used when the record brings no id. The texts of
-// *out are the record's, or literals. Any thread. Returns 0, or OXEVENT_INVALID_ARGUMENT with *out untouched.
+// Validates a host's record and applies all defaults. `assigned_id` is used if the record has no id. The strings of
+// *out point into the record or to literals. Any thread. Returns 0, or OXEVENT_INVALID_ARGUMENT with *out unchanged.
 uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out);

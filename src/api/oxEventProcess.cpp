@@ -8,27 +8,27 @@
 #include "platform/oxEventSystemLog.h"
 #include "sinks/oxEventSinkSet.h"
 
-// Load, fork, unload and process exit.
+// Hooks for load, fork, unload and process exit.
 
 namespace {
 
-// The child has one thread, and the locks of the others may be held for good: everything begins anew, and nothing of
-// the parent's is touched.
+// In the child, only the forking thread exists, and locks that other threads held stay locked forever. So all state is
+// reset, and nothing that belongs to the parent is touched.
 void AfterForkInChild() {
   ++g_oxEventForkCount;
-  oxEventApiForgetInChild();
+  oxEventApiResetAfterFork();
   oxEventCoreResetAfterFork();
   oxEventSinkResetAfterFork();
   oxEventPlatformNativeAfterForkInChild();
-  oxEventLastErrorForgetInChild();
+  oxEventLastErrorResetAfterFork();
 }
 
-// The C++ runtime keeps the state of a thread's exceptions in thread-local storage. In a C host that came by it through
-// dlopen, a thread allocates that storage at its first exception, and where there is no memory the C library ends the
-// process. This descriptor of a variable in the same storage makes the loader place it, for every thread, in the memory
-// that threads have from their start. Unlike an initial-exec reference it does not fail the dlopen when the loader
-// cannot, as where the runtime is in use already.
-void PlaceExceptionState() {
+// The C++ runtime keeps a thread's exception state in thread-local storage. If a C host has loaded the runtime through
+// dlopen, a thread allocates that storage at its first exception, and if there is no memory, the C library ends the
+// process. This TLS descriptor of a variable in the same storage makes the loader place it in the static TLS block,
+// which every thread has from its start. Unlike an initial-exec reference, it does not make dlopen fail if the loader
+// cannot do so, for example because the runtime is already in use.
+void PlaceExceptionStateInStaticTls() {
 #if defined(__GLIBCXX__) && defined(__x86_64__)
   void* descriptor;
   asm volatile("leaq _ZSt15__once_callable@TLSDESC(%%rip), %%rax" : "=a"(descriptor));
@@ -36,12 +36,12 @@ void PlaceExceptionState() {
 }
 
 [[gnu::constructor]] void Load() {
-  PlaceExceptionState();
+  PlaceExceptionStateInStaticTls();
   pthread_atfork(oxEventPlatformNativeBeforeFork, oxEventPlatformNativeAfterForkInParent, AfterForkInChild);
 }
 
-// A destructor function, not a static object's: it runs after the exit handlers and static destructors of a host that
-// loaded the library late, which may still report events. Host threads may go on submitting meanwhile.
+// A destructor function, not the destructor of a static object: it runs after the exit handlers and static destructors
+// of a host that loaded the library late, which may still report events. Host threads may continue to submit meanwhile.
 [[gnu::destructor]] void Unload() {
   oxEventApiClose();
   oxEventCoreRouter().Close();

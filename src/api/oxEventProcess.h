@@ -1,5 +1,5 @@
 #pragma once
 
-// The entry points' part in what oxEventProcess.cpp does at a fork and at unload.
-void oxEventApiForgetInChild();
+// Called by oxEventProcess.cpp: in the child of a fork, and at unload and process exit.
+void oxEventApiResetAfterFork();
 void oxEventApiClose();

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
-// Copies a text into a caller's buffer, cut to size - 1 bytes and always terminated. Null source: the empty text. Null
-// destination or size 0: nothing.
+// Copies a string into a buffer of `size` bytes, truncated if necessary and always NUL-terminated. A null source counts
+// as an empty string. A null destination or size 0 does nothing.
 inline void oxEventPlatformCopyString(char* destination, uint32_t size, const char* source) {
   if (destination == nullptr || size == 0) return;
   const size_t length = source == nullptr ? 0 : std::min<size_t>(std::strlen(source), size - 1);

@@ -2,7 +2,6 @@
 
 #include <atomic>
 
-// How many forks lie between the process that loaded the library and this one. Code that calls the host (which may
-// fork) compares it before and after: where it has changed, this is a child, and what belonged to the parent is left
-// alone.
+// Number of forks between the process that loaded the library and this one. Code that calls the host, which may fork,
+// compares it before and after: if it has changed, this is a child, which must not touch what belongs to the parent.
 inline constinit std::atomic<unsigned> g_oxEventForkCount = 0;

@@ -16,34 +16,34 @@
 
 namespace {
 
-struct Link {
+struct Link {  // Of a circular doubly linked list.
   Link* previous;
   Link* next;
 };
 
-// Made with malloc, as its text is: a thread's first exception may need memory too.
+// Allocated with malloc, as its text: nothing here throws, because a thread's first exception may need memory itself.
 struct ThreadText : Link {
-  pid_t thread;
-  char* text;  // Null: no memory for it.
+  pid_t thread_id;
+  char* text;  // Null: out of memory.
 };
 
 constexpr int kSweepAtOnce = 2;
 
 constinit oxEventNoDestructor<oxEventMutex> g_mutex;
-constinit Link g_texts = {&g_texts, &g_texts};  // A ring of every thread's. Guarded by g_mutex.
-constinit std::atomic<bool> g_open = false;     // There is a key. Changed with g_mutex held.
-constinit bool g_unloaded = false;              // There will be none any more. Guarded by g_mutex.
-pthread_key_t g_oxEventLastError;               // Holds the thread's ThreadText.
+constinit Link g_texts = {&g_texts, &g_texts};  // Head of the list of all threads' texts. Guarded by g_mutex.
+constinit std::atomic<bool> g_open = false;     // Whether g_oxEventLastError is a key. Changed with g_mutex held.
+constinit bool g_unloaded = false;              // Set for good at unload. Guarded by g_mutex.
+pthread_key_t g_oxEventLastError;               // The calling thread's ThreadText.
 
-// Only to be followed with g_mutex held and g_open seen true: an unload in another thread frees the texts.
+// Dereference the result only with g_mutex held and g_open true: an unload on another thread frees the texts.
 ThreadText* OwnText() {
   if (!g_open.load(std::memory_order_acquire)) return nullptr;
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
 }
 
-// The process may have used up its keys; they may come back. Without a destructor: an ending thread could be about to
-// call it while dlclose unmaps it.
-bool OpenLocked() {
+// Creates the key unless it exists. Retried at each error: the process may be out of keys only temporarily. The key has
+// no destructor, which an exiting thread could be about to call while dlclose unmaps it.
+bool CreateKeyLocked() {
   if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, nullptr) == 0;
   return g_open;
 }
@@ -53,14 +53,14 @@ void UnlinkLocked(Link* link) {
   link->next->previous = link->previous;
 }
 
-void LinkLastLocked(Link* link) {
+void PushBackLocked(Link* link) {
   link->previous = g_texts.previous;
   link->next = &g_texts;
   link->previous->next = link->next->previous = link;
 }
 
-// Null: there is none.
-ThreadText* TakeFirstLocked() {
+// Null: the list is empty.
+ThreadText* PopFrontLocked() {
   Link* const first = g_texts.next;
   if (first == &g_texts) return nullptr;
   g_texts.next = first->next;
@@ -73,22 +73,23 @@ void Free(ThreadText* text) {
   free(text);
 }
 
-// A thread that ends leaves its text behind. Each new text looks at the two that nobody has looked at for longest, so
-// at most about half of the texts are of threads that are gone. Where the system forbids to ask, they stay.
+// A thread that exits leaves its text behind. Each new text checks the two least recently checked ones and frees those
+// of exited threads, so that at most about half of the texts belong to exited threads. If a sandbox forbids tgkill,
+// they stay.
 void SweepLocked(pid_t self) {
   for (int i = 0; i < kSweepAtOnce; ++i) {
-    ThreadText* const oldest = TakeFirstLocked();
+    ThreadText* const oldest = PopFrontLocked();
     if (oldest == nullptr) return;
-    const bool gone = oldest->thread == self || (tgkill(getpid(), oldest->thread, 0) != 0 && errno == ESRCH);
-    if (gone) {
+    const bool exited = oldest->thread_id == self || (tgkill(getpid(), oldest->thread_id, 0) != 0 && errno == ESRCH);
+    if (exited) {
       Free(oldest);
     } else {
-      LinkLastLocked(oldest);
+      PushBackLocked(oldest);
     }
   }
 }
 
-// Null: no memory.
+// Null: out of memory.
 ThreadText* AddLocked() {
   const pid_t self = gettid();
   SweepLocked(self);
@@ -99,7 +100,7 @@ ThreadText* AddLocked() {
     return nullptr;
   }
   auto* const made = new (memory) ThreadText{{}, self, nullptr};
-  LinkLastLocked(made);
+  PushBackLocked(made);
   return made;
 }
 
@@ -107,7 +108,7 @@ ThreadText* AddLocked() {
 
 void oxEventSetLastError(std::string_view text) {
   oxEventLock lock(*g_mutex);
-  if (!OpenLocked()) return;
+  if (!CreateKeyLocked()) return;
   ThreadText* own = OwnText();
   if (own == nullptr) own = AddLocked();
   if (own == nullptr) return;
@@ -136,10 +137,10 @@ void oxEventLastErrorUnload() {
   g_unloaded = true;
   if (!g_open.exchange(false)) return;
   pthread_key_delete(g_oxEventLastError);
-  while (ThreadText* const text = TakeFirstLocked()) Free(text);
+  while (ThreadText* const text = PopFrontLocked()) Free(text);
 }
 
-void oxEventLastErrorForgetInChild() {
+void oxEventLastErrorResetAfterFork() {
   g_mutex.Reset();
   g_texts = {&g_texts, &g_texts};
   if (g_open) pthread_setspecific(g_oxEventLastError, nullptr);

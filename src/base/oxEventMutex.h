@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-// What clang's -Wthread-safety checks; nothing for other compilers.
+// Annotations for clang's -Wthread-safety; empty for other compilers.
 #if defined(__clang__)
 #define OX_THREAD(x) __attribute__((x))
 #else
@@ -16,18 +16,18 @@
 #define OX_REQUIRES(m) OX_THREAD(requires_capability(m))
 #define OX_EXCLUDES(m) OX_THREAD(locks_excluded(m))
 
-// std::mutex under a name that the checker knows. Trivially destroyed, so one with static storage stays usable until
-// the process is gone.
+// std::mutex with annotations for the thread-safety analysis. Trivially destructible, so that one with static storage
+// remains usable until the process ends.
 class OX_THREAD(capability("mutex")) oxEventMutex {
  public:
   constexpr oxEventMutex() = default;
   oxEventMutex(const oxEventMutex&) = delete;
   oxEventMutex& operator=(const oxEventMutex&) = delete;
 
-  // Most are held for nanoseconds: to look again for a moment costs less than to go to sleep.
+  // Most locks are held for nanoseconds: spinning for a moment costs less than going to sleep.
   void Lock() OX_THREAD(acquire_capability()) {
-    constexpr int kLooks = 50;
-    for (int i = 0; i < kLooks; ++i) {
+    constexpr int kSpins = 50;
+    for (int i = 0; i < kSpins; ++i) {
       if (mutex_.try_lock()) return;
       __builtin_ia32_pause();
     }
@@ -61,25 +61,25 @@ class OX_THREAD(scoped_lockable) oxEventLock {
   oxEventMutex& mutex_;
 };
 
-// Waits may return without a signal: wait in a loop.
+// Waits are subject to spurious wakeups: wait in a loop.
 class oxEventCondition {
  public:
   void Wait(oxEventMutex& mutex) OX_REQUIRES(mutex) {
-    Held held(mutex);
-    condition_.wait(held.lock);
+    AdoptedLock adopted(mutex);
+    condition_.wait(adopted.lock);
   }
   void WaitUntil(oxEventMutex& mutex, std::chrono::steady_clock::time_point deadline) OX_REQUIRES(mutex) {
-    Held held(mutex);
-    condition_.wait_until(held.lock, deadline);
+    AdoptedLock adopted(mutex);
+    condition_.wait_until(adopted.lock, deadline);
   }
   void NotifyOne() { condition_.notify_one(); }
   void NotifyAll() { condition_.notify_all(); }
 
  private:
-  // Lends the caller's lock to the wait and gives it back on every way out, thread cancellation included.
-  struct Held {
-    explicit Held(oxEventMutex& mutex) : lock(mutex.mutex_, std::adopt_lock) {}
-    ~Held() { lock.release(); }
+  // Passes the caller's lock to the wait and returns it on every exit path, including thread cancellation.
+  struct AdoptedLock {
+    explicit AdoptedLock(oxEventMutex& mutex) : lock(mutex.mutex_, std::adopt_lock) {}
+    ~AdoptedLock() { lock.release(); }
     std::unique_lock<std::mutex> lock;
   };
   std::condition_variable condition_;

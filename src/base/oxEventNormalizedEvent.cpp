@@ -9,18 +9,18 @@
 
 namespace {
 
-constexpr size_t kLongText = 4096;  // Bytes.
+constexpr size_t kMaxKeptBytes = 4096;  // Longer strings are not kept for reuse.
 
 using Event = oxEventNormalizedEvent;
 
-constexpr std::string_view Event::*kTexts[] = {
+constexpr std::string_view Event::*kStrings[] = {
     &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
 
-// Bytes that all texts need, with a NUL behind each.
-size_t SizeOfTexts(const Event& event) {
-  size_t size = std::size(kTexts);
-  for (const auto text : kTexts) size += (event.*text).size();
+// Size of all strings in bytes, including a NUL after each.
+size_t StringBytes(const Event& event) {
+  size_t size = std::size(kStrings);
+  for (const auto field : kStrings) size += (event.*field).size();
   return size;
 }
 
@@ -52,44 +52,44 @@ oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
 }
 
 bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
-  return SizeOfTexts(event) <= capacity_;
+  return StringBytes(event) <= capacity_;
 }
 
 bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
-  if (const size_t size = SizeOfTexts(from); size > capacity_) {
-    const size_t capacity = std::bit_ceil(size);  // So that events of all sizes soon fit.
-    void* const texts = memory_->Allocate(capacity);
-    if (texts == nullptr) return false;
-    ReleaseTexts();
-    texts_ = static_cast<char*>(texts);
+  if (const size_t size = StringBytes(from); size > capacity_) {
+    const size_t capacity = std::bit_ceil(size);  // Rounded up, so that the block soon fits events of all sizes.
+    void* const block = memory_->Allocate(capacity);
+    if (block == nullptr) return false;
+    FreeBlock();
+    block_ = static_cast<char*>(block);
     capacity_ = capacity;
   }
   event_ = from;
-  char* at = texts_;
-  for (const auto text : kTexts) {
-    const std::string_view source = from.*text;
+  char* at = block_;
+  for (const auto field : kStrings) {
+    const std::string_view source = from.*field;
     std::memcpy(at, source.data(), source.size());
     at[source.size()] = '\0';
-    event_.*text = {at, source.size()};
+    event_.*field = {at, source.size()};
     at += source.size() + 1;
   }
   return true;
 }
 
 void oxEventStoredEvent::ReleaseLongTexts() {
-  if (capacity_ <= kLongText) return;  // None can be that long.
-  const auto is_long = [this](auto text) { return (event_.*text).size() > kLongText; };
-  if (!std::any_of(std::begin(kTexts), std::end(kTexts), is_long)) return;
+  if (capacity_ <= kMaxKeptBytes) return;  // No string can be that long.
+  const auto is_long = [this](auto field) { return (event_.*field).size() > kMaxKeptBytes; };
+  if (!std::any_of(std::begin(kStrings), std::end(kStrings), is_long)) return;
   event_ = {};
-  ReleaseTexts();
+  FreeBlock();
 }
 
-void oxEventStoredEvent::ReleaseTexts() {
-  if (texts_ != nullptr) memory_->Free(texts_, capacity_);
-  texts_ = nullptr;
+void oxEventStoredEvent::FreeBlock() {
+  if (block_ != nullptr) memory_->Free(block_, capacity_);
+  block_ = nullptr;
   capacity_ = 0;
 }
 
 void oxEventReleaseLongText(std::string* text) {
-  if (text->capacity() > kLongText) std::string().swap(*text);
+  if (text->capacity() > kMaxKeptBytes) std::string().swap(*text);
 }

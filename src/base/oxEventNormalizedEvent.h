@@ -9,10 +9,10 @@
 
 class oxEventSharedSlab;
 
-// A normalized event: every default applied, a definite event id and time stamps. Its texts belong to someone else, and
-// behind each stands a NUL.
+// An event with all defaults applied, its id and its timestamps set. Does not own its strings, which are
+// NUL-terminated.
 struct oxEventNormalizedEvent {
-  // NOLINTBEGIN(readability-redundant-string-init): else no NUL stands behind them.
+  // NOLINTBEGIN(readability-redundant-string-init): the data of an empty view has no NUL.
   uint64_t event_id = 0;
   std::string_view event_type = "";
   std::string_view source_id = "";
@@ -22,7 +22,7 @@ struct oxEventNormalizedEvent {
   std::string_view action = "";
   std::string_view dedupe_key = "";
   std::string_view correlation_id = "";
-  uint64_t utc_ns = 0;  // Since 1970-01-01T00:00:00Z.
+  uint64_t utc_ns = 0;  // Nanoseconds since 1970-01-01T00:00:00Z.
   uint64_t ptp_ns = 0;
   int64_t pts = 0;
   std::string_view timecode = "";
@@ -33,42 +33,42 @@ struct oxEventNormalizedEvent {
   std::string_view details_json = "";
   // NOLINTEND(readability-redundant-string-init)
 
-  // A record with the same texts. Its padding bytes are not written.
+  // Returns a record with the same strings. Its padding bytes are not initialized.
   oxEventRecord ToPublicView() const;
 };
 
-// A copy of a normalized event, with the texts in one block of memory that serves the next event too.
+// A copy of a normalized event that owns its strings, in one block of memory that is reused for the next event.
 class oxEventStoredEvent {
  public:
-  // `memory`: for the texts; outlives this.
+  // `memory` allocates the block and must outlive this object.
   explicit oxEventStoredEvent(oxEventSharedSlab* memory) : memory_(memory) {}
-  ~oxEventStoredEvent() { ReleaseTexts(); }
+  ~oxEventStoredEvent() { FreeBlock(); }
   oxEventStoredEvent(const oxEventStoredEvent&) = delete;
   oxEventStoredEvent& operator=(const oxEventStoredEvent&) = delete;
 
-  // Whether Assign will do without more memory.
+  // Whether Assign needs no allocation.
   bool HasRoomFor(const oxEventNormalizedEvent& event) const;
 
-  // False: no memory, and nothing has changed.
+  // False: out of memory, and nothing has changed.
   [[nodiscard]] bool Assign(const oxEventNormalizedEvent& from);
 
   // Valid until the next Assign or ReleaseLongTexts.
   const oxEventNormalizedEvent& Get() const { return event_; }
   oxEventNormalizedEvent& Get() { return event_; }
 
-  // Forgets the event, and gives the memory back, if a text is of uncommon length: over 4 KiB.
+  // Clears the event and frees the block if a string is longer than 4 KiB.
   void ReleaseLongTexts();
 
   oxEventSharedSlab* Memory() const { return memory_; }
 
  private:
-  void ReleaseTexts();
+  void FreeBlock();
 
   oxEventNormalizedEvent event_;
-  char* texts_ = nullptr;
-  size_t capacity_ = 0;  // Bytes allocated in texts_.
+  char* block_ = nullptr;
+  size_t capacity_ = 0;  // Size of the block in bytes.
   oxEventSharedSlab* const memory_;
 };
 
-// The same for a text that is kept for reuse.
+// Frees a string that is kept for reuse if its capacity exceeds 4 KiB.
 void oxEventReleaseLongText(std::string* text);

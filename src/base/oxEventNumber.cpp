@@ -18,8 +18,8 @@ constexpr auto kPowersOfTen = [] {
   return powers;
 }();
 
-// So many significant digits of a value from 1 up to 10^15, as a number; correctly rounded, half to even, for the
-// product and the shift are exact. *point: how many of them stand before the decimal point.
+// Returns the first `count` significant digits of a value from 1 to below 10^15 as an integer, rounded half to even.
+// The rounding is correct because the product and the shift are exact. *point: digits before the decimal point.
 uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   *point = 1;
   while (value >= static_cast<double>(kPowersOfTen[*point])) ++*point;
@@ -28,12 +28,12 @@ uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   const int exponent = static_cast<int>(bits >> kFractionBits) - kExponentBias;
   const uint128 scaled = uint128{(bits & (one - 1)) | one} * kPowersOfTen[count - *point];
   const int shift = kFractionBits - exponent;  // 3 to 52.
-  const uint128 rest = scaled & ((uint128{1} << shift) - 1);
+  const uint128 remainder = scaled & ((uint128{1} << shift) - 1);
   const uint128 half = uint128{1} << (shift - 1);
   auto digits = static_cast<uint64_t>(scaled >> shift);
-  if (rest > half || (rest == half && digits % 2 != 0)) ++digits;
+  if (remainder > half || (remainder == half && digits % 2 != 0)) ++digits;
   if (digits < kPowersOfTen[count]) return digits;
-  ++*point;  // 9.9999999 has become 10.
+  ++*point;  // The digits were rounded up to a power of ten, as 9.99 to 10.0.
   return digits / 10;
 }
 
@@ -46,7 +46,7 @@ char* oxEventWriteNumber(double value, int significant_digits, char* at) {
   if (!(magnitude >= 1 && magnitude < limit)) {
     return std::to_chars(at, at + kOxEventNumberSize, value, std::chars_format::general, significant_digits).ptr;
   }
-  // What is measured is mostly such a number, for which this takes less than half the time.
+  // Most measured values are in this range, where this takes less than half the time of to_chars.
   if (const auto integer = static_cast<int64_t>(value); static_cast<double>(integer) == value) {
     return oxEventWriteNumber(integer, at);
   }

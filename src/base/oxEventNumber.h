@@ -6,19 +6,19 @@
 #include <iterator>
 #include <string>
 
-// Numbers as text, whatever the locale. Any thread.
+// Formats numbers, independent of the locale. Any thread.
 
-constexpr size_t kOxEventNumberSize = 32;  // Bytes that every number has room in.
+constexpr size_t kOxEventNumberSize = 32;  // Bytes that hold every number.
 
-// Write into memory of that size, and return the end.
+// Write to a buffer of that size and return the end, without a terminating NUL.
 template <class Integer>
 char* oxEventWriteNumber(Integer value, char* at) {
   return std::to_chars(at, at + kOxEventNumberSize, value).ptr;
 }
-// As printf's %.{significant_digits}g, for 1 to 17 digits; nan, -nan, inf, -inf.
+// As printf with %.{significant_digits}g, for 1 to 17 digits; nan, -nan, inf, -inf.
 char* oxEventWriteNumber(double value, int significant_digits, char* at);
 
-// The same, appended. They fail only by running out of memory.
+// Appends a number. Throws only std::bad_alloc.
 template <class... NumberAndDigits>
 void oxEventAppendNumber(std::string* out, NumberAndDigits... number_and_digits) {
   char text[kOxEventNumberSize];

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-// An empty setting counts as not given.
-inline std::string oxEventOrDefault(std::string_view text, std::string_view absent) {
-  return std::string(text.empty() ? absent : text);
+// Replaces an empty setting by its default.
+inline std::string oxEventOrDefault(std::string_view text, std::string_view default_value) {
+  return std::string(text.empty() ? default_value : text);
 }

@@ -25,10 +25,10 @@ void* oxEventPages::Allocate() {
   if (unmappable_ != nullptr) {
     Chunk* const chunk = unmappable_;
     unmappable_ = chunk->next;
-    chunk->next = nullptr;  // The rest is zero.
+    chunk->next = nullptr;  // The rest is already zero.
     return chunk;
   }
-  // The kernel mostly puts a mapping next to the last one, so after an aligned one the next is aligned too.
+  // The kernel usually places a mapping next to the previous one, so the mapping after an aligned one is aligned too.
   const auto misalignment = [this](const char* at) { return reinterpret_cast<uintptr_t>(at) & (chunk_size_ - 1); };
   char* const chunk = Map(chunk_size_);
   if (chunk == nullptr || misalignment(chunk) == 0) return chunk;
@@ -42,7 +42,7 @@ void* oxEventPages::Allocate() {
   return aligned;
 }
 
-// An unmap from the middle of a mapping makes two of it, of which a process may have so many (vm.max_map_count).
+// munmap may fail: unmapping the middle of a mapping splits it, and a process has at most vm.max_map_count mappings.
 void oxEventPages::Free(void* chunk) {
   if (munmap(chunk, chunk_size_) == 0) return;
   madvise(chunk, chunk_size_, MADV_DONTNEED);

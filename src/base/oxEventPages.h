@@ -2,18 +2,18 @@
 
 #include <cstddef>
 
-// Memory from the system in chunks of one size, aligned to that size: the chunk of any address in it is found by
-// masking. A chunk that is given back leaves the process at once, whichever allocator the host uses. Threads: one at a
+// Allocates memory from the system in chunks of one size, aligned to that size, so that masking an address gives its
+// chunk. A freed chunk is returned to the system immediately, whichever allocator the host uses. Threads: one at a
 // time.
 class oxEventPages {
  public:
-  // A power of two, at least a page.
+  // `chunk_size`: a power of two, at least the page size.
   explicit oxEventPages(size_t chunk_size) : chunk_size_(chunk_size) {}
   ~oxEventPages();
   oxEventPages(const oxEventPages&) = delete;
   oxEventPages& operator=(const oxEventPages&) = delete;
 
-  // Zeroed. Null: no memory.
+  // Returns a zeroed chunk; null: out of memory.
   void* Allocate();
 
   void Free(void* chunk);
@@ -24,6 +24,6 @@ class oxEventPages {
   };
 
   const size_t chunk_size_;
-  // Chunks that could not be unmapped. Their pages are given back all the same.
+  // Chunks that could not be unmapped. Their pages were returned to the system nevertheless.
   Chunk* unmappable_ = nullptr;
 };

@@ -4,10 +4,10 @@
 #include <iterator>
 #include <string_view>
 
-// The name of a severity; a value that is none has `other`.
-inline std::string_view oxEventSeverityName(uint32_t severity, std::string_view other = "info") {
+// Returns the name of a severity, or `fallback` for an invalid value.
+inline std::string_view oxEventSeverityName(uint32_t severity, std::string_view fallback = "info") {
   constexpr std::string_view kNames[] = {"debug", "info", "warning", "error"};
-  return severity < std::size(kNames) ? kNames[severity] : other;
+  return severity < std::size(kNames) ? kNames[severity] : fallback;
 }
 
 inline bool oxEventSeverityMeetsMinimum(uint32_t severity, uint32_t minimum) { return severity >= minimum; }

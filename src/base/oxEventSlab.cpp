@@ -18,12 +18,12 @@ size_t oxEventSlab::ClassOf(size_t size) {
 void* oxEventSlab::Allocate(size_t size) {
   if (size > kLargestBlock) return std::malloc(size);
   const size_t size_class = ClassOf(size);
-  Span* span = with_room_[size_class];
+  Span* span = partial_spans_[size_class];
   if (span == nullptr) {
     span = NewSpan(size_class, BlockSize(size));
     if (span == nullptr) return nullptr;
   }
-  if (span->live_blocks++ == 0) empty_ = nullptr;
+  if (span->live_blocks++ == 0) empty_span_ = nullptr;
   void* block = span->free_list;
   if (block != nullptr) {
     span->free_list = span->free_list->next;
@@ -45,24 +45,24 @@ void oxEventSlab::Free(void* block, size_t size) {
   span->free_list = freed;
   ASAN_POISON_MEMORY_REGION(freed + 1, span->block_size - sizeof(FreeBlock));
   if (--span->live_blocks != 0) return;
-  if (empty_ == nullptr) {
-    empty_ = span;
+  if (empty_span_ == nullptr) {
+    empty_span_ = span;
   } else {
     FreeSpan(span);
   }
 }
 
 void oxEventSlab::ReleaseEmptySpan() {
-  if (empty_ == nullptr) return;
-  FreeSpan(empty_);
-  empty_ = nullptr;
+  if (empty_span_ == nullptr) return;
+  FreeSpan(empty_span_);
+  empty_span_ = nullptr;
 }
 
-// Without a block in use, and linked. Null: no memory.
+// Returns a linked span without live blocks. Null: out of memory.
 oxEventSlab::Span* oxEventSlab::NewSpan(size_t size_class, size_t block_size) {
-  void* memory = empty_;
-  if (empty_ != nullptr) {
-    Unlink(empty_);
+  void* memory = empty_span_;
+  if (empty_span_ != nullptr) {
+    Unlink(empty_span_);
     ASAN_UNPOISON_MEMORY_REGION(memory, kSpanSize);
   } else {
     memory = pages_.Allocate();
@@ -75,7 +75,7 @@ oxEventSlab::Span* oxEventSlab::NewSpan(size_t size_class, size_t block_size) {
 }
 
 void oxEventSlab::Link(Span* span) {
-  Span*& first = with_room_[span->size_class];
+  Span*& first = partial_spans_[span->size_class];
   span->previous = nullptr;
   span->next = first;
   if (first != nullptr) first->previous = span;
@@ -83,7 +83,7 @@ void oxEventSlab::Link(Span* span) {
 }
 
 void oxEventSlab::Unlink(Span* span) {
-  (span->previous != nullptr ? span->previous->next : with_room_[span->size_class]) = span->next;
+  (span->previous != nullptr ? span->previous->next : partial_spans_[span->size_class]) = span->next;
   if (span->next != nullptr) span->next->previous = span->previous;
 }
 

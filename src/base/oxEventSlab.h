@@ -7,11 +7,11 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventPages.h"
 
-// An allocator whose memory goes back to the system when it is freed, as that of the C library's does not: a block of
-// the host's between ours would hold the pages. Each span of pages holds blocks of one size; a span without a block in
-// use is unmapped, but for one that is kept for the next blocks. Blocks over 32 KiB come from malloc.
-// No exception: in a host in C the first one on a thread needs memory itself.
-// Threads: one at a time. Every block has to be freed before the allocator is destroyed.
+// A slab allocator that returns freed memory to the system. The C library's allocator cannot, because blocks of the
+// host between ours keep the pages in use. Each span of pages holds blocks of one size; a span without live blocks is
+// unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from malloc.
+// Does not throw: in a C host, the first exception of a thread needs memory itself.
+// Threads: one at a time. All blocks must be freed before the allocator is destroyed.
 class oxEventSlab {
  public:
   oxEventSlab() = default;
@@ -19,16 +19,16 @@ class oxEventSlab {
   oxEventSlab(const oxEventSlab&) = delete;
   oxEventSlab& operator=(const oxEventSlab&) = delete;
 
-  // What a block for `size` bytes really holds; at least 1 byte is asked for.
+  // Actual size of a block for `size` bytes, which must be at least 1.
   static size_t BlockSize(size_t size);
 
-  // Up to 32 KiB aligned to 32 bytes, to 64 if the block's size is a multiple of 64. Null: no memory.
+  // Blocks up to 32 KiB are aligned to 32 bytes, or to 64 if their size is a multiple of 64. Null: out of memory.
   void* Allocate(size_t size);
 
-  // `size`: as given to Allocate, or its BlockSize.
+  // `size`: as passed to Allocate, or its BlockSize.
   void Free(void* block, size_t size);
 
-  // Begins to fetch what Free will look at.
+  // Prefetches the span header that Free reads.
   static void PrefetchForFree(const void* block) { __builtin_prefetch(SpanOf(block), 1); }
 
   void ReleaseEmptySpan();
@@ -38,10 +38,10 @@ class oxEventSlab {
     FreeBlock* next;
   };
   struct alignas(64) Span {
-    Span* next;  // In the list of its size, unless it is full.
+    Span* next;  // In the list of its size class, unless it is full.
     Span* previous;
     FreeBlock* free_list;
-    uint32_t unused_offset;  // Behind the blocks that have ever been in use.
+    uint32_t unused_offset;  // Offset of the memory that was never allocated.
     uint32_t live_blocks;
     uint32_t block_size;
     uint32_t size_class;
@@ -68,12 +68,12 @@ class oxEventSlab {
   void Unlink(Span* span);
   void FreeSpan(Span* span);
 
-  std::array<Span*, kClasses> with_room_ = {};  // By size class: spans that have a free block.
-  Span* empty_ = nullptr;                       // The one that is kept without a block in use; also in its list.
+  std::array<Span*, kClasses> partial_spans_ = {};  // By size class: spans with a free block.
+  Span* empty_span_ = nullptr;                      // Kept without live blocks; also in its list.
   oxEventPages pages_{kSpanSize};
 };
 
-// The same for many threads.
+// The same, for any thread.
 class oxEventSharedSlab {
  public:
   void* Allocate(size_t size) OX_EXCLUDES(mutex_) {
