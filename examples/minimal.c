@@ -6,8 +6,8 @@ int main(int argc, char** argv) {
   const oxEventRecord event = {.struct_size = sizeof(event),
                                .version = OXEVENT_API_VERSION,
                                .source_id = "fan-2",
-                               .severity = OXEVENT_SEVERITY_WARNING,
-                               .message = "Fan 2 stands still"};
+                               .message = "Fan 2 stands still",
+                               .severity = OXEVENT_SEVERITY_WARNING};
   if (oxEventInitialize(argc > 1 ? argv[1] : NULL) == OXEVENT_OK && oxEventSubmit(&event) == OXEVENT_OK &&
       oxEventShutdown() == OXEVENT_OK) {
     return 0;
