@@ -1,4 +1,4 @@
-# How every target of this project is compiled and linked. GCC 12's -Wrestrict misjudges std::string's operator+.
+# Options of every target of this project. -Wno-restrict: GCC 12 warns about operator+ of std::string without a reason.
 
 if(OXEVENT_FUZZ AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   message(FATAL_ERROR "OXEVENT_FUZZ needs clang")
@@ -20,8 +20,8 @@ target_compile_options(oxevent_options INTERFACE
   -fstack-protector-strong -fstack-clash-protection -fcf-protection
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
-# The shadow stack is named here because the C library's start files, which leave it alone, do not say so. They have no
-# landing pads for indirect branches: ours are in place, the mark on the whole is the tool chain's to set.
+# The start files of the C library support the shadow stack but are not marked so; hence the option. They have no landing
+# pads for indirect branches, so the linker does not mark the result, although our code has them.
 target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,shstk -Wl,--as-needed)
 
 if(sanitizers)
@@ -33,7 +33,7 @@ else()
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3>)
 endif()
 
-# Code of a shared library. -fno-gnu-unique: a unique symbol would keep the library loaded after dlclose.
+# Compiles a target as part of a shared library. -fno-gnu-unique: a unique symbol would keep it loaded after dlclose.
 function(oxevent_compile target public_include)
   target_compile_features(${target} PRIVATE cxx_std_20)
   set_target_properties(${target} PROPERTIES
@@ -47,7 +47,7 @@ endfunction()
 # Otherwise a program's path to its libraries is absolute in the build directory, and part of its build id.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
-# A shared library exports what cmake/<target>.map lists and nothing else.
+# Exports exactly the symbols in cmake/<target>.map.
 function(oxevent_export target)
   set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
   set_target_properties(${target} PROPERTIES
