@@ -200,7 +200,10 @@ TEST_F(QueueTest, GivesBackMemoryThatASmallerCapacityDoesNotNeed) {
   for (int i = 0; i < 5000; ++i) EXPECT_EQ(Enqueue("a"), Result::kQueued);
   StopAndPopAll();
   std::atomic<int> unmapped = 0;
-  const Faults faults([&](std::string_view call, long) { return unmapped += call == "munmap", 0; });
+  const Faults faults([&](std::string_view call, long) {
+    unmapped += call == "munmap";
+    return 0;
+  });
   queue.Configure(10, Policy::kDropNewest);
 #ifndef OXEVENT_SANITIZED
   EXPECT_GT(unmapped, 0);
