@@ -31,7 +31,10 @@ static uint32_t g_ms, g_posts_to_refuse, g_responses;
 extern "C" int NoHostName(char*, size_t) __asm__("gethostname");  // clang has an inline body for the name itself.
 int NoHostName(char*, size_t) { return -1; }
 uint32_t oxOSGetMs() { return g_ms; }
-void OXFree(void* buffer) { g_responses -= buffer != nullptr, free(buffer); }
+void OXFree(void* buffer) {
+  g_responses -= buffer != nullptr;
+  free(buffer);
+}
 int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body, int32_t body_length,
                         char** response, int32_t* status, uint32_t timeout_ms) {
   EXPECT_EQ(*response, nullptr);
@@ -39,10 +42,14 @@ int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers
   EXPECT_EQ(body[body_length], '\0');
   string lines = headers;
   if (lines.find_first_of("\r\n") != lines.npos) return 0;  // Nothing is sent.
-  std::replace(lines.begin(), lines.end(), '\xA7', '\n'), lines += "\n\n" + string(body, size_t(body_length));
+  std::replace(lines.begin(), lines.end(), '\xA7', '\n');
+  lines += "\n\n" + string(body, size_t(body_length));
   g_posts += method + " "s + url + " " + std::to_string(timeout_ms) + "\n" + lines;
-  *response = static_cast<char*>(malloc(1)), ++g_responses;
-  return g_posts_to_refuse == 0 ? -1 : (--g_posts_to_refuse, 0);
+  *response = static_cast<char*>(malloc(1));
+  ++g_responses;
+  const bool accepted = g_posts_to_refuse == 0;
+  if (!accepted) --g_posts_to_refuse;
+  return accepted;
 }
 
 namespace {
@@ -91,47 +98,79 @@ string SubmitThroughNewSink(decltype(kPost) create, const Config& config, const 
   return made != 0 ? std::to_string(made - 0x80050000) + " " + error : g_posts + (result != 0 ? "!" : "");
 }
 
-struct Receiver : Config {  // Of datagrams, with the settings to send here.
+// A socket for datagrams, and the settings of a sink that sends to it.
+struct Receiver : Config {
   explicit Receiver(sa_family_t family = AF_INET) : fd(LoopbackSocket(family, SOCK_DGRAM, &free_port)) {
-    port = snmp_port = free_port, host = snmp_host = family == AF_INET ? "127.0.0.1" : "::1", minimum_severity = 0;
+    port = free_port;
+    snmp_port = free_port;
+    host = family == AF_INET ? "127.0.0.1" : "::1";
+    snmp_host = host;
+    minimum_severity = 0;
   }
   ~Receiver() { close(fd); }
   string Receive(decltype(kPost) create, const Event& event = kFullEvent) const {
-    string result = SubmitThroughNewSink(create, *this, event), bytes(65536, 0);
+    const string result = SubmitThroughNewSink(create, *this, event);
+    string bytes(65536, 0);
     pollfd ready = {fd, POLLIN, 0};
-    return result + bytes.substr(0, poll(&ready, 1, 20000) == 1 ? size_t(recv(fd, bytes.data(), bytes.size(), 0)) : 0);
+    const ssize_t size = poll(&ready, 1, 20000) == 1 ? recv(fd, bytes.data(), bytes.size(), 0) : 0;
+    return result + bytes.substr(0, static_cast<size_t>(size));
   }
   uint16_t free_port = 0;
   const int fd;
 };
 
-TEST(oxEventSyslogUdpSink, SendsTheWholeEvent) {
-  std::istringstream rows(
-      "kern 3 user 11 mail 19 daemon 27 auth 35 Security 35 syslog 43 lpr 51 news 59 uucp 67 cron 75 AuthPriv 83 "
-      "ftp 91 local0 131 local1 139 local2 147 local3 155 local4 163 local5 171 local6 179 LOCAL7 187 local8 131 "
-      "local/ 131 x 131");
-  const string f(48, '5'), pid = " " + std::to_string(getpid()) + " ", end = "\"] \"a\n\n\",b";
-  const std::array<string, 3> names[] = {{" ", "\x7F/!~ \xC3\xA9", "_" + pid + "_/!~___"},
-                                         {"", "", "oxEvent" + pid + "-"},
-                                         {f + f, f + f, f + pid + f.substr(16)}};
+// The line for kFullEvent with this event type. `header`: APP-NAME, PROCID and MSGID.
+string SyslogLine(int priority, const string& header, const string& event_type) {
+  return "<" + std::to_string(priority) + ">1 2023-11-14T22:13:20.123456789Z - " + header +
+         " [velmora@32473 version=\"65536\" event_id=\"18446744073709551615\" severity=\"error\" action=\"A\t\""
+         " event_type=\"" +
+         event_type +
+         "\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" "
+         "correlation_id=\"\b\f\v\x1F\x7F/\" utc_ns=\"1700000000123456789\" ptp_ns=\"18446744073709551614\""
+         " pts=\"-9223372036854775808\" timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\r\""
+         " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]\"] \"a\n\n\",b";
+}
+
+const string kPid = " " + std::to_string(getpid()) + " ";
+
+TEST(oxEventSyslogUdpSink, SendsItsFacility) {
+  const std::pair<const char*, int> cases[] = {
+      {"kern", 3},     {"user", 11},    {"mail", 19},    {"daemon", 27},  {"auth", 35},    {"Security", 35},
+      {"syslog", 43},  {"lpr", 51},     {"news", 59},    {"uucp", 67},    {"cron", 75},    {"AuthPriv", 83},
+      {"ftp", 91},     {"local0", 131}, {"local1", 139}, {"local2", 147}, {"local3", 155}, {"local4", 163},
+      {"local5", 171}, {"local6", 179}, {"LOCAL7", 187}, {"local8", 131}, {"local/", 131}, {"x", 131}};
   Receiver receiver(Receiver(AF_INET6).port != 0 ? AF_INET6 : AF_INET);
-  Event e = kFullEvent;
-  for (string pri; rows >> receiver.facility >> pri;) {
-    const auto& [app_name, event_type, header] = names[pri.back() % 3];
-    receiver.app_name = app_name, e.event_type = event_type;
-    const string line =
-        "<" + pri + ">1 2023-11-14T22:13:20.123456789Z - " + header + " [velmora@32473 version=\"65536\"" +
-        " event_id=\"18446744073709551615\" severity=\"error\" action=\"A\t\" event_type=\"" + event_type +
-        "\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" "
-        "correlation_id=\"\b\f\v\x1F\x7F/\"" +
-        " utc_ns=\"1700000000123456789\" ptp_ns=\"18446744073709551614\" pts=\"-9223372036854775808\"" +
-        " timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\r\"" +
-        " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]" + end;
-    for (const size_t size : {0ul, 8192 - line.size(), 8193 - line.size()}) {
-      const string message = "\"a\n\n\",b" + string(size, 'm');
-      e.message = message;
-      EXPECT_EQ(receiver.Receive(kSyslog, e), (line + string(size, 'm')).substr(0, 8192));
-    }
+  for (const auto& [facility, priority] : cases) {
+    receiver.facility = facility;
+    EXPECT_EQ(receiver.Receive(kSyslog), SyslogLine(priority, "oxEvent" + kPid + "t_t", "t t"));
+  }
+}
+
+TEST(oxEventSyslogUdpSink, SendsHeaderFieldsThatRfc5424Allows) {
+  const string long_name(96, '5');
+  const struct {
+    string app_name, event_type, header;
+  } cases[] = {{" ", "\x7F/!~ \xC3\xA9", "_" + kPid + "_/!~___"},
+               {"", "", "oxEvent" + kPid + "-"},
+               {long_name, long_name, long_name.substr(0, 48) + kPid + long_name.substr(0, 32)}};
+  Receiver receiver;
+  for (const auto& c : cases) {
+    Event event = kFullEvent;
+    event.event_type = c.event_type;
+    receiver.app_name = c.app_name;
+    EXPECT_EQ(receiver.Receive(kSyslog, event), SyslogLine(131, c.header, c.event_type));
+  }
+}
+
+TEST(oxEventSyslogUdpSink, TruncatesALineTo8192Bytes) {
+  const Receiver receiver;
+  const string line = SyslogLine(131, "oxEvent" + kPid + "t_t", "t t");
+  for (const size_t size : {8192 - line.size(), 8193 - line.size()}) {
+    const string more(size, 'm');
+    const string message = string(kFullEvent.message) + more;
+    Event event = kFullEvent;
+    event.message = message;
+    EXPECT_EQ(receiver.Receive(kSyslog, event), (line + more).substr(0, 8192));
   }
 }
 
@@ -145,53 +184,85 @@ string Tlv(int tag, const string& content) {
   return char(tag) + (size > 255 ? "\x82"s + char(size >> 8) : size > 127 ? "\x81" : "") + char(size) + content;
 }
 
+// Encoded OIDs and integers, in hexadecimal.
 TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
-  std::istringstream rows(
-      "3 2147483776 040cccccd9 020080 020103 error 4294967295 4294967295 0419999999 047fffffff 020500ffffffff info "
-      "2 9 0100 0109 020102 warning 0 1290 020081 02050a 020100 debug");
-  const string trap = "060a2b060106030101040100", start = "06082b0601020101030043";
   const string long_text(2049, 'm');
-  string time, request, severity, name, oid = "060d2b0601040181fd59010101", trap_oid = "060c2b0601040181fd5901010001";
-  Receiver receiver;
-  receiver.community = receiver.enterprise_oid = receiver.trap_oid = "";
-  for (Event e = kFullEvent; rows >> e.severity >> g_ms >> time >> request >> severity >> name;) {
-    const std::string_view texts[] = {name,
-                                      "18446744073709551615",
-                                      e.event_type,
-                                      e.source_id,
-                                      e.source_name,
-                                      e.action,
-                                      e.message.substr(0, 2048),
-                                      e.dedupe_key,
-                                      e.correlation_id,
-                                      "1700000000123456789",
-                                      e.details_json.substr(0, 2048)};
-    string list = Tlv(0x30, Bytes(start + time)) + Tlv(0x30, Bytes(trap + trap_oid));
-    list += Tlv(0x30, Bytes(oid + "0100" + severity));
-    for (size_t i = 0; i < 11; ++i) list += Tlv(0x30, Bytes(oid) + char(i + 2) + '\0' + Tlv(4, string(texts[i])));
-    list = Tlv(0xA7, Bytes("02" + request + "020100020100") + Tlv(0x30, list));
-    EXPECT_EQ(receiver.Receive(kTrap, e), Tlv(0x30, "\2\1\1" + Tlv(4, e.severity == 3 ? "cobalt" : "c\xFF") + list));
-    e.message = e.details_json = long_text;
-    receiver.community = "c\xFF", receiver.enterprise_oid = "1", receiver.trap_oid = "1.3.128";
-    oid = "060329", trap_oid = "06032b8100";
+  const struct {
+    uint32_t severity, now_ms;
+    string up_time, request_id, severity_value, severity_name;
+    string community, enterprise_oid, trap_oid;
+    string encoded_community, encoded_object_oid, encoded_trap_oid;
+    std::string_view message;
+  } cases[] = {
+      {3, 2147483776, "040cccccd9", "020080", "020103", "error", "", "", "", "cobalt", "060d2b0601040181fd59010101",
+       "060c2b0601040181fd5901010001", kFullEvent.message},
+      {4294967295, 4294967295, "0419999999", "047fffffff", "020500ffffffff", "info", "c\xFF", "1", "1.3.128", "c\xFF",
+       "060329", "06032b8100", long_text},
+      {2, 9, "0100", "0109", "020102", "warning", "c\xFF", "1", "1.3.128", "c\xFF", "060329", "06032b8100", long_text},
+      {0, 1290, "020081", "02050a", "020100", "debug", "c\xFF", "1", "1.3.128", "c\xFF", "060329", "06032b8100",
+       long_text}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.severity_name);
+    Receiver receiver;
+    receiver.community = c.community;
+    receiver.enterprise_oid = c.enterprise_oid;
+    receiver.trap_oid = c.trap_oid;
+    g_ms = c.now_ms;
+    Event event = kFullEvent;
+    event.severity = c.severity;
+    event.message = c.message;
+    if (c.message == long_text) event.details_json = long_text;
+    const std::string_view strings[] = {c.severity_name,
+                                        "18446744073709551615",
+                                        event.event_type,
+                                        event.source_id,
+                                        event.source_name,
+                                        event.action,
+                                        event.message.substr(0, 2048),
+                                        event.dedupe_key,
+                                        event.correlation_id,
+                                        "1700000000123456789",
+                                        event.details_json.substr(0, 2048)};
+    string bindings = Tlv(0x30, Bytes("06082b0601020101030043" + c.up_time));
+    bindings += Tlv(0x30, Bytes("060a2b060106030101040100" + c.encoded_trap_oid));
+    bindings += Tlv(0x30, Bytes(c.encoded_object_oid + "0100" + c.severity_value));
+    char number = 2;
+    for (const std::string_view text : strings) {
+      bindings += Tlv(0x30, Bytes(c.encoded_object_oid) + number++ + '\0' + Tlv(4, string(text)));
+    }
+    const string pdu = Tlv(0xA7, Bytes("02" + c.request_id + "020100020100") + Tlv(0x30, bindings));
+    EXPECT_EQ(receiver.Receive(kTrap, event), Tlv(0x30, "\2\1\1" + Tlv(4, c.encoded_community) + pdu));
   }
+}
+
+TEST(oxEventSnmpTrapSink, FailsForATrapOfMoreThan8192Bytes) {
+  Receiver receiver;
   receiver.community.assign(1000, 'c');
   receiver.community.append(8192 - receiver.Receive(kTrap).size(), 'c');
   EXPECT_EQ(receiver.Receive(kTrap).size(), 8192u);
   receiver.community += 'c';
   EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "!");
-  receiver.community = "c";
-  receiver.trap_oid = "1.3.";
-  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "!");
-  receiver.trap_oid = "";
-  receiver.enterprise_oid = "1.3.";
-  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "!");
-  const string outcomes[] = {"3 oxEvent SNMP trap sink currently supports SNMP v2c only",
-                             "3 SNMPv3 requires a future external-library backend", ""};
-  std::istringstream versions("1 0 v1 0 2 0 2c. 0 3 1 V3 1 SnmpV3 1 2C 2 V2c 2 SNMPv2c 2");
-  receiver.enterprise_oid = "";
-  for (size_t i = 0; versions >> receiver.version >> i;)
-    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), outcomes[i]) << receiver.version;
+}
+
+TEST(oxEventSnmpTrapSink, FailsForOidsThatAreNotValid) {
+  for (const auto oid : {&Config::trap_oid, &Config::enterprise_oid}) {
+    Receiver receiver;
+    receiver.*oid = "1.3.";
+    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "!");
+  }
+}
+
+TEST(oxEventSnmpTrapSink, StartsForVersion2cOnly) {
+  const char* const other = "3 oxEvent SNMP trap sink currently supports SNMP v2c only";
+  const char* const version_3 = "3 SNMPv3 requires a future external-library backend";
+  const std::pair<const char*, string> cases[] = {
+      {"1", other},      {"v1", other},         {"2", other}, {"2c.", other}, {"3", version_3},
+      {"V3", version_3}, {"SnmpV3", version_3}, {"2C", ""},   {"V2c", ""},    {"SNMPv2c", ""}};
+  Receiver receiver;
+  for (const auto& [version, result] : cases) {
+    receiver.version = version;
+    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), result) << version;
+  }
 }
 
 // Wherever a write breaks off, the file ends on a whole row. What others have written behind stays.
