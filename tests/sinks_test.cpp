@@ -13,6 +13,7 @@
 #include "faults.h"
 #include "host_fixture.h"
 #include "oxutil.h"
+#include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventAlertmanager.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventSinkSet.h"
@@ -451,6 +452,14 @@ TEST_F(CsvSinkSet, TriesAFlushWithoutWaitingForTheReaderOfAPipe) {
   oxEventSinkTryFlush();
   EXPECT_EQ(Read((Row("a") + Row(large)).size()), Row("a") + Row(large));
   EXPECT_EQ(flush.get(), OXEVENT_OK);
+}
+
+TEST(oxEventUdpSender, ClosesOnlyTheSocketThatItHasOpened) {
+  const int standard_input = fcntl(STDIN_FILENO, F_GETFD);
+  constexpr oxEventUdpErrors kErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
+                                        oxEventErrors::kSyslogSend};
+  { const oxEventUdpSender never_opened(kErrors, "127.0.0.1", 9, nullptr); }
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);
 }
 
 TEST(oxEventSinks, SendNothingBelowTheirMinimumSeverity) {
