@@ -218,7 +218,7 @@ TEST_F(FaultTest, InitializeAndReloadReportWhatFails) {
     const Strings results = {config, "80050005 " + entry_point + " failed: std::bad_alloc",
                              "80050005 Unable to allocate oxEvent native log handle",
                              syslog + "resolve failed for syslog.test:", trap + "resolve failed for snmp.test:"};
-    return Case{"malloc", "", {ENOMEM}, results, {"80050003 ", "80050005 "}};
+    return Case{"malloc", "", {ENOMEM}, results, {"80050003", "80050005"}};
   };
   const std::vector<Case> cases = {
       {"open", settings, kOpen, {config}},
@@ -259,7 +259,7 @@ TEST_F(FaultTest, FlushAndShutdownReportRowsThatTheyCannotWrite) {
 
 TEST_F(FaultTest, ReportsThatMemoryRanOut) {
   uint32_t other = 0;
-  FailEach({{"malloc", "", {ENOMEM}, {"80050005 oxEventRegisterCallback failed: std::bad_alloc"}, {"80050005 "}}},
+  FailEach({{"malloc", "", {ENOMEM}, {"80050005 oxEventRegisterCallback failed: std::bad_alloc"}, {"80050005"}}},
            [&] { return oxEventRegisterCallback([](auto...) {}, nullptr, &other); });
   const oxEventRecord record = MakeRecord(kLong);
   const auto format = [&] {
@@ -267,13 +267,15 @@ TEST_F(FaultTest, ReportsThatMemoryRanOut) {
     return oxEventFormatAlertmanagerRecord(&record, {}, &document);
   };
   const string text = "80050005 oxEventFormatAlertmanagerRecord failed: std::bad_alloc";
-  FailEach({{"malloc", "", {ENOMEM}, {text}, {"80050005 "}}}, format);
+  FailEach({{"malloc", "", {ENOMEM}, {text}, {"80050005"}}}, format);
 }
 
+#ifndef OXEVENT_SANITIZED  // The thread sanitizer's allocator has memory left.
 TEST_F(FaultTest, ReturnsACodeWithoutMemoryForItsText) {
   EXPECT_EQ(WithoutMemory([] { return oxEventUnregisterCallback(0); }), "80050004 ");
   EXPECT_EQ(WithoutMemory([] { return oxEventGetLastError(nullptr, 0); }), "80050003 ");
 }
+#endif
 
 TEST_F(FaultTest, SubmitsFlushesAndShutsDownWithoutMemory) {
   Restart();

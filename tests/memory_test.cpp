@@ -164,7 +164,7 @@ TEST(oxEventActiveTable, GivesBackTheMemoryOfALongSignature) {
   oxEventActiveTable table;
   table.Insert(1, "key", std::string(1 << 20, 's'), 1);
   const auto bytes_in_use = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
-  const size_t before = bytes_in_use();
+  [[maybe_unused]] const size_t before = bytes_in_use();
   table.Update(table.Find(1, "key"), "short", 2);
   EXPECT_EQ(table.Signature(table.Find(1, "key")), "short");
 #ifndef OXEVENT_SANITIZED
