@@ -391,7 +391,7 @@ good.xml: no problems
             found = [f for f in json.loads(self.run_tool("--json", "0.xml").stdout) if f["code"] == "secret-readable"]
             text = f"is a secret in a file that every user of the machine may {who}"
             self.assertEqual([(f["line"], f["text"], f["remedy"]) for f in found],
-                             [(line, text, "chmod o-rw, or 0640 with a group of its own.") for line in (8, 9, 11, 15) if who])
+                             [(line, text, "Run chmod o-rw on the file, or use mode 0640 with a dedicated group.") for line in (8, 9, 11, 15) if who])
 
     @unittest.skipUnless(os.geteuid() == 0, "only root gives a file to another user")
     def test_a_file_with_secrets_that_another_user_owns(self):

@@ -184,7 +184,8 @@ ssize_t AfterDestructors(void*, const char*, size_t size) {
   return static_cast<ssize_t>(size);
 }
 
-// Opens what holds event 1: an endpoint that answers nothing, a pipe that nobody reads. Its port, or its other end.
+// Opens the peer that blocks the delivery of event 1: an endpoint that does not respond, or a pipe that nobody reads.
+// Returns its port, or the end of the pipe to write to.
 int OpenPeer(int* peer) {
   if (g_state == State::kPipeWrite) {
     int ends[2];
@@ -201,8 +202,8 @@ int OpenPeer(int* peer) {
 
 void LetGo(int peer) {
   AWAIT(g_open > 0);
-  usleep(50'000);  // In which the library's end finds it stuck.
-  // Whoever waits for the request writes the rows first.
+  usleep(50'000);  // Time for the end of the process to find the delivery blocked.
+  // The thread that waits for the request writes the buffered rows first.
   if (g_state == State::kHttpRequest && g_place != Place::kCallback) AWAIT(ReadMessages("events.csv").size() > 1);
   for (char bytes[4096]; g_state == State::kPipeWrite && read(peer, bytes, sizeof(bytes)) > 0;) continue;
   close(peer);

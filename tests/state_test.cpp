@@ -147,7 +147,7 @@ TEST_F(StateTest, ComparesEveryFieldButTheIdAndTheTimes) {
   EXPECT_EQ(Evaluate(), kSuppressed);
 }
 
-// Against a plain array, while the conditions become many, few, and many again.
+// Compares with a plain array while the number of conditions grows, shrinks and grows again.
 TEST_F(StateTest, FindsEachOfThousandsOfConditions) {
   std::mt19937_64 random(1);
   const auto draw = [&](size_t below) { return static_cast<size_t>(random()) % below; };

@@ -74,8 +74,8 @@ size_t OnBody(char* bytes, size_t size, size_t count, void* argument) {
   return response->truncated ? CURL_WRITEFUNC_ERROR : kept;
 }
 
-// Excludes the FIN, which the kernel counts as a byte. After a reset it is unknown whether a FIN came: one byte is
-// subtracted all the same.
+// Excludes the FIN, which the kernel counts as a byte. After a reset it is unknown whether a FIN arrived; one byte is
+// subtracted anyway.
 uint64_t BytesReceived(curl_socket_t fd) {
   tcp_info info = {};
   socklen_t size = sizeof(info);

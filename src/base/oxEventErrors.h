@@ -7,8 +7,8 @@
 
 #include "oxEvent.h"
 
-// All error texts of the library with their result codes. The code uses them through oxEventErrorText.h; the tools add
-// causes and remedies. All of it is constant.
+// All error texts of the library with their result codes. The code uses them through oxEventErrorText.h. Each also
+// needs a cause and a remedy in tools/common/error_causes.h. All of it is constant.
 namespace oxEventErrors {
 
 enum Id : size_t {

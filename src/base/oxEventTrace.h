@@ -21,7 +21,7 @@
   OX_TRACE(submit, result, event_id, severity);
 }
 
-// An event that Submit took will not reach the sinks. `reason`: an oxEventDrop, and its text.
+// An event will not reach the sinks. `reason`: an oxEventDrop, and its text.
 [[gnu::always_inline]] inline void oxEventTraceDrop([[maybe_unused]] uint64_t event_id,
                                                     [[maybe_unused]] uint64_t severity,
                                                     [[maybe_unused]] uint64_t reason,

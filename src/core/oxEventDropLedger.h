@@ -9,12 +9,12 @@
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventTrace.h"
 
-// Reasons for dropping an accepted event. Trace points show the values: append only.
+// Reasons for dropping an event that was reported while the library runs. Trace points show the values: append only.
 enum class oxEventDrop : uint32_t {
   kFiltered,    // The library is switched off, or the severity is below the minimum.
   kNoMemory,    // There was no memory for the copy.
-  kRefused,     // The queue was full: this event, the newest.
-  kDisplaced,   // The queue was full: this event, the oldest below warning, made room for a newer one.
+  kRefused,     // The queue was full: the newest event, this one, was not queued.
+  kDisplaced,   // The queue was full: the oldest event below warning, this one, made room for a newer one.
   kTrimmed,     // A reload made the queue smaller.
   kStopped,     // Still pending at a stop.
   kSuppressed,  // A duplicate: the state of its condition has not changed.

@@ -8,9 +8,8 @@
 #include "core/oxEventNode.h"
 
 // The memory of the queue's events. Keeps the nodes of delivered events for the next ones. Surplus nodes of a burst are
-// freed once the queue has been quiet for a second: not sooner, because a host that works in cycles needs them again for
-// its next burst.
-// Threads: Create and Shrink take the slab's own lock. All other calls need the lock of the queue.
+// freed once the queue has been quiet for a second: not sooner, because a host that works in cycles needs them again
+// for its next burst. Threads: Create and Shrink take the slab's own lock. All other calls need the lock of the queue.
 class oxEventNodePool {
  public:
   using Clock = std::chrono::steady_clock;

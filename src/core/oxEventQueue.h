@@ -15,9 +15,9 @@
 enum class oxEventEnqueueResult {
   kQueued,
   kDisplacedOlder,  // Queued; the queue was full, and the oldest event below warning was dropped for it.
-  kDropped,         // The queue is full.
+  kDropped,         // Not queued: the queue is full.
   kNoMemory,        // Dropped: there is no memory for the copy.
-  kNotAccepting,    // Refused, which is not a drop: the queue is not running.
+  kNotAccepting,    // Not queued, and no drop: the queue is not running.
 };
 
 // The bounded first-in-first-out hand-over from the submitting threads to the worker: a monitor around the backlog and
@@ -26,7 +26,7 @@ enum class oxEventEnqueueResult {
 // Threads: WaitPop and CompleteActiveEvent the worker, everything else any.
 class oxEventQueue {
  public:
-  // `drops` outlives the queue. `timed_wait`: how long the worker looks for the next event before it sleeps.
+  // `drops` outlives the queue. `timed_wait`: see WaitMode.
   explicit oxEventQueue(oxEventDropLedger* drops,
                         std::chrono::steady_clock::duration timed_wait = std::chrono::milliseconds(1))
       : drops_(drops), timed_wait_(timed_wait) {}

@@ -179,7 +179,7 @@ void oxEventRouter::Close() {
   for (SharedRun& run : runs) Join(&run);
 }
 
-// Ends a stop in which another thread may be waiting. The event in delivery on an exiting worker never completes.
+// Unblocks a Stop in which another thread may be waiting. The event in delivery on an exiting worker never completes.
 void oxEventRouter::End(Run& run) {
   run.queue.DropPending();
   run.queue.RequestStop();

@@ -93,7 +93,7 @@ class HttpChecker {
         if (!HoldsSecret(value)) continue;
         Warn("secret-readable", value.setting->name, std::string("is a secret in a file that ") + who,
              owned_by_other ? "Give the file to the user that the library runs as: chown."
-                            : "chmod o-rw, or 0640 with a group of its own.");
+                            : "Run chmod o-rw on the file, or use mode 0640 with a dedicated group.");
       }
     }
   }
