@@ -84,7 +84,8 @@ LIMITS = [
         "X-Auth: 1", "X-Token: 1", "X-Key: 1", "Cookie: 1", "X-Secret: 1", "X-Password: 1"]}),
     (WEBHOOK + ON + "bearer_token=t;", "endpoint_url",
      ["HTTPS://h/", "http://LOCALHOST", "http://127.9.9.9/", "http://[::1]:80/", "http://a.localhost/"],
-     {"secret-in-clear": ["http://h/", "http://localhost.example", "http://[::2]/"]}),
+     {"secret-in-clear: plain http sends the sink's secrets unencrypted": [
+         "http://h/", "http://localhost.example", "http://[::2]/"]}),
     (WEBHOOK + ON, "endpoint_url", ["https://u@h/", "http://h"], {
         "secret-in-url": ["http://u:p4ssword@h/", "https://u:p4ssword@h/"],
         "bad-url": ["https://u:p4ssword@h:99999/", "http://u:p4ssword@h/a b"],

@@ -101,6 +101,12 @@ TEST_F(StateTest, FollowsItsRules) {
   }
 }
 
+TEST_F(StateTest, RefusesNullResults) {
+  bool route = false;
+  EXPECT_EQ(state.Evaluate(event, nullptr, &route), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(state.Evaluate(event, &out, nullptr), OXEVENT_INVALID_ARGUMENT);
+}
+
 TEST_F(StateTest, KeepsConditionsWhenItsSettingsChange) {
   event.action = "raise";
   event.utc_ns = 1;
