@@ -47,6 +47,12 @@ struct oxHTTPResponse {
 };
 
 // A libcurl handle with its kept connections (RFC 9112, section 9.3). Threads: one at a time.
+//
+// A request goes out on a kept connection if there is one. Otherwise libcurl asks for a lookup (OnLookup), which aborts
+// the transfer; Perform then looks the host up on another thread and starts the transfer again, with the addresses. If
+// a kept connection closes, libcurl repeats the request on a new one (OnOpenSocket), but only if no byte of the
+// response has arrived (OnCloseSocket): otherwise the server has received the request, and it fails.
+//
 // After SetUp or Perform has failed or thrown, the client must be destroyed. Both throw std::bad_alloc, and
 // std::runtime_error for an option that libcurl lacks.
 class oxHTTPClient {
@@ -57,7 +63,8 @@ class oxHTTPClient {
   oxHTTPClient(const oxHTTPClient&) = delete;
   oxHTTPClient& operator=(const oxHTTPClient&) = delete;
 
-  // Whether the last SetUp is valid for this request too: only the body's bytes and the times differ.
+  // Whether the options of the last SetUp fit this request too, because it differs only in the bytes of its body and
+  // its times. Says nothing about connections.
   bool IsSetUpFor(const oxHTTPRequest& request) const;
 
   // Returns false if the URL is invalid.
@@ -101,7 +108,7 @@ class oxHTTPClient {
   bool https_ = false;
   bool set_up_ = false;
 
-  bool lookup_needed_ = false;
-  bool response_started_ = false;                   // On a kept connection that then closed.
+  bool lookup_needed_ = false;                      // The transfer was aborted to look the host up.
+  bool response_started_ = false;                   // Bytes arrived on a kept connection before it closed.
   std::map<curl_socket_t, uint64_t> kept_sockets_;  // Bytes received by the end of the last request.
 };

@@ -105,14 +105,11 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     result = oxEventSinkFlush(timeout_ms);
   }
   run->queue.RequestStop();
-  if (!run->IsWorker()) {
-    oxEventSinkTryFlush();
-    run->JoinWorker();
-  }
-  if (!run->IsWorker()) {
-    run->queue.Reset();
-    run->state.Reset();
-  }
+  if (run->IsWorker()) return result;  // It ends when its callback returns; Reap joins it.
+  oxEventSinkTryFlush();
+  run->JoinWorker();
+  run->queue.Reset();
+  run->state.Reset();
   return result;
 }
 
