@@ -206,6 +206,9 @@ TEST_F(oxEventApi, ReloadMovesTheCsvFile) {
   EXPECT_EQ(LastResult(oxEventReloadConfig("/none")), "80050003 Unable to open oxEvent config: /none");
   EXPECT_EQ(LastResult(oxEventReloadConfig("")), kOk);  // The second file once more; no second header.
   EXPECT_EQ(ReadMessages(csv), (Strings{"message", "one", "three"}));
+  deliver(4, "four");
+  EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
+  EXPECT_EQ(ReadMessages(csv), (Strings{"message", "one", "three", "four"}));
 }
 
 TEST_F(oxEventApi, WorkerHasANameAndBlocksTheHostsSignals) {

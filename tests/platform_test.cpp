@@ -66,6 +66,17 @@ TEST(oxEventPlatformFiles, MakesTheDirectoriesAboveAFile) {
   std::filesystem::current_path(before);
 }
 
+TEST(oxEventAppendFile, ContinuesAWriteThatASignalInterrupts) {
+  const HostFolder folder;
+  bool interrupted = false;
+  const Faults faults(
+      [&](std::string_view call, long) { return call == "write" && !std::exchange(interrupted, true) ? EINTR : 0; });
+  oxEventAppendFile file;
+  EXPECT_TRUE(file.Open(folder.path + "/rows"));
+  EXPECT_EQ(file.Write("row\n", 4), 4u);
+  EXPECT_EQ(ReadFile(folder.path + "/rows"), "row\n");
+}
+
 TEST(oxEventAppendFile, WaitsForRoomInAPipeThroughSignals) {
   const HostFolder folder;
   const string path = folder.path + "/pipe", bytes(5000, 'b');

@@ -247,6 +247,16 @@ TEST_F(QueueTest, FlushEndsOnceNothingIsPendingOrActive) {
   }
 }
 
+TEST_F(QueueTest, AllFlushesEndWhenTheQueueIsDrained) {
+  queue.Start(1, Policy::kDropNewest);
+  EXPECT_EQ(Enqueue("a"), Result::kQueued);
+  std::vector<std::future<uint32_t>> flushes;
+  for (int i = 0; i < 3; ++i) flushes.push_back(std::async(std::launch::async, [&] { return queue.Flush(0); }));
+  for (auto& flush : flushes) EXPECT_EQ(flush.wait_for(10ms), std::future_status::timeout);
+  queue.DropPending();
+  for (auto& flush : flushes) EXPECT_EQ(flush.get(), OXEVENT_OK);
+}
+
 // A worker that waits an hour for the next event before it blocks, so that only a wake-up ends the wait.
 struct TimedWaitTest : testing::Test {
   TimedWaitTest() {

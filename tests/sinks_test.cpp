@@ -454,6 +454,15 @@ TEST_F(CsvSinkSet, TriesAFlushWithoutWaitingForTheReaderOfAPipe) {
   EXPECT_EQ(flush.get(), OXEVENT_OK);
 }
 
+TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
+  for (const uint32_t port : {65535u, 65536u}) {
+    Receiver receiver;
+    receiver.port = port;
+    std::shared_ptr<oxEventSink> sink;
+    EXPECT_EQ(oxEventCreateSyslogUdpSink(receiver, &sink, nullptr), port == 65535 ? OXEVENT_OK : OXEVENT_FAILURE);
+  }
+}
+
 TEST(oxEventUdpSender, ClosesOnlyTheSocketThatItHasOpened) {
   const int standard_input = fcntl(STDIN_FILENO, F_GETFD);
   constexpr oxEventUdpErrors kErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
