@@ -254,6 +254,8 @@ TEST_F(QueueTest, AllFlushesEndWhenTheQueueIsDrained) {
   for (int i = 0; i < 3; ++i) flushes.push_back(std::async(std::launch::async, [&] { return queue.Flush(0); }));
   for (auto& flush : flushes) EXPECT_EQ(flush.wait_for(10ms), std::future_status::timeout);
   queue.DropPending();
+  for (auto& flush : flushes) EXPECT_EQ(flush.wait_for(30s), std::future_status::ready);
+  queue.RequestStop();  // Wakes a flush that would hang.
   for (auto& flush : flushes) EXPECT_EQ(flush.get(), OXEVENT_OK);
 }
 
