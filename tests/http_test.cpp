@@ -21,14 +21,12 @@ namespace {
 using std::string;
 using std::string_literals::operator""s;
 using Strings = std::vector<string>;
-
 constexpr uint32_t kLongMs = 20000;  // For requests that end well before.
 
 template <class Function>
 Function* Symbol(void* library, const char* name) {
   return reinterpret_cast<Function*>(dlsym(library, name));
 }
-
 void* LoadLibraryWithProxiesSet() {
   for (const char* variable : {"http_proxy", "https_proxy", "ALL_PROXY"}) setenv(variable, "[::1]:1", 1);
   return dlopen(OXUTIL_LIBRARY, RTLD_NOW);
@@ -44,9 +42,8 @@ std::atomic<bool> g_sends_raise_sigpipe;
 std::atomic<int> g_sigpipe_count;
 const auto g_on_sigpipe = signal(SIGPIPE, [](int) { ++g_sigpipe_count; });
 const Faults g_faults([](std::string_view call, long) {
-  if (call == "getaddrinfo" && g_lookups_hang) {
+  if (call == "getaddrinfo" && g_lookups_hang)
     for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
-  }
   if (call == "send" && g_sends_raise_sigpipe) raise(SIGPIPE);
   return 0;
 });
@@ -65,7 +62,6 @@ void ReleaseHungLookups() {
   g_lookups_hang = false;
   g_lookups_released = g_lookups_hung.load();
 }
-
 string JoinLines(const Strings& lines, const char* line_end) {
   string joined;
   for (const string& line : lines) joined += line + line_end;
@@ -83,7 +79,6 @@ std::ostream& operator<<(std::ostream& out, const Response& response) {
   return out << "success " << response.success << ", status " << response.status << ", body " << body;
 }
 const Response kOk = {.success = true, .status = 200, .body = "ok"}, kNoResponse;
-
 struct Options {
   Strings headers = {};  // None: null.
   string body = "{}";
@@ -119,7 +114,6 @@ struct Answer {
 };
 using Answers = std::vector<Answer>;
 const Answer kClosesUnanswered = {.bytes = "", .closes = true};
-
 // Gives the n-th request the n-th answer, and later ones the last. Without answers it accepts no connection.
 struct Server {
   explicit Server(Answers list = {{}}, SSL_CTX* context = nullptr, sa_family_t family = AF_INET)
@@ -130,7 +124,6 @@ struct Server {
     port = ":" + std::to_string(number);
     thread = std::jthread([this](const std::stop_token& stop) { Run(stop); });
   }
-  Server(const Server&) = delete;
 
   string Url(const string& host = "127.0.0.1") const { return (tls != nullptr ? "https://" : "http://") + host + port; }
   string Request(const string& method_and_path, const string& after_host) const {
@@ -182,10 +175,7 @@ struct Server {
   Strings requests;
   std::jthread thread;
 };
-
-enum class Issuer { kTrusted, kUnknown };
-
-SSL_CTX* CreateTls(const char* host, Issuer issuer) {
+SSL_CTX* CreateTls(const char* host, bool is_trusted) {
   EVP_PKEY* const key = EVP_EC_gen("P-256");
   X509* const certificate = X509_new();
   X509_NAME* const name = X509_get_subject_name(certificate);
@@ -195,15 +185,15 @@ SSL_CTX* CreateTls(const char* host, Issuer issuer) {
   X509_gmtime_adj(X509_getm_notAfter(certificate), 86400);
   X509_set_pubkey(certificate, key);
   X509_sign(certificate, key, EVP_sha256());
-  if (issuer == Issuer::kTrusted) PEM_write_bio_X509(g_system_certificates, certificate);
+  if (is_trusted) PEM_write_bio_X509(g_system_certificates, certificate);
   SSL_CTX* const tls = SSL_CTX_new(TLS_server_method());
   EXPECT_EQ(SSL_CTX_use_certificate(tls, certificate), 1);
   EXPECT_EQ(SSL_CTX_use_PrivateKey(tls, key), 1);
   return tls;
 }
-SSL_CTX* const g_tls = CreateTls("a.test", Issuer::kTrusted);
-SSL_CTX* const g_tls_of_unknown_issuer = CreateTls("a.test", Issuer::kUnknown);
-SSL_CTX* const g_tls_of_other_host = CreateTls("b.test", Issuer::kTrusted);
+SSL_CTX* const g_tls = CreateTls("a.test", /*is_trusted=*/true);
+SSL_CTX* const g_untrusted_tls = CreateTls("a.test", /*is_trusted=*/false);
+SSL_CTX* const g_other_host_tls = CreateTls("b.test", /*is_trusted=*/true);
 
 TEST(oxOSHTTPCommand, StaysMappedAfterDlclose) {
   EXPECT_EQ(dlclose(g_library), 0);
@@ -212,10 +202,11 @@ TEST(oxOSHTTPCommand, StaysMappedAfterDlclose) {
 
 TEST(oxOSHTTPCommand, SendsHeaderLinesThatAreNeitherDirectivesNorFraming) {
   const Strings plain = {"A: 1", "a:2", "E:", "User-Agent: u", "content-type: t"};
-  const Strings with_separator = {"A: \u00E7", "A: \u00E7\u00A7\u20A7\u09D7\U0001F4A7\U00027000", "A: \xED\x9F\xA7"};
-  const Strings invalid_utf8 = {"A: \xFF",     "A: \xC1",      "A: \x82",          "A: \xC3(",
-                                "A: \xE0\x9F", "A: \xE1(",     "A: \xED\xA0",      "A: \xF0\x8F\x82",
-                                "A: \xF1(",    "A: \xF1\x82(", "A: \xF1\x82\x82(", "A: \xF4\x90\x82"};
+  const Strings with_separator = {"A: \u00E7", "A: \u00E7\u00A7\u20A7\u09D7\U0001F4A7\U00027000", "A: \xED\x9F\xA7",
+                                  "A: \xF4\x8F\x82\xA7"};
+  const Strings invalid_utf8 = {
+      "A: \xFF",         "A: \xC1",  "A: \x82",      "A: \xC3(",         "A: \xE0\x9F",     "A: \xE1(", "A: \xED\xA0",
+      "A: \xF0\x8F\x82", "A: \xF1(", "A: \xF1\x82(", "A: \xF1\x82\x82(", "A: \xF4\x90\x82", "A: 1"};
   const struct {
     Strings given, sent = {};
   } cases[] = {{.given = plain, .sent = plain},
@@ -259,7 +250,8 @@ TEST(oxOSHTTPCommand, RefusesInvalidArguments) {
     EXPECT_EQ(Send(url, {.headers = {bad}}), kNoResponse) << bad;
   for (const char* bad : {"", "GE T", "GET\r\nX: 1\r\n", "GET / HTTP/1.1\r\n\r\n", "G:", "G@", "G[", "G{", "G\x7F"})
     EXPECT_EQ(Send(url, {.method = bad}), kNoResponse) << bad;
-  for (const string& bad : {url + "/a b", "ftp://127.0.0.1" + server.port, "http://" + server.port})
+  for (const string& bad :
+       {url + "/a b", "ftp://127.0.0.1" + server.port, "http://" + server.port, "file:///etc/hosts?"s})
     EXPECT_EQ(Send(bad), kNoResponse) << bad;
   EXPECT_EQ(Send(url, {.timeout_ms = 0}), kNoResponse);
   EXPECT_EQ(g_command(nullptr, "POST", nullptr, "", 0, nullptr, nullptr, kLongMs), 0);
@@ -281,6 +273,7 @@ TEST(oxOSHTTPCommand, ReturnsTheFinalResponseWithUpTo64KiBOfItsBody) {
       {{kChunked + JoinLines(Strings(65537, "1\r\nb"), "\r\n")}, {true, 200, longest}},
       {{kChunked + "1;x=y\r\na\r\n0\r\nT: t\r\n\r\n"}, {true, 200, "a"}},
       {{HeaderWithLength("2") + "okHTTP"}, kOk},
+      {{"HTTP/1.1 200 OK\nContent-Length: 2\n\nok"}, kOk},
       {{HeaderWithLength("2")}, {true, 200, ""}, "HEAD"},
       {{"HTTP/1.1 103 E\r\nContent-Length: 3\r\n\r\nHTTP/1.1 201 C\r\nContent-Length: 1\r\n\r\nc"}, {true, 201, "c"}},
       {{"HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr"}, {false, 302, "r"}},
@@ -364,9 +357,7 @@ TEST(oxOSHTTPCommand, KeepsAConnectionForEveryThread) {
   const auto send_100 = [url = server.Url(has_ipv6 ? "[::1]" : "127.0.0.1")] {
     for (int i = 0; i < 100; ++i) EXPECT_EQ(Send(url), kOk);
   };
-  for (int i = 0; i < 10; ++i) {
-    const std::jthread first(send_100), second(send_100), third(send_100);
-  }
+  for (int i = 0; i < 10; ++i) const std::jthread first(send_100), second(send_100), third(send_100);
   EXPECT_EQ(server.Stop().size(), 3000u);
   EXPECT_LE(server.AcceptedConnections(), 3u);
 }
@@ -414,7 +405,7 @@ TEST(oxOSHTTPCommand, OpensConnectionsOfItsOwnInAForkedChild) {
 
 TEST(oxOSHTTPCommand, AcceptsAnInvalidCertificateOnlyOnRequest) {
   const string verify = "X-oxEvent-TLS-Verify: 1", accept = "X-oxEvent-TLS-Verify: 0";
-  for (SSL_CTX* const tls : {g_tls_of_unknown_issuer, g_tls_of_other_host}) {
+  for (SSL_CTX* const tls : {g_untrusted_tls, g_other_host_tls}) {
     Server server({{}}, tls);
     EXPECT_EQ(Send(server.Url("a.test"), {.headers = {verify, accept}}), kNoResponse);
     EXPECT_EQ(Send(server.Url("a.test"), {.headers = {accept}}), kOk);
