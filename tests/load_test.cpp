@@ -141,7 +141,7 @@ TEST_F(LoadTest, LosesNothingAmidReloadsAndFlushes) {
 TEST_F(LoadTest, DoesNotGrow) {
   const size_t each = 1250 * Scale();
   const size_t reloads = 20 * Scale();
-  Start("/dev/null", {{"core\\queue_size", "100"}});  // A full queue has less memory than counts as growth.
+  Start("/dev/null", {{"core\\queue_size", "100"}});  // So small that even a full queue does not count as growth.
   Mix(each / 10, reloads / 10, true);
   const Resources before;
   const auto start = Clock::now();

@@ -1,4 +1,4 @@
-"""What oxevent-send makes of command lines and JSON lines, and what it says became of them."""
+"""How oxevent-send reads command lines and JSON lines, and what it reports: send_test.py [-v] [Test.test_NAME...]."""
 import contextlib, csv, io, json, os, re, resource, signal, socket, subprocess, sys, tempfile, threading, unittest
 from pathlib import Path
 
@@ -12,7 +12,7 @@ ALL = {"message": "m,\"\n", "severity": "error", "action": "raise", "event_type"
 OPTIONS = [word for name, value in ALL.items() if name != "message" for word in
            ("--" + {"utc_ns": "utc"}.get(name, name.replace("_", "-")), str(value))]
 DOCUMENT = ALL | {"version": 65536, "severity_value": 3, "severity_code": 3}  # As the webhook sink sends it.
-REFUSED = {  # A line, and what is said of it.
+REFUSED = {  # A line, and the expected message.
     '{"version": 2}': "13: version: must be", '{"message": ""}': "1: message: is", '{"message": "\\u0000"}': "13: message: contains a NUL",
     '{"xqts": 1}': "2: xqts: is not a field of an event\n", '{"unit": 1}': "2: unit: is not a field of an event; did you mean units?",
     '{"ptss": 1}': "2: ptss: is not a field of an event; did you mean pts?", '{"version": "65536"}': "13: version: must be 65536",
@@ -20,23 +20,23 @@ REFUSED = {  # A line, and what is said of it.
     '{"message": "m", "message": "n"}': "18: message: appears twice", '{"message": 5}': "13: message: must be a string",
     '{"message": "m", "event_id": 18446744073709551616}': "30: event_id: '18446744073709551616' is not a whole number from 0",
     '{"message": {}}': "13: message: must not be an", '{"message": "m", "value": "1"}': "27: value: must be a number",
-    '{"message": "m", "pts": 1.5}': "25: pts: '1.5' is no", '{"message": "m", "severity": "loud"}': "30: severity: 'loud' is none",
-    '{"severity": 2, "severity_code": 3, "message": "m"}': "34: severity_code: contradicts", "5": "1: an event is an object",
-    '{"message": "m" "n"}': "17: invalid JSON: Missing a comma or '}' after an object member\n", "[" * 10**6: "1: an event is an object",
-    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event is an object", '{"message": "m"}\0': "17: invalid JSON: a NUL",
+    '{"message": "m", "pts": 1.5}': "25: pts: '1.5' is no", '{"message": "m", "severity": "loud"}': "30: severity: 'loud' is not one",
+    '{"severity": 2, "severity_code": 3, "message": "m"}': "34: severity_code: contradicts", "5": "1: an event must be a JSON object",
+    '{"message": "m" "n"}': "17: invalid JSON: Missing a comma or '}' after an object member\n", "[" * 10**6: "1: an event must be a JSON object",
+    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event must be a JSON object", '{"message": "m"}\0': "17: invalid JSON: unexpected NUL byte",
     '{"details_json": 1}': "18: details_json: must be a string, an", '{"severity_value": "x"}': "20: severity_value: must be a number",
     '{"utc_ns": true}': "12: utc_ns: must be a number or", '{"' + "x" * 600 + '": 1}': "2: " + "x" * 500 + "\n"}
-USAGE = (  # Arguments behind the settings file, and what is said of them.
+USAGE = (  # Arguments after the settings file, and the expected message.
     ("m --severty 1", "--severty: no such option; did you mean --severity?"), ("m -x", "-x: no such option"),
     ("m --rqtx 1", "--rqtx: no such option; did you mean --rate?"), ("m --rqxy=1", "--rqxy: no such option"),
     ("m --source x", "--source: ambiguous option"), ("m --severity", "--severity: requires a value"),
     ("m --quiet=1", "--quiet: takes no value"), ("- --count 2", "--count: cannot be combined with events from standard input"),
     ("m n", "'n' is one argument too many: SETTINGS is 'settings.xml', MESSAGE is 'm'"),
     ("", "MESSAGE is missing; see oxevent-send --help"), ("m --value nan", "--value: 'nan' is not a number"),
-    ("m --severity 4", "--severity: '4' is none of debug, info, warning, error, 0 to 3"),
+    ("m --severity 4", "--severity: '4' is not one of debug, info, warning, error or 0 to 3"),
     ("m --count 0", "--count: '0' is not a whole number from 1 to 18446744073709551615"),
     ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"))
-TIMES = {  # Nanoseconds since 1970. With the leap second that RFC 3339 shows.
+TIMES = {  # Nanoseconds since 1970. Includes the leap second of the RFC 3339 example.
     "1": 1, "18446744073709551615": 2**64 - 1, "1970-01-01T00:00:00.000000001Z": 1, "1970-01-02 23:59:01.5+23:59": 864015 * 10**8,
     "1969-12-31T00:01:02-23:59": 2 * 10**9, "2024-02-29t23:59:59.5z": 1709251199500000000,
     "1990-12-31T15:59:60-08:00": 662688000 * 10**9, "2554-07-21T23:34:32.999999999Z": 18446744072999999999}
@@ -51,7 +51,7 @@ CSV, WEBHOOK, OFF = "sink\\csv\\default", "sink\\webhook\\http\\w", {"enabled": 
 class Test(unittest.TestCase):
     def setUp(self):
         self.folder = self.enterContext(tempfile.TemporaryDirectory())
-        for number in signal.SIGHUP, signal.SIGINT:  # Ignored by what runs in the background, and inherited.
+        for number in signal.SIGHUP, signal.SIGINT:  # Background jobs inherit these as ignored.
             signal.signal(number, signal.SIG_DFL)
 
     def call(self, *arguments):

@@ -158,7 +158,7 @@ class Inbox:
 
 class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
-    disable_nagle_algorithm = True  # Header and text go out as two.
+    disable_nagle_algorithm = True  # Header and body are sent as two segments.
     server_version = "cloudevents"
     timeout = 60  # Seconds without a byte.
 

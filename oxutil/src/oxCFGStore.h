@@ -79,7 +79,7 @@ class oxCFGStore {
     oxCFGKind kind;
     std::string_view name;  // Points into the document or decoded_names_, where names never change.
 
-    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 takes the default for a 0.
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 mistakes the defaulted operator for a 0.
     auto operator<=>(const IndexKey&) const = default;
   };
   struct IndexedNode {

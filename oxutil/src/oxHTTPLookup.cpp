@@ -103,10 +103,10 @@ bool StartThread(std::unique_ptr<Task> task) {
 }
 
 // When `lookup` counts as hung, so that the next request for its host starts another one. The C library reads a name
-// server's TCP response without a timeout, and the thread cannot be ended: retries must not use up the threads. The
-// time doubles with each lookup of the host that hung before. With each thread beyond half of them it doubles too, but
-// only as far as there are retries: however many hosts hang at once, the first retry of each comes after a minute at
-// most.
+// server's TCP response without a timeout, and the thread cannot be ended: retries must not use up the threads. So the
+// 30 s double with each lookup of this host that hung before. Beyond half of the threads they also double with each
+// thread, but at most 2 * retries + 1 times. Before any retry that is once: the first retry of a host comes after 30 s
+// or 60 s, however many hosts hang at once. Each retry under way, of any host, allows two more doublings.
 Clock::time_point HungTimeLocked(const Lookup& lookup) {
   const size_t beyond_half = std::max(g_state.threads, kMaxThreads / 2) - kMaxThreads / 2;
   const size_t doublings = lookup.hung_before + std::min(beyond_half, 2 * g_state.retries + 1);

@@ -82,7 +82,7 @@ void oxEventActiveTable::Remove(Condition* condition) {
   Condition* const slots = segment->slots;
   __builtin_prefetch(texts, 1);
   oxEventSlab::PrefetchForFree(texts);
-  // Each condition that follows without a gap moves to the free slot, unless its home is behind that slot.
+  // Each condition that follows without a gap moves to the free slot, unless its home slot comes after that one.
   auto hole = static_cast<size_t>(condition - slots);
   for (size_t i = Next(hole); slots[i].texts != nullptr; i = Next(i)) {
     if (Distance(Home(slots[i].hash), i) < Distance(hole, i)) continue;

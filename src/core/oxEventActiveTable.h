@@ -33,7 +33,7 @@ class oxEventActiveTable {
     static constexpr size_t kStartSize = 38;
     uint64_t hash;        // Hash of the key.
     Texts* texts;         // Null if the slot is free.
-    uint8_t texts_lines;  // Cache lines of the block, at most 255. Stored here to be known without a miss.
+    uint8_t texts_lines;  // Cache lines of the block, at most 255. Stored here so that reading it costs no cache miss.
     uint8_t start_size;   // kStartSize + 1 if the key continues in the block.
     char start[kStartSize];
   };
@@ -46,7 +46,7 @@ class oxEventActiveTable {
   // Hashes with a random key, so that nobody can choose keys that all lead to one segment.
   uint64_t Hash(std::string_view key) const { return oxEventSipHash(hash_key_, key); }
 
-  // Start to fetch into the cache what Find reads, and what Signature and Update read.
+  // Prefetch what Find reads, and what Signature and Update read.
   void Prefetch(uint64_t hash) const;
   static void PrefetchTexts(const Condition* condition);
 

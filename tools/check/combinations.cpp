@@ -19,7 +19,7 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint64_t kDrainMs = 5000;              // oxEventShutdown's timeout for draining the queue.
 constexpr uint64_t kLongShutdownMs = 60 * 1000;  // More than a host is likely to expect.
-constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // The value of retry_count that makes no attempt.
+constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // A retry_count plus the first attempt that wraps to 0.
 
 constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
 

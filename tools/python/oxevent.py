@@ -244,7 +244,7 @@ def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional
            timecode: Optional[Text] = None, event_id: int = 0) -> None:
     """Report an event: queue it and return. Never waits for a file or the network.
 
-    message         text for people, not empty
+    message         human-readable text, required
     severity        a Severity
     event_type      kind of event, "event" if not given
     source_id       identifier of the source
@@ -259,8 +259,8 @@ def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional
     pts, timecode   media time stamps
     event_id        0: the library assigns the next number of this process
 
-    Success means that the event was accepted: one below the minimum severity, or one submitted to a full queue, is
-    dropped and counted. Raises OxEventError with NOT_INITIALIZED if the library is not running.
+    Success means that the event was accepted, not that it was delivered: an event below the minimum severity, or one
+    that finds the queue full, is dropped and counted. Raises OxEventError with NOT_INITIALIZED if the library is not running.
     """
     _call("oxEventSubmit", ctypes.byref(_record(locals())))
 
@@ -272,7 +272,7 @@ def flush(timeout_s: Optional[float] = None) -> None:
     register_callback). Inside a callback it does not wait: it fails at once if events are queued. Ctrl-C takes effect
     when it returns.
     """
-    milliseconds = 0  # Means no limit to the library, so that the shortest timeout is 1 ms.
+    milliseconds = 0  # The library takes 0 as no limit, so the shortest timeout is 1 ms.
     if timeout_s is not None:
         if not 0 < timeout_s <= (2**32 - 1) / 1000:
             raise ValueError(f"timeout_s must be above 0 and at most 4294967.295, not {timeout_s!r}")

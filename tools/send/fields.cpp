@@ -115,7 +115,7 @@ uint32_t ParseSeverity(std::string_view text) {
   try {
     return ParseNumber<uint32_t>(text, OXEVENT_SEVERITY_DEBUG, OXEVENT_SEVERITY_ERROR);
   } catch (const std::invalid_argument&) {
-    throw std::invalid_argument("'" + std::string(text) + "' is none of debug, info, warning, error, 0 to 3");
+    throw std::invalid_argument("'" + std::string(text) + "' is not one of debug, info, warning, error or 0 to 3");
   }
 }
 

@@ -30,10 +30,10 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
       if (text.ends_with('.')) text.pop_back();
       throw JsonError("invalid JSON: " + text, result.Offset());
     }
-    if (stream_.Tell() != json_.size()) throw JsonError("invalid JSON: a NUL", stream_.Tell());
+    if (stream_.Tell() != json_.size()) throw JsonError("invalid JSON: unexpected NUL byte", stream_.Tell());
   }
 
-  // The parser's callbacks. The stream is behind the token; with a bracket of an object or array, at it.
+  // The parser's callbacks. The stream position is just past the token, but at the bracket of an object or array.
   bool Null() { return Scalar(Type::kOther, "", true); }
   bool Bool(bool) { return Scalar(Type::kOther, ""); }
   bool RawNumber(const char* text, rapidjson::SizeType size, bool) { return Scalar(Type::kNumber, {text, size}); }
@@ -73,7 +73,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
 
   bool Start(bool object) {
     FindToken(1);
-    if (depth_ == 0 && !object) throw JsonError("an event is an object", token_);
+    if (depth_ == 0 && !object) throw JsonError("an event must be a JSON object", token_);
     if (depth_ == 1) {
       if (!Is("details_json")) Fail("must not be an object or an array");
       details_ = token_;
@@ -90,7 +90,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
 
   bool Scalar(Type type, std::string_view text, bool null = false) {
     FindToken(0);
-    if (depth_ == 0) throw JsonError("an event is an object", token_);
+    if (depth_ == 0) throw JsonError("an event must be a JSON object", token_);
     if (depth_ > 1 || null) return true;  // null means not given; the library's documents have it for NaN.
     if (field_ == nullptr) {
       if (type != Type::kNumber || text != std::to_string(OXEVENT_API_VERSION)) {
