@@ -5,6 +5,7 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/auxv.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <optional>
@@ -27,6 +28,16 @@ template <class Function>
 Function* Symbol(void* library, const char* name) {
   return reinterpret_cast<Function*>(dlsym(library, name));
 }
+size_t CountInheritableDescriptors() {
+  size_t count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    count += flags >= 0 && (flags & FD_CLOEXEC) == 0;
+  }
+  return count;
+}
+const size_t g_inherited_descriptors = CountInheritableDescriptors();  // From the program that started this one.
+
 void* LoadLibraryWithProxiesSet() {
   for (const char* variable : {"http_proxy", "https_proxy", "ALL_PROXY"}) setenv(variable, "[::1]:1", 1);
   return dlopen(OXUTIL_LIBRARY, RTLD_NOW);
@@ -38,6 +49,7 @@ BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
 std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
+std::atomic<bool> g_threads_fail;
 std::atomic<bool> g_sends_raise_sigpipe;
 std::atomic<int> g_sigpipe_count;
 const auto g_on_sigpipe = signal(SIGPIPE, [](int) { ++g_sigpipe_count; });
@@ -45,7 +57,7 @@ const Faults g_faults([](std::string_view call, long) {
   if (call == "getaddrinfo" && g_lookups_hang)
     for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
   if (call == "send" && g_sends_raise_sigpipe) raise(SIGPIPE);
-  return 0;
+  return call == "pthread_create" && g_threads_fail ? EAGAIN : 0;
 });
 const pid_t g_parent = getpid();
 extern "C" int __lsan_is_turned_off() { return getpid() != g_parent; }  // A child abandons its parent's connections.
@@ -111,6 +123,7 @@ struct Answer {
   string bytes = HeaderWithLength("2") + "ok";
   bool closes = false;
   string sent_first_on_previous_connection = "";
+  string repeated = "";  // Sent after `bytes`, again and again, until the client closes the connection.
 };
 using Answers = std::vector<Answer>;
 const Answer kClosesUnanswered = {.bytes = "", .closes = true};
@@ -161,10 +174,18 @@ struct Server {
       requests.emplace_back(request, size_t(size));
       if (!first.empty()) BIO_write(bios[connection - 1], first.data(), int(first.size()));
       if (!answer.bytes.empty()) BIO_write(bios[connection], answer.bytes.data(), int(answer.bytes.size()));
+      SendRepeated(bios[connection], answer.repeated);
       if (!answer.closes) return;
     }
     polls[connection].fd = -1;
     BIO_free_all(std::exchange(bios[connection], nullptr));
+  }
+
+  // At most 120 MB: more than the client may keep.
+  static void SendRepeated(BIO* bio, string piece) {
+    if (piece.empty()) return;
+    while (piece.size() < 60'000) piece += piece;
+    for (int i = 0; i < 2000 && BIO_write(bio, piece.data(), int(piece.size())) > 0; ++i) continue;
   }
 
   const Answers answers;
@@ -259,6 +280,7 @@ TEST(oxOSHTTPCommand, RefusesInvalidArguments) {
   EXPECT_EQ(g_command(url.c_str(), "POST", nullptr, nullptr, 1, nullptr, nullptr, kLongMs), 0);
   EXPECT_EQ(g_command(url.c_str(), "POST", nullptr, "", -1, nullptr, nullptr, kLongMs), 0);
   EXPECT_EQ(server.Stop(), Strings{});
+  EXPECT_EQ(server.AcceptedConnections(), 0u);
 }
 
 TEST(oxOSHTTPCommand, ReturnsTheFinalResponseWithUpTo64KiBOfItsBody) {
@@ -297,10 +319,49 @@ TEST(oxOSHTTPCommand, FailsUnlessTheResponseIsValidAndCompleteWithUpTo64KiBOfHea
   }
 }
 
+TEST(oxOSHTTPCommand, ReturnsInTimeFromAServerThatSendsWithoutEndWithBoundedMemory) {
+  const struct {
+    const char* name;
+    Answer answer;
+    bool is_response;
+  } cases[] = {{"a header line", {.bytes = kStatusLine + "A: ", .repeated = "a"}, false},
+               {"header lines", {.bytes = kStatusLine, .repeated = "A: b\r\n"}, false},
+               {"interim responses", {.bytes = "", .repeated = "HTTP/1.1 100 Continue\r\n\r\n"}, false},
+               {"no HTTP", {.bytes = "", .repeated = "x"}, false},
+               {"a body", {.bytes = kStatusLine + "\r\n", .repeated = "b"}, true},
+               {"chunks", {.bytes = kChunked, .repeated = "1\r\nb\r\n"}, true},
+               {"trailers", {.bytes = kChunked + "0\r\n", .repeated = "T: t\r\n"}, false}};
+  rusage before = {}, after = {};
+  getrusage(RUSAGE_SELF, &before);
+  const size_t descriptors = Entries("/proc/self/fd");
+  for (const auto& c : cases) {
+    Server server({c.answer});
+    EXPECT_EQ(Send(server.Url(), {.timeout_ms = 3000}).success, c.is_response) << c.name;
+  }
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LE(Entries("/proc/self/fd"), descriptors + 16);  // Kept connections.
+#ifndef OXEVENT_SANITIZED
+  EXPECT_LT(after.ru_maxrss, before.ru_maxrss + 16 * 1024);  // KiB.
+#endif
+}
+
+TEST(oxOSHTTPCommand, MarksItsDescriptorsCloseOnExec) {
+  Server server;
+  EXPECT_EQ(Send(server.Url()), kOk);
+  EXPECT_EQ(CountInheritableDescriptors(), g_inherited_descriptors);
+}
+
+TEST(oxOSHTTPCommand, FailsAtOnceIfNoLookupThreadCanBeStarted) {
+  g_threads_fail = true;
+  EXPECT_EQ(Send("http://unknown.test:9"), kNoResponse);
+  g_threads_fail = false;
+}
+
 TEST(oxOSHTTPCommand, FailsAtTheDeadlineOrConnectTimeoutWhereverItStalls) {
-  Server full{Answers{}}, silent({{.bytes = ""}}), header({{.bytes = kStatusLine + "A"}}),
+  Server unread{Answers{}}, full{Answers{}}, silent({{.bytes = ""}}), header({{.bytes = kStatusLine + "A"}}),
       body({{kChunked + "5\r\na"}});
   for (int i = 0; i < 3; ++i) EXPECT_EQ(Send(full.Url(), {.timeout_ms = 50}), kNoResponse);  // Fills the backlog.
+  EXPECT_EQ(Send(unread.Url(), {.body = string(16 << 20, 'b'), .timeout_ms = 100}), kNoResponse);
   g_lookups_hang = true;
   for (const string& url : {full.Url(), full.Url("a.test"), "https://127.0.0.1" + silent.port}) {
     EXPECT_EQ(Send(url, {.timeout_ms = 100}), kNoResponse) << url;
@@ -451,7 +512,7 @@ TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInASetUidHost) {
   WriteSettings(folder.path + "/settings.xml", "",
                 {{"sink\\webhook\\http\\w\\enabled", "1"}, {"sink\\webhook\\http\\w\\endpoint_url", server.Url()}});
   for (const string variable : {"HARMLESS", "SSLKEYLOGFILE", "OPENSSL_ia32cap"}) {
-    const string setting = variable + "=/dev/null";
+    const string setting = variable + "=" + folder.path + "/keys";
     const int exit_code = InChild([&] {
       const char* const environment[] = {url.c_str(), directory.c_str(), setting.c_str(), nullptr};
       if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return 2;
@@ -462,6 +523,7 @@ TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInASetUidHost) {
     const string refusal =
         "0 80050005 oxEvent webhook sink cannot start with " + variable + " in the environment of a privileged process";
     EXPECT_EQ(ReadFile(folder.path + "/results"), variable == "HARMLESS" ? "1 0 " : refusal);
+    EXPECT_FALSE(std::filesystem::exists(folder.path + "/keys"));
   }
   EXPECT_EQ(server.Stop().size(), 1u);
 }
