@@ -30,7 +30,8 @@ inline constexpr std::string_view kCsvWriteRemedy =
     "is free space, let the host call oxEventReloadConfig: the file is opened again. If this file itself has filled "
     "the disk, delete it and reload: the reload closes it, which frees its space.";
 inline constexpr std::string_view kResolveRemedy =
-    "Run getent ahosts HOST on the machine of the process as the user of the process, and correct host or port, or use an IP "
+    "Run getent ahosts HOST on the machine of the process as the user of the process, and correct host or port, or use "
+    "an IP "
     "address instead of a name. The number is an error code of getaddrinfo: -2 or -5 the name does not exist or has "
     "no address, -3 the name server does not respond (try again), -4 the name server refuses the query, -8 the port "
     "is above 65535, -10 out of memory, -11 a system error.";
@@ -143,7 +144,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "Give the host the path of the settings file, on its command line or wherever else it reads the path from."},
     {oxEventErrors::kConfigUnreadable, ErrorOrigin::kCall,
      "The settings file does not exist, is not readable for the user of the process, is not a regular file, is larger "
-     "than 64 MiB, or is not a valid settings file: for example, it contains a comment with \"--\" inside, a control character, or a "
+     "than 64 MiB, or is not a valid settings file: for example, it contains a comment with \"--\" inside, a control "
+     "character, or a "
      "reference to one such as &#0;. Or the process has run out of file descriptors or memory. The file is unchanged.",
      "Check with namei -l PATH whether the file exists and is readable for the user of the process, and with "
      "oxevent-check PATH whether it is a valid settings file (root element config). A relative path is relative to "
@@ -261,7 +263,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "contains an invalid character, or a token of the section contains a line end. After the last attempt, the event "
      "is lost for this sink, which will try the next one. (With retry_count 4294967295, every event fails without an "
      "attempt and without an error text.)",
-     "Run curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on the machine of the process as the user of the "
+     "Run curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on the machine of the process as the "
+     "user of the "
      "process, with the header lines and the token of the section. If the endpoint is slow or temporarily "
      "unavailable, set connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
     {oxEventErrors::kSnmpTrapOid, ErrorOrigin::kDelivery,
