@@ -8,16 +8,16 @@
 #include "oxutil.h"
 
 bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
-                             uint32_t timeout_ms) {
+                             uint32_t timeout_ms, int32_t* status) {
+  *status = 0;
   // A line end would begin another header, and a NUL would hide the rest. The length of the body is 32 bits, signed.
   for (const char forbidden : {'\r', '\n', '\0'}) {
     if (header_block.find(forbidden) != std::string::npos) return false;
   }
   if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
   char* response = nullptr;
-  int32_t status = 0;
   const int32_t accepted = oxOSHTTPCommand(url.c_str(), "POST", header_block.c_str(), body.c_str(),
-                                           static_cast<int32_t>(body.size()), &response, &status, timeout_ms);
+                                           static_cast<int32_t>(body.size()), &response, status, timeout_ms);
   if (response != nullptr) OXFree(response);
   return accepted != 0;
 }

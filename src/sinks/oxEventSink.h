@@ -38,6 +38,9 @@ class oxEventSink {
   // with *busy set, if another thread was writing for the whole time.
   virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
 
+  // What the error text of the last failure leaves out, such as the status code of an HTTP response. For tools.
+  virtual std::string FailureDetail() const { return {}; }
+
  private:
   // Called by Submit for an event of at least the minimum severity.
   virtual uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) = 0;

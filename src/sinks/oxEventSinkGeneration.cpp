@@ -37,7 +37,7 @@ void oxEventActiveSink::RecordFailure(std::string error) {
 
 oxEventSinkStatus oxEventActiveSink::Status() {
   oxEventLock lock(mutex_);
-  return {section_, name_, failures_, last_error_};
+  return {section_, name_, failures_, last_error_, sink_->FailureDetail()};
 }
 
 void oxEventSinkGeneration::Replace(std::shared_ptr<oxEventSinkGeneration> predecessor) {

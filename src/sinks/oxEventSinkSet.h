@@ -50,6 +50,7 @@ struct oxEventSinkStatus {
   std::string name;          // Name of the instance; empty for the callbacks.
   uint64_t failures = 0;     // Deliveries and flushes that failed.
   std::string last_error;    // Empty if there was none.
+  std::string detail;        // What last_error leaves out, if the sink knows more.
 };
 
 // Reports on the active sinks, in the order of delivery.

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -84,6 +85,11 @@ class oxEventWebhookHttpSink : public oxEventSink {
     BuildHeaderBlock(config);
   }
 
+  std::string FailureDetail() const override {
+    const int32_t status = last_status_;
+    return status == 0 ? "" : "the response had status " + std::to_string(status);
+  }
+
  private:
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
@@ -104,7 +110,10 @@ class oxEventWebhookHttpSink : public oxEventSink {
     if (attempts == 0) return OXEVENT_FAILURE;
     for (uint32_t i = 0; i < attempts; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
-      if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_)) return OXEVENT_OK;
+      int32_t status = 0;
+      const bool accepted = oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_, &status);
+      last_status_ = status;
+      if (accepted) return OXEVENT_OK;
     }
     return oxEventSetErrorText(oxEventErrors::kWebhookPost, {endpoint_url_}, error);
   }
@@ -141,6 +150,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const std::string cloudevents_subject_prefix_;
   std::string header_block_;  // In the HTTP client's format. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
+  std::atomic<int32_t> last_status_ = 0;  // Status code of the last response; 0: there was none.
 };
 
 uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {

@@ -18,7 +18,7 @@ constexpr char kUsageText[] =
     "       oxevent-check --explain KEY\n"
     "\n"
     "Reads settings files as the library does and reports what is wrong with them, with line, key and\n"
-    "remedy. Writes no file, opens no connection and resolves no host name.\n"
+    "remedy. Writes no file, opens no network connection and resolves no host name.\n"
     "\n";
 
 constexpr char kNotes[] =

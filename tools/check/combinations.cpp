@@ -10,6 +10,7 @@
 #include "base/oxEventSeverity.h"
 #include "check/settings_file.h"
 #include "check/syntax.h"
+#include "common/system_log.h"
 #include "oxEvent.h"
 
 namespace {
@@ -216,11 +217,15 @@ class CombinationChecker {
     }
     ForEachEnabled([&](const Group& group, const Sink& sink) {
       if (sink.type == Type::kAlertmanager) {
-        Add(Severity::kDetail, "sends-nothing", group, "enabled",
-            "the host posts the documents; this sink sends nothing",
-            "Have the host post the result of oxEventFormatAlertmanagerRecord.");
+        Add(Severity::kNote, "sends-nothing", group, "enabled",
+            "this sink sends nothing: the host must post the alerts to an Alertmanager itself",
+            "Have the host post the result of oxEventFormatAlertmanagerRecord, or set enabled to 0.");
       }
       if (sink.type == Type::kNative) {
+        if (const std::string fault = SystemLogFault(); !fault.empty()) {
+          Add(Severity::kNote, "no-system-log", group, "enabled", "on this machine, " + fault + " without an error",
+              "Start a log daemon, mount its socket into the container, or use another sink.");
+        }
         Add(Severity::kDetail, "host-lines", group, "facility",
             "the host's own lines in the system log also go to this facility, under this source_name, once the sink "
             "has sent an event",

@@ -40,6 +40,10 @@ struct Topic {
     if (setting != nullptr) path.emplace_back(setting->name);
     return path;
   }
+  bool HasKey(const std::string& name) const {
+    const Names keys = Split(section->key);
+    return std::find(keys.begin(), keys.end(), name) != keys.end();
+  }
   bool IsBelow(const Names& key) const {
     const Names path = Path(true);
     if (key.size() > path.size()) return false;
@@ -70,6 +74,9 @@ std::vector<Topic> FindTopics(const Names& key) {
   if (topics.empty()) topics = FilterTopics([&](const Topic& t) { return t.IsBelow(key); });
   if (topics.empty() && key.size() == 1) {
     topics = FilterTopics([&](const Topic& t) { return t.setting != nullptr && t.setting->name == key[0]; });
+  }
+  if (topics.empty() && key.size() == 1) {
+    topics = FilterTopics([&](const Topic& t) { return t.HasKey(key[0]); });
   }
   return topics;
 }

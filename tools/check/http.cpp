@@ -199,6 +199,10 @@ class HttpChecker {
       Warn("secret-in-url", "endpoint_url", "contains a password, which error texts would show",
            "Use basic_username and basic_password.");
     }
+    if (url.is_alertmanager) {
+      Warn("alertmanager-url", "endpoint_url", "an Alertmanager refuses the documents of this sink",
+           "Have the host post the result of oxEventFormatAlertmanagerRecord to this URL.");
+    }
     if (!url.https && !url.loopback) {
       bool reported = false;
       for (const Value& value : group_->values) {

@@ -79,11 +79,12 @@ class StructureChecker {
   void CheckUnknownElement(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
     const std::string name = NameOf(node);
     const std::string suggestion = Suggestion(node.name(), {"key", "value"});
-    const bool is_expected = !name.empty() && !Suggestion(name, expected).empty();
+    const bool is_expected = (!name.empty() && !Suggestion(name, expected).empty()) ||
+                             std::find(expected.begin(), expected.end(), node.name()) != expected.end();
     if (is_expected || (IsInEvents(path) && !suggestion.empty())) {
-      Warn("unknown-element", node, JoinPath(path, name),
+      Warn("unknown-element", node, name.empty() ? path : JoinPath(path, name),
            "the library ignores the element <" + std::string(node.name()) + ">" + suggestion,
-           "Use <key> or <value>, in lower case.");
+           "Write <key name=\"NAME\"> or <value name=\"NAME\">TEXT</value>, in lower case.");
     }
   }
 

@@ -70,9 +70,10 @@ UrlParts ParseUrl(const std::string& url) {
   parts.https = oxEventAsciiLower(PartOf(parsed, CURLUPART_SCHEME)) == "https";
   parts.loopback = IsLoopback(host);
   parts.has_password = !PartOf(parsed, CURLUPART_PASSWORD).empty();
+  const std::string path = PartOf(parsed, CURLUPART_PATH);
+  parts.is_alertmanager = path.ends_with("/api/v2/alerts") || path.ends_with("/api/v1/alerts");
   parts.normalized = (parts.https ? "https://" : "http://") + host + ":" +
-                     PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT) + PartOf(parsed, CURLUPART_PATH) + "?" +
-                     PartOf(parsed, CURLUPART_QUERY);
+                     PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT) + path + "?" + PartOf(parsed, CURLUPART_QUERY);
   return parts;
 }
 

@@ -15,6 +15,7 @@ struct UrlParts {
   bool https = false;
   bool loopback = false;
   bool has_password = false;
-  std::string normalized;  // For comparison: scheme and host in lower case, the default port added.
+  bool is_alertmanager = false;  // The path is that of an Alertmanager's interface for alerts.
+  std::string normalized;        // For comparison: scheme and host in lower case, the default port added.
 };
 UrlParts ParseUrl(const std::string& url);  // The URL must be valid.

@@ -39,7 +39,10 @@ std::string_view RemedyFor(std::string_view text) {
   return remedy;
 }
 
-std::string WithRemedy(std::string_view text) {
+std::string WithRemedy(std::string_view text, std::string_view reason) {
+  std::string all(text);
+  if (!reason.empty()) all.append(" (").append(reason).append(")");
   const std::string_view remedy = RemedyFor(text);
-  return std::string(text) + (remedy.empty() ? "" : "\n    ") + std::string(remedy);
+  if (!remedy.empty()) all.append("\n    ").append(remedy);
+  return all;
 }

@@ -7,5 +7,5 @@
 // Returns the remedy for an error text of the library; empty if the text is not one.
 std::string_view RemedyFor(std::string_view text);
 
-// Returns the text, followed by its remedy on the next line if there is one.
-std::string WithRemedy(std::string_view text);
+// Returns the text, followed by `reason` in parentheses and, on the next line, by its remedy, if there are any.
+std::string WithRemedy(std::string_view text, std::string_view reason = "");

@@ -9,7 +9,9 @@
 #include "base/oxEventSeverity.h"
 #include "common/command_line.h"
 #include "common/remedy.h"
+#include "common/system_log.h"
 #include "core/oxEventRouter.h"
+#include "send/connection.h"
 #include "sinks/oxEventSinkSet.h"
 
 namespace {
@@ -106,6 +108,14 @@ class ReportPrinter {
     return "";
   }
 
+  // Returns what the sink's error text leaves out, or an empty string.
+  static std::string FailureReason(const oxEventSinkConfig& sink, const oxEventSinkStatus& status) {
+    const bool is_http = sink.type == oxEventSinkType::kWebhookHttp || sink.type == oxEventSinkType::kCloudEventsHttp;
+    if (!is_http || !status.detail.empty()) return status.detail;
+    const std::string fault = ConnectionFault(sink.endpoint_url, sink.tls_verify);
+    return fault.empty() ? "no response, although the endpoint accepts connections" : fault;
+  }
+
   void PrintSink(const oxEventSinkConfig& sink, const oxEventSinkStatus& status) {
     const std::string name = std::string(status.section) + "\\" + status.name + ": ";
     const uint64_t accepted = CountEmitted(sink.minimum_severity);
@@ -113,7 +123,11 @@ class ReportPrinter {
       // The rows of a CSV file fail together at a flush, and later flushes fail again: the count means nothing.
       const std::string share = std::to_string(status.failures) + " of " + std::to_string(accepted) + " failed";
       return PrintProblem(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " +
-                          WithRemedy(status.last_error));
+                          WithRemedy(status.last_error, FailureReason(sink, status)));
+    }
+    if (sink.type == oxEventSinkType::kNative && accepted != 0) {
+      const std::string fault = SystemLogFault();
+      if (!fault.empty()) return PrintProblem(name + fault);
     }
     if (accepted == 0 && CountEmitted(0) != 0) {
       return PrintSuccess(name + "0, all are below its minimum_severity (" +

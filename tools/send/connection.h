@@ -1,0 +1,7 @@
+// A trial connection to an HTTP endpoint, to find out why the sink got no response.
+#pragma once
+
+#include <string>
+
+// Connects, with TLS for https, and sends no request. Returns why that failed, or an empty string. Takes at most 5 s.
+std::string ConnectionFault(const std::string& url, bool verify_certificate);
