@@ -169,6 +169,9 @@ class Page:
 
 
 class Test(unittest.TestCase):
+    def setUp(self):
+        self.enterContext(receivers.system_log())  # oxevent-send fails without one.
+
     def test_man_page(self):
         example = re.search(r"\.Bd -literal.*?\n(#include.*?)\.Ed", (ROOT / "docs/man/man3/oxevent.3").read_text(), re.S)[1]
         page = Page(ROOT / "README.md", BUILD)

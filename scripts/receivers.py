@@ -13,6 +13,7 @@ Strings contain bytes that are not UTF-8 as with errors="surrogateescape". Recei
 and do not outlive their parent.
 """
 import atexit
+import contextlib
 import ctypes
 import json
 import os
@@ -21,6 +22,7 @@ import signal
 import socket
 import subprocess
 import sys
+import threading
 import time
 import urllib.request
 import xml.etree.ElementTree as ElementTree
@@ -72,6 +74,32 @@ def write_settings(path, sections):
         for name, value in values.items():
             ElementTree.SubElement(node, "value", name=name).text = str(value)
     ElementTree.ElementTree(root).write(path, "utf-8", xml_declaration=True)
+
+
+@contextlib.contextmanager
+def system_log():
+    """Provides a system log on a machine without one, and discards its lines."""
+    path = "/dev/log"
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
+        if log.connect_ex(path) == 0:
+            yield
+            return
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
+        Path(path).unlink(missing_ok=True)  # A process that was killed may have left it.
+        log.bind(path)
+        reader = threading.Thread(target=discard, args=(log,))
+        reader.start()
+        try:
+            yield
+        finally:
+            Path(path).unlink()
+            log.shutdown(socket.SHUT_RDWR)
+            reader.join()
+
+
+def discard(log):
+    while log.recv(65536):
+        pass
 
 
 class Receiver:
