@@ -1,238 +1,302 @@
-"""How oxevent-send reads command lines and JSON lines, and what it reports: send_test.py [-v] [Test.test_NAME...]."""
-import contextlib, csv, io, json, os, re, resource, signal, socket, subprocess, sys, tempfile, threading, unittest
+"""How oxevent-send reads its input, and what it reports: send_test.py [-v] [SendTest.test_NAME...]."""
+import csv
+import json
+import os
+import re
+import resource
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
 from pathlib import Path
 
 sys.path.append(sys.path[0] + "/../scripts")
-import receivers
+from receivers import await_, write_settings
 
-ALL = {"message": "m,\"\n", "severity": "error", "action": "raise", "event_type": "t", "source_id": "s", "source_name": "n",
-       "dedupe_key": "k", "correlation_id": "c", "utc_ns": 18446744072999999999, "ptp_ns": 2**64 - 1, "pts": -(2**63),
-       "timecode": "01:02", "value": 0.1, "threshold": -2.5e-7, "units": "é", "duration_ms": 2**64 - 2, "event_id": 2**64 - 3,
-       "details_json": '{"a": [1, "\\u0000"]}'}
-OPTIONS = [word for name, value in ALL.items() if name != "message" for word in
-           ("--" + {"utc_ns": "utc"}.get(name, name.replace("_", "-")), str(value))]
-DOCUMENT = ALL | {"version": 65536, "severity_value": 3, "severity_code": 3}  # As the webhook sink sends it.
-REFUSED = {  # A line, and the expected message.
-    '{"version": 2}': "13: version: must be", '{"message": ""}': "1: message: is", '{"message": "\\u0000"}': "13: message: contains a NUL",
-    '{"xqts": 1}': "2: xqts: is not a field of an event\n", '{"unit": 1}': "2: unit: is not a field of an event; did you mean units?",
-    '{"ptss": 1}': "2: ptss: is not a field of an event; did you mean pts?", '{"version": "65536"}': "13: version: must be 65536",
-    '{"message": "m", "\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}': "18: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is not a field of an event",
-    '{"message": "m", "message": "n"}': "18: message: appears twice", '{"message": 5}': "13: message: must be a string",
-    '{"message": "m", "event_id": 18446744073709551616}': "30: event_id: '18446744073709551616' is not a whole number from 0",
-    '{"message": {}}': "13: message: must not be an", '{"message": "m", "value": "1"}': "27: value: must be a number",
-    '{"message": "m", "pts": 1.5}': "25: pts: '1.5' is no", '{"message": "m", "severity": "loud"}': "30: severity: 'loud' is not one",
-    '{"severity": 2, "severity_code": 3, "message": "m"}': "34: severity_code: contradicts", "5": "1: an event must be a JSON object",
-    '{"message": "m" "n"}': "17: invalid JSON: Missing a comma or '}' after an object member\n", "[" * 10**6: "1: an event must be a JSON object",
-    '{"severity": "info"}': "1: message: is missing", '["m"]': "1: an event must be a JSON object", '{"message": "m"}\0': "17: invalid JSON: unexpected NUL byte",
-    '{"details_json": 1}': "18: details_json: must be a string, an", '{"severity_value": "x"}': "20: severity_value: must be a number",
-    '{"utc_ns": true}': "12: utc_ns: must be a number or", '{"' + "x" * 600 + '": 1}': "2: " + "x" * 500 + "\n"}
-USAGE = (  # Arguments after the settings file, and the expected message.
-    ("m --severty 1", "--severty: no such option; did you mean --severity?"), ("m -x", "-x: no such option"),
-    ("m --rqtx 1", "--rqtx: no such option; did you mean --rate?"), ("m --rqxy=1", "--rqxy: no such option"),
-    ("m --source x", "--source: ambiguous option"), ("m --severity", "--severity: requires a value"),
-    ("m --quiet=1", "--quiet: takes no value"), ("- --count 2", "--count: cannot be combined with events from standard input"),
+TOOL = os.environ["OXEVENT_SEND"]
+CSV = "sink\\csv\\default"
+NATIVE = "sink\\native\\main"
+WEBHOOK = "sink\\webhook\\http\\w"
+OFF = {"enabled": 0}
+
+FIELDS = {
+    "message": "m,\"\n", "severity": "error", "action": "raise", "event_type": "t", "source_id": "s",
+    "source_name": "n", "dedupe_key": "k", "correlation_id": "c", "utc_ns": 18446744072999999999, "ptp_ns": 2**64 - 1,
+    "pts": -2**63, "timecode": "01:02", "value": 0.1, "threshold": -2.5e-7, "units": "é", "duration_ms": 2**64 - 2,
+    "details_json": '{"a": [1, "\\u0000"]}', "event_id": 2**64 - 3}
+REFUSED_LINES = (  # Each with its column and the beginning of the error text.
+    ("5", "1: an event must be a JSON object"),
+    ('["m"]', "1: an event must be a JSON object"),
+    ('{"message": "m" "n"}', "17: invalid JSON: Missing a comma or '}' after an object member\n"),
+    ('{"message": "m"}\0', "17: invalid JSON: unexpected NUL byte"),
+    ('{"details_json": ' + 10**6 * "[", "1000018: invalid JSON"),
+    ('{"severity": "info"}', "1: message: is missing"),
+    ('{"message": ""}', "1: message: is empty"),
+    ('{"message": "\\u0000"}', "13: message: contains a NUL"),
+    ('{"message": 5}', "13: message: must be a string\n"),
+    ('{"message": {}}', "13: message: must not be an object"),
+    ('{"message": "m", "message": "n"}', "18: message: appears twice"),
+    ('{"version": "65536"}', "13: version: must be 65536"),
+    ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
+    ('{"xqts": 1}', "2: xqts: is not a field of an event\n"),
+    ('{"\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}', "2: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is not a field of an event"),
+    ('{"' + 600 * "x" + '": 1}', "2: " + 500 * "x" + "\n"),
+    ('{"event_id": 18446744073709551616}', "14: event_id: '18446744073709551616' is not a whole number from 0"),
+    ('{"severity": 2, "severity_code": 3}', "34: severity_code: contradicts"),
+    ('{"severity_value": "x"}', "20: severity_value: must be a number\n"),
+    ('{"details_json": 1}', "18: details_json: must be a string, an object"),
+    ('{"utc_ns": true}', "12: utc_ns: must be a number or a string"))
+INVALID_ARGUMENTS = (  # The arguments after the settings file, and the error text.
+    ("", "MESSAGE is missing; see oxevent-send --help"),
     ("m n", "'n' is one argument too many: SETTINGS is 'settings.xml', MESSAGE is 'm'"),
-    ("", "MESSAGE is missing; see oxevent-send --help"), ("m --value nan", "--value: 'nan' is not a number"),
+    ("m -x", "-x: no such option"),
+    ("m --rqtx 1", "--rqtx: no such option; did you mean --rate?"),
+    ("m --rqxy=1", "--rqxy: no such option"),
+    ("m --source x", "--source: ambiguous option"),
+    ("m --severity", "--severity: requires a value"),
     ("m --severity 4", "--severity: '4' is not one of debug, info, warning, error or 0 to 3"),
+    ("m --quiet=1", "--quiet: takes no value"),
+    ("m --value nan", "--value: 'nan' is not a number"),
     ("m --count 0", "--count: '0' is not a whole number from 1 to 18446744073709551615"),
-    ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"))
-TIMES = {  # Nanoseconds since 1970. Includes the leap second of the RFC 3339 example.
-    "1": 1, "18446744073709551615": 2**64 - 1, "1970-01-01T00:00:00.000000001Z": 1, "1970-01-02 23:59:01.5+23:59": 864015 * 10**8,
-    "1969-12-31T00:01:02-23:59": 2 * 10**9, "2024-02-29t23:59:59.5z": 1709251199500000000,
-    "1990-12-31T15:59:60-08:00": 662688000 * 10**9, "2554-07-21T23:34:32.999999999Z": 18446744072999999999}
-NO_TIMES = (
-    "", "-1", "18446744073709551616", "2026-03-01T12:00:00", "2026-03-01T12:00Z", "2026-03-01T12:00:00Zx", "2026-3-01T12:00:00Z",
-    "1969-12-31T23:59:59Z", "2554-07-21T23:34:33Z", "2026-00-01T00:00:00Z", "2026-02-29T00:00:00Z", "2026-03/01T00:00:00Z",
-    "2026-03-01T24:00:00Z", "2026-03-01T12.00:00Z", "2026-03-01T23:60:00Z", "2026-03-01T23:59:61Z", "2026-03-01T12:00:60Z",
-    "2026-03-01T12:00:00.Z", "2026-03-01T12:00:00.0000000001Z", "2026-03-01T12:00:00+24:00", "2026-03-01T12:00:00-0100")
-CSV, WEBHOOK, OFF = "sink\\csv\\default", "sink\\webhook\\http\\w", {"enabled": 0}
+    ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"),
+    ("- --count 2", "--count: cannot be combined with events from standard input"))
+TIMES = {  # Nanoseconds since 1970. Includes the leap second of the example in RFC 3339.
+    "1": 1, "18446744073709551615": 2**64 - 1,
+    "1970-01-01T00:00:00.000000001Z": 1, "2554-07-21T23:34:32.999999999Z": 18446744072999999999,
+    "1970-01-02 23:59:01.5+23:59": 864015 * 10**8, "1969-12-31T00:01:02-23:59": 2 * 10**9,
+    "2024-02-29t23:59:59.5z": 1709251199500000000, "1990-12-31T15:59:60-08:00": 662688000 * 10**9}
+INVALID_TIMES = (
+    "", "-1", "18446744073709551616", "2026-03-01T12:00:00", "2026-03-01T12:00Z", "2026-03-01T12:00:00Zx",
+    "2026-3-01T12:00:00Z", "1969-12-31T23:59:59Z", "2554-07-21T23:34:33Z", "2026-00-01T00:00:00Z",
+    "2026-02-29T00:00:00Z", "2026-03/01T00:00:00Z", "2026-03-01T24:00:00Z", "2026-03-01T12.00:00Z",
+    "2026-03-01T23:60:00Z", "2026-03-01T23:59:61Z", "2026-03-01T12:00:60Z", "2026-03-01T12:00:00.Z",
+    "2026-03-01T12:00:00.0000000001Z", "2026-03-01T12:00:00+24:00", "2026-03-01T12:00:00-0100")
 
 
-class Test(unittest.TestCase):
+class SendTest(unittest.TestCase):
+    maxDiff = None
+
     def setUp(self):
-        self.folder = self.enterContext(tempfile.TemporaryDirectory())
-        for number in signal.SIGHUP, signal.SIGINT:  # Background jobs inherit these as ignored.
+        self.directory = self.enterContext(tempfile.TemporaryDirectory())
+        for number in (signal.SIGHUP, signal.SIGINT):  # Background jobs inherit these as ignored.
             signal.signal(number, signal.SIG_DFL)
 
-    def call(self, *arguments):
-        command = [os.environ["OXEVENT_SEND"], *arguments]
-        return subprocess.run(command, cwd=self.folder, capture_output=True, encoding="utf-8")
-
-    def webhook(self, *answers):  # A sink whose server gives these answers, then none.
+    def webhook(self, *statuses):
+        """The settings of a webhook sink whose server responds with these statuses, and then no more."""
         server = socket.create_server(("127.0.0.1", 0))
         self.addCleanup(server.close)
+
         def serve():
-            for status in answers:
+            for status in statuses:
                 with server.accept()[0] as connection:
                     while not connection.recv(65536).endswith(b"}"):
                         pass
-                    connection.sendall(b"HTTP/1.1 %d Answer\r\nConnection: close\r\nContent-Length: 0\r\n\r\n" % status)
+                    response = f"HTTP/1.1 {status} Status\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"
+                    connection.sendall(response.encode())
+
         threading.Thread(target=serve, daemon=True).start()
-        return {"enabled": 1, "endpoint_url": "http://127.0.0.1:%d/" % server.getsockname()[1], "request_timeout_ms": 600000}
+        url = f"http://127.0.0.1:{server.getsockname()[1]}/"
+        return {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 600000}
 
-    def start(self, arguments, sections={}, **streams):
-        sections = {"sink\\native\\main": OFF, CSV: {"enabled": 1, "path": "events.csv", "flush_each_event": 1}} | sections
-        receivers.write_settings(self.folder + "/settings.xml", sections)
+    def start(self, *arguments, sections={}, **options):
+        """Starts the tool with a CSV sink and these sections."""
+        csv_sink = {"enabled": 1, "path": "events.csv", "flush_each_event": 1}
+        write_settings(f"{self.directory}/settings.xml", {NATIVE: OFF, CSV: csv_sink} | sections)
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
-        return subprocess.Popen([os.environ["OXEVENT_SEND"], "settings.xml", *arguments], cwd=self.folder,
-                                encoding="utf-8", **pipes | streams)
+        command = [TOOL, "settings.xml", *arguments]
+        return subprocess.Popen(command, cwd=self.directory, encoding="utf-8", **pipes | options)
 
-    def send(self, status, arguments, lines=(), sections={}):  # Gives stdout, stderr, and the rows that are new.
+    def send(self, *arguments, status=0, lines=(), sections={}, **options):
+        """Runs the tool and returns its output, its errors, and the rows that it has added."""
         before = len(self.rows())
-        process = self.start(arguments, sections)
-        out, error = process.communicate("\n".join(lines), timeout=120)
-        self.assertEqual(process.returncode, status, out + error)
-        return out, error, self.rows()[before:]
+        process = self.start(*arguments, sections=sections, **options)
+        output, errors = process.communicate("\n".join(lines), timeout=120)
+        self.assertEqual(process.returncode, status, f"{output}{errors}")
+        return output, errors, self.rows()[before:]
 
     def rows(self):
-        path = Path(self.folder, "events.csv")
-        return [*csv.DictReader(io.StringIO(path.read_text("utf-8"), newline=""))] if path.exists() else []
+        path = Path(self.directory, "events.csv")
+        path.touch()
+        with path.open(encoding="utf-8", newline="") as file:
+            return list(csv.DictReader(file))
 
     def test_every_field_survives(self):
-        object = json.dumps(DOCUMENT | {"details_json": 0}).replace('"details_json": 0', '"details_json": ' + ALL["details_json"])
-        for arguments, lines in (([ALL["message"], *OPTIONS], ()), (["-"], [json.dumps(DOCUMENT)]), (["--json"], [object])):
-            row = self.send(0, arguments, lines)[2][0]
-            numbers = {name: type(value)(row[name]) for name, value in ALL.items() if type(value) is not str}
-            self.assertEqual({name: row[name] for name in ALL} | numbers, ALL)
-        row = self.send(0, ["default", "--source-id", "s"], ['{"units": null}'])[2]  # Standard input is not read.
-        self.assertEqual([(r["message"], r["source_id"], r["severity"]) for r in row], [("default", "s", "info")])
+        options = []
+        for name, value in FIELDS.items():
+            if name != "message":
+                options += ["--" + name.replace("_", "-").replace("utc-ns", "utc"), str(value)]
+        document = json.dumps(FIELDS | {"version": 65536, "severity_value": 3, "severity_code": 3})
+        with_object = document.replace(json.dumps(FIELDS["details_json"]), FIELDS["details_json"])
+        for arguments, lines in (([FIELDS["message"], *options], []), (["-"], [document]), (["--json"], [with_object])):
+            (row,) = self.send(*arguments, lines=lines)[2]
+            self.assertEqual({name: type(value)(row[name]) for name, value in FIELDS.items()}, FIELDS)
 
     def test_times_are_those_of_rfc_3339_and_of_64_bits(self):
-        lines = [json.dumps({"message": "m", "utc_ns": time}) for time in [*TIMES, *NO_TIMES]]
-        out, error, rows = self.send(1, ["-"], lines)
-        self.assertEqual([int(row["utc_ns"]) for row in rows], [*TIMES.values()])
-        refused = re.findall(r"^oxevent-send: line \d+, column 28: utc_ns: '(.*)' is n", error, re.M)
-        self.assertEqual(refused, [*NO_TIMES])
+        lines = [json.dumps({"message": "m", "utc_ns": time}) for time in [*TIMES, *INVALID_TIMES]]
+        output, errors, rows = self.send("-", lines=lines, status=1)
+        self.assertEqual([int(row["utc_ns"]) for row in rows], list(TIMES.values()))
+        refused = re.findall(r"^oxevent-send: line \d+, column 28: utc_ns: '(.*)' is n", errors, re.MULTILINE)
+        self.assertEqual(refused, list(INVALID_TIMES))
 
-    def test_what_is_refused_is_named_and_the_rest_goes_out(self):
-        out, error, rows = self.send(1, ["-", "--source-id", "s"], [*REFUSED, " ", '{"message":"last","source_id":"t","pts":null}'])
-        for number, (said, line) in enumerate(zip(REFUSED.values(), error.splitlines(), strict=False), 1):
-            self.assertIn(f"line {number}, column {said}", line + "\n")
-        self.assertIn(f"refused: {len(REFUSED)}\n", error)
-        self.assertEqual([(row["message"], row["source_id"]) for row in rows], [("last", "t")])
+    def test_refused_lines_are_reported_and_the_others_sent(self):
+        lines = [line for line, _ in REFUSED_LINES]
+        good = [" ", '{"message": "m", "units": null}', '{"message": "last", "source_id": "t"}']
+        output, errors, rows = self.send("-", "--source-id", "s", lines=lines + good, status=1)
+        for number, ((line, expected), error) in enumerate(zip(REFUSED_LINES, errors.splitlines(True)), 1):
+            with self.subTest(line[:100]):
+                self.assertIn(f"oxevent-send: line {number}, column {expected}", error)
+        self.assertIn(f"refused: {len(REFUSED_LINES)}\n", errors)
+        self.assertEqual([(row["message"], row["source_id"]) for row in rows], [("m", "s"), ("last", "t")])
 
-    def test_a_command_line_that_cannot_be_followed_is_explained_in_one_line(self):
-        for arguments, said in USAGE:
+    def test_invalid_command_lines(self):
+        for arguments, error in INVALID_ARGUMENTS:
             with self.subTest(arguments):
-                self.assertEqual(self.send(2, arguments.split())[:2], ("", f"oxevent-send: {said}\n"))
-        self.assertEqual(self.call().stderr, "oxevent-send: SETTINGS is missing; see oxevent-send --help\n")
-        self.assertEqual(self.call("settings.xml", "").stderr, "oxevent-send: MESSAGE is empty\n")
+                self.assertEqual(self.send(*arguments.split(), status=2), ("", f"oxevent-send: {error}\n", []))
+        self.assertEqual(self.send("", status=2)[1], "oxevent-send: MESSAGE is empty\n")
+        done = subprocess.run([TOOL], stderr=subprocess.PIPE, text=True, check=False)
+        self.assertEqual(done.stderr, "oxevent-send: SETTINGS is missing; see oxevent-send --help\n")
 
-    def test_settings_that_do_not_start_the_library_are_explained(self):
-        self.assertRegex(self.send(2, ["m"], (), {"core": {"drop_policy": "x"}})[1], "^oxevent-send: Invalid .*\n    Set it to")
-        self.assertRegex(self.call("none.xml", "m").stderr, "^oxevent-send: Unable .*\n    No such file;")
-        self.assertRegex(self.call(256 * "x", "m").stderr, "^oxevent-send: Unable .*\n    Check with namei")
+    def test_settings_that_the_library_refuses(self):
+        error = self.send("m", sections={"core": {"drop_policy": "x"}}, status=2)[1]
+        self.assertRegex(error, "^oxevent-send: Invalid .*\n    Set it to drop_newest")
+        for path, remedy in (("none.xml", "No such file;"), (256 * "x", "Check with namei")):
+            done = subprocess.run([TOOL, path, "m"], cwd=self.directory, stderr=subprocess.PIPE, text=True, check=False)
+            self.assertRegex(done.stderr, f"^oxevent-send: Unable .*\n    {remedy}")
 
-    def test_help_and_version_go_to_standard_output(self):
-        self.assertRegex(self.send(0, ["--version"])[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
-        self.assertRegex(self.send(0, ["--help"])[0], "(?s)^Usage: .*\n\nFields of the event:\n  --severity NAME[|]NUMBER    debug, "
-                         ".*\n\nReporting:\n  --json                    read .* 60,\n {28}0: never\\)\n.*\nExit status:\n  0 .*\n  2 .*\n$")
+    def test_help_and_version(self):
+        self.assertRegex(self.send("--version")[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
+        self.assertRegex(self.send("--help")[0], r"(?s)^Usage: oxevent-send .*\n"
+                         r"\nFields of the event:\n  --severity NAME\|NUMBER    debug, .*\n"
+                         r"\nReporting:\n  --json                    read .* 60,\n {28}0: never\)\n.*\nExit status:\n")
 
     def test_output_that_cannot_be_written_is_a_failure(self):
+        error = "oxevent-send: standard output: No space left on device\n"
         with open("/dev/full", "w") as full:
-            for arguments, status in (["--help"], 1), (["m"], 1), (["m", "--quiet"], 0):
-                process = self.start(arguments, stdout=full)
-                said = status * "oxevent-send: standard output: No space left on device\n"
-                self.assertEqual((process.communicate()[1], process.returncode), (said, status))
+            self.assertEqual(self.send("--help", stdout=full, status=1)[1], error)
+            self.assertEqual(self.send("m", stdout=full, status=1)[1], error)
+            self.assertEqual(self.send("m", "--quiet", stdout=full)[1], "")
 
     def test_nothing_is_lost_to_a_full_queue(self):
-        messages = [f"{i:0300}" for i in range(500)]  # More than is read at once.
+        messages = [f"{number:0300}" for number in range(500)]  # More than is read at once.
         lines = [json.dumps({"message": message}) for message in messages]
-        out, error, rows = self.send(0, ["-"], lines, {"core": {"queue_size": 1}})
+        output, errors, rows = self.send("-", lines=lines, sections={"core": {"queue_size": 1}})
         self.assertEqual([row["message"] for row in rows], messages)
-        self.assertEqual((out.splitlines()[:2], error), (["submitted: 500", "emitted: 500"], ""))
+        self.assertEqual((output.splitlines()[:2], errors), (["submitted: 500", "emitted: 500"], ""))
 
-    def test_the_report_says_what_each_sink_did(self):
-        on = {"enabled": 1, "minimum_severity": "warning"}
-        cloud = self.webhook(200, 200) | on
-        sinks = {"core": {"minimum_severity": "debug"}, CSV: on | {"path": "./events.csv"}, "sink\\cloudevents\\http\\c": cloud,
-                 "sink\\syslog\\udp\\a": OFF, "sink\\syslog\\udp\\u": on | {"host": "", "port": 0}, "sink\\alertmanager\\main": on,
-                 "sink\\snmp\\trap\\t": on | {"host": "localhost", "port": 0}, WEBHOOK: self.webhook(500, 200) | on,
-                 "sink\\native\\main": {"enabled": 1, "minimum_severity": "error"}}
-        out, error, _ = self.send(1, ["-"], [f'{{"message": "m", "severity": {severity}}}' for severity in (0, 2, 2)], sinks)
+    def test_reports_what_each_sink_did(self):
+        warnings = {"enabled": 1, "minimum_severity": "warning"}
+        cloudevents = self.webhook(200, 200) | warnings
+        sections = {
+            "core": {"minimum_severity": "debug"},
+            CSV: warnings | {"path": "./events.csv"},
+            NATIVE: {"enabled": 1, "minimum_severity": "error"},
+            WEBHOOK: self.webhook(500, 200) | warnings,
+            "sink\\cloudevents\\http\\c": cloudevents,
+            "sink\\alertmanager\\main": warnings,
+            "sink\\syslog\\udp\\off": OFF,
+            "sink\\syslog\\udp\\u": warnings | {"host": "", "port": 0},
+            "sink\\snmp\\trap\\t": warnings | {"host": "localhost", "port": 0}}
+        lines = [f'{{"message": "m", "severity": {severity}}}' for severity in (0, 2, 2)]
+        output, errors, _ = self.send("-", lines=lines, sections=sections, status=1)
         udp = "by UDP, which does not confirm delivery"
-        self.assertEqual({*out.splitlines()}, {
-            "submitted: 3", "emitted: 3", f"{CSV}: 2 written to {self.folder}/events.csv",
-            f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}", f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}",
-            "sink\\cloudevents\\http\\c: 2 accepted by " + cloud["endpoint_url"],
+        self.assertEqual(set(output.splitlines()), {
+            "submitted: 3",
+            "emitted: 3",
+            f"{CSV}: 2 written to {self.directory}/events.csv",
+            f"{NATIVE}: 0, all are below its minimum_severity (error)",
+            f"sink\\cloudevents\\http\\c: 2 accepted by {cloudevents['endpoint_url']}",
             "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",
-            "sink\\native\\main: 0, all are below its minimum_severity (error)"})
-        self.assertRegex(error, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n    Run curl.*\n"
+            f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}",
+            f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}"})
+        self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n"
+                         "    Run curl.*\n"
                          "oxevent-send: reached no sink: 1, below the minimum_severity of every enabled sink\n$")
 
-    def test_what_did_not_go_out_is_told_with_its_reason(self):
-        small = {"core": {"queue_size": 1}, WEBHOOK: self.webhook()}
-        displacing = small | {"core": {"queue_size": 1, "drop_policy": "drop_debug_info_first"}}
+    def test_reports_why_events_were_not_delivered(self):
+        stuck = {WEBHOOK: self.webhook(), "core": {"queue_size": 1}}
+        displacing = {WEBHOOK: self.webhook(), "core": {"queue_size": 1, "drop_policy": "drop_debug_info_first"}}
         burst = "m --count 500 --rate 1000000 --wait 1"
-        for sections, arguments, said in (
-                ({"core": OFF}, "m", r"default: 0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
+        for sections, arguments, expected in (
+                ({"core": OFF}, "m", r"0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
                 ({}, "m --severity debug", r"dropped: 1, below core\\minimum_severity \(info\)\n"),
-                ({"core": {"minimum_severity": "debug"}}, "m --severity 0", r"0, all are below (?s:.*)reached no sink: 1, below"),
-                (small, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n(?s:.*)given up: [12] still"),
+                (stuck, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n.*given up: [12] "),
                 (displacing, burst, "dropped: 49[89], the queue was full, and a newer event replaced it\n"),
-                ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or as a"),
-                ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or as a clear or"),
-                ({CSV: OFF}, "m --count 1", "emitted: 1\n.*no sink is enabled: no event was delivered\n")):
-            with self.subTest(said):
-                self.assertRegex("".join(self.send(1, arguments.split(), (), sections)[:2]), said)
+                ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or "),
+                ({"state": {"send_clear": 0}}, "m --action clear", r"duplicate, as a clear \(state\\send_clear is off\)"),
+                ({CSV: OFF}, "m", "emitted: 1\n.*no sink is enabled: no event was delivered\n")):
+            with self.subTest(expected):
+                output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
+                self.assertRegex(output + errors, expected)
 
-    def test_a_file_that_cannot_be_written_has_failed(self):
-        limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
-        said = "".join(self.start(["m" * 60000, "--count", "2", "--action", "raise"], preexec_fn=limit).communicate())
-        self.assertRegex(said, r"emitted: 1\noxevent-send: dropped: 1, .*\noxevent-send: sink\\csv\\default: failed: .*\n    .*\n$")
+    def test_reports_a_file_that_cannot_be_written(self):
+        def limit_file_size():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
+        errors = self.send(60000 * "m", status=1, preexec_fn=limit_file_size)[1]
+        self.assertRegex(errors, r"^oxevent-send: sink\\csv\\default: failed: .*\n    .*\n$")
 
-    def test_progress_is_shown_on_a_terminal_until_the_report(self):
-        for arguments, answers, said in (
-                ("--count 1", (), r"(\r1 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 1"),
-                ("--count 2", (), r"(\r2 of 2 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 2"),
-                ("--count 2 --quiet", (200,), "oxevent-send: given up: 1")):
+    def test_shows_progress_on_a_terminal_until_the_report(self):
+        for arguments, statuses, expected in (
+                ("--count 1", [], r"(\r1 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 1"),
+                ("--count 2", [], r"(\r2 of 2 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 2"),
+                ("--count 2 --quiet", [200], "oxevent-send: given up: 1")):
             reader, terminal = os.openpty()
-            process = self.start(["m", "--wait", "3", *arguments.split()], {WEBHOOK: self.webhook(*answers)}, stderr=terminal)
+            webhook = {WEBHOOK: self.webhook(*statuses)}
+            process = self.start("m", "--wait", "3", *arguments.split(), sections=webhook, stderr=terminal)
             os.close(terminal)
-            shown = b""
-            with contextlib.suppress(OSError):  # The terminal's other end is closed.
-                while part := os.read(reader, 65536):
-                    shown += part
+            process.wait()
+            shown = os.read(reader, 65536)
+            os.close(reader)
             process.communicate()
-            self.assertRegex(shown.decode(), "^" + said)
+            self.assertRegex(shown.decode(), "^" + expected)
 
-    def test_descriptors_that_are_closed_do_not_become_those_of_sinks(self):
-        error = self.start(["-"], preexec_fn=lambda: os.close(0)).communicate()[1]
-        self.assertEqual(error, "oxevent-send: line 1: read: Bad file descriptor\noxevent-send: refused: 1\n")
-        process = self.start(["-"], preexec_fn=lambda: os.closerange(1, 3))
+    def test_closed_descriptors_do_not_become_those_of_sinks(self):
+        errors = self.send("-", status=1, preexec_fn=lambda: os.close(0))[1]
+        self.assertEqual(errors, "oxevent-send: line 1: read: Bad file descriptor\noxevent-send: refused: 1\n")
+        process = self.start("-", preexec_fn=lambda: os.closerange(1, 3))
         process.communicate('{"mesage": 1}\n{"message": "unmixed"}')
         self.assertEqual([row["message"] for row in self.rows()], ["unmixed"])
 
-    def test_lines_have_up_to_64_mib(self):
-        longest = '{"message": "m"'.ljust((64 << 20) - 1) + "}\n"
-        error = self.start(["-"]).communicate(longest + "x" * ((64 << 20) + 131072))[1]
-        self.assertEqual(error, "oxevent-send: line 2: longer than 64 MiB\noxevent-send: refused: 1\n")
+    def test_lines_have_at_most_64_mib(self):
+        longest = '{"message": "m"'.ljust((64 << 20) - 1) + "}"
+        too_long = "x" * ((64 << 20) + 131072)
+        errors = self.send("-", lines=[longest, too_long], status=1)[1]
+        self.assertEqual(errors, "oxevent-send: line 2: longer than 64 MiB\noxevent-send: refused: 1\n")
 
-    def test_a_signal_ends_it_with_what_was_reported(self):
-        nohup = lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)
-        for number, arguments, sections, before, said in (
-                (signal.SIGTERM, "-", {}, nohup, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
+    def test_a_signal_stops_the_reporting(self):
+        def ignore_hangup():
+            signal.signal(signal.SIGHUP, signal.SIG_IGN)
+        stuck = {WEBHOOK: self.webhook()}
+        for number, arguments, sections, preexec, expected in (
+                (signal.SIGTERM, "-", {}, ignore_hangup, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
                 (signal.SIGHUP, "m --count 2 --rate 0.001", {}, None, "emitted: 1\n(?s:.*)stopped by SIGHUP\n$"),
-                (signal.SIGINT, "m --wait 1", {WEBHOOK: self.webhook()}, None, "stopped by SIGINT\n.*given up: 1 still waiting")):
+                (signal.SIGINT, "m --wait 1", stuck, None, "stopped by SIGINT\n.*given up: 1 still waiting")):
             with self.subTest(number.name):
-                rows = len(self.rows())
-                process = self.start(arguments.split(), sections, preexec_fn=before)
+                before = len(self.rows())
+                process = self.start(*arguments.split(), sections=sections, preexec_fn=preexec)
                 process.stdin.write('{"message": "m"}\n{"message": "torn')
                 process.stdin.flush()
-                receivers.await_("a row", lambda: len(self.rows()) > rows)
-                receivers.await_("a pause", lambda: "\nState:\tS" in Path(f"/proc/{process.pid}/status").read_text())
+                await_("a row", lambda: len(self.rows()) > before)
+                await_("a pause", lambda: "\nState:\tS" in Path(f"/proc/{process.pid}/status").read_text())
                 process.send_signal(number)
-                self.assertRegex("".join(process.communicate(timeout=60)), said)
+                self.assertRegex("".join(process.communicate(timeout=60)), expected)
                 self.assertEqual(process.returncode, -number)
 
     def test_a_second_signal_ends_it_at_once(self):
-        process = self.start("m --wait 0".split(), {WEBHOOK: self.webhook()})
-        receivers.await_("the event", self.rows)
+        process = self.start("m", "--wait", "0", sections={WEBHOOK: self.webhook()})
+
+        def catches_sigterm():
+            caught = re.search(r"SigCgt:\t(\w+)", Path(f"/proc/{process.pid}/status").read_text())[1]
+            return int(caught, 16) & 1 << (signal.SIGTERM - 1)
+
+        await_("the event", self.rows)
         process.send_signal(signal.SIGTERM)
-        caught = lambda: int(re.search(r"SigCgt:\t(\w+)", Path(f"/proc/{process.pid}/status").read_text())[1], 16)
-        receivers.await_("the first signal", lambda: not caught() & 1 << signal.SIGTERM - 1)
+        await_("the first signal", lambda: not catches_sigterm())
         process.send_signal(signal.SIGTERM)
-        self.assertEqual((process.communicate(timeout=60), process.returncode), (("", ""), -signal.SIGTERM))
+        self.assertEqual(process.communicate(timeout=60), ("", ""))
+        self.assertEqual(process.returncode, -signal.SIGTERM)
 
 
 if __name__ == "__main__":
