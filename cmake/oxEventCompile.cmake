@@ -1,4 +1,5 @@
-# Options of every target of this project. -Wno-restrict: GCC 12 warns about operator+ of std::string without a reason.
+# Compile and link options of every target in this project. -Wno-restrict: GCC 12 gives false warnings about operator+
+# of std::string.
 
 if(OXEVENT_FUZZ AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   message(FATAL_ERROR "OXEVENT_FUZZ needs clang")
@@ -15,13 +16,14 @@ endif()
 add_library(oxevent_options INTERFACE)
 target_compile_options(oxevent_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${OXEVENT_WERROR}>:-Werror>
-  # No file shows in which directory it was built.
+  # Keeps the paths of the source and build directories out of the binaries.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=.
   -fstack-protector-strong -fstack-clash-protection -fcf-protection
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
-# The start files of the C library support the shadow stack but are not marked so; hence the option. They have no landing
-# pads for indirect branches, so the linker does not mark the result, although our code has them.
+# -z shstk marks the result as supporting the shadow stack. The linker would not do so by itself: the start files of the C
+# library support it but are not marked. The result is not marked as supporting indirect branch tracking, although our
+# code has landing pads, because the start files have none.
 target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,shstk -Wl,--as-needed)
 
 if(sanitizers)
@@ -33,7 +35,8 @@ else()
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3>)
 endif()
 
-# Compiles a target as part of a shared library. -fno-gnu-unique: a unique symbol would keep it loaded after dlclose.
+# Compiles a target as part of a shared library. -fno-gnu-unique: a unique symbol would keep the library loaded after
+# dlclose.
 function(oxevent_compile target public_include)
   target_compile_features(${target} PRIVATE cxx_std_20)
   set_target_properties(${target} PROPERTIES
@@ -44,7 +47,7 @@ function(oxevent_compile target public_include)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:oxevent_options>)
 endfunction()
 
-# Otherwise a program's path to its libraries is absolute in the build directory, and part of its build id.
+# An absolute RPATH would make a program's build id depend on the build directory.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
 # Exports exactly the symbols in cmake/<target>.map.

@@ -1,4 +1,5 @@
-# cmake --install: libraries, header, CMake package, pkg-config file, Python module, gdb script, documents, examples, man pages.
+# What cmake --install installs: libraries, headers, CMake package, pkg-config file, Python module, gdb script,
+# documents, examples and man pages.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
