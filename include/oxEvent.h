@@ -7,8 +7,8 @@
  * text (oxEventGetLastError), a success clears it. Strings are NUL-terminated UTF-8 and remain the caller's: the
  * library copies what it needs before a call returns. No function returns memory that the host must free.
  *
- * fork: the child starts uninitialized, as after load, and may call oxEventInitialize itself.
- * pthread_cancel: interrupts oxEventFlush while it waits; every other call completes first.
+ * After fork, the library is uninitialized in the child, which may call oxEventInitialize itself.
+ * pthread_cancel interrupts oxEventFlush while it waits; every other call completes first.
  */
 #ifndef OXEVENT_H
 #define OXEVENT_H
@@ -48,22 +48,22 @@ extern "C" {
 
 /*
  * One event. Set struct_size to sizeof(oxEventRecord), version to OXEVENT_API_VERSION and message to a non-empty
- * string; everything else may stay zero (severity 0 is debug). A null string takes its default, an empty one is kept.
+ * string; everything else may stay zero (severity 0 is debug). A null string means the default; an empty one is kept.
  *
  * Hosts built against a shorter record keep working: a field that is not wholly within struct_size takes its default.
  * At least the first 48 bytes (up to and including message) are required.
  */
 typedef struct oxEventRecord {
-  uint32_t struct_size;       /* Size of this record in bytes, as the caller was compiled. */
-  uint32_t version;           /* OXEVENT_API_VERSION. */
-  uint64_t event_id;          /* 0: the library assigns the next id of this process. */
-  const char* event_type;     /* Kind of event. Default "event". */
-  const char* source_id;      /* Identifies the source of the event. Default empty. */
-  const char* source_name;    /* Display name of the source. Default "oxEvent". */
-  const char* message;        /* Human-readable message. Required, not empty. */
-  uint32_t severity;          /* OXEVENT_SEVERITY_…; larger is refused. Info if struct_size ends before it. */
-  const char* action;         /* "raise", "update", "repeat" or "clear" a condition; other actions pass unchanged. */
-  const char* dedupe_key;     /* Identifies the condition. Empty: source_id ":" event_type. */
+  uint32_t struct_size;    /* Size of this record in bytes, as the caller was compiled. */
+  uint32_t version;        /* OXEVENT_API_VERSION. */
+  uint64_t event_id;       /* 0: the library assigns the next id of this process. */
+  const char* event_type;  /* Kind of event. Default "event". */
+  const char* source_id;   /* Identifies the source of the event. Default empty. */
+  const char* source_name; /* Display name of the source. Default "oxEvent". */
+  const char* message;     /* Human-readable message. Required, not empty. */
+  uint32_t severity;       /* OXEVENT_SEVERITY_…, not larger. Info if struct_size ends before this field. */
+  const char* action;      /* "raise", "update", "repeat" or "clear" a condition; others are passed on as they are. */
+  const char* dedupe_key;  /* Identifies the condition. Empty: source_id ":" event_type. */
   const char* correlation_id; /* Default empty. */
   uint64_t utc_ns;            /* UTC time in nanoseconds since 1970-01-01T00:00:00Z. 0: now. */
   uint64_t ptp_ns;            /* PTP time in nanoseconds. 0: now. */
@@ -78,8 +78,8 @@ typedef struct oxEventRecord {
 
 /*
  * Receives every event that reaches the sinks, on the library's worker thread, one event at a time. The record and its
- * strings are valid only during the call. A C++ callback that throws counts as a failed sink for that event. It may
- * call any function of this header; oxEventFlush and oxEventShutdown document how they behave inside a callback.
+ * strings are valid only during the call. A C++ callback that throws counts as a failed sink for that event. A callback
+ * may call any function of this header; oxEventFlush and oxEventShutdown document how they behave inside a callback.
  */
 typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
 
@@ -88,14 +88,16 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  *
  * config_path names an existing XML settings file, which may be empty; missing settings are added to it with their
  * defaults. Reading the file and resolving the host names in it may take a while. A full disk does not prevent the
- * start: if a CSV file has no space for its header, the header is written with the first rows. Needs 64 KiB of stack,
- * as oxEventReloadConfig does.
+ * start: if there is no space for the header of a CSV file, the header is written with the first rows. Needs 64 KiB of
+ * stack, as oxEventReloadConfig does.
+ *
+ * A call that fails starts nothing and leaves a running library alone. If it fails after opening the sinks, it removes
+ * all callbacks, as oxEventShutdown does.
  *
  * OXEVENT_INVALID_ARGUMENT: config_path null or empty, file unreadable, or invalid setting (the error text names it).
  * OXEVENT_ALREADY_INITIALIZED: the library is initialized, or oxEventShutdown has not returned yet on another thread.
  * OXEVENT_NOT_INITIALIZED: the process is exiting.
- * OXEVENT_FAILURE: a sink or the worker thread could not be started, or out of memory. After a failure nothing is
- * running; a failure after the sinks were opened also removes all callbacks, as oxEventShutdown does.
+ * OXEVENT_FAILURE: a sink or the worker thread could not be started, or out of memory.
  */
 OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
 
@@ -106,15 +108,16 @@ OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
  *
  * Inside a callback: discards the queued events and returns; the worker thread ends when the callback returns.
  *
- * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: queued events were not all delivered in time, or a sink could not be
+ * OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE: not all queued events were delivered in time, or a sink could not be
  * flushed. The library is shut down nevertheless.
  */
 OXEVENT_API uint32_t oxEventShutdown(void);
 
 /*
  * Reports one event: validates and copies the record and queues it. Never waits for a sink, a file or the network.
- * Success means accepted, not delivered: an event below the minimum severity, or one that finds the queue full, is
- * dropped and counted. Each call uses up one event id, even if the record is refused or has its own.
+ * Success means that the event was accepted, not that it was delivered: an event below the minimum severity is dropped
+ * and counted. If the queue is full, drop_policy decides whether this event or an older one is dropped and counted.
+ * Each call uses up one event id, even if the record is refused or has an event_id of its own.
  *
  * OXEVENT_INVALID_ARGUMENT: record null, struct_size below 48, wrong version, message null or empty, or severity above
  * error. OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE: out of memory for the copy.
@@ -132,46 +135,46 @@ OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, c
                                          const char* message);
 
 /*
- * Waits until all queued events are delivered, at most timeout_ms milliseconds (0: no limit), then flushes the sinks
- * with a second timeout of the same length. Only a write that blocks on a CSV file, such as a pipe that nobody reads,
- * can take longer.
+ * Waits until all queued events are delivered, at most timeout_ms milliseconds (0: no limit), then flushes each sink
+ * with a timeout of the same length. A flush takes longer only if a write to a CSV file blocks, for example because the
+ * file is a pipe that nobody reads.
  *
  * Inside a callback it does not wait, because the calling thread is the one that delivers: it fails immediately if
  * events are queued, otherwise it flushes the sinks.
  *
- * OXEVENT_NOT_INITIALIZED; OXEVENT_FAILURE: timeout, a sink could not be flushed, or a sink replaced by a reload has
+ * OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE: timeout, a sink could not be flushed, or a sink replaced by a reload has
  * lost rows (reported once).
  */
 OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 
 /*
- * Reloads the settings and applies them. Raised conditions and callbacks are kept, and so are queued events as far as
- * the new queue_size holds them. config_path null or empty: the file of the last successful oxEventInitialize or
+ * Reloads the settings and applies them. Raised conditions and callbacks are kept, and so are as many queued events as
+ * the new queue_size allows. config_path null or empty: the file of the last successful oxEventInitialize or
  * oxEventReloadConfig. Concurrent reloads run one after another. oxEventShutdown does not wait for a reload that is
  * still resolving host names; that reload then changes nothing.
  *
- * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as oxEventInitialize; the previous settings stay in effect.
+ * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as for oxEventInitialize; the previous settings stay in effect.
  * OXEVENT_NOT_INITIALIZED: also if the library was shut down during the call, even if it is initialized again.
  */
 OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
 
 /*
  * Registers a callback. Allowed before oxEventInitialize; the callback stays registered until it is unregistered or the
- * library is shut down. user_data is passed to each call, may be null and is never dereferenced. *id_out receives the
- * id, never 0. The same callback may be registered several times.
+ * library is shut down. user_data, which may be null, is passed to each call and never dereferenced. *id_out receives
+ * the id, which is never 0. The same callback may be registered several times.
  *
  * OXEVENT_INVALID_ARGUMENT: callback or id_out null.
  */
 OXEVENT_API uint32_t oxEventRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
 
 /*
- * Removes a callback. An event that is being delivered at that moment may still reach it. When called inside a
- * callback, user_data may be freed immediately, or by the removed callback itself once it no longer uses it. When
- * called on any other thread, user_data may be freed once a subsequent oxEventFlush has returned 0, or an
- * oxEventShutdown that was not called inside a callback has returned.
+ * Removes a callback. An event that is being delivered at that moment may still reach it. After a call inside a
+ * callback, user_data may be freed immediately; a callback that removes itself may free its user_data once it no longer
+ * uses it. After a call on any other thread, user_data may be freed once a subsequent oxEventFlush has returned 0, or
+ * an oxEventShutdown that was not called inside a callback has returned.
  *
  * When oxEventShutdown is called inside a callback, the callbacks registered after that one still receive the current
- * event: keep their user_data until that callback has returned and its thread has ended.
+ * event: keep their user_data until that callback has returned and the worker thread has ended.
  *
  * OXEVENT_NOT_FOUND: no callback has this id.
  */
@@ -207,7 +210,7 @@ OXEVENT_API uint32_t oxEventRemoveWindowsEventSource(const char* source_name);
 #endif
 
 #ifdef __cplusplus
-/* Only for the std::string that the library is built with: libstdc++ with the C++11 ABI. */
+/* Declared only if std::string is the type that the library was built with: libstdc++'s, with the C++11 ABI. */
 #if defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI
 
 /* Options for oxEventFormatAlertmanagerRecord. */
@@ -222,7 +225,7 @@ struct oxEventAlertmanagerFormatterConfig {
  * Formats a record as an Alertmanager document: a list of one alert for POST /api/v2/alerts, stored in *out. An event
  * whose action is "clear", "resolve" or "resolved" resolves the alert that has the same severity, event type and, if it
  * is a label, source_id. If the record has no event_id, its struct_size is used instead; a record passed to a callback
- * always has one. Needs no oxEventInitialize.
+ * always has one. Works without oxEventInitialize.
  *
  * OXEVENT_INVALID_ARGUMENT: record or out null, or a record that oxEventSubmit would refuse. OXEVENT_FAILURE: out of
  * memory; no other result changes the last error text. After a failure *out is unchanged.
