@@ -24,14 +24,14 @@ namespace {
 
 constexpr uint32_t kShutdownDrainMs = 5000;
 
-// Taken before every other lock but g_oxEventReloadMutex. Held while sinks are opened, but not while their hosts are
-// resolved, which may take long. Submit and Flush do not take it: they only read g_oxEventInitialized.
+// Taken before every other lock except g_oxEventReloadMutex. Held while sinks are opened, but not while host names are
+// resolved, which may take a long time. Submit and Flush do not take it: they only read g_oxEventInitialized.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventMutex;
 // Serializes reloads, name resolution included, so that the settings of the last call win. Taken before g_oxEventMutex.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventReloadMutex;
 constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
 constinit std::atomic<uint64_t> g_oxEventStarts = 0;  // Counts successful starts. Changed with g_oxEventMutex held.
-constinit std::atomic<bool> g_oxEventClosed = false;  // Set for good at unload and process exit.
+constinit std::atomic<bool> g_oxEventClosed = false;  // Set at unload and process exit.
 constinit bool g_oxEventShutdownInProgress = false;   // Guarded by g_oxEventMutex.
 constinit oxEventNoDestructor<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
 constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
@@ -133,7 +133,8 @@ uint32_t Initialize(const char* config_path) {
   if (g_oxEventInitialized || g_oxEventShutdownInProgress) {
     return Fail(oxEventErrors::kAlreadyInitialized);
   }
-  // The router checks this too, but later: shutting down the sinks then would remove callbacks that a delivery needs.
+  // The router checks this too, but only after the sinks are open: shutting them down then would remove callbacks that
+  // a delivery still needs.
   if (g_oxEventClosed) return Fail(oxEventErrors::kStartFailed);
   if (const uint32_t result = oxEventSinkInitialize(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kSinkStartFailed);
@@ -180,7 +181,7 @@ uint32_t ReloadConfig(const char* config_path) {
   return OXEVENT_OK;
 }
 
-// Marks a shutdown as in progress. Constructed with g_oxEventMutex held.
+// While one exists, a shutdown is in progress. Construct it with g_oxEventMutex held, and destroy it without.
 class ShutdownInProgress {
  public:
   ShutdownInProgress() { g_oxEventShutdownInProgress = true; }
@@ -320,7 +321,7 @@ void oxEventApiResetAfterFork() {
 void oxEventApiClose() {
   g_oxEventClosed = true;  // First, so that no other thread can start the library again.
   g_oxEventInitialized = false;
-  // A reload on another thread may hold the lock for long; the process is then exiting, and nothing needs to be freed.
+  // If a call on another thread holds the lock, the process is exiting, and nothing needs to be freed.
   if (!g_oxEventMutex->TryLock()) return;
   g_oxEventConfigPath->reset();
   g_oxEventMutex->Unlock();

@@ -39,7 +39,7 @@ std::string_view StringOr(const oxEventRecord& record, const char* oxEventRecord
 }
 
 bool IsValid(const oxEventRecord* record) {
-  return record != nullptr && record->struct_size >= 2 * sizeof(uint32_t) &&  // Else there is no version to read.
+  return record != nullptr && record->struct_size >= 2 * sizeof(uint32_t) &&  // The record includes version.
          record->version == OXEVENT_API_VERSION && record->struct_size >= kMinRecordBytes &&
          record->message != nullptr && record->message[0] != '\0' &&
          NumberOr(*record, &oxEventRecord::severity, OXEVENT_SEVERITY_INFO) <= OXEVENT_SEVERITY_ERROR;
@@ -62,7 +62,7 @@ uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id
   out->utc_ns = NonZeroOr(*record, &oxEventRecord::utc_ns, 0);
   out->ptp_ns = NonZeroOr(*record, &oxEventRecord::ptp_ns, 0);
   if (out->utc_ns == 0 || out->ptp_ns == 0) {
-    // One clock reading for both, so that an event without timestamps gets equal ones.
+    // The clock is read once, so that both timestamps are equal if the record has neither.
     const uint64_t now = oxEventPlatformGetPtpNano();
     if (out->utc_ns == 0) out->utc_ns = now;
     if (out->ptp_ns == 0) out->ptp_ns = now;

@@ -25,9 +25,9 @@ void AfterForkInChild() {
 
 // The C++ runtime keeps a thread's exception state in thread-local storage. If a C host has loaded the runtime through
 // dlopen, a thread allocates that storage at its first exception, and if there is no memory, the C library ends the
-// process. This TLS descriptor of a variable in the same storage makes the loader place it in the static TLS block,
-// which every thread has from its start. Unlike an initial-exec reference, it does not make dlopen fail if the loader
-// cannot do so, for example because the runtime is already in use.
+// process. A TLS descriptor for a variable in that storage makes the loader place the storage in the static TLS block,
+// which every thread has from its start. If the loader cannot do so, for example because the runtime is already in use,
+// dlopen succeeds nevertheless; with an initial-exec reference it would fail.
 void PlaceExceptionStateInStaticTls() {
 #if defined(__GLIBCXX__) && defined(__x86_64__)
   void* descriptor;

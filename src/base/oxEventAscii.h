@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-// ASCII only, independent of the host's locale: bytes from 0x80 are not letters.
+// ASCII only, independent of the host's locale: bytes from 0x80 on are not letters.
 constexpr char oxEventAsciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
 inline std::string oxEventAsciiLower(std::string_view text) {

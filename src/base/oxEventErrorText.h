@@ -9,14 +9,14 @@
 
 #include "base/oxEventErrors.h"
 
-// A text of the table with this many placeholders. Constructed from the id at compile time, so that no unused text ends
-// up in the library, and no text that is missing from the table.
+// An error text of oxEventErrors::kTable that has this many placeholders. Constructed from its id at compile time, so
+// that the library contains only the texts that it uses.
 template <size_t placeholders>
 class oxEventErrorText {
  public:
   consteval oxEventErrorText(oxEventErrors::Id id)
       : text(oxEventErrors::kTable[id].text), code(oxEventErrors::kTable[id].codes[0]) {
-    if (std::count(text.begin(), text.end(), '{') != placeholders) throw "the text has another number of placeholders";
+    if (std::count(text.begin(), text.end(), '{') != placeholders) throw "wrong number of placeholders";
   }
 
   std::string_view text;
@@ -27,7 +27,8 @@ class oxEventErrorText {
 // becomes empty, and the result code alone reports the failure.
 void oxEventFillErrorText(std::string_view text, const std::string_view* values, std::string* error) noexcept;
 
-// As above, by id: oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns the usual result code.
+// The same for the text with this id: oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns its usual
+// result code.
 template <size_t placeholders>
 uint32_t oxEventSetErrorText(std::type_identity_t<oxEventErrorText<placeholders>> entry,
                              const std::string_view (&values)[placeholders], std::string* error) noexcept {
@@ -40,5 +41,5 @@ inline uint32_t oxEventSetErrorText(oxEventErrorText<0> entry, std::string* erro
   return entry.code;
 }
 
-// Sets *error to a text that was formatted before; otherwise as above.
+// Sets *error to a text without placeholders; `error` may be null. If out of memory, *error becomes empty.
 void oxEventCopyErrorText(std::string_view text, std::string* error) noexcept;

@@ -7,8 +7,8 @@
 
 #include "oxEvent.h"
 
-// All error texts of the library with their result codes. The code uses them through oxEventErrorText.h. Each also
-// needs a cause and a remedy in tools/common/error_causes.h. All of it is constant.
+// All error texts of the library with their result codes. Other code uses them through oxEventErrorText.h. Each text
+// also needs a cause and a remedy in tools/common/error_causes.h.
 namespace oxEventErrors {
 
 enum Id : size_t {
@@ -73,7 +73,7 @@ enum Id : size_t {
   kSnmpEnterpriseOid,
   kSnmpTooLong,
   kSnmpSend,
-  // Internal errors: no call of a host can cause them.
+  // Internal errors: no call from a host can cause them.
   kCallbackFailed,
   kSinkShutdownFailed,
   kConfigOutput,
@@ -90,8 +90,8 @@ enum Id : size_t {
 
 struct Entry {
   Id id;
-  std::string_view text;  // May have placeholders, "{name}", for which the code passes values in the same order.
-  uint32_t codes[2];      // Result codes returned with it, the usual one first; 0: no second one.
+  std::string_view text;  // "{name}" is a placeholder. The values are passed in the order of the placeholders.
+  uint32_t codes[2];      // Result codes returned with the text, the usual code first; 0: there is no second code.
 };
 
 inline constexpr Entry kTable[] = {
@@ -173,7 +173,7 @@ inline constexpr Entry kTable[] = {
     {kAlertmanagerOutput, "Invalid oxEvent Alertmanager sink output", {OXEVENT_INVALID_ARGUMENT}},
 };
 
-// One entry per id, in the order of the ids, with a unique text.
+// Whether each id has one entry, in the order of the ids, with a unique text.
 consteval bool IsComplete() {
   if (std::size(kTable) != kCount) return false;
   for (size_t i = 0; i < kCount; ++i) {

@@ -3,5 +3,6 @@
 #include <atomic>
 
 // Number of forks between the process that loaded the library and this one. Code that calls the host, which may fork,
-// compares it before and after: if it has changed, this is a child, which must not touch what belongs to the parent.
+// compares the counts before and after the call: if they differ, this process is a child, which must not touch what
+// belongs to the parent.
 inline constinit std::atomic<unsigned> g_oxEventForkCount = 0;

@@ -16,24 +16,25 @@
 
 namespace {
 
-struct Link {  // Of a circular doubly linked list.
+struct Link {  // An element of a circular doubly linked list.
   Link* previous;
   Link* next;
 };
 
-// Allocated with malloc, as its text: nothing here throws, because a thread's first exception may need memory itself.
+// The last error of one thread. The struct and its text are allocated with malloc, so that nothing here throws: a
+// thread's first exception needs memory itself.
 struct ThreadText : Link {
   pid_t thread_id;
-  char* text;  // Null: out of memory.
+  char* text;  // Null if there was no memory for it.
 };
 
-constexpr int kSweepAtOnce = 2;
+constexpr int kTextsPerSweep = 2;
 
 constinit oxEventNoDestructor<oxEventMutex> g_mutex;
 constinit Link g_texts = {&g_texts, &g_texts};  // Head of the list of all threads' texts. Guarded by g_mutex.
-constinit std::atomic<bool> g_open = false;     // Whether g_oxEventLastError is a key. Changed with g_mutex held.
-constinit bool g_unloaded = false;              // Set for good at unload. Guarded by g_mutex.
-pthread_key_t g_oxEventLastError;               // The calling thread's ThreadText.
+constinit std::atomic<bool> g_open = false;     // Whether the key below exists. Changed with g_mutex held.
+constinit bool g_unloaded = false;              // Set at unload. Guarded by g_mutex.
+pthread_key_t g_oxEventLastError;               // Key of the calling thread's ThreadText.
 
 // Dereference the result only with g_mutex held and g_open true: an unload on another thread frees the texts.
 ThreadText* OwnText() {
@@ -42,7 +43,7 @@ ThreadText* OwnText() {
 }
 
 // Creates the key unless it exists. Retried at each error: the process may be out of keys only temporarily. The key has
-// no destructor, which an exiting thread could be about to call while dlclose unmaps it.
+// no destructor: an exiting thread could be about to call it while dlclose unmaps the library.
 bool CreateKeyLocked() {
   if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, nullptr) == 0;
   return g_open;
@@ -59,7 +60,7 @@ void PushBackLocked(Link* link) {
   link->previous->next = link->next->previous = link;
 }
 
-// Null: the list is empty.
+// Returns null if the list is empty.
 ThreadText* PopFrontLocked() {
   Link* const first = g_texts.next;
   if (first == &g_texts) return nullptr;
@@ -73,11 +74,12 @@ void Free(ThreadText* text) {
   free(text);
 }
 
-// A thread that exits leaves its text behind. Each new text checks the two least recently checked ones and frees those
-// of exited threads, so that at most about half of the texts belong to exited threads. If a sandbox forbids tgkill,
-// they stay.
+// A thread that exits leaves its text behind. Before a text is added, the two that were checked least recently are
+// checked and those of exited threads freed, so that at most about half of the texts belong to exited threads. If a
+// sandbox forbids tgkill, texts of exited threads stay. A text under the caller's own id is that of an exited thread
+// whose id the kernel has reused.
 void SweepLocked(pid_t self) {
-  for (int i = 0; i < kSweepAtOnce; ++i) {
+  for (int i = 0; i < kTextsPerSweep; ++i) {
     ThreadText* const oldest = PopFrontLocked();
     if (oldest == nullptr) return;
     const bool exited = oldest->thread_id == self || (tgkill(getpid(), oldest->thread_id, 0) != 0 && errno == ESRCH);
@@ -89,7 +91,7 @@ void SweepLocked(pid_t self) {
   }
 }
 
-// Null: out of memory.
+// Returns null if out of memory.
 ThreadText* AddLocked() {
   const pid_t self = gettid();
   SweepLocked(self);

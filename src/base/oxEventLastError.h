@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <string_view>
 
-// The calling thread's last error text. A thread has one only between a failure and its next success, so that a success
-// costs a single check. Stored under a pthread key: a thread_local with a destructor would keep the library loaded
-// until its thread exits.
+// The calling thread's last error text. A thread has a text only between a failure and its next success, so that
+// another success costs a single check. Stored under a pthread key: a thread_local with a destructor would keep the
+// library loaded until its thread exits.
 
 // Sets the text. If out of memory, the text becomes empty. Does not throw.
 void oxEventSetLastError(std::string_view text);
@@ -16,5 +16,5 @@ void oxEventCopyLastError(char* buffer, uint32_t buffer_size);
 
 // Frees the texts of all threads; later texts are discarded.
 void oxEventLastErrorUnload();
-// In the child of a fork.
+// In the child of a fork: abandons the texts of all threads.
 void oxEventLastErrorResetAfterFork();

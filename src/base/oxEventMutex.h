@@ -16,8 +16,8 @@
 #define OX_REQUIRES(m) OX_THREAD(requires_capability(m))
 #define OX_EXCLUDES(m) OX_THREAD(locks_excluded(m))
 
-// std::mutex with annotations for the thread-safety analysis. Trivially destructible, so that one with static storage
-// remains usable until the process ends.
+// std::mutex with annotations for the thread-safety analysis. Trivially destructible, so that a mutex with static
+// storage remains usable until the process ends.
 class OX_THREAD(capability("mutex")) oxEventMutex {
  public:
   constexpr oxEventMutex() = default;

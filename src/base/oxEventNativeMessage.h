@@ -5,6 +5,6 @@
 
 #include "base/oxEventNormalizedEvent.h"
 
-// Formats an event as one message of the system log. It is meant for humans, so nothing is escaped. `ident`: the name
-// under which the message is written. *message is overwritten; callers may reuse it. Any thread. Throws std::bad_alloc.
+// Formats an event as one message of the system log. The message is meant for humans, so nothing is escaped. `ident`:
+// the name under which it is logged. *message is overwritten; callers may reuse it. Any thread. Throws std::bad_alloc.
 void oxEventFormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view ident, std::string* message);

@@ -3,12 +3,12 @@
 #include <new>
 
 // Static storage for an object that no exit handler destroys: host threads may still call in while the process exits.
-// Constant-initialized, so it is also there for static constructors that run before this library's own.
+// Constant-initialized, so that static constructors that run before this library's own can use it.
 template <class T>
 class oxEventNoDestructor {
  public:
   constexpr oxEventNoDestructor() : object_() {}
-  constexpr ~oxEventNoDestructor() {}  // NOLINT(modernize-use-equals-default): object_ stays.
+  constexpr ~oxEventNoDestructor() {}  // NOLINT(modernize-use-equals-default): keeps object_.
   oxEventNoDestructor(const oxEventNoDestructor&) = delete;
   oxEventNoDestructor& operator=(const oxEventNoDestructor&) = delete;
 
@@ -16,7 +16,7 @@ class oxEventNoDestructor {
   T* operator->() { return &object_; }
 
   // Constructs the object again, as after load, and abandons the old one without touching it. For the child of a fork,
-  // where threads that no longer exist may have left it locked or half changed.
+  // where threads that no longer exist may have left the old object locked or half changed.
   void Reset() { new (&object_) T(); }
 
  private:

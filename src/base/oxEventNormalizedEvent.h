@@ -9,10 +9,9 @@
 
 class oxEventSharedSlab;
 
-// An event with all defaults applied, its id and its timestamps set. Does not own its strings, which are
-// NUL-terminated.
+// An event with all defaults applied and its id and timestamps set. Does not own its strings, which are NUL-terminated.
 struct oxEventNormalizedEvent {
-  // NOLINTBEGIN(readability-redundant-string-init): the data of an empty view has no NUL.
+  // NOLINTBEGIN(readability-redundant-string-init): a default-constructed view has no NUL.
   uint64_t event_id = 0;
   std::string_view event_type = "";
   std::string_view source_id = "";
@@ -49,7 +48,7 @@ class oxEventStoredEvent {
   // Whether Assign needs no allocation.
   bool HasRoomFor(const oxEventNormalizedEvent& event) const;
 
-  // False: out of memory, and nothing has changed.
+  // Returns false, and changes nothing, if out of memory.
   [[nodiscard]] bool Assign(const oxEventNormalizedEvent& from);
 
   // Valid until the next Assign or ReleaseLongTexts.

@@ -33,7 +33,7 @@ uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   auto digits = static_cast<uint64_t>(scaled >> shift);
   if (remainder > half || (remainder == half && digits % 2 != 0)) ++digits;
   if (digits < kPowersOfTen[count]) return digits;
-  ++*point;  // The digits were rounded up to a power of ten, as 9.99 to 10.0.
+  ++*point;  // The digits were rounded up to a power of ten, for example 9.99 to 10.0.
   return digits / 10;
 }
 

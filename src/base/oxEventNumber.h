@@ -8,14 +8,14 @@
 
 // Formats numbers, independent of the locale. Any thread.
 
-constexpr size_t kOxEventNumberSize = 32;  // Bytes that hold every number.
+constexpr size_t kOxEventNumberSize = 32;  // Size of a buffer in bytes that holds every number.
 
-// Write to a buffer of that size and return the end, without a terminating NUL.
+// Writes to a buffer of kOxEventNumberSize bytes, without a terminating NUL. Returns the end.
 template <class Integer>
 char* oxEventWriteNumber(Integer value, char* at) {
   return std::to_chars(at, at + kOxEventNumberSize, value).ptr;
 }
-// As printf with %.{significant_digits}g, for 1 to 17 digits; nan, -nan, inf, -inf.
+// The same, formatted as by printf with %.{significant_digits}g, 1 to 17 digits; also nan, -nan, inf and -inf.
 char* oxEventWriteNumber(double value, int significant_digits, char* at);
 
 // Appends a number. Throws only std::bad_alloc.

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-// Replaces an empty setting by its default.
+// Returns a setting or, if it is empty, its default.
 inline std::string oxEventOrDefault(std::string_view text, std::string_view default_value) {
   return std::string(text.empty() ? default_value : text);
 }

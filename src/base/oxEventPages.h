@@ -2,9 +2,9 @@
 
 #include <cstddef>
 
-// Allocates memory from the system in chunks of one size, aligned to that size, so that masking an address gives its
-// chunk. A freed chunk is returned to the system immediately, whichever allocator the host uses. Threads: one at a
-// time.
+// Allocates memory from the system in chunks of one size, aligned to that size, so that masking an address gives the
+// start of its chunk. A freed chunk is returned to the system immediately, whichever allocator the host uses. Threads:
+// one at a time.
 class oxEventPages {
  public:
   // `chunk_size`: a power of two, at least the page size.
@@ -13,7 +13,7 @@ class oxEventPages {
   oxEventPages(const oxEventPages&) = delete;
   oxEventPages& operator=(const oxEventPages&) = delete;
 
-  // Returns a zeroed chunk; null: out of memory.
+  // Returns a zeroed chunk, or null if out of memory.
   void* Allocate();
 
   void Free(void* chunk);

@@ -9,15 +9,16 @@
 #include <string_view>
 
 // SipHash (Aumasson and Bernstein, 2012): a hash for which nobody can construct collisions without the key, so that
-// strings chosen by an attacker are distributed like any others. Hash tables commonly use SipHash-1-3, the default.
+// strings chosen by an attacker are distributed as evenly as any others. The default is SipHash-1-3, which is common in
+// hash tables.
 struct oxEventSipKey {
   uint64_t low;
   uint64_t high;
 };
 
-// A random key for a table in this process. Never waits: early in the boot, or if a sandbox forbids getrandom, uses the
-// 16 random bytes that the kernel gives every program at its start (AT_RANDOM). The C library derives its stack guard
-// from them, so an attacker does not know them; but they are the same for every table of the process.
+// Returns a random key for a hash table. Never waits: early during boot, or if a sandbox forbids getrandom, uses the 16
+// random bytes that the kernel gives every program at its start (AT_RANDOM). They are as secret as the stack guard,
+// which the C library derives from them, but are the same for every table of the process.
 inline oxEventSipKey oxEventRandomSipKey() {
   oxEventSipKey key = {};
   if (getrandom(&key, sizeof(key), GRND_NONBLOCK) == static_cast<ssize_t>(sizeof(key))) return key;
@@ -73,7 +74,7 @@ inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) 
   for (; at != end; at += kWord) absorb(word_at(at));
   uint64_t last = static_cast<uint64_t>(text.size()) << 56;
   if (rest != 0 && text.size() > kWord) {
-    last |= word_at(at + rest - kWord) >> (8 * (kWord - rest));  // Overlaps the word before.
+    last |= word_at(at + rest - kWord) >> (8 * (kWord - rest));  // Overlaps the previous word.
   } else {
     for (size_t i = 0; i < rest; ++i) last |= uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
   }

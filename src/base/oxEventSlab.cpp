@@ -58,7 +58,7 @@ void oxEventSlab::ReleaseEmptySpan() {
   empty_span_ = nullptr;
 }
 
-// Returns a linked span without live blocks. Null: out of memory.
+// Returns a span without live blocks, linked into the list of its size class. Null if out of memory.
 oxEventSlab::Span* oxEventSlab::NewSpan(size_t size_class, size_t block_size) {
   void* memory = empty_span_;
   if (empty_span_ != nullptr) {

@@ -7,11 +7,11 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventPages.h"
 
-// A slab allocator that returns freed memory to the system. The C library's allocator cannot, because blocks of the
-// host between ours keep the pages in use. Each span of pages holds blocks of one size; a span without live blocks is
-// unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from malloc.
-// Does not throw: in a C host, the first exception of a thread needs memory itself.
-// Threads: one at a time. All blocks must be freed before the allocator is destroyed.
+// A slab allocator that returns freed memory to the system. The C library's allocator often cannot do so, because
+// blocks of the host lie between ours and keep the pages in use. Each span of pages holds blocks of one size; a span
+// without live blocks is unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from malloc. Does not
+// throw: in a C host, a thread's first exception needs memory itself. Threads: one at a time. All blocks must be freed
+// before the allocator is destroyed.
 class oxEventSlab {
  public:
   oxEventSlab() = default;
@@ -22,7 +22,8 @@ class oxEventSlab {
   // Actual size of a block for `size` bytes, which must be at least 1.
   static size_t BlockSize(size_t size);
 
-  // Blocks up to 32 KiB are aligned to 32 bytes, or to 64 if their size is a multiple of 64. Null: out of memory.
+  // Blocks up to 32 KiB are aligned to 32 bytes, or to 64 if their size is a multiple of 64. Returns null if out of
+  // memory.
   void* Allocate(size_t size);
 
   // `size`: as passed to Allocate, or its BlockSize.
@@ -38,19 +39,19 @@ class oxEventSlab {
     FreeBlock* next;
   };
   struct alignas(64) Span {
-    Span* next;  // In the list of its size class, unless it is full.
+    Span* next;  // In the list of its size class, which contains every span that is not full.
     Span* previous;
     FreeBlock* free_list;
-    uint32_t unused_offset;  // Offset of the memory that was never allocated.
+    uint32_t unused_offset;  // Offset of the first byte that was never allocated.
     uint32_t live_blocks;
     uint32_t block_size;
     uint32_t size_class;
   };
 
   static constexpr size_t kSpanSize = size_t{256} * 1024;
-  static constexpr size_t kFineStep = 32;  // Between block sizes up to kFineLimit.
+  static constexpr size_t kFineStep = 32;  // Step between block sizes up to kFineLimit.
   static constexpr size_t kFineLimit = 4096;
-  static constexpr size_t kCoarseStep = 4096;  // Above that, up to kLargestBlock.
+  static constexpr size_t kCoarseStep = 4096;  // Step between larger block sizes, up to kLargestBlock.
   static constexpr size_t kLargestBlock = 32768;
   static constexpr size_t kFineClasses = kFineLimit / kFineStep;
   static constexpr size_t kClasses = kFineClasses + (kLargestBlock - kFineLimit) / kCoarseStep;
@@ -69,11 +70,11 @@ class oxEventSlab {
   void FreeSpan(Span* span);
 
   std::array<Span*, kClasses> partial_spans_ = {};  // By size class: spans with a free block.
-  Span* empty_span_ = nullptr;                      // Kept without live blocks; also in its list.
+  Span* empty_span_ = nullptr;                      // The span kept without live blocks; also in its list.
   oxEventPages pages_{kSpanSize};
 };
 
-// The same, for any thread.
+// An oxEventSlab that any thread may use.
 class oxEventSharedSlab {
  public:
   void* Allocate(size_t size) OX_EXCLUDES(mutex_) {

@@ -13,14 +13,14 @@ constexpr uint8_t kMaxLinesKept = 64;  // 4 KiB. A larger block is replaced if a
 // evenly distributed, and a full segment is filled further instead of split.
 constexpr size_t kMaxEntriesPerSegment = 64;
 
-// The bytes behind the header of a block.
+// The bytes after the header of a block.
 char* Bytes(auto* texts) { return reinterpret_cast<char*>(texts + 1); }
 const char* Bytes(const auto* texts) { return reinterpret_cast<const char*>(texts + 1); }
 
 }  // namespace
 
 void oxEventActiveTable::Prefetch(uint64_t hash) const {
-  if (directory_ != nullptr) __builtin_prefetch(&directory_[Entry(hash)]->slots[Home(hash)]);
+  if (directory_ != nullptr) __builtin_prefetch(&directory_[DirectoryIndex(hash)]->slots[Home(hash)]);
 }
 
 void oxEventActiveTable::PrefetchTexts(const Condition* condition) {
@@ -30,7 +30,7 @@ void oxEventActiveTable::PrefetchTexts(const Condition* condition) {
 
 oxEventActiveTable::Condition* oxEventActiveTable::Find(uint64_t hash, std::string_view key) const {
   if (directory_ == nullptr) return nullptr;
-  Condition* const slots = directory_[Entry(hash)]->slots;
+  Condition* const slots = directory_[DirectoryIndex(hash)]->slots;
   for (size_t i = Home(hash); slots[i].texts != nullptr; i = Next(i)) {
     if (slots[i].hash == hash && HasKey(slots[i], key)) return &slots[i];
   }
@@ -46,9 +46,10 @@ void oxEventActiveTable::Insert(uint64_t hash, std::string_view key, std::string
                                 uint64_t last_sent_ns) {
   constexpr size_t kSplitAt = kSlots / 4 * 3;
   if (directory_ == nullptr && !CreateDirectory()) throw std::bad_alloc();
-  if (directory_[Entry(hash)]->count >= kSplitAt) Split(hash);  // If there is no memory, the segment is filled further.
-  Segment* const segment = directory_[Entry(hash)];
-  if (segment->count == kSlots - 1) throw std::bad_alloc();  // A free slot ends each search.
+  if (directory_[DirectoryIndex(hash)]->count >= kSplitAt)
+    Split(hash);  // If that fails, the segment is filled further.
+  Segment* const segment = directory_[DirectoryIndex(hash)];
+  if (segment->count == kSlots - 1) throw std::bad_alloc();  // A free slot must remain: it ends a search.
   const std::string_view start = key.substr(0, Condition::kStartSize), rest = key.substr(start.size());
   Texts* const texts = NewTexts(rest.size() + signature.size());
   Condition* const condition = FreeSlot(segment, hash);
@@ -78,11 +79,11 @@ void oxEventActiveTable::Update(Condition* condition, std::string_view signature
 void oxEventActiveTable::Remove(Condition* condition) {
   Texts* const texts = condition->texts;
   const uint64_t hash = condition->hash;
-  Segment* const segment = directory_[Entry(hash)];
+  Segment* const segment = directory_[DirectoryIndex(hash)];
   Condition* const slots = segment->slots;
   __builtin_prefetch(texts, 1);
   oxEventSlab::PrefetchForFree(texts);
-  // Each condition that follows without a gap moves to the free slot, unless its home slot comes after that one.
+  // Each condition that follows without a gap moves into the hole, unless its home slot comes after the hole.
   auto hole = static_cast<size_t>(condition - slots);
   for (size_t i = Next(hole); slots[i].texts != nullptr; i = Next(i)) {
     if (Distance(Home(slots[i].hash), i) < Distance(hole, i)) continue;
@@ -156,7 +157,7 @@ void oxEventActiveTable::MoveAll(const Segment& from, Segment* to) {
   to->count += from.count;
 }
 
-// Creates a directory with one empty segment. Returns false if there is no memory, like the functions below.
+// Creates a directory with one empty segment. Returns false if there is no memory.
 bool oxEventActiveTable::CreateDirectory() {
   std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[1]);
   if (directory == nullptr || (directory[0] = NewSegment(0)) == nullptr) return false;
@@ -164,9 +165,10 @@ bool oxEventActiveTable::CreateDirectory() {
   return true;
 }
 
-// Replaces the segment of this hash by two new ones.
+// Replaces the segment of this hash with two segments that share its conditions. Returns false, and changes nothing, if
+// there is no memory or the directory may not grow.
 bool oxEventActiveTable::Split(uint64_t hash) {
-  Segment* const old = directory_[Entry(hash)];
+  Segment* const old = directory_[DirectoryIndex(hash)];
   if (old->depth == depth_ && !DoubleDirectory()) return false;
   const uint32_t depth = old->depth + 1;
   const uint64_t bit = uint64_t{1} << (64 - depth);
@@ -189,9 +191,10 @@ bool oxEventActiveTable::Split(uint64_t hash) {
   return true;
 }
 
+// Returns false if there is no memory or the directory may not grow.
 bool oxEventActiveTable::DoubleDirectory() {
   const size_t size = size_t{1} << depth_;
-  if (depth_ == kDeepest || size >= kMaxEntriesPerSegment * segment_count_) return false;
+  if (depth_ == kMaxDepth || size >= kMaxEntriesPerSegment * segment_count_) return false;
   std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[2 * size]);
   if (directory == nullptr) return false;
   for (size_t i = 0; i < 2 * size; ++i) directory[i] = directory_[i / 2];
@@ -204,9 +207,9 @@ bool oxEventActiveTable::DoubleDirectory() {
 // it did.
 bool oxEventActiveTable::Merge(uint64_t hash) {
   constexpr size_t kMergeBelow = kSlots / 4;
-  Segment* const segment = directory_[Entry(hash)];
+  Segment* const segment = directory_[DirectoryIndex(hash)];
   if (segment->count >= kMergeBelow || segment->depth == 0) return false;
-  Segment* const neighbour = directory_[Entry(hash ^ uint64_t{1} << (64 - segment->depth))];
+  Segment* const neighbour = directory_[DirectoryIndex(hash ^ uint64_t{1} << (64 - segment->depth))];
   if (neighbour->depth != segment->depth || segment->count + neighbour->count >= kMergeBelow) return false;
   const bool keeps_segment = segment->count >= neighbour->count;
   Segment* const kept = keeps_segment ? segment : neighbour;
@@ -220,7 +223,8 @@ bool oxEventActiveTable::Merge(uint64_t hash) {
   return true;
 }
 
-// Halves the directory while no segment needs its last bit. If there is no memory for a smaller one, reuses the old.
+// Halves the directory while no segment needs the last bit of the index. If there is no memory for a smaller directory,
+// keeps the larger block.
 void oxEventActiveTable::HalveDirectory() {
   for (; depth_ > 0 && segments_by_depth_[depth_] == 0; --depth_) {
     const size_t size = size_t{1} << (depth_ - 1);
@@ -242,16 +246,16 @@ oxEventActiveTable::Segment* oxEventActiveTable::NewSegment(uint32_t depth) {
   return segment;
 }
 
-// The segment's conditions have been moved.
+// The caller has moved or freed the segment's conditions.
 void oxEventActiveTable::FreeSegment(Segment* segment) {
   --segment_count_;
   --segments_by_depth_[segment->depth];
   memory_.Free(segment, sizeof(Segment));
 }
 
-// Sets all entries that start with the first `segment->depth` bits of the hash.
+// Sets all directory entries whose index starts with the first `segment->depth` bits of the hash.
 void oxEventActiveTable::SetEntries(uint64_t hash, Segment* segment) {
   const size_t count = size_t{1} << (depth_ - segment->depth);
-  const size_t first = Entry(hash) & ~(count - 1);
+  const size_t first = DirectoryIndex(hash) & ~(count - 1);
   std::fill_n(&directory_[first], count, segment);
 }

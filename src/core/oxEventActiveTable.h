@@ -9,15 +9,17 @@
 #include "base/oxEventSipHash.h"
 #include "base/oxEventSlab.h"
 
-// The raised conditions by their keys. Designed for a million conditions, where cache misses dominate the time of a
-// lookup: a slot is one cache line and contains the start of the key, usually all of it, so that a lookup takes one
-// miss. Each condition has a block of memory for the rest of its key and the signature of its last event that was sent.
+// Hash table of the raised conditions by key. Designed for a million conditions, where cache misses dominate the time
+// of a lookup: a slot is one cache line and contains the start of the key, usually all of it, so that a lookup takes
+// one miss. Each condition has a block of memory for the rest of its key and the signature of the last event sent for
+// it.
 //
 // Extendible hashing: the high bits of the hash choose an entry of the directory, which points to a segment of slots,
 // and the low bits choose the slot in it (linear probing; a removal leaves no tombstone). A segment that becomes three
 // quarters full splits in two; two neighbours that together are less than a quarter full merge. The table therefore
-// grows and shrinks by some hundred slots at a time, and no event waits for more. Freed memory goes back to the system.
-// Insert and Update throw when there is no memory, and have then changed nothing. Threads: one at a time.
+// grows and shrinks by a few hundred slots at a time, and no event waits until the whole table is rehashed. Freed
+// memory goes back to the system. Insert and Update throw std::bad_alloc, and change nothing, if there is no memory.
+// Threads: one at a time.
 class oxEventActiveTable {
  private:
   struct Texts;
@@ -34,7 +36,7 @@ class oxEventActiveTable {
     uint64_t hash;        // Hash of the key.
     Texts* texts;         // Null if the slot is free.
     uint8_t texts_lines;  // Cache lines of the block, at most 255. Stored here so that reading it costs no cache miss.
-    uint8_t start_size;   // kStartSize + 1 if the key continues in the block.
+    uint8_t start_size;   // Bytes used in `start`, or kStartSize + 1 if the key continues in the block.
     char start[kStartSize];
   };
 
@@ -43,11 +45,12 @@ class oxEventActiveTable {
   oxEventActiveTable& operator=(const oxEventActiveTable&) = delete;
   ~oxEventActiveTable() { Clear(); }
 
-  // Hashes with a random key, so that nobody can choose keys that all lead to one segment.
+  // Hashes a condition's key with a random hash key, so that nobody can choose keys that all lead to one segment.
   uint64_t Hash(std::string_view key) const { return oxEventSipHash(hash_key_, key); }
 
-  // Prefetch what Find reads, and what Signature and Update read.
+  // Prefetches what Find reads.
   void Prefetch(uint64_t hash) const;
+  // Prefetches what Signature and Update read.
   static void PrefetchTexts(const Condition* condition);
 
   // Returns null if the condition is not raised.
@@ -67,14 +70,14 @@ class oxEventActiveTable {
 
  private:
   struct Texts {
-    size_t capacity;  // Bytes behind this header, for the rest of the key and the signature.
+    size_t capacity;  // Bytes after this header, for the rest of the key and the signature.
     size_t key_rest_size;
     size_t signature_size;
   };
 
   static constexpr size_t kSegmentSize = size_t{32} * 1024;
   static constexpr size_t kSlots = kSegmentSize / sizeof(Condition) - 1;
-  static constexpr uint32_t kDeepest = 32;
+  static constexpr uint32_t kMaxDepth = 32;
 
   // The conditions whose hashes start with the same `depth` bits.
   struct Segment {
@@ -98,7 +101,7 @@ class oxEventActiveTable {
   static void MoveAll(const Segment& from, Segment* to);
 
   // The index in the directory: the first depth_ bits of the hash.
-  size_t Entry(uint64_t hash) const { return static_cast<size_t>((hash >> 32) << depth_ >> 32); }
+  size_t DirectoryIndex(uint64_t hash) const { return static_cast<size_t>((hash >> 32) << depth_ >> 32); }
   bool CreateDirectory();
   bool Split(uint64_t hash);
   bool DoubleDirectory();
@@ -113,6 +116,6 @@ class oxEventActiveTable {
   uint32_t depth_ = 0;                     // The directory has 2^depth_ entries.
   size_t count_ = 0;                       // Number of conditions.
   size_t segment_count_ = 0;
-  std::array<uint32_t, kDeepest + 1> segments_by_depth_ = {};
+  std::array<uint32_t, kMaxDepth + 1> segments_by_depth_ = {};
   oxEventSlab memory_;  // Owns the memory of segments and texts.
 };

@@ -9,10 +9,10 @@
 
 // The pending events in their order of arrival, at most `capacity` of them, and the policy that decides what a full
 // backlog drops. Keeps two lists, so that the oldest event below warning is found without a search.
-// Threads: none of its own and no lock; the queue calls it with its lock held.
+// Threads: one at a time; the queue calls it with the queue's lock held.
 class oxEventBacklog {
  public:
-  // Keeps what is pending, even if it is more than the new capacity: see Trim. Capacity 0 counts as 1.
+  // Keeps all pending events, even if they exceed the new capacity; Trim removes the excess. Capacity 0 counts as 1.
   void Configure(uint32_t capacity, oxEventDropPolicy policy) {
     capacity_ = std::max(capacity, 1u);
     policy_ = policy;
@@ -27,7 +27,7 @@ class oxEventBacklog {
   // Whether Push may be called: there is room, or the policy makes room by dropping an older event.
   bool HasRoom() const { return !IsFull() || DropsDebugInfo(); }
 
-  // Appends the newest event. Returns the event that was dropped to make room for it, or null.
+  // Appends the newest event; requires HasRoom(). Returns the event that was dropped to make room for it, or null.
   oxEventNodePtr Push(oxEventNodePtr node) {
     oxEventNodePtr displaced(IsFull() ? debug_info_.PopFront() : nullptr);
     node->order = next_order_++;
@@ -36,11 +36,11 @@ class oxEventBacklog {
     return displaced;
   }
 
-  // The backlog is not empty.
+  // Requires a backlog that is not empty.
   oxEventNodePtr PopOldest() { return ListOfOldest().PopFront(); }
 
-  // Moves at most `limit` events beyond the capacity to *removed: by the policy the oldest below warning first, and the
-  // newest where there is none.
+  // Moves the events that exceed the capacity to *removed, but at most `limit`. Takes the oldest events below warning
+  // first if the policy says so, and otherwise the newest events.
   void Trim(size_t limit, oxEventNodeList* removed);
 
   // Moves all events to *removed.
@@ -54,7 +54,7 @@ class oxEventBacklog {
   oxEventNodeList& ListOfOldest();
   oxEventNodeList& ListOfNewest();
 
-  oxEventNodeList debug_info_;  // Oldest at the front; `order` tells which of the two lists goes first.
+  oxEventNodeList debug_info_;  // Oldest at the front; `order` shows which front is older.
   oxEventNodeList warning_error_;
   uint64_t next_order_ = 0;
   uint32_t capacity_ = 1;

@@ -9,15 +9,16 @@
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventTrace.h"
 
-// Reasons for dropping an event that was reported while the library runs. Trace points show the values: append only.
+// Reasons for dropping an event that was reported while the library was running. Trace points show the values: append
+// only.
 enum class oxEventDrop : uint32_t {
   kFiltered,    // The library is switched off, or the severity is below the minimum.
   kNoMemory,    // There was no memory for the copy.
-  kRefused,     // The queue was full: the newest event, this one, was not queued.
-  kDisplaced,   // The queue was full: the oldest event below warning, this one, made room for a newer one.
+  kRefused,     // The queue was full, and this event was not queued.
+  kDisplaced,   // The queue was full, and this event, the oldest below warning, made room for a newer event.
   kTrimmed,     // A reload made the queue smaller.
-  kStopped,     // Still pending at a stop.
-  kSuppressed,  // A duplicate: the state of its condition has not changed.
+  kStopped,     // The event was still pending when the library was stopped.
+  kSuppressed,  // A duplicate, a repeat of a condition that is not raised, or a clear that is not to be sent.
 };
 
 constexpr const char* kOxEventDropTexts[] = {"filtered", "no memory", "refused",   "displaced",
@@ -25,11 +26,11 @@ constexpr const char* kOxEventDropTexts[] = {"filtered", "no memory", "refused",
 
 constexpr const char* oxEventDropText(oxEventDrop reason) { return kOxEventDropTexts[static_cast<size_t>(reason)]; }
 
-// Number of drops by reason.
+// Number of drops for each reason.
 using oxEventDropCounts = std::array<uint64_t, std::size(kOxEventDropTexts)>;
 
-// The one place that counts drops and reports them to the trace point `drop`. Every drop is recorded exactly once,
-// while its event still exists. Any thread; takes no lock.
+// Counts drops and reports them to the trace point `drop`. Every drop must be recorded exactly once, while its event
+// still exists. Any thread; takes no lock.
 class oxEventDropLedger {
  public:
   void Record(const oxEventNormalizedEvent& event, oxEventDrop reason) {

@@ -8,7 +8,7 @@
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventSlab.h"
 
-// One event in the queue, and the memory that serves the next one. Lives in a slab, which outlives it.
+// One event in the queue. The node and its memory are reused for later events. Allocated in a slab, which outlives it.
 struct oxEventNode {
   uint64_t order = 0;  // Order of arrival.
   oxEventNode* next = nullptr;
@@ -17,7 +17,7 @@ struct oxEventNode {
 
   explicit oxEventNode(oxEventSharedSlab* memory) : event(memory) {}
 
-  // Begins to fetch the node into the cache: another thread wrote to it last.
+  // Prefetches the node for writing: another thread wrote to it last.
   void Prefetch() const {
     constexpr size_t kCacheLineBytes = 64;
     for (size_t i = 0; i < sizeof(oxEventNode); i += kCacheLineBytes)
@@ -52,7 +52,7 @@ class oxEventNodeList {
     back_ = added;
     ++size_;
   }
-  // Does not touch the next node, which may be far away in memory: the caller holds a lock.
+  // Does not access the next node: a cache miss would prolong the time for which the caller holds its lock.
   oxEventNodePtr PopFront() {
     oxEventNodePtr node(front_);
     front_ = --size_ == 0 ? nullptr : node->next;
@@ -64,7 +64,7 @@ class oxEventNodeList {
     if (--size_ == 0) front_ = nullptr;
     return node;
   }
-  // Appends all nodes of the other list, which is empty afterwards.
+  // Moves all nodes of *from to the end of this list.
   void Splice(oxEventNodeList* from) {
     if (from->IsEmpty()) return;
     from->front_->previous = back_;
@@ -80,7 +80,7 @@ class oxEventNodeList {
   size_t size_ = 0;
 };
 
-// Last in, first out: nodes for the next events, the most recently used first. Owns its nodes.
+// Last in, first out: free nodes, of which the most recently used is reused first. Owns its nodes.
 class oxEventNodeStack {
  public:
   oxEventNodeStack() = default;
@@ -98,7 +98,7 @@ class oxEventNodeStack {
     top_ = node.release();
     ++size_;
   }
-  // Null if the stack is empty.
+  // Returns null if the stack is empty.
   oxEventNodePtr Pop() {
     oxEventNodePtr node(top_);
     if (node == nullptr) return node;

@@ -14,8 +14,8 @@ oxEventNodePtr oxEventNodePool::Create() {
 }
 
 oxEventNodePool::Clock::time_point oxEventNodePool::SurplusDeadline(uint64_t enqueue_count) {
-  // A single event now and then does not count: the nodes that stay are enough for it.
-  if (enqueue_count - enqueued_last_time_ > kNodesKept) quiet_since_ = Clock::now();
-  enqueued_last_time_ = enqueue_count;
+  // A few events do not count as a burst: the nodes that are always kept suffice for them.
+  if (enqueue_count - last_enqueue_count_ > kNodesKept) quiet_since_ = Clock::now();
+  last_enqueue_count_ = enqueue_count;
   return quiet_since_ + kQuietTime;
 }

@@ -12,7 +12,7 @@ void oxEventQueue::Start(uint32_t capacity, oxEventDropPolicy policy) {
 }
 
 uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
-  constexpr uint32_t kTrimmedAtOnce = 64;  // Submitters want the lock too.
+  constexpr uint32_t kTrimBatchSize = 64;  // Submitters get the lock between batches.
   size_t dropped = 0;
   bool fits = false;
   bool wake = false;
@@ -23,7 +23,7 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
       oxEventLock lock(mutex_);
       backlog_.Configure(capacity, policy);
       if (pool_.Size() > MaxFreeNodesLocked()) pool_.Swap(&freed);
-      backlog_.Trim(kTrimmedAtOnce, &trimmed);
+      backlog_.Trim(kTrimBatchSize, &trimmed);
       fits = backlog_.Size() <= backlog_.Capacity();
       if (fits) SignalIfDrainedLocked();
       wake |= backlog_.IsHalfFull() && ClaimWakeupLocked();
@@ -50,7 +50,7 @@ oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& e
     if (!CanAppendLocked()) return RefuseLocked();
     if (node == nullptr) node = pool_.TryAcquire();
   }
-  // With the lock released, so that a long text delays nobody else.
+  // With the lock released, so that copying a long text does not delay other threads.
   if (node == nullptr) node = pool_.Create();
   if (node == nullptr || !node->event.Assign(event)) return oxEventEnqueueResult::kNoMemory;
 
@@ -65,7 +65,7 @@ oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& e
       wake = (wait_mode_ == WaitMode::kBlocked || backlog_.IsHalfFull()) && ClaimWakeupLocked();
     }
   }
-  if (wake) not_empty_.NotifyOne();  // With the lock released, or the worker would wake up to wait for it.
+  if (wake) not_empty_.NotifyOne();  // With the lock released: the worker needs it to continue.
   if (node == nullptr) return result;
   node->Prefetch();
   if (result == oxEventEnqueueResult::kDisplacedOlder) drops_->Record(node->event.Get(), oxEventDrop::kDisplaced);
@@ -92,7 +92,7 @@ uint32_t oxEventQueue::Flush(uint32_t timeout_ms) {
   oxEventLock lock(mutex_);
   if (IsDrainedLocked()) return OXEVENT_OK;
   if (ClaimWakeupLocked()) not_empty_.NotifyOne();
-  // Wait for the count to change: by the time that this thread runs again, more events may be pending.
+  // Wait for the count to change, because more events may be pending by the time that this thread runs again.
   const uint64_t before = drained_count_;
   if (timeout_ms == 0) {
     while (drained_count_ == before) drained_.Wait(mutex_);
@@ -149,13 +149,14 @@ void oxEventQueue::Reset() {
   SignalIfDrainedLocked();
 }
 
-// Counts an event that is not queued.
+// Counts an event that is not queued. Returns why it is not.
 oxEventEnqueueResult oxEventQueue::RefuseLocked() {
   ++enqueue_count_;
   return IsAcceptingLocked() ? oxEventEnqueueResult::kDropped : oxEventEnqueueResult::kNotAccepting;
 }
 
-// *node becomes the event that was dropped for this one, or a free node, or null. Returns whether one was dropped.
+// Queues *node. If an older event is dropped for it, returns true, and *node becomes that event; otherwise *node
+// becomes a free node or null.
 bool oxEventQueue::AppendLocked(oxEventNodePtr* node) {
   ++enqueue_count_;
   oxEventNodePtr displaced = backlog_.Push(std::move(*node));
@@ -206,8 +207,8 @@ void oxEventQueue::WaitForWorkLocked(oxEventNodeStack* surplus) {
   wait_mode_ = WaitMode::kAwake;
 }
 
-// The same, but if the queue stays quiet for long enough, moves the free nodes to *surplus, to be freed with the lock
-// released.
+// Blocks in the same way, but if the queue stays quiet for long enough, moves the free nodes to *surplus, to be freed
+// with the lock released.
 void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
   const auto deadline = pool_.SurplusDeadline(enqueue_count_);
   while (wait_mode_ == WaitMode::kBlocked && !stop_requested_ && std::chrono::steady_clock::now() < deadline) {
@@ -216,10 +217,11 @@ void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
   if (wait_mode_ == WaitMode::kBlocked && !stop_requested_) pool_.Swap(surplus);
 }
 
-// Whether the worker waits: the caller, and nobody else, has to notify it.
+// Returns true if the worker is waiting and no other thread has claimed its wakeup: the caller must then notify it.
 bool oxEventQueue::ClaimWakeupLocked() { return std::exchange(wait_mode_, WaitMode::kAwake) != WaitMode::kAwake; }
 
-// Stops once there is something to do. Meanwhile submitters take new memory.
+// Frees surplus nodes until there is something else to do, and returns the rest to the pool. In the meantime,
+// submitters allocate new nodes.
 void oxEventQueue::ReleaseSurplus(oxEventNodeStack* surplus) {
   pool_.Shrink(surplus, [this] {
     oxEventLock lock(mutex_);

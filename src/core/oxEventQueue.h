@@ -11,19 +11,19 @@
 #include "core/oxEventDropLedger.h"
 #include "core/oxEventNodePool.h"
 
-// What Enqueue has done with an event.
+// What Enqueue did with an event.
 enum class oxEventEnqueueResult {
   kQueued,
   kDisplacedOlder,  // Queued; the queue was full, and the oldest event below warning was dropped for it.
   kDropped,         // Not queued: the queue is full.
-  kNoMemory,        // Dropped: there is no memory for the copy.
-  kNotAccepting,    // Not queued, and no drop: the queue is not running.
+  kNoMemory,        // Not queued: there is no memory for the copy.
+  kNotAccepting,    // Not queued, and not recorded as a drop: the queue is not running.
 };
 
-// The bounded first-in-first-out hand-over from the submitting threads to the worker: a monitor around the backlog and
-// the memory of its events. Owns copies of the events. Also knows the active event, which the worker has taken and not
-// completed, so that a flush waits for what has really been delivered. Records every drop in the ledger.
-// Threads: WaitPop and CompleteActiveEvent the worker, everything else any.
+// The bounded first-in-first-out queue between the submitting threads and the worker: guards the backlog and its memory
+// with one lock. Owns copies of the events. Also tracks the active event, which the worker has taken but not completed,
+// so that a flush waits until that event is delivered too. Records every drop in the ledger.
+// Threads: only the worker calls WaitPop and CompleteActiveEvent; any thread calls the rest.
 class oxEventQueue {
  public:
   // `drops` outlives the queue. `timed_wait`: see WaitMode.
@@ -36,38 +36,38 @@ class oxEventQueue {
   // Starts to accept events, with an empty backlog. Capacity 0 counts as 1.
   void Start(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
 
-  // Changes a running queue. Returns the number of pending events that were dropped to fit.
+  // Reconfigures a running queue. Returns the number of pending events that were dropped because they did not fit.
   uint32_t Configure(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
 
-  // Queues a copy; never waits for space. *node_cache, which may be null, is memory that the calling thread keeps
-  // between its events: the copy goes into it, before the lock is taken, and the queue puts another free node there.
-  // Never throws: a thread's first exception may need memory too.
+  // Queues a copy; never waits for space. *node_cache, which may be null, is a free node that the calling thread keeps
+  // between its events, so that the event can be copied before the lock is taken. It becomes another free node or null.
+  // Never throws: a thread's first exception needs memory itself.
   oxEventEnqueueResult Enqueue(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) OX_EXCLUDES(mutex_);
 
-  // Completes the active event, if there is one, waits for the next and takes the oldest; the worker may change it.
-  // Null: a stop was requested, and nothing is left.
+  // Completes the active event, if there is one, then waits for an event and takes the oldest; the worker may modify
+  // it. Returns null if a stop was requested and no event is left.
   oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
-  // The event from WaitPop is delivered, and no longer valid. For a worker that ends without another WaitPop.
+  // Completes the active event, which becomes invalid. For a worker that ends without calling WaitPop again.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
 
-  // Waits for a moment at which nothing is pending or active, at most timeout_ms milliseconds (0: without limit).
+  // Waits until no event is pending or active, at most timeout_ms milliseconds (0: no limit).
   // Returns 0 or OXEVENT_FAILURE.
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   bool HasPending() OX_EXCLUDES(mutex_);
-  // The number of Enqueue calls except those without memory. Start and Reset do not set it back.
+  // The number of Enqueue calls, except those that returned kNoMemory. Start and Reset do not set it to 0.
   uint64_t EnqueueCount() OX_EXCLUDES(mutex_);
 
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
   uint64_t DropPending() OX_EXCLUDES(mutex_);  // Returns the number of events dropped.
-  void Reset() OX_EXCLUDES(mutex_);            // Back to the state before Start. Call when the worker has ended.
+  void Reset() OX_EXCLUDES(mutex_);  // Restores the state before Start. The worker must have ended or be exiting.
 
  private:
-  // How the worker waits. Waking a blocked thread costs a submitter twenty times what queueing an event does. So after
-  // an event the worker first waits for a fixed time: events that come meanwhile wake nobody, unless the backlog
-  // becomes half full. If none came, it blocks until one does.
+  // How the worker waits. Waking a blocked thread costs a submitter twenty times as much as queueing an event. After an
+  // event, the worker therefore first waits for a fixed time, during which a new event does not wake it unless the
+  // backlog becomes half full. If no event arrived, the worker then blocks until one arrives.
   enum class WaitMode { kAwake, kTimed, kBlocked };
 
   oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
@@ -87,21 +87,22 @@ class oxEventQueue {
   bool IsAcceptingLocked() const OX_REQUIRES(mutex_) { return accepting_ && !stop_requested_; }
   bool IsDrainedLocked() const OX_REQUIRES(mutex_) { return backlog_.IsEmpty() && active_count_ == 0; }
   void SignalIfDrainedLocked() OX_REQUIRES(mutex_);
-  size_t MaxFreeNodesLocked() const OX_REQUIRES(mutex_) { return size_t{backlog_.Capacity()} + 1; }  // 1: the active.
+  // One node more than the capacity, for the active event.
+  size_t MaxFreeNodesLocked() const OX_REQUIRES(mutex_) { return size_t{backlog_.Capacity()} + 1; }
 
   oxEventDropLedger* const drops_;
   const std::chrono::steady_clock::duration timed_wait_;
-  oxEventNodePool pool_;  // Owns the memory of all nodes: declared first, destroyed last. See there for its locks.
+  oxEventNodePool pool_;  // Owns the memory of all nodes: declared first, destroyed last. For locks see its class.
   oxEventMutex mutex_;
   oxEventBacklog backlog_ OX_GUARDED_BY(mutex_);
   uint64_t enqueue_count_ OX_GUARDED_BY(mutex_) = 0;
   uint32_t active_count_ OX_GUARDED_BY(mutex_) = 0;
-  uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // How often a change left nothing pending or active.
+  uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // Number of changes that left nothing pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
-  WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kAwake;  // Whoever sets it to kAwake wakes the worker.
-  bool had_event_ OX_GUARDED_BY(mutex_) = false;                 // Since the worker last waited.
+  WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kAwake;  // See ClaimWakeupLocked.
+  bool had_event_ OX_GUARDED_BY(mutex_) = false;  // Whether the worker took an event since it last waited.
   oxEventCondition not_empty_;
   oxEventCondition drained_;
-  oxEventNodePtr active_;  // The worker's. A queue that is reset by an exiting worker keeps it, but counts it no more.
+  oxEventNodePtr active_;  // Only the worker uses it. Kept by a Reset on an exiting worker, but no longer counted.
 };

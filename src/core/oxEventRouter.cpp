@@ -16,8 +16,8 @@ namespace {
 
 bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
 
-// Waits until nothing is queued or in delivery. A service manager may kill the process in the meantime, so the rows of
-// delivered events are written to their files regularly, in case a sink stalls.
+// Waits until no event is queued or in delivery. If a sink stalls, a service manager may kill the process in the
+// meantime, so the rows of delivered events are written to their files at regular intervals.
 uint32_t Drain(oxEventQueue* queue, uint32_t timeout_ms) {
   constexpr int64_t kFlushIntervalMs = 500;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -38,7 +38,7 @@ uint32_t oxEventRouter::Start(const oxEventConfig* config) {
   if (running_ != nullptr) return OXEVENT_ALREADY_INITIALIZED;
   if (closed_) return OXEVENT_NOT_INITIALIZED;  // The process is exiting.
   auto run = std::make_shared<Run>();
-  retired_.reserve(retired_.size() + 1);  // So that the worker can retire its run without memory.
+  retired_.reserve(retired_.size() + 1);  // So that Stop on the worker needs no memory.
   run->Configure(*config);
   run->state.Configure(*config);
   run->queue.Start(config->queue_size, config->drop_policy);
@@ -105,7 +105,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     result = oxEventSinkFlush(timeout_ms);
   }
   run->queue.RequestStop();
-  if (run->IsWorker()) return result;  // It ends when its callback returns; Reap joins it.
+  if (run->IsWorker()) return result;  // The worker ends when its callback returns; Reap joins it.
   oxEventSinkTryFlush();
   run->JoinWorker();
   run->queue.Reset();
@@ -143,7 +143,7 @@ oxEventCounters oxEventRouter::GetCounters() {
   const SharedRun run = LastRun();
   if (run == nullptr) return {};
   const oxEventDropCounts drops = run->drops.Counts();
-  // The queue did not count these.
+  // EnqueueCount does not include these.
   const uint64_t not_enqueued =
       drops[static_cast<size_t>(oxEventDrop::kFiltered)] + drops[static_cast<size_t>(oxEventDrop::kNoMemory)];
   return {run->queue.EnqueueCount() + not_enqueued,
@@ -160,7 +160,7 @@ void oxEventRouter::Close() {
     closed_ = true;
   }
   Stop(0);
-  // No run is added from here on.
+  // closed_ prevents new runs.
   SharedRun last;
   std::vector<SharedRun> runs;
   {
@@ -168,7 +168,7 @@ void oxEventRouter::Close() {
     last.swap(run_);
     runs.swap(retired_);
   }
-  // End all runs before joining any: a callback in one may be waiting for the events of another.
+  // End all runs before joining any: a callback in one run may be waiting for the events of another run.
   if (last != nullptr) End(*last);
   for (const SharedRun& run : runs) End(*run);
   oxEventSinkTryFlush();
@@ -176,14 +176,15 @@ void oxEventRouter::Close() {
   for (SharedRun& run : runs) Join(&run);
 }
 
-// Unblocks a Stop in which another thread may be waiting. The event in delivery on an exiting worker never completes.
+// Drops the pending events and ends the worker. Also unblocks a Stop in which another thread may be waiting: if the
+// worker is the exiting thread, the event in delivery never completes, so the queue is reset.
 void oxEventRouter::End(Run& run) {
   run.queue.DropPending();
   run.queue.RequestStop();
   if (run.IsWorker()) run.queue.Reset();
 }
 
-// Joins the worker and releases the run, unless the worker is the exiting thread, which still uses the run.
+// Joins the worker. If the worker is the exiting thread, which still uses the run, keeps the run instead.
 void oxEventRouter::Join(SharedRun* run) {
   if (!(*run)->IsWorker()) return (*run)->JoinWorker();
   oxEventLock lock(mutex_);

@@ -16,7 +16,7 @@
 // While no call is under way, submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED)
 //   + failed evaluations + pending + active.
 struct oxEventCounters {
-  uint64_t submitted = 0;      // Calls of Submit while running, before any filter.
+  uint64_t submitted = 0;      // Submit calls while running, before any filter.
   uint64_t emitted = 0;        // Passed to the sinks, whether or not they succeeded.
   uint64_t dropped = 0;        // The sum of drops_by_reason.
   uint64_t sink_failures = 0;  // One for each event and failed sink, and one for each failed evaluation.
@@ -24,46 +24,46 @@ struct oxEventCounters {
   oxEventDropCounts drops_by_reason = {};
 };
 
-// Connects the queue, the state and the sinks: owns the worker thread and the counters. The time from Start to Stop is
+// Connects the queue, the state and the sinks; owns the worker thread and the counters. The time from Start to Stop is
 // a run. Each run has its own worker, queue and state, so that a worker whose callback has shut the library down can
 // finish its event while the next run has already started.
-// Threads: Start, Stop and ReloadConfig one at a time, the others any. Returns OXEVENT_NOT_INITIALIZED when not
-// running.
+// Threads: only one at a time calls Start, Stop or ReloadConfig; any thread calls the rest. Functions that need a run
+// return OXEVENT_NOT_INITIALIZED when there is none.
 class oxEventRouter {
  public:
   constexpr oxEventRouter() = default;
   oxEventRouter(const oxEventRouter&) = delete;
   oxEventRouter& operator=(const oxEventRouter&) = delete;
 
-  // Starts a run with zeroed counters and no raised condition. Returns OXEVENT_INVALID_ARGUMENT without a configuration
-  // or with queue_size 0, OXEVENT_ALREADY_INITIALIZED when running. Throws when there is no thread or no memory; then
-  // nothing has changed.
+  // Starts a run with zeroed counters and no raised condition. Returns OXEVENT_INVALID_ARGUMENT if `config` is null or
+  // its queue_size 0, OXEVENT_ALREADY_INITIALIZED when running, OXEVENT_NOT_INITIALIZED after Close. Throws, and
+  // changes nothing, if the worker cannot be started or there is no memory.
   uint32_t Start(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
-  // Filters the event and queues a copy. Returns 0 for a dropped event too, OXEVENT_FAILURE when there is no memory.
+  // Filters the event and queues a copy. Returns 0 for a dropped event too, but OXEVENT_FAILURE if there is no memory.
   // Never waits for the worker, and does not throw.
   uint32_t Submit(const oxEventNormalizedEvent& event);
 
-  // Waits until everything is delivered, at most timeout_ms milliseconds (0: without limit), then flushes the sinks
-  // with the same timeout. On the worker, does not wait and returns OXEVENT_FAILURE if events are pending.
+  // Waits until all events are delivered, at most timeout_ms milliseconds (0: no limit), then flushes each sink with
+  // the same timeout. On the worker, does not wait and returns OXEVENT_FAILURE if events are pending.
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   // Delivers the queued events, for at most timeout_ms milliseconds (0: drops them), waits for the event in delivery
-  // and ends the worker. Returns OXEVENT_FAILURE if events were dropped. On the worker, drops the queued events; the
-  // worker ends when its callback returns.
+  // and ends the worker. Returns OXEVENT_FAILURE if events were dropped, the delivery timed out or a sink could not be
+  // flushed. On the worker, drops the queued events; the worker ends when its callback returns.
   uint32_t Stop(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
-  // Keeps the queued events that fit into the new capacity, and the raised conditions.
+  // Keeps the raised conditions, and as many queued events as fit into the new capacity.
   uint32_t ReloadConfig(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
-  // Frees the runs whose worker has returned from the callback that stopped it. Joins these threads without a lock
-  // held: they may still run code of the host.
+  // Frees the runs whose worker has returned from the callback that stopped it. Joins these workers without a lock
+  // held, because a thread that ends may still run code of the host.
   void Reap() OX_EXCLUDES(mutex_);
 
   // The counters of the current run or, if there is none, of the last one. Not an atomic snapshot.
   oxEventCounters GetCounters() OX_EXCLUDES(mutex_);
 
-  // Stops for good, at unload and process exit. Drops the queued events and waits for every worker, also for one that
+  // Stops for good, at unload and process exit. Drops the queued events and waits for every worker, including one that
   // another thread is stopping, but not for the calling thread if it is a worker.
   void Close() OX_EXCLUDES(mutex_);
 
@@ -77,18 +77,18 @@ class oxEventRouter {
   void Join(SharedRun* run) OX_EXCLUDES(mutex_);
 
   oxEventSubmitSlots slots_;
-  std::atomic<Run*> running_ = nullptr;  // Written with mutex_ held. Submit reads it with a slot held, and no lock.
+  std::atomic<Run*> running_ = nullptr;  // Written with mutex_ held. Submit reads it with only a slot held.
 
-  // Not held while the queue, the state or the sinks are called, except those of a new run in Start.
+  // Not held while the queue, the state or the sinks are called, except for the queue and state of a new run in Start.
   oxEventMutex mutex_;
   SharedRun run_ OX_GUARDED_BY(mutex_);  // Kept after Stop, for its counters.
   bool closed_ OX_GUARDED_BY(mutex_) = false;
-  // Runs that were stopped by their own worker, until that thread can be joined.
+  // Runs that were stopped on their own worker, until that worker can be joined.
   std::vector<SharedRun> retired_ OX_GUARDED_BY(mutex_);
   SharedRun exiting_ OX_GUARDED_BY(mutex_);  // The run whose worker called exit.
 };
 
-// The process's one router, and its functions under their own names.
+// The router of the process, and functions that call its methods.
 oxEventRouter& oxEventCoreRouter();
 uint32_t oxEventCoreStart(const oxEventConfig* config);
 uint32_t oxEventCoreStop(uint32_t timeout_ms);

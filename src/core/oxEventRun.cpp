@@ -9,16 +9,16 @@
 
 namespace {
 
-// Completes the active event on every way out of the worker, unwinding included, except in the child of a fork in a
-// callback, where there is no worker.
-class WorkerEnd {
+// Completes the active event however the worker ends, including by unwinding. Does nothing in the child if a callback
+// has forked: the queue belongs to the parent.
+class ActiveEventGuard {
  public:
-  explicit WorkerEnd(oxEventQueue& queue) : queue_(queue) {}
-  ~WorkerEnd() {
+  explicit ActiveEventGuard(oxEventQueue& queue) : queue_(queue) {}
+  ~ActiveEventGuard() {
     if (!IsInChild()) queue_.CompleteActiveEvent();
   }
-  WorkerEnd(const WorkerEnd&) = delete;
-  WorkerEnd& operator=(const WorkerEnd&) = delete;
+  ActiveEventGuard(const ActiveEventGuard&) = delete;
+  ActiveEventGuard& operator=(const ActiveEventGuard&) = delete;
 
   bool IsInChild() const { return g_oxEventForkCount != forks_; }
 
@@ -46,15 +46,15 @@ void oxEventRouter::Run::JoinWorker() {
 
 void oxEventRouter::Run::RouterMain() {
   oxEventPlatformNameThread("oxEvent");
-  // The first exception of a thread may allocate, and without memory that ends the process. So allocate now, not during
-  // a delivery.
+  // A thread's first exception allocates memory, and if there is none, the process is ended. So allocate now, not
+  // during a delivery.
   ready_ = abi::__cxa_get_globals() != nullptr;
   ready_.notify_one();
   const oxEventCancelBlock cancel_block;  // A callback could cancel this thread.
-  const WorkerEnd end(queue);
+  const ActiveEventGuard guard(queue);
   while (oxEventNormalizedEvent* event = queue.WaitPop()) {
     Deliver(event);
-    if (end.IsInChild()) return;
+    if (guard.IsInChild()) return;
   }
   ended_ = true;
 }
@@ -65,7 +65,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   try {
     status = state.Evaluate(*event, event, &emit);
   } catch (...) {
-    // There is no memory: counts as a failed evaluation.
+    // No memory: this counts as a failed evaluation.
     emit = true;
   }
   if (!emit) {

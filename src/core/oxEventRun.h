@@ -6,18 +6,20 @@
 #include "base/oxEventSeverity.h"
 #include "core/oxEventRouter.h"
 
-// What exists from a Start to its Stop of the router. The last reference may be dropped only after the worker has been
-// joined; the child of a fork never drops it.
+// One run of the router: its worker, queue, state and counters. The last reference may be dropped only after the worker
+// has been joined; the child of a fork never drops it.
 class oxEventRouter::Run {
  public:
   Run() = default;
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
 
-  // Starts the worker, which blocks every signal, so that no handler of the host runs on it. Returns once it is ready.
+  // Starts the worker, which blocks every signal, so that no handler of the host runs on it. Returns once the
+  // worker is ready.
   void StartWorker();
   void JoinWorker() OX_EXCLUDES(join_mutex_);
-  // Whether the calling thread is the worker. False once the worker has been joined: another thread may have its id.
+  // Whether the calling thread is the worker. False once the worker has been joined: another thread may
+  // have the same id then.
   bool IsWorker() const { return worker_id_.load() == std::this_thread::get_id(); }
   bool HasEnded() const { return ended_; }
 
@@ -36,8 +38,8 @@ class oxEventRouter::Run {
   void RouterMain();
   void Deliver(oxEventNormalizedEvent* event);
 
-  std::atomic<uint32_t> minimum_ = UINT32_MAX;  // Minimum severity. No event has this initial value.
-  oxEventMutex join_mutex_;                     // A stop and the exit of the process may both join.
+  std::atomic<uint32_t> minimum_ = UINT32_MAX;  // Minimum severity. At first no event passes.
+  oxEventMutex join_mutex_;                     // Stop and Close may both join the worker.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);
   std::atomic<std::thread::id> worker_id_;
   std::atomic<bool> ready_ = false;

@@ -7,7 +7,7 @@ enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 
 namespace {
 
-// Up to eight letters in one number, which does not depend on their case.
+// Packs up to eight letters into one number, which does not depend on their case.
 constexpr uint64_t Packed(std::string_view text) {
   constexpr uint64_t kLowerCase = 0x20;
   uint64_t packed = 0;
@@ -135,7 +135,7 @@ bool oxEventState::DecideLocked(Action action, const oxEventNormalizedEvent& eve
   if (raised != nullptr) oxEventActiveTable::PrefetchTexts(raised);
   if (!update) BuildSignature(event, &signature_);
   if (!due && oxEventActiveTable::Signature(raised) == signature_) return false;
-  // Insert and Update throw when there is no memory, before they change anything: the event is then a failed
+  // If there is no memory, Insert and Update throw before they change anything, and the event counts as a failed
   // evaluation.
   if (raised == nullptr) {
     active_.Insert(hash, key, signature_, event.utc_ns);

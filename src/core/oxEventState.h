@@ -9,9 +9,10 @@
 #include "config/oxEventConfig.h"
 #include "core/oxEventActiveTable.h"
 
-// Remembers the raised conditions and decides by them about each event: suppresses a duplicate until the repeat
-// interval has passed, turns a late duplicate into a "repeat" and an update of an unknown condition into a "raise", and
-// lets a clear through if configured to. Threads: the worker calls Evaluate, any thread the rest.
+// Keeps the raised conditions and decides which events go to the sinks: suppresses a duplicate until the repeat
+// interval has passed and then turns a "raise" into a "repeat", turns an "update" of a condition that is not raised
+// into a "raise", and lets a "clear" through if configured to. Threads: the worker calls Evaluate, any thread calls the
+// rest.
 class oxEventState {
  public:
   oxEventState() = default;
@@ -24,15 +25,15 @@ class oxEventState {
   // Forgets the raised conditions.
   void Reset() OX_EXCLUDES(mutex_);
 
-  // Copies the event to *out, which may be the event itself, perhaps with another action, and sets *route to whether it
-  // goes on to the sinks. Returns OXEVENT_INVALID_ARGUMENT if either is null. Throws when there is no memory; then no
-  // condition has changed.
+  // Copies the event to *out, which may be the event itself, and changes the action there if necessary. Sets *route to
+  // whether the event goes on to the sinks. Returns OXEVENT_INVALID_ARGUMENT if `out` or `route` is null. Throws, and
+  // changes no condition, if there is no memory.
   uint32_t Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) OX_EXCLUDES(mutex_);
 
   // The key of the event's condition: its dedupe_key or, if that is empty, source_id ":" event_type.
   static void BuildKey(const oxEventNormalizedEvent& event, std::string* key);
 
-  // Two events with equal signatures report the same. Contains every field except the id and the time stamps.
+  // Events with equal signatures report the same. A signature contains all fields except event_id, utc_ns and ptp_ns.
   static void BuildSignature(const oxEventNormalizedEvent& event, std::string* signature);
 
  private:
@@ -50,6 +51,6 @@ class oxEventState {
   bool route_orphan_clear_ OX_GUARDED_BY(mutex_) = false;
   uint64_t repeat_interval_ns_ OX_GUARDED_BY(mutex_) = 1'800'000'000'000;
   oxEventActiveTable active_ OX_GUARDED_BY(mutex_);
-  std::string key_ OX_GUARDED_BY(mutex_);  // Of an event without a dedupe_key. Both buffers are reused.
+  std::string key_ OX_GUARDED_BY(mutex_);  // Buffers that are reused for each event.
   std::string signature_ OX_GUARDED_BY(mutex_);
 };

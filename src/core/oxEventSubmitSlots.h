@@ -11,8 +11,8 @@
 
 #include "core/oxEventNode.h"
 
-// Lets Submit use the running run without a lock: each submitting thread holds a slot for the time of its call, and a
-// stop waits until all slots that were held are free again. A slot also keeps memory for the next event of its thread.
+// Lets Submit use the current run without a lock: each submitting thread holds a slot during its call, and a stop waits
+// until all slots that were held are free again. A slot also caches a node for the next event submitted through it.
 // Any thread.
 class oxEventSubmitSlots {
  private:
@@ -23,7 +23,8 @@ class oxEventSubmitSlots {
   using Slots = std::array<Slot, 32>;
 
  public:
-  // Holds one slot: mostly the same one for the same thread, else the next that is free. Waits while all are held.
+  // Holds one slot: the one that the thread's id selects or, if it is held, the next free slot. Waits while all slots
+  // are held.
   class Lease {
    public:
     explicit Lease(oxEventSubmitSlots* slots) : slot_(Acquire(&slots->slots_)) {}
@@ -31,7 +32,7 @@ class oxEventSubmitSlots {
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
 
-    // Memory for the next event; may be null.
+    // The node that the slot caches; *NodeCache() may be null.
     oxEventNodePtr* NodeCache() const { return &slot_.node; }
 
    private:
@@ -53,7 +54,7 @@ class oxEventSubmitSlots {
   oxEventSubmitSlots(const oxEventSubmitSlots&) = delete;
   oxEventSubmitSlots& operator=(const oxEventSubmitSlots&) = delete;
 
-  // Waits until every lease that was held when the call began has ended, and frees the memory that the slots keep. Does
+  // Waits until every lease that was held when the call began has ended, and frees the nodes that the slots cache. Does
   // not wait for the calling thread's own lease: a signal handler that exits may have interrupted its Submit.
   void WaitForInFlightSubmits();
 
