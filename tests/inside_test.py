@@ -1,5 +1,11 @@
-"""What gdb shows of a process and of its core, and the trace points: inside_test.py [-v] [Test.test_NAME...]."""
-import os, re, shutil, subprocess, sys, tempfile, unittest
+"""What gdb shows of a process and of its core, and the trace points: inside_test.py [-v] [InsideTest.test_NAME...]."""
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -8,27 +14,32 @@ from receivers import write_settings
 
 PYTHON = os.path.realpath(sys.executable)
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
-ARGUMENTS = {"submit": 3, "drop": 4, "emit": 3, "sink_failure": 3, "flush": 1}
-SETTINGS = {"core": {"queue_size": 4, "drop_policy": "drop_debug_info_first"}, "sink\\native\\main": {"enabled": 0},
-            "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}}  # Which it may not send to.
-IDLE = "import ctypes, os, sys; ctypes.CDLL(os.environ['OXEVENT_LIBRARY']); print(flush=True); input()"
-OTHER = "print(flush=True); input()"
-# Something of everything: a condition, and a full queue behind a callback that does not return.
-BUSY = """
+TRACE_POINTS = {"submit": 3, "drop": 4, "emit": 3, "sink_failure": 3, "flush": 1}  # Each with its number of arguments.
+WITHOUT_LIBRARY = "print(flush=True); input()"
+IDLE = "import ctypes, os; ctypes.CDLL(os.environ['OXEVENT_LIBRARY']); print(flush=True); input()"
+# A raised condition, and a full queue behind a callback that does not return.
+BUSY = r"""
 import oxevent, sys, threading
 oxevent.initialize(sys.argv[1])
 for _ in range(2):
     oxevent.submit("Fan 2", severity=2, action="raise", dedupe_key=50 * "fan-2/", utc_ns=10**18 + 1, event_id=98)
     oxevent.flush()
 entered = threading.Event()
-oxevent.register_callback(lambda event: (entered.set(), threading.Event().wait()))
-oxevent.submit("in delivery", event_id=99), entered.wait()
+
+def block(event):
+    entered.set()
+    threading.Event().wait()
+
+oxevent.register_callback(block)
+oxevent.submit("in delivery", event_id=99)
+entered.wait()
 for number, severity in enumerate((0, 1, 1, 2, 3, 3, 1, 3, 2)):
-    oxevent.submit("door\\n%d é" % number, severity=severity, event_id=100 + number, action="raise")
+    oxevent.submit(f"door\n{number} é", severity=severity, event_id=100 + number, action="raise")
 print(flush=True)
-for line in sys.stdin: oxevent.submit(line, event_id=200)
+for line in sys.stdin:
+    oxevent.submit(line, event_id=200)
 """
-STATE = f"""counters: 12 submitted, 1 emitted, 6 dropped, 1 sink failures, 0 sink warnings
+BUSY_STATE = f"""counters: 12 submitted, 1 emitted, 6 dropped, 1 sink failures, 0 sink warnings
 dropped: 1 filtered, 1 refused, 3 displaced, 1 suppressed
 queue: 4 of 4 pending, drop debug info first; 1 in delivery
   id 103, warning, raise: door\\n3 é
@@ -41,66 +52,77 @@ sinks:
   sink\\syslog\\udp noc: 2 failures, the last: oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13
   callbacks: no failure
 """
+IDLE_STATE = """oxEvent is not initialized; the following is from the last run, if any
+counters: none yet
+queue: none yet
+conditions: 0 raised
+sinks: none
+"""
 
 
-class Test(unittest.TestCase):
+class InsideTest(unittest.TestCase):
+    maxDiff = None
+
     def setUp(self):
-        self.folder = self.enterContext(tempfile.TemporaryDirectory())
-        self.settings = f"{self.folder}/settings.xml"
-        write_settings(self.settings, SETTINGS)
+        self.directory = self.enterContext(tempfile.TemporaryDirectory())
+        self.settings = f"{self.directory}/settings.xml"
+        write_settings(self.settings, {
+            "core": {"queue_size": 4, "drop_policy": "drop_debug_info_first"},
+            "sink\\native\\main": {"enabled": 0},
+            "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Sending to it is not permitted.
 
-    def host(self, script, library=LIBRARY):
+    def start_host(self, script, library=LIBRARY):
         environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "OXEVENT_LIBRARY": str(library)}
         host = subprocess.Popen([PYTHON, "-Bc", script, self.settings], env=environment, text=True,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        for step in (host.stdin.close, host.stdout.close, host.wait, host.kill):  # From the last.
-            self.addCleanup(step)
+        self.enterContext(host)
+        self.addCleanup(host.kill)
         self.assertEqual(host.stdout.readline(), "\n")
-        return host
+        return str(host.pid)
 
     def gdb(self, *arguments, commands=("oxevent",)):
-        script = ["-nx", "-batch", "-iex", "set debuginfod enabled off", "-x", f"{ROOT}/tools/oxevent-gdb.py"]
-        commands = [word for command in commands for word in ("-ex", command)]
-        ended = subprocess.run(["gdb", *arguments, *script, *commands], capture_output=True, text=True, check=False)
-        return ended.stdout + ended.stderr
+        options = ["-nx", "-batch", "-iex", "set debuginfod enabled off", "-x", f"{ROOT}/tools/oxevent-gdb.py"]
+        for command in commands:
+            options += ["-ex", command]
+        done = subprocess.run(["gdb", *arguments, *options], capture_output=True, text=True, check=False)
+        return done.stdout + done.stderr
 
-    def test_process_and_core(self):
-        host = self.host(BUSY)
-        expected = f"oxEvent is initialized with {self.settings}\n" + STATE
-        self.assertIn(expected, self.gdb("-p", str(host.pid)))
-        core = f"{self.folder}/core"
-        self.gdb("-p", str(host.pid), commands=[f"generate-core-file {core}"])
+    def test_shows_the_state_of_a_process_and_of_a_core(self):
+        pid = self.start_host(BUSY)
+        core = f"{self.directory}/core"
+        expected = f"oxEvent is initialized with {self.settings}\n{BUSY_STATE}"
+        self.assertIn(expected, self.gdb("-p", pid, commands=["oxevent", f"generate-core-file {core}"]))
         self.assertIn(expected, self.gdb(PYTHON, core))
 
     def test_trace_points_have_their_arguments(self):
         notes = subprocess.run(["readelf", "-n", LIBRARY], capture_output=True, text=True, check=True).stdout
         found = re.findall(r"Provider: oxevent\n +Name: (\w+)\n.*\n +Arguments: (.*)", notes)
-        self.assertEqual({(name, len(arguments.split())) for name, arguments in found}, set(ARGUMENTS.items()))
-        host = self.host(BUSY)
-        shown = self.gdb("-p", str(host.pid), commands=[
-            "break -probe-stap oxevent:drop", "break -probe-stap oxevent:submit",
-            f"shell echo one more > /proc/{host.pid}/fd/0",
-            "continue", r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3',
-            "continue", r'printf "%lu %lu %lu\n", $_probe_arg0, $_probe_arg1, $_probe_arg2'])
+        self.assertEqual({(name, len(arguments.split())) for name, arguments in found}, set(TRACE_POINTS.items()))
+        pid = self.start_host(BUSY)
+        shown = self.gdb("-p", pid, commands=[
+            "break -probe-stap oxevent:drop",
+            "break -probe-stap oxevent:submit",
+            f"shell echo one more > /proc/{pid}/fd/0",
+            "continue",
+            r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3',
+            "continue",
+            r'printf "%lu %lu %lu\n", $_probe_arg0, $_probe_arg1, $_probe_arg2'])
         self.assertRegex(shown, r"(?s)\n200 1 2 refused\n.*\n0 200 1\n")
 
     def test_says_what_is_missing(self):
-        plain = Path(self.folder, LIBRARY.name)
-        subprocess.run(["strip", "-g", "-o", plain, LIBRARY], check=True)
-        shutil.copy(LIBRARY.with_name("liboxutil.so"), self.folder)
-        for script, library, expected in (
-                (OTHER, LIBRARY, "liboxEvent.so is not loaded in this process\n"),
-                (IDLE, plain, f"{plain.resolve()} has no debug information: install liboxevent1-dbgsym"),
-                (IDLE, LIBRARY, "oxEvent is not initialized; the following is from the last run, if any\n"
-                                "counters: none yet\nqueue: none yet\nconditions: 0 raised\nsinks: none\n")):
-            with self.subTest(expected):
-                shown = self.gdb("-p", str(self.host(script, library).pid))
-                self.assertIn(expected, shown)
-                self.assertNotIn("Traceback", shown)
-        upgraded = Path(shutil.copy(LIBRARY, f"{self.folder}/upgraded-{LIBRARY.name}"))
-        host = self.host(IDLE, upgraded)
-        plain.replace(upgraded)
-        self.assertIn(f"{upgraded} is not the file that the process has loaded", self.gdb("-p", str(host.pid)))
+        stripped = Path(self.directory, LIBRARY.name)
+        subprocess.run(["strip", "-g", "-o", stripped, LIBRARY], check=True)
+        shutil.copy(LIBRARY.with_name("liboxutil.so"), self.directory)
+        replaced = Path(shutil.copy(LIBRARY, f"{self.directory}/replaced-{LIBRARY.name}"))
+        pid_of_replaced = self.start_host(IDLE, replaced)
+        shutil.copy(stripped, f"{replaced}.new")
+        os.rename(f"{replaced}.new", replaced)
+        for pid, expected in (
+                (self.start_host(WITHOUT_LIBRARY), "liboxEvent.so is not loaded in this process\n"),
+                (self.start_host(IDLE), IDLE_STATE),
+                (self.start_host(IDLE, stripped), f"{stripped} has no debug information: install liboxevent1-dbgsym"),
+                (pid_of_replaced, f"{replaced} is not the file that the process has loaded")):
+            self.assertIn(expected, self.gdb("-p", pid))
         self.assertIn("there is no process", self.gdb())
         self.assertIn("'queue x' is none of counters, queue,", self.gdb(commands=["oxevent queue x"]))
 

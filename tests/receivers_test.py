@@ -1,44 +1,62 @@
 """Real receivers must understand every field of every event: receivers_test.py [-v] [Test.test_NAME...]."""
-import ctypes, dataclasses, json, os, re, socket, sys, tempfile, time, unittest
+import ctypes
+import dataclasses
+import json
+import os
+import re
+import socket
+import sys
+import tempfile
+import time
+import unittest
 from datetime import datetime, timezone
 
 sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../tools/python"]
-import oxevent, receivers
+import oxevent
+import receivers
 from receivers import octets, text
 
-TEXTS = [field.name for field in dataclasses.fields(oxevent.Event) if field.type == "str"]
+STRINGS = [field.name for field in dataclasses.fields(oxevent.Event) if field.type == "str"]
 SEVERITIES = ("debug", "info", "warning", "error")
+PRIORITIES = [str(21 * 8 + severity) for severity in (7, 6, 4, 3)]  # Of local5: RFC 5424, section 6.2.1.
+TRAP_BYTES = {
+    "event_id": 32, "event_type": 128, "source_id": 128, "source_name": 128, "action": 64, "message": 2048,
+    "dedupe_key": 256, "correlation_id": 128, "utc_ns": 32, "details_json": 2048}
 
 
 def make_events():
-    nasty = b'"q" [b] \\b\\ a=b, %s #012 \\u0041 \\n </x>&amp;' + bytes([*range(1, 32), 127]) + octets("é€𝄞")
-    for severity, all_texts in enumerate((b"", nasty, b"]", b"\xff\xc3(\xe2\x82\xed\xa0\x80\xc0\x80\xf4\x90\x80\x80")):
-        yield dict.fromkeys(TEXTS, all_texts) | {"severity": severity, "message": all_texts + b" \n\n"}
-    yield {"event_id": 2**64 - 1, "duration_ms": 2**64 - 2, "ptp_ns": 2**64 - 3, "pts": -(2**63), "utc_ns": 10**18 + 1,
-           "value": 1.7976931348623157e308, "threshold": -0.1, "source_id": b"numbers"}
-    for size in (31, 63, 127, 255):  # Where what traps and headers keep ends within a character.
-        yield {name: octets(name[0] + "é" * size) for name in TEXTS} | {"source_id": b"size %d" % size}
+    special = b'"q" [b] \\b\\ a=b, %s #012 \\u0041 \\n </x>&amp;' + bytes([*range(1, 32), 127]) + octets("é€𝄞")
+    not_utf_8 = b"\xff\xc3(\xe2\x82\xed\xa0\x80\xc0\x80\xf4\x90\x80\x80"
+    for severity, string in enumerate((b"", special, b"]", not_utf_8)):
+        yield dict.fromkeys(STRINGS, string) | {"severity": severity, "message": string + b" \n\n"}
+    yield {"event_id": 2**64 - 1, "duration_ms": 2**64 - 2, "ptp_ns": 2**64 - 3, "pts": -2**63, "utc_ns": 10**18 + 1,
+           "value": 1.7976931348623157e308, "threshold": -0.1}
+    for size in (31, 63, 127, 255):  # Truncating to 32, 64, 128 or 256 bytes would split a character.
+        yield {name: octets(name[0] + size * "é") for name in STRINGS if name != "source_id"}
 
 
-EVENTS = [dict.fromkeys(TEXTS, b"d") | {"event_id": number, "utc_ns": time.time_ns(), "ptp_ns": 1} | event
+DEFAULTS = dict.fromkeys(STRINGS, b"d") | {"ptp_ns": 1}
+EVENTS = [DEFAULTS | {"event_id": number, "utc_ns": time.time_ns(), "source_id": octets(f"event {number}")} | event
           for number, event in enumerate(make_events(), 1)]
-stamp = lambda ns: f"{datetime.fromtimestamp(ns // 10**9, timezone.utc):%Y-%m-%dT%H:%M:%S}.{ns % 10**9:09d}Z"
 
 
-def syslog(event):
-    parameters = {name: f"{value:g}" if type(value) is float else str(value) for name, value in event.items()}
-    token = lambda value: "".join(chr(b) if 33 <= b <= 126 else "_" for b in octets(value)) or "-"
-    number = event["severity"]
-    return parameters | {"severity": SEVERITIES[number], "pri": str(21 * 8 + (7, 6, 4, 3)[number]),
-                         "timestamp": stamp(event["utc_ns"]), "hostname": token(socket.gethostname()),
-                         "app_name": "the_app", "procid": str(os.getpid()), "msgid": token(event["event_type"])[:32]}
+def timestamp(ns):
+    return f"{datetime.fromtimestamp(ns // 10**9, timezone.utc):%Y-%m-%dT%H:%M:%S}.{ns % 10**9:09d}Z"
+
+
+def syslog_message(event):
+    def token(value):
+        return "".join(chr(byte) if 33 <= byte <= 126 else "_" for byte in octets(value)) or "-"
+    parameters = {name: f"{value:g}" if isinstance(value, float) else str(value) for name, value in event.items()}
+    return parameters | {
+        "severity": SEVERITIES[event["severity"]], "pri": PRIORITIES[event["severity"]],
+        "timestamp": timestamp(event["utc_ns"]), "hostname": token(socket.gethostname()), "app_name": "the_app",
+        "procid": str(os.getpid()), "msgid": token(event["event_type"])[:32]}
 
 
 def trap(event):
-    sizes = {"event_id": 32, "event_type": 128, "source_id": 128, "source_name": 128, "action": 64, "message": 2048,
-             "dedupe_key": 256, "correlation_id": 128, "utc_ns": 32, "details_json": 2048}
-    kept = {name: text(octets(str(event[name]))[:size]) for name, size in sizes.items()}
-    return kept | {"severity": str(event["severity"]), "severity_name": SEVERITIES[event["severity"]]}
+    objects = {name: text(octets(str(event[name]))[:size]) for name, size in TRAP_BYTES.items()}
+    return objects | {"severity": str(event["severity"]), "severity_name": SEVERITIES[event["severity"]]}
 
 
 def native_json(event):
@@ -46,19 +64,25 @@ def native_json(event):
     return event | {"severity": SEVERITIES[number], "severity_value": number, "severity_code": number}
 
 
-def cloud_event(event):  # Refused where CloudEvents 1.0 does not allow what the library passes on.
-    return {"refused": True} if re.search("[\1\udcff]", event["event_type"]) else {
+def cloud_event(event):
+    if re.search("[\1\udcff]", event["event_type"]):  # CloudEvents 1.0 does not allow it, but the library passes it on.
+        return {"refused": True}
+    return {
         "id": str(event["event_id"]), "source": "/plant/7", "type": event["event_type"] or "oxEvent.event",
-        "subject": "line-" + (event["source_id"] or event["event_type"] or "event"), "time": stamp(event["utc_ns"]),
+        "subject": "line-" + (event["source_id"] or event["event_type"] or "event"), "time": timestamp(event["utc_ns"]),
         "data": native_json(event)}
 
 
 class Test(unittest.TestCase):
+    maxDiff = None
+
     def running(self, receiver, settings={}):
-        file, off, debug = f"{receiver.directory}/settings.xml", {"enabled": 0}, {"minimum_severity": "debug"}
-        receivers.write_settings(file, {"core": debug, "state": off, "sink\\native\\main": off,
-                                        receiver.section: receiver.settings | debug | settings})
-        return oxevent.running(file)
+        debug = {"minimum_severity": "debug"}
+        off = {"enabled": 0}
+        sink = receiver.settings | debug | settings
+        path = f"{receiver.directory}/settings.xml"
+        receivers.write_settings(path, {"core": debug, "state": off, "sink\\native\\main": off, receiver.section: sink})
+        return oxevent.running(path)
 
     def deliver(self, receiver):
         for event in EVENTS:
@@ -66,43 +90,52 @@ class Test(unittest.TestCase):
         oxevent.flush()
         receivers.await_("the arrival", lambda: len(receiver.events()) >= len(EVENTS))
 
-    def check(self, kind, settings, expected, read=lambda got: got):
+    def check(self, kind, settings, expected, read=lambda received: received):
+        """Compares what the receiver has parsed with `expected` of each event, field by field."""
         sent = []
-        with tempfile.TemporaryDirectory() as folder, kind().start(folder) as receiver, self.running(receiver, settings):
+        directory = self.enterContext(tempfile.TemporaryDirectory())
+        with kind().start(directory) as receiver, self.running(receiver, settings):
             oxevent.register_callback(lambda event: sent.append({"version": 65536} | vars(event)))
             self.deliver(receiver)
-            for event, got in zip(sent, map(read, receiver.events()), strict=True):
-                self.assertEqual(got | expected(event), got)
+            for event, received in zip(sent, map(read, receiver.events()), strict=True):
+                for field, value in expected(event).items():
+                    with self.subTest(event_id=event["event_id"], field=field):
+                        self.assertEqual(received.get(field), value)
 
     def test_rsyslog(self):
-        self.check(receivers.Rsyslog, {"facility": "LOCAL5", "app_name": "the app"}, syslog)
+        self.check(receivers.Rsyslog, {"facility": "LOCAL5", "app_name": "the app"}, syslog_message)
 
     def test_snmptrapd(self):
         self.check(receivers.SnmpTrapd, {}, trap)
 
     def test_nginx(self):
-        head = {"status": "204", "method": "POST", "content_type": "application/json; charset=utf-8",
-                "accept": "application/json", "user_agent": "oxEvent/1.0", "authorization": "Bearer t"}
-        self.check(receivers.HttpReceiver, {"bearer_token": "t"}, lambda event: head | {"body": native_json(event)},
-                   lambda got: got | {"body": json.loads(got["body"])})
+        header = {
+            "status": "204", "method": "POST", "content_type": "application/json; charset=utf-8",
+            "accept": "application/json", "user_agent": "oxEvent/1.0", "authorization": "Bearer t"}
+        self.check(receivers.HttpReceiver, {"bearer_token": "t"}, lambda event: header | native_json(event),
+                   lambda received: received | json.loads(received["body"]))
 
     def test_cloudevents(self):
         self.check(receivers.CloudEventsReceiver, {"source": "/plant/7", "subject_prefix": "line-"}, cloud_event,
-                   lambda got: json.loads(got["body"]) if "body" in got else {"refused": True})
+                   lambda received: json.loads(received["body"]) if "body" in received else {"refused": True})
 
     def test_alertmanager(self):
-        posting = ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
-        posting.AlertPosterStart.restype, posting.AlertPosterStop.argtypes = ctypes.c_void_p, [ctypes.c_void_p]
-        with tempfile.TemporaryDirectory() as folder, receivers.Alertmanager().start(folder) as receiver:
-            poster = posting.AlertPosterStart(octets(receiver.url))
-            doors = lambda: "".join(sorted(alert["labels"]["source_id"] for alert in receiver.events()
-                                           if alert["labels"]["event_type"] == "door"))
+        library = ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
+        library.AlertPosterStart.restype = ctypes.c_void_p
+        library.AlertPosterStop.argtypes = [ctypes.c_void_p]
+        directory = self.enterContext(tempfile.TemporaryDirectory())
+        with receivers.Alertmanager().start(directory) as receiver:
+            def sources():
+                labels = [alert["labels"] for alert in receiver.events()]
+                return {label["source_id"] for label in labels if label["event_type"] == "door"}
+
+            poster = library.AlertPosterStart(octets(receiver.url))
             with self.running(receiver):
-                self.deliver(receiver)  # Alertmanager shows those that are well formed.
-                for action, source, shown in (("raise", "a", "a"), ("raise", "b", "ab"), ("clear", "a", "b")):
+                self.deliver(receiver)
+                for action, source, raised in (("raise", "a", "a"), ("raise", "b", "ab"), ("clear", "a", "b")):
                     oxevent.submit("m", event_type="door", action=action, source_id=source)
-                    receivers.await_(f"{action} of {source}", lambda: doors() == shown)
-            self.assertEqual(posting.AlertPosterStop(poster), 0)
+                    receivers.await_(f"{action} of {source}", lambda: sources() == set(raised))
+            self.assertEqual(library.AlertPosterStop(poster), 0)
 
 
 if __name__ == "__main__":
