@@ -39,7 +39,7 @@ class Relay(receivers.Receiver):
         return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "rsyslog-relay.conf"]
 
     def environment(self):
-        return {"OXEVENT_RELAY_FOLDER": str(self.directory), "OXEVENT_RELAY_PORT": str(self.port),
+        return {"OXEVENT_RELAY_DIRECTORY": str(self.directory), "OXEVENT_RELAY_PORT": str(self.port),
                 "OXEVENT_STORE_HOST": "127.0.0.1", "OXEVENT_STORE_PORT": str(self.store.port)}
 
     def waiting(self):
@@ -52,7 +52,7 @@ class Store(receivers.Receiver):
         return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "rsyslog-store.conf"]
 
     def environment(self):
-        return {"OXEVENT_STORE_FOLDER": str(self.directory), "OXEVENT_STORE_PORT": str(self.port)}
+        return {"OXEVENT_STORE_DIRECTORY": str(self.directory), "OXEVENT_STORE_PORT": str(self.port)}
 
 
 class Alertmanager(receivers.Alertmanager):

@@ -197,7 +197,7 @@ class Rsyslog(Receiver):
         return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "rsyslog.conf"]
 
     def environment(self):
-        return {"OXEVENT_SYSLOG_PORT": str(self.port), "OXEVENT_SYSLOG_FOLDER": str(self.directory)}
+        return {"OXEVENT_SYSLOG_PORT": str(self.port), "OXEVENT_SYSLOG_DIRECTORY": str(self.directory)}
 
     def parse(self, line):
         event = super().parse(line)

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Reads all events from the broker of nchan.conf: subscriber.py URL LOG
 
-Each event becomes one line of LOG, written before the next is requested: a JSON object with the position in the broker
-and the document as a string. After a restart it continues after the last line. Reports skipped ids of a source on stderr.
+Writes each event as one line of LOG before it requests the next one: a JSON object with the position in the broker and
+the document as a string. A restart continues after the last complete line. Reports gaps in the ids of a source on stderr.
 """
 import json
 import sys
@@ -11,45 +11,47 @@ import urllib.error
 import urllib.request
 
 
-def report_gap(document, last):
-    """Reports ids that are missing before this event."""
+def report_gap(document, last_ids):
+    """Reports ids of the source that are missing before this event. `last_ids`: the highest id of each source so far."""
     try:
         event = json.loads(document)
         source, number = event["source"], int(event["id"])
     except (ValueError, TypeError, KeyError):
         return  # Not a CloudEvent from oxEvent; it is still logged.
-    if number > last.get(source, 0) + 1:
-        print(f"{source}: {last.get(source, 0) + 1} to {number - 1} missing before {number}", file=sys.stderr, flush=True)
-    last[source] = max(number, last.get(source, 0))
+    last = last_ids.get(source, 0)
+    if number > last + 1:
+        print(f"{source}: {last + 1} to {number - 1} missing before {number}", file=sys.stderr, flush=True)
+    last_ids[source] = max(number, last)
 
 
 def main(url, path):
-    position, last = {}, {}
+    position, last_ids = {}, {}
     with open(path, "a+b") as log:
         log.seek(0)
-        good = 0
+        complete_bytes = 0
         for line in log:
             if not line.endswith(b"\n"):
-                log.truncate(good)  # Truncated by a crash.
+                log.truncate(complete_bytes)  # A crash interrupted the write of the last line.
                 break
-            good += len(line)
+            complete_bytes += len(line)
             entry = json.loads(line)
             position = entry["position"]
-            report_gap(entry["document"], last)
+            report_gap(entry["document"], last_ids)
         while True:
             try:
-                with urllib.request.urlopen(urllib.request.Request(url, headers=position)) as answer:
-                    document = answer.read().decode("utf-8", "surrogateescape")
-                    position = {"If-Modified-Since": answer.headers["Last-Modified"], "If-None-Match": answer.headers["Etag"]}
-            except OSError as failure:
-                if isinstance(failure, urllib.error.HTTPError) and failure.code in (304, 408):
-                    continue  # No event within the broker's timeout.
-                print(f"{url}: {failure}", file=sys.stderr, flush=True)
+                with urllib.request.urlopen(urllib.request.Request(url, headers=position)) as response:
+                    document = response.read().decode("utf-8", "surrogateescape")
+                    position = {"If-Modified-Since": response.headers["Last-Modified"],
+                                "If-None-Match": response.headers["Etag"]}
+            except OSError as error:
+                if isinstance(error, urllib.error.HTTPError) and error.code in (304, 408):
+                    continue  # No event before the broker's timeout.
+                print(f"{url}: {error}", file=sys.stderr, flush=True)
                 time.sleep(1)
                 continue
             log.write(json.dumps({"position": position, "document": document}).encode() + b"\n")
             log.flush()
-            report_gap(document, last)
+            report_gap(document, last_ids)
 
 
 if __name__ == "__main__":
