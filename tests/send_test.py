@@ -211,7 +211,7 @@ class SendTest(unittest.TestCase):
             "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}",
             f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}"})
-        self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\n"
+        self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\(the response had status 500\)\n"
                          "    Run curl.*\n"
                          "oxevent-send: reached no sink: 1, below the minimum_severity of every enabled sink\n$")
 
@@ -230,6 +230,24 @@ class SendTest(unittest.TestCase):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
                 self.assertRegex(output + errors, expected)
+
+    def test_reports_why_there_was_no_response(self):
+        for url, reason in (
+                ("http://127.0.0.1:1/", r"\(Failed to connect to 127.0.0.1 port 1 "),
+                ("http://unknown.invalid/", r"\(Could not resolve host: unknown.invalid\)"),
+                (self.webhook()["endpoint_url"], r"\(no response, although the endpoint accepts connections\)")):
+            with self.subTest(reason):
+                webhook = {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 500}
+                errors = self.send("m", sections={WEBHOOK: webhook}, status=1)[1]
+                self.assertRegex(errors, f"1 of 1 failed: oxEvent webhook POST failed: {url} {reason}")
+
+    def test_reports_that_there_is_no_system_log(self):
+        write_settings(f"{self.directory}/settings.xml", {})
+        without_log = ["unshare", "--map-root-user", "--mount", "sh", "-c", 'mount -t tmpfs none /dev && exec "$@"', "sh"]
+        done = subprocess.run([*without_log, TOOL, "settings.xml", "m"], cwd=self.directory, capture_output=True, text=True,
+                              check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, r"^oxevent-send: sink\\native\\main: no daemon listens at /dev/log \(No such file .*\)")
 
     def test_reports_a_file_that_cannot_be_written(self):
         def limit_file_size():

@@ -86,7 +86,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   }
 
   std::string FailureDetail() const override {
-    const int32_t status = last_status_;
+    const int32_t status = failed_status_;
     return status == 0 ? "" : "the response had status " + std::to_string(status);
   }
 
@@ -111,9 +111,8 @@ class oxEventWebhookHttpSink : public oxEventSink {
     for (uint32_t i = 0; i < attempts; ++i) {
       if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff_ms_));
       int32_t status = 0;
-      const bool accepted = oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_, &status);
-      last_status_ = status;
-      if (accepted) return OXEVENT_OK;
+      if (oxEventPlatformHttpPost(endpoint_url_, header_block_, body_, request_timeout_ms_, &status)) return OXEVENT_OK;
+      failed_status_ = status;
     }
     return oxEventSetErrorText(oxEventErrors::kWebhookPost, {endpoint_url_}, error);
   }
@@ -150,7 +149,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const std::string cloudevents_subject_prefix_;
   std::string header_block_;  // In the HTTP client's format. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
-  std::atomic<int32_t> last_status_ = 0;  // Status code of the last response; 0: there was none.
+  std::atomic<int32_t> failed_status_ = 0;  // Status code of the last failed request; 0: there was no response.
 };
 
 uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
