@@ -13,45 +13,53 @@ namespace {
 
 std::atomic<const Faults::Hook*> g_hook = nullptr;
 std::atomic<int> g_threads_in_hook = 0;
-thread_local bool t_in_hook = false;
+thread_local bool t_excluded = false;
 
 int FaultFor(const char* call, long first) {
-  if (g_hook == nullptr || t_in_hook) return 0;
-  t_in_hook = true;
+  if (g_hook == nullptr || t_excluded) return 0;
+  t_excluded = true;
   ++g_threads_in_hook;
   const Faults::Hook* const hook = g_hook;
   const int fault = hook == nullptr ? 0 : (*hook)(call, first);
-  t_in_hook = false;
+  t_excluded = false;
   --g_threads_in_hook;
   return fault;
 }
 
-bool Allocates(size_t size) { return FaultFor("malloc", static_cast<long>(size)) == 0 || (errno = ENOMEM, false); }
+bool MayAllocate(size_t size) {
+  if (FaultFor("malloc", static_cast<long>(size)) == 0) return true;
+  errno = ENOMEM;
+  return false;
+}
 
 }  // namespace
 
 Faults::Faults(Hook hook) : hook_(std::move(hook)) { g_hook = &hook_; }
+
 Faults::~Faults() {
-  for (g_hook = nullptr; g_threads_in_hook != 0;) sched_yield();
+  g_hook = nullptr;
+  while (g_threads_in_hook != 0) sched_yield();
 }
 
-// Hosts below "test" are this machine.
+void Faults::ExcludeThisThread() { t_excluded = true; }
+
+// Host names that end in ".test" resolve to loopback.
 int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
   static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-  const bool ours = host != nullptr && std::string_view(host).ends_with(".test");
-  const int fault = FaultFor("getaddrinfo", reinterpret_cast<long>(host));
-  return fault != 0 ? fault : next(ours ? "127.0.0.1" : host, port, hints, result);
+  if (const int fault = FaultFor("getaddrinfo", reinterpret_cast<long>(host)); fault != 0) return fault;
+  const bool is_loopback = host != nullptr && std::string_view(host).ends_with(".test");
+  return next(is_loopback ? "127.0.0.1" : host, port, hints, result);
 }
 
-#ifndef OXEVENT_SANITIZED  // Sanitizers bring an allocator of their own.
+#ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
 extern "C" {
 void *__libc_malloc(size_t), *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t);
-void* malloc(size_t size) { return Allocates(size) ? __libc_malloc(size) : nullptr; }
-void* calloc(size_t count, size_t size) { return Allocates(size) ? __libc_calloc(count, size) : nullptr; }
-void* realloc(void* memory, size_t size) { return Allocates(size) ? __libc_realloc(memory, size) : nullptr; }
+void* malloc(size_t size) { return MayAllocate(size) ? __libc_malloc(size) : nullptr; }
+void* calloc(size_t count, size_t size) { return MayAllocate(size) ? __libc_calloc(count, size) : nullptr; }
+void* realloc(void* memory, size_t size) { return MayAllocate(size) ? __libc_realloc(memory, size) : nullptr; }
 }
 #else
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocates(size) ? malloc(size) : nullptr; }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return MayAllocate(size) ? malloc(size) : nullptr; }
 void* operator new(size_t size) {
   void* const memory = operator new(size, std::nothrow);
   return memory != nullptr ? memory : throw std::bad_alloc();
@@ -66,7 +74,8 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
   long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {            \
     static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call));           \
     const int fault = FaultFor(#call, first);                                                            \
-    if (fault > 0) return #call[1] == 't' && #call[0] == 'p' ? fault : (errno = fault, -1);              \
+    if (fault > 0 && std::string_view(#call) == "pthread_create") return fault;                          \
+    if (fault > 0) return errno = fault, -1;                                                             \
     return next(first, second, fault < 0 ? std::min<long>(third, -fault) : third, fourth, fifth, sixth); \
   }
 // clang-format off

@@ -1,4 +1,4 @@
-// Calls of the C library that fail when a test says so: this executable's own definitions stand before the library's.
+// Calls of the C library that fail when a test says so: this executable's own definitions precede the library's.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +16,9 @@ class Faults {
   explicit Faults(Hook hook);
   ~Faults();
   Faults(const Faults&) = delete;
+
+  // From now on the calling thread's calls go through.
+  static void ExcludeThisThread();
 
  private:
   const Hook hook_;

@@ -20,87 +20,102 @@
 
 #include "../include/oxEvent.h"
 
-struct HostFolder {  // A fresh one, removed with everything in it.
+struct HostFolder {  // A new temporary directory, removed with everything in it.
   ~HostFolder() { std::filesystem::remove_all(path); }
   const std::string path = mkdtemp(std::string("/tmp/oxevent_test_XXXXXX").data());
 };
 
-inline size_t Entries(const std::string& folder) {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+inline size_t Entries(const std::string& directory) {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
-// The function's result in a child process; -1: a signal ended that, after a minute at the latest.
+// Returns the function's result in a child process; -1 if a signal ended that, which happens after a minute at the
+// latest.
 inline int InChild(const std::function<int()>& function) {
   const pid_t child = fork();
-  if (child == 0) _exit((alarm(60), function()));
+  if (child == 0) {
+    alarm(60);
+    _exit(function());
+  }
   int status = 0;
   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A socket on a free port of loopback; no such port: 0.
+// Returns a socket on a free port of loopback. Sets *port to 0 if there is no such port.
 inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
-  sockaddr_in6 at = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};  // Is both.
-  socklen_t size = sizeof at;
+  // For IPv4 it begins as a sockaddr_in does, whose address is where an IPv6 address has its flow label.
+  sockaddr_in6 loopback = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};
+  socklen_t size = sizeof(loopback);
+  const auto address = reinterpret_cast<sockaddr*>(&loopback);
   const int fd = socket(family, type | SOCK_CLOEXEC, 0);
-  const auto address = reinterpret_cast<sockaddr*>(&at);
-  *port = bind(fd, address, size) | getsockname(fd, address, &size) ? 0 : ntohs(at.sin6_port);
+  const bool bound = bind(fd, address, size) == 0 && getsockname(fd, address, &size) == 0;
+  *port = bound ? ntohs(loopback.sin6_port) : 0;
   return fd;
 }
 
-// This machine's log daemon, where it has none. LOCK_EX: this object, one at a time; LOCK_SH: nobody meanwhile.
+// The machine's log daemon, if it has none. LOCK_EX: becomes it, one object at a time; LOCK_SH: keeps others from that.
 struct SystemLog {
   explicit SystemLog(int lock) {
     flock(folder, lock);
     if (lock != LOCK_EX) return;
-    const sockaddr_un at = {AF_UNIX, "/dev/log"};
-    const auto address = reinterpret_cast<const sockaddr*>(&at);
-    // A test that was killed leaves a socket that refuses.
-    const bool refused = connect(fd, address, sizeof at) != 0 && errno == ECONNREFUSED;
-    if (refused && std::filesystem::is_socket(std::filesystem::symlink_status(at.sun_path))) unlink(at.sun_path);
-    bound = bind(fd, address, sizeof at) == 0;
+    const sockaddr_un log = {AF_UNIX, "/dev/log"};
+    const auto address = reinterpret_cast<const sockaddr*>(&log);
+    // A test that was killed leaves a socket that refuses connections.
+    const bool refused = connect(fd, address, sizeof(log)) != 0 && errno == ECONNREFUSED;
+    if (refused && std::filesystem::is_socket(std::filesystem::symlink_status(log.sun_path))) unlink(log.sun_path);
+    bound = bind(fd, address, sizeof(log)) == 0;
   }
   ~SystemLog() {
     if (bound) unlink("/dev/log");
-    close(fd), close(folder);
+    close(fd);
+    close(folder);
   }
   const int folder = open("/dev", O_RDONLY | O_CLOEXEC), fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  bool bound = false;  // Else the machine has one, or this process may not be it.
+  bool bound = false;  // False if the machine has a log daemon, or if this process may not be one.
 };
 
-// Writes a settings file: the native log off, the CSV sink on at `csv` (empty: off), and `more`, whose names are paths
+// Writes a settings file: the system log off, the CSV sink on at `csv` (empty: off), and `more`, whose names are paths
 // below QVX\Events, as "core\queue_size".
 inline void WriteSettings(const std::string& file, const std::string& csv,
                           std::map<std::string, std::string> more = {}) {
   more.insert({{"sink\\csv\\default\\enabled", csv.empty() ? "0" : "1"}, {"sink\\csv\\default\\path", csv}});
   more.insert({"sink\\native\\main\\enabled", "0"});
-  std::string xml = "<config><key name=\"QVX\"><key name=\"Events\">", open;  // `open`: keys, a backslash behind each.
+  std::ofstream xml(file);
+  xml << "<config><key name=\"QVX\"><key name=\"Events\">";
+  std::string open_keys;  // A backslash follows each.
+  const auto close_key = [&] {
+    open_keys.erase(open_keys.rfind('\\', open_keys.size() - 2) + 1);
+    xml << "</key>";
+  };
   for (const auto& [path, value] : more) {
-    for (; !path.starts_with(open); xml += "</key>") open.erase(open.rfind('\\', open.size() - 2) + 1);
-    for (size_t end; (end = path.find('\\', open.size())) != path.npos; open = path.substr(0, end + 1)) {
-      xml += "<key name=\"" + path.substr(open.size(), end - open.size()) + "\">";
+    while (!path.starts_with(open_keys)) close_key();
+    for (size_t end; (end = path.find('\\', open_keys.size())) != path.npos; open_keys = path.substr(0, end + 1)) {
+      xml << "<key name=\"" << path.substr(open_keys.size(), end - open_keys.size()) << "\">";
     }
-    xml += "<value name=\"" + path.substr(open.size()) + "\">" + value + "</value>\n";
+    xml << "<value name=\"" << path.substr(open_keys.size()) << "\">" << value << "</value>\n";
   }
-  for (const char c : open) xml += c == '\\' ? "</key>" : "";
-  std::ofstream(file) << xml << "</key></key></config>\n";
+  while (!open_keys.empty()) close_key();
+  xml << "</key></key></config>\n";
 }
 
 // The code that an entry point returned, in hexadecimal, and the error text that it left.
 inline std::string LastResult(uint32_t code) {  // Only for tests that link the library.
   char text[512] = "unread";
-  oxEventGetLastError(text, sizeof text);
+  oxEventGetLastError(text, sizeof(text));
   return (std::stringstream() << std::hex << code << ' ' << text).str();
 }
 
 inline oxEventRecord MakeRecord(const char* message) {
   oxEventRecord record = {};
-  record.struct_size = sizeof record;
+  record.struct_size = sizeof(record);
   record.version = OXEVENT_API_VERSION;
   record.message = message;
   return record;
 }
 
-inline std::string ReadFile(std::string file) { return (std::stringstream() << std::ifstream(file).rdbuf()).str(); }
+inline std::string ReadFile(const std::string& file) {
+  return (std::stringstream() << std::ifstream(file).rdbuf()).str();
+}
 
 // The messages in a CSV file without quotes, the header's first. A row that is torn or not of 20 columns: "no row".
 inline std::vector<std::string> ReadMessages(const std::string& file) {
