@@ -74,28 +74,27 @@ struct SystemLog {
   bool bound = false;  // False if the machine has a log daemon, or if this process may not be one.
 };
 
+// The keys and values at these paths: "core\queue_size" is a value of the key "core".
+inline std::string SettingsXml(const std::map<std::string, std::string>& settings) {
+  std::string xml;
+  std::map<std::string, std::map<std::string, std::string>> keys;
+  for (const auto& [path, value] : settings) {
+    const size_t end = path.find('\\');
+    if (end != path.npos) keys[path.substr(0, end)][path.substr(end + 1)] = value;
+    if (end == path.npos) xml += "<value name=\"" + path + "\">" + value + "</value>\n";
+  }
+  for (const auto& [name, content] : keys) xml += "<key name=\"" + name + "\">" + SettingsXml(content) + "</key>\n";
+  return xml;
+}
+
 // Writes a settings file: the system log off, the CSV sink on at `csv` (empty: off), and `more`, whose names are paths
-// below QVX\Events, as "core\queue_size".
+// below QVX\Events.
 inline void WriteSettings(const std::string& file, const std::string& csv,
                           std::map<std::string, std::string> more = {}) {
   more.insert({{"sink\\csv\\default\\enabled", csv.empty() ? "0" : "1"}, {"sink\\csv\\default\\path", csv}});
   more.insert({"sink\\native\\main\\enabled", "0"});
-  std::ofstream xml(file);
-  xml << "<config><key name=\"QVX\"><key name=\"Events\">";
-  std::string open_keys;  // A backslash follows each.
-  const auto close_key = [&] {
-    open_keys.erase(open_keys.rfind('\\', open_keys.size() - 2) + 1);
-    xml << "</key>";
-  };
-  for (const auto& [path, value] : more) {
-    while (!path.starts_with(open_keys)) close_key();
-    for (size_t end; (end = path.find('\\', open_keys.size())) != path.npos; open_keys = path.substr(0, end + 1)) {
-      xml << "<key name=\"" << path.substr(open_keys.size(), end - open_keys.size()) << "\">";
-    }
-    xml << "<value name=\"" << path.substr(open_keys.size()) << "\">" << value << "</value>\n";
-  }
-  while (!open_keys.empty()) close_key();
-  xml << "</key></key></config>\n";
+  std::ofstream(file) << "<config><key name=\"QVX\"><key name=\"Events\">" << SettingsXml(more)
+                      << "</key></key></config>\n";
 }
 
 // The code that an entry point returned, in hexadecimal, and the error text that it left.

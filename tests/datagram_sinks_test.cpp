@@ -1,0 +1,241 @@
+// What the syslog and SNMP sinks send to a receiver on loopback, to the byte.
+#include <poll.h>
+
+#include "host_fixture.h"
+#include "oxutil.h"
+#include "sinks_fixture.h"
+
+using std::string;
+using std::string_view;
+using std::string_literals::operator""s;
+
+static uint32_t g_now_ms;
+
+// These precede the C library's and the companion's.
+extern "C" int NoHostName(char*, size_t) __asm__("gethostname");  // clang has an inline body for the name itself.
+int NoHostName(char*, size_t) { return -1; }
+uint32_t oxOSGetMs() { return g_now_ms; }
+
+namespace {
+
+constexpr auto kSyslog = oxEventCreateSyslogUdpSink;
+constexpr auto kTrap = oxEventCreateSnmpTrapSink;
+
+// A UDP socket, and the settings of a sink that sends to it.
+struct DatagramReceiver : oxEventSinkConfig {
+  explicit DatagramReceiver(sa_family_t family = AF_INET) : fd(LoopbackSocket(family, SOCK_DGRAM, &free_port)) {
+    port = free_port;
+    snmp_port = free_port;
+    host = family == AF_INET ? "127.0.0.1" : "::1";
+    snmp_host = host;
+    minimum_severity = 0;
+  }
+  ~DatagramReceiver() { close(fd); }
+  // Returns the datagram that a new sink sends, or its error.
+  string Receive(decltype(kSyslog) create, const oxEventNormalizedEvent& event = kFullEvent) const {
+    const string error = SubmitThroughNewSink(create, *this, event);
+    if (!error.empty()) return error;
+    string bytes(65536, 0);
+    pollfd ready = {fd, POLLIN, 0};
+    const ssize_t size = poll(&ready, 1, 20000) == 1 ? recv(fd, bytes.data(), bytes.size(), 0) : 0;
+    return bytes.substr(0, static_cast<size_t>(size));
+  }
+  uint16_t free_port = 0;
+  const int fd;
+};
+
+// The message for kFullEvent after its header, whose last field is MSGID.
+const string kSyslogMessage =
+    " [velmora@32473 version=\"65536\" event_id=\"18446744073709551615\" severity=\"error\" action=\"A\t\""
+    " event_type=\"t t\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" "
+    "correlation_id=\"\b\f\v\x1F\x7F/\" utc_ns=\"1700000000123456789\" ptp_ns=\"18446744073709551614\""
+    " pts=\"-9223372036854775808\" timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\r\""
+    " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]\"] \"a\n\n\",b";
+const string kTime = "2023-11-14T22:13:20.123456789Z";
+const string kPid = " " + std::to_string(getpid()) + " ";
+
+TEST(oxEventSyslogUdpSink, SendsItsFacility) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"kern", "3"},     {"user", "11"},    {"mail", "19"},    {"daemon", "27"},  {"auth", "35"},    {"Security", "35"},
+      {"syslog", "43"},  {"lpr", "51"},     {"news", "59"},    {"uucp", "67"},    {"cron", "75"},    {"AuthPriv", "83"},
+      {"ftp", "91"},     {"local0", "131"}, {"local1", "139"}, {"local2", "147"}, {"local3", "155"}, {"local4", "163"},
+      {"local5", "171"}, {"local6", "179"}, {"LOCAL7", "187"}, {"local8", "131"}, {"x", "131"}};
+  DatagramReceiver receiver(DatagramReceiver(AF_INET6).port != 0 ? AF_INET6 : AF_INET);
+  for (const auto& [facility, priority] : cases) {
+    receiver.facility = facility;
+    EXPECT_EQ(receiver.Receive(kSyslog),
+              "<"s + priority + ">1 " + kTime + " - oxEvent" + kPid + "t_t" + kSyslogMessage);
+  }
+}
+
+TEST(oxEventSyslogUdpSink, SendsHeaderFieldsThatRfc5424Allows) {
+  const string long_name(96, '5');
+  const struct {
+    string app_name, event_type, header;
+  } cases[] = {{" ", "\x7F/!~ \xC3\xA9", "_" + kPid + "_/!~___ ["},
+               {"", "", "oxEvent" + kPid + "- ["},
+               {long_name, long_name, long_name.substr(0, 48) + kPid + long_name.substr(0, 32) + " ["}};
+  DatagramReceiver receiver;
+  for (const auto& c : cases) {
+    oxEventNormalizedEvent event = kFullEvent;
+    event.event_type = c.event_type;
+    receiver.app_name = c.app_name;
+    EXPECT_TRUE(receiver.Receive(kSyslog, event).starts_with("<131>1 " + kTime + " - " + c.header)) << c.header;
+  }
+}
+
+TEST(oxEventSyslogUdpSink, TruncatesAMessageTo8192Bytes) {
+  const DatagramReceiver receiver;
+  const string whole = receiver.Receive(kSyslog);
+  for (const size_t size : {8192 - whole.size(), 8193 - whole.size()}) {
+    const string more(size, 'm');
+    const string message = string(kFullEvent.message) + more;
+    oxEventNormalizedEvent event = kFullEvent;
+    event.message = message;
+    EXPECT_EQ(receiver.Receive(kSyslog, event), (whole + more).substr(0, 8192));
+  }
+}
+
+string Hex(string_view bytes) {
+  std::ostringstream hex;
+  for (const unsigned char byte : bytes) hex << std::hex << byte / 16 << byte % 16;
+  return hex.str();
+}
+
+// Shows BER values (X.690): strings in quotes, values that contain others with braces, the rest in hexadecimal.
+// A length must take the fewest bytes.
+string Show(string_view ber) {
+  string shown;
+  while (!ber.empty()) {
+    const auto byte = [&](size_t at) -> size_t { return static_cast<unsigned char>(ber.at(at)); };
+    const size_t length_bytes = byte(1) < 128 ? 0 : byte(1) - 128;
+    size_t size = length_bytes == 0 ? byte(1) : 0;
+    for (size_t i = 0; i < length_bytes; ++i) size = size * 256 + byte(2 + i);
+    EXPECT_EQ(length_bytes, size < 128 ? 0u : size < 256 ? 1u : 2u);
+    const string_view content = ber.substr(2 + length_bytes, size);
+    const bool is_string = byte(0) == 4, is_constructed = (byte(0) & 32) != 0;
+    if (is_string) shown += "'" + string(content) + "'";
+    if (is_constructed) shown += Hex(ber.substr(0, 1)) + "{" + Show(content) + "}";
+    if (!is_string && !is_constructed) shown += Hex(ber.substr(0, 1)) + ":" + Hex(content) + " ";
+    ber.remove_prefix(2 + length_bytes + size);
+  }
+  return shown;
+}
+
+TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
+  const DatagramReceiver receiver;
+  g_now_ms = 1290;
+  string expected = "30{02:01 'cobalt'a7{02:050a 02:00 02:00 30{30{06:2b06010201010300 43:0081 }";
+  expected += "30{06:2b060106030101040100 06:2b0601040181fd5901010001 }";
+  const string values[] = {"02:03 ",
+                           "'error'",
+                           "'18446744073709551615'",
+                           "'t t'",
+                           "'s\"\\]'",
+                           "'[n]\1\xFF'",
+                           "'A\t'",
+                           "'\"a\n\n\",b'",
+                           "'d\\'",
+                           "'\b\f\v\x1F\x7F/'",
+                           "'1700000000123456789'",
+                           "'{\"]'"};
+  char number = 0;
+  for (const string& value : values) {
+    ++number;
+    expected += "30{06:2b0601040181fd59010101" + Hex({&number, 1}) + "00 " + value + "}";
+  }
+  EXPECT_EQ(Show(receiver.Receive(kTrap)), expected + "}}}");
+}
+
+TEST(oxEventSnmpTrapSink, EncodesNumbersAndSettings) {
+  const struct {
+    uint32_t now_ms, severity;
+    string request_id, up_time, severity_value, severity_name;
+  } cases[] = {{2147483776, 2, "02:0080", "43:0cccccd9", "02:02", "warning"},
+               {UINT32_MAX, UINT32_MAX, "02:7fffffff", "43:19999999", "02:00ffffffff", "info"},
+               {9, 0, "02:09", "43:00", "02:00", "debug"}};
+  for (const auto& c : cases) {
+    DatagramReceiver receiver;
+    receiver.community = "c\xFF";
+    receiver.enterprise_oid = "1";
+    receiver.trap_oid = "1.3.128.4294967295";
+    g_now_ms = c.now_ms;
+    oxEventNormalizedEvent event = kFullEvent;
+    event.severity = c.severity;
+    const string expected = "30{02:01 'c\xFF'a7{" + c.request_id + " 02:00 02:00 30{30{06:2b06010201010300 " +
+                            c.up_time + " }30{06:2b060106030101040100 06:2b81008fffffff7f }30{06:290100 " +
+                            c.severity_value + " }30{06:290200 '" + c.severity_name + "'}";
+    EXPECT_EQ(Show(receiver.Receive(kTrap, event)).substr(0, expected.size()), expected);
+  }
+}
+
+TEST(oxEventSnmpTrapSink, TruncatesMessageAndDetailsTo2048Bytes) {
+  const DatagramReceiver receiver;
+  for (const size_t size : {127, 128, 255, 256, 2048, 2049}) {
+    const string text(size, 'x');
+    oxEventNormalizedEvent event = kFullEvent;
+    event.message = text;
+    event.details_json = text;
+    const string trap = Show(receiver.Receive(kTrap, event)), kept = "00 '" + text.substr(0, 2048) + "'}";
+    EXPECT_TRUE(trap.ends_with(kept + "}}}")) << size;
+    EXPECT_NE(trap.find(kept), trap.rfind(kept)) << size;
+  }
+}
+
+TEST(oxEventSnmpTrapSink, FailsForATrapOfMoreThan8192Bytes) {
+  DatagramReceiver receiver;
+  receiver.community.assign(1000, 'c');
+  receiver.community.append(8192 - receiver.Receive(kTrap).size(), 'c');
+  EXPECT_EQ(receiver.Receive(kTrap).size(), 8192u);
+  receiver.community += 'c';
+  EXPECT_EQ(receiver.Receive(kTrap), "oxEvent SNMP trap exceeds maximum datagram size");
+}
+
+TEST(oxEventSnmpTrapSink, RefusesOtherVersionsAndOidsThatAreNotValid) {
+  const string other_version = "oxEvent SNMP trap sink currently supports SNMP v2c only";
+  const string version_3 = "SNMPv3 requires a future external-library backend";
+  const string trap_oid = "Invalid SNMP trap_oid: ", enterprise_oid = "Invalid SNMP enterprise_oid: ";
+  const struct {
+    string oxEventSinkConfig::*setting;
+    string value, error;
+  } cases[] = {{&oxEventSinkConfig::version, "1", other_version},
+               {&oxEventSinkConfig::version, "3", version_3},
+               {&oxEventSinkConfig::version, "V3", version_3},
+               {&oxEventSinkConfig::version, "SnmpV3", version_3},
+               {&oxEventSinkConfig::version, "V2c", ""},
+               {&oxEventSinkConfig::version, "SNMPv2c", ""},
+               {&oxEventSinkConfig::trap_oid, "1.3.", trap_oid + "1.3."},
+               {&oxEventSinkConfig::trap_oid, "1", trap_oid + "1"},
+               {&oxEventSinkConfig::trap_oid, "3.1", trap_oid + "3.1"},
+               {&oxEventSinkConfig::trap_oid, "1.40", trap_oid + "1.40"},
+               {&oxEventSinkConfig::trap_oid, "2.40", ""},
+               {&oxEventSinkConfig::enterprise_oid, "1.3.x", enterprise_oid + "1.3.x"}};
+  for (const auto& c : cases) {
+    DatagramReceiver receiver;
+    receiver.*c.setting = c.value;
+    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), c.error) << c.value;
+  }
+}
+
+TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
+  const int standard_input = fcntl(STDIN_FILENO, F_GETFD);
+  DatagramReceiver receiver;
+  receiver.port = 65535;
+  EXPECT_EQ(SubmitThroughNewSink(kSyslog, receiver), "");
+  receiver.port = 65536;
+  EXPECT_EQ(SubmitThroughNewSink(kSyslog, receiver), "oxEvent syslog UDP resolve failed for 127.0.0.1:65536 error=-8");
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sender has closed only what it had opened.
+}
+
+TEST(oxEventUdpSender, SendsToTheDefaultHostWhetherOrNotAnyoneListens) {
+  oxEventSinkConfig config = DatagramReceiver();  // Closed already.
+  config.host = "";
+  config.snmp_host = "";
+  for (const auto create : {kSyslog, kTrap}) {
+    std::shared_ptr<oxEventSink> sink;
+    EXPECT_EQ(create(config, &sink, nullptr), OXEVENT_OK);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(sink->Submit(kFullEvent, nullptr, nullptr), OXEVENT_OK);
+  }
+}
+
+}  // namespace
