@@ -13,7 +13,6 @@
 struct Answer {
   std::string bytes = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
   bool closes = false;
-  std::string repeated = "";  // Sent after `bytes`, again and again, until the client closes the connection.
 };
 
 using Answers = std::vector<Answer>;
@@ -85,14 +84,7 @@ class HttpServer {
     requests_.emplace_back(request, size_t(size));
     const Answer& answer = answers_[std::min(answered_++, answers_.size() - 1)];
     if (!answer.bytes.empty()) BIO_write(connection, answer.bytes.data(), int(answer.bytes.size()));
-    SendRepeated(connection, answer.repeated);
     return !answer.closes;
-  }
-  // Sends at most 120 MB: more than the client may keep.
-  static void SendRepeated(BIO* connection, std::string piece) {
-    if (piece.empty()) return;
-    while (piece.size() < 60'000) piece += piece;
-    for (int i = 0; i < 2000 && BIO_write(connection, piece.data(), int(piece.size())) > 0; ++i) continue;
   }
 
   const Answers answers_;
