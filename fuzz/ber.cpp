@@ -1,4 +1,4 @@
-// OIDs in dotted form, and trap datagrams of any event, checked with a separate BER decoder.
+// Encodes OIDs and traps of any event, and checks the results with a separate BER decoder.
 #include <memory>
 #include <optional>
 
@@ -10,7 +10,7 @@ namespace {
 
 using Arcs = std::vector<uint64_t>;  // The first element is the byte that encodes the first two arcs.
 
-// Parses an OID; null if it is invalid. An arc has any number of digits and a value of up to 32 bits.
+// Parses an OID; returns nullopt if it is invalid. An arc has any number of digits and a value of up to 32 bits.
 std::optional<Arcs> ParseOid(const std::string& dotted) {
   Arcs arcs;
   std::istringstream list(dotted + ".");
@@ -33,7 +33,8 @@ uint8_t TakeByte(std::string_view* rest) {
   return static_cast<uint8_t>(byte);
 }
 
-// Reads a TLV with this tag from the front. Requires that its length, like all numbers, uses the fewest bytes.
+// Takes a TLV with this tag from the front and returns its content. Checks that the length is encoded in the fewest
+// bytes.
 std::string_view TakeTlv(int tag, std::string_view* rest) {
   CHECK_EQ(int{TakeByte(rest)}, tag);
   size_t length = TakeByte(rest);
@@ -155,7 +156,7 @@ void CheckSink(Input& in) {
   if (!ParseOid(config.trap_oid) || !ParseOid(object)) return;
   size_t size = config.community.size() + EncodedSize(config.trap_oid) + 12 * EncodedSize(object);
   for (const auto& [name, max_length] : kObjects) size += std::min(FieldsOf(event)[name].size(), max_length);
-  CHECK(size > 8192 - 250);  // Too long for a datagram with its tags and lengths.
+  CHECK(size > 8192 - 250);  // With its tags and lengths, too long for a datagram.
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ const File g_files[] = {
     {"/missing", "Unable to open oxEvent config: /missing"},
     {"", "oxEvent requires a oxCFG XML config path"}};
 constexpr char kBadSinkText[] = "oxEvent webhook sink requires an http:// or https:// endpoint_url";
-constexpr size_t kGood = 2, kBadSink = 2, kNone = 4;
+constexpr size_t kGood = 2, kBadSink = 2, kNone = 4;  // Indexes in g_files: the files below kGood are valid.
 
 bool DropsLow(const oxEventConfig& c) { return c.drop_policy == oxEventDropPolicy::kDropDebugInfoFirst; }
 
@@ -43,12 +43,12 @@ void WriteSettings(size_t file, const oxEventConfig& c, const char* sink = "") {
       c.dedupe_enabled, c.default_repeat_interval_sec, c.send_clear, c.route_orphan_clear, sink);
 }
 
-// The host's state. The user_data of a callback selects its behavior: 1 throws, 2 flushes.
+// State of the callbacks. The user_data of a callback selects its behavior: 1 throws, 2 flushes.
 std::mutex g_mutex;
 std::condition_variable g_changed;
-std::string g_seen;      // Guarded by g_mutex, like the next two.
+std::string g_seen;      // The calls of callbacks. Guarded by g_mutex, like the next two.
 bool g_holding = false;  // A callback must block on the event "hold".
-bool g_waiting = false;  // A callback is blocked on it.
+bool g_waiting = false;  // A callback is blocked on that event.
 
 std::string Line(uintptr_t user, const oxEventRecord& e, uint32_t flushed) {
   std::ostringstream line;
@@ -189,7 +189,7 @@ class Model {
 class Run {
  public:
   explicit Run(Input& in) : in_(in) {
-    model_.counters = oxEventCoreGetCounters();  // Start from those of the previous input.
+    model_.counters = oxEventCoreGetCounters();  // Not reset by a new input.
     if (in_.ConsumeBool()) Register();
     Load();
     while (in_.remaining_bytes() != 0) Step();
@@ -211,7 +211,7 @@ class Run {
     Settle();
   }
 
-  // Checks the result code and the last error of a call.
+  // Checks the result code and the last error text of a call.
   void Expect(uint32_t result, uint32_t code, const std::string& text = "") {
     CHECK_EQ(result, code);
     char buffer[300] = "";
@@ -221,7 +221,7 @@ class Run {
   }
   void ExpectDown(uint32_t result) { Expect(result, OXEVENT_NOT_INITIALIZED, "oxEvent is not initialized"); }
 
-  // Waits until the worker is idle, and compares it with the model.
+  // Waits until the worker is idle or blocked, and compares the library with the model.
   void Settle() {
     if (model_.up && !model_.held) CHECK_EQ(oxEventFlush(0), OXEVENT_OK);
     const std::lock_guard lock(g_mutex);
@@ -270,8 +270,9 @@ class Run {
 
   void Shutdown() {
     if (!model_.up) return ExpectDown(oxEventShutdown());
-    if (model_
-            .held) {  // Queued events are still delivered; the result of a flush in a callback would depend on timing.
+    if (model_.held) {
+      // Shutdown delivers the queued events. If a callback flushes, deliver them first: the result of that flush would
+      // otherwise depend on timing.
       const bool flushes =
           std::any_of(model_.callbacks.begin(), model_.callbacks.end(), [](auto& r) { return r.user == 2; });
       Release();
@@ -384,7 +385,7 @@ class Run {
     event.severity = OXEVENT_SEVERITY_ERROR;
     event.message = "hold";
     const oxEventRecord record = event.ToPublicView();
-    g_holding = true;  // No lock needed: no event is in delivery, so that the worker does not read it.
+    g_holding = true;  // No lock needed: no event is in delivery, so the worker does not read it.
     ++g_next_id;
     model_.Hold(event);
     Expect(oxEventSubmit(&record), OXEVENT_OK);
@@ -400,7 +401,7 @@ class Run {
     g_changed.notify_all();
   }
 
-  static inline uint64_t g_next_id = 1;  // Counts in the whole process, like the callbacks' ids.
+  static inline uint64_t g_next_id = 1;  // Counts across inputs, like the callbacks' ids.
   Input& in_;
   Model model_;
   oxEventConfig files_[kGood];

@@ -1,4 +1,4 @@
-// Helpers of the fuzz targets. Each target compares the library with an independent model.
+// Helpers for the fuzz targets, each of which compares the library with an independent model.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -59,7 +59,7 @@ struct StringField {
   size_t offset;  // Offset in oxEventRecord.
   std::string Event::*field;
   std::string_view oxEventNormalizedEvent::*view;
-  const char* absent;
+  const char* absent;  // Value of an absent field; null if the field is required.
 };
 inline constexpr StringField kStringFields[] = {
     {"event_type", 16, &Event::event_type, &oxEventNormalizedEvent::event_type, "event"},
@@ -103,7 +103,7 @@ std::string Format(const char* format, auto... values) {
   return {text, static_cast<size_t>(snprintf(text, sizeof text, format, values...))};
 }
 
-// The fields of an event as strings, by their names in the outputs.
+// The fields of an event as strings, by their names in the output formats.
 inline std::map<std::string, std::string> FieldsOf(const Event& e, const char* double_format = "%.17g") {
   std::map<std::string, std::string> fields;
   for (const StringField& field : kStringFields) fields[field.name] = e.*field.field;
@@ -120,7 +120,7 @@ inline std::map<std::string, std::string> FieldsOf(const Event& e, const char* d
   return fields;
 }
 
-// Any bytes but NUL, sometimes longer than a limit of the outputs.
+// A string of any bytes except NUL, sometimes longer than a length limit of an output format.
 inline std::string AnyString(Input& in) {
   constexpr size_t kLong[] = {33, 65, 129, 257, 2049, 8193};
   std::string text = in.ConsumeRandomLengthString(40);

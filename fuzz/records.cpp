@@ -1,4 +1,4 @@
-// Records of any size and content, each in a buffer of exactly the size that it declares.
+// Submits and formats records of any size and content, each in a buffer of exactly the size that it declares.
 #include <memory>
 
 #include "api/oxEventNormalize.h"
@@ -78,7 +78,7 @@ void CheckRecord(const oxEventRecord* record, const char* bytes) {
     CHECK_EQ(alert, untouched.message);
     return CHECK_EQ(Describe(event), Describe(untouched));
   }
-  const uint64_t id = Expected(bytes, size, size, 0).event_id;  // A formatter assigns no id.
+  const uint64_t id = Expected(bytes, size, size, 0).event_id;  // The formatter uses the size as id.
   CHECK(alert.find("\"ox_event_id\":\"" + std::to_string(id) + '"') != alert.npos);
   const uint64_t now = ReadField<uint64_t>(bytes, size, 80) == 0 ? event.utc_ns : event.ptp_ns;
   const Event timeless = Expected(bytes, size, kId, 0);

@@ -1,5 +1,5 @@
-// Settings files of any bytes: a refused file stays unchanged; an accepted file is completed once and keeps its
-// contents.
+// Loads settings files of any bytes: a refused file must stay unchanged; an accepted file must keep its contents and
+// get the missing settings, but only once.
 #include <optional>
 #include <pugixml.hpp>
 
@@ -52,7 +52,7 @@ std::string TextOf(xml_node value) {
   return text;
 }
 
-// Parses a number of 32 bits; null if the text is not one.
+// Parses a 32-bit number; returns nullopt if the text is none.
 std::optional<uint64_t> ParseNumber(const std::string& text) {
   const size_t begin = std::min(text.find_first_not_of(kWhiteSpace), text.size());
   const std::string digits = text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);
@@ -61,7 +61,7 @@ std::optional<uint64_t> ParseNumber(const std::string& text) {
   return number <= 0xFFFFFFFF ? std::optional(number) : std::nullopt;
 }
 
-// The names of the children of a kind, in order, without duplicates and without names that a path cannot contain.
+// Returns the names of all children of this kind, in order, without duplicates and names that a path cannot contain.
 std::vector<std::string> Names(xml_node key, const char* kind) {
   std::vector<std::string> names;
   for (const xml_node child : key.children(kind)) {
@@ -72,7 +72,7 @@ std::vector<std::string> Names(xml_node key, const char* kind) {
   return names;
 }
 
-// Describes a node without its children, and without white space around a text.
+// Describes a node without its children, and without white space around its text.
 std::string Describe(xml_node node) {
   std::string text = node.value();
   if (node.type() == pugi::node_pcdata) {
@@ -144,7 +144,7 @@ void CheckCompleted(const std::string& before, const std::string& after, const o
   CHECK(sink == config.sinks.end());
 }
 
-// Checks that the store lists and returns all keys and values below `path`. Returns the path of some key below it.
+// Checks that the store lists and returns all keys and values below `path`. Returns `path` or the path of a key below.
 std::string Walk(void* store, xml_node key, const std::string& path) {
   std::vector<std::string> seen[2];  // Indexed by kind: keys, values.
   std::string some_key = path;

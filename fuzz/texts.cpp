@@ -1,4 +1,4 @@
-// Parses the library's text outputs: JSON documents, CSV rows, syslog messages, HTTP headers.
+// Formats any event as JSON, CSV, syslog message and HTTP headers, and checks the results with separate parsers.
 #include <cmath>
 #include <ctime>
 #include <iterator>
@@ -108,7 +108,7 @@ Strings SplitWords(const char* text) {
   return {std::istream_iterator<std::string>(words), {}};
 }
 
-// The members of the library's own document. A quote marks the names of string members.
+// The expected members of an event as native JSON. In `names`, a quote marks a string member.
 Strings NativeMembers(const std::string& path, const Event& event) {
   static const Strings names = SplitWords(
       "version event_id 'severity severity_value severity_code 'action 'event_type 'source_id 'source_name 'dedupe_key "
@@ -176,7 +176,7 @@ void CheckAlert(const Event& e, Input& in) {
   const Strings found = Json(text).members;
 
   Strings expected;
-  const auto label = [&](const std::string& name, const char* more) {  // Checks only the allowed characters.
+  const auto label = [&](const std::string& name, const char* more) {  // Checks the characters, not the value.
     const std::string start = "//labels/" + name + "=\"";
     const std::string& member = found.at(expected.size());
     CHECK(member.starts_with(start) && member.size() > start.size());
@@ -286,7 +286,7 @@ void CheckWebhook(const Event& event, Input& in) {
   CHECK_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
   g_headers.clear();
   const uint32_t result = sink->Submit(event, nullptr, nullptr);
-  if (config.bearer_token.find_first_of("\r\n") != std::string::npos) {  // It would start another header.
+  if (config.bearer_token.find_first_of("\r\n") != std::string::npos) {  // A line break would start another header.
     return CHECK(result == OXEVENT_FAILURE && g_headers.empty());
   }
   CHECK_EQ(result, OXEVENT_OK);
@@ -320,7 +320,7 @@ void CheckWebhook(const Event& event, Input& in) {
 
 }  // namespace
 
-// Replaces the companion's function.
+// Replaces the function of liboxutil: records the headers and the body, and succeeds.
 int32_t oxOSHTTPCommand(const char* /*url*/, const char* /*method*/, const char* headers, const char* body,
                         int32_t size, char** /*response*/, int32_t* status, uint32_t /*timeout_ms*/) {
   g_headers = headers;
