@@ -21,8 +21,8 @@ target_compile_options(oxevent_options INTERFACE
   -fstack-protector-strong -fstack-clash-protection -fcf-protection
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
-# -z shstk marks the result as supporting the shadow stack. The linker would not do so by itself: the start files of the C
-# library support it but are not marked. The result is not marked as supporting indirect branch tracking, although our
+# -z shstk marks the result as supporting the shadow stack. The linker would not do so by itself: the start files of the
+# C library support it but are not marked. The result is not marked as supporting indirect branch tracking, although our
 # code has landing pads, because the start files have none.
 target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,shstk -Wl,--as-needed)
 
