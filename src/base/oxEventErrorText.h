@@ -27,8 +27,8 @@ class oxEventErrorText {
 // becomes empty, and the result code alone reports the failure.
 void oxEventFillErrorText(std::string_view text, const std::string_view* values, std::string* error) noexcept;
 
-// The same for the text with this id: oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns its usual
-// result code.
+// Does the same for the text with this id, as in oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns
+// its usual result code.
 template <size_t placeholders>
 uint32_t oxEventSetErrorText(std::type_identity_t<oxEventErrorText<placeholders>> entry,
                              const std::string_view (&values)[placeholders], std::string* error) noexcept {

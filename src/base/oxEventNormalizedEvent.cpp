@@ -57,7 +57,7 @@ bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
 
 bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
   if (const size_t size = StringBytes(from); size > capacity_) {
-    const size_t capacity = std::bit_ceil(size);  // Rounded up: few reallocations.
+    const size_t capacity = std::bit_ceil(size);  // Rounded up, to allocate less often.
     void* const block = memory_->Allocate(capacity);
     if (block == nullptr) return false;
     FreeBlock();

@@ -8,14 +8,14 @@
 
 // Formats numbers, independent of the locale. Any thread.
 
-constexpr size_t kOxEventNumberSize = 32;  // Size of a buffer in bytes that holds every number.
+constexpr size_t kOxEventNumberSize = 32;  // Bytes that suffice for any number.
 
 // Writes to a buffer of kOxEventNumberSize bytes, without a terminating NUL. Returns the end.
 template <class Integer>
 char* oxEventWriteNumber(Integer value, char* at) {
   return std::to_chars(at, at + kOxEventNumberSize, value).ptr;
 }
-// The same, formatted as by printf with %.{significant_digits}g, 1 to 17 digits; also nan, -nan, inf and -inf.
+// Formats as printf does with %.{significant_digits}g, for 1 to 17 digits, including nan, -nan, inf and -inf.
 char* oxEventWriteNumber(double value, int significant_digits, char* at);
 
 // Appends a number. Throws only std::bad_alloc.

@@ -9,9 +9,9 @@
 
 // A slab allocator that returns freed memory to the system. The C library's allocator often cannot do so, because
 // blocks of the host lie between ours and keep the pages in use. Each span of pages holds blocks of one size; a span
-// without live blocks is unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from malloc. Does not
-// throw: in a C host, a thread's first exception needs memory itself. Threads: one at a time. All blocks must be freed
-// before the allocator is destroyed.
+// without live blocks is unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from malloc.
+// Does not throw: in a C host, a thread's first exception needs memory itself.
+// Threads: one at a time. All blocks must be freed before the allocator is destroyed.
 class oxEventSlab {
  public:
   oxEventSlab() = default;
@@ -69,7 +69,7 @@ class oxEventSlab {
   void Unlink(Span* span);
   void FreeSpan(Span* span);
 
-  std::array<Span*, kClasses> partial_spans_ = {};  // By size class: spans with a free block.
+  std::array<Span*, kClasses> partial_spans_ = {};  // Spans with a free block, by size class.
   Span* empty_span_ = nullptr;                      // The span kept without live blocks; also in its list.
   oxEventPages pages_{kSpanSize};
 };

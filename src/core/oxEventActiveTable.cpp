@@ -203,17 +203,17 @@ bool oxEventActiveTable::DoubleDirectory() {
   return true;
 }
 
-// Merges the segment of this hash with its neighbour, if both have the same depth and few conditions. Returns whether
+// Merges the segment of this hash with its neighbor, if both have the same depth and few conditions. Returns whether
 // it did.
 bool oxEventActiveTable::Merge(uint64_t hash) {
   constexpr size_t kMergeBelow = kSlots / 4;
   Segment* const segment = directory_[DirectoryIndex(hash)];
   if (segment->count >= kMergeBelow || segment->depth == 0) return false;
-  Segment* const neighbour = directory_[DirectoryIndex(hash ^ uint64_t{1} << (64 - segment->depth))];
-  if (neighbour->depth != segment->depth || segment->count + neighbour->count >= kMergeBelow) return false;
-  const bool keeps_segment = segment->count >= neighbour->count;
-  Segment* const kept = keeps_segment ? segment : neighbour;
-  Segment* const gone = keeps_segment ? neighbour : segment;
+  Segment* const neighbor = directory_[DirectoryIndex(hash ^ uint64_t{1} << (64 - segment->depth))];
+  if (neighbor->depth != segment->depth || segment->count + neighbor->count >= kMergeBelow) return false;
+  const bool keeps_segment = segment->count >= neighbor->count;
+  Segment* const kept = keeps_segment ? segment : neighbor;
+  Segment* const gone = keeps_segment ? neighbor : segment;
   MoveAll(*gone, kept);
   --segments_by_depth_[kept->depth];
   ++segments_by_depth_[--kept->depth];

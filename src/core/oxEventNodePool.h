@@ -34,8 +34,8 @@ class oxEventNodePool {
   // Whether more nodes are kept than an idle queue needs.
   bool HasSurplus() const { return free_nodes_.Size() > kNodesKept; }
 
-  // Returns when the surplus may be freed: a second after the last call before which more than a few events were
-  // queued. `enqueue_count`: number of events queued so far.
+  // Returns when the surplus may be freed. If more than a few events have been queued since the previous call, a quiet
+  // period of a second begins now. `enqueue_count`: number of events queued so far.
   Clock::time_point SurplusDeadline(uint64_t enqueue_count);
 
   // Frees surplus nodes of *nodes, a few at a time, as long as should_continue() returns true, and then unused memory.
@@ -54,6 +54,6 @@ class oxEventNodePool {
 
   oxEventSharedSlab memory_;  // Owns the memory of the nodes and their texts: declared first, destroyed last.
   oxEventNodeStack free_nodes_;
-  Clock::time_point quiet_since_;    // When the last burst had ended.
+  Clock::time_point quiet_since_;    // When the quiet period began.
   uint64_t last_enqueue_count_ = 0;  // The argument of the last SurplusDeadline call.
 };

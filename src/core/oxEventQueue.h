@@ -26,7 +26,7 @@ enum class oxEventEnqueueResult {
 // Threads: only the worker calls WaitPop and CompleteActiveEvent; any thread calls the rest.
 class oxEventQueue {
  public:
-  // `drops` outlives the queue. `timed_wait`: see WaitMode.
+  // `drops` must outlive the queue. `timed_wait`: duration of WaitMode::kTimed.
   explicit oxEventQueue(oxEventDropLedger* drops,
                         std::chrono::steady_clock::duration timed_wait = std::chrono::milliseconds(1))
       : drops_(drops), timed_wait_(timed_wait) {}
@@ -40,7 +40,7 @@ class oxEventQueue {
   uint32_t Configure(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
 
   // Queues a copy; never waits for space. *node_cache, which may be null, is a free node that the calling thread keeps
-  // between its events, so that the event can be copied before the lock is taken. It becomes another free node or null.
+  // between its events, so that the event can be copied before the lock is taken. Afterwards it is a free node or null.
   // Never throws: a thread's first exception needs memory itself.
   oxEventEnqueueResult Enqueue(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) OX_EXCLUDES(mutex_);
 

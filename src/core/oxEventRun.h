@@ -14,12 +14,12 @@ class oxEventRouter::Run {
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
 
-  // Starts the worker, which blocks every signal, so that no handler of the host runs on it. Returns once the
-  // worker is ready.
+  // Starts the worker, which blocks every signal, so that no handler of the host runs on it. Returns once the worker
+  // is ready.
   void StartWorker();
   void JoinWorker() OX_EXCLUDES(join_mutex_);
-  // Whether the calling thread is the worker. False once the worker has been joined: another thread may
-  // have the same id then.
+  // Whether the calling thread is the worker. False once the worker has been joined: another thread may have the
+  // same id then.
   bool IsWorker() const { return worker_id_.load() == std::this_thread::get_id(); }
   bool HasEnded() const { return ended_; }
 

@@ -33,7 +33,7 @@ class oxEventState {
   // The key of the event's condition: its dedupe_key or, if that is empty, source_id ":" event_type.
   static void BuildKey(const oxEventNormalizedEvent& event, std::string* key);
 
-  // Events with equal signatures report the same. A signature contains all fields except event_id, utc_ns and ptp_ns.
+  // Events with equal signatures report the same state. A signature has all fields except event_id, utc_ns and ptp_ns.
   static void BuildSignature(const oxEventNormalizedEvent& event, std::string* signature);
 
  private:
@@ -51,6 +51,6 @@ class oxEventState {
   bool route_orphan_clear_ OX_GUARDED_BY(mutex_) = false;
   uint64_t repeat_interval_ns_ OX_GUARDED_BY(mutex_) = 1'800'000'000'000;
   oxEventActiveTable active_ OX_GUARDED_BY(mutex_);
-  std::string key_ OX_GUARDED_BY(mutex_);  // Buffers that are reused for each event.
+  std::string key_ OX_GUARDED_BY(mutex_);  // This and signature_ are buffers reused for each event.
   std::string signature_ OX_GUARDED_BY(mutex_);
 };
