@@ -54,16 +54,16 @@ extern "C" {
  * At least the first 48 bytes (up to and including message) are required.
  */
 typedef struct oxEventRecord {
-  uint32_t struct_size;    /* Size of this record in bytes, as the caller was compiled. */
-  uint32_t version;        /* OXEVENT_API_VERSION. */
-  uint64_t event_id;       /* 0: the library assigns the next id of this process. */
-  const char* event_type;  /* Kind of event. Default "event". */
-  const char* source_id;   /* Identifies the source of the event. Default empty. */
-  const char* source_name; /* Display name of the source. Default "oxEvent". */
-  const char* message;     /* Human-readable message. Required, not empty. */
-  uint32_t severity;       /* OXEVENT_SEVERITY_…, not larger. Info if struct_size ends before this field. */
-  const char* action;      /* "raise", "update", "repeat" or "clear" a condition; others are passed on as they are. */
-  const char* dedupe_key;  /* Identifies the condition. Empty: source_id ":" event_type. */
+  uint32_t struct_size;       /* Size of this record in bytes, as the caller was compiled. */
+  uint32_t version;           /* OXEVENT_API_VERSION. */
+  uint64_t event_id;          /* 0: the library assigns the next id of this process. */
+  const char* event_type;     /* Kind of event. Default "event". */
+  const char* source_id;      /* Identifies the source of the event. Default empty. */
+  const char* source_name;    /* Display name of the source. Default "oxEvent". */
+  const char* message;        /* Human-readable message. Required, not empty. */
+  uint32_t severity;          /* OXEVENT_SEVERITY_…, not larger. Info if struct_size ends before this field. */
+  const char* action;         /* "raise", "update", "repeat" or "clear" a condition; other actions pass unchanged. */
+  const char* dedupe_key;     /* Identifies the condition. Empty: source_id ":" event_type. */
   const char* correlation_id; /* Default empty. */
   uint64_t utc_ns;            /* UTC time in nanoseconds since 1970-01-01T00:00:00Z. 0: now. */
   uint64_t ptp_ns;            /* PTP time in nanoseconds. 0: now. */
@@ -91,8 +91,8 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  * start: if there is no space for the header of a CSV file, the header is written with the first rows. Needs 64 KiB of
  * stack, as oxEventReloadConfig does.
  *
- * A call that fails starts nothing and leaves a running library alone. If it fails after opening the sinks, it removes
- * all callbacks, as oxEventShutdown does.
+ * A call that fails starts nothing and does not affect a library that is already running. If it fails after opening the
+ * sinks, it removes all callbacks, as oxEventShutdown does.
  *
  * OXEVENT_INVALID_ARGUMENT: config_path null or empty, file unreadable, or invalid setting (the error text names it).
  * OXEVENT_ALREADY_INITIALIZED: the library is initialized, or oxEventShutdown has not returned yet on another thread.
@@ -116,8 +116,8 @@ OXEVENT_API uint32_t oxEventShutdown(void);
 /*
  * Reports one event: validates and copies the record and queues it. Never waits for a sink, a file or the network.
  * Success means that the event was accepted, not that it was delivered: an event below the minimum severity is dropped
- * and counted. If the queue is full, drop_policy decides whether this event or an older one is dropped and counted.
- * Each call uses up one event id, even if the record is refused or has an event_id of its own.
+ * and counted. If the queue is full, the setting drop_policy decides whether this event or an older one is dropped and
+ * counted. Each call uses up one event id, even if the record is refused or has an event_id of its own.
  *
  * OXEVENT_INVALID_ARGUMENT: record null, struct_size below 48, wrong version, message null or empty, or severity above
  * error. OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE: out of memory for the copy.
