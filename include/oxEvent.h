@@ -61,7 +61,7 @@ typedef struct oxEventRecord {
   const char* source_id;      /* Identifies the source of the event. Default empty. */
   const char* source_name;    /* Display name of the source. Default "oxEvent". */
   const char* message;        /* Human-readable message. Required, not empty. */
-  uint32_t severity;          /* OXEVENT_SEVERITY_…, not larger. Info if struct_size ends before this field. */
+  uint32_t severity;          /* OXEVENT_SEVERITY_…; larger values are refused. Info if struct_size excludes it. */
   const char* action;         /* "raise", "update", "repeat" or "clear" a condition; other actions pass unchanged. */
   const char* dedupe_key;     /* Identifies the condition. Empty: source_id ":" event_type. */
   const char* correlation_id; /* Default empty. */
