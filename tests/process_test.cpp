@@ -1,5 +1,6 @@
-// How a host's process ends, forks, unloads the library and limits it. Each case runs in a child that loads the library
-// and checks what it can see; the test waits for its end and compares the CSV file with the calls of the callback.
+// How a host's process ends, forks, unloads the library and limits it. Each test describes a host, which runs in a
+// child process and checks the results of its own calls: an unexpected one ends it with status 99. The test then
+// compares the rows in the CSV file with the calls of the callback.
 #include <dlfcn.h>
 #include <malloc.h>
 #include <netdb.h>
@@ -14,334 +15,255 @@
 
 namespace {
 
-// Where the process ends or forks. A callback: that of event 2. A child: of a fork there.
-enum class Place { kMainThread, kCallback, kChildOfMainThread, kChildOfCallback };
-// Idle; or, until g_open, event 2 of 100 in the callback, with a large or a full queue; or event 1 in a sink: a request
-// without an answer, a write to a pipe that nobody reads.
-enum class State { kIdle, kBusy, kFullQueue, kHttpRequest, kPipeWrite };
-// What to expect: no destructors run; any number of events; last rows missing; threads that come or go in a child.
-enum { kAbrupt = 1, kAnyEvents = 2, kLosesRows = 4, kChildThreads = 8 };
+// What holds up the worker until ReleaseWorker or the end of the process: nothing, the callback of event 2, or an HTTP
+// request with event 1 that gets no response.
+enum class Worker { kIdle, kInCallback, kInHttpRequest };
 
-struct Case {
-  const char* name;
-  void (*run)();  // Null: the child of the callback returns from it.
-  int status;     // The exit status, or minus the signal: of the process or, where that is the place, of the child.
-  int expect;     // Flags from above.
-  std::vector<Place> places;
-  std::vector<State> states;
-  void (*then)() = [] {};  // On the main thread when a callback has let it go on.
-  bool Expects(int flag) const { return (expect & flag) != 0; }
+void PrintTo(Worker worker, std::ostream* out) {
+  const char* const names[] = {"Idle", "InCallback", "InHttpRequest"};
+  *out << names[static_cast<size_t>(worker)];
+}
+
+struct Host {
+  Worker worker = Worker::kInCallback;
+  const char* flush_each_event = "0";
+  void (*in_callback)() = nullptr;   // Runs in the callback of event 2; the main thread waits for it.
+  void (*on_main_thread)() = [] {};  // Runs while the worker is held up. Then the process exits with status 0.
 };
 
-#define EACH(X) X(Initialize) X(Shutdown) X(SubmitSimple) X(Flush) X(ReloadConfig) X(RegisterCallback) X(GetLastError)
-#define ENTRY(name) decltype(&oxEvent##name) name = reinterpret_cast<decltype(name)>(dlsym(handle, "oxEvent" #name));
 struct Library {
+  struct Symbol {
+    template <class Function>
+    operator Function*() const {
+      return reinterpret_cast<Function*>(address);
+    }
+    void* address;
+  };
+  Symbol Find(const char* name) const { return {dlsym(handle, name)}; }
+
   void* handle = dlopen(OXEVENT_LIBRARY, RTLD_NOW);
-  EACH(ENTRY)
+  decltype(&oxEventInitialize) Initialize = Find("oxEventInitialize");
+  decltype(&oxEventShutdown) Shutdown = Find("oxEventShutdown");
+  decltype(&oxEventSubmitSimple) SubmitSimple = Find("oxEventSubmitSimple");
+  decltype(&oxEventFlush) Flush = Find("oxEventFlush");
+  decltype(&oxEventReloadConfig) ReloadConfig = Find("oxEventReloadConfig");
+  decltype(&oxEventRegisterCallback) RegisterCallback = Find("oxEventRegisterCallback");
+  decltype(&oxEventGetLastError) GetLastError = Find("oxEventGetLastError");
 };
 
-Library* ox;  // Like all of this, still there for the callback while the process exits.
-Case g_case;
-Place g_place;
-State g_state;
-std::atomic<int> g_submitted, g_delivered, g_open, g_step;
-bool g_is_child = false;
-int g_calls = -1;  // The file of the callback's calls: a line with the message, and a point once the call is over.
+// The host's state is global and never destroyed: the callback and other threads use it while the process exits.
+Library* ox;
+Host g_host;
+std::atomic<int> g_submitted = 0;
+std::atomic<int> g_delivered = 0;
+std::atomic<bool> g_released = false;       // The worker is held up no longer.
+std::atomic<bool> g_ending = false;         // The process exits, or unloads the library.
+std::atomic<bool> g_callback_done = false;  // Host::in_callback has returned, or lets the main thread continue.
+std::atomic<bool> g_lookup_hangs = false;
+std::atomic<bool> g_lookup_released = false;
+// Files with the numbers of the events whose callback has begun and returned; -1 in a child of the host.
+int g_begun = -1;
+int g_returned = -1;
 
-// A child may start threads, and does not free what the parent held.
-extern "C" void __tsan_init() __attribute__((weak));
+extern "C" void __tsan_init() __attribute__((weak));  // Null without the thread sanitizer, which cannot do everything.
+// A child of the host may start threads, and does not free what belongs to its parent.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0:atexit_sleep_ms=20"; }
-extern "C" const char* __lsan_default_suppressions() { return "leak:CRYPTO_zalloc"; }  // Of threads that outlive it.
-extern "C" int __lsan_is_turned_off() { return g_calls < 0; }
+extern "C" const char* __lsan_default_suppressions() { return "leak:CRYPTO_zalloc"; }  // Of threads that never end.
+extern "C" int __lsan_is_turned_off() { return g_begun < 0; }
 
-#define AWAIT(condition) \
-  while (!(condition)) usleep(500)
-#define CHECK(condition) CHECK_EQ(static_cast<bool>(condition), true)
-#define CHECK_EQ(actual, expected) CheckEqual(actual, expected, __LINE__, #actual)
-
-void CheckEqual(const auto& actual, const auto& expected, int line, const char* what) {
+void Check(const auto& actual, const auto& expected, int line = __builtin_LINE()) {
   if (actual == expected) return;
-  std::cerr << "line " << line << ": " << what << " is " << actual << ", not " << expected << std::endl;
+  std::cerr << "process_test.cpp:" << line << ": " << actual << ", not " << expected << std::endl;
   _exit(99);
 }
 
-std::atomic<int> g_hanging, g_answers;
-
-void Hang() {
-  ++g_hanging;
-  AWAIT(g_answers > 0);
+void WaitUntil(auto condition) {
+  while (!condition()) usleep(500);
 }
 
 // A name server that hangs, for one host.
 extern "C" int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
   static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   const bool hangs = strcmp(host, "hangs.test") == 0;
-  if (hangs) Hang();
+  if (hangs) {
+    g_lookup_hangs = true;
+    WaitUntil([] { return g_lookup_released.load(); });
+  }
   return next(hangs ? "127.0.0.1" : host, port, hints, result);
 }
 
-// What a syslog sink calls while it is being built, with the lifecycle locked.
-extern "C" int OwnGethostname(char*, size_t) __asm__("gethostname");  // Of that name there is an inline one.
-int OwnGethostname(char* name, size_t size) {
-  Hang();
-  return snprintf(name, size, "host") > 0 ? 0 : -1;
-}
-
-#ifndef __SANITIZE_THREAD__  // That sanitizer makes keys before this program is ready.
-// A thread that ends could call what the library had registered for that while dlclose unmaps it.
-extern "C" int pthread_key_create(pthread_key_t* key, void (*at_thread_end)(void*)) noexcept {
+#ifndef __SANITIZE_THREAD__  // That sanitizer creates keys before this program is ready.
+// A thread that exits could call a destructor that the library has given to a key while dlclose unmaps it.
+extern "C" int pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) noexcept {
   static const auto next = reinterpret_cast<decltype(&pthread_key_create)>(dlsym(RTLD_NEXT, "pthread_key_create"));
   Dl_info info = {};
-  // Not for a null: it takes a lock of the loader's, which dlclose holds while it waits for the worker.
-  if (at_thread_end != nullptr) dladdr(reinterpret_cast<void*>(at_thread_end), &info);
-  CHECK(info.dli_fname == nullptr || strstr(info.dli_fname, "liboxEvent") == nullptr);
-  return next(key, at_thread_end);
+  // Not for a null: dladdr takes a lock of the loader, which dlclose holds while it waits for the worker.
+  if (destructor != nullptr) dladdr(reinterpret_cast<void*>(destructor), &info);
+  const bool is_ours = info.dli_fname != nullptr && strstr(info.dli_fname, "liboxEvent") != nullptr;
+  Check(is_ours, false);
+  return next(key, destructor);
 }
 #endif
 
-constexpr std::string_view kOk = "0 ", kNotInitialized = "80050001 oxEvent is not initialized";
-
-// The code that a call returned, in hexadecimal, and the error text that it left.
-std::string ResultOf(uint32_t code) {
-  char text[256] = "unread";
-  ox->GetLastError(text, sizeof text);
-  return (std::stringstream() << std::hex << code << ' ' << text).str();
-}
-
-#ifndef OXEVENT_SANITIZED
-// A child that is alone has no thread that could end a wait.
-#define OWN_WAIT(call)                                                                         \
-  extern "C" long Own_##call(long, long, long, long) __asm__(#call);                           \
-  long Own_##call(long first, long second, long third, long fourth) {                          \
-    static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call)); \
-    CHECK(!g_is_child || Entries("/proc/self/task") > 1);                                      \
-    return next(first, second, third, fourth);                                                 \
+// Returns the child's exit status, or minus the signal that ended it: SIGKILL if it hangs.
+int WaitForChild(pid_t child, int limit_ms) {
+  int status = 0;
+  for (int waited_ms = 0; waitpid(child, &status, WNOHANG) == 0; ++waited_ms) {
+    if (waited_ms == limit_ms) kill(child, SIGKILL);
+    usleep(1000);
   }
-OWN_WAIT(pthread_cond_wait)
-OWN_WAIT(pthread_cond_clockwait)
-OWN_WAIT(nanosleep)
-OWN_WAIT(poll)
-#endif
-
-// A child's exit status, or minus its signal: SIGKILL if it hangs.
-int Fork(void (*run)(), int limit_ms = 60'000) {
-  const pid_t child = fork();
-  if (child == 0) {
-    g_calls = -1;
-    g_is_child = true;
-    if (run == nullptr) return g_case.status;
-    run();
-    _exit(0);
-  }
-  int status;
-  while (waitpid(child, &status, WNOHANG) == 0) limit_ms-- == 0 ? kill(child, SIGKILL) : usleep(1000);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-void ForkCase() { CHECK_EQ(Fork(g_case.run), g_case.status); }
+int Fork(void (*run)(), int limit_ms = 60'000) {
+  const pid_t child = fork();
+  if (child != 0) return WaitForChild(child, limit_ms);
+  g_begun = g_returned = -1;
+  run();
+  _exit(0);
+}
 
-bool IsHeldInSink() { return g_state == State::kHttpRequest || g_state == State::kPipeWrite; }
-bool IsChildCase() { return g_place == Place::kChildOfMainThread || g_place == Place::kChildOfCallback; }
-
-std::string Text(int i) { return std::string(g_state == State::kPipeWrite ? 9999 : 0, '0') + std::to_string(i); }
-
-uint32_t SubmitOne() { return ox->SubmitSimple(0, 1, nullptr, Text(++g_submitted).c_str()); }
+uint32_t SubmitOne() { return ox->SubmitSimple(0, 1, nullptr, std::to_string(++g_submitted).c_str()); }
 
 void Submit(int count) {
-  while (count-- > 0) CHECK_EQ(ResultOf(SubmitOne()), kOk);
+  for (int i = 0; i < count; ++i) Check(SubmitOne(), OXEVENT_OK);
+}
+
+void ReleaseWorker() { g_released = true; }
+
+void EndAndReleaseWorker() {
+  g_ending = true;
+  ReleaseWorker();
 }
 
 void OnSecondEvent() {
-  if (g_state != State::kIdle) AWAIT(g_open > 0);
-  if (g_place == Place::kCallback) g_case.run();
-  if (g_place == Place::kChildOfCallback) ForkCase();
-  if (g_place == Place::kMainThread && g_state != State::kIdle) AWAIT(SubmitOne() != 0);  // The exit discards these.
+  if (g_host.worker != Worker::kIdle) WaitUntil([] { return g_released.load(); });
+  if (g_host.in_callback == nullptr) return;
+  g_host.in_callback();
+  g_callback_done = true;
 }
 
 void OnEvent(const oxEventRecord* event, void*) {
-  dprintf(g_calls, "%s", event->message);
-  const int number = ++g_delivered;
-  if (g_calls >= 0 && number == 2) OnSecondEvent();
-  const bool exiting = number > 2 && g_place == Place::kMainThread && g_state != State::kIdle;
-  if (exiting) usleep(5000);  // While the exit gets to discarding.
-  dprintf(g_calls, ".\n");
+  dprintf(g_begun, "%s\n", event->message);
+  if (++g_delivered == 2 && g_begun >= 0) OnSecondEvent();
+  if (g_ending && g_host.in_callback == nullptr) {
+    WaitUntil([] { return SubmitOne() != OXEVENT_OK; });
+    usleep(5000);  // The library discards the queued events meanwhile.
+  }
+  dprintf(g_returned, "%s\n", event->message);
 }
 
 uint32_t Start(const char* settings = "settings.xml") {
-  uint32_t id;
+  uint32_t id = 0;
   const uint32_t result = ox->Initialize(settings);
   return result == OXEVENT_OK ? ox->RegisterCallback(OnEvent, nullptr, &id) : result;
 }
 
-void Stop() { CHECK_EQ(ResultOf(ox->Shutdown()), kOk); }
+void Stop() { Check(ox->Shutdown(), OXEVENT_OK); }
 
-// The C library writes out its streams when all destructors are through.
+// The C library flushes its streams after all destructors, those of the library included.
 ssize_t AfterDestructors(void*, const char*, size_t size) {
   if (ox != nullptr) {
-    CHECK_EQ(SubmitOne(), OXEVENT_NOT_INITIALIZED);
-    CHECK(Start("own.xml") != OXEVENT_OK);
+    Check(SubmitOne(), OXEVENT_NOT_INITIALIZED);
+    Check(Start("own.xml") != OXEVENT_OK, true);
   }
   return static_cast<ssize_t>(size);
 }
 
-// Opens the peer that blocks the delivery of event 1: an endpoint that does not respond, or a pipe that nobody reads.
-// Returns its port, or the end of the pipe to write to.
-int OpenPeer(int* peer) {
-  if (g_state == State::kPipeWrite) {
-    int ends[2];
-    CHECK_EQ(pipe2(ends, O_CLOEXEC), 0);
-    CHECK_EQ(fcntl(ends[0], F_SETPIPE_SZ, 4096), 4096);
-    *peer = ends[0];
-    return ends[1];
-  }
-  uint16_t port;
-  *peer = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
-  CHECK_EQ(listen(*peer, 9), 0);
-  return port;
+void ReleaseRequest(int server) {
+  WaitUntil([] { return g_released.load(); });
+  usleep(50'000);  // The end of the process finds the delivery blocked, and writes the buffered rows before it waits.
+  WaitUntil([] { return ReadMessages("events.csv").size() > 1; });
+  close(server);
 }
 
-void LetGo(int peer) {
-  AWAIT(g_open > 0);
-  usleep(50'000);  // Time for the end of the process to find the delivery blocked.
-  // The thread that waits for the request writes the buffered rows first.
-  if (g_state == State::kHttpRequest && g_place != Place::kCallback) AWAIT(ReadMessages("events.csv").size() > 1);
-  for (char bytes[4096]; g_state == State::kPipeWrite && read(peer, bytes, sizeof(bytes)) > 0;) continue;
-  close(peer);
-}
+int OpenLog(const char* path) { return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600); }
 
-void RunCase() {
+void LiveAsHost() {
   closefrom(3);
-  g_is_child = false;
-  g_calls = open("calls", O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  WriteSettings("own.xml", "own.csv");
-  pollfd peer = {-1, POLLIN, 0};
-  const std::string number = std::to_string(OpenPeer(&peer.fd));
+  g_begun = OpenLog("begun");
+  g_returned = OpenLog("returned");
+  uint16_t port = 0;
+  const int server = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
+  Check(listen(server, 9), 0);
   WriteSettings("settings.xml", "events.csv",
-                {{"core\\queue_size", g_state == State::kFullQueue ? "4" : "1024"},
-                 {"sink\\csv\\default\\flush_each_event", g_case.Expects(kAbrupt) ? "1" : "0"},
-                 {"sink\\csv\\pipe\\enabled", g_state == State::kPipeWrite ? "1" : "0"},
-                 {"sink\\csv\\pipe\\flush_each_event", "1"},
-                 {"sink\\csv\\pipe\\path", "/proc/self/fd/" + number},
-                 {"sink\\webhook\\http\\x\\enabled", g_state == State::kHttpRequest ? "1" : "0"},
+                {{"core\\queue_size", "64"},
+                 {"sink\\csv\\default\\flush_each_event", g_host.flush_each_event},
+                 {"sink\\webhook\\http\\x\\enabled", g_host.worker == Worker::kInHttpRequest ? "1" : "0"},
                  {"sink\\webhook\\http\\x\\request_timeout_ms", "90000"},
-                 {"sink\\webhook\\http\\x\\endpoint_url", "http://127.0.0.1:" + number}});
+                 {"sink\\webhook\\http\\x\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)}});
+  WriteSettings("own.xml", "own.csv");  // For later runs, and for children.
   ox = new Library;
-  CHECK_EQ(ResultOf(Start()), kOk);
-  if (g_state == State::kPipeWrite) CHECK(read(peer.fd, Text(0).data(), 9999) > 0);  // The header.
-  // Before any callback forks: a child that exits needs the C library's lock of these.
-  atexit([] { ++g_open; });
+  Check(Start(), OXEVENT_OK);
+  // Before any fork in the callback: a child that exits needs the C library's lock of these.
+  atexit(EndAndReleaseWorker);
   fputc(' ', fopencookie(nullptr, "w", {nullptr, AfterDestructors, nullptr, nullptr}));
+
   Submit(2);
-  AWAIT(IsHeldInSink() ? poll(&peer, 1, 0) == 1 : g_delivered == g_submitted);
-  if (IsHeldInSink()) std::thread(LetGo, peer.fd).detach();
-  if (g_state != State::kIdle) Submit(98);
-  if (g_place == Place::kChildOfMainThread) ForkCase();
-  if (g_place != Place::kMainThread) ++g_open;
-  if (g_place == Place::kMainThread) {
-    g_case.run();
-  } else if (g_place == Place::kCallback) {
-    AWAIT(g_step > 0);
-    ++g_open;
-    g_case.then();
+  if (g_host.worker == Worker::kInHttpRequest) {
+    pollfd request = {server, POLLIN, 0};
+    Check(poll(&request, 1, -1), 1);
+    std::thread(ReleaseRequest, server).detach();
   } else {
-    Stop();
+    WaitUntil([] { return g_delivered == 2; });
   }
+  if (g_host.worker != Worker::kIdle) Submit(98);  // More than the queue holds.
+  if (g_host.in_callback != nullptr) {
+    ReleaseWorker();
+    WaitUntil([] { return g_callback_done.load(); });
+  }
+  g_host.on_main_thread();
   exit(0);
 }
 
-void Repeat(void (*call)()) {
-  while (true) call();
+using Messages = std::vector<std::string>;
+
+struct ProcessTest : testing::Test {
+  // Runs the host and returns its exit status.
+  int Run() {
+    EXPECT_EQ(chdir(directory.path.c_str()), 0);
+    g_host = host;
+    const int status = Fork(LiveAsHost, 240'000);
+    rows = ReadMessages("events.csv");
+    begun = ReadLines("begun");
+    returned = ReadLines("returned");
+    return status;
+  }
+  static Messages ReadLines(const char* path) {
+    Messages lines = {"message"};  // As in the header of a CSV file.
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    return lines;
+  }
+  void ExpectThatCallsReturnedAndRowsAreWritten() const {
+    EXPECT_EQ(returned, begun);
+    EXPECT_EQ(rows, begun);
+  }
+  static bool IsThreadSanitizerUsed() { return &__tsan_init != nullptr; }
+
+  const HostFolder directory{};
+  Host host;
+  Messages rows;      // In the CSV file.
+  Messages begun;     // Calls of the callback.
+  Messages returned;  // Those of them that returned.
+};
+
+// Repeats each call on a thread of its own, until the process ends.
+void Hammer(auto... calls) {
+  const auto repeat = [](void (*call)()) {
+    while (true) call();
+  };
+  (std::thread(repeat, calls).detach(), ...);
 }
 
-void Hammer(auto... calls) { (std::thread(Repeat, calls).detach(), ...); }
-
-void TrySubmit() {  // Refused once, then for good.
-  if (SubmitOne() != OXEVENT_OK) CHECK_EQ(SubmitOne(), OXEVENT_NOT_INITIALIZED);
-}
-
-void RunInChild() {  // Refused, then with a run and a file of its own.
-  CHECK_EQ(ResultOf(ox->Flush(0)), kNotInitialized);
-  CHECK_EQ(ResultOf(ox->Shutdown()), kNotInitialized);
-  CHECK_EQ(ResultOf(ox->ReloadConfig("own.xml")), kNotInitialized);
-  CHECK_EQ(ResultOf(SubmitOne()), kNotInitialized);
-  unlink("own.csv");
-  g_delivered = 0;
-  CHECK_EQ(ResultOf(Start("own.xml")), kOk);
-  Submit(3);
-  CHECK_EQ(ResultOf(ox->Flush(0)), kOk);
-  CHECK_EQ(g_delivered, 3);
-  CHECK_EQ(ReadMessages("own.csv").size(), 4u);
-}
-
-void RunAndStop() {
-  RunInChild();
-  CHECK_EQ(ResultOf(ox->ReloadConfig("own.xml")), kOk);
-  Stop();
-}
-
-void RunAndExit() {
-  RunInChild();
-  exit(0);
-}
-
-void RunTwiceAndFork() {
-  RunAndStop();
-  RunInChild();
-  exit(Fork(RunAndExit));
+void TrySubmit() {
+  if (SubmitOne() == OXEVENT_OK) return;
+  Check(SubmitOne(), OXEVENT_NOT_INITIALIZED);  // Once refused, always refused.
 }
 
 void FlushAndReload() {
   ox->Flush(0);
   ox->ReloadConfig(nullptr);
-}
-
-[[maybe_unused]] void ForkAmidCalls() {
-  Hammer(TrySubmit, FlushAndReload, [] { ox->SubmitSimple(0, 1, "", ""); });
-  for (int i = 0; i < 50; ++i) CHECK_EQ(Fork(RunAndStop), 0);
-}
-
-void Unload() {
-  CHECK_EQ(dlclose(ox->handle), 0);
-  delete std::exchange(ox, nullptr);
-  CHECK_EQ(ReadFile("/proc/self/maps").find("liboxEvent"), std::string::npos);
-}
-
-void UnloadAndLoad() {
-  ++g_open;
-  Unload();
-  ox = new Library;
-  g_calls = -1;
-  RunInChild();
-}
-
-void LoadAndUnload() {          // On a thread that outlives each library, as its error texts must not.
-  constexpr int kRounds = 520;  // Once to warm up, once to compare; together more than there are thread-specific keys.
-  const auto fail = [] { CHECK_EQ(ResultOf(ox->SubmitSimple(0, 1, "", "")), "80050003 Invalid OXEvent"); };
-  size_t left[2];  // A descriptor or a thread counts like the smallest allocation in every round.
-  for (int i = 0; i < 2 * kRounds; ++i) {
-    if (i % 3 == 1) Stop();
-    Unload();
-    left[i / kRounds] = mallinfo2().uordblks + kRounds * 16 * (Entries("/proc/self/fd") + Entries("/proc/self/task"));
-    ox = new Library;
-    fail();
-    std::thread(fail).join();
-    if (i % 3 != 2) CHECK_EQ(ResultOf(Start()), kOk);
-    if (i % 3 != 2) Submit(1);
-    AWAIT(g_delivered == g_submitted);
-  }
-  CHECK(left[1] < left[0] + kRounds * 16);
-  CHECK_EQ(Fork([] { exit(0); }), 0);
-}
-
-void ShutDownCancelled() {
-  pthread_cancel(pthread_self());
-  ox->Shutdown();
-}
-
-void InitializeAmidShutdown() {
-  Hammer(ShutDownCancelled);
-  AWAIT(SubmitOne() == OXEVENT_NOT_INITIALIZED);
-  if (g_state != State::kIdle) CHECK_EQ(ox->Initialize("own.xml"), OXEVENT_ALREADY_INITIALIZED);
 }
 
 void Restart() {
@@ -350,143 +272,245 @@ void Restart() {
   SubmitOne();
 }
 
-void RestartAtExit() {
-  ++g_open;
-  Stop();
-  CHECK_EQ(ResultOf(Start()), kOk);
+// For a process in which the library is not running yet.
+void StartOwnRun() {
+  Check(ox->Flush(0), OXEVENT_NOT_INITIALIZED);
+  Check(ox->Shutdown(), OXEVENT_NOT_INITIALIZED);
+  Check(ox->ReloadConfig("own.xml"), OXEVENT_NOT_INITIALIZED);
+  Check(SubmitOne(), OXEVENT_NOT_INITIALIZED);
+  unlink("own.csv");
+  g_delivered = 0;
+  Check(Start("own.xml"), OXEVENT_OK);
   Submit(3);
+  Check(ox->Flush(0), OXEVENT_OK);
+  Check(g_delivered.load(), 3);
+  Check(ReadMessages("own.csv").size(), 4u);
 }
 
-void ShutdownInCallback() {
-  CHECK_EQ(ox->Shutdown(), OXEVENT_FAILURE);  // Events are discarded.
-  CHECK_EQ(ox->Initialize("own.xml"), OXEVENT_OK);
-  ++g_step;
-  AWAIT(g_open > 1);
-  usleep(100'000);  // In which a host that does not wait for the callback gets away.
-}
-
-std::thread ReloadWithSyslog(const char* host, uint32_t expected) {
-  WriteSettings("late.xml", "late.csv", {{"sink\\syslog\\udp\\x\\enabled", "1"}, {"sink\\syslog\\udp\\x\\host", host}});
-  return std::thread([expected] { CHECK_EQ(ox->ReloadConfig("late.xml"), expected); });
-}
-
-// A reload that only waits for a name server holds up nobody but other reloads, and comes too late for its run.
-void ShutdownAmidLookup() {
-  std::thread reload = ReloadWithSyslog("hangs.test", OXEVENT_NOT_INITIALIZED);
-  AWAIT(g_hanging == 1);
-  Submit(3);
-  CHECK_EQ(ResultOf(ox->Flush(0)), kOk);
-  CHECK_EQ(Fork(RunAndStop), 0);
+void RunAndStop() {
+  StartOwnRun();
+  Check(ox->ReloadConfig("own.xml"), OXEVENT_OK);
   Stop();
-  CHECK_EQ(ResultOf(Start("own.xml")), kOk);
-  ++g_answers;
-  reload.join();
-  CHECK(!std::filesystem::exists("late.csv"));
 }
 
-void ForkAmidReload() {
-  std::thread reload = ReloadWithSyslog("127.0.0.1", OXEVENT_OK);
-  AWAIT(g_hanging == 1);
-  CHECK_EQ(Fork(RunAndStop), 0);
-  ++g_answers;
-  reload.join();
+void RunTwiceAndFork() {
+  RunAndStop();
+  StartOwnRun();
+  exit(Fork([] {
+    StartOwnRun();
+    exit(0);
+  }));
 }
 
-void EndThreads() {  // Each with an error text.
-  const auto run = [](int count) {
-    for (int i = 0; i < count; ++i) std::thread([] { ox->Flush(0); }).join();
-    return mallinfo2().uordblks;
-  };
-  Stop();
-  const size_t before = run(100);
-  CHECK(run(2000) < before + 2000 * 16);
+void Unload() {
+  Check(dlclose(ox->handle), 0);
+  delete std::exchange(ox, nullptr);
+  Check(ReadFile("/proc/self/maps").find("liboxEvent"), std::string::npos);
 }
 
-void LimitFileSize() {
-  const rlimit limit = {std::filesystem::file_size("events.csv"), RLIM_INFINITY};
-  CHECK_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+void ForkChildren() {
+  Check(Fork([] { exit(7); }), 7);
+  Check(Fork(Unload), 0);
+  if (!ProcessTest::IsThreadSanitizerUsed()) Check(Fork(RunTwiceAndFork), 0);
 }
 
-[[maybe_unused]] void CloseOnExec() {
-  Hammer([] {
-    Restart();
-    ox->ReloadConfig(nullptr);
-    ++g_step;
-  });
-  for (int fd = 3; g_step < 50; fd = fd % 64 + 3) CHECK(fcntl(fd, F_GETFD) != 0);
-}
-
-const std::vector<Place> kMainThread = {Place::kMainThread}, kCallback = {Place::kCallback},
-                         kChildren = {Place::kChildOfMainThread, Place::kChildOfCallback},
-                         kEverywhere = {Place::kMainThread, Place::kCallback, Place::kChildOfMainThread,
-                                        Place::kChildOfCallback};
-const std::vector<State> kIdle = {State::kIdle}, kQueued = {State::kBusy, State::kFullQueue},
-                         kInCallback = {State::kIdle, State::kBusy, State::kFullQueue},
-                         kAnyState = {State::kIdle, State::kBusy, State::kFullQueue, State::kHttpRequest,
-                                      State::kPipeWrite};
-
-const Case kCases[] = {
-    {"return", [] {}, 0, 0, kMainThread, kAnyState},
-    {"exit", [] { exit(7); }, 7, 0, kEverywhere, kAnyState},
-    {"exit_on_a_thread", [] { std::thread([] { exit(0); }).join(); }, 0, 0, kMainThread, kAnyState},
-    {"hard_exit", [] { _exit(7); }, 7, kAbrupt, kEverywhere, kAnyState},
-    {"quick_exit", [] { quick_exit(7); }, 7, kAbrupt, kEverywhere, kAnyState},
-    {"abort", abort, -SIGABRT, kAbrupt, kEverywhere, kAnyState},
-    {"exec", [] { execl("/bin/sh", "sh", "-c", "exit 7", nullptr); }, 7, kAbrupt, kEverywhere, kAnyState},
-    {"submit_at_exit", [] { Hammer(TrySubmit, TrySubmit); }, 0, kAnyEvents, kMainThread, kAnyState},
-    {"flush_at_exit", [] { Hammer(FlushAndReload); }, 0, kAnyEvents, kMainThread, kAnyState},
-    {"shutdown_at_exit", InitializeAmidShutdown, 0, kAnyEvents, kMainThread, kAnyState},
-    {"restart_at_exit", [] { Hammer(Restart); }, 0, kAnyEvents | kLosesRows, kMainThread, kAnyState},
-    {"static_destructor", [] { atexit(RestartAtExit); }, 0, kAnyEvents, kMainThread, kAnyState},
-    {"shutdown_in_callback_at_exit", ShutdownInCallback, 0, kAnyEvents, kCallback, kQueued},
-    {"shutdown_in_callback_at_unload", ShutdownInCallback, 0, kAnyEvents, kCallback, kQueued, Unload},
-    {"fork", RunTwiceAndFork, 0, kChildThreads, kChildren, kAnyState},
-    {"unload_and_load", UnloadAndLoad, 0, 0, kMainThread, kAnyState},
-    {"fork_and_unload", Unload, 0, 0, kChildren, kAnyState},
-    {"fork_and_return_from_callback", nullptr, 0, kChildThreads, {Place::kChildOfCallback}, kInCallback},
-    {"load_and_unload", [] { std::thread(LoadAndUnload).join(); }, 0, kAnyEvents, kMainThread, kIdle},
-    {"shutdown_amid_lookup", ShutdownAmidLookup, 0, kAnyEvents | kLosesRows | kChildThreads, kMainThread, kIdle},
-    {"fork_amid_reload", ForkAmidReload, 0, kAnyEvents | kChildThreads, kMainThread, kIdle},
-    {"threads_end", EndThreads, 0, kAnyEvents, kMainThread, kIdle},
-    {"file_size_at_exit", LimitFileSize, 0, kLosesRows, kMainThread, kIdle},
-#ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
-    {"fork_amid_calls", ForkAmidCalls, 0, kAnyEvents, kMainThread, kIdle},
-    {"close_on_exec", CloseOnExec, 0, kAnyEvents, kMainThread, kIdle},
-#endif
+struct EachWorkerTest : ProcessTest, testing::WithParamInterface<Worker> {
+  EachWorkerTest() { host.worker = GetParam(); }
 };
 
-void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
+INSTANTIATE_TEST_SUITE_P(, EachWorkerTest, testing::Values(Worker::kIdle, Worker::kInCallback, Worker::kInHttpRequest),
+                         testing::PrintToStringParamName());
 
-class oxEventProcess : public testing::TestWithParam<Case> {};
-
-INSTANTIATE_TEST_SUITE_P(, oxEventProcess, testing::ValuesIn(kCases), [](const auto& c) { return c.param.name; });
-
-// An end with destructors leaves all rows of the events delivered, and discards the others; any end leaves whole rows.
-void ExpectRowsOfCalls() {
-  std::string rows, calls = "message.\n" + ReadFile("calls");
-  for (const std::string& message : ReadMessages("events.csv")) rows += message + ".\n";
-  if (!IsChildCase() && g_case.status != 0 && !calls.ends_with(".\n")) calls += ".\n";  // The end of a call cut short.
-  if (g_place == Place::kMainThread && g_case.Expects(kAbrupt) && IsHeldInSink()) calls += Text(1) + ".\n";
-  EXPECT_EQ(g_case.Expects(kLosesRows) ? calls.substr(0, rows.size()) : calls, rows);
-  const bool all_delivered = IsChildCase() && g_state != State::kIdle && g_state != State::kFullQueue;
-  if (g_case.Expects(kAnyEvents)) return;
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), '\n') > 50, all_delivered) << calls;
+TEST_P(EachWorkerTest, ExitWaitsForTheDeliveryAndDiscardsTheQueue) {
+  host.on_main_thread = [] { exit(7); };
+  EXPECT_EQ(Run(), 7);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+  EXPECT_LT(rows.size(), 50u);
 }
 
-TEST_P(oxEventProcess, EndsAndLeavesItsRows) {
-  g_case = GetParam();
-  if (g_case.Expects(kChildThreads) && &__tsan_init != nullptr) GTEST_SKIP() << "The thread sanitizer cannot do that";
-  for (const Place place : g_case.places) {
-    for (const State state : g_case.states) {
-      SCOPED_TRACE((std::stringstream() << "Place " << int(place) << ", state " << int(state)).str());
-      g_place = place;
-      g_state = state;
-      const HostFolder folder;
-      ASSERT_EQ(chdir(folder.path.c_str()), 0);
-      EXPECT_EQ(Fork(RunCase, 240'000), IsChildCase() ? 0 : g_case.status);
-      ExpectRowsOfCalls();
-    }
+TEST_P(EachWorkerTest, UnloadWaitsForTheDeliveryAndTheLibraryCanBeLoadedAgain) {
+  host.on_main_thread = [] {
+    EndAndReleaseWorker();
+    Unload();
+    g_ending = false;
+    g_begun = g_returned = -1;
+    ox = new Library;
+    StartOwnRun();
+  };
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+  EXPECT_LT(rows.size(), 50u);
+}
+
+TEST_P(EachWorkerTest, ChildrenHaveRunsOfTheirOwnAndTheParentGoesOn) {
+  host.on_main_thread = [] {
+    ForkChildren();
+    ReleaseWorker();
+    Stop();
+  };
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+  EXPECT_EQ(rows.size() > 50, GetParam() != Worker::kIdle);
+}
+
+TEST_F(ProcessTest, ChildrenOfACallbackHaveRunsOfTheirOwnAndTheParentGoesOn) {
+  host.in_callback = [] {
+    ForkChildren();
+    if (IsThreadSanitizerUsed()) return;  // It does not let a child's only thread end.
+    const pid_t child = fork();
+    if (child != 0) return Check(WaitForChild(child, 60'000), 0);
+    g_begun = g_returned = -1;  // The child returns from the callback.
+  };
+  host.on_main_thread = Stop;
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+  EXPECT_GT(rows.size(), 50u);
+}
+
+TEST_F(ProcessTest, ACallbackMayExit) {
+  host.in_callback = [] { exit(7); };
+  EXPECT_EQ(Run(), 7);
+  EXPECT_EQ(rows, (Messages{"message", "1", "2"}));
+}
+
+// Shuts the library down and starts it again. Returns while the process ends, which must wait for it.
+void RestartInCallback() {
+  Check(ox->Shutdown(), OXEVENT_FAILURE);  // Discards the queued events.
+  Check(ox->Initialize("own.xml"), OXEVENT_OK);
+  g_callback_done = true;
+  WaitUntil([] { return g_ending.load(); });
+  usleep(100'000);
+}
+
+TEST_F(ProcessTest, ExitWaitsForACallbackThatHasRestartedTheLibrary) {
+  host.in_callback = RestartInCallback;
+  EXPECT_EQ(Run(), 0);
+  EXPECT_EQ(rows, (Messages{"message", "1", "2"}));
+  ExpectThatCallsReturnedAndRowsAreWritten();
+}
+
+TEST_F(ProcessTest, AnAbortLosesNoRowWithFlushEachEvent) {
+  host.flush_each_event = "1";
+  host.on_main_thread = abort;
+  EXPECT_EQ(Run(), -SIGABRT);
+  EXPECT_EQ(rows, (Messages{"message", "1", "2"}));
+}
+
+TEST_P(EachWorkerTest, OtherThreadsMaySubmitFlushAndReloadDuringAnExit) {
+  host.on_main_thread = [] { Hammer(TrySubmit, TrySubmit, FlushAndReload); };
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+}
+
+TEST_P(EachWorkerTest, AnotherThreadMayRestartTheLibraryDuringAnExit) {
+  host.on_main_thread = [] { Hammer(Restart); };
+  EXPECT_EQ(Run(), 0);
+}
+
+TEST_F(ProcessTest, AnotherThreadMayShutDownDuringAnExit) {
+  host.on_main_thread = [] {
+    Hammer([] {
+      pthread_cancel(pthread_self());  // Must not interrupt the shutdown.
+      ox->Shutdown();
+    });
+    WaitUntil([] { return SubmitOne() == OXEVENT_NOT_INITIALIZED; });
+    Check(ox->Initialize("own.xml"), OXEVENT_ALREADY_INITIALIZED);
+  };
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+}
+
+TEST_F(ProcessTest, AFileSizeLimitCostsRowsButNotTheProcess) {
+  host.worker = Worker::kIdle;
+  host.on_main_thread = [] {
+    const rlimit limit = {std::filesystem::file_size("events.csv"), RLIM_INFINITY};
+    Check(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  };
+  EXPECT_EQ(Run(), 0);
+  EXPECT_EQ(rows, Messages{"message"});
+}
+
+void FailAndReadTheText() {
+  Check(ox->SubmitSimple(0, 1, "", ""), OXEVENT_INVALID_ARGUMENT);
+  char text[64] = "";
+  Check(ox->GetLastError(text, sizeof text), OXEVENT_OK);
+  Check(std::string_view(text), "Invalid OXEvent");
+}
+
+// The thread that calls the library outlives each of its loads, as its error texts must not.
+void LoadAndUnload() {
+  constexpr size_t kRounds =
+      520;  // Once to warm up, once to compare; together more than there are thread-specific keys.
+  size_t left[2] = {};
+  for (size_t i = 0; i < 2 * kRounds; ++i) {
+    if (i % 3 == 1) Stop();
+    Unload();
+    // A descriptor or a thread counts like the smallest allocation in every round.
+    left[i / kRounds] = mallinfo2().uordblks + kRounds * 16 * (Entries("/proc/self/fd") + Entries("/proc/self/task"));
+    ox = new Library;
+    FailAndReadTheText();
+    std::thread(FailAndReadTheText).join();
+    if (i % 3 == 2) continue;
+    Check(Start(), OXEVENT_OK);
+    Submit(1);
+    WaitUntil([] { return g_delivered == g_submitted; });
   }
+  Check(left[1] < left[0] + kRounds * 16, true);
+  Check(Fork([] { exit(0); }), 0);
 }
+
+TEST_F(ProcessTest, UnloadLeavesNothingBehind) {
+  host.worker = Worker::kIdle;
+  host.on_main_thread = [] { std::thread(LoadAndUnload).join(); };
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+}
+
+// A reload that waits for a name server holds up only other reloads. It has no effect on a later run.
+TEST_F(ProcessTest, TheLibraryMayBeRestartedWhileAReloadWaitsForANameServer) {
+  if (IsThreadSanitizerUsed()) GTEST_SKIP() << "It lets no child start threads";
+  host.worker = Worker::kIdle;
+  host.on_main_thread = [] {
+    WriteSettings("late.xml", "late.csv",
+                  {{"sink\\syslog\\udp\\x\\enabled", "1"}, {"sink\\syslog\\udp\\x\\host", "hangs.test"}});
+    std::thread reload([] { Check(ox->ReloadConfig("late.xml"), OXEVENT_NOT_INITIALIZED); });
+    WaitUntil([] { return g_lookup_hangs.load(); });
+    Submit(3);
+    Check(ox->Flush(0), OXEVENT_OK);
+    Check(Fork(RunAndStop), 0);
+    Stop();
+    Check(Start("own.xml"), OXEVENT_OK);
+    g_lookup_released = true;
+    reload.join();
+    Check(std::filesystem::exists("late.csv"), false);
+  };
+  EXPECT_EQ(Run(), 0);
+}
+
+#ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child, and it opens pipes of its own.
+TEST_F(ProcessTest, ChildrenMayBeForkedWhileOtherThreadsCall) {
+  host.worker = Worker::kIdle;
+  host.on_main_thread = [] {
+    Hammer(TrySubmit, FlushAndReload, [] { ox->SubmitSimple(0, 1, "", ""); });
+    for (int i = 0; i < 50; ++i) Check(Fork(RunAndStop), 0);
+  };
+  EXPECT_EQ(Run(), 0);
+  ExpectThatCallsReturnedAndRowsAreWritten();
+}
+
+TEST_F(ProcessTest, DescriptorsAreOpenedCloseOnExec) {
+  host.worker = Worker::kIdle;
+  host.on_main_thread = [] {
+    static std::atomic<int> restarts = 0;
+    Hammer([] {
+      Restart();
+      ox->ReloadConfig(nullptr);
+      ++restarts;
+    });
+    for (int fd = 3; restarts < 50; fd = fd % 64 + 3) Check(fcntl(fd, F_GETFD) != 0, true);
+  };
+  EXPECT_EQ(Run(), 0);
+}
+#endif
 
 }  // namespace
