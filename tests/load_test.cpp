@@ -60,11 +60,8 @@ struct LoadTest : testing::Test {
   // Each thread's numbers go up from 1. Without a key the state lets every event pass.
   static uint32_t Submit(size_t thread, uint64_t number, const char* action = "", const string& key = "") {
     const string message = std::to_string(thread) + '-' + std::to_string(number);
-    oxEventRecord record = {};
-    record.struct_size = sizeof(record);
-    record.version = OXEVENT_API_VERSION;
+    oxEventRecord record = MakeRecord(message.c_str());
     record.event_id = thread + 1;
-    record.message = message.c_str();
     record.severity = OXEVENT_SEVERITY_ERROR;
     record.action = action;
     record.dedupe_key = key.c_str();
@@ -79,7 +76,8 @@ struct LoadTest : testing::Test {
     const oxEventCounters counters = oxEventCoreGetCounters();
     EXPECT_EQ(counters.submitted, counters.emitted + counters.dropped);
   }
-  void Mix(size_t each, size_t reloads, bool keyed);
+  // Returns when every thread has submitted `each` events amid the reloads, calls and flushes of others.
+  void SubmitFromAllThreads(size_t each, size_t reloads, bool keyed);
 
   const HostFolder folder{};
   const string settings_path = folder.path + "/settings";
@@ -100,8 +98,7 @@ struct LoadTest : testing::Test {
   }
 };
 
-// Every thread must get through its share while the others go on, and so must the reloads and flushes.
-void LoadTest::Mix(size_t each, size_t reloads, bool keyed) {
+void LoadTest::SubmitFromAllThreads(size_t each, size_t reloads, bool keyed) {
   std::atomic<bool> moving = true;
   const auto submit = [&](size_t thread) {
     const char* const actions[] = {"raise", "raise", "update", "repeat", "clear"};
@@ -133,7 +130,7 @@ TEST_F(LoadTest, LosesNothingAmidReloadsAndFlushes) {
   std::vector<string> rows = {"message"};  // The header's.
   messages = &rows;
   Start(csv, kLargestQueue);
-  Mix(1000, 20, false);
+  SubmitFromAllThreads(1000, 20, false);
   EXPECT_EQ(oxEventCoreGetCounters().submitted + 1, rows.size());
   EXPECT_TRUE(ReadMessages(csv) == rows);  // Too many to print.
 }
@@ -142,10 +139,10 @@ TEST_F(LoadTest, DoesNotGrow) {
   const size_t each = 1250 * Scale();
   const size_t reloads = 20 * Scale();
   Start("/dev/null", {{"core\\queue_size", "100"}});  // So small that even a full queue does not count as growth.
-  Mix(each / 10, reloads / 10, true);
+  SubmitFromAllThreads(each / 10, reloads / 10, true);
   const Resources before;
   const auto start = Clock::now();
-  Mix(each, reloads, true);
+  SubmitFromAllThreads(each, reloads, true);
   for (int i = 0; i < 200; ++i) {
     EXPECT_EQ(Submit(0, last_number[0] + 1, "", string(1 << 20, 'k')), OXEVENT_OK);
     Flush();
@@ -207,15 +204,56 @@ TEST_F(LoadTest, GivesBackTheMemoryOfABurstWhileSingleEventsGoOn) {
   EXPECT_LT(ResidentBytes(), idle + kResidentTolerance);
 }
 
-// So that a service manager which kills the process meanwhile costs no row.
-TEST_F(LoadTest, WritesRowsBeforeItWaitsForTheEventInDelivery) {
-  const string csv = folder.path + "/csv";
+struct StuckReceiverTest : LoadTest {
+  StuckReceiverTest() {
+    EXPECT_EQ(listen(http, 9), 0);
+    EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_GT(fcntl(reader, F_SETPIPE_SZ, 4096), 0);
+  }
+  ~StuckReceiverTest() override {
+    close(reader);
+    close(http);
+  }
+  // The server accepts no connection, so that a request ends by its timeout.
+  void StartWithHttpServer(const string& csv, const char* timeout_ms) {
+    Start(csv, {{"sink\\webhook\\http\\a\\enabled", "1"},
+                {"sink\\webhook\\http\\a\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
+                {"sink\\webhook\\http\\a\\request_timeout_ms", timeout_ms}});
+  }
+  void StartWithPipe() {
+    Start("", {{"sink\\csv\\pipe\\enabled", "1"},
+               {"sink\\csv\\pipe\\path", pipe},
+               {"sink\\csv\\pipe\\flush_each_event", "1"}});
+  }
+  // Submits more than the queue holds: neither Submit nor a reload waits for the worker, and Flush only up to its
+  // timeout.
+  void SubmitWhileTheReceiverIsStuck(uint32_t reload_result) {
+    for (int i = 0; i < 22'000; ++i) SubmitNext();
+    EXPECT_EQ(oxEventFlush(20), OXEVENT_FAILURE);
+    EXPECT_EQ(oxEventReloadConfig(nullptr), reload_result);
+    EXPECT_EQ(oxEventFlush(20), OXEVENT_FAILURE);
+  }
+  static void ExpectThatRefusedAndStoppedEventsAreCounted() {
+    ExpectThatEveryEventIsCounted();
+    const oxEventCounters counters = oxEventCoreGetCounters();
+    const uint64_t refused = counters.drops_by_reason[static_cast<size_t>(oxEventDrop::kRefused)];
+    const uint64_t stopped = counters.drops_by_reason[static_cast<size_t>(oxEventDrop::kStopped)];
+    EXPECT_GT(refused, 20'000u);
+    EXPECT_GT(stopped, 0u);
+    EXPECT_EQ(refused + stopped, counters.dropped);
+  }
+
+  const string pipe = folder.path + "/pipe";
   uint16_t port = 0;
   const int http = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
-  ASSERT_EQ(listen(http, 9), 0);
-  Start(csv, {{"sink\\webhook\\http\\a\\enabled", "1"},
-              {"sink\\webhook\\http\\a\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
-              {"sink\\webhook\\http\\a\\request_timeout_ms", "60000"}});
+  int reader = -1;
+};
+
+// So that a service manager which kills the process meanwhile costs no row.
+TEST_F(StuckReceiverTest, ShutdownWritesRowsBeforeItWaitsForTheEventInDelivery) {
+  const string csv = folder.path + "/csv";
+  StartWithHttpServer(csv, "60000");
   const auto expect_row_before_the_request_ends = [&](const string& row, int request) {
     pollfd end = {request, POLLRDHUP, 0};
     while (ReadMessages(csv).back() != row && poll(&end, 1, 1) == 0) continue;
@@ -231,90 +269,34 @@ TEST_F(LoadTest, WritesRowsBeforeItWaitsForTheEventInDelivery) {
   // The drain has delivered this one, and goes on.
   expect_row_before_the_request_ends("0-2", accept4(http, nullptr, nullptr, SOCK_CLOEXEC));
   EXPECT_EQ(stop.get(), OXEVENT_OK);
-  close(http);
 }
 
-// An HTTP server that stalls, a log daemon that stops reading, a pipe that nobody reads.
-enum class Receiver { kHttpServer, kLogDaemon, kPipe };
-
-struct StuckReceiverTest : LoadTest, testing::WithParamInterface<Receiver> {
-  StuckReceiverTest() {
-    EXPECT_EQ(listen(http, 9), 0);
-    EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    EXPECT_GT(fcntl(reader, F_SETPIPE_SZ, 4096), 0);
-  }
-  ~StuckReceiverTest() override {
-    close(reader);
-    close(http);
-  }
-  void StartWithReceiver() {
-    const std::map<Receiver, string> sinks = {{Receiver::kHttpServer, "sink\\webhook\\http\\a\\enabled"},
-                                              {Receiver::kLogDaemon, "sink\\native\\main\\enabled"},
-                                              {Receiver::kPipe, "sink\\csv\\pipe\\enabled"}};
-    Start("", {{sinks.at(GetParam()), "1"},
-               {"sink\\webhook\\http\\a\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
-               {"sink\\webhook\\http\\a\\request_timeout_ms", "300"},
-               {"sink\\csv\\pipe\\path", pipe},
-               {"sink\\csv\\pipe\\flush_each_event", "1"}});
-  }
-  void SubmitUntilTheReceiverIsStuck() {
-    for (uint64_t before = UINT64_MAX; before != delivered;) {
-      before = delivered;
-      for (int i = 0; i < 50; ++i) SubmitNext();
-      if (GetParam() == Receiver::kHttpServer) return;  // Stuck from the start.
-      std::this_thread::sleep_for(100ms);
-    }
-  }
-  void ReleaseReceiver() {
-    if (GetParam() == Receiver::kPipe) close(std::exchange(reader, -1));
-    char line[2048];
-    while (GetParam() == Receiver::kLogDaemon && recv(log.fd, line, sizeof line, 0) > 0) continue;
-  }
-  const string pipe = folder.path + "/pipe";
-  uint16_t port = 0;
-  const int http = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
-  int reader = -1;
-  const SystemLog log{GetParam() == Receiver::kLogDaemon ? LOCK_EX : LOCK_UN};
-};
-
-std::string NameOf(const testing::TestParamInfo<Receiver>& info) {
-  const char* const names[] = {"HttpServer", "LogDaemon", "Pipe"};
-  return names[static_cast<size_t>(info.param)];
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, StuckReceiverTest,
-                         testing::Values(Receiver::kHttpServer, Receiver::kLogDaemon, Receiver::kPipe), NameOf);
-
-// Submit returns although the receiver takes nothing until the end of the test.
-TEST_P(StuckReceiverTest, HoldsUpTheWorkerOnly) {
-  if (GetParam() == Receiver::kLogDaemon && !log.bound) GTEST_SKIP() << "The machine has a log daemon";
-  StartWithReceiver();
-  SubmitUntilTheReceiverIsStuck();
-  for (int i = 0; i < 22'000; ++i) SubmitNext();
-  EXPECT_EQ(oxEventFlush(20), OXEVENT_FAILURE);
-  const bool has_no_room_for_a_header = GetParam() == Receiver::kPipe;
-  EXPECT_EQ(oxEventReloadConfig(nullptr), has_no_room_for_a_header ? OXEVENT_FAILURE : OXEVENT_OK);
-  EXPECT_EQ(oxEventFlush(20), OXEVENT_FAILURE);
-
+TEST_F(StuckReceiverTest, ShutdownDrainsForFiveSecondsAndWaitsForARequest) {
+  StartWithHttpServer("", "300");
+  SubmitWhileTheReceiverIsStuck(OXEVENT_OK);
   const auto start = Clock::now();
-  std::atomic<bool> is_released = false;
-  std::jthread releaser([&] {
-    std::this_thread::sleep_until(start + 5500ms);
-    is_released = true;
-    ReleaseReceiver();
-  });
   EXPECT_EQ(oxEventShutdown(), OXEVENT_FAILURE);
   EXPECT_GE(Clock::now(), start + 5s);
-  EXPECT_TRUE(is_released || GetParam() == Receiver::kHttpServer);  // A request ends by its timeout.
-  ExpectThatEveryEventIsCounted();
-  const oxEventCounters counters = oxEventCoreGetCounters();
-  const uint64_t refused = counters.drops_by_reason[static_cast<size_t>(oxEventDrop::kRefused)];
-  const uint64_t stopped = counters.drops_by_reason[static_cast<size_t>(oxEventDrop::kStopped)];
-  EXPECT_GT(refused, 20'000u);
-  EXPECT_GT(stopped, 0u);
-  EXPECT_EQ(refused + stopped, counters.dropped);
-  shutdown(log.fd, SHUT_RDWR);  // Ends the releaser.
+  ExpectThatRefusedAndStoppedEventsAreCounted();
+}
+
+TEST_F(StuckReceiverTest, ShutdownWaitsForAWriteToAPipe) {
+  StartWithPipe();
+  for (uint64_t before = UINT64_MAX; before != delivered;) {  // Until the pipe is full.
+    before = delivered;
+    for (int i = 0; i < 50; ++i) SubmitNext();
+    std::this_thread::sleep_for(100ms);
+  }
+  SubmitWhileTheReceiverIsStuck(OXEVENT_FAILURE);  // There is no room for the header of a new sink.
+  std::atomic<bool> is_released = false;
+  std::jthread releaser([&] {
+    std::this_thread::sleep_for(5500ms);
+    is_released = true;
+    close(std::exchange(reader, -1));
+  });
+  EXPECT_EQ(oxEventShutdown(), OXEVENT_FAILURE);
+  EXPECT_TRUE(is_released);
+  ExpectThatRefusedAndStoppedEventsAreCounted();
 }
 
 }  // namespace
