@@ -437,10 +437,10 @@ void FailAndReadTheText() {
   Check(std::string_view(text), "Invalid OXEvent");
 }
 
-// The thread that calls the library outlives each of its loads, as its error texts must not.
+// The thread that calls the library outlives each of its loads, as its error texts must not. The first rounds warm up,
+// the others compare. Together they are more than there are thread-specific keys.
 void LoadAndUnload() {
-  constexpr size_t kRounds =
-      520;  // Once to warm up, once to compare; together more than there are thread-specific keys.
+  constexpr size_t kRounds = 520;
   size_t left[2] = {};
   for (size_t i = 0; i < 2 * kRounds; ++i) {
     if (i % 3 == 1) Stop();
