@@ -3,9 +3,9 @@
 
 cloudevents_receiver.py PORT LOG
 
-Responds to a valid event with 204 and appends the document to LOG, as one line. Responds to any other request with an
-error status and the reason, and appends {"refused": reason}. Needs Debian's python3-jsonschema, and
-cloudevents.schema.json in the directory of this file.
+Responds to a valid event with 204 and appends the document to LOG as one line, once if it arrives repeatedly. Responds
+to an invalid event with an error status and the reason, and appends {"refused": reason}. Needs Debian's
+python3-jsonschema, and cloudevents.schema.json in the directory of this file.
 """
 import hashlib
 import json
