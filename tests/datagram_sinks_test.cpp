@@ -68,6 +68,13 @@ TEST(oxEventSyslogUdpSink, SendsTheWholeEventWithItsFacility) {
   }
 }
 
+TEST(oxEventSyslogUdpSink, SendsDefaultsForEmptyHeaderFields) {
+  oxEventNormalizedEvent event = kFullEvent;
+  event.event_type = "";
+  const string header = " - oxEvent " + std::to_string(getpid()) + " - [";
+  EXPECT_NE(DatagramReceiver().Receive(kSyslog, event).find(header), string::npos) << header;
+}
+
 TEST(oxEventSyslogUdpSink, TruncatesAMessageTo8192Bytes) {
   const DatagramReceiver receiver;
   const string whole = receiver.Receive(kSyslog);

@@ -228,9 +228,10 @@ TEST(oxOSHTTPCommand, FailsUnlessTheResponseIsValidAndComplete) {
   const string many_interim = JoinLines(Strings(3000, "HTTP/1.1 100 Continue\r\n"));
   const size_t descriptors = Entries("/proc/self/fd");
   for (const string& bytes :
-       {kStatusLine, kStatusLine + "Content-Length: 2\r\n\r", HeaderWithLength("-1"), HeaderWithLength("9") + "short",
-        HeaderWithLength("99999999999999999999") + "b", HeaderWithLength("1\r\nContent-Length: 2") + "ok",
-        many_interim + HeaderWithLength("0"), kChunked + "0\r\n" + many_trailers + "\r\n"}) {
+       {kStatusLine, "HTTP/1.1 103 E\r\n\r\n" + kStatusLine, kStatusLine + "Content-Length: 2\r\n\r",
+        HeaderWithLength("-1"), HeaderWithLength("9") + "short", HeaderWithLength("99999999999999999999") + "b",
+        HeaderWithLength("1\r\nContent-Length: 2") + "ok", many_interim + HeaderWithLength("0"),
+        kChunked + "0\r\n" + many_trailers + "\r\n"}) {
     HttpServer server({{.bytes = bytes, .closes = true}});
     EXPECT_EQ(Send(server.Url()), kNoResponse) << bytes.substr(0, 100);
   }

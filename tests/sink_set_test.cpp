@@ -186,12 +186,19 @@ TEST_F(oxEventCsvSink, WritesOldRowsBeforeNewOnesThroughSeveralReloads) {
   EXPECT_EQ(ReadFile(path), kHeader + Row("old") + Row("new"));
 }
 
-TEST_F(oxEventCsvSink, TryFlushDoesNotWaitForTheReaderOfAPipe) {
+TEST_F(oxEventCsvSink, TryFlushWaitsNeitherForTheReaderOfAPipeNorForAFlush) {
   InitializeWithPipe();
   EXPECT_EQ(Submit(large), OXEVENT_OK);
   oxEventSinkTryFlush();
   EXPECT_EQ(BytesInPipe(), 4096);
+  std::promise<void> writes;
+  const Faults faults([&](std::string_view call, long) {
+    if (call == "write") writes.set_value();
+    return 0;
+  });
   auto flush = InBackground([] { return oxEventSinkFlush(0); });
+  writes.get_future().wait();
+  oxEventSinkTryFlush();
   EXPECT_EQ(Read(Row(large).size()), Row(large));
   EXPECT_EQ(flush.get(), OXEVENT_OK);
 }
