@@ -16,7 +16,8 @@
  *     </key>
  *   </config>
  *
- * A key path joins names with one backslash ("A\B"). Names are compared byte by byte; of equal names the first counts.
+ * A key path joins names with one backslash ("A\B"). Names are compared byte by byte. If a
+ * name occurs more than once in a key, the first occurrence counts.
  */
 #ifndef OXUTIL_H
 #define OXUTIL_H
@@ -33,14 +34,14 @@
 extern "C" {
 #endif
 
-/* Result of oxCFGGetNext at the end. */
+/* Result of oxCFGGetNext after the last name. */
 #define OXCFG_NO_MORE 0xFFFFFFFFu
 
 /*
  * Opens the store in an existing file; flags must be 0. An empty file is an empty store. Returns null if the file is
- * missing, unreadable, not a regular file, over 64 MiB, not such an XML file, or one that a save could not write back
- * unchanged: with a control byte, a reference to a character that XML forbids (&#0;, &#1;), or a comment with "--"
- * inside. A refused file is never changed. oxCFGClose frees the handle.
+ * missing, unreadable, not a regular file, larger than 64 MiB or not an XML file as above, or if a save could not write
+ * it back unchanged because it contains a control byte, a reference to a character that XML forbids (&#0;, &#1;), or a
+ * comment with "--" inside. Never changes the file. oxCFGClose frees the handle.
  */
 OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
 
@@ -48,16 +49,17 @@ OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
 OXUTIL_API uint32_t oxCFGKeyExists(void* store, const char* key);
 
 /*
- * Creates the key `name` below `parent`, and the missing keys of the path `parent`; with an empty `name`, `parent`
- * itself. An existing key is left as it is. Keys have no string of their own: `value` is ignored.
+ * Creates the key `name` below the key path `parent`, and the keys of that path that are missing. If `name` is empty,
+ * creates only the path. Existing keys are left as they are. `value` is ignored, because keys have no string.
  */
 OXUTIL_API uint32_t oxCFGAddKeyString(void* store, const char* parent, const char* name, const char* value,
                                       uint32_t reserved1, uint32_t reserved2);
 
 /*
- * Iterates over the sub-keys and values of a key in file order. Writes the name that follows `previous_name` (empty:
- * the first) to `result_name`, a buffer of 512 bytes, and 0 for a sub-key or 1 for a value to `kind`. Returns
- * OXCFG_NO_MORE at the end. Skips names that no path can contain (empty, over 511 bytes, with a backslash).
+ * Iterates over the sub-keys and values of a key in file order. Writes the name after `previous_name`, or the first
+ * name if `previous_name` is empty, to `result_name`, a buffer of 512 bytes. Sets *kind to 0 for a sub-key, 1 for a
+ * value. Returns OXCFG_NO_MORE after the last name. Skips names that no path can contain: names that are empty, longer
+ * than 511 bytes or contain a backslash.
  */
 OXUTIL_API uint32_t oxCFGGetNext(void* store, const char* key, char* result_name, const char* previous_name,
                                  uint32_t* kind);
@@ -70,27 +72,28 @@ OXUTIL_API uint32_t oxCFGValueDword(void* store, const char* key, const char* na
 
 /*
  * Mode 0 gets a string: *length is the size of the buffer on entry, and on return the number of bytes written without
- * the terminating NUL; a longer string is truncated. Mode 1 sets the value to the first *length bytes of the buffer. A
- * set fails if the key is missing, or if the bytes contain a control byte other than tab, CR and LF, which XML forbids.
+ * the terminating NUL; a string that does not fit is truncated. Mode 1 sets the value to the first *length bytes of the
+ * buffer. A set fails if the key is missing, or if the bytes contain a control byte other than tab, CR and LF, which
+ * XML forbids.
  */
 OXUTIL_API uint32_t oxCFGValueString(void* store, const char* key, const char* name, char* buffer, uint32_t* length,
                                      uint32_t mode);
 
 /*
- * Writes a changed store back: to a new file beside it, which is synced and then renamed over it (over the target of a
- * symbolic link), so that the file is complete at any moment, old or new. Preserves owner, group, mode and the extended
- * attributes that the process can see, and comments and elements that do not belong to the store. Fails, and leaves the
- * file as it was, if any of this is impossible, if the file has been changed other than through this handle since it
- * was opened, if memory ran out in any call for this handle, or if the file has the attribute security.ima or
- * security.evm, which vouch for its bytes. Also fails if the directory cannot be synced after the rename. `reserved`
- * and `mode` are ignored.
+ * Writes the store back if it has changed: writes a new file in the same directory, syncs it and renames it over the
+ * old file (if the path is a symbolic link, over its target), so that readers find the old or the new file, always
+ * complete. Preserves owner, group, mode and the extended attributes that the process can see, and comments and
+ * elements that do not belong to the store. Fails, and leaves the file as it was, if any of this is impossible, if the
+ * file is write-protected, if anyone else has changed it since this handle opened or saved it, if memory ran out in any
+ * call for this handle, or if the file has the attribute security.ima or security.evm, which authenticates its content.
+ * Also fails if the directory cannot be synced after the rename. `reserved` and `mode` are ignored.
  */
 OXUTIL_API uint32_t oxCFGSave(void* store, uint32_t reserved, uint32_t mode);
 
 /* Frees the handle without saving. `mode` is ignored. */
 OXUTIL_API uint32_t oxCFGClose(void* store, uint32_t mode);
 
-/* Frees a buffer that this library returned, or null. */
+/* Frees a buffer that this library returned; `buffer` may be null. */
 OXUTIL_API void OXFree(void* buffer);
 
 /* Returns non-zero if the path is a directory. */
@@ -99,38 +102,38 @@ OXUTIL_API int32_t oxOSFileIsDir(const char* path);
 /* Creates one directory with the given permission bits, less the umask of the process. Returns 0 for success. */
 OXUTIL_API int32_t oxOSMakeDir(const char* path, uint32_t permissions);
 
-/* Returns UTC in nanoseconds since 1970-01-01 (CLOCK_REALTIME, which PTP disciplines where it is in use). */
+/* Returns UTC in nanoseconds since 1970-01-01 (CLOCK_REALTIME, which a PTP client disciplines if one runs). */
 OXUTIL_API uint64_t oxOSGetTimePTPNano(void);
 
 /* Returns the milliseconds of CLOCK_MONOTONIC, modulo 2^32. */
 OXUTIL_API uint32_t oxOSGetMs(void);
 
 /*
- * Sends one HTTP/1.1 request (RFC 9110, 9112) over http or https and waits for the complete response, at most
- * timeout_ms milliseconds for name lookup, connection, TLS and all stalls together; 0 fails immediately. Returns
+ * Sends one HTTP/1.1 request (RFC 9110, 9112) over http or https and waits at most timeout_ms milliseconds for the
+ * complete response, including name lookup, connection and TLS handshake; a timeout of 0 fails immediately. Returns
  * non-zero if a response with a 2xx status was received.
  *
- * url, method: as for any HTTP client. If the method is not a token (RFC 9110, section 5.6.2), the request fails and
- * nothing is sent. A redirect is returned, not followed. Proxies from the environment are ignored.
- * headers: lines "Name: value", separated by one byte 0xA7 (within a UTF-8 sequence that byte is text); null: none. If
- * it contains a CR or LF, or a name that is not a token, the request fails and nothing is sent. Blanks before the colon
- * are removed. Lines without a name or a colon are ignored, and so are Content-Length, Transfer-Encoding and Expect.
- * Two names are directives, which are obeyed and not sent, the first of each: X-oxEvent-TLS-Verify: 0 accepts any
- * certificate; otherwise it must be valid for the host and issued by an authority that the system trusts
- *   X-oxEvent-Connect-Timeout-Ms: 2000  limits name lookup, connection and TLS together
- * body: body_length bytes; null, with a length of 0, for none.
+ * method: If it is not a token (RFC 9110, section 5.6.2), the request fails and nothing is sent.
+ * headers: Lines "Name: value", separated by a byte 0xA7 that is not part of a UTF-8 sequence; null means no lines. If
+ * the string contains a CR or LF, or a name that is not a token, the request fails and nothing is sent. Spaces and tabs
+ * before the colon are removed. Lines without a name or a colon are ignored, and so are Content-Length,
+ * Transfer-Encoding and Expect. Two names are options of this function and are not sent; the first line of each counts:
+ *   X-oxEvent-TLS-Verify: 0             accepts any certificate; with any other value or without this line, the
+ *                                       certificate must be valid for the host and issued by a trusted authority
+ *   X-oxEvent-Connect-Timeout-Ms: 2000  limits name lookup, connection and TLS handshake together
+ * body: body_length bytes. For a request without a body, pass null and 0.
+ * status, response: May be null. *status receives the status code, or 0 if there was no response. *response receives
+ * the body, whatever the status, NUL-terminated and truncated to 64 KiB, or null if there was no response; free it with
+ * OXFree. The rest of a longer body is not read.
  *
- * status and response may be null. *status receives the status of the response, 0 without a response. *response
- * receives the body, whatever the status, truncated to 64 KiB (the rest is not read) and NUL-terminated, for OXFree;
- * null without a response.
- *
- * Connections are kept for later requests to the same scheme, host and port, from any thread. A request is repeated in
- * one case only: a kept connection turns out to be closed before any byte of the response. Raises no signal. At most 16
- * names are looked up at a time; requests for one host share its lookup, and start another when it has hung for 30 s,
- * or longer while many hang. Once the process runs its exit handlers, https fails immediately; the handlers wait for
- * the https requests in progress. The child of a fork opens its own connections. In a process with privileges that its
- * caller lacks (AT_SECURE), every request fails while the environment contains SSLKEYLOGFILE or OPENSSL_ia32cap (or its
- * equivalent for other processors).
+ * Redirects are not followed. Proxy settings in the environment are ignored. Raises no signal. Connections are kept
+ * open for later requests to the same scheme, host and port, from any thread. A request is repeated in one case only:
+ * if a kept connection turns out to be closed before any byte of the response has arrived. At most 16 host names are
+ * looked up at a time. Requests for the same host share a lookup; when it has hung for 30 s, or longer while many
+ * lookups hang, the next request starts another. Once the process runs its exit handlers, https requests fail
+ * immediately, and the handlers wait for the https requests in progress. The child of a fork opens its own connections.
+ * In a process with privileges that its caller lacks (AT_SECURE), the client does not start, and requests fail, while
+ * the environment contains SSLKEYLOGFILE or OPENSSL_ia32cap (or its equivalent for other processors).
  */
 OXUTIL_API int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body,
                                    int32_t body_length, char** response, int32_t* status, uint32_t timeout_ms);

@@ -24,7 +24,7 @@ uint32_t Result(bool success) { return success ? kSuccess : kFailure; }
 
 oxCFGStore& Store(void* store) { return *static_cast<oxCFGStore*>(store); }
 
-// Returns `failure` after an exception, which also disables saving: the document may be incomplete.
+// Calls the function. If it throws, returns `failure` and disables saving, because the document may be incomplete.
 template <typename Function>
 auto CatchExceptions(void* store, const Function& function, decltype(function()) failure) {
   try {

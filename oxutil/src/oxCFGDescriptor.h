@@ -17,7 +17,7 @@ class oxCFGDescriptor {
 
   int Get() const { return fd_; }
   void Set(int fd) { fd_ = fd; }
-  // Linux closes the descriptor even if close fails.
+  // EINTR counts as success: Linux has closed the descriptor then.
   bool Close() { return close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
 
  private:

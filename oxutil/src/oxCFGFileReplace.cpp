@@ -30,22 +30,22 @@ class SigxfszGuard {
   SigxfszGuard() {
     sigset_t pending;
     sigpending(&pending);
-    sigemptyset(&ours_);
-    if (sigismember(&pending, SIGXFSZ) == 0) sigaddset(&ours_, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &ours_, &before_);
+    sigemptyset(&blocked_);
+    if (sigismember(&pending, SIGXFSZ) == 0) sigaddset(&blocked_, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &blocked_, &old_mask_);
   }
   ~SigxfszGuard() {
     const timespec no_wait = {};
-    while (sigtimedwait(&ours_, nullptr, &no_wait) < 0 && errno == EINTR) {
+    while (sigtimedwait(&blocked_, nullptr, &no_wait) < 0 && errno == EINTR) {
     }
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
   }
   SigxfszGuard(const SigxfszGuard&) = delete;
   SigxfszGuard& operator=(const SigxfszGuard&) = delete;
 
  private:
-  sigset_t ours_;
-  sigset_t before_;
+  sigset_t blocked_;  // Empty if SIGXFSZ was pending before.
+  sigset_t old_mask_;
 };
 
 // A new file under a temporary name; removed by the destructor unless it was renamed.
@@ -60,7 +60,8 @@ class NewFile {
 
   bool Create(const std::string& target);
   bool Write(std::string_view bytes);
-  // Copies owner, group and mode from `status`, and access list and other extended attributes from the target.
+  // Copies owner, group and mode from `status`, and the extended attributes, with the access control list, from the
+  // file.
   bool CopyAccess(const std::string& target_path, const struct stat& status);
   bool Sync() { return TEMP_FAILURE_RETRY(fsync(file_.Get())) == 0 && file_.Close(); }
   bool Rename(const std::string& target);
@@ -71,7 +72,7 @@ class NewFile {
   bool CopyAttribute(const std::string& target_path, const char* name);
 
   const int directory_;  // Not owned.
-  std::string name_;     // Empty: no file to remove.
+  std::string name_;     // Temporary name; empty if there is no file to remove.
   oxCFGDescriptor file_;
 };
 
@@ -80,9 +81,9 @@ bool NewFile::Create(const std::string& target) {
   if (getrandom(&random, sizeof(random), 0) != static_cast<ssize_t>(sizeof(random))) return false;
   char digits[16];
   char* const end = std::to_chars(std::begin(digits), std::end(digits), random, 16).ptr;
-  // Truncated, so that it fits a directory entry together with the dots and digits.
+  // Truncates the target's name so that it fits into NAME_MAX bytes together with the dots and digits.
   std::string name = "." + target.substr(0, NAME_MAX - 2 - sizeof(digits)) + "." + std::string(digits, end);
-  // Nobody can read it until it has the target's owner and mode.
+  // Nobody can read the file until it has the target's owner and mode.
   file_.Set(openat(directory_, name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, S_IWUSR));
   if (file_.Get() < 0) return false;
   name_ = std::move(name);
@@ -103,7 +104,7 @@ bool NewFile::CopyAccess(const std::string& target_path, const struct stat& stat
   if (fstat(file_.Get(), &created) != 0) return false;
   const bool same_owner = created.st_uid == status.st_uid && created.st_gid == status.st_gid;
   if (!same_owner && fchown(file_.Get(), status.st_uid, status.st_gid) != 0) return false;
-  // The mode comes last: a change of owner clears bits of it, and it makes the file accessible.
+  // Sets the mode last: a change of owner would clear bits of it, and the mode makes the file accessible to others.
   return CopyAcl(target_path) && CopyAttributes(target_path) && fchmod(file_.Get(), status.st_mode & 07777) == 0;
 }
 
@@ -112,7 +113,7 @@ bool NewFile::CopyAcl(const std::string& target_path) {
   const ssize_t size = lgetxattr(target_path.c_str(), kAclAttribute, acl.data(), acl.size());
   if (size >= 0) return fsetxattr(file_.Get(), kAclAttribute, acl.data(), static_cast<size_t>(size), 0) == 0;
   if (errno != ENODATA && errno != ENOTSUP) return false;
-  // The default access list of the directory may have added entries that the target lacks.
+  // The directory's default access control list may have given the new file entries that the target lacks.
   return fremovexattr(file_.Get(), kAclAttribute) == 0 || errno == ENODATA || errno == ENOTSUP;
 }
 
@@ -130,7 +131,7 @@ bool NewFile::CopyAttributes(const std::string& target_path) {
 }
 
 bool NewFile::CopyAttribute(const std::string& target_path, const char* name) {
-  // These are signatures or hashes of the old bytes.
+  // These attributes are signatures or hashes of the old content.
   for (const char* const bound_to_bytes : {"security.ima", "security.evm"}) {
     if (name == std::string_view(bound_to_bytes)) return false;
   }
@@ -138,10 +139,10 @@ bool NewFile::CopyAttribute(const std::string& target_path, const char* name) {
   const ssize_t size = lgetxattr(target_path.c_str(), name, value.data(), value.size());
   if (size < 0) return false;
   value.resize(static_cast<size_t>(size));
-  // Setting a security label can need a privilege, so one that the new file already has is left.
-  std::string given(XATTR_SIZE_MAX, '\0');
-  const ssize_t given_size = fgetxattr(file_.Get(), name, given.data(), given.size());
-  if (given_size >= 0 && given.compare(0, static_cast<size_t>(given_size), value) == 0) return true;
+  // Setting a security label can require a privilege, so an attribute that is already equal is not set.
+  std::string current(XATTR_SIZE_MAX, '\0');
+  const ssize_t current_size = fgetxattr(file_.Get(), name, current.data(), current.size());
+  if (current_size >= 0 && current.compare(0, static_cast<size_t>(current_size), value) == 0) return true;
   return fsetxattr(file_.Get(), name, value.data(), value.size(), 0) == 0;
 }
 

@@ -7,8 +7,8 @@ using namespace std::string_view_literals;
 
 namespace {
 
-// Keeps everything and neither normalizes nor decodes, so that offsets in the document equal those in the file. Parsing
-// as a fragment keeps text outside the root too, which Parse then rejects.
+// The parser keeps everything and neither normalizes nor decodes, so that offsets in the document equal those in the
+// file. Parsing as a fragment also keeps text outside the root element, which Parse then rejects.
 constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi::parse_declaration |
                                    pugi::parse_doctype | pugi::parse_cdata | pugi::parse_ws_pcdata |
                                    pugi::parse_fragment;
@@ -21,9 +21,9 @@ constexpr char kBadReference[] = "a reference to a character that XML cannot hol
 
 constexpr const char* kElementNames[] = {"key", "value"};  // By oxCFGKind.
 
-// Parsed markup takes many times its size in memory. Keys and values need at most one tag per this many bytes, as in
-// <key name="a"></key>; files with at most kFewTags tags may be denser.
-constexpr size_t kBytesPerTag = 10;
+// Limits the memory of the document: parsed tags take many times their size. Keys and values have at least this many
+// bytes per tag, as in <key name="a"></key>; a file with at most kFewTags tags may have fewer.
+constexpr size_t kMinBytesPerTag = 10;
 constexpr size_t kFewTags = 65536;
 
 struct StringWriter : pugi::xml_writer {
@@ -32,7 +32,7 @@ struct StringWriter : pugi::xml_writer {
   std::string bytes;
 };
 
-// pugixml reports memory exhaustion by a null handle or false.
+// Throws if the result is a null handle or false, with which pugixml reports memory exhaustion.
 template <typename Result>
 Result Allocated(Result result) {
   if (!result) throw std::bad_alloc();
@@ -43,7 +43,7 @@ bool IsWhiteSpace(std::string_view text) { return text.find_first_not_of(kOxCFGW
 
 bool IsTooDense(std::string_view bytes) {
   const auto tags = static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '<'));
-  return tags > std::max(bytes.size() / kBytesPerTag, kFewTags);
+  return tags > std::max(bytes.size() / kMinBytesPerTag, kFewTags);
 }
 
 bool IsValidName(std::string_view name) {
@@ -65,7 +65,7 @@ int Depth(pugi::xml_node element) {
   return depth;
 }
 
-// Entities that the file declares are not expanded: the store would treat references to them as text.
+// pugixml does not expand entities that the file declares, so the store would treat references to them as text.
 bool DeclaresEntities(pugi::xml_node node) {
   return node.type() == pugi::node_doctype && std::string_view(node.value()).find("<!ENTITY") != std::string_view::npos;
 }
@@ -97,7 +97,7 @@ std::string oxCFGStore::Text(pugi::xml_node value) {
   return text;
 }
 
-// Keeps comments inside the value. Adds the new text first, so that memory exhaustion does not lose the old one.
+// Keeps comments inside the value. Adds the new text first, so that the old text is not lost if memory runs out.
 void oxCFGStore::SetText(pugi::xml_node value, const std::string& text) {
   pugi::xml_node added;
   if (!text.empty()) {
@@ -132,7 +132,7 @@ bool oxCFGStore::AddKey(std::string_view key) {
   for (std::string_view path = key; NextName(&path, &name); ++names) {
     if (!IsValidName(name)) return false;
   }
-  if (names + 2 > kMaxDepth) return false;  // The root and a value also count.
+  if (names + 2 > kMaxDepth) return false;  // The root element and a value below the key count too.
   pugi::xml_node parent = root_.node;
   while (NextName(&key, &name)) {
     const IndexedNode* const child = Find(parent, oxCFGKind::kKey, name);
@@ -188,7 +188,7 @@ bool oxCFGStore::Parse(std::string_view bytes) {
   }
   if (IsTooDense(bytes)) return Fail("too much markup", 0);
   if (bytes.starts_with(kBom)) return Fail("a second byte order mark", 0);  // The parser would drop it silently.
-  // Uses the bytes as they are, whatever encoding the file declares.
+  // Treats the bytes as UTF-8, whatever encoding the file declares.
   const auto parsed = document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8);
   if (!parsed) return Fail(parsed.description(), parsed.offset);
   for (const pugi::xml_node node : document_.children()) {
@@ -232,7 +232,7 @@ bool oxCFGStore::CheckAttributes(pugi::xml_node node) {
       return Fail(kBadReference, node.offset_debug() + (raw.data() + bad - node.name()));
     }
     if (raw.find('"') == raw.npos) continue;
-    // The attribute is delimited by apostrophes in the file, but a save uses quotes.
+    // The file delimits this attribute with apostrophes, but a save uses quotes, so those inside must be escaped.
     std::string quoted;
     for (size_t quote; (quote = raw.find('"')) != raw.npos; raw.remove_prefix(quote + 1)) {
       quoted.append(raw.substr(0, quote)).append("&quot;");
@@ -280,7 +280,7 @@ const oxCFGStore::IndexedNode* oxCFGStore::FindKey(std::string_view path) const 
   return key;
 }
 
-// Returns the later one if a sub-key and a value have the same name, so that every iteration ends.
+// If a sub-key and a value have the same name, returns the later of the two, so that every iteration ends.
 pugi::xml_node oxCFGStore::FindLast(pugi::xml_node key, std::string_view name) const {
   const IndexedNode* const sub_key = Find(key, oxCFGKind::kKey, name);
   const IndexedNode* const value = Find(key, oxCFGKind::kValue, name);

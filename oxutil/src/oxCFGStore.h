@@ -16,19 +16,19 @@
 // Why a file cannot be opened as a settings store.
 struct oxCFGParseError {
   const char* reason = nullptr;  // Null: the file could not be read.
-  size_t offset = 0;             // In the file, where the error was found.
+  size_t offset = 0;             // Offset in the file at which the error was found.
 };
 
 enum class oxCFGKind : uint32_t { kKey = 0, kValue = 1 };
 
-// A settings store: the document of its file, with an index by name. The document contains the whole file, including
-// its layout: a change touches only the text that it sets, and adds elements on lines of their own. Texts and
-// attributes in the document are not decoded, so that a save writes each reference as it was in the file (oxCFGText.h).
-// Key paths are names joined by a backslash; empty names in them are skipped, so an empty path is the root. Of equal
-// names the first counts. Keys and values exist only below keys; anything else is kept and ignored.
-// Reading does not allocate, so memory exhaustion cannot make an entry seem missing, for which the caller would set a
-// default.
-// Threads: one at a time. Errors: false or empty; functions that open or change the store also throw std::bad_alloc.
+// A settings store: the XML document of its file, with an index by name. The document keeps the whole file, including
+// its layout: Set changes only the text of one value, and each new element gets its own line. Text and attributes in
+// the document stay encoded (oxCFGText.h), so that a save writes each reference as it was in the file. A key path joins
+// names with backslashes; empty names in it are skipped, so an empty path is the root. If a name occurs more than once
+// in a key, the first occurrence counts. Elements that are not keys or values of the store are kept and ignored.
+// Reading does not allocate: otherwise memory exhaustion could make a value seem missing, and the caller would set it
+// to its default. Threads: one at a time. Errors: methods return false; those that open or change the store also throw
+// std::bad_alloc.
 class oxCFGStore {
  public:
   static constexpr size_t kMaxNameBytes = 511;
@@ -41,18 +41,18 @@ class oxCFGStore {
   // Must be called once, before any other function. An empty file is an empty store.
   bool Open(const char* path);
 
-  // For tools that inspect the file, after Open has succeeded or failed. Bytes returns what was read.
+  // For tools that inspect the file: valid after Open, even if it failed. Bytes returns the content of the file.
   const oxCFGParseError& ParseError() const { return parse_error_; }
   const std::string& Bytes() const { return saved_; }
   pugi::xml_node Root() const { return root_.node; }
-  // Offset of an element in the bytes. The element must have been read from the file.
+  // Returns the offset of an element in Bytes(). The element must have been read from the file.
   size_t OffsetOf(pugi::xml_node element) const;
 
   bool KeyExists(std::string_view key) const { return FindKey(key) != nullptr; }
   // Adds the key and the missing keys above it.
   bool AddKey(std::string_view key);
 
-  // Finds the entry that follows `previous` (empty: the first). The name is valid for the store's lifetime.
+  // Finds the entry after `previous`, or the first one if `previous` is empty. *name is valid for the store's lifetime.
   bool Next(std::string_view key, std::string_view previous, std::string_view* name, oxCFGKind* kind);
 
   // Passes the value's decoded text to callback(std::string_view), piece by piece.
@@ -64,18 +64,18 @@ class oxCFGStore {
     ForEachPiece(value->node, callback);
     return true;
   }
-  // Adds a missing value, but no key. Fails if the text contains a control byte that XML forbids.
+  // Adds the value if it is missing. Fails if the key is missing or the text contains a control byte that XML forbids.
   bool Set(std::string_view key, std::string_view name, const std::string& text);
 
   // Writes the file if the store has changed.
   bool Save();
 
-  // Makes every Save fail. For a call that ran out of memory: the document may be incomplete.
+  // Makes every later Save fail. Call it after a call that ran out of memory: the document may be incomplete.
   void DisableSave() { save_disabled_ = true; }
 
  private:
   struct IndexKey {
-    const void* parent;  // The parent's node.
+    const void* parent;  // The parent's internal_object().
     oxCFGKind kind;
     std::string_view name;  // Points into the document or decoded_names_, where names never change.
 
@@ -84,8 +84,8 @@ class oxCFGStore {
   };
   struct IndexedNode {
     pugi::xml_node node;
-    size_t order = 0;  // A later sibling has a higher one.
-    // Of a key: the node that Next returned last. A name alone does not distinguish a key from a value.
+    size_t order = 0;  // Higher than that of every earlier sibling.
+    // For a key: the child that Next returned last. Its name alone could mean either a sub-key or a value.
     mutable pugi::xml_node cursor = {};
   };
   class Indexer;
@@ -121,10 +121,10 @@ class oxCFGStore {
   std::string saved_;  // Content of the file.
   pugi::xml_document document_;
   IndexedNode root_;
-  // Ordered, not hashed, so that no choice of names in a file makes it slow. Contains the first of equal names, and
-  // only names that a path can contain.
+  // Ordered, not hashed, so that no choice of names in a file makes it slow. Contains only the elements that count: the
+  // first of each name, and only names that a path can contain.
   std::map<IndexKey, IndexedNode> index_;
-  std::map<const void*, std::string> decoded_names_;  // By node, for names with references.
+  std::map<const void*, std::string> decoded_names_;  // By node; only for names that contain a reference.
   oxCFGParseError parse_error_;
   bool dirty_ = false;
   bool save_disabled_ = false;

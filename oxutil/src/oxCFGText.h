@@ -1,4 +1,4 @@
-// Conversion between the text of an XML 1.0 document, with references such as &lt; and &#13;, and the plain string.
+// Conversion between raw XML 1.0 text, which contains references such as &lt; and &#13;, and plain strings.
 #pragma once
 
 #include <algorithm>
@@ -11,10 +11,10 @@
 
 constexpr std::string_view kOxCFGWhiteSpace = " \t\r\n";  // XML 1.0, section 2.3.
 
-// The reference at the start of `raw`. `size` is 0 if there is none: a stray "&" is text.
+// The reference at the start of `raw`. If there is none, `size` is 0; a stray "&" is text.
 struct oxCFGReference {
   size_t size = 0;
-  uint32_t code_point = 0;  // May be invalid in XML.
+  uint32_t code_point = 0;  // May be a character that XML forbids.
 };
 oxCFGReference oxCFGReferenceAt(std::string_view raw);
 
@@ -44,16 +44,16 @@ void oxCFGDecode(std::string_view raw, Callback callback) {
 }
 std::string oxCFGDecoded(std::string_view raw);
 
-// Encodes the text so that every XML parser decodes it unchanged, including those that turn a raw CR into LF, and white
-// space within an attribute into blanks.
+// Encodes the text so that an XML parser decodes it unchanged, although parsers turn a raw CR into LF, and raw white
+// space in an attribute into spaces.
 enum class oxCFGContext { kElement, kAttribute };
 std::string oxCFGEncoded(std::string_view text, oxCFGContext context);
 
-// Parses a decimal number with white space around it, piece by piece.
+// Parses a decimal number, which may have white space around it, piece by piece.
 class oxCFGNumberParser {
  public:
   void Append(std::string_view piece);
-  // Empty unless the text is a number from 0 to 4294967295.
+  // Returns nullopt unless the text is a number from 0 to 4294967295.
   std::optional<uint32_t> Number() const;
 
  private:

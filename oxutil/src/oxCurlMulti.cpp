@@ -14,7 +14,7 @@ namespace {
 constexpr int kWakeups = 11;  // Another socket pair is unlikely to have exactly this many unread bytes.
 constexpr int kMaxAttempts = 10;
 
-// The two lowest free descriptors: the next socketpair() returns them unless another thread opens one in between.
+// The two lowest free descriptors. The next socketpair() returns them unless another thread opens one in between.
 struct DescriptorPair {
   DescriptorPair() {
     const int first = eventfd(0, EFD_CLOEXEC);
@@ -28,15 +28,15 @@ struct DescriptorPair {
   int write_end;
 };
 
-// Whether the wakeups are pending in the queue that `request` measures; without `woken`, whether that queue is empty.
+// Returns whether the queue that `request` measures contains the wakeups or, if `woken` is false, is empty.
 bool MatchesQueue(int fd, unsigned long request, bool woken) {
   int bytes = 0;
   if (ioctl(fd, request, &bytes) != 0) return false;
   return request == FIONREAD ? bytes == (woken ? kWakeups : 0) : (bytes > 0) == woken;
 }
 
-// Whether the pair belongs to the multi handle: each wakeup writes one byte to one end, and it stays unread at the
-// other.
+// Returns whether the pair belongs to the multi handle: each curl_multi_wakeup writes one byte to one end of its own
+// pair, and the byte stays unread at the other end.
 bool IsWakeupPair(const DescriptorPair& pair, CURLM* multi) {
   const auto both_match = [&](bool woken) {
     return MatchesQueue(pair.read_end, FIONREAD, woken) && MatchesQueue(pair.write_end, SIOCOUTQ, woken);

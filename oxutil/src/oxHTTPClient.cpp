@@ -36,7 +36,7 @@ bool StartsWith(std::string_view line, std::string_view lower_name) {
   return line.size() >= lower_name.size() && strncasecmp(line.data(), lower_name.data(), lower_name.size()) == 0;
 }
 
-// Returns false for conflicting lengths and for one that cannot be represented: libcurl would use the last one or none.
+// Returns false if the length is invalid, for which libcurl would use none, or differs from an earlier one.
 bool ParseContentLength(std::string_view line, oxHTTPResponse* response) {
   constexpr std::string_view kName = "content-length:";
   if (!StartsWith(line, kName)) return true;
@@ -57,7 +57,7 @@ size_t OnHeader(char* bytes, size_t size, size_t count, void* argument) {
     response->content_length = -1;
   }
   response->chunked |= StartsWith(line, "transfer-encoding:");
-  response->header_complete |= line == "\r\n" || line == "\n";  // A trailer keeps it set.
+  response->header_complete |= line == "\r\n" || line == "\n";  // Stays set during a trailer section.
   const bool valid = response->header_bytes <= oxHTTPResponse::kMaxHeaderBytes && ParseContentLength(line, response);
   return valid ? line.size() : CURL_WRITEFUNC_ERROR;
 }
@@ -132,21 +132,21 @@ oxHTTPClient::~oxHTTPClient() {
   curl_multi_cleanup(multi_);
 }
 
-// libcurl starts a lookup only if no kept connection serves. Its own lookup could not be abandoned at the deadline, so
-// the transfer is aborted here, and Perform starts it again with the addresses. It is aborted for good when libcurl
-// wants to repeat a request that the server has already received.
+// Called when libcurl needs a new connection. libcurl's own lookup could not be abandoned at the deadline, so this
+// function aborts the transfer, and Perform starts it again with the addresses. If the server has already received the
+// request, the transfer stays aborted, because libcurl would repeat the request.
 int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
   auto* client = static_cast<oxHTTPClient*>(self);
   client->lookup_needed_ = !client->response_started_ && !IsIpAddress(client->host_);
   return client->lookup_needed_ || client->response_started_ ? 1 : 0;
 }
 
-// libcurl repeats a request if a kept connection closes before a complete line of the response. Part of a line proves
-// that the server has received the request, so no new connection is opened then.
+// libcurl repeats a request if a kept connection closes before a complete line of the response has arrived. But even
+// part of a line proves that the server has received the request, so no new connection is opened then.
 curl_socket_t oxHTTPClient::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
   auto* client = static_cast<oxHTTPClient*>(self);
   if (client->response_started_) return CURL_SOCKET_BAD;
-  client->set_up_ = false;  // The next SetUp resets the handle, and with it libcurl's count of repeated requests.
+  client->set_up_ = false;  // Requires a SetUp for the next request, which resets libcurl's count of repeated requests.
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
@@ -160,7 +160,7 @@ int oxHTTPClient::OnCloseSocket(void* self, curl_socket_t fd) {
   return close(fd);
 }
 
-// Adds up the bytes where that is exact: asking the kernel costs 2 % of a request.
+// Asks the kernel only if the bytes of the response were not all counted: that takes 2 % of the time of a request.
 void oxHTTPClient::RecordKeptSocket(const oxHTTPResponse& response) {
   curl_socket_t fd = CURL_SOCKET_BAD;
   if (curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD) return;
@@ -197,7 +197,7 @@ bool oxHTTPClient::IsSetUpFor(const oxHTTPRequest& request) const {
          HasBody(request) == has_body_;
 }
 
-// Resets all options, so that nothing of the last request remains.
+// Resets all options first, so that none of the last request remains set.
 bool oxHTTPClient::SetUp(const oxHTTPRequest& request, oxHTTPHeader header) {
   if (!SetUrl(request.url)) return false;
   method_ = request.method;
@@ -208,7 +208,7 @@ bool oxHTTPClient::SetUp(const oxHTTPRequest& request, oxHTTPHeader header) {
   header_ = std::move(header);
   Set(easy_, CURLOPT_URL, request.url);
   Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
-  Set(easy_, CURLOPT_PROXY, "");  // Ignores the environment's proxies.
+  Set(easy_, CURLOPT_PROXY, "");  // Ignores proxy settings in the environment.
   Set(easy_, CURLOPT_NOSIGNAL, 1L);
   Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   Set(easy_, CURLOPT_SSL_VERIFYPEER, header_.verify_tls ? 1L : 0L);
@@ -256,7 +256,7 @@ oxHTTPClient::Clock::time_point oxHTTPClient::ConnectDeadline(const oxHTTPReques
 CURLcode oxHTTPClient::PerformOnce(const oxHTTPRequest& request, const oxHTTPResponse& response) {
   lookup_needed_ = false;
   response_started_ = false;
-  // 0 would select libcurl's default.
+  // A timeout of 0 would select libcurl's default.
   Set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(MsUntil(ConnectDeadline(request)), 1L));
   if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) throw std::bad_alloc();
   CURLcode result = CURLE_OPERATION_TIMEDOUT;
@@ -273,7 +273,7 @@ CURLcode oxHTTPClient::PerformOnce(const oxHTTPRequest& request, const oxHTTPRes
   return result;
 }
 
-// Returns an entry for CURLOPT_RESOLVE, which libcurl caches for a minute; null if there is no address in time.
+// Returns an entry for CURLOPT_RESOLVE, which libcurl caches for a minute, or null if there is no address in time.
 oxCurlList oxHTTPClient::LookUpHost(const oxHTTPRequest& request) {
   const std::string addresses = oxHTTPLookup(host_, ConnectDeadline(request));
   if (addresses.empty()) return nullptr;

@@ -15,7 +15,7 @@ struct oxCurlListFree {
 };
 using oxCurlList = std::unique_ptr<curl_slist, oxCurlListFree>;
 
-// One request. The strings belong to the caller and must outlive it.
+// One request. The strings belong to the caller and must outlive the request.
 struct oxHTTPRequest {
   const char* url = nullptr;
   const char* method = nullptr;
@@ -31,27 +31,28 @@ struct oxHTTPRequest {
 struct oxHTTPHeader {
   oxCurlList lines;  // In the format of CURLOPT_HTTPHEADER.
   bool verify_tls = true;
-  uint32_t connect_timeout_ms = 0;  // For name lookup, connection and TLS together. 0: limited by the deadline alone.
+  uint32_t connect_timeout_ms = 0;  // For name lookup, connection and TLS together. 0: only the deadline limits these.
 };
 
 struct oxHTTPResponse {
-  static constexpr size_t kMaxHeaderBytes = 64 * 1024;  // With interim responses. A larger header fails the request.
+  static constexpr size_t kMaxHeaderBytes = 64 * 1024;  // Including interim responses. If exceeded, the request fails.
   static constexpr size_t kMaxBodyBytes = 64 * 1024;    // A longer body is truncated, and the rest is not read.
   long status = 0;
   size_t header_bytes = 0;
-  int64_t content_length = -1;   // Negative: the header has none.
-  bool chunked = false;          // More bytes were received than `header_bytes` and `body` count.
-  bool header_complete = false;  // libcurl accepts a header that breaks off.
+  int64_t content_length = -1;   // Negative if the header has none.
+  bool chunked = false;          // Then the connection received more bytes than are counted here.
+  bool header_complete = false;  // Must be checked: libcurl accepts an incomplete header.
   bool truncated = false;
   std::string body;
 };
 
 // A libcurl handle with its kept connections (RFC 9112, section 9.3). Threads: one at a time.
 //
-// A request goes out on a kept connection if there is one. Otherwise libcurl asks for a lookup (OnLookup), which aborts
-// the transfer; Perform then looks the host up on another thread and starts the transfer again, with the addresses. If
-// a kept connection closes, libcurl repeats the request on a new one (OnOpenSocket), but only if no byte of the
-// response has arrived (OnCloseSocket): otherwise the server has received the request, and it fails.
+// A request uses a kept connection if there is one. Otherwise libcurl calls OnLookup, which aborts the transfer;
+// Perform then looks up the host on another thread and starts the transfer again with the addresses. If a kept
+// connection closes before a byte of the response has arrived, libcurl repeats the request on a new connection. If a
+// byte has arrived (OnCloseSocket), the server has received the request, so OnOpenSocket refuses a new connection, and
+// the request fails.
 //
 // After SetUp or Perform has failed or thrown, the client must be destroyed. Both throw std::bad_alloc, and
 // std::runtime_error for an option that libcurl lacks.
@@ -63,15 +64,15 @@ class oxHTTPClient {
   oxHTTPClient(const oxHTTPClient&) = delete;
   oxHTTPClient& operator=(const oxHTTPClient&) = delete;
 
-  // Whether the options of the last SetUp fit this request too, because it differs only in the bytes of its body and
-  // its times. Says nothing about connections.
+  // Returns whether the options of the last SetUp are still set and fit this request, because the two requests differ
+  // only in the content of the body and in the times.
   bool IsSetUpFor(const oxHTTPRequest& request) const;
 
   // Returns false if the URL is invalid.
   bool SetUp(const oxHTTPRequest& request, oxHTTPHeader header);
 
-  // Sends the request that the client is set up for. Returns true with a complete response, whatever its status, and in
-  // any case by the deadline.
+  // Sends the request, for which the client must be set up. Returns true if the response is complete or its body was
+  // truncated, whatever its status. Returns by the deadline.
   bool Perform(const oxHTTPRequest& request, oxHTTPResponse* response);
 
   // Returns false if a server has closed a kept connection, or has sent bytes that would pass for the next response.
@@ -96,7 +97,7 @@ class oxHTTPClient {
   CURLM* const multi_;
   CURL* const easy_;
 
-  // What the handle is set up for.
+  // The request that the handle is set up for.
   std::string url_;
   std::string origin_;
   std::string host_;
@@ -108,7 +109,7 @@ class oxHTTPClient {
   bool https_ = false;
   bool set_up_ = false;
 
-  bool lookup_needed_ = false;                      // The transfer was aborted to look the host up.
-  bool response_started_ = false;                   // Bytes arrived on a kept connection before it closed.
-  std::map<curl_socket_t, uint64_t> kept_sockets_;  // Bytes received by the end of the last request.
+  bool lookup_needed_ = false;                      // OnLookup aborted the transfer.
+  bool response_started_ = false;                   // A byte of the response arrived before a kept connection closed.
+  std::map<curl_socket_t, uint64_t> kept_sockets_;  // Per connection: bytes received by the end of its last request.
 };

@@ -20,7 +20,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxIdle = 16;
-constexpr auto kExitMargin = std::chrono::milliseconds(100);
+constexpr auto kExitMargin = std::chrono::milliseconds(100);  // How long EndTls waits after the last deadline.
 
 // `mutex` guards all members.
 struct Pool {
@@ -29,8 +29,8 @@ struct Pool {
   bool has_exit_handler = false;
   bool started = false;
   bool tls_ended = false;
-  int tls_requests = 0;            // In progress.
-  Clock::time_point tls_deadline;  // The latest deadline of these requests.
+  int tls_requests = 0;            // Requests in progress over https.
+  Clock::time_point tls_deadline;  // The latest of their deadlines.
   std::condition_variable tls_done;
   std::vector<std::unique_ptr<oxHTTPClient>> idle;  // The longest idle client comes first.
 };
@@ -39,8 +39,9 @@ struct Pool {
 alignas(Pool) char g_storage[sizeof(Pool)];
 Pool& g_pool = *new (g_storage) Pool;
 
-// In a host that uses OpenSSL too, OpenSSL's exit handler cleans up while other threads may still use it. This handler
-// is registered later and therefore runs first; the lock makes it wait for a start that is in progress.
+// Exit handler: refuses further https requests and waits for those in progress. If the host uses OpenSSL too, OpenSSL's
+// exit handler frees memory that these requests use; this handler is registered later and therefore runs first. Locking
+// the mutex waits for a StartLocked in progress.
 void EndTls() {
   std::unique_lock lock(g_pool.mutex);
   g_pool.tls_ended = true;
@@ -62,10 +63,10 @@ void AfterForkInChild() {
   g_pool.mutex.unlock();
 }
 
-// Whether an unprivileged caller can influence a privileged process through the environment: libcurl appends TLS
-// session keys to the file that SSLKEYLOGFILE names, and the other variables select OpenSSL code paths, including less
-// protected ones. Both libraries read these with getenv; everything else is read with secure_getenv or set by
-// oxHTTPClient.
+// Returns whether an unprivileged caller could influence a privileged process through the environment: libcurl appends
+// TLS session keys to the file that SSLKEYLOGFILE names, and the other variables select OpenSSL code paths, including
+// less protected ones. The libraries read these variables with getenv; the others are read with secure_getenv, or have
+// no effect because oxHTTPClient sets the option.
 bool HasUnsafeEnvironment() {
   constexpr const char* kVariables[] = {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap",
                                         "OPENSSL_s390xcap"};
@@ -81,7 +82,7 @@ bool StartLocked() {
   g_pool.has_fork_handlers = true;
   if (!g_pool.has_exit_handler && atexit(EndTls) != 0) return false;
   g_pool.has_exit_handler = true;
-  // Keeps OpenSSL from registering its own exit handler now: that would run before EndTls, perhaps during this start.
+  // Keeps OpenSSL from registering its exit handler now: it would run before EndTls, perhaps during this start.
   if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1) return false;
   g_pool.started = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   return g_pool.started;
@@ -91,7 +92,8 @@ bool StartLocked() {
 
 namespace oxHTTPClientPool {
 
-// Never lends the connection of another origin, so that a request that waits for a name server does not hold it.
+// Never returns an idle client of another origin: while the request waits for a name server, nobody could use that
+// client's connections.
 std::unique_ptr<oxHTTPClient> Acquire(const oxHTTPRequest& request) {
   std::unique_ptr<oxHTTPClient> client;
   {

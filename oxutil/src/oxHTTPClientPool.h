@@ -7,11 +7,12 @@
 // Keeps idle clients with their connections for later requests. Threads: any.
 namespace oxHTTPClientPool {
 
-// Returns the client for one request: an idle one whose last request had the same scheme, host and port, or a new one.
-// Null if libcurl cannot be started, and for https once the exit handlers of the process run. Throws std::bad_alloc.
+// Returns a client for one request: an idle client whose last request had the same scheme, host and port, or a new one.
+// Null if libcurl cannot be started, and for https once the process runs its exit handlers. Throws std::bad_alloc.
 std::unique_ptr<oxHTTPClient> Acquire(const oxHTTPRequest& request);
 
-// Ends the request; required once for each client that Acquire returned. Null if the client cannot be used again.
+// Ends the request. Must be called once for each client that Acquire returned; `client` is that client, or null if it
+// cannot be used again.
 void Release(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client);
 
 }  // namespace oxHTTPClientPool

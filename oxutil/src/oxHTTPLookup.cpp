@@ -20,12 +20,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxThreads = 16;
-constexpr auto kHungTimeout = std::chrono::seconds(30);
+constexpr auto kMinRetryDelay = std::chrono::seconds(30);
 
 struct Lookup {
   Clock::time_point started;
-  unsigned hung_before = 0;  // Consecutive lookups of this host that hung before this one.
-  bool done = false;
+  unsigned retry_number = 0;  // 0 for the first lookup of a host; 1 for its first retry, and so on.
+  bool done = false;          // Then `addresses` is final; empty after a failure.
   std::string addresses;
 };
 using SharedLookup = std::shared_ptr<Lookup>;
@@ -35,8 +35,8 @@ struct State {
   std::mutex mutex;
   std::condition_variable changed;
   size_t threads = 0;                          // At most kMaxThreads.
-  size_t retries = 0;                          // Threads whose lookup follows a hung one of the same host.
-  std::map<std::string, SharedLookup> newest;  // By host: the newest lookup, while it runs. All requests share it.
+  size_t retries = 0;                          // Of these threads: those that run a retry.
+  std::map<std::string, SharedLookup> newest;  // By host: the newest running lookup, which calls share.
 };
 
 // Argument of a lookup thread.
@@ -72,20 +72,20 @@ void* RunLookup(void* argument) {
   try {
     addresses = Resolve(task->host);
   } catch (const std::bad_alloc&) {
-    // The same as no address.
+    // The lookup has failed: the addresses stay empty.
   }
   const std::lock_guard lock(g_state.mutex);
   task->lookup->addresses.swap(addresses);
   task->lookup->done = true;
   --g_state.threads;
-  if (task->lookup->hung_before > 0) --g_state.retries;
+  if (task->lookup->retry_number > 0) --g_state.retries;
   const auto newest = g_state.newest.find(task->host);
   if (newest != g_state.newest.end() && newest->second == task->lookup) g_state.newest.erase(newest);
   g_state.changed.notify_all();
   return nullptr;
 }
 
-// The thread blocks all signals: they are for the host's threads.
+// Blocks all signals in the new thread, so that they reach the host's threads.
 bool StartThread(std::unique_ptr<Task> task) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
@@ -98,31 +98,35 @@ bool StartThread(std::unique_ptr<Task> task) {
   const bool started = pthread_create(&thread, &attributes, RunLookup, task.get()) == 0;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   pthread_attr_destroy(&attributes);
-  if (started) static_cast<void>(task.release());  // The thread owns it.
+  if (started) static_cast<void>(task.release());  // The thread owns the task.
   return started;
 }
 
-// When `lookup` counts as hung, so that the next request for its host starts another one. The C library reads a name
-// server's TCP response without a timeout, and the thread cannot be ended: retries must not use up the threads. So the
-// 30 s double with each lookup of this host that hung before. Beyond half of the threads they also double with each
-// thread, but at most 2 * retries + 1 times. Before any retry that is once: the first retry of a host comes after 30 s
-// or 60 s, however many hosts hang at once. Each retry under way, of any host, allows two more doublings.
-Clock::time_point HungTimeLocked(const Lookup& lookup) {
-  const size_t beyond_half = std::max(g_state.threads, kMaxThreads / 2) - kMaxThreads / 2;
-  const size_t doublings = lookup.hung_before + std::min(beyond_half, 2 * g_state.retries + 1);
-  return lookup.started + kHungTimeout * (int64_t{1} << doublings);
+// Returns the time from which `lookup` counts as hung: a call for its host then starts a retry instead of waiting.
+// A hung lookup may occupy its thread forever: the C library reads a name server's TCP response without a timeout, and
+// the thread cannot be ended. Retries must not use up the threads, so the delay before a retry doubles
+// - once per retry of this host so far, and
+// - once per thread beyond half of kMaxThreads, but at most 2 * `retries` + 1 times.
+// While no retry runs, the second rule doubles the delay at most once: however many hosts hang at the same time, the
+// first retry comes after 30 s or 60 s.
+Clock::time_point RetryTimeLocked(const Lookup& lookup) {
+  constexpr size_t kHalf = kMaxThreads / 2;
+  const size_t threads_beyond_half = std::max(g_state.threads, kHalf) - kHalf;
+  const size_t doublings = lookup.retry_number + std::min(threads_beyond_half, 2 * g_state.retries + 1);
+  return lookup.started + kMinRetryDelay * (int64_t{1} << doublings);
 }
 
-// Returns null if no thread is free.
+// Returns the host's running lookup if it has not hung, otherwise starts one. Returns null if all threads are in use.
+// If the system refuses a new thread, returns a failed lookup.
 SharedLookup JoinOrStartLocked(const std::string& host) {
   const Clock::time_point now = Clock::now();
   const auto known = g_state.newest.find(host);
   const bool is_known = known != g_state.newest.end();
-  if (is_known && now < HungTimeLocked(*known->second)) return known->second;
+  if (is_known && now < RetryTimeLocked(*known->second)) return known->second;
   if (g_state.threads >= kMaxThreads) return nullptr;
   auto lookup = std::make_shared<Lookup>();
   lookup->started = now;
-  if (is_known) lookup->hung_before = known->second->hung_before + 1;
+  if (is_known) lookup->retry_number = known->second->retry_number + 1;
   std::unique_ptr<Task> task(new Task{host, lookup});
   SharedLookup& newest = g_state.newest[host];
   if (!StartThread(std::move(task))) {
@@ -132,7 +136,7 @@ SharedLookup JoinOrStartLocked(const std::string& host) {
   }
   newest = lookup;
   ++g_state.threads;
-  if (lookup->hung_before > 0) ++g_state.retries;
+  if (lookup->retry_number > 0) ++g_state.retries;
   return lookup;
 }
 
@@ -146,7 +150,7 @@ std::string oxHTTPLookup(const std::string& host, Clock::time_point deadline) {
       g_state.changed.wait_until(lock, deadline);
       continue;
     }
-    if (!lookup->done) g_state.changed.wait_until(lock, std::min(HungTimeLocked(*lookup), deadline));
+    if (!lookup->done) g_state.changed.wait_until(lock, std::min(RetryTimeLocked(*lookup), deadline));
     if (lookup->done) return lookup->addresses;
   } while (Clock::now() < deadline);
   return "";

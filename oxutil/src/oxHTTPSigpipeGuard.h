@@ -35,5 +35,5 @@ class oxHTTPSigpipeGuard {
   }
 
   sigset_t mask_before_;
-  bool pending_before_;  // The pending signal belongs to the host and stays pending.
+  bool pending_before_;  // A signal that was pending before belongs to the host and stays pending.
 };

@@ -28,7 +28,7 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return Lower(x) == Lower(y); });
 }
 
-// Removes the first line from the block and returns it. Within a UTF-8 sequence the separator's byte is text.
+// Removes the first line from the block and returns it. A separator byte within a UTF-8 sequence is text.
 std::string_view NextLine(std::string_view* block) {
   size_t end = 0;
   while (end < block->size() && (*block)[end] != kSeparator) end += oxUTF8SequenceLength(block->substr(end));
@@ -53,15 +53,15 @@ bool IsToken(std::string_view text) {
   });
 }
 
-// Splits a header block into directives to this client and lines for the server.
+// Splits a header block into options of this client ("directives") and lines for the server.
 class HeaderParser {
  public:
-  // Returns nothing if a line has an invalid name.
+  // Returns nullopt if a line has an invalid name.
   std::optional<oxHTTPHeader> Parse(std::string_view block) {
     while (!block.empty()) {
       if (!ParseLine(Trim(NextLine(&block)))) return std::nullopt;
     }
-    // An empty line keeps libcurl from sending its own value.
+    // A header without a value keeps libcurl from sending its default.
     for (const char* name : {"Accept", "Content-Type", "Expect"}) {
       if (!Has(name)) Append(std::string(name) + ":");
     }
@@ -70,7 +70,7 @@ class HeaderParser {
 
  private:
   // Servers reject a blank before the colon with status 400 (RFC 9112, section 5.1), so it is removed. A name that is
-  // not a token fails the request: sent without that line, perhaps an Authorization, it would be a different request.
+  // not a token fails the request: without that line, perhaps an Authorization, it would be a different request.
   bool ParseLine(std::string_view line) {
     const size_t colon = line.find(':');
     if (colon == 0 || colon == line.npos) return true;  // Not a header line.
@@ -78,12 +78,12 @@ class HeaderParser {
     if (!IsToken(name)) return false;
     const std::string_view value = Trim(line.substr(colon + 1));
     if (ParseDirective(name, value) || IsFramingHeader(name)) return true;
-    // libcurl sends an empty value for a semicolon in place of the colon.
+    // libcurl sends a header with an empty value only if a semicolon replaces the colon.
     Append(std::string(name).append(value.empty() ? ";" : line.substr(colon)));
     return true;
   }
 
-  // The first directive of each kind counts: the caller's own precede those that the user's settings add.
+  // The first directive of each kind counts, because the caller's directives precede header lines from the settings.
   bool ParseDirective(std::string_view name, std::string_view value) {
     if (EqualsIgnoringCase(name, "X-oxEvent-TLS-Verify")) {
       if (!std::exchange(has_verify_, true)) header_.verify_tls = value != "0";
@@ -98,7 +98,7 @@ class HeaderParser {
     return false;
   }
 
-  // Whether the header determines the length of the message, which only this client may do.
+  // Returns whether the header controls how the body is sent, which only this client may do.
   static bool IsFramingHeader(std::string_view name) {
     const auto is = [name](std::string_view other) { return EqualsIgnoringCase(name, other); };
     return is("Content-Length") || is("Transfer-Encoding") || is("Expect");
@@ -129,7 +129,7 @@ struct ClientLease {
   explicit ClientLease(const oxHTTPRequest& its_request)
       : request(its_request), client(oxHTTPClientPool::Acquire(its_request)), acquired(client != nullptr) {}
   ~ClientLease() {
-    if (!succeeded) client.reset();  // It must not be used again.
+    if (!succeeded) client.reset();  // After a failure the client must not be used again.
     if (acquired) oxHTTPClientPool::Release(request, std::move(client));
   }
   ClientLease(const ClientLease&) = delete;

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string_view>
 
-// Size in bytes of the UTF-8 sequence at the start of `text` (RFC 3629, section 4); 1 if there is no valid one.
+// Size in bytes of the UTF-8 sequence at the start of `text` (RFC 3629, section 4); 1 if there is no valid sequence.
 inline size_t oxUTF8SequenceLength(std::string_view text) {
   const auto byte = [text](size_t i) { return static_cast<unsigned char>(i < text.size() ? text[i] : '\0'); };
   const auto continues = [byte](size_t i) { return (byte(i) & 0xC0) == 0x80; };

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-// The settings as loaded from the settings file. Constant once the router has them.
+// The settings as loaded from the settings file. Constant once they are passed to the router.
 
 // What a full queue drops.
 enum class oxEventDropPolicy : uint32_t {
@@ -46,7 +46,7 @@ struct oxEventSinkConfig {
   std::string subsystem = "com.velmora.oxEvent";
   std::string category = "events";
 
-  // CloudEvents over HTTP, as read. The loader copies these to the webhook fields, which the sink uses.
+  // CloudEvents over HTTP, as read from the file. The loader copies these to the webhook fields, which the sink uses.
   std::string ce_endpoint_url;
   std::string ce_source = "/oxEvent";
   std::string ce_subject_prefix;
@@ -89,14 +89,14 @@ struct oxEventSinkConfig {
   uint32_t am_retry_count = 3;
   uint32_t retry_backoff_ms = 500;
 
-  // Result of resolving the host of a syslog or SNMP sink, before any lock is taken. Null: not resolved.
+  // Result of resolving the host of a syslog or SNMP sink, which is done before any lock is taken. Null until then.
   std::shared_ptr<const struct oxEventUdpLookup> lookup;
 
   bool operator==(const oxEventSinkConfig&) const = default;
 };
 
 struct oxEventConfig {
-  std::string config_path;  // The settings file it was loaded from.
+  std::string config_path;  // Path of the settings file.
   bool enabled = true;
   uint32_t minimum_severity = 1;
   uint32_t queue_size = 1024;  // Events; above 0.

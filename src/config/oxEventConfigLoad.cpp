@@ -14,7 +14,8 @@ namespace {
 
 std::string KeyPath(const oxEventSection& section) { return std::string(kOxEventSettingsRoot) + "\\" + section.key; }
 
-// Reads one setting into its field, which holds the value to use if the setting is missing or invalid.
+// Reads one setting into its field. The default of a number is the previous value of the field; other types take their
+// default from the table.
 class SettingReader {
  public:
   SettingReader(oxEventConfigStore& store, const std::string& key, const oxEventSetting& setting, std::string* error)
@@ -62,8 +63,9 @@ Value* FieldOf(Value oxEventSinkConfig::*field, oxEventConfig* /*config*/, oxEve
 
 using BadValues = std::vector<oxEventBadValue>;
 
-// Reads the settings of one key. `sink` is null for a section without instances. If `bad_values` is null, stops at the
-// first invalid value.
+// Reads the settings of one key. `sink` is null for a section without instances. Appends every invalid value to
+// *bad_values. If `bad_values` is null, stops at an invalid queue_size or drop_policy; the store remembers the other
+// invalid values (HasInvalidSwitchOrSeverity).
 uint32_t ReadSettings(oxEventConfigStore& store, const oxEventSection& section, const std::string& key,
                       oxEventConfig* config, oxEventSinkConfig* sink, BadValues* bad_values, std::string* error) {
   for (const oxEventSetting& setting : section.settings) {
@@ -105,7 +107,7 @@ uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, cons
   return result;
 }
 
-// Instance names per section, in the order of g_oxEventSections; empty for a section without instances.
+// Returns the instance names per section, in the order of g_oxEventSections; empty for a section without instances.
 std::vector<std::vector<std::string>> InstanceNames(oxEventConfigStore& store) {
   std::vector<std::vector<std::string>> instances;
   for (const oxEventSection& section : g_oxEventSections) {
@@ -139,7 +141,7 @@ uint32_t Load(const char* path, oxEventConfig* config, BadValues* bad_values, st
       if (result != OXEVENT_OK) return result;
     }
   }
-  if (store.HasBadValue()) return OXEVENT_INVALID_ARGUMENT;
+  if (store.HasInvalidSwitchOrSeverity()) return OXEVENT_INVALID_ARGUMENT;
   store.Save();
   return OXEVENT_OK;
 }
@@ -153,8 +155,8 @@ uint32_t oxEventConfigLoad(const char* path, oxEventConfig* config, std::string*
   return Load(path, config, nullptr, error);
 }
 
-uint32_t oxEventConfigInspect(const char* path, oxEventConfig* config, std::vector<oxEventBadValue>* bad_values,
-                              std::string* error) {
+uint32_t oxEventConfigLoadReportingAll(const char* path, oxEventConfig* config,
+                                       std::vector<oxEventBadValue>* bad_values, std::string* error) {
   error->clear();
   return Load(path, config, bad_values, error);
 }

@@ -87,7 +87,7 @@ bool oxEventConfigStore::ReadBool(const std::string& key, const char* name, bool
   if (oxCFGValueDword(store_, key.c_str(), name, &number, kGet) == 0) return number != 0;
   const std::string text = ReadString(key, name, default_value ? "1" : "0");
   if (const auto value = oxEventFindWord(g_oxEventSwitchWords, text)) return *value != 0;
-  has_bad_value_ = true;
+  has_invalid_switch_or_severity_ = true;
   oxEventSetErrorText(oxEventErrors::kBadSwitch, {key, name, text}, error_);
   return default_value;
 }
@@ -98,7 +98,7 @@ uint32_t oxEventConfigStore::ReadSeverity(const std::string& key, uint32_t defau
   if (oxCFGValueDword(store_, key.c_str(), kName, &number, kGet) == 0 && number <= 3) return number;
   const std::string text = ReadString(key, kName, "info");
   if (const auto value = oxEventFindWord(g_oxEventSeverityWords, text)) return *value;
-  has_bad_value_ = true;
+  has_invalid_switch_or_severity_ = true;
   oxEventSetErrorText(oxEventErrors::kBadSeverity, {key, text}, error_);
   return default_value;
 }

@@ -190,7 +190,7 @@ constexpr oxEventSection kSections[] = {
     {"sink\\alertmanager", "main", Type::kAlertmanager, "Formats alerts for an Alertmanager, but sends nothing.",
      kAlertmanager}};
 
-// The first word that means the value.
+// Returns the first word for the value.
 std::string WordFor(oxEventWords words, uint32_t value) {
   return std::string(
       std::find_if(words.begin(), words.end(), [=](const oxEventWord& w) { return w.value == value; })->text);

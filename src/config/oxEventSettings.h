@@ -10,7 +10,7 @@
 #include "config/oxEventConfig.h"
 
 // Tables of all settings: key, field, accepted values, default and description. The loader reads and completes a
-// settings file from these tables; the tools explain and check settings with them. All of it is constant.
+// settings file from these tables; the tools explain and check settings with them. The tables are constant.
 
 constexpr char kOxEventSettingsRoot[] = "QVX\\Events";
 
@@ -27,7 +27,7 @@ std::optional<uint32_t> oxEventFindWord(oxEventWords words, std::string_view tex
 extern const oxEventWords g_oxEventSwitchWords;
 extern const oxEventWords g_oxEventSeverityWords;
 extern const oxEventWords g_oxEventSyslogFacilityWords;  // RFC 5424, table 1.
-extern const oxEventWords g_oxEventNativeFacilityWords;  // The same codes; fewer words.
+extern const oxEventWords g_oxEventNativeFacilityWords;  // The same codes, but fewer words.
 extern const oxEventWords g_oxEventPayloadModeWords;
 constexpr uint32_t kOxEventPayloadNativeJson = 0;
 constexpr uint32_t kOxEventPayloadCloudEvents = 1;
@@ -38,7 +38,7 @@ constexpr uint32_t kOxEventSnmpVersion2c = 1;         // RFC 1901, section 3.
 enum class oxEventSettingForm {
   kSwitch,        // One of g_oxEventSwitchWords, or a number: 0 is off.
   kSeverity,      // One of g_oxEventSeverityWords, or 0 to 3.
-  kWord,          // One of the setting's own words.
+  kWord,          // One of oxEventSetting::words.
   kCapacity,      // A number above 0.
   kNumber,        // 0 to 4294967295.
   kSeconds,       // 0 to 4294967295.
@@ -64,9 +64,9 @@ struct oxEventSetting {
       field;
   oxEventSettingForm form;
   std::string_view description;
-  const char* default_text = nullptr;  // The default; null: that of the field.
+  const char* default_text = nullptr;  // Null: the initial value of the field.
   oxEventWords words = {};
-  bool has_effect = true;                     // False: read, but not used.
+  bool has_effect = true;                     // False if the setting is read, but not used.
   uint32_t max_bytes = kOxEventTextMaxBytes;  // For strings only.
 };
 
@@ -76,10 +76,10 @@ struct oxEventSection {
   const char* default_instance;  // Created if there is no instance. Null: the key holds the settings itself.
   oxEventSinkType type;          // The type of every instance in this section.
   std::string_view description;
-  std::span<const oxEventSetting> settings;  // In reading order, which is the order in which missing ones are added.
+  std::span<const oxEventSetting> settings;  // In the order in which they are read and added.
 };
 
 extern const std::span<const oxEventSection> g_oxEventSections;  // In reading order.
 
-// The value that the loader adds if the setting is missing; empty: none is added.
+// Returns the value that the loader adds if the setting is missing. If it is empty, none is added.
 std::string oxEventSettingDefault(const oxEventSetting& setting);

@@ -45,7 +45,7 @@ void oxEventAppendFile::SetBlocking() { fcntl(fd_, F_SETFL, O_APPEND); }
 size_t oxEventAppendFile::Write(const char* bytes, size_t size, Wait wait) {
   if (size == 0) return 0;
   const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
-  const oxEventCancelBlock cancel_block;  // Otherwise bytes could be written without being counted.
+  const oxEventCancelBlock cancel_block;  // A cancellation could leave written bytes uncounted.
   if (wait == kNoWait) fcntl(fd_, F_SETFL, O_APPEND | O_NONBLOCK);
   size_t done = 0;
   while (done != size) {
@@ -73,6 +73,6 @@ void oxEventAppendFile::TruncateTail(size_t size) {
   struct stat status;
   if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
   if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;
-  // Fails on an append-only file, which keeps its tail.
+  // Fails on a file with the append-only attribute, which therefore keeps its tail.
   static_cast<void>(TEMP_FAILURE_RETRY(ftruncate(fd_, status.st_size - static_cast<off_t>(size))) == 0);
 }

@@ -14,7 +14,7 @@ class oxEventAppendFile {
   // Creates the file if it is missing. Never blocks; a pipe without a reader is an error.
   bool Open(const std::string& path);
   bool IsOpen() const { return fd_ >= 0; }
-  // kNoWait: a full pipe ends the write at once.
+  // kNoWait: Write returns as soon as a pipe is full.
   enum Wait { kWait, kNoWait };
   // Returns the number of bytes written, which is less than `size` if the write fails. Raises no signal. Before
   // SetBlocking, a pipe that stays full for one second fails the write.
@@ -22,12 +22,12 @@ class oxEventAppendFile {
   // Why the last write failed.
   bool IsOutOfSpace() const;
   bool IsFullPipe() const;
-  // False for anything but a regular file.
+  // Returns whether this is a regular file that is not empty.
   bool HasContent() const;
-  // From now on a write waits for the reader of a pipe, without a limit.
+  // From now on a write to a full pipe waits for its reader without a time limit.
   void SetBlocking();
-  // Cuts off the last `size` bytes written. Does nothing if another process has appended after them, or may have
-  // written between them, or if the file is not a regular one.
+  // Removes the last `size` bytes written. Does nothing if the file is not a regular file, or if another process has
+  // appended bytes after them or may have appended bytes between them.
   void TruncateTail(size_t size);
 
  private:

@@ -2,10 +2,11 @@
 
 #include <string>
 
-// Any thread.
+// Threads: any.
 
-// False if the file cannot be opened for reading or is empty.
+// Returns false if the file cannot be opened for reading or is empty.
 bool oxEventPlatformFileHasContent(const std::string& path);
 
-// Creates the missing directories above the file `path`, with mode 0775 less the umask. `error` may be null.
+// Creates the missing directories above the file `path`, with mode 0775 less the umask. Returns false on failure, with
+// the reason in *error, which may be null.
 bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error);

@@ -10,10 +10,11 @@
 bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
                              uint32_t timeout_ms, int32_t* status) {
   *status = 0;
-  // A line end would begin another header, and a NUL would hide the rest. The length of the body is 32 bits, signed.
+  // A line end would begin another header line, and a NUL would end the block.
   for (const char forbidden : {'\r', '\n', '\0'}) {
     if (header_block.find(forbidden) != std::string::npos) return false;
   }
+  // oxOSHTTPCommand takes the length of the body as int32_t.
   if (body.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
   char* response = nullptr;
   const int32_t accepted = oxOSHTTPCommand(url.c_str(), "POST", header_block.c_str(), body.c_str(),
@@ -22,7 +23,7 @@ bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_b
   return accepted != 0;
 }
 
-const char* oxEventPlatformHttpSteeringVariable() {
+const char* oxEventPlatformHttpUnsafeVariable() {
   if (getauxval(AT_SECURE) == 0) return nullptr;
   // The variables that libcurl and OpenSSL read with getenv.
   for (const char* const variable :

@@ -3,12 +3,13 @@
 #include <cstdint>
 #include <string>
 
-// Posts a body over HTTP and waits up to timeout_ms for the response. `header_block`: header lines separated by one
-// byte 0xA7. Returns whether the server has accepted it. *status gets the status code of the response, 0 if there was
-// none. Any thread.
+// Posts a body over HTTP and waits up to timeout_ms for the response. `header_block`: header lines separated by a byte
+// 0xA7. Returns whether a response with a 2xx status arrived. *status gets the status code of the response, 0 if there
+// was none. Threads: any.
 bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_block, const std::string& body,
                              uint32_t timeout_ms, int32_t* status);
 
-// In a process that runs with more privileges than its caller: the environment variable through which the caller would
-// control the HTTP client, which must not be started then. Otherwise null. Any thread.
-const char* oxEventPlatformHttpSteeringVariable();
+// Returns the name of an environment variable that keeps the HTTP client from starting, or null if there is none. In a
+// process with more privileges than its caller, the caller could influence libcurl or OpenSSL with such a variable.
+// Threads: any.
+const char* oxEventPlatformHttpUnsafeVariable();

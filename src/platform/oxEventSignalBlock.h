@@ -6,9 +6,9 @@
 // Blocks signals in the calling thread for its lifetime.
 class oxEventSignalBlock {
  public:
-  // kAll: a thread that is started meanwhile begins, and stays, with every signal blocked. kFileErrors: a write by the
-  // library beyond the process's file size limit, or into a broken pipe, fails with an error code instead of a signal
-  // that would end the host.
+  // kAll: every signal, so that a thread that is started meanwhile inherits this mask. kFileErrors: SIGXFSZ and
+  // SIGPIPE, so that a write beyond the process's file size limit, or into a broken pipe, fails with an error code
+  // instead of ending the host.
   enum Which { kAll, kFileErrors };
   explicit oxEventSignalBlock(Which which);
   ~oxEventSignalBlock();
@@ -20,10 +20,11 @@ class oxEventSignalBlock {
 
   const Which which_;
   sigset_t old_mask_;
-  sigset_t pending_before_;  // Signals of the host's own, which stay pending.
+  sigset_t pending_before_;  // These belong to the host and stay pending.
 };
 
-// Defers cancellation of the calling thread for its lifetime: unwinding would interrupt what must be completed.
+// Defers cancellation of the calling thread for its lifetime, because unwinding would interrupt work that must be
+// completed.
 class oxEventCancelBlock {
  public:
   oxEventCancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_state_); }

@@ -39,15 +39,16 @@ int SyslogLevel(uint32_t severity) {
   return severity < std::size(kLevels) ? kLevels[severity] : LOG_INFO;
 }
 
-// `mutex` is held over each openlog, syslog and closelog of this library, so that no message is written with another
-// sink's ident. Nothing but those calls blocks while it is held.
+// `mutex` is held during each call of openlog, syslog and closelog by this library, so that no message is written with
+// another sink's ident. No other blocking call is made while it is held.
 struct SystemLog {
   oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The thread that holds `mutex` during its fork.
-  int cancel_state = PTHREAD_CANCEL_ENABLE;   // Of that thread, before the fork. Guarded by `mutex`.
-  std::atomic<int> forks_waiting = 0;  // Waiting for `mutex`: a busy worker lets them have it between two messages.
-  std::atomic<bool> writing = false;   // syslog(3) is running, with the ident of its sink. Changed with `mutex` held.
-  // False in the child of a fork during a write: the C library's log stays locked there.
+  int cancel_state = PTHREAD_CANCEL_ENABLE;   // That of this thread before the fork. Guarded by `mutex`.
+  // Forks that wait for `mutex`. A worker with many messages would starve them, so it waits until this is 0.
+  std::atomic<int> forks_waiting = 0;
+  std::atomic<bool> writing = false;  // Whether syslog(3) is running. Changed with `mutex` held.
+  // False in a child that was forked during a write: there the C library's log stays locked.
   bool usable = true;  // Guarded by `mutex`.
 };
 constinit oxEventNoDestructor<SystemLog> g_system_log;
@@ -55,7 +56,7 @@ constinit oxEventNoDestructor<SystemLog> g_system_log;
 }  // namespace
 
 struct oxEventNativeLogHandle {
-  std::string ident;  // syslog(3) keeps a pointer into it.
+  std::string ident;  // The C library keeps a pointer to its characters.
   int facility = LOG_LOCAL4;
   std::string line;  // Reused for each event.
 };
@@ -78,7 +79,7 @@ size_t MaxDatagramSize() {
   return known && !stream ? static_cast<size_t>(send_buffer - kKernelOverhead) : SIZE_MAX;
 }
 
-// Truncates a message that is too long for the log's socket, between two characters. syslog(3) would lose it silently.
+// Truncates a message that is too long for the log's socket, which syslog(3) would lose silently. Splits no character.
 void TruncateToDatagram(std::string_view ident, std::string* line) {
   constexpr size_t kAlwaysFits = 2048;  // Below the smallest send buffer that Linux allows.
   constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest header of syslog(3).
@@ -106,7 +107,7 @@ uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, ox
   const oxEventNativePlatformConfig defaults;
   opened->ident = oxEventOrDefault(config.source, defaults.source);
   opened->facility = SyslogFacility(oxEventOrDefault(config.facility, defaults.facility));
-  if (g_system_log->mutex.TryLockFor(kLockTimeoutMs)) {  // Otherwise the first write opens it.
+  if (g_system_log->mutex.TryLockFor(kLockTimeoutMs)) {  // Otherwise the first write opens the log.
     if (g_system_log->usable) openlog(opened->ident.c_str(), LOG_PID, opened->facility);
     g_system_log->mutex.Unlock();
   }
@@ -138,7 +139,8 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
 void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   if (handle == nullptr) return;
   bool locked = false;
-  // While another sink's write hangs, syslog(3) uses that sink's ident: this one can be freed.
+  // If the lock is not free because another sink's write hangs, the C library uses that sink's ident: this handle can
+  // be freed without closelog.
   while (!(locked = g_system_log->mutex.TryLockFor(kLockTimeoutMs)) && !g_system_log->writing) continue;
   if (locked) {
     if (g_system_log->usable) closelog();
@@ -147,8 +149,8 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   delete handle;
 }
 
-// `mutex` stays locked until one of the two functions below. Cancellation stays disabled as long, also in other
-// handlers of the fork.
+// Leaves `mutex` locked and cancellation disabled until one of the two functions below is called, so cancellation is
+// also disabled while the host's fork handlers run.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);

@@ -9,7 +9,7 @@
 
 #include "base/oxEventErrorText.h"
 
-// Error texts. Their placeholders: host, port, error number.
+// Error texts, each with the placeholders host, port and error number.
 struct oxEventUdpErrors {
   oxEventErrorText<3> resolve;
   oxEventErrorText<3> socket;
@@ -18,7 +18,7 @@ struct oxEventUdpErrors {
 
 // The result of looking up a receiver's name: its addresses or an error number.
 struct oxEventUdpLookup;
-// Blocks for as long as the name server takes. Throws when there is no memory.
+// Blocks for as long as the name server takes. Throws std::bad_alloc.
 std::shared_ptr<const oxEventUdpLookup> oxEventUdpLookUp(const std::string& host, uint32_t port);
 
 // Sends datagrams to one receiver over IPv4 or IPv6. The receiver's name is looked up once. The socket is not
@@ -32,10 +32,10 @@ class oxEventUdpSender {
   oxEventUdpSender(const oxEventUdpSender&) = delete;
   oxEventUdpSender& operator=(const oxEventUdpSender&) = delete;
 
-  // Looks the receiver up, unless that is done, and opens the socket. Call once.
+  // Opens the socket, after looking up the receiver unless the constructor got a `lookup`. Must be called once.
   uint32_t Open(std::string* error);
 
-  // Sends one datagram, after Open.
+  // Sends one datagram. Must be called after Open has succeeded.
   uint32_t Send(std::string_view bytes, std::string* error);
 
  private:

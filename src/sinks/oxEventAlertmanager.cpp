@@ -43,10 +43,10 @@ void AppendAlertName(std::string_view prefix, std::string_view event_type, std::
   if (out->size() == words) out->append("Event");
 }
 
-// Appends the string as a label value that is easy to select by: lower case, no special characters.
-void PrometheusSafeLabelValue(std::string_view text, std::string_view fallback, std::string* out) {
+// Appends the string as a label value that is easy to query: in lower case, without special characters.
+void AppendLabelValue(std::string_view text, std::string_view fallback, std::string* out) {
   const size_t begin = out->size();
-  bool in_run = false;  // Whether the last character was replaced. A run of such characters becomes one "_".
+  bool in_run = false;  // Within a run of special characters, which becomes one "_".
   for (const char c : text) {
     const bool kept = oxEventAsciiIsAlnum(c) || c == '_' || c == '.' || c == ':' || c == '-';
     if (kept) out->push_back(oxEventAsciiLower(c));
@@ -68,7 +68,7 @@ bool Contains(std::string_view text, std::string_view part) {
   return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-// Adds a string member whose value `append` appends, escaped.
+// Adds a string member. Calls `append` to append its value, which it must escape.
 template <class Append>
 void AddString(std::string_view name, JsonObject* object, std::string* out, Append append) {
   object->AddName(name);
@@ -82,10 +82,10 @@ void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFor
   JsonObject labels(out);
   AddString("alertname", &labels, out, [&] { AppendAlertName(config.alertname_prefix, event.event_type, out); });
   labels.AddStringField("severity", AlertSeverity(event.severity));
-  AddString("event_type", &labels, out, [&] { PrometheusSafeLabelValue(event.event_type, "event", out); });
+  AddString("event_type", &labels, out, [&] { AppendLabelValue(event.event_type, "event", out); });
   labels.AddStringField("action", "raise");  // Also for a clear: a different label would identify a different alert.
   if (config.allow_source_label && !event.source_id.empty()) {
-    AddString("source_id", &labels, out, [&] { PrometheusSafeLabelValue(event.source_id, "source", out); });
+    AddString("source_id", &labels, out, [&] { AppendLabelValue(event.source_id, "source", out); });
   }
   labels.Close();
 }

@@ -8,8 +8,8 @@
 #include "sinks/oxEventText.h"
 
 // Formats an event as an Alertmanager document (API version 2, POST /api/v2/alerts): a list of one alert. *out is
-// cleared first; a caller may reuse it. `cache` may be null. Any thread. Returns OXEVENT_INVALID_ARGUMENT if `out` is
-// null. Throws when there is no memory.
+// cleared first; a caller may reuse it. `cache` may be null. Threads: any. Returns OXEVENT_INVALID_ARGUMENT if `out`
+// is null. Throws std::bad_alloc.
 uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
                                         const oxEventAlertmanagerFormatterConfig& config, std::string* out,
                                         oxEventText::UtcCache* cache = nullptr);

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t kInitialCapacity = 2048;  // Bytes; enough for a usual document.
+constexpr size_t kInitialCapacity = 2048;  // Bytes; enough for a typical document.
 
 // Keeps the document of the latest event. Sends nothing: the host formats documents itself and posts them.
 class oxEventAlertmanagerSink : public oxEventSink {

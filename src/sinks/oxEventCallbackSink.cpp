@@ -37,8 +37,8 @@ uint32_t oxEventCallbackSink::Deliver(const oxEventNormalizedEvent& event, uint6
   for (const auto& registration : *registrations) {
     if (registration->removed) continue;
     const bool returned = InvokeCallback(registration->callback, record, registration->user_data);
-    if (g_oxEventForkCount != forks)
-      break;  // This is now a child process: only the parent calls the remaining callbacks.
+    // After a fork in the callback, only the parent calls the remaining callbacks.
+    if (g_oxEventForkCount != forks) break;
     if (returned) continue;
     std::string id;
     oxEventAppendNumber(&id, registration->id);

@@ -33,13 +33,12 @@ class oxEventCallbackSink : public oxEventSink {
     const uint32_t id;
     const oxEventCallback callback;
     void* const user_data;              // Owned by the host; never dereferenced.
-    std::atomic<bool> removed = false;  // Set instead of erasing, which would allocate. The next Register erases.
+    std::atomic<bool> removed = false;  // Instead of erasing, which allocates; Register erases.
   };
   using Registrations = std::vector<std::shared_ptr<Registration>>;
 
   oxEventMutex mutex_;
   uint32_t next_callback_id_ OX_GUARDED_BY(mutex_) = 1;
-  // Immutable and replaced as a whole, so that a delivery keeps the list that it began with without a copy. Null if
-  // empty.
+  // The list is immutable and replaced as a whole, so that a delivery can keep its list without copying. Null if empty.
   std::shared_ptr<const Registrations> registrations_ OX_GUARDED_BY(mutex_);
 };

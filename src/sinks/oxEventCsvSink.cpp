@@ -32,7 +32,8 @@ size_t WholeRowsSize(std::string_view text) {
 
 // Appends one row per event to a CSV file (RFC 4180, with single line feeds). Buffers and writes complete rows only:
 // after a partial write it truncates the torn row, so that the first row of a later sink begins on a new line. After a
-// failed write it writes nothing more. Open succeeds on a full disk: the header is then written before the first row.
+// failed write the sink writes nothing more. Open succeeds on a full disk; the header is then written with the first
+// row.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
@@ -83,7 +84,8 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  // Reports lost rows once, or each time with `report_again`.
+  // Fails if rows were lost: each time if `report_again` is set, otherwise only if no failure has reported the loss
+  // yet.
   uint32_t WriteBuffer(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
@@ -112,7 +114,7 @@ class oxEventCsvSink : public oxEventSink {
     return used_ <= kBufferSize || WriteBufferLocked();
   }
 
-  // Throws when there is no memory, without any effect.
+  // If it throws std::bad_alloc, nothing has changed.
   void ReserveLocked(size_t size) OX_REQUIRES(mutex_) {
     if (size <= capacity_) return;
     const size_t capacity = std::bit_ceil(size);
@@ -122,6 +124,7 @@ class oxEventCsvSink : public oxEventSink {
     capacity_ = capacity;
   }
 
+  // Returns false if rows were lost, now or before.
   bool WriteBufferLocked(oxEventAppendFile::Wait wait = oxEventAppendFile::kWait) OX_REQUIRES(mutex_) {
     // Another process, or a sink that a reload opened, may have written a header in the meantime.
     if (used_ != 0 && std::exchange(header_pending_, false) && !file_.HasContent()) WriteHeaderLocked();
@@ -140,8 +143,8 @@ class oxEventCsvSink : public oxEventSink {
     return WriteRowsLocked(header) == header.size();
   }
 
-  // Returns the number of bytes written: all, or fewer if the write failed or, with kNoWait, if a pipe is full. A file
-  // ends with a complete row before and after, even if the write fails; what was written to a pipe may not.
+  // Returns the number of bytes written: all, or fewer if the write failed or, with kNoWait, if a pipe is full. A
+  // failed write leaves no part of a row in a regular file, but may leave one in a pipe.
   size_t WriteRowsLocked(std::string_view rows, oxEventAppendFile::Wait wait = oxEventAppendFile::kWait)
       OX_REQUIRES(mutex_) {
     if (failed_) return 0;
@@ -162,7 +165,7 @@ class oxEventCsvSink : public oxEventSink {
   size_t capacity_ OX_GUARDED_BY(mutex_) = 0;
   oxEventText::UtcCache utc_cache_ OX_GUARDED_BY(mutex_);
   bool failed_ OX_GUARDED_BY(mutex_) = false;
-  bool failure_reported_ OX_GUARDED_BY(mutex_) = false;  // Since the last lost row, by Flush or Drain.
+  bool failure_reported_ OX_GUARDED_BY(mutex_) = false;  // Whether Flush or Drain reported the last lost row.
 };
 
 }  // namespace

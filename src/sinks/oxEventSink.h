@@ -8,9 +8,9 @@
 #include "base/oxEventSeverity.h"
 #include "config/oxEventConfig.h"
 
-// A destination of events. Ownership: shared by the active set and by each thread that delivers to it.
-// Threads: the worker calls Submit, any thread the rest; each sink guards its own state. *error, which may be null,
-// gets the reason of a failure.
+// A destination of events. Ownership: each configured sink belongs to one generation (oxEventSinkGeneration.h).
+// Threads: the worker calls Submit, any thread calls the other methods; each sink guards its own state.
+// Errors: a result code, the reason in *error (may be null).
 class oxEventSink {
  public:
   constexpr explicit oxEventSink(uint32_t minimum_severity) : minimum_severity_(minimum_severity) {}
@@ -18,7 +18,7 @@ class oxEventSink {
   oxEventSink(const oxEventSink&) = delete;
   oxEventSink& operator=(const oxEventSink&) = delete;
 
-  // Opens what the sink writes to. Called once, before everything else; a sink that fails is discarded.
+  // Opens the destination. Called once, before all other methods; if it fails, the sink is discarded.
   virtual uint32_t Open(std::string* /*error*/) { return OXEVENT_OK; }
 
   // Delivers the event, unless its severity is below the minimum. Adds to *warnings, which may be null. Returns 0 or a
@@ -28,14 +28,15 @@ class oxEventSink {
     return Deliver(event, warnings, error);
   }
 
-  // Writes what is buffered.
+  // Writes the buffered rows, if the sink has any. Fails if rows were lost, now or since the sink was opened, or if
+  // another thread was writing for the whole timeout. 0 means no limit.
   virtual uint32_t Flush(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Writes what can be written without waiting. The next Flush or Drain reports a failure.
+  // Writes the buffered rows that can be written without waiting. The next Flush or Drain reports a failure.
   virtual void TryFlush() {}
 
-  // Flush for a sink that is no longer active. Fails if rows were lost that no Flush and no Drain has reported, or,
-  // with *busy set, if another thread was writing for the whole time.
+  // Like Flush, for a sink that is no longer active, but reports each loss only once: fails if rows were lost that
+  // neither Flush nor Drain has reported. If another thread was writing for the whole timeout, also sets *busy.
   virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
 
   // What the error text of the last failure leaves out, such as the status code of an HTTP response. For tools.

@@ -10,8 +10,8 @@
 
 namespace {
 
-// Calls a method of a sink and returns whether it succeeded. *error gets the reason of a failure, if the sink gives
-// one. An exception is a failure, except for a thread cancellation, which must not be caught.
+// Calls a method of a sink and returns whether it succeeded. On failure, *error is the reason if the sink gives one. An
+// exception counts as a failure, except for the one of a thread cancellation, which must not be caught.
 template <class Call>
 bool CallSink(Call call, std::string* error) {
   try {
@@ -64,8 +64,8 @@ uint32_t oxEventSinkGeneration::Deliver(const oxEventNormalizedEvent& event, uin
     if (failed_sinks != nullptr) ++*failed_sinks;
     result = OXEVENT_FAILURE;
   }
-  // The thread that retired this generation may have drained it before this event's rows were buffered. In a child
-  // process the rows belong to the parent.
+  // If this generation was retired during the delivery, its successor may have drained it before the rows of this event
+  // were buffered. In the child of a fork, the rows belong to the parent.
   if (retired_ && g_oxEventForkCount == forks) Drain(0);
   return result;
 }
@@ -97,7 +97,7 @@ bool oxEventSinkGeneration::Drain(uint32_t timeout_ms) {
     if (busy) {
       drained = false;
     } else {
-      *drain_failed_ = true;
+      *drain_lost_rows_ = true;
     }
   }
   return drained;
@@ -108,7 +108,7 @@ bool oxEventSinkGeneration::DrainPredecessor(uint32_t timeout_ms) {
   if (predecessor == nullptr) return true;
   if (!predecessor->Drain(timeout_ms)) return false;
   oxEventLock lock(mutex_);
-  predecessor_.reset();  // Closes no file under the lock: `predecessor` still owns it.
+  predecessor_.reset();  // Destroys no sink under the lock: `predecessor` still refers to it.
   has_predecessor_ = false;
   return true;
 }

@@ -21,22 +21,19 @@ namespace {
 
 using SharedGeneration = std::shared_ptr<oxEventSinkGeneration>;
 
-constexpr uint32_t kReloadTimeoutMs = 1000;  // For draining the sinks that a reload replaced.
+constexpr uint32_t kReloadTimeoutMs = 1000;  // For draining each sink that a reload has replaced.
 
-// Placeholder for an enabled sink of a kind that this library does not know: accepts every event and does nothing.
-class oxEventConfiguredSink : public oxEventSink {
+// Stands for an enabled sink of a type that this library does not know: accepts every event and does nothing.
+class oxEventPlaceholderSink : public oxEventSink {
  public:
-  explicit oxEventConfiguredSink(const oxEventSinkConfig& config)
-      : oxEventSink(config.minimum_severity), config_(config) {}
+  explicit oxEventPlaceholderSink(const oxEventSinkConfig& config) : oxEventSink(config.minimum_severity) {}
 
  private:
   uint32_t Deliver(const oxEventNormalizedEvent&, uint64_t*, std::string*) override { return OXEVENT_OK; }
-
-  const oxEventSinkConfig config_;
 };
 
-uint32_t CreateConfiguredSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string*) {
-  *out = std::make_shared<oxEventConfiguredSink>(config);
+uint32_t CreatePlaceholderSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string*) {
+  *out = std::make_shared<oxEventPlaceholderSink>(config);
   return OXEVENT_OK;
 }
 
@@ -56,7 +53,7 @@ auto FactoryOf(oxEventSinkType type) {
     case oxEventSinkType::kAlertmanager:
       return oxEventCreateAlertmanagerSink;
   }
-  return CreateConfiguredSink;
+  return CreatePlaceholderSink;
 }
 
 const char* SectionOf(oxEventSinkType type) {
@@ -70,7 +67,7 @@ const char* SectionOf(oxEventSinkType type) {
 struct SinkSet {
   oxEventMutex mutex;
   SharedGeneration active OX_GUARDED_BY(mutex);  // Null before initialization and after shutdown.
-  std::atomic<bool> drain_failed = false;        // A replaced sink lost rows that no flush has reported yet.
+  std::atomic<bool> drain_lost_rows = false;     // A retired generation lost rows; not yet reported by a flush.
   oxEventMutex error_mutex;
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
   oxEventCallbackSink callbacks;
@@ -122,7 +119,7 @@ uint32_t ReplaceSinks(const oxEventConfig& config, oxEventErrorText<0> default_e
     SetSinkError(text);
     return result;
   }
-  const auto built = std::make_shared<oxEventSinkGeneration>(std::move(sinks), &g_sinks->drain_failed);
+  const auto built = std::make_shared<oxEventSinkGeneration>(std::move(sinks), &g_sinks->drain_lost_rows);
   {
     oxEventLock lock(g_sinks->mutex);
     built->Replace(std::move(g_sinks->active));
@@ -158,7 +155,8 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
   if (generation == nullptr) return OXEVENT_OK;
   const unsigned forks = g_oxEventForkCount;
   const uint32_t result = generation->Deliver(event, failed_sinks, warnings);
-  // In the child of a fork in a callback, leaks the reference: releasing the parent's sinks would write rows twice.
+  // In the child of a fork that a callback made, leaks the reference: destroying the parent's sinks would write their
+  // rows a second time.
   if (g_oxEventForkCount != forks) new (std::nothrow) SharedGeneration(std::move(generation));
   return result;
 }
@@ -166,7 +164,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
 uint32_t oxEventSinkFlush(uint32_t timeout_ms) {
   const SharedGeneration generation = ActiveGeneration();
   const bool flushed = generation == nullptr || generation->Flush(timeout_ms);
-  if (g_sinks->drain_failed.exchange(false) || !flushed) {
+  if (g_sinks->drain_lost_rows.exchange(false) || !flushed) {
     constexpr oxEventErrorText<0> kError(oxEventErrors::kSinkFlushFailed);
     SetSinkError(kError.text);
     oxEventSetLastError(kError.text);
@@ -192,7 +190,7 @@ uint32_t oxEventSinkShutdown() {
     released->Retire();
     released->Drain(0);
   }
-  g_sinks->drain_failed = false;  // The router's Stop has already flushed and reported failures.
+  g_sinks->drain_lost_rows = false;  // The router's Stop has already flushed and reported failures.
   return OXEVENT_OK;
 }
 

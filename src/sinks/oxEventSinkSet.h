@@ -9,17 +9,18 @@
 #include "config/oxEventConfig.h"
 #include "oxEvent.h"
 
-// The process's set of active sinks: those that the settings enable, in their order, and last the host's callbacks.
-// Any thread. No lock is held while a sink is called: a delivery keeps the sinks that it began with, and a sink is
+// The process's set of active sinks: the sinks that the settings enable, in their order, and last the host's callbacks.
+// Threads: any. No lock is held while a sink is called: a delivery keeps the sinks with which it began, and a sink is
 // destroyed when the last such delivery has finished.
 
 // Looks up the host of each enabled syslog and SNMP sink, so that creating the sinks needs no name server. Stores
 // failures for the factories to report. Blocks for as long as the name servers take; holds no lock.
 void oxEventSinkLookUpHosts(oxEventConfig* config);
 
-// Create the sinks, replace the previous ones and write their buffered rows, waiting at most 1 s for a busy sink. On
-// failure the previous sinks stay; returns the factory's code, and its message becomes the last error of the sinks
-// (oxEventSinkGetLastError) and of the thread.
+// Create the sinks, replace the previous sinks and write the rows that these have buffered, waiting at most 1 s for
+// each sink to which another thread is writing. If a sink cannot be created, return the factory's result code and keep
+// the previous sinks; the factory's message becomes the last error of the sinks (oxEventSinkGetLastError) and of the
+// thread.
 uint32_t oxEventSinkInitialize(const oxEventConfig& config);
 uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 
@@ -28,7 +29,7 @@ uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
 // Flushes every sink, each with the whole timeout, even if one fails. Returns OXEVENT_FAILURE if a sink failed, if a
-// sink that a reload replaced is still writing its last rows, or, once, if such a sink lost rows.
+// sink that a reload replaced is still writing its last rows, or if such a sink lost rows, which is reported once.
 uint32_t oxEventSinkFlush(uint32_t timeout_ms);
 
 // Writes the buffered rows that can be written without waiting. Call before a wait during which the process may be
@@ -41,7 +42,8 @@ uint32_t oxEventSinkShutdown();
 uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
 uint32_t oxEventSinkUnregisterCallback(uint32_t id);
 
-// The last error of the functions above. Empty after a success, or if there was no memory for it.
+// Returns the reason of the last failure to initialize, reload or flush. Empty after one of these functions or shutdown
+// has succeeded, or if there was no memory for the text.
 std::string oxEventSinkGetLastError();
 
 // The failures of a sink since the settings were loaded.
@@ -56,5 +58,6 @@ struct oxEventSinkStatus {
 // Reports on the active sinks, in the order of delivery.
 std::vector<oxEventSinkStatus> oxEventSinkReport();
 
-// In the child of a fork: restores the state after loading. Abandons the parent's sinks without releasing them.
+// For the child of a fork: restores the state that the set had when the library was loaded. Abandons the parent's sinks
+// without releasing them.
 void oxEventSinkResetAfterFork();

@@ -34,7 +34,7 @@ void AppendBase128(uint32_t arc, std::string* out) {
   out->push_back(static_cast<char>(arc & 0x7F));
 }
 
-// Removes the first arc from *rest. Returns false if it is not a number of 32 bits.
+// Removes the first arc from *rest. Returns false if the arc is not an unsigned 32-bit number.
 bool ParseArc(std::string_view* rest, uint32_t* arc) {
   const std::string_view text = rest->substr(0, rest->find('.'));
   rest->remove_prefix(text.size());
@@ -43,7 +43,7 @@ bool ParseArc(std::string_view* rest, uint32_t* arc) {
   return failure == std::errc() && read_to == end;
 }
 
-// The same for an arc with a dot before it: the second and each following one.
+// Like ParseArc, for an arc that follows a dot: every arc but the first.
 bool ParseNextArc(std::string_view* rest, uint32_t* arc) {
   if (rest->empty()) return false;
   rest->remove_prefix(1);

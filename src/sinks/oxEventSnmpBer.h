@@ -6,7 +6,7 @@
 #include <string_view>
 
 // The part of the Basic Encoding Rules (X.690) that SNMPv2c needs. Each function appends to *out, which a caller may
-// reuse. Unless stated otherwise, the only failure is std::bad_alloc. Any thread.
+// reuse. Unless stated otherwise, the only failure is std::bad_alloc. Threads: any.
 namespace SnmpBer {
 
 enum Tag : uint8_t {  // RFC 3416, section 3.
@@ -21,7 +21,7 @@ enum Tag : uint8_t {  // RFC 3416, section 3.
 // Turns the bytes of *out from `begin` to the end into the content of a TLV, whose length takes the fewest bytes.
 void Wrap(Tag tag, size_t begin, std::string* out);
 
-// For INTEGER and TimeTicks. Never negative; takes the fewest bytes.
+// Encodes a number that is not negative as an INTEGER or TimeTicks, in the fewest bytes.
 void Integer(Tag tag, uint32_t value, std::string* out);
 
 void OctetString(std::string_view text, std::string* out);
@@ -33,7 +33,7 @@ bool ObjectIdentifier(std::string_view dotted, std::string* out);
 // Appends a variable binding of an encoded OID and an encoded value.
 void AppendVarBind(std::string_view oid, std::string_view value, std::string* list);
 
-// The same for an OCTET STRING, truncated to max_length bytes.
+// Appends a variable binding of an encoded OID and an OCTET STRING: `text`, truncated to max_length bytes.
 void AppendStringVarBind(std::string_view oid, std::string_view text, size_t max_length, std::string* list);
 
 }  // namespace SnmpBer

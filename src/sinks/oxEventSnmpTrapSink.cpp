@@ -44,7 +44,7 @@ uint32_t Port(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults
 // Sends each event as one SNMPv2-Trap-PDU in one datagram (RFC 3416, RFC 3417), with the event's fields as objects.
 class oxEventSnmpTrapSink : public oxEventSink {
  public:
-  // `defaults` replace the settings that are empty.
+  // `defaults` replaces empty settings and a port of 0.
   explicit oxEventSnmpTrapSink(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults = {})
       : oxEventSink(config.minimum_severity),
         community_(oxEventOrDefault(config.community, defaults.community)),
@@ -70,7 +70,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    // Reported for each event, not by Open: if a sink fails to open, none is started.
+    // Reported for each event instead of by Open: if one sink fails to open, no sink is started.
     if (encoded_trap_oid_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
     if (encoded_objects_[0].empty())
       return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
@@ -128,18 +128,18 @@ class oxEventSnmpTrapSink : public oxEventSink {
   const std::string community_;
   const std::string enterprise_oid_;
   const std::string trap_oid_;
-  // Encoded OIDs. Constant after construction; empty where the setting is no valid OID.
+  // Encoded OIDs. Constant after construction; empty if the setting is not a valid OID.
   const std::string encoded_sys_up_time_;
   const std::string encoded_snmp_trap_oid_;
   const std::string encoded_trap_oid_;
-  std::vector<std::string> encoded_objects_;  // .1.1.0 to .1.12.0 below the enterprise OID.
+  std::vector<std::string> encoded_objects_;  // <enterprise OID>.1.1.0 to .1.12.0. Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string message_ OX_GUARDED_BY(mutex_);  // Reused for each event.
   std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused for each event.
 };
 
 uint32_t CheckVersion(const oxEventSinkConfig& config, std::string* error) {
-  constexpr oxEventWord kVersion3Words[] = {{"3", 3}, {"v3", 3}, {"snmpv3", 3}};  // Have an error text of their own.
+  constexpr oxEventWord kVersion3Words[] = {{"3", 3}, {"v3", 3}, {"snmpv3", 3}};  // Version 3 has its own error text.
   if (oxEventFindWord(g_oxEventSnmpVersionWords, config.version)) return OXEVENT_OK;
   if (oxEventFindWord(kVersion3Words, config.version)) return oxEventSetErrorText(oxEventErrors::kSnmpVersion3, error);
   return oxEventSetErrorText(oxEventErrors::kSnmpVersion, error);

@@ -32,14 +32,14 @@ uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
   return severity < std::size(kSeverities) ? kSeverities[severity] : 6;
 }
 
-// Appends a header field: printable US-ASCII, or "-" if it is empty.
-void Token(std::string_view text, size_t max_length, std::string* line) {
+// Appends a header field, in which "_" replaces all but printable US-ASCII; "-" if `text` is empty.
+void AppendHeaderField(std::string_view text, size_t max_length, std::string* line) {
   if (text.empty()) line->push_back('-');
   for (const char c : text.substr(0, max_length)) line->push_back(c >= '!' && c <= '~' ? c : '_');
 }
 
-// Appends a PARAM-VALUE. Does not process bytes beyond the longest line.
-void StructuredDataValue(std::string_view text, std::string* line) {
+// Appends a PARAM-VALUE. Skips bytes beyond kMaxLine, because the line is truncated there anyway.
+void AppendParamValue(std::string_view text, std::string* line) {
   const auto is_special = [](auto c) { return (c == '"') | (c == '\\') | (c == ']'); };
   text = text.substr(0, kMaxLine - std::min(line->size(), kMaxLine));
   oxEventText::AppendEscaped(text, is_special, line, [line](char c) { line->append(1, '\\').append(1, c); });
@@ -49,7 +49,7 @@ void BeginParameter(std::string_view name, std::string* line) { line->append(1, 
 
 void AddStringParameter(std::string_view name, std::string_view text, std::string* line) {
   BeginParameter(name, line);
-  StructuredDataValue(text, line);
+  AppendParamValue(text, line);
   line->push_back('"');
 }
 
@@ -104,7 +104,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
         sender_(kUdpErrors, Host(config), Port(config), config.lookup) {
     const auto add = [this](std::string_view text, size_t max_length) {
       origin_.push_back(' ');
-      Token(text, max_length, &origin_);
+      AppendHeaderField(text, max_length, &origin_);
     };
     add(HostName(), 255);
     add(oxEventOrDefault(config.app_name, "oxEvent"), kOxEventAppNameMaxBytes);
@@ -132,7 +132,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
     line_.append(">1 ");
     oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_, &utc_cache_);
     line_.append(origin_);
-    Token(event.event_type, 32, &line_);
+    AppendHeaderField(event.event_type, 32, &line_);
     line_.push_back(' ');
     AppendStructuredData(event, &line_);
     line_.push_back(' ');

@@ -51,7 +51,7 @@ char* WritePadded(uint64_t value, int width, char separator, char* at) {
 constexpr size_t kUtcSeconds = sizeof("2023-11-14T22:13:20") - 1;
 constexpr size_t kUtcNano = kUtcSeconds + sizeof(".000000000Z") - 1;
 
-// 2023-11-14T22:13:20, not terminated. Returns the end.
+// Writes 2023-11-14T22:13:20 without a terminating NUL. Returns the end.
 char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   UtcCache own;
   if (cache == nullptr) cache = &own;
@@ -72,7 +72,7 @@ char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   return at + kUtcSeconds;
 }
 
-// 2023-11-14T22:13:20.000000000Z
+// Writes 2023-11-14T22:13:20.000000000Z without a terminating NUL. Returns the end.
 char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
   at = WriteUtcSeconds(ns, cache, at);
   *at++ = '.';
@@ -117,7 +117,7 @@ constexpr std::tuple kCsvColumns = {
     CsvColumn{"details_json", &Event::details_json},
 };
 
-// Unrolled by the compiler: the list costs nothing at run time.
+// The compiler unrolls the loop over the columns, so it costs nothing at run time.
 template <class Visit>
 constexpr void ForEachCsvColumn(Visit visit) {
   std::apply([&visit](const auto&... column) { (visit(column), ...); }, kCsvColumns);

@@ -13,11 +13,11 @@
 #include "base/oxEventNormalizedEvent.h"
 
 // Text formats of events. Each function appends to *out, which a caller may reuse. Strings are assumed to be UTF-8 and
-// are not validated; nothing depends on the locale. The only failure is std::bad_alloc. Any thread.
+// are not validated; nothing depends on the locale. The only failure is std::bad_alloc. Threads: any.
 namespace oxEventText {
 
-// Returns the number of bytes before the first special one. Examines 16 at a time: is_special takes a byte or a vector
-// of bytes, so it must combine comparisons with | instead of ||.
+// Returns the number of bytes before the first special byte. Examines 16 bytes at a time: is_special takes a byte or a
+// vector of bytes, so it must combine comparisons with | instead of ||.
 template <class IsSpecial>
 size_t PlainLength(std::string_view text, IsSpecial is_special) {
   using Bytes __attribute__((vector_size(16))) = unsigned char;
@@ -39,7 +39,7 @@ size_t PlainLength(std::string_view text, IsSpecial is_special) {
   return std::min(last + first_special(last), text.size());
 }
 
-// Appends the text to *out, with a call of `escape` in place of each special byte.
+// Appends the text to *out, but calls `escape` for each special byte instead of appending it.
 template <class IsSpecial, class Escape>
 void AppendEscaped(std::string_view text, IsSpecial is_special, std::string* out, Escape escape) {
   while (true) {
@@ -70,7 +70,7 @@ class JsonObject {
   bool first_ = true;
 };
 
-// Writes 17 significant digits, enough to read the value back exactly; NaN and infinities as null.
+// Appends 17 significant digits, enough to read the value back exactly, or null for NaN and infinities.
 void DoubleToJson(double value, std::string* out);
 
 // Caches the last formatted second, which successive events mostly share. Owned by the caller instead of thread-local:
@@ -81,13 +81,14 @@ struct UtcCache {
   char text[sizeof("2023-11-14T22:13:20")] = {};
 };
 
-// ISO 8601: 2023-11-14T22:13:20Z, with nine fractional digits if they are not zero. `cache` may be null, also below.
+// ISO 8601: 2023-11-14T22:13:20Z, with nine fractional digits if they are not zero. `cache` may be null
+// in all functions.
 void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
-// The same, always with nine fractional digits: 2023-11-14T22:13:20.000000000Z.
+// ISO 8601, always with nine fractional digits: 2023-11-14T22:13:20.000000000Z.
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 
 // The header line of the CSV file and the row of an event (RFC 4180, section 2), each with its line feed. WriteCsvRow
-// needs CsvRowCapacity bytes of memory and returns the end of the row.
+// needs CsvRowCapacity bytes of memory at `at` and returns the end of the row.
 std::string_view CsvHeader();
 size_t CsvRowCapacity(const oxEventNormalizedEvent& event);
 char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache = nullptr);
@@ -95,7 +96,7 @@ char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache
 // oxEvent's own JSON document for one event.
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out);
 
-// CloudEvents 1.0 in structured content mode, with the document above as its data.
+// CloudEvents 1.0 in structured content mode, with the document of FormatNativeJsonData as its data.
 void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view source,
                            std::string_view subject_prefix, std::string* out);
 

@@ -50,7 +50,7 @@ void SplitHeaders(std::string_view text, Add add) {
   }
 }
 
-// Whether the text ends inside a UTF-8 sequence, so that the separator would be taken for its last byte.
+// Returns whether the text ends inside a UTF-8 sequence, so that a separator after it would be taken for its next byte.
 bool EndsInsideUtf8Sequence(std::string_view text) {
   for (size_t length = 1; length <= std::min<size_t>(text.size(), 3); ++length) {
     const auto byte = static_cast<unsigned char>(text[text.size() - length]);
@@ -119,7 +119,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
 
   void BuildHeaderBlock(const oxEventSinkConfig& config) {
     const auto add = [this](std::string_view name, std::string_view value = "") {
-      if (EndsInsideUtf8Sequence(header_block_)) header_block_.push_back(' ');  // Trailing blanks are insignificant.
+      if (EndsInsideUtf8Sequence(header_block_)) header_block_.push_back(' ');  // Servers ignore trailing spaces.
       if (!header_block_.empty()) header_block_.push_back(kLineSeparator);
       header_block_.append(name).append(value);
     };
@@ -161,7 +161,7 @@ uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
   if (!known && config.type != oxEventSinkType::kCloudEventsHttp) {
     return oxEventSetErrorText(oxEventErrors::kWebhookPayloadMode, error);
   }
-  if (const char* const variable = oxEventPlatformHttpSteeringVariable()) {
+  if (const char* const variable = oxEventPlatformHttpUnsafeVariable()) {
     return oxEventSetErrorText(oxEventErrors::kWebhookEnvironment, {variable}, error);
   }
   return OXEVENT_OK;

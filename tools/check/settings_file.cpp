@@ -67,7 +67,7 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
   }
   std::string error;
   std::vector<oxEventBadValue> invalid;
-  oxEventConfigInspect(path.c_str(), &config, &invalid, &error);
+  oxEventConfigLoadReportingAll(path.c_str(), &config, &invalid, &error);
   for (const oxEventBadValue& value : invalid) bad_values.emplace(value.key + "\\" + value.name, value.text);
   if (open && error.empty()) return true;
   const oxCFGParseError& why = store.ParseError();
