@@ -3,7 +3,7 @@
 #     gdb -p PID -batch -x oxevent-gdb.py -ex oxevent
 #     gdb PROGRAM CORE -batch -x oxevent-gdb.py -ex oxevent
 #
-# Needs debug information. Only reads memory: calls no function in the process, which may have stopped anywhere.
+# Needs debug information. Only reads memory: the process may have stopped anywhere, so no function is called in it.
 import datetime
 import itertools
 import re
@@ -26,7 +26,7 @@ def library_path():
 
 
 def fail_if_replaced():
-    """gdb reads the file that is installed now, which may not be the one that the process has loaded."""
+    """Fails if the installed library, whose symbols gdb reads, is not the one that the process has loaded."""
     path = library_path()
     if not gdb.selected_inferior().pid or path is None:
         return
@@ -42,7 +42,7 @@ def fail_if_replaced():
 
 
 def variable(name, source):
-    """A variable of the library's source file, in its anonymous namespace."""
+    """Returns a variable in the anonymous namespace of a source file of the library."""
     for symbol in gdb.lookup_static_symbols('(anonymous namespace)::' + name):
         if symbol.symtab.filename.endswith('/' + source):
             return symbol.value()
@@ -90,7 +90,7 @@ def warn_if_locked(mutex, what):
 
 
 def words_of(name):
-    """The words of a constant's name: kNoMemory becomes "no memory"."""
+    """Returns the words of a constant's name: "no memory" for kNoMemory."""
     return re.sub('(?<!^)(?=[A-Z])', ' ', name.rsplit('::', 1)[-1][1:]).lower()
 
 
@@ -126,15 +126,16 @@ def show_counters(_limit):
     print('dropped: ' + (', '.join(f'{n} {reason}' for reason, n in reasons.items() if n) or 'none'))
 
 
-def items(queue, name):
-    """The pending events of a list, oldest first. It may be half changed: never more than it counts."""
+def pending_events(queue, name):
+    """Yields the order and the event of each node of a list, oldest first. Stops at the list's count, because the list
+    may be inconsistent."""
     node = queue['backlog_'][name]['front_']
     for _ in range(int(queue['backlog_'][name]['size_'])):
         if not node:
             return
-        item = node.dereference()
-        yield int(item['order']), item['event']['event_']
-        node = item['next']
+        fields = node.dereference()
+        yield int(fields['order']), fields['event']['event_']
+        node = fields['next']
 
 
 def show_queue(limit):
@@ -149,7 +150,8 @@ def show_queue(limit):
     policy = words_of(str(backlog['policy_']))
     print(f'queue: {count} of {int(backlog["capacity_"])} pending, {policy}; {int(queue["active_count_"])} in delivery')
     warn_if_locked(queue['mutex_'], 'the queue')
-    oldest = sorted((e for name in lists for e in itertools.islice(items(queue, name), limit)), key=lambda e: e[0])
+    events = (event for name in lists for event in itertools.islice(pending_events(queue, name), limit))
+    oldest = sorted(events, key=lambda event: event[0])
     for _, event in oldest[:limit]:
         severity = int(event['severity'])
         name = SEVERITIES[severity] if severity < len(SEVERITIES) else severity
@@ -167,7 +169,7 @@ def utc(ns):
 
 
 def segments(table):
-    """The memory of each segment's slots. Directory entries that share a segment are adjacent."""
+    """Yields the bytes of each segment's slots. Directory entries that share a segment are adjacent."""
     segment = gdb.lookup_type('oxEventActiveTable::Segment')
     # A unique_ptr has the size of a pointer.
     directory = table['directory_'].address.cast(segment.pointer().pointer().pointer()).dereference()
@@ -181,7 +183,7 @@ def segments(table):
 
 
 def raised_conditions(table):
-    """Keys and times. Reads one segment at a time: there may be a million conditions."""
+    """Yields each condition's key and last delivery time. Reads one segment at a time: there may be a million."""
     slot = gdb.lookup_type('oxEventActiveTable::Condition')
     at = {f.name: f.bitpos // 8 for f in slot.fields() if hasattr(f, 'bitpos')}
     start_size = slot['start'].type.sizeof
@@ -249,7 +251,7 @@ PARTS = {'counters': show_counters, 'queue': show_queue, 'conditions': show_cond
 class Show(gdb.Command):
     """Show the state of oxEvent: oxevent [counters|queue [N]|conditions [N]|sinks]
 
-Without an argument, shows a summary of everything. N: how many to list (default 5)."""
+Without an argument, shows a summary of everything. N: maximum number of entries to list (default 5)."""
 
     def __init__(self):
         super().__init__('oxevent', gdb.COMMAND_DATA)

@@ -17,8 +17,8 @@ constexpr char kUsageText[] =
     "       oxevent-check --complete FILE\n"
     "       oxevent-check --explain KEY\n"
     "\n"
-    "Reads settings files as the library does and reports what is wrong with them, with line, key and\n"
-    "remedy. Writes no file, opens no network connection and resolves no host name.\n"
+    "Reads settings files as the library does and reports each problem with its line, key and remedy.\n"
+    "Writes no file, opens no network connection and resolves no host name.\n"
     "\n";
 
 constexpr char kNotes[] =
@@ -26,9 +26,9 @@ constexpr char kNotes[] =
     "Each finding is a line of this form, followed by a line with the remedy:\n"
     "  FILE:LINE:COLUMN: SEVERITY: KEY: TEXT\n"
     "Columns count bytes. SEVERITY is error, warning, or note (additional information). An error means\n"
-    "that the library would not start (TEXT is then the error text of oxEventInitialize), or that it\n"
-    "would start without a section because the section's name is invalid. If the library would not\n"
-    "start, the last line has the error text of oxEventInitialize for the whole file.\n"
+    "that the library would not start (TEXT is then the error text for this problem), or that it would\n"
+    "start without a section because the section's name is invalid. If the library would not start, the\n"
+    "last line shows the error text that oxEventInitialize would set.\n"
     "\n"
     "With --json each finding is an object with file, line, column, key, severity (error, warning or\n"
     "note), code (a short, stable name of the problem), text and remedy.\n"

@@ -1,4 +1,4 @@
-// Combinations of settings: severities, destinations, delays, settings without effect.
+// Checks combinations of settings: severities, destinations, delays, settings without effect.
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -20,7 +20,7 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint64_t kDrainMs = 5000;              // oxEventShutdown's timeout for draining the queue.
 constexpr uint64_t kLongShutdownMs = 60 * 1000;  // More than a host is likely to expect.
-constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // A retry_count plus the first attempt that wraps to 0.
+constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // With this retry_count, retry_count + 1 attempts wraps to 0.
 
 constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
 
@@ -53,7 +53,8 @@ std::string_view SlowestSetting(const Sink& sink) {
   return LongestDeliveryMs(default_timeout) < otherwise_ms ? "request_timeout_ms" : "retry_count";
 }
 
-// Where a sink writes or sends to, and the setting that determines it; `target` is empty if there is none.
+// The file or address that a sink writes or sends to, and the setting that determines it. `target` is empty if the sink
+// has none.
 struct Destination {
   std::string target;
   std::string_view setting;
@@ -112,10 +113,10 @@ class CombinationChecker {
         {severity, code, group.PositionOf(name), group.PathOf(name), std::move(text), std::move(remedy)});
   }
 
-  template <class Take>
-  void ForEachEnabled(Take take) {
+  template <class Visit>
+  void ForEachEnabled(Visit visit) {
     for (const Group& group : file_.groups) {
-      if (group.sink != nullptr && group.sink->enabled) take(group, *group.sink);
+      if (group.sink != nullptr && group.sink->enabled) visit(group, *group.sink);
     }
   }
 
@@ -126,7 +127,7 @@ class CombinationChecker {
     }
     bool any = false;
     ForEachEnabled([&](const Group&, const Sink&) { any = true; });
-    if (!any && !file_.config.sinks.empty()) CheckAllOff();
+    if (!any && !file_.config.sinks.empty()) WarnAboutNoSink();
     const oxEventConfig& config = file_.config;
     if (config.minimum_severity == OXEVENT_SEVERITY_ERROR && config.state_enabled && config.dedupe_enabled) {
       Add(Severity::kWarning, "clears-hidden", *core_, "minimum_severity",
@@ -136,12 +137,13 @@ class CombinationChecker {
     }
   }
 
-  // Reports the native sink: it is on by default, so its setting is the one that disables the last sink.
-  void CheckAllOff() {
+  // Reports the problem at the setting of a native sink: only these sinks are enabled by default.
+  void WarnAboutNoSink() {
     for (const Group& group : file_.groups) {
       if (group.sink == nullptr || group.sink->type != Type::kNative || !IsValid(group, "enabled")) continue;
       Add(Severity::kWarning, "no-sink", group, "enabled",
-          "no sink is enabled: only callbacks that the host registers get the events", "Set enabled of a sink to 1.");
+          "no sink is enabled: only callbacks that the host registers receive the events",
+          "Set enabled of a sink to 1.");
       break;
     }
   }
@@ -158,10 +160,10 @@ class CombinationChecker {
       if (!IsValid(group, "minimum_severity")) return;
       Add(Severity::kWarning, "severity-hidden", group, "minimum_severity",
           "accepts events that minimum_severity of the core, " + std::string(oxEventSeverityName(core)) + ", drops",
-          "Lower the core's, or raise this one.");
+          "Lower core\\minimum_severity, or raise this setting.");
       if (!std::exchange(reported, true)) {
         Add(Severity::kNote, "severity-hidden", *core_, "minimum_severity", "drops events that a sink accepts",
-            "Lower it, or raise the sink's.");
+            "Lower it, or raise minimum_severity of the sink.");
       }
     });
   }
@@ -182,9 +184,10 @@ class CombinationChecker {
       Add(Severity::kWarning, "same-destination", group, destination.setting,
           (file ? "writes to the same file as " : "sends to the same destination as ") + first->second->key +
               ": each event appears twice" + (file ? ", in any order" : ""),
-          "Change one, or disable one of the two.");
-      Add(Severity::kNote, "same-destination", *first->second, destination.setting, "is the first of the two",
-          "Change one, or disable one of the two.");
+          "Change one of the two destinations, or disable one of the two sinks.");
+      Add(Severity::kNote, "same-destination", *first->second, destination.setting,
+          "is the first setting with this destination",
+          "Change one of the two destinations, or disable one of the two sinks.");
     });
   }
 
@@ -208,7 +211,7 @@ class CombinationChecker {
         "Use fewer retries or shorter timeouts: later events wait meanwhile, and the queue fills.");
   }
 
-  // Settings that have no effect without another one.
+  // Reports settings that have no effect because of the value of another setting.
   void CheckUnused() {
     const bool state_off = !file_.config.state_enabled || !file_.config.dedupe_enabled;
     if (state_off) {

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-// Explains a setting, or all settings below a key. `key` is the name of a setting, or a path, with or without
-// QVX\Events, whose names are separated by \, / or . and which may contain an instance's name or NAME, or omit the
-// instance, or the name of one key of a path, such as webhook. Throws UsageError for an unknown key.
+// Explains a setting, or all settings below a key. `key` is the name of a setting, the name of a key such as webhook,
+// or a path with \, / or . between names. A path may omit QVX\Events, and may contain any instance's name or omit the
+// instance. Throws UsageError for an unknown key.
 std::string Explain(std::string_view key);

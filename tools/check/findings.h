@@ -19,14 +19,14 @@ enum class Severity {
 
 struct Finding {
   Severity severity;
-  const char* code;  // For programs: short and stable.
+  const char* code;  // Short, stable identifier of the problem, for programs.
   Position position;
   std::string key;  // Path of the key or value; empty: the whole file.
   std::string text;
   std::string remedy;
 };
 
-// Sorts by line and column, the most severe first; removes the details unless `with_details`.
+// Sorts by line, column and severity, the most severe first. Removes the details unless `with_details`.
 void Sort(bool with_details, std::vector<Finding>* findings);
 
 // Formats findings as compilers do: FILE:LINE:COLUMN: SEVERITY: KEY: TEXT, and the remedy on the next line.

@@ -1,4 +1,4 @@
-// Settings of the HTTP sinks: header lines, credentials, and who may read them.
+// Checks the settings of the HTTP sinks: header lines, credentials, TLS, and the permissions of a file with secrets.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,7 +32,7 @@ std::vector<std::string> SplitHeaderLines(std::string_view text) {
   return lines;
 }
 
-// Returns the name in lower case; empty: the line has none.
+// Returns the header's name in lower case, or an empty string if the line has none.
 std::string HeaderName(std::string_view line) {
   const size_t colon = line.find(':');
   const size_t last = line.substr(0, colon).find_last_not_of(kFieldWhiteSpace);
@@ -125,8 +125,8 @@ class HttpChecker {
         {"content-length", "the HTTP client sets it itself and ignores this line"},
         {"transfer-encoding", "the HTTP client sets it itself and ignores this line"},
         {"expect", "the HTTP client never sends it and ignores this line"},
-        {"content-type", "the sink sends its own; this line would be a second one"},
-        {"user-agent", "the sink sends its own; this line would be a second one"},
+        {"content-type", "the sink sends this header itself; this line would repeat it"},
+        {"user-agent", "the sink sends this header itself; this line would repeat it"},
         {"x-oxevent-tls-verify", "the setting tls_verify applies; this line is ignored"},
         {"x-oxevent-connect-timeout-ms", "the setting connect_timeout_ms applies; this line is ignored"}};
     size_t number = 0;
@@ -136,7 +136,7 @@ class HttpChecker {
       if (name.empty()) {  // The line may be a secret: do not print it.
         Warn("bad-header", value.setting->name,
              "a line without a name and a colon is ignored: line " + std::to_string(number),
-             "Write NAME: VALUE, with a line end or | between two lines, and no | within one.");
+             "Write NAME: VALUE, with a line end or | between two lines, and no | within a line.");
       } else if (!IsToken(name)) {
         Warn("bad-header", value.setting->name,
              "a header name contains a character that is not allowed, so that every POST fails: line " +
@@ -167,17 +167,17 @@ class HttpChecker {
   void CheckAuthorizations() {
     const oxEventSinkConfig& sink = *group_->sink;
     const std::vector<std::string> lines = SplitHeaderLines(sink.headers);
-    const auto own = std::count_if(lines.begin(), lines.end(),
-                                   [](const std::string& line) { return HeaderName(line) == "authorization"; });
+    const auto from_lines = std::count_if(lines.begin(), lines.end(),
+                                          [](const std::string& line) { return HeaderName(line) == "authorization"; });
     const bool basic = !sink.basic_username.empty() || !sink.basic_password.empty();
-    const auto count = own + (sink.bearer_token.empty() ? 0 : 1) + (basic ? 1 : 0);
-    std::vector<const char*> from;
-    if (own > 0) from.push_back(sink.type == Type::kCloudEventsHttp ? "auth_header" : "headers");
-    if (!sink.bearer_token.empty()) from.push_back("bearer_token");
-    if (basic) from.push_back(sink.basic_username.empty() ? "basic_password" : "basic_username");
-    for (const char* const name : from) {
+    const auto count = from_lines + (sink.bearer_token.empty() ? 0 : 1) + (basic ? 1 : 0);
+    std::vector<const char*> settings;
+    if (from_lines > 0) settings.push_back(sink.type == Type::kCloudEventsHttp ? "auth_header" : "headers");
+    if (!sink.bearer_token.empty()) settings.push_back("bearer_token");
+    if (basic) settings.push_back(sink.basic_username.empty() ? "basic_password" : "basic_username");
+    for (const char* const name : settings) {
       if (count < 2) break;
-      Add(name == from.back() ? Severity::kWarning : Severity::kNote, "two-authorizations", name,
+      Add(name == settings.back() ? Severity::kWarning : Severity::kNote, "two-authorizations", name,
           "each request carries " + std::to_string(count) + " Authorization headers", "Keep one.");
     }
     if (basic && sink.basic_username.empty()) {
@@ -187,7 +187,7 @@ class HttpChecker {
     }
     if (sink.basic_username.find(':') != std::string::npos) {
       Warn("bad-username", "basic_username", "contains a colon, where the server ends the name (RFC 7617, section 2)",
-           "Choose another.");
+           "Choose a name without a colon.");
     }
   }
 

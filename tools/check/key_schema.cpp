@@ -16,7 +16,7 @@ void AddPath(std::string_view path, const oxEventSection* section, KeySchema* ke
   key->section = section;
 }
 
-// Counts the settings of the section, except those that every section has, that the key contains.
+// Counts the values in `key` that are settings of the section. Ignores the settings that most sections have in common.
 size_t CountSettings(const oxEventSection& section, pugi::xml_node key) {
   size_t count = 0;
   for (const pugi::xml_node child : key.children("value")) {

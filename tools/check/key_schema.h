@@ -25,7 +25,7 @@ struct KeySchema {
   }
 };
 
-// Returns the schema of the root key. It refers only to static tables.
+// Builds the schema of the root key. Its pointers refer only to static tables.
 KeySchema BuildKeySchema();
 
 std::vector<std::string> NamesOf(const std::vector<KeySchema>& keys);

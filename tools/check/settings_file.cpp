@@ -15,7 +15,7 @@
 
 namespace {
 
-// Receives what the store of the current load would write to the file.
+// Receives the bytes that the store would write to the file.
 std::string* g_replacement = nullptr;
 
 std::string WhyUnreadable(const std::string& path) {
@@ -32,15 +32,15 @@ std::string SortedLetters(std::string_view word) {
   for (const char c : word) {
     if (kWhiteSpace.find(c) == kWhiteSpace.npos && c != '-' && c != '_') letters.push_back(oxEventAsciiLower(c));
   }
-  std::sort(letters.begin(), letters.end());  // Swapped letters are the most common typing error.
+  std::sort(letters.begin(), letters.end());  // Makes words with swapped letters equal.
   return letters;
 }
 
 }  // namespace
 
-// Overrides the library's function: in this program a save leaves the file unchanged.
+// Replaces the companion's definition: in this program, saving leaves the file unchanged.
 bool oxCFGFile::Replace(std::string_view bytes) {
-  if (bytes.size() > kMaxBytes) return false;  // The library's function also refuses this.
+  if (bytes.size() > kMaxBytes) return false;  // The companion's function also refuses this.
   *g_replacement = bytes;
   return true;
 }

@@ -24,7 +24,7 @@ struct Group {
   const oxEventSection* section;
   std::string key;                          // Path of the key.
   Position position;                        // Position of the key; the start of the file if the key is missing.
-  std::vector<Value> values;                // If two values have one name, only the first.
+  std::vector<Value> values;                // Of values with the same name, only the first.
   const oxEventSinkConfig* sink = nullptr;  // The loader's result; null if the key is not a sink.
 
   const Value* Find(std::string_view name) const;
@@ -35,7 +35,7 @@ struct Group {
 struct SettingsFile {
   std::string path;
   oxCFGStore store;
-  std::string start_error;                        // Error text of a start with the file; empty: it would start.
+  std::string start_error;                        // What oxEventInitialize would report; empty: it would succeed.
   oxEventConfig config;                           // Contains defaults for invalid values.
   std::map<std::string, std::string> bad_values;  // Maps a value's path to the loader's error text.
   std::string completed;                          // Contents of the file after the library has completed it.
@@ -44,7 +44,7 @@ struct SettingsFile {
 
   explicit SettingsFile(const std::string& file_path) : path(file_path) {}
 
-  // Returns false, with a finding, if the file is not a settings file. Does not fill in `groups`: see FindGroups.
+  // Returns false, after adding a finding, if the file cannot be read or parsed. FindGroups fills in `groups`.
   bool Read(std::vector<Finding>* findings);
   Position PositionAt(size_t offset) const;
   Position PositionOf(pugi::xml_node element) const { return PositionAt(store.OffsetOf(element)); }
@@ -66,4 +66,4 @@ std::string Suggestion(std::string_view word, const std::vector<std::string>& na
 
 constexpr std::string_view kWhiteSpace = " \t\r\n\v\f";
 bool HasOuterWhiteSpace(std::string_view text);
-std::string Quoted(std::string_view text);  // Truncates a long string.
+std::string Quoted(std::string_view text);  // In quotes; truncated if it is long.

@@ -1,4 +1,4 @@
-// Sinks that would not start, and sinks that are configured but disabled.
+// Reports sinks that would not start, and sinks that are configured but disabled.
 #include <memory>
 
 #include "check/settings_file.h"
@@ -14,15 +14,15 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint32_t kMaxPort = 65535;
 
-// A setting that can keep a sink from starting on any machine. `fix_others` makes the sink's other settings valid, so
-// that the factory fails because of this one; it then fails before it accesses files or the network.
+// A setting that can keep a sink from starting, whatever the machine. `fix_others` makes the sink's other settings
+// valid, so that the factory fails because of this setting, before it accesses files or the network.
 struct StartRequirement {
   Type type;
   const char* setting;
   bool (*is_violated)(const Sink& sink);
   void (*fix_others)(Sink* sink);
   uint32_t (*create)(const Sink& sink, std::shared_ptr<oxEventSink>* out, std::string* error);
-  const char* remedy = nullptr;  // Replaces that of the error table, if it is too general.
+  const char* remedy = nullptr;  // Replaces the remedy of the error table where that is too general.
 };
 
 constexpr char kPortRemedy[] = "A port is 0 to 65535; 0 means the default port.";
@@ -90,7 +90,7 @@ class SinkChecker {
 
   // A disabled sink with a destination or a secret was probably meant to be enabled.
   void CheckDisabled(const Group& group) {
-    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;  // May mean on.
+    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;  // The invalid value may be meant as on.
     for (const Value& value : group.values) {
       const oxEventSetting& setting = *value.setting;
       const bool is_destination_or_secret = setting.form == Form::kUrl || setting.form == Form::kHost ||

@@ -1,4 +1,4 @@
-// Keys, values and other elements that the loader ignores.
+// Reports keys, values and other elements that the loader ignores.
 #include <algorithm>
 #include <map>
 #include <set>
@@ -27,8 +27,8 @@ class StructureChecker {
   // Outside QVX\Events the host may keep keys of its own.
   static bool IsInEvents(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
 
-  // Calls `visit` for each key and value below `key` that the library does not ignore. Reports the ignored ones,
-  // outside QVX\Events only if they resemble `expected`. `sections`: the keys below are sections or contain some.
+  // Calls `visit` for each key and value in `key` that the library does not ignore. Reports the ignored ones; outside
+  // QVX\Events, only if they resemble `expected`. `sections`: the keys in `key` are sections or contain sections.
   template <class Visit>
   void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, bool sections,
                Visit visit) {
@@ -57,7 +57,7 @@ class StructureChecker {
     }
   }
 
-  // The loader does not even see a section with such a name, and starts without it.
+  // The store hides a key with such a name, so that the loader starts without the section.
   void CheckBadName(pugi::xml_node node, const std::string& path, const std::string& name, bool sections) {
     const bool is_section = sections && IsKey(node);
     const std::string fault = name.empty() ? "empty" : name.find('\\') != name.npos ? "a path" : "too long";
@@ -112,7 +112,8 @@ class StructureChecker {
     });
   }
 
-  // Whether a name is a path, such as QVX/Events/core, of two known keys or more: one alone may be another program's.
+  // Returns whether a name is a path that begins with two known keys, such as QVX/Events/core. A path with only one
+  // known key may belong to another program.
   static bool IsKnownPath(const KeySchema& schema, std::string_view name) {
     const size_t end = std::min(name.find_first_of("/."), name.size());
     const KeySchema* const first = schema.Find(name.substr(0, end));
@@ -234,7 +235,7 @@ class StructureChecker {
     }
   }
 
-  // Passes the groups on in the order in which the loader reads them, including those that the file lacks.
+  // Adds the groups to file_ in the order in which the loader reads them, including groups that the file lacks.
   void AddGroups() {
     for (const oxEventSection& section : g_oxEventSections) {
       if (section.default_instance == nullptr) AddGroup(section, PathOf(section), nullptr);

@@ -1,4 +1,4 @@
-// Syntax checks. A function ...Fault returns what is wrong with the string, or an empty string.
+// Syntax checks. The functions ...Fault return what is wrong with the string, or an empty string if it is valid.
 #pragma once
 
 #include <string>

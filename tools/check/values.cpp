@@ -1,4 +1,4 @@
-// Checks of single values, by the form of the setting.
+// Checks single values, according to the form of their setting.
 #include <algorithm>
 #include <filesystem>
 #include <optional>
@@ -53,7 +53,7 @@ class ValueChecker {
     }
     if (setting.form == Form::kWord) return CheckWord();
     if (setting.form == Form::kSwitch || setting.form == Form::kSeverity)
-      return;  // CheckInvalid has reported the invalid ones.
+      return;  // CheckInvalid has reported invalid values.
     if (text.size() > setting.max_bytes) {
       Warn("cut",
            "has " + std::to_string(text.size()) + " bytes; everything beyond " + std::to_string(setting.max_bytes) +
@@ -170,7 +170,7 @@ class ValueChecker {
     const std::string& text = value_->text;
     const auto has_other = [&](auto kept) { return !std::all_of(text.begin(), text.end(), kept); };
     if (name == "app_name" && has_other([](char c) { return c >= '!' && c <= '~'; })) {
-      Warn("changed", "contains characters that messages replace by _", "Use printable ASCII without spaces.");
+      Warn("changed", "contains characters that are replaced by _ in messages", "Use printable ASCII without spaces.");
     } else if (name == "alertname_prefix" && has_other([](char c) { return oxEventAsciiIsAlnum(c) || c == '_'; })) {
       Warn("changed", "contains characters that are removed from the alert name", "Use letters, digits and _.");
     } else if (has_other([](char c) { return static_cast<unsigned char>(c) >= ' ' && c != 0x7F; }) &&

@@ -14,7 +14,7 @@ namespace {
 
 const char* g_tool = "";
 
-constexpr int kFirstLongOption = 256;  // getopt_long's value of the first option: above every character.
+constexpr int kFirstLongOption = 256;  // What getopt_long returns for the first option: above all characters.
 
 // Levenshtein distance.
 size_t EditDistance(std::string_view a, std::string_view b) {
@@ -80,8 +80,8 @@ std::vector<const char*> ParseOptions(const Tool& tool, int argc, char** argv) {
   return {argv + optind, argv + argc};
 }
 
-// Opens /dev/null for closed standard descriptors: otherwise the next file opened, such as a sink's, would get the
-// number, and the tool would print into it. Opened in the wrong mode, so that using it fails as with a closed one.
+// Opens /dev/null for each closed standard descriptor: otherwise the next file that is opened, such as a sink's, would
+// get that number, and the tool would print into it. The mode is the wrong one, so that reads and writes still fail.
 void ReserveStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) == -1) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
@@ -123,12 +123,12 @@ int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vecto
 }
 
 void PrintError(std::string_view message) {
-  std::fflush(stdout);  // Keeps the order of the lines.
+  std::fflush(stdout);  // Keeps the lines of both streams in order.
   std::fprintf(stderr, "%s: %.*s\n", g_tool, static_cast<int>(message.size()), message.data());
 }
 
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names) {
-  constexpr size_t kMaxBytes = 64;  // No name is longer. Bounds the time.
+  constexpr size_t kMaxBytes = 64;  // Longer than every name; bounds the time.
   if (word.size() > kMaxBytes) return "";
   const auto is_nearer = [word](const std::string& a, const std::string& b) {
     return EditDistance(word, a) < EditDistance(word, b);

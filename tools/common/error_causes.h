@@ -27,23 +27,23 @@ inline constexpr std::string_view kInternalRemedy =
     "Report it as a bug in the library, with its version and the error text.";
 inline constexpr std::string_view kCsvWriteRemedy =
     "Check the free space with df -h PATH, the quota, the file size limit in /proc/PID/limits, and dmesg. Once there "
-    "is free space, let the host call oxEventReloadConfig: the file is opened again. If this file itself has filled "
-    "the disk, delete it and reload: the reload closes it, which frees its space.";
+    "is free space, have the host call oxEventReloadConfig, which opens the file again. If this file itself has filled "
+    "the disk, delete it first: the reload then closes the deleted file, which frees its space.";
 inline constexpr std::string_view kResolveRemedy =
     "Run getent ahosts HOST on the machine of the process as the user of the process, and correct host or port, or use "
-    "an IP "
-    "address instead of a name. The number is an error code of getaddrinfo: -2 or -5 the name does not exist or has "
-    "no address, -3 the name server does not respond (try again), -4 the name server refuses the query, -8 the port "
-    "is above 65535, -10 out of memory, -11 a system error.";
+    "an IP address instead of a name. The number is an error code of getaddrinfo. -2 or -5: the name does not exist or "
+    "has no address; -3: the name server does not respond (try again); -4: the name server refuses the query; -8: the "
+    "port is above 65535; -10: out of memory; -11: a system error.";
 inline constexpr std::string_view kSocketRemedy =
-    "The number is an errno value: 24 or 23 too many open files in the process or in the system (ls /proc/PID/fd, "
-    "/proc/PID/limits), 97 the system lacks the address family (IPv6 disabled: use an IPv4 address), 1 or 13 the "
-    "process may not create sockets (sandbox), 12 or 105 out of memory.";
+    "The number is an errno value. 24 or 23: too many open files in the process or in the system (ls /proc/PID/fd, "
+    "/proc/PID/limits); 97: the system lacks the address family (if IPv6 is disabled, use an IPv4 address); 1 or 13: "
+    "the process is not permitted to create sockets (sandbox); 12 or 105: out of memory.";
 inline constexpr std::string_view kSendRemedy =
-    "The number is an errno value: 101 or 113 no route to the destination (ip route get ADDRESS), 1 a packet filter "
-    "on this machine rejects the datagram (nft list ruleset), 13 the address is a broadcast address, 99 the machine "
-    "has no address of that family (IPv6 disabled: use an IPv4 address), 90 the datagram is too large, 9 or 88 the "
-    "host has closed a file descriptor of the library, 105 the transmit queue of the network interface is full.";
+    "The number is an errno value. 101 or 113: there is no route to the destination (ip route get ADDRESS); 1: a "
+    "packet filter on this machine rejects the datagram (nft list ruleset); 13: the address is a broadcast address; "
+    "99: the machine has no address of that family (if IPv6 is disabled, use an IPv4 address); 90: the datagram is too "
+    "large; 9 or 88: the host has closed a file descriptor of the library; 105: the transmit queue of the network "
+    "interface is full.";
 
 inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kNotInitialized, ErrorOrigin::kCall,
@@ -63,18 +63,18 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kSubmitFailed, ErrorOrigin::kCall,
      "0x80050001: the library was shut down, or the process began to exit, while the event was being reported. "
      "0x80050005: out of memory for the copy of the event. The event is lost.",
-     "0x80050001: end the reporting threads of the host before it calls oxEventShutdown. 0x80050005: check the "
-     "memory limits of the process and of its control group, and the free memory of the system (free -m)."},
+     "0x80050001: end the host's reporting threads before the host calls oxEventShutdown. 0x80050005: check the memory "
+     "limits of the process and of its control group, and the free memory of the system (free -m)."},
     {oxEventErrors::kFlushTimedOut, ErrorOrigin::kCall,
      "Events were still queued or being delivered when the timeout of oxEventFlush expired, or a sink could not write "
-     "its buffered rows. Inside a callback: events are queued. With OXEVENT_NOT_INITIALIZED: the library was shut "
-     "down during the call.",
-     "Look for a sink that is slow or fails: a full disk behind the path of a CSV sink, an endpoint_url that does "
-     "not respond. Otherwise, give oxEventFlush a longer timeout."},
+     "its buffered rows. Inside a callback, the call fails if events are queued. With OXEVENT_NOT_INITIALIZED: the "
+     "library was shut down during the call.",
+     "Look for a sink that is slow or fails: a full disk behind the path of a CSV sink, an endpoint_url that does not "
+     "respond. Otherwise, give oxEventFlush a longer timeout."},
     {oxEventErrors::kSinkFlushFailed, ErrorOrigin::kCall,
-     "A CSV sink, or one that a reload has replaced, could not write its rows in the last flush, or not in time. Rows "
-     "are missing in its file or will be written late. After oxEventShutdown, the cause may also be that the queue "
-     "was not empty after 5 s.",
+     "During the last flush, a CSV sink, possibly one that a reload has replaced, could not write its rows or did not "
+     "write them in time. Rows are missing in its file or will be written late. After oxEventShutdown, the cause may "
+     "also be that the queue was not empty after 5 s.",
      "Check the disks of the paths in the sections sink\\csv: df -h PATH, df -i PATH, the quota and ulimit -f. Then "
      "call oxEventReloadConfig, or restart the library: until then, a CSV sink that has failed writes nothing more."},
     {oxEventErrors::kShutdownFailed, ErrorOrigin::kCall,
@@ -88,8 +88,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The host called oxEventRegisterCallback with a null callback or a null id_out.",
      "Fix the host: neither callback nor id_out may be null."},
     {oxEventErrors::kCallbackNotFound, ErrorOrigin::kCall,
-     "No callback has this id: it was never assigned, or its callback was already removed by "
-     "oxEventUnregisterCallback or oxEventShutdown.",
+     "No callback has this id: it was never assigned, or its callback was already removed by oxEventUnregisterCallback "
+     "or oxEventShutdown.",
      "Fix the host: keep the id from oxEventRegisterCallback, and register callbacks again after a shutdown."},
     {oxEventErrors::kLastErrorBuffer, ErrorOrigin::kCall,
      "The host called oxEventGetLastError with a null buffer or with buffer_size 0.",
@@ -143,14 +143,14 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "before a successful oxEventInitialize or after oxEventShutdown.",
      "Give the host the path of the settings file, on its command line or wherever else it reads the path from."},
     {oxEventErrors::kConfigUnreadable, ErrorOrigin::kCall,
-     "The settings file does not exist, is not readable for the user of the process, is not a regular file, is larger "
+     "The settings file does not exist, is not readable by the user of the process, is not a regular file, is larger "
      "than 64 MiB, or is not a valid settings file: for example, it contains a comment with \"--\" inside, a control "
-     "character, or a "
-     "reference to one such as &#0;. Or the process has run out of file descriptors or memory. The file is unchanged.",
-     "Check with namei -l PATH whether the file exists and is readable for the user of the process, and with "
-     "oxevent-check PATH whether it is a valid settings file (root element config). A relative path is relative to "
-     "the working directory of the process. An empty file is enough: the library completes it. For a running "
-     "process, check its file descriptors too: ls /proc/PID/fd | wc -l and /proc/PID/limits."},
+     "character, or a reference to a control character, such as &#0;. Or the process has run out of file descriptors "
+     "or memory. The file is unchanged.",
+     "Check with namei -l PATH whether the file exists and is readable by the user of the process, and with "
+     "oxevent-check PATH whether it is a valid settings file (root element config). A relative path is relative to the "
+     "working directory of the process. An empty file is enough: the library completes it. For a running process, "
+     "check its file descriptors too: ls /proc/PID/fd | wc -l and /proc/PID/limits."},
     {oxEventErrors::kNotAboveZero, ErrorOrigin::kCall, "The setting QVX\\Events\\core\\queue_size is 0.",
      "Set it to a number above 0 (the default is 1024), or remove the value: the library adds its default."},
     {oxEventErrors::kBadDropPolicy, ErrorOrigin::kCall, "The value of the setting is not a drop policy.",
@@ -164,13 +164,13 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "Set it to debug, info, warning or error, without blanks around it, or to 0 to 3; or remove the value: the "
      "library adds info."},
     {oxEventErrors::kCsvNoPath, ErrorOrigin::kCall, "An enabled section below sink\\csv has an empty path.",
-     "Set its path, or disable the section: enabled 0."},
+     "Set its path, or disable the section (set enabled to 0)."},
     {oxEventErrors::kCsvDirectory, ErrorOrigin::kCall,
      "A directory in the path of a CSV sink does not exist and could not be created: the user of the process may not "
      "write to its parent directory, another file has its name, or the file system is full or read-only.",
      "Check with namei -l PATH which directories exist and who owns them. Create the directory for the user of the "
-     "process, or change the path in the section below sink\\csv; a relative path is relative to the working "
-     "directory of the process."},
+     "process, or change the path in the section below sink\\csv; a relative path is relative to the working directory "
+     "of the process."},
     {oxEventErrors::kCsvOpen, ErrorOrigin::kCall,
      "The file of a CSV sink could not be opened: the user of the process may not write to it or to its directory, it "
      "is a directory, a pipe without a reader, or on a read-only file system, or the process has run out of file "
@@ -193,9 +193,9 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The host name of the collector was resolved, but no UDP socket could be created for any of its addresses.",
      kSocketRemedy},
     {oxEventErrors::kWebhookUrl, ErrorOrigin::kCall,
-     "An enabled section below sink\\webhook\\http or sink\\cloudevents\\http has an endpoint_url that is empty or "
-     "has another scheme.",
-     "Set its endpoint_url to a URL that begins with http:// or https://, or disable the section: enabled 0."},
+     "An enabled section below sink\\webhook\\http or sink\\cloudevents\\http has an endpoint_url that is empty or has "
+     "another scheme.",
+     "Set its endpoint_url to a URL that begins with http:// or https://, or disable the section (set enabled to 0)."},
     {oxEventErrors::kWebhookPayloadMode, ErrorOrigin::kCall,
      "An enabled section below sink\\webhook\\http has an unknown payload_mode.",
      "Set it to native_json or cloudevents, without blanks around it."},
@@ -203,15 +203,15 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The process has privileges that its caller lacks (it is a set-user-ID or set-group-ID program, or has file "
      "capabilities), and the caller has set an environment variable that affects the HTTP client: with SSLKEYLOGFILE, "
      "TLS session keys would be written to a file of the caller's choice.",
-     "Start the program without the variable: unset it in the service or shell that starts it, or disable the "
-     "sections below sink\\webhook\\http and sink\\cloudevents\\http: enabled 0."},
+     "Start the program without the variable: unset it in the service or shell that starts it, or disable the sections "
+     "below sink\\webhook\\http and sink\\cloudevents\\http (set enabled to 0)."},
     {oxEventErrors::kSnmpVersion3, ErrorOrigin::kCall,
      "An enabled section below sink\\snmp\\trap has version 3, which the library does not support.",
-     "Set version to 2c, or disable the section: enabled 0. To reach a manager that accepts only version 3, let a "
-     "trap daemon on the machine forward the traps."},
+     "Set version to 2c, or disable the section (set enabled to 0). To reach a manager that accepts only version 3, "
+     "let a trap daemon on the machine forward the traps."},
     {oxEventErrors::kSnmpVersion, ErrorOrigin::kCall,
      "An enabled section below sink\\snmp\\trap has an unsupported version, or an empty one.",
-     "Set version to 2c, or disable the section: enabled 0."},
+     "Set version to 2c, or disable the section (set enabled to 0)."},
     {oxEventErrors::kSnmpResolve, ErrorOrigin::kCall,
      "The host of an enabled section below sink\\snmp\\trap could not be resolved when the settings were loaded.",
      kResolveRemedy},
@@ -219,33 +219,33 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The host name of the manager was resolved, but no UDP socket could be created for any of its addresses.",
      kSocketRemedy},
     {oxEventErrors::kSinkFailed, ErrorOrigin::kDelivery,
-     "The process is the child of a fork during which a message to the system log was half written: a section "
-     "sink\\native cannot be used in it.",
-     "Let such a child process call exec, or disable the sections sink\\native in its settings: enabled 0."},
+     "The process was forked while another thread was writing a message to the system log: the sections sink\\native "
+     "cannot be used in this child process.",
+     "Have the child process call exec, or disable the sections sink\\native in its settings (set enabled to 0)."},
     {oxEventErrors::kSinkThrew, ErrorOrigin::kDelivery,
-     "A sink could not complete an operation. std::bad_alloc: out of memory. The event is lost for this sink, which "
-     "will try the next one.",
+     "A sink could not complete an operation. std::bad_alloc: out of memory. The event is lost for this sink; the sink "
+     "continues with the next event.",
      "Check the limits of the process in /proc/PID/limits and of its control group (memory.max), and the free memory "
      "of the system (free -m)."},
     {oxEventErrors::kSinkThrewUnknown, ErrorOrigin::kDelivery,
-     "Host code that ran within a sink, such as a replaced operator new, threw something that is not a "
-     "std::exception. The event is lost for this sink, which will try the next one.",
+     "Host code that ran within a sink, such as a replaced operator new, threw something that is not a std::exception. "
+     "The event is lost for this sink; the sink continues with the next event.",
      "Fix the host: operator new may throw only std::bad_alloc."},
     {oxEventErrors::kCallbackThrew, ErrorOrigin::kDelivery,
      "A callback of the host threw a C++ exception. The other callbacks received the event.",
-     "Fix the host: the callback, whose id is the one from oxEventRegisterCallback, must catch its exceptions."},
+     "Fix the host: the callback must catch its exceptions. The id is the one that oxEventRegisterCallback returned."},
     {oxEventErrors::kCsvRow, ErrorOrigin::kDelivery,
-     "A write to the file of a CSV sink has failed, now or earlier: the disk or the quota is full, the file size "
-     "limit of the process is reached, or the device fails. The sink writes nothing more; the rows since the last "
-     "successful write are lost.",
+     "A write to the file of a CSV sink has failed, now or earlier: the disk or the quota is full, the file size limit "
+     "of the process is reached, or the device fails. The sink writes nothing more; the rows since the last successful "
+     "write are lost.",
      kCsvWriteRemedy},
     {oxEventErrors::kCsvRowFlush, ErrorOrigin::kDelivery,
      "The row of an event could not be written to the file of a CSV sink with flush_each_event: the disk or the quota "
      "is full, the file size limit of the process is reached, or the device fails. The sink writes nothing more.",
      kCsvWriteRemedy},
     {oxEventErrors::kCsvFileFlush, ErrorOrigin::kDelivery,
-     "The buffered rows of a CSV sink could not be written to its file, now or earlier: the disk or the quota is "
-     "full, the file size limit of the process is reached, or the device fails. The sink writes nothing more.",
+     "The buffered rows of a CSV sink could not be written to its file, now or earlier: the disk or the quota is full, "
+     "the file size limit of the process is reached, or the device fails. The sink writes nothing more.",
      kCsvWriteRemedy},
     {oxEventErrors::kCsvBusy, ErrorOrigin::kDelivery,
      "The worker thread was still writing to the file of a CSV sink when the timeout of a flush, or the timeout of a "
@@ -254,7 +254,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "shows where the thread oxEvent is blocked. Otherwise, give oxEventFlush a longer timeout."},
     {oxEventErrors::kSyslogSend, ErrorOrigin::kDelivery,
      "The system did not accept the datagram of an event for a collector below sink\\syslog\\udp. The event is lost "
-     "for this sink, which will try the next one.",
+     "for this sink; the sink continues with the next event.",
      kSendRemedy},
     {oxEventErrors::kWebhookPost, ErrorOrigin::kDelivery,
      "The endpoint did not accept an event within request_timeout_ms (below sink\\cloudevents\\http: timeout_ms): its "
@@ -264,25 +264,24 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "is lost for this sink, which will try the next one. (With retry_count 4294967295, every event fails without an "
      "attempt and without an error text.)",
      "Run curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on the machine of the process as the "
-     "user of the "
-     "process, with the header lines and the token of the section. If the endpoint is slow or temporarily "
-     "unavailable, set connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
+     "user of the process, with the header lines and the token of the section. If the endpoint is slow or temporarily "
+     "unavailable, increase connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
     {oxEventErrors::kSnmpTrapOid, ErrorOrigin::kDelivery,
      "The trap_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",
      "Set trap_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading dot, such "
-     "as 1.3.6.1.4.1.32473.1.1.0.1; then let the host reload."},
+     "as 1.3.6.1.4.1.32473.1.1.0.1; then have the host reload the settings."},
     {oxEventErrors::kSnmpEnterpriseOid, ErrorOrigin::kDelivery,
      "The enterprise_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",
-     "Set enterprise_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading "
-     "dot, such as 1.3.6.1.4.1.32473.1.1; then let the host reload."},
+     "Set enterprise_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading dot, "
+     "such as 1.3.6.1.4.1.32473.1.1; then have the host reload the settings."},
     {oxEventErrors::kSnmpTooLong, ErrorOrigin::kDelivery,
-     "The trap of an event exceeds 8192 bytes. The strings of the event are truncated, so it is the settings that "
-     "make it so long. The event is lost for this sink.",
-     "Shorten community, enterprise_oid and trap_oid in the sections below sink\\snmp\\trap, then let the host "
-     "reload."},
+     "The trap of an event exceeds 8192 bytes. The event's own strings are truncated, so the strings in the settings "
+     "make the trap too long. The event is lost for this sink.",
+     "Shorten community, enterprise_oid and trap_oid in the sections below sink\\snmp\\trap, then have the host reload "
+     "the settings."},
     {oxEventErrors::kSnmpSend, ErrorOrigin::kDelivery,
      "The system did not accept the datagram of an event for a manager below sink\\snmp\\trap. The event is lost for "
-     "this sink, which will try the next one.",
+     "this sink; the sink continues with the next event.",
      kSendRemedy},
     {oxEventErrors::kCallbackFailed, ErrorOrigin::kInternal, kInternalCause, kInternalRemedy},
     {oxEventErrors::kSinkShutdownFailed, ErrorOrigin::kInternal, kInternalCause, kInternalRemedy},

@@ -5,7 +5,7 @@
 
 namespace {
 
-// Whether the text is the pattern with its placeholders, "{name}", replaced by values.
+// Returns whether the text is the pattern with its placeholders, such as "{name}", replaced by values.
 bool Matches(std::string_view pattern, std::string_view text) {
   const size_t begin = pattern.find('{');
   if (begin == pattern.npos) return text == pattern;
@@ -17,7 +17,7 @@ bool Matches(std::string_view pattern, std::string_view text) {
   return true;
 }
 
-// Number of bytes of a pattern outside placeholders.
+// Returns the number of bytes outside the pattern's placeholders.
 size_t LiteralSize(std::string_view pattern) {
   size_t bytes = 0;
   for (size_t begin = 0; (begin = pattern.find('{')) != pattern.npos; pattern.remove_prefix(pattern.find('}') + 1)) {

@@ -4,5 +4,5 @@
 
 #include "config/oxEventSettings.h"
 
-// Describes the values of a form for a reader: "a port, 0 to 65535".
+// Describes the values of a form, as in "a port, 0 to 65535".
 std::string DescribeForm(oxEventSettingForm form);

@@ -6,9 +6,8 @@
         oxevent.submit("Fan 2 stands still", severity=oxevent.Severity.WARNING, source_id="fan-2")
 
 The settings file must exist but may be empty: the library completes it. It configures the destinations of events: CSV
-file, system log, syslog, HTTP, SNMP. A condition is raised with action="raise" and ended with action="clear" (see
-submit). OxEventHandler turns log records of the logging module into events; register_callback passes all events to a
-function.
+file, system log, syslog, HTTP, SNMP. action="raise" raises a condition, and action="clear" clears it (see submit).
+OxEventHandler turns log records of the logging module into events; register_callback passes all events to a function.
 
 Any thread may call any function, also from inside a callback. A call that the library refuses raises OxEventError; an
 argument that cannot be converted raises ValueError or TypeError with the argument's name. Strings are str, passed as
@@ -18,7 +17,7 @@ The first call loads the library: the file that was passed to load(), or that th
 names, or liboxEvent.so.1 from the loader's search path.
 
 Exit: when the interpreter exits, queued events are delivered for at most five seconds, also to callbacks. This does not
-happen after os._exit, with which forked children of multiprocessing end.
+happen after os._exit, which ends forked children of multiprocessing.
 
 Fork (os.fork, multiprocessing): the child starts uninitialized and without callbacks; calls that need a running library
 raise OxEventError with the code NOT_INITIALIZED. The child may call initialize itself; a child of multiprocessing
@@ -56,11 +55,11 @@ Time = Union[int, datetime.datetime]
 
 
 class Result(enum.IntEnum):
-    """What the library's functions return."""
+    """Result codes of the library's functions."""
 
     OK = 0
     NOT_INITIALIZED = 0x80050001  # Not initialized, not running, or stopping.
-    ALREADY_INITIALIZED = 0x80050002  # Or a shutdown is in progress.
+    ALREADY_INITIALIZED = 0x80050002  # Already initialized, or a shutdown is in progress.
     INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file was refused.
     NOT_FOUND = 0x80050004
     FAILURE = 0x80050005  # A timeout, a failed sink or callback, or out of memory.
@@ -135,9 +134,9 @@ _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
 _SHUTDOWN_S = 5  # Timeout of the library's own shutdown.
 _logger = logging.getLogger("oxevent")
 
-_lock = threading.RLock()  # Guards loading, and registering against the interpreter's exit.
+_lock = threading.RLock()  # Guards _library and _exiting: no callback is registered once the interpreter exits.
 _library = None
-_initialized_here = False  # By this module, which then shuts down at exit, not by a program that embeds Python.
+_initialized_here = False  # This module, not a program that embeds Python, initialized the library: shut down at exit.
 _exiting = False
 _callbacks = {}  # By number, which is the callback's user_data: a late call finds no entry instead of freed memory.
 _numbers = itertools.count(1)
@@ -146,7 +145,7 @@ _delivering = threading.local()  # `on`: this thread is in a callback.
 
 
 def load(library: Optional[Path] = None) -> None:
-    """Load the library from this file, or by default as the module's documentation says.
+    """Load the library from this file or, without an argument, from the one that the module's documentation names.
 
     Needed only to choose the file, and only before any other call. Raises OSError if the library cannot be loaded.
     """
@@ -260,7 +259,8 @@ def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional
     event_id        0: the library assigns the next number of this process
 
     Success means that the event was accepted, not that it was delivered: an event below the minimum severity, or one
-    that finds the queue full, is dropped and counted. Raises OxEventError with NOT_INITIALIZED if the library is not running.
+    that finds the queue full, is dropped and counted. Raises OxEventError with NOT_INITIALIZED if the library is not
+    running.
     """
     _call("oxEventSubmit", ctypes.byref(_record(locals())))
 
@@ -282,7 +282,7 @@ def flush(timeout_s: Optional[float] = None) -> None:
 
 
 def reload(path: Optional[Path] = None) -> None:
-    """Apply changed settings, from this file or by default the current one. Queue, conditions and callbacks are kept.
+    """Apply the settings of this file, by default of the current one. Queue, conditions and callbacks are kept.
 
     Raises OxEventError if the file is refused or a sink cannot be opened; the old settings then stay in effect.
     """
@@ -304,7 +304,7 @@ class Callback:
         try:
             _call("oxEventUnregisterCallback", self._id)
         except OxEventError as error:
-            if error.code != Result.NOT_FOUND:  # Else a failed start or the embedding program has unregistered it.
+            if error.code != Result.NOT_FOUND:  # A failed initialize or the embedding program has unregistered it.
                 raise
 
     def __enter__(self) -> Callback:
@@ -377,7 +377,7 @@ def _report_failure():
 
 
 def _safe_format(convert, value):
-    """repr or str of an object, whose methods may raise: the failure must be reported anyway."""
+    """Return convert(value), or a substitute if it raises: the callback's failure must be reported anyway."""
     try:
         return convert(value)
     except Exception:
@@ -470,14 +470,14 @@ class OxEventHandler(logging.Handler):
 
     message       the message, as formatted by the handler's formatter
     severity      DEBUG, INFO, WARNING, and ERROR for all levels from ERROR up; others map to the next lower level
-    source_name   the logger's name: operators know the parts of the program by it
+    source_name   the logger's name, which tells operators the part of the program
     event_type    "log", so that receivers can distinguish log records from other events
     utc_ns        time of the record
     details_json  {"exception": "ValueError: ...", "traceback": "..."} for an exception, {"stack": "..."} for
                   stack_info, merged into details_json if that is a dict; otherwise they stay in the message
 
-    Arguments of the constructor set fields (of submit) for every record, the dict extra={"oxevent": {...}} for one. NUL
-    and lone surrogates in the message are escaped; an empty message becomes the level's name.
+    Arguments of the constructor set fields (of submit) for every record; the dict extra={"oxevent": {...}} sets fields
+    of one record. NUL and lone surrogates in the message are escaped; an empty message becomes the level's name.
 
     The handler neither initializes the library nor shuts it down. If an event cannot be submitted (the library is not
     running, as in a forked child that did not call initialize; a field is invalid), the handler calls handleError, like
@@ -489,7 +489,7 @@ class OxEventHandler(logging.Handler):
         inspect.signature(submit).bind(message="", **fields)  # Raises TypeError for an unknown field.
         super().__init__(level)
         self._fields = fields
-        self.setFormatter(logging.Formatter())  # Else basicConfig sets one that adds level and name.
+        self.setFormatter(logging.Formatter())  # Without one, basicConfig would set one that adds level and name.
 
     def handle(self, record: logging.LogRecord):
         """Submit the record if the filters accept it."""
@@ -553,7 +553,7 @@ class OxEventHandler(logging.Handler):
 
 
 def _at_exit():
-    # The worker must have finished Python's callbacks before the interpreter ends, or it blocks for ever.
+    # The worker must have finished Python's callbacks before the interpreter ends; otherwise it blocks forever.
     global _exiting
     with _lock:
         _exiting = True

@@ -22,7 +22,7 @@ std::string Cell(std::string_view text) {
   return cell;
 }
 
-// "`debug`, `warn` = `warning`": in the order of the table; "=" joins words that mean the same value.
+// Returns "`debug`, `warning` = `warn`", in the order of the table: "=" joins words with the same value.
 std::string ListOf(oxEventWords words) {
   std::string list;
   for (size_t i = 0; i < words.size(); ++i) {
@@ -40,9 +40,10 @@ std::string AcceptedBy(const oxEventSetting& setting) {
 
 constexpr std::string_view kSettingsBegin = R"(# Settings of the library oxEvent
 
-The settings are an XML file of keys and values. Missing settings are added with their defaults when the file is loaded, so
-an empty file is enough to start with; everything else in the file, comments included, is kept. A file that the loader
-refuses is not modified, and the error text names the cause. `oxevent-check` validates a file without starting anything.
+The settings are stored in an XML file of keys and values. Missing settings are added with their defaults when the file is
+loaded, so an empty file is enough to start with; everything else in the file, comments included, is kept. A file that the
+loader refuses is not modified, and the error text names the cause. `oxevent-check` checks a file without starting the
+library.
 
 ```xml
 <?xml version="1.0" encoding="UTF-8"?>
@@ -60,21 +61,21 @@ refuses is not modified, and the error text names the cause. `oxevent-check` val
 ```
 
 The keys below are relative to `QVX\Events`; a backslash separates a key from its sub-key. NAME is any name: each sub-key of
-a sink type is a separate sink. Names are case-sensitive, keywords are not. If two values have the same name, the first one
-counts. A name has 1 to 511 bytes and no backslash: the library cannot see a section with any other name and starts without
-it, even if it is enabled; `oxevent-check` reports it as an error.
+a sink type is a separate sink. Names are case-sensitive, the words that settings accept are not. If two values have the same
+name, the library uses the first one. A name has 1 to 511 bytes and no backslash: the library does not see a section with any
+other name, and starts without it even if it is enabled; `oxevent-check` reports such a name as an error.
 
-The file is refused if it could not be saved unchanged: if it contains a comment with `--` inside, a control character, or a
-reference to a character that XML does not allow, such as `&#0;`. `oxevent-check` reports the position. A file that is
-completed keeps its owner, mode and extended attributes; if it cannot keep them, it is not completed, and the library starts
-nevertheless.
+The library refuses a file that it could not save without changing its contents: a file that contains a comment with `--`
+inside, a control character, or a reference to a character that XML does not allow, such as `&#0;`. `oxevent-check` reports
+the position. When the library completes a file, it keeps the file's owner, mode and extended attributes; if it cannot keep
+them, it does not complete the file, and starts nevertheless.
 
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number is decimal; surrounding white space is ignored. If a value is not a number, it is replaced by the default. Of a
-string, the first 2047 bytes count. A line end within a value is written `&#10;`. Secrets are stored in clear text: setting
-the file's mode is up to the host.
+A number is decimal; surrounding white space is ignored. If a value is not a number, it is replaced by the default. A string
+is truncated to 2047 bytes. A line end within a value is written `&#10;`. Secrets are stored in clear text: protecting the
+file by its mode is the host's task.
 )";
 
 void PrintSettings() {
@@ -97,8 +98,8 @@ void PrintSettings() {
 
 constexpr std::string_view kErrorsBegin = R"(# Error texts of the library oxEvent
 
-What `oxEventGetLastError` returns after a failed call, and what a sink reports when a delivery fails. A word in braces is a
-placeholder for the actual value.
+The texts that `oxEventGetLastError` returns after a failed call, and those that a sink reports when a delivery fails. A word
+in braces is a placeholder for the actual value.
 )";
 
 // Prints the errors of one origin as a table.
@@ -129,10 +130,13 @@ void PrintErrors(ErrorOrigin origin, bool with_cause) {
 
 void PrintErrors() {
   Print(kErrorsBegin);
-  Print("\n## Failed calls\n\nThe last error of the calling thread; the call has returned the code.\n");
+  Print(
+      "\n## Failed calls\n\nEach text is the last error of the thread whose call failed. Code is what the call "
+      "returned.\n");
   PrintErrors(ErrorOrigin::kCall, true);
   Print(
-      "\n## Failed deliveries\n\nThe last error of a sink, as `oxevent-send` reports it, with the code of the sink. ");
+      "\n## Failed deliveries\n\nEach text is the last error of a sink, which `oxevent-send` prints. Code is the "
+      "sink's result. ");
   Print("The call that reported the event has already returned.\n");
   PrintErrors(ErrorOrigin::kDelivery, true);
   Print("\n## Internal errors\n\n" + std::string(kInternalCause) + " " + std::string(kInternalRemedy) + "\n");

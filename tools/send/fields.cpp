@@ -15,7 +15,8 @@ constexpr Field kFields[] = {
     {"message", nullptr, nullptr, nullptr, &R::message},
     {"severity", "severity", "NAME|NUMBER", "debug, info, warning, error or 0 to 3 (default info)", &R::severity},
     {"action", "action", "STRING",
-     "raise, update, repeat or clear of a condition; any other\nstring, or none, is passed on unchanged", &R::action},
+     "raise, update, repeat or clear of a condition; an event\nwith another action, or none, is passed on unchanged",
+     &R::action},
     {"event_type", "event-type", "STRING", "kind of event (default \"event\")", &R::event_type},
     {"source_id", "source-id", "STRING", "identifier of the source", &R::source_id},
     {"source_name", "source-name", "STRING", "display name of the source (default \"oxEvent\")", &R::source_name},
@@ -37,7 +38,7 @@ constexpr Field kFields[] = {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kSecondsPerDay = 86'400;
-constexpr int64_t kMaxSeconds = 18'446'744'073;  // Seconds from here on overflow 64 bits as nanoseconds.
+constexpr int64_t kMaxSeconds = 18'446'744'073;  // From here on, nanoseconds overflow 64 bits.
 
 // Parses a string from the front. A mismatch clears `good`.
 struct Cursor {
@@ -65,7 +66,7 @@ struct Cursor {
   }
 };
 
-// RFC 3339, section 5.6, with up to nine digits of fraction.
+// Parses nanoseconds since 1970, or an RFC 3339 time (section 5.6) with up to nine fractional digits.
 uint64_t ParseUtc(std::string_view text) {
   if (text.find_first_not_of("0123456789") == text.npos) return ParseNumber<uint64_t>(text);
   Cursor cursor{text};

@@ -15,8 +15,8 @@ constexpr int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 volatile sig_atomic_t g_stop = 0;
 
-// Like ppoll, but returns at once if a stop signal has already been received. Without a race: blocks the signals while
-// it checks.
+// Like ppoll, but returns immediately if a stop signal has been received. Blocks the signals, except during ppoll, so
+// that none arrives between the check and the wait.
 void Wait(pollfd* fd, const timespec* time) {
   sigset_t stops;
   sigset_t old;
@@ -67,7 +67,7 @@ bool LineReader::Next(std::string* line) {
     begin_ = 0;
     if (Fill()) continue;
     if (g_stop != 0 || buffer_.empty()) break;
-    line->swap(buffer_);  // The last line has no line end.
+    line->swap(buffer_);  // A last line without a line end.
     buffer_.clear();
     return true;
   }

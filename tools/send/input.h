@@ -1,4 +1,4 @@
-// Waiting for lines on standard input and for times, both interrupted by stop signals.
+// Functions that wait for standard input or for a point in time. A stop signal interrupts them.
 #pragma once
 
 #include <chrono>
@@ -6,7 +6,7 @@
 
 using Clock = std::chrono::steady_clock;
 
-// Makes SIGHUP, SIGINT and SIGTERM interrupt the functions below. A second signal of one kind ends the process.
+// Makes SIGHUP, SIGINT and SIGTERM interrupt the functions below. A second signal of the same kind ends the process.
 void CatchStopSignals();
 
 // Returns the stop signal that was received, or 0.

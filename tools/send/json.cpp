@@ -33,7 +33,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
     if (stream_.Tell() != json_.size()) throw JsonError("invalid JSON: unexpected NUL byte", stream_.Tell());
   }
 
-  // The parser's callbacks. The stream position is just past the token, but at the bracket of an object or array.
+  // Called by the parser. The stream is then just past the token, but still at a bracket of an object or array.
   bool Null() { return Scalar(Type::kOther, "", true); }
   bool Bool(bool) { return Scalar(Type::kOther, ""); }
   bool RawNumber(const char* text, rapidjson::SizeType size, bool) { return Scalar(Type::kNumber, {text, size}); }
@@ -65,7 +65,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
 
   [[noreturn]] void Fail(const std::string& text) const { throw JsonError(name_ + ": " + text, token_); }
 
-  // Finds the start of the parser's current token. `rest`: bytes of it that the stream has not consumed.
+  // Finds the parser's current token. `rest`: number of its bytes that the stream has not consumed.
   void FindToken(size_t rest) {
     token_ = json_.find_first_not_of(" \t\r\n,:", token_end_);
     token_end_ = stream_.Tell() + rest;
@@ -91,7 +91,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
   bool Scalar(Type type, std::string_view text, bool null = false) {
     FindToken(0);
     if (depth_ == 0) throw JsonError("an event must be a JSON object", token_);
-    if (depth_ > 1 || null) return true;  // null means not given; the library's documents have it for NaN.
+    if (depth_ > 1 || null) return true;  // null means not given: the library writes it for NaN.
     if (field_ == nullptr) {
       if (type != Type::kNumber || text != std::to_string(OXEVENT_API_VERSION)) {
         Fail("must be " + std::to_string(OXEVENT_API_VERSION));
@@ -130,7 +130,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
   std::deque<std::string>& strings_;
   size_t depth_ = 0;
   size_t token_ = 0;              // Offset of the token.
-  size_t token_end_ = 0;          // Offset behind the token.
+  size_t token_end_ = 0;          // Offset just past the token.
   size_t details_ = 0;            // Offset of the object or array of details_json.
   std::string name_;              // Name of the current member.
   const Field* field_ = nullptr;  // Field that the member sets; null: version.

@@ -10,32 +10,31 @@ namespace {
 constexpr char kUsageText[] = R"(Usage: oxevent-send [OPTION]... SETTINGS MESSAGE
        oxevent-send [OPTION]... SETTINGS --json
 Reports an event through the sinks that the settings file SETTINGS enables, waits for its delivery
-and prints the result. The file must exist but may be empty: the library adds the settings that it
-lacks.
+and prints the result. The file must exist but may be empty: the library adds missing settings.
 )";
 
 constexpr char kNotes[] = R"(
 With --json, or - instead of MESSAGE, each line of standard input is an event: a JSON object whose
-members are named as the fields of oxEventRecord, as in the documents that the webhook sink sends:
+members are named like the fields of oxEventRecord, as in the documents that the webhook sink sends:
   {"message": "Fan 2 stands still", "severity": "warning", "source_id": "fan-2", "value": 0}
 severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a string, an object
-or an array. null means not given. The options above, and MESSAGE, are the defaults of every line.
-Empty lines are ignored. A line that is refused is reported with its number and column; the other
-lines are sent.
+or an array. null means that the field is not given. The options above, and MESSAGE, are the
+defaults of every line. Empty lines are ignored. A line that is refused is reported with its number
+and column; the other lines are sent.
 
 Without --rate, events are reported as fast as they are delivered, and none is lost to a full queue.
 With --rate, they are reported on time, and a full queue drops events according to its drop_policy.
 
-Each run of the tool starts without raised conditions and keeps its own: a raise is sent, a second
-raise in the same run is suppressed as a duplicate for state\default_repeat_interval_sec, and a clear
-is suppressed unless its raise was in the same run or state\route_orphan_clear is on.
+Conditions exist only within one run of the tool: a raise is sent, a second raise in the same run is
+suppressed as a duplicate for state\default_repeat_interval_sec, and a clear is suppressed unless the
+condition was raised in the same run or state\route_orphan_clear is on.
 
 UDP and the system log do not confirm that an event has arrived. The Alertmanager sink sends nothing
-itself. If the writes to a CSV file hang, as with a pipe that no process reads, the tool can hang
+itself. If writing to a CSV file blocks, as with a pipe that no process reads, the tool can hang
 longer than --wait allows.
 
-SIGHUP, SIGINT and SIGTERM stop the reporting: the tool delivers the queued events and then ends by
-the signal. The same signal again ends it at once.
+SIGHUP, SIGINT and SIGTERM stop the reporting: the tool delivers the queued events, and the signal
+then ends it. A second signal of the same kind ends it immediately.
 
 Exit status:
   0  every event was sent, and every sink whose minimum severity it meets accepted it

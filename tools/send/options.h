@@ -11,9 +11,9 @@ struct Options {
   const char* settings = nullptr;
   oxEventRecord record = {};  // The event, or the defaults of each line of standard input.
   bool json = false;          // Read events from standard input.
-  uint64_t count = 0;         // How often to report the event; 0: not given.
+  uint64_t count = 0;         // Number of times to report the event; 0: not given.
   double rate = 0;            // Events per second; 0: as fast as they are delivered.
-  uint32_t wait_s = 60;       // Timeout since the last delivery; 0: no timeout.
+  uint32_t wait_s = 60;       // Maximum time without a delivery; 0: no limit.
   bool quiet = false;
 };
 

@@ -120,7 +120,8 @@ class ReportPrinter {
     const std::string name = std::string(status.section) + "\\" + status.name + ": ";
     const uint64_t accepted = CountEmitted(sink.minimum_severity);
     if (status.failures != 0) {
-      // The rows of a CSV file fail together at a flush, and later flushes fail again: the count means nothing.
+      // The rows of a CSV file fail together at a flush, and later flushes fail too: the count is not that of lost
+      // rows.
       const std::string share = std::to_string(status.failures) + " of " + std::to_string(accepted) + " failed";
       return PrintProblem(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " +
                           WithRemedy(status.last_error, FailureReason(sink, status)));
@@ -136,7 +137,7 @@ class ReportPrinter {
     PrintSuccess(name + std::to_string(accepted) + DescribeDelivery(sink));
   }
 
-  // Returns the number of failures that it has reported.
+  // Returns the number of failures that it has printed.
   uint64_t PrintSinks() {
     const std::vector<oxEventSinkStatus> statuses =
         oxEventSinkReport();  // Contains the enabled sinks, in the order of the settings.

@@ -9,7 +9,7 @@
 
 struct SendResult {
   std::array<std::atomic<uint64_t>, 4> emitted = {};  // Indexed by severity.
-  uint64_t refused = 0;                               // Lines and events; each was reported.
+  uint64_t refused = 0;                               // Lines and events; each has been printed.
   bool gave_up = false;                               // Timed out with undelivered events.
   bool flushed = true;                                // The last flush of the sinks succeeded.
 };

@@ -105,7 +105,7 @@ class Sender {
     progress_.Update();
     if (options_.rate != 0) {
       SleepUntil(next_);
-      // After a delay, such as a pause of the input, catches up at most one second.
+      // After a delay, such as a pause of the input, catches up on at most one second of events.
       const std::chrono::duration<double> interval(1 / options_.rate);
       next_ = std::max(next_ + std::chrono::duration_cast<Clock::duration>(interval),
                        Clock::now() - std::chrono::seconds(1));
@@ -133,7 +133,7 @@ class Sender {
     bool idle = false;
     for (auto since = Clock::now(); oxEventFlush(kSliceMs) != OXEVENT_OK; progress_.Update()) {
       const oxEventCounters counters = oxEventCoreGetCounters();
-      // All events were delivered before this flush, so that a sink caused the failure.
+      // All events had been delivered before this flush, so a sink caused its failure.
       if (idle) {
         result_->flushed = false;
         break;
@@ -155,7 +155,7 @@ class Sender {
   Clock::time_point next_ = Clock::now();  // Time at which the next event is due.
   Progress progress_;
   SendResult* result_ = nullptr;
-  uint32_t submitted_ = 0;  // Events since the queue was known to be empty.
+  uint32_t submitted_ = 0;  // Events submitted since the queue was last known to be empty.
 };
 
 void Count(const oxEventRecord* event, void* result) { ++static_cast<SendResult*>(result)->emitted[event->severity]; }
@@ -188,7 +188,7 @@ int Send(const Options& options) {
   const int stopped_by = StopSignal();
   if (stopped_by != 0) PrintError(std::string("stopped by SIG") + sigabbrev_np(stopped_by));
   bool succeeded = PrintReport(config, result, options.quiet);
-  // After giving up, a shutdown would wait for the sink that hangs.
+  // After giving up, oxEventShutdown would wait for the sink that hangs.
   if (!result.gave_up && oxEventShutdown() != OXEVENT_OK && succeeded) {
     PrintError(WithRemedy(LastError()));
     succeeded = false;
