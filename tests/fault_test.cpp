@@ -129,8 +129,10 @@ struct FaultTest : testing::Test {
     }
   }
   void FailEachCall(const Case& c, int error, bool later_calls_fail, const Act& act, Caller caller) {
-    std::atomic<size_t> made = 1;
-    for (size_t n = 1; made >= n && !HasFailure(); ++n) {
+    std::atomic<size_t> made = 0;
+    size_t n = 0;
+    do {  // Until there is no n-th call.
+      ++n;
       SCOPED_TRACE(c.call + " gives " + std::to_string(error) + " from call " + std::to_string(n) +
                    (later_calls_fail ? " on" : " only"));
       prepare();
@@ -153,7 +155,7 @@ struct FaultTest : testing::Test {
       ExpectOneOf(made < n ? Strings{kOk} : results, LastResult(code), codes_only);
       if (caller == Caller::kLibrary) ExpectAccounted();
       ExpectWorks();
-    }
+    } while (made >= n && !HasFailure());
   }
   // What a call returns while this thread has no memory.
   static string ResultWithoutMemory(const Act& act) {
