@@ -120,12 +120,9 @@ class CheckTest(unittest.TestCase):
         self.expect_values(NATIVE, {}, "facility", ["LOCAL7"], {"unknown-word": ["x"]})
 
     def test_strings(self):
-        self.expect_values(SYSLOG, ON, "app_name", [48 * "a", "!~"], {
-            "cut": [49 * "a"],
-            "changed": ["a b", "a\x7f", "é"]})
+        self.expect_values(SYSLOG, ON, "app_name", [48 * "a", "!~"], {"cut": [49 * "a"], "changed": ["a b", "a\x7f"]})
         self.expect_values(ALERTMANAGER, {}, "alertname_prefix", [2047 * "a", "aZ9_"], {
-            "cut": [2048 * "a"],
-            "changed": ["a-b"]})
+            "cut": [2048 * "a"], "changed": ["a-b"]})
         self.expect_values(CSV, ON, "path", ["a b", "a.csv", "a~/b", "é"], {
             "control": ["a\tb", "a\x7f"],
             "blanks": [" a", "a\t"],
@@ -166,7 +163,6 @@ class CheckTest(unittest.TestCase):
         self.expect_values(NATIVE, {}, "category", ["", "events"], {"no-effect": ["mine"]})
         self.expect_values(WEBHOOK, POSTING, "cloudevents_source", ["", "/oxEvent"], {"no-effect": ["/a"]})
         self.expect_values(WEBHOOK, {}, "endpoint_url", [""], {"filled-in-but-off": ["https://h/"]})
-        self.expect_values(WEBHOOK, {}, "headers", [""], {"filled-in-but-off": ["a: b"]})
         self.expect_values(SNMP, {}, "community", ["cobalt"], {"filled-in-but-off": ["public"]})
         self.expect_values(SYSLOG, {}, "host", ["127.0.0.1"], {"filled-in-but-off": ["h"]})
         self.expect_values(CSV, {}, "path", [""], {"filled-in-but-off": ["log.csv"]})
@@ -199,11 +195,9 @@ class CheckTest(unittest.TestCase):
         self.expect({"core": {"port": 1}}, r"core/port: warning unknown-value: * QVX\Events\sink\syslog\udp has ")
         self.expect({"core": {"Q-u-e-u-e S i z e": 1}}, "core/*: warning unknown-value: *; did you mean queue_size?")
         self.expect({"core/enabled": {}}, "core/enabled: warning key-for-value")
-        self.expect({"core/foo": {"enabled": 1}}, "core/foo: warning misplaced: * -> Remove it.")
         self.expect({"core/csv": {"path": "x"}}, r"core/csv: warning misplaced: * -> Move it to QVX\Events\sink\csv, ")
         self.expect({"sink": {"zzz": 1}}, r"sink/zzz: warning unknown-value: * -> Keys below QVX\Events\sink: csv, ")
         self.expect({"sink": {"native": 1}}, 'sink/native: warning value-for-key: * -> Write <key name="native">.')
-        self.expect({"sink/zzz": {}}, "sink/zzz: warning unknown-key: no such key here -> ")
         self.expect({"sink/core": {"queue_size": 5}}, r"sink/core: warning misplaced: * belong in QVX\Events\core -> ")
         self.expect({"sink/csv/path": {}}, r"sink/csv/path: warning key-for-value: * below QVX\Events\sink\csv, ")
         self.expect({"sink/csv/ a": {}}, "sink/csv/ a: warning blanks")
@@ -227,7 +221,6 @@ class CheckTest(unittest.TestCase):
                 ['<KEY name="state"/>', "state: warning unknown-element: *; did you mean key?"],
                 ['<core/>', "QVX/Events: warning unknown-element: *<core> -> "],
                 [core % '<queue_size>7</queue_size>', "core: warning unknown-element: *<queue_size> -> "],
-                [core % "<value/>", 'core: warning no-name: * -> Write <value name="NAME">.'],
                 [core % '<value name="queue_size">7<b/><c/></value>', "core/queue_size: warning nested: *<b>"],
                 [core % '<value name="enabled" value="0">1</value>', "core/enabled: warning text-in-attribute"],
                 [core % '<value name="enabled">1</value><value name="enabled"/>', "core/enabled: warning twice"],
@@ -252,14 +245,9 @@ class CheckTest(unittest.TestCase):
                 [events % "H", "H: warning unknown-key: *; did you mean QVX? -> Keys below the root: QVX."],
                 ['<key name="QVX\\Events"/>', "QVX/Events: error bad-name"],
                 ['<key name="QVX"/><value name="QVX"/>', "QVX: warning value-for-key"],
-                ['<key name="QVX"/><key name="QVX"/>', "QVX: warning twice"],
                 ['<key nam="QVX"/>', ": warning no-name"],
                 ['<kye name="QVX"/>', "QVX: warning unknown-element"]):
             self.expect(f"<config>{elements}</config>", *expected)
-
-    def test_texts_quote_at_most_60_bytes(self):
-        for value, shown in ((60 * "x", 60 * "x"), (61 * "x", 60 * "x" + "..."), (59 * "x" + "é", 59 * "x" + "...")):
-            self.expect({NATIVE: {"facility": value}}, f"{NATIVE}/facility: warning unknown-word: '{shown}' is ")
 
     def test_sinks_with_the_same_destination(self):
         urls = ["HTTPS://H/?a", "https://h/?b", "https://h/a?b", "http://h:443/?a", "https://g/?a", "https://h:443/?a"]
@@ -278,6 +266,10 @@ class CheckTest(unittest.TestCase):
                 f"sink/{sink}/{last}/{setting}: warning same-destination: {text}")
         self.expect({CSV: ON | {"path": "./0.xml"}}, f"{CSV}/path: warning own-file")
 
+    def test_texts_quote_at_most_60_bytes(self):
+        for value, shown in ((60 * "x", 60 * "x"), (61 * "x", 60 * "x" + "..."), (59 * "x" + "é", 59 * "x" + "...")):
+            self.expect({NATIVE: {"facility": value}}, f"{NATIVE}/facility: warning unknown-word: '{shown}' is ")
+
     def test_events_that_reach_no_sink(self):
         self.expect({"core": OFF}, "core/enabled: warning all-off")
         self.expect({NATIVE: OFF, "sink/native/m": OFF}, f"{NATIVE}/enabled: warning no-sink")
@@ -290,8 +282,7 @@ class CheckTest(unittest.TestCase):
             "core/minimum_severity: note severity-hidden",
             "sink/csv/a/minimum_severity: warning severity-hidden: * core, warning, drops",
             "sink/csv/b/minimum_severity: warning severity-hidden")
-        hidden = "core/minimum_severity: warning clears-hidden: * before 5 s"
-        self.expect({"core": {"minimum_severity": "error"}, "state": {"default_repeat_interval_sec": 5}}, hidden)
+        self.expect({"core": {"minimum_severity": "error"}}, "core/minimum_severity: warning clears-hidden: *1800 s")
         self.expect({"core": {"minimum_severity": "error"}, "state": {"enabled": 0}})
         self.expect({"core": {"minimum_severity": "error"}, "state": {"dedupe_enabled": 0}})
 
@@ -307,18 +298,12 @@ class CheckTest(unittest.TestCase):
             "sink/cloudevents/http/c/auth_header: warning two-authorizations: * 2 ",
             "sink/cloudevents/http/c/auth_header: note secret-in-clear")
         self.expect(
-            {WEBHOOK: UNENCRYPTED | {"tls_verify": 0, "bearer_token": "t", "headers": "X-Key: k"}},
-            f"{WEBHOOK}/endpoint_url: warning secret-in-clear",
-            f"{WEBHOOK}/bearer_token: note secret-in-clear",
-            f"{WEBHOOK}/headers: note secret-in-clear")
-        self.expect(
             {SNMP: ON | {"host": "", "community": "", "trap_oid": ""}},
             f"{SNMP}/host: warning empty: * 127.0.0.1 ",
             f"{SNMP}/community: warning empty: * cobalt ",
             f"{SNMP}/trap_oid: warning empty: * 1.3.6.1.4.1.32473.")
 
     def test_delays_while_endpoints_do_not_answer(self):
-        century = {"request_timeout_ms": 750, "connect_timeout_ms": 700}
         over_64_bits = {"request_timeout_ms": 2147483650, "backoff_ms": 2147483648, "retry_count": 4294967294}
         for settings, *expected in (
                 ({"request_timeout_ms": 60000}, "request_timeout_ms: note shutdown-delay: * 60 s in * 65 s"),
@@ -326,8 +311,8 @@ class CheckTest(unittest.TestCase):
                 ({"request_timeout_ms": 40000, "retry_count": 1}, "request_timeout_ms: warning *: * 80.3 s *"),
                 ({"backoff_ms": 55000, "retry_count": 1}, "retry_count: warning shutdown-delay: * 65 s in * 70 s"),
                 ({"request_timeout_ms": 0, "backoff_ms": 0, "retry_count": 199}, "retry_count: warning *: * 1049.8 s "),
-                (century | {"retry_count": 3155759999}, "retry_count: warning *: * 3155759999.8 s in * a century"),
-                (century | {"retry_count": 3155760000}, "retry_count: warning *: * a century or more in * a century"),
+                ({"request_timeout_ms": 750, "connect_timeout_ms": 700, "retry_count": 3155759999},
+                 "retry_count: warning *: * 3155759999.8 s in * a century"),
                 (over_64_bits, "retry_count: warning *: * a century or more in * a century"),
                 ({"retry_count": 4294967295}, "retry_count: warning no-try", "retry_count: note *: * 0 s in * 5 s"),
                 ({"connect_timeout_ms": 5000}, "retry_count: note shutdown-delay: * 5 s in * 10 s"),
@@ -341,13 +326,11 @@ class CheckTest(unittest.TestCase):
             "sink/cloudevents/http/b/timeout_ms: warning shutdown-delay: * 71 s in * 76 s")
 
     def test_details(self):
-        self.expect(
-            {"state": OFF, NATIVE: ON, ALERTMANAGER: ON},
-            "state/enabled: note no-state",
-            f"{NATIVE}/facility: note host-lines",
-            f"{ALERTMANAGER}/enabled: note sends-nothing", options=["--verbose"])
-        self.expect({NATIVE: OFF, CSV: ON | {"path": "a"}, "state": {"dedupe_enabled": 0}},
-                    "state/dedupe_enabled: note no-state", options=["--verbose"])
+        for settings, expected in (
+                ({"state": OFF}, "state/enabled: note no-state"),
+                ({"state": {"dedupe_enabled": 0}}, "state/dedupe_enabled: note no-state"),
+                ({ALERTMANAGER: ON}, f"{ALERTMANAGER}/enabled: note sends-nothing")):
+            self.expect(settings, "sink/native/main/facility: note host-lines", expected, options=["--verbose"])
 
     def test_webhook_that_posts_to_an_alertmanager(self):
         for url in ("https://h/api/v2/alerts", "https://h/am/api/v1/alerts?x"):
@@ -359,19 +342,6 @@ class CheckTest(unittest.TestCase):
         done = subprocess.run([*without_log, TOOL, "--json", "0.xml"], capture_output=True, check=False)
         self.assertEqual([finding["code"] for finding in json.loads(done.stdout)], ["no-system-log"])
         self.assertEqual(done.returncode, 0)
-
-    def test_every_misspelled_name_is_reported_at_its_line(self):
-        lines = DEFAULTS.splitlines()
-        expected = set()
-        for number, line in enumerate(lines):
-            for name in re.findall('name="(?!default"|main")([^"]*)"', line):  # The names of instances are free.
-                for wrong in (name[:-1], name + "x", name[1] + name[0] + name[2:], name.swapcase()):
-                    path = f"{number + 1} {wrong}.xml"
-                    wrong_line = line.replace(f'"{name}"', f'"{wrong}"')
-                    self.write("\n".join([*lines[:number], wrong_line, *lines[number + 1:]]), path)
-                    expected.add((path, number + 1))
-        found = json.loads(self.run_tool("--json", *[path for path, _ in expected]).stdout)
-        self.assertEqual(expected - {(finding["file"], finding["line"]) for finding in found}, set())
 
     def test_text_and_status_of_several_files(self):
         csv = '<key name="sink"><key name="csv"><key name="c"><value name="enabled">1</value><value name="path">f</value>' \
@@ -395,28 +365,22 @@ good.xml: no problems
         self.write(in_events('<key name="core"><value name="queue_size">\udce2\udc82(</value></key>'))
         self.assertIn("'\ufffd\ufffd(' is not a number", self.run_tool("--json", "0.xml").stdout)
 
+    def expect_in_text(self, path, position, error, remedy):
+        done = self.run_tool(path)
+        self.assertEqual(done.returncode, 2)
+        self.assertIn(f"{path}:{position}: error: {error}\n    {remedy}", done.stdout)
+
     def test_files_that_cannot_be_loaded(self):
-        for content, position, reason in (
-                ("<config>\n <a>\n</config>", "3:3", "Start-end tags mismatch"),
-                ("<config/>\n <b/>", "2:3", "a second root element"),
-                ("<config>\0", "1:9", "a control byte, which XML cannot hold"),
-                ("<config>\n\n<!-- a\n -- b\n--></config>", "4:2", "a comment with -- inside")):
-            with self.subTest(content):
-                self.write(content)
-                error = self.library_error()
-                text = f"0.xml:{position}: error: {error}\n    {reason}. Fix the file at this position.\n"
-                self.assertIn(text, self.run_tool("0.xml").stdout)
-                self.assertIn('"code":"not-xml"', self.run_tool("--json", "0.xml").stdout)
+        self.write("<config>\n\n<!-- a\n -- b\n--></config>")
+        self.expect_in_text("0.xml", "4:2", self.library_error(), "a comment with -- inside. Fix the file at this ")
         self.write("", "long.xml")
         os.truncate("long.xml", (64 << 20) + 1)
         for path, reason in (
-                ("none", "No such file or directory"),
-                (".", "not a regular file"),
-                ("long.xml", "larger than 64 MiB"),
-                ("/proc/self/mem", "it cannot be read")):
-            done = self.run_tool(path)
-            self.assertEqual(done.returncode, 2)
-            self.assertIn(f"{path}:1:1: error: Unable to open oxEvent config: {path}\n    {reason}. ", done.stdout)
+                ("none", "No such file or directory. "),
+                (".", "not a regular file. "),
+                ("long.xml", "larger than 64 MiB. "),
+                ("/proc/self/mem", "it cannot be read. ")):
+            self.expect_in_text(path, "1:1", f"Unable to open oxEvent config: {path}", reason)
 
     def test_completes_as_the_library_does(self):
         for settings in (in_events('<!-- kept --><key name="core"><note>kept</note></key>'), DEFAULTS, ""):
@@ -430,48 +394,39 @@ good.xml: no problems
         self.assertEqual((refused.returncode, refused.stdout), (2, ""))
         self.assertEqual(refused.stderr, "oxevent-check: queue_size must be greater than zero\n")
 
+    @unittest.skipUnless(os.geteuid() == 0, "only root can act as another user")
     def test_secrets_that_another_user_can_read(self):
         secrets = {"bearer_token": "t", "headers": "a: b|X-Key: k", "basic_username": "u", "basic_password": "p"}
         no_secrets = {"bearer_token": "", "headers": "a:b"}
         self.write({WEBHOOK: POSTING | secrets, SNMP: {"community": "cobalt"},
                     "sink/webhook/http/v": ON | {"endpoint_url": "https://u:p@h/"} | no_secrets})
-        every_user = "every user of the machine may "
-        chmod = "Run chmod o-rw on the file, or use mode 0640 with a dedicated group."
-        chown = "Give the file to the user that the library runs as: chown."
-        for mode, owner, user, who, remedy in (
-                (0o640, 0, 0, None, None),
-                (0o604, 0, 0, every_user + "read", chmod),
-                (0o602, 0, 0, every_user + "change", chmod),
-                (0o606, 0, 0, every_user + "change", chmod),
-                (0o640, 0, 7777, None, None),
-                (0o640, 7777, 7777, None, None),
-                (0o640, 1, 0, None, None),
-                (0o640, 1, 7777, "its owner, who is neither root nor you, may read", chown)):
-            if os.geteuid() != 0 and (owner, user) != (0, 0):
-                continue  # Only root can give a file to another user.
+        for mode, owner, user, who in (
+                (0o640, 0, 0, None),
+                (0o604, 0, 0, "every user of the machine may read"),
+                (0o606, 0, 0, "every user of the machine may change"),
+                (0o640, 0, 7777, None),
+                (0o640, 7777, 7777, None),
+                (0o640, 1, 0, None),
+                (0o640, 1, 7777, "its owner, who is neither root nor you, may read")):
             with self.subTest(mode=oct(mode), owner=owner, user=user):
-                command = [TOOL, "--json", "0.xml"]
                 os.chmod("0.xml", mode)
-                if os.geteuid() == 0:
-                    os.chown("0.xml", owner, -1)
-                    access = ["--inh-caps=+dac_override", "--ambient-caps=+dac_override"]
-                    command = ["setpriv", f"--reuid={user}", *access, *command]
-                found = json.loads(subprocess.run(command, capture_output=True, check=False).stdout)
-                said = [(one["key"].rpartition("\\")[2], one["text"], one["remedy"])
-                        for one in found if one["code"] == "secret-readable"]
-                names = ["bearer_token", "headers", "basic_password", "endpoint_url"] if who else []
-                self.assertEqual(said, [(name, f"is a secret in a file that {who}", remedy) for name in names])
+                os.chown("0.xml", owner, -1)
+                command = ["setpriv", f"--reuid={user}", "--inh-caps=+dac_override", "--ambient-caps=+dac_override"]
+                done = subprocess.run([*command, TOOL, "--json", "0.xml"], capture_output=True, check=False)
+                found = [finding for finding in json.loads(done.stdout) if finding["code"] == "secret-readable"]
+                settings = [finding["key"].rpartition("\\")[2] for finding in found]
+                expected = ["bearer_token", "headers", "basic_password", "endpoint_url"] if who else []
+                self.assertEqual(settings, expected)
+                for finding in found:
+                    self.assertEqual(finding["text"], f"is a secret in a file that {who}")
 
     def test_invalid_command_lines(self):
         for arguments, complaint in (
                 ([], "no FILE"),
                 (["--explain", "core", "f.xml"], "f.xml: --explain takes no FILE"),
                 (["--complete", "a", "b"], "b: --complete takes one FILE"),
-                (["--jsn", "a"], "--jsn: no such option; did you mean --json?"),
                 (["--explain", "que_size"], "que_size: no such key; did you mean queue_size?"),
-                (["--explain", "sink/csv/path/x"], r"sink/csv/path/x: no such key; did you mean sink\csv\path?"),
-                (["--explain", "sink/csv/NAME/pth"],
-                 r"sink/csv/NAME/pth: no such key; did you mean sink\csv\NAME\path?")):
+                (["--explain", "sink/csv/path/x"], r"sink/csv/path/x: no such key; did you mean sink\csv\path?")):
             with self.subTest(arguments):
                 done = self.run_tool(*arguments)
                 self.assertEqual((done.returncode, done.stdout, done.stderr), (2, "", f"oxevent-check: {complaint}\n"))
@@ -480,13 +435,9 @@ good.xml: no problems
         self.assertEqual(self.run_tool("--explain", r"sink\syslog\udp\any\app_name").stdout,
                          "QVX\\Events\\sink\\syslog\\udp\\NAME\\app_name\n"
                          "    APP-NAME of the messages, at most 48 characters.\n"
-                         "    Type:       a string\n"
-                         "    At most:    48 bytes\n"
-                         "    Default:    oxEvent\n")
-        self.assertIn("    Accepts:    debug, info, information, warning, warn, error, err (case-insensitive)\n",
-                      self.run_tool("--explain", "QVX/Events/core.minimum_severity").stdout)
-        for key, count in (("enabled", 9), ("QVX", 77), ("core", 5), ("webhook", 16), ("sink/csv/path", 1), ("sink.csv.mine", 5),
-                           ("/core//queue_size", 1), (r"sink\syslog", 7)):
+                         "    Type:       a string\n    At most:    48 bytes\n    Default:    oxEvent\n")
+        for key, count in (("enabled", 9), ("QVX", 77), ("webhook", 16), ("core", 5), ("sink/csv/path", 1),
+                           ("sink.csv.mine", 5), ("/core//queue_size", 1), (r"sink\syslog", 7)):
             with self.subTest(key):
                 explanations = self.run_tool("--explain", key).stdout.split("\n\n")
                 self.assertEqual([text.count("QVX\\") for text in explanations], [1] * count)

@@ -31,12 +31,10 @@ REFUSED_FIELDS = (
     ({"message": ""}, ValueError, "message must not be empty"),
     ({"units": b"a\0"}, ValueError, "units must not contain '\\x00' (at 1)"),
     ({"action": "\ud800"}, ValueError, "action must not contain '\\ud800'"),
-    ({"source_id": 7}, TypeError, "source_id must be str or bytes, not 7"),
     ({"severity": None}, ValueError, "Severity.ERROR (3), not None"),
     ({"duration_ms": 2**64}, ValueError, "duration_ms must be 0 to 18446744073709551615, not 18446744073709551616"),
     ({"pts": 1.5}, TypeError, "pts must be an integer, not 1.5"),
     ({"utc_ns": NOON.replace(tzinfo=None)}, ValueError, "utc_ns must be a datetime with a time zone"),
-    ({"threshold": 10**400}, ValueError, "threshold is too large"),
     ({"details_json": {"a": float("nan")}}, ValueError, "details_json: Out of range"),
     ({}, oxevent.OxEventError, "oxEvent is not initialized (NOT_INITIALIZED, 0x80050001)"))
 
@@ -70,13 +68,6 @@ process.join()
 print(process.exitcode)
 oxevent.submit("p")
 """
-
-
-class Unprintable(Exception):
-    def __str__(self):
-        raise self
-
-    __repr__ = __str__
 
 
 class PythonTest(unittest.TestCase):
@@ -142,17 +133,17 @@ class PythonTest(unittest.TestCase):
         self.assertEqual(self.events, [])
 
     def test_a_callback_that_raises_fails_the_next_flush(self):
-        errors = {"key": KeyError("key"), "unprintable": Unprintable()}
+        error = KeyError("key")
 
         def fail(event):
-            raise errors[event.message]
+            raise error
 
         self.start(fail)
-        for message, text in (("key", "raised KeyError.*FAILURE"), ("unprintable", "raised <.*Unprintable object")):
-            with self.assertLogs("oxevent"), self.assertRaisesRegex(oxevent.OxEventError, text) as raised:
-                oxevent.submit(message)
-                oxevent.flush()
-            self.assertIs(raised.exception.__cause__, errors[message])
+        expected = self.assertRaisesRegex(oxevent.OxEventError, "raised KeyError.*FAILURE")
+        with self.assertLogs("oxevent"), expected as raised:
+            oxevent.submit("m")
+            oxevent.flush()
+        self.assertIs(raised.exception.__cause__, error)
         oxevent.flush()
 
     def test_log_records_become_events(self):

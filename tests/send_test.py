@@ -29,7 +29,6 @@ FIELDS = {
     "details_json": '{"a": [1, "\\u0000"]}', "event_id": 2**64 - 3}
 REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ("5", "1: an event must be a JSON object"),
-    ('["m"]', "1: an event must be a JSON object"),
     ('{"message": "m" "n"}', "17: invalid JSON: Missing a comma or '}' after an object member\n"),
     ('{"message": "m"}\0', "17: invalid JSON: unexpected NUL byte"),
     ('{"details_json": ' + 10**6 * "[", "1000018: invalid JSON"),
@@ -59,7 +58,6 @@ INVALID_ARGUMENTS = (  # The arguments after the settings file, and the error te
     ("m --severity", "--severity: requires a value"),
     ("m --severity 4", "--severity: '4' is not one of debug, info, warning, error or 0 to 3"),
     ("m --quiet=1", "--quiet: takes no value"),
-    ("m --value nan", "--value: 'nan' is not a number"),
     ("m --count 0", "--count: '0' is not a whole number from 1 to 18446744073709551615"),
     ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"),
     ("- --count 2", "--count: cannot be combined with events from standard input"))
@@ -225,7 +223,7 @@ class SendTest(unittest.TestCase):
                 (stuck, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n.*given up: [12] "),
                 (displacing, burst, "dropped: 49[89], the queue was full, and a newer event replaced it\n"),
                 ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or "),
-                ({"state": {"send_clear": 0}}, "m --action clear", r"duplicate, as a clear \(state\\send_clear is off\)"),
+                ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or"),
                 ({CSV: OFF}, "m", "emitted: 1\n.*no sink is enabled: no event was delivered\n")):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
@@ -257,7 +255,6 @@ class SendTest(unittest.TestCase):
 
     def test_shows_progress_on_a_terminal_until_the_report(self):
         for arguments, statuses, expected in (
-                ("--count 1", [], r"(\r1 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 1"),
                 ("--count 2", [], r"(\r2 of 2 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 2"),
                 ("--count 2 --quiet", [200], "oxevent-send: given up: 1")):
             reader, terminal = os.openpty()
