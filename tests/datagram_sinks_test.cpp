@@ -89,7 +89,10 @@ TEST(oxEventSyslogUdpSink, TruncatesAMessageTo8192Bytes) {
 
 string Hex(string_view bytes) {
   std::ostringstream hex;
-  for (const unsigned char byte : bytes) hex << std::hex << byte / 16 << byte % 16;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    hex << std::hex << byte / 16 << byte % 16;
+  }
   return hex.str();
 }
 
@@ -162,7 +165,7 @@ TEST(oxEventSnmpTrapSink, EncodesNumbersAndSettings) {
 
 TEST(oxEventSnmpTrapSink, TruncatesMessageAndDetailsTo2048Bytes) {
   const DatagramReceiver receiver;
-  for (const size_t size : {127, 128, 255, 256, 2048, 2049}) {
+  for (const size_t size : {127u, 128u, 255u, 256u, 2048u, 2049u}) {
     const string text(size, 'x');
     oxEventNormalizedEvent event = kFullEvent;
     event.message = text;
