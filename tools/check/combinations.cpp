@@ -20,7 +20,7 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint64_t kDrainMs = 5000;              // oxEventShutdown's timeout for draining the queue.
 constexpr uint64_t kLongShutdownMs = 60 * 1000;  // More than a host is likely to expect.
-constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // With this retry_count, retry_count + 1 attempts wraps to 0.
+constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // The number of attempts, retry_count + 1, wraps to 0.
 
 constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
 
