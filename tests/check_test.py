@@ -310,7 +310,7 @@ class CheckTest(unittest.TestCase):
                 ({"request_timeout_ms": 60049}, "request_timeout_ms: warning shutdown-delay: * 60 s in * 65 s"),
                 ({"request_timeout_ms": 40000, "retry_count": 1}, "request_timeout_ms: warning *: * 80.3 s *"),
                 ({"backoff_ms": 55000, "retry_count": 1}, "retry_count: warning shutdown-delay: * 65 s in * 70 s"),
-                ({"request_timeout_ms": 0, "backoff_ms": 0, "retry_count": 199}, "retry_count: warning *: * 1049.8 s "),
+                ({"request_timeout_ms": 0, "backoff_ms": 0, "retry_count": 199}, "retry_count: warning *: *1049.8 s*1054.8 s"),
                 ({"request_timeout_ms": 750, "connect_timeout_ms": 700, "retry_count": 3155759999},
                  "retry_count: warning *: * 3155759999.8 s in * a century"),
                 (over_64_bits, "retry_count: warning *: * a century or more in * a century"),
@@ -362,8 +362,17 @@ good.xml: no problems
         self.assertEqual(self.run_tool("good.xml", "warned.xml").returncode, 1)
         found = findings_in(self.run_tool("--json", "--verbose", "good.xml", "good.xml", "warned.xml").stdout)
         self.assertEqual([finding["severity"] for finding in found], ["note"] * 2 + ["warning"])
-        self.write(in_events('<key name="core"><value name="queue_size">\udce2\udc82(</value></key>'))
-        self.assertIn("'\ufffd\ufffd(' is not a number", self.run_tool("--json", "0.xml").stdout)
+
+    def test_a_key_that_the_file_lacks_is_reported_at_its_start(self):
+        self.write({NATIVE: OFF, CSV: ON | {"path": "f", "minimum_severity": 0}})
+        found = json.loads(self.run_tool("--json", "0.xml").stdout)
+        core = [finding for finding in found if finding["key"] == r"QVX\Events\core\minimum_severity"]
+        self.assertEqual([(finding["line"], finding["column"]) for finding in core], [(1, 1)])
+
+    def test_json_is_utf_8(self):
+        for value, shown in (("\udce2\udc82(", "\ufffd\ufffd("), (61 * "\udc80", "...")):
+            self.write(in_events(f'<key name="core"><value name="queue_size">{value}</value></key>'))
+            self.assertIn(f"'{shown}' is not a number", self.run_tool("--json", "0.xml").stdout)
 
     def expect_in_text(self, path, position, error, remedy):
         done = self.run_tool(path)
