@@ -52,7 +52,7 @@ std::string TextOf(xml_node value) {
   return text;
 }
 
-// Parses a 32-bit number; returns nullopt if the text is none.
+// Parses a 32-bit number; returns nullopt if the text is not one.
 std::optional<uint64_t> ParseNumber(const std::string& text) {
   const size_t begin = std::min(text.find_first_not_of(kWhiteSpace), text.size());
   const std::string digits = text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);

@@ -39,9 +39,9 @@ class oxEventQueue {
   // Reconfigures a running queue. Returns the number of pending events that were dropped because they did not fit.
   uint32_t Configure(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
 
-  // Queues a copy; never waits for space. *node_cache, which may be null, is a free node that the calling thread keeps
-  // between its events, so that the event can be copied before the lock is taken. Afterwards it is a free node or null.
-  // Never throws: a thread's first exception needs memory itself.
+  // Queues a copy; never waits for space. *node_cache, which may be null, is a free node that the caller's submit slot
+  // keeps between events, so that the event can be copied before the lock is taken. Afterwards it is a free node or
+  // null. Never throws: a thread's first exception needs memory itself.
   oxEventEnqueueResult Enqueue(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) OX_EXCLUDES(mutex_);
 
   // Completes the active event, if there is one, then waits for an event and takes the oldest; the worker may modify
@@ -65,7 +65,7 @@ class oxEventQueue {
   void Reset() OX_EXCLUDES(mutex_);  // Restores the state before Start. The worker must have ended or be exiting.
 
  private:
-  // How the worker waits. Waking a blocked thread costs a submitter twenty times as much as queueing an event. After an
+  // How the worker waits. Waking a blocked thread costs a submitter far more than queueing an event. After an
   // event, the worker therefore first waits for a fixed time, during which a new event does not wake it unless the
   // backlog becomes half full. If no event arrived, the worker then blocks until one arrives.
   enum class WaitMode { kAwake, kTimed, kBlocked };

@@ -11,7 +11,7 @@
 namespace {
 
 // Calls a method of a sink and returns whether it succeeded. On failure, *error is the reason if the sink gives one. An
-// exception counts as a failure, except for the one of a thread cancellation, which must not be caught.
+// exception counts as a failure, except the unwinding of a cancelled thread, which must be rethrown.
 template <class Call>
 bool CallSink(Call call, std::string* error) {
   try {

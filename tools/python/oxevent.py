@@ -88,7 +88,7 @@ class OxEventError(Exception):
 
 @dataclasses.dataclass(frozen=True)
 class Event:
-    """An event as a callback receives it. The fields are the arguments of submit; none is None."""
+    """An event as a callback receives it. The fields have the names of submit's arguments, and no field is None."""
 
     event_id: int
     event_type: str

@@ -22,7 +22,7 @@ std::string Cell(std::string_view text) {
   return cell;
 }
 
-// Returns "`debug`, `warning` = `warn`", in the order of the table: "=" joins words with the same value.
+// Returns a list such as "`debug`, `warning` = `warn`", in the order of the table: "=" joins words with the same value.
 std::string ListOf(oxEventWords words) {
   std::string list;
   for (size_t i = 0; i < words.size(); ++i) {
