@@ -163,7 +163,7 @@ OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
  * library is shut down. user_data, which may be null, is passed to each call and never dereferenced. *id_out receives
  * the id, which is never 0. The same callback may be registered several times.
  *
- * OXEVENT_INVALID_ARGUMENT: callback or id_out null.
+ * OXEVENT_INVALID_ARGUMENT: callback or id_out null. OXEVENT_FAILURE: out of memory.
  */
 OXEVENT_API uint32_t oxEventRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
 
@@ -174,7 +174,7 @@ OXEVENT_API uint32_t oxEventRegisterCallback(oxEventCallback callback, void* use
  * an oxEventShutdown that was not called inside a callback has returned.
  *
  * When oxEventShutdown is called inside a callback, the callbacks registered after that one still receive the current
- * event: keep their user_data until that callback has returned and the worker thread has ended.
+ * event: keep their user_data until the library is unloaded or the process ends.
  *
  * OXEVENT_NOT_FOUND: no callback has this id.
  */

@@ -121,7 +121,7 @@ def prototype(text):
 
 
 def header_pages(header):
-    """{page: text}. An entry is a function's name, comment, prototype and errors."""
+    """{page: text}, with one page for each function or group of functions."""
     codes, entries, of = codes_of(header), {}, {}
     for text, declaration in re.findall(r'/\*((?:(?!\*/).)*)\*/\n(?:extern "C" )?OXEVENT_API ([^;]*);\n', header, re.S):
         name = re.search(r"(\w+)\(", declaration)[1]

@@ -133,8 +133,8 @@ struct FaultTest : testing::Test {
     size_t n = 0;
     do {  // Until there is no n-th call.
       ++n;
-      SCOPED_TRACE(c.call + " gives " + std::to_string(error) + " from call " + std::to_string(n) +
-                   (later_calls_fail ? " on" : " only"));
+      SCOPED_TRACE(c.call + " gives " + std::to_string(error) + (later_calls_fail ? " from call " : " in call ") +
+                   std::to_string(n) + (later_calls_fail ? " on" : " only"));
       prepare();
       TakeArrivals();
       callbacks = 0;

@@ -128,7 +128,7 @@ TEST_F(oxEventHttpSink, PostsCloudEventsWithTheSettingsOfTheirSection) {
       "POST HTTPS://c 9\nContent-Type: application/cloudevents+json; charset=utf-8\nAccept: application/json\n"
       "User-Agent: oxEvent/1.0\nX-oxEvent-TLS-Verify: 0";
   EXPECT_EQ(Post(), start + "\nX-oxEvent-Connect-Timeout-Ms: 9\nX: c\n\n" + kCloudEvent);
-  // The section's values replace a webhook's that are empty.
+  // Values of the CloudEvents section apply where those of a webhook are empty.
   config.type = oxEventSinkType::kWebhookHttp;
   config.endpoint_url = config.headers = config.cloudevents_source = config.cloudevents_subject_prefix = "";
   config.connect_timeout_ms = config.request_timeout_ms = 0;

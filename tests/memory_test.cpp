@@ -102,7 +102,8 @@ TEST(oxEventSlab, ReusesPagesThatCannotBeUnmapped) {
   }
 }
 
-// However many there are: a step takes a span at most three times, each by up to four calls, and the directory.
+// However many conditions there are, a step allocates or frees at most three spans, each with up to four calls of mmap
+// and munmap. The largest block of malloc is the directory.
 TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
   oxEventActiveTable table;
   for (int i = 0; i < 120'000; ++i) {

@@ -18,7 +18,8 @@ constexpr auto kPowersOfTen = [] {
   return powers;
 }();
 
-// Returns the first `count` significant digits of a value from 1 to below 10^15 as an integer, rounded half to even.
+// Returns the first `count` significant digits of a value as an integer, rounded half to even. The value must be at
+// least 1, and less than both 10^15 and 10^(count - 1).
 // The rounding is correct because the product and the shift are exact. *point: digits before the decimal point.
 uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   *point = 1;

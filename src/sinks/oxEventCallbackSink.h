@@ -32,8 +32,10 @@ class oxEventCallbackSink : public oxEventSink {
         : id(its_id), callback(its_callback), user_data(its_user_data) {}
     const uint32_t id;
     const oxEventCallback callback;
-    void* const user_data;              // Owned by the host; never dereferenced.
-    std::atomic<bool> removed = false;  // Instead of erasing, which allocates; Register erases.
+    void* const user_data;  // Owned by the host; never dereferenced.
+    // Set by Unregister, which must not allocate: to erase the entry, it would have to copy the list. The next Register
+    // leaves the entry out.
+    std::atomic<bool> removed = false;
   };
   using Registrations = std::vector<std::shared_ptr<Registration>>;
 

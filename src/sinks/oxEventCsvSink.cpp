@@ -102,7 +102,8 @@ class oxEventCsvSink : public oxEventSink {
     return oxEventSetErrorText(text, {path_}, error);
   }
 
-  // The buffer holds complete rows before and after, even if memory runs out.
+  // The buffer ends with a complete row before and after, even if memory runs out. It may begin with the rest of a row
+  // of which a pipe has taken the start.
   bool AppendRowLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     if (failed_) {
       failure_reported_ = false;  // This row is lost as well.

@@ -26,5 +26,5 @@ std::string SystemLogFault() {
   int error = Connect(SOCK_DGRAM);
   if (error == EPROTOTYPE) error = Connect(SOCK_STREAM);
   if (error == 0) return "";
-  return "no daemon listens at " _PATH_LOG " (" + std::generic_category().message(error) + "): every line is lost";
+  return "cannot connect to " _PATH_LOG " (" + std::generic_category().message(error) + "): every line is lost";
 }

@@ -18,8 +18,8 @@ With --json, or - instead of MESSAGE, each line of standard input is an event: a
 members are named like the fields of oxEventRecord, as in the documents that the webhook sink sends:
   {"message": "Fan 2 stands still", "severity": "warning", "source_id": "fan-2", "value": 0}
 severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a string, an object
-or an array. null means that the field is not given. The options above, and MESSAGE, are the
-defaults of every line. Empty lines are ignored. A line that is refused is reported with its number
+or an array. null means that the field is not given. The options for fields of the event, and
+MESSAGE if it is given with --json, are the defaults of every line. Empty lines are ignored. A line that is refused is reported with its number
 and column; the other lines are sent.
 
 Without --rate, events are reported as fast as they are delivered, and none is lost to a full queue.
