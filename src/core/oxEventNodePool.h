@@ -34,8 +34,8 @@ class oxEventNodePool {
   // Whether more nodes are kept than an idle queue needs.
   bool HasSurplus() const { return free_nodes_.Size() > kNodesKept; }
 
-  // Returns the time from which the surplus may be freed. If more than a few events have been queued since the previous call, a quiet
-  // period of a second begins now. `enqueue_count`: number of events queued so far.
+  // Returns the time from which the surplus may be freed. If more than a few events have been queued since the previous
+  // call, a quiet period of a second begins now. `enqueue_count`: number of events queued so far.
   Clock::time_point SurplusDeadline(uint64_t enqueue_count);
 
   // Frees surplus nodes of *nodes, a few at a time, as long as should_continue() returns true, and then unused memory.
