@@ -94,6 +94,8 @@ TEST(oxEventSignalBlock, LeavesTheHostsOwnPendingSignal) {
     sigpending(&pending);
     EXPECT_EQ(sigismember(&pending, SIGPIPE) == 1, is_the_hosts);
   }
+  int taken = 0;
+  EXPECT_EQ(sigwait(&pipe, &taken), 0);
 }
 
 struct oxEventSystemLog : testing::Test {
