@@ -256,7 +256,8 @@ TEST_F(FaultTest, CountsWhatIsNotSubmittedOrDelivered) {
       record.event_type = record.source_id = record.source_name = record.correlation_id = kLong;
       record.action = action;
       const uint32_t result = oxEventSubmit(&record);
-      EXPECT_EQ(oxEventCoreGetCounters().dropped, result == OXEVENT_OK ? 0u : 1u);
+      const auto drops = oxEventCoreGetCounters().drops_by_reason;
+      EXPECT_EQ(drops[static_cast<size_t>(oxEventDrop::kNoMemory)], result == OXEVENT_OK ? 0u : 1u);
       if (result != OXEVENT_OK) return result;
     }
     EXPECT_EQ(oxEventCoreGetCounters().submitted, 4u);
