@@ -1,4 +1,5 @@
 """How oxevent-send reads its input, and what it reports: send_test.py [-v] [SendTest.test_NAME...]."""
+import contextlib
 import csv
 import json
 import os
@@ -29,6 +30,7 @@ FIELDS = {
     "details_json": '{"a": [1, "\\u0000"]}', "event_id": 2**64 - 3}
 REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ("5", "1: an event must be a JSON object"),
+    ('["m"]', "1: an event must be a JSON object"),
     ('{"message": "m" "n"}', "17: invalid JSON: Missing a comma or '}' after an object member\n"),
     ('{"message": "m"}\0', "17: invalid JSON: unexpected NUL byte"),
     ('{"details_json": ' + 10**6 * "[", "1000018: invalid JSON"),
@@ -40,6 +42,7 @@ REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ('{"message": "m", "message": "n"}', "18: message: appears twice"),
     ('{"version": "65536"}', "13: version: must be 65536"),
     ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
+    ('{"ptss": 1}', "2: ptss: is not a field of an event; did you mean pts?"),
     ('{"xqts": 1}', "2: xqts: is not a field of an event\n"),
     ('{"\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}', "2: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is not a field of an event"),
     ('{"' + 600 * "x" + '": 1}', "2: " + 500 * "x" + "\n"),
@@ -261,8 +264,10 @@ class SendTest(unittest.TestCase):
             webhook = {WEBHOOK: self.webhook(*statuses)}
             process = self.start("m", "--wait", "3", *arguments.split(), sections=webhook, stderr=terminal)
             os.close(terminal)
-            process.wait()
-            shown = os.read(reader, 65536)
+            shown = b""
+            with contextlib.suppress(OSError):  # Raised when the tool has closed its end.
+                while part := os.read(reader, 65536):
+                    shown += part
             os.close(reader)
             process.communicate()
             self.assertRegex(shown.decode(), "^" + expected)
