@@ -223,6 +223,7 @@ struct ProcessTest : testing::Test {
   int Run() {
     EXPECT_EQ(chdir(directory.path.c_str()), 0);
     g_host = host;
+    fflush(nullptr);  // The host must not write what the test has buffered.
     const int status = Fork(LiveAsHost, 240'000);
     rows = ReadMessages("events.csv");
     begun = ReadLines("begun");
