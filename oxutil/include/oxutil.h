@@ -16,8 +16,8 @@
  *     </key>
  *   </config>
  *
- * A key path joins names with one backslash ("A\B"). Names are compared byte by byte. If a
- * name occurs more than once in a key, the first occurrence counts.
+ * A key path joins names with one backslash ("A\B"). Names are compared byte by byte. If two sub-keys or two values of
+ * a key have the same name, the first counts.
  */
 #ifndef OXUTIL_H
 #define OXUTIL_H
@@ -41,7 +41,7 @@ extern "C" {
  * Opens the store in an existing file; flags must be 0. An empty file is an empty store. Returns null if the file is
  * missing, unreadable, not a regular file, larger than 64 MiB or not an XML file as above, or if a save could not write
  * it back unchanged because it contains a control byte, a reference to a character that XML forbids (&#0;, &#1;), or a
- * comment with "--" inside. Never changes the file. oxCFGClose frees the handle.
+ * comment with "--" inside. Opening never changes the file. oxCFGClose frees the handle.
  */
 OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
 

@@ -139,7 +139,7 @@ bool NewFile::CopyAttribute(const std::string& target_path, const char* name) {
   const ssize_t size = lgetxattr(target_path.c_str(), name, value.data(), value.size());
   if (size < 0) return false;
   value.resize(static_cast<size_t>(size));
-  // Setting a security label can require a privilege, so an attribute that is already equal is not set.
+  // Setting a security label can require a privilege, so an attribute that already has this value is not set.
   std::string current(XATTR_SIZE_MAX, '\0');
   const ssize_t current_size = fgetxattr(file_.Get(), name, current.data(), current.size());
   if (current_size >= 0 && current.compare(0, static_cast<size_t>(current_size), value) == 0) return true;

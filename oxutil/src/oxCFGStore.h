@@ -23,12 +23,16 @@ enum class oxCFGKind : uint32_t { kKey = 0, kValue = 1 };
 
 // A settings store: the XML document of its file, with an index by name. The document keeps the whole file, including
 // its layout: Set changes only the text of one value, and each new element gets its own line. Text and attributes in
-// the document stay encoded (oxCFGText.h), so that a save writes each reference as it was in the file. A key path joins
-// names with backslashes; empty names in it are skipped, so an empty path is the root. If a name occurs more than once
-// in a key, the first occurrence counts. Elements that are not keys or values of the store are kept and ignored.
+// the document stay encoded (oxCFGText.h), so that a save writes each reference as it was in the file.
+//
+// A key path joins names with backslashes; empty names in it are skipped, so an empty path is the root. If two sub-keys
+// or two values of a key have the same name, the first counts. Elements that are not keys or values of the store are
+// kept and ignored.
+//
 // Reading does not allocate: otherwise memory exhaustion could make a value seem missing, and the caller would set it
-// to its default. Threads: one at a time. Errors: methods return false; those that open or change the store also throw
-// std::bad_alloc.
+// to its default.
+//
+// Threads: one at a time. Errors: methods return false; those that open or change the store may throw std::bad_alloc.
 class oxCFGStore {
  public:
   static constexpr size_t kMaxNameBytes = 511;

@@ -40,7 +40,7 @@ struct oxHTTPResponse {
   long status = 0;
   size_t header_bytes = 0;
   int64_t content_length = -1;   // Negative if the header has none.
-  bool chunked = false;          // Then the connection received more bytes than are counted here.
+  bool chunked = false;          // If set, the connection received more bytes than are counted here.
   bool header_complete = false;  // Must be checked: libcurl accepts an incomplete header.
   bool truncated = false;
   std::string body;

@@ -25,7 +25,7 @@ constexpr auto kMinRetryDelay = std::chrono::seconds(30);
 struct Lookup {
   Clock::time_point started;
   unsigned retry_number = 0;  // 0 for the first lookup of a host; 1 for its first retry, and so on.
-  bool done = false;          // Then `addresses` is final; empty after a failure.
+  bool done = false;          // If set, `addresses` is final; it is empty if the lookup failed.
   std::string addresses;
 };
 using SharedLookup = std::shared_ptr<Lookup>;

@@ -44,7 +44,7 @@ int SyslogLevel(uint32_t severity) {
 struct SystemLog {
   oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The thread that holds `mutex` during its fork.
-  int cancel_state = PTHREAD_CANCEL_ENABLE;   // That of this thread before the fork. Guarded by `mutex`.
+  int cancel_state = PTHREAD_CANCEL_ENABLE;   // Of that thread, before it forked. Guarded by `mutex`.
   // Forks that wait for `mutex`. A worker with many messages would starve them, so it waits until this is 0.
   std::atomic<int> forks_waiting = 0;
   std::atomic<bool> writing = false;  // Whether syslog(3) is running. Changed with `mutex` held.

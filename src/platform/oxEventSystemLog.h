@@ -12,8 +12,7 @@ struct oxEventNativeLogHandle;
 // `error` may be null.
 uint32_t oxEventPlatformNativeOpen(const oxEventNativePlatformConfig& config, oxEventNativeLogHandle** handle,
                                    std::string* error);
-// `warning` and `warning_text` may be null. *warning is always set to false: syslog(3) reports no
-// failures.
+// `warning` and `warning_text` may be null. *warning is always set to false: syslog(3) reports no failures.
 uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEventNormalizedEvent& event, bool* warning,
                                     std::string* warning_text);
 // `handle` may be null.

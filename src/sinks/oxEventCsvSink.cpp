@@ -32,8 +32,8 @@ size_t WholeRowsSize(std::string_view text) {
 
 // Appends one row per event to a CSV file (RFC 4180, with single line feeds). Buffers and writes complete rows only:
 // after a partial write it truncates the torn row, so that the first row of a later sink begins on a new line. After a
-// failed write the sink writes nothing more. Open succeeds on a full disk; the header is then written with the first
-// row.
+// failed write the sink writes nothing more. If the disk is full, Open succeeds, and the header is written later,
+// before the first row.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
@@ -84,8 +84,7 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  // Fails if rows were lost: each time if `report_again` is set, otherwise only if no failure has reported the loss
-  // yet.
+  // Fails if the sink has lost rows. Without `report_again`, fails only once for each loss.
   uint32_t WriteBuffer(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
@@ -125,7 +124,7 @@ class oxEventCsvSink : public oxEventSink {
     capacity_ = capacity;
   }
 
-  // Returns false if rows were lost, now or before.
+  // Returns false if the sink has lost rows, in this call or before.
   bool WriteBufferLocked(oxEventAppendFile::Wait wait = oxEventAppendFile::kWait) OX_REQUIRES(mutex_) {
     // Another process, or a sink that a reload opened, may have written a header in the meantime.
     if (used_ != 0 && std::exchange(header_pending_, false) && !file_.HasContent()) WriteHeaderLocked();

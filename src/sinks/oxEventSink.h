@@ -28,11 +28,11 @@ class oxEventSink {
     return Deliver(event, warnings, error);
   }
 
-  // Writes the buffered rows, if the sink has any. Fails if rows were lost, now or since the sink was opened, or if
-  // another thread was writing for the whole timeout. 0 means no limit.
+  // Writes the buffered rows, if the sink has any. Fails if the sink has ever lost rows, or if another thread was
+  // writing for the whole timeout. A timeout of 0 means no limit.
   virtual uint32_t Flush(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Writes the buffered rows that can be written without waiting. The next Flush or Drain reports a failure.
+  // Writes the buffered rows that can be written without a long wait. The next Flush or Drain reports a failure.
   virtual void TryFlush() {}
 
   // Like Flush, for a sink that is no longer active, but reports each loss only once: fails if rows were lost that

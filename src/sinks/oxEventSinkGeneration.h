@@ -32,43 +32,42 @@ class oxEventActiveSink {
   std::string last_error_ OX_GUARDED_BY(mutex_);
 };
 
-// The sinks created from one load of the settings. A reload replaces the active generation: the new one becomes its
-// successor, and it becomes the predecessor of the new one and is retired. Both may write to the same file, so a
-// generation first drains its predecessor, that is, writes all rows that the predecessor's sinks have buffered, and
-// releases it; only then it delivers or flushes.
+// The sinks created from one load of the settings. A reload creates a new generation, which retires and replaces the
+// active one, its predecessor. Both may write to the same file, so the rows that the predecessor has buffered must come
+// first: before a generation delivers an event, it drains its predecessor and releases it. Draining a generation writes
+// all of its buffered rows, after those of its own predecessor, if it still has one.
+//
 // Ownership: shared by the sink set, by each thread that calls it and, until it is drained, by its successor.
 // Threads: any. No lock is held while a sink is called. Timeouts apply to each sink; 0 means no limit.
 class oxEventSinkGeneration {
  public:
   using Sinks = std::vector<std::unique_ptr<oxEventActiveSink>>;
 
-  // *drain_lost_rows is set when Drain finds that a sink has lost rows; it must outlive the generation.
+  // Drain sets *drain_lost_rows if a sink has lost rows; *drain_lost_rows must outlive the generation.
   oxEventSinkGeneration(Sinks sinks, std::atomic<bool>* drain_lost_rows)
       : sinks_(std::move(sinks)), drain_lost_rows_(drain_lost_rows) {}
 
-  // Retires `predecessor`, which may be null, and becomes its successor. Call before another thread can use this
-  // generation.
+  // Retires `predecessor`, which may be null, and replaces it. Call before another thread can use this generation.
   void Replace(std::shared_ptr<oxEventSinkGeneration> predecessor) OX_EXCLUDES(mutex_);
-  // From now on each delivery, even one that is in progress, ends with a drain.
+  // From now on each delivery, even one that is in progress, ends with a Drain.
   void Retire() { retired_ = true; }
 
   // Drains the predecessor, then delivers the event to every sink. Returns OXEVENT_FAILURE if a sink failed. Adds to
   // the counts, which may be null.
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
-  // For the active generation: drains the predecessor, then flushes every sink. Returns false if one of these sinks
-  // lost rows, or if another thread was writing to one of them, or to one of the predecessor's, for the whole timeout.
+  // Flushes the active generation: drains the predecessor, then flushes every sink. Returns false if a sink of this
+  // generation failed, or if a sink of either generation was busy: another thread was writing to it for the whole
+  // timeout.
   bool Flush(uint32_t timeout_ms);
-  // Writes the buffered rows of the predecessor and of this generation that can be written without waiting. The next
-  // Flush or Drain reports a failure.
+  // Like Flush, but writes only the rows that can be written without a long wait, and leaves it to the next Flush or
+  // Drain to report failures.
   void TryFlush();
 
-  // For a retired generation: drains the predecessor, then every sink. Returns true if no buffered rows are left: each
-  // row was written or, which *drain_lost_rows tells, lost. Returns false if another thread was writing to one of the
-  // sinks for the whole timeout; Drain must then be called again.
+  // Drains a retired generation: drains the predecessor, then every sink. Returns false if a sink was busy and still
+  // has buffered rows. Otherwise returns true, even if a sink lost rows; *drain_lost_rows is set then.
   bool Drain(uint32_t timeout_ms);
-  // Calls Drain for the predecessor, if there is one, and releases the predecessor unless Drain returned false. Returns
-  // false in that case.
+  // Drains the predecessor, if there is one, and releases it. Returns false, and keeps it, if its Drain returned false.
   bool DrainPredecessor(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   std::vector<oxEventSinkStatus> Report() const;

@@ -32,7 +32,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
 // sink that a reload replaced is still writing its last rows, or if such a sink lost rows, which is reported once.
 uint32_t oxEventSinkFlush(uint32_t timeout_ms);
 
-// Writes the buffered rows that can be written without waiting. Call before a wait during which the process may be
+// Writes the buffered rows that can be written without a long wait. Call before a wait during which the process may be
 // killed. The next flush reports a failure.
 void oxEventSinkTryFlush();
 

@@ -81,8 +81,7 @@ struct UtcCache {
   char text[sizeof("2023-11-14T22:13:20")] = {};
 };
 
-// ISO 8601: 2023-11-14T22:13:20Z, with nine fractional digits if they are not zero. `cache` may be null
-// in all functions.
+// ISO 8601: 2023-11-14T22:13:20Z, with nine fractional digits if they are not zero. `cache` may be null.
 void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
 // ISO 8601, always with nine fractional digits: 2023-11-14T22:13:20.000000000Z.
 void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache = nullptr);
