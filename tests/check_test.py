@@ -68,7 +68,7 @@ class CheckTest(unittest.TestCase):
         self.assertEqual(files(), before, "the tool must change no file")
         return done
 
-    def library_error(self):
+    def start_error(self):
         """The error text of oxEventInitialize; empty if the library starts, which completes the file."""
         text = ctypes.create_string_buffer(4096)
         if LIBRARY.oxEventInitialize(b"0.xml") == 0:
@@ -91,7 +91,7 @@ class CheckTest(unittest.TestCase):
             self.assertEqual(done.returncode, 2 if ": error " in severities else 1 if ": warning " in severities else 0)
             if done.returncode == 2:
                 last_line = self.run_tool("0.xml").stdout.splitlines()[-1]
-                error = self.library_error()
+                error = self.start_error()
                 outcome = f"not start: {error}" if error else "start without the sections named in the errors"
                 self.assertEqual(last_line, f"0.xml: the library would {outcome}")
 
@@ -382,7 +382,7 @@ good.xml: no problems
 
     def test_files_that_cannot_be_loaded(self):
         self.write("<config>\n\n<!-- a\n -- b\n--></config>")
-        self.expect_in_text("0.xml", "4:2", self.library_error(), "a comment with -- inside. Fix the file at this ")
+        self.expect_in_text("0.xml", "4:2", self.start_error(), "a comment with -- inside. Fix the file at this ")
         self.write("", "long.xml")
         os.truncate("long.xml", (64 << 20) + 1)
         for path, reason in (
@@ -396,7 +396,7 @@ good.xml: no problems
         for settings in (in_events('<!-- kept --><key name="core"><note>kept</note></key>'), DEFAULTS, ""):
             self.write(settings)
             completed = self.run_tool("--complete", "0.xml").stdout
-            self.assertEqual(self.library_error(), "")
+            self.assertEqual(self.start_error(), "")
             self.assertEqual(completed, Path("0.xml").read_text())
         self.assertEqual(completed, DEFAULTS)
         self.write({"core": {"queue_size": 0}})
