@@ -39,6 +39,7 @@ BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
 std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
+std::atomic<bool> g_threads_fail;
 std::atomic<bool> g_sends_raise_sigpipe;
 std::atomic<int> g_sigpipe_count;
 const auto g_on_sigpipe = signal(SIGPIPE, [](int) { ++g_sigpipe_count; });
@@ -46,6 +47,7 @@ const Faults g_faults([](std::string_view call, long) {
   if (call == "getaddrinfo" && g_lookups_hang) {
     for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
   }
+  if (call == "pthread_create" && g_threads_fail) return EAGAIN;
   if (call == "send" && g_sends_raise_sigpipe) raise(SIGPIPE);
   return 0;
 });
@@ -258,6 +260,12 @@ TEST(oxOSHTTPCommand, FailsAtTheDeadlineOrConnectTimeoutWhereverItStalls) {
   EXPECT_EQ(Send(silent.Url(), {.timeout_ms = 100}), kNoResponse);
   EXPECT_EQ(Send(in_header.Url(), {.timeout_ms = 100}), kNoResponse);
   EXPECT_EQ(Send(in_body.Url(), {.timeout_ms = 100}), kNoResponse);
+}
+
+TEST(oxOSHTTPCommand, FailsBeforeTheDeadlineIfNoLookupThreadCanBeStarted) {
+  g_threads_fail = true;
+  EXPECT_EQ(Send("http://unknown.test:9"), kNoResponse);
+  g_threads_fail = false;
 }
 
 TEST(oxOSHTTPCommand, LooksANameUpAgainWhenALookupHangs) {
