@@ -69,12 +69,14 @@ def see_also(pages):
 
 def table(rows):
     cells = [[cell.strip().replace("\\|", "|") for cell in re.split(r"(?<!\\)\|", row)[1:-1]] for row in rows]
+    titles = cells[0]
+    meaning = titles.index("Description") if "Description" in titles else 1
     out = ".Bl -tag -width Ds\n"
-    for term, meaning, *others in cells[2:]:
-        titled = zip(cells[0][2:], others, strict=True)
-        named = "".join(f" {title}: {cell.rstrip('.')}." for title, cell in titled if cell)
-        term = escape(term.strip("`")).replace('"', '""')
-        out += f".It Cm \"{term}\"\n{lines(meaning + named)}\n"
+    for row in cells[2:]:
+        others = [(title, cell) for title, cell in zip(titles, row, strict=True) if title not in (titles[0], titles[meaning])]
+        named = "".join(f" {title}: {cell.rstrip('.')}." for title, cell in others if cell)
+        term = escape(row[0].strip("`")).replace('"', '""')
+        out += f".It Cm \"{term}\"\n{lines(row[meaning] + named)}\n"
     return out + ".El\n"
 
 

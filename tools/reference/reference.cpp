@@ -88,10 +88,10 @@ void PrintSettings() {
     Print("\n## " + std::string(section.key) + (has_instances ? "\\NAME" : "") + "\n\n" +
           std::string(section.description));
     if (has_instances) Print(" If there is no instance, " + Code(section.default_instance) + " is created.");
-    Print("\n\n| Setting | Description | Accepts | Default |\n|---|---|---|---|\n");
+    Print("\n\n| Setting | Default | Description | Accepts |\n|---|---|---|---|\n");
     for (const oxEventSetting& setting : section.settings) {
-      Print("| " + Code(setting.name) + " | " + Cell(setting.description) + " | " + Cell(AcceptedBy(setting)) + " | " +
-            Code(oxEventSettingDefault(setting)) + " |\n");
+      Print("| " + Code(setting.name) + " | " + Code(oxEventSettingDefault(setting)) + " | " +
+            Cell(setting.description) + " | " + Cell(AcceptedBy(setting)) + " |\n");
     }
   }
 }
