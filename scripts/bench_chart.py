@@ -4,8 +4,10 @@ from statistics import median
 from typing import Callable, NamedTuple
 from xml.sax.saxutils import escape
 
-WIDTH, LEFT, RIGHT = 860, 150, 150  # Pixels. Left margin: labels; right margin: the value of the longest bar.
-TOP, ROW, HEADING, FOOT = 78, 19, 27, 46
+# Pixels. Narrow enough that the text can be read on a phone, which shows the chart in its own width.
+WIDTH, LEFT, RIGHT = 600, 135, 145  # Left margin: labels; right margin: the value of the longest bar.
+TOP, ROW, HEADING, FOOT = 80, 21, 29, 48
+FONT, SMALL_FONT, TITLE_FONT = 15, 14, 19
 MAX_LINEAR_RATIO = 30  # Values with a larger ratio get a logarithmic scale.
 
 
@@ -63,13 +65,13 @@ def bar_svg(bar, axis, y):
                 f'fill="{bar.colour}" opacity="{opacity}"/>')
 
     middle, low, high = median(bar.values), min(bar.ends()), max(bar.ends())
-    yield text_at(LEFT - 8, y + 13, bar.label, text_anchor="end")
+    yield text_at(LEFT - 8, y + 14, bar.label, text_anchor="end")
     if bar.tail is not None:
         yield rectangle(bar.tail, 0.35)
     yield rectangle(middle, 1)
     if bar.tail is None:
-        yield f'<path d="M{axis.x(low)} {y + 9}H{axis.x(high)}" stroke="#111" stroke-width="1.5"/>'
-    yield text_with_halo(max(axis.x(middle), axis.x(high)) + 7, y + 13, bar.text)
+        yield f'<path d="M{axis.x(low)} {y + 10}H{axis.x(high)}" stroke="#111" stroke-width="1.5"/>'
+    yield text_with_halo(max(axis.x(middle), axis.x(high)) + 7, y + 14, bar.text)
 
 
 def panel_svg(panel, top):
@@ -82,7 +84,7 @@ def panel_svg(panel, top):
     for tick in axis.ticks:
         out.append(f'<path d="M{axis.x(tick)} {top + 18}V{bottom + 4}" stroke="#ddd"/>')
         out.append(text_at(axis.x(tick), bottom + 19, panel.tick_label(tick), fill="#444", text_anchor="middle",
-                           font_size=12))
+                           font_size=SMALL_FONT))
     y = top + 14
     for heading, group in panel.groups:
         y += HEADING
@@ -99,8 +101,11 @@ def chart(title, subtitle, panels):
         elements, y = panel_svg(panel, y)
         body += elements
     height = y - 14
+    family = "Helvetica, Arial, 'DejaVu Sans', sans-serif"
     head = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{height}" viewBox="0 0 {WIDTH} {height}" '
-            'role="img" font-family="Helvetica, Arial, \'DejaVu Sans\', sans-serif" font-size="13" fill="#111">',
-            f"<title>{escape(title)}</title>", '<rect width="100%" height="100%" fill="#fff"/>',
-            text_at(20, 30, title, font_size=18, font_weight="bold"), text_at(20, 50, subtitle, fill="#444")]
+            f'role="img" font-family="{family}" font-size="{FONT}" fill="#111">',
+            f"<title>{escape(title)}</title>",
+            '<rect width="100%" height="100%" fill="#fff"/>',
+            text_at(20, 30, title, font_size=TITLE_FONT, font_weight="bold"),
+            text_at(20, 50, subtitle, font_size=SMALL_FONT, fill="#444")]
     return "\n".join([*head, *body, "</svg>\n"])

@@ -403,18 +403,24 @@ def load_section(end_to_end, load):
     return out
 
 
+def results_table(targets):
+    """Returns an empty string if there are no targets."""
+    rows = [[target.what, target.requirement, cell(target.values, target.units, " "), target.compared,
+             "" if target.values and target.is_met() else target.result()] for target in targets]
+    columns = 4 if not any(row[4] for row in rows) else 5
+    head = ["What", "Target", "Measured", "Compared values", "Result"]
+    return table(head[:columns], [row[:columns] for row in rows], "---|" * columns) if rows else ""
+
+
 def page(end_to_end, micro, machine, targets, notes):
-    results = [[target.what, target.requirement,
-                "–" if target.values is None else cell(target.values, target.units, " "), target.compared,
-                target.result() if target.values and target.is_met() else f"**{target.result()}**"]
-               for target in targets]
+    missed = results_table(target for target in targets if not target.values or not target.is_met())
     steps = [[f"`{name}`", formatted(median(micro(name)), TIME), value_range(micro(name), TIME)]
              for name in sorted(micro.names)]
     return string.Template(read(ROOT / "bench" / "performance.md.in")).substitute(
-        rounds=len(end_to_end.rounds), repetitions=micro.repetitions, notes=notes,
+        rounds=len(end_to_end.rounds), repetitions=micro.repetitions,
         machine=table(["Machine", ""], [[name, str(text)] for name, text in machine.items()], "---|---|").rstrip(),
-        targets=table(["What", "Target", "Measured", "Compared values", "Result"], results,
-                      "---|---|---|---|---|").rstrip(),
+        met=results_table(target for target in targets if target.values and target.is_met()).rstrip(),
+        missed=f"## Targets that are missed\n\n{missed}\n{notes}" if missed else "",
         loads="".join(load_section(end_to_end, load) for load in LOADS).rstrip(),
         micro_benchmarks=table(["Step", "Time", "Range"], steps, "---|---:|---:|").rstrip())
 
