@@ -9,15 +9,20 @@ install(FILES tools/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxeve
 install(FILES tools/oxevent-gdb.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent)
 install(FILES README.md CONTRIBUTING.md SECURITY.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN docs/man EXCLUDE PATTERN docs/site EXCLUDE)
-install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN CMakeLists.txt EXCLUDE)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/oxEvent)
 install(EXPORT oxEventTargets NAMESPACE oxEvent:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/oxEventConfig.cmake.in oxEventConfig.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(oxEventConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/oxEvent.pc.in oxEvent.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfigVersion.cmake
   DESTINATION ${package_dir})
+# pkg-config leaves out the directories that the compiler searches anyway, so the file has the real prefix, which is known
+# when the file is installed.
+set(prefix "@prefix@")
+configure_file(cmake/oxEvent.pc.in oxEvent.pc.in @ONLY)
+install(CODE "
+  get_filename_component(prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
+  configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc\" @ONLY)")
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
