@@ -1,5 +1,5 @@
-// spdlog's asynchronous logger with a file sink, followed by a sink that replaces the callback. Compiled once for each
-// overflow policy.
+// spdlog's asynchronous logger with a file sink, followed by a sink that reports each delivery, as the callback of the
+// library does in end_to_end_oxevent.cpp. Compiled once for each overflow policy.
 #include <spdlog/async.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>

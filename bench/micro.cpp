@@ -45,7 +45,7 @@ void Normalize(benchmark::State& state) {
 }
 BENCHMARK(Normalize);
 
-// One thread does both, so that it never waits.
+// One thread enqueues and pops, so that WaitPop never waits.
 void EnqueuePop(benchmark::State& state) {
   const oxEventRecord record = CompleteRecord();
   oxEventNormalizedEvent view;

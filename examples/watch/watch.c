@@ -66,7 +66,7 @@ static void Setup(Watcher* watcher) {
   watcher->file_system_full =
       Describe("folder.full", directory, OXEVENT_SEVERITY_ERROR, options->max_used_percent.value, 1, "percent");
   watcher->spool_full = Describe("spool.full", spool, OXEVENT_SEVERITY_WARNING, options->max_files.value, 1, "files");
-  // The age always grows: report it only when it has grown by another limit.
+  // The age grows all the time: report it again only after it has grown by more than the limit.
   watcher->spool_stale = Describe("spool.stale", spool, OXEVENT_SEVERITY_WARNING, options->max_age_s.value,
                                   options->max_age_s.value + 1, "s");
   watcher->load_high = Describe("load.high", "load", OXEVENT_SEVERITY_WARNING, options->max_load.value, 0.5, "");

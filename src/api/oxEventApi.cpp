@@ -181,7 +181,8 @@ uint32_t ReloadConfig(const char* config_path) {
   return OXEVENT_OK;
 }
 
-// While one exists, a shutdown is in progress. Construct it with g_oxEventMutex held, and destroy it without.
+// A shutdown is in progress while an object of this class exists. Construct it with g_oxEventMutex held, and destroy it
+// with the mutex released.
 class ShutdownInProgress {
  public:
   ShutdownInProgress() { g_oxEventShutdownInProgress = true; }

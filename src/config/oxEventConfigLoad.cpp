@@ -99,8 +99,6 @@ uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, cons
   oxEventSinkConfig sink;
   sink.type = section.type;
   sink.name = name;
-  const bool alarms_only = section.type == oxEventSinkType::kSnmpTrap || section.type == oxEventSinkType::kAlertmanager;
-  sink.minimum_severity = alarms_only ? uint32_t{OXEVENT_SEVERITY_WARNING} : config->minimum_severity;
   const uint32_t result = ReadSettings(store, section, key, config, &sink, bad_values, error);
   if (section.type == oxEventSinkType::kCloudEventsHttp) CopyToWebhookFields(&sink);
   config->sinks.push_back(std::move(sink));

@@ -10,8 +10,8 @@
 #include "config/oxEventConfig.h"
 
 // Tables of all settings: key, field, accepted values and description. A default is the initial value of the field,
-// unless the row has another one. The loader reads and completes a
-// settings file from these tables; the tools explain and check settings with them. The tables are constant.
+// unless the row has another one. The loader reads and completes a settings file from these tables; the tools explain
+// and check settings with them. The tables are constant.
 
 constexpr char kOxEventSettingsRoot[] = "QVX\\Events";
 

@@ -108,7 +108,7 @@ bool oxEventSinkGeneration::DrainPredecessor(uint32_t timeout_ms) {
   if (predecessor == nullptr) return true;
   if (!predecessor->Drain(timeout_ms)) return false;
   oxEventLock lock(mutex_);
-  predecessor_.reset();  // Destroys no sink under the lock: `predecessor` still refers to it.
+  predecessor_.reset();  // Destroys nothing under the lock: `predecessor` still owns the generation.
   has_predecessor_ = false;
   return true;
 }

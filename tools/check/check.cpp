@@ -48,7 +48,7 @@ struct Options {
 std::vector<Finding> CheckFile(SettingsFile* file, bool verbose) {
   std::vector<Finding> findings;
   if (file->Read(&findings)) {
-    FindGroups(file, &findings);
+    CheckStructure(file, &findings);
     CheckValues(*file, &findings);
     CheckSinks(file, &findings);
     CheckHttp(*file, &findings);

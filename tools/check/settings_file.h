@@ -44,14 +44,14 @@ struct SettingsFile {
 
   explicit SettingsFile(const std::string& file_path) : path(file_path) {}
 
-  // Returns false, after adding a finding, if the file cannot be read or parsed. FindGroups fills in `groups`.
+  // Returns false, after adding a finding, if the file cannot be read or parsed. CheckStructure fills in `groups`.
   bool Read(std::vector<Finding>* findings);
   Position PositionAt(size_t offset) const;
   Position PositionOf(pugi::xml_node element) const { return PositionAt(store.OffsetOf(element)); }
 };
 
 // Fills in the groups, and reports all elements that the library ignores.
-void FindGroups(SettingsFile* file, std::vector<Finding>* findings);
+void CheckStructure(SettingsFile* file, std::vector<Finding>* findings);
 
 // Check single values, whether the sinks would start (may set start_error), HTTP settings, and combinations of
 // settings.

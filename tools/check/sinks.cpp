@@ -14,8 +14,8 @@ using Sink = oxEventSinkConfig;
 
 constexpr uint32_t kMaxPort = 65535;
 
-// A setting that can keep a sink from starting, whatever the machine. `fix_others` makes the sink's other settings
-// valid, so that the factory fails because of this setting, before it accesses files or the network.
+// A setting whose value alone can keep a sink from starting, on any machine. `fix_others` makes the sink's other
+// settings valid, so that the factory fails because of this setting, before it accesses files or the network.
 struct StartRequirement {
   Type type;
   const char* setting;

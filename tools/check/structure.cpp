@@ -180,8 +180,8 @@ class StructureChecker {
       Warn("key-for-value", key, JoinPath(path, name), "is a key, so the library takes it for an instance of this name",
            "Settings are values in an instance key below " + path + ", such as " + section.default_instance + ".");
     } else if (HasOuterWhiteSpace(name)) {
-      Warn("blanks", key, JoinPath(path, name), "the name has leading or trailing white space, which counts",
-           "Remove it.");
+      Warn("blanks", key, JoinPath(path, name),
+           "the name has leading or trailing white space, which is part of the name", "Remove it.");
     }
   }
 
@@ -262,4 +262,4 @@ class StructureChecker {
 
 }  // namespace
 
-void FindGroups(SettingsFile* file, std::vector<Finding>* findings) { StructureChecker(file, findings).Run(); }
+void CheckStructure(SettingsFile* file, std::vector<Finding>* findings) { StructureChecker(file, findings).Run(); }

@@ -54,9 +54,9 @@ std::string UrlFault(const std::string& url) {
   if (!HasHttpScheme(url)) return "it begins with neither http:// nor https://";
   const size_t host_at = url.find("://") + 3;
   if (host_at == url.size() || std::string_view("/?#:").find(url[host_at]) != std::string_view::npos) return "no host";
-  const auto must_be_encoded = [](char c) { return c <= ' ' || c == 0x7F; };  // Bytes from 0x80 up are negative.
+  const auto must_be_encoded = [](unsigned char byte) { return byte <= ' ' || byte >= 0x7F; };
   if (std::any_of(url.begin(), url.end(), must_be_encoded))
-    return "spaces and non-ASCII characters must be written as %XX";
+    return "spaces, control characters and non-ASCII characters must be written as %XX";
   const Url parsed = NewUrl();
   const CURLUcode result = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
   return result == CURLUE_OK ? "" : curl_url_strerror(result);

@@ -61,7 +61,7 @@ class ValueChecker {
            "Shorten it.");
     }
     if (HasOuterWhiteSpace(text) && setting.form != Form::kHeaderLines) {
-      return Warn("blanks", "has leading or trailing white space, which counts",
+      return Warn("blanks", "has leading or trailing white space, which is part of the value",
                   "Remove it; the library does not trim.");
     }
     if (!text.empty()) return CheckSyntax();
@@ -90,7 +90,7 @@ class ValueChecker {
     const std::string remedy =
         words.empty() ? "Set a number above 0; the default is " + Default() + "."
         : HasOuterWhiteSpace(value_->text) && !ParseNumber32(value_->text)
-            ? "Remove the leading or trailing white space, which counts."
+            ? "Remove the leading or trailing white space, which is part of the value."
             : "Accepted (case-insensitive): " + List(words) + Suggestion(value_->text, NamesOf(words));
     findings_.push_back({Severity::kError, "bad-value", value_->position, bad->first, bad->second, remedy});
     return true;

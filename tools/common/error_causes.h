@@ -30,8 +30,9 @@ inline constexpr std::string_view kCsvWriteRemedy =
     "is free space, have the host call oxEventReloadConfig, which opens the file again. If this file itself has filled "
     "the disk, delete it first: the reload then closes the deleted file, which frees its space.";
 inline constexpr std::string_view kResolveRemedy =
-    "Run getent ahosts HOST on the machine of the process as the user of the process, and correct host or port, or use "
-    "an IP address instead of a name. The number is an error code of getaddrinfo. -2 or -5: the name does not exist or "
+    "On the machine where the process runs, and as the same user, run getent ahosts HOST, and correct host or port, or "
+    "use an IP address instead of a name. The number is an error code of getaddrinfo. -2 or -5: the name does not "
+    "exist or "
     "has no address; -3: the name server does not respond (try again); -4: the name server refuses the query; -8: the "
     "port is above 65535; -10: out of memory; -11: a system error.";
 inline constexpr std::string_view kSocketRemedy =
@@ -248,10 +249,12 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "the file size limit of the process is reached, or the device fails. The sink writes nothing more.",
      kCsvWriteRemedy},
     {oxEventErrors::kCsvBusy, ErrorOrigin::kDelivery,
-     "The worker thread was still writing to the file of a CSV sink when the timeout of a flush, or the timeout of a "
+     "Another thread, usually the worker, was still writing to the file of a CSV sink when the timeout of a flush, or "
+     "the timeout of a "
      "reload (1 s), expired. The rows are written once that write has completed.",
-     "Check what the path is: a pipe needs a reader, a network file system its server. cat /proc/PID/task/*/wchan "
-     "shows where the thread oxEvent is blocked. Otherwise, give oxEventFlush a longer timeout."},
+     "Check what the path is: a pipe needs a reader, and a network file system needs its server. grep . "
+     "/proc/PID/task/*/comm /proc/PID/task/*/wchan shows the name of each thread and where it is blocked; the worker's "
+     "name is oxEvent. Otherwise, give oxEventFlush a longer timeout."},
     {oxEventErrors::kSyslogSend, ErrorOrigin::kDelivery,
      "The system did not accept the datagram of an event for a collector below sink\\syslog\\udp. The event is lost "
      "for this sink; the sink continues with the next event.",
@@ -263,8 +266,9 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "contains an invalid character, or a token of the section contains a line end. After the last attempt, the event "
      "is lost for this sink, which will try the next one. (With retry_count 4294967295, every event fails without an "
      "attempt and without an error text.)",
-     "Run curl -v --noproxy '*' -H 'Content-Type: application/json' -d '{}' URL on the machine of the process as the "
-     "user of the process, with the header lines and the token of the section. If the endpoint is slow or temporarily "
+     "On the machine where the process runs, and as the same user, run curl -v --noproxy '*' -H 'Content-Type: "
+     "application/json' -d '{}' URL with the header lines and the token of the section. If the endpoint is slow or "
+     "temporarily "
      "unavailable, increase connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
     {oxEventErrors::kSnmpTrapOid, ErrorOrigin::kDelivery,
      "The trap_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",

@@ -553,7 +553,7 @@ class OxEventHandler(logging.Handler):
 
 
 def _at_exit():
-    # The worker must have finished Python's callbacks before the interpreter ends; otherwise it blocks forever.
+    # Finishes the callbacks before the interpreter ends: a worker that enters Python after that blocks forever.
     global _exiting
     with _lock:
         _exiting = True

@@ -19,8 +19,8 @@ members are named like the fields of oxEventRecord, as in the documents that the
   {"message": "Fan 2 stands still", "severity": "warning", "source_id": "fan-2", "value": 0}
 severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a string, an object
 or an array. null means that the field is not given. The options for fields of the event, and
-MESSAGE if it is given with --json, are the defaults of every line. Empty lines are ignored. A line that is refused is reported with its number
-and column; the other lines are sent.
+MESSAGE if it is given with --json, are the defaults of every line. Empty lines are ignored. A line
+that is refused is reported with its number and column; the other lines are sent.
 
 Without --rate, events are reported as fast as they are delivered, and none is lost to a full queue.
 With --rate, they are reported on time, and a full queue drops events according to its drop_policy.
