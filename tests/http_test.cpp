@@ -1,6 +1,5 @@
 // The HTTP client against servers, name servers and certificates that this file provides.
 #include <dlfcn.h>
-#include <grp.h>
 #include <openssl/pem.h>
 #include <sys/auxv.h>
 #include <sys/syscall.h>
@@ -16,33 +15,20 @@ using std::string;
 using std::string_literals::operator""s;
 using Strings = std::vector<string>;
 
-template <class Function>
-Function* Symbol(void* library, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(library, name));
-}
-
 int CountInheritableDescriptors() {
   int count = 0;
   for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) == 0;
   return count;
 }
-const int g_inherited_descriptors = CountInheritableDescriptors();  // From the program that started this one.
 
-void* LoadLibraryWithProxiesSet() {
-  for (const char* variable : {"http_proxy", "https_proxy", "ALL_PROXY"}) setenv(variable, "[::1]:1", 1);
-  return dlopen(OXUTIL_LIBRARY, RTLD_NOW);
-}
-void* const g_library = LoadLibraryWithProxiesSet();
-const auto g_command = Symbol<decltype(oxOSHTTPCommand)>(g_library, "oxOSHTTPCommand");
-
+const int g_proxy = setenv("ALL_PROXY", "[::1]:1", 1);  // Is ignored.
 BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
 std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
 std::atomic<bool> g_threads_fail;
-std::atomic<bool> g_sends_raise_sigpipe;
-std::atomic<int> g_sigpipe_count;
-const auto g_on_sigpipe = signal(SIGPIPE, [](int) { ++g_sigpipe_count; });
+std::atomic<bool> g_is_privileged;        // As a set-uid program is.
+std::atomic<bool> g_sends_raise_sigpipe;  // Which ends this process unless it is blocked.
 const Faults g_faults([](std::string_view call, long) {
   if (call == "getaddrinfo" && g_lookups_hang) {
     for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
@@ -54,12 +40,8 @@ const Faults g_faults([](std::string_view call, long) {
 const pid_t g_parent = getpid();
 extern "C" int __lsan_is_turned_off() { return getpid() != g_parent; }  // A child abandons its parent's connections.
 
-bool WaitUntil(const std::function<bool()>& condition) {
-  for (int i = 0; i < 20000 && !condition(); ++i) usleep(1000);
-  return condition();
-}
 void ExpectHungLookups(int count) {
-  EXPECT_TRUE(WaitUntil([&] { return g_lookups_hung >= g_lookups_released + count; }));
+  for (int i = 0; i < 20000 && g_lookups_hung < g_lookups_released + count; ++i) usleep(1000);
   EXPECT_EQ(g_lookups_hung, g_lookups_released + count);
 }
 void ReleaseHungLookups() {
@@ -90,14 +72,12 @@ string Send(const string& url, const Options& options = {}) {
   char* body = nullptr;
   int32_t status = -1;
   const auto start = std::chrono::steady_clock::now();
-  const bool success = g_command(url.c_str(), options.method, options.headers.empty() ? nullptr : headers.c_str(),
-                                 options.body.data(), int(options.body.size()), &body, &status, options.timeout_ms);
+  const bool success =
+      oxOSHTTPCommand(url.c_str(), options.method, options.headers.empty() ? nullptr : headers.c_str(),
+                      options.body.data(), int(options.body.size()), &body, &status, options.timeout_ms);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kLongMs / 2)) << url;
-  EXPECT_EQ(g_sigpipe_count.exchange(0), 0) << url;
-  const string result = (success ? "success " : "failure ") + std::to_string(status) + " ";
-  const string result_with_body = result + (body == nullptr ? "(null)" : body);
-  Symbol<decltype(OXFree)>(g_library, "OXFree")(body);
-  return result_with_body;
+  const std::unique_ptr<char, decltype(&OXFree)> owner(body, OXFree);
+  return (success ? "success " : "failure ") + std::to_string(status) + " " + (body == nullptr ? "(null)" : body);
 }
 
 const string kStatusLine = "HTTP/1.1 200 OK\r\n";
@@ -132,11 +112,6 @@ SSL_CTX* CreateTls(const char* host, bool is_trusted) {
 SSL_CTX* const g_tls = CreateTls("a.test", /*is_trusted=*/true);
 SSL_CTX* const g_untrusted_tls = CreateTls("a.test", /*is_trusted=*/false);
 SSL_CTX* const g_other_host_tls = CreateTls("b.test", /*is_trusted=*/true);
-
-TEST(oxOSHTTPCommand, StaysMappedAfterDlclose) {
-  EXPECT_EQ(dlclose(g_library), 0);
-  EXPECT_EQ(dlopen(OXUTIL_LIBRARY, RTLD_NOW | RTLD_NOLOAD), g_library);
-}
 
 TEST(oxOSHTTPCommand, SendsHeaderLinesThatAreNeitherDirectivesNorFraming) {
   const Strings plain = {"A: 1", "a:2", "E:", "User-Agent: u", "content-type: t"};
@@ -187,18 +162,14 @@ TEST(oxOSHTTPCommand, RefusesInvalidArguments) {
                              "\u00E4: 1", "X: 1\xA7X Y: 2"}) {
     EXPECT_EQ(Send(url, {.headers = {header}}), kNoResponse) << header;
   }
-  for (const char* method : {"", "GE T", "GET\r\nX: 1\r\n", "G:", "G@", "G[", "G{", "G\x7F"}) {
+  for (const char* method : {"", "GE T", "G\r\n", "G:", "G@", "G[", "G{", "G\x7F"}) {
     EXPECT_EQ(Send(url, {.method = method}), kNoResponse) << method;
   }
-  for (const string& bad : {url + "/a b", "ftp://" + server.HostAndPort("127.0.0.1"),
-                            "http://" + server.HostAndPort(""), "file:///etc/hosts?"s}) {
+  for (const string& bad : {url + "/a b", "ftp://" + server.HostAndPort("127.0.0.1")}) {
     EXPECT_EQ(Send(bad), kNoResponse) << bad;
   }
   EXPECT_EQ(Send(url, {.timeout_ms = 0}), kNoResponse);
-  EXPECT_EQ(g_command(nullptr, "POST", nullptr, "", 0, nullptr, nullptr, kLongMs), 0);
-  EXPECT_EQ(g_command(url.c_str(), nullptr, nullptr, "", 0, nullptr, nullptr, kLongMs), 0);
-  EXPECT_EQ(g_command(url.c_str(), "POST", nullptr, nullptr, 1, nullptr, nullptr, kLongMs), 0);
-  EXPECT_EQ(g_command(url.c_str(), "POST", nullptr, "", -1, nullptr, nullptr, kLongMs), 0);
+  EXPECT_EQ(oxOSHTTPCommand(url.c_str(), "POST", nullptr, "", -1, nullptr, nullptr, kLongMs), 0);
   EXPECT_EQ(server.AcceptedConnections(), 0u);
 }
 
@@ -206,8 +177,6 @@ TEST(oxOSHTTPCommand, ReturnsTheFinalResponseWithUpTo64KiBOfHeadersAndBody) {
   const string longest(65536, 'b'), interim = "HTTP/1.1 103 E\r\nContent-Length: 3\r\n\r\n";
   const struct {
     string answer, result;
-    const char* method = "POST";
-    bool closes = false;
   } cases[] = {{HeaderOfSize(65536) + "ok", kOk},
                {HeaderOfSize(65537) + "ok", kNoResponse},
                {HeaderWithLength("65536") + longest, "success 200 " + longest},
@@ -215,25 +184,21 @@ TEST(oxOSHTTPCommand, ReturnsTheFinalResponseWithUpTo64KiBOfHeadersAndBody) {
                {kChunked + JoinLines(Strings(65537, "1\r\nb")), "success 200 " + longest},
                {kChunked + "1\r\na\r\n0\r\nT: t\r\n\r\n", "success 200 a"},
                {"HTTP/1.1 200 OK\nContent-Length: 2\n\nok", kOk},
-               {HeaderWithLength("2"), "success 200 ", "HEAD"},
                {interim + "HTTP/1.1 201 C\r\nContent-Length: 1\r\n\r\nc", "success 201 c"},
                {"HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr", "failure 302 r"},
-               {"HTTP/1.0 503 \r\n\r\nno", "failure 503 no", "POST", true}};
+               {"HTTP/1.0 503 \r\n\r\nno", "failure 503 no"}};
   for (const auto& c : cases) {
-    HttpServer server({{c.answer, c.closes}});
-    EXPECT_EQ(Send(server.Url(), {.body = "", .method = c.method}), c.result) << c.answer.substr(0, 100);
+    HttpServer server({{c.answer, /*closes=*/true}});
+    EXPECT_EQ(Send(server.Url()), c.result) << c.answer.substr(0, 100);
   }
 }
 
 TEST(oxOSHTTPCommand, FailsUnlessTheResponseIsValidAndComplete) {
-  const string many_trailers = JoinLines(Strings(11000, "A: b"));
-  const string many_interim = JoinLines(Strings(3000, "HTTP/1.1 100 Continue\r\n"));
   const size_t descriptors = Entries("/proc/self/fd");
   for (const string& bytes :
        {kStatusLine, "HTTP/1.1 103 E\r\n\r\n" + kStatusLine, kStatusLine + "Content-Length: 2\r\n\r",
         HeaderWithLength("-1"), HeaderWithLength("9") + "short", HeaderWithLength("99999999999999999999") + "b",
-        HeaderWithLength("1\r\nContent-Length: 2") + "ok", many_interim + HeaderWithLength("0"),
-        kChunked + "0\r\n" + many_trailers + "\r\n"}) {
+        HeaderWithLength("1\r\nContent-Length: 2") + "ok"}) {
     HttpServer server({{.bytes = bytes, .closes = true}});
     EXPECT_EQ(Send(server.Url()), kNoResponse) << bytes.substr(0, 100);
   }
@@ -241,25 +206,21 @@ TEST(oxOSHTTPCommand, FailsUnlessTheResponseIsValidAndComplete) {
 }
 
 TEST(oxOSHTTPCommand, MarksItsDescriptorsCloseOnExec) {
+  const int inheritable = CountInheritableDescriptors();
   HttpServer server;
   EXPECT_EQ(Send(server.Url()), kOk);
-  EXPECT_EQ(CountInheritableDescriptors(), g_inherited_descriptors);
+  EXPECT_EQ(CountInheritableDescriptors(), inheritable);
 }
 
-TEST(oxOSHTTPCommand, FailsAtTheDeadlineOrConnectTimeoutWhereverItStalls) {
-  HttpServer unread(Answers{}), full(Answers{}), silent({{.bytes = ""}}), in_header({{.bytes = kStatusLine + "A"}}),
-      in_body({{kChunked + "5\r\na"}});
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(Send(full.Url(), {.timeout_ms = 50}), kNoResponse);  // Fills the backlog.
-  EXPECT_EQ(Send(unread.Url(), {.body = string(16 << 20, 'b'), .timeout_ms = 100}), kNoResponse);
+TEST(oxOSHTTPCommand, FailsAtTheDeadlineOrConnectTimeout) {
+  HttpServer silent({{.bytes = ""}});
   g_lookups_hang = true;
-  for (const string& url : {full.Url(), full.Url("a.test"), "https://" + silent.HostAndPort("127.0.0.1")}) {
+  for (const string& url : {silent.Url("a.test"), "https://" + silent.HostAndPort("127.0.0.1")}) {
     EXPECT_EQ(Send(url, {.timeout_ms = 100}), kNoResponse) << url;
     EXPECT_EQ(Send(url, {.headers = {"X-oxEvent-Connect-Timeout-Ms: 100"}}), kNoResponse) << url;
   }
   ReleaseHungLookups();
   EXPECT_EQ(Send(silent.Url(), {.timeout_ms = 100}), kNoResponse);
-  EXPECT_EQ(Send(in_header.Url(), {.timeout_ms = 100}), kNoResponse);
-  EXPECT_EQ(Send(in_body.Url(), {.timeout_ms = 100}), kNoResponse);
 }
 
 TEST(oxOSHTTPCommand, FailsBeforeTheDeadlineIfNoLookupThreadCanBeStarted) {
@@ -271,7 +232,6 @@ TEST(oxOSHTTPCommand, FailsBeforeTheDeadlineIfNoLookupThreadCanBeStarted) {
 TEST(oxOSHTTPCommand, LooksANameUpAgainWhenALookupHangs) {
   HttpServer server;
   const string url = server.Url("hung.test");
-  const size_t threads = Entries("/proc/self/task");
   g_lookups_hang = true;
   EXPECT_EQ(Send(url, {.timeout_ms = 50}), kNoResponse);
   ExpectHungLookups(1);
@@ -279,8 +239,6 @@ TEST(oxOSHTTPCommand, LooksANameUpAgainWhenALookupHangs) {
   EXPECT_EQ(Send(url, {.timeout_ms = 50}), kNoResponse);
   ExpectHungLookups(2);
   g_lookups_hang = false;
-  ++g_lookups_released;  // The first lookup returns. The second remains the newest.
-  EXPECT_TRUE(WaitUntil([&] { return Entries("/proc/self/task") <= threads + 1; }));
   g_clock_offset_s += 31;
   EXPECT_EQ(Send(url, {.timeout_ms = 50}), kNoResponse);  // Joins the second lookup, which has twice the time.
   g_clock_offset_s += 31;
@@ -336,26 +294,22 @@ TEST(oxOSHTTPCommand, RepeatsARequestOnlyOnceAndOnlyBeforeTheResponseBegins) {
   EXPECT_EQ(server.TakeRequests().size(), 5u);
 }
 
-TEST(oxOSHTTPCommand, ReplacesAKeptConnectionThatTheServerClosedOrSentMoreOn) {
-  HttpServer server(Answers{{.closes = true}, {}});
-  EXPECT_EQ(Send(server.Url()), kOk);
+TEST(oxOSHTTPCommand, ReplacesAKeptConnectionOnWhichMoreHasArrived) {
+  HttpServer server;
   EXPECT_EQ(Send(server.Url()), kOk);
   server.SendOnOpenConnections("HTTP/1.1 408 T\r\n\r\n");  // As proxies do.
   EXPECT_EQ(Send(server.Url()), kOk);
-  EXPECT_EQ(server.TakeRequests().size(), 3u);
-  EXPECT_EQ(server.AcceptedConnections(), 3u);
+  EXPECT_EQ(server.AcceptedConnections(), 2u);
 }
 
 TEST(oxOSHTTPCommand, OpensConnectionsOfItsOwnInAForkedChild) {
-  HttpServer plain, tls({{}}, g_tls);
-  const auto both_answer = [&] { return Send(plain.Url("a.test")) == kOk && Send(tls.Url("a.test")) == kOk; };
-  EXPECT_TRUE(both_answer());
-  EXPECT_EQ(InChild([&]() -> int { exit(both_answer() ? 0 : 1); }), 0);
-  EXPECT_TRUE(both_answer());
-  for (HttpServer* server : {&plain, &tls}) {
-    EXPECT_EQ(server->TakeRequests().size(), 3u);
-    EXPECT_EQ(server->AcceptedConnections(), 2u);
-  }
+  HttpServer server({{}}, g_tls);
+  const auto answers = [&] { return Send(server.Url("a.test")) == kOk; };
+  EXPECT_TRUE(answers());
+  EXPECT_EQ(InChild([&]() -> int { exit(answers() ? 0 : 1); }), 0);
+  EXPECT_TRUE(answers());
+  EXPECT_EQ(server.TakeRequests().size(), 3u);
+  EXPECT_EQ(server.AcceptedConnections(), 2u);
 }
 
 TEST(oxOSHTTPCommand, AcceptsAnInvalidCertificateOnlyOnRequest) {
@@ -379,59 +333,35 @@ TEST(oxOSHTTPCommand, RaisesNoSignalWhenTlsWritesToABrokenConnection) {
   g_sends_raise_sigpipe = false;
 }
 
-// Turns this program into a set-uid host if the environment says so.
-const bool g_is_set_uid_host = [] {
-  const char* const url = getenv("OXUTIL_TEST_URL");
-  if (url == nullptr) return false;
-  if (getauxval(AT_SECURE) == 0) _exit(1);
-  const string directory = getenv("OXUTIL_TEST_DIRECTORY"), settings = directory + "/settings.xml";
-  const int posted = g_command(url, "POST", nullptr, "{}", 2, nullptr, nullptr, kLongMs);
-  void* const library = dlopen(OXEVENT_LIBRARY, RTLD_NOW);
-  const uint32_t result = Symbol<decltype(oxEventInitialize)>(library, "oxEventInitialize")(settings.c_str());
-  char error[512];
-  Symbol<decltype(oxEventGetLastError)>(library, "oxEventGetLastError")(error, sizeof(error));
-  std::ofstream(directory + "/results") << posted << ' ' << std::hex << result << ' ' << error;
-  _exit(0);
-}();
-
-TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInASetUidHost) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can make a set-uid program";
+TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInAPrivilegedProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // In a new process, in which the client has not started yet.
   HttpServer server;
-  const HostFolder folder;
-  const string host = folder.path + "/host";
-  const string url = "OXUTIL_TEST_URL=" + server.Url(), directory = "OXUTIL_TEST_DIRECTORY=" + folder.path;
-  std::filesystem::copy_file("/proc/self/exe", host);
-  ASSERT_EQ(chmod(host.c_str(), 04755), 0);
-  ASSERT_EQ(chmod(folder.path.c_str(), 0755), 0);
-  WriteSettings(folder.path + "/settings.xml", "",
-                {{"sink\\webhook\\http\\w\\enabled", "1"}, {"sink\\webhook\\http\\w\\endpoint_url", server.Url()}});
-  for (const string variable : {"HARMLESS", "SSLKEYLOGFILE", "OPENSSL_ia32cap"}) {
-    const string setting = variable + "=" + folder.path + "/keys";
-    const int exit_code = InChild([&] {
-      const char* const environment[] = {url.c_str(), directory.c_str(), setting.c_str(), nullptr};
-      if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return 2;
-      return execle(host.c_str(), host.c_str(), nullptr, environment);
-    });
-    if (exit_code == 1) GTEST_SKIP() << "the set-uid bit has no effect here";
-    ASSERT_EQ(exit_code, 0) << variable;
-    const string refusal =
-        "0 80050005 oxEvent webhook sink cannot start with " + variable + " in the environment of a privileged process";
-    EXPECT_EQ(ReadFile(folder.path + "/results"), variable == "HARMLESS" ? "1 0 " : refusal);
-    EXPECT_FALSE(std::filesystem::exists(folder.path + "/keys"));
-  }
-  EXPECT_EQ(server.TakeRequests().size(), 1u);
+  const auto exit_after_request_with = [&](const char* variable) {
+    g_is_privileged = true;
+    setenv(variable, "/dev/null", 1);
+    exit(Send(server.Url()) == kOk ? 0 : 1);
+  };
+  EXPECT_EXIT(exit_after_request_with("HARMLESS"), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(exit_after_request_with("SSLKEYLOGFILE"), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(exit_after_request_with("OPENSSL_ia32cap"), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace
 
-// The executable's own definitions precede the C library's. The kernel does not know the clock's offset.
+// The executable's own definitions precede the C library's.
+unsigned long getauxval(unsigned long type) noexcept {
+  static const auto next = reinterpret_cast<decltype(&getauxval)>(dlsym(RTLD_NEXT, "getauxval"));
+  return type == AT_SECURE && g_is_privileged ? 1 : next(type);
+}
+// The kernel does not know the clock's offset.
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   const long result = syscall(SYS_clock_gettime, clock, now);
   if (clock == CLOCK_MONOTONIC) now->tv_sec += g_clock_offset_s;
   return int(result);
 }
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* until) {
-  static const auto next = Symbol<decltype(pthread_cond_clockwait)>(RTLD_NEXT, "pthread_cond_clockwait");
+  static const auto next =
+      reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
   const timespec end = {until->tv_sec - (clock == CLOCK_MONOTONIC ? g_clock_offset_s.load() : 0), until->tv_nsec};
   return next(condition, mutex, clock, &end);
 }
@@ -439,5 +369,5 @@ FILE* fopen64(const char* path, const char* mode) {
   char* certificates;
   const auto size = size_t(BIO_get_mem_data(g_system_certificates, &certificates));
   if (string(path).find("cert") != string::npos) return fmemopen(certificates, size, mode);
-  return Symbol<decltype(fopen64)>(RTLD_NEXT, "fopen64")(path, mode);
+  return reinterpret_cast<decltype(&fopen64)>(dlsym(RTLD_NEXT, "fopen64"))(path, mode);
 }
