@@ -4,6 +4,7 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 
+#include <atomic>
 #include <mutex>
 #include <thread>
 
@@ -17,13 +18,13 @@ struct Answer {
 
 using Answers = std::vector<Answer>;
 
-// Gives the n-th request the n-th answer, and later ones the last. Without answers it accepts no connection. Expects
-// each request in one piece. Threads: any; faults do not apply to the server's own thread.
+// Gives the n-th request the n-th answer, and later ones the last. Expects each request in one piece. Threads: any;
+// faults do not apply to the server's own thread.
 class HttpServer {
  public:
   explicit HttpServer(Answers answers = {{}}, SSL_CTX* tls = nullptr, sa_family_t family = AF_INET)
       : answers_(std::move(answers)), tls_(tls), listener_(LoopbackSocket(family, SOCK_STREAM, &port_)) {
-    EXPECT_EQ(listen(listener_, answers_.empty() ? 0 : 100), 0);
+    EXPECT_EQ(listen(listener_, 100), 0);
     thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
   }
   ~HttpServer() {
@@ -40,10 +41,7 @@ class HttpServer {
     const std::lock_guard lock(mutex_);
     return std::exchange(requests_, {});
   }
-  size_t AcceptedConnections() {
-    const std::lock_guard lock(mutex_);
-    return accepted_;
-  }
+  size_t AcceptedConnections() const { return accepted_; }
   void SendOnOpenConnections(const std::string& bytes) {
     const std::lock_guard lock(mutex_);
     for (BIO* const connection : connections_) BIO_write(connection, bytes.data(), int(bytes.size()));
@@ -65,7 +63,7 @@ class HttpServer {
         connections_.erase(connections_.begin() + long(i));
         polls.erase(polls.begin() + long(i) + 1);
       }
-      if (polls[0].revents != 0 && !answers_.empty()) polls.push_back({Accept(), POLLIN, 0});
+      if (polls[0].revents != 0) polls.push_back({Accept(), POLLIN, 0});
     }
     for (BIO* const connection : connections_) BIO_free_all(connection);
   }
@@ -95,6 +93,6 @@ class HttpServer {
   std::vector<BIO*> connections_;
   std::vector<std::string> requests_;
   size_t answered_ = 0;
-  size_t accepted_ = 0;
+  std::atomic<size_t> accepted_ = 0;
   std::jthread thread_;
 };
