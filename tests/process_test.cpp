@@ -307,6 +307,8 @@ void Unload() {
   Check(dlclose(ox->handle), 0);
   delete std::exchange(ox, nullptr);
   Check(ReadFile("/proc/self/maps").find("liboxEvent"), std::string::npos);
+  // Stays: the thread of a name lookup may return into it, however long after.
+  Check(ReadFile("/proc/self/maps").find("liboxutil") != std::string::npos, true);
 }
 
 void ForkChildren() {
