@@ -13,21 +13,6 @@ struct RouterTest : testing::Test {
   oxEventNormalizedEvent event;
 };
 
-TEST_F(RouterTest, RefusesToStartOrReloadWithoutAUsableConfiguration) {
-  config.queue_size = 0;
-  EXPECT_EQ(router.Start(nullptr), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_EQ(router.Start(&config), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_EQ(router.ReloadConfig(nullptr), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_EQ(router.ReloadConfig(&config), OXEVENT_INVALID_ARGUMENT);
-}
-
-TEST_F(RouterTest, StartsOnlyOnceUntilItIsStopped) {
-  EXPECT_EQ(router.Start(&config), OXEVENT_OK);
-  EXPECT_EQ(router.Start(&config), OXEVENT_ALREADY_INITIALIZED);
-  EXPECT_EQ(router.Stop(1000), OXEVENT_OK);
-  EXPECT_EQ(router.Start(&config), OXEVENT_OK);
-}
-
 TEST_F(RouterTest, IsNotInitializedUnlessItRuns) {
   EXPECT_EQ(router.Submit(event), OXEVENT_NOT_INITIALIZED);
   EXPECT_EQ(router.Flush(0), OXEVENT_NOT_INITIALIZED);
