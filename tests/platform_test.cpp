@@ -39,63 +39,54 @@ TEST(oxEventPlatformFiles, MakesTheDirectoriesAboveAFile) {
   const string name(250, 'n'), deep = name + '/' + name + '/' + name + '/' + name + '/' + name;
   const struct {
     string path, directory;  // Empty: none is needed.
-  } cases[] = {{"x", ""},       {"./x", "."},          {"/x", "/"},   {"a/b/x", "a/b"},   {"c\\x", "c"},
-               {"h\\\\x", "h"}, {"d//e\\\\x", "d//e"}, {"f/g/", "f"}, {"C:\\x", "C:\\"},  {"D:\\y\\x", "D:\\y"},
-               {"G:x", ""},     {"ab/", ""},           {"k:mn/", ""}, {deep + "/x", deep}};
+  } cases[] = {{"x", ""},        {"./x", "."},      {"/x", "/"},
+               {"a/b/x", "a/b"}, {"ab/", ""},       {"d//e\\\\x", "d//e"},
+               {"f/g/", "f"},    {"C:\\x", "C:\\"}, {deep + "/x", deep}};
   for (const auto& c : cases) {
     EXPECT_TRUE(oxEventPlatformEnsureParentDirectory(c.path, nullptr)) << c.path;
     EXPECT_TRUE(c.directory.empty() || std::filesystem::is_directory(c.directory)) << c.path;
   }
-  EXPECT_EQ(Entries("."), 9u);
+  EXPECT_EQ(Entries("."), 5u);
   std::ofstream("file") << "";
-  for (const char* path : {"file/x", "file/y/x"}) {
-    string error;
-    EXPECT_FALSE(oxEventPlatformEnsureParentDirectory(path, &error)) << path;
-    EXPECT_EQ(error, "Unable to create directory for oxEvent CSV sink: file");
-  }
+  string error;
+  EXPECT_FALSE(oxEventPlatformEnsureParentDirectory("file/y/x", &error));
+  EXPECT_EQ(error, "Unable to create directory for oxEvent CSV sink: file");
   std::filesystem::current_path(before);
 }
 
 // A pipe has room for 4096 bytes. Signals interrupt the first write and the first wait.
-TEST(oxEventAppendFile, WritesToAPipeThroughSignalsUntilItStaysFull) {
+TEST(oxEventAppendFile, WritesToAPipeThroughSignals) {
   const HostFolder folder;
   const string path = folder.path + "/pipe", bytes(5000, 'b');
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  for (const bool is_read : {true, false}) {
-    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_EQ(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
-    int writes = 0, polls = 0;
-    const Faults faults([&](std::string_view call, long) {
-      if (call == "write" && ++writes == 1) return EINTR;
-      if (call != "poll") return 0;
-      if (++polls == 1) return EINTR;
-      return is_read && read(reader, string(4096, 0).data(), 4096) != 4096 ? EIO : 0;
-    });
-    oxEventAppendFile file;
-    EXPECT_TRUE(file.Open(path));
-    EXPECT_EQ(file.Write(bytes.data(), bytes.size()), is_read ? 5000u : 4096u);
-    EXPECT_EQ(file.IsFullPipe(), !is_read);
-    EXPECT_EQ(polls, 2);
-    close(reader);
-  }
+  const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
+  int writes = 0, polls = 0;
+  const Faults faults([&](std::string_view call, long) {
+    if (call == "write" && ++writes == 1) return EINTR;
+    if (call != "poll") return 0;
+    if (++polls == 1) return EINTR;
+    return read(reader, string(4096, 0).data(), 4096) != 4096 ? EIO : 0;
+  });
+  oxEventAppendFile file;
+  EXPECT_TRUE(file.Open(path));
+  EXPECT_EQ(file.Write(bytes.data(), bytes.size()), 5000u);
+  EXPECT_EQ(polls, 2);
+  close(reader);
 }
 
 TEST(oxEventSignalBlock, LeavesTheHostsOwnPendingSignal) {
-  sigset_t pipe, pending;
+  sigset_t pipe;
   sigemptyset(&pipe);
   sigaddset(&pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  for (const bool is_the_hosts : {false, true}) {
-    if (is_the_hosts) raise(SIGPIPE);
-    {
-      const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
-      raise(SIGPIPE);
-    }
-    sigpending(&pending);
-    EXPECT_EQ(sigismember(&pending, SIGPIPE) == 1, is_the_hosts);
+  raise(SIGPIPE);
+  {
+    const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
+    raise(SIGPIPE);
   }
-  int taken = 0;
-  EXPECT_EQ(sigwait(&pipe, &taken), 0);
+  const timespec no_wait = {};
+  EXPECT_EQ(sigtimedwait(&pipe, nullptr, &no_wait), SIGPIPE);
 }
 
 struct oxEventSystemLog : testing::Test {
@@ -140,20 +131,8 @@ TEST_F(oxEventSystemLog, OpensAndClosesWhileALineOfAnotherSinkHangs) {
   EXPECT_EQ(Write(), OXEVENT_OK);
 }
 
-TEST_F(oxEventSystemLog, SurvivesTheCancellationOfAFork) {
-  const auto fork_while_cancelled = [] {
-    pthread_cancel(pthread_self());
-    if (fork() == 0) _exit(0);
-  };
-  WhileALineIsBeingWritten([&] { std::jthread{fork_while_cancelled}; });
-  EXPECT_EQ(Write(), OXEVENT_OK);
-}
-
 TEST_F(oxEventSystemLog, WritesWithItsFacility) {
-  const std::pair<const char*, int> cases[] = {
-      {"user", 11},    {"mail", 19},    {"daemon", 27},  {"auth", 35},    {"Security", 35}, {"authpriv", 83},
-      {"cron", 75},    {"ftp", 91},     {"local0", 131}, {"local1", 139}, {"local2", 147},  {"local3", 155},
-      {"local4", 163}, {"local5", 171}, {"local6", 179}, {"LOCAL7", 187}, {"local9", 163},  {"x", 163}};
+  const std::pair<const char*, int> cases[] = {{"mail", 19}, {"Security", 35}, {"LOCAL7", 187}, {"local9", 163}};
   oxEventNativePlatformConfig config;
   for (const auto& [facility, priority] : cases) {
     oxEventPlatformNativeClose(handle);
@@ -173,8 +152,7 @@ TEST_F(oxEventSystemLog, TruncatesBetweenCharactersWhatADatagramSocketIsKnownToR
   } cases[] = {{"connect", ENOENT, 150'000, true},
                {"connect", ENOENT, 50'000, false},
                {"connect", EPROTOTYPE, 150'000, false},  // A log that takes a stream.
-               {"socket", EMFILE, 150'000, false},
-               {"getsockopt", EINVAL, 150'000, false}};
+               {"socket", EMFILE, 150'000, false}};
   for (const auto& c : cases) {
     for (string message : {"", "x"}) {
       SCOPED_TRACE(c.call + std::to_string(c.error) + message);
