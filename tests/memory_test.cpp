@@ -96,7 +96,7 @@ TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
     ASSERT_LE(mappings, 12);
     ASSERT_LE(largest, 16 * 1024);
   }
-  int unmapped = 0;
+  std::atomic<int> unmapped = 0;
   const Faults faults([&](std::string_view call, long) {
     unmapped += call == "munmap";
     return 0;  // Lets the call through.
