@@ -9,7 +9,7 @@ Every code block is compiled or run, in order, in a copy of the tree for each pa
 <!-- not run: REASON -->          checked only for its syntax, and that its commands and paths exist
 "keeps running where installed": the rest of the page is skipped if a command is missing.
 """
-import json, os, re, shlex, shutil, signal, socket, subprocess, tempfile, unittest
+import json, os, random, re, shlex, shutil, signal, socket, subprocess, tempfile, unittest
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
@@ -18,12 +18,25 @@ import receivers
 
 PAGES = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")])
 FENCE = re.compile(r"^(?:<!-- ([a-z ]+): (.+?) -->\n)?^```(.*?)\n(.*?)^```$", re.S | re.M)
-PORTS = re.compile(r"\b(1162|2514|5140|808[0-2]|909[3-6])\b")  # Ports in pages and recipes, each replaced by a free one.
+PORTS = re.compile(r"\b(1162|2514|514[01]|808[0-2]|909[3-6]|10051)\b")  # Ports in pages and recipes, each replaced by a free one.
 SETTINGS = "<config>\n<key name='QVX'><key name='Events'>\n{}</key></key></config>\n"
 QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug</value></key><key name='sink'>
 <key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>
 <value name='enabled'>1</value><value name='path'>{}/seen.csv</value></key></key></key>""")
 FLAGS = ["-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
+
+
+def free_port():
+    """Returns a free TCP and UDP port of at most 32767, the highest that Zabbix accepts."""
+    for port in random.sample(range(10000, 32768), 100):
+        with socket.socket(type=socket.SOCK_STREAM) as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
+            try:
+                tcp.bind(("127.0.0.1", port))
+                udp.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                continue
+    raise OSError("no free port below 32768")
 
 
 class Page:
@@ -44,8 +57,7 @@ class Page:
             "OXEVENT_LIBRARY": f"{prefix}/lib/liboxEvent.so.1"}
 
     def local(self, text):
-        free = lambda: receivers.free_port(socket.SOCK_STREAM)
-        return PORTS.sub(lambda port: str(self.ports.setdefault(port[0], None) or self.ports.update({port[0]: free()})
+        return PORTS.sub(lambda port: str(self.ports.setdefault(port[0], None) or self.ports.update({port[0]: free_port()})
                                           or self.ports[port[0]]), text)
 
     def run(self):
@@ -159,7 +171,7 @@ class Page:
             assert child.poll() is None, f"{code}\nended: {child.stdout.read().decode()}"
 
     def close(self):
-        for child in self.running:
+        for child in reversed(self.running):  # A server stops before its database.
             try:
                 os.killpg(child.pid, signal.SIGTERM)
             except ProcessLookupError:
