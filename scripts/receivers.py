@@ -204,6 +204,19 @@ class Rsyslog(Receiver):
         return event | event.pop("event", {})  # Missing if the structured data is truncated.
 
 
+class SixDigits(Receiver):
+    """Relays to the UDP port `target_port`. Has no events of its own."""
+
+    kind = socket.SOCK_DGRAM
+
+    def command(self):
+        return ["rsyslogd", "-n", "-iNONE", "-f", RECIPES / "six-digits.conf"]
+
+    def environment(self):
+        return {"OXEVENT_SYSLOG_PORT": str(self.port), "OXEVENT_TARGET": "127.0.0.1",
+                "OXEVENT_TARGET_PORT": str(self.target_port)}
+
+
 class SnmpTrapd(Receiver):
     """Events contain the values of the objects by the names of the fields."""
 

@@ -105,6 +105,31 @@ class Test(unittest.TestCase):
     def test_rsyslog(self):
         self.check(receivers.Rsyslog, {"facility": "LOCAL5", "app_name": "the app"}, syslog_message)
 
+    def test_six_digits(self):
+        """The relay changes only the fraction of the timestamp: nine digits become six."""
+        library, target = (self.enterContext(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) for _ in range(2))
+        for receiver in (library, target):
+            receiver.bind(("127.0.0.1", 0))
+            receiver.settimeout(receivers.TIMEOUT_S)
+        directory = self.enterContext(tempfile.TemporaryDirectory())
+        off = {"enabled": 0}
+        debug = {"minimum_severity": "debug"}
+        sink = {"enabled": 1, "port": library.getsockname()[1]} | debug
+        receivers.write_settings(f"{directory}/settings.xml", {
+            "core": debug, "state": off, "sink\\native\\main": off, "sink\\syslog\\udp\\default": sink})
+        relay = receivers.SixDigits()
+        relay.target_port = target.getsockname()[1]
+        with relay.start(directory), oxevent.running(f"{directory}/settings.xml"):
+            for event in EVENTS:
+                oxevent.submit(**event)
+            oxevent.flush()
+            for event in EVENTS:
+                sent = library.recv(65536)
+                head, fraction, rest = re.fullmatch(rb"(<\d+>1 [0-9T:-]+\.)(\d{9})(Z .*)", sent, re.DOTALL).groups()
+                library.sendto(sent, ("127.0.0.1", relay.port))
+                with self.subTest(event_id=event["event_id"]):
+                    self.assertEqual(target.recv(65536), head + fraction[:6] + rest)
+
     def test_snmptrapd(self):
         self.check(receivers.SnmpTrapd, {}, trap)
 
