@@ -1,5 +1,7 @@
-# Compile and link options of every target in this project. -Wno-restrict: GCC 12 gives false warnings about operator+
-# of std::string.
+# Compile and link options of every target in this project. Flags that not every compiler or architecture has are used
+# where the compiler accepts them.
+include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
 
 if(OXEVENT_FUZZ AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   message(FATAL_ERROR "OXEVENT_FUZZ needs clang")
@@ -13,26 +15,43 @@ elseif(OXEVENT_SANITIZE)
   message(FATAL_ERROR "OXEVENT_SANITIZE must be empty, address or thread, not ${OXEVENT_SANITIZE}")
 endif()
 
+function(oxevent_add_if_supported flag)
+  string(MAKE_C_IDENTIFIER "OXEVENT_HAS${flag}" variable)
+  set(CMAKE_REQUIRED_FLAGS -Werror)
+  check_cxx_compiler_flag(${flag} ${variable})
+  target_compile_options(oxevent_options INTERFACE $<$<BOOL:${${variable}}>:${flag}>)
+endfunction()
+
 add_library(oxevent_options INTERFACE)
 target_compile_options(oxevent_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${OXEVENT_WERROR}>:-Werror>
   # Keeps the paths of the source and build directories out of the binaries.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=.
-  -fstack-protector-strong -fstack-clash-protection -fcf-protection
-  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>  # GCC 12 warns about operator+ of std::string without reason.
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
-# -z shstk marks the result as supporting the shadow stack. The linker would not do so by itself: the start files of the
-# C library support it but are not marked. The result is not marked as supporting indirect branch tracking, although our
-# code has landing pads, because the start files have none.
-target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,shstk -Wl,--as-needed)
+target_link_options(oxevent_options INTERFACE -Wl,--as-needed)
+if(OXEVENT_HARDENING)
+  foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
+    oxevent_add_if_supported(${flag})
+  endforeach()
+  target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+  # -z shstk marks the result as supporting the shadow stack. The linker would not do so by itself: the start files of
+  # the C library support it but are not marked. The result is not marked as supporting indirect branch tracking,
+  # although our code has landing pads, because the start files have none.
+  target_link_options(oxevent_options INTERFACE $<$<BOOL:${OXEVENT_HAS_fcf_protection}>:-Wl,-z,shstk>)
+endif()
 
 if(sanitizers)
   target_compile_options(oxevent_options INTERFACE -fsanitize=${sanitizers} -fno-sanitize-recover=all
                                                    -fno-omit-frame-pointer -g -DOXEVENT_SANITIZED)
   target_link_options(oxevent_options INTERFACE -fsanitize=${sanitizers})
-else()
+elseif(OXEVENT_HARDENING)
+  # Level 3 needs glibc 2.34 and GCC 12 or clang 9; headers that do not know it warn.
+  set(CMAKE_REQUIRED_FLAGS "-Werror -O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
+  check_cxx_source_compiles("#include <cstring>\nint main() {}" OXEVENT_HAS_FORTIFY_3)
+  unset(CMAKE_REQUIRED_FLAGS)
   target_compile_options(oxevent_options INTERFACE
-    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3>)
+    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=$<IF:$<BOOL:${OXEVENT_HAS_FORTIFY_3}>,3,2>>)
 endif()
 
 # Compiles a target as part of a shared library. -fno-gnu-unique: a unique symbol would keep the library loaded after

@@ -1,13 +1,25 @@
-// The normalization of records, and numbers.
+// The normalization of records, numbers, and what depends on the processor.
 #include <cmath>
 #include <random>
 
 #include "api/oxEventNormalize.h"
+#include "base/oxEventArchitecture.h"
 #include "base/oxEventNumber.h"
 #include "host_fixture.h"
 #include "platform/oxEventPlatformSystem.h"
 
 namespace {
+
+TEST(oxEventArchitecture, FindsTheFirstMatchOfSixteenBytes) {
+  oxEventByteMatches matches = {};
+  EXPECT_GE(oxEventFirstMatch(matches), 16u);
+  EXPECT_GE(oxEventFirstMatchPortable(matches), 16u);
+  for (size_t i = 16; i-- > 0;) {
+    matches[i] = 0xFF;
+    EXPECT_EQ(oxEventFirstMatch(matches), i);
+    EXPECT_EQ(oxEventFirstMatchPortable(matches), i);
+  }
+}
 
 TEST(oxEventNumber, ReadsAsPrintfWritesIt) {
   std::mt19937_64 random(1);

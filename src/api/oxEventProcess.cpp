@@ -23,20 +23,8 @@ void AfterForkInChild() {
   oxEventLastErrorResetAfterFork();
 }
 
-// The C++ runtime keeps a thread's exception state in thread-local storage. If a C host has loaded the runtime through
-// dlopen, a thread allocates that storage at its first exception, and if there is no memory, the C library ends the
-// process. A TLS descriptor for a variable in that storage makes the loader place the storage in the static TLS block,
-// which every thread has from its start. If the loader cannot do so, for example because the runtime is already in use,
-// dlopen succeeds nevertheless; with an initial-exec reference it would fail.
-void PlaceExceptionStateInStaticTls() {
-#if defined(__GLIBCXX__) && defined(__x86_64__)
-  void* descriptor;
-  asm volatile("leaq _ZSt15__once_callable@TLSDESC(%%rip), %%rax" : "=a"(descriptor));
-#endif
-}
-
 [[gnu::constructor]] void Load() {
-  PlaceExceptionStateInStaticTls();
+  oxEventPlaceExceptionStateInStaticTls();
   pthread_atfork(oxEventPlatformNativeBeforeFork, oxEventPlatformNativeAfterForkInParent, AfterForkInChild);
 }
 

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include "base/oxEventArchitecture.h"
+
 // Annotations for clang's -Wthread-safety; empty for other compilers.
 #if defined(__clang__)
 #define OX_THREAD(x) __attribute__((x))
@@ -29,7 +31,7 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
     constexpr int kSpins = 50;
     for (int i = 0; i < kSpins; ++i) {
       if (mutex_.try_lock()) return;
-      __builtin_ia32_pause();
+      oxEventSpinPause();
     }
     mutex_.lock();
   }

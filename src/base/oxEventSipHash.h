@@ -63,10 +63,10 @@ inline uint64_t oxEventSipHash(const oxEventSipKey& key, std::string_view text) 
     state.Mix(kRoundsPerWord);
     state.v0 ^= word;
   };
-  const auto word_at = [](const char* at) {
+  const auto word_at = [](const char* at) {  // Little-endian.
     uint64_t word = 0;
     std::memcpy(&word, at, kWord);
-    return word;
+    return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
   };
   const char* at = text.data();
   const size_t rest = text.size() % kWord;

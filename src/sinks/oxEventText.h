@@ -1,7 +1,5 @@
 #pragma once
 
-#include <emmintrin.h>
-
 #include <algorithm>
 #include <bit>
 #include <cstddef>
@@ -10,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/oxEventArchitecture.h"
 #include "base/oxEventNormalizedEvent.h"
 
 // Text formats of events. Each function appends to *out, which a caller may reuse. Strings are assumed to be UTF-8 and
@@ -20,12 +19,11 @@ namespace oxEventText {
 // vector of bytes, so it must combine comparisons with | instead of ||.
 template <class IsSpecial>
 size_t PlainLength(std::string_view text, IsSpecial is_special) {
-  using Bytes __attribute__((vector_size(16))) = unsigned char;
-  const auto first_special = [&](size_t begin) {  // Offset within 16 bytes; 32 if there is none.
+  using Bytes = oxEventByteMatches;
+  const auto first_special = [&](size_t begin) {  // Offset within 16 bytes; 16 or more if there is none.
     Bytes bytes;
     std::memcpy(&bytes, text.data() + begin, sizeof(bytes));
-    const int found = _mm_movemask_epi8(std::bit_cast<__m128i>(is_special(bytes)));
-    return static_cast<size_t>(std::countr_zero(static_cast<unsigned>(found)));
+    return oxEventFirstMatch(std::bit_cast<oxEventByteMatches>(is_special(bytes)));
   };
   size_t plain = 0;
   if (text.size() < sizeof(Bytes)) {
