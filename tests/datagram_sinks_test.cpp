@@ -68,13 +68,6 @@ TEST(oxEventSyslogUdpSink, SendsTheWholeEventWithItsFacility) {
   }
 }
 
-TEST(oxEventSyslogUdpSink, SendsDefaultsForEmptyHeaderFields) {
-  oxEventNormalizedEvent event = kFullEvent;
-  event.event_type = "";
-  const string header = " - oxEvent " + std::to_string(getpid()) + " - [";
-  EXPECT_NE(DatagramReceiver().Receive(kSyslog, event).find(header), string::npos) << header;
-}
-
 TEST(oxEventSyslogUdpSink, TruncatesAMessageTo8192Bytes) {
   const DatagramReceiver receiver;
   const string whole = receiver.Receive(kSyslog);
@@ -89,10 +82,7 @@ TEST(oxEventSyslogUdpSink, TruncatesAMessageTo8192Bytes) {
 
 string Hex(string_view bytes) {
   std::ostringstream hex;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    hex << std::hex << byte / 16 << byte % 16;
-  }
+  for (const char c : bytes) hex << std::hex << (c >> 4 & 15) << (c & 15);
   return hex.str();
 }
 
@@ -117,50 +107,24 @@ string Show(string_view ber) {
 }
 
 TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
-  const DatagramReceiver receiver;
+  DatagramReceiver receiver;
+  receiver.community = "c\xFF";
+  receiver.enterprise_oid = "1";
+  receiver.trap_oid = "1.3.128.4294967295";
   g_now_ms = 1290;
-  string expected = "30{02:01 'cobalt'a7{02:050a 02:00 02:00 30{30{06:2b06010201010300 43:0081 }";
-  expected += "30{06:2b060106030101040100 06:2b0601040181fd5901010001 }";
-  const string values[] = {"02:03 ",
-                           "'error'",
-                           "'18446744073709551615'",
-                           "'t t'",
-                           "'s\"\\]'",
-                           "'[n]\1\xFF'",
-                           "'A\t'",
-                           "'\"a\n\n\",b'",
-                           "'d\\'",
-                           "'\b\f\v\x1F\x7F/'",
-                           "'1700000000123456789'",
-                           "'{\"]'"};
-  char number = 0;
-  for (const string& value : values) {
-    ++number;
-    expected += "30{06:2b0601040181fd59010101" + Hex({&number, 1}) + "00 " + value + "}";
-  }
-  EXPECT_EQ(Show(receiver.Receive(kTrap)), expected + "}}}");
+  EXPECT_EQ(Show(receiver.Receive(kTrap)),
+            "30{02:01 'c\xFF'a7{02:050a 02:00 02:00 30{"
+            "30{06:2b06010201010300 43:0081 }30{06:2b060106030101040100 06:2b81008fffffff7f }"
+            "30{06:290100 02:03 }30{06:290200 'error'}30{06:290300 '18446744073709551615'}"
+            "30{06:290400 't t'}30{06:290500 's\"\\]'}30{06:290600 '[n]\1\xFF'}30{06:290700 'A\t'}"
+            "30{06:290800 '\"a\n\n\",b'}30{06:290900 'd\\'}30{06:290a00 '\b\f\v\x1F\x7F/'}"
+            "30{06:290b00 '1700000000123456789'}30{06:290c00 '{\"]'}}}}");
 }
 
-TEST(oxEventSnmpTrapSink, EncodesNumbersAndSettings) {
-  const struct {
-    uint32_t now_ms, severity;
-    string request_id, up_time, severity_value, severity_name;
-  } cases[] = {{2147483776, 2, "02:0080", "43:0cccccd9", "02:02", "warning"},
-               {UINT32_MAX, UINT32_MAX, "02:7fffffff", "43:19999999", "02:00ffffffff", "info"},
-               {9, 0, "02:09", "43:00", "02:00", "debug"}};
-  for (const auto& c : cases) {
-    DatagramReceiver receiver;
-    receiver.community = "c\xFF";
-    receiver.enterprise_oid = "1";
-    receiver.trap_oid = "1.3.128.4294967295";
-    g_now_ms = c.now_ms;
-    oxEventNormalizedEvent event = kFullEvent;
-    event.severity = c.severity;
-    const string expected = "30{02:01 'c\xFF'a7{" + c.request_id + " 02:00 02:00 30{30{06:2b06010201010300 " +
-                            c.up_time + " }30{06:2b060106030101040100 06:2b81008fffffff7f }30{06:290100 " +
-                            c.severity_value + " }30{06:290200 '" + c.severity_name + "'}";
-    EXPECT_EQ(Show(receiver.Receive(kTrap, event)).substr(0, expected.size()), expected);
-  }
+TEST(oxEventSnmpTrapSink, LimitsTheRequestIdTo31Bits) {
+  g_now_ms = UINT32_MAX;
+  const string expected = "'cobalt'a7{02:7fffffff 02:00 02:00 30{30{06:2b06010201010300 43:19999999 }";
+  EXPECT_NE(Show(DatagramReceiver().Receive(kTrap)).find(expected), string::npos);
 }
 
 TEST(oxEventSnmpTrapSink, TruncatesMessageAndDetailsTo2048Bytes) {
@@ -186,28 +150,23 @@ TEST(oxEventSnmpTrapSink, FailsForATrapOfMoreThan8192Bytes) {
 }
 
 TEST(oxEventSnmpTrapSink, StartsForVersion2cOnly) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"V2c", ""},
+      {"SnmpV3", "SNMPv3 requires a future external-library backend"},
+      {"1", "oxEvent SNMP trap sink currently supports SNMP v2c only"}};
   DatagramReceiver receiver;
-  const auto submit = [&](const char* version) {
+  for (const auto& [version, error] : cases) {
     receiver.version = version;
-    return SubmitThroughNewSink(kTrap, receiver);
-  };
-  for (const char* version : {"2C", "V2c", "SNMPv2c"}) EXPECT_EQ(submit(version), "") << version;
-  for (const char* version : {"3", "V3", "SnmpV3"}) {
-    EXPECT_EQ(submit(version), "SNMPv3 requires a future external-library backend") << version;
+    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), error);
   }
-  EXPECT_EQ(submit("1"), "oxEvent SNMP trap sink currently supports SNMP v2c only");
 }
 
 TEST(oxEventSnmpTrapSink, FailsForOidsThatAreNotValid) {
   DatagramReceiver receiver;
-  for (const string oid : {"1", "1.3.", "3.1", "1.40", "1.3.x", "1.3.4294967296"}) {
-    receiver.trap_oid = oid;
-    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP trap_oid: " + oid);
-  }
-  receiver.trap_oid = "2.40";
-  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "");
-  receiver.enterprise_oid = "x";
-  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP enterprise_oid: x");
+  receiver.enterprise_oid = "1.3.";
+  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP enterprise_oid: 1.3.");
+  receiver.trap_oid = "1.40";
+  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP trap_oid: 1.40");
 }
 
 TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
