@@ -15,7 +15,6 @@ from receivers import write_settings
 PYTHON = os.path.realpath(sys.executable)
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
 TRACE_POINTS = {"submit": 3, "drop": 4, "emit": 3, "sink_failure": 3, "flush": 1}  # Each with its number of arguments.
-WITHOUT_LIBRARY = "print(flush=True); input()"
 IDLE = "import ctypes, os; ctypes.CDLL(os.environ['OXEVENT_LIBRARY']); print(flush=True); input()"
 # A raised condition, and a full queue behind a callback that does not return.
 BUSY = r"""
@@ -95,13 +94,10 @@ class InsideTest(unittest.TestCase):
         pid = self.start_host(BUSY)
         shown = self.gdb("-p", pid, commands=[
             "break -probe-stap oxevent:drop",
-            "break -probe-stap oxevent:submit",
             f"shell echo one more > /proc/{pid}/fd/0",
             "continue",
-            r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3',
-            "continue",
-            r'printf "%lu %lu %lu\n", $_probe_arg0, $_probe_arg1, $_probe_arg2'])
-        self.assertRegex(shown, r"(?s)\n200 1 2 refused\n.*\n0 200 1\n")
+            r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3'])
+        self.assertIn("\n200 1 2 refused\n", shown)
 
     def test_says_what_is_missing(self):
         stripped = Path(self.directory, LIBRARY.name)
@@ -112,13 +108,10 @@ class InsideTest(unittest.TestCase):
         shutil.copy(stripped, f"{replaced}.new")
         os.rename(f"{replaced}.new", replaced)
         for pid, expected in (
-                (self.start_host(WITHOUT_LIBRARY), "liboxEvent.so is not loaded in this process\n"),
                 (self.start_host(IDLE), "counters: none yet\nqueue: none yet\nconditions: 0 raised\nsinks: none\n"),
                 (self.start_host(IDLE, stripped), f"{stripped} has no debug information: install liboxevent1-dbgsym"),
                 (pid_of_replaced, f"{replaced} is not the file that the process has loaded")):
             self.assertIn(expected, self.gdb("-p", pid))
-        self.assertIn("there is no process", self.gdb())
-        self.assertIn("'queue x' is none of counters, queue,", self.gdb(commands=["oxevent queue x"]))
 
 
 if __name__ == "__main__":

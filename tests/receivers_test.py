@@ -134,9 +134,7 @@ class Test(unittest.TestCase):
         self.check(receivers.SnmpTrapd, {}, trap)
 
     def test_nginx(self):
-        header = {
-            "status": "204", "method": "POST", "content_type": "application/json; charset=utf-8",
-            "accept": "application/json", "user_agent": "oxEvent/1.0", "authorization": "Bearer t"}
+        header = {"status": "204", "method": "POST", "authorization": "Bearer t"}
         self.check(receivers.HttpReceiver, {"bearer_token": "t"}, lambda event: header | native_json(event),
                    lambda received: received | json.loads(received["body"]))
 

@@ -1,10 +1,8 @@
 """How oxevent-send reads its input, and what it reports: send_test.py [-v] [SendTest.test_NAME...]."""
-import contextlib
 import csv
 import json
 import os
 import re
-import resource
 import signal
 import socket
 import subprocess
@@ -42,8 +40,6 @@ REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ('{"message": "m", "message": "n"}', "18: message: appears twice"),
     ('{"version": "65536"}', "13: version: must be 65536"),
     ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
-    ('{"ptss": 1}', "2: ptss: is not a field of an event; did you mean pts?"),
-    ('{"xqts": 1}', "2: xqts: is not a field of an event\n"),
     ('{"\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}', "2: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is not a field of an event"),
     ('{"' + 600 * "x" + '": 1}', "2: " + 500 * "x" + "\n"),
     ('{"event_id": 18446744073709551616}', "14: event_id: '18446744073709551616' is not a whole number from 0"),
@@ -102,12 +98,12 @@ class SendTest(unittest.TestCase):
         url = f"http://127.0.0.1:{server.getsockname()[1]}/"
         return {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 600000}
 
-    def start(self, *arguments, sections={}, **options):
-        """Starts the tool with a CSV sink and these sections."""
+    def start(self, *arguments, sections={}, launcher=(), **options):
+        """Starts the tool, with a CSV sink and these sections, through another program that launches it."""
         csv_sink = {"enabled": 1, "path": "events.csv", "flush_each_event": 1}
         write_settings(f"{self.directory}/settings.xml", {NATIVE: OFF, CSV: csv_sink} | sections)
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
-        command = [TOOL, "settings.xml", *arguments]
+        command = [*launcher, TOOL, "settings.xml", *arguments]
         return subprocess.Popen(command, cwd=self.directory, encoding="utf-8", **pipes | options)
 
     def send(self, *arguments, status=0, lines=(), sections={}, **options):
@@ -163,9 +159,8 @@ class SendTest(unittest.TestCase):
     def test_settings_that_the_library_refuses(self):
         error = self.send("m", sections={"core": {"drop_policy": "x"}}, status=2)[1]
         self.assertRegex(error, "^oxevent-send: Invalid .*\n    Set it to drop_newest")
-        for path, remedy in (("none.xml", "No such file;"), (256 * "x", "Check with namei")):
-            done = subprocess.run([TOOL, path, "m"], cwd=self.directory, stderr=subprocess.PIPE, text=True, check=False)
-            self.assertRegex(done.stderr, f"^oxevent-send: Unable .*\n    {remedy}")
+        done = subprocess.run([TOOL, "/none.xml", "m"], stderr=subprocess.PIPE, text=True, check=False)
+        self.assertRegex(done.stderr, "^oxevent-send: Unable .*\n    No such file;")
 
     def test_help_and_version(self):
         self.assertRegex(self.send("--version")[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
@@ -196,7 +191,6 @@ class SendTest(unittest.TestCase):
             NATIVE: {"enabled": 1, "minimum_severity": "error"},
             WEBHOOK: self.webhook(500, 200) | warnings,
             "sink\\cloudevents\\http\\c": cloudevents,
-            "sink\\alertmanager\\main": warnings,
             "sink\\syslog\\udp\\off": OFF,
             "sink\\syslog\\udp\\u": warnings | {"host": "", "port": 0},
             "sink\\snmp\\trap\\t": warnings | {"host": "localhost", "port": 0}}
@@ -209,24 +203,22 @@ class SendTest(unittest.TestCase):
             f"{CSV}: 2 written to {self.directory}/events.csv",
             f"{NATIVE}: 0, all are below its minimum_severity (error)",
             f"sink\\cloudevents\\http\\c: 2 accepted by {cloudevents['endpoint_url']}",
-            "sink\\alertmanager\\main: 2 formatted, not sent: posting them is the host's task",
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}",
             f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}"})
-        self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* POST failed.*\(the response had status 500\)\n"
+        self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .*\(the response had status 500\)\n"
                          "    Run curl.*\n"
                          "oxevent-send: reached no sink: 1, below the minimum_severity of every enabled sink\n$")
 
     def test_reports_why_events_were_not_delivered(self):
         stuck = {WEBHOOK: self.webhook(), "core": {"queue_size": 1}}
-        displacing = {WEBHOOK: self.webhook(), "core": {"queue_size": 1, "drop_policy": "drop_debug_info_first"}}
         burst = "m --count 500 --rate 1000000 --wait 1"
         for sections, arguments, expected in (
                 ({"core": OFF}, "m", r"0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
                 ({}, "m --severity debug", r"dropped: 1, below core\\minimum_severity \(info\)\n"),
                 (stuck, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n.*given up: [12] "),
-                (displacing, burst, "dropped: 49[89], the queue was full, and a newer event replaced it\n"),
                 ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or "),
                 ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or"),
+                ({CSV: {"enabled": 1, "path": "/dev/full"}}, "m", r"sink\\csv\\default: failed: .*\n    .*\n$"),
                 ({CSV: OFF}, "m", "emitted: 1\n.*no sink is enabled: no event was delivered\n")):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
@@ -243,34 +235,9 @@ class SendTest(unittest.TestCase):
                 self.assertRegex(errors, f"1 of 1 failed: oxEvent webhook POST failed: {url} {reason}")
 
     def test_reports_that_there_is_no_system_log(self):
-        write_settings(f"{self.directory}/settings.xml", {})
-        without_log = ["unshare", "--map-root-user", "--mount", "sh", "-c", 'mount -t tmpfs none /dev && exec "$@"', "sh"]
-        done = subprocess.run([*without_log, TOOL, "settings.xml", "m"], cwd=self.directory, capture_output=True, text=True,
-                              check=False)
-        self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stderr, r"^oxevent-send: sink\\native\\main: cannot connect to /dev/log \(No such file .*\)")
-
-    def test_reports_a_file_that_cannot_be_written(self):
-        def limit_file_size():
-            resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
-        errors = self.send(60000 * "m", status=1, preexec_fn=limit_file_size)[1]
-        self.assertRegex(errors, r"^oxevent-send: sink\\csv\\default: failed: .*\n    .*\n$")
-
-    def test_shows_progress_on_a_terminal_until_the_report(self):
-        for arguments, statuses, expected in (
-                ("--count 2", [], r"(\r2 of 2 submitted, 0 emitted\x1b\[K)+\r\x1b\[Koxevent-send: given up: 2"),
-                ("--count 2 --quiet", [200], "oxevent-send: given up: 1")):
-            reader, terminal = os.openpty()
-            webhook = {WEBHOOK: self.webhook(*statuses)}
-            process = self.start("m", "--wait", "3", *arguments.split(), sections=webhook, stderr=terminal)
-            os.close(terminal)
-            shown = b""
-            with contextlib.suppress(OSError):  # Raised when the tool has closed its end.
-                while part := os.read(reader, 65536):
-                    shown += part
-            os.close(reader)
-            process.communicate()
-            self.assertRegex(shown.decode(), "^" + expected)
+        without_log = ["unshare", "--map-root-user", "-m", "sh", "-c", 'mount -t tmpfs none /dev && exec "$@"', "sh"]
+        errors = self.send("m", status=1, sections={NATIVE: {"enabled": 1}}, launcher=without_log)[1]
+        self.assertRegex(errors, r"^oxevent-send: sink\\native\\main: cannot connect to /dev/log \(No such file .*\)")
 
     def test_closed_descriptors_do_not_become_those_of_sinks(self):
         errors = self.send("-", status=1, preexec_fn=lambda: os.close(0))[1]
@@ -286,16 +253,14 @@ class SendTest(unittest.TestCase):
         self.assertEqual(errors, "oxevent-send: line 2: longer than 64 MiB\noxevent-send: refused: 1\n")
 
     def test_a_signal_stops_the_reporting(self):
-        def ignore_hangup():
-            signal.signal(signal.SIGHUP, signal.SIG_IGN)
         stuck = {WEBHOOK: self.webhook()}
-        for number, arguments, sections, preexec, expected in (
-                (signal.SIGTERM, "-", {}, ignore_hangup, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
-                (signal.SIGHUP, "m --count 2 --rate 0.001", {}, None, "emitted: 1\n(?s:.*)stopped by SIGHUP\n$"),
-                (signal.SIGINT, "m --wait 1", stuck, None, "stopped by SIGINT\n.*given up: 1 still waiting")):
+        for number, arguments, sections, expected in (
+                (signal.SIGTERM, "-", {}, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
+                (signal.SIGHUP, "m --count 2 --rate 0.001", {}, "emitted: 1\n(?s:.*)stopped by SIGHUP\n$"),
+                (signal.SIGINT, "m --wait 1", stuck, "stopped by SIGINT\n.*given up: 1 still waiting")):
             with self.subTest(number.name):
                 before = len(self.rows())
-                process = self.start(*arguments.split(), sections=sections, preexec_fn=preexec)
+                process = self.start(*arguments.split(), sections=sections)
                 process.stdin.write('{"message": "m"}\n{"message": "torn')
                 process.stdin.flush()
                 await_("a row", lambda: len(self.rows()) > before)
@@ -307,15 +272,13 @@ class SendTest(unittest.TestCase):
     def test_a_second_signal_ends_it_at_once(self):
         process = self.start("m", "--wait", "0", sections={WEBHOOK: self.webhook()})
 
-        def catches_sigterm():
-            caught = re.search(r"SigCgt:\t(\w+)", Path(f"/proc/{process.pid}/status").read_text())[1]
-            return int(caught, 16) & 1 << (signal.SIGTERM - 1)
+        def ends():
+            process.send_signal(signal.SIGTERM)
+            return process.poll() is not None
 
         await_("the event", self.rows)
-        process.send_signal(signal.SIGTERM)
-        await_("the first signal", lambda: not catches_sigterm())
-        process.send_signal(signal.SIGTERM)
-        self.assertEqual(process.communicate(timeout=60), ("", ""))
+        await_("the end", ends)
+        self.assertEqual(process.communicate(), ("", ""))
         self.assertEqual(process.returncode, -signal.SIGTERM)
 
 
