@@ -227,7 +227,6 @@ class SendTest(unittest.TestCase):
     def test_reports_why_there_was_no_response(self):
         for url, reason in (
                 ("http://127.0.0.1:1/", r"\(Failed to connect to 127.0.0.1 port 1 "),
-                ("http://unknown.invalid/", r"\(Could not resolve host: unknown.invalid\)"),
                 (self.webhook()["endpoint_url"], r"\(no response, although the endpoint accepts connections\)")):
             with self.subTest(reason):
                 webhook = {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 500}
