@@ -102,6 +102,13 @@ TEST_F(oxEventHttpSink, RetriesAfterABackoff) {
   EXPECT_EQ(Post(), post + post);
 }
 
+TEST_F(oxEventHttpSink, FailsIfTheNumberOfAttemptsOverflows) {
+  config.retry_count = UINT32_MAX;
+  std::shared_ptr<oxEventSink> sink;
+  ASSERT_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
+  EXPECT_EQ(sink->Submit(kFullEvent, nullptr, nullptr), OXEVENT_FAILURE);
+}
+
 TEST_F(oxEventHttpSink, PostsCloudEventsWithTheSettingsOfTheirSection) {
   const HostFolder folder;
   const string file = folder.path + "/settings", section = "sink\\cloudevents\\http\\a\\";
