@@ -221,7 +221,7 @@ TEST_F(ProcessTest, ExitDiscardsTheQueueAndWritesRowsBeforeItWaitsForTheDelivery
     Check(listen(server, 9), 0);
     WriteSettings("http.xml", "events.csv",
                   {{"sink\\webhook\\http\\x\\enabled", "1"},
-                   {"sink\\webhook\\http\\x\\request_timeout_ms", "90000"},
+                   {"sink\\webhook\\http\\x\\request_timeout_ms", "300000"},
                    {"sink\\webhook\\http\\x\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)}});
     Check(ox->ReloadConfig("http.xml"), OXEVENT_OK);
     Submit(1);
