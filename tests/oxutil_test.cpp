@@ -224,7 +224,8 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
     return Set(store, "", "v", Get(store, "", "v").value_or("") + "1") && Save(store);
   };
   // Version 2 of Linux's access lists, with an entry for one more user.
-  const uint32_t list[] = {2, 0x60001, ~0u, 0x40002, user_ + 1, 0x40004, ~0u, 0x40010, ~0u, 0x20, ~0u};
+  uint32_t list[] = {2, 0x60001, ~0u, 0x40002, user_ + 1, 0x40004, ~0u, 0x40010, ~0u, 0x20, ~0u};
+  std::transform(std::begin(list), std::end(list), list, [](uint32_t word) { return htole32(word); });
   ASSERT_EQ(setxattr(directory_.c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
   Write("<config/>");
   ASSERT_EQ(removexattr(path_.c_str(), kAcl), 0);
