@@ -18,7 +18,8 @@ import receivers
 
 PAGES = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")])
 FENCE = re.compile(r"^(?:<!-- ([a-z ]+): (.+?) -->\n)?^```(.*?)\n(.*?)^```$", re.S | re.M)
-PORTS = re.compile(r"\b(1162|2514|514[01]|808[0-2]|909[3-6]|10051)\b")  # Ports in pages and recipes, each replaced by a free one.
+# The ports in pages and recipes, each of which is replaced by a free one.
+PORTS = re.compile(r"\b(1162|2514|4370|514[01]|5672|808[0-2]|909[3-6]|10051|25672)\b")
 SETTINGS = "<config>\n<key name='QVX'><key name='Events'>\n{}</key></key></config>\n"
 QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug</value></key><key name='sink'>
 <key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>

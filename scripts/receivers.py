@@ -29,7 +29,7 @@ import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
-TIMEOUT_S = 30  # Generous, for busy machines: everything waited for is expected to happen.
+TIMEOUT_S = 120  # Generous, for busy machines: everything waited for is expected to happen.
 PR_SET_PDEATHSIG = 1
 AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may have no other user for nginx's workers.
 

@@ -1,57 +1,65 @@
 #!/usr/bin/python3
-"""Reads all events from the broker of nchan.conf: subscriber.py URL LOG
+"""Stores all events of the queue "oxevent" of a broker in an SQLite database: subscriber.py URL DATABASE
 
-Writes each event as one line of LOG before it requests the next one: a JSON object with the position in the broker and
-the document as a string. A restart continues after the last complete line. Reports gaps in the ids of a source on stderr.
+Acknowledges an event only when it is stored, so that the broker delivers it again after a failure. An event that is
+already in the database is a duplicate: it is reported on stderr and acknowledged.
 """
 import json
+import sqlite3
 import sys
 import time
-import urllib.error
-import urllib.request
+
+import pika
+
+# A document that lacks one of the four fields is always stored: null differs from null in a primary key.
+SCHEMA = """CREATE TABLE IF NOT EXISTS events (
+  utc_ns INTEGER, hostname TEXT, procid TEXT, event_id INTEGER, document TEXT NOT NULL,
+  PRIMARY KEY (utc_ns, hostname, procid, event_id))"""
+BATCH_SIZE = 100  # Events that the broker sends before it waits for an acknowledgement.
 
 
-def report_gap(document, last_ids):
-    """Reports ids of the source that are missing before this event. `last_ids`: the highest id of each source so far."""
+def identity(document):
+    """Returns what identifies an event, even across restarts of its host."""
     try:
-        event = json.loads(document)
-        source, number = event["source"], int(event["id"])
+        fields = json.loads(document)
+        key = fields["event"]["utc_ns"], fields["hostname"], fields["procid"], fields["event"]["event_id"]
     except (ValueError, TypeError, KeyError):
-        return  # Not a CloudEvent from oxEvent; it is still logged.
-    last = last_ids.get(source, 0)
-    if number > last + 1:
-        print(f"{source}: {last + 1} to {number - 1} missing before {number}", file=sys.stderr, flush=True)
-    last_ids[source] = max(number, last)
+        key = ()
+    if len(key) == 4 and all(isinstance(part, str) for part in key):
+        return key
+    return None, None, None, None  # Not an event of oxEvent, or truncated in transit.
+
+
+def store(database, body):
+    document = body.decode("utf-8", "replace")
+    key = identity(document)
+    if database.execute("INSERT OR IGNORE INTO events VALUES (?, ?, ?, ?, ?)", (*key, document)).rowcount == 0:
+        print("duplicate:", *key, file=sys.stderr, flush=True)
+
+
+def receive(url, database):
+    """Stores events until the connection fails."""
+    with pika.BlockingConnection(pika.URLParameters(url)) as connection:
+        channel = connection.channel()
+        channel.queue_declare("oxevent", durable=True)
+        channel.basic_qos(prefetch_count=BATCH_SIZE)
+        for method, _, body in channel.consume("oxevent"):
+            store(database, body)
+            if channel.get_waiting_message_count() == 0:  # Commits and acknowledges all that have arrived, at once.
+                database.commit()
+                channel.basic_ack(method.delivery_tag, multiple=True)
 
 
 def main(url, path):
-    position, last_ids = {}, {}
-    with open(path, "a+b") as log:
-        log.seek(0)
-        complete_bytes = 0
-        for line in log:
-            if not line.endswith(b"\n"):
-                log.truncate(complete_bytes)  # A crash interrupted the write of the last line.
-                break
-            complete_bytes += len(line)
-            entry = json.loads(line)
-            position = entry["position"]
-            report_gap(entry["document"], last_ids)
-        while True:
-            try:
-                with urllib.request.urlopen(urllib.request.Request(url, headers=position)) as response:
-                    document = response.read().decode("utf-8", "surrogateescape")
-                    position = {"If-Modified-Since": response.headers["Last-Modified"],
-                                "If-None-Match": response.headers["Etag"]}
-            except OSError as error:
-                if isinstance(error, urllib.error.HTTPError) and error.code in (304, 408):
-                    continue  # No event before the broker's timeout.
-                print(f"{url}: {error}", file=sys.stderr, flush=True)
-                time.sleep(1)
-                continue
-            log.write(json.dumps({"position": position, "document": document}).encode() + b"\n")
-            log.flush()
-            report_gap(document, last_ids)
+    database = sqlite3.connect(path)
+    database.execute(SCHEMA)
+    while True:
+        try:
+            receive(url, database)
+        except (pika.exceptions.AMQPError, OSError) as error:
+            database.rollback()  # The broker delivers again what was not acknowledged.
+            print(f"subscriber.py: {error!r}", file=sys.stderr, flush=True)
+            time.sleep(1)
 
 
 if __name__ == "__main__":

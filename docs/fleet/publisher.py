@@ -1,0 +1,33 @@
+#!/usr/bin/python3
+"""Publishes each line of standard input to the queue "oxevent" of a broker: publisher.py URL
+
+rsyslog starts it as rsyslog-broker.conf describes. Writes "OK" when it is connected, and again for each line when the
+broker has confirmed it, which it does only when it has written the event to its disk. Ends at any failure; rsyslog then
+starts it again and repeats the line that was not confirmed.
+"""
+import sys
+
+import pika
+
+PERSISTENT = pika.BasicProperties(content_type="application/json", delivery_mode=2)
+
+
+def main(url):
+    parameters = pika.URLParameters(url)
+    parameters.heartbeat = 0  # Nothing would answer heartbeats while the program waits for a line.
+    channel = pika.BlockingConnection(parameters).channel()
+    channel.queue_declare("oxevent", durable=True)
+    channel.confirm_delivery()
+    print("OK", flush=True)
+    for line in sys.stdin.buffer:
+        channel.basic_publish("", "oxevent", line.rstrip(b"\n"), PERSISTENT, mandatory=True)
+        print("OK", flush=True)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 2:
+        sys.exit(__doc__)
+    try:
+        main(sys.argv[1])
+    except (pika.exceptions.AMQPError, OSError) as error:
+        sys.exit(f"publisher.py: {error!r}")
