@@ -1,4 +1,3 @@
-// Owns a file descriptor.
 #pragma once
 
 #include <unistd.h>
@@ -6,6 +5,16 @@
 #include <cerrno>
 #include <utility>
 
+// Repeats a system call until no signal interrupts it, and returns its result.
+template <class Call>
+auto oxCFGRepeatIfInterrupted(Call call) {
+  while (true) {
+    const auto result = call();
+    if (result != -1 || errno != EINTR) return result;
+  }
+}
+
+// Owns a file descriptor.
 class oxCFGDescriptor {
  public:
   explicit oxCFGDescriptor(int fd = -1) : fd_(fd) {}

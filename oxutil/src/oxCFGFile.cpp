@@ -18,7 +18,7 @@ bool IsAcceptable(const struct stat& file) {
 bool ReadAll(int fd, std::string* bytes) {
   char chunk[16 * 1024];
   for (;;) {
-    const ssize_t size = TEMP_FAILURE_RETRY(read(fd, chunk, sizeof(chunk)));
+    const ssize_t size = oxCFGRepeatIfInterrupted([&] { return read(fd, chunk, sizeof(chunk)); });
     if (size <= 0) return size == 0;
     bytes->append(chunk, static_cast<size_t>(size));
     if (bytes->size() > oxCFGFile::kMaxBytes) return false;

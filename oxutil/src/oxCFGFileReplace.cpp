@@ -21,6 +21,10 @@
 
 namespace {
 
+bool SyncDescriptor(const oxCFGDescriptor& descriptor) {
+  return oxCFGRepeatIfInterrupted([&] { return fsync(descriptor.Get()); }) == 0;
+}
+
 constexpr char kAclAttribute[] = "system.posix_acl_access";
 
 // Keeps a write beyond the file-size limit of the process from raising SIGXFSZ, whose default action ends the host. A
@@ -63,7 +67,7 @@ class NewFile {
   // Copies owner, group and mode from `status`, and the extended attributes, with the access control list, from the
   // file.
   bool CopyAccess(const std::string& target_path, const struct stat& status);
-  bool Sync() { return TEMP_FAILURE_RETRY(fsync(file_.Get())) == 0 && file_.Close(); }
+  bool Sync() { return SyncDescriptor(file_) && file_.Close(); }
   bool Rename(const std::string& target);
 
  private:
@@ -92,7 +96,7 @@ bool NewFile::Create(const std::string& target) {
 
 bool NewFile::Write(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t written = TEMP_FAILURE_RETRY(write(file_.Get(), bytes.data(), bytes.size()));
+    const ssize_t written = oxCFGRepeatIfInterrupted([&] { return write(file_.Get(), bytes.data(), bytes.size()); });
     if (written <= 0) return false;
     bytes.remove_prefix(static_cast<size_t>(written));
   }
@@ -179,5 +183,5 @@ bool oxCFGFile::Replace(std::string_view bytes) {
   if (!file.Rename(name_)) return false;
   if (fstatat(directory.Get(), name_.c_str(), &status_, AT_SYMLINK_NOFOLLOW) != 0) return false;
   // Some file systems cannot sync directories.
-  return TEMP_FAILURE_RETRY(fsync(directory.Get())) == 0 || errno == EINVAL || errno == ENOTSUP;
+  return SyncDescriptor(directory) || errno == EINVAL || errno == ENOTSUP;
 }

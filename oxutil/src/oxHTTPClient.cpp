@@ -24,6 +24,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr long kMaxPollMs = 1000;
+#if LIBCURL_VERSION_NUM >= 0x075800
+constexpr unsigned kAsciiHost = CURLU_PUNYCODE;
+#else
+constexpr unsigned kAsciiHost = 0;  // A host name that is not ASCII is not found.
+#endif
+
 constexpr int kTcpEstablished = 1;  // <netinet/tcp.h> defines it, but conflicts with <linux/tcp.h>.
 
 // Rounds up: a poll with a timeout of 0 shortly before the deadline would busy-wait.
@@ -185,7 +191,7 @@ bool oxHTTPClient::SetUrl(const char* url) {
   if (url == url_) return true;
   const std::unique_ptr<CURLU, UrlFree> parts(ThrowIfNull(curl_url()));
   if (curl_url_set(parts.get(), CURLUPART_URL, url, 0) != CURLUE_OK) return false;
-  host_ = UrlPart(parts.get(), CURLUPART_HOST, CURLU_PUNYCODE);
+  host_ = UrlPart(parts.get(), CURLUPART_HOST, kAsciiHost);
   port_ = UrlPart(parts.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
   origin_ = OriginOf(url);
   url_ = url;
@@ -207,7 +213,11 @@ bool oxHTTPClient::SetUp(const oxHTTPRequest& request, oxHTTPHeader header) {
   curl_easy_reset(easy_);
   header_ = std::move(header);
   Set(easy_, CURLOPT_URL, request.url);
+#if LIBCURL_VERSION_NUM >= 0x075500
   Set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+#else
+  Set(easy_, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
+#endif
   Set(easy_, CURLOPT_PROXY, "");  // Ignores proxy settings in the environment.
   Set(easy_, CURLOPT_NOSIGNAL, 1L);
   Set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));

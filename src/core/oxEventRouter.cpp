@@ -38,7 +38,8 @@ uint32_t oxEventRouter::Start(const oxEventConfig* config) {
   if (running_ != nullptr) return OXEVENT_ALREADY_INITIALIZED;
   if (closed_) return OXEVENT_NOT_INITIALIZED;  // The process is exiting.
   auto run = std::make_shared<Run>();
-  retired_.reserve(retired_.size() + 1);  // So that Stop on the worker needs no memory.
+  if (!retired_) retired_.emplace();
+  retired_->reserve(retired_->size() + 1);  // So that Stop on the worker needs no memory.
   run->Configure(*config);
   run->state.Configure(*config);
   run->queue.Start(config->queue_size, config->drop_policy);
@@ -87,7 +88,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     if (running_ == nullptr) return OXEVENT_NOT_INITIALIZED;
     running_ = nullptr;
     run = run_;
-    if (run->IsWorker()) retired_.push_back(run);
+    if (run->IsWorker()) retired_->push_back(run);
   }
   run->queue.StopAccepting();
   slots_.WaitForInFlightSubmits();
@@ -131,10 +132,11 @@ void oxEventRouter::Reap() {
   std::vector<SharedRun> ended;
   {
     oxEventLock lock(mutex_);
-    const auto begin = std::partition(retired_.begin(), retired_.end(),
+    if (!retired_) return;
+    const auto begin = std::partition(retired_->begin(), retired_->end(),
                                       [](const SharedRun& run) { return !run->HasEnded() || run->IsWorker(); });
-    ended.assign(std::make_move_iterator(begin), std::make_move_iterator(retired_.end()));
-    retired_.erase(begin, retired_.end());
+    ended.assign(std::make_move_iterator(begin), std::make_move_iterator(retired_->end()));
+    retired_->erase(begin, retired_->end());
   }
   for (const SharedRun& run : ended) run->JoinWorker();
 }
@@ -166,7 +168,7 @@ void oxEventRouter::Close() {
   {
     oxEventLock lock(mutex_);
     last.swap(run_);
-    runs.swap(retired_);
+    if (retired_) runs.swap(*retired_);
   }
   // End all runs before joining any: a callback in one run may be waiting for the events of another run.
   if (last != nullptr) End(*last);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "base/oxEventMutex.h"
@@ -83,8 +84,9 @@ class oxEventRouter {
   oxEventMutex mutex_;
   SharedRun run_ OX_GUARDED_BY(mutex_);  // Kept after Stop, for its counters.
   bool closed_ OX_GUARDED_BY(mutex_) = false;
-  // Runs that were stopped on their own worker, until that worker can be joined.
-  std::vector<SharedRun> retired_ OX_GUARDED_BY(mutex_);
+  // Runs that were stopped on their own worker, until that worker can be joined. Created by the first Start: in GCC 11,
+  // a vector prevents static initialization.
+  std::optional<std::vector<SharedRun>> retired_ OX_GUARDED_BY(mutex_);
   SharedRun exiting_ OX_GUARDED_BY(mutex_);  // The run whose worker called exit.
 };
 

@@ -74,5 +74,5 @@ void oxEventAppendFile::TruncateTail(size_t size) {
   if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
   if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;
   // Fails on a file with the append-only attribute, which therefore keeps its tail.
-  static_cast<void>(TEMP_FAILURE_RETRY(ftruncate(fd_, status.st_size - static_cast<off_t>(size))) == 0);
+  while (ftruncate(fd_, status.st_size - static_cast<off_t>(size)) != 0 && errno == EINTR) continue;
 }

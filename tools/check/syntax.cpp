@@ -59,7 +59,11 @@ std::string UrlFault(const std::string& url) {
     return "spaces, control characters and non-ASCII characters must be written as %XX";
   const Url parsed = NewUrl();
   const CURLUcode result = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
+#if LIBCURL_VERSION_NUM >= 0x075000
   return result == CURLUE_OK ? "" : curl_url_strerror(result);
+#else
+  return result == CURLUE_OK ? "" : "a part of it is malformed";
+#endif
 }
 
 UrlParts ParseUrl(const std::string& url) {
