@@ -38,7 +38,7 @@ pthread_key_t g_oxEventLastError;               // Key of the calling thread's T
 
 // Dereference the result only with g_mutex held and g_open true: an unload on another thread frees the texts.
 ThreadText* OwnText() {
-  if (!g_open.load(std::memory_order_acquire)) return nullptr;
+  if (!g_open.load(std::memory_order_acquire)) return nullptr;  // Pairs with the assignment in CreateKeyLocked.
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
 }
 

@@ -28,6 +28,7 @@ class oxEventSubmitSlots {
   class Lease {
    public:
     explicit Lease(oxEventSubmitSlots* slots) : slot_(Acquire(&slots->slots_)) {}
+    // Pairs with the exchanges that take the slot: in the next lease and in WaitForInFlightSubmits.
     ~Lease() { slot_.holder.store(0, std::memory_order_release); }
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
