@@ -1,6 +1,5 @@
 // Loads, and receivers that do not keep up. OXEVENT_SOAK multiplies the amounts: see scripts/soak.
 #include <malloc.h>
-#include <poll.h>
 
 #include <array>
 #include <atomic>
@@ -26,7 +25,6 @@ size_t Scale() {
 // What the process has of each. The memory is in bytes; a sanitizer's allocator counts none.
 struct Resources {
   size_t descriptors = Entries("/proc/self/fd");
-  size_t threads = Entries("/proc/self/task");
   size_t memory = mallinfo2().uordblks + mallinfo2().hblkhd;
 };
 
@@ -66,12 +64,34 @@ struct LoadTest : testing::Test {
     ASSERT_EQ(Submit(0, ++sent, action, key), OXEVENT_OK);
   }
   static void Flush() { EXPECT_EQ(oxEventFlush(0), OXEVENT_OK); }
-  static void ExpectThatEveryEventIsCounted() {
+  // Returns when every thread has submitted `each` events amid the reloads, calls and flushes of others.
+  void SubmitFromAllThreads(size_t each, size_t reloads) {
+    std::atomic<bool> moving = true;
+    const auto submit = [&](size_t thread) {
+      const char* const actions[] = {"raise", "raise", "update", "repeat", "clear"};
+      uint64_t number = last_number[thread];
+      for (const uint64_t end = number + each; ++number <= end || moving;) {
+        const string key = std::to_string(thread * 10 + number % 10);
+        ASSERT_EQ(Submit(thread, number, actions[number % 5], key), OXEVENT_OK);
+      }
+    };
+    std::vector<std::jthread> threads;
+    for (size_t thread = 0; thread < kThreads; ++thread) threads.emplace_back(submit, thread);
+    threads.emplace_back([&] {
+      while (moving) {
+        uint32_t id = 0;
+        EXPECT_EQ(oxEventRegisterCallback([](auto...) {}, nullptr, &id), OXEVENT_OK);
+        EXPECT_EQ(oxEventUnregisterCallback(id), OXEVENT_OK);
+        oxEventFlush(1);  // Mostly times out.
+      }
+    });
+    for (size_t i = 0; i < reloads; ++i) EXPECT_EQ(oxEventReloadConfig(nullptr), OXEVENT_OK);
+    moving = false;
+    threads.clear();
+    Flush();
     const oxEventCounters counters = oxEventCoreGetCounters();
     EXPECT_EQ(counters.submitted, counters.emitted + counters.dropped);
   }
-  // Returns when every thread has submitted `each` events amid the reloads, calls and flushes of others.
-  void SubmitFromAllThreads(size_t each, size_t reloads);
 
   const HostFolder folder{};
   const string settings_path = folder.path + "/settings";
@@ -79,7 +99,6 @@ struct LoadTest : testing::Test {
   std::array<uint64_t, kThreads> last_number = {};  // By thread, as delivered. Written by the worker alone.
   uint64_t sent = 0;                                // By thread 0.
   std::vector<string>* messages = nullptr;          // Collects the delivered messages.
-  std::atomic<uint64_t> delivered = 0;
 
  private:
   static void Receive(const oxEventRecord* event, void* user_data) {
@@ -88,36 +107,8 @@ struct LoadTest : testing::Test {
     uint64_t& last = test.last_number.at(event->event_id - 1);
     EXPECT_LT(last, event->duration_ms);
     last = event->duration_ms;
-    ++test.delivered;
   }
 };
-
-void LoadTest::SubmitFromAllThreads(size_t each, size_t reloads) {
-  std::atomic<bool> moving = true;
-  const auto submit = [&](size_t thread) {
-    const char* const actions[] = {"raise", "raise", "update", "repeat", "clear"};
-    uint64_t number = last_number[thread];
-    for (const uint64_t end = number + each; ++number <= end || moving;) {
-      const string key = std::to_string(thread * 10 + number % 10);
-      ASSERT_EQ(Submit(thread, number, actions[number % 5], key), OXEVENT_OK);
-    }
-  };
-  std::vector<std::jthread> threads;
-  for (size_t thread = 0; thread < kThreads; ++thread) threads.emplace_back(submit, thread);
-  threads.emplace_back([&] {
-    while (moving) {
-      uint32_t id = 0;
-      EXPECT_EQ(oxEventRegisterCallback([](auto...) {}, nullptr, &id), OXEVENT_OK);
-      EXPECT_EQ(oxEventUnregisterCallback(id), OXEVENT_OK);
-      oxEventFlush(1);  // Mostly times out.
-    }
-  });
-  for (size_t i = 0; i < reloads; ++i) EXPECT_EQ(oxEventReloadConfig(nullptr), OXEVENT_OK);
-  moving = false;
-  threads.clear();
-  Flush();
-  ExpectThatEveryEventIsCounted();
-}
 
 TEST_F(LoadTest, LosesNothingAmidReloadsAndFlushes) {
   const string csv = folder.path + "/csv";
@@ -136,20 +127,13 @@ TEST_F(LoadTest, DoesNotGrow) {
   SubmitFromAllThreads(each / 10, reloads / 10);
   const Resources before;
   SubmitFromAllThreads(each, reloads);
-  for (int i = 0; i < 200; ++i) {
-    EXPECT_EQ(Submit(0, last_number[0] + 1, "", string(1 << 20, 'k')), OXEVENT_OK);
-    Flush();
-  }
-  EXPECT_EQ(Submit(0, last_number[0] + 1), OXEVENT_OK);  // Makes the worker release the last long text.
+  EXPECT_EQ(Submit(0, last_number[0] + 1, "", string(1 << 20, 'k')), OXEVENT_OK);
+  Flush();
+  EXPECT_EQ(Submit(0, last_number[0] + 1), OXEVENT_OK);  // Makes the worker release the long text.
   Flush();
   const Resources after;
   EXPECT_EQ(after.descriptors, before.descriptors);
-  EXPECT_EQ(after.threads, before.threads);
   EXPECT_LT(after.memory, before.memory + 256 * 1024);
-  const oxEventCounters counters = oxEventCoreGetCounters();
-  EXPECT_EQ(delivered, counters.emitted);
-  printf("bytes %zu -> %zu; %zu submitted, %zu delivered, %zu reloads\n", before.memory, after.memory,
-         counters.submitted, counters.emitted, reloads);
 }
 
 TEST_F(LoadTest, GivesBackTheMemoryOfClearedConditions) {
@@ -165,9 +149,7 @@ TEST_F(LoadTest, GivesBackTheMemoryOfClearedConditions) {
     }
   }
   EXPECT_LT(ResidentBytes(), idle + kResidentTolerance);
-  const oxEventCounters counters = oxEventCoreGetCounters();
-  EXPECT_EQ(counters.emitted, 2 * count + 1);
-  EXPECT_EQ(counters.drops_by_reason, (oxEventDropCounts{0, 0, 0, 0, 0, 0, count}));
+  EXPECT_EQ(oxEventCoreGetCounters().drops_by_reason, (oxEventDropCounts{0, 0, 0, 0, 0, 0, count}));
 }
 
 TEST_F(LoadTest, GivesBackTheMemoryOfABurstWhileSingleEventsGoOn) {
@@ -193,56 +175,41 @@ TEST_F(LoadTest, GivesBackTheMemoryOfABurstWhileSingleEventsGoOn) {
   EXPECT_LT(ResidentBytes(), idle + kResidentTolerance);
 }
 
-struct StuckReceiverTest : LoadTest {
-  StuckReceiverTest() { EXPECT_EQ(listen(server, 9), 0); }
-  ~StuckReceiverTest() override { close(server); }
-
-  // The server sends no response, so that a request ends by its timeout.
-  void StartWithServer(const string& csv, const char* timeout_ms) {
-    Start(csv, {{"sink\\webhook\\http\\a\\enabled", "1"},
-                {"sink\\webhook\\http\\a\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
-                {"sink\\webhook\\http\\a\\request_timeout_ms", timeout_ms}});
-  }
-
-  uint16_t port = 0;
-  const int server = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
-};
-
 // So that a service manager which kills the process meanwhile costs no row.
-TEST_F(StuckReceiverTest, ShutdownWritesRowsBeforeItWaitsForTheEventInDelivery) {
-  const string csv = folder.path + "/csv";
-  StartWithServer(csv, "60000");
+TEST_F(LoadTest, ShutdownWritesRowsBeforeItWaitsForTheEventInDelivery) {
+  string csv = folder.path + "/csv";
+  Start(csv, {});
+  const auto wait_for_row = [](const oxEventRecord* event, void* csv_path) {
+    while (ReadMessages(*static_cast<string*>(csv_path)).back() != event->message) usleep(1000);
+  };
+  uint32_t id = 0;
+  ASSERT_EQ(oxEventRegisterCallback(wait_for_row, &csv, &id), OXEVENT_OK);
   SubmitNext();
   SubmitNext();
-  const int first_request = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-  auto stop = std::async(std::launch::async, oxEventShutdown);
-  while (ReadMessages(csv).back() != "0-1") usleep(1000);
-  close(first_request);
-  const int second_request = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-  pollfd end = {second_request, POLLRDHUP, 0};
-  while (ReadMessages(csv).back() != "0-2" && poll(&end, 1, 1) == 0) continue;
-  EXPECT_EQ(poll(&end, 1, 0), 0) << "The request has ended";
-  close(second_request);
-  EXPECT_EQ(stop.get(), OXEVENT_OK);
+  EXPECT_EQ(oxEventShutdown(), OXEVENT_OK);
 }
 
-// Neither Submit nor a reload waits for the worker, and Flush waits only up to its timeout.
-TEST_F(StuckReceiverTest, ShutdownDrainsForFiveSecondsAndWaitsForARequest) {
-  StartWithServer("", "300");
+// Neither Submit nor a reload waits for the worker, which waits for a server that does not respond.
+TEST_F(LoadTest, ShutdownDrainsForFiveSecondsAndWaitsForARequest) {
+  uint16_t port = 0;
+  const int server = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
+  ASSERT_EQ(listen(server, 9), 0);
+  Start("", {{"sink\\webhook\\http\\a\\enabled", "1"},
+             {"sink\\webhook\\http\\a\\endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
+             {"sink\\webhook\\http\\a\\request_timeout_ms", "300"}});
   for (int i = 0; i < 22'000; ++i) SubmitNext();  // More than the queue holds.
   EXPECT_EQ(oxEventFlush(20), OXEVENT_FAILURE);
   EXPECT_EQ(oxEventReloadConfig(nullptr), OXEVENT_OK);
-  EXPECT_EQ(oxEventFlush(20), OXEVENT_FAILURE);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(oxEventShutdown(), OXEVENT_FAILURE);
   EXPECT_GE(std::chrono::steady_clock::now(), start + 5s);
-  ExpectThatEveryEventIsCounted();
   const oxEventCounters counters = oxEventCoreGetCounters();
   const uint64_t refused = counters.drops_by_reason[static_cast<size_t>(oxEventDrop::kRefused)];
   const uint64_t stopped = counters.drops_by_reason[static_cast<size_t>(oxEventDrop::kStopped)];
   EXPECT_GT(refused, 20'000u);
   EXPECT_GT(stopped, 0u);
-  EXPECT_EQ(refused + stopped, counters.dropped);
+  EXPECT_EQ(counters.submitted, counters.emitted + refused + stopped);
+  close(server);
 }
 
 }  // namespace
