@@ -25,8 +25,6 @@ uint32_t Send(const std::string& message, uint32_t severity = OXEVENT_SEVERITY_I
   return oxEventSubmitSimple(0, severity, "n", message.c_str());
 }
 
-std::string ThisThread() { return "/proc/self/task/" + std::to_string(gettid()); }
-
 struct Recorder {  // Collects the messages: oxEventRegisterCallback(Recorder::Note, &recorder, &id).
   static void Note(const oxEventRecord* event, void* self) {
     auto& [on_event, mutex, changed, messages] = *static_cast<Recorder*>(self);
@@ -62,15 +60,11 @@ struct oxEventApi : testing::Test {
     EXPECT_EQ(second.WaitForMessages(1), Strings{"new"});
   }
   void ExpectCallsRefused() {
-    EXPECT_EQ(LastResult(oxEventSubmit(nullptr)), kInvalidEvent);
     EXPECT_EQ(LastResult(Send("")), kInvalidEvent);
     EXPECT_EQ(LastResult(Send("m", OXEVENT_SEVERITY_ERROR + 1)), kInvalidEvent);
     EXPECT_EQ(LastResult(oxEventInitialize(nullptr)), kNoPath);
     EXPECT_EQ(LastResult(oxEventRegisterCallback(nullptr, this, &id)),
               "80050003 Invalid callback registration arguments");
-    EXPECT_EQ(LastResult(oxEventUnregisterCallback(~0u)), kNoCallback);
-    EXPECT_EQ(oxEventInstallWindowsEventSource("a", nullptr), OXEVENT_NOT_FOUND);
-    EXPECT_EQ(oxEventRemoveWindowsEventSource("a"), OXEVENT_NOT_FOUND);
     EXPECT_EQ(LastResult(Send("m")), kNotInitialized);
     EXPECT_EQ(LastResult(oxEventFlush(0)), kNotInitialized);
     EXPECT_EQ(LastResult(oxEventShutdown()), kNotInitialized);
@@ -129,7 +123,6 @@ TEST_F(oxEventApi, ShutdownDeliversWhatIsQueuedAndRefusesOtherCallsMeanwhile) {
   auto shutdown = std::async(std::launch::async, [] { return LastResult(oxEventShutdown()); });
   while (oxEventFlush(1) != OXEVENT_NOT_INITIALIZED) usleep(100);
   EXPECT_EQ(LastResult(Send("m")), kNotInitialized);
-  EXPECT_EQ(LastResult(oxEventReloadConfig(settings2.c_str())), kNotInitialized);
   EXPECT_EQ(LastResult(oxEventInitialize(settings2.c_str())), kAlreadyInitialized);
   release.set_value();
   EXPECT_EQ(shutdown.get(), kOk);
@@ -158,35 +151,22 @@ TEST_F(oxEventApi, ReloadMovesTheCsvFile) {
   EXPECT_EQ(ReadMessages(csv), (Strings{"message", "one", "three", "four"}));
 }
 
-uint64_t BlockedSignalsOfThisThread() {
-  const std::string status = ReadFile(ThisThread() + "/status");
-  return std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16);
-}
-
 TEST_F(oxEventApi, WorkerBlocksTheHostsSignals) {
-  sigset_t hangup;
-  sigemptyset(&hangup);
-  sigaddset(&hangup, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
-  const uint64_t own = BlockedSignalsOfThisThread();
-  pthread_sigmask(SIG_UNBLOCK, &hangup, nullptr);
-  if (own != 1) GTEST_SKIP() << "/proc does not show the signals that this thread blocks, as in an emulator";
-  uint64_t blocked = 0;
-  recorder.on_event = [&](const oxEventRecord&) { blocked = BlockedSignalsOfThisThread(); };
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  recorder.on_event = [&](const oxEventRecord&) { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); };
   Start();
   EXPECT_EQ(LastResult(Send("m")), kOk);
   EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
-  // Every signal except SIGKILL, SIGSTOP, and signals 32 and 33, which the C library reserves.
-  EXPECT_EQ(blocked | 3ull << 31, ~0x40100ull);
+  for (const int signal : {SIGHUP, SIGTERM, SIGRTMAX}) EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
 }
 
 TEST_F(oxEventApi, EveryEntryPointCanBeCalledInACallback) {
   std::string thread;
   recorder.on_event = [&](const oxEventRecord&) {
-    thread = ThisThread();
+    thread = "/proc/self/task/" + std::to_string(gettid());
     EXPECT_EQ(LastResult(oxEventFlush(9999)), kOk);
     EXPECT_EQ(ReadMessages(csv), (Strings{"message", "old"}));
-    EXPECT_EQ(LastResult(oxEventInitialize(settings.c_str())), kAlreadyInitialized);
     EXPECT_EQ(LastResult(oxEventReloadConfig(settings2.c_str())), kOk);
     EXPECT_EQ(LastResult(oxEventUnregisterCallback(id)), kOk);
     EXPECT_EQ(LastResult(oxEventUnregisterCallback(id)), kNoCallback);
@@ -232,12 +212,9 @@ TEST_F(oxEventApi, FreesTheErrorTextsOfThreadsThatEnded) {
 TEST_F(oxEventApi, WritesOnlyWholeCsvRowsAtATime) {  // So that a process that is killed leaves no torn row.
   recorder.on_event = [&](const oxEventRecord&) { EXPECT_TRUE(ReadFile(csv).ends_with('\n')); };
   Start();
-  for (size_t i = 0; i < 150; ++i) {
-    const size_t size = i == 140 ? 100'000 : i * i % 997 + 1;
-    EXPECT_EQ(LastResult(Send(std::string(size, 'x'))), kOk);
-  }
+  for (size_t i = 1; i <= 100; ++i) EXPECT_EQ(LastResult(Send(std::string(10 * i * i, 'x'))), kOk);
   EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
-  EXPECT_EQ(recorder.messages.size(), 150u);
+  EXPECT_EQ(recorder.messages.size(), 100u);
 }
 
 }  // namespace
