@@ -4,9 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,27 +50,6 @@ inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
   *port = bound ? ntohs(loopback.sin6_port) : 0;
   return fd;
 }
-
-// The machine's log daemon, if it has none. LOCK_EX: becomes it, one object at a time; LOCK_SH: keeps others from that.
-struct SystemLog {
-  explicit SystemLog(int lock) {
-    flock(folder, lock);
-    if (lock != LOCK_EX) return;
-    const sockaddr_un log = {AF_UNIX, "/dev/log"};
-    const auto address = reinterpret_cast<const sockaddr*>(&log);
-    // A test that was killed leaves a socket that refuses connections.
-    const bool refused = connect(fd, address, sizeof(log)) != 0 && errno == ECONNREFUSED;
-    if (refused && std::filesystem::is_socket(std::filesystem::symlink_status(log.sun_path))) unlink(log.sun_path);
-    bound = bind(fd, address, sizeof(log)) == 0;
-  }
-  ~SystemLog() {
-    if (bound) unlink("/dev/log");
-    close(fd);
-    close(folder);
-  }
-  const int folder = open("/dev", O_RDONLY | O_CLOEXEC), fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  bool bound = false;  // False if the machine has a log daemon, or if this process may not be one.
-};
 
 // The keys and values at these paths: "core\queue_size" is a value of the key "core".
 inline std::string SettingsXml(const std::map<std::string, std::string>& settings) {
