@@ -102,13 +102,6 @@ TEST_F(oxEventHttpSink, RetriesAfterABackoff) {
   EXPECT_EQ(Post(), post + post);
 }
 
-TEST_F(oxEventHttpSink, FailsIfTheNumberOfAttemptsOverflows) {
-  config.retry_count = UINT32_MAX;
-  std::shared_ptr<oxEventSink> sink;
-  ASSERT_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
-  EXPECT_EQ(sink->Submit(kFullEvent, nullptr, nullptr), OXEVENT_FAILURE);
-}
-
 TEST_F(oxEventHttpSink, PostsCloudEventsWithTheSettingsOfTheirSection) {
   const HostFolder folder;
   const string file = folder.path + "/settings", section = "sink\\cloudevents\\http\\a\\";
@@ -163,15 +156,6 @@ TEST(oxEventAlertmanager, FormatsRaisedAndResolvedAlerts) {
     EXPECT_EQ(FormatDiskAlert(action, {true, true, prefix}), resolved) << action;
     EXPECT_EQ(FormatDiskAlert(action, {false, false, prefix}), "[]") << action;
   }
-}
-
-TEST(oxEventAlertmanager, RefusesAnInvalidRecord) {
-  oxEventRecord record = kFullEvent.ToPublicView();
-  string alert;
-  EXPECT_EQ(oxEventFormatAlertmanagerRecord(&record, {}, nullptr), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_EQ(oxEventFormatAlertmanagerRecord(nullptr, {}, &alert), OXEVENT_INVALID_ARGUMENT);
-  record.version = 0;
-  EXPECT_EQ(oxEventFormatAlertmanagerRecord(&record, {}, &alert), OXEVENT_INVALID_ARGUMENT);
 }
 
 TEST(oxEventAlertmanager, FillsInWhatIsMissing) {
