@@ -1,5 +1,4 @@
 // Directories, files and the system log, with a syslog(3) that keeps the line and takes as long as a test wants.
-#include <pthread.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -9,7 +8,6 @@
 #include "host_fixture.h"
 #include "platform/oxEventAppendFile.h"
 #include "platform/oxEventPlatformFiles.h"
-#include "platform/oxEventSignalBlock.h"
 #include "platform/oxEventSystemLog.h"
 
 namespace {
@@ -73,20 +71,6 @@ TEST(oxEventAppendFile, WritesToAPipeThroughSignals) {
   EXPECT_EQ(file.Write(bytes.data(), bytes.size()), 5000u);
   EXPECT_EQ(polls, 2);
   close(reader);
-}
-
-TEST(oxEventSignalBlock, LeavesTheHostsOwnPendingSignal) {
-  sigset_t pipe;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  raise(SIGPIPE);
-  {
-    const oxEventSignalBlock block(oxEventSignalBlock::kFileErrors);
-    raise(SIGPIPE);
-  }
-  const timespec no_wait = {};
-  EXPECT_EQ(sigtimedwait(&pipe, nullptr, &no_wait), SIGPIPE);
 }
 
 struct oxEventSystemLog : testing::Test {
