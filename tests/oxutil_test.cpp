@@ -246,7 +246,10 @@ TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndModeAndHidesTheNewFileMeanwhile) {
 }
 
 TEST_F(oxCFG, LeavesAFileThatChangedMeanwhile) {
-  const std::function<void()> changes[] = {[&] { Write(""); }, [&] { fs::rename(path_, directory_ / "gone"); }};
+  std::ofstream(directory_ / "other") << "<config/>";
+  const std::function<void()> changes[] = {[&] { Write(""); }, [&] { fs::last_write_time(path_, {}); },
+                                           [&] { fs::rename(directory_ / "other", path_); },
+                                           [&] { fs::rename(path_, directory_ / "gone"); }};
   for (const auto& change : changes) {
     const Store store = Open("<config/>");
     change();
@@ -255,6 +258,20 @@ TEST_F(oxCFG, LeavesAFileThatChangedMeanwhile) {
     EXPECT_FALSE(Save(store));
     EXPECT_EQ(std::pair(ReadFile(path_), Entries(directory_)), before);
   }
+}
+
+TEST_F(oxCFG, LeavesAFileThatIsWriteProtected) {  // Although a rename could replace it.
+  fs::permissions(directory_, fs::perms(0777));
+  Write("<config/>");
+  ASSERT_EQ(chown(path_.c_str(), user_, getegid()), 0);
+  fs::permissions(path_, fs::perms(0555));
+  const auto save = [&] {
+    if (seteuid(user_) != 0) return 1;
+    const Store store = Open();
+    return Set(store, "", "v", "1") && !Save(store) ? 0 : 2;
+  };
+  EXPECT_EQ(InChild(save), 0);
+  EXPECT_EQ(ReadFile(path_), "<config/>");
 }
 
 TEST_F(oxCFG, IsTheOldOrTheNewFileWhicheverSystemCallFails) {
