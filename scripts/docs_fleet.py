@@ -173,7 +173,7 @@ class Test(unittest.TestCase):
         relay = self.start(Relay, store=store)
         self.start_hosts("sink\\syslog\\udp\\default", {"enabled": 1, "port": relay.port, "app_name": "HOST"})
         stored = lambda: {json.loads(line)["raw"].split("] ")[-1] for line in read_log(store.directory / "events.log")}
-        all_of = lambda names: await_("the arrival", lambda: stored() >= self.expected(names))
+        all_of = lambda names: await_("the arrival of every event", lambda: stored() >= self.expected(names))
         self.report(range(20))
         all_of(range(20))
         store.stop()
@@ -222,7 +222,7 @@ class Test(unittest.TestCase):
     def test_broker(self):
         broker, relay, subscriber = self.start_broker()
         self.start_hosts("sink\\syslog\\udp\\default", {"enabled": 1, "port": relay.port, "app_name": "HOST"})
-        all_of = lambda names: await_("the arrival", lambda: set(subscriber.messages()) >= self.expected(names))
+        all_of = lambda names: await_("the arrival of every event", lambda: set(subscriber.messages()) >= self.expected(names))
         self.report(range(20))
         all_of(range(20))
         subscriber.child.send_signal(signal.SIGSTOP)
@@ -251,7 +251,7 @@ class Test(unittest.TestCase):
         for procid, event_id, utc_ns, message in ((7, 1, 5, "first"), (7, 1, 5, "first"), (8, 1, 5, "another process"),
                                                   (7, 2, 5, "another id"), (7, 1, 6, "another time")):
             relay.send(event.format(procid, event_id, utc_ns, message).encode())
-        await_("the arrival", lambda: "another time" in subscriber.messages())
+        await_("the arrival of the last event", lambda: "another time" in subscriber.messages())
         self.assertEqual(sorted(subscriber.messages()), ["another id", "another process", "another time", "first"])
         self.assertEqual(subscriber.duplicates(), ["duplicate: 5 vm 7 1"])
 

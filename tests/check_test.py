@@ -1,4 +1,4 @@
-"""What oxevent-check reports, and that it agrees with the library: check_test.py [-v] [CheckTest.test_NAME...]."""
+"""Tests the findings of oxevent-check, and its agreement with the library: check_test.py [-v] [CheckTest.test_NAME...]."""
 import contextlib
 import ctypes
 import fnmatch
@@ -35,7 +35,7 @@ def in_events(elements):
 
 
 def describe(finding):
-    """KEY: SEVERITY CODE: TEXT -> REMEDY, with the key below QVX\\Events and / between its names."""
+    """Formats a finding as KEY: SEVERITY CODE: TEXT -> REMEDY. KEY is relative to QVX\\Events, with / as separator."""
     key = finding["key"].removeprefix("QVX\\Events\\").replace("\\", "/")
     return f"{key}: {finding['severity']} {finding['code']}: {finding['text']} -> {finding['remedy']}"
 

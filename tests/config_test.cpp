@@ -36,7 +36,7 @@ struct ConfigTest : testing::Test {
     EXPECT_EQ(result, error.empty() ? OXEVENT_OK : OXEVENT_INVALID_ARGUMENT);
     return error.empty() ? Describe(config) : Fields{error};
   }
-  std::string Stamp() const {  // Changes with any write, and with any file in its place.
+  std::string Stamp() const {  // Changes if the file is written or replaced.
     struct stat s = {};
     EXPECT_EQ(stat(path.c_str(), &s), 0);
     return Line("file", s.st_ino, s.st_mtim.tv_sec, s.st_mtim.tv_nsec, ReadFile(path));

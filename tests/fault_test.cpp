@@ -195,7 +195,7 @@ TEST_F(FaultTest, CountsWhatIsNotSubmittedOrDelivered) {
   };
   FailEach({{"malloc", ENOMEM, {kOk}}, {"sendto", EHOSTUNREACH, {kOk}}, {"getaddrinfo", EAI_AGAIN, {kOk}}},
            submit_and_flush, /*on_host_thread=*/false);
-#ifndef OXEVENT_SANITIZED  // A sanitizer's own mappings come the same way.
+#ifndef OXEVENT_SANITIZED  // A sanitizer's own calls of mmap would fail too.
   FailEach({{"mmap", ENOMEM, {kOk}}}, submit_and_flush, /*on_host_thread=*/false);
   FailEach({{"mmap", ENOMEM, {"80050005 oxEvent core submit failed"}}}, submit_and_flush);
 #endif

@@ -310,12 +310,11 @@ TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInAPrivilegedProcess) {
 
 }  // namespace
 
-// The executable's own definitions precede the C library's.
+// The functions below replace the C library's, because the loader searches the executable first.
 unsigned long getauxval(unsigned long type) noexcept {
   static const auto next = reinterpret_cast<decltype(&getauxval)>(dlsym(RTLD_NEXT, "getauxval"));
   return type == AT_SECURE && g_is_privileged ? 1 : next(type);
 }
-// The kernel does not know the clock's offset.
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   const long result = syscall(SYS_clock_gettime, clock, now);
   if (clock == CLOCK_MONOTONIC) now->tv_sec += g_clock_offset_s;
@@ -324,6 +323,7 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* until) {
   static const auto next =
       reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+  // Without the offset, of which the kernel does not know.
   const timespec end = {until->tv_sec - (clock == CLOCK_MONOTONIC ? g_clock_offset_s.load() : 0), until->tv_nsec};
   return next(condition, mutex, clock, &end);
 }

@@ -106,7 +106,7 @@ TEST_F(oxEventSystemLog, RefusesOnlyInAChildWhoseParentWasWriting) {
   EXPECT_EQ(InChild([this] { return ChildWrites(); }), 1);
 }
 
-TEST_F(oxEventSystemLog, OpensAndClosesWhileALineOfAnotherSinkHangs) {
+TEST_F(oxEventSystemLog, OpensAndClosesWhileAWriteOfAnotherSinkHangs) {
   WhileALineIsBeingWritten([] {
     oxEventNativeLogHandle* other = nullptr;
     EXPECT_EQ(oxEventPlatformNativeOpen({}, &other, nullptr), OXEVENT_OK);

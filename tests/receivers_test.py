@@ -65,7 +65,7 @@ def native_json(event):
 
 
 def cloud_event(event):
-    if re.search("[\1\udcff]", event["event_type"]):  # CloudEvents 1.0 does not allow it, but the library passes it on.
+    if re.search("[\1\udcff]", event["event_type"]):  # CloudEvents 1.0 forbids these characters, but the library passes them on.
         return {"refused": True}
     return {
         "id": str(event["event_id"]), "source": "/plant/7", "type": event["event_type"] or "oxEvent.event",
@@ -88,7 +88,7 @@ class Test(unittest.TestCase):
         for event in EVENTS:
             oxevent.submit(**event)
         oxevent.flush()
-        receivers.await_("the arrival", lambda: len(receiver.events()) >= len(EVENTS))
+        receivers.await_("the arrival of every event", lambda: len(receiver.events()) >= len(EVENTS))
 
     def check(self, kind, settings, expected, read=lambda received: received):
         """Compares what the receiver has parsed with `expected` of each event, field by field."""
