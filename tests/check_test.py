@@ -318,6 +318,7 @@ warned.xml:3:2: warning: QVX\Events\core\queue_sise\xc2\x85: no such setting her
 good.xml: no problems
 """)
         self.assertEqual(self.run_tool("good.xml", "warned.xml").returncode, 1)
+        self.assertIn("\ngood.xml: no errors or warnings\n", self.run_tool("--verbose", "good.xml").stdout)
         found = findings_in(self.run_tool("--json", "--verbose", "good.xml", "good.xml", "warned.xml").stdout)
         self.assertEqual([finding["severity"] for finding in found], ["note"] * 2 + ["warning"])
 

@@ -36,7 +36,7 @@ constexpr char kNotes[] =
     "KEY is a path such as core\\queue_size, QVX\\Events\\sink\\csv\\NAME\\path or sink/csv, with \\, / or .\n"
     "between names, or the name of a setting.\n"
     "\n"
-    "Exit status: 0 no problems, 1 warnings, 2 errors or an invalid command line.\n";
+    "Exit status: 0 no errors or warnings, 1 warnings, 2 errors or an invalid command line.\n";
 
 struct Options {
   bool complete = false;
@@ -85,7 +85,7 @@ int CheckAll(const Options& options, const std::vector<const char*>& paths) {
     } else if (has_errors) {
       std::printf("%s: the library would start without the sections named in the errors\n", path);
     } else if (!has_warnings) {
-      std::printf("%s: no problems\n", path);
+      std::printf("%s: no %s\n", path, findings.empty() ? "problems" : "errors or warnings");
     }
   }
   if (options.json) std::printf("[%s]\n", json.c_str());
