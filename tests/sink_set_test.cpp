@@ -114,6 +114,21 @@ TEST_F(oxEventCsvSink, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
   }
 }
 
+// A log rotation must not take a file that only has a header for the one that the host writes to.
+TEST_F(oxEventCsvSink, AFailedReloadLeavesNoNewFile) {
+  ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
+  config.sinks.push_back(config.sinks[0]);
+  config.sinks[1].path = "";
+  EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(ReadFile(path), kHeader);
+  std::filesystem::rename(path, path + ".1");
+  EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_EQ(Submit("a"), OXEVENT_OK);
+  EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
+  EXPECT_EQ(ReadFile(path + ".1"), kHeader + Row("a"));
+}
+
 TEST_F(oxEventCsvSink, HasRoomForARowOfQuotes) {
   const string quotes(1000, '"');
   const oxEventNormalizedEvent event = {.message = quotes};

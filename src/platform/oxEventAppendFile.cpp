@@ -36,8 +36,18 @@ oxEventAppendFile::~oxEventAppendFile() {
 
 bool oxEventAppendFile::Open(const std::string& path) {
   // Non-blocking until SetBlocking: a reload must not hang on a pipe that has no reader or is full.
-  fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  fd_ = open(path.c_str(), kFlags | O_EXCL, kFileMode);
+  created_ = IsOpen();
+  if (!created_ && errno == EEXIST) fd_ = open(path.c_str(), kFlags, kFileMode);
   return IsOpen();
+}
+
+void oxEventAppendFile::RemoveIfCreated(const std::string& path, size_t size) const {
+  struct stat own, named;
+  if (!created_ || fstat(fd_, &own) != 0 || lstat(path.c_str(), &named) != 0) return;
+  if (own.st_dev != named.st_dev || own.st_ino != named.st_ino || own.st_size != static_cast<off_t>(size)) return;
+  unlink(path.c_str());
 }
 
 void oxEventAppendFile::SetBlocking() { fcntl(fd_, F_SETFL, O_APPEND); }

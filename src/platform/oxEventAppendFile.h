@@ -13,6 +13,8 @@ class oxEventAppendFile {
 
   // Creates the file if it is missing. Never blocks; a pipe without a reader is an error.
   bool Open(const std::string& path);
+  // Removes the file at `path`, which Open was called with, if Open has created it and it has only `size` bytes.
+  void RemoveIfCreated(const std::string& path, size_t size) const;
   bool IsOpen() const { return fd_ >= 0; }
   // kNoWait: Write returns as soon as a pipe is full.
   enum Wait { kWait, kNoWait };
@@ -32,6 +34,7 @@ class oxEventAppendFile {
 
  private:
   int fd_ = -1;
+  bool created_ = false;
   size_t last_write_ = 0;  // Bytes that the last successful write call appended in one piece.
   int error_ = 0;          // errno of the last failed write.
 };

@@ -61,6 +61,13 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
+  // A file that only has a header would mislead a log rotation: the next one would rotate it, and with it the renamed
+  // file that the active sink still writes to.
+  void Discard() override OX_EXCLUDES(mutex_) {
+    oxEventLock lock(mutex_);
+    file_.RemoveIfCreated(path_, header_pending_ ? 0 : oxEventText::CsvHeader().size());
+  }
+
   // The timeout limits the wait for another thread's write, which may block on a pipe, but not this thread's own write.
   uint32_t Flush(uint32_t timeout_ms, std::string* error) override {
     return WriteBuffer(timeout_ms, true, nullptr, error);

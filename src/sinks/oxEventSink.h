@@ -39,6 +39,10 @@ class oxEventSink {
   // neither Flush nor Drain has reported. If another thread was writing for the whole timeout, also sets *busy.
   virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
 
+  // Undoes what Open has created. Called before the destructor of a sink that does not become active, because another
+  // one could not be opened.
+  virtual void Discard() {}
+
   // What the error text of the last failure leaves out, such as the status code of an HTTP response. For tools.
   virtual std::string FailureDetail() const { return {}; }
 

@@ -114,6 +114,7 @@ uint32_t ReplaceSinks(const oxEventConfig& config, oxEventErrorText<0> default_e
   std::string error;
   const uint32_t result = BuildEnabledSinks(config, &sinks, &error);
   if (result != OXEVENT_OK) {
+    for (const auto& sink : sinks) sink->Get().Discard();
     const std::string_view text = error.empty() ? default_error.text : std::string_view(error);
     oxEventSetLastError(text);
     SetSinkError(text);
