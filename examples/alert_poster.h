@@ -1,6 +1,7 @@
 /*
  * Posts a host's events to an Alertmanager: oxEvent formats the documents, the host posts them. Hosts copy this into
- * their own program. Call the functions from one thread; errors are printed to stderr.
+ * their own program. It needs C++20 and the companion library (-loxutil). Call the functions from one thread; errors
+ * are printed to stderr.
  */
 #ifndef ALERT_POSTER_H
 #define ALERT_POSTER_H
