@@ -172,6 +172,7 @@ TEST(oxOSHTTPCommand, ReturnsTheFinalResponseWithUpTo64KiBOfHeadersAndBody) {
                {HeaderWithLength("99999999") + longest + "b", "success 200 " + longest},
                {kChunked + "1\r\na\r\n0\r\nT: t\r\n\r\n", "success 200 a"},
                {interim + "HTTP/1.1 201 C\r\nContent-Length: 1\r\n\r\nc", "success 201 c"},
+               {"HTTP/1.1 299 W\r\nContent-Length: 1\r\n\r\nw", "success 299 w"},
                {"HTTP/1.1 302 F\r\nLocation: /x\r\nContent-Length: 1\r\n\r\nr", "failure 302 r"}};
   for (const auto& c : cases) {
     HttpServer server({{c.answer, /*closes=*/true}});
