@@ -118,6 +118,7 @@ TEST_F(oxCFG, KeepsAnyStringInTheFile) {
     EXPECT_TRUE(Set(store, name, name, text));
     EXPECT_EQ(Get(store, name, name), text);
     EXPECT_TRUE(Save(store));
+    EXPECT_EQ(ReadFile(path_).find('\r'), string::npos);  // Another XML reader would take it for a line feed.
     EXPECT_EQ(Get(Open(), name, name), text);
   }
 }
