@@ -158,7 +158,7 @@ TEST_F(oxEventApi, WorkerBlocksTheHostsSignals) {
   Start();
   EXPECT_EQ(LastResult(Send("m")), kOk);
   EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
-  for (const int signal : {SIGHUP, SIGTERM, SIGRTMAX}) EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+  for (const int signal : {SIGHUP, SIGTERM, SIGRTMIN + 1}) EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
 }
 
 TEST_F(oxEventApi, EveryEntryPointCanBeCalledInACallback) {
