@@ -32,7 +32,32 @@ bool MayAllocate(size_t size) {
   return false;
 }
 
+#ifdef OXEVENT_SANITIZED  // The sanitizer replaces malloc itself.
+void* AllocateForNew(size_t size) { return MayAllocate(size) ? malloc(size) : nullptr; }
+#else
+void* AllocateForNew(size_t size) { return malloc(size); }
+#endif
+
 }  // namespace
+
+#ifndef OXEVENT_SANITIZED
+// The allocator that frees the memory must also allocate it, and a preloaded one comes before the C library.
+#define NEXT(call) static const auto next = reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
+extern "C" {
+void* malloc(size_t size) {
+  NEXT(malloc);
+  return MayAllocate(size) ? next(size) : nullptr;
+}
+void* calloc(size_t count, size_t size) {
+  NEXT(calloc);
+  return MayAllocate(size) ? next(count, size) : nullptr;
+}
+void* realloc(void* memory, size_t size) {
+  NEXT(realloc);
+  return MayAllocate(size) ? next(memory, size) : nullptr;
+}
+}
+#endif
 
 Faults::Faults(Hook hook) : hook_(std::move(hook)) { g_hook = &hook_; }
 
@@ -51,22 +76,14 @@ int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addri
   return next(is_loopback ? "127.0.0.1" : host, port, hints, result);
 }
 
-#ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
-extern "C" {
-void *__libc_malloc(size_t), *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t);
-void* malloc(size_t size) { return MayAllocate(size) ? __libc_malloc(size) : nullptr; }
-void* calloc(size_t count, size_t size) { return MayAllocate(size) ? __libc_calloc(count, size) : nullptr; }
-void* realloc(void* memory, size_t size) { return MayAllocate(size) ? __libc_realloc(memory, size) : nullptr; }
-}
-#else
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return MayAllocate(size) ? malloc(size) : nullptr; }
+// A preloaded allocator replaces these operators too, so they are defined here.
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return AllocateForNew(size); }
 void* operator new(size_t size) {
-  void* const memory = operator new(size, std::nothrow);
+  void* const memory = AllocateForNew(size);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
-#endif
 
 // Numbers and pointers are passed in the same registers.
 #define OWN(call)                                                                                        \
