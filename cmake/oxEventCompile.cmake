@@ -73,6 +73,6 @@ set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 function(oxevent_export target)
   set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
   set_target_properties(${target} PROPERTIES
-    LINKER_LANGUAGE CXX LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN")
+    LINKER_LANGUAGE CXX LINK_DEPENDS ${map} BUILD_RPATH "$ORIGIN" INSTALL_RPATH "$ORIGIN")
   target_link_options(${target} PRIVATE -Wl,--version-script=${map})
 endfunction()

@@ -1,5 +1,6 @@
 #include "platform/oxEventPlatformHttp.h"
 
+#include <dlfcn.h>
 #include <sys/auxv.h>
 
 #include <cstdlib>
@@ -31,4 +32,14 @@ const char* oxEventPlatformHttpUnsafeVariable() {
     if (getenv(variable) != nullptr) return variable;
   }
   return nullptr;
+}
+
+std::string oxEventPlatformHttpPrepare() {
+#ifndef OXEVENT_STATIC
+  if (dlopen("liboxutil-http.so", RTLD_NOW | RTLD_LOCAL) == nullptr) {
+    const char* const reason = dlerror();
+    return reason == nullptr ? "liboxutil-http.so cannot be loaded" : reason;
+  }
+#endif
+  return "";
 }

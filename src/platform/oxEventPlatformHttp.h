@@ -13,3 +13,9 @@ bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_b
 // process with more privileges than its caller, the caller could influence libcurl or OpenSSL with such a variable.
 // Threads: any.
 const char* oxEventPlatformHttpUnsafeVariable();
+
+// Makes the companion library's HTTP module ready before the first request: a host may change its root directory or drop
+// privileges after it has initialized the library, and could then no longer load the module. Returns why it cannot be
+// loaded, or an empty string. A companion that is not ours may need no module, so this is not an error by itself.
+// Threads: any.
+std::string oxEventPlatformHttpPrepare();

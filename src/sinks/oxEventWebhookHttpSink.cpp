@@ -87,7 +87,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
 
   std::string FailureDetail() const override {
     const int32_t status = failed_status_;
-    return status == 0 ? "" : "the response had status " + std::to_string(status);
+    return status == 0 ? module_error_ : "the response had status " + std::to_string(status);
   }
 
  private:
@@ -147,6 +147,7 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const uint32_t backoff_ms_;
   const std::string cloudevents_source_;
   const std::string cloudevents_subject_prefix_;
+  const std::string module_error_ = oxEventPlatformHttpPrepare();
   std::string header_block_;  // In the HTTP client's format. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
   std::atomic<int32_t> failed_status_ = 0;  // Status code of the last failed request; 0: there was no response.
