@@ -3,7 +3,11 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS oxEvent oxutil EXPORT oxEventTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+if(NOT OXEVENT_STATIC)
+  install(TARGETS oxutil-http LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES tools/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent/python)
 install(FILES tools/oxevent-gdb.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent)
@@ -21,6 +25,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfig.cmake ${CMAKE_CURRENT_BI
 # pkg-config leaves out the directories that the compiler searches anyway, so the file has the real prefix, which is known
 # when the file is installed.
 set(prefix "@prefix@")
+if(OXEVENT_STATIC)
+  set(static_libraries " -loxutil -lpugixml -lcurl -lcrypto -lstdc++ -pthread -ldl")
+endif()
 configure_file(cmake/oxEvent.pc.in oxEvent.pc.in @ONLY)
 install(CODE "
   get_filename_component(prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)

@@ -6,6 +6,7 @@ import itertools
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -300,6 +301,14 @@ class CheckTest(unittest.TestCase):
              "sink/cloudevents/http/b": ON | {"endpoint_url": "https://g/", "timeout_ms": 36000}},
             "sink/cloudevents/http/b/endpoint_url: warning tls-unverified",
             "sink/cloudevents/http/b/timeout_ms: warning shutdown-delay: * 71 s in * 76 s")
+
+    def test_missing_http_client(self):
+        self.write({NATIVE: OFF, WEBHOOK: POSTING})
+        Path("bin").mkdir()
+        shutil.copy(TOOL, "bin")
+        shutil.copy(Path(LIBRARY._name).with_name("liboxutil.so"), ".")
+        done = subprocess.run(["bin/oxevent-check", "0.xml"], capture_output=True, text=True, check=False)
+        self.assertIn("the HTTP client cannot be loaded: liboxutil-http.so: ", done.stdout)
 
     def test_text_and_status_of_several_files(self):
         sinks = '<key name="sink"><key name="csv"><key name="c"><value name="enabled">1</value></key></key>' \

@@ -89,6 +89,11 @@ TEST_F(oxEventApi, RefusesCallsUntilInitializedAndAfterShutdown) {
   ExpectCallsRefused();
 }
 
+TEST_F(oxEventApi, IsNotInitializedInAForkedChild) {  // Fails if a static link leaves out the fork handler.
+  Start();
+  EXPECT_EQ(InChild([] { return Send("x") == OXEVENT_NOT_INITIALIZED ? 0 : 1; }), 0);
+}
+
 TEST_F(oxEventApi, KeepsAnErrorTextPerThread) {
   EXPECT_EQ(LastResult(oxEventSubmit(nullptr)), kInvalidEvent);
   std::async(std::launch::async, [] {

@@ -316,6 +316,17 @@ void LoadAndUnload() {
   Check(left[1] < left[0] + kRounds * 16, true);
 }
 
+TEST_F(ProcessTest, TheHttpClientIsLoadedWhenAnHttpSinkOpens) {
+  ExpectExit(0, [] {
+    Check(ReadFile("/proc/self/maps").find("libcurl"), std::string::npos);
+    WriteSettings(
+        "http.xml", "",
+        {{"sink\\webhook\\http\\w\\enabled", "1"}, {"sink\\webhook\\http\\w\\endpoint_url", "http://127.0.0.1:1/"}});
+    Check(ox->ReloadConfig("http.xml"), OXEVENT_OK);
+    Check(ReadFile("/proc/self/maps").find("libcurl") != std::string::npos, true);
+  });
+}
+
 TEST_F(ProcessTest, UnloadLeavesNothingBehind) {
   ExpectExit(0, [] { std::thread(LoadAndUnload).join(); });
   EXPECT_EQ(returned, rows);

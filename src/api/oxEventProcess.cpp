@@ -10,6 +10,8 @@
 
 // Hooks for load, fork, unload and process exit.
 
+constinit std::atomic<unsigned> g_oxEventForkCount = 0;
+
 namespace {
 
 // In the child, only the forking thread exists, and locks that other threads held stay locked forever. So all state is

@@ -7,6 +7,7 @@
 #include "base/oxEventAscii.h"
 #include "check/settings_file.h"
 #include "check/syntax.h"
+#include "platform/oxEventPlatformHttp.h"
 
 namespace {
 
@@ -193,6 +194,10 @@ class HttpChecker {
 
   void CheckTransport() {
     const oxEventSinkConfig& sink = *group_->sink;
+    if (const std::string reason = oxEventPlatformHttpPrepare(); !reason.empty()) {
+      Warn("no-http-client", "endpoint_url", "the HTTP client cannot be loaded: " + reason,
+           "Install liboxutil-http.so beside liboxutil.so.");
+    }
     if (!UrlFault(sink.endpoint_url).empty()) return;
     const UrlParts url = ParseUrl(sink.endpoint_url);
     if (url.has_password) {
