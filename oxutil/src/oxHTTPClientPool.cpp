@@ -13,6 +13,7 @@
 #include <new>
 #include <vector>
 
+#include "oxCurlBinding.h"
 #include "oxHTTPLookup.h"
 
 namespace {
@@ -76,7 +77,7 @@ bool HasUnsafeEnvironment() {
 
 bool StartLocked() {
   if (g_pool.started) return true;
-  if (HasUnsafeEnvironment()) return false;
+  if (HasUnsafeEnvironment() || !oxCurlIsUsable()) return false;
   g_pool.idle.reserve(kMaxIdle);
   if (!g_pool.has_fork_handlers && pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) != 0) return false;
   g_pool.has_fork_handlers = true;

@@ -1,7 +1,7 @@
 #include "base/oxEventLastError.h"
 
 #include <pthread.h>
-#include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -74,6 +74,9 @@ void Free(ThreadText* text) {
   free(text);
 }
 
+// musl has no wrapper for this system call.
+bool HasExited(pid_t thread) { return syscall(SYS_tgkill, getpid(), thread, 0) != 0 && errno == ESRCH; }
+
 // A thread that exits leaves its text behind. Before a text is added, the two that were checked least recently are
 // checked and those of exited threads freed, so that at most about half of the texts belong to exited threads. If a
 // sandbox forbids tgkill, texts of exited threads stay. A text under the caller's own id is that of an exited thread
@@ -82,8 +85,7 @@ void SweepLocked(pid_t self) {
   for (int i = 0; i < kTextsPerSweep; ++i) {
     ThreadText* const oldest = PopFrontLocked();
     if (oldest == nullptr) return;
-    const bool exited = oldest->thread_id == self || (tgkill(getpid(), oldest->thread_id, 0) != 0 && errno == ESRCH);
-    if (exited) {
+    if (oldest->thread_id == self || HasExited(oldest->thread_id)) {
       Free(oldest);
     } else {
       PushBackLocked(oldest);
