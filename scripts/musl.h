@@ -7,4 +7,17 @@
 #define pthread_cond_clockwait(condition, mutex, clock, time) pthread_cond_timedwait(condition, mutex, time)
 #define pthread_mutex_clocklock(mutex, clock, time) pthread_mutex_timedlock(mutex, time)
 using __locale_t = locale_t;
-enum { _ISupper, _ISlower, _ISalpha, _ISdigit, _ISxdigit, _ISspace, _ISprint, _ISgraph, _IScntrl, _ISpunct, _ISalnum, _ISblank };
+enum {
+  _ISupper,
+  _ISlower,
+  _ISalpha,
+  _ISdigit,
+  _ISxdigit,
+  _ISspace,
+  _ISprint,
+  _ISgraph,
+  _IScntrl,
+  _ISpunct,
+  _ISalnum,
+  _ISblank
+};
