@@ -102,10 +102,14 @@ void RegisterFormatters() {
     static const oxEventAlertmanagerFormatterConfig config;
     oxEventFormatAlertmanagerAlert(event, config, out);
   });
-  RegisterFormatter("Text/json_escape", R"(\"fan_rpm\":4200)",
-                    [](auto* out) { oxEventText::JsonEscape(event.details_json, out); });
-  RegisterFormatter("Text/utc_iso", "2023-11-14T22:13:20.123456789Z",
-                    [](auto* out) { oxEventText::UtcIsoFromNs(event.utc_ns, out); });
+  RegisterFormatter("Text/json_escape", R"(\"fan_rpm\":4200)", [](auto* out) {
+    oxEventTextWriter writer(out);
+    oxEventText::JsonEscape(event.details_json, &writer);
+  });
+  RegisterFormatter("Text/utc_iso", "2023-11-14T22:13:20.123456789Z", [](auto* out) {
+    oxEventTextWriter writer(out);
+    oxEventText::UtcIsoFromNs(event.utc_ns, &writer);
+  });
   // Encoding steps of an SNMP trap.
   RegisterFormatter("Ber/integer", "\x02\x01\x01", [](auto* out) { SnmpBer::Integer(SnmpBer::kInteger, 1, out); });
   RegisterFormatter("Ber/oid", "\x2B\x06",

@@ -2,12 +2,44 @@
 
 #include <array>
 #include <bit>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
 namespace {
 
 __extension__ using uint128 = unsigned __int128;
+
+constexpr uint64_t kTenToThe8 = 100'000'000;
+
+// Returns the eight digits of a value below 10^8, one in each byte, the first in the lowest byte. Each step halves all
+// groups of digits at once; a product and a shift replace the division of a group by 100 or 10, exactly for its range.
+constexpr uint64_t EightDigits(uint64_t value) {
+  uint64_t groups = value / 10'000 | (value % 10'000) << 32;
+  uint64_t high = groups * 10'486 >> 20 & 0x0000'007F'0000'007F;
+  groups = high | (groups - high * 100) << 16;
+  high = groups * 103 >> 10 & 0x000F'000F'000F'000F;
+  return high | (groups - high * 10) << 8;
+}
+
+void StoreDigits(uint64_t digits, char* at) {
+  if constexpr (std::endian::native == std::endian::big) digits = __builtin_bswap64(digits);
+  digits |= 0x3030'3030'3030'3030;
+  std::memcpy(at, &digits, sizeof(digits));
+}
+
+char* WriteEightDigits(uint64_t value, char* at) {
+  StoreDigits(EightDigits(value), at);
+  return at + 8;
+}
+
+// Writes a value below 10^8 without leading zeros.
+char* WriteUpToEightDigits(uint64_t value, char* at) {
+  const uint64_t digits = EightDigits(value);
+  const int zeros = std::countr_zero(digits | uint64_t{1} << 56) / 8;  // At most seven: 0 has one digit.
+  StoreDigits(digits >> 8 * zeros, at);
+  return at + 8 - zeros;
+}
 
 constexpr int kFractionBits = 52;  // Fraction bits of a double (IEEE 754).
 constexpr int kExponentBias = 1023;
@@ -39,6 +71,27 @@ uint64_t RoundedDigits(double value, size_t count, size_t* point) {
 }
 
 }  // namespace
+
+char* oxEventWriteUnsigned(uint64_t value, char* at) {
+  if (value < 10) {
+    *at = static_cast<char>('0' + value);
+    return at + 1;
+  }
+  if (value < kTenToThe8) return WriteUpToEightDigits(value, at);
+  const uint64_t high = value / kTenToThe8;
+  if (high < kTenToThe8) {
+    at = WriteUpToEightDigits(high, at);
+  } else {
+    at = WriteUpToEightDigits(high / kTenToThe8, at);
+    at = WriteEightDigits(high % kTenToThe8, at);
+  }
+  return WriteEightDigits(value % kTenToThe8, at);
+}
+
+char* oxEventWriteNineDigits(uint32_t value, char* at) {
+  *at = static_cast<char>('0' + value / kTenToThe8);
+  return WriteEightDigits(value % kTenToThe8, at + 1);
+}
 
 char* oxEventWriteNumber(double value, int significant_digits, char* at) {
   const auto count = static_cast<size_t>(significant_digits);

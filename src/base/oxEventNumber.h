@@ -1,26 +1,28 @@
 #pragma once
 
-#include <charconv>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
-#include <string>
 
 // Formats numbers, independent of the locale. Any thread.
 
 constexpr size_t kOxEventNumberSize = 32;  // Bytes that suffice for any number.
 
-// Writes to a buffer of kOxEventNumberSize bytes, without a terminating NUL. Returns the end.
-template <class Integer>
+// These write to a buffer of kOxEventNumberSize bytes, all of which they may change, without a terminating NUL, and
+// return the end of the number.
+char* oxEventWriteUnsigned(uint64_t value, char* at);
+template <std::integral Integer>
 char* oxEventWriteNumber(Integer value, char* at) {
-  return std::to_chars(at, at + kOxEventNumberSize, value).ptr;
+  if constexpr (std::signed_integral<Integer>) {
+    if (value < 0) {
+      *at = '-';
+      return oxEventWriteUnsigned(-static_cast<uint64_t>(value), at + 1);
+    }
+  }
+  return oxEventWriteUnsigned(static_cast<uint64_t>(value), at);
 }
 // Formats as printf does with %.{significant_digits}g, for 1 to 17 digits, including nan, -nan, inf and -inf.
 char* oxEventWriteNumber(double value, int significant_digits, char* at);
 
-// Appends a number. Throws only std::bad_alloc.
-template <class... NumberAndDigits>
-void oxEventAppendNumber(std::string* out, NumberAndDigits... number_and_digits) {
-  char text[kOxEventNumberSize];
-  out->append(text, oxEventWriteNumber(number_and_digits..., text));
-}
+// Writes the nine digits of a value below 10^9, with leading zeros, and returns their end.
+char* oxEventWriteNineDigits(uint32_t value, char* at);

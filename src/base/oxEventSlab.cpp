@@ -1,9 +1,14 @@
 #include "base/oxEventSlab.h"
 
-#include <sanitizer/asan_interface.h>
-
 #include <cstdlib>
 #include <new>
+
+#ifdef OXEVENT_SANITIZED
+#include <sanitizer/asan_interface.h>  // Not every compiler's package has it.
+#else
+#define ASAN_POISON_MEMORY_REGION(memory, size) static_cast<void>(0)
+#define ASAN_UNPOISON_MEMORY_REGION(memory, size) static_cast<void>(0)
+#endif
 
 size_t oxEventSlab::BlockSize(size_t size) {
   if (size > kLargestBlock) return size;

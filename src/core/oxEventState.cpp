@@ -2,6 +2,7 @@
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventNumber.h"
+#include "base/oxEventTextWriter.h"
 
 enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 
@@ -65,7 +66,7 @@ void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::stri
   char* at = signature->data();
   const auto end_line = [&at] { *at++ = '\n'; };
   const auto add_text = [&](std::string_view text) {
-    at += text.copy(at, text.size());
+    at = oxEventWriteText(text, at);
     end_line();
   };
   const auto add_number = [&](auto... number_and_digits) {

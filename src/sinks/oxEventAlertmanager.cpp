@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "base/oxEventAscii.h"
-#include "base/oxEventNumber.h"
+#include "base/oxEventTextWriter.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -27,35 +27,37 @@ bool IsResolved(std::string_view action) {
 }
 
 // Joins the prefix and the words of the event type, each capitalized: OxEventDiskUsageHigh.
-void AppendAlertName(std::string_view prefix, std::string_view event_type, std::string* out) {
-  const size_t begin = out->size();
+void AddAlertName(std::string_view prefix, std::string_view event_type, oxEventTextWriter* out) {
+  const size_t begin = out->Size();
   for (const char c : prefix) {
-    if (oxEventAsciiIsAlnum(c) || c == '_') out->push_back(c);
+    if (oxEventAsciiIsAlnum(c) || c == '_') out->Add(c);
   }
-  if (out->size() == begin) out->append("OxEvent");
-  const size_t words = out->size();
+  if (out->Size() == begin) out->Add("OxEvent");
+  const size_t words = out->Size();
   bool in_word = false;
   for (const char c : event_type) {
     const bool starts = !in_word;
     in_word = oxEventAsciiIsAlnum(c);
-    if (in_word) out->push_back(starts ? oxEventAsciiUpper(c) : oxEventAsciiLower(c));
+    if (in_word) out->Add(starts ? oxEventAsciiUpper(c) : oxEventAsciiLower(c));
   }
-  if (out->size() == words) out->append("Event");
+  if (out->Size() == words) out->Add("Event");
 }
 
-// Appends the string as a label value that is easy to query: in lower case, without special characters.
-void AppendLabelValue(std::string_view text, std::string_view fallback, std::string* out) {
-  const size_t begin = out->size();
+// Adds the string as a label value that is easy to query: in lower case, without special characters.
+void AddLabelValue(std::string_view text, std::string_view fallback, oxEventTextWriter* out) {
+  char* const begin = out->Room(text.size());
+  char* end = begin;
   bool in_run = false;  // Within a run of special characters, which becomes one "_".
   for (const char c : text) {
     const bool kept = oxEventAsciiIsAlnum(c) || c == '_' || c == '.' || c == ':' || c == '-';
-    if (kept) out->push_back(oxEventAsciiLower(c));
-    if (!kept && !in_run) out->push_back('_');
+    if (kept) *end++ = oxEventAsciiLower(c);
+    if (!kept && !in_run) *end++ = '_';
     in_run = !kept;
   }
-  while (out->size() > begin && out->back() == '_') out->pop_back();
-  if (out->size() > begin && (*out)[begin] == '_') out->erase(begin, 1);
-  if (out->size() == begin) out->append(fallback);
+  while (end != begin && end[-1] == '_') --end;
+  if (end != begin && *begin == '_') end = std::copy(begin + 1, end, begin);
+  if (end == begin) return out->Add(fallback);
+  out->Advance(end);
 }
 
 std::string_view AlertSeverity(uint32_t severity) {
@@ -68,50 +70,50 @@ bool Contains(std::string_view text, std::string_view part) {
   return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-// Adds a string member. Calls `append` to append its value, which it must escape.
-template <class Append>
-void AddString(std::string_view name, JsonObject* object, std::string* out, Append append) {
+// Adds a string member. Calls `add` to add its value, which it must escape.
+template <size_t kSize, class Add>
+void AddString(const char (&name)[kSize], JsonObject* object, oxEventTextWriter* out, Add add) {
   object->AddName(name);
-  out->push_back('"');
-  append();
-  out->push_back('"');
+  out->Add('"');
+  add();
+  out->Add('"');
 }
 
 void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFormatterConfig& config,
-               std::string* out) {
+               oxEventTextWriter* out) {
   JsonObject labels(out);
-  AddString("alertname", &labels, out, [&] { AppendAlertName(config.alertname_prefix, event.event_type, out); });
+  AddString("alertname", &labels, out, [&] { AddAlertName(config.alertname_prefix, event.event_type, out); });
   labels.AddStringField("severity", AlertSeverity(event.severity));
-  AddString("event_type", &labels, out, [&] { AppendLabelValue(event.event_type, "event", out); });
+  AddString("event_type", &labels, out, [&] { AddLabelValue(event.event_type, "event", out); });
   labels.AddStringField("action", "raise");  // Also for a clear: a different label would identify a different alert.
   if (config.allow_source_label && !event.source_id.empty()) {
-    AddString("source_id", &labels, out, [&] { AppendLabelValue(event.source_id, "source", out); });
+    AddString("source_id", &labels, out, [&] { AddLabelValue(event.source_id, "source", out); });
   }
   labels.Close();
 }
 
-void AddAnnotations(const oxEventNormalizedEvent& event, std::string* out) {
+void AddAnnotations(const oxEventNormalizedEvent& event, oxEventTextWriter* out) {
   JsonObject annotations(out);
   annotations.AddStringField("summary", event.message.empty() ? event.event_type : event.message);
   AddString("description", &annotations, out, [&] {
     JsonEscape(event.message, out);
     if (event.source_name.empty() || Contains(event.message, event.source_name)) return;
-    out->append(" on ");
+    out->Add(" on ");
     JsonEscape(event.source_name, out);
   });
-  AddString("ox_event_id", &annotations, out, [&] { oxEventAppendNumber(out, event.event_id); });
+  AddString("ox_event_id", &annotations, out, [&] { out->AddNumber(event.event_id); });
   AddString("ox_dedupe_key", &annotations, out, [&] {
     if (!event.dedupe_key.empty()) return JsonEscape(event.dedupe_key, out);
     JsonEscape(event.event_type, out);
     if (event.source_id.empty()) return;
-    out->push_back(':');
+    out->Add(':');
     JsonEscape(event.source_id, out);
   });
   annotations.AddStringField("ox_source_name", event.source_name);
   annotations.AddStringField("ox_units", event.units);
-  const auto add_number = [&](std::string_view name, double value) {
+  const auto add_number = [&](const auto& name, double value) {
     AddString(name, &annotations, out, [&] {
-      if (std::isfinite(value)) oxEventAppendNumber(out, value, kDisplayDigits);
+      if (std::isfinite(value)) out->AddNumber(value, kDisplayDigits);
     });
   };
   add_number("ox_value", event.value);
@@ -128,15 +130,16 @@ uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
   const bool resolved = IsResolved(event.action);
   out->assign(resolved && !config.send_resolved ? "[]" : "[");
   if (resolved && !config.send_resolved) return OXEVENT_OK;
-  JsonObject alert(out);
+  oxEventTextWriter writer(out);
+  JsonObject alert(&writer);
   alert.AddName("labels");
-  AddLabels(event, config, out);
+  AddLabels(event, config, &writer);
   alert.AddName("annotations");
-  AddAnnotations(event, out);
-  const auto append_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, out, cache); };
-  AddString("startsAt", &alert, out, append_time);
-  if (resolved) AddString("endsAt", &alert, out, append_time);
+  AddAnnotations(event, &writer);
+  const auto add_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, &writer, cache); };
+  AddString("startsAt", &alert, &writer, add_time);
+  if (resolved) AddString("endsAt", &alert, &writer, add_time);
   alert.Close();
-  out->push_back(']');
+  writer.Add(']');
   return OXEVENT_OK;
 }

@@ -7,7 +7,6 @@
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventForkCount.h"
-#include "base/oxEventNumber.h"
 
 namespace {
 
@@ -40,9 +39,7 @@ uint32_t oxEventCallbackSink::Deliver(const oxEventNormalizedEvent& event, uint6
     // After a fork in the callback, only the parent calls the remaining callbacks.
     if (g_oxEventForkCount != forks) break;
     if (returned) continue;
-    std::string id;
-    oxEventAppendNumber(&id, registration->id);
-    result = oxEventSetErrorText(oxEventErrors::kCallbackThrew, {id}, error);
+    result = oxEventSetErrorText(oxEventErrors::kCallbackThrew, {std::to_string(registration->id)}, error);
   }
   return result;
 }

@@ -20,9 +20,10 @@ void AppendBigEndian(size_t value, size_t count, std::string* out) {
 // The length takes the fewest bytes.
 void AppendTagAndLength(Tag tag, size_t length, std::string* out) {
   out->push_back(static_cast<char>(tag));
+  if (length <= kShortForm) return out->push_back(static_cast<char>(length));
   const size_t count = ByteCount(length);
-  if (length > kShortForm) out->push_back(static_cast<char>(0x80 | count));
-  AppendBigEndian(length, std::max<size_t>(count, 1), out);
+  out->push_back(static_cast<char>(0x80 | count));
+  AppendBigEndian(length, count, out);
 }
 
 size_t TagAndLengthSize(size_t length) { return length > kShortForm ? 2 + ByteCount(length) : 2; }

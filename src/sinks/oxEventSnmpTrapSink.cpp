@@ -55,7 +55,6 @@ class oxEventSnmpTrapSink : public oxEventSink {
         encoded_trap_oid_(EncodeOid(trap_oid_)),
         sender_(kUdpErrors, Host(config, defaults), Port(config, defaults), config.lookup) {
     message_.reserve(kMaxMessage);
-    decimal_.reserve(std::numeric_limits<uint64_t>::digits10 + 1);
     for (int i = 1; i <= kObjectCount; ++i) {
       encoded_objects_.push_back(EncodeOid(OidJoin(enterprise_oid_, ".1." + std::to_string(i) + ".0")));
     }
@@ -106,9 +105,8 @@ class oxEventSnmpTrapSink : public oxEventSink {
     const auto add = [&](std::string_view text, size_t max_length)
                          OX_REQUIRES(mutex_) { SnmpBer::AppendStringVarBind(*object++, text, max_length, &message_); };
     const auto add_number = [&](uint64_t value) OX_REQUIRES(mutex_) {
-      decimal_.clear();
-      oxEventAppendNumber(&decimal_, value);
-      add(decimal_, 32);
+      char decimal[kOxEventNumberSize];
+      add({decimal, oxEventWriteNumber(value, decimal)}, 32);
     };
     add(oxEventSeverityName(event.severity), 32);
     add_number(event.event_id);
@@ -135,7 +133,6 @@ class oxEventSnmpTrapSink : public oxEventSink {
   std::vector<std::string> encoded_objects_;  // <enterprise OID>.1.1.0 to .1.12.0. Constant after construction.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string message_ OX_GUARDED_BY(mutex_);  // Reused for each event.
-  std::string decimal_ OX_GUARDED_BY(mutex_);  // Reused for each event.
 };
 
 uint32_t CheckVersion(const oxEventSinkConfig& config, std::string* error) {

@@ -8,9 +8,9 @@
 
 #include "base/oxEventErrorText.h"
 #include "base/oxEventMutex.h"
-#include "base/oxEventNumber.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
+#include "base/oxEventTextWriter.h"
 #include "config/oxEventSettings.h"
 #include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventSink.h"
@@ -32,37 +32,53 @@ uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
   return severity < std::size(kSeverities) ? kSeverities[severity] : 6;
 }
 
-// Appends a header field, in which "_" replaces all but printable US-ASCII; "-" if `text` is empty.
-void AppendHeaderField(std::string_view text, size_t max_length, std::string* line) {
-  if (text.empty()) line->push_back('-');
-  for (const char c : text.substr(0, max_length)) line->push_back(c >= '!' && c <= '~' ? c : '_');
+// Adds a header field, in which "_" replaces all but printable US-ASCII; "-" if `text` is empty.
+void AddHeaderField(std::string_view text, size_t max_length, oxEventTextWriter* line) {
+  if (text.empty()) return line->Add('-');
+  text = text.substr(0, max_length);
+  const auto or_underscore = [](char c) { return c >= '!' && c <= '~' ? c : '_'; };
+  line->Advance(std::transform(text.begin(), text.end(), line->Room(text.size()), or_underscore));
 }
 
-// Appends a PARAM-VALUE. Skips bytes beyond kMaxLine, because the line is truncated there anyway.
-void AppendParamValue(std::string_view text, std::string* line) {
+char* WriteParamValue(std::string_view text, char* at) {
   const auto is_special = [](auto c) { return (c == '"') | (c == '\\') | (c == ']'); };
-  text = text.substr(0, kMaxLine - std::min(line->size(), kMaxLine));
-  oxEventText::AppendEscaped(text, is_special, line, [line](char c) { line->append(1, '\\').append(1, c); });
+  const auto escape = [](unsigned char byte, char* to) {
+    *to++ = '\\';
+    *to++ = static_cast<char>(byte);
+    return to;
+  };
+  return oxEventWriteEscaped(text, is_special, escape, at);
 }
 
-void BeginParameter(std::string_view name, std::string* line) { line->append(1, ' ').append(name).append("=\""); }
+// Adds a PARAM-VALUE. Skips bytes beyond kMaxLine, because the line is truncated there anyway.
+void AddParamValue(std::string_view text, oxEventTextWriter* line) {
+  line->AddEscaped<2>(text.substr(0, kMaxLine - std::min(line->Size(), kMaxLine)), WriteParamValue);
+}
 
-void AddStringParameter(std::string_view name, std::string_view text, std::string* line) {
+template <size_t kSize>
+void BeginParameter(const char (&name)[kSize], oxEventTextWriter* line) {
+  line->Add(' ');
+  line->Add(name);
+  line->Add("=\"");
+}
+
+template <size_t kSize>
+void AddStringParameter(const char (&name)[kSize], std::string_view text, oxEventTextWriter* line) {
   BeginParameter(name, line);
-  AppendParamValue(text, line);
-  line->push_back('"');
+  AddParamValue(text, line);
+  line->Add('"');
 }
 
-template <class... NumberArguments>
-void AddNumberParameter(std::string_view name, std::string* line, NumberArguments... number) {
+template <size_t kSize, class... NumberArguments>
+void AddNumberParameter(const char (&name)[kSize], oxEventTextWriter* line, NumberArguments... number) {
   BeginParameter(name, line);
-  oxEventAppendNumber(line, number...);
-  line->push_back('"');
+  line->AddNumber(number...);
+  line->Add('"');
 }
 
-void AppendStructuredData(const oxEventNormalizedEvent& event, std::string* line) {
-  line->append("[velmora@32473");
-  AddNumberParameter("version", line, uint64_t{OXEVENT_API_VERSION});
+void AddStructuredData(const oxEventNormalizedEvent& event, oxEventTextWriter* line) {
+  line->Add("[velmora@32473");
+  AddNumberParameter("version", line, OXEVENT_API_VERSION);
   AddNumberParameter("event_id", line, event.event_id);
   AddStringParameter("severity", oxEventSeverityName(event.severity), line);
   AddStringParameter("action", event.action, line);
@@ -80,7 +96,7 @@ void AppendStructuredData(const oxEventNormalizedEvent& event, std::string* line
   AddStringParameter("units", event.units, line);
   AddNumberParameter("duration_ms", line, event.duration_ms);
   AddStringParameter("details_json", event.details_json, line);
-  line->push_back(']');
+  line->Add(']');
 }
 
 std::string HostName() {
@@ -102,14 +118,15 @@ class oxEventSyslogUdpSink : public oxEventSink {
       : oxEventSink(config.minimum_severity),
         facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kDefaultFacility)),
         sender_(kUdpErrors, Host(config), Port(config), config.lookup) {
-    const auto add = [this](std::string_view text, size_t max_length) {
-      origin_.push_back(' ');
-      AppendHeaderField(text, max_length, &origin_);
+    oxEventTextWriter origin(&origin_);
+    const auto add = [&origin](std::string_view text, size_t max_length) {
+      origin.Add(' ');
+      AddHeaderField(text, max_length, &origin);
     };
     add(HostName(), 255);
     add(oxEventOrDefault(config.app_name, "oxEvent"), kOxEventAppNameMaxBytes);
     add(std::to_string(getpid()), 128);
-    origin_.push_back(' ');
+    origin.Add(' ');
     line_.reserve(kMaxLine);
   }
 
@@ -127,17 +144,19 @@ class oxEventSyslogUdpSink : public oxEventSink {
   }
 
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
-    line_.assign(1, '<');
-    oxEventAppendNumber(&line_, facility_code_ * 8 + SyslogSeverity(event.severity));
-    line_.append(">1 ");
-    oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line_, &utc_cache_);
-    line_.append(origin_);
-    AppendHeaderField(event.event_type, 32, &line_);
-    line_.push_back(' ');
-    AppendStructuredData(event, &line_);
-    line_.push_back(' ');
-    line_.append(event.message, 0, kMaxLine);
-    line_.resize(std::min(line_.size(), kMaxLine));
+    line_.clear();
+    oxEventTextWriter line(&line_);
+    line.Add('<');
+    line.AddNumber(facility_code_ * 8 + SyslogSeverity(event.severity));
+    line.Add(">1 ");
+    oxEventText::UtcIsoNanoFromNs(event.utc_ns, &line, &utc_cache_);
+    line.Add(std::string_view(origin_));
+    AddHeaderField(event.event_type, 32, &line);
+    line.Add(' ');
+    AddStructuredData(event, &line);
+    line.Add(' ');
+    line.Add(event.message.substr(0, kMaxLine));
+    line.Truncate(std::min(line.Size(), kMaxLine));
   }
 
   oxEventMutex mutex_;

@@ -76,7 +76,27 @@ char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
 char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
   at = WriteUtcSeconds(ns, cache, at);
   *at++ = '.';
-  return WritePadded(ns % kNsPerSecond, 9, 'Z', at);
+  at = oxEventWriteNineDigits(static_cast<uint32_t>(ns % kNsPerSecond), at);
+  *at++ = 'Z';
+  return at;
+}
+
+constexpr size_t kJsonEscapeSize = sizeof("\\u001f") - 1;
+constexpr size_t kShortText = 64;
+
+char* WriteJsonEscaped(std::string_view text, char* at) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
+  const auto escape = [](unsigned char byte, char* to) {
+    const char letter = EscapeLetter(byte);
+    *to++ = '\\';
+    *to++ = letter;
+    if (letter != 'u') return to;
+    const char code[] = {'0', '0', kHex[byte >> 4], kHex[byte & 0xF]};
+    std::memcpy(to, code, sizeof(code));
+    return to + sizeof(code);
+  };
+  return oxEventWriteEscaped(text, is_special, escape, at);
 }
 
 // A column of the CSV file. `value` returns its value: a string, a number or a UtcTime.
@@ -148,10 +168,7 @@ constexpr size_t CsvFieldCapacity(Number) {
 // RFC 4180, section 2.
 char* WriteCsvField(std::string_view text, char* at) {
   const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
-  if (PlainLength(text, is_special) == text.size()) {
-    std::memcpy(at, text.data(), text.size());
-    return at + text.size();
-  }
+  if (oxEventCopyPlain(text, is_special, at) == text.size()) return at + text.size();
   *at++ = '"';
   for (const char c : text) {
     if (c == '"') *at++ = '"';
@@ -170,62 +187,37 @@ char* WriteCsvField(Integer value, char* at) {
 
 }  // namespace
 
-void JsonEscape(std::string_view text, std::string* out) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
-  AppendEscaped(text, is_special, out, [out](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    const char escape = EscapeLetter(byte);
-    out->append(1, '\\').append(1, escape);
-    if (escape == 'u') out->append("00").append(1, kHex[byte >> 4]).append(1, kHex[byte & 0xF]);
-  });
+void JsonEscape(std::string_view text, oxEventTextWriter* out) {
+  out->AddEscaped<kJsonEscapeSize>(text, WriteJsonEscaped);
 }
 
-void JsonObject::AddName(std::string_view name) {
-  if (!first_) out_->push_back(',');
-  first_ = false;
-  out_->append(1, '"').append(name).append("\":");
-}
-
-void JsonObject::AddStringField(std::string_view name, std::string_view text) {
-  AddName(name);
-  out_->push_back('"');
-  JsonEscape(text, out_);
-  out_->push_back('"');
-}
-
-void JsonObject::AddDoubleField(std::string_view name, double value) {
-  AddName(name);
-  DoubleToJson(value, out_);
-}
-
-void JsonObject::AddField(std::string_view name, uint64_t value) {
-  AddName(name);
-  oxEventAppendNumber(out_, value);
-}
-
-void JsonObject::AddField(std::string_view name, int64_t value) {
-  AddName(name);
-  oxEventAppendNumber(out_, value);
-}
-
-void DoubleToJson(double value, std::string* out) {
-  if (!std::isfinite(value)) {
-    out->append("null");
-    return;
+// One check for room serves a short string and its quotes.
+void AddJsonString(std::string_view text, oxEventTextWriter* out) {
+  if (text.size() > kShortText) {
+    out->Add('"');
+    JsonEscape(text, out);
+    return out->Add('"');
   }
-  oxEventAppendNumber(out, value, kRoundTripDigits);
+  char* at = out->Room(kJsonEscapeSize * kShortText + 2);
+  *at++ = '"';
+  at = WriteJsonEscaped(text, at);
+  *at++ = '"';
+  out->Advance(at);
 }
 
-void UtcIsoFromNs(uint64_t ns, std::string* out, UtcCache* cache) {
+void DoubleToJson(double value, oxEventTextWriter* out) {
+  if (!std::isfinite(value)) return out->Add("null");
+  out->AddNumber(value, kRoundTripDigits);
+}
+
+void UtcIsoFromNs(uint64_t ns, oxEventTextWriter* out, UtcCache* cache) {
   if (ns % kNsPerSecond != 0) return UtcIsoNanoFromNs(ns, out, cache);
-  char text[kUtcSeconds];
-  out->append(text, WriteUtcSeconds(ns, cache, text)).push_back('Z');
+  out->Advance(WriteUtcSeconds(ns, cache, out->Room(kUtcSeconds)));
+  out->Add('Z');
 }
 
-void UtcIsoNanoFromNs(uint64_t ns, std::string* out, UtcCache* cache) {
-  char text[kUtcNano];
-  out->append(text, WriteUtcNano(ns, cache, text));
+void UtcIsoNanoFromNs(uint64_t ns, oxEventTextWriter* out, UtcCache* cache) {
+  out->Advance(WriteUtcNano(ns, cache, out->Room(kUtcNano)));
 }
 
 std::string_view CsvHeader() { return {kCsvHeader.data(), kCsvHeader.size()}; }
@@ -253,10 +245,12 @@ char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache
   return at;
 }
 
-void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out) {
+namespace {
+
+void AddNativeJsonData(const oxEventNormalizedEvent& event, oxEventTextWriter* out) {
   const uint64_t severity = event.severity;
   JsonObject object(out);
-  object.AddField("version", uint64_t{OXEVENT_API_VERSION});
+  object.AddField("version", OXEVENT_API_VERSION);
   object.AddField("event_id", event.event_id);
   object.AddStringField("severity", oxEventSeverityName(event.severity));
   object.AddField("severity_value", severity);
@@ -280,31 +274,39 @@ void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out)
   object.Close();
 }
 
+}  // namespace
+
+void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out) {
+  oxEventTextWriter writer(out);
+  AddNativeJsonData(event, &writer);
+}
+
 void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view source,
                            std::string_view subject_prefix, std::string* out) {
   const auto first_non_empty = [](std::string_view a, std::string_view b, std::string_view c) {
     return !a.empty() ? a : !b.empty() ? b : c;
   };
-  JsonObject object(out);
+  oxEventTextWriter writer(out);
+  JsonObject object(&writer);
   object.AddStringField("specversion", "1.0");
   object.AddName("id");
-  out->push_back('"');
-  oxEventAppendNumber(out, event.event_id);
-  out->push_back('"');
+  writer.Add('"');
+  writer.AddNumber(event.event_id);
+  writer.Add('"');
   object.AddStringField("source", first_non_empty(source, event.source_name, "/oxEvent"));
   object.AddStringField("type", first_non_empty(event.event_type, "oxEvent.event", ""));
   object.AddName("time");
-  out->push_back('"');
-  UtcIsoNanoFromNs(event.utc_ns, out);
-  out->push_back('"');
+  writer.Add('"');
+  UtcIsoNanoFromNs(event.utc_ns, &writer);
+  writer.Add('"');
   object.AddName("subject");
-  out->push_back('"');
-  JsonEscape(subject_prefix, out);
-  JsonEscape(first_non_empty(event.source_id, event.event_type, "event"), out);
-  out->push_back('"');
+  writer.Add('"');
+  JsonEscape(subject_prefix, &writer);
+  JsonEscape(first_non_empty(event.source_id, event.event_type, "event"), &writer);
+  writer.Add('"');
   object.AddStringField("datacontenttype", "application/json");
   object.AddName("data");
-  FormatNativeJsonData(event, out);
+  AddNativeJsonData(event, &writer);
   object.Close();
 }
 

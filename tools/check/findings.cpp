@@ -53,10 +53,11 @@ std::string FormatJson(const std::string& file, const std::vector<Finding>& find
   std::string text;
   for (const Finding& f : findings) {
     if (!text.empty()) text += ",\n";
-    oxEventText::JsonObject object(&text);
+    oxEventTextWriter writer(&text);
+    oxEventText::JsonObject object(&writer);
     object.AddStringField("file", ValidUtf8(file));
-    object.AddField("line", uint64_t{f.position.line});
-    object.AddField("column", uint64_t{f.position.column});
+    object.AddField("line", f.position.line);
+    object.AddField("column", f.position.column);
     object.AddStringField("key", ValidUtf8(f.key));
     object.AddStringField("severity", NameOf(f.severity));
     object.AddStringField("code", f.code);
