@@ -26,7 +26,7 @@ class oxCFGDescriptor {
 
   int Get() const { return fd_; }
   void Set(int fd) { fd_ = fd; }
-  // EINTR counts as success: Linux has closed the descriptor then.
+  // EINTR counts as success, because Linux has closed the descriptor in that case too.
   bool Close() { return close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
 
  private:

@@ -17,8 +17,9 @@ class oxCFGFile {
   bool Read(const char* path, std::string* bytes);
 
   // Replaces the file with a new one that contains `bytes` and has the owner, mode and extended attributes of the old
-  // one. Fails, and leaves no new file behind, if a step before the rename fails, if the old file is write-protected,
-  // or if anyone else has changed it. Also fails if the directory cannot be synced after the rename.
+  // one. Fails, and leaves no new file behind, if a step before the rename fails, if there are more than kMaxBytes, if
+  // the old file is write-protected, or if anyone else has changed it. Also fails if the directory cannot be synced
+  // after the rename.
   bool Replace(std::string_view bytes);
 
  private:

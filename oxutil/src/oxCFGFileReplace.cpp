@@ -27,8 +27,8 @@ bool SyncDescriptor(const oxCFGDescriptor& descriptor) {
 
 constexpr char kAclAttribute[] = "system.posix_acl_access";
 
-// Keeps a write beyond the file-size limit of the process from raising SIGXFSZ, whose default action ends the host. A
-// signal that was pending before belongs to the host and stays pending.
+// Blocks SIGXFSZ, which a write beyond the process's file-size limit raises and whose default action ends the host. The
+// destructor discards it. A signal that was pending before belongs to the host and stays pending.
 class SigxfszGuard {
  public:
   SigxfszGuard() {
@@ -64,8 +64,8 @@ class NewFile {
 
   bool Create(const std::string& target);
   bool Write(std::string_view bytes);
-  // Copies owner, group and mode from `status`, and the extended attributes, with the access control list, from the
-  // file.
+  // Copies owner, group and mode from `status`, and the extended attributes, including the access control list, from
+  // the file at `target_path`.
   bool CopyAccess(const std::string& target_path, const struct stat& status);
   bool Sync() { return SyncDescriptor(file_) && file_.Close(); }
   bool Rename(const std::string& target);
@@ -121,7 +121,7 @@ bool NewFile::CopyAcl(const std::string& target_path) {
   return fremovexattr(file_.Get(), kAclAttribute) == 0 || errno == ENODATA || errno == ENOTSUP;
 }
 
-// Copies all attributes that the process can see: the kernel hides trusted ones from unprivileged processes.
+// Copies all other attributes that the process can see: the kernel hides trusted.* from unprivileged processes.
 bool NewFile::CopyAttributes(const std::string& target_path) {
   std::string names(XATTR_LIST_MAX, '\0');
   const ssize_t size = llistxattr(target_path.c_str(), names.data(), names.size());
@@ -135,7 +135,7 @@ bool NewFile::CopyAttributes(const std::string& target_path) {
 }
 
 bool NewFile::CopyAttribute(const std::string& target_path, const char* name) {
-  // These attributes are signatures or hashes of the old content.
+  // These attributes are signatures or hashes of the old content and would not match the new content.
   for (const char* const bound_to_bytes : {"security.ima", "security.evm"}) {
     if (name == std::string_view(bound_to_bytes)) return false;
   }

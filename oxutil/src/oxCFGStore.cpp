@@ -21,8 +21,8 @@ constexpr char kBadReference[] = "a reference to a character that XML cannot hol
 
 constexpr const char* kElementNames[] = {"key", "value"};  // By oxCFGKind.
 
-// Limits the memory of the document: parsed tags take many times their size. Keys and values have at least this many
-// bytes per tag, as in <key name="a"></key>; a file with at most kFewTags tags may have fewer.
+// Limits the memory of the document: parsed tags take many times their size in the file. Keys and values have at least
+// kMinBytesPerTag, as in <key name="a"></key>; a file with at most kFewTags tags may have fewer bytes per tag.
 constexpr size_t kMinBytesPerTag = 10;
 constexpr size_t kFewTags = 65536;
 
@@ -32,7 +32,7 @@ struct StringWriter : pugi::xml_writer {
   std::string bytes;
 };
 
-// Throws if the result is a null handle or false, with which pugixml reports memory exhaustion.
+// Throws if the result is a null handle or false, by which pugixml reports memory exhaustion.
 template <typename Result>
 Result Allocated(Result result) {
   if (!result) throw std::bad_alloc();
@@ -232,7 +232,7 @@ bool oxCFGStore::CheckAttributes(pugi::xml_node node) {
       return Fail(kBadReference, node.offset_debug() + (raw.data() + bad - node.name()));
     }
     if (raw.find('"') == raw.npos) continue;
-    // The file delimits this attribute with apostrophes, but a save uses quotes, so those inside must be escaped.
+    // The file delimits this attribute with apostrophes, but a save uses quotes, so quotes inside it must be escaped.
     std::string quoted;
     for (size_t quote; (quote = raw.find('"')) != raw.npos; raw.remove_prefix(quote + 1)) {
       quoted.append(raw.substr(0, quote)).append("&quot;");

@@ -15,7 +15,7 @@
 
 // Why a file cannot be opened as a settings store.
 struct oxCFGParseError {
-  const char* reason = nullptr;  // Null: the file could not be read.
+  const char* reason = nullptr;  // Null if the file could not be read, or was opened.
   size_t offset = 0;             // Offset in the file at which the error was found.
 };
 
@@ -32,7 +32,8 @@ enum class oxCFGKind : uint32_t { kKey = 0, kValue = 1 };
 // Reading does not allocate: otherwise memory exhaustion could make a value seem missing, and the caller would set it
 // to its default.
 //
-// Threads: one at a time. Errors: methods return false; those that open or change the store may throw std::bad_alloc.
+// Threads: one at a time. Errors: methods return false; those that open, change or save the store may throw
+// std::bad_alloc.
 class oxCFGStore {
  public:
   static constexpr size_t kMaxNameBytes = 511;
@@ -45,7 +46,7 @@ class oxCFGStore {
   // Must be called once, before any other function. An empty file is an empty store.
   bool Open(const char* path);
 
-  // For tools that inspect the file: valid after Open, even if it failed. Bytes returns the content of the file.
+  // For tools that inspect the file: valid after Open, even if Open failed. Bytes returns the content of the file.
   const oxCFGParseError& ParseError() const { return parse_error_; }
   const std::string& Bytes() const { return saved_; }
   pugi::xml_node Root() const { return root_.node; }
@@ -56,7 +57,8 @@ class oxCFGStore {
   // Adds the key and the missing keys above it.
   bool AddKey(std::string_view key);
 
-  // Finds the entry after `previous`, or the first one if `previous` is empty. *name is valid for the store's lifetime.
+  // Finds the sub-key or value after `previous`, or the first one if `previous` is empty. Returns false after the last.
+  // *name is valid for the store's lifetime.
   bool Next(std::string_view key, std::string_view previous, std::string_view* name, oxCFGKind* kind);
 
   // Passes the value's decoded text to callback(std::string_view), piece by piece.
@@ -68,13 +70,14 @@ class oxCFGStore {
     ForEachPiece(value->node, callback);
     return true;
   }
-  // Adds the value if it is missing. Fails if the key is missing or the text contains a control byte that XML forbids.
+  // Adds the value if it is missing. Fails if the key is missing, if the name is not valid, or if the text contains a
+  // control byte that XML forbids.
   bool Set(std::string_view key, std::string_view name, const std::string& text);
 
   // Writes the file if the store has changed.
   bool Save();
 
-  // Makes every later Save fail. Call it after a call that ran out of memory: the document may be incomplete.
+  // Makes every later Save fail. Call it after a method ran out of memory: the document may be incomplete.
   void DisableSave() { save_disabled_ = true; }
 
  private:
@@ -89,7 +92,7 @@ class oxCFGStore {
   struct IndexedNode {
     pugi::xml_node node;
     size_t order = 0;  // Higher than that of every earlier sibling.
-    // For a key: the child that Next returned last. Its name alone could mean either a sub-key or a value.
+    // For a key: the child that Next found last. Its name alone would not tell whether it is a sub-key or a value.
     mutable pugi::xml_node cursor = {};
   };
   class Indexer;
@@ -122,11 +125,11 @@ class oxCFGStore {
   std::string Serialize();
 
   oxCFGFile file_;
-  std::string saved_;  // Content of the file.
+  std::string saved_;  // Content of the file when it was last read or saved.
   pugi::xml_document document_;
   IndexedNode root_;
   // Ordered, not hashed, so that no choice of names in a file makes it slow. Contains only the elements that count: the
-  // first of each name, and only names that a path can contain.
+  // first sub-key and the first value of each valid name in a key.
   std::map<IndexKey, IndexedNode> index_;
   std::map<const void*, std::string> decoded_names_;  // By node; only for names that contain a reference.
   oxCFGParseError parse_error_;

@@ -44,7 +44,7 @@ void oxCFGDecode(std::string_view raw, Callback callback) {
 }
 std::string oxCFGDecoded(std::string_view raw);
 
-// Encodes the text so that an XML parser decodes it unchanged, although parsers turn a raw CR into LF, and raw white
+// Encodes the text so that an XML parser returns it unchanged, although parsers turn a raw CR into LF, and raw white
 // space in an attribute into spaces.
 enum class oxCFGContext { kElement, kAttribute };
 std::string oxCFGEncoded(std::string_view text, oxCFGContext context);
