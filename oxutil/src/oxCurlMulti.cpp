@@ -35,8 +35,8 @@ bool MatchesQueue(int fd, unsigned long request, bool woken) {
   return request == FIONREAD ? bytes == (woken ? kWakeups : 0) : (bytes > 0) == woken;
 }
 
-// Returns whether the pair belongs to the multi handle: each curl_multi_wakeup writes one byte to one end of its own
-// pair, and the byte stays unread at the other end.
+// Returns whether the pair belongs to the multi handle: each curl_multi_wakeup writes one byte to one end of the
+// handle's pair, and the byte stays unread at the other end.
 bool IsWakeupPair(const DescriptorPair& pair, CURLM* multi) {
   const auto both_match = [&](bool woken) {
     return MatchesQueue(pair.read_end, FIONREAD, woken) && MatchesQueue(pair.write_end, SIOCOUTQ, woken);

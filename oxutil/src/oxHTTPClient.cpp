@@ -42,7 +42,8 @@ bool StartsWith(std::string_view line, std::string_view lower_name) {
   return line.size() >= lower_name.size() && strncasecmp(line.data(), lower_name.data(), lower_name.size()) == 0;
 }
 
-// Returns false if the length is invalid, for which libcurl would use none, or differs from an earlier one.
+// Returns false if the length is invalid or differs from an earlier one. libcurl would ignore a length that it cannot
+// represent, and would use the last of several.
 bool ParseContentLength(std::string_view line, oxHTTPResponse* response) {
   constexpr std::string_view kName = "content-length:";
   if (!StartsWith(line, kName)) return true;
@@ -138,9 +139,10 @@ oxHTTPClient::~oxHTTPClient() {
   curl_multi_cleanup(multi_);
 }
 
-// Called when libcurl needs a new connection. libcurl's own lookup could not be abandoned at the deadline, so this
-// function aborts the transfer, and Perform starts it again with the addresses. If the server has already received the
-// request, the transfer stays aborted, because libcurl would repeat the request.
+// Called when libcurl needs the address of a host for a new connection. libcurl's own lookup of a name could not be
+// abandoned at the deadline, so this function aborts the transfer, and Perform starts it again with the addresses. If
+// the server has already received the request, the transfer is aborted for good, because libcurl would repeat the
+// request.
 int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
   auto* client = static_cast<oxHTTPClient*>(self);
   client->lookup_needed_ = !client->response_started_ && !IsIpAddress(client->host_);
@@ -148,11 +150,11 @@ int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
 }
 
 // libcurl repeats a request if a kept connection closes before a complete line of the response has arrived. But even
-// part of a line proves that the server has received the request, so no new connection is opened then.
+// part of a line proves that the server has received the request, so in that case no new connection is opened.
 curl_socket_t oxHTTPClient::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
   auto* client = static_cast<oxHTTPClient*>(self);
   if (client->response_started_) return CURL_SOCKET_BAD;
-  client->set_up_ = false;  // Requires a SetUp for the next request, which resets libcurl's count of repeated requests.
+  client->set_up_ = false;  // The next request needs a SetUp, which resets libcurl's count of repeated requests.
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
@@ -166,7 +168,8 @@ int oxHTTPClient::OnCloseSocket(void* self, curl_socket_t fd) {
   return close(fd);
 }
 
-// Asks the kernel only if the bytes of the response were not all counted: that takes 2 % of the time of a request.
+// Asks the kernel, which takes 2 % of the time of a request, only if the client has not counted all bytes of the
+// response.
 void oxHTTPClient::RecordKeptSocket(const oxHTTPResponse& response) {
   curl_socket_t fd = CURL_SOCKET_BAD;
   if (curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &fd) != CURLE_OK || fd == CURL_SOCKET_BAD) return;
@@ -283,7 +286,7 @@ CURLcode oxHTTPClient::PerformOnce(const oxHTTPRequest& request, const oxHTTPRes
   return result;
 }
 
-// Returns an entry for CURLOPT_RESOLVE, which libcurl caches for a minute, or null if there is no address in time.
+// Returns an entry for CURLOPT_RESOLVE, which libcurl caches for a minute, or null if no address was found in time.
 oxCurlList oxHTTPClient::LookUpHost(const oxHTTPRequest& request) {
   const std::string addresses = oxHTTPLookup(host_, ConnectDeadline(request));
   if (addresses.empty()) return nullptr;

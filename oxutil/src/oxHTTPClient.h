@@ -48,11 +48,11 @@ struct oxHTTPResponse {
 
 // A libcurl handle with its kept connections (RFC 9112, section 9.3). Threads: one at a time.
 //
-// A request uses a kept connection if there is one. Otherwise libcurl calls OnLookup, which aborts the transfer;
-// Perform then looks up the host on another thread and starts the transfer again with the addresses. If a kept
-// connection closes before a byte of the response has arrived, libcurl repeats the request on a new connection. If a
-// byte has arrived (OnCloseSocket), the server has received the request, so OnOpenSocket refuses a new connection, and
-// the request fails.
+// A request uses a kept connection if there is one. Otherwise, if libcurl does not know the addresses of the host, it
+// calls OnLookup, which aborts the transfer; Perform then looks up the host on another thread and starts the transfer
+// again with the addresses. If a kept connection closes before a byte of the response has arrived, libcurl repeats the
+// request on a new connection. If a byte has arrived, which OnCloseSocket can tell only without TLS, the server has
+// received the request, so OnOpenSocket refuses a new connection, and the request fails.
 //
 // After SetUp or Perform has failed or thrown, the client must be destroyed. Both throw std::bad_alloc, and
 // std::runtime_error for an option that libcurl lacks.
@@ -65,7 +65,7 @@ class oxHTTPClient {
   oxHTTPClient& operator=(const oxHTTPClient&) = delete;
 
   // Returns whether the options of the last SetUp are still set and fit this request, because the two requests differ
-  // only in the content of the body and in the times.
+  // at most in the bytes of the body and in the times.
   bool IsSetUpFor(const oxHTTPRequest& request) const;
 
   // Returns false if the URL is invalid.

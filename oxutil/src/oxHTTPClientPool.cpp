@@ -33,16 +33,16 @@ struct Pool {
   int tls_requests = 0;            // Requests in progress over https.
   Clock::time_point tls_deadline;  // The latest of their deadlines.
   std::condition_variable tls_done;
-  std::vector<std::unique_ptr<oxHTTPClient>> idle;  // The longest idle client comes first.
+  std::vector<std::unique_ptr<oxHTTPClient>> idle;  // The client that has been idle longest comes first.
 };
 
 // Never destroyed: requests may still be made while the process exits.
 alignas(Pool) char g_storage[sizeof(Pool)];
 Pool& g_pool = *new (g_storage) Pool;
 
-// Exit handler: refuses further https requests and waits for those in progress. If the host uses OpenSSL too, OpenSSL's
-// exit handler frees memory that these requests use; this handler is registered later and therefore runs first. Locking
-// the mutex waits for a StartLocked in progress.
+// Exit handler: refuses further https requests, waits for those in progress and closes the idle connections. If the
+// host has initialized OpenSSL before, OpenSSL's exit handler frees memory that these requests use; this handler is
+// registered later and therefore runs first. Locking the mutex waits for a StartLocked in progress.
 void EndTls() {
   std::unique_lock lock(g_pool.mutex);
   g_pool.tls_ended = true;
@@ -66,8 +66,8 @@ void AfterForkInChild() {
 
 // Returns whether an unprivileged caller could influence a privileged process through the environment: libcurl appends
 // TLS session keys to the file that SSLKEYLOGFILE names, and the other variables select OpenSSL code paths, including
-// less protected ones. The libraries read these variables with getenv; the others are read with secure_getenv, or have
-// no effect because oxHTTPClient sets the option.
+// less protected ones. The libraries read these variables with getenv. Any other variable they read with secure_getenv,
+// or oxHTTPClient sets an option that overrides it.
 bool HasUnsafeEnvironment() {
   constexpr const char* kVariables[] = {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap",
                                         "OPENSSL_s390xcap"};
@@ -83,7 +83,7 @@ bool StartLocked() {
   g_pool.has_fork_handlers = true;
   if (!g_pool.has_exit_handler && atexit(EndTls) != 0) return false;
   g_pool.has_exit_handler = true;
-  // Keeps OpenSSL from registering its exit handler now: it would run before EndTls, perhaps during this start.
+  // Keeps OpenSSL from registering its exit handler now: that would run before EndTls, perhaps during this start.
   if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1) return false;
   g_pool.started = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   return g_pool.started;

@@ -8,7 +8,8 @@
 namespace oxHTTPClientPool {
 
 // Returns a client for one request: an idle client whose last request had the same scheme, host and port, or a new one.
-// Null if libcurl cannot be started, and for https once the process runs its exit handlers. Throws std::bad_alloc.
+// Returns null if libcurl cannot be started, or if the request is over https and the process runs its exit handlers.
+// Throws std::bad_alloc.
 std::unique_ptr<oxHTTPClient> Acquire(const oxHTTPRequest& request);
 
 // Ends the request. Must be called once for each client that Acquire returned; `client` is that client, or null if it

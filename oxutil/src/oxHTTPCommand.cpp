@@ -1,4 +1,4 @@
-// Builds the request from the arguments and the results from the response.
+// The function of the HTTP module: builds the request from the arguments, and the results from the response.
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -61,7 +61,7 @@ class HeaderParser {
     while (!block.empty()) {
       if (!ParseLine(Trim(NextLine(&block)))) return std::nullopt;
     }
-    // A header without a value keeps libcurl from sending its default.
+    // A line without a value keeps libcurl from sending a header of this name by default.
     for (const char* name : {"Accept", "Content-Type", "Expect"}) {
       if (!Has(name)) Append(std::string(name) + ":");
     }
@@ -70,7 +70,8 @@ class HeaderParser {
 
  private:
   // Servers reject a blank before the colon with status 400 (RFC 9112, section 5.1), so it is removed. A name that is
-  // not a token fails the request: without that line, perhaps an Authorization, it would be a different request.
+  // not a token makes the request fail: without that line, perhaps an Authorization, the server would get a different
+  // request.
   bool ParseLine(std::string_view line) {
     const size_t colon = line.find(':');
     if (colon == 0 || colon == line.npos) return true;  // Not a header line.
@@ -83,7 +84,8 @@ class HeaderParser {
     return true;
   }
 
-  // The first directive of each kind counts, because the caller's directives precede header lines from the settings.
+  // The first directive of each kind counts, because oxEvent puts its own directives before the header lines from the
+  // settings.
   bool ParseDirective(std::string_view name, std::string_view value) {
     if (EqualsIgnoringCase(name, "X-oxEvent-TLS-Verify")) {
       if (!std::exchange(has_verify_, true)) header_.verify_tls = value != "0";

@@ -34,8 +34,8 @@ using SharedLookup = std::shared_ptr<Lookup>;
 struct State {
   std::mutex mutex;
   std::condition_variable changed;
-  size_t threads = 0;                          // At most kMaxThreads.
-  size_t retries = 0;                          // Of these threads: those that run a retry.
+  size_t threads = 0;                          // Running lookups, one per thread; at most kMaxThreads.
+  size_t retries = 0;                          // Those of them that are retries.
   std::map<std::string, SharedLookup> newest;  // By host: the newest running lookup, which calls share.
 };
 
@@ -116,8 +116,8 @@ Clock::time_point RetryTimeLocked(const Lookup& lookup) {
   return lookup.started + kMinRetryDelay * (int64_t{1} << doublings);
 }
 
-// Returns the host's running lookup if it has not hung, otherwise starts one. Returns null if all threads are in use.
-// If the system refuses a new thread, returns a failed lookup.
+// Returns the host's running lookup unless it counts as hung, otherwise starts one. Returns null if all threads are in
+// use. If the system refuses a new thread, returns a failed lookup.
 SharedLookup JoinOrStartLocked(const std::string& host) {
   const Clock::time_point now = Clock::now();
   const auto known = g_state.newest.find(host);

@@ -4,8 +4,8 @@
 
 #include <ctime>
 
-// Keeps the calling thread's writes to a closed connection from raising SIGPIPE. Needed for TLS: libcurl itself sends
-// with MSG_NOSIGNAL, but OpenSSL writes to the socket without it.
+// Blocks SIGPIPE, which a write to a closed connection raises, in the calling thread. The destructor discards it.
+// Needed for TLS: libcurl itself sends with MSG_NOSIGNAL, but OpenSSL writes to the socket without it.
 class oxHTTPSigpipeGuard {
  public:
   oxHTTPSigpipeGuard() {

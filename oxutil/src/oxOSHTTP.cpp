@@ -16,12 +16,12 @@ Command LoadCommand() { return oxHTTPModuleCommand; }
 #else
 std::atomic<Command> g_command = nullptr;
 
-// Returns null if the module cannot be loaded; the next call tries again. Takes no lock, so a fork needs no handler: if
-// two threads load the module at once, they get the same function.
+// Returns null if the module cannot be loaded; the next call tries again. Takes no lock, so a fork needs no handler:
+// two threads that load the module at the same time get the same function.
 Command LoadCommand() {
   if (const Command command = g_command) return command;
   int cancel_state = 0;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);  // The loader would stay locked.
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);  // A cancelled thread would leave the loader locked.
   void* const module = dlopen(OXUTIL_HTTP_MODULE, RTLD_NOW | RTLD_LOCAL);
   if (module != nullptr) g_command = reinterpret_cast<Command>(dlsym(module, "oxHTTPModuleCommand"));
   pthread_setcancelstate(cancel_state, nullptr);
