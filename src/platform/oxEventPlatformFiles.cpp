@@ -14,7 +14,7 @@
 namespace {
 
 constexpr mode_t kDirectoryMode = 0775;
-constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes passed to oxOSMakeDir, including the terminating NUL.
+constexpr uint32_t kMakeDirCapacity = 1024;  // Bytes of the longest path passed to oxOSMakeDir, with its NUL.
 constexpr char kSeparators[] = "/\\";
 
 bool IsDriveRoot(std::string_view path) { return path.size() == 3 && path[1] == ':'; }

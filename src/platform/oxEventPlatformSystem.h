@@ -11,8 +11,8 @@ uint64_t oxEventPlatformGetPtpNano();
 // Milliseconds of a monotonic clock, modulo 2^32.
 uint32_t oxEventPlatformGetMs();
 
-// Sets the name of the calling thread, at most 15 bytes. Not offered for other threads: the C library would open a file
-// without O_CLOEXEC, which a concurrent exec would inherit.
+// Sets the name of the calling thread, at most 15 bytes. Cannot name another thread: the C library would have to open a
+// file for that, which it does without O_CLOEXEC, so that a concurrent exec would inherit the descriptor.
 void oxEventPlatformNameThread(const char* name);
 
 // Always fail, with the reason in *error, which may be null: this platform has no Windows event sources.

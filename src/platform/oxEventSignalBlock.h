@@ -3,12 +3,12 @@
 #include <pthread.h>
 #include <signal.h>
 
-// Blocks signals in the calling thread for its lifetime.
+// While an object exists, the signals are blocked in the thread that constructed it.
 class oxEventSignalBlock {
  public:
   // kAll: every signal, so that a thread that is started meanwhile inherits this mask. kFileErrors: SIGXFSZ and
   // SIGPIPE, so that a write beyond the process's file size limit, or into a broken pipe, fails with an error code
-  // instead of ending the host.
+  // instead of ending the host; the destructor discards such a signal.
   enum Which { kAll, kFileErrors };
   explicit oxEventSignalBlock(Which which);
   ~oxEventSignalBlock();
@@ -20,11 +20,11 @@ class oxEventSignalBlock {
 
   const Which which_;
   sigset_t old_mask_;
-  sigset_t pending_before_;  // These belong to the host and stay pending.
+  sigset_t pending_before_;  // Signals that belong to the host and stay pending.
 };
 
-// Defers cancellation of the calling thread for its lifetime, because unwinding would interrupt work that must be
-// completed.
+// While an object exists, a cancellation of the thread that constructed it is deferred, because unwinding would
+// interrupt work that must be completed.
 class oxEventCancelBlock {
  public:
   oxEventCancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_state_); }

@@ -25,7 +25,8 @@
 
 namespace {
 
-// Limits how long a fork or a reload waits for another thread's message: if the log daemon hangs, so does syslog(3).
+// Limits how long a fork, or opening or closing a sink, waits for another thread's message: if the log daemon hangs, so
+// does syslog(3).
 constexpr uint32_t kLockTimeoutMs = 20;
 
 int SyslogFacility(std::string_view name) {
@@ -39,13 +40,13 @@ int SyslogLevel(uint32_t severity) {
   return severity < std::size(kLevels) ? kLevels[severity] : LOG_INFO;
 }
 
-// `mutex` is held during each call of openlog, syslog and closelog by this library, so that no message is written with
-// another sink's ident. No other blocking call is made while it is held.
+// This library holds `mutex` during each call of openlog, syslog and closelog, so that no message is written with
+// another sink's ident, and during a fork. It makes no other blocking call while it holds `mutex`.
 struct SystemLog {
   oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The thread that holds `mutex` during its fork.
-  int cancel_state = PTHREAD_CANCEL_ENABLE;   // Of that thread, before it forked. Guarded by `mutex`.
-  // Forks that wait for `mutex`. A worker with many messages would starve them, so it waits until this is 0.
+  int cancel_state = PTHREAD_CANCEL_ENABLE;   // The state of that thread before its fork. Guarded by `mutex`.
+  // Number of forks that wait for `mutex`. A busy worker would starve them, so before each message it waits for 0.
   std::atomic<int> forks_waiting = 0;
   std::atomic<bool> writing = false;  // Whether syslog(3) is running. Changed with `mutex` held.
   // False in a child that was forked during a write: there the C library's log stays locked.
@@ -79,10 +80,11 @@ size_t MaxDatagramSize() {
   return known && !stream ? static_cast<size_t>(send_buffer - kKernelOverhead) : SIZE_MAX;
 }
 
-// Truncates a message that is too long for the log's socket, which syslog(3) would lose silently. Splits no character.
+// Truncates a message that is too long for the log's socket, because syslog(3) would lose it silently. Splits no
+// character.
 void TruncateToDatagram(std::string_view ident, std::string* line) {
   constexpr size_t kAlwaysFits = 2048;  // Below the smallest send buffer that Linux allows.
-  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest header of syslog(3).
+  constexpr size_t kHeader = sizeof("<191>Jan 01 00:00:00 [2147483647]: ") - 1;  // The longest, without the ident.
   const size_t header = kHeader + ident.size();
   if (header + line->size() <= kAlwaysFits) return;
   const size_t limit = MaxDatagramSize();
@@ -149,8 +151,8 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   delete handle;
 }
 
-// Leaves `mutex` locked and cancellation disabled until one of the two functions below is called, so cancellation is
-// also disabled while the host's fork handlers run.
+// Once it has locked `mutex`, leaves it locked, and cancellation disabled, until one of the two functions below is
+// called. So cancellation is also disabled while the host's fork handlers run.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
