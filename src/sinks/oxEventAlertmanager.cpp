@@ -65,12 +65,12 @@ std::string_view AlertSeverity(uint32_t severity) {
   return severity == OXEVENT_SEVERITY_ERROR ? "critical" : "info";
 }
 
-// Linear time, unlike std::string::find: the host passes strings of any length.
+// Takes linear time, unlike std::string::find: the host passes strings of any length.
 bool Contains(std::string_view text, std::string_view part) {
   return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-// Adds a string member. Calls `add` to add its value, which it must escape.
+// Adds a string member, whose value `add` escapes and adds.
 template <size_t kSize, class Add>
 void AddString(const char (&name)[kSize], JsonObject* object, oxEventTextWriter* out, Add add) {
   object->AddName(name);
@@ -85,7 +85,7 @@ void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFor
   AddString("alertname", &labels, out, [&] { AddAlertName(config.alertname_prefix, event.event_type, out); });
   labels.AddStringField("severity", AlertSeverity(event.severity));
   AddString("event_type", &labels, out, [&] { AddLabelValue(event.event_type, "event", out); });
-  labels.AddStringField("action", "raise");  // Also for a clear: a different label would identify a different alert.
+  labels.AddStringField("action", "raise");  // For a clear too: a different label would identify a different alert.
   if (config.allow_source_label && !event.source_id.empty()) {
     AddString("source_id", &labels, out, [&] { AddLabelValue(event.source_id, "source", out); });
   }

@@ -41,6 +41,7 @@ class oxEventCallbackSink : public oxEventSink {
 
   oxEventMutex mutex_;
   uint32_t next_callback_id_ OX_GUARDED_BY(mutex_) = 1;
-  // The list is immutable and replaced as a whole, so that a delivery can keep its list without copying. Null if empty.
+  // Each list is immutable and replaced as a whole, so that a delivery can keep its list without copying it. Null if no
+  // callback has been registered, or after UnregisterAll.
   std::shared_ptr<const Registrations> registrations_ OX_GUARDED_BY(mutex_);
 };

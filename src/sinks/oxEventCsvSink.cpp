@@ -30,10 +30,10 @@ size_t WholeRowsSize(std::string_view text) {
   return end;
 }
 
-// Appends one row per event to a CSV file (RFC 4180, with single line feeds). Buffers and writes complete rows only:
-// after a partial write it truncates the torn row, so that the first row of a later sink begins on a new line. After a
-// failed write the sink writes nothing more. If the disk is full, Open succeeds, and the header is written later,
-// before the first row.
+// Appends one row per event to a CSV file (RFC 4180, but a row ends with LF alone). Buffers and writes complete rows
+// only: after a partial write it truncates the torn row, so that the first row of a later sink begins on a new line.
+// After a failed write the sink writes nothing more. But if the disk is full when the sink is opened, Open succeeds,
+// and the header is written later, before the first row.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
@@ -50,10 +50,10 @@ class oxEventCsvSink : public oxEventSink {
     if (!oxEventPlatformEnsureParentDirectory(path_, error)) return OXEVENT_FAILURE;
     const bool needs_header = !oxEventPlatformFileHasContent(path_);
     if (!file_.Open(path_)) return Fail(oxEventErrors::kCsvOpen, error);
-    // Not buffered: a sink that a reload opens on the same file must find the file non-empty.
+    // The header is not buffered: a sink that a reload opens on the same file must find the file non-empty.
     if (needs_header && !WriteHeaderLocked()) {
       if (!file_.IsOutOfSpace()) return Fail(oxEventErrors::kCsvHeader, error);
-      // Not an error: the other sinks must start, to deliver the alarm about the disk.
+      // Not an error: the other sinks must start, to deliver an alarm about the full disk.
       failed_ = false;
       header_pending_ = true;
     }
@@ -61,8 +61,9 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  // A file that only has a header would mislead a log rotation: the next one would rotate it, and with it the renamed
-  // file that the active sink still writes to.
+  // If a log rotation renamed the file of the active sink before the failed reload, this sink has created a new file
+  // with only a header. The next rotation would rotate that, and also the renamed file, to which the active sink still
+  // writes.
   void Discard() override OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
     file_.RemoveIfCreated(path_, header_pending_ ? 0 : oxEventText::CsvHeader().size());
@@ -91,7 +92,8 @@ class oxEventCsvSink : public oxEventSink {
     return OXEVENT_OK;
   }
 
-  // Fails if the sink has lost rows. Without `report_again`, fails only once for each loss.
+  // Fails if another thread was writing for the whole timeout, or if the sink has lost rows: without `report_again`,
+  // only if the loss has not been reported yet.
   uint32_t WriteBuffer(uint32_t timeout_ms, bool report_again, bool* busy, std::string* error) OX_EXCLUDES(mutex_) {
     if (timeout_ms == 0) {
       mutex_.Lock();
@@ -108,8 +110,8 @@ class oxEventCsvSink : public oxEventSink {
     return oxEventSetErrorText(text, {path_}, error);
   }
 
-  // The buffer ends with a complete row before and after, even if memory runs out. It may begin with the rest of a row
-  // of which a pipe has taken the start.
+  // The buffer ends with a complete row before and after this call, even if memory runs out. It may begin with the rest
+  // of a row of which a pipe has taken the start.
   bool AppendRowLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     if (failed_) {
       failure_reported_ = false;  // This row is lost as well.
@@ -151,7 +153,7 @@ class oxEventCsvSink : public oxEventSink {
   }
 
   // Returns the number of bytes written: all, or fewer if the write failed or, with kNoWait, if a pipe is full. A
-  // failed write leaves no part of a row in a regular file, but may leave one in a pipe.
+  // failed write may leave part of a row in a pipe, but in a regular file only where TruncateTail does nothing.
   size_t WriteRowsLocked(std::string_view rows, oxEventAppendFile::Wait wait = oxEventAppendFile::kWait)
       OX_REQUIRES(mutex_) {
     if (failed_) return 0;
@@ -166,7 +168,7 @@ class oxEventCsvSink : public oxEventSink {
   const std::string path_;
   const bool flush_each_event_;
   oxEventAppendFile file_ OX_GUARDED_BY(mutex_);
-  bool header_pending_ OX_GUARDED_BY(mutex_) = false;     // The disk was full at Open.
+  bool header_pending_ OX_GUARDED_BY(mutex_) = false;     // The disk was full at Open: no header has been written.
   std::unique_ptr<char[]> buffer_ OX_GUARDED_BY(mutex_);  // Rows that are not yet in the file.
   size_t used_ OX_GUARDED_BY(mutex_) = 0;                 // Bytes in buffer_.
   size_t capacity_ OX_GUARDED_BY(mutex_) = 0;

@@ -10,7 +10,7 @@
 
 // A destination of events. Ownership: each configured sink belongs to one generation (oxEventSinkGeneration.h).
 // Threads: the worker calls Submit, any thread calls the other methods; each sink guards its own state.
-// Errors: a result code, the reason in *error (may be null).
+// Errors: a method returns 0 or a result code, with the reason in *error; `error` may be null.
 class oxEventSink {
  public:
   constexpr explicit oxEventSink(uint32_t minimum_severity) : minimum_severity_(minimum_severity) {}
@@ -18,11 +18,11 @@ class oxEventSink {
   oxEventSink(const oxEventSink&) = delete;
   oxEventSink& operator=(const oxEventSink&) = delete;
 
-  // Opens the destination. Called once, before all other methods; if it fails, the sink is discarded.
+  // Opens the destination. Called once, before all other methods; if it fails, the sink is destroyed.
   virtual uint32_t Open(std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Delivers the event, unless its severity is below the minimum. Adds to *warnings, which may be null. Returns 0 or a
-  // result code.
+  // Delivers the event, unless its severity is below the minimum. Adds the number of warnings to *warnings; `warnings`
+  // may be null.
   uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) {
     if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
     return Deliver(event, warnings, error);
@@ -36,11 +36,11 @@ class oxEventSink {
   virtual void TryFlush() {}
 
   // Like Flush, for a sink that is no longer active, but reports each loss only once: fails if rows were lost that
-  // neither Flush nor Drain has reported. If another thread was writing for the whole timeout, also sets *busy.
+  // neither Flush nor Drain has reported. If another thread was writing for the whole timeout, fails and sets *busy.
   virtual uint32_t Drain(uint32_t /*timeout_ms*/, bool* /*busy*/, std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Undoes what Open has created. Called before the destructor of a sink that does not become active, because another
-  // one could not be opened.
+  // Removes what Open has created. Called if a sink was opened but does not become active because another sink could
+  // not be opened. Only the destructor is called after it.
   virtual void Discard() {}
 
   // What the error text of the last failure leaves out, such as the status code of an HTTP response. For tools.
@@ -53,7 +53,7 @@ class oxEventSink {
   const uint32_t minimum_severity_;
 };
 
-// Looks up the host that a sink of this kind sends to. Blocks for as long as the name server takes.
+// Each looks up the host that a sink with these settings sends to, and blocks for as long as the name server takes.
 std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSyslogUdp(const oxEventSinkConfig& config);
 std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSnmpTrap(const oxEventSinkConfig& config);
 

@@ -15,7 +15,7 @@
 // A sink with its name and its failures. Threads: any.
 class oxEventActiveSink {
  public:
-  // `section` has static storage.
+  // `section` must have static storage duration.
   oxEventActiveSink(const char* section, std::string name, std::shared_ptr<oxEventSink> sink)
       : section_(section), name_(std::move(name)), sink_(std::move(sink)) {}
 
@@ -53,7 +53,7 @@ class oxEventSinkGeneration {
   void Retire() { retired_ = true; }
 
   // Drains the predecessor, then delivers the event to every sink. Returns OXEVENT_FAILURE if a sink failed. Adds to
-  // the counts, which may be null.
+  // *failed_sinks and *warnings; both pointers may be null.
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
   // Flushes the active generation: drains the predecessor, then flushes every sink. Returns false if a sink of this
@@ -64,8 +64,8 @@ class oxEventSinkGeneration {
   // Drain to report failures.
   void TryFlush();
 
-  // Drains a retired generation: drains the predecessor, then every sink. Returns false if a sink was busy and still
-  // has buffered rows. Otherwise returns true, even if a sink lost rows; *drain_lost_rows is set then.
+  // Drains a retired generation: drains the predecessor, then every sink. Returns false if a sink was busy and may
+  // still have buffered rows. Otherwise returns true, even if a sink lost rows, in which case it sets *drain_lost_rows.
   bool Drain(uint32_t timeout_ms);
   // Drains the predecessor, if there is one, and releases it. Returns false, and keeps it, if its Drain returned false.
   bool DrainPredecessor(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
@@ -80,5 +80,5 @@ class oxEventSinkGeneration {
   std::atomic<bool> retired_ = false;
   std::atomic<bool> has_predecessor_ = false;  // Whether predecessor_ is set; read without the lock.
   oxEventMutex mutex_;
-  std::shared_ptr<oxEventSinkGeneration> predecessor_ OX_GUARDED_BY(mutex_);  // Null once drained.
+  std::shared_ptr<oxEventSinkGeneration> predecessor_ OX_GUARDED_BY(mutex_);  // Null if there is none, or once drained.
 };

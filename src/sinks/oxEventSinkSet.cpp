@@ -63,11 +63,12 @@ const char* SectionOf(oxEventSinkType type) {
   return "sink";
 }
 
-// Lock order: mutex, then the mutex of a generation or of the callback sink, then error_mutex.
+// Lock order: `mutex` first. With it held, a thread takes the mutex of a generation, that of the callback sink or
+// error_mutex, but never two of these together.
 struct SinkSet {
   oxEventMutex mutex;
   SharedGeneration active OX_GUARDED_BY(mutex);  // Null before initialization and after shutdown.
-  std::atomic<bool> drain_lost_rows = false;     // A retired generation lost rows; not yet reported by a flush.
+  std::atomic<bool> drain_lost_rows = false;     // A retired generation lost rows; no flush has reported it.
   oxEventMutex error_mutex;
   std::optional<std::string> last_error OX_GUARDED_BY(error_mutex);
   oxEventCallbackSink callbacks;
@@ -191,7 +192,7 @@ uint32_t oxEventSinkShutdown() {
     released->Retire();
     released->Drain(0);
   }
-  g_sinks->drain_lost_rows = false;  // The router's Stop has already flushed and reported failures.
+  g_sinks->drain_lost_rows = false;  // The router's Stop has reported lost rows, or has failed for another reason.
   return OXEVENT_OK;
 }
 

@@ -10,8 +10,8 @@
 #include "oxEvent.h"
 
 // The process's set of active sinks: the sinks that the settings enable, in their order, and last the host's callbacks.
-// Threads: any. No lock is held while a sink is called: a delivery keeps the sinks with which it began, and a sink is
-// destroyed when the last such delivery has finished.
+// Threads: any. The set holds no lock while it calls a sink: a delivery keeps the sinks with which it began, and a
+// replaced sink is destroyed when its last delivery has finished and its buffered rows are written.
 
 // Looks up the host of each enabled syslog and SNMP sink, so that creating the sinks needs no name server. Stores
 // failures for the factories to report. Blocks for as long as the name servers take; holds no lock.
@@ -24,8 +24,8 @@ void oxEventSinkLookUpHosts(oxEventConfig* config);
 uint32_t oxEventSinkInitialize(const oxEventConfig& config);
 uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 
-// Delivers one event to every sink, even if one fails or throws; returns OXEVENT_FAILURE then. `failed_sinks` and
-// `warnings` receive counts and may be null.
+// Delivers one event to every sink, even if one fails or throws, in which case it returns OXEVENT_FAILURE.
+// *failed_sinks and *warnings receive counts; both pointers may be null.
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
 // Flushes every sink, each with the whole timeout, even if one fails. Returns OXEVENT_FAILURE if a sink failed, if a
@@ -36,7 +36,8 @@ uint32_t oxEventSinkFlush(uint32_t timeout_ms);
 // killed. The next flush reports a failure.
 void oxEventSinkTryFlush();
 
-// Releases every sink and unregisters the callbacks. Always returns 0.
+// Unregisters the callbacks, writes the buffered rows without a time limit, and releases every sink. Always returns 0,
+// even if rows are lost.
 uint32_t oxEventSinkShutdown();
 
 uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-// The part of the Basic Encoding Rules (X.690) that SNMPv2c needs. Each function appends to *out, which a caller may
-// reuse. Unless stated otherwise, the only failure is std::bad_alloc. Threads: any.
+// The part of the Basic Encoding Rules (X.690) that SNMPv2c needs. Unless stated otherwise, each function appends to
+// its last argument, which a caller may reuse, and the only failure is std::bad_alloc. Threads: any.
 namespace SnmpBer {
 
 enum Tag : uint8_t {  // RFC 3416, section 3.
@@ -27,7 +27,7 @@ void Integer(Tag tag, uint32_t value, std::string* out);
 void OctetString(std::string_view text, std::string* out);
 
 // Encodes an OID from its dotted form. Returns false, with *out unchanged, if it is not valid. The first two arcs
-// always share one byte, even if the second is so large that X.690 requires two.
+// always share one byte, even if the second is so large that X.690 requires more.
 bool ObjectIdentifier(std::string_view dotted, std::string* out);
 
 // Appends a variable binding of an encoded OID and an encoded value.

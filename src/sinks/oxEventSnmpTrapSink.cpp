@@ -41,7 +41,8 @@ uint32_t Port(const oxEventSinkConfig& config, const oxEventSinkConfig& defaults
   return config.snmp_port == 0 ? defaults.snmp_port : config.snmp_port;
 }
 
-// Sends each event as one SNMPv2-Trap-PDU in one datagram (RFC 3416, RFC 3417), with the event's fields as objects.
+// Sends each event as one SNMPv2-Trap-PDU in one datagram (RFC 3416, RFC 3417): eleven of its fields as twelve objects,
+// because the severity is sent as a number and as a name.
 class oxEventSnmpTrapSink : public oxEventSink {
  public:
   // `defaults` replaces empty settings and a port of 0.
@@ -69,7 +70,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
   uint32_t Deliver(const oxEventNormalizedEvent& event, uint64_t* /*warnings*/, std::string* error) override
       OX_EXCLUDES(mutex_) {
     oxEventLock lock(mutex_);
-    // Reported for each event instead of by Open: if one sink fails to open, no sink is started.
+    // An invalid OID is reported for each event instead of by Open: if one sink fails to open, no sink is started.
     if (encoded_trap_oid_.empty()) return oxEventSetErrorText(oxEventErrors::kSnmpTrapOid, {trap_oid_}, error);
     if (encoded_objects_[0].empty())
       return oxEventSetErrorText(oxEventErrors::kSnmpEnterpriseOid, {enterprise_oid_}, error);
@@ -130,7 +131,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
   const std::string encoded_sys_up_time_;
   const std::string encoded_snmp_trap_oid_;
   const std::string encoded_trap_oid_;
-  std::vector<std::string> encoded_objects_;  // <enterprise OID>.1.1.0 to .1.12.0. Constant after construction.
+  std::vector<std::string> encoded_objects_;  // enterprise_oid_.1.1.0 to enterprise_oid_.1.12.0.
   oxEventUdpSender sender_ OX_GUARDED_BY(mutex_);
   std::string message_ OX_GUARDED_BY(mutex_);  // Reused for each event.
 };

@@ -20,7 +20,7 @@ namespace {
 constexpr uint64_t kNsPerSecond = 1'000'000'000;
 constexpr int kRoundTripDigits = 17;  // Significant digits; enough to read any double back exactly.
 
-// Returns the character after the backslash: 'u' for bytes that are escaped in hexadecimal.
+// Returns the character after the backslash in the JSON escape of a byte: 'u' if the byte is escaped in hexadecimal.
 constexpr char EscapeLetter(unsigned char byte) {
   switch (byte) {
     case '"':
@@ -51,7 +51,7 @@ char* WritePadded(uint64_t value, int width, char separator, char* at) {
 constexpr size_t kUtcSeconds = sizeof("2023-11-14T22:13:20") - 1;
 constexpr size_t kUtcNano = kUtcSeconds + sizeof(".000000000Z") - 1;
 
-// Writes 2023-11-14T22:13:20 without a terminating NUL. Returns the end.
+// Writes a time such as 2023-11-14T22:13:20, without a terminating NUL. Returns the end.
 char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   UtcCache own;
   if (cache == nullptr) cache = &own;
@@ -72,7 +72,7 @@ char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   return at + kUtcSeconds;
 }
 
-// Writes 2023-11-14T22:13:20.000000000Z without a terminating NUL. Returns the end.
+// Writes a time such as 2023-11-14T22:13:20.000000000Z, without a terminating NUL. Returns the end.
 char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
   at = WriteUtcSeconds(ns, cache, at);
   *at++ = '.';

@@ -10,14 +10,15 @@
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventTextWriter.h"
 
-// Text formats of events. Each function appends to *out, which a caller may reuse. Strings are assumed to be UTF-8 and
-// are not validated; nothing depends on the locale. The only failure is std::bad_alloc. Threads: any.
+// Text formats of events. A function with an argument `out` appends to *out, which a caller may reuse. Strings are
+// assumed to be UTF-8 and are not validated; nothing depends on the locale. The only failure is std::bad_alloc.
+// Threads: any.
 namespace oxEventText {
 
-void JsonEscape(std::string_view text, oxEventTextWriter* out);  // RFC 8259, section 7, without quotes.
+void JsonEscape(std::string_view text, oxEventTextWriter* out);  // RFC 8259, section 7, without the enclosing quotes.
 void AddJsonString(std::string_view text, oxEventTextWriter* out);
 
-// Adds 17 significant digits, enough to read the value back exactly, or null for NaN and infinities.
+// Adds up to 17 significant digits, enough to read the value back exactly, or null for NaN and infinities.
 void DoubleToJson(double value, oxEventTextWriter* out);
 
 // Writes a JSON object without white space. The constructor opens it; call Close last. A name is a string literal.
@@ -78,10 +79,10 @@ std::string_view CsvHeader();
 size_t CsvRowCapacity(const oxEventNormalizedEvent& event);
 char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache = nullptr);
 
-// oxEvent's own JSON document for one event.
+// Formats an event as oxEvent's own JSON document.
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out);
 
-// CloudEvents 1.0 in structured content mode, with the document of FormatNativeJsonData as its data.
+// Formats an event as a CloudEvent (version 1.0, structured content mode) with the above document as its data.
 void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view source,
                            std::string_view subject_prefix, std::string* out);
 

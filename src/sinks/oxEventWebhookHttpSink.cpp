@@ -147,10 +147,10 @@ class oxEventWebhookHttpSink : public oxEventSink {
   const uint32_t backoff_ms_;
   const std::string cloudevents_source_;
   const std::string cloudevents_subject_prefix_;
-  const std::string module_error_ = oxEventPlatformHttpPrepare();
+  const std::string module_error_ = oxEventPlatformHttpPrepare();  // Why the HTTP module is not loaded; empty if it is.
   std::string header_block_;  // In the HTTP client's format. Constant after construction.
   std::string body_ OX_GUARDED_BY(mutex_);
-  std::atomic<int32_t> failed_status_ = 0;  // Status code of the last failed request; 0: there was no response.
+  std::atomic<int32_t> failed_status_ = 0;  // Status of the last request that failed; 0 if it got no response.
 };
 
 uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
