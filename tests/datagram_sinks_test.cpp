@@ -11,7 +11,7 @@ using std::string_literals::operator""s;
 
 static uint32_t g_now_ms;
 
-// These precede the C library's and the companion's.
+// The loader finds these before the functions of the C library and the companion library.
 extern "C" int NoHostName(char*, size_t) __asm__("gethostname");  // clang has an inline body for the name itself.
 int NoHostName(char*, size_t) { return -1; }
 uint32_t oxOSGetMs() { return g_now_ms; }
@@ -31,7 +31,7 @@ struct DatagramReceiver : oxEventSinkConfig {
     minimum_severity = 0;
   }
   ~DatagramReceiver() { close(fd); }
-  // Returns the datagram that a new sink sends, or its error.
+  // Returns the datagram that a new sink sends, or the sink's error.
   string Receive(decltype(kSyslog) create, const oxEventNormalizedEvent& event = kFullEvent) const {
     const string error = SubmitThroughNewSink(create, *this, event);
     if (!error.empty()) return error;
@@ -52,7 +52,7 @@ const string kSyslogMessage =
     " pts=\"-9223372036854775808\" timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\r\""
     " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]\"] \"a\n\n\",b";
 
-TEST(oxEventSyslogUdpSink, SendsTheWholeEventWithItsFacility) {
+TEST(oxEventSyslogUdpSink, SendsTheWholeEventWithTheConfiguredFacility) {
   const std::pair<const char*, const char*> cases[] = {
       {"kern", "3"},     {"user", "11"},    {"mail", "19"},    {"daemon", "27"},  {"auth", "35"},    {"Security", "35"},
       {"syslog", "43"},  {"lpr", "51"},     {"news", "59"},    {"uucp", "67"},    {"cron", "75"},    {"AuthPriv", "83"},
@@ -106,7 +106,7 @@ string Show(string_view ber) {
   return shown;
 }
 
-TEST(oxEventSnmpTrapSink, SendsTheWholeEvent) {
+TEST(oxEventSnmpTrapSink, SendsTwelveObjects) {
   DatagramReceiver receiver;
   receiver.community = "c\xFF";
   receiver.enterprise_oid = "1";
@@ -176,11 +176,11 @@ TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
   EXPECT_EQ(SubmitThroughNewSink(kSyslog, receiver), "");
   receiver.port = 65536;
   EXPECT_EQ(SubmitThroughNewSink(kSyslog, receiver), "oxEvent syslog UDP resolve failed for 127.0.0.1:65536 error=-8");
-  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sender has closed only what it had opened.
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sender closes only what it has opened.
 }
 
 TEST(oxEventUdpSender, SendsToTheDefaultHostWhetherOrNotAnyoneListens) {
-  oxEventSinkConfig config = DatagramReceiver();  // Closed already.
+  oxEventSinkConfig config = DatagramReceiver();  // The receiver's socket is closed by now.
   config.host = "";
   config.snmp_host = "";
   for (const auto create : {kSyslog, kTrap}) {

@@ -41,7 +41,7 @@ void* AllocateForNew(size_t size) { return malloc(size); }
 }  // namespace
 
 #ifndef OXEVENT_SANITIZED
-// The allocator that frees the memory must also allocate it, and a preloaded one comes before the C library.
+// The allocator that frees memory must also have allocated it. RTLD_NEXT finds a preloaded one before the C library's.
 #define NEXT(call) static const auto next = reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 extern "C" {
 void* malloc(size_t size) {
@@ -85,7 +85,7 @@ void* operator new(size_t size) {
 void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
 
-// Numbers and pointers are passed in the same registers.
+// One signature for all functions: numbers and pointers are passed in the same registers.
 #define OWN(call)                                                                                        \
   extern "C" long Own_##call(long, long, long, long, long, long) __asm__(#call);                         \
   long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {            \
@@ -100,6 +100,6 @@ OWN(open) OWN(openat) OWN(read) OWN(write) OWN(close) OWN(fsync) OWN(ftruncate) 
 OWN(stat) OWN(faccessat) OWN(getrandom) OWN(fchmod) OWN(fchown) OWN(lgetxattr) OWN(llistxattr) OWN(fsetxattr) OWN(fremovexattr)
 OWN(renameat) OWN(unlinkat) OWN(mkdir) OWN(socket) OWN(connect) OWN(send) OWN(sendto) OWN(poll) OWN(getsockopt)
 OWN(pthread_create)
-#ifndef OXEVENT_SANITIZED  // Whose own mappings come this way, before anything is set up.
+#ifndef OXEVENT_SANITIZED  // The sanitizer maps memory by these calls before anything is set up.
 OWN(mmap) OWN(munmap)
 #endif

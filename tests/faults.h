@@ -1,15 +1,15 @@
-// Calls of the C library that fail when a test says so: this executable's own definitions precede the library's.
+// Makes calls to the C library fail when a test says so: the loader finds this executable's definitions first.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 #include <string_view>
 
-// While an object lives, its hook is called before each of the calls listed in faults.cpp, on whichever thread, with
-// the call's first argument. The hook returns 0 to let the call through; a positive number to make it fail with this
-// errno (getaddrinfo and pthread_create: with this result); a negative number to limit a write to that many bytes.
-// Calls that the hook itself makes go through. One object at a time. The destructor waits for the threads that are in
-// the hook.
+// While an object exists, its hook is called before each call of a function that faults.cpp defines, on any thread,
+// with the call's name and first argument; calloc, realloc and new count as malloc. The hook returns 0 to let the call
+// through, a positive number to make it fail with this errno, or a negative one to limit a write to that many bytes.
+// But malloc always fails with ENOMEM, and getaddrinfo and pthread_create return the number. Calls that the hook itself
+// makes go through. One object at a time. The destructor waits for the threads that are in the hook.
 class Faults {
  public:
   using Hook = std::function<int(std::string_view call, long first)>;

@@ -18,8 +18,8 @@ struct Answer {
 
 using Answers = std::vector<Answer>;
 
-// Gives the n-th request the n-th answer, and later ones the last. Expects each request in one piece. Threads: any;
-// faults do not apply to the server's own thread.
+// Gives the n-th request the n-th answer, and all later requests the last one. Expects each request in one piece.
+// Threads: any; faults do not apply to the server's own thread.
 class HttpServer {
  public:
   explicit HttpServer(Answers answers = {{}}, SSL_CTX* tls = nullptr, sa_family_t family = AF_INET)
@@ -89,7 +89,7 @@ class HttpServer {
   SSL_CTX* const tls_;
   uint16_t port_ = 0;
   const int listener_;
-  std::mutex mutex_;  // Guards the members below.
+  std::mutex mutex_;  // Guards the next three members.
   std::vector<BIO*> connections_;
   std::vector<std::string> requests_;
   size_t answered_ = 0;

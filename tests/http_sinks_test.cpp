@@ -1,5 +1,5 @@
-// What the webhook and CloudEvents sinks post, with a client in the companion's place, and what hosts post to an
-// Alertmanager: to the byte.
+// The exact bytes that the webhook and CloudEvents sinks pass to the HTTP client, which this file replaces, and that
+// hosts post to an Alertmanager.
 #include <algorithm>
 #include <chrono>
 
@@ -12,11 +12,11 @@
 using std::string;
 using std::string_literals::operator""s;
 
-static string g_posts;  // With line ends for 0xA7.
+static string g_posts;  // With line feeds instead of the separator 0xA7.
 static uint32_t g_posts_to_refuse;
-static int g_responses;  // That are not freed yet.
+static int g_responses;  // Number of responses that are not freed yet.
 
-// These precede the companion's.
+// The loader finds these before the functions of the companion library.
 void OXFree(void* buffer) {
   --g_responses;
   free(buffer);
@@ -53,7 +53,7 @@ const string kJsonPost =
 
 struct oxEventHttpSink : testing::Test {
   oxEventHttpSink() { config.endpoint_url = "http://h"; }
-  // Returns what a new sink posts for an event, and its error.
+  // Returns what a new sink posts for an event, followed by the sink's error.
   string Post() const {
     g_posts.clear();
     const string error = SubmitThroughNewSink(oxEventCreateCloudEventsHttpSink, config);
@@ -68,7 +68,7 @@ TEST_F(oxEventHttpSink, PostsJsonWithHeaderLines) {
   config.payload_mode = "NATIVE_JSON";
   config.headers =
       "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|B\xE2\x80|B\xC0|B\xC3\xA9|B\xF0\x80\x80|B\xEF\x80\x80|D\x80\x80";
-  // A blank ends a line that the separator would continue.
+  // The sink adds a space to a line that ends inside a UTF-8 sequence, because 0xA7 would be its next byte.
   const string lines =
       "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE2\x80 \nB\xC0 \nB\xC3\xA9\nB\xF0\x80\x80 \nB\xEF\x80\x80\nD\x80\x80";
   EXPECT_EQ(Post(), kJsonPost + lines + "\n\n" + kJson);

@@ -16,13 +16,13 @@ using std::string;
 using std::string_literals::operator""s;
 using Strings = std::vector<string>;
 
-const int g_proxy = setenv("ALL_PROXY", "[::1]:1", 1);  // Is ignored.
+const int g_proxy = setenv("ALL_PROXY", "[::1]:1", 1);  // The client ignores it.
 BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
 std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
 std::atomic<bool> g_is_privileged;        // As a set-uid program is.
-std::atomic<bool> g_sends_raise_sigpipe;  // Which ends this process unless it is blocked.
+std::atomic<bool> g_sends_raise_sigpipe;  // The signal ends this process unless it is blocked.
 const Faults g_faults([](std::string_view call, long) {
   if (call == "getaddrinfo" && g_lookups_hang) {
     for (const int number = g_lookups_hung++; number >= g_lookups_released;) usleep(1000);
@@ -42,16 +42,16 @@ void ReleaseHungLookups() {
   g_lookups_released = g_lookups_hung.load();
 }
 
-// A string that ends each line.
+// Ends each line with `line_end`.
 string JoinLines(const Strings& lines, const char* line_end = "\r\n") {
   string joined;
   for (const string& line : lines) joined += line + line_end;
   return joined;
 }
 
-constexpr uint32_t kLongMs = 20000;  // For requests that end well before.
+constexpr uint32_t kLongMs = 20000;  // For requests that must end in half of this time.
 struct Options {
-  Strings headers = {};  // None: null.
+  Strings headers = {};  // If empty, the client gets null.
   string body = "{}";
   const char* method = "POST";
   uint32_t timeout_ms = kLongMs;
@@ -230,7 +230,7 @@ TEST(oxOSHTTPCommand, RetriesHungLookupsAfterAMinuteWithUpTo16AtATime) {
   ReleaseHungLookups();
 }
 
-TEST(oxOSHTTPCommand, KeepsAConnectionForEveryThread) {
+TEST(oxOSHTTPCommand, OpensAtMostOneConnectionPerConcurrentRequest) {
   const bool has_ipv6 = std::filesystem::exists("/proc/net/if_inet6");
   HttpServer server({{}}, nullptr, has_ipv6 ? AF_INET6 : AF_INET);
   const auto send_100 = [url = server.Url(has_ipv6 ? "[::1]" : "127.0.0.1")] {
@@ -240,7 +240,7 @@ TEST(oxOSHTTPCommand, KeepsAConnectionForEveryThread) {
   EXPECT_LE(server.AcceptedConnections(), 3u);
 }
 
-// The client repeats a request only if it knows that no byte of a response has arrived. An emulator may not tell.
+// The client repeats a request only if it knows that no byte of a response has arrived. An emulator may not count them.
 bool KernelCountsReceivedBytes() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   tcp_info info = {};

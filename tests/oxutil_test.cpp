@@ -167,7 +167,7 @@ TEST_F(oxCFG, IteratesOverEachNameOnceAndInOrder) {
     previous = expected.first;
   }
   EXPECT_EQ(next(previous), std::nullopt);
-  EXPECT_EQ(next("x"), Entry("a", kValue));  // Continues after any name: of two equal ones, after the second.
+  EXPECT_EQ(next("x"), Entry("a", kValue));  // Continues after any name, not only the last one returned.
 }
 
 TEST_F(oxCFG, RefusesWhatAFileCannotHold) {
@@ -298,9 +298,9 @@ TEST_F(oxCFG, IsTheOldOrTheNewFileWhicheverSystemCallFails) {
     const bool is_new = ReadFile(path_) != old_text;
     EXPECT_TRUE(is_new || result == kFailed) << "a save that succeeded has written nothing";
     EXPECT_EQ(Get(Open(), "", "v"), is_new ? std::optional("new"s) : std::nullopt);
-    EXPECT_EQ(Entries(directory_), 1u) << "a file is left";
+    EXPECT_EQ(Entries(directory_), 1u) << "a temporary file is left";
   }
-  EXPECT_GT(n, 16);  // At least as many as the save makes system calls.
+  EXPECT_GT(n, 16);  // A save makes at least 16 calls that can fail.
 }
 
 }  // namespace

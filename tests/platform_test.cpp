@@ -19,7 +19,7 @@ std::atomic<bool> g_held = false;
 int g_priority = 0;  // Of the last line.
 string g_line;
 
-// The C library's own take any number of arguments.
+// The C library declares both with any number of arguments, so these have names of their own.
 extern "C" void OwnSyslog(int priority, const char* format, const char* line) __asm__("syslog");
 extern "C" void OwnCheckedSyslog(int priority, int, const char* format, const char* line) __asm__("__syslog_chk");
 void OwnSyslog(int priority, const char* /*format*/, const char* line) {
@@ -53,7 +53,7 @@ TEST(oxEventPlatformFiles, MakesTheDirectoriesAboveAFile) {
 }
 
 // A pipe has room for 4096 bytes. Signals interrupt the first write and the first wait.
-TEST(oxEventAppendFile, WritesToAPipeThroughSignals) {
+TEST(oxEventAppendFile, WritesEverythingToAPipeDespiteSignals) {
   const HostFolder folder;
   const string path = folder.path + "/pipe", bytes(5000, 'b');
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -97,7 +97,7 @@ struct oxEventSystemLog : testing::Test {
   oxEventNativeLogHandle* handle = nullptr;
 };
 
-TEST_F(oxEventSystemLog, RefusesOnlyInAChildWhoseParentWasWriting) {
+TEST_F(oxEventSystemLog, RefusesWritesOnlyInAChildForkedDuringAWrite) {
   WhileALineIsBeingWritten([this] {
     EXPECT_FALSE(ChildWrites());
     EXPECT_EQ(InChild([this] { return ChildWrites(); }), 0);
@@ -115,7 +115,7 @@ TEST_F(oxEventSystemLog, OpensAndClosesWhileAWriteOfAnotherSinkHangs) {
   EXPECT_EQ(Write(), OXEVENT_OK);
 }
 
-TEST_F(oxEventSystemLog, WritesWithItsFacility) {
+TEST_F(oxEventSystemLog, WritesWithTheConfiguredFacility) {
   const std::pair<const char*, int> cases[] = {{"mail", 19}, {"Security", 35}, {"LOCAL7", 187}, {"local9", 163}};
   oxEventNativePlatformConfig config;
   for (const auto& [facility, priority] : cases) {

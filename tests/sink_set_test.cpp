@@ -30,11 +30,11 @@ auto InBackground(auto call) { return std::async(std::launch::async, call); }
 
 const Faults::Hook kDiskIsFull = [](std::string_view call, long) { return call == "write" ? ENOSPC : 0; };
 
-// A delivery whose write hangs until it is ended.
+// A delivery whose write hangs until End is called.
 class HeldDelivery {
  public:
   HeldDelivery() { is_held_.get_future().wait(); }
-  // Lets the write go on, or fail with this error. Returns the result of the delivery.
+  // Lets the write go on or, if `error` is not 0, fail with it. Returns the result of the delivery.
   uint32_t End(int error = 0) {
     end_.set_value(error);
     return result_.get();
@@ -70,7 +70,7 @@ struct oxEventCsvSink : testing::Test {
   oxEventConfig config;
 };
 
-// The disk has room for some bytes of two rows. Then another process may append.
+// The disk has room for `room` bytes of two rows. When it is full, another process may append to the file nevertheless.
 TEST_F(oxEventCsvSink, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
   const string rows = kFullRow + kFullRow;
   for (size_t room = 1; room < rows.size(); ++room) {
@@ -107,7 +107,7 @@ TEST_F(oxEventCsvSink, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
       EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
       EXPECT_EQ(ReadFile(path), "");
     }
-    std::ofstream(path) << appended;  // By another process.
+    std::ofstream(path) << appended;  // As another process could do.
     EXPECT_EQ(Submit("a"), OXEVENT_OK);
     EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
     EXPECT_EQ(ReadFile(path), (appended.empty() ? kHeader : appended) + Row("a"));
@@ -182,7 +182,7 @@ TEST_F(oxEventCsvSink, TryFlushDoesNotWaitForTheReaderOfAPipe) {
   oxEventSinkTryFlush();
   auto content = InBackground([this] { return ReadFile(path); });
   EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
-  EXPECT_EQ(oxEventSinkShutdown(), OXEVENT_OK);  // The end of the content.
+  EXPECT_EQ(oxEventSinkShutdown(), OXEVENT_OK);  // Closes the pipe, which ends the content.
   EXPECT_EQ(content.get(), kHeader + Row(large));
   close(pipe);
 }

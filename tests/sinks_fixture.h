@@ -8,7 +8,7 @@
 #include "sinks/oxEventSink.h"
 
 // clang-format off
-// Has what each format must escape, and the limits of its numbers.
+// Has the characters that some format must escape, and extreme numbers.
 inline constexpr oxEventNormalizedEvent kFullEvent = {
     .event_id = UINT64_MAX, .event_type = "t t", .source_id = "s\"\\]", .source_name = "[n]\1\xFF",
     .message = "\"a\n\n\",b", .severity = 3, .action = "A\t", .dedupe_key = "d\\",
