@@ -7,8 +7,9 @@
  * text (oxEventGetLastError), a success clears it. Strings are NUL-terminated UTF-8 and remain the caller's: the
  * library copies what it needs before a call returns. No function returns memory that the host must free.
  *
- * After fork, the library is uninitialized in the child, which may call oxEventInitialize itself.
- * pthread_cancel interrupts oxEventFlush while it waits; every other call completes first.
+ * After fork, the library is uninitialized and has no callbacks in the child, which may call oxEventInitialize itself.
+ * No function may be called in a signal handler. pthread_cancel interrupts oxEventFlush while it waits; every other
+ * call completes first.
  */
 #ifndef OXEVENT_H
 #define OXEVENT_H
@@ -49,12 +50,13 @@ extern "C" {
 /*
  * One event. Set struct_size to sizeof(oxEventRecord), version to OXEVENT_API_VERSION and message to a non-empty
  * string; everything else may stay zero (severity 0 is debug). A null string means the default; an empty one is kept.
+ * The repeat interval of a condition is measured by the utc_ns of its events.
  *
  * Hosts built against a shorter record keep working: a field that is not wholly within struct_size takes its default.
  * At least the first 48 bytes (up to and including message) are required.
  */
 typedef struct oxEventRecord {
-  uint32_t struct_size;       /* Size of this record in bytes, as the caller was compiled. */
+  uint32_t struct_size;       /* sizeof(oxEventRecord), as compiled into the caller. */
   uint32_t version;           /* OXEVENT_API_VERSION. */
   uint64_t event_id;          /* 0: the library assigns the next id of this process. */
   const char* event_type;     /* Kind of event. Default "event". */
@@ -62,11 +64,12 @@ typedef struct oxEventRecord {
   const char* source_name;    /* Display name of the source. Default "oxEvent". */
   const char* message;        /* Human-readable message. Required, not empty. */
   uint32_t severity;          /* OXEVENT_SEVERITY_…; larger values are refused. Info if struct_size excludes it. */
-  const char* action;         /* "raise", "update", "repeat" or "clear" a condition; other actions pass unchanged. */
+  const char* action;         /* "raise", "update", "repeat" or "clear" a condition, in any letter case. Events with
+                                 another action pass unchanged. Default empty. */
   const char* dedupe_key;     /* Identifies the condition. Empty: source_id ":" event_type. */
   const char* correlation_id; /* Default empty. */
   uint64_t utc_ns;            /* UTC time in nanoseconds since 1970-01-01T00:00:00Z. 0: now. */
-  uint64_t ptp_ns;            /* PTP time in nanoseconds. 0: now. */
+  uint64_t ptp_ns;            /* PTP time in nanoseconds. 0: now, in UTC. */
   int64_t pts;                /* Media presentation timestamp in units of the host; 0 is a valid timestamp. */
   const char* timecode;       /* Default empty. */
   double value;               /* Measured value. */
@@ -86,15 +89,16 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
 /*
  * Loads the settings file and starts the library: opens the enabled sinks and starts the worker thread.
  *
- * config_path names an existing XML settings file, which may be empty; missing settings are added to it with their
- * defaults. Reading the file and resolving the host names in it may take a while. A full disk does not prevent the
- * start: if there is no space for the header of a CSV file, the header is written with the first rows. Needs 64 KiB of
- * stack, as oxEventReloadConfig does.
+ * config_path names an existing XML settings file, which may be empty. The library adds missing settings to it with
+ * their defaults, except empty ones; if it cannot write the file, it starts nevertheless. Reading the file and
+ * resolving the hosts of syslog and SNMP sinks may take a while. A full disk does not prevent the start: if there is no
+ * space for the header of a CSV file, the header is written with the first rows. Needs 64 KiB of stack, as
+ * oxEventReloadConfig does.
  *
- * A call that fails starts nothing and does not affect a library that is already running. If it fails after opening the
- * sinks, it removes all callbacks, as oxEventShutdown does.
+ * A call that fails starts nothing and does not affect a library that is already running, but may have added settings
+ * to the file. If it fails after opening the sinks, it removes all callbacks, as oxEventShutdown does.
  *
- * OXEVENT_INVALID_ARGUMENT: config_path null or empty, file unreadable, or invalid setting (the error text names it).
+ * OXEVENT_INVALID_ARGUMENT: config_path null or empty, file unreadable, or invalid setting (the error text says which).
  * OXEVENT_ALREADY_INITIALIZED: the library is initialized, or oxEventShutdown has not returned yet on another thread.
  * OXEVENT_NOT_INITIALIZED: the process is exiting.
  * OXEVENT_FAILURE: a sink or the worker thread could not be started, or out of memory.
@@ -103,10 +107,11 @@ OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
 
 /*
  * Stops the library: delivers queued events for at most 5000 ms, discards the rest, waits for the event that is being
- * delivered, closes the sinks and removes all callbacks. CSV sinks write their buffered rows before each wait.
- * oxEventInitialize may be called afterwards.
+ * delivered, closes the sinks and removes all callbacks. CSV sinks write their buffered rows about every 500 ms while
+ * events are delivered, and again before the last wait. oxEventInitialize may be called afterwards.
  *
- * Inside a callback: discards the queued events and returns; the worker thread ends when the callback returns.
+ * Inside a callback it discards the queued events and waits for no delivery; the worker thread ends once the current
+ * event is delivered.
  *
  * OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE: not all queued events were delivered in time, or a sink could not be
  * flushed. The library is shut down nevertheless.
@@ -115,9 +120,10 @@ OXEVENT_API uint32_t oxEventShutdown(void);
 
 /*
  * Reports one event: validates and copies the record and queues it. Never waits for a sink, a file or the network.
- * Success means that the event was accepted, not that it was delivered: an event below the minimum severity is dropped
- * and counted. If the queue is full, the setting drop_policy decides whether this event or an older one is dropped and
- * counted. Each call uses up one event id, even if the record is refused or has an event_id of its own.
+ * Success does not mean that the event will be delivered: an event below the minimum severity is dropped and counted,
+ * and so is every event while the settings disable the library. If the queue is full, the setting drop_policy decides
+ * whether this event or an older one is dropped and counted. Each call uses up one event id, even if it fails or the
+ * record has an event_id of its own.
  *
  * OXEVENT_INVALID_ARGUMENT: record null, struct_size below 48, wrong version, message null or empty, or severity above
  * error. OXEVENT_NOT_INITIALIZED. OXEVENT_FAILURE: out of memory for the copy.
@@ -135,9 +141,10 @@ OXEVENT_API uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, c
                                          const char* message);
 
 /*
- * Waits until all queued events are delivered, at most timeout_ms milliseconds (0: no limit), then flushes each sink
- * with a timeout of the same length. A flush takes longer only if a write to a CSV file blocks, for example because the
- * file is a pipe that nobody reads.
+ * Waits until no event is queued or being delivered (events that other threads report in the meantime included), at
+ * most timeout_ms milliseconds (0: no limit), then flushes each sink with a timeout of the same length. The flush of a
+ * sink takes longer only if its own write to a CSV file blocks, for example because the file is a pipe that nobody
+ * reads.
  *
  * Inside a callback it does not wait, because the calling thread is the one that delivers: it fails immediately if
  * events are queued, otherwise it flushes the sinks.
@@ -151,17 +158,19 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
  * Reloads the settings and applies them. Raised conditions and callbacks are kept, and so are as many queued events as
  * the new queue_size allows. config_path null or empty: the file of the last successful oxEventInitialize or
  * oxEventReloadConfig. Concurrent reloads run one after another. oxEventShutdown does not wait for a reload that is
- * still resolving host names; that reload then changes nothing.
+ * still reading the file or resolving host names; that reload then applies nothing.
  *
- * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as for oxEventInitialize; the previous settings stay in effect.
+ * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as for oxEventInitialize; the previous settings stay in effect. A null or
+ * empty config_path is invalid only if the library is not initialized.
  * OXEVENT_NOT_INITIALIZED: also if the library was shut down during the call, even if it is initialized again.
  */
 OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
 
 /*
- * Registers a callback. Allowed before oxEventInitialize; the callback stays registered until it is unregistered or the
- * library is shut down. user_data, which may be null, is passed to each call and never dereferenced. *id_out receives
- * the id, which is never 0. The same callback may be registered several times.
+ * Registers a callback. Allowed before oxEventInitialize; the callback stays registered until it is unregistered, the
+ * library is shut down, or oxEventInitialize fails after opening the sinks. user_data, which may be null, is passed to
+ * each call and never dereferenced. *id_out receives the id, which is never 0. The same callback may be registered
+ * several times.
  *
  * OXEVENT_INVALID_ARGUMENT: callback or id_out null. OXEVENT_FAILURE: out of memory.
  */
