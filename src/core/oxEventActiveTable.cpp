@@ -10,7 +10,7 @@ namespace {
 constexpr size_t kLineSize = 64;
 constexpr uint8_t kMaxLinesKept = 64;  // 4 KiB. A larger block is replaced if at most half of it is still needed.
 // With evenly distributed hashes the directory has a few entries per segment. If it has many more, the hashes are not
-// evenly distributed, and a full segment is filled further instead of split.
+// evenly distributed, and a segment that should split is filled further instead.
 constexpr size_t kMaxEntriesPerSegment = 64;
 
 // The bytes after the header of a block.
@@ -165,8 +165,8 @@ bool oxEventActiveTable::CreateDirectory() {
   return true;
 }
 
-// Replaces the segment of this hash with two segments that share its conditions. Returns false, and changes nothing, if
-// there is no memory or the directory may not grow.
+// Replaces the segment of this hash with two, which divide its conditions between them. Returns false, and changes
+// nothing, if there is no memory or the directory may not grow.
 bool oxEventActiveTable::Split(uint64_t hash) {
   Segment* const old = directory_[DirectoryIndex(hash)];
   if (old->depth == depth_ && !DoubleDirectory()) return false;

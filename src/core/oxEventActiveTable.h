@@ -10,9 +10,9 @@
 #include "base/oxEventSlab.h"
 
 // Hash table of the raised conditions by key. Designed for a million conditions, where cache misses dominate the time
-// of a lookup: a slot is one cache line and contains the start of the key, usually all of it, so that a lookup takes
-// one miss. Each condition has a block of memory for the rest of its key and the signature of the last event sent for
-// it.
+// of a lookup: a slot is one cache line and contains the start of the key, usually all of it, so that a lookup usually
+// takes one miss. Each condition has a block of memory for the rest of its key and for the signature of the last event
+// that was sent for it.
 //
 // Extendible hashing: the high bits of the hash choose an entry of the directory, which points to a segment of slots,
 // and the low bits choose the slot in it (linear probing; a removal leaves no tombstone). A segment that becomes three
@@ -26,7 +26,7 @@ class oxEventActiveTable {
   struct Segment;
 
  public:
-  // Valid until the next Insert or Remove.
+  // A slot of the table. A pointer to it is valid until the next Insert, Remove or Clear.
   struct alignas(64) Condition {
     uint64_t last_sent_ns;
 
@@ -35,7 +35,7 @@ class oxEventActiveTable {
     static constexpr size_t kStartSize = 38;
     uint64_t hash;        // Hash of the key.
     Texts* texts;         // Null if the slot is free.
-    uint8_t texts_lines;  // Cache lines of the block, at most 255. Stored here so that reading it costs no cache miss.
+    uint8_t texts_lines;  // Cache lines of the block, or 255 if there are more. Stored here to save a cache miss.
     uint8_t start_size;   // Bytes used in `start`, or kStartSize + 1 if the key continues in the block.
     char start[kStartSize];
   };

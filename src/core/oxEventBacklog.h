@@ -24,10 +24,10 @@ class oxEventBacklog {
   bool IsFull() const { return Size() >= capacity_; }
   bool IsHalfFull() const { return !IsEmpty() && Size() >= capacity_ / 2; }
 
-  // Whether Push may be called: there is room, or the policy makes room by dropping an older event.
-  bool HasRoom() const { return !IsFull() || DropsDebugInfo(); }
+  // Whether there is room for an event, or the policy makes room by dropping an older one.
+  bool CanPush() const { return !IsFull() || DropsDebugInfo(); }
 
-  // Appends the newest event; requires HasRoom(). Returns the event that was dropped to make room for it, or null.
+  // Appends the newest event; requires CanPush(). Returns the event that was dropped to make room for it, or null.
   oxEventNodePtr Push(oxEventNodePtr node) {
     oxEventNodePtr displaced(IsFull() ? debug_info_.PopFront() : nullptr);
     node->order = next_order_++;
@@ -39,8 +39,8 @@ class oxEventBacklog {
   // Requires a backlog that is not empty.
   oxEventNodePtr PopOldest() { return ListOfOldest().PopFront(); }
 
-  // Moves the events that exceed the capacity to *removed, but at most `limit`. Takes the oldest events below warning
-  // first if the policy says so, and otherwise the newest events.
+  // Moves as many events as exceed the capacity, but at most `limit`, to *removed: the newest events or, with
+  // kDropDebugInfoFirst, the oldest events below warning as long as there are any, then the newest events.
   void Trim(size_t limit, oxEventNodeList* removed);
 
   // Moves all events to *removed.

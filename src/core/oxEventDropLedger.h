@@ -9,8 +9,8 @@
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventTrace.h"
 
-// Reasons for dropping an event that was reported while the library was running. Trace points show the values: append
-// only.
+// Reasons for dropping an event that was reported while the library was running. Trace points show the values: add new
+// ones at the end.
 enum class oxEventDrop : uint32_t {
   kFiltered,    // The library is switched off, or the severity is below the minimum.
   kNoMemory,    // There was no memory for the copy.

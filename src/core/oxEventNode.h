@@ -10,7 +10,7 @@
 
 // One event in the queue. The node and its memory are reused for later events. Allocated in a slab, which outlives it.
 struct oxEventNode {
-  uint64_t order = 0;  // Order of arrival.
+  uint64_t order = 0;  // Position in the order of arrival.
   oxEventNode* next = nullptr;
   oxEventNode* previous = nullptr;
   oxEventStoredEvent event;
@@ -30,7 +30,7 @@ struct oxEventNodeDeleter {
 };
 using oxEventNodePtr = std::unique_ptr<oxEventNode, oxEventNodeDeleter>;
 
-// First in, first out. Owns its nodes.
+// Doubly linked list. Owns its nodes. Front, Back, PopFront and PopBack require a list that is not empty.
 class oxEventNodeList {
  public:
   oxEventNodeList() = default;
@@ -52,7 +52,7 @@ class oxEventNodeList {
     back_ = added;
     ++size_;
   }
-  // Does not access the next node: a cache miss would prolong the time for which the caller holds its lock.
+  // Does not access the next node: a cache miss would make the caller hold its lock for longer.
   oxEventNodePtr PopFront() {
     oxEventNodePtr node(front_);
     front_ = --size_ == 0 ? nullptr : node->next;

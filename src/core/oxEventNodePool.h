@@ -21,7 +21,7 @@ class oxEventNodePool {
   // Returns a kept node, or null if none is kept.
   oxEventNodePtr TryAcquire() { return free_nodes_.Pop(); }
 
-  // Keeps the node, if fewer than `limit` are kept.
+  // Keeps the node if fewer than `limit` are kept, otherwise frees it.
   void Recycle(oxEventNodePtr node, size_t limit) {
     if (free_nodes_.Size() < limit) free_nodes_.Push(std::move(node));
   }
@@ -34,11 +34,12 @@ class oxEventNodePool {
   // Whether more nodes are kept than an idle queue needs.
   bool HasSurplus() const { return free_nodes_.Size() > kNodesKept; }
 
-  // Returns the time from which the surplus may be freed. If more than a few events have been queued since the previous
-  // call, a quiet period of a second begins now. `enqueue_count`: number of events queued so far.
+  // Returns the time from which the surplus may be freed. If more than a few events have been reported since the
+  // previous call, a quiet period of a second begins now. `enqueue_count`: the queue's EnqueueCount.
   Clock::time_point SurplusDeadline(uint64_t enqueue_count);
 
-  // Frees surplus nodes of *nodes, a few at a time, as long as should_continue() returns true, and then unused memory.
+  // Frees surplus nodes of *nodes, a batch at a time, as long as should_continue() returns true, and then the memory
+  // that the slab keeps for reuse.
   template <class ShouldContinue>
   void Shrink(oxEventNodeStack* nodes, ShouldContinue should_continue) {
     while (nodes->Size() > kNodesKept && should_continue()) {

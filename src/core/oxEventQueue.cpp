@@ -149,7 +149,7 @@ void oxEventQueue::Reset() {
   SignalIfDrainedLocked();
 }
 
-// Counts an event that is not queued. Returns why it is not.
+// Counts an event that cannot be queued, and returns the reason.
 oxEventEnqueueResult oxEventQueue::RefuseLocked() {
   ++enqueue_count_;
   return IsAcceptingLocked() ? oxEventEnqueueResult::kDropped : oxEventEnqueueResult::kNotAccepting;
@@ -194,7 +194,8 @@ oxEventNormalizedEvent* oxEventQueue::WaitForEvent() {
   }
 }
 
-// Waits for an event or a stop; may return early. The caller has checked that the backlog is empty.
+// Waits for an event or a stop; may return early, and then with free nodes in *surplus. The caller has checked that the
+// backlog is empty.
 void oxEventQueue::WaitForWorkLocked(oxEventNodeStack* surplus) {
   wait_mode_ = std::exchange(had_event_, false) ? WaitMode::kTimed : WaitMode::kBlocked;
   if (wait_mode_ == WaitMode::kTimed) {
@@ -207,8 +208,8 @@ void oxEventQueue::WaitForWorkLocked(oxEventNodeStack* surplus) {
   wait_mode_ = WaitMode::kAwake;
 }
 
-// Blocks in the same way, but if the queue stays quiet for long enough, moves the free nodes to *surplus, to be freed
-// with the lock released.
+// Blocks until another thread claims the wakeup or requests a stop. If neither happens before the pool's deadline,
+// moves the free nodes to *surplus, to be freed with the lock released.
 void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
   const auto deadline = pool_.SurplusDeadline(enqueue_count_);
   while (wait_mode_ == WaitMode::kBlocked && !stop_requested_ && std::chrono::steady_clock::now() < deadline) {
@@ -217,7 +218,7 @@ void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
   if (wait_mode_ == WaitMode::kBlocked && !stop_requested_) pool_.Swap(surplus);
 }
 
-// Returns true if the worker is waiting and no other thread has claimed its wakeup: the caller must then notify it.
+// Returns true if the worker is waiting and no other thread has claimed its wakeup yet: the caller must then notify it.
 bool oxEventQueue::ClaimWakeupLocked() { return std::exchange(wait_mode_, WaitMode::kAwake) != WaitMode::kAwake; }
 
 // Frees surplus nodes until there is something else to do, and returns the rest to the pool. In the meantime,

@@ -17,12 +17,12 @@ enum class oxEventEnqueueResult {
   kDisplacedOlder,  // Queued; the queue was full, and the oldest event below warning was dropped for it.
   kDropped,         // Not queued: the queue is full.
   kNoMemory,        // Not queued: there is no memory for the copy.
-  kNotAccepting,    // Not queued, and not recorded as a drop: the queue is not running.
+  kNotAccepting,    // Not queued, and not recorded as a drop: the queue has not been started, or is being stopped.
 };
 
 // The bounded first-in-first-out queue between the submitting threads and the worker: guards the backlog and its memory
 // with one lock. Owns copies of the events. Also tracks the active event, which the worker has taken but not completed,
-// so that a flush waits until that event is delivered too. Records every drop in the ledger.
+// so that a flush waits until that event is delivered too. Records every event that it drops in the ledger.
 // Threads: only the worker calls WaitPop and CompleteActiveEvent; any thread calls the rest.
 class oxEventQueue {
  public:
@@ -41,17 +41,17 @@ class oxEventQueue {
 
   // Queues a copy; never waits for space. *node_cache, which may be null, is a free node that the caller's submit slot
   // keeps between events, so that the event can be copied before the lock is taken. Afterwards it is a free node or
-  // null. Never throws: a thread's first exception needs memory itself.
+  // null. Never throws: a thread's first exception may itself allocate memory (oxEventArchitecture.h).
   oxEventEnqueueResult Enqueue(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) OX_EXCLUDES(mutex_);
 
-  // Completes the active event, if there is one, then waits for an event and takes the oldest; the worker may modify
-  // it. Returns null if a stop was requested and no event is left.
+  // Completes the active event, if there is one, then waits for an event and takes the oldest, which the worker may
+  // modify. Returns null if a stop was requested and no event is left.
   oxEventNormalizedEvent* WaitPop() OX_EXCLUDES(mutex_);
 
   // Completes the active event, which becomes invalid. For a worker that ends without calling WaitPop again.
   void CompleteActiveEvent() OX_EXCLUDES(mutex_);
 
-  // Waits until no event is pending or active, at most timeout_ms milliseconds (0: no limit).
+  // Waits for a moment at which no event is pending or active, at most timeout_ms milliseconds (0: no limit).
   // Returns 0 or OXEVENT_FAILURE.
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
@@ -62,16 +62,17 @@ class oxEventQueue {
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
   uint64_t DropPending() OX_EXCLUDES(mutex_);  // Returns the number of events dropped.
-  void Reset() OX_EXCLUDES(mutex_);  // Restores the state before Start. The worker must have ended or be exiting.
+  // Restores the state before Start. The worker must have ended, or be the calling thread.
+  void Reset() OX_EXCLUDES(mutex_);
 
  private:
   // How the worker waits. Waking a blocked thread costs a submitter far more than queueing an event. After an
   // event, the worker therefore first waits for a fixed time, during which a new event does not wake it unless the
-  // backlog becomes half full. If no event arrived, the worker then blocks until one arrives.
+  // backlog is at least half full. If no event has arrived by then, the worker blocks until one does.
   enum class WaitMode { kAwake, kTimed, kBlocked };
 
   oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
-  bool CanAppendLocked() const OX_REQUIRES(mutex_) { return IsAcceptingLocked() && backlog_.HasRoom(); }
+  bool CanAppendLocked() const OX_REQUIRES(mutex_) { return IsAcceptingLocked() && backlog_.CanPush(); }
   oxEventEnqueueResult RefuseLocked() OX_REQUIRES(mutex_);
   bool AppendLocked(oxEventNodePtr* node) OX_REQUIRES(mutex_);
   void RecordDrops(oxEventNodeList* dropped, oxEventDrop reason);
@@ -97,12 +98,12 @@ class oxEventQueue {
   oxEventBacklog backlog_ OX_GUARDED_BY(mutex_);
   uint64_t enqueue_count_ OX_GUARDED_BY(mutex_) = 0;
   uint32_t active_count_ OX_GUARDED_BY(mutex_) = 0;
-  uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // Number of changes that left nothing pending or active.
+  uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // Number of changes after which nothing was pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
   WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kAwake;  // See ClaimWakeupLocked.
-  bool had_event_ OX_GUARDED_BY(mutex_) = false;  // Whether the worker took an event since it last waited.
+  bool had_event_ OX_GUARDED_BY(mutex_) = false;  // Whether the worker has taken an event since its last wait.
   oxEventCondition not_empty_;
   oxEventCondition drained_;
-  oxEventNodePtr active_;  // Only the worker uses it. Kept by a Reset on an exiting worker, but no longer counted.
+  oxEventNodePtr active_;  // Only the worker uses it. A Reset by the worker keeps it, but does not count it any more.
 };

@@ -16,8 +16,8 @@ namespace {
 
 bool IsUsable(const oxEventConfig* config) { return config != nullptr && config->queue_size != 0; }
 
-// Waits until no event is queued or in delivery. If a sink stalls, a service manager may kill the process in the
-// meantime, so the rows of delivered events are written to their files at regular intervals.
+// Waits until no event is queued or in delivery; returns OXEVENT_FAILURE after timeout_ms. If a sink stalls, a service
+// manager may kill the process in the meantime, so the CSV sinks write their buffered rows at regular intervals.
 uint32_t Drain(oxEventQueue* queue, uint32_t timeout_ms) {
   constexpr int64_t kFlushIntervalMs = 500;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -36,7 +36,7 @@ uint32_t oxEventRouter::Start(const oxEventConfig* config) {
   if (!IsUsable(config)) return OXEVENT_INVALID_ARGUMENT;
   oxEventLock lock(mutex_);
   if (running_ != nullptr) return OXEVENT_ALREADY_INITIALIZED;
-  if (closed_) return OXEVENT_NOT_INITIALIZED;  // The process is exiting.
+  if (closed_) return OXEVENT_NOT_INITIALIZED;
   auto run = std::make_shared<Run>();
   if (!retired_) retired_.emplace();
   retired_->reserve(retired_->size() + 1);  // So that Stop on the worker needs no memory.
@@ -106,7 +106,7 @@ uint32_t oxEventRouter::Stop(uint32_t timeout_ms) {
     result = oxEventSinkFlush(timeout_ms);
   }
   run->queue.RequestStop();
-  if (run->IsWorker()) return result;  // The worker ends when its callback returns; Reap joins it.
+  if (run->IsWorker()) return result;  // The worker ends after its current event; Reap joins it.
   oxEventSinkTryFlush();
   run->JoinWorker();
   run->queue.Reset();
@@ -162,7 +162,7 @@ void oxEventRouter::Close() {
     closed_ = true;
   }
   Stop(0);
-  // closed_ prevents new runs.
+  // From here on no run starts, because closed_ is set.
   SharedRun last;
   std::vector<SharedRun> runs;
   {
@@ -178,15 +178,15 @@ void oxEventRouter::Close() {
   for (SharedRun& run : runs) Join(&run);
 }
 
-// Drops the pending events and ends the worker. Also unblocks a Stop in which another thread may be waiting: if the
-// worker is the exiting thread, the event in delivery never completes, so the queue is reset.
+// Drops the pending events and tells the worker to end. Also unblocks a Stop in which another thread may be waiting: if
+// the worker is the calling thread, its event in delivery never completes, so the queue is reset.
 void oxEventRouter::End(Run& run) {
   run.queue.DropPending();
   run.queue.RequestStop();
   if (run.IsWorker()) run.queue.Reset();
 }
 
-// Joins the worker. If the worker is the exiting thread, which still uses the run, keeps the run instead.
+// Joins the worker. If the worker is the calling thread, which still uses the run, keeps the run instead.
 void oxEventRouter::Join(SharedRun* run) {
   if (!(*run)->IsWorker()) return (*run)->JoinWorker();
   oxEventLock lock(mutex_);

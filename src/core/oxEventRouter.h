@@ -28,8 +28,8 @@ struct oxEventCounters {
 // Connects the queue, the state and the sinks; owns the worker thread and the counters. The time from Start to Stop is
 // a run. Each run has its own worker, queue and state, so that a worker whose callback has shut the library down can
 // finish its event while the next run has already started.
-// Threads: only one at a time calls Start, Stop or ReloadConfig; any thread calls the rest. Functions that need a run
-// return OXEVENT_NOT_INITIALIZED when there is none.
+// Threads: only one at a time may call Start, Stop or ReloadConfig; any thread may call the rest, also during such a
+// call. Functions that need a run return OXEVENT_NOT_INITIALIZED when there is none.
 class oxEventRouter {
  public:
   constexpr oxEventRouter() = default;
@@ -45,20 +45,21 @@ class oxEventRouter {
   // Never waits for the worker, and does not throw.
   uint32_t Submit(const oxEventNormalizedEvent& event);
 
-  // Waits until all events are delivered, at most timeout_ms milliseconds (0: no limit), then flushes each sink with
-  // the same timeout. On the worker, does not wait and returns OXEVENT_FAILURE if events are pending.
+  // Waits until no event is pending or active, at most timeout_ms milliseconds (0: no limit), then flushes each sink
+  // with the same timeout. On the worker, does not wait, and returns OXEVENT_FAILURE if events are pending.
   uint32_t Flush(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   // Delivers the queued events, for at most timeout_ms milliseconds (0: drops them), waits for the event in delivery
   // and ends the worker. Returns OXEVENT_FAILURE if events were dropped, the delivery timed out or a sink could not be
-  // flushed. On the worker, drops the queued events; the worker ends when its callback returns.
+  // flushed. On the worker, drops the queued events; the worker ends once it has delivered its current event.
   uint32_t Stop(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
-  // Keeps the raised conditions, and as many queued events as fit into the new capacity.
+  // Applies the settings to the run. Keeps the raised conditions, and as many queued events as fit into the new
+  // capacity.
   uint32_t ReloadConfig(const oxEventConfig* config) OX_EXCLUDES(mutex_);
 
-  // Frees the runs whose worker has returned from the callback that stopped it. Joins these workers without a lock
-  // held, because a thread that ends may still run code of the host.
+  // Frees the runs that were stopped on their own worker, once that worker has ended. Joins it with mutex_ released,
+  // because a thread that ends may still run code of the host, such as the destructor of a thread_local object.
   void Reap() OX_EXCLUDES(mutex_);
 
   // The counters of the current run or, if there is none, of the last one. Not an atomic snapshot.
@@ -99,5 +100,6 @@ uint32_t oxEventCoreFlush(uint32_t timeout_ms);
 uint32_t oxEventCoreReloadConfig(const oxEventConfig* config);
 oxEventCounters oxEventCoreGetCounters();
 
-// In the child of a fork: a new router, as after load. Abandons the parent's run without touching it.
+// For the child of a fork: restores the state that the router had when the library was loaded. Abandons the parent's
+// run without touching it.
 void oxEventCoreResetAfterFork();

@@ -32,7 +32,7 @@ class ActiveEventGuard {
 void oxEventRouter::Run::StartWorker() {
   oxEventLock lock(join_mutex_);
   const oxEventSignalBlock block(oxEventSignalBlock::kAll);
-  worker_ = std::thread([this] { RouterMain(); });
+  worker_ = std::thread([this] { WorkerMain(); });
   worker_id_ = worker_.get_id();
   ready_.wait(false);
 }
@@ -44,10 +44,10 @@ void oxEventRouter::Run::JoinWorker() {
   worker_id_ = std::thread::id();
 }
 
-void oxEventRouter::Run::RouterMain() {
+void oxEventRouter::Run::WorkerMain() {
   oxEventPlatformNameThread("oxEvent");
-  // A thread's first exception allocates memory, and if there is none, the process is ended. So allocate now, not
-  // during a delivery.
+  // At a thread's first exception, the C library may allocate memory, and ends the process if there is none
+  // (oxEventArchitecture.h). So let it allocate now, not during a delivery.
   ready_ = abi::__cxa_get_globals() != nullptr;
   ready_.notify_one();
   const oxEventCancelBlock cancel_block;  // A callback could cancel this thread.
@@ -65,7 +65,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   try {
     status = state.Evaluate(*event, event, &emit);
   } catch (...) {
-    // No memory: this counts as a failed evaluation.
+    // There is no memory. The event counts as a failed evaluation.
     emit = true;
   }
   if (!emit) {

@@ -35,11 +35,11 @@ class oxEventRouter::Run {
   std::atomic<uint64_t> sink_warnings = 0;
 
  private:
-  void RouterMain();
+  void WorkerMain();
   void Deliver(oxEventNormalizedEvent* event);
 
   std::atomic<uint32_t> minimum_ = UINT32_MAX;  // Minimum severity. At first no event passes.
-  oxEventMutex join_mutex_;                     // Stop and Close may both join the worker.
+  oxEventMutex join_mutex_;                     // Stop and Close may join the worker at the same time.
   std::thread worker_ OX_GUARDED_BY(join_mutex_);
   std::atomic<std::thread::id> worker_id_;
   std::atomic<bool> ready_ = false;

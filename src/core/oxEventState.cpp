@@ -108,9 +108,10 @@ oxEventState::Action oxEventState::ActionOf(std::string_view action) {
   }
 }
 
-// A clock that was set back never delays a repeat.
-bool oxEventState::RepeatElapsed(uint64_t now_ns, uint64_t last_ns) const {
-  return repeat_interval_ns_ == 0 || last_ns == 0 || last_ns > now_ns || now_ns - last_ns >= repeat_interval_ns_;
+// An event that is older than the last one sent counts as due, so that a clock that was set back delays no repeat.
+bool oxEventState::RepeatElapsed(uint64_t event_ns, uint64_t last_sent_ns) const {
+  return repeat_interval_ns_ == 0 || last_sent_ns == 0 || last_sent_ns > event_ns ||
+         event_ns - last_sent_ns >= repeat_interval_ns_;
 }
 
 // Returns whether the event goes on to the sinks.

@@ -9,10 +9,10 @@
 #include "config/oxEventConfig.h"
 #include "core/oxEventActiveTable.h"
 
-// Keeps the raised conditions and decides which events go to the sinks: suppresses a duplicate until the repeat
-// interval has passed and then turns a "raise" into a "repeat", turns an "update" of a condition that is not raised
-// into a "raise", and lets a "clear" through if configured to. Threads: the worker calls Evaluate, any thread calls the
-// rest.
+// Keeps the raised conditions and decides by an event's action which events go to the sinks: suppresses a duplicate
+// until the repeat interval has passed, and then turns a "raise" into a "repeat"; turns an "update" of a condition that
+// is not raised into a "raise"; suppresses a "repeat" of such a condition; and lets a "clear" through if the settings
+// say so. Threads: the worker calls Evaluate, any thread calls the rest.
 class oxEventState {
  public:
   oxEventState() = default;
@@ -33,14 +33,15 @@ class oxEventState {
   // The key of the event's condition: its dedupe_key or, if that is empty, source_id ":" event_type.
   static void BuildKey(const oxEventNormalizedEvent& event, std::string* key);
 
-  // Events with equal signatures report the same state. A signature has all fields except event_id, utc_ns and ptp_ns.
+  // Events with equal signatures report the same state. A signature has all fields except event_id, utc_ns and ptp_ns:
+  // the action in lower case, value and threshold in six significant digits.
   static void BuildSignature(const oxEventNormalizedEvent& event, std::string* signature);
 
  private:
   enum class Action;
 
   static Action ActionOf(std::string_view action);
-  bool RepeatElapsed(uint64_t now_ns, uint64_t last_ns) const OX_REQUIRES(mutex_);
+  bool RepeatElapsed(uint64_t event_ns, uint64_t last_sent_ns) const OX_REQUIRES(mutex_);
   bool DecideLocked(Action action, const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out)
       OX_REQUIRES(mutex_);
 

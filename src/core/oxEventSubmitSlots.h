@@ -12,8 +12,8 @@
 #include "core/oxEventNode.h"
 
 // Lets Submit use the current run without a lock: each submitting thread holds a slot during its call, and a stop waits
-// until all slots that were held are free again. A slot also caches a node for the next event submitted through it.
-// Any thread.
+// until each slot that was held has been released once. A slot also caches a node for the next event submitted through
+// it. Threads: any.
 class oxEventSubmitSlots {
  private:
   struct alignas(64) Slot {  // On a cache line of its own.
@@ -56,7 +56,7 @@ class oxEventSubmitSlots {
   oxEventSubmitSlots& operator=(const oxEventSubmitSlots&) = delete;
 
   // Waits until every lease that was held when the call began has ended, and frees the nodes that the slots cache. Does
-  // not wait for the calling thread's own lease: a signal handler that exits may have interrupted its Submit.
+  // not wait for the calling thread's own lease: a signal handler that calls exit may have interrupted its Submit.
   void WaitForInFlightSubmits();
 
  private:
