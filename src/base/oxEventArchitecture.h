@@ -9,7 +9,7 @@
 #include <emmintrin.h>
 #endif
 
-// Everything that is chosen by the processor's architecture. Other sources contain no code for one architecture.
+// Everything that depends on the processor's architecture. No other source has code for a particular architecture.
 
 // The result of comparing 16 bytes with one value or several: each byte is 0xFF for a match, otherwise 0.
 using oxEventByteMatches __attribute__((vector_size(16))) = unsigned char;
@@ -40,7 +40,7 @@ inline void oxEventSpinPause() {
 #if defined(__x86_64__)
   __builtin_ia32_pause();
 #elif defined(__aarch64__)
-  asm volatile("isb");  // Takes some ten nanoseconds; "yield" does nothing on most processors.
+  asm volatile("isb");  // Takes about ten nanoseconds; "yield" does nothing on most processors.
 #endif
 }
 

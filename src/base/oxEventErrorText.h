@@ -9,8 +9,8 @@
 
 #include "base/oxEventErrors.h"
 
-// An error text of oxEventErrors::kTable that has this many placeholders. Constructed from its id at compile time, so
-// that the library contains only the texts that it uses.
+// An error text of oxEventErrors::kTable with the given number of placeholders. Constructed from its id at compile
+// time, so that the library contains only the texts that it uses.
 template <size_t placeholders>
 class oxEventErrorText {
  public:
@@ -27,8 +27,8 @@ class oxEventErrorText {
 // becomes empty, and the result code alone reports the failure.
 void oxEventFillErrorText(std::string_view text, const std::string_view* values, std::string* error) noexcept;
 
-// Does the same for the text with this id, as in oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error). Returns
-// its usual result code.
+// Does the same for the text with the given id, as in oxEventSetErrorText(oxEventErrors::kCsvOpen, {path}, error).
+// Returns the usual result code of the text.
 template <size_t placeholders>
 uint32_t oxEventSetErrorText(std::type_identity_t<oxEventErrorText<placeholders>> entry,
                              const std::string_view (&values)[placeholders], std::string* error) noexcept {

@@ -73,7 +73,7 @@ enum Id : size_t {
   kSnmpEnterpriseOid,
   kSnmpTooLong,
   kSnmpSend,
-  // Internal errors: no call from a host can cause them.
+  // Internal errors: no call from the host can cause them.
   kCallbackFailed,
   kSinkShutdownFailed,
   kConfigOutput,

@@ -22,7 +22,7 @@ struct Link {  // An element of a circular doubly linked list.
 };
 
 // The last error of one thread. The struct and its text are allocated with malloc, so that nothing here throws: a
-// thread's first exception needs memory itself.
+// thread's first exception may itself allocate memory (oxEventArchitecture.h).
 struct ThreadText : Link {
   pid_t thread_id;
   char* text;  // Null if there was no memory for it.
@@ -42,8 +42,9 @@ ThreadText* OwnText() {
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
 }
 
-// Creates the key unless it exists. Retried at each error: the process may be out of keys only temporarily. The key has
-// no destructor: an exiting thread could be about to call it while dlclose unmaps the library.
+// Creates the key unless it exists; returns false if that fails, or after an unload. Each error tries again, because
+// the process may be out of keys only temporarily. The key has no destructor: a thread that exits could be about to
+// call it while dlclose unmaps the library.
 bool CreateKeyLocked() {
   if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, nullptr) == 0;
   return g_open;
@@ -77,10 +78,10 @@ void Free(ThreadText* text) {
 // musl has no wrapper for this system call.
 bool HasExited(pid_t thread) { return syscall(SYS_tgkill, getpid(), thread, 0) != 0 && errno == ESRCH; }
 
-// A thread that exits leaves its text behind. Before a text is added, the two that were checked least recently are
-// checked and those of exited threads freed, so that at most about half of the texts belong to exited threads. If a
-// sandbox forbids tgkill, texts of exited threads stay. A text under the caller's own id is that of an exited thread
-// whose id the kernel has reused.
+// A thread that exits leaves its text behind. Called before a text is added: checks the two texts that were checked
+// least recently, and frees them if their threads have exited. So at most about half of the texts belong to exited
+// threads. If a sandbox forbids tgkill, the texts of exited threads stay. A text under the calling thread's own id is
+// that of an exited thread whose id the kernel has reused.
 void SweepLocked(pid_t self) {
   for (int i = 0; i < kTextsPerSweep; ++i) {
     ThreadText* const oldest = PopFrontLocked();
@@ -93,7 +94,7 @@ void SweepLocked(pid_t self) {
   }
 }
 
-// Returns null if out of memory.
+// Adds an empty text for the calling thread, which must have none. Returns null if out of memory.
 ThreadText* AddLocked() {
   const pid_t self = gettid();
   SweepLocked(self);

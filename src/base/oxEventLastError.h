@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <string_view>
 
-// The calling thread's last error text. A thread has a text only between a failure and its next success, so that
-// another success costs a single check. Stored under a pthread key: a thread_local with a destructor would keep the
-// library loaded until its thread exits.
+// The calling thread's last error text. A thread has a text only between a failure and its next success, so that each
+// further success costs a single check. Stored under a pthread key: a thread_local object with a destructor would keep
+// the library loaded until its thread exits.
 
 // Sets the text. If out of memory, the text becomes empty. Does not throw.
 void oxEventSetLastError(std::string_view text);

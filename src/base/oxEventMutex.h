@@ -63,7 +63,7 @@ class OX_THREAD(scoped_lockable) oxEventLock {
   oxEventMutex& mutex_;
 };
 
-// Waits are subject to spurious wakeups: wait in a loop.
+// std::condition_variable for an oxEventMutex. A wait may end without a reason: wait in a loop.
 class oxEventCondition {
  public:
   void Wait(oxEventMutex& mutex) OX_REQUIRES(mutex) {

@@ -2,8 +2,8 @@
 
 #include <new>
 
-// Static storage for an object that no exit handler destroys: host threads may still call in while the process exits.
-// Constant-initialized, so that static constructors that run before this library's own can use it.
+// Static storage for an object that no exit handler destroys: the host's threads may still call the library while the
+// process exits. Constant-initialized, so that it can be used by static constructors that run before the library's own.
 template <class T>
 class oxEventNoDestructor {
  public:
@@ -15,8 +15,8 @@ class oxEventNoDestructor {
   T& operator*() { return object_; }
   T* operator->() { return &object_; }
 
-  // Constructs the object again, as after load, and abandons the old one without touching it. For the child of a fork,
-  // where threads that no longer exist may have left the old object locked or half changed.
+  // Constructs the object again, as when the library was loaded, and abandons the old one without touching it. For the
+  // child of a fork, where threads that no longer exist may have left the old object locked or half changed.
   void Reset() { new (&object_) T(); }
 
  private:

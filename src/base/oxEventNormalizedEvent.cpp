@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t kMaxKeptBytes = 4096;  // Longer strings are not kept for reuse.
+constexpr size_t kMaxKeptBytes = 4096;  // The memory of longer strings is not kept for reuse.
 
 using Event = oxEventNormalizedEvent;
 
@@ -77,7 +77,7 @@ bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
 }
 
 void oxEventStoredEvent::ReleaseLongTexts() {
-  if (capacity_ <= kMaxKeptBytes) return;  // No string can be that long.
+  if (capacity_ <= kMaxKeptBytes) return;  // No string in the block can be longer.
   const auto is_long = [this](auto field) { return (event_.*field).size() > kMaxKeptBytes; };
   if (!std::any_of(std::begin(kStrings), std::end(kStrings), is_long)) return;
   event_ = {};

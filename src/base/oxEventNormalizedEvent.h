@@ -48,14 +48,14 @@ class oxEventStoredEvent {
   // Whether Assign needs no allocation.
   bool HasRoomFor(const oxEventNormalizedEvent& event) const;
 
-  // Returns false, and changes nothing, if out of memory.
+  // Copies the event. Returns false, and changes nothing, if out of memory.
   [[nodiscard]] bool Assign(const oxEventNormalizedEvent& from);
 
   // Valid until the next Assign or ReleaseLongTexts.
   const oxEventNormalizedEvent& Get() const { return event_; }
   oxEventNormalizedEvent& Get() { return event_; }
 
-  // Clears the event and frees the block if a string is longer than 4 KiB.
+  // If a string is longer than 4 KiB, clears the event and frees the block.
   void ReleaseLongTexts();
 
   oxEventSharedSlab* Memory() const { return memory_; }
@@ -69,5 +69,5 @@ class oxEventStoredEvent {
   oxEventSharedSlab* const memory_;
 };
 
-// Frees a string that is kept for reuse if its capacity exceeds 4 KiB.
+// Clears a string that is kept for reuse, and frees its memory, if the capacity exceeds 4 KiB.
 void oxEventReleaseLongText(std::string* text);

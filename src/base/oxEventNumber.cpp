@@ -52,7 +52,8 @@ constexpr auto kPowersOfTen = [] {
 
 // Returns the first `count` significant digits of a value as an integer, rounded half to even. The value must be at
 // least 1, and less than both 10^15 and 10^(count - 1).
-// The rounding is correct because the product and the shift are exact. *point: digits before the decimal point.
+// The rounding is correct because the product and the shift are exact. *point: number of digits before the decimal
+// point.
 uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   *point = 1;
   while (value >= static_cast<double>(kPowersOfTen[*point])) ++*point;
@@ -100,7 +101,7 @@ char* oxEventWriteNumber(double value, int significant_digits, char* at) {
   if (!(magnitude >= 1 && magnitude < limit)) {
     return std::to_chars(at, at + kOxEventNumberSize, value, std::chars_format::general, significant_digits).ptr;
   }
-  // Most measured values are in this range, where this takes less than half the time of to_chars.
+  // Most measured values are in this range, where the following takes less than half the time of to_chars.
   if (const auto integer = static_cast<int64_t>(value); static_cast<double>(integer) == value) {
     return oxEventWriteNumber(integer, at);
   }

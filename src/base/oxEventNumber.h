@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Formats numbers, independent of the locale. Any thread.
+// Formats numbers, independent of the locale. Threads: any.
 
 constexpr size_t kOxEventNumberSize = 32;  // Bytes that suffice for any number.
 
@@ -21,7 +21,8 @@ char* oxEventWriteNumber(Integer value, char* at) {
   }
   return oxEventWriteUnsigned(static_cast<uint64_t>(value), at);
 }
-// Formats as printf does with %.{significant_digits}g, for 1 to 17 digits, including nan, -nan, inf and -inf.
+// Formats as printf does with %.{significant_digits}g in the C locale, for 1 to 17 digits, including nan, -nan, inf and
+// -inf. Buffer and result: as above.
 char* oxEventWriteNumber(double value, int significant_digits, char* at);
 
 // Writes the nine digits of a value below 10^9, with leading zeros, and returns their end.

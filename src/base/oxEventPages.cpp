@@ -25,7 +25,7 @@ void* oxEventPages::Allocate() {
   if (unmappable_ != nullptr) {
     Chunk* const chunk = unmappable_;
     unmappable_ = chunk->next;
-    chunk->next = nullptr;  // The rest is already zero.
+    chunk->next = nullptr;  // The rest is already zero: Free has discarded the pages.
     return chunk;
   }
   // The kernel usually places a mapping next to the previous one, so the mapping after an aligned one is aligned too.

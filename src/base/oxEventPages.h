@@ -3,8 +3,8 @@
 #include <cstddef>
 
 // Allocates memory from the system in chunks of one size, aligned to that size, so that masking an address gives the
-// start of its chunk. A freed chunk is returned to the system immediately, whichever allocator the host uses. Threads:
-// one at a time.
+// start of its chunk. The memory of a freed chunk is returned to the system immediately, whichever allocator the host
+// uses. Threads: one at a time.
 class oxEventPages {
  public:
   // `chunk_size`: a power of two, at least the page size.
@@ -24,6 +24,6 @@ class oxEventPages {
   };
 
   const size_t chunk_size_;
-  // Chunks that could not be unmapped. Their pages were returned to the system nevertheless.
+  // Chunks that could not be unmapped, for later calls of Allocate. Their pages were returned to the system.
   Chunk* unmappable_ = nullptr;
 };

@@ -8,9 +8,9 @@
 #include "base/oxEventPages.h"
 
 // A slab allocator that returns freed memory to the system. The C library's allocator often cannot do so, because
-// blocks of the host lie between ours and keep the pages in use. Each span of pages holds blocks of one size; a span
-// without live blocks is unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from malloc.
-// Does not throw: in a C host, a thread's first exception needs memory itself.
+// blocks of the host lie between those of the library and keep the pages in use. Each span of pages holds blocks of one
+// size; a span without live blocks is unmapped, except for one that is kept for reuse. Blocks over 32 KiB come from
+// malloc. Does not throw: a thread's first exception may itself allocate memory (oxEventArchitecture.h).
 // Threads: one at a time. All blocks must be freed before the allocator is destroyed.
 class oxEventSlab {
  public:
@@ -22,8 +22,8 @@ class oxEventSlab {
   // Actual size of a block for `size` bytes, which must be at least 1.
   static size_t BlockSize(size_t size);
 
-  // Blocks up to 32 KiB are aligned to 32 bytes, or to 64 if their size is a multiple of 64. Returns null if out of
-  // memory.
+  // Blocks up to 32 KiB are aligned to 32 bytes, or to 64 if their BlockSize is a multiple of 64. Returns null if out
+  // of memory.
   void* Allocate(size_t size);
 
   // `size`: as passed to Allocate, or its BlockSize.
@@ -32,6 +32,7 @@ class oxEventSlab {
   // Prefetches the span header that Free reads.
   static void PrefetchForFree(const void* block) { __builtin_prefetch(SpanOf(block), 1); }
 
+  // Unmaps the span that is kept for reuse, if there is one.
   void ReleaseEmptySpan();
 
  private:
@@ -42,7 +43,7 @@ class oxEventSlab {
     Span* next;  // In the list of its size class, which contains every span that is not full.
     Span* previous;
     FreeBlock* free_list;
-    uint32_t unused_offset;  // Offset of the first byte that was never allocated.
+    uint32_t unused_offset;  // Offset of the first block that was never allocated.
     uint32_t live_blocks;
     uint32_t block_size;
     uint32_t size_class;
@@ -70,7 +71,7 @@ class oxEventSlab {
   void FreeSpan(Span* span);
 
   std::array<Span*, kClasses> partial_spans_ = {};  // Spans with a free block, by size class.
-  Span* empty_span_ = nullptr;                      // The span kept without live blocks; also in its list.
+  Span* empty_span_ = nullptr;                      // The span that is kept without live blocks; also in its list.
   oxEventPages pages_{kSpanSize};
 };
 

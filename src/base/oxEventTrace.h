@@ -15,14 +15,14 @@
 #define OX_TRACE(...) static_cast<void>(0)
 #endif
 
-// oxEventSubmit or oxEventSubmitSimple is about to return. A record that was refused has the id 0.
+// oxEventSubmit or oxEventSubmitSimple is about to return. For an invalid record, event_id is 0 and the severity info.
 [[gnu::always_inline]] inline void oxEventTraceSubmit([[maybe_unused]] uint64_t result,
                                                       [[maybe_unused]] uint64_t event_id,
                                                       [[maybe_unused]] uint64_t severity) {
   OX_TRACE(submit, result, event_id, severity);
 }
 
-// An event was dropped. `reason` is an oxEventDrop, `reason_text` its text.
+// An event is being dropped. `reason` is an oxEventDrop, `reason_text` its text.
 [[gnu::always_inline]] inline void oxEventTraceDrop([[maybe_unused]] uint64_t event_id,
                                                     [[maybe_unused]] uint64_t severity,
                                                     [[maybe_unused]] uint64_t reason,
@@ -37,7 +37,7 @@
   OX_TRACE(emit, event_id, severity, action);
 }
 
-// A delivery to a sink, or a flush of it, has failed.
+// A delivery to a sink, or writing the rows that it has buffered, has failed.
 [[gnu::always_inline]] inline void oxEventTraceSinkFailure([[maybe_unused]] const char* section,
                                                            [[maybe_unused]] const char* name,
                                                            [[maybe_unused]] const char* error) {
