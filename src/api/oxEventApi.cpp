@@ -24,14 +24,17 @@ namespace {
 
 constexpr uint32_t kShutdownDrainMs = 5000;
 
-// Taken before every other lock except g_oxEventReloadMutex. Held while sinks are opened, but not while host names are
-// resolved, which may take a long time. Submit and Flush do not take it: they only read g_oxEventInitialized.
+// Taken before every other lock except g_oxEventReloadMutex. Held while sinks are opened, but not while the settings
+// file is read or host names are resolved, which may take a long time. Submit and Flush do not take it: they only read
+// g_oxEventInitialized.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventMutex;
-// Serializes reloads, name resolution included, so that the settings of the last call win. Taken before g_oxEventMutex.
+// Held during a complete reload, so that an earlier one that takes long cannot replace the settings of a later one.
+// Taken before g_oxEventMutex.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventReloadMutex;
-constinit std::atomic<bool> g_oxEventInitialized = false;  // Changed with g_oxEventMutex held.
+// Changed with g_oxEventMutex held, except at unload and process exit.
+constinit std::atomic<bool> g_oxEventInitialized = false;
 constinit std::atomic<uint64_t> g_oxEventStarts = 0;  // Counts successful starts. Changed with g_oxEventMutex held.
-constinit std::atomic<bool> g_oxEventClosed = false;  // Set at unload and process exit.
+constinit std::atomic<bool> g_oxEventClosed = false;  // Set at unload and process exit; no start succeeds then.
 constinit bool g_oxEventShutdownInProgress = false;   // Guarded by g_oxEventMutex.
 constinit oxEventNoDestructor<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
 constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
@@ -84,6 +87,7 @@ uint32_t Guarded(const char* entry_point, Body body) {
   }
 }
 
+// Returns the next id other than 0, which would mean "no id".
 uint64_t NextGeneratedId() {
   const uint64_t id = g_oxEventNextGeneratedId.fetch_add(1, std::memory_order_relaxed);
   return id != 0 ? id : g_oxEventNextGeneratedId.fetch_add(1, std::memory_order_relaxed);
@@ -103,7 +107,7 @@ uint32_t SubmitRecord(const char* entry_point, const oxEventRecord* record) {
   return result;
 }
 
-// Shuts the sinks down unless Dismiss was called.
+// Its destructor shuts the sinks down unless Dismiss was called.
 class SinkShutdownGuard {
  public:
   SinkShutdownGuard() = default;
@@ -168,7 +172,7 @@ uint32_t ReloadConfig(const char* config_path) {
   if (g_oxEventInitialized) oxEventSinkLookUpHosts(&config);
 
   oxEventLock lock(*g_oxEventMutex);
-  // The library was shut down during the load; it may have been started again, with other settings.
+  // The library is not running, or it was shut down during the load and has been started again, with other settings.
   if (!g_oxEventInitialized || g_oxEventStarts != starts) return NotInitialized();
   if (const uint32_t result = oxEventSinkReloadConfig(config); result != OXEVENT_OK) {
     return FailWith(result, oxEventSinkGetLastError(), oxEventErrors::kConfigReloadFailed);
@@ -322,7 +326,8 @@ void oxEventApiResetAfterFork() {
 void oxEventApiClose() {
   g_oxEventClosed = true;  // First, so that no other thread can start the library again.
   g_oxEventInitialized = false;
-  // If a call on another thread holds the lock, the process is exiting, and nothing needs to be freed.
+  // If a call holds the lock, the process is exiting (unloading the library during a call is not allowed), and nothing
+  // needs to be freed.
   if (!g_oxEventMutex->TryLock()) return;
   g_oxEventConfigPath->reset();
   g_oxEventMutex->Unlock();

@@ -30,8 +30,9 @@ void AfterForkInChild() {
   pthread_atfork(oxEventPlatformNativeBeforeFork, oxEventPlatformNativeAfterForkInParent, AfterForkInChild);
 }
 
-// A destructor function, not the destructor of a static object: it runs after the exit handlers and static destructors
-// of a host that loaded the library late, which may still report events. Host threads may continue to submit meanwhile.
+// A destructor function, not the destructor of a static object. The latter would run before the exit handlers and
+// static destructors of a host that loads the library late, and these may still report events. The host's threads may
+// continue to submit meanwhile.
 [[gnu::destructor]] void Unload() {
   oxEventApiClose();
   oxEventCoreRouter().Close();

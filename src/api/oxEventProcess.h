@@ -1,5 +1,5 @@
 #pragma once
 
-// Called by oxEventProcess.cpp: in the child of a fork, and at unload and process exit.
-void oxEventApiResetAfterFork();
-void oxEventApiClose();
+// Called by oxEventProcess.cpp.
+void oxEventApiResetAfterFork();  // In the child of a fork.
+void oxEventApiClose();           // At unload and process exit.
