@@ -23,7 +23,8 @@ enum class oxEventSinkType : uint32_t {
   kAlertmanager = 6,
 };
 
-// One configured sink. A flat struct for all types; a sink reads only the fields of its own type.
+// One configured sink. A flat struct for all types. A sink reads only the fields of its own type, except that a webhook
+// sink whose own field is empty or 0 uses the corresponding CloudEvents field.
 struct oxEventSinkConfig {
   oxEventSinkType type = oxEventSinkType::kNative;
   std::string name;  // Instance name: the name of its key.
@@ -89,7 +90,8 @@ struct oxEventSinkConfig {
   uint32_t am_retry_count = 3;
   uint32_t retry_backoff_ms = 500;
 
-  // Result of resolving the host of a syslog or SNMP sink, which is done before any lock is taken. Null until then.
+  // Result of resolving the host of a syslog or SNMP sink, which is done before the lock of the library's lifecycle is
+  // taken. If null, the sink resolves its host when it is opened.
   std::shared_ptr<const struct oxEventUdpLookup> lookup;
 
   bool operator==(const oxEventSinkConfig&) const = default;
@@ -106,7 +108,7 @@ struct oxEventConfig {
   uint32_t default_repeat_interval_sec = 1800;
   bool send_clear = true;
   bool route_orphan_clear = false;
-  std::vector<oxEventSinkConfig> sinks;  // In load order.
+  std::vector<oxEventSinkConfig> sinks;  // In the order in which they were read.
 
   bool operator==(const oxEventConfig&) const = default;
 };

@@ -64,8 +64,8 @@ Value* FieldOf(Value oxEventSinkConfig::*field, oxEventConfig* /*config*/, oxEve
 using BadValues = std::vector<oxEventBadValue>;
 
 // Reads the settings of one key. `sink` is null for a section without instances. Appends every invalid value to
-// *bad_values. If `bad_values` is null, stops at an invalid queue_size or drop_policy; the store remembers the other
-// invalid values (HasInvalidSwitchOrSeverity).
+// *bad_values and continues; if `bad_values` is null, stops at an invalid queue_size or drop_policy. In both cases the
+// store remembers whether a switch or a severity was invalid (HasInvalidSwitchOrSeverity).
 uint32_t ReadSettings(oxEventConfigStore& store, const oxEventSection& section, const std::string& key,
                       oxEventConfig* config, oxEventSinkConfig* sink, BadValues* bad_values, std::string* error) {
   for (const oxEventSetting& setting : section.settings) {
@@ -105,7 +105,8 @@ uint32_t ReadSink(oxEventConfigStore& store, const oxEventSection& section, cons
   return result;
 }
 
-// Returns the instance names per section, in the order of g_oxEventSections; empty for a section without instances.
+// Returns the instance names of each section, in the order of g_oxEventSections; none for a key that holds its settings
+// itself.
 std::vector<std::vector<std::string>> InstanceNames(oxEventConfigStore& store) {
   std::vector<std::vector<std::string>> instances;
   for (const oxEventSection& section : g_oxEventSections) {

@@ -6,9 +6,9 @@
 
 #include "config/oxEventConfig.h"
 
-// Loads *config from the settings file `path` and adds missing settings to the file with their defaults. Returns 0, or
-// OXEVENT_INVALID_ARGUMENT with the reason in *error (may be null); the file is then unchanged, and *config holds the
-// settings that were read so far. Throws std::bad_alloc.
+// Loads *config from the settings file `path` and adds missing settings to the file with their defaults, except empty
+// ones. Returns 0, even if the file cannot be written, or OXEVENT_INVALID_ARGUMENT with the reason in *error (may be
+// null); the file is then unchanged, and *config holds the settings that were read so far. Throws std::bad_alloc.
 uint32_t oxEventConfigLoad(const char* path, oxEventConfig* config, std::string* error);
 
 // An invalid value, for which oxEventConfigLoad fails.
@@ -18,8 +18,8 @@ struct oxEventBadValue {
   std::string text;  // The error text.
 };
 
-// Like oxEventConfigLoad, but continues after an invalid value and appends it to *bad_values. *error is set only if the
-// file cannot be read. Adds missing settings to the file even if queue_size or drop_policy is invalid, but not if a
-// switch or a severity is.
+// Like oxEventConfigLoad, but continues after an invalid value and appends it to *bad_values. *error is set only if
+// there is no path or the file cannot be read. Adds missing settings to the file and returns 0 even if queue_size or
+// drop_policy is invalid, but not if a switch or a severity is.
 uint32_t oxEventConfigLoadReportingAll(const char* path, oxEventConfig* config,
                                        std::vector<oxEventBadValue>* bad_values, std::string* error);

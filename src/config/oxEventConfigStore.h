@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-// A settings file, accessed through liboxutil. Reading a value that is missing sets it to its default in the store.
-// Owns the store's handle. Threads: one at a time.
+// A settings file, accessed through liboxutil. Reading a value that is missing sets it to its default in memory; Save
+// writes it to the file. Owns the store's handle. Threads: one at a time.
 class oxEventConfigStore {
  public:
   // ReadBool and ReadSeverity write the error text of the last invalid value to *error, which must outlive this object.
@@ -23,10 +23,11 @@ class oxEventConfigStore {
   void EnsureKey(const std::string& path);                         // Adds the missing keys of the path.
   std::vector<std::string> EnumChildren(const std::string& path);  // Names of the sub-keys, in file order.
 
-  // Also replaces a value that is not a number by the default.
+  // Sets a value that is not a number to the default, too.
   uint32_t ReadDword(const std::string& key, const char* name, uint32_t default_value);
-  // Returns at most the first 2047 bytes. An empty default is not added.
+  // Returns at most the first 2047 bytes. A missing value stays missing if the default is empty.
   std::string ReadString(const std::string& key, const char* name, const std::string& default_value);
+  // Returns `default_value` if the value is missing or invalid.
   bool ReadBool(const std::string& key, const char* name, bool default_value);
   // Reads "minimum_severity". A missing value becomes info; returns `default_value` only if the value is invalid.
   uint32_t ReadSeverity(const std::string& key, uint32_t default_value);

@@ -37,7 +37,7 @@ constexpr uint32_t kOxEventSnmpVersion2c = 1;         // RFC 1901, section 3.
 
 // The values that a setting accepts.
 enum class oxEventSettingForm {
-  kSwitch,        // One of g_oxEventSwitchWords, or a number: 0 is off.
+  kSwitch,        // One of g_oxEventSwitchWords, or a number: 0 is off, any other is on.
   kSeverity,      // One of g_oxEventSeverityWords, or 0 to 3.
   kWord,          // One of oxEventSetting::words.
   kCapacity,      // A number above 0.
@@ -77,10 +77,10 @@ struct oxEventSection {
   const char* default_instance;  // Created if there is no instance. Null: the key holds the settings itself.
   oxEventSinkType type;          // The type of every instance in this section.
   std::string_view description;
-  std::span<const oxEventSetting> settings;  // In the order in which they are read and added.
+  std::span<const oxEventSetting> settings;  // In the order in which they are read and added to the file.
 };
 
 extern const std::span<const oxEventSection> g_oxEventSections;  // In reading order.
 
-// Returns the value that the loader adds if the setting is missing. If it is empty, none is added.
+// Returns the value that the loader adds to the file if the setting is missing. An empty value is not added.
 std::string oxEventSettingDefault(const oxEventSetting& setting);
