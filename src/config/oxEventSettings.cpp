@@ -56,8 +56,8 @@ constexpr oxEventSetting kState[] = {
     {"enabled", &C::state_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
     {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
     {"default_repeat_interval_sec", &C::default_repeat_interval_sec, Form::kSeconds,
-     "Interval after which a raised condition that is reported again is delivered again; a raise is then delivered as "
-     "a repeat. 0: every report is delivered."},
+     "Interval after which a report of a raised condition is delivered again (a raise as a repeat), measured by the "
+     "utc_ns of the events. 0: every report of a raised condition is delivered."},
     {"send_clear", &C::send_clear, Form::kSwitch, "Whether the clear of a raised condition is delivered."},
     {"route_orphan_clear", &C::route_orphan_clear, Form::kSwitch,
      "Whether the clear of a condition that is not raised is delivered."}};
@@ -72,14 +72,15 @@ constexpr oxEventSetting kCsv[] = {
     kMinimumSeverity,
     {"path", &S::path, Form::kPath, "File to which rows are appended. Missing directories are created.", "oxEvent.csv"},
     {"flush_each_event", &S::flush_each_event, Form::kSwitch,
-     "If on, each row is written immediately. If off, rows are written in blocks."}};
+     "If on, each row is written immediately. If off, rows are written in blocks of about 64 KiB, and by a flush, a "
+     "reload and a shutdown."}};
 
 constexpr oxEventSetting kSyslogUdp[] = {
     kEnabled,
     kMinimumSeverity,
     {"host", &S::host, Form::kHost,
      "Name, IPv4 address or IPv6 address of the collector. A name is resolved when the settings are loaded; if that "
-     "fails, the library does not start.",
+     "fails, so does the start or the reload. Empty: 127.0.0.1.",
      "127.0.0.1"},
     {"port", &S::port, Form::kPort, "UDP port of the collector. 0: 514."},
     {"facility", &S::facility, Form::kWord, "Syslog facility of the messages. An unknown name means local0.", "local0",
@@ -87,7 +88,7 @@ constexpr oxEventSetting kSyslogUdp[] = {
     {"app_name",
      &S::app_name,
      Form::kText,
-     "APP-NAME of the messages, at most 48 characters.",
+     "APP-NAME of the messages, at most 48 characters. Empty: oxEvent.",
      "oxEvent",
      {},
      true,
@@ -98,7 +99,7 @@ constexpr oxEventSetting kNative[] = {
     kMinimumSeverity,
     {"source_name", &S::source_name, Form::kText,
      "Identity shown in the log. It applies to the whole process: after an event, the host's own messages carry it "
-     "too, until the host calls openlog again.",
+     "too, until the host calls openlog again. Empty: oxEvent.",
      "oxEvent"},
     {"facility", &S::native_facility, Form::kWord,
      "Syslog facility of the messages. An unknown name means local4. It applies to the whole process: after an event, "
@@ -124,7 +125,8 @@ constexpr oxEventSetting kWebhookHttp[] = {
     kMinimumSeverity,
     {"endpoint_url", &S::endpoint_url, Form::kUrl, "URL to which events are posted."},
     {"payload_mode", &S::payload_mode, Form::kWord,
-     "Format of the body: plain JSON, or CloudEvents 1.0 in structured mode.", nullptr, kPayloadModeWords},
+     "Format of the body: plain JSON, or CloudEvents 1.0 in structured mode. Empty: native_json.", nullptr,
+     kPayloadModeWords},
     {"headers", &S::headers, Form::kHeaderLines, "Additional HTTP header lines, separated by line ends or \"|\"."},
     {"bearer_token", &S::bearer_token, Form::kSecret, "Token sent as Authorization: Bearer."},
     {"basic_username", &S::basic_username, Form::kText, "User name sent, with the password, as Authorization: Basic."},
@@ -135,7 +137,8 @@ constexpr oxEventSetting kWebhookHttp[] = {
     {"request_timeout_ms", &S::request_timeout_ms, Form::kMilliseconds, "Timeout of the whole request. 0: 5000."},
     {"tls_verify", &S::tls_verify, Form::kSwitch, "If off, any certificate is accepted."},
     {"retry_count", &S::retry_count, Form::kNumber,
-     "Number of retries after a failed attempt; later events wait in the meantime. 4294967295: no attempt is made."},
+     "Maximum number of retries after a failed attempt; later events wait in the meantime. 4294967295: no attempt is "
+     "made."},
     {"backoff_ms", &S::backoff_ms, Form::kMilliseconds, "Delay before each retry. 0: 250."},
     {"cloudevents_source", &S::cloudevents_source, Form::kUriReference,
      "The source attribute of CloudEvents. Choose a value that distinguishes machines and restarts. Empty: /oxEvent."},
@@ -147,12 +150,12 @@ constexpr oxEventSetting kSnmpTrap[] = {
     kMinimumSeverity,
     {"host", &S::snmp_host, Form::kHost,
      "Name, IPv4 address or IPv6 address of the manager. A name is resolved when the settings are loaded; if that "
-     "fails, the library does not start."},
+     "fails, so does the start or the reload. Empty: 127.0.0.1."},
     {"port", &S::snmp_port, Form::kPort, "UDP port of the manager. 0: 162."},
     {"community", &S::community, Form::kSecret, "Community string of the traps, sent unencrypted. Empty: cobalt."},
     {"version", &S::version, Form::kWord, "SNMP version. Only 2c is supported.", nullptr, kSnmpVersionWords},
-    {"enterprise_oid", &S::enterprise_oid, Form::kOid, "OID prefix of the objects in the trap."},
-    {"trap_oid", &S::trap_oid, Form::kOid, "OID that identifies the trap."}};
+    {"enterprise_oid", &S::enterprise_oid, Form::kOid, "OID prefix of the objects in the trap. Empty: the default."},
+    {"trap_oid", &S::trap_oid, Form::kOid, "OID that identifies the trap. Empty: the default."}};
 
 constexpr std::string_view kNotSent = "Read, but has no effect: the host posts the documents.";
 constexpr oxEventSetting kAlertmanager[] = {
@@ -187,7 +190,9 @@ constexpr oxEventSection kSections[] = {
      kCloudEventsHttp},
     {"sink\\webhook\\http", "default", Type::kWebhookHttp, "One POST request per event.", kWebhookHttp},
     {"sink\\snmp\\trap", "default", Type::kSnmpTrap, "SNMPv2c traps.", kSnmpTrap},
-    {"sink\\alertmanager", "main", Type::kAlertmanager, "Formats alerts for an Alertmanager, but sends nothing.",
+    {"sink\\alertmanager", "main", Type::kAlertmanager,
+     "Formats alerts for an Alertmanager, but sends nothing: the host formats and posts its alerts itself, with "
+     "options of its own.",
      kAlertmanager}};
 
 // Returns the first word for the value.
