@@ -30,7 +30,7 @@ Fields Describe(const oxEventConfig& c) {
 }
 
 struct ConfigTest : testing::Test {
-  Fields Load() {  // What was loaded, or the error.
+  Fields Load() {  // Returns the loaded settings, or the error text.
     std::string error = "old";
     const uint32_t result = oxEventConfigLoad(path.c_str(), &config, &error);
     EXPECT_EQ(result, error.empty() ? OXEVENT_OK : OXEVENT_INVALID_ARGUMENT);
@@ -61,12 +61,12 @@ TEST_F(ConfigTest, CompletesTheFileOnceItCanBeWritten) {
   EXPECT_EQ(Stamp(), stamp);
 }
 
-TEST_F(ConfigTest, SetsTheFieldsByAnyWordAndKeepsTheRest) {
+TEST_F(ConfigTest, ReadsWordsInAnyCaseAndKeepsUnknownValues) {
   const std::string longest(2047, 'x');
   WriteSettings(path, longest + "yz",
                 {{"core\\enabled", "OFF"},
                  {"core\\minimum_severity", "ERR"},
-                 {"core\\queue_size", "1x"},  // As after each text that is no number: the default.
+                 {"core\\queue_size", "1x"},  // Not a number: the default applies.
                  {"core\\drop_policy", "Debug_Info_First"},
                  {"state\\enabled", "nO"},
                  {"state\\dedupe_enabled", "False"},
@@ -95,12 +95,12 @@ TEST_F(ConfigTest, SetsTheFieldsByAnyWordAndKeepsTheRest) {
       "csv: oxEvent.csv 0", "sink: 0 default 1 0", "csv: " + longest + " 1", "sink: 1 x 1 1",       "sink: 2 main 1 2",
       "native: s&s f u c",  "sink: 3 default 0 2", "sink: 5 default 0 1",    "sink: 4 default 0 0", "sink: 6 main 0 3"};
   EXPECT_EQ(Load(), expected);
-  for (const char* kept : {">5<", "stray", "yz</value>", ">1024<", ">1800<"}) {
-    EXPECT_NE(ReadFile(path).find(kept), std::string::npos) << kept;
+  for (const char* saved : {">5<", "stray", "yz</value>", ">1024<", ">1800<"}) {  // Kept, or replaced by defaults.
+    EXPECT_NE(ReadFile(path).find(saved), std::string::npos) << saved;
   }
 }
 
-TEST_F(ConfigTest, LeavesAFileThatItRefuses) {
+TEST_F(ConfigTest, DoesNotChangeAFileThatItRefuses) {
   const struct {
     std::string setting, value, error;
   } cases[] = {

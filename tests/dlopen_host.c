@@ -1,8 +1,8 @@
 /*
- * A C host that loads the library with dlopen while memory runs out. Calls entry points on a new thread, which has not
- * thrown an exception before, and lets every allocation fail from the n-th one on, for each n. The call must return a
- * code, and the library must work afterwards. Usage: dlopen_host LIBRARY [RUNTIME] With RUNTIME the C++ runtime is in
- * use before the library is loaded: each thread's first exception then allocates.
+ * A C host that loads the library with dlopen and runs out of memory. Calls entry points on a new thread, which has not
+ * thrown an exception before, and lets every allocation fail from the n-th one on, for each n. Each call must return a
+ * result code, and the library must work afterwards. Usage: dlopen_host LIBRARY [RUNTIME]. With RUNTIME, the C++
+ * runtime is in use before the library is loaded: each thread's first exception then allocates memory.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -46,7 +46,7 @@ static uint32_t Submit(void) {
 
 struct Round {
   uint32_t (*call)(void);
-  long allocations; /* That succeed. */
+  long allocations; /* How many succeed. */
   uint32_t code;
 };
 
@@ -72,7 +72,7 @@ int main(int count, char** arguments) {
           "<key name='native'><key name='main'><value name='enabled'>0</value></key></key>"
           "<key name='csv'><key name='default'><value name='enabled'>1</value><value name='path'>/dev/null</value>"
           "</key></key></key></key></key></config>");
-  /* With the runtime in use, a first exception without memory ends the process: only the calls that throw none. */
+  /* Initialize may throw. With the runtime in use, a thread's first exception without memory ends the process. */
   uint32_t (*const calls[])(void) = {Submit, UnregisterUnknown, Shutdown, Initialize};
   for (int i = 0; i < (runtime_in_use ? 3 : 4); ++i) {
     struct Round round = {calls[i], 0, 0};

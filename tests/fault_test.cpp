@@ -1,5 +1,5 @@
-// The whole library while memory runs out and system calls fail: the n-th call of a kind, for each n. The entry point
-// reports it, every event is delivered or counted, and afterwards everything works again.
+// The whole library while allocations and system calls fail: the n-th call of one kind, for each n. The entry point
+// reports the failure, or every event is delivered or counted as lost; afterwards everything works again.
 #include <netdb.h>
 
 #include <atomic>
@@ -17,13 +17,13 @@ constexpr char kOk[] = "0 ";
 constexpr char kSecret[] = "sesame";
 constexpr char kLong[] = "too long for a string that needs no memory";
 
-thread_local bool t_is_host = false;  // Else the worker, or one of its lookups.
+thread_local bool t_is_host = false;  // False: the worker, or the thread of a name lookup.
 
 struct Case {
   string call;
-  int error;                      // As Faults takes it.
-  std::vector<string> results;    // What the entry point may return: the beginnings of code and text.
-  bool later_calls_fail = false;  // Too.
+  int error;                      // What the hook of Faults returns.
+  std::vector<string> results;    // Possible results of the entry point: how LastResult may begin.
+  bool later_calls_fail = false;  // Whether the calls after the n-th fail too.
 };
 
 struct FaultTest : testing::Test {
@@ -47,7 +47,7 @@ struct FaultTest : testing::Test {
   static void CountEvent(const oxEventRecord* event, void* user_data) {
     auto& test = *static_cast<FaultTest*>(user_data);
     if (test.callbacks++ > 0) return;
-    // After a raise that was not delivered, its repetition is.
+    // If a raise is lost, the next one is delivered as a raise. The event of ExpectWorks has no action.
     EXPECT_TRUE(string("raise").starts_with(event->action)) << event->action;
   }
   void Stop() {
@@ -60,8 +60,8 @@ struct FaultTest : testing::Test {
     EXPECT_EQ(LastResult(oxEventInitialize(settings.c_str())), kOk);
     EXPECT_EQ(LastResult(oxEventRegisterCallback(CountEvent, this, &callback_id)), kOk);
   }
-  // How many events of this round have arrived, by kind of sink. Begins the next round, with another message: a post of
-  // this one may still be under way.
+  // Returns how many events of this round have arrived, by sink. Begins the next round with another message, because a
+  // post of this round may arrive later.
   using Arrivals = std::map<string, uint64_t>;
   Arrivals TakeArrivals() {
     Arrivals arrivals = {{"posts", 0}, {"rows", 0}, {"syslog", 0}};
@@ -89,7 +89,7 @@ struct FaultTest : testing::Test {
   void ExpectAccounted() {
     EXPECT_EQ(oxEventFlush(0), OXEVENT_OK);
     const oxEventCounters counters = oxEventCoreGetCounters();
-    uint64_t failures = counters.submitted - counters.emitted - counters.dropped;  // Events that no sink was given.
+    uint64_t failures = counters.submitted - counters.emitted - counters.dropped;  // Never passed to the sinks.
     for (const auto& [sink, arrived] : TakeArrivals()) {
       ASSERT_LE(arrived, counters.emitted) << sink;
       failures += counters.emitted - arrived;
@@ -195,7 +195,7 @@ TEST_F(FaultTest, CountsWhatIsNotSubmittedOrDelivered) {
   };
   FailEach({{"malloc", ENOMEM, {kOk}}, {"sendto", EHOSTUNREACH, {kOk}}, {"getaddrinfo", EAI_AGAIN, {kOk}}},
            submit_and_flush, /*on_host_thread=*/false);
-#ifndef OXEVENT_SANITIZED  // A sanitizer's own calls of mmap would fail too.
+#ifndef OXEVENT_SANITIZED  // A sanitizer's own calls to mmap would fail too.
   FailEach({{"mmap", ENOMEM, {kOk}}}, submit_and_flush, /*on_host_thread=*/false);
   FailEach({{"mmap", ENOMEM, {"80050005 oxEvent core submit failed"}}}, submit_and_flush);
 #endif

@@ -1,4 +1,4 @@
-// What stands in for a host. Tests that load the libraries by hand can use it too.
+// Helpers with which a test acts as a host. A test that loads the library with dlopen can use them too.
 #pragma once
 
 #include <fcntl.h>
@@ -27,8 +27,8 @@ inline size_t Entries(const std::string& directory) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
-// Returns the function's result in a child process; -1 if a signal ended that, which happens after a minute at the
-// latest.
+// Runs the function in a child process and returns its result, or -1 if a signal ends the child. An alarm does so after
+// a minute, unless the function sets another one.
 inline int InChild(const std::function<int()>& function) {
   const pid_t child = fork();
   if (child == 0) {
@@ -39,9 +39,9 @@ inline int InChild(const std::function<int()>& function) {
   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Returns a socket on a free port of loopback. Sets *port to 0 if there is no such port.
+// Returns a socket bound to a free port of the loopback address. Sets *port to 0 if there is no such port.
 inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
-  // For IPv4 it begins as a sockaddr_in does, whose address is where an IPv6 address has its flow label.
+  // For IPv4, its first bytes are a sockaddr_in, which has its address where a sockaddr_in6 has its flow label.
   sockaddr_in6 loopback = {family, 0, family == AF_INET ? htonl(INADDR_LOOPBACK) : 0, in6addr_loopback, 0};
   socklen_t size = sizeof(loopback);
   const auto address = reinterpret_cast<sockaddr*>(&loopback);
@@ -51,7 +51,7 @@ inline int LoopbackSocket(sa_family_t family, int type, uint16_t* port) {
   return fd;
 }
 
-// The keys and values at these paths: "core\queue_size" is a value of the key "core".
+// Returns the keys and values at these paths as XML: "core\queue_size" is the value "queue_size" of the key "core".
 inline std::string SettingsXml(const std::map<std::string, std::string>& settings) {
   std::string xml;
   std::map<std::string, std::map<std::string, std::string>> keys;
@@ -64,8 +64,8 @@ inline std::string SettingsXml(const std::map<std::string, std::string>& setting
   return xml;
 }
 
-// Writes a settings file: the system log off, the CSV sink on at `csv` (empty: off), and `more`, whose names are paths
-// below QVX\Events.
+// Writes a settings file with the system log off, the CSV sink on with the path `csv` (empty: off), and `more`, whose
+// names are paths below QVX\Events. A setting in `more` takes precedence.
 inline void WriteSettings(const std::string& file, const std::string& csv,
                           std::map<std::string, std::string> more = {}) {
   more.insert({{"sink\\csv\\default\\enabled", csv.empty() ? "0" : "1"}, {"sink\\csv\\default\\path", csv}});
@@ -74,7 +74,7 @@ inline void WriteSettings(const std::string& file, const std::string& csv,
                       << "</key></key></config>\n";
 }
 
-// The code that an entry point returned, in hexadecimal, and the error text that it left.
+// Returns the result code of an entry point, in hexadecimal, and the last error text.
 inline std::string LastResult(uint32_t code) {  // Only for tests that link the library.
   char text[512] = "unread";
   oxEventGetLastError(text, sizeof(text));
@@ -93,7 +93,7 @@ inline std::string ReadFile(const std::string& file) {
   return (std::stringstream() << std::ifstream(file).rdbuf()).str();
 }
 
-// The messages in a CSV file without quotes, the header's first. A row that is torn or not of 20 columns: "no row".
+// Returns the messages in a CSV file without quotes, the header's first, and "no row" for each row that is incomplete.
 inline std::vector<std::string> ReadMessages(const std::string& file) {
   std::vector<std::string> messages;
   std::istringstream rows(ReadFile(file));

@@ -1,4 +1,4 @@
-// The library as a host meets it: codes, texts, records, callbacks, files, many threads.
+// The library as a host uses it: result codes, error texts, shutdown, reload, callbacks, CSV files.
 #include <malloc.h>
 
 #include <future>
@@ -103,7 +103,7 @@ TEST_F(oxEventApi, KeepsAnErrorTextPerThread) {
   EXPECT_EQ(LastResult(oxEventGetApiVersion()), "10000 Invalid OXEvent");
 }
 
-TEST_F(oxEventApi, CutsTheErrorTextToTheBuffer) {
+TEST_F(oxEventApi, TruncatesTheErrorTextToTheBuffer) {
   EXPECT_EQ(LastResult(oxEventSubmit(nullptr)), kInvalidEvent);
   std::string buffer(20, '#');
   EXPECT_EQ(oxEventGetLastError(buffer.data(), 4), OXEVENT_OK);
@@ -134,8 +134,8 @@ TEST_F(oxEventApi, ShutdownDeliversWhatIsQueuedAndRefusesOtherCallsMeanwhile) {
   EXPECT_EQ(recorder.messages, (Strings{"first", "queued"}));
 }
 
-TEST_F(oxEventApi, ReloadMovesTheCsvFile) {
-  const auto deliver = [&](size_t count, const std::string& message) {  // Without a flush.
+TEST_F(oxEventApi, ReloadChangesTheCsvFile) {
+  const auto deliver = [&](size_t count, const std::string& message) {  // Without a flush: a reload writes the rows.
     EXPECT_EQ(LastResult(Send(message)), kOk);
     EXPECT_EQ(recorder.WaitForMessages(count).back(), message);
   };
@@ -152,7 +152,7 @@ TEST_F(oxEventApi, ReloadMovesTheCsvFile) {
   WriteSettings(settings, "", {{"sink\\csv\\default\\enabled", "1"}});
   EXPECT_EQ(LastResult(oxEventReloadConfig(settings.c_str())), kNoCsvPath);
   deliver(4, "four");
-  EXPECT_EQ(LastResult(oxEventReloadConfig("")), kOk);  // The second file once more; no second header.
+  EXPECT_EQ(LastResult(oxEventReloadConfig("")), kOk);  // settings2 again: its CSV file gets no second header.
   EXPECT_EQ(ReadMessages(csv), (Strings{"message", "one", "three", "four"}));
 }
 
@@ -166,7 +166,7 @@ TEST_F(oxEventApi, WorkerBlocksTheHostsSignals) {
   for (const int signal : {SIGHUP, SIGTERM, SIGRTMIN + 1}) EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
 }
 
-TEST_F(oxEventApi, EveryEntryPointCanBeCalledInACallback) {
+TEST_F(oxEventApi, EntryPointsCanBeCalledInACallback) {
   std::string thread;
   recorder.on_event = [&](const oxEventRecord&) {
     thread = "/proc/self/task/" + std::to_string(gettid());
@@ -214,7 +214,7 @@ TEST_F(oxEventApi, FreesTheErrorTextsOfThreadsThatEnded) {
   EXPECT_LT(memory_after(2000), before + 2000 * 16);
 }
 
-TEST_F(oxEventApi, WritesOnlyWholeCsvRowsAtATime) {  // So that a process that is killed leaves no torn row.
+TEST_F(oxEventApi, WritesOnlyCompleteCsvRows) {  // So that a process that is killed leaves no torn row.
   recorder.on_event = [&](const oxEventRecord&) { EXPECT_TRUE(ReadFile(csv).ends_with('\n')); };
   Start();
   for (size_t i = 1; i <= 100; ++i) EXPECT_EQ(LastResult(Send(std::string(10 * i * i, 'x'))), kOk);

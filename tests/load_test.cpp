@@ -1,4 +1,4 @@
-// Loads, and receivers that do not keep up. OXEVENT_SOAK multiplies the amounts: see scripts/soak.
+// The library under load, and with a receiver that does not respond. OXEVENT_SOAK enlarges two loads: see scripts/soak.
 #include <malloc.h>
 
 #include <array>
@@ -22,7 +22,7 @@ size_t Scale() {
   return soak == nullptr ? 1 : std::stoul(soak);
 }
 
-// What the process has of each. The memory is in bytes; a sanitizer's allocator counts none.
+// Open descriptors of the process, and allocated bytes, of which mallinfo2 sees none under a sanitizer.
 struct Resources {
   size_t descriptors = Entries("/proc/self/fd");
   size_t memory = mallinfo2().uordblks + mallinfo2().hblkhd;
@@ -34,7 +34,7 @@ size_t ResidentBytes() {
   return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// More resident memory than before is no growth up to this. A sanitizer holds back what is freed.
+// By how many bytes resident memory may grow. Without effect under a sanitizer, which keeps freed memory.
 #ifdef OXEVENT_SANITIZED
 constexpr size_t kResidentTolerance = SIZE_MAX / 2;
 #else
@@ -49,7 +49,7 @@ struct LoadTest : testing::Test {
     ASSERT_EQ(oxEventInitialize(settings_path.c_str()), OXEVENT_OK);
     ASSERT_EQ(oxEventRegisterCallback(Receive, this, &callback_id), OXEVENT_OK);
   }
-  // Each thread's numbers go up from 1.
+  // A thread's numbers increase from 1; Receive checks the order.
   static uint32_t Submit(size_t thread, uint64_t number, const char* action = "", const string& key = "") {
     const string message = std::to_string(thread) + '-' + std::to_string(number);
     oxEventRecord record = MakeRecord(message.c_str());
@@ -64,13 +64,14 @@ struct LoadTest : testing::Test {
     ASSERT_EQ(Submit(0, ++sent, action, key), OXEVENT_OK);
   }
   static void Flush() { EXPECT_EQ(oxEventFlush(0), OXEVENT_OK); }
-  // Returns when every thread has submitted `each` events amid the reloads, calls and flushes of others.
+  // Every thread submits `each` events, and more until the reloads are complete. Meanwhile another thread registers
+  // callbacks and flushes. Returns when all events are delivered or dropped.
   void SubmitFromAllThreads(size_t each, size_t reloads) {
-    std::atomic<bool> moving = true;
+    std::atomic<bool> reloading = true;
     const auto submit = [&](size_t thread) {
       const char* const actions[] = {"raise", "raise", "update", "repeat", "clear"};
       uint64_t number = last_number[thread];
-      for (const uint64_t end = number + each; ++number <= end || moving;) {
+      for (const uint64_t end = number + each; ++number <= end || reloading;) {
         const string key = std::to_string(thread * 10 + number % 10);
         ASSERT_EQ(Submit(thread, number, actions[number % 5], key), OXEVENT_OK);
       }
@@ -78,7 +79,7 @@ struct LoadTest : testing::Test {
     std::vector<std::jthread> threads;
     for (size_t thread = 0; thread < kThreads; ++thread) threads.emplace_back(submit, thread);
     threads.emplace_back([&] {
-      while (moving) {
+      while (reloading) {
         uint32_t id = 0;
         EXPECT_EQ(oxEventRegisterCallback([](auto...) {}, nullptr, &id), OXEVENT_OK);
         EXPECT_EQ(oxEventUnregisterCallback(id), OXEVENT_OK);
@@ -86,7 +87,7 @@ struct LoadTest : testing::Test {
       }
     });
     for (size_t i = 0; i < reloads; ++i) EXPECT_EQ(oxEventReloadConfig(nullptr), OXEVENT_OK);
-    moving = false;
+    reloading = false;
     threads.clear();
     Flush();
     const oxEventCounters counters = oxEventCoreGetCounters();
@@ -96,9 +97,9 @@ struct LoadTest : testing::Test {
   const HostFolder folder{};
   const string settings_path = folder.path + "/settings";
   uint32_t callback_id = 0;
-  std::array<uint64_t, kThreads> last_number = {};  // By thread, as delivered. Written by the worker alone.
-  uint64_t sent = 0;                                // By thread 0.
-  std::vector<string>* messages = nullptr;          // Collects the delivered messages.
+  std::array<uint64_t, kThreads> last_number = {};  // The last delivered, by thread. Written only by the worker.
+  uint64_t sent = 0;                                // The last number that SubmitNext used.
+  std::vector<string>* messages = nullptr;          // If set, receives the delivered messages.
 
  private:
   static void Receive(const oxEventRecord* event, void* user_data) {
@@ -112,12 +113,12 @@ struct LoadTest : testing::Test {
 
 TEST_F(LoadTest, LosesNothingAmidReloadsAndFlushes) {
   const string csv = folder.path + "/csv";
-  std::vector<string> rows = {"message"};  // The header's.
+  std::vector<string> rows = {"message"};  // In the header.
   messages = &rows;
   Start(csv, {{"core\\queue_size", kLargestSize}, {"state\\enabled", "0"}});
   SubmitFromAllThreads(1000, 20);
   EXPECT_EQ(oxEventCoreGetCounters().submitted + 1, rows.size());
-  EXPECT_TRUE(ReadMessages(csv) == rows);  // Too many to print.
+  EXPECT_TRUE(ReadMessages(csv) == rows);  // Not EXPECT_EQ: too many to print.
 }
 
 TEST_F(LoadTest, DoesNotGrow) {
@@ -129,14 +130,14 @@ TEST_F(LoadTest, DoesNotGrow) {
   SubmitFromAllThreads(each, reloads);
   EXPECT_EQ(Submit(0, last_number[0] + 1, "", string(1 << 20, 'k')), OXEVENT_OK);
   Flush();
-  EXPECT_EQ(Submit(0, last_number[0] + 1), OXEVENT_OK);  // Makes the worker release the long text.
+  EXPECT_EQ(Submit(0, last_number[0] + 1), OXEVENT_OK);  // After a long text, a short one.
   Flush();
   const Resources after;
   EXPECT_EQ(after.descriptors, before.descriptors);
   EXPECT_LT(after.memory, before.memory + 256 * 1024);
 }
 
-TEST_F(LoadTest, GivesBackTheMemoryOfClearedConditions) {
+TEST_F(LoadTest, ReturnsTheMemoryOfClearedConditions) {
   const size_t count = 20'000 * std::max<size_t>(Scale() / 10, 1);
   Start("", {{"core\\queue_size", kLargestSize}});
   SubmitNext("raise", "first");
@@ -152,7 +153,7 @@ TEST_F(LoadTest, GivesBackTheMemoryOfClearedConditions) {
   EXPECT_EQ(oxEventCoreGetCounters().drops_by_reason, (oxEventDropCounts{0, 0, 0, 0, 0, 0, count}));
 }
 
-TEST_F(LoadTest, GivesBackTheMemoryOfABurstWhileSingleEventsGoOn) {
+TEST_F(LoadTest, ReturnsTheMemoryOfABurstWhileSingleEventsArrive) {
   Start("", {{"core\\queue_size", kLargestSize}});
   SubmitNext();
   Flush();
@@ -175,7 +176,7 @@ TEST_F(LoadTest, GivesBackTheMemoryOfABurstWhileSingleEventsGoOn) {
   EXPECT_LT(ResidentBytes(), idle + kResidentTolerance);
 }
 
-// So that a service manager which kills the process meanwhile costs no row.
+// So that no row is lost if a service manager kills the process during the wait.
 TEST_F(LoadTest, ShutdownWritesRowsBeforeItWaitsForTheEventInDelivery) {
   string csv = folder.path + "/csv";
   Start(csv, {});

@@ -1,4 +1,4 @@
-// Where the memory of the queue and of the conditions comes from, and the table that is kept in it.
+// The allocator of the queue and of the conditions, the table of conditions, and the hash of their keys.
 #include <atomic>
 #include <cstring>
 #include <random>
@@ -11,9 +11,9 @@
 
 namespace {
 
-// SipHash-2-4: the vectors of the reference implementation. SipHash-1-3: the algorithm's description, computed by hand
-// in another language.
-TEST(oxEventSipHash, GivesThePublishedValues) {
+// The values of SipHash-2-4 are published test vectors. That of SipHash-1-3 was computed in another language,
+// with a program written from the description of the algorithm.
+TEST(oxEventSipHash, GivesTheExpectedValues) {
   const std::pair<size_t, uint64_t> cases[] = {
       {7, 0xab0200f58b01d137}, {8, 0x93f5f5799a932462}, {9, 0x9e0082df0ba9e4b0}};
   const oxEventSipKey key = {0x0706050403020100, 0x0f0e0d0c0b0a0908};
@@ -22,14 +22,14 @@ TEST(oxEventSipHash, GivesThePublishedValues) {
   EXPECT_EQ(oxEventSipHash(key, bytes), 0x25a48eb36c063de4);
 }
 
-TEST(oxEventSipHash, HasAKeyWithoutGetrandom) {
+TEST(oxEventSipHash, MakesAKeyWithoutGetrandom) {
   const Faults faults([](std::string_view call, long) { return call == "getrandom" ? ENOSYS : 0; });
   const oxEventSipKey key = oxEventRandomSipKey();
   EXPECT_NE(key.low, 0u);
   EXPECT_NE(key.high, 0u);
 }
 
-TEST(oxEventActiveTable, HashesEachByAKeyOfItsOwn) {
+TEST(oxEventActiveTable, HashesWithAKeyOfItsOwn) {
   const oxEventActiveTable table, other;
   EXPECT_NE(table.Hash("fan 2"), other.Hash("fan 2"));
 }
@@ -59,7 +59,7 @@ TEST(oxEventSlab, KeepsBlocksApart) {
 
 // The kernel refuses to unmap when a process has too many mappings.
 TEST(oxEventSlab, ReusesPagesThatCannotBeUnmapped) {
-  constexpr size_t kBlockSize = 32'768;  // Seven of them to a span.
+  constexpr size_t kBlockSize = 32'768;  // A span has room for seven.
   std::atomic<int> mapped = 0;
   const Faults faults([&](std::string_view call, long) {
     mapped += call == "mmap";
@@ -71,12 +71,12 @@ TEST(oxEventSlab, ReusesPagesThatCannotBeUnmapped) {
     void* blocks[14];
     for (void*& block : blocks) block = slab.Allocate(kBlockSize);
     for (void* const block : blocks) slab.Free(block, kBlockSize);
-    EXPECT_LE(mapped, 2 * expected_mappings);  // Twice: a mapping that is not aligned is made again.
+    EXPECT_LE(mapped, 2 * expected_mappings);  // Twice: a span that is not aligned is mapped again.
   }
 }
 
-// However many conditions there are, a step allocates or frees at most three spans, each with up to four calls of mmap
-// and munmap. The largest block of malloc is the directory.
+// However many conditions there are, an insertion or removal allocates or frees at most three spans, each with up to
+// four calls to mmap and munmap. The largest block from malloc is the directory.
 TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
   oxEventActiveTable table;
   for (int i = 0; i < 110'000; ++i) {
@@ -107,7 +107,7 @@ TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
 #endif
 }
 
-// A call without memory changes nothing; Remove needs none.
+// An insertion for which there is no memory changes nothing; a removal needs no memory.
 TEST(oxEventActiveTable, KeepsEveryConditionWhileMemoryIsScarce) {
   oxEventActiveTable table;
   std::vector<bool> raised(20'000);
@@ -132,7 +132,7 @@ TEST(oxEventActiveTable, KeepsEveryConditionWhileMemoryIsScarce) {
   }
 }
 
-TEST(oxEventActiveTable, RefusesWhatASegmentOfEqualHashesCannotHold) {
+TEST(oxEventActiveTable, ThrowsWhenEqualHashesFillASegment) {
   oxEventActiveTable table;
   const auto key = [](int number) {
     return std::string(static_cast<size_t>(number % 2 * 60), 'k') + std::to_string(number);
@@ -142,7 +142,7 @@ TEST(oxEventActiveTable, RefusesWhatASegmentOfEqualHashesCannotHold) {
   EXPECT_GT(count, 300);
   table.Insert(~0ull, "other", "signature", 1);
   EXPECT_EQ(table.Find(1, "another key of that hash"), nullptr);
-  for (int i = count; i-- > 0;) {  // The last is found behind all others.
+  for (int i = count; i-- > 0;) {  // The search for the last key passes all others.
     oxEventActiveTable::Condition* const condition = table.Find(1, key(i));
     ASSERT_NE(condition, nullptr) << i;
     table.Remove(condition);

@@ -1,4 +1,4 @@
-// The normalization of records, numbers, and what depends on the processor.
+// The normalization of records, the formatting of numbers, and code that depends on the processor.
 #include <cmath>
 #include <random>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(oxEventArchitecture, FindsTheFirstMatchOfSixteenBytes) {
+TEST(oxEventArchitecture, FindsTheFirstMatchAmongSixteenBytes) {
   oxEventByteMatches matches = {};
   EXPECT_GE(oxEventFirstMatch(matches), 16u);
   EXPECT_GE(oxEventFirstMatchPortable(matches), 16u);
@@ -21,10 +21,10 @@ TEST(oxEventArchitecture, FindsTheFirstMatchOfSixteenBytes) {
   }
 }
 
-TEST(oxEventNumber, ReadsAsPrintfWritesIt) {
+TEST(oxEventNumber, FormatsNumbersAsPrintfDoes) {
   std::mt19937_64 random(1);
   std::vector<double> values = {0, -0.0, 0.5, 5e-324, 1e308, 1e15, 0x1p53, INFINITY, -INFINITY};
-  for (double power = 1; power < 1e18; power *= 10) {  // At a power of ten, and halfway between two decimal strings.
+  for (double power = 1; power < 1e18; power *= 10) {  // At powers of ten, and halfway between two decimal strings.
     values.insert(values.end(), {power, std::nextafter(power, 0), power * 1.5, power - 0.05, power - 5e-7});
   }
   for (int i = 0; i < 100000; ++i) {
@@ -52,7 +52,7 @@ TEST(oxEventNormalize, FillsInOneTimestampAndKeepsTheOther) {
   }
 }
 
-TEST(oxEventNormalize, ReadsOnlyTheFieldsThatTheCallersRecordHoldsWholly) {
+TEST(oxEventNormalize, ReadsOnlyFieldsThatAreWhollyWithinStructSize) {
   oxEventRecord record = MakeRecord("m");
   record.action = record.details_json = "x";
   record.severity = OXEVENT_SEVERITY_ERROR;
@@ -65,7 +65,7 @@ TEST(oxEventNormalize, ReadsOnlyTheFieldsThatTheCallersRecordHoldsWholly) {
   for (record.struct_size = 48; record.struct_size <= 160; ++record.struct_size) {
     SCOPED_TRACE(record.struct_size);
     ASSERT_EQ(oxEventNormalizeEvent(&record, 1, &event), OXEVENT_OK);
-    // `given` if the record holds the whole field, else `absent`.
+    // Returns `given` if the whole field is within struct_size, else `absent`.
     const auto expected = [&](const auto& field, auto given, decltype(given) absent) {
       const auto end = reinterpret_cast<const char*>(&field + 1) - reinterpret_cast<const char*>(&record);
       return record.struct_size >= static_cast<size_t>(end) ? given : absent;

@@ -1,6 +1,6 @@
-// How a host's process ends, forks, unloads the library and limits it. Each host runs in a child process and checks the
-// results of its own calls: an unexpected one ends it with status 99. The test then compares the rows in the CSV file
-// with the events whose callback returned.
+// Hosts that exit, fork, unload the library, or limit the size of files. Each host runs in a child process and checks
+// the results of its own calls: an unexpected one ends it with status 99. Most tests then compare the rows in the CSV
+// file with the events whose callback has returned.
 #include <dlfcn.h>
 #include <malloc.h>
 #include <netdb.h>
@@ -43,16 +43,16 @@ std::atomic<Action> g_in_callback = nullptr;  // Runs in the callback of the nex
 std::atomic<Action> g_at_exit = nullptr;      // Runs in an exit handler.
 std::atomic<int> g_submitted = 0;
 std::atomic<int> g_delivered = 0;
-std::atomic<bool> g_queued = false;    // SubmitThree has queued its events.
-std::atomic<bool> g_released = false;  // WaitForRelease returns.
+std::atomic<bool> g_queued = false;    // Whether SubmitThree has queued its events.
+std::atomic<bool> g_released = false;  // Lets WaitForRelease return.
 std::atomic<bool> g_lookup_hangs = false;
-int g_returned = -1;  // File with the messages of the events whose callback returned; -1 in a child of the host.
+int g_returned = -1;  // Descriptor of the file with the messages of returned callbacks; -1 in a child of the host.
 
-extern "C" void __tsan_init() __attribute__((weak));  // Null without the thread sanitizer, which cannot do everything.
+extern "C" void __tsan_init() __attribute__((weak));  // Null unless ThreadSanitizer is in use.
 bool IsThreadSanitizerUsed() { return &__tsan_init != nullptr; }
-// A child of the host may start threads, and does not free what belongs to its parent.
+// A child of the host may start threads. It leaks what belongs to its parent, so LeakSanitizer is off in it.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0:atexit_sleep_ms=20"; }
-extern "C" const char* __lsan_default_suppressions() { return "leak:CRYPTO_zalloc"; }  // Of threads that never end.
+extern "C" const char* __lsan_default_suppressions() { return "leak:CRYPTO_zalloc"; }  // Threads that never end own it.
 extern "C" int __lsan_is_turned_off() { return g_returned < 0; }
 
 void Check(const auto& actual, const auto& expected, int line = __builtin_LINE()) {
@@ -74,7 +74,7 @@ void WaitForRow() {
   WaitUntil([] { return ReadMessages("events.csv").size() > 1; });
 }
 
-// A name server that hangs.
+// Replaces the C library's function: acts as if the name server hung.
 extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**) {
   g_lookup_hangs = true;
   WaitForRelease();
@@ -82,7 +82,7 @@ extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**
 }
 
 void BeginChild() {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // If it hangs. A child of the worker blocks all other signals.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // In case the child hangs: one forked on the worker blocks all other signals.
   g_returned = -1;
 }
 
@@ -130,7 +130,7 @@ void SubmitThree(Action in_callback) {
 using Messages = std::vector<std::string>;
 
 struct ProcessTest : testing::Test {
-  // Loads and starts the library in a child process, which then runs the host and exits with status 0.
+  // Runs a host, in a child process: starts the library, calls `host` and, if that returns, exits with status 0.
   void ExpectExit(int status, Action host) {
     EXPECT_EQ(chdir(directory.path.c_str()), 0);
     fflush(nullptr);  // The host must not write what the test has buffered.
@@ -156,7 +156,7 @@ struct ProcessTest : testing::Test {
 
   const HostFolder directory{};
   Messages rows;                    // In the CSV file.
-  Messages returned = {"message"};  // As the rows, which begin with the header.
+  Messages returned = {"message"};  // Begins with the header's, as `rows` does.
 };
 
 // Repeats each call on a thread of its own, until the process ends.
@@ -190,7 +190,7 @@ void Unload() {
   Check(dlclose(ox->handle), 0);
   delete std::exchange(ox, nullptr);
   Check(ReadFile("/proc/self/maps").find("liboxEvent"), std::string::npos);
-  // Stays: the thread of a name lookup may return into it, however long after.
+  // Stays, like the HTTP client, into which the thread of a name lookup may return, however long after.
   Check(ReadFile("/proc/self/maps").find("liboxutil") != std::string::npos, true);
 }
 
@@ -243,7 +243,7 @@ TEST_F(ProcessTest, ChildrenOfACallbackHaveRunsOfTheirOwnAndTheParentGoesOn) {
   ExpectExit(0, [] {
     SubmitThree([] {
       ForkChildren();
-      if (IsThreadSanitizerUsed()) return;  // It does not let a child's only thread end.
+      if (IsThreadSanitizerUsed()) return;  // It does not let the only thread of a child end.
       const pid_t child = fork();
       if (child == 0) return BeginChild();
       int child_status = -1;
@@ -294,15 +294,15 @@ TEST_F(ProcessTest, AFileSizeLimitCostsRowsButNotTheProcess) {
   EXPECT_EQ(rows, Messages{"message"});
 }
 
-// The thread that calls the library outlives each of its loads, as its error texts must not. The first half of the
-// rounds warms up, the other compares. Together they are more than there are thread-specific keys.
+// The calling thread outlives each load of the library; its error texts must not. The first half of the rounds warms
+// up, the second must not use more. Together they are more rounds than a process can have thread-specific keys.
 void LoadAndUnload() {
   constexpr size_t kRounds = 520;
   size_t left[2] = {};
   for (size_t i = 0; i < 2 * kRounds; ++i) {
     if (i % 2 == 1) Stop();
     Unload();
-    // A descriptor or a thread counts like the smallest allocation in every round.
+    // A leaked descriptor or thread counts as much as a leak of the smallest allocation in each round.
     left[i / kRounds] = mallinfo2().uordblks + kRounds * 16 * (Entries("/proc/self/fd") + Entries("/proc/self/task"));
     ox = new Library;
     Check(ox->SubmitSimple(0, 1, "", ""), OXEVENT_INVALID_ARGUMENT);

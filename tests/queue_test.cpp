@@ -1,4 +1,4 @@
-// The queue and its parts: the backlog, the drop ledger, the submit slots.
+// The queue with its backlog and its drop ledger, and the submit slots.
 #include <atomic>
 #include <future>
 #include <thread>
@@ -86,7 +86,7 @@ struct QueueTest : testing::Test {
 
   oxEventDropLedger drops;
   oxEventQueue queue{&drops};
-  oxEventNodePtr node_cache;  // As a submitting thread keeps it.
+  oxEventNodePtr node_cache;  // As a submit slot keeps it.
 };
 
 TEST_F(QueueTest, RefusesEventsBeforeItsStartAndAfterAReset) {
@@ -97,11 +97,11 @@ TEST_F(QueueTest, RefusesEventsBeforeItsStartAndAfterAReset) {
   EXPECT_EQ(queue.EnqueueCount(), 2u);
 }
 
-TEST_F(QueueTest, RefusesAnEventThatIsCopiedAlready) {
+TEST_F(QueueTest, RefusesAnEventThatItHasAlreadyCopied) {
   queue.Start(3, Policy::kDropNewest);
   oxEventNodePool pool;
   oxEventNodePtr node = pool.Create();
-  ASSERT_TRUE(node->event.Assign(Event("a", kInfo)));  // It has room for the next event.
+  ASSERT_TRUE(node->event.Assign(Event("a", kInfo)));  // The node has room, so "b" is copied first.
   queue.StopAccepting();
   EXPECT_EQ(queue.Enqueue(Event("b", kInfo), &node), Result::kNotAccepting);
   ASSERT_NE(node, nullptr);
@@ -119,7 +119,7 @@ TEST_F(QueueTest, RecordsEveryDropByItsReason) {
   EXPECT_EQ(Drops(oxEventDrop::kStopped), 1u);
 }
 
-TEST_F(QueueTest, TrimsAThousandEventsOfOneKind) {
+TEST_F(QueueTest, TrimsMoreEventsThanOneBatchHolds) {
   queue.Start(1000, Policy::kDropNewest);
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(Enqueue(std::to_string(i), kInfo), Result::kQueued);
   EXPECT_EQ(queue.Configure(2, Policy::kDropNewest), 998u);
@@ -128,7 +128,7 @@ TEST_F(QueueTest, TrimsAThousandEventsOfOneKind) {
   EXPECT_EQ(queue.WaitPop()->message, "0");
 }
 
-TEST_F(QueueTest, FlushFailsWhenItsTimeIsOver) {
+TEST_F(QueueTest, FlushFailsAfterItsTimeout) {
   queue.Start(1, Policy::kDropNewest);
   EXPECT_EQ(Enqueue("a"), Result::kQueued);
   const auto start = std::chrono::steady_clock::now();
@@ -136,7 +136,7 @@ TEST_F(QueueTest, FlushFailsWhenItsTimeIsOver) {
   EXPECT_GE(std::chrono::steady_clock::now(), start + 50ms);
 }
 
-// All flushes end, although another event is queued before they can look.
+// All flushes end, although another event is queued before they run again.
 TEST_F(QueueTest, FlushesEndOnceNothingIsPendingOrActive) {
   const struct {
     const char* name;
@@ -160,13 +160,13 @@ TEST_F(QueueTest, FlushesEndOnceNothingIsPendingOrActive) {
     queue.Start(1, Policy::kDropNewest);
     EXPECT_EQ(Enqueue("b"), Result::kQueued);
     for (auto& flush : flushes) EXPECT_EQ(flush.wait_for(30s), std::future_status::ready);
-    queue.DropPending();
-    queue.RequestStop();  // Wakes a flush that would hang.
+    queue.DropPending();  // Ends a flush that hangs.
+    queue.RequestStop();
     for (auto& flush : flushes) EXPECT_EQ(flush.get(), OXEVENT_OK);
   }
 }
 
-// A worker that waits an hour for the next event before it blocks, so that only a wake-up ends the wait.
+// The worker's timed wait is an hour long, so that only a wake-up ends it.
 struct TimedWaitTest : testing::Test {
   TimedWaitTest() {
     queue.Start(4, Policy::kDropNewest);
@@ -194,7 +194,7 @@ struct TimedWaitTest : testing::Test {
   }};
 };
 
-TEST_F(TimedWaitTest, AnEventAloneDoesNotEndTheWait) {
+TEST_F(TimedWaitTest, ASingleEventDoesNotEndTheWait) {
   Enqueue("second");
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(delivered, 1);
@@ -227,7 +227,7 @@ TEST_F(SubmitSlotsTest, ALeaseWaitsWhileAllSlotsAreHeld) {
   lease.get();
 }
 
-TEST_F(SubmitSlotsTest, WaitsForOtherThreadsAndFreesWhatTheyKeep) {
+TEST_F(SubmitSlotsTest, WaitsForOtherThreadsAndFreesTheirNodes) {
   auto submit = std::make_unique<Lease>(&slots);
   oxEventNodePtr& node = *submit->NodeCache();
   node = pool.Create();

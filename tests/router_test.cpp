@@ -1,4 +1,4 @@
-// A router of its own, without sinks.
+// A router without sinks, separate from the process's router.
 #include "core/oxEventRouter.h"
 #include "host_fixture.h"
 

@@ -10,7 +10,7 @@ namespace {
 struct StateTest : testing::Test {
   static constexpr const char* kSuppressed = "suppressed";
 
-  // The action with which the event goes on.
+  // Returns the action with which the event goes on to the sinks, or kSuppressed.
   std::string Evaluate() {
     bool route = false;
     EXPECT_EQ(state.Evaluate(event, &out, &route), OXEVENT_OK);
@@ -46,15 +46,15 @@ TEST_F(StateTest, FollowsItsRules) {
         {"raise", "k", due + 1, no}}},
       {"a clock set back does not delay a repeat", {{"raise", "k", due, "raise"}, {"raise", "k", 5, "repeat"}}},
       {"a time of 0 is always due", {{"raise", "k", 0, "raise"}, {"raise", "k", 0, "repeat"}}},
-      {"an update with news is sent", {{"raise", "k", 1, "raise"}, {"update", "k", 1, "update"}}},
-      {"an update without news is sent once per interval",
+      {"an update that differs is sent", {{"raise", "k", 1, "raise"}, {"update", "k", 1, "update"}}},
+      {"an update that does not differ is sent once per interval",
        {{"update", "k", 1, "raise"}, {"UPDATE", "k", due - 1, no}, {"Update", "k", due, "Update"}}},
-      {"a repeat of an unknown condition is not sent", {{"repeat", "k", 1, no}, {"raise", "k", 2, "raise"}}},
-      {"a repeat is sent as it is once it is due",
+      {"a repeat of a condition that is not raised is not sent", {{"repeat", "k", 1, no}, {"raise", "k", 2, "raise"}}},
+      {"a repeat is sent unchanged once it is due",
        {{"raise", "k", 1, "raise"}, {"repeat", "k", due - 1, no}, {"Repeat", "k", due, "Repeat"}}},
       {"a clear ends the condition",
        {{"raise", "k", 1, "raise"}, {"cleaR", "k", 2, "cleaR"}, {"raise", "k", 4, "raise"}}},
-      {"without a key the source and the type name it",
+      {"without a key, source and type identify the condition",
        {{"raise", "", 1, "raise"}, {"raise", "s:t", 1, no}, {"clear", "s:t", 1, "clear"}, {"clear", "", 1, no}}},
       {"any other action passes", {{"raises", "k", 1, "raises"}, {"rais\xC5", "k", 1, "rais\xC5"}, {"", "k", 1, ""}}},
       {"an interval of 0 repeats each time", {{"raise", "k", 1, "raise"}, {"raise", "k", 1, "repeat"}}, nullptr, 0},
@@ -62,7 +62,7 @@ TEST_F(StateTest, FollowsItsRules) {
        {{"raise", "k", 1, "raise"}, {"raise", "k", UINT32_MAX * kSecond, no}, {"raise", "k", UINT64_MAX, "repeat"}},
        nullptr,
        UINT32_MAX},
-      {"switched off, everything passes", {{"repeat", "k", 1, "repeat"}}, &oxEventConfig::state_enabled},
+      {"with the state off, everything passes", {{"repeat", "k", 1, "repeat"}}, &oxEventConfig::state_enabled},
       {"without deduplication, everything passes", {{"repeat", "k", 1, "repeat"}}, &oxEventConfig::dedupe_enabled},
       {"a clear that is not sent ends the condition",
        {{"raise", "k", 1, "raise"}, {"clear", "k", 1, no}, {"raise", "k", 1, "raise"}},
@@ -125,7 +125,7 @@ TEST_F(StateTest, ComparesEveryFieldButTheIdAndTheTimes) {
   EXPECT_EQ(Evaluate(), kSuppressed);
 }
 
-// Compares with a plain array while the number of conditions grows, shrinks and grows again.
+// Compares with a plain array while the number of conditions grows and shrinks, twice.
 TEST_F(StateTest, FindsEachOfThousandsOfConditions) {
   std::mt19937_64 random(1);
   const auto draw = [&](size_t below) { return static_cast<size_t>(random()) % below; };
@@ -140,9 +140,9 @@ TEST_F(StateTest, FindsEachOfThousandsOfConditions) {
     event.dedupe_key = key;
     event.message = message;
     event.action = clear ? "clear" : "update";
-    const char* const unraised = clear ? kSuppressed : "raise";
-    const char* const changed = clear ? "clear" : before == message ? kSuppressed : "update";
-    ASSERT_EQ(Evaluate(), before.empty() ? unraised : changed);
+    const char* const if_not_raised = clear ? kSuppressed : "raise";
+    const char* const if_raised = clear ? "clear" : before == message ? kSuppressed : "update";
+    ASSERT_EQ(Evaluate(), before.empty() ? if_not_raised : if_raised);
   }
 }
 
