@@ -1,4 +1,4 @@
-"""Tests the findings of oxevent-check, and its agreement with the library: check_test.py [-v] [CheckTest.test_NAME...]."""
+"""The findings of oxevent-check, and its agreement with the library: check_test.py [-v] [CheckTest.test_NAME...]."""
 import contextlib
 import ctypes
 import fnmatch
@@ -42,12 +42,12 @@ def describe(finding):
 
 
 def findings_in(output):
-    """The findings, except for the one about the system log of the machine that runs the test."""
+    """Returns the findings, except the one about the system log of the machine that runs the test."""
     return [finding for finding in json.loads(output) if finding["code"] != "no-system-log"]
 
 
 class CheckTest(unittest.TestCase):
-    """Settings are a document, or sections by their key below QVX\\Events, with / between its names."""
+    """Settings are a document, or {key: {name: value}} with keys relative to QVX\\Events and / as separator."""
     maxDiff = None
 
     def setUp(self):
@@ -69,7 +69,7 @@ class CheckTest(unittest.TestCase):
         return done
 
     def start_error(self):
-        """The error text of oxEventInitialize; empty if the library starts, which completes the file."""
+        """Returns the error text of oxEventInitialize, or "" if the library starts, which completes the file."""
         text = ctypes.create_string_buffer(4096)
         if LIBRARY.oxEventInitialize(b"0.xml") == 0:
             LIBRARY.oxEventShutdown()
@@ -78,7 +78,7 @@ class CheckTest(unittest.TestCase):
         return text.value.decode()
 
     def expect(self, settings, *expected, options=()):
-        """Expects these findings in this order: beginnings of what `describe` returns, with * for anything."""
+        """Expects these findings in this order: beginnings of the results of describe(), with * for anything."""
         with self.subTest(settings):
             self.write(settings)
             done = self.run_tool("--json", *options, "0.xml")
@@ -96,7 +96,8 @@ class CheckTest(unittest.TestCase):
                 self.assertEqual(last_line, f"0.xml: the library would {outcome}")
 
     def expect_values(self, section, others, setting, good, bad):
-        """Expects no finding for good values of a setting, next to the others of its section. `bad`: values by code."""
+        """Expects no finding for good values of a setting, and a finding for each value in `bad`, {code: values}.
+        `others`: the other settings of the section."""
         for code, values in ({None: good} | bad).items():
             for value in values:
                 with self.subTest(setting=setting, value=value):
@@ -223,8 +224,7 @@ class CheckTest(unittest.TestCase):
                 [r'<key name="sink"><key name="csv"><key name="a\b"/></key></key>', "sink/csv/a/b: error bad-name"]):
             self.expect(in_events(elements), *expected)
 
-    # The host may keep keys of its own there.
-    def test_elements_outside_of_the_librarys_keys(self):
+    def test_elements_outside_of_the_librarys_keys(self):  # The host may keep its own keys outside of QVX\Events.
         events = '<key name="%s"><key name="Events"><key name="core"><value name="queue_size"/></key></key></key>'
         for elements, *expected in (
                 ['<key name="QVX.Player"/><key name="OVX/Events"/><key name="Evnts"/><value name="core">x</value>y'],
@@ -241,7 +241,7 @@ class CheckTest(unittest.TestCase):
 
     def test_sinks_with_the_same_destination(self):
         urls = ["HTTPS://H/?a", "https://h/?b", "https://h/a?b", "http://h:443/?a", "https://g/?a", "https://h:443/?a"]
-        for sink, setting, *settings in (  # The last one is like the first.
+        for sink, setting, *settings in (  # The last sink has the destination of the first.
                 ("csv", "path", {"path": "a"}, {"path": "b"}, {"path": "./a"}),
                 ("syslog/udp", "host", {"host": "H", "port": 0}, {}, {"host": "h", "port": 514}),
                 ("snmp/trap", "host", {"host": "H", "port": 0}, {}, {"host": "h", "port": 162}),

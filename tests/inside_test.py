@@ -1,4 +1,4 @@
-"""What gdb shows of a process and of its core, and the trace points: inside_test.py [-v] [InsideTest.test_NAME...]."""
+"""What gdb shows of a process and a core file, and the trace points: inside_test.py [-v] [InsideTest.test_NAME...]."""
 import os
 import re
 import shutil
@@ -62,7 +62,7 @@ class InsideTest(unittest.TestCase):
         write_settings(self.settings, {
             "core": {"queue_size": 4, "drop_policy": "drop_debug_info_first"},
             "sink\\native\\main": {"enabled": 0},
-            "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Sending to it is not permitted.
+            "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Broadcasts are not permitted.
 
     def start_host(self, script, library=LIBRARY):
         environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "OXEVENT_LIBRARY": str(library)}

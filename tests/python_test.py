@@ -19,7 +19,7 @@ import oxevent
 from receivers import octets, write_settings
 
 RECORD = oxevent._Record
-STRINGS = {name: name + " é\udcff" for name, kind in RECORD._fields_ if kind is ctypes.c_char_p}  # Not UTF-8.
+STRINGS = {name: name + " é\udcff" for name, kind in RECORD._fields_ if kind is ctypes.c_char_p}  # Not valid UTF-8.
 NUMBERS = {
     "severity": oxevent.Severity.ERROR, "event_id": 2**64 - 1, "utc_ns": 2**64 - 2, "ptp_ns": 10**18 + 1, "pts": -2**63,
     "value": -0.1, "threshold": 1.7976931348623157e308, "duration_ms": 2**64 - 3}

@@ -65,7 +65,7 @@ def native_json(event):
 
 
 def cloud_event(event):
-    if re.search("[\1\udcff]", event["event_type"]):  # CloudEvents 1.0 forbids these characters, but the library passes them on.
+    if re.search("[\1\udcff]", event["event_type"]):  # Forbidden by CloudEvents 1.0, but the library passes them on.
         return {"refused": True}
     return {
         "id": str(event["event_id"]), "source": "/plant/7", "type": event["event_type"] or "oxEvent.event",

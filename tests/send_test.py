@@ -78,11 +78,11 @@ class SendTest(unittest.TestCase):
 
     def setUp(self):
         self.directory = self.enterContext(tempfile.TemporaryDirectory())
-        for number in (signal.SIGHUP, signal.SIGINT):  # Background jobs inherit these as ignored.
+        for number in (signal.SIGHUP, signal.SIGINT):  # A background job inherits them as ignored.
             signal.signal(number, signal.SIG_DFL)
 
     def webhook(self, *statuses):
-        """The settings of a webhook sink whose server responds with these statuses, and then no more."""
+        """Returns settings of a webhook sink whose server responds with these statuses, and then no more."""
         server = socket.create_server(("127.0.0.1", 0))
         self.addCleanup(server.close)
 
@@ -99,7 +99,7 @@ class SendTest(unittest.TestCase):
         return {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 600000}
 
     def start(self, *arguments, sections={}, launcher=(), **options):
-        """Starts the tool, with a CSV sink and these sections, through another program that launches it."""
+        """Starts the tool with settings of a CSV sink and of these sections. `launcher`: a command that runs it."""
         csv_sink = {"enabled": 1, "path": "events.csv", "flush_each_event": 1}
         write_settings(f"{self.directory}/settings.xml", {NATIVE: OFF, CSV: csv_sink} | sections)
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
@@ -131,7 +131,7 @@ class SendTest(unittest.TestCase):
             (row,) = self.send(*arguments, lines=lines)[2]
             self.assertEqual({name: type(value)(row[name]) for name, value in FIELDS.items()}, FIELDS)
 
-    def test_times_are_those_of_rfc_3339_and_of_64_bits(self):
+    def test_times_follow_rfc_3339_and_fit_64_bits(self):
         lines = [json.dumps({"message": "m", "utc_ns": time}) for time in [*TIMES, *INVALID_TIMES]]
         output, errors, rows = self.send("-", lines=lines, status=1)
         self.assertEqual([int(row["utc_ns"]) for row in rows], list(TIMES.values()))
@@ -164,8 +164,8 @@ class SendTest(unittest.TestCase):
 
     def test_help_and_version(self):
         self.assertRegex(self.send("--version")[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
-        self.assertRegex(self.send("--help")[0], r"(?s)\n\nReporting:\n  --json                    read .* 60,\n {28}0: never\)\n")
         self.assertRegex(self.send("--help")[0], r"(?s)\n\nReporting:\n  --json {20}read .* 60,\n {28}0: never\)\n")
+
     def test_output_that_cannot_be_written_is_a_failure(self):
         error = "oxevent-send: standard output: No space left on device\n"
         with open("/dev/full", "w") as full:
@@ -174,7 +174,7 @@ class SendTest(unittest.TestCase):
             self.assertEqual(self.send("m", "--quiet", stdout=full)[1], "")
 
     def test_nothing_is_lost_to_a_full_queue(self):
-        messages = [f"{number:0300}" for number in range(500)]  # More than is read at once.
+        messages = [f"{number:0300}" for number in range(500)]  # More than the tool reads at a time.
         lines = [json.dumps({"message": message}) for message in messages]
         output, errors, rows = self.send("-", lines=lines, sections={"core": {"queue_size": 1}})
         self.assertEqual([row["message"] for row in rows], messages)
@@ -265,7 +265,7 @@ class SendTest(unittest.TestCase):
                 self.assertRegex("".join(process.communicate(timeout=60)), expected)
                 self.assertEqual(process.returncode, -number)
 
-    def test_a_second_signal_ends_it_at_once(self):
+    def test_a_second_signal_ends_the_tool_immediately(self):
         process = self.start("m", "--wait", "0", sections={WEBHOOK: self.webhook()})
 
         def ends():
