@@ -16,7 +16,7 @@ namespace {
 const TemporaryDirectory g_directory;
 struct File {
   std::string path;
-  const char* load_error;  // Error text if loading it fails.
+  const char* load_error;  // Empty if the file can be loaded.
 };
 const File g_files[] = {
     {g_directory.path + "/a.xml", ""},
@@ -25,7 +25,8 @@ const File g_files[] = {
     {"/missing", "Unable to open oxEvent config: /missing"},
     {"", "oxEvent requires a oxCFG XML config path"}};
 constexpr char kBadSinkText[] = "oxEvent webhook sink requires an http:// or https:// endpoint_url";
-constexpr size_t kGood = 2, kBadSink = 2, kNone = 4;  // Indexes in g_files: the files below kGood are valid.
+constexpr size_t kValidFiles = 2;          // The files that are valid come first.
+constexpr size_t kBadSink = 2, kNone = 4;  // Indexes in g_files.
 
 bool DropsLow(const oxEventConfig& c) { return c.drop_policy == oxEventDropPolicy::kDropDebugInfoFirst; }
 
@@ -46,9 +47,9 @@ void WriteSettings(size_t file, const oxEventConfig& c, const char* sink = "") {
 // State of the callbacks. The user_data of a callback selects its behavior: 1 throws, 2 flushes.
 std::mutex g_mutex;
 std::condition_variable g_changed;
-std::string g_seen;      // The calls of callbacks. Guarded by g_mutex, like the next two.
-bool g_holding = false;  // A callback must block on the event "hold".
-bool g_waiting = false;  // A callback is blocked on that event.
+std::string g_seen;      // A line for each call of a callback. Guarded by g_mutex, like the next two.
+bool g_holding = false;  // Whether a callback must block on the event "hold".
+bool g_waiting = false;  // Whether a callback is blocked on that event.
 
 std::string Line(uintptr_t user, const oxEventRecord& e, uint32_t flushed) {
   std::ostringstream line;
@@ -183,13 +184,13 @@ class Model {
   }
 
   std::map<std::string, std::pair<std::string, uint64_t>> raised_;  // Signature and time by key.
-  std::vector<Registration> held_for_;
+  std::vector<Registration> held_for_;                              // The callbacks that receive `held`.
 };
 
 class Run {
  public:
   explicit Run(Input& in) : in_(in) {
-    model_.counters = oxEventCoreGetCounters();  // Not reset by a new input.
+    model_.counters = oxEventCoreGetCounters();  // They still count the previous input's events.
     if (in_.ConsumeBool()) Register();
     Load();
     while (in_.remaining_bytes() != 0) Step();
@@ -235,7 +236,7 @@ class Run {
 
   size_t AnyPath() {
     const auto path = in_.PickValueInArray<size_t>({0, 0, 1, 1, kBadSink, 3, kNone});
-    if (path >= kGood) return path;
+    if (path >= kValidFiles) return path;
     constexpr uint32_t kSizes[] = {1, 2, 3, 4294967295, 0}, kIntervals[] = {0, 10, 4294967295};
     oxEventConfig& c = files_[path];
     c.enabled = in_.ConsumeIntegral<uint8_t>() != 7;
@@ -257,7 +258,7 @@ class Run {
     const char* const name = given == kNone && in_.ConsumeBool() ? nullptr : g_files[given].path.c_str();
     const size_t path = reload && given == kNone ? model_.path : given;
     const uint32_t result = reload ? oxEventReloadConfig(name) : oxEventInitialize(name);
-    const bool empty_queue = path < kGood && files_[path].queue_size == 0;
+    const bool empty_queue = path < kValidFiles && files_[path].queue_size == 0;
     const std::string load_error = empty_queue ? "queue_size must be greater than zero" : g_files[path].load_error;
     if (!load_error.empty()) return Expect(result, OXEVENT_INVALID_ARGUMENT, load_error);
     if (reload && !model_.up) return ExpectDown(result);
@@ -404,7 +405,7 @@ class Run {
   static inline uint64_t g_next_id = 1;  // Counts across inputs, like the callbacks' ids.
   Input& in_;
   Model model_;
-  oxEventConfig files_[kGood];
+  oxEventConfig files_[kValidFiles];
 };
 
 }  // namespace

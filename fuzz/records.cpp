@@ -78,7 +78,7 @@ void CheckRecord(const oxEventRecord* record, const char* bytes) {
     CHECK_EQ(alert, untouched.message);
     return CHECK_EQ(Describe(event), Describe(untouched));
   }
-  const uint64_t id = Expected(bytes, size, size, 0).event_id;  // The formatter uses the size as id.
+  const uint64_t id = Expected(bytes, size, size, 0).event_id;  // The formatter uses the size if there is no id.
   CHECK(alert.find("\"ox_event_id\":\"" + std::to_string(id) + '"') != alert.npos);
   const uint64_t now = ReadField<uint64_t>(bytes, size, 80) == 0 ? event.utc_ns : event.ptp_ns;
   const Event timeless = Expected(bytes, size, kId, 0);

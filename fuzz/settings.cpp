@@ -61,8 +61,8 @@ std::optional<uint64_t> ParseNumber(const std::string& text) {
   return number <= 0xFFFFFFFF ? std::optional(number) : std::nullopt;
 }
 
-// Returns the names of all children of this kind, in order, but neither duplicates nor names that
-// a path cannot contain.
+// Returns the names of all children of this kind, in order, without duplicates and without names that a path cannot
+// contain.
 std::vector<std::string> Names(xml_node key, const char* kind) {
   std::vector<std::string> names;
   for (const xml_node child : key.children(kind)) {

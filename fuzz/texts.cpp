@@ -1,4 +1,4 @@
-// Formats any event as JSON, CSV, syslog message and HTTP headers, and checks the results with separate parsers.
+// Formats any event as JSON, CSV row, syslog message and HTTP request, and checks the results with separate parsers.
 #include <cmath>
 #include <ctime>
 #include <iterator>
@@ -52,7 +52,7 @@ class Json {
   char ParseEscape() {
     constexpr std::string_view kNames = "\"\\/bfnrt", kBytes = "\"\\/\b\f\n\r\t";
     if (rest_[0] != 'u') return kBytes.at(kNames.find(Next()));
-    Expect("u00");  // Only control bytes are escaped like this.
+    Expect("u00");  // Only control characters are escaped like this.
     const std::string hex = {Next(), Next()};
     CHECK(hex.find_first_not_of("0123456789abcdef") == hex.npos);
     return static_cast<char>(std::stoi(hex, nullptr, 16));
@@ -229,7 +229,7 @@ void CheckSyslog(const Event& event, Input& in) {
   CHECK_EQ(g_sent.size(), 1u);
   std::string_view line = g_sent[0];
   CHECK(line.size() <= 8192);
-  if (line.size() == 8192) return;  // May have been truncated.
+  if (line.size() == 8192) return;  // It may have been truncated.
   const auto expect = [&line](const std::string& text) {
     CHECK_EQ(line.substr(0, text.size()), text);
     line.remove_prefix(text.size());
@@ -280,7 +280,7 @@ void CheckWebhook(const Event& event, Input& in) {
   config.basic_password = AnyString(in);
   for (std::string* text : {&config.headers, &config.bearer_token}) {
     *text = AnyString(in);
-    std::erase_if(*text, [](char c) { return c < 0; });  // The separator of the headers is one of these bytes.
+    std::erase_if(*text, [](char c) { return c < 0; });  // The byte that separates the headers is one of these.
   }
   std::shared_ptr<oxEventSink> sink;
   CHECK_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
