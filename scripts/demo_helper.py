@@ -3,7 +3,7 @@
 
 demo_helper.py set SETTINGS KEY NAME VALUE     change one setting, KEY below QVX\\Events
 demo_helper.py receive SOCKET FILE             act as the system log until SIGTERM: write one line per datagram
-demo_helper.py alert WORK raised|over          exit with 0 if the Alertmanager has, or no longer has, the condition's alert
+demo_helper.py alert WORK raised|over          exit with 0 if the Alertmanager has the alert (raised) or not (over)
 demo_helper.py report WORK PID [LOG]           print and check the events of the watcher PID
 """
 import csv
@@ -96,7 +96,7 @@ def alert(work, wanted):
 
 
 def read_views(work, rows):
-    """Received events by receiver and event id. Waits at most 10 s for late ones."""
+    """Returns the received events by receiver and event id. Waits at most 10 s for late ones."""
     directory = os.path.join(work, "receivers")
     deadline = time.monotonic() + 10
     while True:
@@ -145,7 +145,7 @@ def faults(rows, lines, delivered, suppressed):
     for row in rows if lines is not None else []:
         start = f"oxEvent event_id={row['event_id']} severity={row['severity']} action={row['action'] or '-'} "
         if sum(start in line for line in lines) != 1:
-            yield f"the system log lacks event {row['event_id']}, {row['action']} {row['event_type']}"
+            yield f"the system log lacks or repeats event {row['event_id']}, {row['action']} {row['event_type']}"
 
 
 def report(work, pid, log_path=None):

@@ -1,12 +1,13 @@
 """Tests the code blocks of the documents: docs_blocks.py [-v] [Test.test_NAME...], with a build in OXEVENT_BUILD.
 
-Every code block is compiled or run, in order, in a copy of the tree for each page. A block may follow one of these marks:
-<!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": runs until the end of the page; the next block waits for the
-                                  port
-<!-- came out: exactly -->        the output of the previous block
-<!-- saved as: FILE -->           written to this file
-<!-- shows in the end: TEXT -->   repeated until its output contains TEXT
-<!-- not run: REASON -->          checked only for its syntax, and that its commands and paths exist
+The blocks of a page are compiled, run, parsed or loaded, depending on their language, in order, in a copy of the tree.
+A text block without a marker is not tested. The line before a block may be one of these markers:
+<!-- keeps running: udp PORT -->  or "tcp PORT" or "no port": it runs until the end of the page; the next block waits
+                                  until the port is in use
+<!-- came out: exactly -->        it must equal the output of the block before it
+<!-- saved as: FILE -->           it is also written to this file
+<!-- shows in the end: TEXT -->   it is repeated until its output contains TEXT
+<!-- not run: REASON -->          only its syntax is checked, and whether its commands and paths exist
 "keeps running where installed": the rest of the page is skipped if a command is missing.
 """
 import json, os, random, re, shlex, shutil, signal, socket, subprocess, tempfile, unittest
@@ -28,7 +29,7 @@ FLAGS = ["-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
 
 
 def free_port():
-    """Returns a free TCP and UDP port of at most 32767, the highest that Zabbix accepts."""
+    """Returns a port that is free for TCP and UDP, of at most 32767, the highest that Zabbix accepts."""
     for port in random.sample(range(10000, 32768), 100):
         with socket.socket(type=socket.SOCK_STREAM) as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
             try:

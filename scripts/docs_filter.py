@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Converts a document or a header to Doxygen's input and prints it: docs_filter.py FILE
 
-The name of a page comes from its path, docs/receivers/nginx.md: "receivers-nginx"; the name of a heading is the name of
-its page and the anchor that GitHub gives it.
+The name of a page comes from its path: that of docs/receivers/nginx.md is "receivers-nginx". The name of a heading is
+the name of its page and the anchor that GitHub gives the heading.
 """
 import html
 import re
@@ -46,9 +46,9 @@ def line_of_page(path, line):
     for i in range(1, len(parts), 2):
         if "\\|" in parts[i]:  # Doxygen would show the backslash.
             parts[i] = f"<code>{html.escape(parts[i][1:-1], quote=False)}</code>"
-        parts[i] = re.sub(r"https?://", r"%\g<0>", parts[i])  # Not a link.
+        parts[i] = re.sub(r"https?://", r"%\g<0>", parts[i])  # So that it does not become a link.
     line = re.sub(r"(?<!%)https?://(?!\w)", r"%\g<0>", "".join(parts))
-    line = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", line)  # Doxygen supports only short ones.
+    line = re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>", line)  # Doxygen supports only short ones as **.
     line = re.sub(r"!\[([^]]*)\]\(([^)]+)\)",
                   lambda m: f'<img src="{(path.parent / m[2]).resolve().relative_to(ROOT)}" alt="{m[1]}">', line)
     return re.sub(r"(?<!!)\[([^]]+)\]\(([^)\s]+)\)", lambda m: link(path, m[1], m[2]), line)

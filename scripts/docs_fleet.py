@@ -226,7 +226,7 @@ class Test(unittest.TestCase):
         self.report(range(20))
         all_of(range(20))
         subscriber.child.send_signal(signal.SIGSTOP)
-        self.report(range(20, 40))  # Delivered to the subscriber, which does not store them.
+        self.report(range(20, 40))  # The subscriber gets them, but is stopped and does not store them.
         await_("the publication", lambda: relay.waiting() == 0)
         subscriber.child.kill()
         subscriber.stop()
@@ -237,7 +237,7 @@ class Test(unittest.TestCase):
         self.report(range(40, 60))
         await_("the publication", lambda: relay.waiting() == 0)
         broker.crash()
-        self.report(range(60, 80))  # The relay keeps them for the broker.
+        self.report(range(60, 80))  # The relay keeps them until the broker runs again.
         await_("the queue on disk", lambda: relay.waiting() >= 60)
         subscriber.run()
         broker.run()

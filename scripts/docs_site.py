@@ -1,6 +1,6 @@
-"""Completes the web site that Doxygen has made: docs_site.py DIRECTORY
+"""Completes the website that Doxygen has made: docs_site.py DIRECTORY
 
-Writes the index of the search, and fails if a link leads nowhere.
+Writes the search index, and fails if a link leads nowhere.
 """
 import json
 import re

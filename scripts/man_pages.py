@@ -2,10 +2,10 @@
 """Generates man pages, in mdoc, from other documents.
 
 man_pages.py header DIRECTORY                     from include/oxEvent.h: each entry point, and oxEventRecord(3)
-man_pages.py page NAME SECTION FILE.md DIRECTORY  from a reference in Markdown: headings, paragraphs, code blocks, tables
+man_pages.py page NAME SECTION FILE.md DIRECTORY  from a Markdown page of headings, paragraphs, code blocks and tables
 man_pages.py tool NAME HELP DIRECTORY             from the output of a tool's --help
 
-DIRECTORY contains man3 and so on.
+DIRECTORY contains man1, man3, man5 and man7.
 """
 import re
 import sys
@@ -23,7 +23,7 @@ echo '{"message": "Fan 2 stands still", "value": 0, "units": "1/min"}' | oxevent
 oxevent-check settings.xml
 oxevent-check --explain queue_size
 """)}
-SHARED_PAGES = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions on the page of another one.
+SHARED_PAGES = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions, and those whose page they share.
                 "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
 
 
@@ -32,7 +32,7 @@ def escape(text):
 
 
 def lines(text):
-    """Wraps text to lines of at most 80 bytes and starts each sentence on a new line."""
+    """Wraps text to lines of at most 80 characters and starts each sentence on a new line."""
     filled = [line for sentence in re.split(r'(?<=[\w)"`][.:]) +(?=["`(A-Z])|(?<=\w\.) +', " ".join(text.split()))
               for line in textwrap.wrap(re.sub("`([^`]*)`", r"\\fB\1\\fP", sentence.replace("\\", r"\e")), 78,
                                         break_long_words=False, break_on_hyphens=False)]
@@ -111,7 +111,7 @@ def codes_of(header):
 
 
 def errors(paragraph, codes):
-    """[(codes, reason)] of a paragraph such as "OXEVENT_A: reason. OXEVENT_B; OXEVENT_C, OXEVENT_D: reason." """
+    """Returns [(codes, reason)] of a text such as "OXEVENT_A: reason. OXEVENT_B; OXEVENT_C, OXEVENT_D: reason." """
     parts = re.split(r"((?:OXEVENT_[A-Z_]+, )*OXEVENT_[A-Z_]+)([:.;])", paragraph)[1:]
     return [(tuple(names.split(", ")), reason.strip(" ;") if colon == ":" else codes[names] + ".")
             for names, colon, reason in zip(parts[::3], parts[1::3], parts[2::3])]
@@ -123,7 +123,7 @@ def prototype(text):
 
 
 def header_pages(header):
-    """{page: text}, with one page for each function or group of functions."""
+    """Returns {page: text}, with one page for each function or group of functions, and oxEventRecord."""
     codes, entries, of = codes_of(header), {}, {}
     for text, declaration in re.findall(r'/\*((?:(?!\*/).)*)\*/\n(?:extern "C" )?OXEVENT_API ([^;]*);\n', header, re.S):
         name = re.search(r"(\w+)\(", declaration)[1]
@@ -159,7 +159,7 @@ def decapitalized(text):
 
 
 def description(name, body, own):
-    """The paragraphs without the errors, starting with the function's name if given."""
+    """Returns the paragraphs without the errors, starting with the function's name if one is given."""
     parts = [part for part in body if not part.startswith("OXEVENT_")]
     if name:
         parts[0] = decapitalized(parts[0])

@@ -1,15 +1,16 @@
 #!/usr/bin/python3
 """Starts receivers of events as child processes on loopback, with the configurations of docs/receivers.
 
-receivers.py run DIRECTORY [NAME...]   start them (default: all), write DIRECTORY/NAME/port of each, stop them on SIGTERM
-receivers.py show DIRECTORY [NAME...]  print the events that each has parsed, one JSON object per event
+receivers.py run DIRECTORY [NAME...]   start them (default: all), write the port of each to DIRECTORY/NAME/port, where
+                                       NAME is in lower case, and stop them on SIGTERM or SIGINT
+receivers.py show DIRECTORY [NAME...]  print the events that each has parsed, one per line: NAME and a JSON object
 
 As a module:
     with Rsyslog().start(directory) as rsyslog:
         ...  # Events to UDP port rsyslog.port.
         for event in rsyslog.events(): ...
 
-Strings contain bytes that are not UTF-8 as with errors="surrogateescape". Receivers write no file outside the directory
+Bytes that are not UTF-8 are in strings as with errors="surrogateescape". Receivers write no file outside the directory
 and do not outlive their parent.
 """
 import atexit
@@ -31,7 +32,7 @@ from pathlib import Path
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
 TIMEOUT_S = 120  # Generous, for busy machines: everything waited for is expected to happen.
 PR_SET_PDEATHSIG = 1
-AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may have no other user for nginx's workers.
+AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may lack the user that nginx's workers run as.
 
 
 def free_port(kind):
@@ -85,7 +86,7 @@ def system_log():
             yield
             return
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
-        Path(path).unlink(missing_ok=True)  # A process that was killed may have left it.
+        Path(path).unlink(missing_ok=True)  # A process that was killed may have left the socket.
         log.bind(path)
         reader = threading.Thread(target=discard, args=(log,))
         reader.start()
@@ -176,7 +177,7 @@ class Receiver:
 
     @property
     def settings(self):
-        """The settings, for the key `section`, that make the library send to this receiver."""
+        """The settings, in the key `section`, that make the library send to this receiver."""
         return {"enabled": 1} | ({"port": self.port} if self.kind == socket.SOCK_DGRAM else {"endpoint_url": self.url})
 
     def parse(self, line):
@@ -258,7 +259,7 @@ class HttpReceiver(Receiver):
 
 
 class CloudEventsReceiver(Receiver):
-    """Events contain "body" for an accepted document, or "refused", the reason, for another one."""
+    """Events contain "body" for an accepted document, or "refused", with the reason, for a refused one."""
 
     section = "sink\\cloudevents\\http\\default"
 
