@@ -4,7 +4,7 @@ from statistics import median
 from typing import Callable, NamedTuple
 from xml.sax.saxutils import escape
 
-# Pixels. Narrow enough that the text can be read on a phone, which shows the chart in its own width.
+# Pixels. Narrow enough that the text can be read on a phone, which scales the chart to the width of its screen.
 WIDTH, LEFT, RIGHT = 600, 135, 145  # Left margin: labels; right margin: the value of the longest bar.
 TOP, ROW, HEADING, FOOT = 80, 21, 29, 48
 FONT, SMALL_FONT, TITLE_FONT = 15, 14, 19

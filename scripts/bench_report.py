@@ -8,7 +8,7 @@ with repetitions) and machine.json (describes the machine). The template of the 
 bench/notes.md explains missed targets in sections "## ID [ID]...": the page shows a section if one of its targets is
 missed.
 
-Exit code: 0 if every target was measured, met or missed; 1 if one was not measured; 2 if the results are unusable.
+Exit code: 0 if every target was measured, whether met or missed; 1 if one was not; 2 if the results are unusable.
 """
 import itertools
 import json
@@ -41,7 +41,7 @@ LOADS = {"storm_1": "Storm: 1,000 events into an idle library, 1 thread",
          "million_1024": "A million events back to back, queue of 1024"}
 GROWING = "million"  # Allocates whenever its queue is longer than before: not a steady state.
 OPTIONAL = ({(load, logger) for load in ("million", "million_1024") for logger in ("spdlog_overrun", "writer")}
-            | {(load, "syslog") for load in LOADS})  # Skipped if the machine runs a log daemon.
+            | {(load, "syslog") for load in LOADS})  # scripts/bench skips syslog if the machine runs a log daemon.
 
 # Units: name, and size in units of the results.
 TIME = ((" ns", 1), (" µs", 1e3), (" ms", 1e6), (" s", 1e9))
@@ -211,7 +211,7 @@ class Target(NamedTuple):
     limit: float
     values: list | None  # One per round; None: not measured.
     units: tuple = PLAIN
-    compared: str = ""  # The values that a ratio compares.
+    compared: str = ""  # The two values that a ratio compares, or the worst case.
     at_least: bool = False
 
     def measured(self):  # A limit of 0 applies to every round, not to the median.
@@ -253,7 +253,7 @@ def condition_target(micro):
 
 
 def growth_targets(micro):
-    """The growth of the sum of all actions, one repetition of each, and that of the action that grows most."""
+    """Returns two targets: the growth of the time of all actions together, and that of the action that grows most."""
     actions = dict.fromkeys(found[1] for name in micro.names
                             if (found := re.fullmatch(r"State/(.+)/1000(?:000)?", name)))
     large, small = ([micro(f"State/{action}/{size}") for action in actions] for size in (1000000, 1000))

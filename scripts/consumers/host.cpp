@@ -2,7 +2,7 @@
 
 #include <string>
 
-// The document that a C++ host gets becomes the details of an event.
+// A C++ host that formats an event as an Alertmanager document, and reports it with this document as its details.
 int main(int, char** argv) {
   oxEventRecord event{};
   event.struct_size = sizeof(event);
