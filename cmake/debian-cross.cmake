@@ -1,4 +1,4 @@
-# Cross compiles with Debian's tool chain and runs the tests in an emulator:
+# Cross-compiles with Debian's tool chain and runs the tests in an emulator:
 # cmake --toolchain cmake/debian-cross.cmake -DOXEVENT_PROCESSOR=aarch64
 # Needs the packages of the tool chain (crossbuild-essential-arm64), the libraries of the architecture
 # (libcurl4-openssl-dev:arm64 ...) and qemu-user-static.

@@ -54,8 +54,8 @@ elseif(OXEVENT_HARDENING)
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=$<IF:$<BOOL:${OXEVENT_HAS_FORTIFY_3}>,3,2>>)
 endif()
 
-# Compiles a target as part of a shared library. -fno-gnu-unique: a unique symbol would keep the library loaded after
-# dlclose.
+# Compiles a target as a library or a part of one. -fno-gnu-unique: a unique symbol would keep a shared library loaded
+# after dlclose.
 function(oxevent_compile target public_include)
   target_compile_features(${target} PRIVATE cxx_std_20)
   set_target_properties(${target} PROPERTIES

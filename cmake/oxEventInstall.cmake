@@ -22,8 +22,8 @@ configure_package_config_file(cmake/oxEventConfig.cmake.in oxEventConfig.cmake I
 write_basic_package_version_file(oxEventConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/oxEventConfigVersion.cmake
   DESTINATION ${package_dir})
-# pkg-config leaves out the directories that the compiler searches anyway, so the file has the real prefix, which is known
-# when the file is installed.
+# The file must contain the real prefix, which is known only at the installation: pkg-config leaves out the directories
+# that the compiler searches anyway.
 set(prefix "@prefix@")
 if(OXEVENT_STATIC)
   set(static_libraries " -loxutil -lpugixml -lcurl -lcrypto -lstdc++ -pthread -ldl")
