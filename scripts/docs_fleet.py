@@ -204,7 +204,7 @@ class Test(unittest.TestCase):
             return collections.Counter(alert["annotations"]["summary"] for body in bodies for alert in body["alerts"])
 
         self.report(["door"], action="raise")
-        for one in pair:  # Each has checked whether the other has sent the notification.
+        for one in pair:  # Waits until it has checked whether the other has sent the notification.
             await_("the decision", lambda: one.metric("alertmanager_nflog_queries_total") >= 3)
         pair[0].child.kill()
         pair[0].stop()

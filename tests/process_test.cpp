@@ -275,7 +275,7 @@ TEST_F(ProcessTest, OtherThreadsMaySubmitFlushAndReloadDuringAnExit) {
 TEST_F(ProcessTest, AnotherThreadMayRestartTheLibraryDuringAnExit) {
   ExpectExit(0, [] {
     Hammer([] {
-      pthread_cancel(pthread_self());  // Must not interrupt the calls.
+      pthread_cancel(pthread_self());  // Must not interrupt the calls below.
       ox->Shutdown();
       Start();
       SubmitOne();

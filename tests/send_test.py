@@ -60,7 +60,7 @@ INVALID_ARGUMENTS = (  # The arguments after the settings file, and the error te
     ("m --count 0", "--count: '0' is not a whole number from 1 to 18446744073709551615"),
     ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"),
     ("- --count 2", "--count: cannot be combined with events from standard input"))
-TIMES = {  # Nanoseconds since 1970. Includes the leap second of the example in RFC 3339.
+TIMES = {  # Nanoseconds since 1970. Includes the leap second of an example in RFC 3339.
     "1": 1, "18446744073709551615": 2**64 - 1,
     "1970-01-01T00:00:00.000000001Z": 1, "2554-07-21T23:34:32.999999999Z": 18446744072999999999,
     "1970-01-02 23:59:01.5+23:59": 864015 * 10**8, "1969-12-31T00:01:02-23:59": 2 * 10**9,
