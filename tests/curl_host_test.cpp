@@ -1,5 +1,5 @@
-// A host that exports libcurl functions, which replace those of the shared library. With EXPORTS_ALL, they are all that
-// the HTTP client uses, as in a host that contains another build of libcurl; otherwise only one of them.
+// A host that exports libcurl functions, which replace those of libcurl.so. With EXPORTS_ALL, they are all that the
+// HTTP client uses, as in a host that contains another build of libcurl; otherwise only one of them.
 #include <dlfcn.h>
 
 #include <atomic>
