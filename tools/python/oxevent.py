@@ -5,19 +5,20 @@
     with oxevent.running("settings.xml"):
         oxevent.submit("Fan 2 stands still", severity=oxevent.Severity.WARNING, source_id="fan-2")
 
-The settings file must exist but may be empty: the library completes it. It configures the destinations of events: CSV
-file, system log, syslog, HTTP, SNMP. action="raise" raises a condition, and action="clear" clears it (see submit).
-OxEventHandler turns log records of the logging module into events; register_callback passes all events to a function.
+The settings file must exist but may be empty: the library completes it. The file configures the destinations of events:
+CSV file, system log, syslog, HTTP, SNMP. action="raise" raises a condition, and action="clear" clears it (see submit).
+OxEventHandler turns log records of the logging module into events; register_callback passes each event that reaches the
+sinks to a function.
 
-Any thread may call any function, also from inside a callback. A call that the library refuses raises OxEventError; an
-argument that cannot be converted raises ValueError or TypeError with the argument's name. Strings are str, passed as
-UTF-8 with surrogateescape, or bytes, passed unchanged.
+Any thread may call any function, also from inside a callback. A call that fails in the library raises OxEventError; an
+invalid argument raises ValueError or TypeError, whose text names the field if it is an argument of submit. Strings are
+str, passed as UTF-8 with surrogateescape, or bytes, passed unchanged.
 
 The first call loads the library: the file that was passed to load(), or that the environment variable OXEVENT_LIBRARY
 names, or liboxEvent.so.1 from the loader's search path.
 
-Exit: when the interpreter exits, queued events are delivered for at most five seconds, also to callbacks. This does not
-happen after os._exit, which ends forked children of multiprocessing.
+Exit: when the interpreter exits and this module has initialized the library, queued events are delivered for at most
+five seconds, also to callbacks. This does not happen after os._exit, with which multiprocessing ends forked children.
 
 Fork (os.fork, multiprocessing): the child starts uninitialized and without callbacks; calls that need a running library
 raise OxEventError with the code NOT_INITIALIZED. The child may call initialize itself; a child of multiprocessing
@@ -58,10 +59,10 @@ class Result(enum.IntEnum):
     """Result codes of the library's functions."""
 
     OK = 0
-    NOT_INITIALIZED = 0x80050001  # Not initialized, not running, or stopping.
+    NOT_INITIALIZED = 0x80050001  # Not initialized, shutting down, or the process is exiting.
     ALREADY_INITIALIZED = 0x80050002  # Already initialized, or a shutdown is in progress.
     INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file was refused.
-    NOT_FOUND = 0x80050004
+    NOT_FOUND = 0x80050004  # Unknown callback id.
     FAILURE = 0x80050005  # A timeout, a failed sink or callback, or out of memory.
 
 
@@ -75,7 +76,7 @@ class Severity(enum.IntEnum):
 
 
 class OxEventError(Exception):
-    """A call failed: `code` is a Result, `text` the library's error text."""
+    """A call failed: `code` is a Result, `text` the error text."""
 
     def __init__(self, code: int, text: str):
         super().__init__(code, text)
@@ -134,20 +135,21 @@ _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
 _SHUTDOWN_S = 5  # Timeout of the library's own shutdown.
 _logger = logging.getLogger("oxevent")
 
-_lock = threading.RLock()  # Guards _library and _exiting: no callback is registered once the interpreter exits.
+_lock = threading.RLock()  # Guards _library and _exiting, so that no callback is registered after _at_exit has begun.
 _library = None
-_initialized_here = False  # This module, not a program that embeds Python, initialized the library: shut down at exit.
+_initialized_here = False  # Whether this module, not a program that embeds Python, must shut the library down at exit.
 _exiting = False
-_callbacks = {}  # By number, which is the callback's user_data: a late call finds no entry instead of freed memory.
+_callbacks = {}  # By number (the user_data), so that a call after unregister() finds no entry instead of freed memory.
 _numbers = itertools.count(1)
 _failure = None  # The first failed callback and its exception, until a flush or shutdown reports them.
 _delivering = threading.local()  # `on`: this thread is in a callback.
 
 
 def load(library: Optional[Path] = None) -> None:
-    """Load the library from this file or, without an argument, from the one that the module's documentation names.
+    """Load the library from this file, by default from the one that OXEVENT_LIBRARY names or the loader finds.
 
-    Needed only to choose the file, and only before any other call. Raises OSError if the library cannot be loaded.
+    Needed only to choose the file, and then before any other call. Raises OSError if the library cannot be loaded, or
+    if another file is already loaded.
     """
     _loaded(library)
 
@@ -207,8 +209,9 @@ def initialize(path: Path) -> None:
 def shutdown() -> None:
     """Deliver the queued events for at most five seconds, close the sinks and unregister the callbacks.
 
-    Raises OxEventError if events were discarded, a sink could not be flushed, or a callback raised an exception (see
-    register_callback). The library is shut down even then, unless it was not initialized.
+    Inside a callback, the queued events are discarded instead. Raises OxEventError if the library is not initialized,
+    if events were discarded, if a sink could not be flushed, or if a callback raised an exception (see
+    register_callback). In all cases but the first, the library is shut down.
     """
     global _initialized_here
     numbers = list(_callbacks)
@@ -248,19 +251,20 @@ def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional
     event_type      kind of event, "event" if not given
     source_id       identifier of the source
     source_name     display name of the source, "oxEvent" if not given
-    action          "raise", "update", "repeat" or "clear" of a condition; without it, the event is passed on unchanged
+    action          "raise", "update", "repeat" or "clear" of a condition; with any other action, or none, the event is
+                    passed on unchanged
     dedupe_key      identifies the condition; if not given, source_id and event_type do
     correlation_id  links related events
-    value, threshold, units   measured value, limit that it was compared with, and their units
+    value, threshold, units   measured value, limit that it was compared with, and their unit
     duration_ms     duration in milliseconds
     details_json    a dict or list, or JSON as a string
     utc_ns, ptp_ns  time of the event: nanoseconds since 1970 or a datetime with a time zone; 0: now
     pts, timecode   media time stamps
     event_id        0: the library assigns the next number of this process
 
-    Success means that the event was accepted, not that it was delivered: an event below the minimum severity, or one
-    that finds the queue full, is dropped and counted. Raises OxEventError with NOT_INITIALIZED if the library is not
-    running.
+    Success means that the event was accepted, not that it was delivered: an event below the minimum severity is dropped
+    and counted. If the queue is full, the setting drop_policy decides whether this event or an older one is dropped and
+    counted. Raises OxEventError with NOT_INITIALIZED if the library is not running.
     """
     _call("oxEventSubmit", ctypes.byref(_record(locals())))
 
@@ -268,9 +272,9 @@ def submit(message: Text, *, severity: int = Severity.INFO, event_type: Optional
 def flush(timeout_s: Optional[float] = None) -> None:
     """Wait until all queued events are delivered (timeout_s None: without limit), then flush the sinks.
 
-    Raises OxEventError after the timeout, if a sink could not be flushed, or if a callback raised an exception (see
-    register_callback). Inside a callback it does not wait: it fails at once if events are queued. Ctrl-C takes effect
-    when it returns.
+    Raises OxEventError if the timeout expires, if a sink could not be flushed, or if a callback raised an exception
+    (see register_callback). Inside a callback it does not wait: it fails immediately if events are queued. Ctrl-C takes
+    effect only when flush returns.
     """
     milliseconds = 0  # The library takes 0 as no limit, so the shortest timeout is 1 ms.
     if timeout_s is not None:
@@ -282,15 +286,16 @@ def flush(timeout_s: Optional[float] = None) -> None:
 
 
 def reload(path: Optional[Path] = None) -> None:
-    """Apply the settings of this file, by default of the current one. Queue, conditions and callbacks are kept.
+    """Apply the settings of this file, by default the current one.
 
+    Conditions and callbacks are kept, and so are as many queued events as the new queue_size allows.
     Raises OxEventError if the file is refused or a sink cannot be opened; the old settings then stay in effect.
     """
     _call("oxEventReloadConfig", None if path is None else _path(path))
 
 
 class Callback:
-    """A callback from register_callback; as a context manager it is unregistered at the end of the `with` block."""
+    """A registered callback. Used as a context manager, it is unregistered at the end of the `with` block."""
 
     def __init__(self, function: Callable[[Event], object]):
         self.function = function
@@ -320,7 +325,7 @@ def register_callback(function: Callable[[Event], object]) -> Callback:
     The function runs on the library's worker thread, one event at a time; later events wait for it. The returned object
     need not be kept. May be called before initialize.
 
-    An exception from the function, SystemExit included, does not stop the delivery. It is logged at once, with its
+    An exception from the function, SystemExit included, does not stop the delivery. It is logged immediately, with its
     traceback, to the logger "oxevent", and the next flush or shutdown raises an OxEventError with the code FAILURE
     whose __cause__ is the first exception since the last report.
     """
@@ -377,7 +382,7 @@ def _report_failure():
 
 
 def _safe_format(convert, value):
-    """Return convert(value), or a substitute if it raises: the callback's failure must be reported anyway."""
+    """Return convert(value), or a substitute if convert raises: a failure that cannot be formatted is reported too."""
     try:
         return convert(value)
     except Exception:
@@ -469,15 +474,17 @@ class OxEventHandler(logging.Handler):
         logging.warning("Pressure low", extra={"oxevent": {"action": "raise", "dedupe_key": "pressure"}})
 
     message       the message, as formatted by the handler's formatter
-    severity      DEBUG, INFO, WARNING, and ERROR for all levels from ERROR up; others map to the next lower level
-    source_name   the logger's name, which tells operators the part of the program
+    severity      the highest of INFO, WARNING and ERROR that the record's level reaches; below INFO: DEBUG
+    source_name   the logger's name, which tells operators which part of the program reports
     event_type    "log", so that receivers can distinguish log records from other events
     utc_ns        time of the record
     details_json  {"exception": "ValueError: ...", "traceback": "..."} for an exception, {"stack": "..."} for
-                  stack_info, merged into details_json if that is a dict; otherwise they stay in the message
+                  stack_info, added to a dict that is given as details_json; if details_json is given in another form,
+                  exception and stack stay in the message
 
     Arguments of the constructor set fields (of submit) for every record; the dict extra={"oxevent": {...}} sets fields
-    of one record. NUL and lone surrogates in the message are escaped; an empty message becomes the level's name.
+    of one record. In the message, NUL and surrogates that represent no byte are escaped; an empty message becomes the
+    level's name.
 
     The handler neither initializes the library nor shuts it down. If an event cannot be submitted (the library is not
     running, as in a forked child that did not call initialize; a field is invalid), the handler calls handleError, like
@@ -489,7 +496,7 @@ class OxEventHandler(logging.Handler):
         inspect.signature(submit).bind(message="", **fields)  # Raises TypeError for an unknown field.
         super().__init__(level)
         self._fields = fields
-        self.setFormatter(logging.Formatter())  # Without one, basicConfig would set one that adds level and name.
+        self.setFormatter(logging.Formatter())  # Otherwise basicConfig would set one that adds level and name.
 
     def handle(self, record: logging.LogRecord):
         """Submit the record if the filters accept it."""
@@ -553,7 +560,7 @@ class OxEventHandler(logging.Handler):
 
 
 def _at_exit():
-    # Finishes the callbacks before the interpreter ends: a worker that enters Python after that blocks forever.
+    # Lets callbacks finish before the interpreter ends: a worker that enters Python after that blocks forever.
     global _exiting
     with _lock:
         _exiting = True
@@ -563,7 +570,7 @@ def _at_exit():
         callbacks = list(_callbacks.values())
         for callback in callbacks:
             callback.unregister()
-        if callbacks:  # The embedding program keeps the library running; otherwise this has no effect.
+        if callbacks:  # Waits for their last calls if the embedding program keeps the library running.
             _call("oxEventFlush", _SHUTDOWN_S * 1000)
     except OxEventError as error:
         if error.code != Result.NOT_INITIALIZED:
