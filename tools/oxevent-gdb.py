@@ -3,7 +3,7 @@
 #     gdb -p PID -batch -x oxevent-gdb.py -ex oxevent
 #     gdb PROGRAM CORE -batch -x oxevent-gdb.py -ex oxevent
 #
-# Needs debug information. Only reads memory: the process may have stopped anywhere, so no function is called in it.
+# Needs debug information. Only reads memory: gdb may have stopped the process anywhere, so no function is called in it.
 import datetime
 import itertools
 import re
@@ -11,7 +11,7 @@ import re
 import gdb
 
 LIBRARY = 'liboxEvent.so'
-HEAD_SIZE = 4096  # The first page contains the build id.
+HEAD_SIZE = 4096  # The file's first page, which contains the build id.
 SEVERITIES = ('debug', 'info', 'warning', 'error')
 MAX_TEXT_BYTES = 200
 SUMMARY_LINES = 5
@@ -26,7 +26,7 @@ def library_path():
 
 
 def fail_if_replaced():
-    """Fails if the installed library, whose symbols gdb reads, is not the one that the process has loaded."""
+    """Fails if the library file, from which gdb reads the symbols, is not the one that the process has loaded."""
     path = library_path()
     if not gdb.selected_inferior().pid or path is None:
         return
@@ -37,8 +37,8 @@ def fail_if_replaced():
         with open(path, 'rb') as file:
             if file.read(HEAD_SIZE) == memory(int(start, 16), HEAD_SIZE):
                 return
-        fail(f'{path} is not the file that the process has loaded: an upgrade has replaced it. Try again after a '
-             'restart, or with a core file on a machine with the same library')
+        fail(f'{path} is not the file that the process has loaded: an upgrade has replaced it. Try again after '
+             'a restart of the process, or with a core file on a machine with the same library')
 
 
 def variable(name, source):
@@ -58,10 +58,10 @@ def memory(address, size):
     return bytes(gdb.selected_inferior().read_memory(int(address), int(size)))
 
 
-def printable(raw, size):
+def printable(raw, full_size):
     text = raw.decode('utf-8', 'replace')
     text = ''.join(c if c.isprintable() else c.encode('unicode_escape').decode() for c in text)
-    return text + ('...' if size > len(raw) else '')
+    return text + ('...' if full_size > len(raw) else '')
 
 
 def text_at(address, size):
@@ -126,11 +126,11 @@ def show_counters(_limit):
     print('dropped: ' + (', '.join(f'{n} {reason}' for reason, n in reasons.items() if n) or 'none'))
 
 
-def pending_events(queue, name):
-    """Yields the order and the event of each node of a list, oldest first. Stops at the list's count, because the list
-    may be inconsistent."""
-    node = queue['backlog_'][name]['front_']
-    for _ in range(int(queue['backlog_'][name]['size_'])):
+def pending_events(queue, list_name):
+    """Yields the order and the event of each node of a list, oldest first. Yields no more events than the list's size
+    says, because the list may be inconsistent."""
+    node = queue['backlog_'][list_name]['front_']
+    for _ in range(int(queue['backlog_'][list_name]['size_'])):
         if not node:
             return
         fields = node.dereference()
@@ -170,44 +170,45 @@ def utc(ns):
 
 def segments(table):
     """Yields the bytes of each segment's slots. Directory entries that share a segment are adjacent."""
-    segment = gdb.lookup_type('oxEventActiveTable::Segment')
+    segment_type = gdb.lookup_type('oxEventActiveTable::Segment')
     # A unique_ptr has the size of a pointer.
-    directory = table['directory_'].address.cast(segment.pointer().pointer().pointer()).dereference()
+    directory = table['directory_'].address.cast(segment_type.pointer().pointer().pointer()).dereference()
     depth = int(table['depth_'])
     entry = 0
     while directory and entry < 1 << depth:
-        one = directory[entry]
-        slots = one['slots']
+        segment = directory[entry]
+        slots = segment['slots']
         yield memory(slots.address, slots.type.sizeof)
-        entry += 1 << max(0, depth - int(one['depth']))
+        entry += 1 << max(0, depth - int(segment['depth']))
 
 
 def raised_conditions(table):
-    """Yields each condition's key and last delivery time. Reads one segment at a time: there may be a million."""
-    slot = gdb.lookup_type('oxEventActiveTable::Condition')
-    at = {f.name: f.bitpos // 8 for f in slot.fields() if hasattr(f, 'bitpos')}
-    start_size = slot['start'].type.sizeof
-    texts = slot['texts'].type.target()
-    head, rest_at = texts.sizeof, texts['key_rest_size'].bitpos // 8
+    """Yields the key of each condition and the time of the last event sent for it. Reads whole segments, because there
+    may be a million conditions."""
+    slot_type = gdb.lookup_type('oxEventActiveTable::Condition')
+    at = {f.name: f.bitpos // 8 for f in slot_type.fields() if hasattr(f, 'bitpos')}
+    start_capacity = slot_type['start'].type.sizeof
+    texts_type = slot_type['texts'].type.target()
+    head_size, rest_size_at = texts_type.sizeof, texts_type['key_rest_size'].bitpos // 8
 
     def word(raw, offset):
         return int.from_bytes(raw[offset:offset + 8], 'little')
 
     for block in segments(table):
-        for i in range(0, len(block), slot.sizeof):
-            one = block[i:i + slot.sizeof]
-            texts_at = word(one, at['texts'])
+        for i in range(0, len(block), slot_type.sizeof):
+            slot = block[i:i + slot_type.sizeof]
+            texts_at = word(slot, at['texts'])
             if not texts_at:
                 continue
-            size = one[at['start_size']]
-            key = one[at['start']:at['start'] + min(size, start_size)]
-            if size > start_size:
+            size = slot[at['start_size']]
+            key = slot[at['start']:at['start'] + min(size, start_capacity)]
+            if size > start_capacity:
                 try:
-                    size = start_size + word(memory(texts_at + rest_at, 8), 0)
-                    key += memory(texts_at + head, min(size, MAX_TEXT_BYTES) - start_size)
+                    size = start_capacity + word(memory(texts_at + rest_size_at, 8), 0)
+                    key += memory(texts_at + head_size, min(size, MAX_TEXT_BYTES) - start_capacity)
                 except gdb.MemoryError:
                     key += b'<unreadable>'
-            yield printable(key, size), word(one, at['last_sent_ns'])
+            yield printable(key, size), word(slot, at['last_sent_ns'])
 
 
 def show_conditions(limit):
@@ -233,9 +234,9 @@ def show_sinks(_limit):
         return
     vector = active.dereference()['sinks_']
     # A vector of unique_ptr, each of which has the size of a pointer.
-    one = vector.type.unqualified().strip_typedefs().template_argument(0).template_argument(0)
+    sink_type = vector.type.unqualified().strip_typedefs().template_argument(0).template_argument(0)
     ends = vector['_M_impl']
-    pointers = ends['_M_start'].cast(one.pointer().pointer())
+    pointers = ends['_M_start'].cast(sink_type.pointer().pointer())
     for i in range(int(ends['_M_finish'] - ends['_M_start'])):
         sink = pointers[i].dereference()
         name = ' '.join(filter(None, (sink['section_'].string(), string(sink['name_']))))
