@@ -81,7 +81,8 @@ std::vector<const char*> ParseOptions(const Tool& tool, int argc, char** argv) {
 }
 
 // Opens /dev/null for each closed standard descriptor: otherwise the next file that is opened, such as a sink's, would
-// get that number, and the tool would print into it. The mode is the wrong one, so that reads and writes still fail.
+// get that number, and the tool would print into it. Opens stdin for writing and the others for reading, so that reads
+// and writes still fail.
 void ReserveStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) == -1) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);

@@ -23,7 +23,8 @@ struct Option {
   const char* name;      // Without the dashes.
   const char* argument;  // Name of the value in the help; null: the option takes no value.
   const char* help;      // May contain line feeds.
-  // `value` lives as long as the process, and is null if the option takes none. Throws std::invalid_argument.
+  // `value` lives as long as the process, and is null if the option takes none. Throws std::invalid_argument if the
+  // value is invalid.
   std::function<void(const char* value)> set;
   const char* heading = nullptr;  // Heading of the section of the help that begins with this option.
 };
@@ -32,12 +33,12 @@ struct Tool {
   const char* name;
   const char* usage;            // Text of the help before the options.
   const char* notes;            // Text of the help after the options.
-  std::vector<Option> options;  // Without --help and --version.
+  std::vector<Option> options;  // Without --help and --version, which RunTool adds.
 };
 
 // Runs a tool: parses the options, calls `run` with the other arguments and returns the exit status. Handles --help and
-// --version. Reports a UsageError and returns kExitUsage. Reports a failed write to stdout and returns kExitFailure
-// instead of kExitSuccess.
+// --version. Reports a UsageError and returns kExitUsage; reports any other std::exception and returns kExitFailure.
+// Reports a failed write to stdout and returns kExitFailure instead of kExitSuccess.
 int RunTool(Tool tool, int argc, char** argv, const std::function<int(std::vector<const char*> arguments)>& run);
 
 // Prints "TOOL: MESSAGE" to stderr, with the name of the running tool.

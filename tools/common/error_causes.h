@@ -10,7 +10,7 @@
 // Where the text of an error appears.
 enum class ErrorOrigin {
   kCall,      // In the last error of the thread whose call failed.
-  kDelivery,  // In the last error of the sink: the call that reported the event has already returned.
+  kDelivery,  // In the last error of a sink: the call that reported the event has already returned.
   kInternal   // Nowhere, unless the library has a bug.
 };
 
@@ -22,7 +22,7 @@ struct ErrorCause {
 };
 
 inline constexpr std::string_view kInternalCause =
-    "The library has misused one of its own components. No call of a host can cause this.";
+    "The library has misused one of its own components. No call from the host can cause this.";
 inline constexpr std::string_view kInternalRemedy =
     "Report it as a bug in the library, with its version and the error text.";
 inline constexpr std::string_view kCsvWriteRemedy =
@@ -32,9 +32,8 @@ inline constexpr std::string_view kCsvWriteRemedy =
 inline constexpr std::string_view kResolveRemedy =
     "On the machine where the process runs, and as the same user, run getent ahosts HOST, and correct host or port, or "
     "use an IP address instead of a name. The number is an error code of getaddrinfo. -2 or -5: the name does not "
-    "exist or "
-    "has no address; -3: the name server does not respond (try again); -4: the name server refuses the query; -8: the "
-    "port is above 65535; -10: out of memory; -11: a system error.";
+    "exist or has no address; -3: the name server does not respond (try again); -4: the name server refuses the query; "
+    "-8: the port is above 65535; -10: out of memory; -11: a system error.";
 inline constexpr std::string_view kSocketRemedy =
     "The number is an errno value. 24 or 23: too many open files in the process or in the system (ls /proc/PID/fd, "
     "/proc/PID/limits); 97: the system lacks the address family (if IPv6 is disabled, use an IPv4 address); 1 or 13: "
@@ -67,15 +66,17 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "0x80050001: end the host's reporting threads before the host calls oxEventShutdown. 0x80050005: check the memory "
      "limits of the process and of its control group, and the free memory of the system (free -m)."},
     {oxEventErrors::kFlushTimedOut, ErrorOrigin::kCall,
-     "Events were still queued or being delivered when the timeout of oxEventFlush expired, or a sink could not write "
-     "its buffered rows. Inside a callback, the call fails if events are queued. With OXEVENT_NOT_INITIALIZED: the "
-     "library was shut down during the call.",
+     "Events were still queued or being delivered when the timeout of oxEventFlush expired, or a CSV sink, possibly "
+     "one that a reload has replaced, could not write its buffered rows. Inside a callback, the call fails if events "
+     "are queued. With OXEVENT_NOT_INITIALIZED: the library was shut down during the call.",
      "Look for a sink that is slow or fails: a full disk behind the path of a CSV sink, an endpoint_url that does not "
-     "respond. Otherwise, give oxEventFlush a longer timeout."},
+     "respond. After a failed write, a CSV sink writes nothing more until oxEventReloadConfig is called. If no sink "
+     "fails, give oxEventFlush a longer timeout."},
     {oxEventErrors::kSinkFlushFailed, ErrorOrigin::kCall,
-     "During the last flush, a CSV sink, possibly one that a reload has replaced, could not write its rows or did not "
-     "write them in time. Rows are missing in its file or will be written late. After oxEventShutdown, the cause may "
-     "also be that the queue was not empty after 5 s.",
+     "During oxEventShutdown or the last flush before it, a CSV sink, possibly one that a reload has replaced, could "
+     "not write its rows or did not write them in time. Rows are missing in its file or will be written late. If only "
+     "the earlier flush failed in this way, oxEventShutdown failed because it discarded queued events. (oxEventFlush "
+     "itself reports a failed sink as \"oxEvent core flush timed out\".)",
      "Check the disks of the paths in the sections sink\\csv: df -h PATH, df -i PATH, the quota and ulimit -f. Then "
      "call oxEventReloadConfig, or restart the library: until then, a CSV sink that has failed writes nothing more."},
     {oxEventErrors::kShutdownFailed, ErrorOrigin::kCall,
@@ -142,12 +143,12 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kNoConfigPath, ErrorOrigin::kCall,
      "The host called oxEventInitialize without the path of a settings file, or oxEventReloadConfig without a path "
      "before a successful oxEventInitialize or after oxEventShutdown.",
-     "Give the host the path of the settings file, on its command line or wherever else it reads the path from."},
+     "Give the host the path of the settings file, on its command line or wherever the host reads the path from."},
     {oxEventErrors::kConfigUnreadable, ErrorOrigin::kCall,
      "The settings file does not exist, is not readable by the user of the process, is not a regular file, is larger "
      "than 64 MiB, or is not a valid settings file: for example, it contains a comment with \"--\" inside, a control "
-     "character, or a reference to a control character, such as &#0;. Or the process has run out of file descriptors "
-     "or memory. The file is unchanged.",
+     "character, or a reference to a character that XML does not allow, such as &#0;. Or the process has run out of "
+     "file descriptors or memory. The file is unchanged.",
      "Check with namei -l PATH whether the file exists and is readable by the user of the process, and with "
      "oxevent-check PATH whether it is a valid settings file (root element config). A relative path is relative to the "
      "working directory of the process. An empty file is enough: the library completes it. For a running process, "
@@ -167,15 +168,15 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kCsvNoPath, ErrorOrigin::kCall, "An enabled section below sink\\csv has an empty path.",
      "Set its path, or disable the section (set enabled to 0)."},
     {oxEventErrors::kCsvDirectory, ErrorOrigin::kCall,
-     "A directory in the path of a CSV sink does not exist and could not be created: the user of the process may not "
-     "write to its parent directory, another file has its name, or the file system is full or read-only.",
+     "A directory in the path of a CSV sink does not exist and could not be created: the user of the process has no "
+     "permission to write to its parent directory, a file has its name, or the file system is full or read-only.",
      "Check with namei -l PATH which directories exist and who owns them. Create the directory for the user of the "
      "process, or change the path in the section below sink\\csv; a relative path is relative to the working directory "
      "of the process."},
     {oxEventErrors::kCsvOpen, ErrorOrigin::kCall,
-     "The file of a CSV sink could not be opened: the user of the process may not write to it or to its directory, it "
-     "is a directory, a pipe without a reader, or on a read-only file system, or the process has run out of file "
-     "descriptors.",
+     "The file of a CSV sink could not be opened: the user of the process has no permission to write to it or to its "
+     "directory; it is a directory, or a pipe without a reader, or on a read-only file system; or the process has run "
+     "out of file descriptors.",
      "Check the permissions with namei -l PATH, and the file descriptors with ls /proc/PID/fd | wc -l and "
      "/proc/PID/limits. Give the user of the process write permission, or change the path in the section below "
      "sink\\csv."},
@@ -250,11 +251,10 @@ inline constexpr ErrorCause kErrorCauses[] = {
      kCsvWriteRemedy},
     {oxEventErrors::kCsvBusy, ErrorOrigin::kDelivery,
      "Another thread, usually the worker, was still writing to the file of a CSV sink when the timeout of a flush, or "
-     "the timeout of a "
-     "reload (1 s), expired. The rows are written once that write has completed.",
+     "the timeout of a reload (1 s), expired. The rows are written once that write has completed.",
      "Check what the path is: a pipe needs a reader, and a network file system needs its server. grep . "
      "/proc/PID/task/*/comm /proc/PID/task/*/wchan shows the name of each thread and where it is blocked; the worker's "
-     "name is oxEvent. Otherwise, give oxEventFlush a longer timeout."},
+     "name is oxEvent. If the write is only slow, give oxEventFlush a longer timeout."},
     {oxEventErrors::kSyslogSend, ErrorOrigin::kDelivery,
      "The system did not accept the datagram of an event for a collector below sink\\syslog\\udp. The event is lost "
      "for this sink; the sink continues with the next event.",
@@ -263,13 +263,12 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The endpoint did not accept an event within request_timeout_ms (below sink\\cloudevents\\http: timeout_ms): its "
      "URL is malformed, its host name could not be resolved, no connection was established (within "
      "connect_timeout_ms), its certificate is not trusted, its response was not 2xx, the name of a header line "
-     "contains an invalid character, or a token of the section contains a line end. After the last attempt, the event "
-     "is lost for this sink, which will try the next one. (With retry_count 4294967295, every event fails without an "
-     "attempt and without an error text.)",
+     "contains an invalid character, or bearer_token contains a line end. After the last attempt, the event is lost "
+     "for this sink; the sink continues with the next event. (With retry_count 4294967295, every event fails "
+     "without an attempt and without an error text.)",
      "On the machine where the process runs, and as the same user, run curl -v --noproxy '*' -H 'Content-Type: "
-     "application/json' -d '{}' URL with the header lines and the token of the section. If the endpoint is slow or "
-     "temporarily "
-     "unavailable, increase connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
+     "application/json' -d '{}' URL with the header lines and the credentials of the section. If the endpoint is slow "
+     "or temporarily unavailable, increase connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
     {oxEventErrors::kSnmpTrapOid, ErrorOrigin::kDelivery,
      "The trap_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",
      "Set trap_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading dot, such "
@@ -300,7 +299,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kAlertmanagerOutput, ErrorOrigin::kInternal, kInternalCause, kInternalRemedy},
 };
 
-// One entry per id, in the order of the ids.
+// Returns whether each id has one entry, in the order of the ids.
 consteval bool ErrorCausesAreComplete() {
   if (std::size(kErrorCauses) != oxEventErrors::kCount) return false;
   for (size_t i = 0; i < oxEventErrors::kCount; ++i) {

@@ -4,8 +4,9 @@
 #include <string>
 #include <string_view>
 
-// Returns the remedy for an error text of the library; empty if the text is not one.
+// Returns the remedy for an error text of the library, or an empty string for any other text.
 std::string_view RemedyFor(std::string_view text);
 
-// Returns the text, followed by `reason` in parentheses and, on the next line, by its remedy, if there are any.
+// Returns the text, followed by `reason` in parentheses, unless it is empty, and on the next line by the text's remedy,
+// if there is one.
 std::string WithRemedy(std::string_view text, std::string_view reason = "");

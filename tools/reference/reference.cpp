@@ -40,10 +40,10 @@ std::string AcceptedBy(const oxEventSetting& setting) {
 
 constexpr std::string_view kSettingsBegin = R"(# Settings of the library oxEvent
 
-The settings are stored in an XML file of keys and values. Missing settings are added with their defaults when the file is
-loaded, so an empty file is enough to start with; everything else in the file, comments included, is kept. A file that the
-loader refuses is not modified, and the error text names the cause. `oxevent-check` checks a file without starting the
-library.
+The settings are stored in an XML file of keys and values. When the library loads the file, it adds missing settings
+with their defaults, except those whose default is empty, so an empty file is enough to start with. Everything else in
+the file, comments included, is kept. A file that the library refuses is not modified. The error text names an invalid
+setting, but does not say what is wrong with the XML; `oxevent-check`, which does not start the library, reports both.
 
 ```xml
 <?xml version="1.0" encoding="UTF-8"?>
@@ -60,22 +60,23 @@ library.
 </config>
 ```
 
-The keys below are relative to `QVX\Events`; a backslash separates a key from its sub-key. NAME is any name: each sub-key of
-a sink type is a separate sink. Names are case-sensitive, the words that settings accept are not. If two values have the same
-name, the library uses the first one. A name has 1 to 511 bytes and no backslash: the library does not see a section with any
-other name, and starts without it even if it is enabled; `oxevent-check` reports such a name as an error.
+The keys below are relative to `QVX\Events`; a backslash separates a key from its sub-key. NAME is any name: each
+sub-key of a sink type is a separate sink. Names are case-sensitive, the words that settings accept are not. If two
+sub-keys or two values of a key have the same name, the library uses the first one. A name has 1 to 511 bytes and no
+backslash: the library does not see a section with any other name, and starts without that section even if it is
+enabled; `oxevent-check` reports such a name as an error.
 
-The library refuses a file that it could not save without changing its contents: a file that contains a comment with `--`
-inside, a control character, or a reference to a character that XML does not allow, such as `&#0;`. `oxevent-check` reports
-the position. When the library completes a file, it keeps the file's owner, mode and extended attributes; if it cannot keep
-them, it does not complete the file, and starts nevertheless.
+The library refuses a file that it could not save without changing its contents: a file that contains a comment with
+`--` inside, a control character, or a reference to a character that XML does not allow, such as `&#0;`. `oxevent-check`
+reports the position. When the library completes a file, it keeps the file's owner, mode and extended attributes; if it
+cannot keep them, it does not complete the file, and starts nevertheless.
 
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number is decimal; surrounding white space is ignored. If a value is not a number, it is replaced by the default. A string
-is truncated to 2047 bytes. A line end within a value is written `&#10;`. Secrets are stored in clear text: protecting the
-file by its mode is the host's task.
+A number is decimal; surrounding white space is ignored. If the value of a number is not one, the library uses the
+default, and writes it to the file. A string is truncated to 2047 bytes. A line end within a value can be written as
+`&#10;`. Secrets are stored in clear text: protecting the file by its mode is the host's task.
 )";
 
 void PrintSettings() {
@@ -98,8 +99,8 @@ void PrintSettings() {
 
 constexpr std::string_view kErrorsBegin = R"(# Error texts of the library oxEvent
 
-The texts that `oxEventGetLastError` returns after a failed call, and those that a sink reports when a delivery fails. A word
-in braces is a placeholder for the actual value.
+This page lists the texts that `oxEventGetLastError` returns after a failed call, and those that a sink reports when a
+delivery fails. A word in braces is a placeholder for the actual value.
 )";
 
 // Prints the errors of one origin as a table.
