@@ -28,15 +28,16 @@ constexpr char kNotes[] =
     "Columns count bytes. SEVERITY is error, warning, or note (additional information). An error means\n"
     "that the library would not start (TEXT is then the error text for this problem), or that it would\n"
     "start without a section because the section's name is invalid. If the library would not start, the\n"
-    "last line shows the error text that oxEventInitialize would set.\n"
+    "last line about FILE shows the error text that oxEventInitialize would set.\n"
     "\n"
     "With --json each finding is an object with file, line, column, key, severity (error, warning or\n"
     "note), code (a short, stable name of the problem), text and remedy.\n"
     "\n"
     "KEY is a path such as core\\queue_size, QVX\\Events\\sink\\csv\\NAME\\path or sink/csv, with \\, / or .\n"
-    "between names, or the name of a setting.\n"
+    "between names, or the name of a setting or a key.\n"
     "\n"
-    "Exit status: 0 no errors or warnings, 1 warnings, 2 errors or an invalid command line.\n";
+    "Exit status: 0 no errors or warnings, 1 warnings, or the output could not be written, 2 errors or an\n"
+    "invalid command line.\n";
 
 struct Options {
   bool complete = false;

@@ -19,7 +19,7 @@ using Type = oxEventSinkType;
 using Sink = oxEventSinkConfig;
 
 constexpr uint64_t kDrainMs = 5000;              // oxEventShutdown's timeout for draining the queue.
-constexpr uint64_t kLongShutdownMs = 60 * 1000;  // More than a host is likely to expect.
+constexpr uint64_t kLongDeliveryMs = 60 * 1000;  // oxEventShutdown waits for it longer than a host is likely to expect.
 constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // The number of attempts, retry_count + 1, wraps to 0.
 
 constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
@@ -103,7 +103,7 @@ class CombinationChecker {
     CheckSeverities();
     CheckDestinations();
     CheckDelays();
-    CheckUnused();
+    CheckEffects();
   }
 
  private:
@@ -137,7 +137,7 @@ class CombinationChecker {
     }
   }
 
-  // Reports the problem at the setting of a native sink: only these sinks are enabled by default.
+  // Reports the problem at the `enabled` of a native sink: only these sinks are enabled by default.
   void WarnAboutNoSink() {
     for (const Group& group : file_.groups) {
       if (group.sink == nullptr || group.sink->type != Type::kNative || !IsValid(group, "enabled")) continue;
@@ -170,20 +170,20 @@ class CombinationChecker {
 
   void CheckDestinations() {
     std::map<std::string, const Group*> known;
-    const std::string own = "file " + CanonicalPath(file_.path);
+    const std::string settings_file = "file " + CanonicalPath(file_.path);
     ForEachEnabled([&](const Group& group, const Sink& sink) {
       const Destination destination = DestinationOf(sink);
       if (destination.target.empty()) return;
-      if (destination.target == own) {
+      if (destination.target == settings_file) {
         Add(Severity::kWarning, "own-file", group, destination.setting,
             "is the settings file itself, which the rows would corrupt", "Choose another file.");
       }
       const auto [first, is_new] = known.emplace(destination.target, &group);
       if (is_new) return;
-      const bool file = sink.type == Type::kCsv;
+      const bool is_file = sink.type == Type::kCsv;
       Add(Severity::kWarning, "same-destination", group, destination.setting,
-          (file ? "writes to the same file as " : "sends to the same destination as ") + first->second->key +
-              ": each event appears twice" + (file ? ", in any order" : ""),
+          (is_file ? "writes to the same file as " : "sends to the same destination as ") + first->second->key +
+              ": each event appears twice" + (is_file ? ", in any order" : ""),
           "Change one of the two destinations, or disable one of the two sinks.");
       Add(Severity::kNote, "same-destination", *first->second, destination.setting,
           "is the first setting with this destination",
@@ -204,15 +204,16 @@ class CombinationChecker {
       if (longest == nullptr || LongestDeliveryMs(*longest->sink) < LongestDeliveryMs(sink)) longest = &group;
     });
     if (longest == nullptr) return;
-    const bool is_long = total_ms > kLongShutdownMs;
+    const bool is_long = total_ms > kLongDeliveryMs;
     Add(is_long ? Severity::kWarning : Severity::kDetail, "shutdown-delay", *longest, SlowestSetting(*longest->sink),
         "while endpoints do not answer, one event takes up to " + Seconds(total_ms) +
             " in the HTTP sinks, and oxEventShutdown up to " + Seconds(kDrainMs + total_ms),
         "Use fewer retries or shorter timeouts: later events wait meanwhile, and the queue fills.");
   }
 
-  // Reports settings that have no effect because of the value of another setting.
-  void CheckUnused() {
+  // Reports settings that have no effect because of the value of another setting, sinks that deliver nothing, and what
+  // a native sink does to the host's own lines.
+  void CheckEffects() {
     const bool state_off = !file_.config.state_enabled || !file_.config.dedupe_enabled;
     if (state_off) {
       Add(Severity::kDetail, "no-state", file_.groups.at(1), file_.config.state_enabled ? "dedupe_enabled" : "enabled",

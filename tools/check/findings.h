@@ -13,7 +13,7 @@ struct Position {  // Both count from 1; columns count bytes.
 enum class Severity {
   kError,    // The library would not start, or would start without a section.
   kWarning,  // Something that the user probably did not intend.
-  kNote,     // Another position that belongs to an error or a warning.
+  kNote,     // Another position that belongs to an error or a warning, or information that may not need a fix.
   kDetail    // Printed only with --verbose.
 };
 
@@ -21,7 +21,7 @@ struct Finding {
   Severity severity;
   const char* code;  // Short, stable identifier of the problem, for programs.
   Position position;
-  std::string key;  // Path of the key or value; empty: the whole file.
+  std::string key;  // Path of the key or value; empty: the root element or the whole file.
   std::string text;
   std::string remedy;
 };

@@ -22,7 +22,7 @@ std::string_view Trim(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(kWhiteSpace) + 1 - begin);
 }
 
-// Splits header lines as the sink does.
+// Splits and trims header lines as the sink does.
 std::vector<std::string> SplitHeaderLines(std::string_view text) {
   std::vector<std::string> lines;
   while (!text.empty()) {
@@ -160,7 +160,7 @@ class HttpChecker {
       Warn("bad-token", "bearer_token", "begins with what the sink adds itself: Authorization: Bearer",
            "Set only the token.");
     } else if (!HasOuterWhiteSpace(token.text) && token.text.find_first_of(kWhiteSpace) != token.text.npos) {
-      Warn("bad-token", "bearer_token", "contains white space, which no token may (RFC 6750, section 2.1)",
+      Warn("bad-token", "bearer_token", "contains white space, which no token may contain (RFC 6750, section 2.1)",
            "Remove it.");
     }
   }

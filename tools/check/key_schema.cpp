@@ -16,7 +16,8 @@ void AddPath(std::string_view path, const oxEventSection* section, KeySchema* ke
   key->section = section;
 }
 
-// Counts the values in `key` that are settings of the section. Ignores the settings that most sections have in common.
+// Counts the values in `key` that are settings of the section, except enabled and minimum_severity, which most sections
+// have.
 size_t CountSettings(const oxEventSection& section, pugi::xml_node key) {
   size_t count = 0;
   for (const pugi::xml_node child : key.children("value")) {

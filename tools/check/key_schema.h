@@ -39,11 +39,13 @@ std::string NameOf(pugi::xml_node node);
 bool IsKey(pugi::xml_node node);
 bool IsValue(pugi::xml_node node);
 
-// Returns the section that has the most settings in common with the key, or null if none has any.
+// Returns the section that has the most settings in common with the key, or null if no section has one in common.
+// enabled and minimum_severity do not count.
 const oxEventSection* FindSimilarSection(pugi::xml_node key);
 
-// Returns whether any element of the key is one that `schema` expects.
+// Returns whether `key` contains any element that `schema` expects.
 bool MatchesSchema(const KeySchema& schema, pugi::xml_node key);
 
-// Searches all keys below `parent` for one that has the name of `key` and matches it; null if there is none.
+// Searches all schemas below `parent` for one that has the name of `key` and that `key` matches. Returns null if there
+// is none.
 const KeySchema* FindMatchingSchema(const KeySchema& parent, pugi::xml_node key);

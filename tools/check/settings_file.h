@@ -12,7 +12,7 @@
 #include "config/oxEventSettings.h"
 #include "oxCFGStore.h"
 
-// A value of the file.
+// A setting that the file contains.
 struct Value {
   const oxEventSetting* setting;
   std::string text;
@@ -36,7 +36,7 @@ struct SettingsFile {
   std::string path;
   oxCFGStore store;
   std::string start_error;                        // What oxEventInitialize would report; empty: it would succeed.
-  oxEventConfig config;                           // Contains defaults for invalid values.
+  oxEventConfig config;                           // Has defaults for invalid values, but the queue_size of the file.
   std::map<std::string, std::string> bad_values;  // Maps a value's path to the loader's error text.
   std::string completed;                          // Contents of the file after the library has completed it.
   std::vector<Group> groups;                      // In the order in which the library reads them.
@@ -50,18 +50,18 @@ struct SettingsFile {
   Position PositionOf(pugi::xml_node element) const { return PositionAt(store.OffsetOf(element)); }
 };
 
-// Fills in the groups, and reports all elements that the library ignores.
+// Fills in the groups, and reports elements that the library ignores, except those that may belong to another program.
 void CheckStructure(SettingsFile* file, std::vector<Finding>* findings);
 
-// Check single values, whether the sinks would start (may set start_error), HTTP settings, and combinations of
-// settings.
+// These functions check single values, whether the sinks would start (may set start_error), HTTP settings, and
+// combinations of settings.
 void CheckValues(const SettingsFile& file, std::vector<Finding>* findings);
 void CheckSinks(SettingsFile* file, std::vector<Finding>* findings);
 void CheckHttp(const SettingsFile& file, std::vector<Finding>* findings);
 void CheckCombinations(const SettingsFile& file, std::vector<Finding>* findings);
 
-// Returns "; did you mean NAME?", or an empty string if no name is similar. Ignores case, white space, dashes and the
-// order of letters.
+// Returns "; did you mean NAME?", or an empty string if no name is similar. Prefers a name that differs only in case,
+// white space, dashes, underscores or the order of the letters.
 std::string Suggestion(std::string_view word, const std::vector<std::string>& names);
 
 constexpr std::string_view kWhiteSpace = " \t\r\n\v\f";

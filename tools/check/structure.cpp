@@ -1,4 +1,4 @@
-// Reports keys, values and other elements that the loader ignores.
+// Reports keys, values and other elements that the loader ignores, except those that may belong to another program.
 #include <algorithm>
 #include <map>
 #include <set>
@@ -27,10 +27,11 @@ class StructureChecker {
   // Outside QVX\Events the host may keep keys of its own.
   static bool IsInEvents(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
 
-  // Calls `visit` for each key and value in `key` that the library does not ignore. Reports the ignored ones; outside
-  // QVX\Events, only if they resemble `expected`. `sections`: the keys in `key` are sections or contain sections.
+  // Calls `visit` for each key and value in `key` that the store does not hide. Reports those that it hides, text, and
+  // other elements that resemble a key, a value or an `expected` name; outside QVX\Events, only what resembles an
+  // `expected` name. `has_sections`: the keys in `key` are sections or contain sections.
   template <class Visit>
-  void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, bool sections,
+  void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, bool has_sections,
                Visit visit) {
     std::set<std::pair<bool, std::string>> seen;
     for (const pugi::xml_node child : key.children()) {
@@ -45,7 +46,7 @@ class StructureChecker {
       } else if (!child.attribute("name")) {
         CheckMissingName(child, path, expected);
       } else if (name.empty() || name.size() > oxCFGStore::kMaxNameBytes || name.find('\\') != name.npos) {
-        if (IsInEvents(path) || name.find("QVX") == 0 || resembles) CheckBadName(child, path, name, sections);
+        if (IsInEvents(path) || name.find("QVX") == 0 || resembles) CheckBadName(child, path, name, has_sections);
       } else if (!seen.emplace(IsKey(child), name).second) {
         if (IsInEvents(path) || resembles) {
           Warn("twice", child, JoinPath(path, name),
@@ -57,9 +58,9 @@ class StructureChecker {
     }
   }
 
-  // The store hides a key with such a name, so that the loader starts without the section.
-  void CheckBadName(pugi::xml_node node, const std::string& path, const std::string& name, bool sections) {
-    const bool is_section = sections && IsKey(node);
+  // The store hides a key with such a name, so the library would start without that section: an error, not a warning.
+  void CheckBadName(pugi::xml_node node, const std::string& path, const std::string& name, bool among_sections) {
+    const bool is_section = among_sections && IsKey(node);
     const std::string fault = name.empty() ? "empty" : name.find('\\') != name.npos ? "a path" : "too long";
     findings_.push_back(
         {is_section ? Severity::kError : Severity::kWarning, "bad-name", file_.PositionOf(node),
@@ -79,9 +80,9 @@ class StructureChecker {
   void CheckUnknownElement(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
     const std::string name = NameOf(node);
     const std::string suggestion = Suggestion(node.name(), {"key", "value"});
-    const bool is_expected = (!name.empty() && !Suggestion(name, expected).empty()) ||
-                             std::find(expected.begin(), expected.end(), node.name()) != expected.end();
-    if (is_expected || (IsInEvents(path) && !suggestion.empty())) {
+    const bool resembles_expected = (!name.empty() && !Suggestion(name, expected).empty()) ||
+                                    std::find(expected.begin(), expected.end(), node.name()) != expected.end();
+    if (resembles_expected || (IsInEvents(path) && !suggestion.empty())) {
       Warn("unknown-element", node, name.empty() ? path : JoinPath(path, name),
            "the library ignores the element <" + std::string(node.name()) + ">" + suggestion,
            "Write <key name=\"NAME\"> or <value name=\"NAME\">TEXT</value>, in lower case.");
@@ -89,8 +90,10 @@ class StructureChecker {
   }
 
   void CheckMissingName(pugi::xml_node node, const std::string& path, const std::vector<std::string>& expected) {
-    const auto is_expected = [&](const pugi::xml_attribute& a) { return !Suggestion(a.value(), expected).empty(); };
-    if (!IsInEvents(path) && std::none_of(node.attributes_begin(), node.attributes_end(), is_expected)) return;
+    const auto resembles_expected = [&](const pugi::xml_attribute& a) {
+      return !Suggestion(a.value(), expected).empty();
+    };
+    if (!IsInEvents(path) && std::none_of(node.attributes_begin(), node.attributes_end(), resembles_expected)) return;
     Warn("no-name", node, path, "a <" + std::string(node.name()) + "> without a name attribute: the library ignores it",
          std::string("Write <") + node.name() + " name=\"NAME\">.");
   }

@@ -105,7 +105,7 @@ std::string UriReferenceFault(std::string_view text) {
 std::string OidFault(std::string_view text) {
   std::string encoded;
   if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "every event to this sink fails";
-  // The first two numbers share one byte, whose highest bit marks a continuation (X.690, section 8.19.2).
+  // The sink encodes the first two numbers in one byte, whose highest bit marks a continuation (X.690, section 8.19.2).
   if (text.starts_with("2.") && std::stoul(std::string(text.substr(2))) > 47) return "traps can carry only 2.0 to 2.47";
   return "";
 }
