@@ -11,7 +11,7 @@ std::string ConnectionFault(const std::string& url, bool verify_certificate) {
   char error[CURL_ERROR_SIZE] = "";
   curl_easy_setopt(easy.get(), CURLOPT_ERRORBUFFER, error);
   curl_easy_setopt(easy.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy.get(), CURLOPT_PROXY, "");  // As the sink: the environment chooses no proxy.
+  curl_easy_setopt(easy.get(), CURLOPT_PROXY, "");  // Like the sink, ignores proxy settings in the environment.
   curl_easy_setopt(easy.get(), CURLOPT_SSL_VERIFYPEER, verify_certificate ? 1L : 0L);
   curl_easy_setopt(easy.get(), CURLOPT_SSL_VERIFYHOST, verify_certificate ? 2L : 0L);
   curl_easy_setopt(easy.get(), CURLOPT_TIMEOUT_MS, kTimeoutMs);

@@ -3,5 +3,6 @@
 
 #include <string>
 
-// Connects, with TLS for https, and sends no request. Returns why that failed, or an empty string. Takes at most 5 s.
+// Connects, with TLS for https, and sends no request. Returns why the connection failed, or an empty string. Takes at
+// most 5 s.
 std::string ConnectionFault(const std::string& url, bool verify_certificate);

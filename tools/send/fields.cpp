@@ -38,7 +38,7 @@ constexpr Field kFields[] = {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kSecondsPerDay = 86'400;
-constexpr int64_t kMaxSeconds = 18'446'744'073;  // From here on, nanoseconds overflow 64 bits.
+constexpr int64_t kSecondsEnd = 18'446'744'073;  // From here on, nanoseconds may overflow 64 bits.
 
 // Parses a string from the front. A mismatch clears `good`.
 struct Cursor {
@@ -95,7 +95,7 @@ uint64_t ParseUtc(std::string_view text) {
   const int64_t seconds = time.time_since_epoch().count();
   // A leap second is the last second of a UTC day.
   const bool good_second = second < 60 || (second == 60 && seconds % kSecondsPerDay == 0);
-  if (!cursor.good || !cursor.rest.empty() || !date.ok() || !good_second || seconds < 0 || seconds >= kMaxSeconds) {
+  if (!cursor.good || !cursor.rest.empty() || !date.ok() || !good_second || seconds < 0 || seconds >= kSecondsEnd) {
     throw std::invalid_argument("'" + std::string(text) +
                                 "' is neither a time such as 2026-03-01T12:00:00Z, from 1970 to 2554, nor nanoseconds");
   }

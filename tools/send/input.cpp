@@ -15,8 +15,8 @@ constexpr int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 volatile sig_atomic_t g_stop = 0;
 
-// Like ppoll, but returns immediately if a stop signal has been received. Blocks the signals, except during ppoll, so
-// that none arrives between the check and the wait.
+// Like ppoll, but returns immediately if a stop signal has been received. Blocks the stop signals, except during ppoll,
+// so that none arrives between the check and the wait.
 void Wait(pollfd* fd, const timespec* time) {
   sigset_t stops;
   sigset_t old;
@@ -74,7 +74,7 @@ bool LineReader::Next(std::string* line) {
   return false;
 }
 
-// Appends the available input. Returns false at the end of the input and after a stop signal.
+// Appends the available input to the buffer. Returns false at the end of the input and after a stop signal.
 bool LineReader::Fill() {
   constexpr size_t kBlockBytes = 64 * 1024;
   const size_t size = buffer_.size();

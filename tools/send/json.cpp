@@ -33,7 +33,8 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
     if (stream_.Tell() != json_.size()) throw JsonError("invalid JSON: unexpected NUL byte", stream_.Tell());
   }
 
-  // Called by the parser. The stream is then just past the token, but still at a bracket of an object or array.
+  // Called by the parser. The stream is then just past the token; only if the token is a bracket of an object or array,
+  // the stream is still at it.
   bool Null() { return Scalar(Type::kOther, "", true); }
   bool Bool(bool) { return Scalar(Type::kOther, ""); }
   bool RawNumber(const char* text, rapidjson::SizeType size, bool) { return Scalar(Type::kNumber, {text, size}); }
@@ -91,7 +92,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
   bool Scalar(Type type, std::string_view text, bool null = false) {
     FindToken(0);
     if (depth_ == 0) throw JsonError("an event must be a JSON object", token_);
-    if (depth_ > 1 || null) return true;  // null means not given: the library writes it for NaN.
+    if (depth_ > 1 || null) return true;  // A null, which the library writes for NaN, means that no value is given.
     if (field_ == nullptr) {
       if (type != Type::kNumber || text != std::to_string(OXEVENT_API_VERSION)) {
         Fail("must be " + std::to_string(OXEVENT_API_VERSION));
@@ -104,7 +105,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
            : takes_string     ? "must be a number or a string"
                               : "must be a number");
     }
-    if (text.find('\0') != text.npos) Fail("contains a NUL, which no string of an event may");
+    if (text.find('\0') != text.npos) Fail("contains a NUL, which no string of an event may contain");
     Set(std::string(text));
     return true;
   }

@@ -20,7 +20,8 @@ members are named like the fields of oxEventRecord, as in the documents that the
 severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a string, an object
 or an array. null means that the field is not given. The options for fields of the event, and
 MESSAGE if it is given with --json, are the defaults of every line. Empty lines are ignored. A line
-that is refused is reported with its number and column; the other lines are sent.
+that is refused is reported with its number and column; the other lines are sent. A line that is
+longer than 64 MiB is refused and ends the input.
 
 Without --rate, events are reported as fast as they are delivered, and none is lost to a full queue.
 With --rate, they are reported on time, and a full queue drops events according to its drop_policy.
@@ -38,7 +39,8 @@ then ends it. A second signal of the same kind ends it immediately.
 
 Exit status:
   0  every event was sent, and every sink whose minimum severity it meets accepted it
-  1  an event was refused, dropped, suppressed or sent to no sink, or a sink failed; see stderr
+  1  an event was refused, dropped, suppressed or sent to no sink, a sink failed, or the output could
+     not be written; see stderr
   2  invalid command line, or the library did not start
 )";
 

@@ -120,8 +120,8 @@ class ReportPrinter {
     const std::string name = std::string(status.section) + "\\" + status.name + ": ";
     const uint64_t accepted = CountEmitted(sink.minimum_severity);
     if (status.failures != 0) {
-      // The rows of a CSV file fail together at a flush, and later flushes fail too: the count is not that of lost
-      // rows.
+      // The rows of a CSV file fail together at a flush, and later flushes fail too, so the number of failures is not
+      // that of the lost rows.
       const std::string share = std::to_string(status.failures) + " of " + std::to_string(accepted) + " failed";
       return PrintProblem(name + (sink.type == oxEventSinkType::kCsv ? "failed" : share) + ": " +
                           WithRemedy(status.last_error, FailureReason(sink, status)));
@@ -137,10 +137,10 @@ class ReportPrinter {
     PrintSuccess(name + std::to_string(accepted) + DescribeDelivery(sink));
   }
 
-  // Returns the number of failures that it has printed.
+  // Prints the result of each sink. Returns the sum of their failures.
   uint64_t PrintSinks() {
-    const std::vector<oxEventSinkStatus> statuses =
-        oxEventSinkReport();  // Contains the enabled sinks, in the order of the settings.
+    // The enabled sinks in the order of the settings, then the callbacks.
+    const std::vector<oxEventSinkStatus> statuses = oxEventSinkReport();
     uint64_t failures = 0;
     uint32_t min_severity = UINT32_MAX;
     auto status = statuses.begin();

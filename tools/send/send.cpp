@@ -27,13 +27,14 @@ std::string LastError() {
   return text;
 }
 
-// The progress display on a terminal, shown after one second.
+// The progress display on a terminal. Appears after one second.
 class Progress {
  public:
-  explicit Progress(const Options& options) : total_(options.count), shown_(!options.quiet && isatty(STDERR_FILENO)) {}
+  explicit Progress(const Options& options)
+      : total_(options.count), enabled_(!options.quiet && isatty(STDERR_FILENO)) {}
 
   void Update() {
-    if (!shown_ || Clock::now() < next_) return;
+    if (!enabled_ || Clock::now() < next_) return;
     next_ = Clock::now() + std::chrono::milliseconds(200);
     const oxEventCounters counters = oxEventCoreGetCounters();
     const std::string of = total_ > 1 ? " of " + std::to_string(total_) : "";
@@ -49,8 +50,8 @@ class Progress {
 
  private:
   const uint64_t total_;
-  const bool shown_;
-  Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);
+  const bool enabled_;
+  Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);  // Time of the next update.
   bool visible_ = false;
 };
 
@@ -59,7 +60,8 @@ class Sender {
   Sender(const Options& options, const oxEventConfig& config)
       : options_(options), queue_size_(config.queue_size), progress_(options) {}
 
-  // Sends until there are no more events, a stop signal is received, or the delivery times out.
+  // Sends until there are no more events, a stop signal is received, or the delivery times out. Then waits until all
+  // events are delivered, unless the delivery has timed out.
   void Run(SendResult* result) {
     result_ = result;
     if (options_.json) {
@@ -100,7 +102,8 @@ class Sender {
     if (WaitToSubmit()) Submit(record);
   }
 
-  // Waits until the next event is due, or for space in the queue. Returns false if sending must stop.
+  // With --rate, waits until the next event is due, otherwise for space in the queue. Returns false if sending must
+  // stop.
   bool WaitToSubmit() {
     progress_.Update();
     if (options_.rate != 0) {
@@ -126,9 +129,9 @@ class Sender {
     ++result_->refused;
   }
 
-  // Waits until all events are delivered, and flushes the sinks.
+  // Waits until all events are delivered, and flushes the sinks. Gives up after `wait_s` without a delivery.
   void Drain() {
-    constexpr uint32_t kSliceMs = 200;  // Interval of updating the progress display.
+    constexpr uint32_t kSliceMs = 200;  // Interval at which the progress display is updated.
     uint64_t done = 0;
     bool idle = false;
     for (auto since = Clock::now(); oxEventFlush(kSliceMs) != OXEVENT_OK; progress_.Update()) {
