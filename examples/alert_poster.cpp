@@ -23,9 +23,10 @@ constexpr std::chrono::seconds kRepeat{60};
 constexpr std::chrono::seconds kRetry{5};
 constexpr std::chrono::seconds kStopTimeout{5};
 constexpr uint32_t kTimeoutMs = 3000;
-constexpr size_t kMaxAlerts = 10000;  // Limits the memory while the Alertmanager is unavailable.
+constexpr size_t kMaxAlerts = 10000;  // Further alerts are dropped. The documents of an alert are not limited.
 
-// The labels that identify an alert. A clear must have the labels of its raise, even if the host reports others.
+// The fields from which the labels are made. A clear must have the labels of its raise, even if the host reports the
+// clear with other fields.
 struct Identity {
   uint32_t severity = 0;
   std::string event_type;

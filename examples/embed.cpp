@@ -1,6 +1,6 @@
 // A host with several threads: oxevent-embed SETTINGS.xml
-// All threads submit while the settings are reloaded. No event may be lost or duplicated, and the events of a thread
-// must arrive in order: then the exit status is 0.
+// Several threads submit events while the main thread reloads the settings. The exit status is 0 if no event is lost or
+// duplicated and the events of each thread arrive in order.
 #include <oxEvent.h>
 
 #include <array>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint64_t kThreads = 4;
 constexpr uint64_t kEventsPerThread = 500;
-constexpr uint64_t kEventsPerFlush = 100;  // Those of all threads together fit into a queue of default size.
+constexpr uint64_t kEventsPerFlush = 100;  // Between two flushes, the events of all threads fit into the default queue.
 
 // Written only by the library's worker thread; read after the shutdown, which waits for that thread.
 struct Received {

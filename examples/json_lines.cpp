@@ -1,5 +1,5 @@
 // Prints each event as one line of JSON, as a container's log expects it: oxevent-json-lines SETTINGS.xml
-// The line is the document that the webhook posts. Each line of standard input is reported as a message.
+// The line is the document that the webhook posts. Reports each line of standard input as an event.
 #include <oxEvent.h>
 
 #include <charconv>
@@ -85,7 +85,7 @@ std::string FormatLine(const oxEventRecord& event) {
   return line;
 }
 
-// Runs on the library's worker thread. One write per line, so that lines of other threads do not mix with it.
+// Runs on the library's worker thread. One fwrite per line, so that lines of other threads do not mix with it.
 void PrintLine(const oxEventRecord* event, void* /*user_data*/) {
   const std::string line = FormatLine(*event);
   std::fwrite(line.data(), 1, line.size(), stdout);

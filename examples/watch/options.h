@@ -17,7 +17,7 @@ typedef struct Options {
   const char* settings;
   const char* directory;
   const char* spool;                            /* Null: no spool is watched. */
-  const char* spool_limit;                      /* Name of an option that requires --spool, or null. */
+  const char* spool_limit;                      /* Name of a given option that requires --spool, or null. */
   const char* alertmanagers[kMaxAlertmanagers]; /* URLs. */
   size_t alertmanager_count;
   uint64_t period_ms;
@@ -30,7 +30,7 @@ typedef struct Options {
   bool min_memory_is_percent; /* Else megabytes. */
 } Options;
 
-/* Returns -1 if the program may continue, or else the exit status; an error has then been printed. */
+/* Returns -1 if the program may continue, or else the exit status, after printing the help or an error. */
 int ParseOptions(int argc, char** argv, Options* options);
 
 #endif

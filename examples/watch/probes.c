@@ -48,7 +48,7 @@ int ReadSpool(const char* path, SpoolReading* reading) {
   int error = 0;
   const struct dirent* entry = NULL;
   do {
-    errno = 0;  // Only errno distinguishes readdir's failure from its end.
+    errno = 0;  // Only errno distinguishes a failure of readdir from the end of the directory.
     entry = readdir(directory);
     error = entry != NULL ? AddEntry(dirfd(directory), entry->d_name, Seconds(now), reading) : errno;
   } while (entry != NULL && error == 0);

@@ -1,6 +1,6 @@
 /*
- * The watcher's measurements. Each function fills *reading and returns 0, or returns an errno value and leaves *reading
- * unspecified.
+ * The watcher's measurements. Each Read function stores its result and returns 0, or returns an errno value and leaves
+ * the result unspecified.
  */
 #ifndef WATCH_PROBES_H
 #define WATCH_PROBES_H

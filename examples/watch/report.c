@@ -8,10 +8,10 @@
 
 #include "probes.h"
 
-void PrintFailure(const char* tried, uint32_t code) {
+void PrintFailure(const char* what, uint32_t code) {
   char error[1024];
   oxEventGetLastError(error, sizeof(error));
-  fprintf(stderr, "oxevent-watch: %s: %s (0x%08" PRIX32 ")\n", tried, error, code);
+  fprintf(stderr, "oxevent-watch: %s: %s (0x%08" PRIX32 ")\n", what, error, code);
 }
 
 static bool Submit(Reporter* reporter, const oxEventRecord* record) {
@@ -30,7 +30,8 @@ static bool HasChanged(const Condition* condition, double value) {
   return difference >= condition->step || -difference >= condition->step;
 }
 
-/* Begins an occurrence, with a correlation id of its own; process id and start time distinguish other runs. */
+/* Begins an occurrence with a correlation id of its own. Process id and start time distinguish the id from those of
+ * other runs. */
 static void Begin(Reporter* reporter, Condition* condition, uint64_t now_ms) {
   condition->since_ms = now_ms;
   snprintf(condition->correlation_id, sizeof(condition->correlation_id), "%ld-%" PRIu64 "-%u", (long)getpid(),
@@ -51,7 +52,7 @@ static void ReportStep(Reporter* reporter, Condition* condition, bool present, d
                                 .source_id = source,
                                 .source_name = reporter->host,
                                 .message = message,
-                                // A clear has it too, so that it passes the same filters as its raise.
+                                // A clear has the severity of its raise, so that the same filters let it pass.
                                 .severity = condition->severity,
                                 .action = !present  ? "clear"
                                           : changed ? "update"

@@ -28,14 +28,14 @@ typedef struct Condition {
   const char* units;
 
   bool raised;
-  double value; /* Value of the last report. */
+  double value; /* Value at the raise or at the last update. */
   uint64_t since_ms;
   char correlation_id[64]; /* The same from raise to clear. */
 } Condition;
 
 /*
- * Reports the state of a condition: `present` with `value`. Reports nothing if the condition is neither present nor
- * raised. Takes ownership of `message`, and of `details`, which it ends.
+ * Reports whether a condition is `present`, and its `value`. Reports nothing if the condition is neither present nor
+ * raised. Ends `details`, and frees its text and `message`.
  */
 void ReportCondition(Reporter* reporter, Condition* condition, bool present, double value, char* message,
                      JsonObject* details);
@@ -43,7 +43,7 @@ void ReportCondition(Reporter* reporter, Condition* condition, bool present, dou
 /* Reports an event that is not a condition: the watcher's own start, reload and stop. */
 void ReportNotice(Reporter* reporter, const char* event_type, const char* message);
 
-/* Prints the library's last error and `code`, after what was `tried`. */
-void PrintFailure(const char* tried, uint32_t code);
+/* Prints what failed, the library's last error and `code`. */
+void PrintFailure(const char* what, uint32_t code);
 
 #endif

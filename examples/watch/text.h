@@ -16,8 +16,9 @@
 char* FormatText(const char* format, ...) WATCH_PRINTF_LIKE;
 
 /*
- * Returns a copy of `text` that is well-formed UTF-8 on one line: U+FFFD replaces other bytes. File names may contain
- * any byte, but the library's strings are UTF-8, and the system log does not escape them.
+ * Returns a copy of `text` that is well-formed UTF-8 on one line: U+FFFD replaces control characters and bytes that are
+ * not UTF-8. File names may contain any byte, but the library's strings are UTF-8, and the system log sink does not
+ * escape them.
  */
 char* CleanText(const char* text);
 

@@ -21,7 +21,7 @@
 typedef struct Watcher {
   Options options;
   char* host;
-  char* directory;  // Like those in the options, but valid UTF-8 on one line.
+  char* directory;  // This and `spool` are as in the options, but valid UTF-8 on one line.
   char* spool;
   Reporter reporter;
   Condition file_system_full;
@@ -78,7 +78,7 @@ static void Setup(Watcher* watcher) {
   watcher->memory_unreadable = DescribeUnreadable("memory");
 }
 
-// Reports whether a measurement failed, `error` being its errno value or 0, and returns whether it succeeded.
+// Reports the result of a measurement: `error` is its errno value, or 0. Returns whether the measurement succeeded.
 static bool Measured(Watcher* watcher, Condition* unreadable, int error) {
   JsonObject details;
   JsonBegin(&details);
@@ -222,7 +222,7 @@ static void PrintEvent(const oxEventRecord* event, void* delivered) {
          event->action[0] != '\0' ? event->action : "-", event->event_type, event->message);
 }
 
-// Returns whether all calls succeeded.
+// Returns whether the library was started and shut down without an error.
 static bool WatchAndReport(Watcher* watcher, const sigset_t* signals) {
   uint64_t delivered = 0;
   uint32_t callback_id = 0;
@@ -245,7 +245,7 @@ static bool WatchAndReport(Watcher* watcher, const sigset_t* signals) {
 }
 
 static int Run(Watcher* watcher) {
-  // Blocked before any thread starts, so that no thread but Watch's receives the signals.
+  // Blocked before any thread starts, so that only Watch receives the signals.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGHUP);
