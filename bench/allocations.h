@@ -2,5 +2,5 @@
 
 #include <cstddef>
 
-// Number of the calling thread's calls of malloc, calloc and realloc, including those from shared libraries.
+// Number of calls to malloc, calloc and realloc by the calling thread, including those from shared libraries.
 extern thread_local size_t t_allocations;

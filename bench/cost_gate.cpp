@@ -1,7 +1,8 @@
 // Counts what an event costs in each section of its path. scripts/figures runs this under callgrind in an empty
 // directory. Each section writes a callgrind dump with its name as the trigger, and a line to standard output: name,
 // events, allocations. The counts are exact because no thread waits for a lock in a section: a callback blocks the
-// worker while the caller submits, and the caller blocks while the worker delivers.
+// worker while the caller submits, and the caller blocks while the worker delivers. Only in the mixed load do both run
+// at the same time; its sections write no dump.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <valgrind/callgrind.h>
@@ -18,7 +19,7 @@
 #include "oxEvent.h"
 #include "sinks/oxEventText.h"
 
-// Replaces liboxutil's clock with a constant: the sysUpTime of every trap takes the same number of bytes.
+// Replaces liboxutil's clock with a constant, so that the sysUpTime of every trap takes the same number of bytes.
 extern "C" uint32_t oxOSGetMs() { return 0x40000000; }
 
 namespace {
@@ -92,7 +93,8 @@ const std::string& LongestMessage() {
 
 void Submit(const oxEventRecord& record) { Check(oxEventSubmit(&record) == OXEVENT_OK, "oxEventSubmit failed"); }
 
-// Its strings are the longest of all events, so that the buffers it leaves for reuse fit every event.
+// Submits an event that begins or ends the worker's section. Its strings are the longest of all events, so that the
+// buffers that it leaves for reuse fit every event.
 void SubmitMarker(uint64_t id) {
   oxEventRecord record = CompleteRecord();
   record.event_id = id;
@@ -115,7 +117,7 @@ void ReleaseWorker() {
   Flush();
 }
 
-// The port of a UDP socket that nothing reads.
+// Returns the port of a UDP socket that nothing reads.
 uint16_t ReceiverPort() {
   static const int receiver = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in address = {};
@@ -239,8 +241,9 @@ void MeasureNativeJson() {
   section.Report("native_json");
 }
 
-// Reports each of 50 conditions with five actions, and a second event after each report. The messages have `lengths`
-// different lengths; 1 means the longest message only, and that the second event repeats the first.
+// Reports each of 50 conditions with five actions, and submits a second event after each report. The messages have
+// `lengths` different lengths. If that is 1, all messages are the longest one, and the second event repeats the first;
+// otherwise the second event is submitted by oxEventSubmitSimple.
 void SubmitCycle(size_t lengths) {
   constexpr const char* kActions[] = {"raise", "raise", "update", "repeat", "clear"};
   static size_t sent = 0;
@@ -261,8 +264,8 @@ void SubmitCycle(size_t lengths) {
   }
 }
 
-// Counts only allocations, because caller and worker run concurrently: with all sinks, while the queue fills and
-// drains, conditions are raised and cleared, and message lengths vary.
+// Counts only allocations, because caller and worker run concurrently: with four sinks and the callback, while the
+// queue fills and drains, conditions are raised and cleared, and message lengths vary.
 void MeasureMixedLoad() {
   constexpr size_t kRounds = 20;
   Start("csv syslog snmp alertmanager");

@@ -187,7 +187,7 @@ void PrintSubmitTimes() {
          Percentile(g_submit_duration_ns, 0.99), Percentile(g_submit_duration_ns, 0.999), mean);
 }
 
-// Returns the number of lost events.
+// Prints the delays of the delivered events, and returns the number of lost events.
 size_t PrintDelays() {
   std::vector<uint64_t> delays;
   for (size_t i = 0; i < g_delivered_ns.size(); ++i) {
@@ -223,7 +223,7 @@ int Measure(const Load& load, const std::string& directory) {
   const auto worker_allocations = static_cast<double>(g_worker.allocations - allocations_before);
   const auto worker_cpu = static_cast<double>(g_worker.CpuNs() - cpu_before);
   const auto wakeups = static_cast<double>(g_worker.Wakeups() - wakeups_before);
-  const uint64_t peak = PeakResidentKib();  // May be below resident_before: the kernel updates it late.
+  const uint64_t peak = PeakResidentKib();  // May be below resident_before: the kernel updates the peak late.
   const uint64_t memory = peak > resident_before ? peak - resident_before : 0;
 
   const auto events = static_cast<double>(load.events);

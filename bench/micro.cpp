@@ -127,7 +127,7 @@ void RegisterFormatters() {
 using JsonBuffer = rapidjson::StringBuffer;
 using JsonWriter = rapidjson::Writer<JsonBuffer>;
 
-// With 17 digits, as the library does, or RapidJSON's default: the shortest string that converts back to the value.
+// Writes 17 digits, as the library does, or RapidJSON's default, the shortest string that converts back to the value.
 void WriteDouble(double value, bool shortest, JsonWriter* writer) {
   if (shortest) {
     writer->Double(value);
@@ -179,7 +179,7 @@ void WriteWithRapidJson(const oxEventNormalizedEvent& event, bool shortest, Json
   writer->EndObject();
 }
 
-// The same document by the library, and by RapidJSON with its buffers reused.
+// Registers benchmarks that write the same document with the library, and with RapidJSON, whose buffer is reused.
 void RegisterJsonWriters() {
   static const oxEventNormalizedEvent event = CompleteEvent();
   RegisterFormatter("Json/native", event.message, [](auto* out) { oxEventText::FormatNativeJsonData(event, out); });
@@ -218,7 +218,7 @@ class TempFile {
 
   const std::string& Path() const { return path_; }
 
-  // False unless the file has `expected_size` bytes.
+  // Truncates the file. Returns false unless it had `expected_size` bytes.
   bool Truncate(size_t expected_size) const {
     return std::filesystem::file_size(path_) == expected_size && truncate(path_.c_str(), 0) == 0;
   }
@@ -263,7 +263,7 @@ void CsvRowToFile(benchmark::State& state) {
 }
 BENCHMARK(CsvRowToFile)->Name("Csv/row_to_file");
 
-// Writes the same preformatted rows in blocks; reports the time per row.
+// Writes the same rows, formatted beforehand, in blocks. Reports the time per row.
 void CsvBareWrite(benchmark::State& state) {
   const TempFile file;
   const std::string row = CsvRow();

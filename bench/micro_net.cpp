@@ -1,4 +1,4 @@
-// Network sinks, compared with sending the same bytes by sendto and libcurl alone.
+// Network sinks, compared with sending the same bytes by sendto or libcurl alone.
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <netinet/in.h>
@@ -109,8 +109,8 @@ void SubmitDatagrams(benchmark::State& state, Factory factory, bool bare) {
 }
 
 // Pins the calling thread, and the threads that it starts, to the first or the last of its processors. Client and
-// server get one each: the scheduler sometimes places both on one processor, and an exchange then takes a third of the
-// time.
+// server get one each: the scheduler sometimes places both on one processor, and an exchange then takes only a third of
+// the time.
 class CpuPin {
  public:
   enum Which { kFirst, kLast };

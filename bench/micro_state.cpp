@@ -40,9 +40,9 @@ size_t ResidentBytes() {
   return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// A state with `raised` raised conditions, and a quarter as many clear ones. The visits are in random order with
-// respect to the state's memory. The benchmark's own data is stored in the order of the visits, so that the cache
-// misses are those of the state.
+// A state with `raised` raised conditions, and a quarter as many clear ones. The benchmark visits the conditions in an
+// order that is random with respect to the state's memory. Its own data is stored in the order of the visits, so that
+// the cache misses are those of the state.
 class Conditions {
  public:
   explicit Conditions(uint32_t raised);
