@@ -233,7 +233,7 @@ class CombinationChecker {
         Add(Severity::kDetail, "host-lines", group, "facility",
             "the host's own lines in the system log also go to this facility, under this source_name, once the sink "
             "has sent an event",
-            "Have the host name the facility in each call of syslog, or call openlog again before it.");
+            "Have the host name the facility in each call to syslog, or call openlog again before it.");
       }
       if (sink.type != Type::kWebhookHttp) return;
       if (sink.connect_timeout_ms > sink.request_timeout_ms && sink.request_timeout_ms != 0) {

@@ -36,7 +36,7 @@ struct SettingsFile {
   std::string path;
   oxCFGStore store;
   std::string start_error;                        // What oxEventInitialize would report; empty: it would succeed.
-  oxEventConfig config;                           // Has defaults for invalid values, but the queue_size of the file.
+  oxEventConfig config;                           // Has the defaults of invalid values; only a queue_size of 0 stays.
   std::map<std::string, std::string> bad_values;  // Maps a value's path to the loader's error text.
   std::string completed;                          // Contents of the file after the library has completed it.
   std::vector<Group> groups;                      // In the order in which the library reads them.

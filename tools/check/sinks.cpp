@@ -90,7 +90,8 @@ class SinkChecker {
 
   // A disabled sink with a destination or a secret was probably meant to be enabled.
   void CheckDisabled(const Group& group) {
-    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;  // May have been meant as on.
+    // An invalid value may have been meant to enable the sink.
+    if (file_.bad_values.count(group.PathOf("enabled")) != 0) return;
     for (const Value& value : group.values) {
       const oxEventSetting& setting = *value.setting;
       const bool is_destination_or_secret = setting.form == Form::kUrl || setting.form == Form::kHost ||

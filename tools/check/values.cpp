@@ -79,7 +79,7 @@ class ValueChecker {
 
   std::string Default() const { return oxEventSettingDefault(*value_->setting); }
 
-  // Reports the value if the loader refuses it. Returns whether the loader does.
+  // If the loader refuses the value, reports it and returns true.
   bool CheckInvalid() {
     const oxEventSetting& setting = *value_->setting;
     const auto bad = file_.bad_values.find(group_->PathOf(setting.name));

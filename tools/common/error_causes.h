@@ -78,7 +78,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "the earlier flush failed in this way, oxEventShutdown failed because it discarded queued events. (oxEventFlush "
      "itself reports a failed sink as \"oxEvent core flush timed out\".)",
      "Check the disks of the paths in the sections sink\\csv: df -h PATH, df -i PATH, the quota and ulimit -f. Then "
-     "call oxEventReloadConfig, or restart the library: until then, a CSV sink that has failed writes nothing more."},
+     "start the library again or, if it is running, call oxEventReloadConfig: until then, a CSV sink that has failed "
+     "writes nothing more."},
     {oxEventErrors::kShutdownFailed, ErrorOrigin::kCall,
      "oxEventShutdown could not deliver all queued events within 5 s, or was called inside a callback while events "
      "were queued, and discarded the rest. With OXEVENT_NOT_INITIALIZED: the process began to exit during the call. "
