@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Publishes each line of standard input to the queue "oxevent" of a broker: publisher.py URL
 
-rsyslog starts it as rsyslog-broker.conf describes. Writes "OK" when it is connected, and again for each line when the
-broker has confirmed it, which it does only when it has written the event to its disk. Ends at any failure; rsyslog then
-starts it again and repeats the line that was not confirmed.
+rsyslog starts it as rsyslog-broker.conf describes. Writes "OK" when it is connected, and again for each line that
+the broker has confirmed; the broker confirms an event only when it has written it to its disk. Ends at any failure;
+rsyslog then starts the program again and repeats the line that was not confirmed.
 """
 import sys
 

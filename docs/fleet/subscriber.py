@@ -15,7 +15,7 @@ import pika
 SCHEMA = """CREATE TABLE IF NOT EXISTS events (
   utc_ns INTEGER, hostname TEXT, procid TEXT, event_id INTEGER, document TEXT NOT NULL,
   PRIMARY KEY (utc_ns, hostname, procid, event_id))"""
-BATCH_SIZE = 100  # Events that the broker sends before it waits for an acknowledgement.
+BATCH_SIZE = 100  # Number of events that the broker sends before it waits for an acknowledgement.
 
 
 def identity(document):
@@ -27,7 +27,7 @@ def identity(document):
         key = ()
     if len(key) == 4 and all(isinstance(part, str) for part in key):
         return key
-    return None, None, None, None  # Not an event of oxEvent, or truncated in transit.
+    return None, None, None, None  # Not an event of oxEvent, or one whose line was truncated.
 
 
 def store(database, body):
@@ -45,7 +45,8 @@ def receive(url, database):
         channel.basic_qos(prefetch_count=BATCH_SIZE)
         for method, _, body in channel.consume("oxevent"):
             store(database, body)
-            if channel.get_waiting_message_count() == 0:  # Commits and acknowledges all that have arrived, at once.
+            # Commits and acknowledges together all events that have arrived.
+            if channel.get_waiting_message_count() == 0:
                 database.commit()
                 channel.basic_ack(method.delivery_tag, multiple=True)
 
