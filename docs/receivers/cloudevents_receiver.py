@@ -21,7 +21,7 @@ from jsonschema.exceptions import best_match
 
 MAX_BODY = 16 << 20  # Bytes.
 MAX_REASON = 500  # Characters.
-MAX_REMEMBERED = 100_000  # Events whose source and id are kept, to detect that they are used again.
+MAX_REMEMBERED = 100_000  # Number of events whose source and id are kept, to detect when they are used again.
 LINE_ENDS = bytes.maketrans(b"\r\n", b"  ")  # Valid JSON contains raw line ends only between tokens.
 
 # Requirements of CloudEvents 1.0 that its schema does not express.
@@ -128,7 +128,7 @@ def check(event):
 
 
 class EventLog:
-    """The log, and the ids seen since the start. Threads: any."""
+    """The log, and what identifies the last MAX_REMEMBERED events. Any thread may call it."""
 
     def __init__(self, log):
         self.log = log
