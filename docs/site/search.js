@@ -1,12 +1,12 @@
-// Searches the sections of all pages for every word that is typed. The index is loaded when the field gets the focus;
-// it is a script because a page that was opened as a file cannot fetch anything else.
+// Finds the sections of all pages that contain every word in the search field. The index is loaded when the field gets
+// the focus. It is a script, because a page that was opened from a file cannot fetch anything else.
 "use strict";
 
 const MAX_RESULTS = 20;
 const SNIPPET_LENGTH = 160;
 const field = document.getElementById("search");
 const list = document.getElementById("results");
-let sections = [];  // Of scripts/docs_site.py: {url, page, heading, text}.
+let sections = [];  // Made by scripts/docs_site.py: {url, page, heading, text}.
 
 function loadIndex() {
   const script = document.createElement("script");
@@ -26,7 +26,7 @@ function find(words) {
     if (!words.every(word => heading.includes(word) || text.includes(word))) continue;
     found.push({section, score: words.filter(word => heading.includes(word)).length});
   }
-  found.sort((a, b) => b.score - a.score);  // Stable: sections of equal score keep their order.
+  found.sort((a, b) => b.score - a.score);  // Sections of equal score keep their order.
   return found.slice(0, MAX_RESULTS).map(one => one.section);
 }
 
@@ -50,7 +50,9 @@ function showResults() {
     link.append(title, text);
     return link;
   }));
-  if (words.length > 0 && sections.length > 0 && found.length === 0) list.textContent = "No section contains these words.";
+  if (words.length > 0 && sections.length > 0 && found.length === 0) {
+    list.textContent = "No section contains all of these words.";
+  }
   list.hidden = words.length === 0;
 }
 
