@@ -32,8 +32,8 @@ uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
   return severity < std::size(kSeverities) ? kSeverities[severity] : 6;
 }
 
-// Adds a header field: at most max_length bytes, with "_" for each byte that is not PRINTUSASCII (RFC 5424, section 6), or
-// "-" if `text` is empty.
+// Adds a header field: at most max_length bytes, with "_" for each byte that is not PRINTUSASCII (RFC 5424, section 6),
+// or "-" if `text` is empty.
 void AddHeaderField(std::string_view text, size_t max_length, oxEventTextWriter* line) {
   if (text.empty()) return line->Add('-');
   text = text.substr(0, max_length);
