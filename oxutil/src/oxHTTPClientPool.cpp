@@ -114,7 +114,7 @@ std::unique_ptr<oxHTTPClient> Acquire(const oxHTTPRequest& request) {
   }
   try {
     if (client == nullptr || !client->IsReusable()) client = std::make_unique<oxHTTPClient>();
-  } catch (const std::bad_alloc&) {
+  } catch (...) {  // std::bad_alloc, or the cancellation of the thread.
     client.reset();
     Release(request, nullptr);
     throw;
