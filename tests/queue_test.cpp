@@ -89,7 +89,7 @@ struct QueueTest : testing::Test {
   oxEventNodePtr node_cache;  // As a submit slot keeps it.
 };
 
-TEST_F(QueueTest, RefusesEventsBeforeItsStartAndAfterAReset) {
+TEST_F(QueueTest, TurnsAwayEventsBeforeItsStartAndAfterAReset) {
   EXPECT_EQ(Enqueue("a"), Result::kNotAccepting);
   queue.Start(3, Policy::kDropNewest);
   queue.Reset();
@@ -97,7 +97,7 @@ TEST_F(QueueTest, RefusesEventsBeforeItsStartAndAfterAReset) {
   EXPECT_EQ(queue.EnqueueCount(), 2u);
 }
 
-TEST_F(QueueTest, RefusesAnEventThatItHasAlreadyCopied) {
+TEST_F(QueueTest, TurnsAwayAnEventThatItHasAlreadyCopied) {
   queue.Start(3, Policy::kDropNewest);
   oxEventNodePool pool;
   oxEventNodePtr node = pool.Create();
@@ -112,7 +112,7 @@ TEST_F(QueueTest, RecordsEveryDropByItsReason) {
   queue.Start(1, Policy::kDropDebugInfoFirst);
   EXPECT_EQ(Enqueue("a", kInfo), Result::kQueued);
   EXPECT_EQ(Enqueue("b"), Result::kDisplacedOlder);
-  EXPECT_EQ(Enqueue("c"), Result::kDropped);
+  EXPECT_EQ(Enqueue("c"), Result::kRefused);
   EXPECT_EQ(queue.DropPending(), 1u);
   EXPECT_EQ(Drops(oxEventDrop::kDisplaced), 1u);
   EXPECT_EQ(Drops(oxEventDrop::kRefused), 1u);
@@ -124,7 +124,7 @@ TEST_F(QueueTest, TrimsMoreEventsThanOneBatchHolds) {
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(Enqueue(std::to_string(i), kInfo), Result::kQueued);
   EXPECT_EQ(queue.Configure(2, Policy::kDropNewest), 998u);
   EXPECT_EQ(Drops(oxEventDrop::kTrimmed), 998u);
-  EXPECT_EQ(Enqueue("more"), Result::kDropped);
+  EXPECT_EQ(Enqueue("more"), Result::kRefused);
   EXPECT_EQ(queue.WaitPop()->message, "0");
 }
 

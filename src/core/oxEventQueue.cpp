@@ -37,7 +37,7 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
 
 oxEventEnqueueResult oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) {
   const oxEventEnqueueResult result = CopyAndAppend(event, node_cache);
-  if (result == oxEventEnqueueResult::kDropped) drops_->Record(event, oxEventDrop::kRefused);
+  if (result == oxEventEnqueueResult::kRefused) drops_->Record(event, oxEventDrop::kRefused);
   if (result == oxEventEnqueueResult::kNoMemory) drops_->Record(event, oxEventDrop::kNoMemory);
   return result;
 }
@@ -45,9 +45,9 @@ oxEventEnqueueResult oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, 
 oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) {
   oxEventNodePtr& node = *node_cache;
   if (node == nullptr || !node->event.HasRoomFor(event)) {
-    // Check first: do not allocate for an event that would be refused.
+    // Check first: do not allocate for an event that would not be queued.
     oxEventLock lock(mutex_);
-    if (!CanAppendLocked()) return RefuseLocked();
+    if (!CanAppendLocked()) return RejectLocked();
     if (node == nullptr) node = pool_.TryAcquire();
   }
   // With the lock released, so that copying a long text does not delay other threads.
@@ -59,7 +59,7 @@ oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& e
   {
     oxEventLock lock(mutex_);
     if (!CanAppendLocked()) {
-      result = RefuseLocked();
+      result = RejectLocked();
     } else {
       if (AppendLocked(&node)) result = oxEventEnqueueResult::kDisplacedOlder;
       wake = (wait_mode_ == WaitMode::kBlocked || backlog_.IsHalfFull()) && ClaimWakeupLocked();
@@ -150,9 +150,9 @@ void oxEventQueue::Reset() {
 }
 
 // Counts an event that cannot be queued, and returns the reason.
-oxEventEnqueueResult oxEventQueue::RefuseLocked() {
+oxEventEnqueueResult oxEventQueue::RejectLocked() {
   ++enqueue_count_;
-  return IsAcceptingLocked() ? oxEventEnqueueResult::kDropped : oxEventEnqueueResult::kNotAccepting;
+  return IsAcceptingLocked() ? oxEventEnqueueResult::kRefused : oxEventEnqueueResult::kNotAccepting;
 }
 
 // Queues *node. If an older event is dropped for it, returns true, and *node becomes that event; otherwise *node

@@ -15,9 +15,9 @@
 enum class oxEventEnqueueResult {
   kQueued,
   kDisplacedOlder,  // Queued; the queue was full, and the oldest event below warning was dropped for it.
-  kDropped,         // Not queued: the queue is full.
+  kRefused,         // Not queued: the queue is full.
   kNoMemory,        // Not queued: there is no memory for the copy.
-  kNotAccepting,    // Not queued, and not recorded as a drop: the queue has not been started, or is being stopped.
+  kNotAccepting,    // Turned away, not recorded as a drop: the queue has not been started, or is being stopped.
 };
 
 // The bounded first-in-first-out queue between the submitting threads and the worker: guards the backlog and its memory
@@ -73,7 +73,7 @@ class oxEventQueue {
 
   oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
   bool CanAppendLocked() const OX_REQUIRES(mutex_) { return IsAcceptingLocked() && backlog_.CanPush(); }
-  oxEventEnqueueResult RefuseLocked() OX_REQUIRES(mutex_);
+  oxEventEnqueueResult RejectLocked() OX_REQUIRES(mutex_);
   bool AppendLocked(oxEventNodePtr* node) OX_REQUIRES(mutex_);
   void RecordDrops(oxEventNodeList* dropped, oxEventDrop reason);
 

@@ -64,7 +64,7 @@ uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
       return OXEVENT_FAILURE;
     case oxEventEnqueueResult::kQueued:
     case oxEventEnqueueResult::kDisplacedOlder:
-    case oxEventEnqueueResult::kDropped:
+    case oxEventEnqueueResult::kRefused:
       break;
   }
   return OXEVENT_OK;

@@ -14,7 +14,7 @@
 #include "core/oxEventState.h"
 #include "core/oxEventSubmitSlots.h"
 
-// While no call is under way, submitted = emitted + dropped + refused by the queue (OXEVENT_NOT_INITIALIZED)
+// While no call is under way, submitted = emitted + dropped + turned away by a stopping queue (OXEVENT_NOT_INITIALIZED)
 //   + failed evaluations + pending + active.
 struct oxEventCounters {
   uint64_t submitted = 0;      // Submit calls while running, before any filter.
