@@ -10,7 +10,7 @@
 #include "base/oxEventTrace.h"
 
 // Reasons for dropping an event that was reported while the library was running. Trace points show the values: add new
-// ones at the end.
+// ones at the end. tools/oxevent-gdb.py makes the reason's text from the name of the enumerator.
 enum class oxEventDrop : uint32_t {
   kFiltered,    // The library is switched off, or the severity is below the minimum.
   kNoMemory,    // There was no memory for the copy.
@@ -23,6 +23,8 @@ enum class oxEventDrop : uint32_t {
 
 constexpr const char* kOxEventDropTexts[] = {"filtered", "no memory", "refused",   "displaced",
                                              "trimmed",  "stopped",   "suppressed"};
+static_assert(std::size(kOxEventDropTexts) == static_cast<size_t>(oxEventDrop::kSuppressed) + 1,
+              "one text for each reason; name the last reason here");
 
 constexpr const char* oxEventDropText(oxEventDrop reason) { return kOxEventDropTexts[static_cast<size_t>(reason)]; }
 
