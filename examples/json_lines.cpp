@@ -1,5 +1,5 @@
 // Prints each event as one line of JSON, as a container's log expects it: oxevent-json-lines SETTINGS.xml
-// The line is the document that the webhook posts. Reports each line of standard input as an event.
+// The line is the document that the webhook posts. Reports each line of standard input as an event, except empty ones.
 #include <oxEvent.h>
 
 #include <charconv>
@@ -110,6 +110,7 @@ int main(int argc, char** argv) {
   if (oxEventRegisterCallback(PrintLine, nullptr, &id) != OXEVENT_OK) return Fail("register");
   if (oxEventInitialize(argv[1]) != OXEVENT_OK) return Fail("initialize");
   for (std::string message; std::getline(std::cin, message);) {
+    if (*message.c_str() == '\0') continue;  // The library accepts no empty message.
     if (oxEventSubmitSimple(0, OXEVENT_SEVERITY_WARNING, "stdin", message.c_str()) != OXEVENT_OK) return Fail("submit");
   }
   if (oxEventShutdown() != OXEVENT_OK) return Fail("shutdown");
