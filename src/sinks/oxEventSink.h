@@ -43,7 +43,8 @@ class oxEventSink {
   // not be opened. Only the destructor is called after it.
   virtual void Discard() {}
 
-  // What the error text of the last failure leaves out, such as the status code of an HTTP response. For tools.
+  // What the error text of the last failure leaves out, such as the status code of an HTTP response. For tools. Must
+  // take no lock: the caller holds one.
   virtual std::string FailureDetail() const { return {}; }
 
  private:

@@ -38,7 +38,8 @@ class oxEventActiveSink {
 // all of its buffered rows, after those of its own predecessor, if it still has one.
 //
 // Ownership: shared by the sink set, by each thread that calls it and, until it is drained, by its successor.
-// Threads: any. No lock is held while a sink is called. Timeouts apply to each sink; 0 means no limit.
+// Threads: any. No lock is held while a sink is called, except that Report calls FailureDetail with the lock of the
+// oxEventActiveSink held. Timeouts apply to each sink; 0 means no limit.
 class oxEventSinkGeneration {
  public:
   using Sinks = std::vector<std::unique_ptr<oxEventActiveSink>>;
