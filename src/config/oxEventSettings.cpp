@@ -56,8 +56,9 @@ constexpr oxEventSetting kState[] = {
     {"enabled", &C::state_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
     {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
     {"default_repeat_interval_sec", &C::default_repeat_interval_sec, Form::kSeconds,
-     "Interval after which a report of a raised condition is delivered again (a raise as a repeat), measured by the "
-     "utc_ns of the events. 0: every report of a raised condition is delivered."},
+     "How long raises, repeats and unchanged updates of a raised condition are suppressed, measured from the utc_ns of "
+     "the last event delivered for it to that of the report. After that, a raise is delivered as a repeat. Changed "
+     "updates are always delivered. 0: every report of a raised condition is delivered."},
     {"send_clear", &C::send_clear, Form::kSwitch, "Whether the clear of a raised condition is delivered."},
     {"route_orphan_clear", &C::route_orphan_clear, Form::kSwitch,
      "Whether the clear of a condition that is not raised is delivered."}};
