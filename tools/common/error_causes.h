@@ -222,9 +222,10 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The host name of the manager was resolved, but no UDP socket could be created for any of its addresses.",
      kSocketRemedy},
     {oxEventErrors::kSinkFailed, ErrorOrigin::kDelivery,
-     "The process was forked while another thread was writing a message to the system log: the sections sink\\native "
-     "cannot be used in this child process.",
-     "Have the child process call exec, or disable the sections sink\\native in its settings (set enabled to 0)."},
+     "When the process was forked, another thread's write to the system log hung, or another thread's fork took more "
+     "than 20 ms: the sections below sink\\native cannot be used in this child process.",
+     "Have the child process call exec, or disable the sections below sink\\native in its settings (set enabled to "
+     "0)."},
     {oxEventErrors::kSinkThrew, ErrorOrigin::kDelivery,
      "A sink could not complete an operation. std::bad_alloc: out of memory. The event is lost for this sink; the sink "
      "continues with the next event.",
