@@ -156,9 +156,9 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 
 /*
  * Reloads the settings and applies them. Raised conditions and callbacks are kept, and so are as many queued events as
- * the new queue_size allows. config_path null or empty: the file of the last successful oxEventInitialize or
- * oxEventReloadConfig. Concurrent reloads run one after another. oxEventShutdown does not wait for a reload that is
- * still reading the file or resolving host names; that reload then applies nothing.
+ * the new queue_size allows; they go to the new sinks. config_path null or empty: the file of the last successful
+ * oxEventInitialize or oxEventReloadConfig. Concurrent reloads run one after another. oxEventShutdown does not wait for
+ * a reload that is still reading the file or resolving host names; that reload then applies nothing.
  *
  * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as for oxEventInitialize; the previous settings stay in effect. A null or
  * empty config_path is invalid only if the library is not initialized.
