@@ -109,8 +109,8 @@ void SubmitDatagrams(benchmark::State& state, Factory factory, bool bare) {
 }
 
 // Pins the calling thread, and the threads that it starts, to the first or the last of its processors. Client and
-// server get one each: the scheduler sometimes places both on one processor, and an exchange then takes only a third of
-// the time.
+// server get one each: otherwise the scheduler would sometimes place both on one processor, where an exchange takes
+// only a third of the time, and runs would not be comparable.
 class CpuPin {
  public:
   enum Which { kFirst, kLast };

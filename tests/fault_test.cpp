@@ -47,7 +47,7 @@ struct FaultTest : testing::Test {
   static void CountEvent(const oxEventRecord* event, void* user_data) {
     auto& test = *static_cast<FaultTest*>(user_data);
     if (test.callbacks++ > 0) return;
-    // If a raise is lost, the next one is delivered as a raise. The event of ExpectWorks has no action.
+    // Never a repeat: a raise that was lost has raised no condition. The event of ExpectWorks has no action.
     EXPECT_TRUE(string("raise").starts_with(event->action)) << event->action;
   }
   void Stop() {

@@ -15,8 +15,9 @@ class oxEventNoDestructor {
   T& operator*() { return object_; }
   T* operator->() { return &object_; }
 
-  // Constructs the object again, as when the library was loaded, and abandons the old one without touching it. For the
-  // child of a fork, where threads that no longer exist may have left the old object locked or half changed.
+  // Constructs the object again, as when the library was loaded, over the old one, which is neither read nor destroyed:
+  // what it owns is leaked. For the child of a fork, where threads that no longer exist may have left the old object
+  // locked or half changed.
   void Reset() { new (&object_) T(); }
 
  private:
