@@ -3,6 +3,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <climits>
+#include <cstring>
+#include <string_view>
 
 #include "oxHTTPModule.h"
 #include "oxutil.h"
@@ -16,13 +19,28 @@ Command LoadCommand() { return oxHTTPModuleCommand; }
 #else
 std::atomic<Command> g_command = nullptr;
 
+// Looks beside this library first: if a sanitizer intercepts dlopen, the loader does not know this library's RUNPATH.
+void* OpenModule() {
+  Dl_info own = {};
+  dladdr(reinterpret_cast<const void*>(OpenModule), &own);
+  const std::string_view file = own.dli_fname == nullptr ? "" : own.dli_fname;
+  const size_t directory_size = file.rfind('/') + 1;  // 0 if there is no slash.
+  char path[PATH_MAX];
+  if (directory_size != 0 && directory_size + sizeof(OXUTIL_HTTP_MODULE) <= sizeof(path)) {
+    std::memcpy(path, file.data(), directory_size);
+    std::memcpy(path + directory_size, OXUTIL_HTTP_MODULE, sizeof(OXUTIL_HTTP_MODULE));
+    if (void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL)) return module;
+  }
+  return dlopen(OXUTIL_HTTP_MODULE, RTLD_NOW | RTLD_LOCAL);
+}
+
 // Returns null if the module cannot be loaded; the next call tries again. Takes no lock, so a fork needs no handler:
 // two threads that load the module at the same time get the same function.
 Command LoadCommand() {
   if (const Command command = g_command) return command;
   int cancel_state = 0;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);  // A cancelled thread would leave the loader locked.
-  void* const module = dlopen(OXUTIL_HTTP_MODULE, RTLD_NOW | RTLD_LOCAL);
+  void* const module = OpenModule();
   if (module != nullptr) g_command = reinterpret_cast<Command>(dlsym(module, "oxHTTPModuleCommand"));
   pthread_setcancelstate(cancel_state, nullptr);
   return g_command;

@@ -36,7 +36,13 @@ const char* oxEventPlatformHttpUnsafeVariable() {
 
 std::string oxEventPlatformHttpPrepare() {
 #ifndef OXEVENT_STATIC
-  if (dlopen("liboxutil-http.so", RTLD_NOW | RTLD_LOCAL) == nullptr) {
+  // Looks in the same places as the companion, and in the same order, so that the companion finds the module loaded.
+  constexpr char kModule[] = "liboxutil-http.so";
+  Dl_info companion = {};
+  dladdr(reinterpret_cast<const void*>(oxOSHTTPCommand), &companion);
+  const std::string file = companion.dli_fname == nullptr ? "" : companion.dli_fname;
+  const std::string beside = file.substr(0, file.rfind('/') + 1) + kModule;
+  if (dlopen(beside.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr && dlopen(kModule, RTLD_NOW | RTLD_LOCAL) == nullptr) {
     const char* const reason = dlerror();
     return reason == nullptr ? "liboxutil-http.so cannot be loaded" : reason;
   }
