@@ -33,7 +33,7 @@ static void* g_library;
 static char g_settings[] = "/tmp/oxevent_dlopen_host_XXXXXX";
 static const char kLongText[] = "a text that is too long for memory that is already allocated";
 
-#define OX(name) ((uint32_t(*)())dlsym(g_library, "oxEvent" #name))
+#define OX(name) ((__typeof__(&oxEvent##name))dlsym(g_library, "oxEvent" #name))
 
 static uint32_t Initialize(void) { return OX(Initialize)(g_settings); }
 static uint32_t UnregisterUnknown(void) { return OX(UnregisterCallback)(~0u); }
