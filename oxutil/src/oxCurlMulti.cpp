@@ -4,6 +4,7 @@
 #include <linux/sockios.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +47,12 @@ bool IsWakeupPair(const DescriptorPair& pair, CURLM* multi) {
   return both_match(true);
 }
 
+// Newer versions of libcurl wake up through an eventfd, which is close-on-exec. It has no file type.
+bool IsCloseOnExecEventfd(int fd) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && (status.st_mode & S_IFMT) == 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+}
+
 }  // namespace
 
 CURLM* oxCurlMultiInit() {
@@ -54,6 +61,7 @@ CURLM* oxCurlMultiInit() {
     curl_multi_cleanup(multi);
     const DescriptorPair pair;
     multi = curl_multi_init();
+    if (multi != nullptr && IsCloseOnExecEventfd(pair.read_end)) break;
     if (multi == nullptr || !IsWakeupPair(pair, multi)) continue;
     fcntl(pair.read_end, F_SETFD, FD_CLOEXEC);
     fcntl(pair.write_end, F_SETFD, FD_CLOEXEC);
