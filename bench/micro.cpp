@@ -103,15 +103,18 @@ void RegisterFormatters() {
     oxEventFormatAlertmanagerAlert(event, config, out);
   });
   RegisterFormatter("Text/json_escape", R"(\"fan_rpm\":4200)", [](auto* out) {
-    oxEventTextWriter writer(out);
+    oxEventWriter writer(out);
     oxEventText::JsonEscape(event.details_json, &writer);
   });
   RegisterFormatter("Text/utc_iso", "2023-11-14T22:13:20.123456789Z", [](auto* out) {
-    oxEventTextWriter writer(out);
+    oxEventWriter writer(out);
     oxEventText::UtcIsoFromNs(event.utc_ns, &writer);
   });
   // Encoding steps of an SNMP trap.
-  RegisterFormatter("Ber/integer", "\x02\x01\x01", [](auto* out) { SnmpBer::Integer(SnmpBer::kInteger, 1, out); });
+  RegisterFormatter("Ber/integer", "\x02\x01\x01", [](auto* out) {
+    oxEventWriter writer(out);
+    SnmpBer::Integer(SnmpBer::kInteger, 1, &writer);
+  });
   RegisterFormatter("Ber/oid", "\x2B\x06",
                     [](auto* out) { SnmpBer::ObjectIdentifier("1.3.6.1.4.1.32473.1.1.1.8.0", out); });
   RegisterFormatter("Ber/string_binding", event.message, [](auto* out) {
@@ -120,7 +123,8 @@ void RegisterFormatters() {
       SnmpBer::ObjectIdentifier("1.3.6.1.4.1.32473.1.1.1.8.0", &encoded);
       return encoded;
     }();
-    SnmpBer::AppendStringVarBind(oid, event.message, 2048, out);
+    oxEventWriter writer(out);
+    SnmpBer::AddStringVarBind(oid, event.message, 2048, &writer);
   });
 }
 

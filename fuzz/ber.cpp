@@ -167,7 +167,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int i = 0; i < 4; ++i) CheckOid(Oid(in));
   std::string number;
   const auto value = in.ConsumeIntegral<uint32_t>();
-  SnmpBer::Integer(SnmpBer::kInteger, value, &number);
+  {
+    oxEventWriter writer(&number);
+    SnmpBer::Integer(SnmpBer::kInteger, value, &writer);
+  }
   std::string_view rest = number;
   CHECK_EQ(TakeNumber(0x02, &rest), value);
   CHECK_EQ(rest, "");

@@ -1,11 +1,11 @@
 #include "base/oxEventNativeMessage.h"
 
 #include "base/oxEventSeverity.h"
-#include "base/oxEventTextWriter.h"
+#include "base/oxEventWriter.h"
 
 void oxEventFormatNativeMessage(const oxEventNormalizedEvent& event, std::string_view ident, std::string* message) {
   message->clear();
-  oxEventTextWriter writer(message);
+  oxEventWriter writer(message);
   const auto add = [&writer](std::string_view name, std::string_view value) {
     writer.Add(name);
     writer.Add(value);

@@ -2,7 +2,7 @@
 
 #include "base/oxEventAscii.h"
 #include "base/oxEventNumber.h"
-#include "base/oxEventTextWriter.h"
+#include "base/oxEventWriter.h"
 
 enum class oxEventState::Action { kRaise, kUpdate, kRepeat, kClear, kOther };
 

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "base/oxEventAscii.h"
-#include "base/oxEventTextWriter.h"
+#include "base/oxEventWriter.h"
 #include "sinks/oxEventText.h"
 
 namespace {
@@ -27,7 +27,7 @@ bool IsResolved(std::string_view action) {
 }
 
 // Joins the prefix and the words of the event type, each capitalized: OxEventDiskUsageHigh.
-void AddAlertName(std::string_view prefix, std::string_view event_type, oxEventTextWriter* out) {
+void AddAlertName(std::string_view prefix, std::string_view event_type, oxEventWriter* out) {
   const size_t begin = out->Size();
   for (const char c : prefix) {
     if (oxEventAsciiIsAlnum(c) || c == '_') out->Add(c);
@@ -44,7 +44,7 @@ void AddAlertName(std::string_view prefix, std::string_view event_type, oxEventT
 }
 
 // Adds the string as a label value that is easy to query: in lower case, without special characters.
-void AddLabelValue(std::string_view text, std::string_view fallback, oxEventTextWriter* out) {
+void AddLabelValue(std::string_view text, std::string_view fallback, oxEventWriter* out) {
   char* const begin = out->Room(text.size());
   char* end = begin;
   bool in_run = false;  // Within a run of special characters, which becomes one "_".
@@ -72,7 +72,7 @@ bool Contains(std::string_view text, std::string_view part) {
 
 // Adds a string member, whose value `add` escapes and adds.
 template <size_t kSize, class Add>
-void AddString(const char (&name)[kSize], JsonObject* object, oxEventTextWriter* out, Add add) {
+void AddString(const char (&name)[kSize], JsonObject* object, oxEventWriter* out, Add add) {
   object->AddName(name);
   out->Add('"');
   add();
@@ -80,7 +80,7 @@ void AddString(const char (&name)[kSize], JsonObject* object, oxEventTextWriter*
 }
 
 void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFormatterConfig& config,
-               oxEventTextWriter* out) {
+               oxEventWriter* out) {
   JsonObject labels(out);
   AddString("alertname", &labels, out, [&] { AddAlertName(config.alertname_prefix, event.event_type, out); });
   labels.AddStringField("severity", AlertSeverity(event.severity));
@@ -92,7 +92,7 @@ void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFor
   labels.Close();
 }
 
-void AddAnnotations(const oxEventNormalizedEvent& event, oxEventTextWriter* out) {
+void AddAnnotations(const oxEventNormalizedEvent& event, oxEventWriter* out) {
   JsonObject annotations(out);
   annotations.AddStringField("summary", event.message.empty() ? event.event_type : event.message);
   AddString("description", &annotations, out, [&] {
@@ -130,7 +130,7 @@ uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
   const bool resolved = IsResolved(event.action);
   out->assign(resolved && !config.send_resolved ? "[]" : "[");
   if (resolved && !config.send_resolved) return OXEVENT_OK;
-  oxEventTextWriter writer(out);
+  oxEventWriter writer(out);
   JsonObject alert(&writer);
   alert.AddName("labels");
   AddLabels(event, config, &writer);

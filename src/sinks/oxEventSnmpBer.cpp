@@ -3,36 +3,38 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <cstring>
 #include <system_error>
 
 namespace SnmpBer {
 
 namespace {
 
-constexpr size_t kShortForm = 127;  // Largest length that fits in one byte (X.690, section 8.1.3).
+constexpr size_t kMaxHead = 2 + sizeof(size_t);  // Tag and length.
+constexpr size_t kShortForm = 127;               // Largest length that fits in one byte (X.690, section 8.1.3).
 
 size_t ByteCount(size_t value) { return (static_cast<size_t>(std::bit_width(value)) + 7) / 8; }
 
-void AppendBigEndian(size_t value, size_t count, std::string* out) {
-  while (count-- > 0) out->push_back(static_cast<char>(value >> (8 * count) & 0xFF));
+char* WriteBigEndian(size_t value, size_t count, char* at) {
+  while (count-- > 0) *at++ = static_cast<char>(value >> (8 * count) & 0xFF);
+  return at;
 }
 
-// The length takes the fewest bytes.
-void AppendTagAndLength(Tag tag, size_t length, std::string* out) {
-  out->push_back(static_cast<char>(tag));
-  if (length <= kShortForm) return out->push_back(static_cast<char>(length));
+// The length takes the fewest bytes. Writes up to kMaxHead bytes.
+char* WriteTagAndLength(Tag tag, size_t length, char* at) {
+  *at++ = static_cast<char>(tag);
   const size_t count = ByteCount(length);
-  out->push_back(static_cast<char>(0x80 | count));
-  AppendBigEndian(length, count, out);
+  if (length > kShortForm) *at++ = static_cast<char>(0x80 | count);
+  return WriteBigEndian(length, std::max<size_t>(count, 1), at);
 }
 
 size_t TagAndLengthSize(size_t length) { return length > kShortForm ? 2 + ByteCount(length) : 2; }
 
-void AppendBase128(uint32_t arc, std::string* out) {
+void AddBase128(uint32_t arc, oxEventWriter* out) {
   int shift = 28;
   while (shift > 0 && arc >> shift == 0) shift -= 7;
-  for (; shift > 0; shift -= 7) out->push_back(static_cast<char>((arc >> shift & 0x7F) | 0x80));
-  out->push_back(static_cast<char>(arc & 0x7F));
+  for (; shift > 0; shift -= 7) out->Add(static_cast<char>((arc >> shift & 0x7F) | 0x80));
+  out->Add(static_cast<char>(arc & 0x7F));
 }
 
 // Removes the first arc from *rest. Returns false if the arc is not an unsigned 32-bit number.
@@ -51,59 +53,75 @@ bool ParseNextArc(std::string_view* rest, uint32_t* arc) {
   return ParseArc(rest, arc);
 }
 
-bool AppendArcs(std::string_view dotted, std::string* out) {
+bool AddArcs(std::string_view dotted, oxEventWriter* out) {
   uint32_t first = 0;
   uint32_t second = 0;
   if (!ParseArc(&dotted, &first) || !ParseNextArc(&dotted, &second)) return false;
   if (first > 2 || (first < 2 && second > 39)) return false;
-  out->push_back(static_cast<char>((first * 40 + second) & 0xFF));
+  out->Add(static_cast<char>((first * 40 + second) & 0xFF));
   while (!dotted.empty()) {
     uint32_t arc = 0;
     if (!ParseNextArc(&dotted, &arc)) return false;
-    AppendBase128(arc, out);
+    AddBase128(arc, out);
   }
   return true;
 }
 
 }  // namespace
 
-void Wrap(Tag tag, size_t begin, std::string* out) {
-  std::string head;  // At most ten bytes: allocates nothing.
-  AppendTagAndLength(tag, out->size() - begin, &head);
-  out->insert(begin, head);
+void Wrap(Tag tag, size_t begin, oxEventWriter* out) {
+  char head[kMaxHead];
+  const size_t content = out->Size() - begin;
+  const auto size = static_cast<size_t>(WriteTagAndLength(tag, content, head) - head);
+  char* const end = out->Room(size);
+  std::memmove(end - content + size, end - content, content);
+  std::memcpy(end - content, head, size);
+  out->Advance(end + size);
 }
 
-void Integer(Tag tag, uint32_t value, std::string* out) {
+void Integer(Tag tag, uint32_t value, oxEventWriter* out) {
   const size_t length = static_cast<size_t>(std::bit_width(value)) / 8 + 1;  // Including a sign bit.
-  AppendTagAndLength(tag, length, out);
-  AppendBigEndian(value, length, out);
+  char* const at = WriteTagAndLength(tag, length, out->Room(kMaxHead + length));
+  out->Advance(WriteBigEndian(value, length, at));
 }
 
-void OctetString(std::string_view text, std::string* out) {
-  AppendTagAndLength(kOctetString, text.size(), out);
-  out->append(text);
+void OctetString(std::string_view text, oxEventWriter* out) {
+  char* const at = WriteTagAndLength(kOctetString, text.size(), out->Room(kMaxHead + text.size()));
+  out->Advance(oxEventWriteText(text, at));
 }
 
 bool ObjectIdentifier(std::string_view dotted, std::string* out) {
-  const size_t begin = out->size();
-  if (!AppendArcs(dotted, out)) {
-    out->resize(begin);
+  oxEventWriter writer(out);
+  const size_t begin = writer.Size();
+  if (!AddArcs(dotted, &writer)) {
+    writer.Truncate(begin);
     return false;
   }
-  Wrap(kObjectIdentifier, begin, out);
+  Wrap(kObjectIdentifier, begin, &writer);
   return true;
 }
 
-void AppendVarBind(std::string_view oid, std::string_view value, std::string* list) {
-  AppendTagAndLength(kSequence, oid.size() + value.size(), list);
-  list->append(oid).append(value);
+void AddVarBind(std::string_view oid, std::string_view value, oxEventWriter* list) {
+  const size_t content = oid.size() + value.size();
+  char* at = WriteTagAndLength(kSequence, content, list->Room(kMaxHead + content));
+  at = oxEventWriteText(oid, at);
+  list->Advance(oxEventWriteText(value, at));
 }
 
-void AppendStringVarBind(std::string_view oid, std::string_view text, size_t max_length, std::string* list) {
+void AddIntegerVarBind(std::string_view oid, Tag tag, uint32_t value, oxEventWriter* list) {
+  const size_t begin = list->Size();
+  list->Add(oid);
+  Integer(tag, value, list);
+  Wrap(kSequence, begin, list);
+}
+
+void AddStringVarBind(std::string_view oid, std::string_view text, size_t max_length, oxEventWriter* list) {
   text = text.substr(0, max_length);
-  AppendTagAndLength(kSequence, oid.size() + TagAndLengthSize(text.size()) + text.size(), list);
-  list->append(oid);
-  OctetString(text, list);
+  const size_t content = oid.size() + TagAndLengthSize(text.size()) + text.size();
+  char* at = WriteTagAndLength(kSequence, content, list->Room(kMaxHead + content));
+  at = oxEventWriteText(oid, at);
+  at = WriteTagAndLength(kOctetString, text.size(), at);
+  list->Advance(oxEventWriteText(text, at));
 }
 
 }  // namespace SnmpBer

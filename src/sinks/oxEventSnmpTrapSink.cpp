@@ -82,30 +82,28 @@ class oxEventSnmpTrapSink : public oxEventSink {
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     const uint32_t now_ms = oxEventPlatformGetMs();
     message_.clear();
-    SnmpBer::Integer(SnmpBer::kInteger, kOxEventSnmpVersion2c, &message_);
-    SnmpBer::OctetString(community_, &message_);
-    const size_t pdu = message_.size();
-    SnmpBer::Integer(SnmpBer::kInteger, now_ms & kMaxRequestId, &message_);
-    SnmpBer::Integer(SnmpBer::kInteger, 0, &message_);  // error-status
-    SnmpBer::Integer(SnmpBer::kInteger, 0, &message_);  // error-index
-    AppendBindingsLocked(event, now_ms);
-    SnmpBer::Wrap(SnmpBer::kSnmpV2Trap, pdu, &message_);
-    SnmpBer::Wrap(SnmpBer::kSequence, 0, &message_);
+    oxEventWriter message(&message_);
+    SnmpBer::Integer(SnmpBer::kInteger, kOxEventSnmpVersion2c, &message);
+    SnmpBer::OctetString(community_, &message);
+    const size_t pdu = message.Size();
+    SnmpBer::Integer(SnmpBer::kInteger, now_ms & kMaxRequestId, &message);
+    SnmpBer::Integer(SnmpBer::kInteger, 0, &message);  // error-status
+    SnmpBer::Integer(SnmpBer::kInteger, 0, &message);  // error-index
+    AddBindings(event, now_ms, &message);
+    SnmpBer::Wrap(SnmpBer::kSnmpV2Trap, pdu, &message);
+    SnmpBer::Wrap(SnmpBer::kSequence, 0, &message);
   }
 
-  void AppendBindingsLocked(const oxEventNormalizedEvent& event, uint32_t now_ms) OX_REQUIRES(mutex_) {
-    const size_t list = message_.size();
-    std::string number;  // Short: allocates nothing.
-    SnmpBer::Integer(SnmpBer::kTimeTicks, now_ms / 10, &number);
-    SnmpBer::AppendVarBind(encoded_sys_up_time_, number, &message_);
-    SnmpBer::AppendVarBind(encoded_snmp_trap_oid_, encoded_trap_oid_, &message_);
+  void AddBindings(const oxEventNormalizedEvent& event, uint32_t now_ms, oxEventWriter* message) const {
+    const size_t list = message->Size();
+    SnmpBer::AddIntegerVarBind(encoded_sys_up_time_, SnmpBer::kTimeTicks, now_ms / 10, message);
+    SnmpBer::AddVarBind(encoded_snmp_trap_oid_, encoded_trap_oid_, message);
     auto object = encoded_objects_.begin();
-    number.clear();
-    SnmpBer::Integer(SnmpBer::kInteger, event.severity, &number);
-    SnmpBer::AppendVarBind(*object++, number, &message_);
-    const auto add = [&](std::string_view text, size_t max_length)
-                         OX_REQUIRES(mutex_) { SnmpBer::AppendStringVarBind(*object++, text, max_length, &message_); };
-    const auto add_number = [&](uint64_t value) OX_REQUIRES(mutex_) {
+    SnmpBer::AddIntegerVarBind(*object++, SnmpBer::kInteger, event.severity, message);
+    const auto add = [&](std::string_view text, size_t max_length) {
+      SnmpBer::AddStringVarBind(*object++, text, max_length, message);
+    };
+    const auto add_number = [&](uint64_t value) {
       char decimal[kOxEventNumberSize];
       add({decimal, oxEventWriteNumber(value, decimal)}, 32);
     };
@@ -120,7 +118,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
     add(event.correlation_id, 128);
     add_number(event.utc_ns);
     add(event.details_json, 2048);
-    SnmpBer::Wrap(SnmpBer::kSequence, list, &message_);
+    SnmpBer::Wrap(SnmpBer::kSequence, list, message);
   }
 
   oxEventMutex mutex_;

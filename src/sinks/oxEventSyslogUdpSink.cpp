@@ -10,7 +10,7 @@
 #include "base/oxEventMutex.h"
 #include "base/oxEventOrDefault.h"
 #include "base/oxEventSeverity.h"
-#include "base/oxEventTextWriter.h"
+#include "base/oxEventWriter.h"
 #include "config/oxEventSettings.h"
 #include "platform/oxEventUdpSender.h"
 #include "sinks/oxEventSink.h"
@@ -34,7 +34,7 @@ uint32_t SyslogSeverity(uint32_t severity) {  // RFC 5424, table 2.
 
 // Adds a header field: at most max_length bytes, with "_" for each byte that is not PRINTUSASCII (RFC 5424, section 6),
 // or "-" if `text` is empty.
-void AddHeaderField(std::string_view text, size_t max_length, oxEventTextWriter* line) {
+void AddHeaderField(std::string_view text, size_t max_length, oxEventWriter* line) {
   if (text.empty()) return line->Add('-');
   text = text.substr(0, max_length);
   const auto or_underscore = [](char c) { return c >= '!' && c <= '~' ? c : '_'; };
@@ -52,32 +52,32 @@ char* WriteParamValue(std::string_view text, char* at) {
 }
 
 // Adds a PARAM-VALUE. Skips bytes beyond kMaxLine, because the line is truncated there anyway.
-void AddParamValue(std::string_view text, oxEventTextWriter* line) {
+void AddParamValue(std::string_view text, oxEventWriter* line) {
   line->AddEscaped<2>(text.substr(0, kMaxLine - std::min(line->Size(), kMaxLine)), WriteParamValue);
 }
 
 template <size_t kSize>
-void BeginParameter(const char (&name)[kSize], oxEventTextWriter* line) {
+void BeginParameter(const char (&name)[kSize], oxEventWriter* line) {
   line->Add(' ');
   line->Add(name);
   line->Add("=\"");
 }
 
 template <size_t kSize>
-void AddStringParameter(const char (&name)[kSize], std::string_view text, oxEventTextWriter* line) {
+void AddStringParameter(const char (&name)[kSize], std::string_view text, oxEventWriter* line) {
   BeginParameter(name, line);
   AddParamValue(text, line);
   line->Add('"');
 }
 
 template <size_t kSize, class... NumberArguments>
-void AddNumberParameter(const char (&name)[kSize], oxEventTextWriter* line, NumberArguments... number) {
+void AddNumberParameter(const char (&name)[kSize], oxEventWriter* line, NumberArguments... number) {
   BeginParameter(name, line);
   line->AddNumber(number...);
   line->Add('"');
 }
 
-void AddStructuredData(const oxEventNormalizedEvent& event, oxEventTextWriter* line) {
+void AddStructuredData(const oxEventNormalizedEvent& event, oxEventWriter* line) {
   line->Add("[velmora@32473");
   AddNumberParameter("version", line, OXEVENT_API_VERSION);
   AddNumberParameter("event_id", line, event.event_id);
@@ -119,7 +119,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
       : oxEventSink(config.minimum_severity),
         facility_code_(oxEventFindWord(g_oxEventSyslogFacilityWords, config.facility).value_or(kDefaultFacility)),
         sender_(kUdpErrors, Host(config), Port(config), config.lookup) {
-    oxEventTextWriter origin(&origin_);
+    oxEventWriter origin(&origin_);
     const auto add = [&origin](std::string_view text, size_t max_length) {
       origin.Add(' ');
       AddHeaderField(text, max_length, &origin);
@@ -146,7 +146,7 @@ class oxEventSyslogUdpSink : public oxEventSink {
 
   void FormatLocked(const oxEventNormalizedEvent& event) OX_REQUIRES(mutex_) {
     line_.clear();
-    oxEventTextWriter line(&line_);
+    oxEventWriter line(&line_);
     line.Add('<');
     line.AddNumber(facility_code_ * 8 + SyslogSeverity(event.severity));
     line.Add(">1 ");

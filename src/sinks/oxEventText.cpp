@@ -187,12 +187,10 @@ char* WriteCsvField(Integer value, char* at) {
 
 }  // namespace
 
-void JsonEscape(std::string_view text, oxEventTextWriter* out) {
-  out->AddEscaped<kJsonEscapeSize>(text, WriteJsonEscaped);
-}
+void JsonEscape(std::string_view text, oxEventWriter* out) { out->AddEscaped<kJsonEscapeSize>(text, WriteJsonEscaped); }
 
 // One check for room serves a short string and its quotes.
-void AddJsonString(std::string_view text, oxEventTextWriter* out) {
+void AddJsonString(std::string_view text, oxEventWriter* out) {
   if (text.size() > kShortText) {
     out->Add('"');
     JsonEscape(text, out);
@@ -205,18 +203,18 @@ void AddJsonString(std::string_view text, oxEventTextWriter* out) {
   out->Advance(at);
 }
 
-void DoubleToJson(double value, oxEventTextWriter* out) {
+void DoubleToJson(double value, oxEventWriter* out) {
   if (!std::isfinite(value)) return out->Add("null");
   out->AddNumber(value, kRoundTripDigits);
 }
 
-void UtcIsoFromNs(uint64_t ns, oxEventTextWriter* out, UtcCache* cache) {
+void UtcIsoFromNs(uint64_t ns, oxEventWriter* out, UtcCache* cache) {
   if (ns % kNsPerSecond != 0) return UtcIsoNanoFromNs(ns, out, cache);
   out->Advance(WriteUtcSeconds(ns, cache, out->Room(kUtcSeconds)));
   out->Add('Z');
 }
 
-void UtcIsoNanoFromNs(uint64_t ns, oxEventTextWriter* out, UtcCache* cache) {
+void UtcIsoNanoFromNs(uint64_t ns, oxEventWriter* out, UtcCache* cache) {
   out->Advance(WriteUtcNano(ns, cache, out->Room(kUtcNano)));
 }
 
@@ -247,7 +245,7 @@ char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache
 
 namespace {
 
-void AddNativeJsonData(const oxEventNormalizedEvent& event, oxEventTextWriter* out) {
+void AddNativeJsonData(const oxEventNormalizedEvent& event, oxEventWriter* out) {
   const uint64_t severity = event.severity;
   JsonObject object(out);
   object.AddField("version", OXEVENT_API_VERSION);
@@ -277,7 +275,7 @@ void AddNativeJsonData(const oxEventNormalizedEvent& event, oxEventTextWriter* o
 }  // namespace
 
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out) {
-  oxEventTextWriter writer(out);
+  oxEventWriter writer(out);
   AddNativeJsonData(event, &writer);
 }
 
@@ -286,7 +284,7 @@ void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view
   const auto first_non_empty = [](std::string_view a, std::string_view b, std::string_view c) {
     return !a.empty() ? a : !b.empty() ? b : c;
   };
-  oxEventTextWriter writer(out);
+  oxEventWriter writer(out);
   JsonObject object(&writer);
   object.AddStringField("specversion", "1.0");
   object.AddName("id");

@@ -8,23 +8,23 @@
 #include <string_view>
 
 #include "base/oxEventNormalizedEvent.h"
-#include "base/oxEventTextWriter.h"
+#include "base/oxEventWriter.h"
 
 // Text formats of events. A function with an argument `out` appends to *out, which a caller may reuse. Strings are
 // assumed to be UTF-8 and are not validated; nothing depends on the locale. The only failure is std::bad_alloc.
 // Threads: any.
 namespace oxEventText {
 
-void JsonEscape(std::string_view text, oxEventTextWriter* out);  // RFC 8259, section 7, without the enclosing quotes.
-void AddJsonString(std::string_view text, oxEventTextWriter* out);
+void JsonEscape(std::string_view text, oxEventWriter* out);  // RFC 8259, section 7, without the enclosing quotes.
+void AddJsonString(std::string_view text, oxEventWriter* out);
 
 // Adds up to 17 significant digits, enough to read the value back exactly, or null for NaN and infinities.
-void DoubleToJson(double value, oxEventTextWriter* out);
+void DoubleToJson(double value, oxEventWriter* out);
 
 // Writes a JSON object without white space. The constructor opens it; call Close last. A name is a string literal.
 class JsonObject {
  public:
-  explicit JsonObject(oxEventTextWriter* out) : out_(out) { out_->Add('{'); }
+  explicit JsonObject(oxEventWriter* out) : out_(out) { out_->Add('{'); }
   template <size_t kSize>
   void AddStringField(const char (&name)[kSize], std::string_view text) {
     AddName(name);
@@ -56,7 +56,7 @@ class JsonObject {
   void Close() { out_->Add('}'); }
 
  private:
-  oxEventTextWriter* const out_;
+  oxEventWriter* const out_;
   bool first_ = true;
 };
 
@@ -69,9 +69,9 @@ struct UtcCache {
 };
 
 // ISO 8601: 2023-11-14T22:13:20Z, with nine fractional digits if they are not zero. `cache` may be null.
-void UtcIsoFromNs(uint64_t ns, oxEventTextWriter* out, UtcCache* cache = nullptr);
+void UtcIsoFromNs(uint64_t ns, oxEventWriter* out, UtcCache* cache = nullptr);
 // ISO 8601, always with nine fractional digits: 2023-11-14T22:13:20.000000000Z.
-void UtcIsoNanoFromNs(uint64_t ns, oxEventTextWriter* out, UtcCache* cache = nullptr);
+void UtcIsoNanoFromNs(uint64_t ns, oxEventWriter* out, UtcCache* cache = nullptr);
 
 // The header line of the CSV file and the row of an event (RFC 4180, section 2), each with its line feed. WriteCsvRow
 // needs CsvRowCapacity bytes of memory at `at` and returns the end of the row.

@@ -53,7 +53,7 @@ std::string FormatJson(const std::string& file, const std::vector<Finding>& find
   std::string text;
   for (const Finding& f : findings) {
     if (!text.empty()) text += ",\n";
-    oxEventTextWriter writer(&text);
+    oxEventWriter writer(&text);
     oxEventText::JsonObject object(&writer);
     object.AddStringField("file", ValidUtf8(file));
     object.AddField("line", f.position.line);

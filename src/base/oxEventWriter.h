@@ -91,12 +91,12 @@ inline char* oxEventWriteText(std::string_view text, char* to) {
 // Appends to a string. The writer makes sure that there is room and then writes through a pointer: that takes a
 // fraction of the time of appending each piece to the string. From construction to destruction, only the writer may use
 // the string. All functions throw only std::bad_alloc. Threads: one at a time.
-class oxEventTextWriter {
+class oxEventWriter {
  public:
-  explicit oxEventTextWriter(std::string* out) : out_(out), at_(out->data() + out->size()), end_(at_) {}
-  ~oxEventTextWriter() { out_->resize(Size()); }
-  oxEventTextWriter(const oxEventTextWriter&) = delete;
-  oxEventTextWriter& operator=(const oxEventTextWriter&) = delete;
+  explicit oxEventWriter(std::string* out) : out_(out), at_(out->data() + out->size()), end_(at_) {}
+  ~oxEventWriter() { out_->resize(Size()); }
+  oxEventWriter(const oxEventWriter&) = delete;
+  oxEventWriter& operator=(const oxEventWriter&) = delete;
 
   // Of the whole string.
   size_t Size() const { return static_cast<size_t>(at_ - out_->data()); }
