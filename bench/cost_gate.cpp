@@ -200,6 +200,37 @@ void MeasureScenarios() {
   }
 }
 
+// Events with few fields.
+void MeasureSmallEvents() {
+  const auto measure = [](const char* name, auto submit) {
+    for (const bool report : {false, true}) {
+      Section caller;
+      HoldWorker();
+      caller.Begin();
+      for (size_t i = 0; i < kEvents; ++i) submit();
+      caller.End();
+      if (report) caller.Report(name);
+      SubmitMarker(kEndId);
+      ReleaseWorker();
+    }
+  };
+  oxEventRecord record = {};
+  record.struct_size = sizeof(record);
+  record.version = OXEVENT_API_VERSION;
+  record.source_name = CompleteRecord().source_name;
+  record.message = CompleteRecord().message;
+  record.severity = OXEVENT_SEVERITY_WARNING;
+  record.utc_ns = CompleteRecord().utc_ns;
+  record.ptp_ns = CompleteRecord().ptp_ns;
+  Start("");
+  measure("submit_small", [&record] { Submit(record); });
+  measure("submit_simple", [&record] {
+    const uint32_t result = oxEventSubmitSimple(0, record.severity, record.source_name, record.message);
+    Check(result == OXEVENT_OK, "oxEventSubmitSimple failed");
+  });
+  Stop();
+}
+
 // Events that Submit drops: the queue is full, or their severity is below the minimum.
 void MeasureDrops() {
   const auto measure = [](const char* name, const oxEventRecord& record) {
@@ -223,7 +254,7 @@ void MeasureDrops() {
   Stop();
 }
 
-void MeasureNativeJson() {
+void MeasureDocuments() {
   const oxEventRecord r = CompleteRecord();
   const oxEventNormalizedEvent event = {r.event_id, r.event_type,  r.source_id,   r.source_name,    r.message,
                                         r.severity, r.action,      r.dedupe_key,  r.correlation_id, r.utc_ns,
@@ -231,14 +262,19 @@ void MeasureNativeJson() {
                                         r.units,    r.duration_ms, r.details_json};
   std::string document;
   document.reserve(4096);
-  Section section;
-  section.Begin();
-  for (size_t i = 0; i < kEvents; ++i) {
-    document.clear();
-    oxEventText::FormatNativeJsonData(event, &document);
-  }
-  section.End();
-  section.Report("native_json");
+  const auto measure = [&document](const char* name, auto format) {
+    Section section;
+    section.Begin();
+    for (size_t i = 0; i < kEvents; ++i) {
+      document.clear();
+      format(&document);
+    }
+    section.End();
+    section.Report(name);
+  };
+  measure("native_json", [&event](auto* out) { oxEventText::FormatNativeJsonData(event, out); });
+  measure("cloudevents_json",
+          [&event](auto* out) { oxEventText::FormatCloudEventsJson(event, "/oxEvent", "racks/", out); });
 }
 
 // Reports each of 50 conditions with five actions, and submits a second event after each report. The messages have
@@ -296,7 +332,8 @@ void MeasureMixedLoad() {
 
 int main() {
   MeasureScenarios();
+  MeasureSmallEvents();
   MeasureDrops();
-  MeasureNativeJson();
+  MeasureDocuments();
   MeasureMixedLoad();
 }
