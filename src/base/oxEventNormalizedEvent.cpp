@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 #include <iterator>
 
 #include "base/oxEventSlab.h"
+#include "base/oxEventWriter.h"
 
 namespace {
 
@@ -18,11 +18,7 @@ constexpr std::string_view Event::*kStrings[] = {
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
 
 // Size of all strings in bytes, including a NUL after each.
-size_t StringBytes(const Event& event) {
-  size_t size = std::size(kStrings);
-  for (const auto field : kStrings) size += (event.*field).size();
-  return size;
-}
+size_t StoredBytes(const Event& event) { return event.TextBytes() + std::size(kStrings); }
 
 }  // namespace
 
@@ -52,11 +48,11 @@ oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
 }
 
 bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
-  return StringBytes(event) <= capacity_;
+  return StoredBytes(event) <= capacity_;
 }
 
 bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
-  if (const size_t size = StringBytes(from); size > capacity_) {
+  if (const size_t size = StoredBytes(from); size > capacity_) {
     const size_t capacity = std::bit_ceil(size);  // Rounded up, to allocate less often.
     void* const block = memory_->Allocate(capacity);
     if (block == nullptr) return false;
@@ -64,15 +60,31 @@ bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
     block_ = static_cast<char*>(block);
     capacity_ = capacity;
   }
-  event_ = from;
   char* at = block_;
-  for (const auto field : kStrings) {
-    const std::string_view source = from.*field;
-    std::memcpy(at, source.data(), source.size());
-    at[source.size()] = '\0';
-    event_.*field = {at, source.size()};
-    at += source.size() + 1;
-  }
+  const auto store = [&at](std::string_view text) {
+    const std::string_view stored(at, text.size());
+    at = oxEventWriteText(text, at);
+    *at++ = '\0';
+    return stored;
+  };
+  event_.event_id = from.event_id;
+  event_.event_type = store(from.event_type);
+  event_.source_id = store(from.source_id);
+  event_.source_name = store(from.source_name);
+  event_.message = store(from.message);
+  event_.severity = from.severity;
+  event_.action = store(from.action);
+  event_.dedupe_key = store(from.dedupe_key);
+  event_.correlation_id = store(from.correlation_id);
+  event_.utc_ns = from.utc_ns;
+  event_.ptp_ns = from.ptp_ns;
+  event_.pts = from.pts;
+  event_.timecode = store(from.timecode);
+  event_.value = from.value;
+  event_.threshold = from.threshold;
+  event_.units = store(from.units);
+  event_.duration_ms = from.duration_ms;
+  event_.details_json = store(from.details_json);
   return true;
 }
 

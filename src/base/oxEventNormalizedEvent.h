@@ -32,6 +32,12 @@ struct oxEventNormalizedEvent {
   std::string_view details_json = "";
   // NOLINTEND(readability-redundant-string-init)
 
+  // Size of all strings together.
+  size_t TextBytes() const {
+    return event_type.size() + source_id.size() + source_name.size() + message.size() + action.size() +
+           dedupe_key.size() + correlation_id.size() + timecode.size() + units.size() + details_json.size();
+  }
+
   // Returns a record with the same strings. Its padding bytes are not initialized.
   oxEventRecord ToPublicView() const;
 };

@@ -58,11 +58,7 @@ void oxEventState::BuildSignature(const oxEventNormalizedEvent& event, std::stri
   constexpr int kDigits = 6;
   constexpr size_t kLines = 15;
   constexpr size_t kNumbers = 5;
-  const size_t texts = event.event_type.size() + event.source_id.size() + event.source_name.size() +
-                       event.message.size() + event.action.size() + event.dedupe_key.size() +
-                       event.correlation_id.size() + event.timecode.size() + event.units.size() +
-                       event.details_json.size();
-  signature->resize(texts + kLines + kNumbers * kOxEventNumberSize);  // An upper bound.
+  signature->resize(event.TextBytes() + kLines + kNumbers * kOxEventNumberSize);  // An upper bound.
   char* at = signature->data();
   const auto end_line = [&at] { *at++ = '\n'; };
   const auto add_text = [&](std::string_view text) {
