@@ -94,6 +94,7 @@ struct Entry {
   uint32_t codes[2];      // Result codes returned with the text, the usual code first; 0: there is no second code.
 };
 
+// Hosts and operators compare these texts: they do not change, even where the wording is poor.
 inline constexpr Entry kTable[] = {
     {kNotInitialized, "oxEvent is not initialized", {OXEVENT_NOT_INITIALIZED}},
     {kAlreadyInitialized, "oxEvent is already initialized", {OXEVENT_ALREADY_INITIALIZED}},

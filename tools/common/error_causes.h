@@ -26,24 +26,36 @@ inline constexpr std::string_view kInternalCause =
 inline constexpr std::string_view kInternalRemedy =
     "Report it as a bug in the library, with its version and the error text.";
 inline constexpr std::string_view kCsvWriteRemedy =
-    "Check the free space with df -h PATH, the quota, the file size limit in /proc/PID/limits, and dmesg. Once there "
-    "is free space, have the host call oxEventReloadConfig, which opens the file again. If this file itself has filled "
-    "the disk, delete it first: the reload then closes the deleted file, which frees its space.";
+    "Find out what limits the file: the free space (df -h PATH), the quota, the file size limit (/proc/PID/limits) or "
+    "a fault of the device (dmesg). Remove the cause, then have the host call oxEventReloadConfig, which opens the "
+    "file again. If this file itself has filled the disk, delete it first: the reload then closes the deleted file, "
+    "which frees its space.";
+inline constexpr std::string_view kMemoryRemedy =
+    "Make more memory available: free -m shows how much the system has free, /proc/PID/limits what limits the process "
+    "(address space), and memory.max what limits its control group.";
+inline constexpr std::string_view kMemoryRemedyBeforeStart =
+    "Make more memory available (free -m shows how much the system has free, memory.max what limits the control "
+    "group), then start again: the error text then names the cause.";
+inline constexpr std::string_view kMemoryRemedyBeforeReload =
+    "Make more memory available (free -m shows how much the system has free, memory.max what limits the control "
+    "group), then reload again: the error text then names the cause.";
 inline constexpr std::string_view kResolveRemedy =
     "On the machine where the process runs, and as the same user, run getent ahosts HOST, and correct host or port, or "
-    "use an IP address instead of a name. The number is an error code of getaddrinfo. -2 or -5: the name does not "
-    "exist or has no address; -3: the name server does not respond (try again); -4: the name server refuses the query; "
-    "-8: the port is above 65535; -10: out of memory; -11: a system error.";
+    "use an IP address instead of a name; then start or reload again. The number is an error code of getaddrinfo. -2 "
+    "or -5: the name does not exist or has no address; -3: the name server does not respond; -4: the name server "
+    "refuses the query; -8: the port is above 65535; -10: out of memory; -11: a system error.";
 inline constexpr std::string_view kSocketRemedy =
-    "The number is an errno value. 24 or 23: too many open files in the process or in the system (ls /proc/PID/fd, "
-    "/proc/PID/limits); 97: the system lacks the address family (if IPv6 is disabled, use an IPv4 address); 1 or 13: "
-    "the process is not permitted to create sockets (sandbox); 12 or 105: out of memory.";
+    "Remove the cause, then start or reload again. The number is an errno value. 24 or 23: too many open files in the "
+    "process or in the system (ls /proc/PID/fd, /proc/PID/limits): raise the limit, or fix what leaves files open; 97: "
+    "the system lacks the address family: if IPv6 is disabled, use an IPv4 address; 1 or 13: the sandbox of the "
+    "process forbids sockets: allow them; 12 or 105: out of memory: make more available.";
 inline constexpr std::string_view kSendRemedy =
-    "The number is an errno value. 101 or 113: there is no route to the destination (ip route get ADDRESS); 1: a "
-    "packet filter on this machine rejects the datagram (nft list ruleset); 13: the address is a broadcast address; "
-    "99: the machine has no address of that family (if IPv6 is disabled, use an IPv4 address); 90: the datagram is too "
-    "large; 9 or 88: the host has closed a file descriptor of the library; 105: the transmit queue of the network "
-    "interface is full.";
+    "The number is an errno value. 101 or 113: there is no route to the destination (ip route get ADDRESS): correct "
+    "the address or the routes; 1: a packet filter on this machine rejects the datagram (nft list ruleset): allow it; "
+    "13: the address is a broadcast address: use the receiver's own; 99: the machine has no address of that family: if "
+    "IPv6 is disabled, use an IPv4 address; 90: the datagram is too large: report shorter strings; 9 or 88: the host "
+    "has closed a file descriptor of the library: fix the host; 105: the transmit queue of the network interface is "
+    "full: report events more slowly.";
 
 inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kNotInitialized, ErrorOrigin::kCall,
@@ -59,44 +71,49 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kInvalidRecord, ErrorOrigin::kCall,
      "The host reported an invalid record: null, struct_size below 48, a version other than OXEVENT_API_VERSION, a "
      "null or empty message, or a severity above 3. The event is lost.",
-     "Fix the host: set struct_size to sizeof(oxEventRecord), version to OXEVENT_API_VERSION, and a message."},
+     "Fix the host: set struct_size to sizeof(oxEventRecord), version to OXEVENT_API_VERSION, message to a non-empty "
+     "string and severity to at most 3."},
     {oxEventErrors::kSubmitFailed, ErrorOrigin::kCall,
      "0x80050001: the library was shut down, or the process began to exit, while the event was being reported. "
      "0x80050005: out of memory for the copy of the event. The event is lost.",
-     "0x80050001: end the host's reporting threads before the host calls oxEventShutdown. 0x80050005: check the memory "
-     "limits of the process and of its control group, and the free memory of the system (free -m)."},
+     "0x80050001: end the host's reporting threads before the host calls oxEventShutdown or exits. 0x80050005: make "
+     "more memory available (free -m shows how much the system has free, /proc/PID/limits what limits the process, and "
+     "memory.max what limits its control group)."},
     {oxEventErrors::kFlushTimedOut, ErrorOrigin::kCall,
      "Events were still queued or being delivered when the timeout of oxEventFlush expired, or a CSV sink, possibly "
      "one that a reload has replaced, could not write its buffered rows. Inside a callback, the call fails if events "
      "are queued. With OXEVENT_NOT_INITIALIZED: the library was shut down during the call.",
      "Look for a sink that is slow or fails: a full disk behind the path of a CSV sink, an endpoint_url that does not "
-     "respond. After a failed write, a CSV sink writes nothing more until oxEventReloadConfig is called. If no sink "
-     "fails, give oxEventFlush a longer timeout."},
+     "respond. After a failed write, a CSV sink writes nothing more: remove the cause, then call oxEventReloadConfig. "
+     "If no sink fails, give oxEventFlush a longer timeout, or, if a callback calls it, call it on another thread."},
     {oxEventErrors::kSinkFlushFailed, ErrorOrigin::kCall,
      "During oxEventShutdown or the last flush before it, a CSV sink, possibly one that a reload has replaced, could "
-     "not write its rows or did not write them in time. Rows are missing in its file or will be written late. If only "
-     "the earlier flush failed in this way, oxEventShutdown failed because it discarded queued events. (oxEventFlush "
-     "itself reports a failed sink as \"oxEvent core flush timed out\".)",
-     "Check the disks of the paths in the sections sink\\csv: df -h PATH, df -i PATH, the quota and ulimit -f. Then "
-     "start the library again or, if it is running, call oxEventReloadConfig: until then, a CSV sink that has failed "
-     "writes nothing more."},
+     "not write its rows or did not write them in time. Rows are missing from its file or will be written late. If "
+     "only the earlier flush failed in this way, this text is left over from that flush; oxEventShutdown itself failed "
+     "because it discarded queued events. (oxEventFlush itself reports a failed sink as \"oxEvent core flush timed "
+     "out\".)",
+     "Check the disks of the paths in the sections below sink\\csv: df -h PATH, df -i PATH, the quota and ulimit -f. "
+     "Remove the cause, then start the library again or, if it is running, call oxEventReloadConfig: until then, a CSV "
+     "sink that has failed writes nothing more."},
     {oxEventErrors::kShutdownFailed, ErrorOrigin::kCall,
      "oxEventShutdown could not deliver all queued events within 5 s, or was called inside a callback while events "
      "were queued, and discarded the rest. With OXEVENT_NOT_INITIALIZED: the process began to exit during the call. "
-     "The library is shut down nevertheless. If the last flush or reload before it failed, the text of that failure "
-     "replaces this one.",
-     "Look for a slow sink: a webhook's request_timeout_ms and retry_count, a callback. If all events must be "
-     "delivered, call oxEventFlush(0) before oxEventShutdown."},
+     "The library is shut down nevertheless. If a sink failed in the last flush or reload before it, the text of that "
+     "failure replaces this one.",
+     "Look for a slow sink: reduce request_timeout_ms and retry_count of a webhook, and make callbacks return sooner. "
+     "If all events must be delivered, call oxEventFlush(0) before oxEventShutdown, and neither of the two inside a "
+     "callback."},
     {oxEventErrors::kCallbackArguments, ErrorOrigin::kCall,
      "The host called oxEventRegisterCallback with a null callback or a null id_out.",
      "Fix the host: neither callback nor id_out may be null."},
     {oxEventErrors::kCallbackNotFound, ErrorOrigin::kCall,
-     "No callback has this id: it was never assigned, or its callback was already removed by oxEventUnregisterCallback "
-     "or oxEventShutdown.",
-     "Fix the host: keep the id from oxEventRegisterCallback, and register callbacks again after a shutdown."},
+     "No callback has this id: it was never assigned, or its callback was already removed by "
+     "oxEventUnregisterCallback, by oxEventShutdown or by a failed oxEventInitialize.",
+     "Fix the host: keep the id from oxEventRegisterCallback, and register callbacks again after a shutdown or a "
+     "failed oxEventInitialize."},
     {oxEventErrors::kLastErrorBuffer, ErrorOrigin::kCall,
      "The host called oxEventGetLastError with a null buffer or with buffer_size 0.",
-     "Fix the host: a buffer of 512 bytes holds most texts."},
+     "Fix the host: pass a buffer and its size. 512 bytes hold most texts."},
     {oxEventErrors::kStartFailed, ErrorOrigin::kCall,
      "oxEventInitialize was called while the process was exiting or the library was being unloaded.",
      "Call oxEventInitialize before main returns or exit is called, and not in a static destructor or an exit "
@@ -107,8 +124,9 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kEntryPointFailed, ErrorOrigin::kCall,
      "The call could not be completed. std::bad_alloc: out of memory. \"Resource temporarily unavailable\" from "
      "oxEventInitialize: no thread could be created.",
-     "Check the limits of the process in /proc/PID/limits (address space, processes) and of its control group "
-     "(memory.max, pids.max), and the free memory of the system (free -m). Then repeat the call."},
+     "Make more memory available, or allow more threads: free -m shows how much memory is free, /proc/PID/limits what "
+     "limits the process (address space, processes), and memory.max and pids.max what limits its control group. Then "
+     "repeat the call."},
     {oxEventErrors::kUnknownException, ErrorOrigin::kCall,
      "Host code that ran within the call, such as a replaced operator new, threw something that is not a "
      "std::exception.",
@@ -121,18 +139,18 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "None needed: there is no event source to remove on Linux."},
     {oxEventErrors::kConfigLoadFailed, ErrorOrigin::kCall,
      "oxEventInitialize refused the settings file, and there was no memory for the error text.",
-     "Free memory (free -m, memory.max of the control group), then start again: the error text then names the cause."},
+     kMemoryRemedyBeforeStart},
     {oxEventErrors::kConfigReloadFailed, ErrorOrigin::kCall,
      "oxEventReloadConfig refused the settings file, or could not open a sink, and there was no memory for the error "
      "text. The previous settings stay in effect.",
-     "Free memory (free -m, memory.max of the control group), then reload again: the error text then names the cause."},
+     kMemoryRemedyBeforeReload},
     {oxEventErrors::kSinkStartFailed, ErrorOrigin::kCall,
      "A sink could not be opened during oxEventInitialize, and there was no memory for the error text.",
-     "Free memory (free -m, memory.max of the control group), then start again: the error text then names the cause."},
+     kMemoryRemedyBeforeStart},
     {oxEventErrors::kSinkReloadFailed, ErrorOrigin::kCall,
      "A sink could not be opened during oxEventReloadConfig, and there was no memory for the error text. The previous "
      "settings stay in effect.",
-     "Free memory (free -m, memory.max of the control group), then reload again: the error text then names the cause."},
+     kMemoryRemedyBeforeReload},
     {oxEventErrors::kWindowsInstallFailed, ErrorOrigin::kCall,
      "The host called oxEventInstallWindowsEventSource, which is not available on Linux, and there was no memory for "
      "the error text.",
@@ -151,9 +169,10 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "character, or a reference to a character that XML does not allow, such as &#0;. Or the process has run out of "
      "file descriptors or memory. The file is unchanged.",
      "Check with namei -l PATH whether the file exists and is readable by the user of the process, and with "
-     "oxevent-check PATH whether it is a valid settings file (root element config). A relative path is relative to the "
-     "working directory of the process. An empty file is enough: the library completes it. For a running process, "
-     "check its file descriptors too: ls /proc/PID/fd | wc -l and /proc/PID/limits."},
+     "oxevent-check PATH whether it is a valid settings file (root element config); correct what they show. A relative "
+     "path is relative to the working directory of the process. An empty file is enough: the library completes it. For "
+     "a running process, also compare the number of its file descriptors (ls /proc/PID/fd | wc -l) with their limit "
+     "(/proc/PID/limits)."},
     {oxEventErrors::kNotAboveZero, ErrorOrigin::kCall, "The setting QVX\\Events\\core\\queue_size is 0.",
      "Set it to a number above 0 (the default is 1024), or remove the value: the library adds its default."},
     {oxEventErrors::kBadDropPolicy, ErrorOrigin::kCall, "The value of the setting is not a drop policy.",
@@ -178,17 +197,18 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The file of a CSV sink could not be opened: the user of the process has no permission to write to it or to its "
      "directory; it is a directory, or a pipe without a reader, or on a read-only file system; or the process has run "
      "out of file descriptors.",
-     "Check the permissions with namei -l PATH, and the file descriptors with ls /proc/PID/fd | wc -l and "
-     "/proc/PID/limits. Give the user of the process write permission, or change the path in the section below "
-     "sink\\csv."},
+     "Check the permissions with namei -l PATH. Give the user of the process write permission, or change the path in "
+     "the section below sink\\csv. If the process has as many file descriptors (ls /proc/PID/fd | wc -l) as its limit "
+     "(/proc/PID/limits) allows, raise the limit."},
     {oxEventErrors::kCsvHeader, ErrorOrigin::kCall,
      "The file of a CSV sink could be opened but not written: the file size limit of the process is reached, the "
      "device fails, or it is a pipe that has been full for 1 s. (A full disk does not cause this error: the header is "
      "then written with the first rows.)",
-     "Check the file size limit in /proc/PID/limits, and dmesg; a pipe needs a reader. Or change the path in the "
-     "section below sink\\csv."},
+     "Raise the file size limit (/proc/PID/limits), repair the device (dmesg) or start the reader of the pipe; or "
+     "change the path in the section below sink\\csv."},
     {oxEventErrors::kNativeNoMemory, ErrorOrigin::kCall, "There was no memory to open the system log.",
-     "Free memory (free -m, memory.max of the control group), then start or reload again."},
+     "Make more memory available (free -m shows how much the system has free, memory.max what limits the control "
+     "group), then start or reload again."},
     {oxEventErrors::kSyslogResolve, ErrorOrigin::kCall,
      "The host of an enabled section below sink\\syslog\\udp could not be resolved when the settings were loaded.",
      kResolveRemedy},
@@ -229,8 +249,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kSinkThrew, ErrorOrigin::kDelivery,
      "A sink could not complete an operation. std::bad_alloc: out of memory. The event is lost for this sink; the sink "
      "continues with the next event.",
-     "Check the limits of the process in /proc/PID/limits and of its control group (memory.max), and the free memory "
-     "of the system (free -m)."},
+     kMemoryRemedy},
     {oxEventErrors::kSinkThrewUnknown, ErrorOrigin::kDelivery,
      "Host code that ran within a sink, such as a replaced operator new, threw something that is not a std::exception. "
      "The event is lost for this sink; the sink continues with the next event.",
@@ -266,11 +285,12 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "URL is malformed, its host name could not be resolved, no connection was established (within "
      "connect_timeout_ms), its certificate is not trusted, its response was not 2xx, the name of a header line "
      "contains an invalid character, or bearer_token contains a line end. After the last attempt, the event is lost "
-     "for this sink; the sink continues with the next event. (With retry_count 4294967295, every event fails "
-     "without an attempt and without an error text.)",
+     "for this sink; the sink continues with the next event. (With retry_count 4294967295, every event fails without "
+     "an attempt and without an error text.)",
      "On the machine where the process runs, and as the same user, run curl -v --noproxy '*' -H 'Content-Type: "
-     "application/json' -d '{}' URL with the header lines and the credentials of the section. If the endpoint is slow "
-     "or temporarily unavailable, increase connect_timeout_ms, request_timeout_ms, retry_count and backoff_ms."},
+     "application/json' -d '{}' URL with the header lines and the credentials of the section, and correct what it "
+     "reports. If the endpoint is slow or temporarily unavailable, increase connect_timeout_ms, request_timeout_ms, "
+     "retry_count and backoff_ms (below sink\\cloudevents\\http: only timeout_ms)."},
     {oxEventErrors::kSnmpTrapOid, ErrorOrigin::kDelivery,
      "The trap_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",
      "Set trap_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading dot, such "
