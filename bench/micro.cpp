@@ -254,7 +254,7 @@ void CsvRowToFile(benchmark::State& state) {
   if (oxEventCreateCsvSink(config, &sink, nullptr) != OXEVENT_OK)
     return state.SkipWithError("the sink was not created");
   // Removes the header, so that the file contains only rows.
-  if (truncate(config.path.c_str(), 0) != 0) return state.SkipWithError("the file was not created");
+  if (truncate(config.path.c_str(), 0) != 0) return state.SkipWithError("the header could not be removed");
   int64_t rows = 0;
   RepeatInBatches(
       state, batch_size,

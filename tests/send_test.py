@@ -199,7 +199,7 @@ class SendTest(unittest.TestCase):
             "submitted: 3",
             "emitted: 3",
             f"{CSV}: 2 written to {self.directory}/events.csv",
-            f"{NATIVE}: 0, all are below its minimum_severity (error)",
+            f"{NATIVE}: 0: every event is below its minimum_severity (error)",
             f"sink\\cloudevents\\http\\c: 2 accepted by {cloudevents['endpoint_url']}",
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}",
             f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}"})

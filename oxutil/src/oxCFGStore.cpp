@@ -192,7 +192,7 @@ bool oxCFGStore::Parse(std::string_view bytes) {
   const auto parsed = document_.load_buffer(bytes.data(), bytes.size(), kParseOptions, pugi::encoding_utf8);
   if (!parsed) return Fail(parsed.description(), parsed.offset);
   for (const pugi::xml_node node : document_.children()) {
-    if (DeclaresEntities(node)) return Fail("entities of the file's own", node.offset_debug());
+    if (DeclaresEntities(node)) return Fail("entity declarations", node.offset_debug());
     if (node.type() == pugi::node_cdata || (node.type() == pugi::node_pcdata && !IsWhiteSpace(node.value()))) {
       return Fail("text outside the root element", node.offset_debug());
     }

@@ -33,8 +33,8 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
     if (stream_.Tell() != json_.size()) throw JsonError("invalid JSON: unexpected NUL byte", stream_.Tell());
   }
 
-  // Called by the parser. The stream is then just past the token; only if the token is a bracket of an object or array,
-  // the stream is still at it.
+  // Called by the parser. The stream is then just past the token, except after a brace or bracket that begins or ends
+  // an object or array: there the stream is still at the token.
   bool Null() { return Scalar(Type::kOther, "", true); }
   bool Bool(bool) { return Scalar(Type::kOther, ""); }
   bool RawNumber(const char* text, rapidjson::SizeType size, bool) { return Scalar(Type::kNumber, {text, size}); }

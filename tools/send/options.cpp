@@ -61,7 +61,7 @@ Tool DescribeTool(Options* options) {
   list.push_back({"rate", "PER_SECOND", "report this many events per second",
                   [options](const char* value) { options->rate = ParseNumber<double>(value, 0.001, 1e6); }});
   list.push_back({"wait", "SECONDS",
-                  "give up when nothing was delivered for this long (default 60,\n"
+                  "give up when nothing has been delivered for this long (default 60,\n"
                   "0: never)",
                   [options](const char* value) { options->wait_s = ParseNumber<uint32_t>(value); }});
   list.push_back({"quiet", nullptr, "print only problems", [options](const char*) { options->quiet = true; }});

@@ -131,7 +131,7 @@ class ReportPrinter {
       if (!fault.empty()) return PrintProblem(name + fault);
     }
     if (accepted == 0 && CountEmitted(0) != 0) {
-      return PrintSuccess(name + "0, all are below its minimum_severity (" +
+      return PrintSuccess(name + "0: every event is below its minimum_severity (" +
                           std::string(oxEventSeverityName(sink.minimum_severity)) + ")");
     }
     PrintSuccess(name + std::to_string(accepted) + DescribeDelivery(sink));
