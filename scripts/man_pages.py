@@ -124,11 +124,11 @@ def prototype(text):
 
 def header_pages(header):
     """Returns {page: text}, with one page for each function or group of functions, and oxEventRecord."""
-    codes, entries, of = codes_of(header), {}, {}
+    codes, entries, errors_of = codes_of(header), {}, {}
     for text, declaration in re.findall(r'/\*((?:(?!\*/).)*)\*/\n(?:extern "C" )?OXEVENT_API ([^;]*);\n', header, re.S):
         name = re.search(r"(\w+)\(", declaration)[1]
         failing = next((part for part in comment(text) if part.startswith("OXEVENT_")), "")
-        of[name] = errors(failing, codes)
+        errors_of[name] = errors(failing, codes)
         entries.setdefault(SHARED_PAGES.get(name, name), []).append((name, comment(text), declaration))
     callback = re.search(r"/\*((?:(?!\*/).)*)\*/\n(typedef void \(\*oxEventCallback\)[^;]*;)", header, re.S)
     pages = {"oxEventRecord": record_page(header)}
@@ -146,7 +146,7 @@ def header_pages(header):
         purpose = decapitalized(re.split(r"[.:;(]|, [a-z]+ (?!the)", functions[0][1][0])[0].strip())
         out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose}")
         out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n" + "\n".join(shown)
-        out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(described) + "\n" + return_values([f for name in own for f in of[name]], own)
+        out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(described) + "\n" + return_values([f for name in own for f in errors_of[name]], own)
         others = {"oxevent 3", "oxevent-errors 7"} | {f"{one} 3" for one in re.findall(r"\.Xr (\w+) 3", out)}
         others |= {"oxEventRecord 3"} if "oxEventRecord" in out else set()
         pages[page] = out + see_also(others)

@@ -10,7 +10,7 @@ As a module:
         ...  # Events to UDP port rsyslog.port.
         for event in rsyslog.events(): ...
 
-Bytes that are not UTF-8 are in strings as with errors="surrogateescape". Receivers write no file outside the directory
+Bytes that are not valid UTF-8 are decoded with errors="surrogateescape". Receivers write no file outside the directory
 and do not outlive their parent.
 """
 import atexit
@@ -30,7 +30,7 @@ import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
-TIMEOUT_S = 120  # Generous, for busy machines: everything waited for is expected to happen.
+TIMEOUT_S = 120  # Generous, for busy machines: it expires only if something has failed.
 PR_SET_PDEATHSIG = 1
 AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may lack the user that nginx's workers run as.
 

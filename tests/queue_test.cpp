@@ -21,7 +21,7 @@ oxEventNormalizedEvent Event(std::string_view message, uint32_t severity) {
 }
 
 struct BacklogTest : testing::Test {
-  // Pushes the events "1", "2", ... Returns the message that was displaced last, or "".
+  // Pushes the events "1", "2", ... Returns the message that the last push displaced, or "".
   std::string Push(const std::vector<uint32_t>& severities) {
     std::string displaced;
     for (const uint32_t severity : severities) {

@@ -52,14 +52,14 @@ class HeldDelivery {
   std::future<uint32_t> result_ = InBackground([] { return Submit("held"); });
 };
 
-struct oxEventCsvSink : testing::Test {
-  oxEventCsvSink() {
+struct CsvSinkTest : testing::Test {
+  CsvSinkTest() {
     config.sinks.resize(1);
     config.sinks[0].type = oxEventSinkType::kCsv;
     config.sinks[0].enabled = true;
     config.sinks[0].path = path;
   }
-  ~oxEventCsvSink() override { oxEventSinkShutdown(); }
+  ~CsvSinkTest() override { oxEventSinkShutdown(); }
   void InitializeFlushingEachEvent() {
     config.sinks[0].flush_each_event = true;
     ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
@@ -70,8 +70,8 @@ struct oxEventCsvSink : testing::Test {
   oxEventConfig config;
 };
 
-// The disk has room for `room` bytes of two rows. When it is full, another process may append to the file nevertheless.
-TEST_F(oxEventCsvSink, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
+// The disk has room for `room` bytes of two rows. In the second case, another process appends before the write fails.
+TEST_F(CsvSinkTest, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
   const string rows = kFullRow + kFullRow;
   for (size_t room = 1; room < rows.size(); ++room) {
     for (const string appended : {"", "appended\n"}) {
@@ -94,7 +94,7 @@ TEST_F(oxEventCsvSink, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
   }
 }
 
-TEST_F(oxEventCsvSink, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
+TEST_F(CsvSinkTest, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
   for (const string appended : {"", "appended\n"}) {
     std::ofstream(path) << "";
     {
@@ -115,7 +115,7 @@ TEST_F(oxEventCsvSink, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
 }
 
 // A log rotation must not take a file that only has a header for the one that the host writes to.
-TEST_F(oxEventCsvSink, AFailedReloadLeavesNoNewFile) {
+TEST_F(CsvSinkTest, AFailedReloadLeavesNoNewFile) {
   ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
   config.sinks.push_back(config.sinks[0]);
   config.sinks[1].path = "";
@@ -129,7 +129,7 @@ TEST_F(oxEventCsvSink, AFailedReloadLeavesNoNewFile) {
   EXPECT_EQ(ReadFile(path + ".1"), kHeader + Row("a"));
 }
 
-TEST_F(oxEventCsvSink, HasRoomForARowOfQuotes) {
+TEST_F(CsvSinkTest, HasRoomForARowOfQuotes) {
   const string quotes(1000, '"');
   const oxEventNormalizedEvent event = {.message = quotes};
   string row(10'000, 0);
@@ -137,7 +137,7 @@ TEST_F(oxEventCsvSink, HasRoomForARowOfQuotes) {
   EXPECT_GE(oxEventText::CsvRowCapacity(event), static_cast<size_t>(end - row.data()));
 }
 
-TEST_F(oxEventCsvSink, NewRowsAndFlushesWaitForADeliveryToTheReplacedSink) {
+TEST_F(CsvSinkTest, NewRowsAndFlushesWaitForADeliveryToTheReplacedSink) {
   InitializeFlushingEachEvent();
   HeldDelivery held;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_OK);
@@ -150,7 +150,7 @@ TEST_F(oxEventCsvSink, NewRowsAndFlushesWaitForADeliveryToTheReplacedSink) {
   EXPECT_EQ(ReadFile(path), kHeader + Row("held") + Row("new"));
 }
 
-TEST_F(oxEventCsvSink, FlushFailsOnceIfADeliveryToTheReplacedSinkFails) {
+TEST_F(CsvSinkTest, FlushFailsOnceIfADeliveryToTheReplacedSinkFails) {
   InitializeFlushingEachEvent();
   HeldDelivery held;
   EXPECT_EQ(oxEventSinkReloadConfig({}), OXEVENT_OK);
@@ -159,7 +159,7 @@ TEST_F(oxEventCsvSink, FlushFailsOnceIfADeliveryToTheReplacedSinkFails) {
   EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
 }
 
-TEST_F(oxEventCsvSink, FlushFailsAfterAReloadForRowsLostSinceTheLastFlush) {
+TEST_F(CsvSinkTest, FlushFailsAfterAReloadForRowsLostSinceTheLastFlush) {
   ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
   for (const bool loses_another : {true, false}) {
     const Faults faults(kDiskIsFull);
@@ -172,7 +172,7 @@ TEST_F(oxEventCsvSink, FlushFailsAfterAReloadForRowsLostSinceTheLastFlush) {
   }
 }
 
-TEST_F(oxEventCsvSink, TryFlushDoesNotWaitForTheReaderOfAPipe) {
+TEST_F(CsvSinkTest, TryFlushDoesNotWaitForTheReaderOfAPipe) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   const int pipe = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_EQ(fcntl(pipe, F_SETPIPE_SZ, 4096), 4096);
@@ -187,14 +187,14 @@ TEST_F(oxEventCsvSink, TryFlushDoesNotWaitForTheReaderOfAPipe) {
   close(pipe);
 }
 
-TEST_F(oxEventCsvSink, TryFlushDoesNotWaitForADelivery) {
+TEST_F(CsvSinkTest, TryFlushDoesNotWaitForADelivery) {
   InitializeFlushingEachEvent();
   HeldDelivery held;
   oxEventSinkTryFlush();
   EXPECT_EQ(held.End(), OXEVENT_OK);
 }
 
-TEST_F(oxEventCsvSink, ReportsItsFailuresAndThoseOfCallbacks) {
+TEST_F(CsvSinkTest, ReportsItsFailuresAndThoseOfCallbacks) {
   ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
   uint32_t id = 0;
   ASSERT_EQ(oxEventSinkRegisterCallback([](const oxEventRecord*, void*) { throw 1; }, nullptr, &id), OXEVENT_OK);

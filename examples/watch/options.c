@@ -115,10 +115,10 @@ static int SetOption(int option, const char* name, const char* text, Options* op
     case kMaxUsed:
       return ParseLimit(name, text, "", 100, &options->max_used_percent);
     case kMaxFiles:
-      options->spool_limit = name;
+      options->option_needing_spool = name;
       return ParseLimit(name, text, "", kMax, &options->max_files);
     case kMaxAge:
-      options->spool_limit = name;
+      options->option_needing_spool = name;
       return ParseLimit(name, text, "", kMax, &options->max_age_s);
     case kMaxLoad:
       return ParseLimit(name, text, "", kMax, &options->max_load);
@@ -157,8 +157,8 @@ int ParseOptions(int argc, char** argv, Options* options) {
     fputs("oxevent-watch: the settings file is missing; try 'oxevent-watch --help'\n", stderr);
     return kUsage;
   }
-  if (status == kContinue && options->spool_limit != NULL && options->spool == NULL) {
-    fprintf(stderr, "oxevent-watch: --%s: needs --spool\n", options->spool_limit);
+  if (status == kContinue && options->option_needing_spool != NULL && options->spool == NULL) {
+    fprintf(stderr, "oxevent-watch: --%s: needs --spool\n", options->option_needing_spool);
     return kUsage;
   }
   return status;

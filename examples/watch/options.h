@@ -17,7 +17,7 @@ typedef struct Options {
   const char* settings;
   const char* directory;
   const char* spool;                            /* Null: no spool is watched. */
-  const char* spool_limit;                      /* Name of a given option that requires --spool, or null. */
+  const char* option_needing_spool;             /* An option on the command line that requires --spool, or null. */
   const char* alertmanagers[kMaxAlertmanagers]; /* URLs. */
   size_t alertmanager_count;
   uint64_t period_ms;

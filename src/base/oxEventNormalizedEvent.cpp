@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t kMaxKeptBytes = 4096;  // The memory of longer strings is not kept for reuse.
+constexpr size_t kMaxKeptStringBytes = 4096;  // The memory of longer strings is not kept for reuse.
 
 using Event = oxEventNormalizedEvent;
 
@@ -89,8 +89,8 @@ bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
 }
 
 void oxEventStoredEvent::ReleaseLongTexts() {
-  if (capacity_ <= kMaxKeptBytes) return;  // No string in the block can be longer.
-  const auto is_long = [this](auto field) { return (event_.*field).size() > kMaxKeptBytes; };
+  if (capacity_ <= kMaxKeptStringBytes) return;  // No string in the block can be longer.
+  const auto is_long = [this](auto field) { return (event_.*field).size() > kMaxKeptStringBytes; };
   if (!std::any_of(std::begin(kStrings), std::end(kStrings), is_long)) return;
   event_ = {};
   FreeBlock();
@@ -103,5 +103,5 @@ void oxEventStoredEvent::FreeBlock() {
 }
 
 void oxEventReleaseLongText(std::string* text) {
-  if (text->capacity() > kMaxKeptBytes) std::string().swap(*text);
+  if (text->capacity() > kMaxKeptStringBytes) std::string().swap(*text);
 }
