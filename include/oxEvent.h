@@ -83,6 +83,8 @@ typedef struct oxEventRecord {
  * Receives every event that reaches the sinks, on the library's worker thread, one event at a time. The record and its
  * strings are valid only during the call. A C++ callback that throws counts as a failed sink for that event. A callback
  * may call any function of this header; oxEventFlush and oxEventShutdown document how they behave inside a callback.
+ * A callback must not unload the library, and must not end the worker thread, whether by pthread_exit(3) or by
+ * enabling and requesting its cancellation. While a callback blocks, no sink receives another event.
  */
 typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
 

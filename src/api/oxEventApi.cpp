@@ -96,6 +96,7 @@ uint64_t NextGeneratedId() {
 uint32_t SubmitRecord(const char* entry_point, const oxEventRecord* record) {
   const uint64_t id = NextGeneratedId();  // Used up even if the record is refused.
   oxEventNormalizedEvent event;
+  // Nothing in it throws, because a thread's first exception may allocate memory: Guarded is only a safety net here.
   const uint32_t result = Guarded(entry_point, [&] {
     if (const uint32_t failure = oxEventNormalizeEvent(record, id, &event); failure != OXEVENT_OK) {
       return Fail(failure, oxEventErrors::kInvalidRecord);

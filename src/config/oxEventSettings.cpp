@@ -89,7 +89,7 @@ constexpr oxEventSetting kSyslogUdp[] = {
     {"app_name",
      &S::app_name,
      Form::kText,
-     "APP-NAME of the messages, at most 48 characters. Empty: oxEvent.",
+     "APP-NAME of the messages, at most 48 bytes. Empty: oxEvent.",
      "oxEvent",
      {},
      true,

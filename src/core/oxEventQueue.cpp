@@ -194,8 +194,8 @@ oxEventNormalizedEvent* oxEventQueue::WaitForEvent() {
   }
 }
 
-// Waits for an event or a stop; may return early, and then with free nodes in *surplus. The caller has checked that the
-// backlog is empty.
+// Waits for an event or a stop; may return early, sometimes with free nodes in *surplus. The caller has checked that
+// the backlog is empty.
 void oxEventQueue::WaitForWorkLocked(oxEventNodeStack* surplus) {
   wait_mode_ = std::exchange(had_event_, false) ? WaitMode::kTimed : WaitMode::kBlocked;
   if (wait_mode_ == WaitMode::kTimed) {

@@ -129,7 +129,8 @@ uint32_t oxEventPlatformNativeWrite(oxEventNativeLogHandle* handle, const oxEven
   while (g_system_log->forks_waiting != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   oxEventLock lock(g_system_log->mutex);
   if (!g_system_log->usable) return oxEventSetErrorText(oxEventErrors::kSinkFailed, warning_text);
-  // Opened each time: the host, or a sink that a reload replaced, may have opened or closed the log in the meantime.
+  // Opened each time: the host or another sink (of these settings, or replaced by a reload) may have opened or closed
+  // the log in the meantime.
   openlog(handle->ident.c_str(), LOG_PID, handle->facility);
   g_system_log->writing = true;
   syslog(handle->facility | SyslogLevel(event.severity), "%s", handle->line.c_str());
@@ -151,8 +152,8 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
   delete handle;
 }
 
-// Once it has locked `mutex`, leaves it locked, and cancellation disabled, until one of the two functions below is
-// called. So cancellation is also disabled while the host's fork handlers run.
+// If it gets `mutex` within the timeout, keeps it locked, and cancellation disabled, until one of the two functions
+// below is called, and thus also while the host's fork handlers run. Otherwise changes nothing.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);

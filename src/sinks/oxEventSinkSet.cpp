@@ -64,8 +64,8 @@ const char* SectionOf(oxEventSinkType type) {
 }
 
 // Lock order: `mutex` first. With it held, a thread takes the mutex of a generation, that of the callback sink or
-// error_mutex, but never two of these together. The mutex of an oxEventActiveSink and that of each other sink are taken
-// with none of these held, and never together.
+// error_mutex, but never two of these together. The mutex of an oxEventActiveSink, and that of any sink except the
+// callback sink, is taken only while none of the above is held, and never together with another.
 struct SinkSet {
   oxEventMutex mutex;
   SharedGeneration active OX_GUARDED_BY(mutex);  // Null before initialization and after shutdown.

@@ -33,7 +33,7 @@ uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed
 uint32_t oxEventSinkFlush(uint32_t timeout_ms);
 
 // Writes the buffered rows that can be written without a long wait. Call before a wait during which the process may be
-// killed. The next flush reports a failure.
+// killed. If a write fails, the next flush reports it.
 void oxEventSinkTryFlush();
 
 // Unregisters the callbacks, writes the buffered rows without a time limit, and releases every sink. Always returns 0,

@@ -20,7 +20,7 @@
 namespace {
 
 constexpr uint32_t kDefaultPort = 514;  // RFC 5426, section 3.3.
-constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is truncated.
+constexpr size_t kMaxLine = 8192;       // Bytes; a longer line is truncated, even within a UTF-8 character.
 constexpr int kDisplayDigits = 6;       // Significant digits of a double.
 constexpr oxEventUdpErrors kUdpErrors = {oxEventErrors::kSyslogResolve, oxEventErrors::kSyslogSocket,
                                          oxEventErrors::kSyslogSend};

@@ -10,7 +10,7 @@ CSV file, system log, syslog, HTTP, SNMP. action="raise" raises a condition, and
 OxEventHandler turns log records of the logging module into events; register_callback passes each event that reaches the
 sinks to a function.
 
-Any thread may call any function, also from inside a callback. A call that fails in the library raises OxEventError; an
+Any thread may call any function, including from inside a callback. A call that fails in the library raises OxEventError; an
 invalid argument raises ValueError or TypeError, whose text names the field if it is an argument of submit. Strings are
 str, passed as UTF-8 with surrogateescape, or bytes, passed unchanged.
 
