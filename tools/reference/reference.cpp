@@ -64,7 +64,8 @@ The keys below are relative to `QVX\Events`; a backslash separates a key from it
 sub-key of a sink type is a separate sink. Names are case-sensitive, the words that settings accept are not. If two
 sub-keys or two values of a key have the same name, the library uses the first one. A name has 1 to 511 bytes and no
 backslash: the library does not see a section with any other name, and starts without that section even if it is
-enabled; `oxevent-check` reports such a name as an error.
+enabled; `oxevent-check` reports such a name as an error. Within `QVX\Events`, a key or a value whose name the library
+does not know is kept and has no effect; `oxevent-check` warns about it.
 
 The library refuses a file that it could not save without changing its contents: a file that contains a comment with
 `--` inside, a control character, or a reference to a character that XML does not allow, such as `&#0;`. `oxevent-check`
@@ -74,9 +75,9 @@ cannot keep them, it does not complete the file, and starts nevertheless.
 )";
 
 constexpr std::string_view kSettingsForms = R"(
-A number is decimal; surrounding white space is ignored. If the value of a number is not one, the library uses the
-default, and writes it to the file. A string is truncated to 2047 bytes. A line end within a value can be written as
-`&#10;`. Secrets are stored in clear text: protecting the file by its mode is the host's task.
+A number is decimal; surrounding white space is ignored. If the value of a numeric setting is not a number, the library
+uses the default, and writes it to the file. A string is truncated to 2047 bytes. A line end within a value can be
+written as `&#10;`. Secrets are stored in clear text: protecting the file by its mode is the host's task.
 )";
 
 void PrintSettings() {
