@@ -398,7 +398,7 @@ good.xml: no problems
     def test_explains(self):
         self.assertEqual(self.run_tool("--explain", r"sink\syslog\udp\any\app_name").stdout,
                          "QVX\\Events\\sink\\syslog\\udp\\NAME\\app_name\n"
-                         "    APP-NAME of the messages, at most 48 characters. Empty: oxEvent.\n"
+                         "    APP-NAME of the messages, at most 48 bytes. Empty: oxEvent.\n"
                          "    Type:       a string\n    At most:    48 bytes\n    Default:    oxEvent\n")
         for key, count in (("enabled", 9), ("QVX", 77), ("webhook", 16), ("sink.csv.a", 5), ("/core//queue_size", 1)):
             with self.subTest(key):
