@@ -175,7 +175,7 @@ class CheckTest(unittest.TestCase):
         self.expect({CSV: {"enabled": "on ", "path": "l"}}, f"{CSV}/enabled: error bad-value: * -> Remove the lead")
         self.expect({CSV: ON | {"path": ""}, SYSLOG: ON | {"port": 65536}, SNMP: ON | {"version": "3", "port": 70000}},
                     f"{CSV}/path: error sink-refused: oxEvent CSV ",
-                    f"{SYSLOG}/port: error sink-refused: * -> A port is 0 to 65535; 0 means the default port.",
+                    f"{SYSLOG}/port: error sink-refused: * -> Set a port from 0 to 65535; 0 means the default port.",
                     f"{SNMP}/version: error sink-refused: SNMPv3 ",
                     f"{SNMP}/port: error sink-refused: *127.0.0.1:70000 ")
         self.expect({WEBHOOK: ON}, f"{WEBHOOK}/*: error sink-refused: oxEvent webhook sink requires an http:// ")

@@ -198,7 +198,7 @@ class CombinationChecker {
       if (sink.type != Type::kWebhookHttp && sink.type != Type::kCloudEventsHttp) return;
       if (sink.retry_count == kNoAttempt) {
         Add(Severity::kWarning, "no-try", group, "retry_count", "4294967295 means no attempt at all: every event fails",
-            "0 means one attempt.");
+            "Set it to 0 for one attempt.");
       }
       total_ms += LongestDeliveryMs(sink);
       if (longest == nullptr || LongestDeliveryMs(*longest->sink) < LongestDeliveryMs(sink)) longest = &group;
@@ -233,7 +233,7 @@ class CombinationChecker {
         Add(Severity::kDetail, "host-lines", group, "facility",
             "the host's own lines in the system log also go to this facility, under this source_name, once the sink "
             "has sent an event",
-            "Have the host name the facility in each call to syslog, or call openlog again before it.");
+            "Let the host pass the facility in each call to syslog, or call openlog again before it.");
       }
       if (sink.type != Type::kWebhookHttp) return;
       if (sink.connect_timeout_ms > sink.request_timeout_ms && sink.request_timeout_ms != 0) {

@@ -161,7 +161,7 @@ class HttpChecker {
            "Set only the token.");
     } else if (!HasOuterWhiteSpace(token.text) && token.text.find_first_of(kWhiteSpace) != token.text.npos) {
       Warn("bad-token", "bearer_token", "contains white space, which no token may contain (RFC 6750, section 2.1)",
-           "Remove it.");
+           "Remove the white space.");
     }
   }
 

@@ -25,7 +25,7 @@ struct StartRequirement {
   const char* remedy = nullptr;  // Replaces the remedy of the error table where that is too general.
 };
 
-constexpr char kPortRemedy[] = "A port is 0 to 65535; 0 means the default port.";
+constexpr char kPortRemedy[] = "Set a port from 0 to 65535; 0 means the default port.";
 
 bool LacksPath(const Sink& sink) { return sink.path.empty(); }
 bool LacksUrl(const Sink& sink) { return !HasHttpScheme(sink.endpoint_url); }

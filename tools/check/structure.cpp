@@ -66,7 +66,7 @@ class StructureChecker {
         {is_section ? Severity::kError : Severity::kWarning, "bad-name", file_.PositionOf(node),
          JoinPath(path, name.substr(0, 80)),
          "its name is " + fault + ": the library ignores it" + (is_section ? ", with everything in it" : ""),
-         "A name has 1 to 511 bytes and no backslash; each key of a path is an element of its own."});
+         "Use a name with 1 to 511 bytes and no backslash; each key of a path is an element of its own."});
   }
 
   void CheckText(pugi::xml_node node, pugi::xml_node key, const std::string& path) {
@@ -184,7 +184,7 @@ class StructureChecker {
            "Settings are values in an instance key below " + path + ", such as " + section.default_instance + ".");
     } else if (HasOuterWhiteSpace(name)) {
       Warn("blanks", key, JoinPath(path, name),
-           "the name has leading or trailing white space, which is part of the name", "Remove it.");
+           "the name has leading or trailing white space, which is part of the name", "Remove the white space.");
     }
   }
 
@@ -229,7 +229,7 @@ class StructureChecker {
     for (const pugi::xml_node child : value.children()) {
       if (child.type() != pugi::node_element) continue;
       Warn("nested", value, key, "contains the element <" + std::string(child.name()) + ">, which the library ignores",
-           "A value contains only text.");
+           "Remove the element: a value contains only text.");
       break;
     }
     if (value.attribute("value")) {

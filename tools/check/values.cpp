@@ -62,7 +62,7 @@ class ValueChecker {
     }
     if (HasOuterWhiteSpace(text) && setting.form != Form::kHeaderLines) {
       return Warn("blanks", "has leading or trailing white space, which is part of the value",
-                  "Remove it; the library does not trim.");
+                  "Remove the white space; the library does not trim.");
     }
     if (!text.empty()) return CheckSyntax();
     if (setting.form == Form::kHost || setting.form == Form::kOid ||
@@ -112,7 +112,8 @@ class ValueChecker {
                (writes ? ", and the library writes it to the file" : ""),
            "Write only digits.");
     } else if (name.ends_with("timeout_ms") && *number > 0 && *number < 50) {
-      Warn("short-time", std::to_string(*number) + " ms is hardly enough for a request", "The unit is milliseconds.");
+      Warn("short-time", std::to_string(*number) + " ms is hardly enough for a request",
+           "Set a longer time. The unit is milliseconds.");
     }
   }
 
@@ -175,7 +176,7 @@ class ValueChecker {
       Warn("changed", "contains characters that are removed from the alert name", "Use letters, digits and _.");
     } else if (has_other([](char c) { return static_cast<unsigned char>(c) >= ' ' && c != 0x7F; }) &&
                value_->setting->form != Form::kHeaderLines) {
-      Warn("control", "contains a line end or another control character", "Remove it.");
+      Warn("control", "contains a line end or another control character", "Remove the character.");
     }
   }
 
