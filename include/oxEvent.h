@@ -39,7 +39,7 @@ extern "C" {
 #define OXEVENT_ALREADY_INITIALIZED 0x80050002u /* Already initialized, or still shutting down. */
 #define OXEVENT_INVALID_ARGUMENT 0x80050003u    /* Invalid argument, record or settings file. */
 #define OXEVENT_NOT_FOUND 0x80050004u           /* Unknown callback id; function not available on this platform. */
-#define OXEVENT_FAILURE 0x80050005u             /* Timeout, failed sink, or out of memory. */
+#define OXEVENT_FAILURE 0x80050005u             /* Timeout, failed sink, no memory or thread. */
 
 /* Severities: a larger value is more severe. */
 #define OXEVENT_SEVERITY_DEBUG 0u   /* Syslog severity 7, debug. */

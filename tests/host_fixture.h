@@ -27,8 +27,8 @@ inline size_t Entries(const std::string& directory) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
-// Runs the function in a child process and returns its result, or -1 if a signal ends the child. An alarm does so after
-// a minute, unless the function sets another one.
+// Runs the function in a child process and returns its result, or -1 if a signal ends the child. An alarm ends the
+// child after a minute, unless the function sets another one.
 inline int InChild(const std::function<int()>& function) {
   const pid_t child = fork();
   if (child == 0) {

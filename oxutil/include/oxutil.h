@@ -35,7 +35,7 @@
 extern "C" {
 #endif
 
-/* Result of oxCFGGetNext after the last name. */
+/* Result of oxCFGGetNext if there is no further name. */
 #define OXCFG_NO_MORE 0xFFFFFFFFu
 
 /*

@@ -28,7 +28,8 @@ bool SyncDescriptor(const oxCFGDescriptor& descriptor) {
 constexpr char kAclAttribute[] = "system.posix_acl_access";
 
 // Blocks SIGXFSZ, which a write beyond the process's file-size limit raises and whose default action ends the host. The
-// destructor discards it. A signal that was pending before belongs to the host and stays pending.
+// destructor discards a SIGXFSZ that was raised meanwhile. A signal that was pending before belongs to the host and
+// stays pending.
 class SigxfszGuard {
  public:
   SigxfszGuard() {

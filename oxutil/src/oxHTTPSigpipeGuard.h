@@ -4,7 +4,8 @@
 
 #include <ctime>
 
-// Blocks SIGPIPE, which a write to a closed connection raises, in the calling thread. The destructor discards it.
+// Blocks SIGPIPE, which a write to a closed connection raises, in the calling thread. The destructor discards
+// a SIGPIPE that was raised meanwhile.
 // Needed for TLS: libcurl itself sends with MSG_NOSIGNAL, but OpenSSL writes to the socket without it.
 class oxHTTPSigpipeGuard {
  public:

@@ -103,7 +103,8 @@ class oxEventWriter {
   // Removes everything behind the first `size` bytes.
   void Truncate(size_t size) { at_ = out_->data() + size; }
 
-  // Returns where the caller may write up to `size` bytes. It then passes the end of what it wrote to Advance.
+  // Returns where the caller may write up to `size` bytes. The caller then passes the end of what it wrote to
+  // Advance.
   char* Room(size_t size) {
     if (static_cast<size_t>(end_ - at_) < size) Grow(size);
     return at_;

@@ -23,8 +23,8 @@ class oxEventSubmitSlots {
   using Slots = std::array<Slot, 32>;
 
  public:
-  // Holds one slot: the one that the thread's id selects or, if it is held, the next free slot. Waits while all slots
-  // are held.
+  // Holds one slot: the one that the thread's id selects or, if that slot is held, the next free one. Waits while all
+  // slots are held.
   class Lease {
    public:
     explicit Lease(oxEventSubmitSlots* slots) : slot_(Acquire(&slots->slots_)) {}

@@ -41,7 +41,8 @@ int SyslogLevel(uint32_t severity) {
 }
 
 // This library holds `mutex` during each call of openlog, syslog and closelog, so that no message is written with
-// another sink's ident, and during a fork. It makes no other blocking call while it holds `mutex`.
+// another sink's ident, and during a fork, unless the fork cannot get it in time. While this library holds `mutex`, it
+// makes no other blocking call.
 struct SystemLog {
   oxEventMutex mutex;
   std::atomic<pthread_t> forking_thread = 0;  // The thread that holds `mutex` during its fork.

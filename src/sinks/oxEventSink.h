@@ -32,7 +32,8 @@ class oxEventSink {
   // writing for the whole timeout. A timeout of 0 means no limit.
   virtual uint32_t Flush(uint32_t /*timeout_ms*/, std::string* /*error*/) { return OXEVENT_OK; }
 
-  // Writes the buffered rows that can be written without a long wait. The next Flush or Drain reports a failure.
+  // Writes the buffered rows that can be written without a long wait. If a write fails, the next Flush or Drain
+  // reports it.
   virtual void TryFlush() {}
 
   // Like Flush, for a sink that is no longer active, but reports each loss only once: fails if rows were lost that

@@ -24,12 +24,14 @@ void oxEventSinkLookUpHosts(oxEventConfig* config);
 uint32_t oxEventSinkInitialize(const oxEventConfig& config);
 uint32_t oxEventSinkReloadConfig(const oxEventConfig& config);
 
-// Delivers one event to every sink, even if one fails or throws, in which case it returns OXEVENT_FAILURE.
+// Delivers one event to every sink. If a sink fails or throws, the others still get the event, and the result is
+// OXEVENT_FAILURE.
 // *failed_sinks and *warnings receive counts; both pointers may be null.
 uint32_t oxEventSinkSubmit(const oxEventNormalizedEvent& event, uint64_t* failed_sinks, uint64_t* warnings);
 
-// Flushes every sink, each with the whole timeout, even if one fails. Returns OXEVENT_FAILURE if a sink failed, if a
-// sink that a reload replaced is still writing its last rows, or if such a sink lost rows, which is reported once.
+// Flushes every sink, each with the whole timeout; after a failure it still flushes the others. Returns OXEVENT_FAILURE
+// if a sink failed, if a sink that a reload replaced is still writing its last rows, or if such a sink lost rows; each
+// such loss is reported once.
 uint32_t oxEventSinkFlush(uint32_t timeout_ms);
 
 // Writes the buffered rows that can be written without a long wait. Call before a wait during which the process may be
@@ -43,8 +45,8 @@ uint32_t oxEventSinkShutdown();
 uint32_t oxEventSinkRegisterCallback(oxEventCallback callback, void* user_data, uint32_t* id_out);
 uint32_t oxEventSinkUnregisterCallback(uint32_t id);
 
-// Returns the reason of the last failure to initialize, reload or flush. Empty after one of these functions or shutdown
-// has succeeded, or if there was no memory for the text.
+// Returns the reason of the last failure to initialize, reload or flush. Empty if an initialization, reload, flush or
+// shutdown has succeeded since, or if there was no memory for the text.
 std::string oxEventSinkGetLastError();
 
 // The failures of a sink since the settings were loaded.

@@ -10,15 +10,15 @@ CSV file, system log, syslog, HTTP, SNMP. action="raise" raises a condition, and
 OxEventHandler turns log records of the logging module into events; register_callback passes each event that reaches the
 sinks to a function.
 
-Any thread may call any function, including from inside a callback. A call that fails in the library raises OxEventError; an
-invalid argument raises ValueError or TypeError, whose text names the field if it is an argument of submit. Strings are
-str, passed as UTF-8 with surrogateescape, or bytes, passed unchanged.
+Any thread may call any function, including from inside a callback. A call that fails in the library raises
+OxEventError; an invalid argument raises ValueError or TypeError, whose text names the field if the argument is one of
+submit. Strings are str, passed as UTF-8 with surrogateescape, or bytes, passed unchanged.
 
 The first call loads the library: the file that was passed to load(), or that the environment variable OXEVENT_LIBRARY
 names, or liboxEvent.so.1 from the loader's search path.
 
 Exit: when the interpreter exits and this module has initialized the library, queued events are delivered for at most
-five seconds, also to callbacks. This does not happen after os._exit, with which multiprocessing ends forked children.
+five seconds, to callbacks too. Nothing is delivered after os._exit, with which multiprocessing ends forked children.
 
 Fork (os.fork, multiprocessing): the child starts uninitialized and without callbacks; calls that need a running library
 raise OxEventError with the code NOT_INITIALIZED. The child may call initialize itself; a child of multiprocessing
@@ -63,7 +63,7 @@ class Result(enum.IntEnum):
     ALREADY_INITIALIZED = 0x80050002  # Already initialized, or a shutdown is in progress.
     INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file was refused.
     NOT_FOUND = 0x80050004  # Unknown callback id.
-    FAILURE = 0x80050005  # A timeout, a failed sink or callback, or out of memory.
+    FAILURE = 0x80050005  # A timeout, a failed sink or callback, out of memory, or no thread could be started.
 
 
 class Severity(enum.IntEnum):
