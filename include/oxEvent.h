@@ -164,7 +164,8 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
  *
  * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as for oxEventInitialize; the previous settings stay in effect. A null or
  * empty config_path is invalid only if the library is not initialized.
- * OXEVENT_NOT_INITIALIZED: also if the library was shut down during the call, even if it is initialized again.
+ * OXEVENT_NOT_INITIALIZED: the library is not initialized, or was shut down during the call, even if it has been
+ * initialized again since.
  */
 OXEVENT_API uint32_t oxEventReloadConfig(const char* config_path);
 

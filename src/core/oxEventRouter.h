@@ -28,7 +28,7 @@ struct oxEventCounters {
 // Connects the queue, the state and the sinks; owns the worker thread and the counters. The time from Start to Stop is
 // a run. Each run has its own worker, queue and state, so that a worker whose callback has shut the library down can
 // finish its event while the next run has already started.
-// Threads: only one at a time may call Start, Stop or ReloadConfig; any thread may call the rest, also during such a
+// Threads: only one at a time may call Start, Stop or ReloadConfig; any thread may call the rest, even during such a
 // call. Functions that need a run return OXEVENT_NOT_INITIALIZED when there is none.
 class oxEventRouter {
  public:

@@ -272,7 +272,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
      kCsvWriteRemedy},
     {oxEventErrors::kCsvBusy, ErrorOrigin::kDelivery,
      "Another thread, usually the worker, was still writing to the file of a CSV sink when the timeout of a flush, or "
-     "the timeout of a reload (1 s), expired. The rows are written once that write has completed.",
+     "the timeout of a reload (1 s), expired. The rows are written as soon as that write has completed.",
      "Check what the path is: a pipe needs a reader, and a network file system needs its server. grep . "
      "/proc/PID/task/*/comm /proc/PID/task/*/wchan shows the name of each thread and where it is blocked; the worker's "
      "name is oxEvent. If the write is only slow, give oxEventFlush a longer timeout."},

@@ -63,9 +63,9 @@ setting, but does not say what is wrong with the XML; `oxevent-check`, which doe
 The keys below are relative to `QVX\Events`; a backslash separates a key from its sub-key. NAME is any name: each
 sub-key of a sink type is a separate sink. Names are case-sensitive, the words that settings accept are not. If two
 sub-keys or two values of a key have the same name, the library uses the first one. A name has 1 to 511 bytes and no
-backslash: the library does not see a section with any other name, and starts without that section even if it is
-enabled; `oxevent-check` reports such a name as an error. Within `QVX\Events`, a key or a value whose name the library
-does not know is kept and has no effect; `oxevent-check` warns about it.
+backslash: the library does not see a section with any other name, and starts without that section even if the section
+is enabled; `oxevent-check` reports such a name as an error. Within `QVX\Events`, a key or a value whose name the
+library does not know is kept and has no effect; `oxevent-check` warns about it.
 
 The library refuses a file that it could not save without changing its contents: a file that contains a comment with
 `--` inside, a control character, or a reference to a character that XML does not allow, such as `&#0;`. `oxevent-check`
