@@ -109,10 +109,10 @@ size_t RunStorms(const Load& load, uint32_t events) {
     oxEventRecord record = OrdinaryRecord();
     for (uint32_t storm = 0; storm < events / kEventsPerStorm; ++storm) {
       start.arrive_and_wait();
-      const size_t before = t_allocations;
+      const size_t allocations_before = t_allocations;
       const uint32_t first = storm * kEventsPerStorm + thread * events_per_thread;
       for (uint32_t i = 0; i < events_per_thread; ++i) SubmitOne(&record, first + i);
-      allocations += t_allocations - before;
+      allocations += t_allocations - allocations_before;
       end.arrive_and_wait();
     }
   };
@@ -131,7 +131,7 @@ size_t RunStorms(const Load& load, uint32_t events) {
 // Returns the caller's allocations.
 size_t RunOneThread(const Load& load, uint32_t events) {
   oxEventRecord record = OrdinaryRecord();
-  const size_t before = t_allocations;
+  const size_t allocations_before = t_allocations;
   const uint64_t start = Now();
   for (uint32_t i = 0; i < events; ++i) {
     const uint64_t due = start + (i + 1) * load.interval_ns;  // The first event, too, finds the worker idle.
@@ -140,7 +140,7 @@ size_t RunOneThread(const Load& load, uint32_t events) {
     }
     SubmitOne(&record, i);
   }
-  const size_t allocations = t_allocations - before;
+  const size_t allocations = t_allocations - allocations_before;
   LoggerDrain();
   return allocations;
 }

@@ -125,10 +125,10 @@ Conditions::Conditions(uint32_t raised) : raised_(raised), conditions_(raised + 
   std::iota(by_number.begin(), by_number.end(), 0);
   std::sort(by_number.begin(), by_number.end(), [&](uint32_t a, uint32_t b) { return numbers[a] < numbers[b]; });
 
-  const size_t before = ResidentBytes();
+  const size_t resident_before = ResidentBytes();
   bool ok = true;
   for (const uint32_t i : by_number) ok &= Evaluate({"", "raise", false, false, "raise"}, &conditions_[i]);
-  bytes_ = ResidentBytes() - before;
+  bytes_ = ResidentBytes() - resident_before;
   if (!ok) abort();
 }
 

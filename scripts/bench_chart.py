@@ -51,8 +51,8 @@ class Axis:
 
 
 def text_at(x, y, text, **attributes):
-    more = "".join(f' {name.replace("_", "-")}="{value}"' for name, value in attributes.items())
-    return f'<text x="{x}" y="{y}"{more}>{escape(text)}</text>'
+    attribute_text = "".join(f' {name.replace("_", "-")}="{value}"' for name, value in attributes.items())
+    return f'<text x="{x}" y="{y}"{attribute_text}>{escape(text)}</text>'
 
 
 def text_with_halo(x, y, text, **attributes):

@@ -21,9 +21,9 @@ std::atomic<Command> g_command = nullptr;
 
 // Looks beside this library first: if a sanitizer intercepts dlopen, the loader does not know this library's RUNPATH.
 void* OpenModule() {
-  Dl_info own = {};
-  dladdr(reinterpret_cast<const void*>(OpenModule), &own);
-  const std::string_view file = own.dli_fname == nullptr ? "" : own.dli_fname;
+  Dl_info own_info = {};
+  dladdr(reinterpret_cast<const void*>(OpenModule), &own_info);
+  const std::string_view file = own_info.dli_fname == nullptr ? "" : own_info.dli_fname;
   const size_t directory_size = file.rfind('/') + 1;  // 0 if there is no slash.
   char path[PATH_MAX];
   if (directory_size != 0 && directory_size + sizeof(OXUTIL_HTTP_MODULE) <= sizeof(path)) {

@@ -93,14 +93,15 @@ uint32_t oxEventQueue::Flush(uint32_t timeout_ms) {
   if (IsDrainedLocked()) return OXEVENT_OK;
   if (ClaimWakeupLocked()) not_empty_.NotifyOne();
   // Wait for the count to change, because more events may be pending by the time that this thread runs again.
-  const uint64_t before = drained_count_;
+  const uint64_t count_before = drained_count_;
   if (timeout_ms == 0) {
-    while (drained_count_ == before) drained_.Wait(mutex_);
+    while (drained_count_ == count_before) drained_.Wait(mutex_);
     return OXEVENT_OK;
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (drained_count_ == before && std::chrono::steady_clock::now() < deadline) drained_.WaitUntil(mutex_, deadline);
-  return drained_count_ != before ? OXEVENT_OK : OXEVENT_FAILURE;
+  while (drained_count_ == count_before && std::chrono::steady_clock::now() < deadline)
+    drained_.WaitUntil(mutex_, deadline);
+  return drained_count_ != count_before ? OXEVENT_OK : OXEVENT_FAILURE;
 }
 
 bool oxEventQueue::HasPending() {
