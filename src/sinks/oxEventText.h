@@ -50,8 +50,9 @@ class JsonObject {
     *at++ = '"';
     std::memcpy(at, name, kSize - 1);
     at += kSize - 1;
-    std::memcpy(at, "\":", 2);
-    out_->Advance(at + 2);
+    *at++ = '"';
+    *at++ = ':';
+    out_->Advance(at);
   }
   void Close() { out_->Add('}'); }
 
