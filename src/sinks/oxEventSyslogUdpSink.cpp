@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -58,9 +59,13 @@ void AddParamValue(std::string_view text, oxEventWriter* line) {
 
 template <size_t kSize>
 void BeginParameter(const char (&name)[kSize], oxEventWriter* line) {
-  line->Add(' ');
-  line->Add(name);
-  line->Add("=\"");
+  char* at = line->Room(kSize + sizeof(" =\""));
+  *at++ = ' ';
+  std::memcpy(at, name, kSize - 1);
+  at += kSize - 1;
+  *at++ = '=';
+  *at++ = '"';
+  line->Advance(at);
 }
 
 template <size_t kSize>
