@@ -14,65 +14,79 @@ static_assert(sizeof(oxEventRecord) == 152 && offsetof(oxEventRecord, message) =
 
 constexpr uint32_t kMinRecordBytes = 48;  // Up to and including message.
 
-// Whether the field lies wholly within the struct_size that the caller declared.
-template <class T>
-bool Has(const oxEventRecord& record, T oxEventRecord::*field) {
-  const auto* begin = reinterpret_cast<const char*>(&record);
-  const auto* end = reinterpret_cast<const char*>(&(record.*field) + 1);
-  return record.struct_size >= static_cast<size_t>(end - begin);
-}
+// Reads the fields that lie wholly within the struct_size that the caller declared. Without a check for each field if
+// kIsComplete: then they all do.
+template <bool kIsComplete>
+class RecordReader {
+ public:
+  explicit RecordReader(const oxEventRecord& record) : record_(record) {}
 
-template <class T>
-T NumberOr(const oxEventRecord& record, T oxEventRecord::*field, T default_value) {
-  return Has(record, field) ? record.*field : default_value;
-}
+  template <class T>
+  T NumberOr(T oxEventRecord::*field, T default_value) const {
+    return Has(field) ? record_.*field : default_value;
+  }
+  // Zero counts as absent.
+  uint64_t NonZeroOr(uint64_t oxEventRecord::*field, uint64_t default_value) const {
+    const uint64_t value = NumberOr(field, uint64_t{0});
+    return value != 0 ? value : default_value;
+  }
+  std::string_view StringOr(const char* oxEventRecord::*field, std::string_view default_value) const {
+    return Has(field) && record_.*field != nullptr ? std::string_view(record_.*field) : default_value;
+  }
 
-// Zero counts as absent.
-uint64_t NonZeroOr(const oxEventRecord& record, uint64_t oxEventRecord::*field, uint64_t default_value) {
-  const uint64_t value = NumberOr(record, field, uint64_t{0});
-  return value != 0 ? value : default_value;
-}
+ private:
+  template <class T>
+  bool Has(T oxEventRecord::*field) const {
+    const auto* begin = reinterpret_cast<const char*>(&record_);
+    const auto* end = reinterpret_cast<const char*>(&(record_.*field) + 1);
+    return kIsComplete || record_.struct_size >= static_cast<size_t>(end - begin);
+  }
 
-std::string_view StringOr(const oxEventRecord& record, const char* oxEventRecord::*field,
-                          std::string_view default_value) {
-  return Has(record, field) && record.*field != nullptr ? std::string_view(record.*field) : default_value;
-}
+  const oxEventRecord& record_;
+};
 
 bool IsValid(const oxEventRecord* record) {
   return record != nullptr && record->struct_size >= 2 * sizeof(uint32_t) &&  // The record includes version.
          record->version == OXEVENT_API_VERSION && record->struct_size >= kMinRecordBytes &&
          record->message != nullptr && record->message[0] != '\0' &&
-         NumberOr(*record, &oxEventRecord::severity, OXEVENT_SEVERITY_INFO) <= OXEVENT_SEVERITY_ERROR;
+         RecordReader<false>(*record).NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO) <=
+             OXEVENT_SEVERITY_ERROR;
 }
 
-}  // namespace
-
-uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
-  if (out == nullptr || !IsValid(record)) return OXEVENT_INVALID_ARGUMENT;
-
-  out->event_id = NonZeroOr(*record, &oxEventRecord::event_id, assigned_id);
-  out->event_type = StringOr(*record, &oxEventRecord::event_type, "event");
-  out->source_id = StringOr(*record, &oxEventRecord::source_id, "");
-  out->source_name = StringOr(*record, &oxEventRecord::source_name, "oxEvent");
-  out->message = record->message;
-  out->severity = NumberOr(*record, &oxEventRecord::severity, OXEVENT_SEVERITY_INFO);
-  out->action = StringOr(*record, &oxEventRecord::action, "");
-  out->dedupe_key = StringOr(*record, &oxEventRecord::dedupe_key, "");
-  out->correlation_id = StringOr(*record, &oxEventRecord::correlation_id, "");
-  out->utc_ns = NonZeroOr(*record, &oxEventRecord::utc_ns, 0);
-  out->ptp_ns = NonZeroOr(*record, &oxEventRecord::ptp_ns, 0);
+template <bool kIsComplete>
+void ReadFields(const oxEventRecord& record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
+  const RecordReader<kIsComplete> reader(record);
+  out->event_id = reader.NonZeroOr(&oxEventRecord::event_id, assigned_id);
+  out->event_type = reader.StringOr(&oxEventRecord::event_type, "event");
+  out->source_id = reader.StringOr(&oxEventRecord::source_id, "");
+  out->source_name = reader.StringOr(&oxEventRecord::source_name, "oxEvent");
+  out->message = reader.StringOr(&oxEventRecord::message, "");
+  out->severity = reader.NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO);
+  out->action = reader.StringOr(&oxEventRecord::action, "");
+  out->dedupe_key = reader.StringOr(&oxEventRecord::dedupe_key, "");
+  out->correlation_id = reader.StringOr(&oxEventRecord::correlation_id, "");
+  out->utc_ns = reader.NonZeroOr(&oxEventRecord::utc_ns, 0);
+  out->ptp_ns = reader.NonZeroOr(&oxEventRecord::ptp_ns, 0);
   if (out->utc_ns == 0 || out->ptp_ns == 0) {
     // The clock is read once, so that both timestamps are equal if the record has neither.
     const uint64_t now = oxEventPlatformGetPtpNano();
     if (out->utc_ns == 0) out->utc_ns = now;
     if (out->ptp_ns == 0) out->ptp_ns = now;
   }
-  out->pts = NumberOr(*record, &oxEventRecord::pts, int64_t{0});
-  out->timecode = StringOr(*record, &oxEventRecord::timecode, "");
-  out->value = NumberOr(*record, &oxEventRecord::value, 0.0);
-  out->threshold = NumberOr(*record, &oxEventRecord::threshold, 0.0);
-  out->units = StringOr(*record, &oxEventRecord::units, "");
-  out->duration_ms = NumberOr(*record, &oxEventRecord::duration_ms, uint64_t{0});
-  out->details_json = StringOr(*record, &oxEventRecord::details_json, "{}");
+  out->pts = reader.NumberOr(&oxEventRecord::pts, int64_t{0});
+  out->timecode = reader.StringOr(&oxEventRecord::timecode, "");
+  out->value = reader.NumberOr(&oxEventRecord::value, 0.0);
+  out->threshold = reader.NumberOr(&oxEventRecord::threshold, 0.0);
+  out->units = reader.StringOr(&oxEventRecord::units, "");
+  out->duration_ms = reader.NumberOr(&oxEventRecord::duration_ms, uint64_t{0});
+  out->details_json = reader.StringOr(&oxEventRecord::details_json, "{}");
+}
+
+}  // namespace
+
+uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
+  if (out == nullptr || !IsValid(record)) return OXEVENT_INVALID_ARGUMENT;
+  const bool is_complete = record->struct_size >= sizeof(oxEventRecord);
+  (is_complete ? ReadFields<true> : ReadFields<false>)(*record, assigned_id, out);
   return OXEVENT_OK;
 }

@@ -17,9 +17,6 @@ constexpr std::string_view Event::*kStrings[] = {
     &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
 
-// Size of all strings in bytes, including a NUL after each.
-size_t StoredBytes(const Event& event) { return event.TextBytes() + std::size(kStrings); }
-
 }  // namespace
 
 oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
@@ -45,10 +42,6 @@ oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
   record.duration_ms = duration_ms;
   record.details_json = details_json.data();
   return record;
-}
-
-bool oxEventStoredEvent::HasRoomFor(const oxEventNormalizedEvent& event) const {
-  return StoredBytes(event) <= capacity_;
 }
 
 bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {

@@ -52,7 +52,7 @@ class oxEventStoredEvent {
   oxEventStoredEvent& operator=(const oxEventStoredEvent&) = delete;
 
   // Whether Assign needs no allocation.
-  bool HasRoomFor(const oxEventNormalizedEvent& event) const;
+  bool HasRoomFor(const oxEventNormalizedEvent& event) const { return StoredBytes(event) <= capacity_; }
 
   // Copies the event. Returns false, and changes nothing, if out of memory.
   [[nodiscard]] bool Assign(const oxEventNormalizedEvent& from);
@@ -67,6 +67,10 @@ class oxEventStoredEvent {
   oxEventSharedSlab* Memory() const { return memory_; }
 
  private:
+  static constexpr size_t kStringCount = 10;
+
+  // Including a NUL after each string.
+  static size_t StoredBytes(const oxEventNormalizedEvent& event) { return event.TextBytes() + kStringCount; }
   void FreeBlock();
 
   oxEventNormalizedEvent event_;
