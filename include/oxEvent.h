@@ -41,7 +41,7 @@ extern "C" {
 #define OXEVENT_NOT_FOUND 0x80050004u           /* Unknown callback id; function not available on this platform. */
 #define OXEVENT_FAILURE 0x80050005u             /* Timeout, failed sink, no memory or thread. */
 
-/* Severities: a larger value is more severe. */
+/* Severities: a larger value is more severe, and there is none above error. */
 #define OXEVENT_SEVERITY_DEBUG 0u   /* Syslog severity 7, debug. */
 #define OXEVENT_SEVERITY_INFO 1u    /* Syslog severity 6, informational. */
 #define OXEVENT_SEVERITY_WARNING 2u /* Syslog severity 4, warning. */

@@ -23,6 +23,13 @@ echo '{"message": "Fan 2 stands still", "value": 0, "units": "1/min"}' | oxevent
 oxevent-check settings.xml
 oxevent-check --explain queue_size
 """)}
+CAVEATS = {"oxevent-check": """\
+The library may not start with a file in which the tool finds no error, because the tool does not do all that a start
+does: for example, it does not notice that the host name of a syslog or SNMP sink cannot be resolved.
+
+If a section below sink\\native is enabled, the tool connects to the socket /dev/log, without sending anything, to see whether
+there is a system log. A missing system log is only a note, because the file may be meant for another machine.
+"""}
 SHARED_PAGES = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions, and those whose page they share.
                 "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
 
@@ -187,12 +194,20 @@ def fields(header, struct):
     return out + ".El"
 
 
+def severities(header):
+    out = mark(re.search(r"/\* (Severities: .*?) \*/", header)[1], ()) + "\n.Bl -tag -width Ds\n"
+    for name, value, meaning in re.findall(r"#define (OXEVENT_SEVERITY_\w+) (\d)u +/\* (.*?) \*/", header):
+        out += f".It Dv {name} Pq {value}\n{meaning}\n"
+    return out + ".El\n"
+
+
 def record_page(header):
     text = re.search(r"/\*((?:(?!\*/).)*)\*/\ntypedef struct oxEventRecord \{", header, re.S)[1]
     out = begin("oxEventRecord", 3, ".Nm oxEventRecord\n.Nd one event")
     out += ".Sh SYNOPSIS\n.In oxEvent.h\n.Vt oxEventRecord\n.Sh DESCRIPTION\n"
     out += "\n.Pp\n".join(mark(part, ()) for part in comment(text)) + "\n.Pp\nThe fields, in order:\n"
-    return out + fields(header, "oxEventRecord") + "\n" + see_also(["oxevent 3", "oxEventSubmit 3", "oxEventRegisterCallback 3"])
+    out += fields(header, "oxEventRecord") + "\n.Pp\n" + severities(header)
+    return out + see_also(["oxevent 3", "oxEventSubmit 3", "oxEventRegisterCallback 3"])
 
 
 # Pages from a tool's --help.
@@ -225,7 +240,10 @@ def tool_page(name, text):
     for code, meaning in re.findall(r"(\d) +(.*?)(?=,? +\d |$)", " ".join(status.split())):
         out += f".It {code}\n{lines(meaning[0].upper() + meaning[1:].rstrip('.'))}.\n"
     out += f".El\n.Sh EXAMPLES\n.Bd -literal\n{escape(example)}.Ed\n"
-    return out + see_also({"oxevent 3", "oxevent-settings 5", "oxevent-errors 7"} | {f"{one} 1" for one in TOOLS if one != name})
+    out += see_also({"oxevent 3", "oxevent-settings 5", "oxevent-errors 7"} | {f"{one} 1" for one in TOOLS if one != name})
+    if name in CAVEATS:
+        out += ".Sh CAVEATS\n" + "\n.Pp\n".join(lines(part) for part in CAVEATS[name].split("\n\n")) + "\n"
+    return out
 
 
 def main():
