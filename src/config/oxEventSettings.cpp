@@ -99,12 +99,12 @@ constexpr oxEventSetting kNative[] = {
     {"enabled", &S::enabled, Form::kSwitch, kEnabledDescription, "1"},
     kMinimumSeverity,
     {"source_name", &S::source_name, Form::kText,
-     "Identity shown in the log. It applies to the whole process: after an event, the host's own messages carry it "
-     "too, until the host calls openlog again. Empty: oxEvent.",
+     "Identity shown in the log. It applies to the whole process: after the start and after each event, the host's own "
+     "messages carry it too, until the host calls openlog again. Empty: oxEvent.",
      "oxEvent"},
     {"facility", &S::native_facility, Form::kWord,
-     "Syslog facility of the messages. An unknown name means local4. It applies to the whole process: after an event, "
-     "the host's own messages without a facility use it too, until the host calls openlog again.",
+     "Syslog facility of the messages. An unknown name means local4. It applies to the whole process: after the start "
+     "and after each event, the host's own messages without a facility use it too, until the host calls openlog again.",
      nullptr, kNativeFacilityWords},
     {"subsystem", &S::subsystem, Form::kText, "Read, but has no effect on Linux.", nullptr, {}, false},
     {"category", &S::category, Form::kText, "Read, but has no effect on Linux.", nullptr, {}, false}};
