@@ -202,6 +202,14 @@ class CheckTest(unittest.TestCase):
         self.expect({"udp/a": {"zzz": 1}}, "udp: warning unknown-key")
         self.expect({"zz": {"community": "x", "path": "a", "flush_each_event": 0}},
                     r"zz: warning misplaced: * its settings belong in QVX\Events\sink\csv\zz")
+        for key, values, place in (
+                ("webhook/d", POSTING, r"webhook\http\d"), ("snmp/d", {"host": "h", "port": 1}, r"snmp\trap\d"),
+                ("syslog/d", ON, r"syslog\udp\d"), ("syslog/d", ON | {"path": "x"}, r"csv\d")):
+            self.expect({f"sink/{key}": values}, rf"sink/{key}: warning misplaced: * in QVX\Events\sink\{place} -> ")
+        self.expect({"sink/syslog/d": {"zzz": 1}}, "sink/syslog/d: warning unknown-key")
+        self.expect({"sink/webhook": ON | {"zzz": 1}},
+                    r"sink/webhook/enabled: warning unknown-value: * -> Settings belong *\http, such as default",
+                    "sink/webhook/zzz: warning unknown-value: * -> Keys ")
         self.expect({"sink/native": {"enabled": 1, "facility": "user"}},
                     "sink/native: note misplaced", "*/enabled: warning misplaced", "*/facility: warning misplaced")
 

@@ -64,9 +64,12 @@ std::string NameOf(pugi::xml_node node) { return oxCFGDecoded(node.attribute("na
 bool IsKey(pugi::xml_node node) { return std::string_view(node.name()) == "key"; }
 bool IsValue(pugi::xml_node node) { return std::string_view(node.name()) == "value"; }
 
-const oxEventSection* FindSimilarSection(pugi::xml_node key) {
-  const oxEventSection* best = nullptr;
-  size_t most = 0;
+const oxEventSection* FindSimilarSection(pugi::xml_node key, const oxEventSection* preferred) {
+  const auto is_preferred = [&](pugi::xml_node child) {
+    return preferred != nullptr && IsValue(child) && FindSetting(*preferred, NameOf(child)) != nullptr;
+  };
+  const oxEventSection* best = std::any_of(key.begin(), key.end(), is_preferred) ? preferred : nullptr;
+  size_t most = best == nullptr ? 0 : CountSettings(*best, key);
   for (const oxEventSection& section : g_oxEventSections) {
     const size_t count = CountSettings(section, key);
     if (count <= most) continue;

@@ -18,6 +18,10 @@ struct KeySchema {
 
   bool HasInstances() const { return section != nullptr && section->default_instance != nullptr; }
   bool HasSettings() const { return section != nullptr && section->default_instance == nullptr; }
+  // Returns the section whose instances the key's only child contains, or null.
+  const oxEventSection* OnlySection() const {
+    return children.size() == 1 && children[0].HasInstances() ? children[0].section : nullptr;
+  }
   const KeySchema* Find(std::string_view child_name) const {
     const auto child =
         std::find_if(children.begin(), children.end(), [&](const KeySchema& key) { return key.name == child_name; });
@@ -40,8 +44,9 @@ bool IsKey(pugi::xml_node node);
 bool IsValue(pugi::xml_node node);
 
 // Returns the section that has the most settings in common with the key, or null if no section has one in common.
-// enabled and minimum_severity do not count.
-const oxEventSection* FindSimilarSection(pugi::xml_node key);
+// enabled and minimum_severity do not count. Of sections that have equally many in common, returns `preferred` (may be
+// null), which may also have only enabled or minimum_severity in common.
+const oxEventSection* FindSimilarSection(pugi::xml_node key, const oxEventSection* preferred = nullptr);
 
 // Returns whether `key` contains any element that `schema` expects.
 bool MatchesSchema(const KeySchema& schema, pugi::xml_node key);

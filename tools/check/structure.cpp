@@ -136,7 +136,8 @@ class StructureChecker {
     if (suggestion.empty() && !IsInEvents(path) && IsKnownPath(schema, name)) {
       suggestion = "; each key of a path is an element of its own";
     }
-    const oxEventSection* const similar = IsKey(child) ? FindSimilarSection(child) : nullptr;
+    const oxEventSection* const only = schema.OnlySection();
+    const oxEventSection* const similar = IsKey(child) ? FindSimilarSection(child, only) : nullptr;
     const std::string child_path = JoinPath(path, name);
     const KeySchema* const match = IsKey(child) ? FindMatchingSchema(schema, child) : nullptr;
     if (IsInEvents(path) && suggestion.empty() && similar != nullptr) {
@@ -147,10 +148,18 @@ class StructureChecker {
       Warn("misplaced", child, child_path, "the library ignores it: it belongs in " + match->parent_path,
            "Move it there.");
     } else if (IsInEvents(path) || !suggestion.empty()) {
+      const bool is_setting = only != nullptr && IsValue(child) && FindSetting(*only, name) != nullptr;
       Warn(IsKey(child) ? "unknown-key" : "unknown-value", child, child_path,
            std::string("no such ") + (IsKey(child) ? "key" : "value") + " here" + suggestion,
-           "Keys below " + (path.empty() ? "the root" : path) + ": " + Listed(NamesOf(schema.children)) + ".");
+           is_setting
+               ? InstanceRemedy(*only)
+               : "Keys below " + (path.empty() ? "the root" : path) + ": " + Listed(NamesOf(schema.children)) + ".");
     }
+  }
+
+  static std::string InstanceRemedy(const oxEventSection& section) {
+    return "Settings belong in an instance key below " + PathOf(section) + ", such as " + section.default_instance +
+           ".";
   }
 
   static std::string Listed(const std::vector<std::string>& names) {
@@ -168,7 +177,7 @@ class StructureChecker {
         return;
       }
       Warn("misplaced", child, JoinPath(path, name), "a value next to instances: the library ignores it",
-           "Settings belong in an instance key below " + path + ", such as " + section.default_instance + ".");
+           InstanceRemedy(section));
       if (!std::exchange(reported, true)) {
         findings_.push_back({Severity::kNote, "misplaced", file_.PositionOf(key), path,
                              "contains instances, not settings",
