@@ -260,6 +260,17 @@ class CheckTest(unittest.TestCase):
                         f"sink/{sink}/{len(settings) - 1}/{setting}: warning same-destination: *sink\\*\\0: each ")
         self.expect({CSV: ON | {"path": "./0.xml"}}, f"{CSV}/path: warning own-file")
 
+    def test_csv_files_that_cannot_be_written(self):
+        here = os.getcwd()
+        Path("old").touch()
+        Path("ro").mkdir()
+        read_only = ["unshare", "--map-root-user", "-m", "sh", "-c", 'mount -t tmpfs -o ro none ro && exec "$@"', "sh"]
+        for path, expected in (("old", "[]"), ("new/x", "[]"), ("old/a/x", f"({here}/old: Not a directory)"),
+                               ("ro/x", f"({here}/ro: Read-only file system)")):
+            self.write({NATIVE: OFF, CSV: ON | {"path": f"{here}/{path}"}})
+            self.assertIn(expected, subprocess.check_output([*read_only, TOOL, "--json", "0.xml"], text=True), path)
+        self.assertFalse(Path("new").exists())
+
     def test_texts_quote_at_most_60_bytes(self):
         for value, shown in ((60 * "x", 60 * "x"), (61 * "x", 60 * "x" + "..."), (59 * "x" + "é", 59 * "x" + "...")):
             self.expect({NATIVE: {"facility": value}}, f"{NATIVE}/facility: warning unknown-word: '{shown}' is ")

@@ -1,5 +1,11 @@
 // Reports sinks that would not start, and sinks that are configured but disabled.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "check/settings_file.h"
 #include "check/syntax.h"
@@ -49,6 +55,20 @@ constexpr StartRequirement kStartRequirements[] = {  // In the order in which a 
     {Type::kSnmpTrap, "version", HasBadVersion, FixNothing, oxEventCreateSnmpTrapSink},
     {Type::kSnmpTrap, "port", HasBadSnmpPort, FixVersion, oxEventCreateSnmpTrapSink, kPortRemedy}};
 
+// Returns why this user can neither write the file nor create it, or an empty string. Creates nothing. The library
+// creates missing directories, so the nearest one that exists counts.
+std::string WriteFault(const std::filesystem::path& file) {
+  std::error_code failure;
+  std::filesystem::path nearest = file;
+  while (!std::filesystem::exists(nearest, failure) && nearest.has_relative_path()) nearest = nearest.parent_path();
+  const bool exists = nearest == file;
+  const bool is_directory = std::filesystem::is_directory(nearest, failure);
+  if (exists && is_directory) return "";  // CheckValues reports it.
+  int error = exists || is_directory ? 0 : ENOTDIR;
+  if (error == 0 && faccessat(AT_FDCWD, nearest.c_str(), exists ? W_OK : W_OK | X_OK, AT_EACCESS) != 0) error = errno;
+  return error == 0 ? "" : nearest.string() + ": " + std::generic_category().message(error);
+}
+
 class SinkChecker {
  public:
   SinkChecker(SettingsFile* file, std::vector<Finding>* findings) : file_(*file), findings_(*findings) {}
@@ -58,7 +78,8 @@ class SinkChecker {
       if (requirement.type == group.sink->type && requirement.is_violated(*group.sink))
         ReportStartError(group, requirement);
     }
-    if (!group.sink->enabled) CheckDisabled(group);
+    if (!group.sink->enabled) return CheckDisabled(group);
+    if (group.sink->type == Type::kCsv && group.sink->path.starts_with('/')) CheckFile(group);
   }
 
  private:
@@ -86,6 +107,16 @@ class SinkChecker {
       findings_.push_back({Severity::kWarning, "sink-refused", position, path,
                            "the library would not start with this sink enabled: " + error, remedy});
     }
+  }
+
+  // A relative path depends on the working directory of the host.
+  void CheckFile(const Group& group) {
+    const std::string fault = WriteFault(group.sink->path);
+    if (fault.empty()) return;
+    findings_.push_back({Severity::kNote, "not-writable", group.PositionOf("path"), group.PathOf("path"),
+                         "on this machine, the user of this tool cannot write or create the file (" + fault +
+                             "): the library would not start",
+                         "Let the user of the host write there, or set another path."});
   }
 
   // A disabled sink with a destination or a secret was probably meant to be enabled.
