@@ -289,6 +289,7 @@ class CheckTest(unittest.TestCase):
         self.expect({"core": {"minimum_severity": "error"}}, "core/minimum_severity: warning clears-hidden: *1800 s")
         self.expect({"core": {"minimum_severity": "error"}, "state": {"enabled": 0}})
         self.expect({ALERTMANAGER: ON}, f"{ALERTMANAGER}/enabled: note sends-nothing")
+        self.expect({ALERTMANAGER: ON, NATIVE: OFF}, f"{ALERTMANAGER}/enabled: note", f"{NATIVE}/*: warning no-sink")
 
     def test_secrets_of_a_sink_together(self):
         login = {"basic_username": "u", "basic_password": "p"}

@@ -204,10 +204,11 @@ class SendTest(unittest.TestCase):
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}",
             f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}"})
         self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* 500\)\n    .*run curl.*\n"
-                         "oxevent-send: reached no sink: 1, below the minimum_severity of every enabled sink\n$")
+                         "oxevent-send: reached no sink: 1, below the minimum_severity of .* that delivers events\n$")
 
     def test_reports_why_events_were_not_delivered(self):
         stuck = {WEBHOOK: self.webhook(), "core": {"queue_size": 1}}
+        alerts = {"sink\\alertmanager\\a": {"enabled": 1}}
         burst = "m --count 500 --rate 1000000 --wait 1"
         for sections, arguments, expected in (
                 ({"core": OFF}, "m", r"0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
@@ -216,7 +217,9 @@ class SendTest(unittest.TestCase):
                 ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or "),
                 ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or"),
                 ({CSV: {"enabled": 1, "path": "/dev/full"}}, "m", r"sink\\csv\\default: failed: .*\n    .*\n$"),
-                ({CSV: OFF}, "m", "emitted: 1\n.*no sink is enabled: no event was delivered\n")):
+                ({CSV: {"enabled": 1, "path": "x", "minimum_severity": 2}} | alerts, "m", "reached no sink: 1, "),
+                ({CSV: OFF} | alerts, "m", "1 formatted, not sent: .*\n.*no sink that delivers events is enabled: "),
+                ({CSV: OFF}, "m", "emitted: 1\n.*no sink that delivers events is enabled: no event was delivered\n")):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
                 self.assertRegex(output + errors, expected)

@@ -126,7 +126,7 @@ class CombinationChecker {
           "Set it to 1.");
     }
     bool any = false;
-    ForEachEnabled([&](const Group&, const Sink&) { any = true; });
+    ForEachEnabled([&](const Group&, const Sink& sink) { any = any || sink.type != Type::kAlertmanager; });
     if (!any && !file_.config.sinks.empty()) WarnAboutNoSink();
     const oxEventConfig& config = file_.config;
     if (config.minimum_severity == OXEVENT_SEVERITY_ERROR && config.state_enabled && config.dedupe_enabled) {
@@ -142,7 +142,7 @@ class CombinationChecker {
     for (const Group& group : file_.groups) {
       if (group.sink == nullptr || group.sink->type != Type::kNative || !IsValid(group, "enabled")) continue;
       Add(Severity::kWarning, "no-sink", group, "enabled",
-          "no sink is enabled: only callbacks that the host registers receive the events",
+          "no sink that delivers events is enabled: only callbacks that the host registers receive the events",
           "Set enabled of a sink to 1.");
       break;
     }

@@ -31,8 +31,8 @@ suppressed as a duplicate for state\default_repeat_interval_sec, and a clear is 
 condition was raised in the same run or state\route_orphan_clear is on.
 
 UDP and the system log do not confirm that an event has arrived. The Alertmanager sink sends nothing
-itself. If writing to a CSV file blocks, as with a pipe that no process reads, the tool can hang
-longer than --wait allows.
+itself: an event that no other sink accepts counts as sent to no sink. If writing to a CSV file
+blocks, as with a pipe that no process reads, the tool can hang longer than --wait allows.
 
 SIGHUP, SIGINT and SIGTERM stop the reporting: the tool delivers the queued events, and the signal
 then ends it. A second signal of the same kind ends it immediately.

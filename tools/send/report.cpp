@@ -147,15 +147,15 @@ class ReportPrinter {
     for (const oxEventSinkConfig& sink : config_.sinks) {
       if (!sink.enabled || status == statuses.end()) continue;
       failures += status->failures;
-      min_severity = std::min(min_severity, sink.minimum_severity);
+      if (sink.type != oxEventSinkType::kAlertmanager) min_severity = std::min(min_severity, sink.minimum_severity);
       PrintSink(sink, *status++);
     }
     const uint64_t without_sink = CountEmitted(0) - CountEmitted(min_severity);
     if (min_severity == UINT32_MAX) {
-      PrintProblem("no sink is enabled: no event was delivered");
+      PrintProblem("no sink that delivers events is enabled: no event was delivered");
     } else if (without_sink != 0) {
       PrintProblem("reached no sink: " + std::to_string(without_sink) +
-                   ", below the minimum_severity of every enabled sink");
+                   ", below the minimum_severity of every enabled sink that delivers events");
     }
     return failures;
   }
