@@ -171,13 +171,19 @@ class CheckTest(unittest.TestCase):
     def test_values_that_the_library_refuses(self):
         self.expect({"core": {"enabled": "maybe", "queue_size": "x"}},
                     r"core/enabled: error bad-value: Invalid boolean value for QVX\Events\core\enabled: maybe -> * 1, ",
-                    "core/queue_size: warning no-number: 'x' is not a number *: the default 1024 applies -> ")
+                    "core/queue_size: warning no-number: 'x' is not a number from 1 to *: the default 1024 applies -> ")
         self.expect({CSV: {"enabled": "on ", "path": "l"}}, f"{CSV}/enabled: error bad-value: * -> Remove the lead")
         self.expect({CSV: ON | {"path": ""}, SYSLOG: ON | {"port": 65536}, SNMP: ON | {"version": "3", "port": 70000}},
                     f"{CSV}/path: error sink-refused: oxEvent CSV ",
                     f"{SYSLOG}/port: error sink-refused: * -> Set a port from 0 to 65535; 0 means the default port.",
                     f"{SNMP}/version: error sink-refused: SNMPv3 ",
                     f"{SNMP}/port: error sink-refused: *127.0.0.1:70000 ")
+        self.expect({SYSLOG: {"port": "x"}}, f"{SYSLOG}/port: warning no-number: 'x' is not a number from 0 to ")
+        self.expect({"core": {"drop_policy": "drop_nevest", "minimum_severity": "critical"}},
+                    "core/drop_policy: error *; did you mean drop_newest?",
+                    "core/minimum_severity: error *; error is the highest ")
+        self.write({"core": {"drop_policy": "Drop_Oldest"}})
+        self.assertNotIn("did you mean", self.run_tool("0.xml").stdout)
         self.expect({WEBHOOK: ON}, f"{WEBHOOK}/*: error sink-refused: oxEvent webhook sink requires an http:// ")
         self.expect({WEBHOOK: ON | {"payload_mode": "cloudevent", "endpoint_url": "ftp://h"}},
                     f"{WEBHOOK}/payload_mode: error sink-refused: * -> Set it to *; did you mean cloudevents?",

@@ -36,6 +36,15 @@ std::vector<std::string> NamesOf(oxEventWords words) {
   return texts;
 }
 
+// Lists the words, and suggests one that resembles `text`, but not its opposite: drop_newest resembles drop_oldest.
+std::string WordsRemedy(std::string_view text, Form form, oxEventWords words) {
+  const std::string suggestion = Suggestion(text, NamesOf(words));
+  const bool is_opposite =
+      oxEventAsciiLower(text).find("old") != std::string::npos && suggestion.find("new") != std::string::npos;
+  return "Accepted (case-insensitive): " + List(words) +
+         (form == Form::kSeverity ? "; error is the highest severity" : "") + (is_opposite ? "" : suggestion);
+}
+
 class ValueChecker {
  public:
   ValueChecker(const SettingsFile& file, std::vector<Finding>* findings) : file_(file), findings_(*findings) {}
@@ -87,11 +96,10 @@ class ValueChecker {
     const oxEventWords words = setting.form == Form::kSwitch     ? g_oxEventSwitchWords
                                : setting.form == Form::kSeverity ? g_oxEventSeverityWords
                                                                  : setting.words;
-    const std::string remedy =
-        words.empty() ? "Set a number above 0; the default is " + Default() + "."
-        : HasOuterWhiteSpace(value_->text) && !ParseNumber32(value_->text)
-            ? "Remove the leading or trailing white space, which is part of the value."
-            : "Accepted (case-insensitive): " + List(words) + Suggestion(value_->text, NamesOf(words));
+    const std::string remedy = words.empty() ? "Set a number above 0; the default is " + Default() + "."
+                               : HasOuterWhiteSpace(value_->text) && !ParseNumber32(value_->text)
+                                   ? "Remove the leading or trailing white space, which is part of the value."
+                                   : WordsRemedy(value_->text, setting.form, words);
     findings_.push_back({Severity::kError, "bad-value", value_->position, bad->first, bad->second, remedy});
     return true;
   }
@@ -107,9 +115,10 @@ class ValueChecker {
     const std::string name = value_->setting->name;
     if (!number) {
       const bool writes = file_.start_error.empty();
+      const std::string lowest = value_->setting->form == Form::kCapacity ? "1" : "0";
       Warn("no-number",
-           Quoted(value_->text) + " is not a number from 0 to 4294967295: the default " + Default() + " applies" +
-               (writes ? ", and the library writes it to the file" : ""),
+           Quoted(value_->text) + " is not a number from " + lowest + " to 4294967295: the default " + Default() +
+               " applies" + (writes ? ", and the library writes it to the file" : ""),
            "Write only digits.");
     } else if (name.ends_with("timeout_ms") && *number > 0 && *number < 50) {
       Warn("short-time", std::to_string(*number) + " ms is hardly enough for a request",
@@ -122,7 +131,7 @@ class ValueChecker {
     const oxEventSetting& setting = *value_->setting;
     if (std::string_view(setting.name) != "facility" || oxEventFindWord(setting.words, value_->text)) return;
     Warn("unknown-word", Quoted(value_->text) + " is not a facility: the default " + Default() + " applies",
-         "Accepted (case-insensitive): " + List(setting.words) + Suggestion(value_->text, NamesOf(setting.words)));
+         WordsRemedy(value_->text, setting.form, setting.words));
   }
 
   void CheckSyntax() {
