@@ -365,10 +365,12 @@ good.xml: no problems
     def test_files_that_cannot_be_loaded(self):
         self.write("<config>\n\n<!-- a\n -- b\n--></config>")
         self.write("", "long.xml")
+        self.write("<config", "open.xml")
         os.truncate("long.xml", (64 << 20) + 1)
         for path, position, reason in (
-                ("0.xml", "4:2", "a comment with -- inside. Fix the file at this "),
-                ("none", "1:1", "No such file or directory. "),
+                ("0.xml", "4:2", "The file contains a comment with -- inside. Fix the file at this "),
+                ("open.xml", "1:7", "Error parsing start element tag. Fix "),
+                ("none", "1:1", "No such file or directory. Name a "),
                 (".", "1:1", "not a regular file. "),
                 ("long.xml", "1:1", "larger than 64 MiB. "),
                 ("/proc/self/mem", "1:1", "it cannot be read. ")):

@@ -10,7 +10,6 @@
 
 #include "base/oxEventAscii.h"
 #include "common/command_line.h"
-#include "common/remedy.h"
 #include "oxCFGFile.h"
 
 namespace {
@@ -24,6 +23,11 @@ std::string WhyUnreadable(const std::string& path) {
   if (!S_ISREG(status.st_mode)) return "not a regular file";
   if (status.st_size > static_cast<off_t>(oxCFGFile::kMaxBytes)) return "larger than 64 MiB";
   return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "it cannot be read";
+}
+
+// The companion's own reasons name what the file contains; the XML parser's begin with a capital letter.
+std::string Sentence(const std::string& reason) {
+  return (oxEventAsciiLower(reason[0]) == reason[0] ? "The file contains " : "") + reason;
 }
 
 // Returns the word's characters in lower case and sorted, without white space, dashes and underscores.
@@ -71,8 +75,9 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
   for (const oxEventBadValue& value : invalid) bad_values.emplace(value.key + "\\" + value.name, value.text);
   if (open && error.empty()) return true;
   const oxCFGParseError& why = store.ParseError();
-  const std::string remedy = why.reason == nullptr ? WhyUnreadable(path) + ". " + std::string(RemedyFor(start_error))
-                                                   : std::string(why.reason) + ". Fix the file at this position.";
+  const std::string remedy = why.reason == nullptr
+                                 ? WhyUnreadable(path) + ". Name a readable file of at most 64 MiB; it may be empty."
+                                 : Sentence(why.reason) + ". Fix the file at this position.";
   findings->push_back({Severity::kError, why.reason == nullptr ? "unreadable" : "not-xml", PositionAt(why.offset), "",
                        start_error, remedy});
   return false;
