@@ -224,6 +224,11 @@ class SendTest(unittest.TestCase):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
                 self.assertRegex(output + errors, expected)
 
+    def test_notes_an_unknown_action(self):
+        note = "oxevent-send: note: action rise is none of raise, update, repeat, clear: .* passed on unchanged\n"
+        for arguments, errors in (("rise", note), ("rise --quiet", ""), ("RAISE", ""), ("update", "")):
+            self.assertRegex(self.send("m", "--action", *arguments.split())[1], f"^{errors}$", arguments)
+
     def test_reports_why_there_was_no_response(self):
         for url, reason in (
                 ("http://127.0.0.1:1/", r"\(Failed to connect to 127.0.0.1 port 1 "),

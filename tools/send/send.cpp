@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "base/oxEventAscii.h"
 #include "common/command_line.h"
 #include "common/remedy.h"
 #include "config/oxEventConfigLoad.h"
@@ -181,12 +182,23 @@ bool Start(const Options& options, SendResult* result, oxEventConfig* config) {
   return false;
 }
 
+// The library takes any action, so a misspelt one is not an error.
+void NoteUnknownAction(const Options& options) {
+  const std::string action = options.record.action == nullptr ? "" : options.record.action;
+  const std::string lower = oxEventAsciiLower(action);
+  if (options.quiet || lower.empty() || lower == "raise" || lower == "update" || lower == "repeat" || lower == "clear")
+    return;
+  PrintError("note: action " + Printable(action) +
+             " is none of raise, update, repeat, clear: the event is passed on unchanged");
+}
+
 int Send(const Options& options) {
   signal(SIGPIPE, SIG_IGN);  // Finish the delivery even if the reader of stdout is gone.
   CatchStopSignals();
   SendResult result;
   oxEventConfig config;
   if (!Start(options, &result, &config)) return kExitUsage;
+  NoteUnknownAction(options);
   Sender(options, config).Run(&result);
   const int stopped_by = StopSignal();
   if (stopped_by != 0) PrintError(std::string("stopped by SIG") + sigabbrev_np(stopped_by));
