@@ -68,11 +68,12 @@ Faults::~Faults() {
 
 void Faults::ExcludeThisThread() { t_excluded = true; }
 
-// Host names that end in ".test" resolve to loopback.
+// Host names that end in ".test" resolve to loopback: without a port, to its IPv4 and its IPv6 address.
 int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
   static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   if (const int fault = FaultFor("getaddrinfo", reinterpret_cast<long>(host)); fault != 0) return fault;
   const bool is_loopback = host != nullptr && std::string_view(host).ends_with(".test");
+  if (is_loopback && port == nullptr) return next(nullptr, "0", hints, result);
   return next(is_loopback ? "127.0.0.1" : host, port, hints, result);
 }
 

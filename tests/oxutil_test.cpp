@@ -168,6 +168,8 @@ TEST_F(oxCFG, IteratesOverEachNameOnceAndInOrder) {
   }
   EXPECT_EQ(next(previous), std::nullopt);
   EXPECT_EQ(next("x"), Entry("a", kValue));  // Continues after any name, not only the last one returned.
+  EXPECT_EQ(next("m"), Entry(longest, kKey));
+  EXPECT_EQ(next("a"), Entry("m", kValue));  // After the later of two elements with this name.
 }
 
 TEST_F(oxCFG, RefusesWhatAFileCannotHold) {
@@ -181,6 +183,9 @@ TEST_F(oxCFG, RefusesWhatAFileCannotHold) {
   EXPECT_FALSE(Set(store, "missing", "v", "1"));
   for (const string& name : {""s, "a\\b"s, "\x1F"s, longest + "n"}) EXPECT_FALSE(Set(store, "", name, "1")) << name;
   for (const string& text : {"a\0b"s, "\x01"s, "\x1F"s}) EXPECT_FALSE(Set(store, "", "v", text)) << text;
+  EXPECT_TRUE(Save(store));
+  EXPECT_TRUE(Set(store, "", "v", string(64 << 20, 'x')));
+  EXPECT_FALSE(Save(store)) << "the file would be larger than 64 MiB";
 }
 
 TEST_F(oxCFG, DoesNotSaveAfterMemoryRanOut) {
@@ -204,7 +209,10 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
   };
   const auto saves = [&](std::string_view failing_call, int error) {
     const Store store = Open();
-    const Faults faults([&](std::string_view call, long) { return call.ends_with(failing_call) ? error : 0; });
+    const Faults faults([&](std::string_view call, long fd) {
+      if (call == "write") fsetxattr(int(fd), "user.a", "", 0, 0);  // As a system does that labels new files.
+      return call.ends_with(failing_call) ? error : 0;
+    });
     return Set(store, "", "v", Get(store, "", "v").value_or("") + "1") && Save(store);
   };
   // Version 2 of Linux's access lists, with an entry for one more user.
@@ -215,6 +223,7 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
   ASSERT_EQ(removexattr(path_.c_str(), kAcl), 0);
   EXPECT_TRUE(saves("none", 0));
   EXPECT_EQ(attribute(kAcl), std::nullopt);
+  EXPECT_TRUE(saves("fsetxattr", EACCES)) << "the new file has the same user.a already";
   ASSERT_EQ(setxattr(path_.c_str(), kAcl, list, sizeof list, 0), 0);
   ASSERT_EQ(setxattr(path_.c_str(), "user.a", "old", 3, 0), 0);
   EXPECT_TRUE(saves("none", 0));
