@@ -362,6 +362,10 @@ good.xml: no problems
             self.write(in_events(f'<key name="core"><value name="queue_size">{value}</value></key>'))
             self.assertIn(f"'{shown}' is not a number", self.run_tool("--json", "0.xml").stdout)
 
+    def test_findings_about_a_missing_key_are_at_the_start_of_the_file(self):
+        self.write({CSV: ON | {"path": "f", "minimum_severity": 0}})
+        self.assertIn("0.xml:1:1: note: QVX\\Events\\core\\minimum_severity: ", self.run_tool("0.xml").stdout)
+
     def test_files_that_cannot_be_loaded(self):
         self.write("<config>\n\n<!-- a\n -- b\n--></config>")
         self.write("", "long.xml")

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "config/oxEventConfigLoad.h"
+#include "config/oxEventSettings.h"
 #include "host_fixture.h"
 
 namespace {
@@ -98,6 +99,7 @@ TEST_F(ConfigTest, ReadsWordsInAnyCaseAndKeepsUnknownValues) {
   for (const char* saved : {">5<", "stray", "yz</value>", ">1024<", ">1800<"}) {  // Kept, or replaced by defaults.
     EXPECT_NE(ReadFile(path).find(saved), std::string::npos) << saved;
   }
+  for (const oxEventWord& word : g_oxEventSwitchWords) EXPECT_LE(word.value, 1u) << word.text;
 }
 
 TEST_F(ConfigTest, DoesNotChangeAFileThatItRefuses) {

@@ -128,7 +128,7 @@ TEST_F(oxEventHttpSink, PostsCloudEventsWithTheSettingsOfTheirSection) {
 
 string FormatDiskAlert(const char* action, const oxEventAlertmanagerFormatterConfig& config) {
   oxEventNormalizedEvent event = kFullEvent;
-  event.event_type = "9-DISK usage_%";
+  event.event_type = "9-DISK array_%";
   event.source_id = "__a.B:/\xC3\xA9__";
   event.source_name = "n";
   event.message = "Full";
@@ -140,7 +140,7 @@ string FormatDiskAlert(const char* action, const oxEventAlertmanagerFormatterCon
 
 TEST(oxEventAlertmanager, FormatsRaisedAndResolvedAlerts) {
   const string start =
-      R"([{"labels":{"alertname":"Ox_19DiskUsage","severity":"critical","event_type":"9-disk_usage","action":"raise")";
+      R"([{"labels":{"alertname":"Ox_19DiskArray","severity":"critical","event_type":"9-disk_array","action":"raise")";
   const string rest =
       R"(},"annotations":{"summary":"Full","description":"Full on n","ox_event_id":"18446744073709551615",)"
       R"("ox_dedupe_key":"d\\","ox_source_name":"n","ox_units":"°\r","ox_value":"","ox_threshold":"0.1"},)"

@@ -116,7 +116,10 @@ TEST_F(oxEventSystemLog, OpensAndClosesWhileAWriteOfAnotherSinkHangs) {
 }
 
 TEST_F(oxEventSystemLog, WritesWithTheConfiguredFacility) {
-  const std::pair<const char*, int> cases[] = {{"mail", 19}, {"Security", 35}, {"LOCAL7", 187}, {"local9", 163}};
+  const std::pair<const char*, int> cases[] = {
+      {"kern", 3},     {"user", 11},     {"mail", 19},    {"daemon", 27},  {"auth", 35},    {"Security", 35},
+      {"cron", 75},    {"authpriv", 83}, {"ftp", 91},     {"local0", 131}, {"local1", 139}, {"local2", 147},
+      {"local3", 155}, {"local4", 163},  {"local5", 171}, {"local6", 179}, {"LOCAL7", 187}, {"local9", 163}};
   oxEventNativePlatformConfig config;
   for (const auto& [facility, priority] : cases) {
     oxEventPlatformNativeClose(handle);

@@ -209,7 +209,7 @@ class SendTest(unittest.TestCase):
     def test_reports_why_events_were_not_delivered(self):
         stuck = {WEBHOOK: self.webhook(), "core": {"queue_size": 1}}
         alerts = {"sink\\alertmanager\\a": {"enabled": 1}}
-        burst = "m --count 500 --rate 1000000 --wait 1"
+        burst = "m --count 500 --rate 1000000 --wait 2"
         for sections, arguments, expected in (
                 ({"core": OFF}, "m", r"0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
                 ({}, "m --severity debug", r"dropped: 1, below core\\minimum_severity \(info\)\n"),
@@ -223,6 +223,7 @@ class SendTest(unittest.TestCase):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
                 self.assertRegex(output + errors, expected)
+                self.assertNotIn("\x1b", errors, "shows the progress, but not on a terminal")
 
     def test_notes_an_unknown_action(self):
         note = "oxevent-send: note: action rise is none of raise, update, repeat, clear: .* passed on unchanged\n"

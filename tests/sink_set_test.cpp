@@ -1,4 +1,5 @@
 // The set of sinks: reloads, failures, and the CSV file to the byte.
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <future>
@@ -137,6 +138,18 @@ TEST_F(CsvSinkTest, HasRoomForARowOfQuotes) {
   EXPECT_GE(oxEventText::CsvRowCapacity(event), static_cast<size_t>(end - row.data()));
 }
 
+TEST_F(CsvSinkTest, FreesTheBufferOfALongRow) {
+  ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
+  const auto memory = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+  const string message(1 << 20, 'm');
+  for (const int error : {0, ENOSPC}) {
+    const Faults faults([error](std::string_view call, long) { return call == "write" ? error : 0; });
+    const size_t before = memory();
+    EXPECT_EQ(Submit(message), error == 0 ? OXEVENT_OK : OXEVENT_FAILURE);
+    EXPECT_LT(memory(), before + message.size()) << "error " << error;
+  }
+}
+
 TEST_F(CsvSinkTest, NewRowsAndFlushesWaitForADeliveryToTheReplacedSink) {
   InitializeFlushingEachEvent();
   HeldDelivery held;
@@ -200,8 +213,10 @@ TEST_F(CsvSinkTest, ReportsItsFailuresAndThoseOfCallbacks) {
   ASSERT_EQ(oxEventSinkRegisterCallback([](const oxEventRecord*, void*) { throw 1; }, nullptr, &id), OXEVENT_OK);
   const Faults faults(kDiskIsFull);
   uint64_t failed_sinks = 0;
-  EXPECT_EQ(oxEventSinkSubmit(kFullEvent, &failed_sinks, nullptr), OXEVENT_FAILURE);
+  uint64_t warnings = 9;
+  EXPECT_EQ(oxEventSinkSubmit(kFullEvent, &failed_sinks, &warnings), OXEVENT_FAILURE);
   EXPECT_EQ(failed_sinks, 1u);
+  EXPECT_EQ(warnings, 0u);
   EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_FAILURE);
   std::ostringstream report;
   for (const oxEventSinkStatus& sink : oxEventSinkReport()) {
