@@ -30,6 +30,7 @@ std::string OidJoin(std::string_view oid, std::string_view suffix) { return std:
 std::string EncodeOid(std::string_view dotted) {
   std::string oid;
   SnmpBer::ObjectIdentifier(dotted, &oid);
+  oid.shrink_to_fit();
   return oid;
 }
 
