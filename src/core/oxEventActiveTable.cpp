@@ -165,11 +165,11 @@ bool oxEventActiveTable::CreateDirectory() {
   return true;
 }
 
-// Replaces the segment of this hash with two, which divide its conditions between them. Returns false, and changes
-// nothing, if there is no memory or the directory may not grow.
-bool oxEventActiveTable::Split(uint64_t hash) {
+// Replaces the segment of this hash with two, which divide its conditions between them. Changes nothing if
+// there is no memory or the directory may not grow.
+void oxEventActiveTable::Split(uint64_t hash) {
   Segment* const old = directory_[DirectoryIndex(hash)];
-  if (old->depth == depth_ && !DoubleDirectory()) return false;
+  if (old->depth == depth_ && !DoubleDirectory()) return;
   const uint32_t depth = old->depth + 1;
   const uint64_t bit = uint64_t{1} << (64 - depth);
   Segment* const low = NewSegment(depth);
@@ -177,7 +177,7 @@ bool oxEventActiveTable::Split(uint64_t hash) {
   if (high == nullptr) {
     if (low != nullptr) FreeSegment(low);
     HalveDirectory();
-    return false;
+    return;
   }
   for (const Condition& condition : old->slots) {
     if (condition.texts == nullptr) continue;
@@ -188,7 +188,6 @@ bool oxEventActiveTable::Split(uint64_t hash) {
   SetEntries(hash & ~bit, low);
   SetEntries(hash | bit, high);
   FreeSegment(old);
-  return true;
 }
 
 // Returns false if there is no memory or the directory may not grow.

@@ -103,7 +103,7 @@ class oxEventActiveTable {
   // The index in the directory: the first depth_ bits of the hash.
   size_t DirectoryIndex(uint64_t hash) const { return static_cast<size_t>((hash >> 32) << depth_ >> 32); }
   bool CreateDirectory();
-  bool Split(uint64_t hash);
+  void Split(uint64_t hash);
   bool DoubleDirectory();
   bool Merge(uint64_t hash);
   void HalveDirectory();
