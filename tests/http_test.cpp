@@ -106,16 +106,6 @@ SSL_CTX* const g_tls = CreateTls("a.test", /*is_trusted=*/true);
 SSL_CTX* const g_untrusted_tls = CreateTls("a.test", /*is_trusted=*/false);
 SSL_CTX* const g_other_host_tls = CreateTls("b.test", /*is_trusted=*/true);
 
-// The first test: the child of a process that has used the client would count its requests anew.
-TEST(oxOSHTTPCommand, AnExitDoesNotWaitForRequestsThatHaveEnded) {
-  HttpServer server({{}}, g_tls);
-  const auto send_and_exit = [&]() -> int {
-    alarm(kLongMs / 2000);
-    exit(Send(server.Url("a.test")) == kOk ? 0 : 1);
-  };
-  EXPECT_EQ(InChild(send_and_exit), 0) << "-1: the exit has taken too long";
-}
-
 TEST(oxOSHTTPCommand, SendsHeaderLinesThatAreNeitherDirectivesNorFraming) {
   const Strings plain = {"A: 1", "a:2", "E:", "User-Agent: u", "content-type: t"};
   const Strings with_separator = {"A: \u00E7", "A: \u00E7\u00A7\u20A7\u09D7\U0001F4A7\U00027000", "A: \xED\x9F\xA7",
