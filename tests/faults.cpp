@@ -38,6 +38,15 @@ void* AllocateForNew(size_t size) { return MayAllocate(size) ? malloc(size) : nu
 void* AllocateForNew(size_t size) { return malloc(size); }
 #endif
 
+// Returns the function of this name that comes after the executable's. The cache is atomic: a library's constructor may
+// call the function while dlopen keeps the thread sanitizer from seeing the initialization of a static variable.
+template <class Function>
+Function NextFunction(const char* name, std::atomic<Function>* cache) {
+  Function next = *cache;
+  if (next == nullptr) *cache = next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+  return next;
+}
+
 }  // namespace
 
 #ifndef OXEVENT_SANITIZED
@@ -90,7 +99,8 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
 #define OWN(call)                                                                                        \
   extern "C" long Own_##call(long, long, long, long, long, long) __asm__(#call);                         \
   long Own_##call(long first, long second, long third, long fourth, long fifth, long sixth) {            \
-    static const auto next = reinterpret_cast<decltype(&Own_##call)>(dlsym(RTLD_NEXT, #call));           \
+    static std::atomic<decltype(&Own_##call)> cache;                                                     \
+    const auto next = NextFunction(#call, &cache);                                                       \
     const int fault = FaultFor(#call, first);                                                            \
     if (fault > 0 && std::string_view(#call) == "pthread_create") return fault;                          \
     if (fault > 0) return errno = fault, -1;                                                             \
