@@ -4,7 +4,6 @@
 #include <linux/sockios.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,10 +46,11 @@ bool IsWakeupPair(const DescriptorPair& pair, CURLM* multi) {
   return both_match(true);
 }
 
-// Newer versions of libcurl wake up through an eventfd, which is close-on-exec. It has no file type.
+// Newer versions of libcurl wake up through an eventfd, which is close-on-exec and, unlike sockets, files and pipes,
+// cannot say how many bytes it has.
 bool IsCloseOnExecEventfd(int fd) {
-  struct stat status;
-  return fstat(fd, &status) == 0 && (status.st_mode & S_IFMT) == 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+  int bytes = 0;
+  return ioctl(fd, FIONREAD, &bytes) != 0 && fcntl(fd, F_GETFD) == FD_CLOEXEC;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <climits>
 #include <cstring>
+#include <mutex>
 #include <string_view>
 
 #include "oxHTTPModule.h"
@@ -18,6 +19,9 @@ using Command = decltype(&oxHTTPModuleCommand);
 Command LoadCommand() { return oxHTTPModuleCommand; }
 #else
 std::atomic<Command> g_command = nullptr;
+#ifdef OXEVENT_SANITIZED
+std::mutex g_load_mutex;  // The thread sanitizer does not see the loader's lock, under which the module is initialized.
+#endif
 
 // Looks beside this library first: if a sanitizer intercepts dlopen, the loader does not know this library's RUNPATH.
 void* OpenModule() {
@@ -38,6 +42,9 @@ void* OpenModule() {
 // two threads that load the module at the same time get the same function.
 Command LoadCommand() {
   if (const Command command = g_command) return command;
+#ifdef OXEVENT_SANITIZED
+  const std::lock_guard lock(g_load_mutex);
+#endif
   int cancel_state = 0;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);  // A cancelled thread would leave the loader locked.
   void* const module = OpenModule();
