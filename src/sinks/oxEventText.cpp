@@ -82,7 +82,7 @@ char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
 }
 
 constexpr size_t kJsonEscapeSize = sizeof("\\u001f") - 1;
-constexpr size_t kShortText = 64;
+constexpr size_t kShortText = 64;  // Most strings of an event are shorter.
 
 char* WriteJsonEscaped(std::string_view text, char* at) {
   static constexpr char kHex[] = "0123456789abcdef";
