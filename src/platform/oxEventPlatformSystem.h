@@ -12,10 +12,10 @@ uint64_t oxEventPlatformGetPtpNano();
 uint32_t oxEventPlatformGetMs();
 
 // Sets the name of the calling thread, at most 15 bytes. Cannot name another thread: the C library would have to open a
-// file for that, which it does without O_CLOEXEC, so that a concurrent exec would inherit the descriptor.
+// file for that, which it does without O_CLOEXEC: a concurrent exec would inherit the descriptor.
 void oxEventPlatformNameThread(const char* name);
 
-// Always fail, with the reason in *error, which may be null: this platform has no Windows event sources.
+// Always fail, because this platform has no Windows event sources. *error becomes the reason; `error` may be null.
 uint32_t oxEventPlatformInstallWindowsEventSource(const char* source_name, const char* message_file,
                                                   std::string* error);
 uint32_t oxEventPlatformRemoveWindowsEventSource(const char* source_name, std::string* error);

@@ -59,7 +59,7 @@ class oxEventSink {
 std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSyslogUdp(const oxEventSinkConfig& config);
 std::shared_ptr<const oxEventUdpLookup> oxEventLookUpSnmpTrap(const oxEventSinkConfig& config);
 
-// Factories. Each returns 0 with the sink in *out, or a result code with the reason in *error, which may be null.
+// Factories. Each returns 0 with the sink in *out, or a result code with the reason in *error; `error` may be null.
 uint32_t oxEventCreateCsvSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error);
 uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                     std::string* error);
