@@ -1,4 +1,5 @@
-// oxOSHTTPCommand: loads the HTTP module at the first request, so that a host without HTTP loads no libcurl and no TLS.
+// oxOSHTTPCommand: loads the HTTP module at the first request, unless the caller has loaded it before, as oxEvent's
+// sinks do. A host without HTTP therefore loads no libcurl and no TLS.
 #include <dlfcn.h>
 #include <pthread.h>
 

@@ -79,9 +79,9 @@ void Free(ThreadText* text) {
 bool HasExited(pid_t thread) { return syscall(SYS_tgkill, getpid(), thread, 0) != 0 && errno == ESRCH; }
 
 // A thread that exits leaves its text behind. Called before a text is added: checks the two texts that were checked
-// least recently, and frees them if their threads have exited. So at most about half of the texts belong to exited
-// threads. If a sandbox forbids tgkill, the texts of exited threads stay. A text under the calling thread's own id is
-// that of an exited thread whose id the kernel has reused.
+// least recently, and frees them if their threads have exited. Because two texts are checked for each one added, the
+// texts of exited threads do not accumulate. If a sandbox forbids tgkill, they stay. A text under the calling thread's
+// own id is that of an exited thread whose id the kernel has reused.
 void SweepLocked(pid_t self) {
   for (int i = 0; i < kTextsPerSweep; ++i) {
     ThreadText* const oldest = PopFrontLocked();

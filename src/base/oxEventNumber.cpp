@@ -12,8 +12,9 @@ __extension__ using uint128 = unsigned __int128;
 
 constexpr uint64_t kTenToThe8 = 100'000'000;
 
-// Returns the eight digits of a value below 10^8, one in each byte, the first in the lowest byte. Each step halves all
-// groups of digits at once; a product and a shift replace the division of a group by 100 or 10, exactly for its range.
+// Returns the eight digits of a value below 10^8, one in each byte, the first in the lowest byte. Each step splits all
+// groups of digits in two at the same time. A multiplication and a shift replace the division of a group by 100 or 10;
+// the quotient is exact for every value that the group can have.
 constexpr uint64_t EightDigits(uint64_t value) {
   uint64_t groups = value / 10'000 | (value % 10'000) << 32;
   uint64_t high = groups * 10'486 >> 20 & 0x0000'007F'0000'007F;

@@ -154,7 +154,8 @@ void oxEventPlatformNativeClose(oxEventNativeLogHandle* handle) {
 }
 
 // If it gets `mutex` within the timeout, keeps it locked, and cancellation disabled, until one of the two functions
-// below is called, and thus also while the host's fork handlers run. Otherwise changes nothing.
+// below is called. Fork handlers that were registered before the library was loaded run in between. Otherwise changes
+// nothing.
 OX_THREAD(no_thread_safety_analysis) void oxEventPlatformNativeBeforeFork() {
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);

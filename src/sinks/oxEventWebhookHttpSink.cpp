@@ -50,7 +50,7 @@ void SplitHeaders(std::string_view text, Add add) {
   }
 }
 
-// Returns whether the text ends inside a UTF-8 sequence, so that a separator after it would be taken for its next byte.
+// Returns whether the text ends inside a UTF-8 sequence: a separator after it would be taken for its next byte.
 bool EndsInsideUtf8Sequence(std::string_view text) {
   for (size_t length = 1; length <= std::min<size_t>(text.size(), 3); ++length) {
     const auto byte = static_cast<unsigned char>(text[text.size() - length]);
