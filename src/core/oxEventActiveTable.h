@@ -16,10 +16,11 @@
 //
 // Extendible hashing: the high bits of the hash choose an entry of the directory, which points to a segment of slots,
 // and the low bits choose the slot in it (linear probing; a removal leaves no tombstone). A segment that becomes three
-// quarters full splits in two; two neighbors that together are less than a quarter full merge. The table therefore
-// grows and shrinks by a few hundred slots at a time, and no event waits until the whole table is rehashed. Freed
-// memory goes back to the system. Insert and Update throw std::bad_alloc, and change nothing, if there is no memory.
-// Threads: one at a time.
+// quarters full splits in two; two neighbors of the same depth merge if their conditions fill less than a quarter of
+// one segment. The table therefore grows and shrinks by a few hundred slots at a time, and no event waits until the
+// whole table is rehashed. Only the directory, one pointer or a few per segment, is copied as a whole when its size
+// doubles or halves. Freed memory goes back to the system. Insert and Update throw std::bad_alloc, and change nothing,
+// if there is no memory. Threads: one at a time.
 class oxEventActiveTable {
  private:
   struct Texts;
