@@ -293,6 +293,8 @@ class CheckTest(unittest.TestCase):
             "sink/csv/a/minimum_severity: warning severity-hidden: * core, warning, drops",
             "sink/csv/b/minimum_severity: warning severity-hidden")
         self.expect({"core": {"minimum_severity": "error"}}, "core/minimum_severity: warning clears-hidden: *1800 s")
+        self.expect({"core": {"minimum_severity": "error"}, "state": {"default_repeat_interval_sec": 0}},
+                    "core/minimum_severity: warning clears-hidden: *a new raise is sent as a repeat")
         self.expect({"core": {"minimum_severity": "error"}, "state": {"enabled": 0}})
         self.expect({ALERTMANAGER: ON}, f"{ALERTMANAGER}/enabled: note sends-nothing")
         self.expect({ALERTMANAGER: ON, NATIVE: OFF}, f"{ALERTMANAGER}/enabled: note", f"{NATIVE}/*: warning no-sink")

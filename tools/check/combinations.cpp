@@ -130,9 +130,12 @@ class CombinationChecker {
     if (!any && !file_.config.sinks.empty()) WarnAboutNoSink();
     const oxEventConfig& config = file_.config;
     if (config.minimum_severity == OXEVENT_SEVERITY_ERROR && config.state_enabled && config.dedupe_enabled) {
+      const uint32_t interval_s = config.default_repeat_interval_sec;
+      const std::string effect = interval_s == 0 ? "a new raise is sent as a repeat"
+                                                 : "after the last event sent for it, new raises are suppressed for " +
+                                                       std::to_string(interval_s) + " s";
       Add(Severity::kWarning, "clears-hidden", *core_, "minimum_severity",
-          "a clear below error is dropped, so that its condition stays raised and is not reported again before " +
-              std::to_string(config.default_repeat_interval_sec) + " s",
+          "a clear below error is dropped: its condition stays raised, and " + effect,
           "Set it to the severity that the host gives its clears, and minimum_severity of the sinks to error.");
     }
   }

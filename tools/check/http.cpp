@@ -140,7 +140,7 @@ class HttpChecker {
              "Write NAME: VALUE, with a line end or | between two lines, and no | within a line.");
       } else if (!IsToken(name)) {
         Warn("bad-header", value.setting->name,
-             "a header name contains a character that is not allowed, so that every POST fails: line " +
+             "a header name contains a character that is not allowed, so every POST fails: line " +
                  std::to_string(number),
              "Use letters, digits and dashes, directly followed by the colon.");
       } else if (HasWhiteSpaceBeforeColon(line)) {
