@@ -61,8 +61,8 @@ class Conditions {
     return ok;
   }
 
-  // If `report` is a suppressed update, makes an update the last forwarded event of every raised condition: an update
-  // is suppressed only if it equals that event.
+  // If `report` is an update that is to be suppressed, forwards one update for every raised condition: an update is
+  // suppressed only if it equals the last event that was forwarded for its condition.
   bool Prepare(const Report& report) {
     if (report.forwarded != nullptr || std::string_view(report.action) != "update") return true;
     bool ok = true;

@@ -49,7 +49,7 @@ string JoinLines(const Strings& lines, const char* line_end = "\r\n") {
   return joined;
 }
 
-constexpr uint32_t kLongMs = 20000;  // For requests that must end in half of this time.
+constexpr uint32_t kLongMs = 20000;  // Timeout of most requests. Send expects each to end in less than half of it.
 struct Options {
   Strings headers = {};  // If empty, the client gets null.
   string body = "{}";

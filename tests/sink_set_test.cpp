@@ -115,7 +115,8 @@ TEST_F(CsvSinkTest, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
   }
 }
 
-// A log rotation must not take a file that only has a header for the one that the host writes to.
+// After a failed reload, the library still writes to the old file. If it left a new file with only a header, a log
+// rotation would conclude that the library now writes to that one.
 TEST_F(CsvSinkTest, AFailedReloadLeavesNoNewFile) {
   ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
   config.sinks.push_back(config.sinks[0]);
