@@ -194,7 +194,7 @@ OXEVENT_API uint32_t oxEventUnregisterCallback(uint32_t id);
 
 /*
  * Copies the calling thread's last error text into buffer, truncated to buffer_size - 1 bytes (which may split a UTF-8
- * character) and always NUL-terminated; an empty string after a success. Reading does not clear the text.
+ * character) and always NUL-terminated. After a success the text is empty. Reading does not clear it.
  *
  * OXEVENT_INVALID_ARGUMENT: buffer null or buffer_size 0.
  */

@@ -32,6 +32,10 @@ there is a system log. A missing system log is only a note, because the file may
 """}
 SHARED_PAGES = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions, and those whose page they share.
                 "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
+# What the header says about every function, and what a page says about its own function or its two functions.
+ON_PAGE = {"Every function": ("This function", "Both functions"),
+           "None lets a": ("It lets no", "Neither lets a"),
+           "No function returns": ("It returns no", "Neither returns")}
 
 
 def escape(text):
@@ -144,14 +148,14 @@ def header_pages(header):
         own = [name for name, _, _ in functions]
         described = [description(name if len(own) > 1 else "", body, own) for name, body, _ in functions]
         shown = [prototype(declaration) for _, _, declaration in functions]
+        has_texts = any("const char*" in one or "const oxEventRecord*" in one for one in shown)
         if "Callback" in page:
             shown.insert(0, f".Bd -literal\n{callback[2]}\n.Ed\n.Pp")
             described.append(description("", ["The callback " + decapitalized(comment(callback[1])[0])], own))
         if "const oxEventAlertmanagerFormatterConfig&" in shown[0]:
             described.append("The configuration:\n" + fields(header, "oxEventAlertmanagerFormatterConfig"))
-        described.append(mark(threads, own) + ("\n" + mark(texts, own) if "*" in shown[0] else ""))
-        purpose = decapitalized(re.split(r"[.:;(]|, [a-z]+ (?!the)", functions[0][1][0])[0].strip())
-        out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose}")
+        described.append(mark(on_page(threads, own), own) + ("\n" + mark(on_page(texts, own), own) if has_texts else ""))
+        out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose(functions)}")
         out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n" + "\n".join(shown)
         out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(described) + "\n" + return_values([f for name in own for f in errors_of[name]], own)
         others = {"oxevent 3", "oxevent-errors 7"} | {f"{one} 3" for one in re.findall(r"\.Xr (\w+) 3", out)}
@@ -159,6 +163,18 @@ def header_pages(header):
         pages[page] = out + see_also(others)
         pages |= {name: f".so man3/{page}.3\n" for name in own[1:]}
     return pages
+
+
+def on_page(text, own):
+    for general, special in ON_PAGE.items():
+        text = text.replace(general, special[len(own) - 1])
+    return text
+
+
+def purpose(functions):
+    """Returns the beginning of the first comment. Functions that share a page do different things to the same object."""
+    verbs, objects = zip(*(re.split(r"[.:;(]|, [a-z]+ (?!the)", body[0])[0].strip().split(" ", 1) for _, body, _ in functions))
+    return f"{' or '.join(map(decapitalized, verbs))} {objects[0]}"
 
 
 def decapitalized(text):
