@@ -101,7 +101,8 @@ void PrintSettings() {
 constexpr std::string_view kErrorsBegin = R"(# Error texts of the library oxEvent
 
 This page lists the texts that `oxEventGetLastError` returns after a failed call, and those that a sink reports when a
-delivery fails. A word in braces is a placeholder for the actual value.
+delivery fails. A word in braces is a placeholder for the actual value. Errors have no numbers, and many share a result
+code: a program that must distinguish them compares the texts, which later versions keep.
 )";
 
 // Prints the errors of one origin as a table.
