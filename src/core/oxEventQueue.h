@@ -39,9 +39,9 @@ class oxEventQueue {
   // Reconfigures a running queue. Returns the number of pending events that were dropped because they did not fit.
   uint32_t Configure(uint32_t capacity, oxEventDropPolicy policy) OX_EXCLUDES(mutex_);
 
-  // Queues a copy; never waits for space. *node_cache, which may be null, is a free node that the caller's submit slot
-  // keeps between events, so that the event can be copied before the lock is taken. Afterwards it is a free node or
-  // null. Never throws: a thread's first exception may itself allocate memory (oxEventArchitecture.h).
+  // Queues a copy; never waits for space. *node_cache is null or a free node, before and after the call: the caller's
+  // submit slot keeps it between events, so that the event can be copied before the lock is taken. Never throws: a
+  // thread's first exception may itself allocate memory (oxEventArchitecture.h).
   oxEventEnqueueResult Enqueue(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) OX_EXCLUDES(mutex_);
 
   // Completes the active event, if there is one, then waits for an event and takes the oldest, which the worker may

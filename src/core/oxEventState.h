@@ -10,9 +10,10 @@
 #include "core/oxEventActiveTable.h"
 
 // Keeps the raised conditions and decides by an event's action which events go to the sinks: suppresses a duplicate
-// until the repeat interval has passed, and then turns a "raise" into a "repeat"; turns an "update" of a condition that
-// is not raised into a "raise"; suppresses a "repeat" of such a condition; and lets a "clear" through if the settings
-// say so. Threads: the worker calls Evaluate, any thread calls the rest.
+// within the repeat interval, which begins with the last event sent for the condition, and turns a later "raise" into a
+// "repeat"; turns an "update" of a condition that is not raised into a "raise"; suppresses a "repeat" of such a
+// condition; and lets a "clear" through if the settings say so. Threads: the worker calls Evaluate, any thread calls
+// the rest.
 class oxEventState {
  public:
   oxEventState() = default;
