@@ -19,7 +19,7 @@ using Type = oxEventSinkType;
 using Sink = oxEventSinkConfig;
 
 constexpr uint64_t kDrainMs = 5000;              // oxEventShutdown's timeout for draining the queue.
-constexpr uint64_t kLongDeliveryMs = 60 * 1000;  // oxEventShutdown waits for it longer than a host is likely to expect.
+constexpr uint64_t kLongDeliveryMs = 60 * 1000;  // A warning above this: oxEventShutdown waits for the delivery.
 constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // The number of attempts, retry_count + 1, wraps to 0.
 
 constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;

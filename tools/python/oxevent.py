@@ -207,11 +207,12 @@ def initialize(path: Path) -> None:
 
 
 def shutdown() -> None:
-    """Deliver the queued events for at most five seconds, close the sinks and unregister the callbacks.
+    """Shut the library down: deliver queued events for at most five seconds, and close the sinks.
 
-    Inside a callback, the queued events are discarded instead. Raises OxEventError if the library is not initialized,
-    if events were discarded, if a sink could not be flushed, or if a callback raised an exception (see
-    register_callback). In all cases but the first, the library is shut down.
+    Completes the event in delivery, however long it takes, and unregisters the callbacks. Inside a callback, the queued
+    events are discarded instead. Raises OxEventError if the library is not initialized, if events were discarded, if a
+    sink could not be flushed, or if a callback raised an exception (see register_callback). In all cases but the first,
+    the library is shut down.
     """
     global _initialized_here
     numbers = list(_callbacks)
