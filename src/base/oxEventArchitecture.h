@@ -13,6 +13,8 @@
 
 // The result of comparing 16 bytes with one value or several: each byte is 0xFF for a match, otherwise 0.
 using oxEventByteMatches __attribute__((vector_size(16))) = unsigned char;
+// The same 16 bytes as two words, in the order in which memory holds them.
+using oxEventWordPair __attribute__((vector_size(16))) = uint64_t;
 
 // Returns the index of the first match; 16 or more if there is none. For any architecture, of either byte order.
 inline size_t oxEventFirstMatchPortable(oxEventByteMatches matches) {
@@ -32,6 +34,16 @@ inline size_t oxEventFirstMatch(oxEventByteMatches matches) {
   return static_cast<size_t>(std::countr_zero(static_cast<unsigned>(found)));
 #else
   return oxEventFirstMatchPortable(matches);
+#endif
+}
+
+inline bool oxEventHasMatch(oxEventByteMatches matches) {
+#if defined(__SSE2__)
+  return _mm_movemask_epi8(std::bit_cast<__m128i>(matches)) != 0;
+#else
+  uint64_t words[2];
+  std::memcpy(words, &matches, sizeof(words));
+  return (words[0] | words[1]) != 0;
 #endif
 }
 

@@ -16,11 +16,13 @@ constexpr uint64_t kTenToThe8 = 100'000'000;
 // groups of digits in two at the same time. A multiplication and a shift replace the division of a group by 100 or 10;
 // the quotient is exact for every value that the group can have.
 constexpr uint64_t EightDigits(uint64_t value) {
-  uint64_t groups = value / 10'000 | (value % 10'000) << 32;
-  uint64_t high = groups * 10'486 >> 20 & 0x0000'007F'0000'007F;
-  groups = high | (groups - high * 100) << 16;
-  high = groups * 103 >> 10 & 0x000F'000F'000F'000F;
-  return high | (groups - high * 10) << 8;
+  // A step needs the quotients and the remainders, shifted by `bits`: quotient + (value - quotient * divisor) << bits.
+  const auto split = [](uint64_t groups, uint64_t quotients, uint64_t divisor, int bits) {
+    return (groups << bits) - quotients * ((divisor << bits) - 1);
+  };
+  uint64_t groups = split(value, value / 10'000, 10'000, 32);
+  groups = split(groups, groups * 10'486 >> 20 & 0x0000'007F'0000'007F, 100, 16);
+  return split(groups, groups * 103 >> 10 & 0x000F'000F'000F'000F, 10, 8);
 }
 
 void StoreDigits(uint64_t digits, char* at) {
@@ -37,7 +39,8 @@ char* WriteEightDigits(uint64_t value, char* at) {
 // Writes a value below 10^8 without leading zeros.
 char* WriteUpToEightDigits(uint64_t value, char* at) {
   const uint64_t digits = EightDigits(value);
-  const int zeros = std::countr_zero(digits | uint64_t{1} << 56) / 8;  // At most seven: 0 has one digit.
+  const auto bits = static_cast<unsigned>(std::countr_zero(digits | uint64_t{1} << 56));
+  const unsigned zeros = bits / 8;  // At most seven: 0 has one digit.
   StoreDigits(digits >> 8 * zeros, at);
   return at + 8 - zeros;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -13,79 +14,114 @@
 
 // Copies 1 to 15 bytes and returns them in some order, some of them repeatedly. Reads only these bytes.
 inline oxEventByteMatches oxEventCopyShort(const char* from, size_t size, char* to) {
-  uint64_t words[2];
+  uint64_t low = 0;
+  uint64_t high = 0;
   if (size >= 8) {
-    std::memcpy(&words[0], from, 8);
-    std::memcpy(&words[1], from + size - 8, 8);
-    std::memcpy(to, &words[0], 8);
-    std::memcpy(to + size - 8, &words[1], 8);
-  } else if (size >= 4) {
-    uint32_t halves[2];
-    std::memcpy(&halves[0], from, 4);
-    std::memcpy(&halves[1], from + size - 4, 4);
-    std::memcpy(to, &halves[0], 4);
-    std::memcpy(to + size - 4, &halves[1], 4);
-    std::memcpy(&words[0], halves, sizeof(halves));
-    words[1] = words[0];
+    std::memcpy(&low, from, 8);
+    std::memcpy(&high, from + size - 8, 8);
+    std::memcpy(to, &low, 8);
+    std::memcpy(to + size - 8, &high, 8);
   } else {
-    const char bytes[8] = {from[0], from[size / 2], from[size - 1], from[0], from[0], from[0], from[0], from[0]};
-    to[0] = bytes[0];
-    to[size / 2] = bytes[1];
-    to[size - 1] = bytes[2];
-    std::memcpy(&words[0], bytes, sizeof(bytes));
-    words[1] = words[0];
+    uint32_t first = 0;
+    uint32_t last = 0;
+    if (size >= 4) {
+      std::memcpy(&first, from, 4);
+      std::memcpy(&last, from + size - 4, 4);
+      std::memcpy(to, &first, 4);
+      std::memcpy(to + size - 4, &last, 4);
+    } else {
+      const auto byte = [from](size_t i) { return uint32_t{static_cast<unsigned char>(from[i])}; };
+      const uint32_t bytes[] = {byte(0), byte(size / 2), byte(size - 1)};
+      to[0] = static_cast<char>(bytes[0]);
+      to[size / 2] = static_cast<char>(bytes[1]);
+      to[size - 1] = static_cast<char>(bytes[2]);
+      first = last = bytes[0] << 24 | bytes[0] << 16 | bytes[1] << 8 | bytes[2];
+    }
+    low = high = first | uint64_t{last} << 32;
   }
-  return std::bit_cast<oxEventByteMatches>(words);
+  return std::bit_cast<oxEventByteMatches>(oxEventWordPair{low, high});
 }
 
-// Copies the text up to its first special byte, 16 bytes at a time, and returns the number of bytes copied. May write
-// as many bytes as the text has. is_special takes a byte or a vector of bytes, so it must combine comparisons with |
-// instead of ||.
-template <class IsSpecial>
-size_t oxEventCopyPlain(std::string_view text, IsSpecial is_special, char* to) {
-  using Bytes = oxEventByteMatches;
-  size_t plain = 0;
-  for (; plain + sizeof(Bytes) <= text.size(); plain += sizeof(Bytes)) {
-    Bytes bytes;
-    std::memcpy(&bytes, text.data() + plain, sizeof(bytes));
-    std::memcpy(to + plain, &bytes, sizeof(bytes));
-    const size_t special = oxEventFirstMatch(std::bit_cast<Bytes>(is_special(bytes)));
-    if (special < sizeof(Bytes)) return plain + special;
+// Copies kBytes to 2 * kBytes bytes: the first kBytes and the last, which may overlap.
+template <size_t kBytes>
+void oxEventCopyEnds(const char* from, size_t size, char* to) {
+  std::array<char, kBytes> first;
+  std::array<char, kBytes> last;
+  std::memcpy(&first, from, kBytes);
+  std::memcpy(&last, from + size - kBytes, kBytes);
+  std::memcpy(to, &first, kBytes);
+  std::memcpy(to + size - kBytes, &last, kBytes);
+}
+
+// Copies the text and returns the end of the copy. Inline, unlike memcpy: most texts are short.
+inline char* oxEventWriteText(std::string_view text, char* to) {
+  const size_t size = text.size();
+  if (size < 16) {
+    if (size > 0) oxEventCopyShort(text.data(), size, to);
+  } else if (size <= 32) {
+    oxEventCopyEnds<16>(text.data(), size, to);
+  } else if (size <= 64) {
+    oxEventCopyEnds<32>(text.data(), size, to);
+  } else {
+    std::memcpy(to, text.data(), size);
   }
-  if (plain == text.size()) return plain;
-  const Bytes bytes = oxEventCopyShort(text.data() + plain, text.size() - plain, to + plain);
-  if (oxEventFirstMatch(std::bit_cast<Bytes>(is_special(bytes))) >= sizeof(Bytes)) return text.size();
-  while (!is_special(static_cast<unsigned char>(text[plain]))) ++plain;
-  return plain;
+  return to + size;
+}
+
+// Copies the text and returns whether it contains no special byte. Looks at 16 bytes at a time; the last 16 may overlap
+// those before. is_special takes a byte or a vector of bytes, so it must combine comparisons with | instead of ||.
+template <class IsSpecial>
+[[gnu::always_inline]] inline bool oxEventCopyIfPlain(std::string_view text, IsSpecial is_special, char* to) {
+  using Bytes = oxEventByteMatches;
+  constexpr size_t kBlock = sizeof(Bytes);
+  const auto specials = [is_special](Bytes bytes) { return std::bit_cast<Bytes>(is_special(bytes)); };
+  const auto copy_block = [&](size_t at) {
+    Bytes bytes;
+    std::memcpy(&bytes, text.data() + at, kBlock);
+    std::memcpy(to + at, &bytes, kBlock);
+    return specials(bytes);
+  };
+  if (text.empty()) return true;
+  if (text.size() < kBlock) return !oxEventHasMatch(specials(oxEventCopyShort(text.data(), text.size(), to)));
+  const size_t last = text.size() - kBlock;
+  Bytes found = {};
+  for (size_t i = 0; i < last; i += kBlock) found |= copy_block(i);
+  return !oxEventHasMatch(found | copy_block(last));
 }
 
 // Copies the text, but calls `escape` for each special byte: it takes the byte and where to write, and returns the end
 // of what it wrote. Returns the end.
 template <class IsSpecial, class Escape>
-char* oxEventWriteEscaped(std::string_view text, IsSpecial is_special, Escape escape, char* to) {
-  while (true) {
-    const size_t plain = oxEventCopyPlain(text, is_special, to);
-    to += plain;
-    if (plain == text.size()) return to;
-    to = escape(static_cast<unsigned char>(text[plain]), to);
-    text.remove_prefix(plain + 1);
+[[gnu::noinline]] char* oxEventEscapeEach(std::string_view text, IsSpecial is_special, Escape escape, char* to) {
+  using Bytes = oxEventByteMatches;
+  const char* from = text.data();
+  const char* const end = from + text.size();
+  while (end - from >= static_cast<ptrdiff_t>(sizeof(Bytes))) {
+    Bytes bytes;
+    std::memcpy(&bytes, from, sizeof(bytes));
+    std::memcpy(to, &bytes, sizeof(bytes));
+    const size_t plain = oxEventFirstMatch(std::bit_cast<Bytes>(is_special(bytes)));
+    if (plain >= sizeof(bytes)) {
+      from += sizeof(bytes);
+      to += sizeof(bytes);
+    } else {
+      to = escape(static_cast<unsigned char>(from[plain]), to + plain);
+      from += plain + 1;
+    }
   }
+  for (; from != end; ++from) {
+    const auto byte = static_cast<unsigned char>(*from);
+    *to = *from;
+    to = is_special(byte) ? escape(byte, to) : to + 1;
+  }
+  return to;
 }
 
-// Copies the text and returns the end of the copy. Inline, unlike memcpy: most texts are short.
-inline char* oxEventWriteText(std::string_view text, char* to) {
-  constexpr size_t kBlock = 16;
-  constexpr size_t kLongText = 256;
-  const size_t size = text.size();
-  if (size >= kLongText) {
-    std::memcpy(to, text.data(), size);
-  } else if (size >= kBlock) {
-    for (size_t i = 0; i < size - kBlock; i += kBlock) std::memcpy(to + i, text.data() + i, kBlock);
-    std::memcpy(to + size - kBlock, text.data() + size - kBlock, kBlock);
-  } else if (size > 0) {
-    oxEventCopyShort(text.data(), size, to);
-  }
-  return to + size;
+// As oxEventEscapeEach, but faster for a text without special bytes.
+template <class IsSpecial, class Escape>
+char* oxEventWriteEscaped(std::string_view text, IsSpecial is_special, Escape escape, char* to) {
+  if (oxEventCopyIfPlain(text, is_special, to)) return to + text.size();
+  return oxEventEscapeEach(text, is_special, escape, to);
 }
 
 // Appends to a string. The writer makes sure that there is room and then writes through a pointer: that takes a
@@ -100,6 +136,8 @@ class oxEventWriter {
 
   // Of the whole string.
   size_t Size() const { return static_cast<size_t>(at_ - out_->data()); }
+  // Replaces a character that has been added.
+  void Replace(size_t position, char c) { (*out_)[position] = c; }
   // Removes everything behind the first `size` bytes.
   void Truncate(size_t size) { at_ = out_->data() + size; }
 

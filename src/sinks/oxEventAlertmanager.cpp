@@ -71,9 +71,9 @@ bool Contains(std::string_view text, std::string_view part) {
 }
 
 // Adds a string member, whose value `add` escapes and adds.
-template <size_t kSize, class Add>
-void AddString(const char (&name)[kSize], JsonObject* object, oxEventWriter* out, Add add) {
-  object->AddName(name);
+template <oxEventText::JsonName kName, class Add>
+void AddString(JsonObject* object, oxEventWriter* out, Add add) {
+  object->AddName<kName>();
   out->Add('"');
   add();
   out->Add('"');
@@ -82,42 +82,40 @@ void AddString(const char (&name)[kSize], JsonObject* object, oxEventWriter* out
 void AddLabels(const oxEventNormalizedEvent& event, const oxEventAlertmanagerFormatterConfig& config,
                oxEventWriter* out) {
   JsonObject labels(out);
-  AddString("alertname", &labels, out, [&] { AddAlertName(config.alertname_prefix, event.event_type, out); });
-  labels.AddStringField("severity", AlertSeverity(event.severity));
-  AddString("event_type", &labels, out, [&] { AddLabelValue(event.event_type, "event", out); });
-  labels.AddStringField("action", "raise");  // For a clear too: a different label would identify a different alert.
+  AddString<"alertname">(&labels, out, [&] { AddAlertName(config.alertname_prefix, event.event_type, out); });
+  labels.AddStringField<"severity">(AlertSeverity(event.severity));
+  AddString<"event_type">(&labels, out, [&] { AddLabelValue(event.event_type, "event", out); });
+  labels.AddStringField<"action">("raise");  // For a clear too: a different label would identify a different alert.
   if (config.allow_source_label && !event.source_id.empty()) {
-    AddString("source_id", &labels, out, [&] { AddLabelValue(event.source_id, "source", out); });
+    AddString<"source_id">(&labels, out, [&] { AddLabelValue(event.source_id, "source", out); });
   }
   labels.Close();
 }
 
 void AddAnnotations(const oxEventNormalizedEvent& event, oxEventWriter* out) {
   JsonObject annotations(out);
-  annotations.AddStringField("summary", event.message.empty() ? event.event_type : event.message);
-  AddString("description", &annotations, out, [&] {
+  annotations.AddStringField<"summary">(event.message.empty() ? event.event_type : event.message);
+  AddString<"description">(&annotations, out, [&] {
     JsonEscape(event.message, out);
     if (event.source_name.empty() || Contains(event.message, event.source_name)) return;
     out->Add(" on ");
     JsonEscape(event.source_name, out);
   });
-  AddString("ox_event_id", &annotations, out, [&] { out->AddNumber(event.event_id); });
-  AddString("ox_dedupe_key", &annotations, out, [&] {
+  AddString<"ox_event_id">(&annotations, out, [&] { out->AddNumber(event.event_id); });
+  AddString<"ox_dedupe_key">(&annotations, out, [&] {
     if (!event.dedupe_key.empty()) return JsonEscape(event.dedupe_key, out);
     JsonEscape(event.event_type, out);
     if (event.source_id.empty()) return;
     out->Add(':');
     JsonEscape(event.source_id, out);
   });
-  annotations.AddStringField("ox_source_name", event.source_name);
-  annotations.AddStringField("ox_units", event.units);
-  const auto add_number = [&](const auto& name, double value) {
-    AddString(name, &annotations, out, [&] {
-      if (std::isfinite(value)) out->AddNumber(value, kDisplayDigits);
-    });
+  annotations.AddStringField<"ox_source_name">(event.source_name);
+  annotations.AddStringField<"ox_units">(event.units);
+  const auto add_number = [out](double value) {
+    if (std::isfinite(value)) out->AddNumber(value, kDisplayDigits);
   };
-  add_number("ox_value", event.value);
-  add_number("ox_threshold", event.threshold);
+  AddString<"ox_value">(&annotations, out, [&] { add_number(event.value); });
+  AddString<"ox_threshold">(&annotations, out, [&] { add_number(event.threshold); });
   annotations.Close();
 }
 
@@ -132,13 +130,13 @@ uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
   if (resolved && !config.send_resolved) return OXEVENT_OK;
   oxEventWriter writer(out);
   JsonObject alert(&writer);
-  alert.AddName("labels");
+  alert.AddName<"labels">();
   AddLabels(event, config, &writer);
-  alert.AddName("annotations");
+  alert.AddName<"annotations">();
   AddAnnotations(event, &writer);
   const auto add_time = [&] { oxEventText::UtcIsoFromNs(event.utc_ns, &writer, cache); };
-  AddString("startsAt", &alert, &writer, add_time);
-  if (resolved) AddString("endsAt", &alert, &writer, add_time);
+  AddString<"startsAt">(&alert, &writer, add_time);
+  if (resolved) AddString<"endsAt">(&alert, &writer, add_time);
   alert.Close();
   writer.Add(']');
   return OXEVENT_OK;

@@ -18,6 +18,8 @@ namespace oxEventText {
 namespace {
 
 constexpr uint64_t kNsPerSecond = 1'000'000'000;
+constexpr std::string_view kApiVersion = "65536";
+static_assert(OXEVENT_API_VERSION == 65536);
 constexpr int kRoundTripDigits = 17;  // Significant digits; enough to read any double back exactly.
 
 // Returns the character after the backslash in the JSON escape of a byte: 'u' if the byte is escaped in hexadecimal.
@@ -40,6 +42,12 @@ constexpr char EscapeLetter(unsigned char byte) {
       return 'u';
   }
 }
+
+constexpr auto kEscapeLetters = [] {
+  std::array<char, 256> letters = {};
+  for (size_t byte = 0; byte < letters.size(); ++byte) letters[byte] = EscapeLetter(static_cast<unsigned char>(byte));
+  return letters;
+}();
 
 // Writes the last `width` digits of `value`, then the separator. Returns the end.
 char* WritePadded(uint64_t value, int width, char separator, char* at) {
@@ -82,13 +90,12 @@ char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
 }
 
 constexpr size_t kJsonEscapeSize = sizeof("\\u001f") - 1;
-constexpr size_t kShortText = 64;  // Most strings of an event are shorter.
 
 char* WriteJsonEscaped(std::string_view text, char* at) {
   static constexpr char kHex[] = "0123456789abcdef";
   const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
   const auto escape = [](unsigned char byte, char* to) {
-    const char letter = EscapeLetter(byte);
+    const char letter = kEscapeLetters[byte];
     *to++ = '\\';
     *to++ = letter;
     if (letter != 'u') return to;
@@ -115,7 +122,7 @@ struct UtcTime {
 using Event = oxEventNormalizedEvent;
 
 constexpr std::tuple kCsvColumns = {
-    CsvColumn{"version", [](const Event&) { return OXEVENT_API_VERSION; }},
+    CsvColumn{"version", [](const Event&) { return kApiVersion; }},
     CsvColumn{"event_id", &Event::event_id},
     CsvColumn{"utc_iso", [](const Event& event) { return UtcTime{event.utc_ns}; }},
     CsvColumn{"utc_ns", &Event::utc_ns},
@@ -168,12 +175,11 @@ constexpr size_t CsvFieldCapacity(Number) {
 // RFC 4180, section 2.
 char* WriteCsvField(std::string_view text, char* at) {
   const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
-  if (oxEventCopyPlain(text, is_special, at) == text.size()) return at + text.size();
+  if (oxEventCopyIfPlain(text, is_special, at)) return at + text.size();
+  const auto is_quote = [](auto c) { return c == '"'; };
+  const auto write_twice = [](unsigned char quote, char* to) { return std::fill_n(to, 2, static_cast<char>(quote)); };
   *at++ = '"';
-  for (const char c : text) {
-    if (c == '"') *at++ = '"';
-    *at++ = c;
-  }
+  at = oxEventEscapeEach(text, is_quote, write_twice, at);
   *at++ = '"';
   return at;
 }
@@ -189,18 +195,17 @@ char* WriteCsvField(Integer value, char* at) {
 
 void JsonEscape(std::string_view text, oxEventWriter* out) { out->AddEscaped<kJsonEscapeSize>(text, WriteJsonEscaped); }
 
-// One check for room serves a short string and its quotes.
 void AddJsonString(std::string_view text, oxEventWriter* out) {
-  if (text.size() > kShortText) {
-    out->Add('"');
-    JsonEscape(text, out);
-    return out->Add('"');
-  }
-  char* at = out->Room(kJsonEscapeSize * kShortText + 2);
+  out->Add('"');
+  JsonEscape(text, out);
+  out->Add('"');
+}
+
+char* WriteShortJsonString(std::string_view text, char* at) {
   *at++ = '"';
   at = WriteJsonEscaped(text, at);
   *at++ = '"';
-  out->Advance(at);
+  return at;
 }
 
 void DoubleToJson(double value, oxEventWriter* out) {
@@ -248,27 +253,28 @@ namespace {
 void AddNativeJsonData(const oxEventNormalizedEvent& event, oxEventWriter* out) {
   const uint64_t severity = event.severity;
   JsonObject object(out);
-  object.AddField("version", OXEVENT_API_VERSION);
-  object.AddField("event_id", event.event_id);
-  object.AddStringField("severity", oxEventSeverityName(event.severity));
-  object.AddField("severity_value", severity);
-  object.AddField("severity_code", severity);  // The same value: receivers expect either name.
-  object.AddStringField("action", event.action);
-  object.AddStringField("event_type", event.event_type);
-  object.AddStringField("source_id", event.source_id);
-  object.AddStringField("source_name", event.source_name);
-  object.AddStringField("dedupe_key", event.dedupe_key);
-  object.AddStringField("correlation_id", event.correlation_id);
-  object.AddStringField("message", event.message);
-  object.AddField("utc_ns", event.utc_ns);
-  object.AddField("ptp_ns", event.ptp_ns);
-  object.AddField("pts", event.pts);
-  object.AddStringField("timecode", event.timecode);
-  object.AddDoubleField("value", event.value);
-  object.AddDoubleField("threshold", event.threshold);
-  object.AddStringField("units", event.units);
-  object.AddField("duration_ms", event.duration_ms);
-  object.AddStringField("details_json", event.details_json);
+  object.AddName<"version">();
+  out->Add(kApiVersion);
+  object.AddField<"event_id">(event.event_id);
+  object.AddStringField<"severity">(oxEventSeverityName(event.severity));
+  object.AddField<"severity_value">(severity);
+  object.AddField<"severity_code">(severity);  // The same value: receivers expect either name.
+  object.AddStringField<"action">(event.action);
+  object.AddStringField<"event_type">(event.event_type);
+  object.AddStringField<"source_id">(event.source_id);
+  object.AddStringField<"source_name">(event.source_name);
+  object.AddStringField<"dedupe_key">(event.dedupe_key);
+  object.AddStringField<"correlation_id">(event.correlation_id);
+  object.AddStringField<"message">(event.message);
+  object.AddField<"utc_ns">(event.utc_ns);
+  object.AddField<"ptp_ns">(event.ptp_ns);
+  object.AddField<"pts">(event.pts);
+  object.AddStringField<"timecode">(event.timecode);
+  object.AddDoubleField<"value">(event.value);
+  object.AddDoubleField<"threshold">(event.threshold);
+  object.AddStringField<"units">(event.units);
+  object.AddField<"duration_ms">(event.duration_ms);
+  object.AddStringField<"details_json">(event.details_json);
   object.Close();
 }
 
@@ -286,24 +292,24 @@ void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view
   };
   oxEventWriter writer(out);
   JsonObject object(&writer);
-  object.AddStringField("specversion", "1.0");
-  object.AddName("id");
+  object.AddStringField<"specversion">("1.0");
+  object.AddName<"id">();
   writer.Add('"');
   writer.AddNumber(event.event_id);
   writer.Add('"');
-  object.AddStringField("source", first_non_empty(source, event.source_name, "/oxEvent"));
-  object.AddStringField("type", first_non_empty(event.event_type, "oxEvent.event", ""));
-  object.AddName("time");
+  object.AddStringField<"source">(first_non_empty(source, event.source_name, "/oxEvent"));
+  object.AddStringField<"type">(first_non_empty(event.event_type, "oxEvent.event", ""));
+  object.AddName<"time">();
   writer.Add('"');
   UtcIsoNanoFromNs(event.utc_ns, &writer);
   writer.Add('"');
-  object.AddName("subject");
+  object.AddName<"subject">();
   writer.Add('"');
   JsonEscape(subject_prefix, &writer);
   JsonEscape(first_non_empty(event.source_id, event.event_type, "event"), &writer);
   writer.Add('"');
-  object.AddStringField("datacontenttype", "application/json");
-  object.AddName("data");
+  object.AddStringField<"datacontenttype">("application/json");
+  object.AddName<"data">();
   AddNativeJsonData(event, &writer);
   object.Close();
 }

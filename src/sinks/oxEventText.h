@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <string_view>
 
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventNumber.h"
 #include "base/oxEventWriter.h"
 
 // Text formats of events. A function with an argument `out` appends to *out, which a caller may reuse. Strings are
@@ -18,47 +20,69 @@ namespace oxEventText {
 void JsonEscape(std::string_view text, oxEventWriter* out);  // RFC 8259, section 7, without the enclosing quotes.
 void AddJsonString(std::string_view text, oxEventWriter* out);
 
+// Writes a string of up to kShortText bytes with its quotes, at most kShortStringSize bytes. Returns the end.
+constexpr size_t kShortText = 64;  // Most strings of an event are shorter.
+constexpr size_t kShortStringSize = kShortText * (sizeof("\\u001f") - 1) + 2;
+char* WriteShortJsonString(std::string_view text, char* at);
+
 // Adds up to 17 significant digits, enough to read the value back exactly, or null for NaN and infinities.
 void DoubleToJson(double value, oxEventWriter* out);
 
-// Writes a JSON object without white space. The constructor opens it; call Close last. A name is a string literal.
+// The name of a member of a JSON object as it is written, with the comma before it.
+template <size_t kSize>
+struct JsonName {
+  consteval JsonName(const char (&name)[kSize]) {  // NOLINT(google-explicit-constructor): a template argument.
+    std::copy_n(name, kSize - 1, text + 2);
+    text[0] = ',';
+    text[1] = text[kSize + 1] = '"';
+    text[kSize + 2] = ':';
+  }
+  char text[kSize + 3] = {};
+};
+
+// Writes a JSON object without white space. It must have a member: Close, which comes last, replaces the comma before
+// the first one.
 class JsonObject {
  public:
-  explicit JsonObject(oxEventWriter* out) : out_(out) { out_->Add('{'); }
-  template <size_t kSize>
-  void AddStringField(const char (&name)[kSize], std::string_view text) {
-    AddName(name);
-    AddJsonString(text, out_);
+  explicit JsonObject(oxEventWriter* out) : out_(out), begin_(out->Size()) {}
+  template <JsonName kName>
+  void AddStringField(std::string_view text) {
+    if (text.size() > kShortText) {
+      AddName<kName>();
+      return AddJsonString(text, out_);
+    }
+    char* const value = WriteName<kName>(out_->Room(sizeof(kName.text) + kShortStringSize));
+    out_->Advance(WriteShortJsonString(text, value));
   }
-  template <size_t kSize>
-  void AddDoubleField(const char (&name)[kSize], double value) {
-    AddName(name);
+  template <JsonName kName>
+  void AddDoubleField(double value) {
+    AddName<kName>();
     DoubleToJson(value, out_);
   }
-  template <size_t kSize, std::integral Integer>
-  void AddField(const char (&name)[kSize], Integer value) {
-    AddName(name);
-    out_->AddNumber(value);
+  template <JsonName kName, std::integral Integer>
+  void AddField(Integer value) {
+    char* const at = WriteName<kName>(out_->Room(sizeof(kName.text) + kOxEventNumberSize));
+    out_->Advance(oxEventWriteNumber(value, at));
   }
   // Adds the name only: the caller adds the value.
-  template <size_t kSize>
-  void AddName(const char (&name)[kSize]) {
-    char* at = out_->Room(kSize + sizeof(",\"\":"));
-    *at = ',';
-    at += first_ ? 0 : 1;
-    first_ = false;
-    *at++ = '"';
-    std::memcpy(at, name, kSize - 1);
-    at += kSize - 1;
-    *at++ = '"';
-    *at++ = ':';
-    out_->Advance(at);
+  template <JsonName kName>
+  void AddName() {
+    out_->Advance(WriteName<kName>(out_->Room(sizeof(kName.text))));
   }
-  void Close() { out_->Add('}'); }
+  void Close() {
+    out_->Replace(begin_, '{');
+    out_->Add('}');
+  }
 
  private:
+  template <JsonName kName>
+  static char* WriteName(char* at) {
+    std::memcpy(at, kName.text, sizeof(kName.text));
+    return at + sizeof(kName.text);
+  }
+
   oxEventWriter* const out_;
-  bool first_ = true;
+  const size_t begin_;
 };
 
 // Caches the last formatted second, which successive events mostly share. Owned by the caller instead of thread-local:

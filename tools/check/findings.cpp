@@ -55,14 +55,14 @@ std::string FormatJson(const std::string& file, const std::vector<Finding>& find
     if (!text.empty()) text += ",\n";
     oxEventWriter writer(&text);
     oxEventText::JsonObject object(&writer);
-    object.AddStringField("file", ValidUtf8(file));
-    object.AddField("line", f.position.line);
-    object.AddField("column", f.position.column);
-    object.AddStringField("key", ValidUtf8(f.key));
-    object.AddStringField("severity", NameOf(f.severity));
-    object.AddStringField("code", f.code);
-    object.AddStringField("text", ValidUtf8(f.text));
-    object.AddStringField("remedy", ValidUtf8(f.remedy));
+    object.AddStringField<"file">(ValidUtf8(file));
+    object.AddField<"line">(f.position.line);
+    object.AddField<"column">(f.position.column);
+    object.AddStringField<"key">(ValidUtf8(f.key));
+    object.AddStringField<"severity">(NameOf(f.severity));
+    object.AddStringField<"code">(f.code);
+    object.AddStringField<"text">(ValidUtf8(f.text));
+    object.AddStringField<"remedy">(ValidUtf8(f.remedy));
     object.Close();
   }
   return text;
