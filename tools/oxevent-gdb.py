@@ -84,9 +84,8 @@ def number(atomic):
 
 
 def warn_if_locked(mutex, what):
-    data = mutex['mutex_']['_M_mutex']['__data']
-    if int(data['__lock']):
-        print(f'  (thread {int(data["__owner"])} holds the lock: {what} may be inconsistent)')
+    if number(mutex['state_']):
+        print(f'  (a thread holds the lock: {what} may be inconsistent)')
 
 
 def words_of(name):

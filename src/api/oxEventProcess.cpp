@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include "base/oxEventArchitecture.h"
 #include "base/oxEventForkCount.h"
 #include "base/oxEventLastError.h"
 #include "core/oxEventRouter.h"
