@@ -35,6 +35,7 @@ if(OXEVENT_HARDENING)
     oxevent_add_if_supported(${flag})
   endforeach()
   target_link_options(oxevent_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+  oxevent_add_if_supported(-fno-plt)  # With -z now, calls through the PLT would only be a detour.
   # -z shstk marks the result as supporting the shadow stack. The linker would not do so by itself: the start files of
   # the C library support it but are not marked. The result is not marked as supporting indirect branch tracking,
   # although our code has landing pads, because the start files have none.
