@@ -1,6 +1,7 @@
 #include "api/oxEventNormalize.h"
 
 #include <cstddef>
+#include <new>
 
 #include "platform/oxEventPlatformSystem.h"
 
@@ -45,48 +46,72 @@ class RecordReader {
   const oxEventRecord& record_;
 };
 
-bool IsValid(const oxEventRecord* record) {
-  return record != nullptr && record->struct_size >= 2 * sizeof(uint32_t) &&  // The record includes version.
-         record->version == OXEVENT_API_VERSION && record->struct_size >= kMinRecordBytes &&
-         record->message != nullptr && record->message[0] != '\0' &&
-         RecordReader<false>(*record).NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO) <=
-             OXEVENT_SEVERITY_ERROR;
-}
-
 template <bool kIsComplete>
-void ReadFields(const oxEventRecord& record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
+oxEventNormalizedEvent ReadFields(const oxEventRecord& record, uint64_t assigned_id) {
   const RecordReader<kIsComplete> reader(record);
-  out->event_id = reader.NonZeroOr(&oxEventRecord::event_id, assigned_id);
-  out->event_type = reader.StringOr(&oxEventRecord::event_type, "event");
-  out->source_id = reader.StringOr(&oxEventRecord::source_id, "");
-  out->source_name = reader.StringOr(&oxEventRecord::source_name, "oxEvent");
-  out->message = reader.StringOr(&oxEventRecord::message, "");
-  out->severity = reader.NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO);
-  out->action = reader.StringOr(&oxEventRecord::action, "");
-  out->dedupe_key = reader.StringOr(&oxEventRecord::dedupe_key, "");
-  out->correlation_id = reader.StringOr(&oxEventRecord::correlation_id, "");
-  out->utc_ns = reader.NonZeroOr(&oxEventRecord::utc_ns, 0);
-  out->ptp_ns = reader.NonZeroOr(&oxEventRecord::ptp_ns, 0);
-  if (out->utc_ns == 0 || out->ptp_ns == 0) {
+  uint64_t utc_ns = reader.NonZeroOr(&oxEventRecord::utc_ns, 0);
+  uint64_t ptp_ns = reader.NonZeroOr(&oxEventRecord::ptp_ns, 0);
+  if (utc_ns == 0 || ptp_ns == 0) {
     // The clock is read once, so that both timestamps are equal if the record has neither.
     const uint64_t now = oxEventPlatformGetPtpNano();
-    if (out->utc_ns == 0) out->utc_ns = now;
-    if (out->ptp_ns == 0) out->ptp_ns = now;
+    if (utc_ns == 0) utc_ns = now;
+    if (ptp_ns == 0) ptp_ns = now;
   }
-  out->pts = reader.NumberOr(&oxEventRecord::pts, int64_t{0});
-  out->timecode = reader.StringOr(&oxEventRecord::timecode, "");
-  out->value = reader.NumberOr(&oxEventRecord::value, 0.0);
-  out->threshold = reader.NumberOr(&oxEventRecord::threshold, 0.0);
-  out->units = reader.StringOr(&oxEventRecord::units, "");
-  out->duration_ms = reader.NumberOr(&oxEventRecord::duration_ms, uint64_t{0});
-  out->details_json = reader.StringOr(&oxEventRecord::details_json, "{}");
+  return {
+      .event_id = reader.NonZeroOr(&oxEventRecord::event_id, assigned_id),
+      .event_type = reader.StringOr(&oxEventRecord::event_type, oxEventDefaults::kEventType),
+      .source_id = reader.StringOr(&oxEventRecord::source_id, oxEventDefaults::kEmpty),
+      .source_name = reader.StringOr(&oxEventRecord::source_name, oxEventDefaults::kSourceName),
+      .message = reader.StringOr(&oxEventRecord::message, oxEventDefaults::kEmpty),
+      .severity = reader.NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO),
+      .action = reader.StringOr(&oxEventRecord::action, oxEventDefaults::kEmpty),
+      .dedupe_key = reader.StringOr(&oxEventRecord::dedupe_key, oxEventDefaults::kEmpty),
+      .correlation_id = reader.StringOr(&oxEventRecord::correlation_id, oxEventDefaults::kEmpty),
+      .utc_ns = utc_ns,
+      .ptp_ns = ptp_ns,
+      .pts = reader.NumberOr(&oxEventRecord::pts, int64_t{0}),
+      .timecode = reader.StringOr(&oxEventRecord::timecode, oxEventDefaults::kEmpty),
+      .value = reader.NumberOr(&oxEventRecord::value, 0.0),
+      .threshold = reader.NumberOr(&oxEventRecord::threshold, 0.0),
+      .units = reader.StringOr(&oxEventRecord::units, oxEventDefaults::kEmpty),
+      .duration_ms = reader.NumberOr(&oxEventRecord::duration_ms, uint64_t{0}),
+      .details_json = reader.StringOr(&oxEventRecord::details_json, oxEventDefaults::kDetailsJson),
+  };
+}
+
+bool IsValid(const oxEventRecord* record) {
+  return record != nullptr && record->struct_size >= kMinRecordBytes && record->version == OXEVENT_API_VERSION &&
+         oxEventAreValid(RecordReader<false>(*record).NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO),
+                         record->message);
 }
 
 }  // namespace
 
+oxEventNormalizedEvent oxEventNormalizeSimple(uint64_t event_id, uint32_t severity, const char* source_name,
+                                              const char* message) {
+  const uint64_t now = oxEventPlatformGetPtpNano();
+  return {.event_id = event_id,
+          .event_type = oxEventDefaults::kSimpleEventType,
+          .source_id = oxEventDefaults::kEmpty,
+          .source_name = source_name != nullptr ? source_name : oxEventDefaults::kSourceName,
+          .message = message,
+          .severity = severity,
+          .action = oxEventDefaults::kEmpty,
+          .dedupe_key = oxEventDefaults::kEmpty,
+          .correlation_id = oxEventDefaults::kEmpty,
+          .utc_ns = now,
+          .ptp_ns = now,
+          .timecode = oxEventDefaults::kEmpty,
+          .units = oxEventDefaults::kEmpty,
+          .details_json = oxEventDefaults::kDetailsJson};
+}
+
 uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
-  if (out == nullptr || !IsValid(record)) return OXEVENT_INVALID_ARGUMENT;
-  const bool is_complete = record->struct_size >= sizeof(oxEventRecord);
-  (is_complete ? ReadFields<true> : ReadFields<false>)(*record, assigned_id, out);
+  if (!IsValid(record) || out == nullptr) return OXEVENT_INVALID_ARGUMENT;
+  if (record->struct_size >= sizeof(oxEventRecord)) {
+    new (out) oxEventNormalizedEvent(ReadFields<true>(*record, assigned_id));
+  } else {
+    new (out) oxEventNormalizedEvent(ReadFields<false>(*record, assigned_id));
+  }
   return OXEVENT_OK;
 }

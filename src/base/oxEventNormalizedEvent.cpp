@@ -3,19 +3,26 @@
 #include <algorithm>
 #include <bit>
 #include <iterator>
+#include <utility>
 
 #include "base/oxEventSlab.h"
 #include "base/oxEventWriter.h"
 
 namespace {
 
-constexpr size_t kMaxKeptStringBytes = 4096;  // The memory of longer strings is not kept for reuse.
-
 using Event = oxEventNormalizedEvent;
 
 constexpr std::string_view Event::*kStrings[] = {
     &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
+
+// Copies the text to `to`, with a NUL, and makes it refer to the copy. Returns the end of the copy.
+[[gnu::always_inline]] inline char* MoveText(std::string_view* text, char* to) {
+  if (oxEventDefaults::Contains(text->data())) return to;
+  char* const end = oxEventWriteText({text->data(), text->size() + 1}, to);
+  *text = std::string_view(to, text->size());
+  return end;
+}
 
 }  // namespace
 
@@ -44,46 +51,34 @@ oxEventRecord oxEventNormalizedEvent::ToPublicView() const {
   return record;
 }
 
-bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
-  if (const size_t size = StoredBytes(from); size > capacity_) {
-    const size_t capacity = std::bit_ceil(size);  // Rounded up, to allocate less often.
-    void* const block = memory_->Allocate(capacity);
-    if (block == nullptr) return false;
-    FreeBlock();
-    block_ = static_cast<char*>(block);
-    capacity_ = capacity;
-  }
+bool oxEventStoredEvent::TryAssign(const oxEventNormalizedEvent& from) {
+  if (StoredBytes(from) > capacity_) return false;
+  event_ = from;
   char* at = block_;
-  const auto store = [&at](std::string_view text) {
-    const std::string_view stored(at, text.size());
-    at = oxEventWriteText(text, at);
-    *at++ = '\0';
-    return stored;
+  const auto move = [&]<size_t... i>(std::index_sequence<i...>) __attribute__((always_inline)) {
+    ((at = MoveText(&(event_.*kStrings[i]), at)), ...);
   };
-  event_.event_id = from.event_id;
-  event_.event_type = store(from.event_type);
-  event_.source_id = store(from.source_id);
-  event_.source_name = store(from.source_name);
-  event_.message = store(from.message);
-  event_.severity = from.severity;
-  event_.action = store(from.action);
-  event_.dedupe_key = store(from.dedupe_key);
-  event_.correlation_id = store(from.correlation_id);
-  event_.utc_ns = from.utc_ns;
-  event_.ptp_ns = from.ptp_ns;
-  event_.pts = from.pts;
-  event_.timecode = store(from.timecode);
-  event_.value = from.value;
-  event_.threshold = from.threshold;
-  event_.units = store(from.units);
-  event_.duration_ms = from.duration_ms;
-  event_.details_json = store(from.details_json);
+  move(std::make_index_sequence<std::size(kStrings)>());
   return true;
 }
 
-void oxEventStoredEvent::ReleaseLongTexts() {
-  if (capacity_ <= kMaxKeptStringBytes) return;  // No string in the block can be longer.
-  const auto is_long = [this](auto field) { return (event_.*field).size() > kMaxKeptStringBytes; };
+bool oxEventStoredEvent::Assign(const oxEventNormalizedEvent& from) {
+  return TryAssign(from) || (Reserve(StoredBytes(from)) && TryAssign(from));
+}
+
+// Replaces the block by one of at least `size` bytes.
+bool oxEventStoredEvent::Reserve(size_t size) {
+  const size_t capacity = std::bit_ceil(size);  // Rounded up, to allocate less often.
+  void* const block = memory_->Allocate(capacity);
+  if (block == nullptr) return false;
+  FreeBlock();
+  block_ = static_cast<char*>(block);
+  capacity_ = capacity;
+  return true;
+}
+
+void oxEventStoredEvent::ReleaseBlockOfLongTexts() {
+  const auto is_long = [this](auto field) { return (event_.*field).size() > kOxEventMaxKeptBytes; };
   if (!std::any_of(std::begin(kStrings), std::end(kStrings), is_long)) return;
   event_ = {};
   FreeBlock();
@@ -93,8 +88,4 @@ void oxEventStoredEvent::FreeBlock() {
   if (block_ != nullptr) memory_->Free(block_, capacity_);
   block_ = nullptr;
   capacity_ = 0;
-}
-
-void oxEventReleaseLongText(std::string* text) {
-  if (text->capacity() > kMaxKeptStringBytes) std::string().swap(*text);
 }

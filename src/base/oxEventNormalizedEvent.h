@@ -9,6 +9,27 @@
 
 class oxEventSharedSlab;
 
+constexpr size_t kOxEventMaxKeptBytes = 4096;  // The memory of longer strings is not kept for reuse.
+
+// The texts of fields that a record does not set. A copy of an event refers to them too: all lie in one array, so that
+// a comparison tells them from a host's texts, which must be copied.
+class oxEventDefaults {
+ public:
+  static bool Contains(const char* text) {
+    return reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(kTexts) < sizeof(kTexts);
+  }
+
+ private:
+  static constexpr char kTexts[] = "\0event\0simple\0oxEvent\0{}";
+
+ public:
+  static constexpr std::string_view kEmpty = {kTexts, 0};
+  static constexpr std::string_view kEventType = {kTexts + 1, 5};
+  static constexpr std::string_view kSimpleEventType = {kTexts + 7, 6};
+  static constexpr std::string_view kSourceName = {kTexts + 14, 7};
+  static constexpr std::string_view kDetailsJson = {kTexts + 22, 2};
+};
+
 // An event with all defaults applied and its id and timestamps set. Does not own its strings, which are NUL-terminated.
 struct oxEventNormalizedEvent {
   // NOLINTBEGIN(readability-redundant-string-init): a default-constructed view has no NUL.
@@ -51,18 +72,19 @@ class oxEventStoredEvent {
   oxEventStoredEvent(const oxEventStoredEvent&) = delete;
   oxEventStoredEvent& operator=(const oxEventStoredEvent&) = delete;
 
-  // Whether Assign needs no allocation.
-  bool HasRoomFor(const oxEventNormalizedEvent& event) const { return StoredBytes(event) <= capacity_; }
-
-  // Copies the event. Returns false, and changes nothing, if out of memory.
+  // Copies the event. Returns false, and changes nothing, if the block is too small.
+  [[nodiscard]] bool TryAssign(const oxEventNormalizedEvent& from);
+  // Copies the event, to a larger block if necessary. Returns false, and changes nothing, if out of memory.
   [[nodiscard]] bool Assign(const oxEventNormalizedEvent& from);
 
   // Valid until the next Assign or ReleaseLongTexts.
   const oxEventNormalizedEvent& Get() const { return event_; }
   oxEventNormalizedEvent& Get() { return event_; }
 
-  // If a string is longer than 4 KiB, clears the event and frees the block.
-  void ReleaseLongTexts();
+  // If a string is too long to be kept, clears the event and frees the block.
+  void ReleaseLongTexts() {
+    if (capacity_ > kOxEventMaxKeptBytes) ReleaseBlockOfLongTexts();
+  }
 
   oxEventSharedSlab* Memory() const { return memory_; }
 
@@ -71,6 +93,8 @@ class oxEventStoredEvent {
 
   // Including a NUL after each string.
   static size_t StoredBytes(const oxEventNormalizedEvent& event) { return event.TextBytes() + kStringCount; }
+  bool Reserve(size_t size);
+  void ReleaseBlockOfLongTexts();
   void FreeBlock();
 
   oxEventNormalizedEvent event_;
@@ -79,5 +103,7 @@ class oxEventStoredEvent {
   oxEventSharedSlab* const memory_;
 };
 
-// Clears a string that is kept for reuse, and frees its memory, if the capacity exceeds 4 KiB.
-void oxEventReleaseLongText(std::string* text);
+// Clears a string that is kept for reuse, and frees its memory, if the memory is too large to be kept.
+inline void oxEventReleaseLongText(std::string* text) {
+  if (text->capacity() > kOxEventMaxKeptBytes) std::string().swap(*text);
+}

@@ -6,12 +6,6 @@ void oxEventBacklog::Trim(size_t limit, oxEventNodeList* removed) {
   }
 }
 
-oxEventNodeList& oxEventBacklog::ListOfOldest() {
-  if (debug_info_.IsEmpty()) return warning_error_;
-  if (warning_error_.IsEmpty()) return debug_info_;
-  return debug_info_.Front().order < warning_error_.Front().order ? debug_info_ : warning_error_;
-}
-
 oxEventNodeList& oxEventBacklog::ListOfNewest() {
   if (debug_info_.IsEmpty()) return warning_error_;
   if (warning_error_.IsEmpty()) return debug_info_;

@@ -51,7 +51,11 @@ class oxEventBacklog {
 
  private:
   bool DropsDebugInfo() const { return policy_ == oxEventDropPolicy::kDropDebugInfoFirst && !debug_info_.IsEmpty(); }
-  oxEventNodeList& ListOfOldest();
+  oxEventNodeList& ListOfOldest() {
+    if (debug_info_.IsEmpty()) return warning_error_;
+    if (warning_error_.IsEmpty()) return debug_info_;
+    return debug_info_.Front().order < warning_error_.Front().order ? debug_info_ : warning_error_;
+  }
   oxEventNodeList& ListOfNewest();
 
   oxEventNodeList debug_info_;  // Oldest at the front; `order` shows which front is older.

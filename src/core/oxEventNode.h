@@ -25,8 +25,11 @@ struct oxEventNode {
   }
 };
 
+void oxEventFreeNode(oxEventNode* node);
+
+// Inline, so that the address of an owning pointer is not passed and the pointer can stay in a register.
 struct oxEventNodeDeleter {
-  void operator()(oxEventNode* node) const;
+  void operator()(oxEventNode* node) const { oxEventFreeNode(node); }
 };
 using oxEventNodePtr = std::unique_ptr<oxEventNode, oxEventNodeDeleter>;
 

@@ -2,7 +2,7 @@
 
 #include <new>
 
-void oxEventNodeDeleter::operator()(oxEventNode* node) const {
+void oxEventFreeNode(oxEventNode* node) {
   oxEventSharedSlab* const memory = node->event.Memory();
   node->~oxEventNode();
   memory->Free(node, sizeof(oxEventNode));

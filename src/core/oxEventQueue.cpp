@@ -42,19 +42,14 @@ oxEventEnqueueResult oxEventQueue::Enqueue(const oxEventNormalizedEvent& event, 
   return result;
 }
 
-oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache) {
+inline oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& event,
+                                                        oxEventNodePtr* node_cache) {
   oxEventNodePtr& node = *node_cache;
-  if (node == nullptr || !node->event.HasRoomFor(event)) {
-    // Check first: do not allocate for an event that would not be queued.
-    oxEventLock lock(mutex_);
-    if (!CanAppendLocked()) return RejectLocked();
-    if (node == nullptr) node = pool_.TryAcquire();
-  }
   // With the lock released, so that copying a long text does not delay other threads.
-  if (node == nullptr) node = pool_.Create();
-  if (node == nullptr || !node->event.Assign(event)) return oxEventEnqueueResult::kNoMemory;
-
   oxEventEnqueueResult result = oxEventEnqueueResult::kQueued;
+  if (node == nullptr || !node->event.TryAssign(event)) result = CopyToNewMemory(event, &node);
+  if (result != oxEventEnqueueResult::kQueued) return result;
+
   bool wake = false;
   {
     oxEventLock lock(mutex_);
@@ -71,6 +66,20 @@ oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedEvent& e
   if (result == oxEventEnqueueResult::kDisplacedOlder) drops_->Record(node->event.Get(), oxEventDrop::kDisplaced);
   if (result != oxEventEnqueueResult::kQueued) node->event.ReleaseLongTexts();
   return result;
+}
+
+// Copies the event, for which *node has no room, or which may be null. Returns kQueued if it has been copied.
+[[gnu::noinline]] oxEventEnqueueResult oxEventQueue::CopyToNewMemory(const oxEventNormalizedEvent& event,
+                                                                     oxEventNodePtr* node) {
+  {
+    // Check first: do not allocate for an event that would not be queued.
+    oxEventLock lock(mutex_);
+    if (!CanAppendLocked()) return RejectLocked();
+    if (*node == nullptr) *node = pool_.TryAcquire();
+  }
+  if (*node == nullptr) *node = pool_.Create();
+  const bool copied = *node != nullptr && (*node)->event.Assign(event);
+  return copied ? oxEventEnqueueResult::kQueued : oxEventEnqueueResult::kNoMemory;
 }
 
 oxEventNormalizedEvent* oxEventQueue::WaitPop() {
@@ -158,7 +167,7 @@ oxEventEnqueueResult oxEventQueue::RejectLocked() {
 
 // Queues *node. If an older event is dropped for it, returns true, and *node becomes that event; otherwise *node
 // becomes a free node or null.
-bool oxEventQueue::AppendLocked(oxEventNodePtr* node) {
+inline bool oxEventQueue::AppendLocked(oxEventNodePtr* node) {
   ++enqueue_count_;
   oxEventNodePtr displaced = backlog_.Push(std::move(*node));
   if (displaced == nullptr) {

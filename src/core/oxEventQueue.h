@@ -72,6 +72,7 @@ class oxEventQueue {
   enum class WaitMode { kAwake, kTimed, kBlocked };
 
   oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
+  oxEventEnqueueResult CopyToNewMemory(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
   bool CanAppendLocked() const OX_REQUIRES(mutex_) { return IsAcceptingLocked() && backlog_.CanPush(); }
   oxEventEnqueueResult RejectLocked() OX_REQUIRES(mutex_);
   bool AppendLocked(oxEventNodePtr* node) OX_REQUIRES(mutex_);
