@@ -225,7 +225,7 @@ TEST_F(oxEventApi, WritesOnlyCompleteCsvRows) {  // So that a process that is ki
   recorder.on_event = [&](const oxEventRecord&) { EXPECT_TRUE(ReadFile(csv).ends_with('\n')); };
   Start();
   for (size_t i = 1; i <= 100; ++i) EXPECT_EQ(LastResult(Send(std::string(10 * i * i, 'x'))), kOk);
-  EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
+  EXPECT_EQ(LastResult(oxEventFlush(0)), kOk);
   EXPECT_EQ(recorder.messages.size(), 100u);
 }
 
