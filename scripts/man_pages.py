@@ -22,6 +22,10 @@ echo '{"message": "Fan 2 stands still", "value": 0, "units": "1/min"}' | oxevent
 """), "oxevent-check": ("find what is wrong with a settings file", """\
 oxevent-check settings.xml
 oxevent-check --explain queue_size
+"""), "oxevent-alarms": ("show the alarm list from a CSV file", """\
+oxevent-alarms events.csv
+oxevent-alarms --history fan-2:fan.stopped --since 7d events.csv
+oxevent-alarms --html alarms.html events.csv
 """)}
 CAVEATS = {"oxevent-check": """\
 The library may not start with a file in which the tool finds no error, because the tool does not do all that a start

@@ -1,0 +1,1 @@
+"""The alarm list from a CSV file of oxEvent."""

@@ -1,0 +1,49 @@
+"""Alarm rates, with the thresholds of EEMUA publication 191 for one operator. A value between two thresholds of the
+guide counts as the worse class."""
+import collections
+
+from .text import NS
+
+PERIOD_NS = 600 * NS  # The guide counts alarms in ten minutes.
+FLOOD = 10  # More alarms in a period are a flood.
+AVERAGE = ((1, "very likely to be acceptable"), (2, "manageable"), (10, "likely to be over-demanding"))
+PEAK = ((9, "should be manageable"), (100, "hard to cope with"))
+STANDING = ((9, "fewer than 10, as the guide recommends"),)
+
+
+def classify(value, classes, worst):
+    return next((text for limit, text in classes if value <= limit), worst)
+
+
+def average_class(average):
+    return classify(average, AVERAGE, "very likely to be unacceptable")
+
+
+def peak_class(peak):
+    return classify(peak, PEAK, "definitely excessive")
+
+
+def standing_class(count):
+    return classify(count, STANDING, "the guide recommends fewer than 10")
+
+
+def average(count, range_ns):
+    """Returns the number per period."""
+    return count * PERIOD_NS / max(range_ns, PERIOD_NS)
+
+
+def busiest(times, window_ns):
+    """Returns the largest number of sorted times in a window of this length."""
+    window = collections.deque()
+    most = 0
+    for time in times:
+        window.append(time)
+        while time - window[0] >= window_ns:
+            window.popleft()
+        most = max(most, len(window))
+    return most
+
+
+def floods(times):
+    """Returns the number of periods, on the clock, with a flood."""
+    return sum(count > FLOOD for count in collections.Counter(time // PERIOD_NS for time in times).values())
