@@ -1,4 +1,5 @@
 """What gdb shows of a process and a core file, and the trace points: inside_test.py [-v] [InsideTest.test_NAME...]."""
+import json
 import os
 import re
 import shutil
@@ -51,6 +52,37 @@ sinks:
   sink\\syslog\\udp noc: 2 failures, the last: oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13
   callbacks: no failure
 """
+# Random events, whose times exceed the repeat interval now and then, and rotations of the CSV file, as by logrotate.
+RANDOM = r"""
+import gzip, os, oxevent, random, sys
+chosen = random.Random(1)
+csv = sys.argv[2]
+
+def rotate(count):
+    oxevent.flush()
+    for number in range(count, 1, -1):
+        os.rename(f"{csv}.{number}.gz", f"{csv}.{number + 1}.gz")
+    if count:
+        with open(f"{csv}.1", "rb") as file, gzip.open(f"{csv}.2.gz", "wb") as packed:
+            packed.write(file.read())
+    os.rename(csv, f"{csv}.1")
+    oxevent.reload()
+
+oxevent.initialize(sys.argv[1])
+utc_ns = 10**18
+for number in range(10_000):
+    utc_ns += chosen.randrange(-10, 60) * 10**9
+    name = chosen.randrange(200)
+    oxevent.submit(
+        chosen.choice(("m", 'a, "b"\n\nc', "é")), severity=chosen.randrange(4), utc_ns=utc_ns,
+        action=chosen.choice(("raise", "RAISE", "update", "Update", "repeat", "clear", "Clear", "ack", "")),
+        dedupe_key=chosen.choice(("", f"key,\n {name}")), source_id=f"source:{name}", event_type=f'"{name % 3}"')
+    if number % 1000 == 999:
+        rotate(number // 1000)
+oxevent.flush()
+print(flush=True)
+input()
+"""
 
 
 class InsideTest(unittest.TestCase):
@@ -64,9 +96,9 @@ class InsideTest(unittest.TestCase):
             "sink\\native\\main": {"enabled": 0},
             "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Broadcasts are not permitted.
 
-    def start_host(self, script, library=LIBRARY):
+    def start_host(self, script, library=LIBRARY, arguments=()):
         environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "OXEVENT_LIBRARY": str(library)}
-        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings], env=environment, text=True,
+        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings, *arguments], env=environment, text=True,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.enterContext(host)
         self.addCleanup(host.kill)
@@ -86,6 +118,21 @@ class InsideTest(unittest.TestCase):
         expected = f"oxEvent is initialized with {self.settings}\n{BUSY_STATE}"
         self.assertIn(expected, self.gdb("-p", pid, commands=["oxevent", f"generate-core-file {core}"]))
         self.assertIn(expected, self.gdb(PYTHON, core))
+
+    def test_alarm_list_of_the_csv_file_is_that_of_the_process(self):
+        csv = f"{self.directory}/events.csv"
+        write_settings(self.settings, {
+            "core": {"minimum_severity": "debug", "queue_size": 10_000},
+            "sink\\native\\main": {"enabled": 0},
+            "sink\\csv\\default": {"enabled": 1, "path": csv, "minimum_severity": "debug"}})
+        pid = self.start_host(RANDOM, arguments=[csv])
+        shown = re.findall("^  .*, last sent .*Z$", self.gdb("-p", pid, commands=["oxevent conditions 1000"]), re.M)
+        listed = subprocess.run([f"{ROOT}/tools/alarms/oxevent-alarms", "--json", csv], capture_output=True, check=True)
+        conditions = json.loads(listed.stdout)["conditions"]
+        self.assertGreater(len(conditions), 100)
+        self.assertFalse([one for one in conditions if one["unconfirmed"]])
+        expected = [f"  {one['key']}, last sent {one['utc_iso']}".replace("\n", "\\n") for one in conditions]
+        self.assertEqual(sorted(shown), sorted(expected))
 
     def test_trace_points_have_their_arguments(self):
         notes = subprocess.run(["readelf", "-n", LIBRARY], capture_output=True, text=True, check=True).stdout
