@@ -1,0 +1,236 @@
+"""What oxevent-catalogue makes, in the programs that read it: catalogue_test.py [-v] [CatalogueTest.test_NAME...]."""
+import configparser
+import contextlib
+import csv
+import html
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import textwrap
+import unittest
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path[:0] = [f"{ROOT}/tools/python", f"{ROOT}/scripts"]
+import oxevent
+from receivers import write_settings
+
+TOOL, LIBRARY, WATCH = (os.environ[f"OXEVENT_{name}"] for name in ("CATALOGUE", "LIBRARY", "WATCH"))
+FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wshadow", "-Werror", f"-I{ROOT}/include"]
+
+# Texts that have a meaning of their own in one of the outputs.
+ODD = r"""[catalogue]
+name = odd2
+[disk full/"ü"1??/ * // /* x */]\]
+severity = error
+meaning = {{ .Labels }} {{ end }} "q" 'q' `q` \n %s $name ${x} <b>&amp;</b> */ /* ??/ \
+  # A comment.
+  -- 0027229ca0644181a76c4e92458afa2f
+
+  = | a || *b* _c_ [d](e) ~f~ é 𝄞 @MESSAGE@MESSAGE@ @@ $1$ \
+action = %(x)s '''\" \u0041 {{ "
+runbook = https://h.example/a_(b)?c&amp;d=[e]*f*'$1
+[__A.b-C]
+  severity=debug
+  meaning = m
+    n
+  action = a
+"""
+ODD_ROW = (  # By CommonMark, sections 2.4 (backslash escapes) and 6.3 (links).
+    r"""| disk full/"ü"1??/ \* // /\* x \*/\]\\ | error | \{\{ .Labels \}\} \{\{ end \}\} "q" 'q' \`q\` \\n %s \$name """
+    r"""\$\{x\} \<b\>\&amp;\</b\> \*/ /\* ??/ \\<br>-- 0027229ca0644181a76c4e92458afa2f<br><br>= \| a \|\| \*b\* """
+    r"""\_c\_ \[d\](e) \~f\~ é 𝄞 @MESSAGE@MESSAGE@ @@ \$1\$ \\ | %(x)s '''\\" \\u0041 \{\{ " """
+    r"""| [runbook](https://h.example/a_\(b\)?c\&amp;d=[e]*f*'$1) |""")
+HOST = r"""
+#include "odd2.h"
+#include <cstdio>
+
+int main(int argc, char** argv) {
+  odd2Unknown unknown = {};
+  uint32_t id = 0;
+  uint32_t failures = oxEventInitialize(argv[1]) | oxEventRegisterCallback(odd2Check, &unknown, &id);
+  for (int i = 2; i < argc; ++i) {
+    oxEventRecord event = {};
+    event.struct_size = sizeof(event);
+    event.version = OXEVENT_API_VERSION;
+    event.severity = ODD2_DISK_FULL_1_X_SEVERITY;
+    event.event_type = argv[i];
+    event.message = "m";
+    std::string document;
+    failures |= oxEventSubmit(&event);
+    failures |= oxEventFormatAlertmanagerRecord(&event, oxEventAlertmanagerFormatterConfig(), &document);
+    std::printf("%s %s\n", odd2Knows(argv[i]) ? odd2MessageId(argv[i]) : "none", document.c_str());
+  }
+  failures |= oxEventShutdown();
+  std::printf("%lu %s\n", unknown.count, unknown.first);
+  return failures != 0;
+}
+"""
+WRONG = b"""\
+severity = info
+[catalogue]
+name = oxevent
+title = t
+[a.b]
+severity = fatal
+severity = info
+meaning
+ goes on
+[ x]
+[A-B.severity]
+[\xc3\xa4]
+severity = info
+meaning = m\x1b[0m
+action = \xe9
+runbook = ftp://h.example/
+[a.b]
+"""
+WRONG_REPORT = """\
+1: error: the line is not in a section
+3: error: the section [catalogue] must have a name of lower-case ASCII letters and digits, which begins with a letter \
+and is not oxevent
+4: error: unknown key 'title': the section has name
+5: error: a.b: the type has no action
+5: error: a.b: the type has no meaning
+6: error: a.b: the severity must be one of debug, info, warning, error, not 'fatal'
+7: error: a.b: the key severity is already in line 6
+8: error: a.b: the line must be KEY = TEXT; a line that continues a text must be indented
+10: error: the line must be a type in brackets, without blanks around the type
+11: error: A-B.severity: the constant A_B_SEVERITY belongs to the type in line 5
+11: error: A-B.severity: the type has no action
+11: error: A-B.severity: the type has no meaning
+11: error: A-B.severity: the type has no severity
+12: error: ä: the type has no ASCII letter or digit for the name of its constant
+14: error: the line contains the control character U+001B
+15: error: the line is not UTF-8
+16: error: ä: the runbook must be an http or https URL
+17: error: a.b: the section is already in line 5
+"""
+
+
+def run(*command, **options):
+    return subprocess.run(command, capture_output=True, encoding="utf-8", check=False, **options)
+
+
+class CatalogueTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.enterContext(contextlib.chdir(self.enterContext(tempfile.TemporaryDirectory())))
+        Path("odd2.ini").write_text(ODD)
+        write_settings("settings.xml", {"core": {"minimum_severity": "debug"}, "sink\\native\\main": {"enabled": 0},
+                                        "sink\\csv\\default": {"enabled": 1, "path": "events.csv"}})
+        parser = configparser.RawConfigParser(delimiters="=")
+        parser.read_string(ODD)
+        self.odd = {title: dict(parser[title]) for title in parser.sections() if title != "catalogue"}
+
+    def expect(self, *command, **options):
+        done = run(*command, **options)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        return done.stdout
+
+    def make(self, kind, path="odd2.ini"):
+        return self.expect(TOOL, f"--{kind}", path, env={"LC_ALL": "C"})
+
+    def run_host(self):
+        """Returns the MESSAGE_ID and the alert document of each type, from a host that reports these and two others."""
+        self.expect(TOOL, "--header", "--output", "odd2.h", "odd2.ini")
+        self.expect("gcc", "-std=c99", *FLAGS, "-fsyntax-only", "-x", "c", "odd2.h")
+        Path("host.cpp").write_text(HOST)
+        self.expect("g++", "-std=c++17", *FLAGS, "-Wold-style-cast", "host.cpp", LIBRARY, "-o", "host")
+        environment = os.environ | {"LD_LIBRARY_PATH": str(Path(LIBRARY).parent)}
+        *lines, unknown = self.expect("./host", "settings.xml", *self.odd, "other", "", env=environment).splitlines()
+        self.assertEqual(unknown, "2 other")
+        return [line.split(" ", 1) for line in lines[:len(self.odd)]]
+
+    def read_by_journal(self):
+        """Returns {MESSAGE_ID: text} of the message catalog, as the journal has read it."""
+        for directory in ("usr/lib", "var/lib"):
+            Path("root", directory, "systemd/catalog").mkdir(parents=True)
+        Path("root/usr/lib/systemd/catalog/odd2.catalog").write_text(self.make("journal"))
+        self.expect("journalctl", "--root=root", "--update-catalog")
+        dump = self.expect("journalctl", "--root=root", "--dump-catalog")
+        _, *parts = re.split("^-- ([0-9a-f]{32})\n", dump, flags=re.MULTILINE)
+        return dict(zip(parts[::2], parts[1::2]))
+
+    def test_the_journal_reads_the_message_catalog(self):
+        expected = []
+        for title, texts in self.odd.items():
+            link = f"Documentation: {texts['runbook']}\n" if "runbook" in texts else ""
+            body = textwrap.indent(f"{texts['meaning']}\n\nAction: {texts['action']}\n", "  ")
+            expected.append(f"Subject: {title}\nDefined-By: odd2\n{link}\n{body}\n")
+        read = list(self.read_by_journal().values())
+        self.assertCountEqual([text.replace("\u2060", "") for text in read], expected)
+        self.assertNotRegex("".join(read), "@[A-Z_]+@")  # journalctl -x would replace it.
+
+    def test_all_languages_have_the_same_message_ids(self):
+        ids = {re.match("Subject: (.*)", text)[1]: message_id for message_id, text in self.read_by_journal().items()}
+        self.assertEqual([message_id for message_id, _ in self.run_host()], [ids[title] for title in self.odd])
+        module = {}
+        exec(self.make("python"), module)
+        self.assertEqual(module["message_ids"], ids)
+
+    def test_the_python_callback_fails_on_an_unknown_type(self):
+        module = {}
+        exec(self.make("python"), module)
+        with oxevent.running("settings.xml"):
+            oxevent.register_callback(module["check"])
+            oxevent.submit("m", event_type=module["ODD2_A_B_C"], severity=module["ODD2_A_B_C_SEVERITY"])
+            oxevent.flush()
+            oxevent.submit("m", event_type="other")
+            with self.assertLogs("oxevent"), self.assertRaisesRegex(oxevent.OxEventError, "LookupError.*'other'"):
+                oxevent.flush()
+
+    def test_the_alertmanager_renders_the_template(self):
+        labels = [json.loads(document)[0]["labels"] for _, document in self.run_host()]
+        alerts = [{"labels": of_alert, "annotations": {"summary": "<s>"}, "status": "firing"}
+                  for of_alert in (*labels, {"alertname": "Other"})]
+        Path("data.json").write_text(json.dumps({"receiver": "r", "status": "firing", "alerts": alerts}))
+        Path("odd2.tmpl").write_text(self.make("alertmanager"))
+        expected = ""
+        for texts in (*self.odd.values(), {}):
+            expected += "<s> (firing)\n"
+            expected += "".join(f"{key.capitalize()}: {texts[key]}\n" for key in texts if key != "severity")
+        for kind, read in (("text", str), ("html", html.unescape)):
+            rendered = self.expect(
+                "amtool", "template", "render", "--template.glob=odd2.tmpl", "--template.data=data.json",
+                f"--template.type={kind}", '--template.text={{ template "odd2.text" . }}')
+            self.assertEqual(read(rendered).rstrip("\n"), expected.rstrip("\n"))
+
+    def test_markdown_escapes_the_texts(self):
+        self.assertIn(ODD_ROW, self.make("markdown").splitlines())
+
+    def test_errors_are_reported_together(self):
+        Path("wrong.ini").write_bytes(WRONG)
+        Path("empty.ini").write_bytes(b"\xef\xbb\xbf[catalogue]\r\nname = a")
+        for path, expected in (
+                ("wrong.ini", textwrap.indent(WRONG_REPORT, "wrong.ini:")),
+                ("empty.ini", "empty.ini:1: error: the catalogue has no type\n"),
+                ("a\x1b\n", "oxevent-catalogue: a\\u001b\\n: No such file or directory\n")):
+            done = run(TOOL, "--header", "--output=made", path)
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", expected))
+            self.assertFalse(Path("made").exists())
+
+    def test_exit_status(self):
+        self.assertEqual(run(TOOL, "--header", "--output=/dev/full", "odd2.ini").returncode, 1)
+        for arguments in (["--heading", "odd2.ini"], ["--header", "--python", "odd2.ini"], ["odd2.ini", "odd2.ini"]):
+            self.assertEqual(run(TOOL, *arguments).returncode, 2, arguments)
+
+    def test_the_example_has_what_its_host_reports(self):
+        module = {}
+        exec(self.make("python", f"{ROOT}/examples/watch/catalogue.ini"), module)
+        Path("spool").mkdir()
+        Path("spool/file").touch()
+        limits = ["--max-files=0", "--max-used=0", "--max-load=0", "--min-memory=100%"]
+        self.expect(WATCH, "--spool=spool", *limits, "--count=1", "--period=1", "settings.xml")
+        with open("events.csv", newline="") as file:
+            reported = {row["event_type"] for row in csv.DictReader(file)}
+        self.assertIn("spool.full", reported)
+        self.assertLessEqual(reported, set(module["message_ids"]))
+
+
+if __name__ == "__main__":
+    unittest.main()
