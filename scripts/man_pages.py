@@ -26,6 +26,10 @@ oxevent-check --explain queue_size
 oxevent-alarms events.csv
 oxevent-alarms --history fan-2:fan.stopped --since 7d events.csv
 oxevent-alarms --html alarms.html events.csv
+"""), "oxevent-catalogue": ("check a catalogue of event types, and make headers and templates from it", """\
+oxevent-catalogue press.ini
+oxevent-catalogue --header --output press_events.h press.ini
+oxevent-catalogue --journal press.ini >/usr/local/lib/systemd/catalog/press.catalog && journalctl --update-catalog
 """)}
 CAVEATS = {"oxevent-check": """\
 The library may not start with a file in which the tool finds no error, because the tool does not do all that a start
