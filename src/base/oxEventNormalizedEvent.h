@@ -20,14 +20,14 @@ class oxEventDefaults {
   }
 
  private:
-  static constexpr char kTexts[] = "\0event\0simple\0oxEvent\0{}";
+  static constexpr char kTexts[] = "\0event\0simple\0oxEvent\0{}";  // A view of one ends at its NUL.
 
  public:
-  static constexpr std::string_view kEmpty = {kTexts, 0};
-  static constexpr std::string_view kEventType = {kTexts + 1, 5};
-  static constexpr std::string_view kSimpleEventType = {kTexts + 7, 6};
-  static constexpr std::string_view kSourceName = {kTexts + 14, 7};
-  static constexpr std::string_view kDetailsJson = {kTexts + 22, 2};
+  static constexpr std::string_view kEmpty = kTexts;
+  static constexpr std::string_view kEventType = kTexts + 1;
+  static constexpr std::string_view kSimpleEventType = kTexts + 7;
+  static constexpr std::string_view kSourceName = kTexts + 14;
+  static constexpr std::string_view kDetailsJson = kTexts + 22;
 };
 
 // An event with all defaults applied and its id and timestamps set. Does not own its strings, which are NUL-terminated.
