@@ -99,19 +99,20 @@ union UninitializedEvent {
   oxEventNormalizedEvent value;
 };
 
-uint32_t RefuseRecord() {
-  const uint32_t result = Fail(oxEventErrors::kInvalidRecord);
-  oxEventTraceSubmit(result, 0, OXEVENT_SEVERITY_INFO);
-  return result;
-}
-
-uint32_t SubmitEvent(const char* entry_point, const oxEventNormalizedEvent& event) {
+// Submits the event that `normalize` writes to its argument. If the call is refused, `normalize` returns an error.
+template <class Normalize>
+uint32_t SubmitEvent(const char* entry_point, Normalize normalize) {
+  UninitializedEvent event;
+  bool is_valid = false;
   // Nothing in it throws, because a thread's first exception may allocate memory: Guarded is only a safety net here.
   const uint32_t result = Guarded(entry_point, [&] {
+    if (normalize(&event.value) != OXEVENT_OK) return Fail(oxEventErrors::kInvalidRecord);
+    is_valid = true;
     if (!g_oxEventInitialized) return NotInitialized();
-    return Finish(oxEventCoreSubmit(event), oxEventErrors::kSubmitFailed);
+    return Finish(oxEventCoreSubmit(event.value), oxEventErrors::kSubmitFailed);
   });
-  oxEventTraceSubmit(result, event.event_id, event.severity);
+  oxEventTraceSubmit(result, is_valid ? event.value.event_id : 0,
+                     is_valid ? event.value.severity : OXEVENT_SEVERITY_INFO);
   return result;
 }
 
@@ -235,16 +236,16 @@ uint32_t oxEventShutdown() { return Guarded("oxEventShutdown", Shutdown); }
 
 uint32_t oxEventSubmit(const oxEventRecord* record) {
   const uint64_t id = NextGeneratedId();  // Used up even if the record is refused.
-  UninitializedEvent event;
-  if (oxEventNormalizeEvent(record, id, &event.value) != OXEVENT_OK) return RefuseRecord();
-  return SubmitEvent("oxEventSubmit", event.value);
+  return SubmitEvent("oxEventSubmit",
+                     [&](oxEventNormalizedEvent* event) { return oxEventNormalizeEvent(record, id, event); });
 }
 
 uint32_t oxEventSubmitSimple(uint32_t event_id, uint32_t severity, const char* source_name, const char* message) {
-  const uint64_t id = NextGeneratedId();
-  if (!oxEventAreValid(severity, message)) return RefuseRecord();
-  return SubmitEvent("oxEventSubmitSimple",
-                     oxEventNormalizeSimple(event_id != 0 ? event_id : id, severity, source_name, message));
+  const uint64_t assigned_id = NextGeneratedId();
+  const uint64_t id = event_id != 0 ? event_id : assigned_id;
+  return SubmitEvent("oxEventSubmitSimple", [&](oxEventNormalizedEvent* event) {
+    return oxEventNormalizeSimple(id, severity, source_name, message, event);
+  });
 }
 
 uint32_t oxEventFlush(uint32_t timeout_ms) {

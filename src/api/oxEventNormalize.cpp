@@ -79,32 +79,17 @@ oxEventNormalizedEvent ReadFields(const oxEventRecord& record, uint64_t assigned
   };
 }
 
+bool AreValid(uint32_t severity, const char* message) {
+  return severity <= OXEVENT_SEVERITY_ERROR && message != nullptr && message[0] != '\0';
+}
+
 bool IsValid(const oxEventRecord* record) {
   return record != nullptr && record->struct_size >= kMinRecordBytes && record->version == OXEVENT_API_VERSION &&
-         oxEventAreValid(RecordReader<false>(*record).NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO),
-                         record->message);
+         AreValid(RecordReader<false>(*record).NumberOr(&oxEventRecord::severity, OXEVENT_SEVERITY_INFO),
+                  record->message);
 }
 
 }  // namespace
-
-oxEventNormalizedEvent oxEventNormalizeSimple(uint64_t event_id, uint32_t severity, const char* source_name,
-                                              const char* message) {
-  const uint64_t now = oxEventPlatformGetPtpNano();
-  return {.event_id = event_id,
-          .event_type = oxEventDefaults::kSimpleEventType,
-          .source_id = oxEventDefaults::kEmpty,
-          .source_name = source_name != nullptr ? source_name : oxEventDefaults::kSourceName,
-          .message = message,
-          .severity = severity,
-          .action = oxEventDefaults::kEmpty,
-          .dedupe_key = oxEventDefaults::kEmpty,
-          .correlation_id = oxEventDefaults::kEmpty,
-          .utc_ns = now,
-          .ptp_ns = now,
-          .timecode = oxEventDefaults::kEmpty,
-          .units = oxEventDefaults::kEmpty,
-          .details_json = oxEventDefaults::kDetailsJson};
-}
 
 uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out) {
   if (!IsValid(record) || out == nullptr) return OXEVENT_INVALID_ARGUMENT;
@@ -113,5 +98,28 @@ uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id
   } else {
     new (out) oxEventNormalizedEvent(ReadFields<false>(*record, assigned_id));
   }
+  return OXEVENT_OK;
+}
+
+uint32_t oxEventNormalizeSimple(uint64_t event_id, uint32_t severity, const char* source_name, const char* message,
+                                oxEventNormalizedEvent* out) {
+  if (!AreValid(severity, message)) return OXEVENT_INVALID_ARGUMENT;
+  const uint64_t now = oxEventPlatformGetPtpNano();
+  new (out) oxEventNormalizedEvent{
+      .event_id = event_id,
+      .event_type = oxEventDefaults::kSimpleEventType,
+      .source_id = oxEventDefaults::kEmpty,
+      .source_name = source_name != nullptr ? source_name : oxEventDefaults::kSourceName,
+      .message = message,
+      .severity = severity,
+      .action = oxEventDefaults::kEmpty,
+      .dedupe_key = oxEventDefaults::kEmpty,
+      .correlation_id = oxEventDefaults::kEmpty,
+      .utc_ns = now,
+      .ptp_ns = now,
+      .timecode = oxEventDefaults::kEmpty,
+      .units = oxEventDefaults::kEmpty,
+      .details_json = oxEventDefaults::kDetailsJson,
+  };
   return OXEVENT_OK;
 }

@@ -19,9 +19,10 @@ constexpr std::string_view Event::*kStrings[] = {
 // Copies the text to `to`, with a NUL, and makes it refer to the copy. Returns the end of the copy.
 [[gnu::always_inline]] inline char* MoveText(std::string_view* text, char* to) {
   if (oxEventDefaults::Contains(text->data())) return to;
-  char* const end = oxEventWriteText({text->data(), text->size() + 1}, to);
+  char* const end = oxEventWriteText(*text, to);
+  *end = '\0';
   *text = std::string_view(to, text->size());
-  return end;
+  return end + 1;
 }
 
 }  // namespace
