@@ -2,9 +2,6 @@
 #include <cxxabi.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstring>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,9 +49,7 @@ uint32_t GetDword(const oxCFGStore& store, const char* key, const char* name, ui
 }
 
 uint32_t SetDword(oxCFGStore* store, const char* key, const char* name, uint32_t value) {
-  char digits[std::numeric_limits<uint32_t>::digits10 + 1];
-  char* const end = std::to_chars(std::begin(digits), std::end(digits), value).ptr;
-  return Result(store->Set(key, name, std::string(digits, end)));
+  return Result(store->Set(key, name, std::to_string(value)));
 }
 
 uint32_t GetString(const oxCFGStore& store, const char* key, const char* name, char* buffer, uint32_t* length) {
@@ -84,9 +79,7 @@ void* oxCFGOpen(const char* path, uint32_t flags) {
 }
 
 uint32_t oxCFGKeyExists(void* store, const char* key) {
-  if (AnyNull(store, key)) return 0;
-  return CatchExceptions(
-      store, [&]() -> uint32_t { return Store(store).KeyExists(key) ? 1 : 0; }, 0);
+  return !AnyNull(store, key) && Store(store).KeyExists(key) ? 1 : 0;
 }
 
 uint32_t oxCFGAddKeyString(void* store, const char* parent, const char* name, const char* /*value*/,

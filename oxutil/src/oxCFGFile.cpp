@@ -32,7 +32,7 @@ bool oxCFGFile::Read(const char* path, std::string* bytes) {
   // Checks the type before the open too, because opening a device can have side effects.
   if (resolved == nullptr || stat(resolved.get(), &status_) != 0 || !IsAcceptable(status_)) return false;
   const oxCFGDescriptor file(open(resolved.get(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (file.Get() < 0 || fstat(file.Get(), &status_) != 0 || !IsAcceptable(status_)) return false;
+  if (fstat(file.Get(), &status_) != 0 || !IsAcceptable(status_)) return false;
   const std::string_view absolute = resolved.get();
   const size_t name_at = absolute.rfind('/') + 1;
   directory_ = absolute.substr(0, name_at);

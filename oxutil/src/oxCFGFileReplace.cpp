@@ -7,13 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <iterator>
+#include <optional>
 #include <utility>
 
 #include "oxCFGDescriptor.h"
@@ -26,6 +25,21 @@ bool SyncDescriptor(const oxCFGDescriptor& descriptor) {
 }
 
 constexpr char kAclAttribute[] = "system.posix_acl_access";
+
+// Returns the bytes that call(buffer, capacity) writes, or nullopt if it fails, with the reason in errno.
+template <class Call>
+std::optional<std::string> ReadUpTo(size_t capacity, Call call) {
+  std::string bytes(capacity, '\0');
+  const ssize_t size = call(bytes.data(), bytes.size());
+  if (size < 0) return std::nullopt;
+  bytes.resize(static_cast<size_t>(size));
+  return bytes;
+}
+
+std::optional<std::string> ReadAttribute(const std::string& path, const char* name) {
+  return ReadUpTo(XATTR_SIZE_MAX,
+                  [&](char* buffer, size_t capacity) { return lgetxattr(path.c_str(), name, buffer, capacity); });
+}
 
 // Blocks SIGXFSZ, which a write beyond the process's file-size limit raises and whose default action ends the host. The
 // destructor discards a SIGXFSZ that was raised meanwhile. A signal that was pending before belongs to the host and
@@ -41,8 +55,7 @@ class SigxfszGuard {
   }
   ~SigxfszGuard() {
     const timespec no_wait = {};
-    while (sigtimedwait(&blocked_, nullptr, &no_wait) < 0 && errno == EINTR) {
-    }
+    sigtimedwait(&blocked_, nullptr, &no_wait);
     pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
   }
   SigxfszGuard(const SigxfszGuard&) = delete;
@@ -84,10 +97,9 @@ class NewFile {
 bool NewFile::Create(const std::string& target) {
   uint64_t random = 0;
   if (getrandom(&random, sizeof(random), 0) != static_cast<ssize_t>(sizeof(random))) return false;
-  char digits[16];
-  char* const end = std::to_chars(std::begin(digits), std::end(digits), random, 16).ptr;
-  // Truncates the target's name so that it fits into NAME_MAX bytes together with the dots and digits.
-  std::string name = "." + target.substr(0, NAME_MAX - 2 - sizeof(digits)) + "." + std::string(digits, end);
+  const std::string suffix = "." + std::to_string(random);
+  // Truncates the target's name so that the new name has at most NAME_MAX bytes.
+  std::string name = "." + target.substr(0, NAME_MAX - 1 - suffix.size()) + suffix;
   // Nobody can read the file until it has the target's owner and mode.
   file_.Set(openat(directory_, name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, S_IWUSR));
   if (file_.Get() < 0) return false;
@@ -114,9 +126,8 @@ bool NewFile::CopyAccess(const std::string& target_path, const struct stat& stat
 }
 
 bool NewFile::CopyAcl(const std::string& target_path) {
-  std::string acl(XATTR_SIZE_MAX, '\0');
-  const ssize_t size = lgetxattr(target_path.c_str(), kAclAttribute, acl.data(), acl.size());
-  if (size >= 0) return fsetxattr(file_.Get(), kAclAttribute, acl.data(), static_cast<size_t>(size), 0) == 0;
+  const auto acl = ReadAttribute(target_path, kAclAttribute);
+  if (acl) return fsetxattr(file_.Get(), kAclAttribute, acl->data(), acl->size(), 0) == 0;
   if (errno != ENODATA && errno != ENOTSUP) return false;
   // The directory's default access control list may have given the new file entries that the target lacks.
   return fremovexattr(file_.Get(), kAclAttribute) == 0 || errno == ENODATA || errno == ENOTSUP;
@@ -124,12 +135,11 @@ bool NewFile::CopyAcl(const std::string& target_path) {
 
 // Copies all other attributes that the process can see: the kernel hides trusted.* from unprivileged processes.
 bool NewFile::CopyAttributes(const std::string& target_path) {
-  std::string names(XATTR_LIST_MAX, '\0');
-  const ssize_t size = llistxattr(target_path.c_str(), names.data(), names.size());
-  if (size < 0) return errno == ENOTSUP;
-  names.resize(static_cast<size_t>(size));
-  for (size_t at = 0; at < names.size(); at += std::strlen(names.c_str() + at) + 1) {
-    const char* const name = names.c_str() + at;
+  const auto names = ReadUpTo(
+      XATTR_LIST_MAX, [&](char* buffer, size_t capacity) { return llistxattr(target_path.c_str(), buffer, capacity); });
+  if (!names) return errno == ENOTSUP;
+  for (size_t at = 0; at < names->size(); at += std::strlen(names->c_str() + at) + 1) {
+    const char* const name = names->c_str() + at;
     if (name != std::string_view(kAclAttribute) && !CopyAttribute(target_path, name)) return false;
   }
   return true;
@@ -140,15 +150,13 @@ bool NewFile::CopyAttribute(const std::string& target_path, const char* name) {
   for (const char* const bound_to_bytes : {"security.ima", "security.evm"}) {
     if (name == std::string_view(bound_to_bytes)) return false;
   }
-  std::string value(XATTR_SIZE_MAX, '\0');
-  const ssize_t size = lgetxattr(target_path.c_str(), name, value.data(), value.size());
-  if (size < 0) return false;
-  value.resize(static_cast<size_t>(size));
+  const auto value = ReadAttribute(target_path, name);
+  if (!value) return false;
   // Setting a security label can require a privilege, so an attribute that already has this value is not set.
-  std::string current(XATTR_SIZE_MAX, '\0');
-  const ssize_t current_size = fgetxattr(file_.Get(), name, current.data(), current.size());
-  if (current_size >= 0 && current.compare(0, static_cast<size_t>(current_size), value) == 0) return true;
-  return fsetxattr(file_.Get(), name, value.data(), value.size(), 0) == 0;
+  const auto current = ReadUpTo(
+      XATTR_SIZE_MAX, [&](char* buffer, size_t capacity) { return fgetxattr(file_.Get(), name, buffer, capacity); });
+  if (current == value) return true;
+  return fsetxattr(file_.Get(), name, value->data(), value->size(), 0) == 0;
 }
 
 bool NewFile::Rename(const std::string& target) {
@@ -168,9 +176,8 @@ bool IsUnchanged(const struct stat& a, const struct stat& b) {
 
 bool oxCFGFile::Replace(std::string_view bytes) {
   if (bytes.size() > kMaxBytes) return false;  // Read would refuse it.
-  const oxCFGDescriptor directory(open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory.Get() < 0) return false;
-  // A rename would bypass the write protection of the file.
+  const oxCFGDescriptor directory(open(directory_.c_str(), O_RDONLY | O_CLOEXEC));
+  // A rename would bypass the write protection of the file. This also fails if the directory could not be opened.
   if (faccessat(directory.Get(), name_.c_str(), W_OK, AT_EACCESS) != 0) return false;
 
   const SigxfszGuard sigxfsz_guard;

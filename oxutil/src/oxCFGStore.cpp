@@ -178,7 +178,6 @@ bool oxCFGStore::Save() {
   std::string bytes = Serialize();
   if (bytes != saved_ && !file_.Replace(bytes)) return false;
   saved_ = std::move(bytes);
-  dirty_ = false;
   return true;
 }
 

@@ -133,6 +133,6 @@ class oxCFGStore {
   std::map<IndexKey, IndexedNode> index_;
   std::map<const void*, std::string> decoded_names_;  // By node; only for names that contain a reference.
   oxCFGParseError parse_error_;
-  bool dirty_ = false;
+  bool dirty_ = false;  // A call has changed the document.
   bool save_disabled_ = false;
 };

@@ -64,7 +64,7 @@ size_t oxCFGEncodeUTF8(uint32_t code_point, char (&bytes)[4]) {
 size_t oxCFGFindBadReference(std::string_view raw) {
   for (size_t at = raw.find('&'); at != raw.npos; at = raw.find('&', at + 1)) {
     const oxCFGReference reference = oxCFGReferenceAt(raw.substr(at));
-    if (reference.size > 0 && !IsCharacter(reference.code_point)) return at;
+    if (reference.size != 0 && !IsCharacter(reference.code_point)) return at;
   }
   return raw.npos;
 }

@@ -32,7 +32,7 @@ template <typename Callback>
 void oxCFGDecode(std::string_view raw, Callback callback) {
   while (!raw.empty()) {
     const size_t plain = std::min(raw.find('&'), raw.size());
-    if (plain > 0) callback(raw.substr(0, plain));
+    callback(raw.substr(0, plain));
     raw.remove_prefix(plain);
     if (raw.empty()) return;
     const oxCFGReference reference = oxCFGReferenceAt(raw);

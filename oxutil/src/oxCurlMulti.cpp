@@ -28,22 +28,15 @@ struct DescriptorPair {
   int write_end;
 };
 
-// Returns whether the queue that `request` measures contains the wakeups or, if `woken` is false, is empty.
-bool MatchesQueue(int fd, unsigned long request, bool woken) {
-  int bytes = 0;
-  if (ioctl(fd, request, &bytes) != 0) return false;
-  return request == FIONREAD ? bytes == (woken ? kWakeups : 0) : (bytes > 0) == woken;
-}
-
 // Returns whether the pair belongs to the multi handle: each curl_multi_wakeup writes one byte to one end of the
 // handle's pair, and the byte stays unread at the other end.
 bool IsWakeupPair(const DescriptorPair& pair, CURLM* multi) {
-  const auto both_match = [&](bool woken) {
-    return MatchesQueue(pair.read_end, FIONREAD, woken) && MatchesQueue(pair.write_end, SIOCOUTQ, woken);
-  };
-  if (!both_match(false)) return false;
   for (int i = 0; i < kWakeups; ++i) curl_multi_wakeup(multi);
-  return both_match(true);
+  int unread = 0;
+  int unsent = 0;
+  ioctl(pair.read_end, FIONREAD, &unread);  // If a call fails, its number stays 0.
+  ioctl(pair.write_end, SIOCOUTQ, &unsent);
+  return unread == kWakeups && unsent > 0;
 }
 
 // Newer versions of libcurl wake up through an eventfd, which is close-on-exec and, unlike sockets, files and pipes,

@@ -31,7 +31,7 @@ struct Pool {
   bool started = false;
   bool tls_ended = false;
   int tls_requests = 0;            // Requests in progress over https.
-  Clock::time_point tls_deadline;  // The latest of their deadlines.
+  Clock::time_point tls_deadline;  // The latest deadline so far.
   std::condition_variable tls_done;
   std::vector<std::unique_ptr<oxHTTPClient>> idle;  // The client that has been idle longest comes first.
 };
@@ -134,7 +134,6 @@ void Release(const oxHTTPRequest& request, std::unique_ptr<oxHTTPClient> client)
   }
   if (!request.https) return;
   --g_pool.tls_requests;
-  if (g_pool.tls_requests == 0) g_pool.tls_deadline = {};
   g_pool.tls_done.notify_all();
 }
 

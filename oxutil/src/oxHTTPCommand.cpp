@@ -1,7 +1,6 @@
 // The function of the HTTP module: builds the request from the arguments, and the results from the response.
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -61,10 +60,9 @@ class HeaderParser {
     while (!block.empty()) {
       if (!ParseLine(Trim(NextLine(&block)))) return std::nullopt;
     }
-    // A line without a value keeps libcurl from sending a header of this name by default.
-    for (const char* name : {"Accept", "Content-Type", "Expect"}) {
-      if (!Has(name)) Append(std::string(name) + ":");
-    }
+    // A line without a value keeps libcurl from sending a header of this name by default. A line of this name in the
+    // block is sent nevertheless.
+    for (const char* line : {"Accept:", "Content-Type:", "Expect:"}) Append(line);
     return std::move(header_);
   }
 
@@ -104,14 +102,6 @@ class HeaderParser {
   static bool IsFramingHeader(std::string_view name) {
     const auto is = [name](std::string_view other) { return EqualsIgnoringCase(name, other); };
     return is("Content-Length") || is("Transfer-Encoding") || is("Expect");
-  }
-
-  bool Has(std::string_view name) const {
-    for (const curl_slist* line = header_.lines.get(); line != nullptr; line = line->next) {
-      const std::string_view text = line->data;
-      if (EqualsIgnoringCase(text.substr(0, text.find_first_of(":;")), name)) return true;
-    }
-    return false;
   }
 
   void Append(const std::string& line) {
@@ -155,12 +145,6 @@ bool Perform(const oxHTTPRequest& request, oxHTTPResponse* response) {
   return lease.succeeded;
 }
 
-char* Duplicate(const std::string& text) {
-  auto* copy = static_cast<char*>(malloc(text.size() + 1));
-  if (copy != nullptr) memcpy(copy, text.c_str(), text.size() + 1);
-  return copy;
-}
-
 bool Execute(const char* url, const char* method, std::string_view header_block, std::string_view body, char** response,
              int32_t* status, uint32_t timeout_ms) {
   if (header_block.find_first_of("\r\n") != header_block.npos) return false;
@@ -176,7 +160,7 @@ bool Execute(const char* url, const char* method, std::string_view header_block,
   oxHTTPResponse http_response;
   if (!Perform(request, &http_response)) return false;
   if (status != nullptr) *status = static_cast<int32_t>(http_response.status);
-  if (response != nullptr) *response = Duplicate(http_response.body);
+  if (response != nullptr) *response = strdup(http_response.body.c_str());
   return http_response.status >= 200 && http_response.status <= 299;
 }
 

@@ -31,7 +31,7 @@ void* OpenModule() {
   const std::string_view file = own_info.dli_fname == nullptr ? "" : own_info.dli_fname;
   const size_t directory_size = file.rfind('/') + 1;  // 0 if there is no slash.
   char path[PATH_MAX];
-  if (directory_size != 0 && directory_size + sizeof(OXUTIL_HTTP_MODULE) <= sizeof(path)) {
+  if (directory_size + sizeof(OXUTIL_HTTP_MODULE) <= sizeof(path)) {
     std::memcpy(path, file.data(), directory_size);
     std::memcpy(path + directory_size, OXUTIL_HTTP_MODULE, sizeof(OXUTIL_HTTP_MODULE));
     if (void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL)) return module;
