@@ -373,7 +373,15 @@ good.xml: no problems
         self.write("", "long.xml")
         self.write("<config", "open.xml")
         os.truncate("long.xml", (64 << 20) + 1)
+        self.write("<config>" + "<a/>" * 66000 + "</config>", "dense.xml")
+        self.write("\uFEFF\uFEFF<config/>", "marks.xml")
+        self.write("<config><!-- a---></config>", "dash.xml")
+        self.write('<config a="1&#0;"/>', "reference.xml")
         for path, position, reason in (
+                ("dense.xml", "1:1", "The file contains too much markup. "),
+                ("marks.xml", "1:4", "The file contains a second byte order mark. "),
+                ("dash.xml", "1:15", "The file contains a comment with -- inside. "),
+                ("reference.xml", "1:13", "The file contains a reference to a character that XML cannot hold. "),
                 ("0.xml", "4:2", "The file contains a comment with -- inside. Fix the file at this "),
                 ("open.xml", "1:7", "Error parsing start element tag. Fix "),
                 ("none", "1:1", "No such file or directory. Name a "),

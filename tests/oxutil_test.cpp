@@ -43,9 +43,13 @@ void SetAndSave(const Store& store, const string& key, const string& name, const
 }
 
 TEST(oxOS, ReadsTheClocksInTheirUnits) {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
-  EXPECT_LT(oxOSGetMs() - static_cast<uint32_t>(now), 600'000u);
-  EXPECT_NEAR(static_cast<double>(oxOSGetTimePTPNano()) / 1e9, static_cast<double>(time(nullptr)), 600);
+  using namespace std::chrono;
+  const auto ms = [] { return static_cast<uint32_t>(steady_clock::now().time_since_epoch() / milliseconds(1)); };
+  const auto ns = [] { return static_cast<uint64_t>(system_clock::now().time_since_epoch() / nanoseconds(1)); };
+  const uint32_t ms_before = ms(), ms_read = oxOSGetMs();
+  EXPECT_LE(ms_read - ms_before, ms() - ms_before);
+  const uint64_t ns_before = ns(), ns_read = oxOSGetTimePTPNano();
+  EXPECT_LE(ns_read - ns_before, ns() - ns_before);
 }
 
 struct oxCFG : testing::Test {
@@ -76,16 +80,55 @@ TEST_F(oxCFG, RefusesAFileThatIsNoStoreAndLeavesItAsItIs) {
   }
 }
 
-TEST_F(oxCFG, OpensOnlyRegularFilesOfUpTo64MiB) {
-  Write("<config/>" + string(64 << 20, ' '));
+TEST_F(oxCFG, RefusesNullPointersAndUnknownModes) {
+  const Store store = Open("<config/>");
+  char text[] = "1";
+  uint32_t number = 1;
+  EXPECT_EQ(oxCFGOpen(path_.c_str(), 1), nullptr);
+  EXPECT_NE(oxCFGValueDword(store.get(), "", "v", nullptr, 1), 0u);
+  EXPECT_NE(oxCFGValueDword(store.get(), "", "v", &number, 2), 0u);
+  EXPECT_NE(oxCFGValueString(store.get(), "", "v", nullptr, &number, 1), 0u);
+  EXPECT_NE(oxCFGValueString(store.get(), "", "v", text, &number, 2), 0u);
+  EXPECT_NE(oxOSMakeDir(nullptr, 0700), 0);
+}
+
+TEST_F(oxCFG, DistinguishesDirectoriesFromFiles) {
+  EXPECT_NE(oxOSFileIsDir(directory_.c_str()), 0);
+  EXPECT_EQ(oxOSFileIsDir((directory_ / "missing").c_str()), 0);
+  Write("");
+  EXPECT_EQ(oxOSFileIsDir(path_.c_str()), 0);
+}
+
+TEST_F(oxCFG, OpensOnlyRegularFiles) {
   ASSERT_EQ(mkfifo((directory_ / "fifo").c_str(), 0600), 0);
-  for (const char* name : {"store.xml", "fifo", "missing", ".", "/dev/zero"})
+  Write("<config/>");
+  const Faults faults([&](std::string_view call, long fd) {
+    EXPECT_TRUE(call != "read" || fcntl(static_cast<int>(fd), F_GETFD) == FD_CLOEXEC);
+    if (call == "open") fs::rename(directory_ / "fifo", path_);
+    return 0;
+  });
+  for (const char* name : {"fifo", "missing", ".", "/dev/zero"}) {
     EXPECT_EQ(oxCFGOpen((directory_ / name).c_str(), 0), nullptr) << name;
+    EXPECT_TRUE(fs::is_regular_file(path_)) << "Opening a device can have side effects: " << name;
+  }
+  EXPECT_EQ(Open(), nullptr) << "the open found a fifo";
+}
+
+TEST_F(oxCFG, OpensAndSavesUpTo64MiB) {
+  string text = "<?xml version=\"1.0\"?><config><value name=\"v\">1</value></config>";
+  text.append((64 << 20) - text.size(), ' ');
+  const Store store = Open(text);
+  ASSERT_NE(store, nullptr);
+  SetAndSave(store, "", "v", "2");
+  EXPECT_EQ(fs::file_size(path_), 64u << 20);
+  EXPECT_TRUE(Set(store, "", "v", "10"));
+  EXPECT_FALSE(Save(store));
+  EXPECT_EQ(Open(text + " "), nullptr);
 }
 
 TEST_F(oxCFG, RefusesAFileThatASaveCouldNotWriteBackUnchanged) {
   for (const char* text : {"<!-- a--b -->", "<!-- a --->", "\x01", "<a b='&#0;'/>", "&#x0000;", "&#31;", "&#xD800;",
-                           "&#xDFFF;", "&#xFFFE;", "&#xFFFF;", "&#x110000;", "&#4294967297;", "&amp;&#0;"})
+                           "&#xDFFF;", "&#xFFFE;", "&#xFFFF;", "&#x110000;", "&#4294967297;", "&&#0;"})
     EXPECT_EQ(Open("<config>"s + text + "</config>"), nullptr) << text;
 }
 
@@ -118,16 +161,38 @@ TEST_F(oxCFG, KeepsAnyStringInTheFile) {
     EXPECT_TRUE(Set(store, name, name, text));
     EXPECT_EQ(Get(store, name, name), text);
     EXPECT_TRUE(Save(store));
-    EXPECT_EQ(ReadFile(path_).find('\r'), string::npos);  // Another XML reader would take it for a line feed.
     EXPECT_EQ(Get(Open(), name, name), text);
   }
+}
+
+TEST_F(oxCFG, WritesTextSoThatAnyXmlReaderReadsTheSame) {
+  const Store store = Open("\n");
+  EXPECT_TRUE(AddKey(store, "<>&'\"\t\r\n"));
+  EXPECT_TRUE(Save(store));
+  SetAndSave(store, "", "v", "<>&'\"\t\r\n");
+  EXPECT_EQ(ReadFile(path_),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<config>\n"
+            "  <key name=\"&lt;&gt;&amp;'&quot;&#9;&#13;&#10;\"/>\n"
+            "  <value name=\"v\">&lt;&gt;&amp;'\"\t&#13;\n</value>\n</config>\n");
+}
+
+TEST_F(oxCFG, DoesNotWriteAFileWhoseContentIsTheSame) {
+  const string text = "<config><key name='a&lt;\"b\"c'><value name='v'>1</value></key></config>";
+  const Store store = Open(text);
+  SetAndSave(store, "a<\"b\"c", "v", "1");
+  EXPECT_EQ(ReadFile(path_), text);
+  SetAndSave(store, "a<\"b\"c", "v", "2");
+  EXPECT_EQ(Get(Open(), "a<\"b\"c", "v"), "2");
 }
 
 TEST_F(oxCFG, DecodesReferences) {
   const Store store = Open(
       "<config><key a='' name='a&lt;&quot;\"'><value name='v'>"
-      "&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#6x;&#/5;&#x;&#1</value></key></config>");
-  const string decoded = "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#6x;&#/5;&#x;&#1";
+      "&#65;&#x1F600;&#xe9;&#xfffd;&apos;&gt;&#;&#6x;&#/5;&#x;"
+      "&#x7F;&#x80;&#x7FF;&#x800;&#xD7FF;&#xE000;&#x10000;&#x10FFFF;&#1</value></key></config>");
+  const string decoded =
+      "A\xF0\x9F\x98\x80\xC3\xA9\xEF\xBF\xBD'>&#;&#6x;&#/5;&#x;"
+      "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xF0\x90\x80\x80\xF4\x8F\xBF\xBF&#1";
   EXPECT_EQ(Get(store, "a<\"\"", "v"), decoded);
   EXPECT_EQ(Get(store, "a<\"\"", "v", 4), "A\xF0\x9F");
   EXPECT_EQ(Get(store, "a<\"\"", "v", 0), std::nullopt);
@@ -154,10 +219,10 @@ TEST_F(oxCFG, IteratesOverEachNameOnceAndInOrder) {
       Open("<config><key name='a'/><value name='x'/><key name=''/><key name='a\\b'/><value name='" + longest + "n'/>" +
            "<value name='a'/><key name='a'/><value name='m'/><key name='m'/><other name='o'/><key name='" + longest +
            "'/></config>");
-  const auto next = [&](const string& previous) -> std::optional<Entry> {
+  const auto next = [&](const string& previous, const char* key = "") -> std::optional<Entry> {
     char name[512] = "";
     uint32_t kind = 2;
-    if (oxCFGGetNext(store.get(), "", name, previous.c_str(), &kind) == OXCFG_NO_MORE) return std::nullopt;
+    if (oxCFGGetNext(store.get(), key, name, previous.c_str(), &kind) == OXCFG_NO_MORE) return std::nullopt;
     return Entry(name, kind);
   };
   string previous;
@@ -167,6 +232,7 @@ TEST_F(oxCFG, IteratesOverEachNameOnceAndInOrder) {
     previous = expected.first;
   }
   EXPECT_EQ(next(previous), std::nullopt);
+  EXPECT_EQ(next("", "missing"), std::nullopt);
   EXPECT_EQ(next("x"), Entry("a", kValue));  // Continues after any name, not only the last one returned.
   EXPECT_EQ(next("m"), Entry(longest, kKey));
   EXPECT_EQ(next("a"), Entry("m", kValue));  // After the later of two elements with this name.
@@ -183,9 +249,11 @@ TEST_F(oxCFG, RefusesWhatAFileCannotHold) {
   EXPECT_FALSE(Set(store, "missing", "v", "1"));
   for (const string& name : {""s, "a\\b"s, "\x1F"s, longest + "n"}) EXPECT_FALSE(Set(store, "", name, "1")) << name;
   for (const string& text : {"a\0b"s, "\x01"s, "\x1F"s}) EXPECT_FALSE(Set(store, "", "v", text)) << text;
-  EXPECT_TRUE(Save(store));
-  EXPECT_TRUE(Set(store, "", "v", string(64 << 20, 'x')));
-  EXPECT_FALSE(Save(store)) << "the file would be larger than 64 MiB";
+  string nested;
+  for (int i = 0; i < 63; ++i) nested = "<key name='k'>" + nested + "</key>";
+  const Store deep = Open("<config>" + nested + "</config>");
+  EXPECT_TRUE(Set(deep, deepest, "v", "1"));
+  EXPECT_FALSE(Set(deep, deepest + "\\k", "v", "1"));
 }
 
 TEST_F(oxCFG, DoesNotSaveAfterMemoryRanOut) {
@@ -218,6 +286,8 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
   // Version 2 of Linux's access lists, with an entry for one more user.
   uint32_t list[] = {2, 0x60001, ~0u, 0x40002, user_ + 1, 0x40004, ~0u, 0x40010, ~0u, 0x20, ~0u};
   std::transform(std::begin(list), std::end(list), list, [](uint32_t word) { return htole32(word); });
+  Write("<config/>");
+  EXPECT_TRUE(saves("fremovexattr", ENODATA));
   ASSERT_EQ(setxattr(directory_.c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
   Write("<config/>");
   ASSERT_EQ(removexattr(path_.c_str(), kAcl), 0);
@@ -231,6 +301,8 @@ TEST_F(oxCFG, KeepsExtendedAttributesOrFailsTheSave) {
   EXPECT_EQ(attribute("user.a"), "old");
   EXPECT_EQ(attribute(kAcl), string(reinterpret_cast<const char*>(list), sizeof list));
   EXPECT_TRUE(saves("xattr", ENOTSUP));  // As on a file system without extended attributes.
+  const bool has_hash = setxattr(path_.c_str(), "security.ima", "", 0, 0) == 0;  // Only root may set it.
+  EXPECT_EQ(saves("none", 0), !has_hash);
 }
 
 TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndModeAndHidesTheNewFileMeanwhile) {
@@ -256,11 +328,39 @@ TEST_F(oxCFG, KeepsALinkAndItsTargetsOwnerAndModeAndHidesTheNewFileMeanwhile) {
   EXPECT_EQ(status.st_mode & 07777, 04755u);
 }
 
+TEST_F(oxCFG, SyncsTheNewFileBeforeTheRenameAndTheDirectoryAfterIt) {
+  for (const int directory_error : {0, EINVAL, ENOTSUP}) {  // Some file systems cannot sync directories.
+    const Store store = Open("<config/>");
+    string steps;
+    const Faults faults([&](std::string_view call, long fd) {
+      if (call != "fsync" && call != "renameat") return 0;
+      EXPECT_EQ(fcntl(static_cast<int>(fd), F_GETFD), FD_CLOEXEC);
+      steps.append(call) += ' ';
+      return steps == "fsync renameat fsync " ? directory_error : 0;
+    });
+    SetAndSave(store, "", "v", "1");
+    EXPECT_EQ(steps, "fsync renameat fsync ");
+  }
+}
+
+TEST_F(oxCFG, OpensAndSavesAlthoughSignalsInterruptEachCall) {
+  Write("<config/>");
+  string last;
+  const Faults faults([&](std::string_view call, long) {
+    if (call != "read" && call != "write" && call != "fsync" && call != "close") return 0;
+    if (std::exchange(last, call) != call) return EINTR;
+    return call == "write" ? -1 : 0;
+  });
+  SetAndSave(Open(), "", "v", "1");
+  EXPECT_EQ(Get(Open(), "", "v"), "1");
+}
+
 TEST_F(oxCFG, LeavesAFileThatChangedMeanwhile) {
   std::ofstream(directory_ / "other") << "<config/>";
-  const std::function<void()> changes[] = {[&] { Write(""); }, [&] { fs::last_write_time(path_, {}); },
-                                           [&] { fs::rename(directory_ / "other", path_); },
-                                           [&] { fs::rename(path_, directory_ / "gone"); }};
+  const fs::file_time_type::duration nanosecond(1);
+  const std::function<void()> changes[] = {
+      [&] { Write(""); }, [&] { fs::last_write_time(path_, fs::last_write_time(path_) + nanosecond); },
+      [&] { fs::rename(directory_ / "other", path_); }, [&] { fs::rename(path_, directory_ / "gone"); }};
   for (const auto& change : changes) {
     const Store store = Open("<config/>");
     change();
@@ -286,7 +386,7 @@ TEST_F(oxCFG, LeavesAFileThatIsWriteProtected) {  // Although a rename could rep
 }
 
 TEST_F(oxCFG, IsTheOldOrTheNewFileWhicheverSystemCallFails) {
-  enum : int { kSaved, kFailed, kSavedBeforeTheCall };
+  enum : int { kSaved, kFailed, kSavedBeforeTheCall, kWrong };
   const string old_text = "<config>" + string(1500, ' ') + "</config>\n";
   int n = 0;
   for (int result = kFailed; result != kSavedBeforeTheCall;) {
@@ -294,16 +394,23 @@ TEST_F(oxCFG, IsTheOldOrTheNewFileWhicheverSystemCallFails) {
     SCOPED_TRACE("A failure of call " + std::to_string(n));
     ASSERT_LT(n, 200);
     Write(old_text);
+    setxattr(path_.c_str(), "user.a", "1", 1, 0);
     result = InChild([&]() -> int {
+      const int input_flags = fcntl(0, F_GETFD);
       const Store store = Open();
       int calls = 0;
+      bool may_fail = true;
       const Faults faults([&](std::string_view call, long) {
-        if (++calls == n) return ENOSPC;
+        if (++calls == n) may_fail = call == "close" || call == "malloc";
+        if (calls == n) return ENOSPC;
         return call == "write" ? -1000 : 0;
       });
-      if (!Set(store, "", "v", "new") || !Save(store)) return kFailed;
+      const bool saved = Set(store, "", "v", "new") && Save(store);
+      if (fcntl(0, F_GETFD) != input_flags || (saved && !may_fail)) return kWrong;
+      if (!saved) return kFailed;
       return calls < n ? kSavedBeforeTheCall : kSaved;
     });
+    EXPECT_NE(result, kWrong) << "a failed call goes unnoticed, or the standard input is closed";
     const bool is_new = ReadFile(path_) != old_text;
     EXPECT_TRUE(is_new || result == kFailed) << "a save that succeeded has written nothing";
     EXPECT_EQ(Get(Open(), "", "v"), is_new ? std::optional("new"s) : std::nullopt);
