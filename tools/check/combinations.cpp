@@ -22,7 +22,7 @@ constexpr uint64_t kDrainMs = 5000;              // oxEventShutdown's timeout fo
 constexpr uint64_t kLongDeliveryMs = 60 * 1000;  // A warning above this: oxEventShutdown waits for the delivery.
 constexpr uint32_t kNoAttempt = 0xFFFFFFFF;      // The number of attempts, retry_count + 1, wraps to 0.
 
-constexpr uint64_t kCenturyMs = uint64_t{36525} * 24 * 3600 * 1000;
+constexpr uint64_t kCenturyMs = 3'155'760'000'000;
 
 std::string Seconds(uint64_t ms) {
   if (ms >= kCenturyMs) return "a century or more";
@@ -70,6 +70,11 @@ std::string CanonicalPath(const std::string& path) {
 
 std::string LowerHost(const std::string& host) { return oxEventAsciiLower(oxEventOrDefault(host, "127.0.0.1")); }
 
+uint32_t NativeFacility(const Sink& sink) {  // An unknown name means the default.
+  const auto code = oxEventFindWord(g_oxEventNativeFacilityWords, sink.native_facility);
+  return code ? *code : NativeFacility(Sink());
+}
+
 Destination DestinationOf(const Sink& sink) {
   switch (sink.type) {
     case Type::kCsv:
@@ -78,8 +83,7 @@ Destination DestinationOf(const Sink& sink) {
     case Type::kSyslogUdp:
       return {"syslog " + LowerHost(sink.host) + ":" + std::to_string(sink.port == 0 ? 514 : sink.port), "host"};
     case Type::kNative:
-      return {"log " + std::to_string(oxEventFindWord(g_oxEventNativeFacilityWords, sink.native_facility).value_or(20)),
-              "facility"};
+      return {"log " + std::to_string(NativeFacility(sink)), "facility"};
     case Type::kCloudEventsHttp:
     case Type::kWebhookHttp:
       if (!UrlFault(sink.endpoint_url).empty()) return {};
@@ -121,13 +125,13 @@ class CombinationChecker {
   }
 
   void CheckCore() {
-    if (!file_.config.enabled && IsValid(*core_, "enabled")) {
+    if (!file_.config.enabled) {
       Add(Severity::kWarning, "all-off", *core_, "enabled", "the library is off: every event is dropped",
           "Set it to 1.");
     }
     bool any = false;
     ForEachEnabled([&](const Group&, const Sink& sink) { any = any || sink.type != Type::kAlertmanager; });
-    if (!any && !file_.config.sinks.empty()) WarnAboutNoSink();
+    if (!any) WarnAboutNoSink();
     const oxEventConfig& config = file_.config;
     if (config.minimum_severity == OXEVENT_SEVERITY_ERROR && config.state_enabled && config.dedupe_enabled) {
       const uint32_t interval_s = config.default_repeat_interval_sec;
@@ -143,7 +147,7 @@ class CombinationChecker {
   // Reports the problem at the `enabled` of a native sink: only these sinks are enabled by default.
   void WarnAboutNoSink() {
     for (const Group& group : file_.groups) {
-      if (group.sink == nullptr || group.sink->type != Type::kNative || !IsValid(group, "enabled")) continue;
+      if (group.sink == nullptr || group.sink->type != Type::kNative) continue;
       Add(Severity::kWarning, "no-sink", group, "enabled",
           "no sink that delivers events is enabled: only callbacks that the host registers receive the events",
           "Set enabled of a sink to 1.");

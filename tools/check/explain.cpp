@@ -72,13 +72,9 @@ std::vector<Topic> FilterTopics(Matches matches) {
 std::vector<Topic> FindTopics(const Names& key) {
   auto topics = FilterTopics([&](const Topic& t) { return t.setting != nullptr && t.Path(false) == key; });
   if (topics.empty()) topics = FilterTopics([&](const Topic& t) { return t.IsBelow(key); });
-  if (topics.empty() && key.size() == 1) {
-    topics = FilterTopics([&](const Topic& t) { return t.setting != nullptr && t.setting->name == key[0]; });
-  }
-  if (topics.empty() && key.size() == 1) {
-    topics = FilterTopics([&](const Topic& t) { return t.HasKey(key[0]); });
-  }
-  return topics;
+  if (!topics.empty() || key.size() != 1) return topics;
+  topics = FilterTopics([&](const Topic& t) { return t.setting != nullptr && t.setting->name == key[0]; });
+  return topics.empty() ? FilterTopics([&](const Topic& t) { return t.HasKey(key[0]); }) : topics;
 }
 
 oxEventWords AcceptedWords(const oxEventSetting& setting) {

@@ -63,7 +63,7 @@ Position Group::PositionOf(std::string_view name) const {
 bool SettingsFile::Read(std::vector<Finding>* findings) {
   g_replacement = &completed;
   oxEventConfigLoad(path.c_str(), &config, &start_error);
-  const bool open = store.Open(path.c_str());
+  store.Open(path.c_str());
   if (completed.empty()) completed = store.Bytes();
   line_offsets = {0};
   for (size_t i = 0; i < store.Bytes().size(); ++i) {
@@ -73,7 +73,7 @@ bool SettingsFile::Read(std::vector<Finding>* findings) {
   std::vector<oxEventBadValue> invalid;
   oxEventConfigLoadReportingAll(path.c_str(), &config, &invalid, &error);
   for (const oxEventBadValue& value : invalid) bad_values.emplace(value.key + "\\" + value.name, value.text);
-  if (open && error.empty()) return true;
+  if (error.empty()) return true;
   const oxCFGParseError& why = store.ParseError();
   const std::string remedy = why.reason == nullptr
                                  ? WhyUnreadable(path) + ". Name a readable file of at most 64 MiB; it may be empty."

@@ -98,7 +98,8 @@ class SinkChecker {
     }
     std::string remedy(requirement.remedy != nullptr ? requirement.remedy : RemedyFor(error));
     if (const std::string suggestion = words.empty() ? "" : Suggestion(value->text, words); !suggestion.empty()) {
-      remedy.replace(remedy.size() - 1, 1, suggestion);  // Replaces the full stop.
+      remedy.pop_back();  // The full stop.
+      remedy += suggestion;
     }
     if (sink.enabled) {
       if (file_.start_error.empty()) file_.start_error = error;

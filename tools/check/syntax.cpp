@@ -14,12 +14,12 @@ namespace {
 constexpr std::string_view kUnreserved = "-._~";
 constexpr std::string_view kDelimiters = ":/?#@!$&'()*+,;=";  // RFC 3986, section 2.2, except the brackets.
 
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
 bool IsHexDigit(char c) {
   const char lower = oxEventAsciiLower(c);
-  return (c >= '0' && c <= '9') || (lower >= 'a' && lower <= 'f');
+  return IsDigit(c) || (lower >= 'a' && lower <= 'f');
 }
-
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool IsScheme(std::string_view text) {
   const auto allowed = [](char c) { return oxEventAsciiIsAlnum(c) || c == '+' || c == '-' || c == '.'; };
@@ -31,9 +31,9 @@ using Url = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
 
 Url NewUrl() { return {curl_url(), curl_url_cleanup}; }
 
-std::string PartOf(const Url& url, CURLUPart part, unsigned flags = 0) {
+std::string PartOf(const Url& url, CURLUPart part) {
   char* text = nullptr;
-  if (curl_url_get(url.get(), part, &text, flags) != CURLUE_OK) return "";
+  if (curl_url_get(url.get(), part, &text, CURLU_DEFAULT_PORT) != CURLUE_OK) return "";
   std::string copy = text;
   curl_free(text);
   return copy;
@@ -70,24 +70,20 @@ UrlParts ParseUrl(const std::string& url) {
   const Url parsed = NewUrl();
   curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0);
   const std::string host = oxEventAsciiLower(PartOf(parsed, CURLUPART_HOST));
-  UrlParts parts;
-  parts.https = oxEventAsciiLower(PartOf(parsed, CURLUPART_SCHEME)) == "https";
-  parts.loopback = IsLoopback(host);
-  parts.has_password = !PartOf(parsed, CURLUPART_PASSWORD).empty();
+  const std::string scheme = oxEventAsciiLower(PartOf(parsed, CURLUPART_SCHEME));
   const std::string path = PartOf(parsed, CURLUPART_PATH);
-  parts.is_alertmanager = path.ends_with("/api/v2/alerts") || path.ends_with("/api/v1/alerts");
-  parts.normalized = (parts.https ? "https://" : "http://") + host + ":" +
-                     PartOf(parsed, CURLUPART_PORT, CURLU_DEFAULT_PORT) + path + "?" + PartOf(parsed, CURLUPART_QUERY);
-  return parts;
+  return {scheme == "https", IsLoopback(host), !PartOf(parsed, CURLUPART_PASSWORD).empty(),
+          path.ends_with("/api/v2/alerts") || path.ends_with("/api/v1/alerts"),
+          scheme + "://" + host + ":" + PartOf(parsed, CURLUPART_PORT) + path + "?" + PartOf(parsed, CURLUPART_QUERY)};
 }
 
 // Checks the characters and their positions (RFC 3986, appendix A), not the whole grammar.
-std::string UriReferenceFault(std::string_view text) {
+std::string UriReferenceFault(const std::string& text) {
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
     if (c == '%') {
-      if (i + 2 >= text.size() || !IsHexDigit(text[i + 1]) || !IsHexDigit(text[i + 2]))
-        return "% without two hex digits";
+      // A string ends with a NUL, which is not a hex digit.
+      if (!IsHexDigit(text[i + 1]) || !IsHexDigit(text[i + 2])) return "% without two hex digits";
     } else if (c == '[' || c == ']') {
       const size_t authority = text.find("//");
       if (authority == text.npos || text.find_first_of("/?#", authority + 2) < i) return "brackets outside the host";

@@ -20,8 +20,16 @@ std::optional<uint32_t> ParseNumber32(std::string_view text) {
 }
 
 bool IsNumber(Form form) {
-  return form == Form::kCapacity || form == Form::kNumber || form == Form::kSeconds || form == Form::kMilliseconds ||
-         form == Form::kPort;
+  switch (form) {
+    case Form::kCapacity:
+    case Form::kNumber:
+    case Form::kSeconds:
+    case Form::kMilliseconds:
+    case Form::kPort:
+      return true;
+    default:
+      return false;
+  }
 }
 
 std::string List(oxEventWords words) {

@@ -55,7 +55,8 @@ UsageError MakeOptionError(const Tool& tool, const char* word, int option, bool 
   std::vector<std::string> names;
   for (const Option& known : tool.options) names.push_back(std::string("--") + known.name);
   const auto begins_with_name = [&name](const std::string& known) { return known.starts_with(name); };
-  if (std::count_if(names.begin(), names.end(), begins_with_name) > 1) return UsageError(name + ": ambiguous option");
+  // getopt_long accepts the beginning of a name unless it is ambiguous.
+  if (std::any_of(names.begin(), names.end(), begins_with_name)) return UsageError(name + ": ambiguous option");
   return UsageError(name + ": no such option" + DidYouMean(name, names));
 }
 
@@ -67,8 +68,9 @@ std::vector<const char*> ParseOptions(const Tool& tool, int argc, char** argv) {
                      kFirstLongOption + static_cast<int>(known.size())});
   }
   known.push_back({});
-  opterr = 0;
-  for (int found = 0; (found = getopt_long(argc, argv, ":", known.data(), nullptr)) != -1;) {
+  while (true) {
+    const int found = getopt_long(argc, argv, ":", known.data(), nullptr);  // The colon suppresses its own messages.
+    if (found == -1) return {argv + optind, argv + argc};
     if (found == '?' || found == ':') throw MakeOptionError(tool, argv[optind - 1], optopt, found == ':');
     const Option& option = tool.options[static_cast<size_t>(found - kFirstLongOption)];
     try {
@@ -77,7 +79,6 @@ std::vector<const char*> ParseOptions(const Tool& tool, int argc, char** argv) {
       throw UsageError(std::string("--") + option.name + ": " + error.what());
     }
   }
-  return {argv + optind, argv + argc};
 }
 
 // Opens /dev/null for each closed standard descriptor: otherwise the next file that is opened, such as a sink's, would
@@ -129,7 +130,7 @@ void PrintError(std::string_view message) {
 }
 
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names) {
-  constexpr size_t kMaxBytes = 64;  // Longer than every name; bounds the time.
+  constexpr size_t kMaxBytes = 128;  // Longer than every word that resembles a name; bounds the time.
   if (word.size() > kMaxBytes) return "";
   const auto is_nearer = [word](const std::string& a, const std::string& b) {
     return EditDistance(word, a) < EditDistance(word, b);

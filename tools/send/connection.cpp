@@ -4,6 +4,8 @@
 
 #include <memory>
 
+#include "base/oxEventOrDefault.h"
+
 std::string ConnectionFault(const std::string& url, bool verify_certificate) {
   constexpr long kTimeoutMs = 5000;
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> easy(curl_easy_init(), curl_easy_cleanup);
@@ -19,5 +21,5 @@ std::string ConnectionFault(const std::string& url, bool verify_certificate) {
   curl_easy_setopt(easy.get(), CURLOPT_CONNECT_ONLY, 1L);
   const CURLcode result = curl_easy_perform(easy.get());
   if (result == CURLE_OK) return "";
-  return error[0] != '\0' ? error : curl_easy_strerror(result);
+  return oxEventOrDefault(error, curl_easy_strerror(result));
 }

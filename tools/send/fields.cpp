@@ -40,7 +40,7 @@ constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kSecondsPerDay = 86'400;
 constexpr int64_t kSecondsEnd = 18'446'744'073;  // From here on, nanoseconds may overflow 64 bits.
 
-// Parses a string from the front. A mismatch clears `good`.
+// Parses a string from the front. A mismatch clears `good`; what is taken then has no meaning.
 struct Cursor {
   std::string_view rest;
   bool good = true;
@@ -55,7 +55,7 @@ struct Cursor {
   int TakeNumber(size_t digits) {
     int number = 0;
     for (size_t i = 0; i < digits; ++i) number = number * 10 + (TakeOneOf("0123456789") - '0');
-    return good ? number : 0;
+    return number;
   }
   std::chrono::minutes TakeHoursAndMinutes() {
     const int hours = TakeNumber(2);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <span>
 #include <system_error>
 
 namespace {
@@ -17,13 +18,13 @@ volatile sig_atomic_t g_stop = 0;
 
 // Like ppoll, but returns immediately if a stop signal has been received. Blocks the stop signals, except during ppoll,
 // so that none arrives between the check and the wait.
-void Wait(pollfd* fd, const timespec* time) {
+void Wait(std::span<pollfd> fds, const timespec* time) {
   sigset_t stops;
   sigset_t old;
   sigemptyset(&stops);
   for (const int signal : kStopSignals) sigaddset(&stops, signal);
   pthread_sigmask(SIG_BLOCK, &stops, &old);
-  if (g_stop == 0) ppoll(fd, fd == nullptr ? 0 : 1, time, &old);
+  if (g_stop == 0) ppoll(fds.data(), fds.size(), time, &old);
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
@@ -48,7 +49,7 @@ void SleepUntil(Clock::time_point time) {
     if (left.count() <= 0) return;
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timespec timeout = {seconds.count(), (left - seconds).count()};
-    Wait(nullptr, &timeout);
+    Wait({}, &timeout);
   }
 }
 
@@ -76,11 +77,11 @@ bool LineReader::Next(std::string* line) {
 
 // Appends the available input to the buffer. Returns false at the end of the input and after a stop signal.
 bool LineReader::Fill() {
-  constexpr size_t kBlockBytes = 64 * 1024;
+  constexpr size_t kBlockBytes = 65536;
   const size_t size = buffer_.size();
-  while (!at_end_ && g_stop == 0) {
-    pollfd input = {STDIN_FILENO, POLLIN, 0};
-    Wait(&input, nullptr);
+  while (!at_end_) {
+    pollfd input[] = {{STDIN_FILENO, POLLIN, {}}};
+    Wait(input, nullptr);
     if (g_stop != 0) break;
     buffer_.resize(size + kBlockBytes);
     const ssize_t got = read(STDIN_FILENO, buffer_.data() + size, kBlockBytes);

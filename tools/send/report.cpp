@@ -110,8 +110,7 @@ class ReportPrinter {
 
   // Returns what the sink's error text leaves out, or an empty string.
   static std::string FailureReason(const oxEventSinkConfig& sink, const oxEventSinkStatus& status) {
-    const bool is_http = sink.type == oxEventSinkType::kWebhookHttp || sink.type == oxEventSinkType::kCloudEventsHttp;
-    if (!is_http || !status.detail.empty()) return status.detail;
+    if (!status.detail.empty() || sink.endpoint_url.empty()) return status.detail;  // Only HTTP sinks have an endpoint.
     const std::string fault = ConnectionFault(sink.endpoint_url, sink.tls_verify);
     return fault.empty() ? "no response, although the endpoint accepts connections" : fault;
   }

@@ -147,7 +147,7 @@ class Sender {
       done = counters.emitted + counters.dropped;
       if (options_.wait_s != 0 && Clock::now() - since >= std::chrono::seconds(options_.wait_s)) {
         result_->gave_up = true;
-        result_->flushed = oxEventSinkFlush(kSliceMs) == OXEVENT_OK;
+        oxEventSinkFlush(kSliceMs);
         break;
       }
     }
@@ -185,9 +185,8 @@ bool Start(const Options& options, SendResult* result, oxEventConfig* config) {
 // The library takes any action, so a misspelt one is not an error.
 void NoteUnknownAction(const Options& options) {
   const std::string action = options.record.action == nullptr ? "" : options.record.action;
-  const std::string lower = oxEventAsciiLower(action);
-  if (options.quiet || lower.empty() || lower == "raise" || lower == "update" || lower == "repeat" || lower == "clear")
-    return;
+  constexpr std::string_view kKnown[] = {"", "raise", "update", "repeat", "clear"};
+  if (options.quiet || std::ranges::find(kKnown, oxEventAsciiLower(action)) != std::end(kKnown)) return;
   PrintError("note: action " + Printable(action) +
              " is none of raise, update, repeat, clear: the event is passed on unchanged");
 }
