@@ -1,7 +1,7 @@
 #include "config/oxEventConfigStore.h"
 
-#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "base/oxEventCopyString.h"
 #include "base/oxEventErrorText.h"
@@ -30,22 +30,15 @@ bool oxEventConfigStore::Open(const char* path) {
 void oxEventConfigStore::Save() { oxCFGSave(store_, 0, 1); }
 
 void oxEventConfigStore::EnsureKey(const std::string& path) {
-  if (path.empty() || oxCFGKeyExists(store_, path.c_str()) != 0) return;
-  std::string parent;
-  for (size_t begin = 0, end; begin <= path.size(); begin = end + 1) {
-    end = std::min(path.find('\\', begin), path.size());
-    const std::string name = path.substr(begin, end - begin);
-    if (name.empty()) continue;
-    const std::string key = parent.empty() ? name : parent + "\\" + name;
-    if (oxCFGKeyExists(store_, key.c_str()) == 0) {
-      if (parent.empty()) {
-        oxCFGAddKeyString(store_, name.c_str(), "", "", 0, 0);
-      } else {
-        oxCFGAddKeyString(store_, parent.c_str(), name.c_str(), "", 0, 0);
-      }
-    }
-    parent = key;
+  if (oxCFGKeyExists(store_, path.c_str()) != 0) return;
+  const size_t separator = path.rfind('\\');
+  if (separator == path.npos) {
+    oxCFGAddKeyString(store_, path.c_str(), "", "", 0, 0);
+    return;
   }
+  const std::string parent = path.substr(0, separator);
+  EnsureKey(parent);
+  oxCFGAddKeyString(store_, parent.c_str(), path.substr(separator + 1).c_str(), "", 0, 0);
 }
 
 std::vector<std::string> oxEventConfigStore::EnumChildren(const std::string& path) {
@@ -55,7 +48,7 @@ std::vector<std::string> oxEventConfigStore::EnumChildren(const std::string& pat
     char name[kNameCapacity] = "";
     uint32_t kind = kSubKey;
     if (oxCFGGetNext(store_, path.c_str(), name, previous, &kind) == OXCFG_NO_MORE) return names;
-    name[kNameCapacity - 1] = '\0';  // In case another liboxutil does not terminate it.
+    *std::rbegin(name) = '\0';  // In case another liboxutil does not terminate it.
     if (name[0] != '\0' && kind == kSubKey) names.emplace_back(name);
     oxEventPlatformCopyString(previous, kNameCapacity, name);
   }
@@ -73,7 +66,7 @@ std::string oxEventConfigStore::ReadString(const std::string& key, const char* n
   char buffer[kValueCapacity] = "";
   uint32_t length = kValueCapacity;
   if (oxCFGValueString(store_, key.c_str(), name, buffer, &length, kGet) == 0) {
-    buffer[kValueCapacity - 1] = '\0';
+    *std::rbegin(buffer) = '\0';
     return buffer;
   }
   oxEventPlatformCopyString(buffer, kValueCapacity, default_value.c_str());
