@@ -1,10 +1,12 @@
 """How oxevent-send reads its input, and what it reports: send_test.py [-v] [SendTest.test_NAME...]."""
+import contextlib
 import csv
 import json
 import os
 import re
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -19,13 +21,14 @@ TOOL = os.environ["OXEVENT_SEND"]
 CSV = "sink\\csv\\default"
 NATIVE = "sink\\native\\main"
 WEBHOOK = "sink\\webhook\\http\\w"
+CLOUDEVENTS = "sink\\cloudevents\\http\\c"
 OFF = {"enabled": 0}
 
 FIELDS = {
     "message": "m,\"\n", "severity": "error", "action": "raise", "event_type": "t", "source_id": "s",
     "source_name": "n", "dedupe_key": "k", "correlation_id": "c", "utc_ns": 18446744072999999999, "ptp_ns": 2**64 - 1,
     "pts": -2**63, "timecode": "01:02", "value": 0.1, "threshold": -2.5e-7, "units": "é", "duration_ms": 2**64 - 2,
-    "details_json": '{"a": [1, "\\u0000"]}', "event_id": 2**64 - 3}
+    "details_json": '{"a": [1], "b": "\\u0000"}', "event_id": 2**64 - 3}
 REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ("5", "1: an event must be a JSON object"),
     ('["m"]', "1: an event must be a JSON object"),
@@ -40,7 +43,8 @@ REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ('{"message": "m", "message": "n"}', "18: message: appears twice"),
     ('{"version": "65536"}', "13: version: must be 65536"),
     ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
-    ('{"\\u009b\\u001b\\u007f\\n\\r\\tÉ": 1}', "2: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ: is not a field of an event"),
+    ('{"xpts": 1}', "2: xpts: is not a field of an event; did you mean pts?"),
+    ('{"\\u009b\\u001b\\u007f\\n\\r\\tÉ°": 1}', "2: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ°: is not a field of an event"),
     ('{"' + 600 * "x" + '": 1}', "2: " + 500 * "x" + "\n"),
     ('{"event_id": 18446744073709551616}', "14: event_id: '18446744073709551616' is not a whole number from 0"),
     ('{"severity": 2, "severity_code": 3}', "34: severity_code: contradicts"),
@@ -56,6 +60,7 @@ INVALID_ARGUMENTS = (  # The arguments after the settings file, and the error te
     ("m --source x", "--source: ambiguous option"),
     ("m --severity", "--severity: requires a value"),
     ("m --severity 4", "--severity: '4' is not one of debug, info, warning, error or 0 to 3"),
+    ("m --value x", "--value: 'x' is not a number"),
     ("m --quiet=1", "--quiet: takes no value"),
     ("m --count 0", "--count: '0' is not a whole number from 1 to 18446744073709551615"),
     ("m --rate 0.0009", "--rate: '0.0009' is not a number from 0.001 to 1e+06"),
@@ -146,6 +151,7 @@ class SendTest(unittest.TestCase):
             with self.subTest(line[:100]):
                 self.assertIn(f"oxevent-send: line {number}, column {expected}", error)
         self.assertIn(f"refused: {len(REFUSED_LINES)}\n", errors)
+        self.assertIn(f"{CSV}: 2 written to", output)
         self.assertEqual([(row["message"], row["source_id"]) for row in rows], [("m", "s"), ("last", "t")])
 
     def test_invalid_command_lines(self):
@@ -164,7 +170,8 @@ class SendTest(unittest.TestCase):
 
     def test_help_and_version(self):
         self.assertRegex(self.send("--version")[0], r"^oxevent-send \d+\.\d+\.\d+\n$")
-        self.assertRegex(self.send("--help")[0], r"(?s)\n\nReporting:\n  --json {20}read .* 60,\n {28}0: never\)\n")
+        self.assertRegex(self.send("--help")[0], r"(?s)\n\nFields of the event:\n  --severity .*"
+                         r"\n\nReporting:\n  --json {20}read .* 60,\n {28}0: never\)\n")
 
     def test_output_that_cannot_be_written_is_a_failure(self):
         error = "oxevent-send: standard output: No space left on device\n"
@@ -172,6 +179,7 @@ class SendTest(unittest.TestCase):
             self.assertEqual(self.send("--help", stdout=full, status=1)[1], error)
             self.assertEqual(self.send("m", stdout=full, status=1)[1], error)
             self.assertEqual(self.send("m", "--quiet", stdout=full)[1], "")
+            self.assertIn("standard output: ", self.send("m", sections={CSV: OFF}, stdout=full, status=1)[1])
 
     def test_nothing_is_lost_to_a_full_queue(self):
         messages = [f"{number:0300}" for number in range(500)]  # More than the tool reads at a time.
@@ -188,7 +196,7 @@ class SendTest(unittest.TestCase):
             CSV: warnings | {"path": "./events.csv"},
             NATIVE: {"enabled": 1, "minimum_severity": "error"},
             WEBHOOK: self.webhook(500, 200) | warnings,
-            "sink\\cloudevents\\http\\c": cloudevents,
+            CLOUDEVENTS: cloudevents,
             "sink\\syslog\\udp\\off": OFF,
             "sink\\syslog\\udp\\u": warnings | {"host": "", "port": 0},
             "sink\\snmp\\trap\\t": warnings | {"host": "localhost", "port": 0}}
@@ -200,7 +208,7 @@ class SendTest(unittest.TestCase):
             "emitted: 3",
             f"{CSV}: 2 written to {self.directory}/events.csv",
             f"{NATIVE}: 0: every event is below its minimum_severity (error)",
-            f"sink\\cloudevents\\http\\c: 2 accepted by {cloudevents['endpoint_url']}",
+            f"{CLOUDEVENTS}: 2 accepted by {cloudevents['endpoint_url']}",
             f"sink\\syslog\\udp\\u: 2 sent to 127.0.0.1 port 514 {udp}",
             f"sink\\snmp\\trap\\t: 2 sent to localhost port 162 {udp}"})
         self.assertRegex(errors, r"^oxevent-send: sink\\webhook\\http\\w: 1 of 2 failed: .* 500\)\n    .*run curl.*\n"
@@ -216,9 +224,11 @@ class SendTest(unittest.TestCase):
                 (stuck, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n.*given up: [12] "),
                 ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or "),
                 ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or"),
-                ({CSV: {"enabled": 1, "path": "/dev/full"}}, "m", r"sink\\csv\\default: failed: .*\n    .*\n$"),
-                ({CSV: {"enabled": 1, "path": "x", "minimum_severity": 2}} | alerts, "m", "reached no sink: 1, "),
-                ({CSV: OFF} | alerts, "m", "1 formatted, not sent: .*\n.*no sink that delivers events is enabled: "),
+                ({CSV: {"enabled": 1, "path": "/dev/full"}}, "m --count 2 --action raise --wait 9",
+                 r"dropped: 1, .*\noxevent-send: sink\\csv\\default: failed: .*\n    .*\n$"),
+                ({CSV: {"enabled": 1, "path": "x", "minimum_severity": 2}, "core": {"minimum_severity": 0}} | alerts,
+                 "m --severity debug", r": 0: every event is below .* \(warning\)\n(?s:.*)reached no sink: 1, "),
+                ({CSV: OFF} | alerts, "m --severity error", "1 formatted, not sent: .*\n.*no sink that delivers .*: "),
                 ({CSV: OFF}, "m", "emitted: 1\n.*no sink that delivers events is enabled: no event was delivered\n")):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
@@ -230,19 +240,59 @@ class SendTest(unittest.TestCase):
         for arguments, errors in (("rise", note), ("rise --quiet", ""), ("RAISE", ""), ("update", "")):
             self.assertRegex(self.send("m", "--action", *arguments.split())[1], f"^{errors}$", arguments)
 
+    def test_shows_the_progress_on_a_terminal(self):
+        master, terminal = os.openpty()
+        self.addCleanup(os.closerange, master, terminal + 1)
+        process = self.start("m", "--count", "3", "--wait", "4", sections={WEBHOOK: self.webhook(200)}, stderr=terminal)
+        process.communicate(timeout=60)
+        progress = r"(\r[1-3] of 3 submitted, [01] emitted\x1b\[K)+\r\x1b\[K"
+        self.assertRegex(os.read(master, 65536).decode(), f"^{progress}oxevent-send: given up: 2 still waiting")
+
+    def tls_endpoint(self, connections):
+        """Returns the URL of a server with a self-signed certificate that accepts and closes connections."""
+        certificate = f"{self.directory}/certificate.pem"
+        command = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=h -keyout"
+        subprocess.run([*command.split(), f"{certificate}.key", "-out", certificate], check=True, capture_output=True)
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(certificate, f"{certificate}.key")
+        server = context.wrap_socket(socket.create_server(("127.0.0.1", 0)), server_side=True)
+        self.addCleanup(server.close)
+
+        def serve():
+            for _ in range(connections):
+                with contextlib.suppress(OSError):  # The handshake fails if the client refuses the certificate.
+                    server.accept()[0].close()
+
+        threading.Thread(target=serve, daemon=True).start()
+        return f"https://127.0.0.1:{server.getsockname()[1]}/"
+
     def test_reports_why_there_was_no_response(self):
-        for url, reason in (
-                ("http://127.0.0.1:1/", r"\(Failed to connect to 127.0.0.1 port 1 "),
-                (self.webhook()["endpoint_url"], r"\(no response, although the endpoint accepts connections\)")):
+        tls = self.tls_endpoint(4)  # Of each sink, and to find the reason.
+        no_response = r"\(no response, although the endpoint accepts connections\)"
+        for section, url, reason in (
+                (WEBHOOK, "http://127.0.0.1:1/", r"\(Failed to connect to 127.0.0.1 port 1 "),
+                (WEBHOOK, self.webhook()["endpoint_url"], no_response),
+                (WEBHOOK, tls, r"\(SSL certificate problem: self.signed"),
+                (CLOUDEVENTS, tls, no_response)):
             with self.subTest(reason):
-                webhook = {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 500}
-                errors = self.send("m", sections={WEBHOOK: webhook}, status=1)[1]
+                settings = {"enabled": 1, "endpoint_url": url, "request_timeout_ms": 500}
+                errors = self.send("m", sections={section: settings}, status=1)[1]
                 self.assertRegex(errors, f"1 of 1 failed: oxEvent webhook POST failed: {url} {reason}")
 
-    def test_reports_that_there_is_no_system_log(self):
-        without_log = ["unshare", "--map-root-user", "-m", "sh", "-c", 'mount -t tmpfs none /dev && exec "$@"', "sh"]
-        errors = self.send("m", status=1, sections={NATIVE: {"enabled": 1}}, launcher=without_log)[1]
-        self.assertRegex(errors, r"^oxevent-send: sink\\native\\main: cannot connect to /dev/log \(No such file .*\)")
+    def test_reports_whether_there_is_a_system_log(self):
+        path = f"{self.directory}/log"
+        command = 'mount -t tmpfs none /dev && ln -s "$0" /dev/log && exec "$@"'
+        native = {"sections": {NATIVE: {"enabled": 1}},
+                  "launcher": ["unshare", "--map-root-user", "-m", "sh", "-c", command, path]}
+        self.assertRegex(self.send("m", status=1, **native)[1],
+                         r"^oxevent-send: sink\\native\\main: cannot connect to /dev/log \(No such file .*\)")
+        for kind in socket.SOCK_STREAM, socket.SOCK_DGRAM:
+            with self.subTest(kind), socket.socket(socket.AF_UNIX, kind) as log:
+                Path(path).unlink(missing_ok=True)
+                log.bind(path)
+                if kind == socket.SOCK_STREAM:
+                    log.listen()
+                self.assertIn("1 handed to the system log", self.send("m", **native)[0])
 
     def test_closed_descriptors_do_not_become_those_of_sinks(self):
         errors = self.send("-", status=1, preexec_fn=lambda: os.close(0))[1]
@@ -259,13 +309,13 @@ class SendTest(unittest.TestCase):
 
     def test_a_signal_stops_the_reporting(self):
         stuck = {WEBHOOK: self.webhook()}
-        for number, arguments, sections, expected in (
-                (signal.SIGTERM, "-", {}, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
-                (signal.SIGHUP, "m --count 2 --rate 0.001", {}, "emitted: 1\n(?s:.*)stopped by SIGHUP\n$"),
-                (signal.SIGINT, "m --wait 1", stuck, "stopped by SIGINT\n.*given up: 1 still waiting")):
+        for number, launcher, arguments, sections, expected in (
+                (signal.SIGTERM, ["nohup"], "-", {}, "emitted: 1\n(?s:.*)stopped by SIGTERM\n$"),
+                (signal.SIGHUP, [], "m --count 2 --rate 0.001", {}, "emitted: 1\n(?s:.*)stopped by SIGHUP\n$"),
+                (signal.SIGINT, [], "m --wait 1", stuck, "stopped by SIGINT\n.*given up: 1 still waiting")):
             with self.subTest(number.name):
                 before = len(self.rows())
-                process = self.start(*arguments.split(), sections=sections)
+                process = self.start(*arguments.split(), sections=sections, launcher=launcher)
                 process.stdin.write('{"message": "m"}\n{"message": "torn')
                 process.stdin.flush()
                 await_("a row", lambda: len(self.rows()) > before)
