@@ -64,6 +64,7 @@ TEST_F(ConfigTest, CompletesTheFileOnceItCanBeWritten) {
 
 TEST_F(ConfigTest, ReadsWordsInAnyCaseAndKeepsUnknownValues) {
   const std::string longest(2047, 'x');
+  const std::string longest_name(511, 'x');
   WriteSettings(path, longest + "yz",
                 {{"core\\enabled", "OFF"},
                  {"core\\minimum_severity", "ERR"},
@@ -79,8 +80,8 @@ TEST_F(ConfigTest, ReadsWordsInAnyCaseAndKeepsUnknownValues) {
                  {"sink\\csv\\default\\enabled", "tRue"},
                  {"sink\\csv\\default\\minimum_severity", "DeBug"},
                  {"sink\\csv\\default\\flush_each_event", "YES"},
-                 {"sink\\syslog\\udp\\x\\enabled", "on"},
-                 {"sink\\syslog\\udp\\x\\minimum_severity", "information"},
+                 {"sink\\syslog\\udp\\" + longest_name + "\\enabled", "on"},
+                 {"sink\\syslog\\udp\\" + longest_name + "\\minimum_severity", "information"},
                  {"sink\\native\\main\\enabled", "Enabled"},
                  {"sink\\native\\main\\category", "c"},
                  {"sink\\native\\main\\minimum_severity", "Warn"},
@@ -91,10 +92,11 @@ TEST_F(ConfigTest, ReadsWordsInAnyCaseAndKeepsUnknownValues) {
                  {"sink\\webhook\\http\\default\\unknown", "5"},
                  {"sink\\snmp\\trap\\default\\minimum_severity", "0"},
                  {"sink\\alertmanager\\main\\minimum_severity", "Error"}});
-  const Fields expected = {
-      "core: 0 3 1024 1",   "state: 0 0 1800 0 1", "sink: 0 a 0 1",          "csv: oxEvent.csv 0",  "sink: 0 b 0 1",
-      "csv: oxEvent.csv 0", "sink: 0 default 1 0", "csv: " + longest + " 1", "sink: 1 x 1 1",       "sink: 2 main 1 2",
-      "native: s&s f u c",  "sink: 3 default 0 2", "sink: 5 default 0 1",    "sink: 4 default 0 0", "sink: 6 main 0 3"};
+  const Fields expected = {"core: 0 3 1024 1",    "state: 0 0 1800 0 1",    "sink: 0 a 0 1",
+                           "csv: oxEvent.csv 0",  "sink: 0 b 0 1",          "csv: oxEvent.csv 0",
+                           "sink: 0 default 1 0", "csv: " + longest + " 1", "sink: 1 " + longest_name + " 1 1",
+                           "sink: 2 main 1 2",    "native: s&s f u c",      "sink: 3 default 0 2",
+                           "sink: 5 default 0 1", "sink: 4 default 0 0",    "sink: 6 main 0 3"};
   EXPECT_EQ(Load(), expected);
   for (const char* saved : {">5<", "stray", "yz</value>", ">1024<", ">1800<"}) {  // Kept, or replaced by defaults.
     EXPECT_NE(ReadFile(path).find(saved), std::string::npos) << saved;
