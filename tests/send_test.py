@@ -44,7 +44,7 @@ REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ('{"version": "65536"}', "13: version: must be 65536"),
     ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
     ('{"xpts": 1}', "2: xpts: is not a field of an event; did you mean pts?"),
-    ('{"\\u009b\\u001b\\u007f\\n\\r\\tÉ°": 1}', "2: \\xc2\\x9b\\x1b\\x7f\\n\\r\\tÉ°: is not a field of an event"),
+    ('{"\\u0080\\u009f\\u001b\\u007f\\n\\r\\tÉ°": 1}', "2: \\xc2\\x80\\xc2\\x9f\\x1b\\x7f\\n\\r\\tÉ°: is not a field"),
     ('{"' + 600 * "x" + '": 1}', "2: " + 500 * "x" + "\n"),
     ('{"event_id": 18446744073709551616}', "14: event_id: '18446744073709551616' is not a whole number from 0"),
     ('{"severity": 2, "severity_code": 3}', "34: severity_code: contradicts"),

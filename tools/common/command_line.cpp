@@ -144,7 +144,8 @@ std::string Printable(std::string_view text) {
   constexpr char kDigits[] = "0123456789abcdef";
   // U+0080 to U+009F are control characters too.
   const auto begins_c1 = [text](size_t i) {
-    return text[i] == '\xC2' && i + 1 < text.size() && (text[i + 1] & 0xE0) == 0x80;
+    const std::string_view character = text.substr(i, 2);
+    return character >= "\xC2\x80" && character <= "\xC2\x9F";
   };
   std::string printable;
   for (size_t i = 0; i < text.size(); ++i) {
