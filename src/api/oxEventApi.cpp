@@ -23,6 +23,7 @@
 namespace {
 
 constexpr uint32_t kShutdownDrainMs = 5000;
+constexpr uint64_t kFirstGeneratedId = 1;
 
 // Taken before every other lock except g_oxEventReloadMutex. Held while sinks are opened, but not while the settings
 // file is read or host names are resolved, which may take a long time. Submit and Flush do not take it: they only read
@@ -37,7 +38,7 @@ constinit std::atomic<uint64_t> g_oxEventStarts = 0;  // Counts successful start
 constinit std::atomic<bool> g_oxEventClosed = false;  // Set at unload and process exit; no start succeeds then.
 constinit bool g_oxEventShutdownInProgress = false;   // Guarded by g_oxEventMutex.
 constinit oxEventNoDestructor<std::optional<std::string>> g_oxEventConfigPath;  // Guarded by g_oxEventMutex.
-constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = 1;
+constinit std::atomic<uint64_t> g_oxEventNextGeneratedId = kFirstGeneratedId;
 
 uint32_t Fail(uint32_t code, std::string_view text) {
   oxEventSetLastError(text);
@@ -312,8 +313,7 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
   return Guarded("oxEventFormatAlertmanagerRecord", [&]() -> uint32_t {
     if (record == nullptr || out == nullptr) return OXEVENT_INVALID_ARGUMENT;
     oxEventNormalizedEvent event;
-    const uint64_t assigned_id = record->struct_size == 0 ? 1 : record->struct_size;  // Uses up no generated id.
-    const uint32_t result = oxEventNormalizeEvent(record, assigned_id, &event);
+    const uint32_t result = oxEventNormalizeEvent(record, record->struct_size, &event);  // Uses up no generated id.
     if (result != OXEVENT_OK) return result;
     std::string document;  // So that *out is unchanged after a failure.
     if (const uint32_t failure = oxEventFormatAlertmanagerAlert(event, config, &document)) return failure;
@@ -329,7 +329,7 @@ void oxEventApiResetAfterFork() {
   g_oxEventClosed = false;
   g_oxEventInitialized = false;
   g_oxEventShutdownInProgress = false;
-  g_oxEventNextGeneratedId = 1;
+  g_oxEventNextGeneratedId = kFirstGeneratedId;
 }
 
 void oxEventApiClose() {

@@ -37,7 +37,6 @@ void AfterForkInChild() {
 [[gnu::destructor]] void Unload() {
   oxEventApiClose();
   oxEventCoreRouter().Close();
-  oxEventSinkFlush(0);
   oxEventSinkShutdown();
   oxEventLastErrorUnload();
 }

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -18,8 +18,7 @@ using oxEventWordPair __attribute__((vector_size(16))) = uint64_t;
 
 // Returns the index of the first match; 16 or more if there is none. For any architecture, of either byte order.
 inline size_t oxEventFirstMatchPortable(oxEventByteMatches matches) {
-  uint64_t words[2];
-  std::memcpy(words, &matches, sizeof(words));
+  const auto words = std::bit_cast<std::array<uint64_t, 2>>(matches);
   const auto bytes_before_match = [](uint64_t word) {
     const int bits = std::endian::native == std::endian::little ? std::countr_zero(word) : std::countl_zero(word);
     return static_cast<size_t>(bits) / 8;

@@ -32,13 +32,18 @@ constexpr int kTextsPerSweep = 2;
 
 constinit oxEventNoDestructor<oxEventMutex> g_mutex;
 constinit Link g_texts = {&g_texts, &g_texts};  // Head of the list of all threads' texts. Guarded by g_mutex.
-constinit std::atomic<bool> g_open = false;     // Whether the key below exists. Changed with g_mutex held.
-constinit bool g_unloaded = false;              // Set at unload. Guarded by g_mutex.
-pthread_key_t g_oxEventLastError;               // Key of the calling thread's ThreadText.
 
-// Dereference the result only with g_mutex held and g_open true: an unload on another thread frees the texts.
+enum class KeyState { kNone, kCreated, kUnloaded };
+constinit std::atomic<KeyState> g_key_state = KeyState::kNone;  // Of the key below. Changed with g_mutex held.
+pthread_key_t g_oxEventLastError;                               // Key of the calling thread's ThreadText.
+
+bool HasKey() {
+  return g_key_state.load(std::memory_order_acquire) == KeyState::kCreated;  // Pairs with the store in CreateKeyLocked.
+}
+
+// Dereference the result only with g_mutex held and while HasKey(): an unload on another thread frees the texts.
 ThreadText* OwnText() {
-  if (!g_open.load(std::memory_order_acquire)) return nullptr;  // Pairs with the assignment in CreateKeyLocked.
+  if (!HasKey()) return nullptr;
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
 }
 
@@ -46,8 +51,10 @@ ThreadText* OwnText() {
 // the process may be out of keys only temporarily. The key has no destructor: a thread that exits could be about to
 // call it while dlclose unmaps the library.
 bool CreateKeyLocked() {
-  if (!g_open && !g_unloaded) g_open = pthread_key_create(&g_oxEventLastError, nullptr) == 0;
-  return g_open;
+  if (g_key_state == KeyState::kNone && pthread_key_create(&g_oxEventLastError, nullptr) == 0) {
+    g_key_state = KeyState::kCreated;
+  }
+  return HasKey();
 }
 
 void UnlinkLocked(Link* link) {
@@ -124,7 +131,7 @@ void oxEventSetLastError(std::string_view text) {
 void oxEventClearLastError() {
   if (OwnText() == nullptr) return;
   oxEventLock lock(*g_mutex);
-  if (!g_open) return;
+  if (!HasKey()) return;
   ThreadText* const own = OwnText();
   UnlinkLocked(own);
   Free(own);
@@ -139,8 +146,7 @@ void oxEventCopyLastError(char* buffer, uint32_t buffer_size) {
 
 void oxEventLastErrorUnload() {
   oxEventLock lock(*g_mutex);
-  g_unloaded = true;
-  if (!g_open.exchange(false)) return;
+  if (g_key_state.exchange(KeyState::kUnloaded) != KeyState::kCreated) return;
   pthread_key_delete(g_oxEventLastError);
   while (ThreadText* const text = PopFrontLocked()) Free(text);
 }
@@ -148,5 +154,5 @@ void oxEventLastErrorUnload() {
 void oxEventLastErrorResetAfterFork() {
   g_mutex.Reset();
   g_texts = {&g_texts, &g_texts};
-  if (g_open) pthread_setspecific(g_oxEventLastError, nullptr);
+  if (HasKey()) pthread_setspecific(g_oxEventLastError, nullptr);
 }

@@ -79,6 +79,7 @@ bool oxEventStoredEvent::Reserve(size_t size) {
 }
 
 void oxEventStoredEvent::ReleaseBlockOfLongTexts() {
+  static_assert(std::size(kStrings) == kStringCount);
   const auto is_long = [this](auto field) { return (event_.*field).size() > kOxEventMaxKeptBytes; };
   if (!std::any_of(std::begin(kStrings), std::end(kStrings), is_long)) return;
   event_ = {};

@@ -1,5 +1,6 @@
 #include "base/oxEventNumber.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <charconv>
@@ -36,11 +37,10 @@ char* WriteEightDigits(uint64_t value, char* at) {
   return at + 8;
 }
 
-// Writes a value below 10^8 without leading zeros.
+// Writes a value from 1 to below 10^8 without leading zeros.
 char* WriteUpToEightDigits(uint64_t value, char* at) {
   const uint64_t digits = EightDigits(value);
-  const auto bits = static_cast<unsigned>(std::countr_zero(digits | uint64_t{1} << 56));
-  const unsigned zeros = bits / 8;  // At most seven: 0 has one digit.
+  const unsigned zeros = static_cast<unsigned>(__builtin_ctzll(digits)) / 8;  // Unlike std::countr_zero, no check for 0.
   StoreDigits(digits >> 8 * zeros, at);
   return at + 8 - zeros;
 }
@@ -101,7 +101,7 @@ char* oxEventWriteNineDigits(uint32_t value, char* at) {
 char* oxEventWriteNumber(double value, int significant_digits, char* at) {
   const auto count = static_cast<size_t>(significant_digits);
   const double magnitude = std::fabs(value);
-  const double limit = count > 15 ? 1e15 : static_cast<double>(kPowersOfTen[count - 1]);
+  const double limit = std::min(1e15, static_cast<double>(kPowersOfTen[count - 1]));
   if (!(magnitude >= 1 && magnitude < limit)) {
     return std::to_chars(at, at + kOxEventNumberSize, value, std::chars_format::general, significant_digits).ptr;
   }

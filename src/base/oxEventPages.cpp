@@ -35,10 +35,10 @@ void* oxEventPages::Allocate() {
   munmap(chunk, chunk_size_);
   char* const twice = Map(2 * chunk_size_);
   if (twice == nullptr) return nullptr;
-  const size_t prefix_size = chunk_size_ - misalignment(twice);
-  if (prefix_size != chunk_size_) munmap(twice, prefix_size);
-  char* const aligned = prefix_size != chunk_size_ ? twice + prefix_size : twice;
-  munmap(aligned + chunk_size_, static_cast<size_t>(twice + 2 * chunk_size_ - (aligned + chunk_size_)));
+  const size_t suffix_size = misalignment(twice);
+  char* const aligned = twice + (chunk_size_ - suffix_size);
+  munmap(twice, chunk_size_ - suffix_size);
+  if (suffix_size != 0) munmap(aligned + chunk_size_, suffix_size);
   return aligned;
 }
 

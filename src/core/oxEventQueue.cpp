@@ -15,7 +15,6 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
   constexpr uint32_t kTrimBatchSize = 64;  // Submitters get the lock between batches.
   size_t dropped = 0;
   bool fits = false;
-  bool wake = false;
   while (!fits) {
     oxEventNodeList trimmed;
     oxEventNodeStack freed;
@@ -26,12 +25,10 @@ uint32_t oxEventQueue::Configure(uint32_t capacity, oxEventDropPolicy policy) {
       backlog_.Trim(kTrimBatchSize, &trimmed);
       fits = backlog_.Size() <= backlog_.Capacity();
       if (fits) SignalIfDrainedLocked();
-      wake |= backlog_.IsHalfFull() && ClaimWakeupLocked();
     }
     dropped += trimmed.Size();
     RecordDrops(&trimmed, oxEventDrop::kTrimmed);
   }
-  if (wake) not_empty_.NotifyOne();
   return static_cast<uint32_t>(dropped);
 }
 
@@ -130,7 +127,6 @@ void oxEventQueue::StopAccepting() {
 
 void oxEventQueue::RequestStop() {
   oxEventLock lock(mutex_);
-  accepting_ = false;
   stop_requested_ = true;
   not_empty_.NotifyAll();
   drained_.NotifyAll();

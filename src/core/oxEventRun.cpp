@@ -65,8 +65,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
   try {
     status = state.Evaluate(*event, event, &emit);
   } catch (...) {
-    // There is no memory. The event counts as a failed evaluation.
-    emit = true;
+    // There is no memory. `emit` is still true, and the event counts as a failed evaluation.
   }
   if (!emit) {
     drops.Record(*event, oxEventDrop::kSuppressed);

@@ -106,8 +106,7 @@ oxEventState::Action oxEventState::ActionOf(std::string_view action) {
 
 // An event that is older than the last one sent counts as due, so that a clock that was set back delays no repeat.
 bool oxEventState::RepeatElapsed(uint64_t event_ns, uint64_t last_sent_ns) const {
-  return repeat_interval_ns_ == 0 || last_sent_ns == 0 || last_sent_ns > event_ns ||
-         event_ns - last_sent_ns >= repeat_interval_ns_;
+  return last_sent_ns == 0 || last_sent_ns > event_ns || event_ns - last_sent_ns >= repeat_interval_ns_;
 }
 
 // Returns whether the event goes on to the sinks.

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <string_view>
 
 #include "base/oxEventCopyString.h"
@@ -34,7 +33,6 @@ std::string ParentPath(const std::string& path) {
 }
 
 bool IsDirectory(const std::string& path) {
-  if (path.empty() || path == ".") return true;
   if (oxOSFileIsDir(path.c_str()) != 0) return true;
   struct stat status;
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -49,8 +47,8 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
   char shortened[kMakeDirCapacity];
   oxEventPlatformCopyString(shortened, kMakeDirCapacity, trimmed.c_str());
   oxOSMakeDir(shortened, kDirectoryMode);
+  if (!IsDirectory(trimmed)) mkdir(trimmed.c_str(), kDirectoryMode);
   if (IsDirectory(trimmed)) return true;
-  if ((mkdir(trimmed.c_str(), kDirectoryMode) == 0 || errno == EEXIST) && IsDirectory(trimmed)) return true;
   oxEventSetErrorText(oxEventErrors::kCsvDirectory, {trimmed}, error);
   return false;
 }
@@ -59,7 +57,7 @@ bool EnsureDirectory(const std::string& path, std::string* error) {
 
 bool oxEventPlatformEnsureParentDirectory(const std::string& path, std::string* error) {
   const std::string parent = ParentPath(path);
-  return parent.empty() || parent == "." || EnsureDirectory(parent, error);
+  return parent.empty() || EnsureDirectory(parent, error);
 }
 
 bool oxEventPlatformFileHasContent(const std::string& path) {

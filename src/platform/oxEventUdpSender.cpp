@@ -70,7 +70,7 @@ uint32_t oxEventUdpSender::Open(std::string* error) {
 uint32_t oxEventUdpSender::Send(std::string_view bytes, std::string* error) {
   const auto* address = reinterpret_cast<const sockaddr*>(&address_);
   const ssize_t sent = sendto(fd_, bytes.data(), bytes.size(), 0, address, address_length_);
-  if (sent >= 0 && static_cast<size_t>(sent) == bytes.size()) return OXEVENT_OK;
+  if (sent == static_cast<ssize_t>(bytes.size())) return OXEVENT_OK;
   return Fail(errors_.send, errno, error);
 }
 
