@@ -1,6 +1,8 @@
 // What the syslog and SNMP sinks send to a receiver on loopback, to the byte.
+#include <netdb.h>
 #include <poll.h>
 
+#include "faults.h"
 #include "host_fixture.h"
 #include "oxutil.h"
 #include "sinks_fixture.h"
@@ -49,7 +51,7 @@ const string kSyslogMessage =
     " [velmora@32473 version=\"65536\" event_id=\"18446744073709551615\" severity=\"error\" action=\"A\t\""
     " event_type=\"t t\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" "
     "correlation_id=\"\b\f\v\x1F\x7F/\" utc_ns=\"1700000000123456789\" ptp_ns=\"18446744073709551614\""
-    " pts=\"-9223372036854775808\" timecode=\"\\]\" value=\"nan\" threshold=\"0.1\" units=\"\xC2\xB0\r\""
+    " pts=\"-9223372036854775808\" timecode=\"\\]\" value=\"nan\" threshold=\"0.142857\" units=\"\xC2\xB0\r\""
     " duration_ms=\"18446744073709551613\" details_json=\"{\\\"\\]\"] \"a\n\n\",b";
 
 TEST(oxEventSyslogUdpSink, SendsTheWholeEventWithTheConfiguredFacility) {
@@ -59,8 +61,8 @@ TEST(oxEventSyslogUdpSink, SendsTheWholeEventWithTheConfiguredFacility) {
       {"ftp", "91"},     {"local0", "131"}, {"local1", "139"}, {"local2", "147"}, {"local3", "155"}, {"local4", "163"},
       {"local5", "171"}, {"local6", "179"}, {"LOCAL7", "187"}, {"local8", "131"}, {"x", "131"}};
   DatagramReceiver receiver(DatagramReceiver(AF_INET6).port != 0 ? AF_INET6 : AF_INET);
-  receiver.app_name = "a b" + string(96, 'c');
-  const string header = " - a_b" + string(45, 'c') + " " + std::to_string(getpid()) + " t_t";
+  receiver.app_name = "! ~\x7F" + string(95, 'c');
+  const string header = " - !_~_" + string(44, 'c') + " " + std::to_string(getpid()) + " t_t";
   for (const auto& [facility, priority] : cases) {
     receiver.facility = facility;
     EXPECT_EQ(receiver.Receive(kSyslog),
@@ -109,16 +111,16 @@ string Show(string_view ber) {
 TEST(oxEventSnmpTrapSink, SendsTwelveObjects) {
   DatagramReceiver receiver;
   receiver.community = "c\xFF";
-  receiver.enterprise_oid = "1";
-  receiver.trap_oid = "1.3.128.4294967295";
+  receiver.enterprise_oid = "1.39";
+  receiver.trap_oid = "2.40.128.4294967295";
   g_now_ms = 1290;
   EXPECT_EQ(Show(receiver.Receive(kTrap)),
             "30{02:01 'c\xFF'a7{02:050a 02:00 02:00 30{"
-            "30{06:2b06010201010300 43:0081 }30{06:2b060106030101040100 06:2b81008fffffff7f }"
-            "30{06:290100 02:03 }30{06:290200 'error'}30{06:290300 '18446744073709551615'}"
-            "30{06:290400 't t'}30{06:290500 's\"\\]'}30{06:290600 '[n]\1\xFF'}30{06:290700 'A\t'}"
-            "30{06:290800 '\"a\n\n\",b'}30{06:290900 'd\\'}30{06:290a00 '\b\f\v\x1F\x7F/'}"
-            "30{06:290b00 '1700000000123456789'}30{06:290c00 '{\"]'}}}}");
+            "30{06:2b06010201010300 43:0081 }30{06:2b060106030101040100 06:7881008fffffff7f }"
+            "30{06:4f010100 02:03 }30{06:4f010200 'error'}30{06:4f010300 '18446744073709551615'}"
+            "30{06:4f010400 't t'}30{06:4f010500 's\"\\]'}30{06:4f010600 '[n]\1\xFF'}30{06:4f010700 'A\t'}"
+            "30{06:4f010800 '\"a\n\n\",b'}30{06:4f010900 'd\\'}30{06:4f010a00 '\b\f\v\x1F\x7F/'}"
+            "30{06:4f010b00 '1700000000123456789'}30{06:4f010c00 '{\"]'}}}}");
 }
 
 TEST(oxEventSnmpTrapSink, LimitsTheRequestIdTo31Bits) {
@@ -129,7 +131,7 @@ TEST(oxEventSnmpTrapSink, LimitsTheRequestIdTo31Bits) {
 
 TEST(oxEventSnmpTrapSink, TruncatesMessageAndDetailsTo2048Bytes) {
   const DatagramReceiver receiver;
-  for (const size_t size : {127u, 128u, 255u, 256u, 2048u, 2049u}) {
+  for (const size_t size : {0u, 127u, 128u, 255u, 256u, 2048u, 2049u}) {
     const string text(size, 'x');
     oxEventNormalizedEvent event = kFullEvent;
     event.message = text;
@@ -165,8 +167,10 @@ TEST(oxEventSnmpTrapSink, FailsForOidsThatAreNotValid) {
   DatagramReceiver receiver;
   receiver.enterprise_oid = "1.3.";
   EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP enterprise_oid: 1.3.");
-  receiver.trap_oid = "1.40";
-  EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP trap_oid: 1.40");
+  for (const char* oid : {"1.40", "3.0", "1", "x.3", "1.3x", "1.3..4", "1.4294967296"}) {
+    receiver.trap_oid = oid;
+    EXPECT_EQ(SubmitThroughNewSink(kTrap, receiver), "Invalid SNMP trap_oid: "s + oid);
+  }
 }
 
 TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
@@ -179,10 +183,18 @@ TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
   EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sender closes only what it has opened.
 }
 
-TEST(oxEventUdpSender, SendsToTheDefaultHostWhetherOrNotAnyoneListens) {
-  oxEventSinkConfig config = DatagramReceiver();  // The receiver's socket is closed by now.
-  config.host = "";
+TEST(oxEventUdpSender, LooksUpTheDefaultHostAndPort) {
+  const Faults faults([](string_view call, long) { return call == "getaddrinfo" ? EAI_AGAIN : 0; });
+  oxEventSinkConfig config;
+  config.port = 0;
   config.snmp_host = "";
+  config.snmp_port = 0;
+  EXPECT_EQ(SubmitThroughNewSink(kSyslog, config), "oxEvent syslog UDP resolve failed for 127.0.0.1:514 error=-3");
+  EXPECT_EQ(SubmitThroughNewSink(kTrap, config), "oxEvent SNMP trap resolve failed for 127.0.0.1:162 error=-3");
+}
+
+TEST(oxEventUdpSender, SendsWhetherOrNotAnyoneListens) {
+  oxEventSinkConfig config = DatagramReceiver();  // The receiver's socket is closed by now.
   for (const auto create : {kSyslog, kTrap}) {
     std::shared_ptr<oxEventSink> sink;
     EXPECT_EQ(create(config, &sink, nullptr), OXEVENT_OK);

@@ -80,9 +80,11 @@ struct oxEventApi : testing::Test {
 };
 
 TEST_F(oxEventApi, RefusesCallsUntilInitializedAndAfterShutdown) {
+  const int standard_input = fcntl(STDIN_FILENO, F_GETFD);
   ExpectCallsRefused();
   WriteSettings(settings, "", {{"sink\\csv\\default\\enabled", "1"}});
   EXPECT_EQ(LastResult(oxEventInitialize(settings.c_str())), kNoCsvPath);
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sink closes only what it has opened.
   ExpectCallsRefused();
   Start();
   EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
@@ -94,10 +96,23 @@ TEST_F(oxEventApi, IsNotInitializedInAForkedChild) {  // Fails if a static link 
   EXPECT_EQ(InChild([] { return Send("x") == OXEVENT_NOT_INITIALIZED ? 0 : 1; }), 0);
 }
 
+TEST_F(oxEventApi, NumbersTheEventsOfEachProcessFromOne) {
+  std::string ids;
+  recorder.on_event = [&](const oxEventRecord& event) { ids += std::to_string(event.event_id) + ' '; };
+  const auto deliver = [&] {
+    Start();
+    for (const char* message : {"one", "", "three"}) Send(message);  // The second is refused.
+    oxEventShutdown();
+    return ids == "1 3 " ? 0 : 1;
+  };
+  EXPECT_EQ(InChild(deliver), 0);
+}
+
 TEST_F(oxEventApi, KeepsAnErrorTextPerThread) {
   EXPECT_EQ(LastResult(oxEventSubmit(nullptr)), kInvalidEvent);
   std::async(std::launch::async, [] {
     EXPECT_EQ(LastResult(0), kOk);
+    errno = ESRCH;
     EXPECT_EQ(LastResult(oxEventFlush(1)), kNotInitialized);
   }).get();
   EXPECT_EQ(LastResult(oxEventGetApiVersion()), "10000 Invalid OXEvent");
@@ -108,6 +123,8 @@ TEST_F(oxEventApi, TruncatesTheErrorTextToTheBuffer) {
   std::string buffer(20, '#');
   EXPECT_EQ(oxEventGetLastError(buffer.data(), 4), OXEVENT_OK);
   EXPECT_EQ(buffer, "Inv\0"s + std::string(16, '#'));
+  EXPECT_EQ(oxEventGetLastError(buffer.data(), 1), OXEVENT_OK);
+  EXPECT_EQ(buffer, "\0nv\0"s + std::string(16, '#'));
   EXPECT_EQ(LastResult(oxEventGetLastError(nullptr, 9)), kNoBuffer);
   EXPECT_EQ(LastResult(oxEventGetLastError(buffer.data(), 0)), kNoBuffer);
 }

@@ -41,7 +41,7 @@ const string kJson =
     R"("action":"A\t","event_type":"t t","source_id":"s\"\\]",)"
     "\"source_name\":\"[n]\\u0001\xFF\",\"dedupe_key\":\"d\\\\\",\"correlation_id\":\"\\b\\f\\u000b\\u001f\x7F/\","
     R"("message":"\"a\n\n\",b","utc_ns":1700000000123456789,"ptp_ns":18446744073709551614,)"
-    R"("pts":-9223372036854775808,"timecode":"]","value":null,"threshold":0.10000000000000001,"units":"°\r",)"
+    R"("pts":-9223372036854775808,"timecode":"]","value":null,"threshold":0.14285714285714285,"units":"°\r",)"
     R"("duration_ms":18446744073709551613,"details_json":"{\"]"})";
 const string kCloudEvent =
     R"({"specversion":"1.0","id":"18446744073709551615","source":"/s","type":"t t",)"
@@ -64,13 +64,16 @@ struct oxEventHttpSink : testing::Test {
 };
 
 TEST_F(oxEventHttpSink, PostsJsonWithHeaderLines) {
+  config.backoff_ms = UINT32_MAX;  // Only before a second attempt.
   EXPECT_EQ(Post(), kJsonPost + "\n\n" + kJson);
   config.payload_mode = "NATIVE_JSON";
   config.headers =
-      "X-A: 1| X-B: 2\r\n\r\nX-C: 3 \t|\v\f|B\xE2\x80|B\xC0|B\xC3\xA9|B\xF0\x80\x80|B\xEF\x80\x80|D\x80\x80";
+      "X-A: 1| X-B: 2\r\n\r\nX-C: 3 "
+      "\t|\v\f|B\xE0\x80|B\xC0|B\xDF\xBF|B\xF0\x80\x80|B\xEF\x80\x80|B\xE0\x7F|D\x80\x80\x80";
   // The sink adds a space to a line that ends inside a UTF-8 sequence, because 0xA7 would be its next byte.
   const string lines =
-      "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE2\x80 \nB\xC0 \nB\xC3\xA9\nB\xF0\x80\x80 \nB\xEF\x80\x80\nD\x80\x80";
+      "\nX-A: 1\nX-B: 2\nX-C: 3\nB\xE0\x80 \nB\xC0 \nB\xDF\xBF\nB\xF0\x80\x80 "
+      "\nB\xEF\x80\x80\nB\xE0\x7F\nD\x80\x80\x80";
   EXPECT_EQ(Post(), kJsonPost + lines + "\n\n" + kJson);
 }
 
@@ -98,6 +101,8 @@ TEST_F(oxEventHttpSink, RetriesAfterABackoff) {
   EXPECT_EQ(Post(), post + post + post + "oxEvent webhook POST failed: http://h");
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
   config.backoff_ms = 1;
+  config.request_timeout_ms = 0;  // Both zero mean 5000.
+  config.ce_timeout_ms = 0;
   g_posts_to_refuse = 1;
   EXPECT_EQ(Post(), post + post);
 }
@@ -128,8 +133,8 @@ TEST_F(oxEventHttpSink, PostsCloudEventsWithTheSettingsOfTheirSection) {
 
 string FormatDiskAlert(const char* action, const oxEventAlertmanagerFormatterConfig& config) {
   oxEventNormalizedEvent event = kFullEvent;
-  event.event_type = "9-DISK array_%";
-  event.source_id = "__a.B:/\xC3\xA9__";
+  event.event_type = "z0-9DISKZ array_%";
+  event.source_id = "/_a.B:/\xC3\xA9__";
   event.source_name = "n";
   event.message = "Full";
   event.action = action;
@@ -140,10 +145,10 @@ string FormatDiskAlert(const char* action, const oxEventAlertmanagerFormatterCon
 
 TEST(oxEventAlertmanager, FormatsRaisedAndResolvedAlerts) {
   const string start =
-      R"([{"labels":{"alertname":"Ox_19DiskArray","severity":"critical","event_type":"9-disk_array","action":"raise")";
+      R"([{"labels":{"alertname":"Ox_1Z09diskzArray","severity":"critical","event_type":"z0-9diskz_array","action":"raise")";
   const string rest =
       R"(},"annotations":{"summary":"Full","description":"Full on n","ox_event_id":"18446744073709551615",)"
-      R"("ox_dedupe_key":"d\\","ox_source_name":"n","ox_units":"°\r","ox_value":"","ox_threshold":"0.1"},)"
+      R"("ox_dedupe_key":"d\\","ox_source_name":"n","ox_units":"°\r","ox_value":"","ox_threshold":"0.142857"},)"
       R"("startsAt":"2023-11-14T22:13:20.123456789Z")";
   const string raised = start + R"(,"source_id":"_a.b:")" + rest;
   const string prefix = "O-x_1\xC3";

@@ -6,7 +6,6 @@
 #include "base/oxEventArchitecture.h"
 #include "base/oxEventNumber.h"
 #include "host_fixture.h"
-#include "platform/oxEventPlatformSystem.h"
 
 namespace {
 
@@ -25,7 +24,8 @@ TEST(oxEventNumber, FormatsNumbersAsPrintfDoes) {
   std::mt19937_64 random(1);
   std::vector<double> values = {0, -0.0, 0.5, 5e-324, 1e308, 1e15, 0x1p53, INFINITY, -INFINITY};
   for (double power = 1; power < 1e18; power *= 10) {  // At powers of ten, and halfway between two decimal strings.
-    values.insert(values.end(), {power, std::nextafter(power, 0), power * 1.5, power - 0.05, power - 5e-7});
+    values.insert(values.end(), {power, std::nextafter(power, 0), std::nextafter(power, INFINITY), power * 1.5});
+    values.insert(values.end(), {power - 0.05, power - 5e-7});
   }
   for (int i = 0; i < 100000; ++i) {
     values.push_back(std::ldexp(int64_t(random()), int(random() % 80) - 70));
@@ -37,18 +37,6 @@ TEST(oxEventNumber, FormatsNumbersAsPrintfDoes) {
       snprintf(expected, sizeof expected, "%.*g", digits, value);
       ASSERT_EQ(std::string(text, oxEventWriteNumber(value, digits, text)), expected);
     }
-  }
-}
-
-TEST(oxEventNormalize, FillsInOneTimestampAndKeepsTheOther) {
-  for (const auto given : {&oxEventRecord::utc_ns, &oxEventRecord::ptp_ns}) {
-    oxEventRecord record = MakeRecord("m");
-    record.*given = 7;
-    oxEventNormalizedEvent event;
-    const uint64_t now = oxEventPlatformGetPtpNano();
-    ASSERT_EQ(oxEventNormalizeEvent(&record, 1, &event), OXEVENT_OK);
-    EXPECT_EQ(given == &oxEventRecord::utc_ns ? event.utc_ns : event.ptp_ns, 7u);
-    EXPECT_GE(given == &oxEventRecord::utc_ns ? event.ptp_ns : event.utc_ns, now);
   }
 }
 
@@ -79,6 +67,10 @@ TEST(oxEventNormalize, ReadsOnlyFieldsThatAreWhollyWithinStructSize) {
     EXPECT_EQ(event.duration_ms, expected(record.duration_ms, 7u, 0u));
     EXPECT_EQ(event.details_json, expected(record.details_json, "x", "{}"));
   }
+  std::swap(record.utc_ns, record.ptp_ns);
+  ASSERT_EQ(oxEventNormalizeEvent(&record, 1, &event), OXEVENT_OK);
+  EXPECT_EQ(event.ptp_ns, 7u);
+  EXPECT_GT(event.utc_ns, 7u) << "is not the current time";
 }
 
 }  // namespace

@@ -34,42 +34,63 @@ TEST(oxEventPlatformFiles, MakesTheDirectoriesAboveAFile) {
   const HostFolder working_directory;
   const auto before = std::filesystem::current_path();
   std::filesystem::current_path(working_directory.path);
+  const mode_t mask = umask(0);
   const string name(250, 'n'), deep = name + '/' + name + '/' + name + '/' + name + '/' + name;
   const struct {
     string path, directory;  // Empty: none is needed.
-  } cases[] = {{"x", ""},        {"./x", "."},      {"/x", "/"},
-               {"a/b/x", "a/b"}, {"ab/", ""},       {"d//e\\\\x", "d//e"},
-               {"f/g/", "f"},    {"C:\\x", "C:\\"}, {deep + "/x", deep}};
+  } cases[] = {{"x", ""},           {"./x", "."},          {"/x", "/"},   {"a/b/x", "a/b"},
+               {"ab/", ""},         {"d//e\\\\x", "d//e"}, {"f/g/", "f"}, {"C:\\x", "C:\\"},
+               {deep + "/x", deep}, {"h:ij/x", "h:ij"},    {"k/", ""},    {"\\x", "\\"}};
   for (const auto& c : cases) {
     EXPECT_TRUE(oxEventPlatformEnsureParentDirectory(c.path, nullptr)) << c.path;
     EXPECT_TRUE(c.directory.empty() || std::filesystem::is_directory(c.directory)) << c.path;
   }
-  EXPECT_EQ(Entries("."), 5u);
-  std::ofstream("file") << "";
+  EXPECT_EQ(Entries("."), 7u);
+  EXPECT_EQ(Entries("d") + Entries("f"), 1u);
+  EXPECT_EQ(std::filesystem::status("a/b").permissions(), std::filesystem::perms(0775));
+  EXPECT_TRUE(oxEventAppendFile().Open("file"));
+  EXPECT_EQ(std::filesystem::status("file").permissions(), std::filesystem::perms(0666));
+  umask(mask);
   string error;
   EXPECT_FALSE(oxEventPlatformEnsureParentDirectory("file/y/x", &error));
   EXPECT_EQ(error, "Unable to create directory for oxEvent CSV sink: file");
   std::filesystem::current_path(before);
 }
 
-// A pipe has room for 4096 bytes. Signals interrupt the first write and the first wait.
+TEST(oxEventAppendFile, RemovesOnlyTheFileThatItCreated) {
+  const HostFolder folder;
+  const string path = folder.path + "/file", other = folder.path + "/other";
+  std::ofstream(other) << "";
+  oxEventAppendFile file;
+  EXPECT_TRUE(file.Open(path));
+  file.RemoveIfCreated(other, 0);
+  file.RemoveIfCreated(path, 1);
+  EXPECT_EQ(Entries(folder.path), 2u);
+  file.RemoveIfCreated(path, 0);
+  EXPECT_EQ(Entries(folder.path), 1u);
+}
+
+// A pipe has room for 4096 bytes. Signals interrupt the first write and two waits, the second of which times out.
 TEST(oxEventAppendFile, WritesEverythingToAPipeDespiteSignals) {
   const HostFolder folder;
   const string path = folder.path + "/pipe", bytes(5000, 'b');
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_FALSE(oxEventAppendFile().Open(path));  // It has no reader.
   const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_EQ(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
   int writes = 0, polls = 0;
   const Faults faults([&](std::string_view call, long) {
     if (call == "write" && ++writes == 1) return EINTR;
     if (call != "poll") return 0;
-    if (++polls == 1) return EINTR;
-    return read(reader, string(4096, 0).data(), 4096) != 4096 ? EIO : 0;
+    if (++polls == 1 || polls == 3) return EINTR;
+    return polls == 2 && read(reader, string(4096, 0).data(), 4096) != 4096 ? EIO : 0;
   });
   oxEventAppendFile file;
   EXPECT_TRUE(file.Open(path));
   EXPECT_EQ(file.Write(bytes.data(), bytes.size()), 5000u);
   EXPECT_EQ(polls, 2);
+  EXPECT_LT(file.Write(bytes.data(), bytes.size()), 5000u);
+  EXPECT_EQ(polls, 4);
   close(reader);
 }
 
@@ -77,7 +98,10 @@ struct oxEventSystemLog : testing::Test {
   oxEventSystemLog() { EXPECT_EQ(oxEventPlatformNativeOpen({}, &handle, nullptr), OXEVENT_OK); }
   ~oxEventSystemLog() override { oxEventPlatformNativeClose(handle); }
   uint32_t Write(const oxEventNormalizedEvent& event = {}) const {
-    return oxEventPlatformNativeWrite(handle, event, nullptr, nullptr);
+    bool warning = true;
+    const uint32_t result = oxEventPlatformNativeWrite(handle, event, &warning, nullptr);
+    EXPECT_FALSE(warning);
+    return result;
   }
   // Returns whether a child of a fork can write.
   bool ChildWrites() const {
@@ -140,6 +164,8 @@ TEST_F(oxEventSystemLog, TruncatesBetweenCharactersWhatADatagramSocketIsKnownToR
                {"connect", ENOENT, 50'000, false},
                {"connect", EPROTOTYPE, 150'000, false},  // A log that takes a stream.
                {"socket", EMFILE, 150'000, false}};
+  int log[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, log), 0);
   for (const auto& c : cases) {
     for (string message : {"", "x"}) {
       SCOPED_TRACE(c.call + std::to_string(c.error) + message);
@@ -147,9 +173,15 @@ TEST_F(oxEventSystemLog, TruncatesBetweenCharactersWhatADatagramSocketIsKnownToR
       const Faults faults([&](std::string_view call, long) { return call == c.call ? c.error : 0; });
       EXPECT_EQ(Write({.message = message, .severity = 4}), OXEVENT_OK);  // An invalid severity is written as well.
       EXPECT_TRUE(g_line.ends_with(c.truncates ? "\xA9" : "\xA9\""));
-      EXPECT_GT(g_line.size(), c.truncates ? 200'000u : 100'000u);
+      EXPECT_EQ(g_priority, 166);  // local4, info
+      if (!c.truncates) continue;
+      const string datagram = "<191>Jan 01 00:00:00 oxEvent[2147483647]: " + g_line + "\xC3\xA9";
+      EXPECT_EQ(send(log[0], datagram.data(), datagram.size(), MSG_DONTWAIT), -1);
+      EXPECT_GT(send(log[0], datagram.data(), datagram.size() - 2, MSG_DONTWAIT), 200'000);
+      EXPECT_EQ(recv(log[1], nullptr, 0, MSG_DONTWAIT), 0);
     }
   }
+  for (const int fd : log) close(fd);
 }
 
 }  // namespace

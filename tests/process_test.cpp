@@ -105,7 +105,7 @@ void OnEvent(const oxEventRecord* event, void*) {
   ++g_delivered;
 }
 
-uint32_t Start(const char* settings = "settings.xml") {
+uint32_t Start(const char* settings = "settings-of-the-host.xml") {
   uint32_t id = 0;
   const uint32_t result = ox->Initialize(settings);
   return result == OXEVENT_OK ? ox->RegisterCallback(OnEvent, nullptr, &id) : result;
@@ -137,7 +137,7 @@ struct ProcessTest : testing::Test {
     const auto run = [host]() -> int {
       alarm(240);
       g_returned = open("returned", O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-      WriteSettings("settings.xml", "events.csv");
+      WriteSettings("settings-of-the-host.xml", "events.csv");
       WriteSettings("own.xml", "own.csv");  // For later runs, and for children.
       // Before the library is loaded: destructors of its static objects, if it had any, would run before the handler.
       atexit([] {
@@ -288,8 +288,15 @@ TEST_F(ProcessTest, AFileSizeLimitCostsRowsButNotTheProcess) {
   ExpectExit(0, [] {
     const rlimit limit = {std::filesystem::file_size("events.csv"), RLIM_INFINITY};
     Check(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    Check(pthread_sigmask(SIG_BLOCK, &signals, nullptr), 0);
+    Check(raise(SIGPIPE), 0);
     Submit(1);
     Check(ox->Flush(0), OXEVENT_FAILURE);
+    Check(sigpending(&signals), 0);
+    Check(sigismember(&signals, SIGPIPE), 1);  // The host's own signal stays pending.
   });
   EXPECT_EQ(rows, Messages{"message"});
 }

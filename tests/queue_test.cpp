@@ -100,12 +100,30 @@ TEST_F(QueueTest, TurnsAwayEventsBeforeItsStartAndAfterAReset) {
 TEST_F(QueueTest, TurnsAwayAnEventThatItHasAlreadyCopied) {
   queue.Start(3, Policy::kDropNewest);
   oxEventNodePool pool;
-  oxEventNodePtr node = pool.Create();
-  ASSERT_TRUE(node->event.Assign(Event("a", kInfo)));  // The node has room, so "b" is copied first.
   queue.StopAccepting();
-  EXPECT_EQ(queue.Enqueue(Event("b", kInfo), &node), Result::kNotAccepting);
-  ASSERT_NE(node, nullptr);
-  EXPECT_EQ(node->event.Get().message, "b");
+  for (const std::string& message : {std::string("b"), std::string(5000, 'b')}) {
+    oxEventNodePtr node = pool.Create();
+    ASSERT_TRUE(node->event.Assign(Event(std::string(5000, 'a'), kInfo)));  // The node has room: copies first.
+    EXPECT_EQ(queue.Enqueue(Event(message, kInfo), &node), Result::kNotAccepting);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->event.Get().message, message.size() > 4096 ? "" : message);  // The memory of long texts is freed.
+  }
+}
+
+TEST(oxEventNodePool, KeepsTheSurplusForASecondAfterABurst) {
+  using Clock = oxEventNodePool::Clock;
+  oxEventNodePool pool;
+  const auto before = Clock::now();
+  const auto deadline = pool.SurplusDeadline(33);
+  EXPECT_GE(deadline, before + 1s);
+  EXPECT_LE(deadline, Clock::now() + 1s);
+  EXPECT_EQ(pool.SurplusDeadline(65), deadline);  // 32 events are not a burst.
+  oxEventNodeStack nodes;
+  for (int i = 0; i < 200; ++i) nodes.Push(pool.Create());
+  int looks = 0;
+  pool.Shrink(&nodes, [&] { return ++looks <= 3; });  // A batch has 64 nodes.
+  EXPECT_EQ(nodes.Size(), 32u);
+  EXPECT_EQ(looks, 3);
 }
 
 TEST_F(QueueTest, RecordsEveryDropByItsReason) {

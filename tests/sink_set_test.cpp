@@ -19,7 +19,7 @@ const string kHeader =
     "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json\n";
 const string kFullRow =
     "65536,18446744073709551615,2023-11-14T22:13:20.123456789Z,1700000000123456789,error,A\t,t t,\"s\"\"\\]\","
-    "[n]\1\xFF,d\\,\b\f\v\x1F\x7F/,\"\"\"a\n\n\"\",b\",nan,0.10000000000000001,\"\xC2\xB0\r\",18446744073709551613,"
+    "[n]\1\xFF,d\\,\b\f\v\x1F\x7F/,\"\"\"a\n\n\"\",b\",nan,0.14285714285714285,\"\xC2\xB0\r\",18446744073709551613,"
     "18446744073709551614,-9223372036854775808,],\"{\"\"]\"\n";
 string Row(const string& message) {
   return "65536,0,1970-01-01T00:00:00.000000000Z,0,info,,,,,,," + message + ",0,0,,0,0,0,,\n";
@@ -96,7 +96,7 @@ TEST_F(CsvSinkTest, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
 }
 
 TEST_F(CsvSinkTest, OpensOnAFullDiskAndWritesTheHeaderWithTheFirstRow) {
-  for (const string appended : {"", "appended\n"}) {
+  for (const string appended : {"", "\n"}) {
     std::ofstream(path) << "";
     {
       bool is_full = false;
@@ -124,11 +124,27 @@ TEST_F(CsvSinkTest, AFailedReloadLeavesNoNewFile) {
   EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
   EXPECT_EQ(ReadFile(path), kHeader);
   std::filesystem::rename(path, path + ".1");
-  EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_FALSE(std::filesystem::exists(path));
+  for (const int error : {0, ENOSPC}) {  // With a full disk, the new file is empty.
+    const Faults faults([error](std::string_view call, long) { return call == "write" ? error : 0; });
+    EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
+    EXPECT_FALSE(std::filesystem::exists(path));
+  }
   EXPECT_EQ(Submit("a"), OXEVENT_OK);
   EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
   EXPECT_EQ(ReadFile(path + ".1"), kHeader + Row("a"));
+}
+
+TEST_F(CsvSinkTest, FlushesAndDrainsEverySink) {
+  config.sinks.push_back(config.sinks[0]);
+  config.sinks[1].path = path + "2";
+  std::ofstream(path + "2") << "\n";  // Not empty, so it gets no header.
+  ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
+  EXPECT_EQ(Submit("a,b"), OXEVENT_OK);
+  EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
+  EXPECT_EQ(ReadFile(path) + ReadFile(path + "2"), kHeader + Row("\"a,b\"") + "\n" + Row("\"a,b\""));
+  EXPECT_EQ(Submit("\n"), OXEVENT_OK);
+  EXPECT_EQ(oxEventSinkReloadConfig({}), OXEVENT_OK);
+  for (const char* name : {"", "2"}) EXPECT_TRUE(ReadFile(path + name).ends_with(Row("\"\n\"")));
 }
 
 TEST_F(CsvSinkTest, HasRoomForARowOfQuotes) {
@@ -156,10 +172,12 @@ TEST_F(CsvSinkTest, NewRowsAndFlushesWaitForADeliveryToTheReplacedSink) {
   HeldDelivery held;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_OK);
   EXPECT_EQ(oxEventSinkFlush(1), OXEVENT_FAILURE);
+  auto flush = InBackground([] { return oxEventSinkFlush(UINT32_MAX); });
   auto new_row = InBackground([] { return Submit("new"); });
   EXPECT_EQ(new_row.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   EXPECT_EQ(held.End(), OXEVENT_OK);
   EXPECT_EQ(new_row.get(), OXEVENT_OK);
+  EXPECT_EQ(flush.get(), OXEVENT_OK);
   EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
   EXPECT_EQ(ReadFile(path), kHeader + Row("held") + Row("new"));
 }
@@ -178,8 +196,10 @@ TEST_F(CsvSinkTest, FlushFailsAfterAReloadForRowsLostSinceTheLastFlush) {
   for (const bool loses_another : {true, false}) {
     const Faults faults(kDiskIsFull);
     EXPECT_EQ(Submit("a"), OXEVENT_OK);
-    EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_FAILURE);
-    if (loses_another) Submit("b");
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_FAILURE);
+    if (loses_another) {
+      EXPECT_EQ(Submit("b"), OXEVENT_FAILURE);
+    }
     EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_OK);
     EXPECT_EQ(oxEventSinkFlush(0), loses_another ? OXEVENT_FAILURE : OXEVENT_OK);
     EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_OK);
@@ -210,8 +230,14 @@ TEST_F(CsvSinkTest, TryFlushDoesNotWaitForADelivery) {
 
 TEST_F(CsvSinkTest, ReportsItsFailuresAndThoseOfCallbacks) {
   ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
+  const oxEventCallback throws = [](const oxEventRecord*, void*) { throw 1; };
+  uint32_t removed = 0;
   uint32_t id = 0;
-  ASSERT_EQ(oxEventSinkRegisterCallback([](const oxEventRecord*, void*) { throw 1; }, nullptr, &id), OXEVENT_OK);
+  EXPECT_EQ(oxEventSinkRegisterCallback(nullptr, nullptr, &id), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventSinkRegisterCallback(throws, nullptr, nullptr), OXEVENT_INVALID_ARGUMENT);
+  ASSERT_EQ(oxEventSinkRegisterCallback(throws, nullptr, &removed), OXEVENT_OK);
+  ASSERT_EQ(oxEventSinkRegisterCallback(throws, nullptr, &id), OXEVENT_OK);
+  EXPECT_EQ(oxEventSinkUnregisterCallback(removed), OXEVENT_OK);
   const Faults faults(kDiskIsFull);
   uint64_t failed_sinks = 0;
   uint64_t warnings = 9;

@@ -13,7 +13,7 @@ inline constexpr oxEventNormalizedEvent kFullEvent = {
     .event_id = UINT64_MAX, .event_type = "t t", .source_id = "s\"\\]", .source_name = "[n]\1\xFF",
     .message = "\"a\n\n\",b", .severity = 3, .action = "A\t", .dedupe_key = "d\\",
     .correlation_id = "\b\f\v\x1F\x7F/", .utc_ns = 1'700'000'000'123'456'789, .ptp_ns = UINT64_MAX - 1,
-    .pts = INT64_MIN, .timecode = "]", .value = NAN, .threshold = 0.1, .units = "\xC2\xB0\r",
+    .pts = INT64_MIN, .timecode = "]", .value = NAN, .threshold = 1.0 / 7, .units = "\xC2\xB0\r",
     .duration_ms = UINT64_MAX - 2, .details_json = "{\"]"};
 // clang-format on
 
