@@ -1,5 +1,6 @@
 #include "end_to_end.h"
 
+#include <dlfcn.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -42,11 +44,14 @@ constexpr Load kLoads[] = {
     {"storm_1", Pace::kStorms, 1, 40 * kEventsPerStorm, 10 * kNsPerMs, 1024},
     {"storm_2", Pace::kStorms, 2, 40 * kEventsPerStorm, 10 * kNsPerMs, 1024},
     {"storm_8", Pace::kStorms, 8, 40 * kEventsPerStorm, 10 * kNsPerMs, 1024},
+    {"storm_64", Pace::kStorms, 64, 40 * 960, 10 * kNsPerMs, 1024},  // 15 events of each thread.
     {"paced_20000", Pace::kSpinning, 1, 20'000, kNsPerSecond / 20'000, 1024},
     {"paced_1000", Pace::kSleeping, 1, 1500, kNsPerSecond / 1000, 1024},
     {"idle", Pace::kSleeping, 1, 60, 20 * kNsPerMs, 1024},
     {"million", Pace::kBackToBack, 1, 1'000'000, 0, 1 << 20},
     {"million_1024", Pace::kBackToBack, 1, 1'000'000, 0, 1024},
+    {"million_10000", Pace::kBackToBack, 1, 1'000'000, 0, 10'000},
+    {"million_100000", Pace::kBackToBack, 1, 1'000'000, 0, 100'000},
 };
 
 uint64_t Now(clockid_t clock = CLOCK_MONOTONIC) {
@@ -80,6 +85,8 @@ struct Worker {
   }
 };
 Worker g_worker;
+std::atomic<bool> g_hold_worker = false;  // Keeps the worker in Delivered.
+const Logger* g_logger = nullptr;
 
 // Indexed by event id minus g_first_id. The ids of the warm-up start at 0, those of the measurement after them.
 std::vector<uint64_t> g_submitted_ns;
@@ -95,22 +102,23 @@ void SubmitOne(oxEventRecord* record, uint64_t index) {
   record->utc_ns = record->ptp_ns = Now() + g_utc_minus_monotonic;
   const uint64_t start = Now();
   g_submitted_ns[index] = start;
-  LoggerSubmit(*record);
+  g_logger->submit(*record);
   g_submit_duration_ns[index] = Now() - start;
 }
 
 // Returns the callers' allocations.
 size_t RunStorms(const Load& load, uint32_t events) {
   const uint32_t events_per_thread = kEventsPerStorm / load.threads;
+  const uint32_t storms = events / (events_per_thread * load.threads);
   std::barrier start(load.threads + 1);
   std::barrier end(load.threads + 1);
   std::atomic<size_t> allocations = 0;
   const auto body = [&](uint32_t thread) {
     oxEventRecord record = OrdinaryRecord();
-    for (uint32_t storm = 0; storm < events / kEventsPerStorm; ++storm) {
+    for (uint32_t storm = 0; storm < storms; ++storm) {
       start.arrive_and_wait();
       const size_t allocations_before = t_allocations;
-      const uint32_t first = storm * kEventsPerStorm + thread * events_per_thread;
+      const uint32_t first = (storm * load.threads + thread) * events_per_thread;
       for (uint32_t i = 0; i < events_per_thread; ++i) SubmitOne(&record, first + i);
       allocations += t_allocations - allocations_before;
       end.arrive_and_wait();
@@ -118,11 +126,11 @@ size_t RunStorms(const Load& load, uint32_t events) {
   };
   std::vector<std::thread> threads;
   for (uint32_t i = 0; i < load.threads; ++i) threads.emplace_back(body, i);
-  for (uint32_t storm = 0; storm < events / kEventsPerStorm; ++storm) {
+  for (uint32_t storm = 0; storm < storms; ++storm) {
     SleepUntil(Now() + load.interval_ns);
     start.arrive_and_wait();
     end.arrive_and_wait();
-    LoggerDrain();
+    g_logger->drain();
   }
   for (std::thread& thread : threads) thread.join();
   return allocations;
@@ -141,7 +149,7 @@ size_t RunOneThread(const Load& load, uint32_t events) {
     SubmitOne(&record, i);
   }
   const size_t allocations = t_allocations - allocations_before;
-  LoggerDrain();
+  g_logger->drain();
   return allocations;
 }
 
@@ -153,17 +161,21 @@ size_t Run(const Load& load, uint32_t events) {
 // Warm-up: fills the queue, so that it allocates all of its memory.
 void FillQueue(const Load& load) {
   oxEventRecord record = OrdinaryRecord();
-  const uint32_t events = load.queue_size + load.queue_size / 2 + kEventsPerStorm;
-  for (uint32_t i = 0; i < events; ++i) SubmitOne(&record, i % load.events);
-  LoggerDrain();
+  g_hold_worker = true;
+  for (uint32_t i = 0; i < load.queue_size; ++i) SubmitOne(&record, i % load.events);
+  g_hold_worker = false;
+  g_hold_worker.notify_one();
+  g_logger->drain();
 }
 
+// Exact, unlike /proc/self/statm.
 uint64_t ResidentKib() {
-  std::ifstream statm("/proc/self/statm");
-  uint64_t size = 0;
-  uint64_t resident = 0;
-  statm >> size >> resident;
-  return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+  std::ifstream rollup("/proc/self/smaps_rollup");
+  constexpr std::string_view kLabel = "Rss:";
+  for (std::string line; std::getline(rollup, line);) {
+    if (line.starts_with(kLabel)) return std::strtoull(line.c_str() + kLabel.size(), nullptr, 10);
+  }
+  return 0;
 }
 
 uint64_t PeakResidentKib() {
@@ -196,21 +208,32 @@ size_t PrintDelays() {
   std::sort(delays.begin(), delays.end());
   const size_t lost = g_delivered_ns.size() - delays.size();
   if (delays.empty()) {
-    fprintf(stderr, "%s delivered no events\n", kLoggerName);
+    fprintf(stderr, "no events were delivered\n");
     exit(1);
   }
   printf(R"("delay_ns":{"p50":%lu,"p99":%lu},)", Percentile(delays, 0.5), Percentile(delays, 0.99));
   return lost;
 }
 
-int Measure(const Load& load, const std::string& directory) {
+// Loads the logger's module, which lies beside this program, and with it the logger's libraries.
+const Logger* LoadLogger(const std::string& name) {
+  const auto program = std::filesystem::read_symlink("/proc/self/exe");
+  void* const module = dlopen((program.parent_path() / ("end_to_end_" + name + ".so")).c_str(), RTLD_NOW);
+  void* const logger = module == nullptr ? nullptr : dlsym(module, "kLogger");
+  if (logger != nullptr) return static_cast<const Logger*>(logger);
+  fprintf(stderr, "%s\n", dlerror());
+  exit(1);
+}
+
+void Measure(const std::string& name, const Load& load, const std::string& directory) {
   g_submitted_ns.assign(load.events, 1);
   g_submit_duration_ns.assign(load.events, 1);
   g_delivered_ns.assign(load.events, 1);
   const uint64_t resident_before = ResidentKib();
-  LoggerStart(directory, load.queue_size);
+  g_logger = LoadLogger(name);
+  g_logger->start(directory, load.queue_size);
   g_first_id = 0;
-  if (kHasWorker) FillQueue(load);
+  if (g_logger->has_worker) FillQueue(load);
   Run(load, load.pace == Pace::kStorms ? 5 * kEventsPerStorm : load.events / 10);
 
   std::fill(g_delivered_ns.begin(), g_delivered_ns.end(), 0);
@@ -223,13 +246,13 @@ int Measure(const Load& load, const std::string& directory) {
   const auto worker_allocations = static_cast<double>(g_worker.allocations - allocations_before);
   const auto worker_cpu = static_cast<double>(g_worker.CpuNs() - cpu_before);
   const auto wakeups = static_cast<double>(g_worker.Wakeups() - wakeups_before);
-  const uint64_t peak = PeakResidentKib();  // May be below resident_before: the kernel updates the peak late.
-  const uint64_t memory = peak > resident_before ? peak - resident_before : 0;
+  // The kernel updates the peak late.
+  const uint64_t memory = std::max(PeakResidentKib(), ResidentKib()) - resident_before;
 
   const auto events = static_cast<double>(load.events);
-  printf(R"({"logger":"%s","load":"%s","threads":%u,"events":%u,)", kLoggerName, load.name, load.threads, load.events);
+  printf(R"({"logger":"%s","load":"%s","threads":%u,"events":%u,)", name.c_str(), load.name, load.threads, load.events);
   size_t lost = 0;
-  if (kHasWorker) {
+  if (g_logger->has_worker) {
     lost = PrintDelays();
     const auto delivered = static_cast<double>(load.events - lost);
     const uint64_t end = *std::max_element(g_delivered_ns.begin(), g_delivered_ns.end());
@@ -255,8 +278,7 @@ int Measure(const Load& load, const std::string& directory) {
   printf(R"("caller_allocations":%.6g,"memory_kib":%lu})"
          "\n",
          caller_allocations / events, memory);
-  LoggerStop();
-  return 0;
+  g_logger->stop();
 }
 
 }  // namespace
@@ -266,6 +288,7 @@ void Delivered(uint64_t event_id) {
     pthread_getcpuclockid(pthread_self(), &g_worker.cpu_clock);
     g_worker.tid = gettid();
   }
+  g_hold_worker.wait(true);
   g_worker.allocations.store(t_allocations, std::memory_order_relaxed);
   const uint64_t index = event_id - g_first_id;
   if (index < g_delivered_ns.size()) g_delivered_ns[index] = Now();
@@ -273,10 +296,10 @@ void Delivered(uint64_t event_id) {
 
 int main(int argc, char** argv) {
   const Load* load = std::find_if(std::begin(kLoads), std::end(kLoads), [&](const Load& candidate) {
-    return argc == 2 && std::string_view(argv[1]) == candidate.name;
+    return argc == 3 && std::string_view(argv[2]) == candidate.name;
   });
   if (load == std::end(kLoads)) {
-    fprintf(stderr, "usage: %s LOAD, where LOAD is one of:", argv[0]);
+    fprintf(stderr, "usage: %s LOGGER LOAD, where LOAD is one of:", argv[0]);
     for (const Load& known : kLoads) fprintf(stderr, " %s", known.name);
     fprintf(stderr, "\n");
     return 2;
@@ -287,7 +310,6 @@ int main(int argc, char** argv) {
     perror(directory.c_str());
     return 1;
   }
-  const int result = Measure(*load, directory);
+  Measure(argv[1], *load, directory);
   std::filesystem::remove_all(directory);
-  return result;
 }

@@ -5,9 +5,6 @@
 
 #include "end_to_end.h"
 
-const char* const kLoggerName = "oxevent";
-const bool kHasWorker = true;
-
 namespace {
 
 void Check(uint32_t result, const char* what) {
@@ -18,9 +15,7 @@ void Check(uint32_t result, const char* what) {
   exit(1);
 }
 
-}  // namespace
-
-void LoggerStart(const std::string& directory, uint32_t queue_size) {
+void Start(const std::string& directory, uint32_t queue_size) {
   const std::string settings = directory + "/settings.xml";
   std::ofstream(settings) << R"(<config><key name="QVX"><key name="Events">
     <key name="core"><value name="queue_size">)"
@@ -37,8 +32,12 @@ void LoggerStart(const std::string& directory, uint32_t queue_size) {
   Check(oxEventRegisterCallback(callback, nullptr, &id), "oxEventRegisterCallback");
 }
 
-void LoggerSubmit(const oxEventRecord& record) { Check(oxEventSubmit(&record), "oxEventSubmit"); }
+void Submit(const oxEventRecord& record) { Check(oxEventSubmit(&record), "oxEventSubmit"); }
 
-void LoggerDrain() { Check(oxEventFlush(0), "oxEventFlush"); }
+void Drain() { Check(oxEventFlush(0), "oxEventFlush"); }
 
-void LoggerStop() { Check(oxEventShutdown(), "oxEventShutdown"); }
+void Stop() { Check(oxEventShutdown(), "oxEventShutdown"); }
+
+}  // namespace
+
+const Logger kLogger = {true, Start, Submit, Drain, Stop};

@@ -13,13 +13,10 @@
 #include "end_to_end.h"
 
 #ifdef OXEVENT_BENCH_OVERRUN
-const char* const kLoggerName = "spdlog_overrun";
 constexpr auto kPolicy = spdlog::async_overflow_policy::overrun_oldest;
 #else
-const char* const kLoggerName = "spdlog_block";
 constexpr auto kPolicy = spdlog::async_overflow_policy::block;
 #endif
-const bool kHasWorker = true;
 
 namespace {
 
@@ -42,9 +39,7 @@ std::shared_ptr<spdlog::async_logger> g_logger;
 std::shared_ptr<ProbeSink> g_probe;
 uint64_t g_flushes = 0;
 
-}  // namespace
-
-void LoggerStart(const std::string& directory, uint32_t queue_size) {
+void Start(const std::string& directory, uint32_t queue_size) {
   g_pool = std::make_shared<spdlog::details::thread_pool>(queue_size, 1);
   g_probe = std::make_shared<ProbeSink>();
   const spdlog::sink_ptr file = std::make_shared<spdlog::sinks::basic_file_sink_mt>(directory + "/events.csv");
@@ -54,19 +49,23 @@ void LoggerStart(const std::string& directory, uint32_t queue_size) {
   g_logger = std::make_shared<spdlog::async_logger>("events", std::begin(sinks), std::end(sinks), g_pool, kPolicy);
 }
 
-void LoggerSubmit(const oxEventRecord& e) {
+void Submit(const oxEventRecord& e) {
   g_logger->warn("{},{},{},{},{},{},{},{},{},{},{},{},{},{},{},{},{}", e.event_id, e.action, e.event_type, e.source_id,
                  e.source_name, e.dedupe_key, e.correlation_id, e.message, e.value, e.threshold, e.units, e.duration_ms,
                  e.utc_ns, e.ptp_ns, e.pts, e.timecode, e.details_json);
 }
 
-void LoggerDrain() {
+void Drain() {
   g_logger->flush();
   ++g_flushes;
   while (g_probe->flushes < g_flushes) std::this_thread::sleep_for(std::chrono::microseconds(200));
 }
 
-void LoggerStop() {
+void Stop() {
   g_logger.reset();
   g_pool.reset();
 }
+
+}  // namespace
+
+const Logger kLogger = {true, Start, Submit, Drain, Stop};

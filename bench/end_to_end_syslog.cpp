@@ -12,9 +12,6 @@
 
 #include "end_to_end.h"
 
-const char* const kLoggerName = "syslog";
-const bool kHasWorker = false;
-
 namespace {
 
 constexpr char kLogSocket[] = "/dev/log";
@@ -26,9 +23,7 @@ pid_t g_daemon = 0;
   while (true) static_cast<void>(read(fd, line, sizeof(line)) == 0);
 }
 
-}  // namespace
-
-void LoggerStart(const std::string& /*directory*/, uint32_t /*queue_size*/) {
+void Start(const std::string& /*directory*/, uint32_t /*queue_size*/) {
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un address = {AF_UNIX, {}};
   std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kLogSocket);
@@ -42,17 +37,21 @@ void LoggerStart(const std::string& /*directory*/, uint32_t /*queue_size*/) {
   openlog("bench", LOG_PID | LOG_NDELAY, LOG_LOCAL4);
 }
 
-void LoggerSubmit(const oxEventRecord& e) {
+void Submit(const oxEventRecord& e) {
   syslog(LOG_WARNING,
          "%" PRIu64 ",%s,%s,%s,%s,%s,%s,%s,%.17g,%.17g,%s,%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRId64 ",%s,%s",
          e.event_id, e.action, e.event_type, e.source_id, e.source_name, e.dedupe_key, e.correlation_id, e.message,
          e.value, e.threshold, e.units, e.duration_ms, e.utc_ns, e.ptp_ns, e.pts, e.timecode, e.details_json);
 }
 
-void LoggerDrain() {}
+void Drain() {}
 
-void LoggerStop() {
+void Stop() {
   closelog();
   kill(g_daemon, SIGKILL);
   unlink(kLogSocket);
 }
+
+}  // namespace
+
+const Logger kLogger = {false, Start, Submit, Drain, Stop};

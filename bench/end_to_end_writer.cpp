@@ -8,24 +8,19 @@
 
 #include "end_to_end.h"
 
-const char* const kLoggerName = "writer";
-const bool kHasWorker = false;
-
 namespace {
 
 FILE* g_file = nullptr;
 std::mutex g_mutex;
 
-}  // namespace
-
-void LoggerStart(const std::string& directory, uint32_t /*queue_size*/) {
+void Start(const std::string& directory, uint32_t /*queue_size*/) {
   g_file = fopen((directory + "/events.csv").c_str(), "a");
   if (g_file != nullptr) return;
   perror(directory.c_str());
   exit(1);
 }
 
-void LoggerSubmit(const oxEventRecord& e) {
+void Submit(const oxEventRecord& e) {
   const auto second = static_cast<time_t>(e.utc_ns / 1'000'000'000);
   tm utc;
   gmtime_r(&second, &utc);
@@ -43,6 +38,10 @@ void LoggerSubmit(const oxEventRecord& e) {
   exit(1);
 }
 
-void LoggerDrain() { fflush(g_file); }
+void Drain() { fflush(g_file); }
 
-void LoggerStop() { fclose(g_file); }
+void Stop() { fclose(g_file); }
+
+}  // namespace
+
+const Logger kLogger = {false, Start, Submit, Drain, Stop};
