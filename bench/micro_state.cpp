@@ -1,4 +1,4 @@
-// oxEventState: each action, with a table that fits into the CPU caches and with one that does not.
+// oxEventState: each action, with tables from one that fits into the CPU caches to one that is far larger.
 #include <unistd.h>
 
 #include <algorithm>
@@ -135,7 +135,7 @@ Conditions::Conditions(uint32_t raised) : raised_(raised), conditions_(raised + 
 }  // namespace
 
 void RegisterStateBenchmarks() {
-  for (const uint32_t size : {1'000u, 1'000'000u}) {
+  for (const uint32_t size : {1'000u, 10'000u, 100'000u, 1'000'000u}) {
     // Created on first use, and shared by the benchmarks of this size.
     const auto shared = std::make_shared<std::unique_ptr<Conditions>>();
     const auto get = [shared, size]() -> Conditions& {

@@ -1,0 +1,87 @@
+// What threads share that submit at the same time: each step alone, and with a second thread that does the same.
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <thread>
+
+#include "base/oxEventArchitecture.h"
+#include "base/oxEventMutex.h"
+#include "core/oxEventSubmitSlots.h"
+#include "micro.h"
+
+namespace {
+
+oxEventMutex g_mutex;
+uint64_t g_locked_count OX_GUARDED_BY(g_mutex) = 0;
+std::atomic<uint64_t> g_id = 0;
+oxEventSubmitSlots g_slots;
+
+void QueueLock(benchmark::State& state) {
+  Repeat(state, [] {
+    oxEventLock lock(g_mutex);
+    return ++g_locked_count > 0;
+  });
+}
+BENCHMARK(QueueLock)->Name("Shared/queue_lock")->ThreadRange(1, 2);
+
+void IdCounter(benchmark::State& state) {
+  Repeat(state, [] { return g_id.fetch_add(1, std::memory_order_relaxed) + 1 > 0; });
+}
+BENCHMARK(IdCounter)->Name("Shared/id_counter")->ThreadRange(1, 2);
+
+void SubmitSlot(benchmark::State& state) {
+  Repeat(state, [] { return *oxEventSubmitSlots::Lease(&g_slots).NodeCache() == nullptr; });
+}
+BENCHMARK(SubmitSlot)->Name("Shared/submit_slot")->ThreadRange(1, 2);
+
+// The memory of an event: 16 cache lines, each of which says where the next one is.
+class Lines {
+ public:
+  Lines() {
+    for (size_t i = 0; i < lines_.size(); ++i) lines_[i].next = (i * 5 + 1) % lines_.size();  // Visits all lines.
+  }
+  static constexpr size_t kCount = 16;
+
+  void Write() {
+    for (size_t i = 0, at = 0; i < kCount; ++i, at = lines_[at].next) ++lines_[at].writes;
+  }
+
+ private:
+  struct alignas(64) Line {
+    size_t next = 0;
+    uint64_t writes = 0;
+  };
+  std::array<Line, kCount> lines_;
+};
+
+// Time of one cache line. With two threads, the other one has written to all lines before.
+void EventMemory(benchmark::State& state) {
+  using Clock = std::chrono::steady_clock;
+  enum Turn { kOurs, kTheirs, kEnd };
+  Lines lines;
+  std::atomic<Turn> turn = kOurs;
+  std::thread other([&] {
+    while (turn != kEnd) {
+      if (turn == kTheirs) {
+        lines.Write();
+        turn = kOurs;
+      }
+      oxEventSpinPause();
+    }
+  });
+  for (auto _ : state) {
+    if (state.range(0) == 2) turn = kTheirs;
+    while (turn != kOurs) oxEventSpinPause();
+    const Clock::time_point start = Clock::now();
+    lines.Write();
+    benchmark::ClobberMemory();
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count() / Lines::kCount);
+  }
+  turn = kEnd;
+  other.join();
+}
+BENCHMARK(EventMemory)->Name("Shared/event_memory")->ArgName("threads")->DenseRange(1, 2)->UseManualTime();
+
+}  // namespace
