@@ -1,5 +1,6 @@
-// End-to-end benchmark: from the call on a host's thread until the event is written. end_to_end.cpp is the program. Each
-// logger is a module that the program loads with dlopen, so that the memory of the logger's libraries can be measured.
+// End-to-end benchmark: from the call on a host's thread until the event is written. end_to_end.cpp is the program.
+// Each logger is a module that the program loads with dlopen, so that the memory of the logger's libraries can be
+// measured.
 #pragma once
 
 #include <cstdint>

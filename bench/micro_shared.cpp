@@ -4,10 +4,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 
 #include "base/oxEventArchitecture.h"
 #include "base/oxEventMutex.h"
+#include "core/oxEventQueue.h"
 #include "core/oxEventSubmitSlots.h"
 #include "micro.h"
 
@@ -35,6 +37,36 @@ void SubmitSlot(benchmark::State& state) {
   Repeat(state, [] { return *oxEventSubmitSlots::Lease(&g_slots).NodeCache() == nullptr; });
 }
 BENCHMARK(SubmitSlot)->Name("Shared/submit_slot")->ThreadRange(1, 2);
+
+// A queue that is emptied after each batch, as the worker would do.
+struct EmptiedQueue {
+  EmptiedQueue() { queue.Start(8192, oxEventDropPolicy::kDropNewest); }
+
+  bool Empty() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    while (queue.HasPending() && queue.WaitPop() != nullptr) {
+    }
+    queue.CompleteActiveEvent();
+    return true;
+  }
+
+  oxEventDropLedger drops;
+  oxEventQueue queue{&drops};
+  std::mutex mutex;  // Held by the thread that acts as the worker.
+};
+
+// All threads use the same queue, or each its own.
+void Enqueue(benchmark::State& state, bool same_queue) {
+  static std::array<EmptiedQueue, 2> queues;
+  EmptiedQueue& emptied = queues[same_queue ? 0 : static_cast<size_t>(state.thread_index())];
+  const oxEventNormalizedEvent event = CompleteEvent();
+  oxEventNodePtr node_cache;
+  RepeatInBatches(
+      state, 1024, [&] { return emptied.queue.Enqueue(event, &node_cache) == oxEventEnqueueResult::kQueued; },
+      [&] { return emptied.Empty(); });
+}
+BENCHMARK_CAPTURE(Enqueue, one_queue, true)->Name("Shared/one_queue")->ThreadRange(1, 2);
+BENCHMARK_CAPTURE(Enqueue, own_queue, false)->Name("Shared/own_queue")->ThreadRange(1, 2);
 
 // The memory of an event: 16 cache lines, each of which says where the next one is.
 class Lines {

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Writes docs/performance.md and its charts from the results of a benchmark run.
 
-bench_report.py RESULTS_DIRECTORY
+bench_report.py RESULTS_DIRECTORY [PAGE_DIRECTORY]   Default: docs.
 
-The directory contains end_to_end.jsonl (one object per round, logger and load), micro.json (output of Google Benchmark
-with repetitions) and machine.json (describes the machine). The template of the page is bench/performance.md.in.
+The results are end_to_end.jsonl (one object per round, logger and load), load.jsonl (one object per round, library and
+kind of host), micro.json (output of Google Benchmark with repetitions) and machine.json (describes the machine). The
+template of the page is bench/performance.md.in.
 bench/notes.md explains missed targets in sections "## ID [ID]...": the page shows a section if one of its targets is
 missed.
 
@@ -23,7 +24,7 @@ from statistics import median
 from typing import NamedTuple
 
 sys.dont_write_bytecode = True
-from bench_chart import Bar, Panel, chart  # noqa: E402
+from bench_chart import Bar, Curve, CurvePanel, Panel, chart  # noqa: E402
 
 ROOT = Path(__file__).resolve().parent.parent
 MIN_ROUNDS = 5
@@ -35,12 +36,20 @@ COLOURS = {"oxevent": "#1d5fbf", "spdlog_block": "#d9730d", "spdlog_overrun": "#
 LOADS = {"storm_1": "Storm: 1,000 events into an idle library, 1 thread",
          "storm_2": "Storm: 1,000 events into an idle library, 2 threads",
          "storm_8": "Storm: 1,000 events into an idle library, 8 threads",
+         "storm_64": "Storm: 960 events into an idle library, 64 threads",
          "paced_20000": "20,000 events per second", "paced_1000": "1,000 events per second, from a thread that sleeps",
          "idle": "Idle: single events, 20 ms apart",
          "million": "A million events back to back, queue large enough for all",
-         "million_1024": "A million events back to back, queue of 1024"}
-GROWING = "million"  # Allocates whenever its queue is longer than before: not a steady state.
-OPTIONAL = ({(load, logger) for load in ("million", "million_1024") for logger in ("spdlog_overrun", "writer")}
+         "million_1024": "A million events back to back, queue of 1024",
+         "million_10000": "A million events back to back, queue of 10,000",
+         "million_100000": "A million events back to back, queue of 100,000"}
+# Loads that only the curves and the tables show.
+GROWTH_LOADS = ("storm_64", "million_10000", "million_100000")
+THREADS = {"storm_1": 1, "storm_2": 2, "storm_8": 8, "storm_64": 64}
+QUEUE_SIZES = {"million_1024": 1024, "million_10000": 10_000, "million_100000": 100_000, "million": 1 << 20}
+CONDITIONS = (1000, 10_000, 100_000, 1_000_000)
+# scripts/bench runs spdlog_overrun and writer with a large queue only where the bar charts need them.
+OPTIONAL = ({(load, logger) for load in QUEUE_SIZES for logger in ("spdlog_overrun", "writer")}
             | {(load, "syslog") for load in LOADS})  # scripts/bench skips syslog if the machine runs a log daemon.
 
 # Units: name, and size in units of the results.
@@ -57,6 +66,24 @@ CALLER = (("Submit p50", "submit_ns.p50", TIME), ("p99", "submit_ns.p99", TIME),
 WORKER = (("delay p50", "delay_ns.p50", TIME), ("delay p99", "delay_ns.p99", TIME),
           ("worker's CPU", "worker_cpu_ns", TIME), ("wake-ups", "worker_wakeups", PLAIN),
           ("allocations", "worker_allocations", PLAIN))
+LOAD_COSTS = (("`dlopen`, warm", "load_ns", TIME), ("cold", "cold_ns", TIME), ("memory", "resident_kib", MEMORY),
+              ("of which private", "private_kib", MEMORY))
+LIBRARIES = {"oxevent": "`liboxEvent` with `liboxutil`", "http": "`liboxutil-http`, only for HTTP sinks",
+             "spdlog": "`libspdlog` with `libfmt`"}
+HOSTS = ("C", "C++")
+COUNTED = {"submit": "`oxEventSubmit`, all fields set", "submit_small": "`oxEventSubmit`, few fields set",
+           "submit_simple": "`oxEventSubmitSimple`", "submit_dropped": "`oxEventSubmit`, the queue is full",
+           "submit_filtered": "`oxEventSubmit`, severity below the minimum",
+           "worker_callback": "worker: raise or clear, with a callback",
+           "worker_update": "worker: update, with a callback", "worker_suppressed": "worker: suppressed duplicate",
+           "worker_csv": "worker: raise or clear, with the callback and CSV",
+           "worker_syslog": "the same with UDP syslog instead of CSV", "worker_snmp": "the same with an SNMP trap",
+           "worker_alertmanager": "the same with an Alertmanager document", "native_json": "formatting native JSON",
+           "cloudevents_json": "formatting a CloudEvents document"}
+SHARED = {"queue_lock": "the queue's lock, taken and released", "id_counter": "the counter of event ids, incremented",
+          "submit_slot": "a submit slot, leased and returned", "event_memory": "a cache line of an event, written",
+          "one_queue": "an event copied and queued, in the same queue",
+          "own_queue": "the same, in a queue of each thread's own"}
 QUIET = (("CPU in a quiet second", "quiet_cpu_ns", TIME), ("wake-ups in it", "quiet_wakeups", PLAIN))
 
 
@@ -147,7 +174,8 @@ class Micro:
                 raise BadResults(f"{path}: {name} failed: {item.get('error_message')}")
             unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[item["time_unit"]]
             # CPU time, because other processes run too; but a post mostly waits for its response.
-            measure = "real_time" if name.startswith("Http/") else "cpu_time"
+            manual = item["name"].endswith("/manual_time")
+            measure = "real_time" if manual or name.startswith("Http/") else "cpu_time"
             item["ns"] = number(item, measure, f"{path}: {name}") * unit
             if self._items.setdefault(name, {}).setdefault(item.get("repetition_index", 0), item) is not item:
                 raise BadResults(f"{path}: duplicate result of {name}")
@@ -161,6 +189,23 @@ class Micro:
         items = self._items.get(name, {})
         values = [items[at].get(metric) for at in sorted(items)]
         return values if values and None not in values else None
+
+
+class LoadCosts:
+    """Metrics of loading a library."""
+
+    def __init__(self, path, rounds):
+        self._rows = {}
+        for at, line in enumerate(read(path).splitlines(), 1):
+            row = parsed(line, f"{path}:{at}")
+            self._rows.setdefault((row.get("library"), row.get("host")), []).append(row)
+        for library, host in itertools.product(LIBRARIES, HOSTS):
+            if [row.get("round") for row in self._rows.get((library, host), ())] != rounds:
+                raise BadResults(f"{path}: {library} in a {host} host: not one result per round")
+        self._path = path
+
+    def __call__(self, library, host, metric):
+        return [number(row, metric, self._path) for row in self._rows[library, host]]
 
 
 # Number formatting.
@@ -238,7 +283,7 @@ def ratio_target(id, what, requirement, limit, ours, theirs, units=TIME, at_leas
 
 
 def allocations_target(end_to_end, who):
-    cases = {load: end_to_end(load, "oxevent", f"{who}_allocations") for load in LOADS if load != GROWING}
+    cases = {load: end_to_end(load, "oxevent", f"{who}_allocations") for load in LOADS}
     worst = max(cases, key=lambda load: max(cases[load] or [math.inf]))  # A missing one is the worst.
     compared = f"worst: {LOADS[worst]}" if any(cases[worst] or ()) else ""
     return Target(f"allocations_{who}", f"Allocations per event in steady state, {who}", "0", 0, cases[worst], PLAIN,
@@ -350,6 +395,37 @@ def notes_of(path, targets):
 
 # The page.
 
+def growth_charts(end_to_end, micro):
+    def per_logger(title, metric, units, x_title, xs, loggers):
+        curves = [Curve(LOGGERS[logger], COLOURS[logger], points, formatted(median(points[-1][1]), units))
+                  for logger in loggers
+                  if None not in [values for _, values in (points := [(x, end_to_end(load, logger, metric))
+                                                                      for load, x in xs.items()])]]
+        return CurvePanel(title, partial(formatted, units=units), x_title, curves)
+
+    def per_action(name, colour, action):
+        points = [(size, micro(f"State/{action}/{size}")) for size in CONDITIONS]
+        return Curve(name, colour, points, formatted(median(points[-1][1]), TIME))
+
+    how = "Lower is better. Dots: median of the rounds. Thin lines: minimum to maximum."
+    threads = partial(per_logger, units=TIME, x_title="submitting threads", xs=THREADS,
+                      loggers=("oxevent", "spdlog_block", "writer"))
+    yield "growth_threads", chart("Time in Submit in a storm, by number of threads", how, [
+        threads("Median", "submit_ns.p50"), threads("99th percentile", "submit_ns.p99")])
+    queue = partial(per_logger, x_title="size of the queue, in events", xs=QUEUE_SIZES,
+                    loggers=("oxevent", "spdlog_block"))
+    yield "growth_queue", chart("A million events back to back, by size of the queue", how, [
+        queue("Time in Submit, median", "submit_ns.p50", TIME),
+        queue("Time in Submit, 99th percentile", "submit_ns.p99", TIME),
+        queue("Memory, with the queue once full", "memory_kib", MEMORY)])
+    yield "growth_conditions", chart("Time of an evaluation, by number of raised conditions", how.replace(
+        "the rounds", "the repetitions"), [CurvePanel(
+            "Worker's CPU time", partial(formatted, units=TIME), "raised conditions", [
+                per_action("raise and clear", "#d9730d", "raise_clear"),
+                per_action("changed update", "#1d5fbf", "update_changed"),
+                per_action("suppressed raise", "#5f6b7a", "raise_suppressed")])])
+
+
 def charts_of(end_to_end):
     def per_logger(load, metric, units, more=lambda load, logger: ""):
         return [Bar(LOGGERS[logger], COLOURS[logger], values, formatted(median(values), units) + more(load, logger))
@@ -365,7 +441,7 @@ def charts_of(end_to_end):
                 text = f"{formatted(median(p50), TIME)}, {formatted(median(p99), TIME)}"
                 yield Bar(LOGGERS[logger], COLOURS[logger], p50, text, median(p99))
 
-    def groups(bars_of, loads=LOADS):
+    def groups(bars_of, loads=[load for load in LOADS if load not in GROWTH_LOADS]):
         return [(LOADS[load], bars) for load in loads if (bars := list(bars_of(load)))]
 
     def quantiles(logger):
@@ -412,12 +488,37 @@ def results_table(targets):
     return table(head[:columns], [row[:columns] for row in rows], "---|" * columns) if rows else ""
 
 
-def page(end_to_end, micro, machine, targets, notes):
+def shared_table(micro):
+    names = {what: [f"Shared/{step}/threads:{threads}" for threads in (1, 2)] for step, what in SHARED.items()}
+    for name in itertools.chain(*names.values()):
+        if not micro(name):
+            raise BadResults(f"micro.json: {name} is missing")
+    rows = [[what, *(cell(micro(name), TIME) for name in pair)] for what, pair in names.items()]
+    return table(["Step", "one thread", "two threads"], rows, "---|---:|---:|")
+
+
+def instructions_table():
+    """Reads the baseline of scripts/figures."""
+    rows = [line.split() for line in read(ROOT / "bench" / "cost_gate.txt").splitlines() if line[:1] not in ("#", "")]
+    counts = {name: instructions for name, instructions, *_ in rows}
+    return table(["Step", "Instructions"], [[what, digits(float(counts[name]), 3)] for name, what in COUNTED.items()],
+                 "---|---:|")
+
+
+def load_table(load_costs):
+    rows = [[LIBRARIES[library], host, *(cell(load_costs(library, host, metric), units)
+                                         for _, metric, units in LOAD_COSTS)]
+            for library, host in itertools.product(LIBRARIES, HOSTS)]
+    return table(["Library", "Host", *(name for name, _, _ in LOAD_COSTS)], rows, "---|---|" + "---:|" * len(LOAD_COSTS))
+
+
+def page(end_to_end, micro, load_costs, machine, targets, notes):
     missed = results_table(target for target in targets if not target.values or not target.is_met())
     steps = [[f"`{name}`", formatted(median(micro(name)), TIME), value_range(micro(name), TIME)]
              for name in sorted(micro.names)]
     return string.Template(read(ROOT / "bench" / "performance.md.in")).substitute(
-        rounds=len(end_to_end.rounds), repetitions=micro.repetitions,
+        rounds=len(end_to_end.rounds), repetitions=micro.repetitions, shared=shared_table(micro).rstrip(),
+        instructions=instructions_table().rstrip(), load_costs=load_table(load_costs).rstrip(),
         machine=table(["Machine", ""], [[name, str(text)] for name, text in machine.items()], "---|---|").rstrip(),
         met=results_table(target for target in targets if target.values and target.is_met()).rstrip(),
         missed=f"## Targets that are missed\n\n{missed}\n{notes}" if missed else "",
@@ -425,15 +526,17 @@ def page(end_to_end, micro, machine, targets, notes):
         micro_benchmarks=table(["Step", "Time", "Range"], steps, "---|---:|---:|").rstrip())
 
 
-def main(directory):
+def main(directory, pages=ROOT / "docs"):
     end_to_end, micro = EndToEnd(directory / "end_to_end.jsonl"), Micro(directory / "micro.json")
+    load_costs = LoadCosts(directory / "load.jsonl", end_to_end.rounds)
     machine = parsed(read(directory / "machine.json"), directory / "machine.json")
     targets = targets_of(end_to_end, micro)
     notes, unexplained = notes_of(ROOT / "bench" / "notes.md", targets)
-    files = {ROOT / "docs" / "performance.md": page(end_to_end, micro, machine, targets, notes)}
-    files |= {ROOT / "docs" / "performance" / f"{name}.svg": svg for name, svg in charts_of(end_to_end)}
+    files = {pages / "performance.md": page(end_to_end, micro, load_costs, machine, targets, notes)}
+    charts = itertools.chain(charts_of(end_to_end), growth_charts(end_to_end, micro))
+    files |= {pages / "performance" / f"{name}.svg": svg for name, svg in charts}
     for path, text in files.items():  # Last, so that unusable results leave the previous page unchanged.
-        path.parent.mkdir(exist_ok=True)
+        path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text(text, "utf-8")
     if len(end_to_end.rounds) < MIN_ROUNDS:
         print(f"bench_report: only {len(end_to_end.rounds)} of {MIN_ROUNDS} rounds", file=sys.stderr)
@@ -449,11 +552,11 @@ def main(directory):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
+    if len(sys.argv) not in (2, 3):
         print(__doc__, file=sys.stderr)
         sys.exit(2)
     try:
-        sys.exit(main(Path(sys.argv[1])))
+        sys.exit(main(*map(Path, sys.argv[1:])))
     except BadResults as error:
         print(f"bench_report: {error}", file=sys.stderr)
         sys.exit(2)
