@@ -8,7 +8,7 @@ from xml.sax.saxutils import escape
 WIDTH, LEFT, RIGHT = 600, 135, 145  # Left margin: labels; right margin: the value of the longest bar.
 TOP, ROW, HEADING, FOOT = 80, 21, 29, 48
 FONT, SMALL_FONT, TITLE_FONT = 15, 14, 19
-CURVE_LEFT, CURVE_RIGHT, CURVE_HEIGHT = 75, 200, 190  # Right margin: the name and the last value of each curve.
+CURVE_LEFT, CURVE_RIGHT, CURVE_HEIGHT = 75, 213, 190  # Right margin: the name and the last value of each curve.
 MAX_LINEAR_RATIO = 30  # Values with a larger ratio get a logarithmic scale.
 
 

@@ -48,7 +48,6 @@ GROWTH_LOADS = ("storm_64", "million_10000", "million_100000")
 THREADS = {"storm_1": 1, "storm_2": 2, "storm_8": 8, "storm_64": 64}
 QUEUE_SIZES = {"million_1024": 1024, "million_10000": 10_000, "million_100000": 100_000, "million": 1 << 20}
 CONDITIONS = (1000, 10_000, 100_000, 1_000_000)
-# scripts/bench runs spdlog_overrun and writer with a large queue only where the bar charts need them.
 OPTIONAL = ({(load, logger) for load in QUEUE_SIZES for logger in ("spdlog_overrun", "writer")}
             | {(load, "syslog") for load in LOADS})  # scripts/bench skips syslog if the machine runs a log daemon.
 
@@ -396,29 +395,34 @@ def notes_of(path, targets):
 # The page.
 
 def growth_charts(end_to_end, micro):
-    def per_logger(title, metric, units, x_title, xs, loggers):
-        curves = [Curve(LOGGERS[logger], COLOURS[logger], points, formatted(median(points[-1][1]), units))
-                  for logger in loggers
-                  if None not in [values for _, values in (points := [(x, end_to_end(load, logger, metric))
-                                                                      for load, x in xs.items()])]]
-        return CurvePanel(title, partial(formatted, units=units), x_title, curves)
+    def curve(name, colour, units, points):
+        if None in (values for _, values in points):
+            raise BadResults(f"{name}: a result for a curve is missing")
+        return Curve(name, colour, points, formatted(median(points[-1][1]), units))
+
+    def per_logger(title, metric, x_title, xs, loggers, values=end_to_end, units=TIME):
+        return CurvePanel(title, partial(formatted, units=units), x_title, [
+            curve(LOGGERS[logger], COLOURS[logger], units,
+                  [(x, values(load, logger, metric)) for load, x in xs.items()]) for logger in loggers])
+
+    def in_mib(load, logger, metric):  # The ticks of a logarithmic scale are powers of ten.
+        return [kib / 1024 for kib in end_to_end(load, logger, metric)]
 
     def per_action(name, colour, action):
-        points = [(size, micro(f"State/{action}/{size}")) for size in CONDITIONS]
-        return Curve(name, colour, points, formatted(median(points[-1][1]), TIME))
+        return curve(name, colour, TIME, [(size, micro(f"State/{action}/{size}")) for size in CONDITIONS])
 
     how = "Lower is better. Dots: median of the rounds. Thin lines: minimum to maximum."
-    threads = partial(per_logger, units=TIME, x_title="submitting threads", xs=THREADS,
+    threads = partial(per_logger, x_title="submitting threads", xs=THREADS,
                       loggers=("oxevent", "spdlog_block", "writer"))
     yield "growth_threads", chart("Time in Submit in a storm, by number of threads", how, [
         threads("Median", "submit_ns.p50"), threads("99th percentile", "submit_ns.p99")])
     queue = partial(per_logger, x_title="size of the queue, in events", xs=QUEUE_SIZES,
                     loggers=("oxevent", "spdlog_block"))
     yield "growth_queue", chart("A million events back to back, by size of the queue", how, [
-        queue("Time in Submit, median", "submit_ns.p50", TIME),
-        queue("Time in Submit, 99th percentile", "submit_ns.p99", TIME),
-        queue("Memory, with the queue once full", "memory_kib", MEMORY)])
-    yield "growth_conditions", chart("Time of an evaluation, by number of raised conditions", how.replace(
+        queue("Time in Submit, median", "submit_ns.p50"),
+        queue("Time in Submit, 99th percentile", "submit_ns.p99"),
+        queue("Memory after the queue has been full", "memory_kib", values=in_mib, units=((" MiB", 1),))])
+    yield "growth_conditions", chart("Time of an evaluation, by raised conditions", how.replace(
         "the rounds", "the repetitions"), [CurvePanel(
             "Worker's CPU time", partial(formatted, units=TIME), "raised conditions", [
                 per_action("raise and clear", "#d9730d", "raise_clear"),
