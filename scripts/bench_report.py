@@ -423,7 +423,7 @@ def growth_charts(end_to_end, micro):
         queue("Time in Submit, 99th percentile", "submit_ns.p99"),
         queue("Memory after the queue has been full", "memory_kib", values=in_mib, units=((" MiB", 1),))])
     yield "growth_conditions", chart("Time of an evaluation, by raised conditions", how.replace(
-        "the rounds", "the repetitions"), [CurvePanel(
+        "the rounds", "the runs"), [CurvePanel(
             "Worker's CPU time", partial(formatted, units=TIME), "raised conditions", [
                 per_action("raise and clear", "#d9730d", "raise_clear"),
                 per_action("changed update", "#1d5fbf", "update_changed"),
