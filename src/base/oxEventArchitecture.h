@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +17,7 @@ using oxEventWordPair __attribute__((vector_size(16))) = uint64_t;
 
 // Returns the index of the first match; 16 or more if there is none. For any architecture, of either byte order.
 inline size_t oxEventFirstMatchPortable(oxEventByteMatches matches) {
-  const auto words = std::bit_cast<std::array<uint64_t, 2>>(matches);
+  const auto words = std::bit_cast<oxEventWordPair>(matches);
   const auto bytes_before_match = [](uint64_t word) {
     const int bits = std::endian::native == std::endian::little ? std::countr_zero(word) : std::countl_zero(word);
     return static_cast<size_t>(bits) / 8;
@@ -40,8 +39,7 @@ inline bool oxEventHasMatch(oxEventByteMatches matches) {
 #if defined(__SSE2__)
   return _mm_movemask_epi8(std::bit_cast<__m128i>(matches)) != 0;
 #else
-  uint64_t words[2];
-  std::memcpy(words, &matches, sizeof(words));
+  const auto words = std::bit_cast<oxEventWordPair>(matches);
   return (words[0] | words[1]) != 0;
 #endif
 }
