@@ -8,7 +8,7 @@ install(TARGETS oxEvent oxutil EXPORT oxEventTargets
 if(NOT OXEVENT_STATIC)
   install(TARGETS oxutil-http LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
-install(FILES include/oxEvent.h oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/oxEvent.h include/oxEvent.hpp oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES tools/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent/python)
 install(FILES tools/oxevent-gdb.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent)
 install(FILES README.md CONTRIBUTING.md SECURITY.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})

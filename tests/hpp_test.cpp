@@ -1,0 +1,270 @@
+// oxEvent.hpp as a host uses it.
+#include <array>
+#include <future>
+#include <optional>
+#include <random>
+#include <source_location>
+#include <thread>
+
+#include "../include/oxEvent.hpp"
+#include "faults.h"
+#include "host_fixture.h"
+
+namespace {
+
+using std::string_literals::operator""s;
+using Strings = std::vector<std::string>;
+
+using oxEvent::Callback;
+using oxEvent::Condition;
+using oxEvent::Errc;
+using oxEvent::Event;
+using oxEvent::Session;
+using oxEvent::Severity;
+
+std::string DetailsOf(const Event& event) {
+  return event.CallWithRecord([](const oxEventRecord& record) { return std::string(record.details_json); });
+}
+
+TEST(oxEventHppEvent, KeepsTheTextsThatItWasGiven) {
+  using Setter = Event& (Event::*)(std::string_view);
+  constexpr std::pair<Setter, const char * oxEventRecord::*> kTexts[] = {
+      {&Event::message, &oxEventRecord::message},
+      {&Event::event_type, &oxEventRecord::event_type},
+      {&Event::source_id, &oxEventRecord::source_id},
+      {&Event::source_name, &oxEventRecord::source_name},
+      {&Event::action, &oxEventRecord::action},
+      {&Event::dedupe_key, &oxEventRecord::dedupe_key},
+      {&Event::correlation_id, &oxEventRecord::correlation_id},
+      {&Event::timecode, &oxEventRecord::timecode},
+      {&Event::units, &oxEventRecord::units},
+      {&Event::details_json, &oxEventRecord::details_json}};
+  std::mt19937 random(1);
+  for (const size_t limit : {100u, 2000u}) {  // Texts that mostly fit into the object, and texts that do not.
+    std::array<std::optional<std::string>, std::size(kTexts)> expected;
+    Event event;
+    for (int i = 0; i < 1000; ++i) {
+      const size_t which = random() % std::size(kTexts);
+      expected[which] = std::string(random() % limit, static_cast<char>('a' + i % 26));
+      (event.*kTexts[which].first)(*expected[which] + "\0ignored"s);
+      if (i % 100 == 0) event = Event(event);
+      event.CallWithRecord([&](const oxEventRecord& record) {
+        for (size_t text = 0; text < std::size(kTexts); ++text) {
+          const char* const actual = record.*kTexts[text].second;
+          ASSERT_EQ(actual == nullptr, !expected[text]) << "text " << text;
+          ASSERT_EQ(actual == nullptr ? "" : actual, expected[text].value_or("")) << "text " << text;
+        }
+      });
+    }
+  }
+}
+
+#ifndef OXEVENT_SANITIZED  // A sanitizer has its own operator new that returns null.
+TEST(oxEventHppEvent, IsNotSubmittedWithoutATextForWhichThereWasNoMemory) {
+  const std::string long_text(1000, 'x');
+  const Event whole(long_text);
+  const Faults faults([](std::string_view call, long) { return call == "malloc" ? ENOMEM : 0; });
+  const Event copy = whole;
+  EXPECT_EQ(copy.Submit(), std::errc::not_enough_memory);
+  EXPECT_EQ(Event("m").details_json(long_text).Submit(), std::errc::not_enough_memory);
+  EXPECT_EQ(Event("m").Submit(), Errc::kNotInitialized);
+}
+#endif
+
+TEST(oxEventHppEvent, WritesTheLocationAsJson) {
+  const unsigned line = __LINE__ + 1;
+  const std::string here = DetailsOf(Event().location());
+  EXPECT_EQ(here, "{\"file\":\"" __FILE__ "\",\"line\":" + std::to_string(line) + ",\"function\":\"TestBody\"}");
+#ifdef __cpp_lib_source_location
+  const auto place = std::source_location::current();
+  EXPECT_NE(DetailsOf(Event().location(place)).find(":" + std::to_string(place.line()) + ","), std::string::npos);
+#endif
+  EXPECT_EQ(DetailsOf(Event().location("a\\\"\n\x1f\x7f\xc3\xa9.cpp", 4294967296, "")),
+            R"({"file":"a\\\"\u000a\u001f)"
+            "\x7f\xc3\xa9"
+            R"(.cpp","line":4294967296,"function":""})");
+}
+
+struct oxEventHpp : testing::Test {
+  oxEventHpp() { WriteSettings(settings, "", {{"core\\minimum_severity", "debug"}}); }
+  ~oxEventHpp() override { oxEventShutdown(); }
+
+  // Registers a callable that notes the fields by which receivers match a clear with its raise, and the rest.
+  void RecordReports() {
+    recorder.emplace([this](const oxEventRecord& event) {
+      reports.push_back(std::to_string(event.severity) + ' ' + event.event_type + ' ' + event.source_id + ' ' +
+                        event.source_name + ' ' + event.dedupe_key + ": " + event.action + ' ' + event.message + ' ' +
+                        std::to_string(static_cast<int>(event.threshold)) + event.units + event.correlation_id);
+    });
+  }
+
+  const HostFolder folder{};
+  const std::string settings = folder.path + "/settings";
+  Strings reports;
+  std::optional<Callback> recorder;
+};
+
+TEST_F(oxEventHpp, AllocatesNoMoreThanTheCCall) {
+  const Session session(settings.c_str());
+  oxEventRecord record = MakeRecord("Fan 2 stands still");
+  record.event_type = "fan.stopped";
+  const auto report = [&] { return oxEventSubmit(&record); };
+  const auto report_event = [] { return Event("Fan 2 stands still").event_type("fan.stopped").location().Submit(); };
+  ASSERT_EQ(report(), OXEVENT_OK);  // The first call gets a node for the queue.
+  ASSERT_FALSE(oxEvent::Flush());
+  int allocations = 0;
+  const Faults faults([&, thread = std::this_thread::get_id()](std::string_view call, long) {
+    allocations += call == "malloc" && std::this_thread::get_id() == thread;
+    return 0;
+  });
+  ASSERT_EQ(report(), OXEVENT_OK);
+  const int in_c = std::exchange(allocations, 0);
+  ASSERT_FALSE(report_event());
+  EXPECT_EQ(allocations, in_c);
+  ASSERT_FALSE(Event("m").details_json(std::string(600, ' ')).Submit());
+  EXPECT_GT(allocations, in_c) << "allocations are not counted";
+}
+
+TEST_F(oxEventHpp, SessionReportsWhyItDidNotStart) {
+  const std::string missing(1000, 'x');
+  std::error_code error;
+  { const Session failed(missing.c_str(), error); }
+  EXPECT_EQ(error, Errc::kInvalidArgument);
+  EXPECT_EQ(oxEvent::ErrorText(error), "Unable to open oxEvent config: " + missing);
+  EXPECT_EQ(oxEvent::ErrorText(std::make_error_code(std::errc::not_enough_memory)), std::strerror(ENOMEM));
+  try {
+    const Session failed("");
+    ADD_FAILURE() << "started without a file";
+  } catch (const std::system_error& failure) {
+    EXPECT_EQ(failure.code(), Errc::kInvalidArgument);
+    EXPECT_EQ(std::string_view(failure.what()).find("oxEvent requires a oxCFG XML config path"), 0u);
+  }
+}
+
+TEST_F(oxEventHpp, SessionShutsDownOnlyWhatItHasStarted) {
+  std::error_code error;
+  {
+    const Session session(settings.c_str());
+    { const Session second(settings.c_str(), error); }
+    EXPECT_EQ(error, Errc::kAlreadyInitialized);
+    EXPECT_FALSE(Event("m").Submit());
+  }
+  EXPECT_EQ(Event("m").Submit(), Errc::kNotInitialized);
+}
+
+TEST_F(oxEventHpp, ConditionClearsWithTheIdentityOfItsRaise) {
+  RecordReports();
+  Session session(settings.c_str());
+  const Event identity = Event("ignored")
+                             .severity(Severity::kError)
+                             .event_type("fan.stopped")
+                             .source_id("fan-2")
+                             .source_name("Fan 2")
+                             .dedupe_key("key")
+                             .threshold(4)
+                             .units("bar")
+                             .correlation_id("c");
+  Condition condition(identity);
+  EXPECT_FALSE(condition.Raise("a"));
+  EXPECT_FALSE(condition.Update(Event("b").severity(Severity::kDebug).threshold(5).units("psi")));
+  EXPECT_TRUE(condition.IsRaised());
+  EXPECT_FALSE(condition.Clear(Event("c").event_type("x").source_id("x").source_name("x").dedupe_key("x")));
+  EXPECT_FALSE(condition.IsRaised());
+  EXPECT_FALSE(session.Shutdown());
+  EXPECT_EQ(reports,
+            (Strings{"3 fan.stopped fan-2 Fan 2 key: raise a 4barc", "3 fan.stopped fan-2 Fan 2 key: update b 5psic",
+                     "3 fan.stopped fan-2 Fan 2 key: clear c 4barc"}));
+}
+
+TEST_F(oxEventHpp, ConditionEndsTheAlarmOnlyIfAskedTo) {
+  RecordReports();
+  Session session(settings.c_str());
+  const auto raise = [](Condition* condition) { EXPECT_FALSE(condition->Raise("raised")); };
+  {
+    Condition not_asked(Event().dedupe_key("a"));
+    raise(&not_asked);
+    Condition not_raised(Event().dedupe_key("b"));
+    not_raised.ClearAtEnd("ended");
+    Condition moved_from(Event().dedupe_key("c"));
+    raise(&moved_from);
+    moved_from.ClearAtEnd("ended");
+    const Condition asked(std::move(moved_from));
+  }
+  try {
+    Condition unwound(Event().dedupe_key("d"));
+    unwound.ClearAtEnd("ended");
+    raise(&unwound);
+    throw std::runtime_error("failure of the host");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_FALSE(session.Shutdown());
+  EXPECT_EQ(reports, (Strings{"1 event  oxEvent a: raise raised 0", "1 event  oxEvent c: raise raised 0",
+                              "1 event  oxEvent c: clear ended 0", "1 event  oxEvent d: raise raised 0"}));
+}
+
+// A callback that blocks in its first call until it may continue.
+struct oxEventHppCallback : oxEventHpp {
+  void RegisterBlocking() {
+    callback.emplace([this, owned = std::make_unique<int>(0)](const oxEventRecord&) {
+      if ((*owned)++ > 0) return;
+      entered.set_value();
+      release.get_future().wait();
+      returned = true;
+      throw std::runtime_error("failure of the callback");
+    });
+  }
+  void BlockInCallback() {
+    RegisterBlocking();
+    EXPECT_FALSE(Event("m").Submit());
+    entered.get_future().wait();
+  }
+
+  std::optional<Callback> callback;
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::atomic<bool> returned = false;
+};
+
+TEST_F(oxEventHppCallback, DestructorWaitsForTheRunningCall) {
+  const Session session(settings.c_str());
+  BlockInCallback();
+  EXPECT_NE(oxEvent::Flush(std::chrono::milliseconds(0)), std::error_code()) << "0 must not wait without a limit";
+  auto removal = std::async(std::launch::async, [this] {
+    callback.reset();
+    return returned.load();
+  });
+  EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  release.set_value();
+  EXPECT_TRUE(removal.get());
+}
+
+TEST_F(oxEventHppCallback, CanBeDestroyedInAForkedChild) {
+  const Session session(settings.c_str());
+  BlockInCallback();
+  const auto replace_callback = [this] {
+    callback.reset();
+    std::error_code error;
+    const Callback another([](const oxEventRecord&) {}, error);
+    return error ? 1 : 0;
+  };
+  EXPECT_EQ(InChild(replace_callback), 0);
+  release.set_value();
+}
+
+TEST_F(oxEventHppCallback, CanBeDestroyedInItsOwnCallAndAfterAShutdown) {
+  const auto alive = std::make_shared<int>(0);
+  Session session(settings.c_str());
+  Callback until_shutdown([alive](const oxEventRecord&) { ++*alive; });
+  callback.emplace([this, alive](const oxEventRecord&) {
+    callback.reset();
+    *alive += 10;
+  });
+  EXPECT_FALSE(Event("m").Submit());
+  EXPECT_FALSE(Event("m").Submit());
+  EXPECT_FALSE(session.Shutdown());
+  EXPECT_EQ(*alive, 12);
+  until_shutdown = Callback();
+  EXPECT_EQ(alive.use_count(), 1);
+}
+
+}  // namespace
