@@ -1,0 +1,156 @@
+// Keeps a measured value that varies around its limit from becoming an alarm storm: deadband, on-delay, off-delay,
+// detection of chattering, and shelving that always expires. For C++17 and later; independent of the library and of
+// oxEvent.hpp. The terms are those of ISA-18.2 and OPC UA Part 9 (Alarms and Conditions).
+#ifndef OXEVENT_CHATTER_HPP
+#define OXEVENT_CHATTER_HPP
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+
+namespace oxEvent {
+
+// Negative values count as 0.
+struct LimitAlarmConfig {
+  enum class Limit { kHigh, kLow };
+
+  Limit type = Limit::kHigh;  // kHigh: abnormal above the limit; kLow: below it.
+  double limit = 0;
+  double deadband = 0;                    // How far the value must return behind the limit to be normal.
+  std::chrono::nanoseconds on_delay{0};   // How long the value must be abnormal to make the alarm active.
+  std::chrono::nanoseconds off_delay{0};  // How long it must be normal to make the alarm inactive.
+  // An alarm that becomes active this often in less than chatter_period is chattering. It then stays active until the
+  // value has been normal for chatter_period. 0: not detected. At most 16.
+  unsigned chatter_count = 0;
+  std::chrono::nanoseconds chatter_period = std::chrono::minutes(1);
+  std::chrono::nanoseconds max_time_shelved = std::chrono::hours(8);  // 0: the alarm cannot be shelved.
+};
+
+// What to report to the library.
+enum class AlarmChange { kNothing, kRaise, kClear };
+
+// An alarm for one limit of one value. The host gives the value and the time, which counts from any fixed moment: that
+// of a std::chrono::steady_clock is best. A time before an earlier one counts as the earlier one. The alarm begins
+// inactive.
+//
+// Threads: none of its own; one thread at a time may use an object. Never allocates memory or throws.
+class LimitAlarm {
+ public:
+  using Time = std::chrono::nanoseconds;
+
+  explicit LimitAlarm(const LimitAlarmConfig& config) noexcept : config_(config) {
+    if (!(config_.deadband > 0)) config_.deadband = 0;
+    // Not std::min: to refer to the constant would give it a unique symbol, because of which dlclose unloads nothing.
+    if (config_.chatter_count > kMaxChatterCount) config_.chatter_count = kMaxChatterCount;
+  }
+
+  // Call it for each new value. NaN counts as the previous value.
+  AlarmChange Update(double value, Time now) noexcept {
+    Advance(now);
+    if (abnormal_ ? IsNormal(value) : IsAbnormal(value)) {
+      abnormal_ = !abnormal_;
+      since_ = now_;
+    }
+    return Evaluate();
+  }
+
+  // Call it regularly if new values come only when the value changes: the previous value counts as still present.
+  AlarmChange Poll(Time now) noexcept {
+    Advance(now);
+    return Evaluate();
+  }
+
+  // Withholds a raise for this long. Returns false, and changes nothing, unless 0 < duration <= max_time_shelved. A
+  // shelved alarm can be shelved anew, but stays shelved for at most max_time_shelved from the first time.
+  bool TimedShelve(Time duration, Time now) noexcept {
+    if (duration > config_.max_time_shelved) return false;
+    return Shelve(ShelvedState::kTimedShelved, duration, now);
+  }
+
+  // Withholds a raise until the alarm becomes inactive, but for at most max_time_shelved.
+  bool OneShotShelve(Time now) noexcept { return Shelve(ShelvedState::kOneShotShelved, config_.max_time_shelved, now); }
+
+  AlarmChange Unshelve(Time now) noexcept {
+    shelved_state_ = ShelvedState::kUnshelved;
+    return Poll(now);
+  }
+
+  // All three as of the last call that was given a time.
+  bool IsActive() const noexcept { return active_; }
+  bool IsChattering() const noexcept { return chattering_; }
+  bool IsShelved() const noexcept { return shelved_state_ != ShelvedState::kUnshelved; }
+
+ private:
+  enum class ShelvedState { kUnshelved, kTimedShelved, kOneShotShelved };
+  static constexpr unsigned kMaxChatterCount = 16;
+
+  void Advance(Time now) noexcept { now_ = std::max(now_, now); }
+
+  bool IsAbnormal(double value) const noexcept {
+    return config_.type == LimitAlarmConfig::Limit::kHigh ? value > config_.limit : value < config_.limit;
+  }
+
+  bool IsNormal(double value) const noexcept {
+    return config_.type == LimitAlarmConfig::Limit::kHigh ? value <= config_.limit - config_.deadband
+                                                          : value >= config_.limit + config_.deadband;
+  }
+
+  AlarmChange Evaluate() noexcept {
+    const Time stable = now_ - since_;
+    if (stable >= config_.chatter_period) chattering_ = false;
+    const Time delay = abnormal_ ? config_.on_delay : config_.off_delay;
+    if (abnormal_ != active_ && !chattering_ && stable >= delay) Switch();
+    if (ShelvedTime() >= shelving_time_) shelved_state_ = ShelvedState::kUnshelved;
+    if (active_ == raised_ || (active_ && IsShelved())) return AlarmChange::kNothing;
+    raised_ = active_;
+    return active_ ? AlarmChange::kRaise : AlarmChange::kClear;
+  }
+
+  void Switch() noexcept {
+    active_ = abnormal_;
+    if (active_) {
+      CountActivation();
+    } else if (shelved_state_ == ShelvedState::kOneShotShelved) {
+      shelved_state_ = ShelvedState::kUnshelved;
+    }
+  }
+
+  void CountActivation() noexcept {
+    const std::size_t count = config_.chatter_count;
+    if (count == 0) return;
+    activations_[activation_count_++ % count] = now_;
+    if (activation_count_ < count) return;
+    const Time oldest = activations_[activation_count_ % count];
+    chattering_ = now_ - oldest < config_.chatter_period;
+  }
+
+  bool Shelve(ShelvedState state, Time duration, Time now) noexcept {
+    Advance(now);
+    if (duration <= Time(0)) return false;
+    if (ShelvedTime() >= shelving_time_) shelved_state_ = ShelvedState::kUnshelved;
+    if (!IsShelved()) shelved_since_ = now_;
+    shelved_state_ = state;
+    shelving_time_ = ShelvedTime() + std::min(duration, config_.max_time_shelved - ShelvedTime());
+    return true;
+  }
+
+  Time ShelvedTime() const noexcept { return now_ - shelved_since_; }
+
+  LimitAlarmConfig config_;
+  Time now_ = Time::min();
+  bool abnormal_ = false;  // By the limit and the deadband.
+  Time since_{0};          // When abnormal_ last changed.
+  bool active_ = false;    // By the delays and chattering too.
+  bool raised_ = false;    // What the host was told last.
+  bool chattering_ = false;
+  std::array<Time, kMaxChatterCount> activations_ = {};  // The last chatter_count of them.
+  std::size_t activation_count_ = 0;
+  ShelvedState shelved_state_ = ShelvedState::kUnshelved;
+  Time shelved_since_{0};
+  Time shelving_time_{0};  // After which the shelving expires.
+};
+
+}  // namespace oxEvent
+
+#endif
