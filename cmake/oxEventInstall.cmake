@@ -2,14 +2,14 @@
 # documents, examples and man pages.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS oxEvent oxutil EXPORT oxEventTargets
+install(TARGETS oxEvent oxevent-alertposter oxutil EXPORT oxEventTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 if(NOT OXEVENT_STATIC)
   install(TARGETS oxutil-http LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
 install(FILES include/oxEvent.h include/oxEvent.hpp oxutil/include/oxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/oxEvent/chatter.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/oxEvent)
+install(FILES include/oxEvent/alert_poster.h include/oxEvent/chatter.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/oxEvent)
 install(FILES tools/python/oxevent.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent/python)
 install(FILES tools/oxevent-gdb.py DESTINATION ${CMAKE_INSTALL_DATADIR}/oxevent)
 install(FILES README.md CONTRIBUTING.md SECURITY.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -29,8 +29,10 @@ set(prefix "@prefix@")
 if(OXEVENT_STATIC)
   set(static_libraries " -loxutil -lpugixml -lcurl -lcrypto -lstdc++ -pthread -ldl")
 endif()
-configure_file(cmake/oxEvent.pc.in oxEvent.pc.in @ONLY)
-install(CODE "
-  get_filename_component(prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
-  configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc\" @ONLY)")
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/oxEvent.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(package oxEvent oxevent-alertposter)
+  configure_file(cmake/${package}.pc.in ${package}.pc.in @ONLY)
+  install(CODE "
+    get_filename_component(prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
+    configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/${package}.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/${package}.pc\" @ONLY)")
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

@@ -70,7 +70,7 @@ def page(path, text):
 def header(text):
     """Converts comments to Doxygen comments, except those of groups and conditions; links functions and result codes."""
     functions = re.findall(r"^(?:extern \"C\" )?OXEVENT_API \w+ (\w+)\(", text, re.M)
-    text = re.sub(r"^/\*\n \* oxEvent:", "/*\n * \\\\file\n * oxEvent:", text)
+    text = re.sub(r"^/\*\n", "/*\n * \\\\file\n", text)
     text = re.sub(r"^/\*(?=[\n ])(?![^\n]*\*/\n#(?:if|.*\n#define))", "/**", text, flags=re.M)
     text = re.sub(r"(\S +)/\*(?= )", r"\1/**<", text)
     comment = lambda m: re.sub(rf"\b({'|'.join(functions)})\b", r"\1()", re.sub(r"\bOXEVENT_[A-Z]\w*[A-Z]\b", r"#\g<0>", m[0]))

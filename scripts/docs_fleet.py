@@ -1,8 +1,8 @@
 """Tests the recipes of docs/fleet with three hosts: docs_fleet.py [-v] [Test.test_NAME...].
 
-Needs the environment variables OXEVENT_LIBRARY and OXEVENT_ALERT_POSTER, as scripts/check sets them.
+Needs the environment variable OXEVENT_LIBRARY, as scripts/check sets it.
 """
-import collections, contextlib, ctypes, json, os, re, signal, socket, sqlite3, subprocess, sys, tempfile, unittest
+import collections, contextlib, json, os, re, signal, socket, sqlite3, subprocess, sys, tempfile, unittest
 import urllib.request
 from pathlib import Path
 
@@ -14,16 +14,14 @@ RECIPES = Path(__file__).parent.parent / "docs" / "fleet"
 
 
 def host(settings, *urls):  # Reports the lists of events that it reads from standard input.
-    poster = ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
-    poster.AlertPosterStart.restype, poster.AlertPosterStop.argtypes = ctypes.c_void_p, [ctypes.c_void_p]
-    posters = [poster.AlertPosterStart(url.encode()) for url in urls]
+    posters = [oxevent.AlertPoster(url) for url in urls]
     with oxevent.running(settings):
         for line in sys.stdin:
             for event in json.loads(line):
                 oxevent.submit(**event)
             oxevent.flush()
             print("delivered", flush=True)
-    sys.exit(sum(map(poster.AlertPosterStop, posters)))
+    sys.exit(sum(poster.stop() for poster in posters))
 
 
 def adapt(receiver, name, old, new):  # Copies a recipe to the receiver's directory, with one string replaced.

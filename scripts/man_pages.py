@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Generates man pages, in mdoc, from other documents.
 
-man_pages.py header DIRECTORY                     from include/oxEvent.h: each entry point, and oxEventRecord(3)
+man_pages.py header DIRECTORY                     from the headers in include: each entry point, and oxEventRecord(3)
 man_pages.py page NAME SECTION FILE.md DIRECTORY  from a Markdown page of headings, paragraphs, code blocks and tables
 man_pages.py tool NAME HELP DIRECTORY             from the output of a tool's --help
 
@@ -13,6 +13,10 @@ import textwrap
 from pathlib import Path
 
 ROOT = Path(__file__).parent.parent
+LIBRARIES = {"oxEvent.h": "oxEvent (-loxEvent)",  # By header.
+             "oxEvent/alert_poster.h": "oxEvent alert poster (-loxevent-alertposter)"}
+STRUCTS = {"oxEventAlertmanagerFormatterConfig": "The configuration", "oxEventAlertPosterConfig": "The configuration",
+           "oxEventAlertPosterState": "The state"}  # Described on the page of the first function that takes one.
 SEE_ALSO = {"oxevent-settings": ["oxevent-check 1", "oxEventInitialize 3", "oxEventReloadConfig 3", "oxevent 3"],
             "oxevent-errors": ["oxevent-check 1", "oxEventGetLastError 3", "oxevent 3", "oxevent-settings 5"]}
 TOOLS = {"oxevent-send": ("report an event from a shell", """\
@@ -141,16 +145,17 @@ def prototype(text):
     return f".Ft {returned.strip()}\n.Fn {name} " + " ".join(f'"{part}"' for part in parameters.split(", "))
 
 
-def header_pages(header):
-    """Returns {page: text}, with one page for each function or group of functions, and oxEventRecord."""
-    codes, entries, errors_of = codes_of(header), {}, {}
+def header_pages(name):
+    """Returns {page: text}, with one page for each function or group of functions of a header, and oxEventRecord."""
+    header = (ROOT / "include" / name).read_text()
+    codes, entries, errors_of = codes_of((ROOT / "include" / "oxEvent.h").read_text()), {}, {}
     for text, declaration in re.findall(r'/\*((?:(?!\*/).)*)\*/\n(?:extern "C" )?OXEVENT_API ([^;]*);\n', header, re.S):
-        name = re.search(r"(\w+)\(", declaration)[1]
+        function = re.search(r"(\w+)\(", declaration)[1]
         failing = next((part for part in comment(text) if part.startswith("OXEVENT_")), "")
-        errors_of[name] = errors(failing, codes)
-        entries.setdefault(SHARED_PAGES.get(name, name), []).append((name, comment(text), declaration))
+        errors_of[function] = errors(failing, codes)
+        entries.setdefault(SHARED_PAGES.get(function, function), []).append((function, comment(text), declaration))
     callback = re.search(r"/\*((?:(?!\*/).)*)\*/\n(typedef void \(\*oxEventCallback\)[^;]*;)", header, re.S)
-    pages = {"oxEventRecord": record_page(header)}
+    pages = {"oxEventRecord": record_page(header)} if callback else {}
     threads, texts = re.search(r"(Every function .*? escape\.).*?(Strings are .*? must free\.)", file_comment(header)).groups()
     for page, functions in entries.items():
         own = [name for name, _, _ in functions]
@@ -160,16 +165,15 @@ def header_pages(header):
         if "Callback" in page:
             shown.insert(0, f".Bd -literal\n{callback[2]}\n.Ed\n.Pp")
             described.append(description("", ["The callback " + decapitalized(comment(callback[1])[0])], own))
-        if "const oxEventAlertmanagerFormatterConfig&" in shown[0]:
-            described.append("The configuration:\n" + fields(header, "oxEventAlertmanagerFormatterConfig"))
+        described += [f"{title}:\n{fields(header, struct)}" for struct, title in STRUCTS.items() if struct in shown[0]]
         described.append(mark(on_page(threads, own), own) + ("\n" + mark(on_page(texts, own), own) if has_texts else ""))
         out = begin(page, 3, " ,\n".join(f".Nm {name}" for name in own) + f"\n.Nd {purpose(functions)}")
-        out += ".Sh LIBRARY\noxEvent (-loxEvent)\n.Sh SYNOPSIS\n.In oxEvent.h\n" + "\n".join(shown)
+        out += f".Sh LIBRARY\n{LIBRARIES[name]}\n.Sh SYNOPSIS\n.In {name}\n" + "\n".join(shown)
         out += "\n.Sh DESCRIPTION\n" + "\n.Pp\n".join(described) + "\n" + return_values([f for name in own for f in errors_of[name]], own)
         others = {"oxevent 3", "oxevent-errors 7"} | {f"{one} 3" for one in re.findall(r"\.Xr (\w+) 3", out)}
         others |= {"oxEventRecord 3"} if "oxEventRecord" in out else set()
         pages[page] = out + see_also(others)
-        pages |= {name: f".so man3/{page}.3\n" for name in own[1:]}
+        pages |= {other: f".so man3/{page}.3\n" for other in own[1:]}
     return pages
 
 
@@ -272,9 +276,9 @@ def tool_page(name, text):
 
 def main():
     if sys.argv[1:2] == ["header"] and len(sys.argv) == 3:
-        pages = header_pages((ROOT / "include" / "oxEvent.h").read_text())
-        for name, page in pages.items():
-            (Path(sys.argv[2]) / "man3" / f"{name}.3").write_text(page)
+        for header in LIBRARIES:
+            for name, page in header_pages(header).items():
+                (Path(sys.argv[2]) / "man3" / f"{name}.3").write_text(page)
     elif sys.argv[1:2] == ["page"] and len(sys.argv) == 6:
         _, _, name, section, source, directory = sys.argv
         (Path(directory) / f"man{section}" / f"{name}.{section}").write_text(markdown_page(name, section, Path(source).read_text()))

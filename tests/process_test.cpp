@@ -11,6 +11,7 @@
 #include <iostream>
 #include <thread>
 
+#include "../include/oxEvent/alert_poster.h"
 #include "host_fixture.h"
 
 namespace {
@@ -321,6 +322,80 @@ void LoadAndUnload() {
     Check(ox->Flush(0), OXEVENT_OK);
   }
   Check(left[1] < left[0] + kRounds * 16, true);
+}
+
+// A poster whose Alertmanager does not respond.
+struct Poster {
+  Poster() {
+    uint16_t port = 0;
+    Check(listen(LoopbackSocket(AF_INET, SOCK_STREAM, &port), 1), 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(port);
+    oxEventAlertPosterConfig config = {};
+    config.struct_size = sizeof(config);
+    config.url = url.c_str();
+    config.request_timeout_ms = config.stop_timeout_ms = 100;
+    Check(library.Find<decltype(oxEventAlertPosterStart)>("oxEventAlertPosterStart")(&config, &id), OXEVENT_OK);
+  }
+  uint32_t Stop() const {
+    return library.Find<decltype(oxEventAlertPosterStop)>("oxEventAlertPosterStop")(id, nullptr);
+  }
+  // Returns when a post is in progress.
+  void Post() const {
+    Submit(1);
+    oxEventAlertPosterState state = {};
+    state.struct_size = sizeof(state);
+    const auto get = library.Find<decltype(oxEventAlertPosterGetState)>("oxEventAlertPosterGetState");
+    WaitUntil([&] { return get(id, &state) == OXEVENT_OK && state.unposted_alerts > 0; });
+  }
+
+  struct {
+    template <class Function>
+    Function* Find(const char* name) const {
+      return reinterpret_cast<Function*>(dlsym(handle, name));
+    }
+    void* handle = dlopen(OXEVENT_ALERT_POSTER, RTLD_NOW);
+  } library;
+  uint32_t id = 0;
+};
+
+TEST_F(ProcessTest, ExitEndsARunningPoster) {
+  ExpectExit(7, [] {
+    Poster().Post();
+    exit(7);
+  });
+}
+
+TEST_F(ProcessTest, UnloadEndsARunningPoster) {
+  ExpectExit(0, [] {
+    const auto threads = [] { return Entries("/proc/self/task"); };
+    const size_t threads_before = threads();
+    const Poster poster;
+    poster.Post();
+    Check(dlclose(ox->handle), 0);  // The poster's own reference is the last one.
+    ox->handle = poster.library.handle;
+    Unload();
+    Check(ReadFile("/proc/self/maps").find("liboxevent-alertposter"), std::string::npos);
+    // The worker has ended too. A poster's thread that had not ended would crash.
+    WaitUntil([&] { return threads() < threads_before; });
+  });
+}
+
+TEST_F(ProcessTest, AChildHasNoPosterButMayStartOne) {
+  ExpectExit(0, [] {
+    static const Poster poster;
+    poster.Post();
+    Check(Fork([] {
+            Check(poster.Stop(), OXEVENT_NOT_FOUND);
+            if (IsThreadSanitizerUsed()) return;
+            Check(Start("own.xml"), OXEVENT_OK);
+            const Poster own;
+            own.Post();
+            Check(own.Stop(), OXEVENT_OK);
+            exit(0);
+          }),
+          0);
+    Check(poster.Stop(), OXEVENT_OK);
+  });
 }
 
 TEST_F(ProcessTest, TheHttpClientIsLoadedWhenAnHttpSinkOpens) {

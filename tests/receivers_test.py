@@ -1,5 +1,4 @@
 """Real receivers must understand every field of every event: receivers_test.py [-v] [Test.test_NAME...]."""
-import ctypes
 import dataclasses
 import json
 import os
@@ -131,21 +130,24 @@ class Test(unittest.TestCase):
                    lambda received: json.loads(received["body"]) if "body" in received else {"refused": True})
 
     def test_alertmanager(self):
-        library = ctypes.CDLL(os.environ["OXEVENT_ALERT_POSTER"])
-        library.AlertPosterStart.restype = ctypes.c_void_p
-        library.AlertPosterStop.argtypes = [ctypes.c_void_p]
         with tempfile.TemporaryDirectory() as path, receivers.Alertmanager().start(path) as receiver:
             def sources():
                 labels = [alert["labels"] for alert in receiver.events()]
                 return {label["source_id"] for label in labels if label["event_type"] == "door"}
 
-            poster = library.AlertPosterStart(octets(receiver.url))
+            poster = oxevent.AlertPoster(receiver.url)
             with self.running(receiver):
                 self.deliver(receiver)
                 for action, source, raised in (("raise", "a", "a"), ("raise", "b", "ab"), ("clear", "a", "b")):
                     oxevent.submit("m", event_type="door", action=action, source_id=source)
                     receivers.await_(f"{action} of {source}", lambda: sources() == set(raised))
-            self.assertEqual(library.AlertPosterStop(poster), 0)
+                receiver.stop()
+                for action, source in (("clear", "b"), ("raise", "c"), ("raise", "d"), ("clear", "d")):
+                    oxevent.submit("m", event_type="door", action=action, source_id=source)
+                receivers.await_("a failed post", lambda: poster.state().failed_posts > 0)
+                receiver.run()
+                receivers.await_("the state after the outage", lambda: sources() == {"c"})
+            self.assertEqual(poster.stop(), 0)
 
 
 if __name__ == "__main__":

@@ -7,13 +7,13 @@
 #include <errno.h>
 #include <inttypes.h>
 #include <oxEvent.h>
+#include <oxEvent/alert_poster.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "../alert_poster.h"
 #include "options.h"
 #include "probes.h"
 #include "report.h"
@@ -254,16 +254,22 @@ static int Run(Watcher* watcher) {
   sigprocmask(SIG_BLOCK, &signals, NULL);
 
   const Options* options = &watcher->options;
-  AlertPoster* posters[kMaxAlertmanagers] = {NULL};
+  uint32_t posters[kMaxAlertmanagers] = {0};
   for (size_t i = 0; i < options->alertmanager_count; ++i) {
-    if ((posters[i] = AlertPosterStart(options->alertmanagers[i])) == NULL) return EXIT_FAILURE;
+    const oxEventAlertPosterConfig config = {.struct_size = sizeof(config), .url = options->alertmanagers[i]};
+    const uint32_t result = oxEventAlertPosterStart(&config, &posters[i]);
+    if (result == OXEVENT_OK) continue;
+    fprintf(stderr, "oxevent-watch: cannot post alerts to %s: 0x%x\n", config.url, (unsigned)result);
+    return EXIT_FAILURE;
   }
   const bool good = WatchAndReport(watcher, &signals);
   unsigned left = 0;
   for (size_t i = 0; i < options->alertmanager_count; ++i) {
-    const unsigned unposted = AlertPosterStop(posters[i]);
+    uint32_t unposted = 0;
+    oxEventAlertPosterStop(posters[i], &unposted);
     if (unposted != 0)
-      fprintf(stderr, "oxevent-watch: %u alerts were not posted to %s\n", unposted, options->alertmanagers[i]);
+      fprintf(stderr, "oxevent-watch: %u alerts were not posted to %s\n", (unsigned)unposted,
+              options->alertmanagers[i]);
     left += unposted;
   }
   return good && left == 0 ? EXIT_SUCCESS : EXIT_FAILURE;

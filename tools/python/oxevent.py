@@ -8,7 +8,7 @@
 The settings file must exist but may be empty: the library completes it. The file configures the destinations of events:
 CSV file, system log, syslog, HTTP, SNMP. action="raise" raises a condition, and action="clear" clears it (see submit).
 OxEventHandler turns log records of the logging module into events; register_callback passes each event that reaches the
-sinks to a function.
+sinks to a function; AlertPoster posts events as alerts to an Alertmanager.
 
 Any thread may call any function, including from inside a callback. A call that fails in the library raises
 OxEventError; an invalid argument raises ValueError or TypeError, whose text names the field if the argument is one of
@@ -47,7 +47,7 @@ import re
 import threading
 from typing import Callable, Iterator, Optional, Union
 
-__all__ = ["Callback", "Event", "OxEventError", "OxEventHandler", "Result", "Severity", "flush", "initialize", "load",
+__all__ = ["AlertPoster", "AlertPosterState", "Callback", "Event", "OxEventError", "OxEventHandler", "Result", "Severity", "flush", "initialize", "load",
            "register_callback", "reload", "running", "shutdown", "submit"]
 
 Text = Union[str, bytes]
@@ -124,6 +124,19 @@ class _Record(ctypes.Structure):  # oxEventRecord
                 ("duration_ms", _UNSIGNED), ("details_json", _TEXT)]
 
 
+class _AlertPosterConfig(ctypes.Structure):  # oxEventAlertPosterConfig
+    _fields_ = [("struct_size", ctypes.c_uint32), ("minimum_severity", ctypes.c_uint32), ("url", _TEXT),
+                ("headers", _TEXT), ("alertname_prefix", _TEXT), ("conditions_only", ctypes.c_uint32),
+                ("repeat_interval_ms", ctypes.c_uint32), ("request_timeout_ms", ctypes.c_uint32),
+                ("stop_timeout_ms", ctypes.c_uint32), ("max_bytes", _UNSIGNED)]
+
+
+class _AlertPosterState(ctypes.Structure):  # oxEventAlertPosterState
+    _fields_ = [("struct_size", ctypes.c_uint32), ("last_status", ctypes.c_int32), ("active_alerts", _UNSIGNED),
+                ("unposted_alerts", _UNSIGNED), ("posted", _UNSIGNED), ("failed_posts", _UNSIGNED),
+                ("refused", _UNSIGNED), ("dropped", _UNSIGNED)]
+
+
 _CALLBACK = ctypes.CFUNCTYPE(None, ctypes.POINTER(_Record), ctypes.c_void_p)
 _FUNCTIONS = {
     "oxEventInitialize": [ctypes.c_char_p], "oxEventShutdown": [], "oxEventSubmit": [ctypes.POINTER(_Record)],
@@ -131,6 +144,10 @@ _FUNCTIONS = {
     "oxEventRegisterCallback": [_CALLBACK, ctypes.c_void_p, ctypes.POINTER(ctypes.c_uint32)],
     "oxEventUnregisterCallback": [ctypes.c_uint32], "oxEventGetLastError": [ctypes.c_char_p, ctypes.c_uint32],
     "oxEventGetApiVersion": []}
+_POSTER_FUNCTIONS = {
+    "oxEventAlertPosterStart": [ctypes.POINTER(_AlertPosterConfig), ctypes.POINTER(ctypes.c_uint32)],
+    "oxEventAlertPosterStop": [ctypes.c_uint32, ctypes.POINTER(ctypes.c_uint32)],
+    "oxEventAlertPosterGetState": [ctypes.c_uint32, ctypes.POINTER(_AlertPosterState)]}
 _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
 _SHUTDOWN_S = 5  # Timeout of the library's own shutdown.
 _logger = logging.getLogger("oxevent")
@@ -139,6 +156,7 @@ _lock = threading.RLock()  # Guards _library and _exiting, so that no callback i
 _library = None
 _initialized_here = False  # Whether this module, not a program that embeds Python, must shut the library down at exit.
 _exiting = False
+_posters = {}  # Running posters by id.
 _callbacks = {}  # By number (the user_data), so that a call after unregister() finds no entry instead of freed memory.
 _numbers = itertools.count(1)
 _failure = None  # The first failed callback and its exception, until a flush or shutdown reports them.
@@ -174,16 +192,26 @@ def _open(library):
     else:
         name, origin = "liboxEvent.so.1", "from the loader's search path; OXEVENT_LIBRARY or load() can name the file"
     try:
-        opened = ctypes.CDLL(name)
-        for function, arguments in _FUNCTIONS.items():
-            getattr(opened, function).argtypes = arguments
-            getattr(opened, function).restype = ctypes.c_uint32
+        opened = _declared(ctypes.CDLL(name), _FUNCTIONS)
     except (OSError, AttributeError) as error:
         raise OSError(f"cannot load the oxEvent library: tried {name} ({origin}): {error}") from error
     version = opened.oxEventGetApiVersion()
     if version != _API_VERSION:
         raise OSError(f"{name} ({origin}) has the version {version:#x}, not {_API_VERSION:#x}")
     return opened
+
+
+def _declared(library, functions):
+    for function, arguments in functions.items():
+        getattr(library, function).argtypes = arguments
+        getattr(library, function).restype = ctypes.c_uint32
+    return library
+
+
+@functools.lru_cache(maxsize=None)
+def _poster_library():
+    directory = os.path.dirname(_loaded()._name)  # Empty if the loader has found liboxEvent.
+    return _declared(ctypes.CDLL(os.path.join(directory, "liboxevent-alertposter.so.1")), _POSTER_FUNCTIONS)
 
 
 def _call(function, *arguments):
@@ -279,9 +307,7 @@ def flush(timeout_s: Optional[float] = None) -> None:
     """
     milliseconds = 0  # The library takes 0 as no limit, so the shortest timeout is 1 ms.
     if timeout_s is not None:
-        if not 0 < timeout_s <= (2**32 - 1) / 1000:
-            raise ValueError(f"timeout_s must be above 0 and at most 4294967.295, not {timeout_s!r}")
-        milliseconds = math.ceil(timeout_s * 1000)
+        milliseconds = _milliseconds("timeout_s", timeout_s)
     _call("oxEventFlush", milliseconds)
     _report_failure()
 
@@ -344,6 +370,87 @@ def register_callback(function: Callable[[Event], object]) -> Callback:
             del _callbacks[callback._number]
             raise
     return callback
+
+
+@dataclasses.dataclass(frozen=True)
+class AlertPosterState:
+    """What an alert poster has done."""
+
+    last_status: int  # HTTP status of the last post; 0: there was no response, or no post yet.
+    active_alerts: int  # Alerts that are posted repeatedly.
+    unposted_alerts: int  # Alerts whose latest state has not been posted yet.
+    posted: int  # Alerts that the Alertmanager accepted, repetitions included.
+    failed_posts: int  # Posts that failed and were or will be retried.
+    refused: int  # Alerts that the Alertmanager refused as invalid.
+    dropped: int  # Events that were not posted because max_bytes was reached.
+
+
+class AlertPoster:
+    """Posts events as alerts to an Alertmanager, on a thread of its own.
+
+        with oxevent.AlertPoster("http://127.0.0.1:9093/api/v2/alerts"), oxevent.running("settings.xml"):
+            ...
+
+    url               http or https, ends in /api/v2/alerts
+    headers           {name: value} of further HTTP headers, such as an Authorization
+    alertname_prefix  prefix of each alert's name, "OxEvent" if not given
+    minimum_severity  events below it are not posted, except clears of active alerts
+    conditions_only   whether events that belong to no condition are left out
+    repeat_interval_s   interval between two posts of an active alert, well below the Alertmanager's resolve_timeout
+    request_timeout_s   time that a post may take
+    stop_timeout_s      time that stop() may spend on posts
+    max_bytes         memory for alerts
+
+    Create it before initialize, so that it gets every event, and stop it after shutdown; each run of the library needs
+    a new one. A poster that still runs when the interpreter exits is stopped. Raises OSError if
+    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused. include/oxEvent/alert_poster.h
+    says which alerts are posted when.
+    """
+
+    def __init__(self, url: Text, *, headers: Optional[dict] = None, alertname_prefix: Optional[Text] = None,
+                 minimum_severity: int = Severity.DEBUG, conditions_only: bool = False, repeat_interval_s: float = 60,
+                 request_timeout_s: float = 3, stop_timeout_s: float = 5, max_bytes: int = 16 * 2**20):
+        lines = [_string("headers", name) + b": " + _string("headers", value) for name, value in (headers or {}).items()]
+        config = _AlertPosterConfig(
+            struct_size=ctypes.sizeof(_AlertPosterConfig), url=_string("url", url), headers=b"\xa7".join(lines),
+            alertname_prefix=None if alertname_prefix is None else _string("alertname_prefix", alertname_prefix),
+            minimum_severity=_severity("minimum_severity", minimum_severity), conditions_only=bool(conditions_only),
+            repeat_interval_ms=_milliseconds("repeat_interval_s", repeat_interval_s),
+            request_timeout_ms=_milliseconds("request_timeout_s", request_timeout_s),
+            stop_timeout_ms=_milliseconds("stop_timeout_s", stop_timeout_s),
+            max_bytes=_integer(1, 2**64 - 1, "max_bytes", max_bytes))
+        self._id = ctypes.c_uint32()
+        with _lock:
+            if _exiting:
+                raise RuntimeError("AlertPoster: the interpreter is exiting")
+            code = _poster_library().oxEventAlertPosterStart(ctypes.byref(config), ctypes.byref(self._id))
+            if code != Result.OK:
+                raise OxEventError(code, f"cannot start a poster for {os.fsdecode(url)}")
+            _posters[self._id.value] = self
+
+    def stop(self) -> int:
+        """Post what waits, and each active alert once more, for at most stop_timeout_s.
+
+        Returns the number of alerts whose latest state was not posted; 0 if the poster was stopped before.
+        """
+        _posters.pop(self._id.value, None)
+        unposted = ctypes.c_uint32()
+        _poster_library().oxEventAlertPosterStop(self._id, ctypes.byref(unposted))
+        return unposted.value
+
+    def state(self) -> AlertPosterState:
+        """Return what the poster has done. Raises OxEventError with NOT_FOUND if it is stopped."""
+        state = _AlertPosterState(struct_size=ctypes.sizeof(_AlertPosterState))
+        code = _poster_library().oxEventAlertPosterGetState(self._id, ctypes.byref(state))
+        if code != Result.OK:
+            raise OxEventError(code, "the poster is stopped")
+        return AlertPosterState(**{name: getattr(state, name) for name, _ in _AlertPosterState._fields_[1:]})
+
+    def __enter__(self) -> AlertPoster:
+        return self
+
+    def __exit__(self, *_) -> None:
+        self.stop()
 
 
 # The only C callback. It lives as long as the module, so that unregistering frees no code that the worker is running.
@@ -453,6 +560,12 @@ def _float(name, value):
         raise TypeError(f"{name} must be a number, not {value!r}") from None
     except OverflowError:
         raise ValueError(f"{name} is too large for a float") from None
+
+
+def _milliseconds(name, seconds):
+    if not 0 < seconds <= (2**32 - 1) / 1000:
+        raise ValueError(f"{name} must be above 0 and at most 4294967.295, not {seconds!r}")
+    return math.ceil(seconds * 1000)
 
 
 def _severity(name, value):
@@ -576,6 +689,8 @@ def _at_exit():
     except OxEventError as error:
         if error.code != Result.NOT_INITIALIZED:
             _logger.error("at exit: %s", error)
+    for poster in list(_posters.values()):
+        poster.stop()
 
 
 def _reset_after_fork_in_child():
@@ -585,6 +700,7 @@ def _reset_after_fork_in_child():
     _failure = None
     _initialized_here = False
     _callbacks.clear()
+    _posters.clear()
 
 
 atexit.register(_at_exit)

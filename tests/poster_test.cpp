@@ -1,0 +1,248 @@
+// The alert poster: its list of alerts, and the library as a host uses it.
+#include <regex>
+
+#include "http_server.h"
+#include "oxEvent/alert_poster.h"
+#include "poster/oxEventAlertList.h"
+
+namespace {
+
+using Clock = oxEventAlertList::Clock;
+using Lines = std::vector<std::string>;
+
+constexpr std::chrono::milliseconds kRepeatInterval{100};
+constexpr uint64_t kMaxBytes = 20000;
+
+struct Event {
+  const char* action;
+  uint32_t severity;
+  const char* source = "a";
+  const char* message = "m";
+  const char* key = "";
+};
+
+oxEventRecord RecordOf(const Event& event) {
+  oxEventRecord record = MakeRecord(event.message);
+  record.action = event.action;
+  record.severity = event.severity;
+  record.event_type = "door";
+  record.source_id = event.source;
+  record.dedupe_key = event.key;
+  record.event_id = 1;
+  record.source_name = record.units = "";
+  record.utc_ns = 1700000000123456789;
+  return record;
+}
+
+// Describes each alert of a document: "critical a: m" if it is active, "critical a resolved: m" if not.
+Lines Describe(const std::string& document) {
+  static const std::regex alert(
+      R"re("labels":\{[^}]*"severity":"(\w+)"[^}]*"source_id":"(\w+)"\}(,"annotations":\{"summary":"(\w*)"[^}]*\})?,"startsAt":"[^"]*"(,"endsAt")?)re");
+  Lines lines;
+  for (std::sregex_iterator match(document.begin(), document.end(), alert), end; match != end; ++match) {
+    const char* const resolved = (*match)[5].matched ? " resolved: " : ": ";
+    lines.push_back((*match)[1].str() + " " + (*match)[2].str() + resolved + (*match)[4].str());
+  }
+  return lines;
+}
+
+class AlertListTest : public testing::Test {
+ protected:
+  void Add(const Event& event) { list_.Add(RecordOf(event), filter_); }
+
+  Lines StartPost() {
+    if (!list_.HasWaiting() && list_.NextDue() > now_) return {};
+    return Describe(list_.StartPost(now_));
+  }
+
+  oxEventAlertPosterState State() const {
+    oxEventAlertPosterState state = {};
+    list_.GetState(&state);
+    return state;
+  }
+
+  oxEventAlertPosterConfig filter_ = {};
+  Clock::time_point now_ = Clock::time_point(std::chrono::seconds(1));
+  oxEventAlertList list_{"OxEvent", kRepeatInterval, kMaxBytes};
+};
+
+TEST_F(AlertListTest, KeepsTheLatestStateOfEachAlert) {
+  const struct {
+    const char* what;
+    std::vector<Event> events;
+    Lines posted;
+  } cases[] = {{"an update replaces the raise", {{"raise", 2}, {"UPDATE", 2, "a", "n"}}, {"warning a: n"}},
+               {"a clear gets the labels of its raise", {{"raise", 3}, {"clear", 1}}, {"critical a resolved: m"}},
+               {"the formatter's other words for a clear", {{"raise", 3}, {"Resolved", 1}}, {"critical a resolved: m"}},
+               {"an unknown clear keeps its own labels", {{"clear", 2}}, {"warning a resolved: m"}},
+               {"a change of the severity is another alert",
+                {{"raise", 2}, {"update", 3}},
+                {"warning a resolved: m", "critical a: m"}},
+               {"another source is another alert", {{"raise", 2}, {"raise", 2, "b"}}, {"warning a: m", "warning b: m"}},
+               {"an alert of two conditions is active until both are cleared",
+                {{"raise", 2, "a", "m", "1"}, {"raise", 2, "a", "n", "2"}, {"clear", 2, "a", "o", "1"}},
+                {"warning a: n"}},
+               {"an alert of two cleared conditions",
+                {{"raise", 2, "a", "m", "1"},
+                 {"raise", 2, "a", "n", "2"},
+                 {"clear", 2, "a", "o", "1"},
+                 {"clear", 2, "a", "p", "2"}},
+                {"warning a resolved: p"}},
+               {"an event without a condition does not replace an active alert",
+                {{"raise", 2}, {"", 2, "a", "n"}},
+                {"warning a: m"}},
+               {"events below the minimum", {{"raise", 1}, {"", 1}, {"clear", 1}}, {}},
+               {"a condition that falls below the minimum", {{"raise", 2}, {"update", 1}}, {"warning a resolved: m"}}};
+  filter_.minimum_severity = OXEVENT_SEVERITY_WARNING;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    for (const Event& event : c.events) Add(event);
+    EXPECT_EQ(StartPost(), c.posted);
+    list_.CompletePost(now_);
+    for (const char* key : {"", "1", "2"}) {
+      for (const char* source : {"a", "b"}) Add({"clear", 0, source, "m", key});
+    }
+    if (!StartPost().empty()) list_.CompletePost(now_);
+    EXPECT_EQ(State().active_alerts + State().unposted_alerts, 0u);
+  }
+}
+
+TEST_F(AlertListTest, LeavesOutEventsWithoutACondition) {
+  filter_.conditions_only = 1;
+  Add({"", 3});
+  EXPECT_EQ(StartPost(), Lines{});
+}
+
+TEST_F(AlertListTest, PostsAChangeDuringAPostAfterwards) {
+  Add({"raise", 2});
+  EXPECT_EQ(StartPost(), Lines{"warning a: m"});
+  Add({"clear", 2});
+  list_.CompletePost(now_);
+  EXPECT_EQ(State().unposted_alerts, 1u);
+  EXPECT_EQ(StartPost(), Lines{"warning a resolved: m"});
+  list_.CompletePost(now_);
+  EXPECT_EQ(State().unposted_alerts, 0u);
+}
+
+TEST_F(AlertListTest, RepeatsActiveAlertsOnly) {
+  Add({"raise", 2});
+  Add({"", 2, "b"});
+  EXPECT_EQ(StartPost().size(), 2u);
+  list_.CompletePost(now_);
+  EXPECT_EQ(StartPost(), Lines{});
+  EXPECT_EQ(list_.NextDue(), now_ + kRepeatInterval);
+  now_ += kRepeatInterval;
+  EXPECT_EQ(StartPost(), Lines{"warning a: m"});
+}
+
+TEST_F(AlertListTest, SplitsARefusedPostAndPostponesTheRefusedAlert) {
+  for (const char* source : {"a", "b"}) Add({"raise", 2, source});
+  StartPost();
+  list_.RefusePost(now_);
+  EXPECT_EQ(StartPost(), Lines{"warning a: m"});
+  list_.RetryPost();
+  EXPECT_EQ(StartPost(), Lines{"warning a: m"});
+  list_.RefusePost(now_);
+  EXPECT_EQ(StartPost(), Lines{"warning b: m"});
+  list_.CompletePost(now_);
+  EXPECT_EQ(StartPost(), Lines{});
+  EXPECT_EQ(State().refused, 1u);
+  now_ += kRepeatInterval;
+  EXPECT_EQ(StartPost(), (Lines{"warning a: m", "warning b: m"}));
+}
+
+TEST_F(AlertListTest, DropsWhatDoesNotFitButResolvesWhatIsActive) {
+  for (int source = 0; source < 100; ++source) Add({"raise", 2, std::to_string(source).c_str()});
+  const auto fitted = State().active_alerts;
+  EXPECT_EQ(State().dropped, 100 - fitted);
+  EXPECT_GT(fitted, 10u);
+  const std::string long_message(kMaxBytes, 'x');
+  Add({"update", 2, "0", long_message.c_str()});
+  EXPECT_EQ(State().dropped, 101 - fitted);
+  Add({"clear", 2, "0", long_message.c_str()});
+  EXPECT_EQ(StartPost()[0], "warning 0 resolved: ");
+  for (int source = 1; source < 100; ++source) Add({"clear", 2, std::to_string(source).c_str()});
+  EXPECT_EQ(State().active_alerts, 0u);
+}
+
+// The library.
+
+const Answer kUnavailable = {"HTTP/1.1 503 -\r\nContent-Length: 0\r\n\r\n"};
+const Answer kNone = {""};
+
+class AlertPosterTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string settings = directory_.path + "/settings.xml";
+    WriteSettings(settings, "");
+    ASSERT_EQ(oxEventInitialize(settings.c_str()), OXEVENT_OK);
+  }
+  void TearDown() override { oxEventShutdown(); }
+
+  static oxEventAlertPosterConfig Config(const std::string& url) {
+    oxEventAlertPosterConfig config = {};
+    config.struct_size = sizeof(config);
+    config.url = url.c_str();
+    config.request_timeout_ms = 100000;
+    return config;
+  }
+
+  static void Submit(const Event& event) {
+    const oxEventRecord record = RecordOf(event);
+    ASSERT_EQ(oxEventSubmit(&record), OXEVENT_OK);
+  }
+
+  static void WaitUntil(const auto& condition) {
+    while (!condition()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+
+  const HostFolder directory_{};
+};
+
+TEST_F(AlertPosterTest, RetriesAndRepeats) {
+  HttpServer server({kUnavailable, kUnavailable, {}});
+  const std::string url = server.Url();
+  oxEventAlertPosterConfig config = Config(url);
+  config.repeat_interval_ms = 10;
+  config.headers = "Authorization: Bearer t";
+  oxEvent::AlertPoster poster(config);
+  ASSERT_EQ(poster.Result(), OXEVENT_OK);
+  Submit({"raise", 2});
+  WaitUntil([&] { return poster.State().posted >= 3; });
+  EXPECT_EQ(poster.State().failed_posts, 2u);
+  EXPECT_EQ(poster.State().last_status, 200);
+  EXPECT_EQ(poster.Stop(), 0u);
+  const std::string request = server.TakeRequests().back();
+  EXPECT_NE(request.find("\r\nAuthorization: Bearer t\r\n"), request.npos);
+  EXPECT_EQ(Describe(request), Lines{"warning a: m"});
+}
+
+// The timeout of each post ends with that of the stop. Otherwise the stop would take 100 s.
+TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
+  const HttpServer server({kUnavailable, kNone});
+  const std::string url = server.Url();
+  oxEventAlertPosterConfig config = Config(url);
+  config.stop_timeout_ms = 2000;
+  oxEvent::AlertPoster poster(config);
+  Submit({"raise", 2});
+  WaitUntil([&] { return poster.State().failed_posts == 1; });
+  const auto start = Clock::now();
+  EXPECT_EQ(poster.Stop(), 1u);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(50));
+  EXPECT_EQ(poster.Stop(), 0u) << "the poster is stopped already";
+}
+
+TEST_F(AlertPosterTest, RefusesInvalidArguments) {
+  oxEventAlertPosterConfig config = Config("ftp://host/");
+  uint32_t id = 0;
+  EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
+  config.url = "http://host/";
+  config.headers = "A: b\r\nC: d";
+  EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
+  config.headers = nullptr;
+  config.struct_size = 8;
+  EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventAlertPosterGetState(1, nullptr), OXEVENT_INVALID_ARGUMENT);
+}
+
+}  // namespace
