@@ -107,6 +107,10 @@ class Page:
     def do_json(self, code):
         json.loads(code)
 
+    def do_yaml(self, code):
+        (self.directory / "block.yml").write_text(code)
+        self.call(["amtool", "check-config", "block.yml"])
+
     def do_sh(self, code):
         self.call(["bash", "-euo", "pipefail", "-c", code])
 
@@ -121,7 +125,8 @@ class Page:
         source, program = self.directory / "block", self.directory / "program"
         whole = "main(" in code
         source.write_text(code if whole else "#include <oxEvent.h>\n" + code)
-        link = ["-x", "none", f"{BUILD}/liboxEvent.so", f"-Wl,-rpath,{BUILD}", "-o", program]
+        libraries = [f"{BUILD}/liboxevent-alertposter.so", f"{BUILD}/liboxEvent.so"]
+        link = ["-x", "none", *libraries, f"-Wl,-rpath,{BUILD}", "-o", program]
         self.call([*compiler, *FLAGS, source, *(link if whole else ["-fsyntax-only"])])
         if whole:
             self.call([program, self.quiet_settings()])

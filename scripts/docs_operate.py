@@ -1,4 +1,7 @@
-"""Tests the samples of docs/operate.md: docs_operate.py [-v] [Test.test_NAME...], with a build in OXEVENT_BUILD."""
+"""Tests the samples of docs/operate.md, and that pages quote their samples: docs_operate.py [-v] [Test.test_NAME...]
+
+Needs a build, in OXEVENT_BUILD.
+"""
 import ctypes
 import os
 import subprocess
@@ -42,11 +45,12 @@ class Test(unittest.TestCase):
         host.terminate()
         self.assertEqual(host.wait(receivers.TIMEOUT_S), 0)
 
-    def test_page_quotes_each_sample(self):
-        page = (ROOT / "docs" / "operate.md").read_text()
-        for sample in sorted(SAMPLES.iterdir()):
+    def test_pages_quote_each_sample(self):
+        samples = [("operate.md", sample) for sample in sorted(SAMPLES.iterdir())]
+        samples.append(("receivers/alertmanager.md", ROOT / "docs/receivers/alertmanager.yml"))
+        for page, sample in samples:
             with self.subTest(sample=sample.name):
-                self.assertIn(f"```text\n{sample.read_text()}```\n", page)
+                self.assertIn(f"\n{sample.read_text()}```\n", (ROOT / "docs" / page).read_text())
 
     def test_systemd_accepts_the_unit(self):
         unit = self.directory / "oxevent-watch.service"
