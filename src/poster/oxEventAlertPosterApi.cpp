@@ -108,7 +108,8 @@ uint32_t Start(const oxEventAlertPosterConfig& config, uint32_t* id_out) {
   const uint32_t id = Add(poster);
   if (id == 0) return OXEVENT_NOT_INITIALIZED;
   uint32_t callback_id = 0;
-  const uint32_t result = oxEventRegisterCallback(OnEvent, reinterpret_cast<void*>(uintptr_t{id}), &callback_id);
+  void* const number = reinterpret_cast<void*>(uintptr_t{id});  // NOLINT(performance-no-int-to-ptr)
+  const uint32_t result = oxEventRegisterCallback(OnEvent, number, &callback_id);
   if (result == OXEVENT_OK) {
     SetCallbackId(id, callback_id);
     *id_out = id;
