@@ -15,8 +15,8 @@ static_assert(sizeof(oxEventRecord) == 152 && offsetof(oxEventRecord, message) =
 
 constexpr uint32_t kMinRecordBytes = 48;  // Up to and including message.
 
-// Reads the fields that lie wholly within the struct_size that the caller declared. Without a check for each field if
-// kIsComplete: then they all do.
+// Reads the fields that lie wholly within the struct_size that the caller declared. If kIsComplete, all fields do, and
+// none is checked.
 template <bool kIsComplete>
 class RecordReader {
  public:

@@ -5,7 +5,7 @@
 #include "base/oxEventNormalizedEvent.h"
 
 // Validates a host's record and applies all defaults. `assigned_id` is used if the record has no id. The strings of
-// *out are not copies: they are those of the record, or oxEventDefaults. *out need not be initialized. Threads: any.
+// *out are not copies, but those of the record or of oxEventDefaults. *out need not be initialized. Threads: any.
 // Returns 0, or OXEVENT_INVALID_ARGUMENT with *out unchanged.
 uint32_t oxEventNormalizeEvent(const oxEventRecord* record, uint64_t assigned_id, oxEventNormalizedEvent* out);
 

@@ -8,7 +8,9 @@
 #include <emmintrin.h>
 #endif
 
-// Everything that depends on the processor's architecture. No other source has code for a particular architecture.
+// All code for particular processor architectures. Elsewhere, only the byte order matters (oxEventNumber.cpp and
+// oxEventSipHash.h). On other processors, the library works too, but compares bytes with the compiler's generic vector
+// code, spins without a pause, and leaves the exception state where the loader places it (see the last function).
 
 // The result of comparing 16 bytes with one value or several: each byte is 0xFF for a match, otherwise 0.
 using oxEventByteMatches __attribute__((vector_size(16))) = unsigned char;

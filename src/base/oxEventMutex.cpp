@@ -10,6 +10,7 @@
 
 namespace {
 
+// The function syscall is not a cancellation point, so no thread can be cancelled while it locks a mutex.
 void CallFutex(std::atomic<uint32_t>* word, int operation, uint32_t value) {
   const int saved_errno = errno;  // The caller of Submit may rely on it.
   syscall(SYS_futex, word, operation, value, nullptr, nullptr, 0);
@@ -18,7 +19,8 @@ void CallFutex(std::atomic<uint32_t>* word, int operation, uint32_t value) {
 
 }  // namespace
 
-// Most locks are held for nanoseconds: spinning for a moment costs less than going to sleep.
+// Most locks are held for nanoseconds: spinning for a moment costs less than going to sleep. A thread that has given up
+// spinning locks the mutex as contended, because it cannot know whether other threads sleep.
 void oxEventMutex::LockContended() {
   constexpr int kSpins = 50;
   for (int i = 0; i < kSpins; ++i) {
@@ -44,7 +46,10 @@ oxEventCondition::Waiter::~Waiter() {
   condition_->waiters_.fetch_sub(1, std::memory_order_relaxed);
 }
 
-// If so, returns once each thread that has counted itself is really waiting.
+// Returns whether a thread waits, and if so, not before every thread that has counted itself is in its wait, where the
+// notification reaches it: until then, that thread holds wait_mutex_. A relaxed load suffices: a thread that tested its
+// condition before the change to be notified has counted itself before it released the caller's mutex, with which the
+// change was then made.
 bool oxEventCondition::HasWaiters() {
   if (waiters_.load(std::memory_order_relaxed) == 0) return false;
   const std::lock_guard<std::mutex> lock(wait_mutex_);

@@ -18,8 +18,8 @@
 #define OX_EXCLUDES(m) OX_THREAD(locks_excluded(m))
 
 // A mutex of one word (Drepper, "Futexes Are Tricky", 2011, mutex 2), with annotations for the thread-safety analysis.
-// Locking and unlocking take 8 instructions together, those of pthread_mutex_t 70: the worker does so five times for
-// each event. Trivially destructible, so that a mutex with static storage remains usable until the process ends.
+// Locking and unlocking it takes 8 instructions, a pthread_mutex_t 70, and the worker does so five times for each
+// event. Trivially destructible, so that a mutex with static storage remains usable until the process ends.
 class OX_THREAD(capability("mutex")) oxEventMutex {
  public:
   constexpr oxEventMutex() = default;
@@ -33,6 +33,7 @@ class OX_THREAD(capability("mutex")) oxEventMutex {
     uint32_t expected = kFree;
     return state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed);
   }
+  // Polls, so it may return up to a millisecond after the mutex was unlocked.
   bool TryLockFor(uint32_t timeout_ms) OX_THREAD(try_acquire_capability(true)) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     while (!TryLock()) {
@@ -66,8 +67,9 @@ class OX_THREAD(scoped_lockable) oxEventLock {
   oxEventMutex& mutex_;
 };
 
-// A condition variable for an oxEventMutex. A wait may end without a reason: wait in a loop. Waits are cancellation
-// points. Notify after a change made with the mutex held; the mutex may have been released since.
+// A condition variable for an oxEventMutex. A wait may end without a notification: wait in a loop. Waits are
+// cancellation points. Make the change with the mutex held, then notify; the mutex may have been released in the
+// meantime.
 class oxEventCondition {
  public:
   void Wait(oxEventMutex& mutex) OX_REQUIRES(mutex) {
@@ -104,6 +106,6 @@ class oxEventCondition {
   bool HasWaiters();
 
   std::atomic<uint32_t> waiters_ = 0;  // Changed with the caller's mutex held.
-  std::mutex wait_mutex_;              // A thread releases it by beginning to wait. Taken after the caller's mutex.
+  std::mutex wait_mutex_;  // Held by a thread from counting itself until it waits. Locked after the caller's mutex.
   std::condition_variable condition_;
 };

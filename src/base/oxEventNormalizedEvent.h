@@ -11,8 +11,8 @@ class oxEventSharedSlab;
 
 constexpr size_t kOxEventMaxKeptBytes = 4096;  // The memory of longer strings is not kept for reuse.
 
-// The texts of fields that a record does not set. A copy of an event refers to them too: all lie in one array, so that
-// a comparison tells them from a host's texts, which must be copied.
+// The texts of fields that a record does not set. A copy of an event refers to them as well, instead of copying them.
+// All are in one array, so that comparing addresses distinguishes them from a host's texts, which must be copied.
 class oxEventDefaults {
  public:
   static bool Contains(const char* text) {
@@ -20,7 +20,7 @@ class oxEventDefaults {
   }
 
  private:
-  static constexpr char kTexts[] = "\0event\0simple\0oxEvent\0{}";  // A view of one ends at its NUL.
+  static constexpr char kTexts[] = "\0event\0simple\0oxEvent\0{}";  // Each view ends before a NUL.
 
  public:
   static constexpr std::string_view kEmpty = kTexts;
@@ -53,7 +53,7 @@ struct oxEventNormalizedEvent {
   std::string_view details_json = "";
   // NOLINTEND(readability-redundant-string-init)
 
-  // Size of all strings together.
+  // Returns the size of all strings together, without their NULs.
   size_t TextBytes() const {
     return event_type.size() + source_id.size() + source_name.size() + message.size() + action.size() +
            dedupe_key.size() + correlation_id.size() + timecode.size() + units.size() + details_json.size();
@@ -91,7 +91,7 @@ class oxEventStoredEvent {
  private:
   static constexpr size_t kStringCount = 10;
 
-  // Including a NUL after each string.
+  // Returns how many bytes a copy of the strings needs at most: it contains a NUL after each, but no default texts.
   static size_t StoredBytes(const oxEventNormalizedEvent& event) { return event.TextBytes() + kStringCount; }
   bool Reserve(size_t size);
   void ReleaseBlockOfLongTexts();
@@ -103,7 +103,8 @@ class oxEventStoredEvent {
   oxEventSharedSlab* const memory_;
 };
 
-// Clears a string that is kept for reuse, and frees its memory, if the memory is too large to be kept.
+// For a string that is kept for reuse: if its memory is too large to be kept, frees the memory, which clears the
+// string.
 inline void oxEventReleaseLongText(std::string* text) {
   if (text->capacity() > kOxEventMaxKeptBytes) std::string().swap(*text);
 }

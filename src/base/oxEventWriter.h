@@ -12,7 +12,11 @@
 #include "base/oxEventArchitecture.h"
 #include "base/oxEventNumber.h"
 
-// Copies 1 to 15 bytes and returns them in some order, some of them repeatedly. Reads only these bytes.
+// The functions before the class write to `to`, which must not overlap `from` or `text`, and needs room for what they
+// write: for a copy, the size of the text.
+
+// Copies `size` bytes, 1 to 15, and accesses no others. Also returns these bytes, in no particular order and some of
+// them repeatedly, for a search that only asks whether a byte occurs.
 inline oxEventByteMatches oxEventCopyShort(const char* from, size_t size, char* to) {
   uint64_t low = 0;
   uint64_t high = 0;
@@ -42,7 +46,7 @@ inline oxEventByteMatches oxEventCopyShort(const char* from, size_t size, char* 
   return std::bit_cast<oxEventByteMatches>(oxEventWordPair{low, high});
 }
 
-// Copies kBytes to 2 * kBytes bytes: the first kBytes and the last, which may overlap.
+// Copies `size` bytes, kBytes to 2 * kBytes: the first kBytes and the last kBytes, which may overlap.
 template <size_t kBytes>
 void oxEventCopyEnds(const char* from, size_t size, char* to) {
   std::array<char, kBytes> first;
@@ -68,8 +72,9 @@ inline char* oxEventWriteText(std::string_view text, char* to) {
   return to + size;
 }
 
-// Copies the text and returns whether it contains no special byte. Looks at 16 bytes at a time; the last 16 may overlap
-// those before. is_special takes a byte or a vector of bytes, so it must combine comparisons with | instead of ||.
+// Copies the text, and returns true if it contains no special byte. Processes 16 bytes at a time; the last 16 may
+// overlap those before. is_special takes a byte or a vector of bytes, so it must combine comparisons with | instead of
+// ||.
 template <class IsSpecial>
 [[gnu::always_inline]] inline bool oxEventCopyIfPlain(std::string_view text, IsSpecial is_special, char* to) {
   using Bytes = oxEventByteMatches;
@@ -89,8 +94,9 @@ template <class IsSpecial>
   return !oxEventHasMatch(found | copy_block(last));
 }
 
-// Copies the text, but calls `escape` for each special byte: it takes the byte and where to write, and returns the end
-// of what it wrote. Returns the end.
+// Copies the text, but calls escape(byte, at) for each special byte, which writes at least one byte to `at` and returns
+// the end of what it wrote. Returns the end. Needs room only for the result: a block of 16 bytes that is copied before
+// its special bytes are found never extends beyond that, because each byte of the text becomes at least one.
 template <class IsSpecial, class Escape>
 [[gnu::noinline]] char* oxEventEscapeEach(std::string_view text, IsSpecial is_special, Escape escape, char* to) {
   using Bytes = oxEventByteMatches;
@@ -117,15 +123,15 @@ template <class IsSpecial, class Escape>
   return to;
 }
 
-// As oxEventEscapeEach, but faster for a text without special bytes.
+// The same as oxEventEscapeEach, but faster for a text without special bytes.
 template <class IsSpecial, class Escape>
 char* oxEventWriteEscaped(std::string_view text, IsSpecial is_special, Escape escape, char* to) {
   if (oxEventCopyIfPlain(text, is_special, to)) return to + text.size();
   return oxEventEscapeEach(text, is_special, escape, to);
 }
 
-// Appends to a string. The writer makes sure that there is room and then writes through a pointer: that takes a
-// fraction of the time of appending each piece to the string. From construction to destruction, only the writer may use
+// Appends to a string. The writer makes sure that there is room and then writes through a pointer, which takes a
+// fraction of the time of std::string::append for each piece. From construction to destruction, only the writer may use
 // the string. All functions throw only std::bad_alloc. Threads: one at a time.
 class oxEventWriter {
  public:
@@ -134,15 +140,15 @@ class oxEventWriter {
   oxEventWriter(const oxEventWriter&) = delete;
   oxEventWriter& operator=(const oxEventWriter&) = delete;
 
-  // Of the whole string.
+  // Returns the size of the whole string, including what it contained before.
   size_t Size() const { return static_cast<size_t>(at_ - out_->data()); }
-  // Replaces a character that has been added.
+  // Replaces the character at a position below Size().
   void Replace(size_t position, char c) { (*out_)[position] = c; }
-  // Removes everything behind the first `size` bytes.
+  // Shortens the string to `size` bytes, at most Size().
   void Truncate(size_t size) { at_ = out_->data() + size; }
 
-  // Returns where the caller may write up to `size` bytes. The caller then passes the end of what it wrote to
-  // Advance.
+  // Returns where the caller may write up to `size` bytes, valid until the next call. The caller then passes the end of
+  // what it wrote to Advance.
   char* Room(size_t size) {
     if (static_cast<size_t>(end_ - at_) < size) Grow(size);
     return at_;
@@ -159,12 +165,13 @@ class oxEventWriter {
     at_ += kSize - 1;
   }
   void Add(std::string_view text) { at_ = oxEventWriteText(text, Room(text.size())); }
-  // A number, or a double and its number of significant digits.
+  // Adds an integer, or a double with the given number of significant digits.
   template <class... NumberAndDigits>
   void AddNumber(NumberAndDigits... number_and_digits) {
     at_ = oxEventWriteNumber(number_and_digits..., Room(kOxEventNumberSize));
   }
-  // Adds the text by write(text, at), which returns the end of what it wrote: up to kMaxEscape bytes for each byte.
+  // Adds the text in chunks: write(chunk, at) writes at most kMaxEscape bytes for each byte of the chunk, and returns
+  // the end of what it wrote.
   template <size_t kMaxEscape, class Write>
   void AddEscaped(std::string_view text, Write write) {
     while (!text.empty()) {
@@ -176,7 +183,7 @@ class oxEventWriter {
 
  private:
   static constexpr size_t kMinGrowth = 1024;
-  static constexpr size_t kChunk = 128;  // Limits the room that a long text takes if none of it is escaped.
+  static constexpr size_t kChunk = 128;  // Bytes. Limits the unused room after a long text of which little is escaped.
 
   void Grow(size_t size) {
     const size_t used = Size();
@@ -187,5 +194,5 @@ class oxEventWriter {
 
   std::string* const out_;
   char* at_;
-  char* end_;  // Of the string, whose bytes from at_ on are room.
+  char* end_;  // End of the string, whose bytes from at_ on are unused room.
 };

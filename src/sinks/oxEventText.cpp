@@ -49,7 +49,7 @@ constexpr auto kEscapeLetters = [] {
   return letters;
 }();
 
-// Writes the last `width` digits of `value`, then the separator. Returns the end.
+// Writes the last `width` decimal digits of `value`, then the separator: width + 1 bytes. Returns the end.
 char* WritePadded(uint64_t value, int width, char separator, char* at) {
   for (int i = width; i-- > 0; value /= 10) at[i] = static_cast<char>('0' + value % 10);
   at[width] = separator;
@@ -59,7 +59,7 @@ char* WritePadded(uint64_t value, int width, char separator, char* at) {
 constexpr size_t kUtcSeconds = sizeof("2023-11-14T22:13:20") - 1;
 constexpr size_t kUtcNano = kUtcSeconds + sizeof(".000000000Z") - 1;
 
-// Writes a time such as 2023-11-14T22:13:20, without a terminating NUL. Returns the end.
+// Writes a time such as 2023-11-14T22:13:20: kUtcSeconds bytes, without a terminating NUL. Returns the end.
 char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   UtcCache own;
   if (cache == nullptr) cache = &own;
@@ -80,7 +80,7 @@ char* WriteUtcSeconds(uint64_t ns, UtcCache* cache, char* at) {
   return at + kUtcSeconds;
 }
 
-// Writes a time such as 2023-11-14T22:13:20.000000000Z, without a terminating NUL. Returns the end.
+// Writes a time such as 2023-11-14T22:13:20.000000000Z: kUtcNano bytes, without a terminating NUL. Returns the end.
 char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
   at = WriteUtcSeconds(ns, cache, at);
   *at++ = '.';
@@ -91,6 +91,7 @@ char* WriteUtcNano(uint64_t ns, UtcCache* cache, char* at) {
 
 constexpr size_t kJsonEscapeSize = sizeof("\\u001f") - 1;
 
+// Needs kJsonEscapeSize bytes at `at` for each byte of the text. Returns the end.
 char* WriteJsonEscaped(std::string_view text, char* at) {
   static constexpr char kHex[] = "0123456789abcdef";
   const auto is_special = [](auto byte) { return (byte < 0x20) | (byte == '"') | (byte == '\\'); };
@@ -113,7 +114,7 @@ struct CsvColumn {
   Value value;
 };
 template <class Value>
-CsvColumn(const char*, Value) -> CsvColumn<Value>;  // clang 14 does not deduce it for an aggregate.
+CsvColumn(const char*, Value) -> CsvColumn<Value>;  // clang 14 deduces no template arguments of aggregates.
 
 struct UtcTime {
   uint64_t ns;
@@ -164,7 +165,7 @@ constexpr std::array<char, kCsvHeaderSize> kCsvHeader = [] {
   return header;
 }();
 
-// Enough for a string of quotes: each is doubled, and quotes enclose the field.
+// Bytes that suffice for a field. A string may consist of quotes, which are doubled, and is then enclosed in quotes.
 constexpr size_t CsvFieldCapacity(std::string_view text) { return 2 + 2 * text.size(); }
 constexpr size_t CsvFieldCapacity(UtcTime) { return kUtcNano; }
 template <class Number>
@@ -172,7 +173,7 @@ constexpr size_t CsvFieldCapacity(Number) {
   return kOxEventNumberSize;
 }
 
-// RFC 4180, section 2.
+// The field of a CSV row (RFC 4180, section 2). Needs CsvFieldCapacity bytes at `at`. Returns the end.
 char* WriteCsvField(std::string_view text, char* at) {
   const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
   if (oxEventCopyIfPlain(text, is_special, at)) return at + text.size();

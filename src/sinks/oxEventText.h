@@ -20,7 +20,8 @@ namespace oxEventText {
 void JsonEscape(std::string_view text, oxEventWriter* out);  // RFC 8259, section 7, without the enclosing quotes.
 void AddJsonString(std::string_view text, oxEventWriter* out);
 
-// Writes a string of up to kShortText bytes with its quotes, at most kShortStringSize bytes. Returns the end.
+// Writes a text of up to kShortText bytes as a JSON string with its quotes. Needs kShortStringSize bytes at `at`;
+// returns the end of the string.
 constexpr size_t kShortText = 64;  // Most strings of an event are shorter.
 constexpr size_t kShortStringSize = kShortText * (sizeof("\\u001f") - 1) + 2;
 char* WriteShortJsonString(std::string_view text, char* at);
@@ -28,7 +29,7 @@ char* WriteShortJsonString(std::string_view text, char* at);
 // Adds up to 17 significant digits, enough to read the value back exactly, or null for NaN and infinities.
 void DoubleToJson(double value, oxEventWriter* out);
 
-// The name of a member of a JSON object as it is written, with the comma before it.
+// The name of a member of a JSON object, as it is written: in quotes, with the comma before it and the colon after it.
 template <size_t kSize>
 struct JsonName {
   consteval JsonName(const char (&name)[kSize]) {  // NOLINT(google-explicit-constructor): a template argument.
@@ -40,8 +41,8 @@ struct JsonName {
   char text[kSize + 3] = {};
 };
 
-// Writes a JSON object without white space. It must have a member: Close, which comes last, replaces the comma before
-// the first one.
+// Writes a JSON object without white space. Add at least one member, then call Close: it turns the comma before the
+// first member into the opening brace.
 class JsonObject {
  public:
   explicit JsonObject(oxEventWriter* out) : out_(out), begin_(out->Size()) {}
@@ -107,7 +108,8 @@ char* WriteCsvRow(const oxEventNormalizedEvent& event, char* at, UtcCache* cache
 // Formats an event as oxEvent's own JSON document.
 void FormatNativeJsonData(const oxEventNormalizedEvent& event, std::string* out);
 
-// Formats an event as a CloudEvent (version 1.0, structured content mode) with the above document as its data.
+// Formats an event as a CloudEvent (version 1.0, structured content mode) whose data is the document of
+// FormatNativeJsonData.
 void FormatCloudEventsJson(const oxEventNormalizedEvent& event, std::string_view source,
                            std::string_view subject_prefix, std::string* out);
 
