@@ -65,7 +65,8 @@ inline oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedE
   return result;
 }
 
-// Copies the event, for which *node has no room, or which may be null. Returns kQueued if it has been copied.
+// Copies the event after *node has turned out to be null, or to have too little memory for it. Returns kQueued if the
+// copy has been made.
 [[gnu::noinline]] oxEventEnqueueResult oxEventQueue::CopyToNewMemory(const oxEventNormalizedEvent& event,
                                                                      oxEventNodePtr* node) {
   {

@@ -20,9 +20,10 @@ enum class oxEventEnqueueResult {
   kNotAccepting,    // Turned away, not recorded as a drop: the queue has not been started, or is being stopped.
 };
 
-// The bounded first-in-first-out queue between the submitting threads and the worker: guards the backlog and its memory
-// with one lock. Owns copies of the events. Also tracks the active event, which the worker has taken but not completed,
-// so that a flush waits until that event is delivered too. Records every event that it drops in the ledger.
+// The bounded first-in-first-out queue between the submitting threads and the worker. Owns copies of the events. Also
+// tracks the active event, which the worker has taken but not completed, so that a flush waits until that event is
+// delivered too. Records every event that it drops in the ledger. One lock guards the backlog and the free nodes; the
+// slab in which nodes and texts are allocated has its own.
 // Threads: only the worker calls WaitPop and CompleteActiveEvent; any thread calls the rest.
 class oxEventQueue {
  public:

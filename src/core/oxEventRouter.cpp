@@ -51,7 +51,7 @@ uint32_t oxEventRouter::Start(const oxEventConfig* config) {
 
 uint32_t oxEventRouter::Submit(const oxEventNormalizedEvent& event) {
   const oxEventSubmitSlots::Lease slot(&slots_);
-  Run* const run = running_;
+  Run* const run = running_;  // Read after the slot was taken, see Lease::Acquire.
   if (run == nullptr) return OXEVENT_NOT_INITIALIZED;
   if (!run->IsEnabled(event.severity)) {
     run->drops.Record(event, oxEventDrop::kFiltered);

@@ -43,6 +43,8 @@ class oxEventSubmitSlots {
       const pthread_t self = pthread_self();
       for (size_t i = self * kHashFactor >> kShift, tries = 1;; ++i, ++tries) {
         Slot& slot = (*slots)[i % slots->size()];
+        // Sequentially consistent, unlike in a mutex. Submit writes the slot, then reads the run; Stop clears the run,
+        // then reads the slots. With a weaker order, each could miss what the other has written.
         if (pthread_t nobody = 0; slot.holder.compare_exchange_strong(nobody, self)) return slot;
         if (tries % slots->size() == 0) BackOff();
       }
