@@ -1,5 +1,5 @@
-// A host that exports libcurl functions, which replace those of libcurl.so. With EXPORTS_ALL, they are all that the
-// HTTP client uses, as in a host that contains another build of libcurl; otherwise only one of them.
+// A host that exports libcurl functions, which replace those of libcurl.so. With EXPORTS_ALL, it exports all functions
+// that the HTTP client uses, as does a host that contains another build of libcurl; otherwise it exports only one.
 #include <dlfcn.h>
 
 #include <atomic>
@@ -17,7 +17,7 @@ void* LibcurlFunction(const char* name) {
   return dlsym(libcurl, name);
 }
 
-// Answers one request, and returns its URL.
+// Starts a server that answers one request, and returns the server's URL.
 std::string ServeOneRequest() {
   uint16_t port = 0;
   const int listener = LoopbackSocket(AF_INET, SOCK_STREAM, &port);

@@ -66,8 +66,9 @@ void AfterForkInChild() {
 
 // Returns whether an unprivileged caller could influence a privileged process through the environment: libcurl appends
 // TLS session keys to the file that SSLKEYLOGFILE names, and the other variables select OpenSSL code paths, including
-// less protected ones. The libraries read these variables with getenv. Any other variable they read with secure_getenv,
-// or oxHTTPClient sets an option that overrides it.
+// less protected ones. The libraries read these variables with getenv. All others they read with secure_getenv, or
+// oxHTTPClient sets an option that overrides the variable. oxEventPlatformHttpUnsafeVariable in liboxEvent, which knows
+// this library only by its public header, has the same list.
 bool HasUnsafeEnvironment() {
   constexpr const char* kVariables[] = {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap",
                                         "OPENSSL_s390xcap"};

@@ -26,7 +26,7 @@ bool oxEventPlatformHttpPost(const std::string& url, const std::string& header_b
 
 const char* oxEventPlatformHttpUnsafeVariable() {
   if (getauxval(AT_SECURE) == 0) return nullptr;
-  // The variables that libcurl and OpenSSL read with getenv.
+  // The same variables as in HasUnsafeEnvironment (oxHTTPClientPool.cpp), which refuses requests because of them.
   for (const char* const variable :
        {"SSLKEYLOGFILE", "OPENSSL_ia32cap", "OPENSSL_armcap", "OPENSSL_ppccap", "OPENSSL_s390xcap"}) {
     if (getenv(variable) != nullptr) return variable;
