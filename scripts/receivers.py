@@ -218,17 +218,45 @@ class SixDigits(Receiver):
                 "OXEVENT_TARGET_PORT": str(self.target_port)}
 
 
+class Mib:
+    """What docs/OX-EVENT-MIB.txt says about the trap: its OID, and the name and the size of each object, by its OID."""
+
+    NODE = re.compile(r"^(\w+) +(?:OBJECT IDENTIFIER|MODULE-IDENTITY|OBJECT-TYPE|NOTIFICATION-TYPE)\b"
+                      r"(?:(?!::=).)*::= \{ (\w+) (\d+) \}", re.DOTALL | re.MULTILINE)
+
+    def __init__(self):
+        text = (RECIPES.parent / "OX-EVENT-MIB.txt").read_text()
+        self.nodes = {name: (parent, number) for name, parent, number in self.NODE.findall(text)}
+        names = re.search(r"NOTIFICATION-TYPE\s+OBJECTS \{([^}]*)\}", text)[1].replace(",", " ").split()
+        sizes = dict(re.findall(r"^(\w+) OBJECT-TYPE\s+SYNTAX +OxEventText \(SIZE \(0\.\.(\d+)\)\)", text, re.M))
+        self.trap = self.oid("oxEventNotification")
+        self.fields = {f"{self.oid(name)}.0": self.field(name) for name in names}
+        self.sizes = {self.field(name): int(size) for name, size in sizes.items()}
+
+    def oid(self, name):
+        if name == "enterprises":
+            return ".1.3.6.1.4.1"
+        parent, number = self.nodes[name]
+        return f"{self.oid(parent)}.{number}"
+
+    def field(self, name):
+        """Returns the field of an event that an object contains: oxEventSourceId contains source_id."""
+        words = re.sub("(?<=[a-z])(?=[A-Z])", "_", name.removeprefix("oxEvent")).lower()
+        return f"event_{words}" if words in ("id", "type") else words
+
+
 class SnmpTrapd(Receiver):
-    """Events contain the values of the objects by the names of the fields."""
+    """Events contain the OID of the trap, and the values of its objects by the names that Mib.field returns."""
 
     kind = socket.SOCK_DGRAM
     section = "sink\\snmp\\trap\\default"
-    FIELDS = ("severity", "severity_name", "event_id", "event_type", "source_id", "source_name", "action", "message",
-              "dedupe_key", "correlation_id", "utc_ns", "details_json")
-    FIRST, OBJECTS = ".1.3.6.1.2.1.1.3.0", ".1.3.6.1.4.1.32473.1.1.1."
+    FIRST, TRAP = ".1.3.6.1.2.1.1.3.0", ".1.3.6.1.6.3.1.1.4.1.0"
     # A string is in quotes, or in hexadecimal if a byte is not printable. It may contain line feeds.
     BINDING = re.compile(r'^(\.[0-9.]+) = (?:(?:STRING: )?"((?:[^"\\]|\\.)*)"|Hex-STRING: ([0-9A-F ]*)|\w+: (\S+))',
                          re.DOTALL | re.MULTILINE)
+
+    def __init__(self):
+        self.fields = {self.TRAP: "trap"} | Mib().fields
 
     def command(self):
         return ["snmptrapd", "-f", "-C", "-c", RECIPES / "snmptrapd.conf", "-Lf", self.log,
@@ -239,11 +267,12 @@ class SnmpTrapd(Receiver):
         for oid, quoted, hexadecimal, other in self.BINDING.findall("\n".join(read_log(self.directory / self.log))):
             if oid == self.FIRST:
                 events.append({})
-            elif oid.startswith(self.OBJECTS):
-                field = self.FIELDS[int(oid.split(".")[-2]) - 1]
+            else:
                 octets = text(bytes.fromhex(hexadecimal))
-                events[-1][field] = other or octets or re.sub(r"\\(.)", r"\1", quoted, flags=re.DOTALL)
-        return [event for event in events if len(event) == len(self.FIELDS)]  # Ignores an event that is still being written.
+                value = other or octets or re.sub(r"\\(.)", r"\1", quoted, flags=re.DOTALL)
+                events[-1][self.fields.get(oid, oid)] = value
+        # Ignores an event that is still being written.
+        return [event for event in events if len(event) >= len(self.fields)]
 
 
 class HttpReceiver(Receiver):

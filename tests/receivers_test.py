@@ -18,9 +18,7 @@ from receivers import octets, text
 STRINGS = [field.name for field in dataclasses.fields(oxevent.Event) if field.type == "str"]
 SEVERITIES = ("debug", "info", "warning", "error")
 PRIORITIES = [str(21 * 8 + severity) for severity in (7, 6, 4, 3)]  # Of local5: RFC 5424, section 6.2.1.
-TRAP_BYTES = {
-    "event_id": 32, "event_type": 128, "source_id": 128, "source_name": 128, "action": 64, "message": 2048,
-    "dedupe_key": 256, "correlation_id": 128, "utc_ns": 32, "details_json": 2048}
+MIB = receivers.Mib()
 
 
 def make_events():
@@ -54,8 +52,9 @@ def syslog_message(event):
 
 
 def trap(event):
-    objects = {name: text(octets(str(event[name]))[:size]) for name, size in TRAP_BYTES.items()}
-    return objects | {"severity": str(event["severity"]), "severity_name": SEVERITIES[event["severity"]]}
+    values = event | {"severity_name": SEVERITIES[event["severity"]]}
+    objects = {name: text(octets(str(values[name]))[:MIB.sizes.get(name)]) for name in MIB.fields.values()}
+    return {"trap": MIB.trap} | objects
 
 
 def native_json(event):
@@ -118,7 +117,11 @@ class Test(unittest.TestCase):
                 self.assertEqual(wire.recv(65536), re.sub(rb"(\.\d{6})\d{3}Z ", rb"\1Z ", sent, count=1))
 
     def test_snmptrapd(self):
-        self.check(receivers.SnmpTrapd, {}, trap)
+        """The trap is as the MIB describes it."""
+        def read(received):
+            self.assertEqual(list(received), ["trap", *MIB.fields.values()])
+            return received
+        self.check(receivers.SnmpTrapd, {}, trap, read)
 
     def test_nginx(self):
         header = {"status": "204", "method": "POST", "authorization": "Bearer t"}

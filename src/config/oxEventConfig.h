@@ -74,7 +74,7 @@ struct oxEventSinkConfig {
   uint32_t snmp_port = 162;
   std::string community = "cobalt";
   std::string version = "2c";
-  std::string enterprise_oid = "1.3.6.1.4.1.32473.1.1";
+  std::string enterprise_oid = "1.3.6.1.4.1.32473.1.1";  // Both OIDs are also in docs/OX-EVENT-MIB.txt.
   std::string trap_oid = "1.3.6.1.4.1.32473.1.1.0.1";
 
   // Alertmanager.

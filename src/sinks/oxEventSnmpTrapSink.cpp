@@ -95,6 +95,7 @@ class oxEventSnmpTrapSink : public oxEventSink {
     SnmpBer::Wrap(SnmpBer::kSequence, 0, &message);
   }
 
+  // docs/OX-EVENT-MIB.txt describes these objects in the same order, with the same maximum sizes.
   void AddBindings(const oxEventNormalizedEvent& event, uint32_t now_ms, oxEventWriter* message) const {
     const size_t list = message->Size();
     SnmpBer::AddIntegerVarBind(encoded_sys_up_time_, SnmpBer::kTimeTicks, now_ms / 10, message);
