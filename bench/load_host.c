@@ -1,6 +1,7 @@
 // Usage: load_host LIBRARY [LOADED_BEFORE]
-// Loads LOADED_BEFORE, then LIBRARY. Prints for LIBRARY and the libraries that it needs: the time of dlopen in
-// nanoseconds, the resident memory, and the part of that which no other process can share, both in KiB.
+// Loads LOADED_BEFORE, then LIBRARY. Prints what the second load costs, including the libraries that LIBRARY needs: the
+// time of dlopen in nanoseconds, the resident memory that it adds, and the private part of that memory, which no other
+// process can share, both in KiB.
 #include <dlfcn.h>
 #include <inttypes.h>
 #include <stdint.h>

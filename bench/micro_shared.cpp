@@ -1,4 +1,4 @@
-// What threads share that submit at the same time: each step alone, and with a second thread that does the same.
+// The data that concurrent calls of Submit share: what each costs alone, and while a second thread uses it too.
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -55,7 +55,7 @@ struct EmptiedQueue {
   std::mutex mutex;  // Held by the thread that acts as the worker.
 };
 
-// All threads use the same queue, or each its own.
+// All threads submit to the same queue, or each thread to its own.
 void Enqueue(benchmark::State& state, bool same_queue) {
   static std::array<EmptiedQueue, 2> queues;
   EmptiedQueue& emptied = queues[same_queue ? 0 : static_cast<size_t>(state.thread_index())];
@@ -68,7 +68,8 @@ void Enqueue(benchmark::State& state, bool same_queue) {
 BENCHMARK_CAPTURE(Enqueue, one_queue, true)->Name("Shared/one_queue")->ThreadRange(1, 2);
 BENCHMARK_CAPTURE(Enqueue, own_queue, false)->Name("Shared/own_queue")->ThreadRange(1, 2);
 
-// The memory of an event: 16 cache lines, each of which says where the next one is.
+// Stands for the memory of an event: cache lines, each of which contains the index of the next one, so that an access
+// cannot begin before the previous one has ended.
 class Lines {
  public:
   Lines() {
@@ -88,7 +89,7 @@ class Lines {
   std::array<Line, kCount> lines_;
 };
 
-// Time of one cache line. With two threads, the other one has written to all lines before.
+// Measures the time of one cache line. With two threads, the other one writes to all lines between the iterations.
 void EventMemory(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;
   enum Turn { kOurs, kTheirs, kEnd };

@@ -3,8 +3,9 @@
 
 bench_load.py BUILD_DIRECTORY ROUND
 
-Prints one JSON object per library, kind of host and state of the page cache. Warm: the second of two loads in a row.
-Cold: the libraries are copies that have been written to the disk and then removed from the page cache.
+Prints one JSON object for each library and kind of host. load_ns and the memory are those of a warm load: the second of
+two in a row. cold_ns is the time of a cold load: the libraries are copies that have been written to the disk and then
+removed from the page cache.
 """
 import json
 import os
@@ -24,7 +25,7 @@ def run(*command, **options):
 
 
 def needed(library):
-    """Returns the name and the path of each library that this one needs."""
+    """Returns {name: path} of the libraries that this one needs, directly or indirectly."""
     return dict(re.findall(r"^\s*(\S+) => (/\S+) \(", run("ldd", library), re.M))
 
 
