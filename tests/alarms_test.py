@@ -108,7 +108,7 @@ class AlarmsTest(unittest.TestCase):
         history = self.run_tool("--history", "a", "--since", row("a", ago_s=1801)[2]).stdout
         self.assertEqual(history.count("\n"), 1, history)
 
-    def test_row_that_the_host_is_writing_is_no_error(self):
+    def test_row_that_the_host_is_writing_is_not_an_error(self):
         whole = document(row("a"), row("b", message='two\n"lines"'))
         for end in ("65536,", '"two', '"two\n', '""lines""', "{}"):
             with self.subTest(end):
@@ -120,7 +120,7 @@ class AlarmsTest(unittest.TestCase):
         cases = {
             "columns": ("65536,1\n", "2 columns instead of 20"),
             "no number": (document(row("x", event_id="one"), header=False), "event_id is 'one' instead of a number"),
-            "severity": (document(row("x", severity="bad"), header=False), "'bad' is no severity"),
+            "severity": (document(row("x", severity="bad"), header=False), "'bad' is not a severity"),
             "torn in quotes": (torn[:torn.index("quoted")] + "\n", "unexpected end of data"),
             "binary": ("\0\0\n", "line contains NUL" if sys.version_info < (3, 11) else "1 columns")}
         for name, (damage, reason) in cases.items():
@@ -145,7 +145,7 @@ class AlarmsTest(unittest.TestCase):
             ([row("i", severity="info")], [], 0, "OK", "error=0;;0;0 warning=0;0;;0 info=1;;;0 unconfirmed=0;;;0"),
             ([warning], ["--max-age", "1h"], 1, "WARNING", "warning=1;0;;0 info=0;;;0 unconfirmed=0"),
             ([warning, error], [], 2, "CRITICAL", "error=1;;0;0 warning=1;0;;0"),
-            ([warning, error], ["--max-age", "never"], 3, "UNKNOWN", "'never' is no duration"),
+            ([warning, error], ["--max-age", "never"], 3, "UNKNOWN", "'never' is not a duration"),
             ([row("w", "clear")], ["--max-age", "30s"], 2, "CRITICAL", ";;30;0"),
             ([row("w", ago_s=-10**6)], ["--max-age", "30s"], 2, "CRITICAL", "newest_row_age=U;;30;0"))
         for rows, options, status, state, part in cases:

@@ -24,13 +24,13 @@ Output:
   --history KEY      every row of the condition KEY
   --follow           rows as they are appended, also after a rotation; with --since, first the rows since then
   --prometheus       metrics in the text format of Prometheus
-  --check            one line and an exit status for Nagios: an error is CRITICAL, a warning WARNING
-  --max-age AGE      with --check: CRITICAL if the newest row is older
+  --check            output and exit status of a Nagios plugin: an error is CRITICAL, a warning WARNING
+  --max-age AGE      with --check: CRITICAL if the newest row is older than AGE
   --html PAGE        write a page with the list, its history, rates and a filter to the file PAGE
 
 Selection:
   --severity NAME    only this severity (debug, info, warning, error) and above
-  --since TIME       only rows, and conditions raised, at or after TIME
+  --since TIME       only rows at or after TIME, and conditions that were raised at or after TIME
   --until TIME       ignore later rows, so that the list is as it was at TIME
 
 Input:
@@ -39,11 +39,13 @@ Input:
   --skip-damaged     report damaged rows on standard error and go on, instead of stopping
   --help             print this help and exit
 
-TIME is a date and time (2026-03-01T12:00:00Z, UTC without an offset) or, like AGE, a duration up to
-now (90s, 15m, 2h, 7d, 4w).
+TIME is a date, with or without a time of day (2026-03-01T12:00:00+01:00; without an offset, it is in
+UTC), or a duration, which is subtracted from the current time. A duration, such as AGE, is a number
+with a unit: 90s, 15m, 2h, 7d or 4w.
 
 The key of a condition is its dedupe_key or, if that is empty, source_id:event_type. Its age counts
-from the first row that raised it after its last clear, its count is the number of rows since then.
+from the first row that raised it after its last clear, and its count is the number of its rows since
+then.
 It is unconfirmed if an earlier run of the host raised it and the current run has not reported it
 again. A run begins where the event ids, which count from 1 in each process, fall back. An update or
 a repeat of a condition shows that no new run has begun since the last row of that condition.
@@ -111,12 +113,12 @@ def complete(options):
 
 
 class Progress:
-    """Shows how far the work is, on a terminal only."""
+    """Shows on the terminal how much of the work is done."""
     INTERVAL_S = 0.2
 
     def __init__(self):
         self.shown = 0
-        self.due = time.monotonic() + 1  # Work that is done in a second needs none.
+        self.due = time.monotonic() + 1  # Shows nothing if the work takes less than a second.
 
     def __call__(self, what, part):
         if time.monotonic() < self.due:
@@ -148,7 +150,7 @@ class Tool:
                                self.progress)
 
     def rows(self):
-        """Yields the rows up to the end, and keeps the list up to date."""
+        """Yields the rows up to the time of --until, and updates the list with each."""
         for row in self.history.rows():
             if row.utc_ns <= self.options.end or not self.options.until:
                 self.alarms.add(row)

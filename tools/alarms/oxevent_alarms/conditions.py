@@ -1,8 +1,8 @@
-"""Raised conditions, by the rows of a history."""
+"""The raised conditions, computed from the rows of a history."""
 from .rows import RANK
 
-RESTARTS_TO_JUDGE = 4  # With fewer restarts, the event ids are believed to be a sequence.
-ROWS_PER_RESTART = 5  # With more restarts than one in so many rows, they are not.
+RESTARTS_TO_JUDGE = 4  # With fewer apparent restarts, they count as real.
+ROWS_PER_RESTART = 5  # With more apparent restarts than one in so many rows, the host sets the event ids itself.
 
 
 class Condition:
@@ -23,7 +23,7 @@ class Condition:
 class Runs:
     """Finds the rows with which a new run of the host begins, by the event ids that the library generates: each process
     counts from 1. A row of the same run may be late, because its thread was interrupted between taking an id and
-    queueing the event; it is followed by a row with a higher id than all before it. Conditions whose run is below
+    queueing the event; the row after it then has a higher id than all rows before it. Conditions whose run is below
     `current` are of an earlier run."""
 
     def __init__(self):
@@ -33,7 +33,8 @@ class Runs:
         self.doubt = None  # State before the last row, if that row began a run: the next row decides.
 
     def add(self, row):
-        """Returns the number of a run that was none, or None."""
+        """If the row shows that the newest run has not begun, because its only row was late, returns the number of that
+        run, otherwise None."""
         refuted = self.take_back() if self.is_refuted_by(row) else None
         self.doubt = None
         self.rows += 1
@@ -59,8 +60,8 @@ class Runs:
         return refuted
 
     def join(self, run):
-        """Called when a condition of `run` was updated or repeated. A new process would have raised it again, so the
-        process is the same since then."""
+        """Called when a condition of `run` was updated or repeated. A new process would have raised it again, so no
+        process has started since that run."""
         self.current = min(self.current, run)
 
     @property
@@ -117,11 +118,11 @@ class AlarmList:
         return max(0, self.now_ns - condition.raised_ns)
 
     def raised(self, lowest_rank=0, since_ns=0):
-        """Returns the conditions, the most severe first and the newest first among them."""
+        """Returns the conditions, the most severe first, and among those of the same severity the newest first."""
         chosen = [condition for condition in self.conditions.values()
                   if RANK[condition.row.severity] >= lowest_rank and condition.raised_ns >= since_ns]
         return sorted(chosen, key=lambda one: (-RANK[one.row.severity], -one.raised_ns, one.key))
 
     def is_unconfirmed(self, condition):
-        """Returns whether an earlier run of the host raised the condition, and the current one has said nothing."""
+        """Returns whether an earlier run of the host raised the condition, and the current one has not reported it."""
         return self.runs.are_known and condition.run < self.runs.current

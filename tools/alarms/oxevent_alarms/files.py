@@ -21,7 +21,8 @@ ROWS_PER_REPORT = 4096
 
 
 def rotated_files(path, warn):
-    """Returns the names of the rotated files, oldest first. If one is being compressed, the complete one counts."""
+    """Returns the names of the rotated files, oldest first. Of a file that is being compressed, returns the name of the
+    uncompressed version, which is complete."""
     directory, base = os.path.split(path)
     found = {}
     for name in sorted(os.listdir(directory or ".")):
@@ -37,7 +38,7 @@ def rotated_files(path, warn):
 
 
 def identities(paths):
-    """Returns what a rotation changes."""
+    """Returns the paths and inodes: a rotation changes them."""
     return [(path, os.stat(path).st_ino) for path in paths]
 
 
@@ -54,7 +55,7 @@ class History:
         self.total = sum(os.fstat(raw.fileno()).st_size for raw in self.raw) or 1
 
     def open_all(self, rotated):
-        """A rotation between the first and the last call to open would leave out a file, or open one twice."""
+        """Opens the files, and tries again if they were rotated meanwhile: a file might be missing, or open twice."""
         for _ in range(ATTEMPTS):
             paths = (rotated_files(self.path, self.warn) if rotated else []) + [self.path] * os.path.exists(self.path)
             try:
@@ -65,7 +66,7 @@ class History:
             except FileNotFoundError:
                 continue
         else:
-            raise InputError(f"{self.path}: rotated again and again")
+            raise InputError(f"{self.path}: rotated during each of {ATTEMPTS} attempts to open the files")
         if not raw:
             raise InputError(f"{self.path}: there is no such file")
         return raw
@@ -87,8 +88,9 @@ class History:
             self.readers = [reader]
 
     def follow(self):
-        """Yields the rows that are appended, without an end. A rotation renames the file. The host writes to it until
-        it has created the new one, and a last time after that, so the renamed file is read until the next rotation."""
+        """Yields rows as they are appended, without an end. A rotation renames the file. The host writes to the renamed
+        file until it has created the new one, and once after that, so the renamed file is read until the next
+        rotation."""
         while True:
             for reader in self.readers:
                 yield from reader.rows()
@@ -98,7 +100,7 @@ class History:
                 time.sleep(POLL_S)
 
     def open_next(self):
-        """Returns whether there is a new file, or the file has been truncated."""
+        """Opens a new file, or returns to the start of the file if it has been truncated. Returns whether it did so."""
         reader = self.readers[-1]
         own = os.fstat(reader.file.fileno())
         try:

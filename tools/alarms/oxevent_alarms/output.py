@@ -6,8 +6,8 @@ from .text import NS, clean, counted, duration, finite, printable, utc
 
 OK, WARNING, CRITICAL, UNKNOWN = range(4)  # Exit statuses of a Nagios plugin.
 STATES = ("OK", "WARNING", "CRITICAL", "UNKNOWN")
-LISTED = 20  # Conditions in the output of the plugin, of which Nagios keeps 8 KiB.
-LISTED_LENGTH = 200
+LISTED = 20  # Conditions in the output of the plugin: Nagios keeps only 8 KiB of the output.
+LISTED_LENGTH = 200  # Characters of each key and message in that output.
 
 
 def count_by_severity(conditions):
@@ -29,7 +29,7 @@ def summary(alarms, conditions):
     if unconfirmed:
         text += f", {unconfirmed} of them unconfirmed: an earlier run of the host raised them"
     if not alarms.runs.are_known:
-        text += "; restarts unknown: the event ids are no sequence"
+        text += "; restarts unknown: the event ids are not a sequence"
     age = newest_age_ns(alarms)
     return text + ("; no row" if age is None else f"; newest row {duration(age)} old")
 
@@ -105,7 +105,7 @@ def prometheus(alarms, conditions):
 
 
 def plugin_text(text):
-    """Returns text without the character after which Nagios expects performance data."""
+    """Returns the text, shortened, and without the character after which Nagios expects performance data."""
     return printable(text).replace("|", "¦")[:LISTED_LENGTH]
 
 
@@ -115,7 +115,7 @@ def plugin(alarms, conditions, max_age_ns):
     silent = max_age_ns is not None and (age is None or age > max_age_ns)
     rank = max([RANK[condition.row.severity] for condition in conditions], default=0)
     state = CRITICAL if silent or rank >= RANK["error"] else WARNING if rank == RANK["warning"] else OK
-    reason = f"the newest row may be no older than {duration(max_age_ns)}; " if silent else ""
+    reason = f"no row in the last {duration(max_age_ns)}; " if silent else ""
     data = plugin_data(alarms, conditions, max_age_ns)
     lines = [f"OXEVENT {STATES[state]} - {reason}{summary(alarms, conditions)} | {data}"]
     lines += [f"{condition.row.severity}: {plugin_text(condition.row.message)} ({plugin_text(condition.key)}, "

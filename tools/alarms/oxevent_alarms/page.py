@@ -24,11 +24,11 @@ MAX_LISTED = 20_000  # Conditions in each list.
 CHUNK = 100  # Conditions that the browser renders together, once they come into view.
 MAX_BARS = 240
 TICKS = 5
-CHATTERING = 10
-BUSY_MINUTE = 3  # Raises in one minute that count as chattering.
-WIDTH = 1000  # Of the drawings, in units of their own.
-HEIGHT = 100
-MIN_WIDTH = 3
+CHATTERING = 10  # Conditions in the list of those that were raised most often.
+BUSY_MINUTE = 3  # A condition that is raised so often within a minute chatters.
+WIDTH = 1000  # Width of every drawing, in the units of its view box.
+HEIGHT = 100  # Height of the bar chart.
+MIN_WIDTH = 3  # Width of the shortest span that is still visible.
 
 
 def escaped(text):
@@ -44,7 +44,8 @@ def tag(severity):
 
 
 def table(head, rows, name=""):
-    """Head: titles, those of numbers with a # before them. Rows: pairs of attributes and cells of HTML."""
+    """`head`: titles of the columns, with a # before the title of a column of numbers. `rows`: pairs of the attributes
+    of a row and its cells, in HTML."""
     number = [' class="number"' if title.startswith("#") else "" for title in head]
     titles = "".join(f"<th{kind}>{title.lstrip('#')}</th>" for kind, title in zip(number, head))
     body = ""
@@ -140,7 +141,8 @@ class Page:
                 f'<bdi title="{escaped(lane.message)}">{escaped(lane.key)}</bdi>{drawing(paths, 10)}</div>')
 
     def lane_paths(self, lane):
-        """Returns the rectangles by class. Spans that overlap at this resolution become one."""
+        """Returns a path of rectangles for each class. Spans of the same class that overlap at this resolution are
+        merged."""
         merged = []
         for start_ns, end_ns, kind in self.visible_spans(lane):
             start = self.x(start_ns)
@@ -166,7 +168,7 @@ class Page:
                 yield sure_ns, self.end_ns, f"{severity} pale"
 
     def last_sure_ns(self, key):
-        """Returns until when a raised condition was confirmed."""
+        """Returns the time until which a raised condition is confirmed."""
         condition = self.alarms.conditions[key]
         if not self.alarms.is_unconfirmed(condition):
             return self.end_ns
@@ -178,7 +180,7 @@ class Page:
         """Draws at most MAX_BARS bars, each of which may stand for several hours."""
         counts = self.recorder.hours
         if not counts:
-            return "<p>No event.</p>"
+            return "<p>No events.</p>"
         first = self.start_ns // HOUR_NS
         span = math.ceil((self.end_ns // HOUR_NS - first + 1) / MAX_BARS)
         bars = {}
@@ -220,7 +222,7 @@ class Page:
                               f"{len(lane.raises) / total:.1%}", f"{minute:,}")))
         if not rows:
             return "<p>No condition was raised.</p>"
-        return table(("Condition and last message", "#Raised", "#Share", "#In a minute"), rows) + (
+        return table(("Condition and last message", "#Raised", "#Share", "#In one minute"), rows) + (
             f'<p class="quiet">A condition chatters if it was raised {BUSY_MINUTE} times or more within a minute.</p>')
 
     # The events, for the script.
@@ -231,7 +233,8 @@ class Page:
         return text if kept == self.recorder.count else f"{text} The page has the newest {kept:,}."
 
     def data(self):
-        """Returns columns as JSON. Strings, most of which occur often, are indices into lists."""
+        """Returns the events as JSON, one list per column. Most strings occur often, so the columns of strings contain
+        indices into lists of all different strings."""
         events = self.recorder.events
         document = {"severities": SEVERITIES, "times": [event[0] for event in events],
                     "ranks": [event[1] for event in events]}
@@ -272,7 +275,7 @@ def policy(css, script):
 
 
 def write(path, text):
-    """Replaces the file as a whole, so that nobody sees a part of it."""
+    """Replaces the file as a whole, so that nobody sees an incomplete page."""
     directory = os.path.dirname(os.path.abspath(path))
     umask = os.umask(0)
     os.umask(umask)

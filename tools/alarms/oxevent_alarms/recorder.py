@@ -6,11 +6,12 @@ from .text import NS
 
 HOUR_NS = 3600 * NS
 MS_NS = 10**6
-MAX_EVENTS = 200_000  # The newest ones: more make the page slow.
+MAX_EVENTS = 200_000  # Only the newest events are kept: more would make the page slow.
 
 
 class Lane:
-    """What happened to one condition: `spans` are [start, end, severity], with the end None while it is raised."""
+    """The history of one condition. A span is [start, end, severity], where the end is None while the condition is raised
+    with this severity. `raises` has the times of the rows with the action raise that the page counts."""
     __slots__ = ("key", "message", "spans", "raises", "rank")
 
     def __init__(self, key):
@@ -18,7 +19,7 @@ class Lane:
         self.message = ""
         self.spans = []
         self.raises = []
-        self.rank = 0  # Of the highest severity.
+        self.rank = 0  # Rank of its highest severity.
 
     def add(self, row):
         self.close(row)
@@ -40,7 +41,8 @@ class Lanes(dict):
 
 
 class Recorder:
-    """Keeps what the page shows of the rows at or after `start_ns` that have at least the severity `rank`."""
+    """Keeps what the page shows: the events at or after `start_ns` whose severity has at least the rank `rank`, and the
+    lanes of all conditions, from which chosen_lanes selects."""
 
     def __init__(self, alarms, start_ns, rank):
         self.alarms = alarms
@@ -68,7 +70,7 @@ class Recorder:
         self.count += 1
 
     def chosen_lanes(self):
-        """Returns the lanes in the range, the raised ones first."""
+        """Returns the lanes that reach such a severity and a time at or after `start_ns`, raised conditions first."""
         raised = self.alarms.conditions
         chosen = [lane for lane in self.lanes.values()
                   if lane.rank >= self.rank and (lane.spans[-1][1] is None or lane.spans[-1][1] >= self.start_ns)]

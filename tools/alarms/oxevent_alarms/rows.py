@@ -9,7 +9,8 @@ HEADER = ("version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,
           "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json")
 COLUMNS = HEADER.split(",")
 VERSION = 65536
-SEVERITIES = ("debug", "info", "warning", "error", "unknown")  # By rank. The library writes "unknown" above error.
+SEVERITIES = ("debug", "info", "warning", "error", "unknown")  # By rank.
+# The library would write "unknown" for a severity above error, but refuses to accept such a record.
 RANK = {name: rank for rank, name in enumerate(SEVERITIES)}
 NUMBERS = [(COLUMNS.index(name), kind) for kind, names in (
     (int, ("version", "event_id", "utc_ns", "duration_ms", "ptp_ns", "pts")), (float, ("value", "threshold")))
@@ -34,12 +35,12 @@ class Row(collections.namedtuple("Row", COLUMNS)):
 
     @property
     def verb(self):
-        """The action, as the library compares it."""
+        """The action in lower case: the library ignores the case of its ASCII letters."""
         return self.action.translate(ASCII_LOWER)
 
 
 def parse(fields):
-    """Raises ValueError with the reason if the fields are no row."""
+    """Returns the row with these fields. Raises ValueError with the reason if they are invalid."""
     if len(fields) != len(COLUMNS):
         raise ValueError(f"{len(fields)} columns instead of {len(COLUMNS)}")
     for column, kind in NUMBERS:
@@ -52,20 +53,20 @@ def parse(fields):
     if row.version != VERSION:
         raise ValueError(f"the version is {row.version} instead of {VERSION}")
     if row.severity not in RANK:
-        raise ValueError(f"{row.severity[:20]!r} is no severity")
+        raise ValueError(f"{row.severity[:20]!r} is not a severity")
     if not 0 <= row.utc_ns < 1 << 64:
-        raise ValueError(f"utc_ns is {row.utc_ns}")
+        raise ValueError(f"utc_ns is {row.utc_ns}, which is out of range")
     return row
 
 
 class RowReader:
-    """Reads the rows of a binary file. After the end, rows() continues when the file has grown: an incomplete last row
-    is one that the host is still writing."""
+    """Reads the rows of a file opened in binary mode. rows() ends before an incomplete last row, which the host may still
+    be writing; called again when the file has grown, it continues with that row."""
 
     def __init__(self, file, name, skipped=None):
         self.file = file
         self.name = name
-        self.skipped = skipped  # Called with the text about a damaged row; if it is None, such a row raises InputError.
+        self.skipped = skipped  # Called with a text about each damaged row; if None, such a row raises InputError.
         self.restart()
 
     def restart(self):
@@ -110,7 +111,8 @@ class RowReader:
         self.row_lines.clear()
 
     def is_incomplete(self, error):
-        """Tells a row that is being written from one that a crash has torn, before other rows, in a quoted field."""
+        """Distinguishes a row that is still being written from one that a crash has cut off in a quoted field: other rows
+        follow the latter."""
         return "unexpected end of data" in str(error) and not any(map(ROW_START.match, self.row_lines[1:]))
 
     def skip(self, error):

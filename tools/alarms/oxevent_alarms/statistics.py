@@ -5,7 +5,7 @@ import collections
 from .text import NS
 
 PERIOD_NS = 600 * NS  # The guide counts alarms in ten minutes.
-FLOOD = 10  # More alarms in a period are a flood.
+FLOOD = 10  # A period with more alarms is a flood.
 AVERAGE = ((1, "very likely to be acceptable"), (2, "manageable"), (10, "likely to be over-demanding"))
 PEAK = ((9, "should be manageable"), (100, "hard to cope with"))
 STANDING = ((9, "fewer than 10, as the guide recommends"),)
@@ -28,12 +28,12 @@ def standing_class(count):
 
 
 def average(count, range_ns):
-    """Returns the number per period."""
+    """Returns the average number per period, for `count` alarms in a range."""
     return count * PERIOD_NS / max(range_ns, PERIOD_NS)
 
 
 def busiest(times, window_ns):
-    """Returns the largest number of sorted times in a window of this length."""
+    """Returns the largest number of times that are within any window of this length. The times must be sorted."""
     window = collections.deque()
     most = 0
     for time in times:
@@ -45,5 +45,5 @@ def busiest(times, window_ns):
 
 
 def floods(times):
-    """Returns the number of periods, on the clock, with a flood."""
+    """Returns the number of periods with a flood. Periods begin at full ten minutes: 12:00, 12:10 and so on."""
     return sum(count > FLOOD for count in collections.Counter(time // PERIOD_NS for time in times).values())

@@ -1,4 +1,4 @@
-"""Strings, times and ages, as people and programs read them."""
+"""Formats strings, times and durations for people and programs, and parses times and durations."""
 import datetime
 import math
 import re
@@ -41,7 +41,7 @@ def counted(count, noun):
 
 
 def finite(number):
-    """Returns the number of a column as JSON has it: null stands for what is not finite."""
+    """Returns the number of a column for JSON, or None (in JSON null) for NaN and infinities, which JSON does not have."""
     value = float(number)
     return value if math.isfinite(value) else None
 
@@ -49,12 +49,12 @@ def finite(number):
 def parse_duration(text):
     match = re.fullmatch(r"(\d{1,9})([smhdw])", text)
     if not match:
-        raise ValueError(f"'{text}' is no duration such as 90s, 15m, 2h, 7d or 4w")
+        raise ValueError(f"'{text}' is not a duration such as 90s, 15m, 2h, 7d or 4w")
     return int(match[1]) * UNITS_NS[match[2]]
 
 
 def parse_time(text, now_ns):
-    """Returns the nanoseconds since 1970 of a time, or of the moment that a duration ago was."""
+    """Parses a time, or a duration that is to be subtracted from now. Returns nanoseconds since 1970."""
     match = TIME.fullmatch(text)
     if not match:
         try:
