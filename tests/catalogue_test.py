@@ -92,7 +92,7 @@ WRONG_REPORT = """\
 1: error: the line is not in a section
 3: error: the section [catalogue] must have a name of lower-case ASCII letters and digits, which begins with a letter \
 and is not oxevent
-4: error: unknown key 'title': the section has name
+4: error: unknown key 'title'; the keys of this section: name
 5: error: a.b: the type has no action
 5: error: a.b: the type has no meaning
 6: error: a.b: the severity must be one of debug, info, warning, error, not 'fatal'
