@@ -84,7 +84,8 @@ typedef struct oxEventRecord {
  * strings are valid only during the call. A C++ callback that throws counts as a failed sink for that event. A callback
  * may call any function of this header; oxEventFlush and oxEventShutdown document how they behave inside a callback.
  * A callback must not unload the library, and must not end the worker thread, whether by pthread_exit(3) or by
- * enabling and requesting its cancellation. While a callback blocks, no sink receives another event.
+ * enabling and requesting its cancellation. While a callback blocks, no sink receives another event. If a callback
+ * forks and returns in the child, the child's thread ends.
  */
 typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
 

@@ -193,6 +193,12 @@ def decapitalized(text):
     return text[0].lower() + text[1:]
 
 
+def capitalized(text):
+    """Capitalizes the first word, unless it is the name of a parameter, as in "config_path null or empty"."""
+    is_parameter = re.match(r"[a-z]+_[a-z_]+|\w+ (or \w+ )?null", text)
+    return text if is_parameter else text[0].upper() + text[1:]
+
+
 def description(name, body, own):
     """Returns the paragraphs without the errors, starting with the function's name if one is given."""
     parts = [part for part in body if not part.startswith("OXEVENT_")]
@@ -210,7 +216,7 @@ def return_values(failures, own):
                                        + ("; oxEventGetLastError then gives the reason." if sets_last_error else "."), own)
     out += "\n.Sh ERRORS\n.Bl -tag -width Ds\n"
     for names, reason in dict.fromkeys(failures):
-        out += f".It {' , '.join(f'Dv {one}' for one in names)}\n{mark(reason[0].upper() + reason[1:], own)}\n"
+        out += f".It {' , '.join(f'Dv {one}' for one in names)}\n{mark(capitalized(reason), own)}\n"
     return out + ".El\n"
 
 
