@@ -54,7 +54,8 @@ constexpr oxEventSetting kCore[] = {
 
 constexpr oxEventSetting kState[] = {
     {"enabled", &C::state_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
-    {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch, "If off, every event is delivered as reported."},
+    {"dedupe_enabled", &C::dedupe_enabled, Form::kSwitch,
+     "Has the same effect as enabled: if either is off, every event is delivered as reported."},
     {"default_repeat_interval_sec", &C::default_repeat_interval_sec, Form::kSeconds,
      "How long raises, repeats and unchanged updates of a raised condition are suppressed, measured from the utc_ns of "
      "the last event delivered for it to that of the report. After that, a raise is delivered as a repeat. Changed "
@@ -114,7 +115,9 @@ constexpr oxEventSetting kCloudEventsHttp[] = {
     kMinimumSeverity,
     {"endpoint_url", &S::ce_endpoint_url, Form::kUrl, "URL to which events are posted."},
     {"source", &S::ce_source, Form::kUriReference,
-     "The source attribute of the events. Choose a value that distinguishes machines and restarts. Empty: /oxEvent."},
+     "The source attribute of the events. Receivers identify an event by its source and id, and the ids begin at 1 in "
+     "each process, so each process needs a source of its own. The value in the file does not change by itself: write "
+     "a new one before each start. Empty: /oxEvent."},
     {"subject_prefix", &S::ce_subject_prefix, Form::kText, "Prefix of the subject attribute."},
     {"auth_header", &S::ce_auth_header, Form::kHeaderLines,
      "Additional HTTP header lines, separated by line ends or \"|\"."},
@@ -142,7 +145,9 @@ constexpr oxEventSetting kWebhookHttp[] = {
      "made."},
     {"backoff_ms", &S::backoff_ms, Form::kMilliseconds, "Delay before each retry. 0: 250."},
     {"cloudevents_source", &S::cloudevents_source, Form::kUriReference,
-     "The source attribute of CloudEvents. Choose a value that distinguishes machines and restarts. Empty: /oxEvent."},
+     "The source attribute of CloudEvents. Receivers identify an event by its source and id, and the ids begin at 1 in "
+     "each process, so each process needs a source of its own. The value in the file does not change by itself: write "
+     "a new one before each start. Empty: /oxEvent."},
     {"cloudevents_subject_prefix", &S::cloudevents_subject_prefix, Form::kText,
      "Prefix of the subject attribute of CloudEvents."}};
 
@@ -192,8 +197,9 @@ constexpr oxEventSection kSections[] = {
     {"sink\\webhook\\http", "default", Type::kWebhookHttp, "One POST request per event.", kWebhookHttp},
     {"sink\\snmp\\trap", "default", Type::kSnmpTrap, "SNMPv2c traps.", kSnmpTrap},
     {"sink\\alertmanager", "main", Type::kAlertmanager,
-     "Formats alerts for an Alertmanager, but sends nothing: the host formats and posts its alerts itself, with "
-     "options of its own.",
+     "The sink formats each event as an alert for an Alertmanager, keeps only the document of the last one in memory, "
+     "and sends nothing. A host that posts alerts formats them itself with oxEventFormatAlertmanagerRecord, whose "
+     "options are not these settings.",
      kAlertmanager}};
 
 // Returns the first word for the value.
