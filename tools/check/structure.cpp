@@ -85,7 +85,7 @@ class StructureChecker {
     if (resembles_expected || (IsInEvents(path) && !suggestion.empty())) {
       Warn("unknown-element", node, name.empty() ? path : JoinPath(path, name),
            "the library ignores the element <" + std::string(node.name()) + ">" + suggestion,
-           "Write <key name=\"NAME\"> or <value name=\"NAME\">TEXT</value>, in lower case.");
+           "Write <key name=\"NAME\"> or <value name=\"NAME\">TEXT</value>, with key, value and name in lower case.");
     }
   }
 

@@ -100,9 +100,11 @@ std::string UriReferenceFault(const std::string& text) {
 
 std::string OidFault(std::string_view text) {
   std::string encoded;
-  if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "every event to this sink fails";
+  if (!SnmpBer::ObjectIdentifier(text, &encoded)) return "is not an object identifier: every event to this sink fails";
   // The sink encodes the first two numbers in one byte, whose highest bit marks a continuation (X.690, section 8.19.2).
-  if (text.starts_with("2.") && std::stoul(std::string(text.substr(2))) > 47) return "traps can carry only 2.0 to 2.47";
+  if (text.starts_with("2.") && std::stoul(std::string(text.substr(2))) > 47) {
+    return "is an object identifier that this sink encodes incorrectly: after 2, only 0 to 47 are supported";
+  }
   return "";
 }
 

@@ -160,7 +160,7 @@ class ValueChecker {
         return;
       case Form::kOid:
         if (const std::string fault = OidFault(text); !fault.empty()) {
-          Warn("bad-oid", Quoted(text) + " is not an object identifier: " + fault,
+          Warn("bad-oid", Quoted(text) + " " + fault,
                "Use numbers up to 4294967295, separated by single dots, such as " + Default() + ".");
         }
         return;

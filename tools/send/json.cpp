@@ -92,7 +92,8 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
   bool Scalar(Type type, std::string_view text, bool null = false) {
     FindToken(0);
     if (depth_ == 0) throw JsonError("an event must be a JSON object", token_);
-    if (depth_ > 1 || null) return true;  // A null, which the library writes for NaN, means that no value is given.
+    // A null, which the library writes for NaN and infinities, means that no value is given.
+    if (depth_ > 1 || null) return true;
     if (field_ == nullptr) {
       if (type != Type::kNumber || text != std::to_string(OXEVENT_API_VERSION)) {
         Fail("must be " + std::to_string(OXEVENT_API_VERSION));
