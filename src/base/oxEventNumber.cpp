@@ -40,7 +40,7 @@ char* WriteEightDigits(uint64_t value, char* at) {
 // Writes a value from 1 to below 10^8 without leading zeros.
 char* WriteUpToEightDigits(uint64_t value, char* at) {
   const uint64_t digits = EightDigits(value);
-  const unsigned zeros = static_cast<unsigned>(__builtin_ctzll(digits)) / 8;  // Unlike std::countr_zero, no check for 0.
+  const unsigned zeros = static_cast<unsigned>(__builtin_ctzll(digits)) / 8;  // std::countr_zero checks for 0.
   StoreDigits(digits >> 8 * zeros, at);
   return at + 8 - zeros;
 }
