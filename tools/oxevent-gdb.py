@@ -239,8 +239,8 @@ def show_sinks(_limit):
     for i in range(int(ends['_M_finish'] - ends['_M_start'])):
         sink = pointers[i].dereference()
         name = ' '.join(filter(None, (sink['section_'].string(), string(sink['name_']))))
-        failures = int(sink['failures_'])
-        result = f'{failures} failures, the last: {string(sink["last_error_"])}' if failures else 'no failure'
+        failures = int(sink['stat_']['failures'])
+        result = f'{failures} failures, the last: {string(sink["errors_"][failures % 2])}' if failures else 'no failure'
         print(f'  {name}: {result}')
         warn_if_locked(sink['mutex_'], 'this sink')
 

@@ -8,6 +8,7 @@
 
 #include "base/oxEventSipHash.h"
 #include "base/oxEventSlab.h"
+#include "base/oxEventStat.h"
 
 // Hash table of the raised conditions by key. Designed for a million conditions, where cache misses dominate the time
 // of a lookup: a slot is one cache line and contains the start of the key, usually all of it, so that a lookup usually
@@ -65,6 +66,8 @@ class oxEventActiveTable {
   void Update(Condition* condition, std::string_view signature, uint64_t last_sent_ns);
 
   void Remove(Condition* condition);
+
+  void AddStatAddresses(oxEventStatRun* stat) const { stat->conditions = oxEventStatAddress<uint64_t>(&count_); }
 
   // Removes all conditions and frees all memory.
   void Clear();

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/oxEventStat.h"
 #include "config/oxEventConfig.h"
 #include "core/oxEventNode.h"
 
@@ -47,6 +48,12 @@ class oxEventBacklog {
   void Clear(oxEventNodeList* removed) {
     removed->Splice(&debug_info_);
     removed->Splice(&warning_error_);
+  }
+
+  void AddStatAddresses(oxEventStatRun* stat) const {
+    stat->pending_debug_info = debug_info_.SizeStatAddress();
+    stat->pending_warning_error = warning_error_.SizeStatAddress();
+    stat->capacity = oxEventStatAddress<uint32_t>(&capacity_);
   }
 
  private:

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventStat.h"
 #include "base/oxEventTrace.h"
 
 // Reasons for dropping an event that was reported while the library was running. Trace points show the values: add new
@@ -31,6 +32,11 @@ constexpr const char* oxEventDropText(oxEventDrop reason) { return kOxEventDropT
 // Number of drops for each reason.
 using oxEventDropCounts = std::array<uint64_t, std::size(kOxEventDropTexts)>;
 
+// The drops that the queue's EnqueueCount does not include.
+constexpr uint64_t oxEventDropsBeforeQueue(const oxEventDropCounts& drops) {
+  return drops[static_cast<size_t>(oxEventDrop::kFiltered)] + drops[static_cast<size_t>(oxEventDrop::kNoMemory)];
+}
+
 // Counts drops and reports them to the trace point `drop`. Every drop must be recorded exactly once, while its event
 // still exists. Any thread; takes no lock.
 class oxEventDropLedger {
@@ -46,6 +52,8 @@ class oxEventDropLedger {
     for (size_t i = 0; i < counts.size(); ++i) counts[i] = counts_[i];
     return counts;
   }
+
+  void AddStatAddresses(oxEventStatRun* stat) const { stat->drops = oxEventStatAddress<uint64_t>(counts_.data()); }
 
  private:
   std::array<std::atomic<uint64_t>, std::tuple_size_v<oxEventDropCounts>> counts_ = {};

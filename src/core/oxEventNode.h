@@ -7,6 +7,7 @@
 
 #include "base/oxEventNormalizedEvent.h"
 #include "base/oxEventSlab.h"
+#include "base/oxEventStat.h"
 
 // One event in the queue. The node and its memory are reused for later events. Allocated in a slab, which outlives it.
 struct oxEventNode {
@@ -45,6 +46,7 @@ class oxEventNodeList {
 
   bool IsEmpty() const { return front_ == nullptr; }
   size_t Size() const { return size_; }
+  uint64_t SizeStatAddress() const { return oxEventStatAddress<uint64_t>(&size_); }
   oxEventNode& Front() { return *front_; }
   oxEventNode& Back() { return *back_; }
 

@@ -121,6 +121,13 @@ uint64_t oxEventQueue::EnqueueCount() {
   return enqueue_count_;
 }
 
+void oxEventQueue::AddStatAddresses(oxEventStatRun* stat) {
+  oxEventLock lock(mutex_);
+  backlog_.AddStatAddresses(stat);
+  stat->enqueued = oxEventStatAddress<uint64_t>(&enqueue_count_);
+  stat->active = oxEventStatAddress<uint32_t>(&active_count_);
+}
+
 void oxEventQueue::StopAccepting() {
   oxEventLock lock(mutex_);
   accepting_ = false;

@@ -6,6 +6,7 @@
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventStat.h"
 #include "config/oxEventConfig.h"
 #include "core/oxEventBacklog.h"
 #include "core/oxEventDropLedger.h"
@@ -59,6 +60,7 @@ class oxEventQueue {
   bool HasPending() OX_EXCLUDES(mutex_);
   // The number of Enqueue calls, except those that returned kNoMemory. Start and Reset do not set it to 0.
   uint64_t EnqueueCount() OX_EXCLUDES(mutex_);
+  void AddStatAddresses(oxEventStatRun* stat) OX_EXCLUDES(mutex_);
 
   void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.

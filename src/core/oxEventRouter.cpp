@@ -8,6 +8,7 @@
 
 #include "base/oxEventNoDestructor.h"
 #include "base/oxEventSeverity.h"
+#include "base/oxEventStat.h"
 #include "core/oxEventRun.h"
 #include "platform/oxEventSignalBlock.h"
 #include "sinks/oxEventSinkSet.h"
@@ -44,6 +45,7 @@ uint32_t oxEventRouter::Start(const oxEventConfig* config) {
   run->state.Configure(*config);
   run->queue.Start(config->queue_size, config->drop_policy);
   run->StartWorker();
+  PublishStatLocked(run.get());
   run_ = std::move(run);
   running_ = run_.get();
   return OXEVENT_OK;
@@ -145,10 +147,7 @@ oxEventCounters oxEventRouter::GetCounters() {
   const SharedRun run = LastRun();
   if (run == nullptr) return {};
   const oxEventDropCounts drops = run->drops.Counts();
-  // EnqueueCount does not include these.
-  const uint64_t not_enqueued =
-      drops[static_cast<size_t>(oxEventDrop::kFiltered)] + drops[static_cast<size_t>(oxEventDrop::kNoMemory)];
-  return {run->queue.EnqueueCount() + not_enqueued,
+  return {run->queue.EnqueueCount() + oxEventDropsBeforeQueue(drops),
           run->emitted,
           std::reduce(drops.begin(), drops.end()),
           run->sink_failures,
@@ -167,6 +166,7 @@ void oxEventRouter::Close() {
   std::vector<SharedRun> runs;
   {
     oxEventLock lock(mutex_);
+    oxEventStatPublishRun({});
     last.swap(run_);
     if (retired_) runs.swap(*retired_);
   }
@@ -176,6 +176,12 @@ void oxEventRouter::Close() {
   oxEventSinkTryFlush();
   if (last != nullptr) Join(&last);
   for (SharedRun& run : runs) Join(&run);
+}
+
+void oxEventRouter::PublishStatLocked(Run* run) const {
+  oxEventStatRun stat = run->StatAddresses();
+  stat.running = oxEventStatAddress<uint64_t>(&running_);
+  oxEventStatPublishRun(stat);
 }
 
 // Drops the pending events and tells the worker to end. Also unblocks a Stop in which another thread may be waiting: if
@@ -223,4 +229,7 @@ uint32_t oxEventCoreReloadConfig(const oxEventConfig* config) { return g_router-
 
 oxEventCounters oxEventCoreGetCounters() { return g_router->GetCounters(); }
 
-void oxEventCoreResetAfterFork() { g_router.Reset(); }
+void oxEventCoreResetAfterFork() {
+  oxEventStatPublishRun({});
+  g_router.Reset();
+}

@@ -75,6 +75,7 @@ class oxEventRouter {
 
   SharedRun RunningRun() OX_EXCLUDES(mutex_);
   SharedRun LastRun() OX_EXCLUDES(mutex_);
+  void PublishStatLocked(Run* run) const OX_REQUIRES(mutex_);
   static void End(Run& run);
   void Join(SharedRun* run) OX_EXCLUDES(mutex_);
 

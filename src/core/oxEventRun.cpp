@@ -44,6 +44,17 @@ void oxEventRouter::Run::JoinWorker() {
   worker_id_ = std::thread::id();
 }
 
+oxEventStatRun oxEventRouter::Run::StatAddresses() {
+  oxEventStatRun stat = {};
+  drops.AddStatAddresses(&stat);
+  queue.AddStatAddresses(&stat);
+  state.AddStatAddresses(&stat);
+  stat.emitted = oxEventStatAddress<uint64_t>(&emitted);
+  stat.sink_failures = oxEventStatAddress<uint64_t>(&sink_failures);
+  stat.sink_warnings = oxEventStatAddress<uint64_t>(&sink_warnings);
+  return stat;
+}
+
 void oxEventRouter::Run::WorkerMain() {
   oxEventPlatformNameThread("oxEvent");
   // At a thread's first exception, the C library may allocate memory, and ends the process if there is none

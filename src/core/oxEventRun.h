@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "base/oxEventSeverity.h"
+#include "base/oxEventStat.h"
 #include "core/oxEventRouter.h"
 
 // One run of the router: its worker, queue, state and counters. The last reference may be dropped only after the worker
@@ -26,6 +27,9 @@ class oxEventRouter::Run {
   // Sets which events Submit passes to the queue.
   void Configure(const oxEventConfig& config) { minimum_ = config.enabled ? config.minimum_severity : UINT32_MAX; }
   bool IsEnabled(uint32_t severity) const { return oxEventSeverityMeetsMinimum(severity, minimum_); }
+
+  // Without the address of `running`.
+  oxEventStatRun StatAddresses();
 
   oxEventDropLedger drops;
   oxEventQueue queue{&drops};

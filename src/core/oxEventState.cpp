@@ -32,6 +32,11 @@ void oxEventState::Reset() {
   active_.Clear();
 }
 
+void oxEventState::AddStatAddresses(oxEventStatRun* stat) {
+  oxEventLock lock(mutex_);
+  active_.AddStatAddresses(stat);
+}
+
 uint32_t oxEventState::Evaluate(const oxEventNormalizedEvent& event, oxEventNormalizedEvent* out, bool* route) {
   if (out == nullptr || route == nullptr) return OXEVENT_INVALID_ARGUMENT;
   if (out != &event) *out = event;

@@ -6,6 +6,7 @@
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventStat.h"
 #include "config/oxEventConfig.h"
 #include "core/oxEventActiveTable.h"
 
@@ -25,6 +26,8 @@ class oxEventState {
 
   // Forgets the raised conditions.
   void Reset() OX_EXCLUDES(mutex_);
+
+  void AddStatAddresses(oxEventStatRun* stat) OX_EXCLUDES(mutex_);
 
   // Copies the event to *out, which may be the event itself, and changes the action there if necessary. Sets *route to
   // whether the event goes on to the sinks. Returns OXEVENT_INVALID_ARGUMENT if `out` or `route` is null. Throws, and

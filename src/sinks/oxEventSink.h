@@ -21,10 +21,12 @@ class oxEventSink {
   // Opens the destination. Called once, before all other methods; if it fails, the sink is destroyed.
   virtual uint32_t Open(std::string* /*error*/) { return OXEVENT_OK; }
 
+  bool Accepts(uint32_t severity) const { return oxEventSeverityMeetsMinimum(severity, minimum_severity_); }
+
   // Delivers the event, unless its severity is below the minimum. Adds the number of warnings to *warnings; `warnings`
   // may be null.
   uint32_t Submit(const oxEventNormalizedEvent& event, uint64_t* warnings, std::string* error) {
-    if (!oxEventSeverityMeetsMinimum(event.severity, minimum_severity_)) return OXEVENT_OK;
+    if (!Accepts(event.severity)) return OXEVENT_OK;
     return Deliver(event, warnings, error);
   }
 

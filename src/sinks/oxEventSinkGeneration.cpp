@@ -31,13 +31,23 @@ bool CallSink(Call call, std::string* error) {
 void oxEventActiveSink::RecordFailure(std::string error) {
   oxEventTraceSinkFailure(section_, name_.c_str(), error.c_str());
   oxEventLock lock(mutex_);
-  ++failures_;
-  last_error_.swap(error);
+  const uint64_t failures = stat_.failures + 1;
+  std::string& text = errors_[failures % 2];
+  text = std::move(error);
+  stat_.errors[failures % 2] = oxEventStatTextOf(text);
+  // A reader sees this text only with the new count, and the old one, which the next failure but one overwrites, only
+  // with the old count.
+  std::atomic_ref(stat_.failures).store(failures, std::memory_order_release);
 }
 
 oxEventSinkStatus oxEventActiveSink::Status() {
   oxEventLock lock(mutex_);
-  return {section_, name_, failures_, last_error_, sink_->FailureDetail()};
+  return {section_, name_, stat_.failures, errors_[stat_.failures % 2], sink_->FailureDetail()};
+}
+
+oxEventSinkGeneration::oxEventSinkGeneration(Sinks sinks, std::atomic<bool>* drain_lost_rows)
+    : sinks_(std::move(sinks)), drain_lost_rows_(drain_lost_rows) {
+  for (size_t i = 1; i < sinks_.size(); ++i) sinks_[i - 1]->SetNextStat(sinks_[i]->Stat());
 }
 
 void oxEventSinkGeneration::Replace(std::shared_ptr<oxEventSinkGeneration> predecessor) {
@@ -54,11 +64,13 @@ uint32_t oxEventSinkGeneration::Deliver(const oxEventNormalizedEvent& event, uin
   const unsigned forks = g_oxEventForkCount;
   uint32_t result = OXEVENT_OK;
   for (const auto& sink : sinks_) {
+    if (!sink->Get().Accepts(event.severity)) continue;
     uint64_t sink_warnings = 0;
     std::string error;
     const bool delivered =
         CallSink([&](auto* text) { return sink->Get().Submit(event, &sink_warnings, text); }, &error);
     if (warnings != nullptr) *warnings += sink_warnings;
+    if (delivered) sink->RecordDelivery();
     if (delivered || g_oxEventForkCount != forks) continue;
     sink->RecordFailure(std::move(error));
     if (failed_sinks != nullptr) ++*failed_sinks;

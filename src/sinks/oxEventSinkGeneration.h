@@ -9,27 +9,38 @@
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
+#include "base/oxEventStat.h"
 #include "sinks/oxEventSink.h"
 #include "sinks/oxEventSinkSet.h"
 
-// A sink with its name and its failures. Threads: any.
+// A sink with its name, its deliveries and its failures. Threads: any, but only one at a time calls RecordDelivery.
 class oxEventActiveSink {
  public:
   // `section` must have static storage duration.
   oxEventActiveSink(const char* section, std::string name, std::shared_ptr<oxEventSink> sink)
-      : section_(section), name_(std::move(name)), sink_(std::move(sink)) {}
+      : section_(section), name_(std::move(name)), sink_(std::move(sink)) {
+    stat_.section = oxEventStatTextOf(section_);
+    stat_.name = oxEventStatTextOf(name_);
+  }
 
   oxEventSink& Get() const { return *sink_; }
+  void RecordDelivery() {
+    const std::atomic_ref delivered(stat_.delivered);
+    delivered.store(delivered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
   void RecordFailure(std::string error) OX_EXCLUDES(mutex_);
   oxEventSinkStatus Status() OX_EXCLUDES(mutex_);
+
+  const oxEventStatSink* Stat() const { return &stat_; }
+  void SetNextStat(const oxEventStatSink* next) { stat_.next = oxEventStatAddress<oxEventStatSink>(next); }
 
  private:
   const char* const section_;
   const std::string name_;
   const std::shared_ptr<oxEventSink> sink_;
   oxEventMutex mutex_;
-  uint64_t failures_ OX_GUARDED_BY(mutex_) = 0;
-  std::string last_error_ OX_GUARDED_BY(mutex_);
+  std::string errors_[2] OX_GUARDED_BY(mutex_);  // The texts of stat_.errors.
+  oxEventStatSink stat_ = {};                    // `failures` and `errors` are written with mutex_ held.
 };
 
 // The sinks created from one load of the settings. A reload creates a new generation, which retires and replaces the
@@ -45,8 +56,7 @@ class oxEventSinkGeneration {
   using Sinks = std::vector<std::unique_ptr<oxEventActiveSink>>;
 
   // Drain sets *drain_lost_rows if a sink has lost rows; *drain_lost_rows must outlive the generation.
-  oxEventSinkGeneration(Sinks sinks, std::atomic<bool>* drain_lost_rows)
-      : sinks_(std::move(sinks)), drain_lost_rows_(drain_lost_rows) {}
+  oxEventSinkGeneration(Sinks sinks, std::atomic<bool>* drain_lost_rows);
 
   // Retires `predecessor`, which may be null, and replaces it. Call before another thread can use this generation.
   void Replace(std::shared_ptr<oxEventSinkGeneration> predecessor) OX_EXCLUDES(mutex_);
@@ -72,6 +82,8 @@ class oxEventSinkGeneration {
   bool DrainPredecessor(uint32_t timeout_ms) OX_EXCLUDES(mutex_);
 
   std::vector<oxEventSinkStatus> Report() const;
+  // Returns the first sink; null if there is none.
+  const oxEventStatSink* Stat() const { return sinks_.empty() ? nullptr : sinks_.front()->Stat(); }
 
  private:
   std::shared_ptr<oxEventSinkGeneration> Predecessor() OX_EXCLUDES(mutex_);

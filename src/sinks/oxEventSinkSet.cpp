@@ -12,6 +12,7 @@
 #include "base/oxEventLastError.h"
 #include "base/oxEventMutex.h"
 #include "base/oxEventNoDestructor.h"
+#include "base/oxEventStat.h"
 #include "config/oxEventSettings.h"
 #include "sinks/oxEventCallbackSink.h"
 #include "sinks/oxEventSink.h"
@@ -125,6 +126,7 @@ uint32_t ReplaceSinks(const oxEventConfig& config, oxEventErrorText<0> default_e
   const auto built = std::make_shared<oxEventSinkGeneration>(std::move(sinks), &g_sinks->drain_lost_rows);
   {
     oxEventLock lock(g_sinks->mutex);
+    oxEventStatPublishSinks(built->Stat());
     built->Replace(std::move(g_sinks->active));
     g_sinks->active = built;
     ClearSinkError();
@@ -185,6 +187,7 @@ uint32_t oxEventSinkShutdown() {
   SharedGeneration released;
   {
     oxEventLock lock(g_sinks->mutex);
+    oxEventStatPublishSinks(nullptr);
     released.swap(g_sinks->active);
     g_sinks->callbacks.UnregisterAll();
     ClearSinkError();
@@ -215,4 +218,7 @@ std::vector<oxEventSinkStatus> oxEventSinkReport() {
   return generation != nullptr ? generation->Report() : std::vector<oxEventSinkStatus>();
 }
 
-void oxEventSinkResetAfterFork() { g_sinks.Reset(); }
+void oxEventSinkResetAfterFork() {
+  oxEventStatPublishSinks(nullptr);
+  g_sinks.Reset();
+}
