@@ -34,6 +34,10 @@ oxevent-alarms --html alarms.html events.csv
 oxevent-catalogue press.ini
 oxevent-catalogue --header --output press_events.h press.ini
 oxevent-catalogue --journal press.ini >/usr/local/lib/systemd/catalog/press.catalog && journalctl --update-catalog
+"""), "oxevent-stat": ("show what the library counts in a running process", """\
+oxevent-stat oxevent-watch
+oxevent-stat --watch=10 4711
+oxevent-stat --listen 9464 oxevent-watch
 """)}
 CAVEATS = {"oxevent-check": """\
 The library may not start with a file in which the tool finds no error, because the tool does not do all that a start

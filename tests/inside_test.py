@@ -119,6 +119,16 @@ class InsideTest(unittest.TestCase):
         self.assertIn(expected, self.gdb("-p", pid, commands=["oxevent", f"generate-core-file {core}"]))
         self.assertIn(expected, self.gdb(PYTHON, core))
 
+    def test_figures_of_oxevent_stat_are_those_of_gdb(self):
+        pid = self.start_host(BUSY)
+        shown = self.gdb("-p", pid)
+        figures = subprocess.run([os.environ["OXEVENT_STAT"], pid], capture_output=True, text=True, check=True).stdout
+        for what in ("counters: .*", "dropped: .*", r"queue: \d+ of \d+ pending", r"\d+ in delivery", "conditions: .*",
+                     "[0-9]+ failures, the last: .*", "callbacks: .*no failure"):
+            expected = re.findall(what, shown)
+            self.assertEqual(len(expected), 1, what)
+            self.assertEqual([re.sub(r"\d+ delivered, ", "", found) for found in re.findall(what, figures)], expected)
+
     def test_alarm_list_of_the_csv_file_is_that_of_the_process(self):
         csv = f"{self.directory}/events.csv"
         write_settings(self.settings, {

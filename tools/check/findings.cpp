@@ -6,24 +6,11 @@
 #include <tuple>
 
 #include "common/command_line.h"
-#include "oxUTF8.h"
 #include "sinks/oxEventText.h"
 
 namespace {
 
 constexpr std::string_view kSeverityNames[] = {"error", "warning", "note", "note"};
-
-// Replaces bytes that are not UTF-8 by U+FFFD: JSON must be UTF-8 (RFC 8259, section 8.1).
-std::string ValidUtf8(std::string_view text) {
-  std::string valid;
-  while (!text.empty()) {
-    const size_t size = oxUTF8SequenceLength(text);
-    const bool is_stray = size == 1 && (text[0] & 0x80) != 0;
-    valid.append(is_stray ? "\xEF\xBF\xBD" : text.substr(0, size));
-    text.remove_prefix(size);
-  }
-  return valid;
-}
 
 std::string_view NameOf(Severity severity) { return kSeverityNames[static_cast<size_t>(severity)]; }
 

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <numeric>
 
+#include "oxUTF8.h"
+
 namespace {
 
 const char* g_tool = "";
@@ -31,13 +33,15 @@ size_t EditDistance(std::string_view a, std::string_view b) {
   return row.back();
 }
 
+bool IsOptional(const char* argument) { return argument[0] == '['; }
+
 void PrintHelp(const Tool& tool) {
   constexpr int kColumn = 28;  // Column of the descriptions.
   std::fputs(tool.usage, stdout);
   for (const Option& option : tool.options) {
     if (option.heading != nullptr) std::printf("\n%s:\n", option.heading);
     std::string left = std::string("  --") + option.name;
-    if (option.argument != nullptr) left.append(" ").append(option.argument);
+    if (option.argument != nullptr) left.append(IsOptional(option.argument) ? "" : " ").append(option.argument);
     std::string help = option.help;
     for (size_t i = 0; (i = help.find('\n', i)) != help.npos;) help.insert(++i, kColumn, ' ');
     std::printf("%-*s %s\n", kColumn - 1, left.c_str(), help.c_str());
@@ -64,8 +68,10 @@ UsageError MakeOptionError(const Tool& tool, const char* word, int option, bool 
 std::vector<const char*> ParseOptions(const Tool& tool, int argc, char** argv) {
   std::vector<option> known;
   for (const Option& option : tool.options) {
-    known.push_back({option.name, option.argument == nullptr ? no_argument : required_argument, nullptr,
-                     kFirstLongOption + static_cast<int>(known.size())});
+    const int has_argument = option.argument == nullptr    ? no_argument
+                             : IsOptional(option.argument) ? optional_argument
+                                                           : required_argument;
+    known.push_back({option.name, has_argument, nullptr, kFirstLongOption + static_cast<int>(known.size())});
   }
   known.push_back({});
   while (true) {
@@ -138,6 +144,17 @@ std::string DidYouMean(std::string_view word, const std::vector<std::string>& na
   const auto nearest = std::min_element(names.begin(), names.end(), is_nearer);
   if (nearest == names.end() || EditDistance(word, *nearest) * 3 > word.size()) return "";
   return "; did you mean " + *nearest + "?";
+}
+
+std::string ValidUtf8(std::string_view text) {
+  std::string valid;
+  while (!text.empty()) {
+    const size_t size = oxUTF8SequenceLength(text);
+    const bool is_stray = size == 1 && (text[0] & 0x80) != 0;
+    valid.append(is_stray ? "\xEF\xBF\xBD" : text.substr(0, size));
+    text.remove_prefix(size);
+  }
+  return valid;
 }
 
 std::string Printable(std::string_view text) {

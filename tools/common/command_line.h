@@ -21,9 +21,9 @@ class UsageError : public std::runtime_error {
 
 struct Option {
   const char* name;      // Without the dashes.
-  const char* argument;  // Name of the value in the help; null: the option takes no value.
+  const char* argument;  // Name of the value in the help, as [=NAME] if it may be missing; null: takes no value.
   const char* help;      // May contain line feeds.
-  // `value` lives as long as the process, and is null if the option takes none. Throws std::invalid_argument if the
+  // `value` lives as long as the process, and is null if there is none. Throws std::invalid_argument if the
   // value is invalid.
   std::function<void(const char* value)> set;
   const char* heading = nullptr;  // Heading of the section of the help that begins with this option.
@@ -46,6 +46,9 @@ void PrintError(std::string_view message);
 
 // Escapes control characters, line feeds included: strings from a file must not reach the terminal unescaped.
 std::string Printable(std::string_view text);
+
+// Replaces bytes that are not UTF-8 by U+FFFD: JSON must be UTF-8 (RFC 8259, section 8.1).
+std::string ValidUtf8(std::string_view text);
 
 // Returns "; did you mean NAME?" with the most similar name, or an empty string if none is similar enough.
 std::string DidYouMean(std::string_view word, const std::vector<std::string>& names);

@@ -1,0 +1,34 @@
+// Another process, whose memory is read without stopping it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class Process {
+ public:
+  explicit Process(pid_t pid) : pid_(pid) {}
+
+  pid_t Pid() const { return pid_; }
+  // The name of its main thread, at most 15 bytes. Empty if the process has ended.
+  std::string Name() const;
+
+  // Returns the addresses at which the beginnings of files are mapped. Throws std::runtime_error, as Read does.
+  std::vector<uint64_t> MappedFiles() const;
+
+  // Copies `size` bytes at the address. Returns false if not all of them are mapped. Throws std::runtime_error if the
+  // process has ended or may not be read.
+  bool Read(uint64_t address, void* to, size_t size) const;
+
+ private:
+  [[noreturn]] void ThrowError(int error) const;
+
+  pid_t pid_;
+};
+
+// Returns the processes with this name, which is that of the main thread or of the program, except the calling one.
+std::vector<Process> FindProcesses(std::string_view name);

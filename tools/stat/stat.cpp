@@ -1,0 +1,217 @@
+// oxevent-stat: shows the library's counters in a running process.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "common/command_line.h"
+#include "stat/format.h"
+#include "stat/process.h"
+#include "stat/reading.h"
+#include "stat/serve.h"
+
+namespace {
+
+constexpr char kUsageText[] = R"(Usage: oxevent-stat [OPTION]... PID|NAME
+Shows what the library oxEvent counts in the process PID, or in the one called NAME: events, drops by
+reason, the queue, raised conditions, and the deliveries, failures and last error of each sink.
+)";
+
+constexpr char kNotes[] = R"(
+NAME is the name of the process's main thread or of its program. Of several processes with this name,
+the one that has loaded the library is shown. It is looked up for each reading, so that a restart of
+the process does no harm.
+
+The counters of events are those of one run: each oxEventInitialize starts them again at 0, and after
+a shutdown those of the last run are shown. Those of the sinks start again at each reload. An event
+that a CSV sink has accepted may still be in its buffer; one that was sent by UDP may be lost.
+The counters are read one after the other while the process runs, so they need not add up.
+
+The metrics have the label process. oxevent_up is 0, and the only metric, if the process cannot be
+read. --listen serves only this machine, without encryption or a password.
+
+The process must be one of the same user, and kernel.yama.ptrace_scope must be 0; otherwise the tool
+needs the capability CAP_SYS_PTRACE, as root has it.
+
+The tool reads memory: it does not stop the process, call a function or change anything in it, and
+needs no symbols. It does not show single events or the keys of conditions (the gdb commands of
+oxEvent do, and oxevent-alarms), does not read core files, keeps no history, and does not know events
+that the host did not report.
+
+Exit status:
+  0  done
+  1  the process or the library could not be read, or the output could not be written
+  2  invalid command line
+)";
+
+struct Options {
+  std::string target;
+  bool json = false;
+  bool metrics = false;              // --output and --listen set it too.
+  const char* label = nullptr;       // Null: the target.
+  const char* output = nullptr;      // Null: standard output.
+  std::optional<uint16_t> port;      // Serve the metrics.
+  std::optional<uint32_t> period_s;  // Repeat.
+};
+
+// Reads the only one of the processes that can be read. If there is none, throws the reason for the first one.
+Reading ReadOnly(const std::string& name, const std::vector<Process>& processes) {
+  std::vector<Reading> readings;
+  std::exception_ptr error;
+  for (const Process& process : processes) {
+    try {
+      readings.push_back(ReadProcess(process));
+    } catch (const std::runtime_error&) {
+      if (!error) error = std::current_exception();
+    }
+  }
+  if (readings.size() == 1) return readings[0];
+  if (readings.empty()) std::rethrow_exception(error);
+  std::string pids;
+  for (const Reading& reading : readings) pids += ' ' + std::to_string(reading.pid);
+  throw std::runtime_error("several processes called '" + name + "' have loaded oxEvent; give one of the PIDs" + pids);
+}
+
+bool IsNumber(std::string_view text) { return text.find_first_not_of("0123456789") == text.npos; }
+
+Reading ReadTarget(const std::string& target) {
+  if (IsNumber(target)) return ReadProcess(Process(ParseNumber<pid_t>(target)));
+  const std::vector<Process> processes = FindProcesses(target);
+  if (processes.empty()) throw std::runtime_error("there is no process '" + target + "'");
+  return ReadOnly(target, processes);
+}
+
+std::runtime_error FileError(const std::string& path) { return std::runtime_error(path + ": " + std::strerror(errno)); }
+
+bool WriteAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t size = write(fd, bytes.data(), bytes.size());
+    if (size < 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(size));
+  }
+  return true;
+}
+
+// Replaces the file as a whole, so that a reader never sees a part of it. It is readable for other users, such as that
+// of the node exporter, as the umask permits.
+void ReplaceFile(const std::string& path, std::string_view text) {
+  constexpr mode_t kMode = 0666;
+  const std::string temporary = path + ".new." + std::to_string(getpid());
+  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
+  if (fd == -1) throw FileError(temporary);
+  const bool written = WriteAll(fd, text);
+  if (close(fd) == 0 && written && std::rename(temporary.c_str(), path.c_str()) == 0) return;
+  const std::runtime_error error = FileError(path);
+  unlink(temporary.c_str());
+  throw error;
+}
+
+class StatTool {
+ public:
+  explicit StatTool(const Options& options) : options_(options) {}
+
+  int Run() {
+    if (options_.port) Serve(*options_.port, [this] { return ReadMetrics(); });
+    int status = ShowOnce();
+    while (options_.period_s && (status == kExitSuccess || options_.metrics)) {
+      std::this_thread::sleep_for(std::chrono::seconds(*options_.period_s));
+      status = ShowOnce();
+    }
+    return status;
+  }
+
+ private:
+  // Returns the exit status.
+  int ShowOnce() {
+    failed_ = false;
+    Write(options_.metrics ? ReadMetrics() : FormatReading());
+    return failed_ ? kExitFailure : kExitSuccess;
+  }
+
+  std::optional<Reading> Read() {
+    try {
+      return ReadTarget(options_.target);
+    } catch (const std::runtime_error& error) {
+      PrintError(error.what());
+      failed_ = true;
+      return std::nullopt;
+    }
+  }
+
+  std::string ReadMetrics() {
+    const std::optional<Reading> reading = Read();
+    return FormatMetrics(reading ? &*reading : nullptr, options_.label != nullptr ? options_.label : options_.target);
+  }
+
+  std::string FormatReading() {
+    std::optional<Reading> reading = Read();
+    if (!reading) return "";
+    std::string text = options_.json ? FormatJson(*reading) + '\n' : FormatText(*reading);
+    if (!options_.json && options_.period_s) text += (last_ ? FormatChange(*last_, *reading) : "") + '\n';
+    last_ = std::move(reading);
+    return text;
+  }
+
+  void Write(const std::string& text) const {
+    if (options_.output != nullptr) {
+      if (!text.empty()) ReplaceFile(options_.output, text);
+    } else if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
+      throw FileError("standard output");
+    }
+  }
+
+  const Options& options_;
+  bool failed_ = false;          // Whether the last reading has failed.
+  std::optional<Reading> last_;  // Text only: the reading before.
+};
+
+int RunStat(Options* options, const std::vector<const char*>& arguments) {
+  if (arguments.empty()) throw UsageError("PID or NAME is missing; see oxevent-stat --help");
+  if (arguments.size() > 1) throw UsageError(std::string(arguments[1]) + ": there can be only one PID or NAME");
+  options->target = arguments[0];
+  try {
+    if (IsNumber(options->target)) ParseNumber<pid_t>(options->target, 1);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(std::string("PID: ") + error.what());
+  }
+  if (options->port && options->period_s) throw UsageError("--listen: cannot be combined with --watch");
+  if (options->port && options->output != nullptr) throw UsageError("--listen: cannot be combined with --output");
+  options->metrics |= options->port.has_value() || options->output != nullptr;
+  if (options->json && options->metrics)
+    throw UsageError("--json: cannot be combined with --prometheus, --output or --listen");
+  return StatTool(*options).Run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  Tool tool = {
+      "oxevent-stat",
+      kUsageText,
+      kNotes,
+      {{"json", nullptr, "print one JSON object per line", [&](const char*) { options.json = true; }, "Output"},
+       {"prometheus", nullptr, "print metrics in the text format of Prometheus",
+        [&](const char*) { options.metrics = true; }},
+       {"output", "FILE", "replace FILE by the metrics, for the textfile collector of the\nnode exporter",
+        [&](const char* path) { options.output = path; }},
+       {"listen", "PORT", "serve the metrics at http://127.0.0.1:PORT/metrics (0: any free port)",
+        [&](const char* port) { options.port = ParseNumber<uint16_t>(port); }},
+       {"label", "TEXT", "value of the label process in the metrics (default: PID or NAME)",
+        [&](const char* text) { options.label = text; }},
+       {"watch", "[=SECONDS]", "repeat until interrupted (default: every 2 seconds)",
+        [&](const char* seconds) { options.period_s = seconds != nullptr ? ParseNumber<uint32_t>(seconds, 1) : 2; }}}};
+  return RunTool(std::move(tool), argc, argv,
+                 [&](const std::vector<const char*>& arguments) { return RunStat(&options, arguments); });
+}
