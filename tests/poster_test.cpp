@@ -1,6 +1,4 @@
 // The alert poster: its list of alerts, and the library as a host uses it.
-#include <regex>
-
 #include "http_server.h"
 #include "oxEvent/alert_poster.h"
 #include "poster/oxEventAlertList.h"
@@ -34,14 +32,24 @@ oxEventRecord RecordOf(const Event& event) {
   return record;
 }
 
+// Returns what follows `begin` in the text, up to the next quote; empty if the text does not contain `begin`.
+std::string Value(const std::string& text, const std::string& begin) {
+  const size_t at = text.find(begin);
+  if (at == text.npos) return "";
+  return text.substr(at + begin.size(), text.find('"', at + begin.size()) - at - begin.size());
+}
+
 // Describes each alert of a document: "critical a: m" if it is active, "critical a resolved: m" if not.
 Lines Describe(const std::string& document) {
-  static const std::regex alert(
-      R"re("labels":\{[^}]*"severity":"(\w+)"[^}]*"source_id":"(\w+)"\}(,"annotations":\{"summary":"(\w*)"[^}]*\})?,"startsAt":"[^"]*"(,"endsAt")?)re");
+  const std::string begin = "{\"labels\":";
   Lines lines;
-  for (std::sregex_iterator match(document.begin(), document.end(), alert), end; match != end; ++match) {
-    const char* const resolved = (*match)[5].matched ? " resolved: " : ": ";
-    lines.push_back((*match)[1].str() + " " + (*match)[2].str() + resolved + (*match)[4].str());
+  for (size_t at = document.find(begin); at != document.npos;) {
+    const size_t next = document.find(begin, at + 1);
+    const std::string alert = document.substr(at, next - at);
+    const std::string labels = Value(alert, "\"severity\":\"") + " " + Value(alert, "\"source_id\":\"");
+    const bool resolved = !Value(alert, "\"endsAt\":\"").empty();
+    lines.push_back(labels + (resolved ? " resolved: " : ": ") + Value(alert, "\"summary\":\""));
+    at = next;
   }
   return lines;
 }
