@@ -45,10 +45,13 @@ import operator
 import os
 import re
 import threading
+import time
+import zlib
 from typing import Callable, Iterator, Optional, Union
 
-__all__ = ["AlertPoster", "AlertPosterState", "Callback", "Event", "OxEventError", "OxEventHandler", "Result", "Severity", "flush", "initialize", "load",
-           "register_callback", "reload", "running", "shutdown", "submit"]
+__all__ = ["ActiveFile", "AlertPoster", "AlertPosterState", "Callback", "Event", "OxEventError", "OxEventHandler",
+           "Result", "Severity", "flush", "initialize", "load", "register_callback", "reload", "running", "shutdown",
+           "submit"]
 
 Text = Union[str, bytes]
 Path = Union[str, bytes, os.PathLike]
@@ -149,6 +152,7 @@ _POSTER_FUNCTIONS = {
     "oxEventAlertPosterStop": [ctypes.c_uint32, ctypes.POINTER(ctypes.c_uint32)],
     "oxEventAlertPosterGetState": [ctypes.c_uint32, ctypes.POINTER(_AlertPosterState)]}
 _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
+_ESCAPES = str.maketrans({"\\": r"\\", "\t": r"\t", "\n": r"\n"})
 _SHUTDOWN_S = 5  # Timeout of the library's own shutdown.
 _logger = logging.getLogger("oxevent")
 
@@ -403,14 +407,14 @@ class AlertPoster:
 
     Create it before initialize, so that it gets every event, and stop it after shutdown; each run of the library needs
     a new one. A poster that still runs when the interpreter exits is stopped. Raises OSError if
-    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused. include/oxEvent/alert_poster.h
-    says which alerts are posted when.
+    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused. The header
+    include/oxEvent/alert_poster.h says which alerts are posted when.
     """
 
     def __init__(self, url: Text, *, headers: Optional[dict] = None, alertname_prefix: Optional[Text] = None,
                  minimum_severity: int = Severity.DEBUG, conditions_only: bool = False, repeat_interval_s: float = 60,
                  request_timeout_s: float = 3, stop_timeout_s: float = 5, max_bytes: int = 16 * 2**20):
-        lines = [_string("headers", name) + b": " + _string("headers", value) for name, value in (headers or {}).items()]
+        lines = [_string("headers", f"{name}: {value}") for name, value in (headers or {}).items()]
         config = _AlertPosterConfig(
             struct_size=ctypes.sizeof(_AlertPosterConfig), url=_string("url", url), headers=b"\xa7".join(lines),
             alertname_prefix=None if alertname_prefix is None else _string("alertname_prefix", alertname_prefix),
@@ -451,6 +455,155 @@ class AlertPoster:
 
     def __exit__(self, *_) -> None:
         self.stop()
+
+
+class ActiveFile:
+    """Keeps the raised conditions in a file, so that a restarted program can clear those that have ended meanwhile.
+
+        with oxevent.ActiveFile("conditions") as conditions, oxevent.running("settings.xml"):
+            while True:
+                ...  # Raise what holds.
+                conditions.poll()
+                time.sleep(1)
+
+    After a restart, raise each condition that still holds. poll() clears what has not been raised within grace_s
+    seconds, with the severity, type and source of the raise, without which an Alertmanager would not resolve the alert.
+    The setting route_orphan_clear of the section state must be on. A cleared condition stays in the file for
+    keep_cleared_s, and is cleared again after a restart, because its clear may have been lost.
+
+    Create it before an AlertPoster and before initialize; each run of the library needs a new one. A file that is
+    damaged or has another format is renamed, and an error is logged; `set_aside` is its new name, otherwise None. The
+    format is that of include/oxEvent/active_file.hpp. Raises OSError if the file cannot be read or renamed.
+    """
+
+    _HEADER = b"oxEvent conditions 1\n"
+    _FORMER = "former alert of "  # Begins the key of a clear that must not clear the condition itself.
+
+    def __init__(self, path: Path, grace_s: float = 60, keep_cleared_s: float = 300):
+        self._path = os.fsdecode(path)
+        self._keep_cleared_s = keep_cleared_s
+        self._lock = threading.Lock()  # Guards _entries, _changed and _error.
+        self._entries = {}  # (key, severity, event_type, source_id): [state, source_name, due, cleared_before]
+        self._changed = False
+        self._error = None  # Of the last write.
+        self.set_aside = self._read(time.monotonic() + grace_s)
+        self._callback = register_callback(self._on_event)
+
+    def __enter__(self) -> ActiveFile:
+        return self
+
+    def __exit__(self, *_) -> None:
+        self._callback.unregister()
+
+    def poll(self) -> None:
+        """Clear what has not been confirmed. Call it about once a second, on the thread that reports the conditions.
+
+        Raises OxEventError or OSError if a condition could not be cleared or the file could not be written; the next
+        call tries again.
+        """
+        now = time.monotonic()
+        is_due = lambda entry: entry[0] == "inherited" and entry[2] <= now
+        with self._lock:
+            any_due = any(map(is_due, self._entries.values()))
+        if any_due:
+            flush(1)  # Every raise that was submitted before is known then.
+            with self._lock:
+                due = [(label, entry[1]) for label, entry in self._entries.items() if is_due(entry)]
+                raised = {label[0] for label, entry in self._entries.items() if entry[0] == "raised"}
+                for label, _ in due:
+                    self._entries[label][2] = now + 10
+            for (key, severity, event_type, source_id), source_name in due:
+                submit("Cleared: not confirmed after a restart", action="clear", severity=severity,
+                       event_type=event_type, source_id=source_id, source_name=source_name,
+                       dedupe_key=self._FORMER + key if key in raised else key)
+        with self._lock:
+            over = [label for label, entry in self._entries.items() if entry[0] == "cleared" and entry[2] <= now]
+            for label in over:
+                del self._entries[label]
+            self._changed |= bool(over)
+            if self._changed:
+                self._write()
+            if self._error:
+                raise self._error
+
+    def unconfirmed(self) -> int:
+        """Return the number of conditions of a previous process that are neither raised again nor cleared yet."""
+        with self._lock:
+            return sum(entry[0] == "inherited" for entry in self._entries.values())
+
+    def _on_event(self, event):
+        action = event.action.lower()
+        if action not in ("raise", "update", "repeat", "clear"):
+            return
+        key = event.dedupe_key or f"{event.source_id}:{event.event_type}"
+        former = action == "clear" and key.startswith(self._FORMER)
+        key = key.removeprefix(self._FORMER) if former else key
+        label = (key, int(event.severity), event.event_type, event.source_id)
+        with self._lock:
+            for other, entry in self._entries.items():
+                if former or other[0] != key or other == label:
+                    continue
+                if entry[0] == "raised":
+                    self._set_cleared(entry)  # The poster resolves it.
+                elif entry[0] == "inherited":
+                    entry[2:] = -math.inf, True
+                    self._changed = True
+            entry = self._entries.get(label)
+            if action == "clear":
+                if entry:
+                    self._set_cleared(entry)
+            elif not entry or entry[:2] != ["raised", event.source_name]:
+                self._entries[label] = ["raised", event.source_name, 0, False]
+                self._changed = True
+            if self._changed:
+                self._write()
+
+    def _set_cleared(self, entry):
+        entry[0] = "cleared"
+        entry[2] = time.monotonic() + self._keep_cleared_s
+        self._changed = True
+
+    def _write(self):
+        text = self._HEADER
+        for (key, severity, event_type, source_id), (state, source_name, _, cleared) in self._entries.items():
+            fields = ("cleared" if cleared or state == "cleared" else "raised", str(severity), event_type, source_id,
+                      source_name, key)
+            text += "\t".join(field.translate(_ESCAPES) for field in fields).encode("utf-8", "surrogateescape") + b"\n"
+        try:
+            with open(f"{self._path}.new", "wb") as file:
+                file.write(text + b"%d\n" % zlib.adler32(text))
+            os.replace(f"{self._path}.new", self._path)
+            self._changed, self._error = False, None
+        except OSError as error:
+            self._error = error
+
+    def _read(self, due):
+        try:
+            with open(self._path, "rb") as file:
+                text = file.read()
+        except FileNotFoundError:
+            return None
+        try:
+            body, checksum = text[:text.rindex(b"\n", 0, -1) + 1], text[text.rindex(b"\n", 0, -1) + 1:]
+            if not body.startswith(self._HEADER) or checksum != b"%d\n" % zlib.adler32(body):
+                raise ValueError("wrong checksum")
+            for line in body.decode("utf-8", "surrogateescape").split("\n")[1:-1]:
+                state, severity, event_type, source_id, source_name, key = [
+                    re.sub(r"\\(.)", lambda match: {"t": "\t", "n": "\n"}.get(match[1], match[1]), field)
+                    for field in line.split("\t")]
+                cleared = {"raised": False, "cleared": True}[state]
+                self._entries[key, int(Severity(int(severity))), event_type, source_id] = [
+                    "inherited", source_name, 0 if cleared else due, cleared]
+            return None
+        except (ValueError, KeyError):
+            self._entries.clear()
+        for number in itertools.count(1):
+            aside = f"{self._path}.damaged-{number}"
+            with contextlib.suppress(FileExistsError):
+                os.link(self._path, aside)  # Never over another file.
+                os.unlink(self._path)
+                _logger.error("%s is damaged or no file of conditions: it is now %s", self._path, aside)
+                return aside
 
 
 # The only C callback. It lives as long as the module, so that unregistering frees no code that the worker is running.
