@@ -1,7 +1,6 @@
 """What oxevent-catalogue makes, in the programs that read it: catalogue_test.py [-v] [CatalogueTest.test_NAME...]."""
 import configparser
 import contextlib
-import csv
 import html
 import json
 import os
@@ -18,7 +17,7 @@ sys.path[:0] = [f"{ROOT}/tools/python", f"{ROOT}/scripts"]
 import oxevent
 from receivers import write_settings
 
-TOOL, LIBRARY, WATCH = (os.environ[f"OXEVENT_{name}"] for name in ("CATALOGUE", "LIBRARY", "WATCH"))
+TOOL, LIBRARY = (os.environ[f"OXEVENT_{name}"] for name in ("CATALOGUE", "LIBRARY"))
 FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wshadow", "-Werror", f"-I{ROOT}/include"]
 
 # Texts that have a meaning of their own in one of the outputs.
@@ -121,8 +120,7 @@ class CatalogueTest(unittest.TestCase):
     def setUp(self):
         self.enterContext(contextlib.chdir(self.enterContext(tempfile.TemporaryDirectory())))
         Path("odd2.ini").write_text(ODD)
-        write_settings("settings.xml", {"core": {"minimum_severity": "debug"}, "sink\\native\\main": {"enabled": 0},
-                                        "sink\\csv\\default": {"enabled": 1, "path": "events.csv"}})
+        write_settings("settings.xml", {"core": {"minimum_severity": "debug"}, "sink\\native\\main": {"enabled": 0}})
         parser = configparser.RawConfigParser(delimiters="=")
         parser.read_string(ODD)
         self.odd = {title: dict(parser[title]) for title in parser.sections() if title != "catalogue"}
@@ -218,18 +216,6 @@ class CatalogueTest(unittest.TestCase):
         self.assertEqual(run(TOOL, "--header", "--output=/dev/full", "odd2.ini").returncode, 1)
         for arguments in (["--heading", "odd2.ini"], ["--header", "--python", "odd2.ini"], ["odd2.ini", "odd2.ini"]):
             self.assertEqual(run(TOOL, *arguments).returncode, 2, arguments)
-
-    def test_the_example_has_what_its_host_reports(self):
-        module = {}
-        exec(self.make("python", f"{ROOT}/examples/watch/catalogue.ini"), module)
-        Path("spool").mkdir()
-        Path("spool/file").touch()
-        limits = ["--max-files=0", "--max-used=0", "--max-load=0", "--min-memory=100%"]
-        self.expect(WATCH, "--spool=spool", *limits, "--count=1", "--period=1", "settings.xml")
-        with open("events.csv", newline="") as file:
-            reported = {row["event_type"] for row in csv.DictReader(file)}
-        self.assertIn("spool.full", reported)
-        self.assertLessEqual(reported, set(module["message_ids"]))
 
 
 if __name__ == "__main__":

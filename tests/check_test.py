@@ -212,19 +212,14 @@ class CheckTest(unittest.TestCase):
         self.expect({"core/csv": {"path": "x"}}, r"core/csv: warning misplaced: * -> Move it to QVX\Events\sink\csv, ")
         self.expect({"sink": {"zzz": 1}}, r"sink/zzz: warning unknown-value: * -> Keys below QVX\Events\sink: csv, ")
         self.expect({"sink": {"native": 1}}, 'sink/native: warning value-for-key: * -> Write <key name="native">.')
-        self.expect({"sink/core": {"queue_size": 5}}, r"sink/core: warning misplaced: * belong in QVX\Events\core -> ")
         self.expect({"sink/csv/path": {}}, r"sink/csv/path: warning key-for-value: * below QVX\Events\sink\csv, ")
         self.expect({"sink/csv/ a": {}}, "sink/csv/ a: warning blanks")
         self.expect({"sink/csv/enabled": {"flush_each_event": 0}})
         self.expect({"udp/a": {"app_name": "x"}}, r"udp: warning misplaced: * it belongs in QVX\Events\sink\syslog")
-        self.expect({"udp/a": {"zzz": 1}}, "udp: warning unknown-key")
         self.expect({"zz": {"community": "x", "path": "a", "flush_each_event": 0}},
                     r"zz: warning misplaced: * its settings belong in QVX\Events\sink\csv\zz")
-        for key, values, place in (
-                ("webhook/d", POSTING, r"webhook\http\d"), ("snmp/d", {"host": "h", "port": 1}, r"snmp\trap\d"),
-                ("syslog/d", ON | {"zzz": 1}, r"syslog\udp\d"), ("syslog/d", ON | {"path": "x"}, r"csv\d"),
-                ("syslog/d", {"host": "h", "port": 1}, r"syslog\udp\d")):
-            self.expect({f"sink/{key}": values}, rf"sink/{key}: warning misplaced: * in QVX\Events\sink\{place} -> ")
+        for values, place in (({"host": "h", "port": 1}, r"syslog\udp"), (ON | {"path": "x"}, "csv")):
+            self.expect({"sink/syslog/d": values}, rf"sink/syslog/d: warning misplaced: *\Events\sink\{place}\d -> ")
         self.expect({"sink/syslog/d": {"zzz": 1}}, "sink/syslog/d: warning unknown-key")
         self.expect({"sink/webhook": ON | {"zzz": 1}},
                     r"sink/webhook/enabled: warning unknown-value: * -> Settings belong *\http, such as default",
@@ -291,10 +286,6 @@ class CheckTest(unittest.TestCase):
             self.assertIn(expected, subprocess.check_output([*read_only, TOOL, "--json", "0.xml"], text=True), path)
         self.assertFalse(Path("new").exists())
 
-    def test_texts_quote_at_most_60_bytes(self):
-        for value, shown in ((60 * "x", 60 * "x"), (61 * "x", 60 * "x" + "..."), (59 * "x" + "é", 59 * "x" + "...")):
-            self.expect({NATIVE: {"facility": value}}, f"{NATIVE}/facility: warning unknown-word: '{shown}' is ")
-
     def test_events_that_reach_no_sink(self):
         self.expect({"core": OFF}, "core/enabled: warning all-off")
         self.expect({NATIVE: OFF, "sink/native/m": OFF}, f"{NATIVE}/enabled: warning no-sink")
@@ -317,31 +308,21 @@ class CheckTest(unittest.TestCase):
         login = {"basic_username": "u", "basic_password": "p"}
         self.expect(
             {WEBHOOK: POSTING | {"bearer_token": "t", "headers": "Authorization: x"} | login,
-             "sink/webhook/http/v": {"enabled": 1, "endpoint_url": "http://g/", "bearer_token": "t"} | login,
              "sink/cloudevents/http/c": UNENCRYPTED | {"auth_header": "Authorization: a|AUTHORIZATION: b"}},
             f"{WEBHOOK}/bearer_token: note two-authorizations",
             f"{WEBHOOK}/headers: note two-authorizations",
             f"{WEBHOOK}/basic_username: warning two-authorizations: * 3 ",
-            "sink/webhook/http/v/endpoint_url: warning secret-in-clear",
-            "sink/webhook/http/v/bearer_token: note two-authorizations",
-            "sink/webhook/http/v/bearer_token: note secret-in-clear",
-            "sink/webhook/http/v/basic_username: warning two-authorizations: * 2 ",
-            "sink/webhook/http/v/basic_password: note secret-in-clear",
             "sink/cloudevents/http/c/endpoint_url: warning secret-in-clear",
             "sink/cloudevents/http/c/auth_header: warning two-authorizations: * 2 ",
             "sink/cloudevents/http/c/auth_header: note secret-in-clear")
 
     def test_delays_while_endpoints_do_not_answer(self):
-        below_a_century = {"request_timeout_ms": 3155759000, "backoff_ms": 1000, "retry_count": 999}
         over_64_bits = {"request_timeout_ms": 2147483650, "backoff_ms": 2147483648, "retry_count": 4294967294}
         for settings, *expected in (
                 ({"request_timeout_ms": 60000}, "request_timeout_ms: note shutdown-delay: * 60 s in * 65 s"),
                 ({"request_timeout_ms": 60049}, "request_timeout_ms: warning shutdown-delay: * 60 s in * 65 s"),
                 ({"request_timeout_ms": 40000, "connect_timeout_ms": 40000, "retry_count": 1},
                  "request_timeout_ms: warning *: * 80.3 s in * 85.3 s"),
-                ({"request_timeout_ms": 6000, "backoff_ms": 53000, "retry_count": 1},
-                 "retry_count: warning shutdown-delay: * 65 s in * 70 s"),
-                (below_a_century, "request_timeout_ms: warning *: * 3155759999 s *"),
                 ({"request_timeout_ms": 0, "backoff_ms": 0, "retry_count": 199}, "retry_count: warning *: * 1049.8 s*"),
                 (over_64_bits, "retry_count: warning *: * a century or more in * a century"),
                 ({"retry_count": 4294967295}, "retry_count: warning no-try", "retry_count: note *: * 0 s in * 5 s"),
@@ -388,10 +369,6 @@ good.xml: no problems
         for value, shown in (("é\udce2\udc82(", "é\ufffd\ufffd("), (61 * "\udc80", "...")):
             self.write(in_events(f'<key name="core"><value name="queue_size">{value}</value></key>'))
             self.assertIn(f"'{shown}' is not a number", self.run_tool("--json", "0.xml").stdout)
-
-    def test_findings_about_a_missing_key_are_at_the_start_of_the_file(self):
-        self.write({CSV: ON | {"path": "f", "minimum_severity": 0}})
-        self.assertIn("0.xml:1:1: note: QVX\\Events\\core\\minimum_severity: ", self.run_tool("0.xml").stdout)
 
     def test_files_that_cannot_be_loaded(self):
         self.write("\n<config>\n<!-- a\n -- b\n--></config>")
@@ -469,11 +446,6 @@ good.xml: no problems
                          "QVX\\Events\\sink\\syslog\\udp\\NAME\\app_name\n"
                          "    APP-NAME of the messages, at most 48 bytes. Empty: oxEvent.\n"
                          "    Type:       a string\n    At most:    48 bytes\n    Default:    oxEvent\n")
-        self.assertEqual(self.run_tool("--explain", "/core//minimum_severity").stdout,
-                         "QVX\\Events\\core\\minimum_severity\n"
-                         "    Events below this severity are dropped.\n"
-                         "    Type:       a severity, or 0 to 3\n    Default:    info\n"
-                         "    Accepts:    debug, info, information, warning, warn, error, err (case-insensitive)\n")
         for key, count in (("enabled", 9), ("QVX", 77), ("webhook", 16), ("sink.csv.a", 5)):
             with self.subTest(key):
                 explanations = self.run_tool("--explain", key).stdout.split("\n\n")
