@@ -2,10 +2,7 @@
 // that the HTTP client uses, as does a host that contains another build of libcurl; otherwise it exports only one.
 #include <dlfcn.h>
 
-#include <atomic>
-#include <thread>
-
-#include "host_fixture.h"
+#include "http_server.h"
 #include "oxutil.h"
 
 namespace {
@@ -15,20 +12,6 @@ std::atomic<int> g_calls = 0;
 void* LibcurlFunction(const char* name) {
   static void* const libcurl = dlopen("libcurl.so.4", RTLD_NOW);
   return dlsym(libcurl, name);
-}
-
-// Starts a server that answers one request, and returns the server's URL.
-std::string ServeOneRequest() {
-  uint16_t port = 0;
-  const int listener = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
-  EXPECT_EQ(listen(listener, 1), 0);
-  std::thread([listener] {
-    constexpr std::string_view kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-    char request[4096];
-    const int connection = accept(listener, nullptr, nullptr);
-    if (read(connection, request, sizeof(request)) > 0) send(connection, kAnswer.data(), kAnswer.size(), 0);
-  }).detach();
-  return "http://127.0.0.1:" + std::to_string(port) + "/";
 }
 
 }  // namespace
@@ -58,8 +41,8 @@ constexpr bool kIsUsed = false;
 // clang-format on
 
 TEST(oxOSHTTPCommand, NAME) {
-  const std::string url = ServeOneRequest();
-  const int32_t success = oxOSHTTPCommand(url.c_str(), "GET", nullptr, nullptr, 0, nullptr, nullptr, 10000);
+  const HttpServer server;
+  const int32_t success = oxOSHTTPCommand(server.Url().c_str(), "GET", nullptr, nullptr, 0, nullptr, nullptr, 10000);
   EXPECT_EQ(success != 0, kIsUsed);
   EXPECT_EQ(g_calls > 0, kIsUsed);
 }
