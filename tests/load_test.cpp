@@ -176,15 +176,6 @@ TEST_F(LoadTest, ReturnsTheMemoryOfABurstWhileSingleEventsArrive) {
   EXPECT_LT(ResidentBytes(), idle + kResidentTolerance);
 }
 
-TEST_F(LoadTest, ACallbackMayEndTheWorker) {
-  Start("", {});
-  uint32_t id = 0;
-  ASSERT_EQ(oxEventRegisterCallback([](auto...) { pthread_exit(nullptr); }, nullptr, &id), OXEVENT_OK);
-  SubmitNext();
-  Flush();
-  EXPECT_EQ(oxEventCoreGetCounters().emitted, 1u);
-}
-
 // So that no row is lost if a service manager kills the process during the wait.
 TEST_F(LoadTest, ShutdownWritesRowsBeforeItWaitsForTheEventInDelivery) {
   string csv = folder.path + "/csv";

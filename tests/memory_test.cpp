@@ -59,35 +59,6 @@ TEST(oxEventSlab, KeepsBlocksApart) {
   while (!blocks.empty()) free_last_block();
 }
 
-TEST(oxEventSlab, KeepsOneEmptySpanForReuse) {
-  std::atomic<int> mappings = 0;
-  const Faults faults([&](std::string_view call, long) {
-    mappings += call == "mmap" || call == "munmap";
-    return 0;  // Lets the call through.
-  });
-  oxEventSlab slab;
-  for (int i = 0; i < 100; ++i) slab.Free(slab.Allocate(100), 100);
-  EXPECT_LE(mappings, 5);  // To map a span that is not aligned takes five calls.
-}
-
-// The kernel refuses to unmap when a process has too many mappings.
-TEST(oxEventSlab, ReusesPagesThatCannotBeUnmapped) {
-  constexpr size_t kBlockSize = 32'768;  // A span has room for seven.
-  std::atomic<int> mapped = 0;
-  const Faults faults([&](std::string_view call, long) {
-    mapped += call == "mmap";
-    return call == "munmap" ? ENOMEM : 0;
-  });
-  oxEventSlab slab;
-  for (const int expected_mappings : {2, 0}) {
-    mapped = 0;
-    void* blocks[14];
-    for (void*& block : blocks) block = slab.Allocate(kBlockSize);
-    for (void* const block : blocks) slab.Free(block, kBlockSize);
-    EXPECT_LE(mapped, 2 * expected_mappings);  // Twice: a span that is not aligned is mapped again.
-  }
-}
-
 // However many conditions there are, an insertion maps at most two spans, with up to five calls each, and unmaps one; a
 // removal maps none, and unmaps fewer. The largest block from malloc is the directory.
 TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
@@ -109,15 +80,6 @@ TEST(oxEventActiveTable, GrowsAndShrinksInSteps) {
     ASSERT_LE(mappings, 2 * 5 + 1);
     ASSERT_LE(largest, 16 * 1024);
   }
-  std::atomic<int> unmapped = 0;
-  const Faults faults([&](std::string_view call, long) {
-    unmapped += call == "munmap";
-    return 0;  // Lets the call through.
-  });
-  table.Clear();
-#ifndef OXEVENT_SANITIZED
-  EXPECT_GT(unmapped, 5);
-#endif
 }
 
 // An insertion for which there is no memory changes nothing; a removal needs no memory.
@@ -143,25 +105,6 @@ TEST(oxEventActiveTable, KeepsEveryConditionWhileMemoryIsScarce) {
     ASSERT_EQ(found != nullptr, raised[i]) << key;
     if (found != nullptr) table.Remove(found);
   }
-}
-
-TEST(oxEventActiveTable, ThrowsWhenEqualHashesFillASegment) {
-  oxEventActiveTable table;
-  const auto key = [](int number) {
-    return std::string(static_cast<size_t>(number % 2 * 60), 'k') + std::to_string(number);
-  };
-  int count = 0;
-  EXPECT_THROW(for (; count < 100'000; ++count) table.Insert(1, key(count), key(count), 1), std::bad_alloc);
-  EXPECT_GT(count, 300);
-  table.Insert(~0ull, "other", "signature", 1);
-  EXPECT_EQ(table.Find(1, "another key of that hash"), nullptr);
-  for (int i = count; i-- > 0;) {  // The search for the last key passes all others.
-    oxEventActiveTable::Condition* const condition = table.Find(1, key(i));
-    ASSERT_NE(condition, nullptr) << i;
-    EXPECT_EQ(table.Signature(condition), key(i));
-    table.Remove(condition);
-  }
-  EXPECT_NE(table.Find(~0ull, "other"), nullptr);
 }
 
 }  // namespace

@@ -13,24 +13,6 @@ struct RouterTest : testing::Test {
   oxEventNormalizedEvent event;
 };
 
-TEST_F(RouterTest, IsNotInitializedUnlessItRuns) {
-  EXPECT_EQ(router.Submit(event), OXEVENT_NOT_INITIALIZED);
-  EXPECT_EQ(router.Flush(0), OXEVENT_NOT_INITIALIZED);
-  EXPECT_EQ(router.ReloadConfig(&config), OXEVENT_NOT_INITIALIZED);
-  EXPECT_EQ(router.Stop(0), OXEVENT_NOT_INITIALIZED);
-  const auto [submitted, emitted, dropped, failures, warnings, drops] = router.GetCounters();
-  EXPECT_EQ(submitted + emitted + dropped + failures + warnings, 0u);
-}
-
-TEST_F(RouterTest, NeedsAQueue) {
-  EXPECT_EQ(router.Start(nullptr), OXEVENT_INVALID_ARGUMENT);
-  config.queue_size = 0;
-  EXPECT_EQ(router.Start(&config), OXEVENT_INVALID_ARGUMENT);
-  config.queue_size = 1;
-  EXPECT_EQ(router.Start(&config), OXEVENT_OK);
-  EXPECT_EQ(router.Stop(0), OXEVENT_OK);
-}
-
 TEST_F(RouterTest, DoesNotStartAgainOnceClosed) {
   EXPECT_EQ(router.Start(&config), OXEVENT_OK);
   router.Close();
