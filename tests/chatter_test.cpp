@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 #include <vector>
 
 namespace {
@@ -87,19 +86,6 @@ TEST(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
   ExpectSteps(&alarm, {{75, 99, kNothing}, {134, 101, kNothing}, {140, 99, kNothing}, {199, 99, kNothing}});
   EXPECT_EQ(alarm.Poll(seconds(200)), kClear);
   ExpectSteps(&alarm, {{210, 101, kRaise}, {211, 99, kClear}});
-}
-
-TEST(oxEventLimitAlarm, RaisesARandomValueAtMostThreeTimesInAMinute) {
-  LimitAlarm alarm(ThreeInAMinute());
-  std::mt19937 random(1);
-  std::vector<int> raises;
-  for (int time = 0; time < 100'000; ++time) {
-    const unsigned rarity = time / 5000 % 2 == 0 ? 3 : 40;
-    const double value = random() % rarity == 0 ? 101 : 99;
-    if (alarm.Update(value, seconds(time)) == kRaise) raises.push_back(time);
-  }
-  ASSERT_GT(raises.size(), 100u);
-  for (size_t i = 3; i < raises.size(); ++i) ASSERT_GE(raises[i] - raises[i - 3], 60) << "at " << raises[i];
 }
 
 TEST(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {

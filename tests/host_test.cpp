@@ -129,13 +129,6 @@ TEST_F(oxEventApi, TruncatesTheErrorTextToTheBuffer) {
   EXPECT_EQ(LastResult(oxEventGetLastError(buffer.data(), 0)), kNoBuffer);
 }
 
-TEST_F(oxEventApi, KnowsNoWindowsEventSources) {
-  EXPECT_EQ(LastResult(oxEventInstallWindowsEventSource("s", "f")),
-            "80050004 Windows Event Log source installation is only available on Windows");
-  EXPECT_EQ(LastResult(oxEventRemoveWindowsEventSource("s")),
-            "80050004 Windows Event Log source removal is only available on Windows");
-}
-
 TEST_F(oxEventApi, ShutdownDeliversWhatIsQueuedAndRefusesOtherCallsMeanwhile) {
   std::promise<void> first;
   std::promise<void> release;

@@ -4,7 +4,6 @@
 #include <optional>
 #include <random>
 #include <source_location>
-#include <thread>
 
 #include "../include/oxEvent.hpp"
 #include "faults.h"
@@ -103,25 +102,6 @@ struct oxEventHpp : testing::Test {
   Strings reports;
   std::optional<Callback> recorder;
 };
-
-TEST_F(oxEventHpp, AllocatesNoMoreThanTheCCall) {
-  const Session session(settings.c_str());
-  oxEventRecord record = MakeRecord("Fan 2 stands still");
-  record.event_type = "fan.stopped";
-  ASSERT_EQ(oxEventSubmit(&record), OXEVENT_OK);  // The first call gets a node for the queue.
-  ASSERT_FALSE(oxEvent::Flush());
-  int allocations = 0;
-  const Faults faults([&, thread = std::this_thread::get_id()](std::string_view call, long) {
-    allocations += call == "malloc" && std::this_thread::get_id() == thread;
-    return 0;
-  });
-  ASSERT_EQ(oxEventSubmit(&record), OXEVENT_OK);
-  const int in_c = std::exchange(allocations, 0);
-  ASSERT_FALSE(Event("Fan 2 stands still").event_type("fan.stopped").location().Submit());
-  EXPECT_EQ(allocations, in_c);
-  ASSERT_FALSE(Event("m").details_json(std::string(600, ' ')).Submit());
-  EXPECT_GT(allocations, in_c) << "allocations are not counted";
-}
 
 TEST_F(oxEventHpp, SessionReportsWhyItDidNotStart) {
   const std::string missing(1000, 'x');

@@ -1,5 +1,4 @@
 // The set of sinks: reloads, failures, and the CSV file to the byte.
-#include <malloc.h>
 #include <sys/stat.h>
 
 #include <future>
@@ -153,18 +152,6 @@ TEST_F(CsvSinkTest, HasRoomForARowOfQuotes) {
   string row(10'000, 0);
   const char* const end = oxEventText::WriteCsvRow(event, row.data());
   EXPECT_GE(oxEventText::CsvRowCapacity(event), static_cast<size_t>(end - row.data()));
-}
-
-TEST_F(CsvSinkTest, FreesTheBufferOfALongRow) {
-  ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
-  const auto memory = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
-  const string message(1 << 20, 'm');
-  for (const int error : {0, ENOSPC}) {
-    const Faults faults([error](std::string_view call, long) { return call == "write" ? error : 0; });
-    const size_t before = memory();
-    EXPECT_EQ(Submit(message), error == 0 ? OXEVENT_OK : OXEVENT_FAILURE);
-    EXPECT_LT(memory(), before + message.size()) << "error " << error;
-  }
 }
 
 TEST_F(CsvSinkTest, NewRowsAndFlushesWaitForADeliveryToTheReplacedSink) {
