@@ -376,16 +376,16 @@ TEST_F(ProcessTest, AChildHasNoPosterButMayStartOne) {
   ExpectExit(0, [] {
     static const Poster poster;
     poster.Post();
-    Check(Fork([] {
-            Check(poster.Stop(), OXEVENT_NOT_FOUND);
-            if (IsThreadSanitizerUsed()) return;
-            Check(Start("own.xml"), OXEVENT_OK);
-            const Poster own;
-            own.Post();
-            Check(own.Stop(), OXEVENT_OK);
-            exit(0);
-          }),
-          0);
+    const auto run = [] {
+      Check(poster.Stop(), OXEVENT_NOT_FOUND);
+#ifndef OXEVENT_SANITIZED  // A sanitizer's locks stay locked in the child.
+      Check(Start("own.xml"), OXEVENT_OK);
+      const Poster own;
+      own.Post();
+      Check(own.Stop(), OXEVENT_OK);
+#endif
+    };
+    Check(Fork(run), 0);
     Check(poster.Stop(), OXEVENT_OK);
   });
 }
