@@ -71,14 +71,10 @@ TEST(oxEventLimitAlarm, IgnoresValuesThatAreNoNumberAndAClockThatIsSetBack) {
 }
 
 // Three in a minute, the usual criterion for a chattering alarm.
-LimitAlarmConfig ThreeInAMinute() {
+TEST(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
   LimitAlarmConfig config = HighAt100();
   config.chatter_count = 3;
-  return config;
-}
-
-TEST(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
-  LimitAlarm alarm(ThreeInAMinute());
+  LimitAlarm alarm(config);
   ExpectSteps(&alarm, {{0, 101, kRaise}, {10, 99, kClear}, {30, 101, kRaise}, {40, 99, kClear}, {60, 101, kRaise}});
   EXPECT_FALSE(alarm.IsChattering());  // The first and the third are a minute apart.
   ExpectSteps(&alarm, {{65, 99, kClear}, {70, 101, kRaise}});
