@@ -65,7 +65,7 @@ uint64_t oxEventStatAddress(const Counter* counter) {
 }
 
 inline oxEventStatText oxEventStatTextOf(std::string_view text) {
-  return {oxEventStatAddress<char>(text.data()), text.size()};
+  return {reinterpret_cast<uintptr_t>(text.data()), text.size()};
 }
 
 // Publish new addresses, or none: a run without addresses, a null pointer. Call before the old objects are freed, and

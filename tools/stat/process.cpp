@@ -111,7 +111,8 @@ std::vector<uint64_t> Process::MappedFiles() const {
 
 bool Process::Read(uint64_t address, void* to, size_t size) const {
   const iovec local = {to, size};
-  const iovec remote = {reinterpret_cast<void*>(static_cast<uintptr_t>(address)), size};
+  void* const from = reinterpret_cast<void*>(static_cast<uintptr_t>(address));  // NOLINT(performance-no-int-to-ptr)
+  const iovec remote = {from, size};
   const ssize_t copied = process_vm_readv(pid_, &local, 1, &remote, 1, 0);
   if (copied < 0 && errno != EFAULT) ThrowError(errno);
   return copied == static_cast<ssize_t>(size);

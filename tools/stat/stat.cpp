@@ -112,9 +112,10 @@ void ReplaceFile(const std::string& path, std::string_view text) {
   if (fd == -1) throw FileError(temporary);
   const bool written = WriteAll(fd, text);
   if (close(fd) == 0 && written && std::rename(temporary.c_str(), path.c_str()) == 0) return;
-  const std::runtime_error error = FileError(path);
+  const int reason = errno;
   unlink(temporary.c_str());
-  throw error;
+  errno = reason;
+  throw FileError(path);
 }
 
 class StatTool {
