@@ -5,6 +5,7 @@ Needs the environment variable OXEVENT_LIBRARY, as scripts/check sets it.
 import collections, contextlib, json, os, re, signal, socket, sqlite3, subprocess, sys, tempfile, unittest
 import urllib.request
 from pathlib import Path
+from types import SimpleNamespace
 
 sys.path.append(sys.path[0] + "/../tools/python")
 import oxevent, receivers
@@ -125,9 +126,21 @@ class Test(unittest.TestCase):
     def setUp(self):
         self.directory = self.enterContext(tempfile.TemporaryDirectory())
         self.errors = self.enterContext(open(f"{self.directory}/errors", "w"))
+        self.receivers = []
+
+    def await_(self, what, condition):  # A timeout reports what the receivers have written last.
+        try:
+            return await_(what, condition)
+        except TimeoutError:
+            for receiver in self.receivers:
+                print(f"{receiver.name}: exit status {receiver.child.poll()}", file=sys.stderr)
+                for log in sorted(receiver.directory.glob("*.log")) + [receiver.directory / "output"]:
+                    print(f"{log.name}:", *read_log(log)[-20:], sep="\n  ", file=sys.stderr)
+            raise
 
     def start(self, kind, directory="", **attributes):
         receiver = kind()
+        self.receivers.append(receiver)
         vars(receiver).update(attributes)
         return self.enterContext(receiver.start(f"{self.directory}/{directory}"))
 
@@ -171,17 +184,17 @@ class Test(unittest.TestCase):
         relay = self.start(Relay, store=store)
         self.start_hosts("sink\\syslog\\udp\\default", {"enabled": 1, "port": relay.port, "app_name": "HOST"})
         stored = lambda: {json.loads(line)["raw"].split("] ")[-1] for line in read_log(store.directory / "events.log")}
-        all_of = lambda names: await_("the arrival of every event", lambda: stored() >= self.expected(names))
+        all_of = lambda names: self.await_("the arrival of every event", lambda: stored() >= self.expected(names))
         self.report(range(20))
         all_of(range(20))
         store.stop()
         self.report(range(20, 60))  # Few enough for a receive buffer of default size.
-        await_("the queue on disk", lambda: relay.waiting() == 120)
+        self.await_("the queue on disk", lambda: relay.waiting() == 120)
         relay.child.kill()  # As in docs/fleet.md.
         relay.stop()
         relay.run()
         self.report(range(60, 80))
-        await_("the queue on disk", lambda: relay.waiting() == 180)
+        self.await_("the queue on disk", lambda: relay.waiting() == 180)
         self.assertEqual(stored(), self.expected(range(20)))
         store.run()
         all_of(range(80))
@@ -194,7 +207,7 @@ class Test(unittest.TestCase):
                 for name, order in (("a", peers), ("b", peers[::-1]))]
         self.addCleanup(pair[1].child.kill)  # Killed, because leaving the cluster takes 10 s.
         for one in pair:
-            await_("the cluster", lambda: one.metric("alertmanager_cluster_members") == 2)
+            self.await_("the cluster", lambda: one.metric("alertmanager_cluster_members") == 2)
         self.start_hosts("sink\\native\\main", {}, *(one.url for one in pair))
 
         def notified():
@@ -203,11 +216,11 @@ class Test(unittest.TestCase):
 
         self.report(["door"], action="raise")
         for one in pair:  # Waits until it has checked whether the other has sent the notification.
-            await_("the decision", lambda: one.metric("alertmanager_nflog_queries_total") >= 3)
+            self.await_("the decision", lambda: one.metric("alertmanager_nflog_queries_total") >= 3)
         pair[0].child.kill()
         pair[0].stop()
         self.report(["fan"], action="raise")
-        await_("the survivor's notification", lambda: set(notified()) == self.expected(["door", "fan"]))
+        self.await_("the survivor's notification", lambda: set(notified()) == self.expected(["door", "fan"]))
         self.assertEqual(set(notified().values()), {1})
 
     def start_broker(self):
@@ -220,12 +233,13 @@ class Test(unittest.TestCase):
     def test_broker(self):
         broker, relay, subscriber = self.start_broker()
         self.start_hosts("sink\\syslog\\udp\\default", {"enabled": 1, "port": relay.port, "app_name": "HOST"})
-        all_of = lambda names: await_("the arrival of every event", lambda: set(subscriber.messages()) >= self.expected(names))
+        arrived = lambda names: set(subscriber.messages()) >= self.expected(names)
+        all_of = lambda names: self.await_("the arrival of every event", lambda: arrived(names))
         self.report(range(20))
         all_of(range(20))
         subscriber.child.send_signal(signal.SIGSTOP)
         self.report(range(20, 40))  # The subscriber gets them, but is stopped and does not store them.
-        await_("the publication", lambda: relay.waiting() == 0)
+        self.await_("the publication", lambda: relay.waiting() == 0)
         subscriber.child.kill()
         subscriber.stop()
         subscriber.run()
@@ -233,10 +247,10 @@ class Test(unittest.TestCase):
         subscriber.child.kill()
         subscriber.stop()
         self.report(range(40, 60))
-        await_("the publication", lambda: relay.waiting() == 0)
+        self.await_("the publication", lambda: relay.waiting() == 0)
         broker.crash()
         self.report(range(60, 80))  # The relay keeps them until the broker runs again.
-        await_("the queue on disk", lambda: relay.waiting() >= 60)
+        self.await_("the queue on disk", lambda: relay.waiting() >= 60)
         subscriber.run()
         broker.run()
         self.report(range(80, 100))
@@ -249,9 +263,18 @@ class Test(unittest.TestCase):
         for procid, event_id, utc_ns, message in ((7, 1, 5, "first"), (7, 1, 5, "first"), (8, 1, 5, "another process"),
                                                   (7, 2, 5, "another id"), (7, 1, 6, "another time")):
             relay.send(event.format(procid, event_id, utc_ns, message).encode())
-        await_("the arrival of the last event", lambda: "another time" in subscriber.messages())
+        self.await_("the arrival of the last event", lambda: "another time" in subscriber.messages())
         self.assertEqual(sorted(subscriber.messages()), ["another id", "another process", "another time", "first"])
         self.assertEqual(subscriber.duplicates(), ["duplicate: 5 vm 7 1"])
+
+
+    def test_broker_does_not_answer(self):
+        with socket.create_server(("127.0.0.1", 0)) as broker:
+            port = broker.getsockname()[1]
+            subscriber = self.start(Subscriber, broker=SimpleNamespace(url=f"amqp://127.0.0.1:{port}/?stack_timeout=0.1"))
+            timeouts = lambda: (subscriber.directory / "output").read_text().count("subscriber.py: AMQPConnectorStackTimeout")
+            self.await_("the second attempt", lambda: timeouts() >= 2)
+            self.assertIsNone(subscriber.child.poll())
 
 
 if __name__ == "__main__":

@@ -8,6 +8,7 @@ rsyslog then starts the program again and repeats the line that was not confirme
 import sys
 
 import pika
+from pika.adapters.utils.connection_workflow import AMQPConnectorException
 
 PERSISTENT = pika.BasicProperties(content_type="application/json", delivery_mode=2)
 
@@ -29,5 +30,6 @@ if __name__ == "__main__":
         sys.exit(__doc__)
     try:
         main(sys.argv[1])
-    except (pika.exceptions.AMQPError, OSError) as error:
+    # The second is the error of a broker that does not answer; pika does not derive it from the first.
+    except (pika.exceptions.AMQPError, AMQPConnectorException, OSError) as error:
         sys.exit(f"publisher.py: {error!r}")

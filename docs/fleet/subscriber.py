@@ -10,6 +10,7 @@ import sys
 import time
 
 import pika
+from pika.adapters.utils.connection_workflow import AMQPConnectorException
 
 # A document that lacks one of the four fields is always stored: null differs from null in a primary key.
 SCHEMA = """CREATE TABLE IF NOT EXISTS events (
@@ -57,7 +58,8 @@ def main(url, path):
     while True:
         try:
             receive(url, database)
-        except (pika.exceptions.AMQPError, OSError) as error:
+        # The second is the error of a broker that does not answer; pika does not derive it from the first.
+        except (pika.exceptions.AMQPError, AMQPConnectorException, OSError) as error:
             database.rollback()  # The broker delivers again what was not acknowledged.
             print(f"subscriber.py: {error!r}", file=sys.stderr, flush=True)
             time.sleep(1)
