@@ -23,6 +23,7 @@ void OXFree(void* buffer) {
 }
 int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body, int32_t body_length,
                         char** response, int32_t* /*status*/, uint32_t timeout_ms) {
+  if (*url == '\0') return 0;  // The sink is being opened.
   string lines = headers;
   std::replace(lines.begin(), lines.end(), '\xA7', '\n');
   g_posts += method + " "s + url + " " + std::to_string(timeout_ms) + "\n" + lines + "\n\n";

@@ -45,8 +45,9 @@ using Action = void (*)();
 
 // The host's state is global and never destroyed: the callback and other threads use it while the process exits.
 Library* ox;
-std::atomic<Action> g_in_callback = nullptr;  // Runs in the callback of the next event, once.
-std::atomic<Action> g_at_exit = nullptr;      // Runs in an exit handler.
+std::atomic<Action> g_in_callback = nullptr;    // Runs in the callback of the next event, once.
+std::atomic<Action> g_at_exit = nullptr;        // Runs in an exit handler.
+std::atomic<Action> g_while_loading = nullptr;  // Runs while the loader loads the plugin of this test program.
 std::atomic<int> g_submitted = 0;
 std::atomic<int> g_delivered = 0;
 std::atomic<bool> g_queued = false;    // Whether SubmitThree has queued its events.
@@ -86,6 +87,9 @@ extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**
   WaitForRelease();
   return EAI_AGAIN;
 }
+
+// The constructor of the plugin calls it.
+extern "C" __attribute__((visibility("default"))) void WhileLoading() { g_while_loading.load()(); }
 
 void BeginChild() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // In case the child hangs: one forked on the worker blocks all other signals.
@@ -326,7 +330,8 @@ void LoadAndUnload() {
 struct Poster {
   Poster() {
     uint16_t port = 0;
-    Check(listen(LoopbackSocket(AF_INET, SOCK_STREAM, &port), 1), 0);
+    alertmanager = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
+    Check(listen(alertmanager, 1), 0);
     const std::string url = "http://127.0.0.1:" + std::to_string(port);
     oxEventAlertPosterConfig config = {};
     config.struct_size = sizeof(config);
@@ -348,6 +353,7 @@ struct Poster {
   const decltype(&oxEventAlertPosterStop) stop = library.Find("oxEventAlertPosterStop");
   const decltype(&oxEventAlertPosterGetState) get_state = library.Find("oxEventAlertPosterGetState");
   uint32_t id = 0;
+  int alertmanager = -1;  // Listening socket.
 };
 
 TEST_F(ProcessTest, ExitEndsARunningPoster) {
@@ -369,6 +375,29 @@ TEST_F(ProcessTest, UnloadEndsARunningPoster) {
     Check(ReadFile("/proc/self/maps").find("liboxevent-alertposter"), std::string::npos);
     // The worker has ended too. A poster's thread that had not ended would crash.
     WaitUntil([&] { return threads() < threads_before; });
+  });
+}
+
+// An unload waits with the loader locked for the threads that make these requests.
+TEST_F(ProcessTest, TheFirstHttpRequestsDoNotNeedTheLoader) {
+  ExpectExit(0, [] {
+    uint16_t port = 0;
+    static const int webhook = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
+    Check(listen(webhook, 1), 0);
+    const std::string section = "sink\\webhook\\http\\default\\";
+    WriteSettings("webhook.xml", "",
+                  {{section + "enabled", "1"},
+                   {section + "endpoint_url", "http://127.0.0.1:" + std::to_string(port)},
+                   {section + "request_timeout_ms", "100"}});
+    Check(ox->ReloadConfig("webhook.xml"), OXEVENT_OK);
+    static const Poster poster;
+    g_while_loading = [] {
+      alarm(60);
+      Submit(1);
+      Check(accept(webhook, nullptr, nullptr) >= 0, true);
+      Check(accept(poster.alertmanager, nullptr, nullptr) >= 0, true);
+    };
+    Check(dlopen(OXEVENT_LOADER_TEST_PLUGIN, RTLD_NOW) != nullptr, true);
   });
 }
 

@@ -90,6 +90,19 @@ bool StartLocked() {
   return g_pool.started;
 }
 
+#ifndef OXUTIL_STATIC
+// Starts libcurl while the module is loaded: StartLocked locks the loader, so a first request could not do it while
+// another thread unloads oxEvent and waits for the request. If this start fails, the first request tries again.
+[[maybe_unused]] const bool g_started_at_load = [] {
+  const std::lock_guard lock(g_pool.mutex);
+  try {
+    return StartLocked();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}();
+#endif
+
 }  // namespace
 
 namespace oxHTTPClientPool {

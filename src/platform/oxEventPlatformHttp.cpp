@@ -46,6 +46,9 @@ std::string oxEventPlatformHttpPrepare() {
     const char* const reason = dlerror();
     return reason == nullptr ? "liboxutil-http.so cannot be loaded" : reason;
   }
+  // Makes no request, but lets the companion find the module now. A worker's first request must not need the loader: an
+  // unload waits for that request with the loader locked.
+  oxOSHTTPCommand("", "", nullptr, nullptr, 0, nullptr, nullptr, 1);
 #endif
   return "";
 }
