@@ -25,7 +25,9 @@ SETTINGS = "<config>\n<key name='QVX'><key name='Events'>\n{}</key></key></confi
 QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug</value></key><key name='sink'>
 <key name='native'><key name='main'><value name='enabled'>0</value></key></key><key name='csv'><key name='default'>
 <value name='enabled'>1</value><value name='path'>{}/seen.csv</value></key></key></key>""")
-FLAGS = ["-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
+LOGGERS = {"spdlog.hpp": "-lspdlog -lfmt", "glog.hpp": "-lglog", "boost_log.hpp": "-lboost_log -lboost_thread",
+           "journald.h": "-lsystemd"}
+FLAGS = ["-DBOOST_LOG_DYN_LINK", "-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
 
 
 def free_port():
@@ -126,6 +128,7 @@ class Page:
         whole = "main(" in code
         source.write_text(code if whole else "#include <oxEvent.h>\n" + code)
         libraries = [f"{BUILD}/liboxevent-alertposter.so", f"{BUILD}/liboxEvent.so"]
+        libraries += [flag for header, flags in LOGGERS.items() if f"oxEvent/{header}" in code for flag in flags.split()]
         link = ["-x", "none", *libraries, f"-Wl,-rpath,{BUILD}", "-o", program]
         self.call([*compiler, *FLAGS, source, *(link if whole else ["-fsyntax-only"])])
         if whole:
