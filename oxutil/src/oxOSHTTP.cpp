@@ -24,19 +24,17 @@ std::atomic<Command> g_command = nullptr;
 std::mutex g_load_mutex;  // The thread sanitizer does not see the loader's lock, under which the module is initialized.
 #endif
 
-// Looks beside this library first: if a sanitizer intercepts dlopen, the loader does not know this library's RUNPATH.
+// Opens the module in the directory of this library.
 void* OpenModule() {
   Dl_info own_info = {};
-  dladdr(reinterpret_cast<const void*>(OpenModule), &own_info);
-  const std::string_view file = own_info.dli_fname == nullptr ? "" : own_info.dli_fname;
-  const size_t directory_size = file.rfind('/') + 1;  // 0 if there is no slash.
+  if (dladdr(reinterpret_cast<const void*>(OpenModule), &own_info) == 0) return nullptr;
+  const std::string_view file = own_info.dli_fname;
+  const size_t directory_size = file.rfind('/') + 1;
   char path[PATH_MAX];
-  if (directory_size + sizeof(OXUTIL_HTTP_MODULE) <= sizeof(path)) {
-    std::memcpy(path, file.data(), directory_size);
-    std::memcpy(path + directory_size, OXUTIL_HTTP_MODULE, sizeof(OXUTIL_HTTP_MODULE));
-    if (void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL)) return module;
-  }
-  return dlopen(OXUTIL_HTTP_MODULE, RTLD_NOW | RTLD_LOCAL);
+  if (directory_size + sizeof(OXUTIL_HTTP_MODULE) > sizeof(path)) return nullptr;
+  std::memcpy(path, file.data(), directory_size);
+  std::memcpy(path + directory_size, OXUTIL_HTTP_MODULE, sizeof(OXUTIL_HTTP_MODULE));
+  return dlopen(path, RTLD_NOW | RTLD_LOCAL);
 }
 
 // Returns null if the module cannot be loaded; the next call tries again. Takes no lock, so a fork needs no handler:

@@ -35,20 +35,9 @@ const char* oxEventPlatformHttpUnsafeVariable() {
 }
 
 std::string oxEventPlatformHttpPrepare() {
-#ifndef OXEVENT_STATIC
-  // Looks in the same places as the companion, and in the same order, so that the companion finds the module loaded.
-  constexpr char kModule[] = "liboxutil-http.so";
-  Dl_info companion = {};
-  dladdr(reinterpret_cast<const void*>(oxOSHTTPCommand), &companion);
-  const std::string file = companion.dli_fname == nullptr ? "" : companion.dli_fname;
-  const std::string beside = file.substr(0, file.rfind('/') + 1) + kModule;
-  if (dlopen(beside.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr && dlopen(kModule, RTLD_NOW | RTLD_LOCAL) == nullptr) {
-    const char* const reason = dlerror();
-    return reason == nullptr ? "liboxutil-http.so cannot be loaded" : reason;
-  }
-  // Makes no request, but lets the companion find the module now. A worker's first request must not need the loader: an
-  // unload waits for that request with the loader locked.
+  dlerror();
+  // Makes no request, because there is no method; but the companion loads its module.
   oxOSHTTPCommand("", "", nullptr, nullptr, 0, nullptr, nullptr, 1);
-#endif
-  return "";
+  const char* const reason = dlerror();
+  return reason == nullptr ? "" : reason;
 }
