@@ -1,10 +1,11 @@
-// oxEvent for C++17 and later: a header on top of oxEvent.h that adds nothing to the library. All of it is compiled
-// into the host, so that the only binary interface between host and library is that of oxEvent.h. It can be compiled
-// without exceptions and without run-time type information.
+// oxEvent for C++17 and later: a header-only layer on top of oxEvent.h. All of it is compiled into the host, so that
+// the only binary interface between host and library is that of oxEvent.h. It can be compiled without exceptions and
+// without run-time type information.
 //
 // Threads: different objects can be used by different threads at the same time, one object only by one thread at a
-// time. Errors: functions return std::error_code; the constructors that take no std::error_code throw
-// std::system_error, and exist only if exceptions are enabled. ErrorText returns the reason of a failure.
+// time. Errors: functions that can fail return std::error_code. Session and Callback have two constructors that can
+// fail: one sets a std::error_code; the other throws std::system_error, and exists only if exceptions are enabled.
+// ErrorText returns the reason for a failure.
 #ifndef OXEVENT_HPP
 #define OXEVENT_HPP
 
@@ -44,7 +45,7 @@ enum class Severity : std::uint32_t {
 
 enum class Action { kNone, kRaise, kUpdate, kRepeat, kClear };
 
-// What the library's result codes mean, to compare an error with: error == Errc::kNotInitialized.
+// The library's result codes as error conditions, to be compared with errors: error == Errc::kNotInitialized.
 enum class Errc : std::uint32_t {
   kNotInitialized = OXEVENT_NOT_INITIALIZED,
   kAlreadyInitialized = OXEVENT_ALREADY_INITIALIZED,
@@ -55,8 +56,8 @@ enum class Errc : std::uint32_t {
 
 namespace detail {
 
-// Hides what has a static variable: GCC would otherwise give the variable a unique symbol, because of which dlclose
-// does not unload the plugin that contains it.
+// Hides a function or class with a static variable: GCC would otherwise give the variable a unique symbol, which keeps
+// dlclose from unloading the plugin that contains it.
 #define OXEVENT_HPP_HIDDEN __attribute__((visibility("hidden")))
 
 class Category final : public std::error_category {
@@ -79,7 +80,7 @@ class Category final : public std::error_category {
     return "unknown result code";
   }
 
-  // By name, because each shared library of the host has a category of its own.
+  // Compares the names of the categories, because each shared library of the host has a category of its own.
   bool equivalent(const std::error_code& code, int condition) const noexcept override {
     return code.value() == condition && std::strcmp(code.category().name(), name()) == 0;
   }
@@ -102,8 +103,9 @@ inline std::error_code ToErrorCode(std::uint32_t result) noexcept {
   return {static_cast<int>(result), detail::GetCategory()};
 }
 
-// Returns the calling thread's last error text or, if that is empty, the message of the error. Call it on the thread
-// that got the error, before that thread calls another function of the library.
+// Returns, for an error of the library, the calling thread's last error text; if that is empty, and for any other
+// error, the error's message. Call it on the thread that got the error, before that thread calls another function of
+// the library.
 inline std::string ErrorText(const std::error_code& error) {
   std::string text(512, '\0');
   while (error.category().name() == std::string_view("oxEvent")) {
@@ -138,8 +140,8 @@ enum Text : std::size_t {
   kTextCount
 };
 
-// Copies of the texts of a record, each with its NUL, one after the other: in the object while they fit, else in memory
-// that is kept until the object is destroyed.
+// Copies of the texts of a record, each with its NUL, one after the other: in the object while they fit, else in
+// allocated memory, which can grow and is freed when the object is destroyed.
 class Texts {
  public:
   Texts() noexcept = default;
@@ -158,13 +160,13 @@ class Texts {
     return *this;
   }
 
-  // False once there was no memory for a text.
+  // False if there was no memory for a text, even if that text has been replaced since.
   bool IsComplete() const noexcept { return complete_; }
 
   // Null if the text is not set.
   const char* Get(Text which) const noexcept { return begins_[which] == 0 ? nullptr : Bytes() + begins_[which]; }
 
-  // The text ends at its first NUL. It must not be one of this object.
+  // The text ends at its first NUL. It must not be stored in this object.
   void Set(Text which, std::string_view text) noexcept {
     text = text.substr(0, text.find('\0'));
     char* const bytes = Append(which, text.size());
@@ -278,11 +280,11 @@ class JsonWriter {
 
 }  // namespace detail
 
-// One event. The setters have the names of the fields of oxEventRecord, whose comments say what they mean; what is not
-// set has its default there, except that the default severity is info. Copies every text, so that no argument needs to
-// outlive the call: into the object itself as long as they take at most 511 bytes with their NULs, else into allocated
-// memory. A text ends at its first NUL. Setters return a reference to the event: do not bind the result of a chain that
-// begins with a temporary to a reference.
+// One event. The setters have the names of the fields of oxEventRecord, whose comments say what they mean; a field that
+// is not set has the default given there, except that the default severity is info. The event copies every text, so
+// that no argument needs to outlive the call: into the object itself if all texts with their NULs take at most 511
+// bytes, else into allocated memory. A text ends at its first NUL. Setters return a reference to the event: do not bind
+// the result of a chain that begins with a temporary to a reference.
 class Event {
  public:
   Event() noexcept {
@@ -326,7 +328,7 @@ class Event {
     return *this;
   }
 
-  // Sets details_json to a std::source_location, or to another type with the same functions.
+  // Sets details_json to the place in a std::source_location, or in an object of another type with the same functions.
   template <class Location, class = decltype(std::declval<const Location&>().file_name())>
   Event& location(const Location& place) noexcept {
     return location(place.file_name(), place.line(), place.function_name());
@@ -401,10 +403,10 @@ class Event {
   detail::Texts texts_ = {};
 };
 
-// One condition, which it raises, updates and clears. Every report has the severity, event_type, source_id, source_name
-// and dedupe_key of the identity, because receivers match a clear with its raise by these fields. A report that leaves
-// threshold (0), units or correlation_id unset gets those of the identity too. The identity needs a dedupe_key, or
-// source_id and event_type, by which the library tells conditions apart.
+// Raises, updates and clears one condition. Every report has the severity, event_type, source_id, source_name and
+// dedupe_key of the identity, because receivers match a clear with its raise by these fields. A report that leaves
+// threshold (0), units or correlation_id unset gets the identity's. The identity needs a dedupe_key, or source_id and
+// event_type, by which the library tells conditions apart.
 //
 // The destructor leaves a raised condition raised, unless ClearAtEnd was called: a host that ends, or that an exception
 // stops, has not removed the cause of the alarm.
@@ -429,9 +431,9 @@ class Condition {
   std::error_code Clear(std::string_view message) noexcept { return Clear(Event(message)); }
   std::error_code Clear(const Event& report) noexcept { return Report(report, Action::kClear); }
 
-  // Makes the destructor clear the condition, with this message, if it is raised then. A destructor that runs because
-  // of an exception does not clear it. Use it for a condition that cannot outlive its object, such as the state of a
-  // connection that the object closes.
+  // Makes the destructor clear the condition, with this message, if the condition is raised then. A destructor that
+  // runs because of an exception does not clear it. Call this function for a condition that cannot outlive its object,
+  // such as the state of a connection that the object closes.
   void ClearAtEnd(std::string_view message) noexcept {
     identity_.message(message);
     clear_at_end_ = true;
@@ -490,11 +492,11 @@ class Session {
   bool started_ = false;
 };
 
-// Waits until all queued events are delivered, without a limit.
+// Waits until all queued events are delivered, without a time limit.
 inline std::error_code Flush() noexcept { return ToErrorCode(oxEventFlush(0)); }
 
-// Waits for at most `timeout`. A timeout below 1 ms, such as what is left of a deadline that has passed, counts as 1
-// ms: to the C function, 0 means no limit.
+// Waits for at most `timeout`. A timeout below 1 ms, such as the time left until a deadline that has passed, counts as
+// 1 ms: to the C function, 0 means no limit.
 inline std::error_code Flush(std::chrono::milliseconds timeout) noexcept {
   constexpr std::int64_t kMaximum = std::numeric_limits<std::uint32_t>::max();
   const std::int64_t count = timeout.count();
@@ -517,8 +519,8 @@ struct CallbackSlot {
   std::uintptr_t number = 0;
   CallbackSlot* next = nullptr;
   bool running = false;
-  bool abandoned = false;       // Removed by itself: deleted when its call returns.
-  std::thread::id thread = {};  // That of the running call.
+  bool abandoned = false;       // Removed by its own call: deleted when that call returns.
+  std::thread::id thread = {};  // The thread of the running call.
 };
 
 template <class Function>
@@ -642,13 +644,14 @@ struct CallbackRemover {
 
 }  // namespace detail
 
-// Registers a callable, which may be movable only, for every event that reaches the sinks; the comment on
-// oxEventCallback says what it may do. It is called with a const oxEventRecord&, on the library's worker thread.
+// Registers a callable, which may be move-only, for every event that reaches the sinks; the comment on oxEventCallback
+// says what it may do. It is called with a const oxEventRecord&, on the library's worker thread.
 //
-// The destructor removes it, waits for a running call to return, and destroys the callable: what the callable refers to
-// may be freed then. So do not hold a lock that the callable needs. In the callable's own call, the destructor does not
-// wait, and the callable is destroyed when that call returns. After oxEventShutdown the callable is no longer called;
-// register a new one. Before unloading the module that contains the callable, call Flush until it succeeds.
+// The destructor unregisters the callable, waits for a running call to return, and destroys the callable: what the
+// callable refers to may be freed then. So do not destroy a Callback while holding a lock that the callable needs. In
+// the callable's own call, the destructor does not wait, and the callable is destroyed when that call returns. After
+// oxEventShutdown the callable is no longer called: for the next session, make a new Callback. Before unloading the
+// module that contains the callable, destroy the Callback, and then call Flush until it succeeds.
 class Callback {
  public:
   Callback() noexcept = default;  // Nothing registered.

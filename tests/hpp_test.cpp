@@ -50,7 +50,7 @@ TEST(oxEventHppEvent, KeepsTheTextsThatItWasGiven) {
   }
 }
 
-#ifndef OXEVENT_SANITIZED  // A sanitizer has its own operator new that returns null.
+#ifndef OXEVENT_SANITIZED  // A sanitizer's operator new[] does not call the operator new that the test lets fail.
 TEST(oxEventHppEvent, IsNotSubmittedWithoutATextForWhichThereWasNoMemory) {
   const std::string long_text(1000, 'x');
   const Event whole(long_text);
@@ -80,7 +80,7 @@ struct oxEventHpp : testing::Test {
   oxEventHpp() { WriteSettings(settings, "", {{"state\\route_orphan_clear", "1"}}); }
   ~oxEventHpp() override { oxEventShutdown(); }
 
-  // Registers a callable that notes the fields by which receivers match a clear with its raise, and the rest.
+  // Registers a callable that records the fields by which receivers match a clear with its raise, and some others.
   void RecordReports() {
     recorder.emplace([this](const oxEventRecord& event) {
       reports.push_back(std::to_string(event.severity) + ' ' + event.event_type + ' ' + event.source_id + ' ' +
@@ -165,7 +165,7 @@ TEST_F(oxEventHpp, ConditionEndsTheAlarmOnlyIfAskedTo) {
                               "1 event  oxEvent c: clear ended 0", "1 event  oxEvent d: raise raised 0"}));
 }
 
-// A callback that blocks in its first call until it may continue.
+// Has a callback whose first call blocks until `release` is set.
 struct oxEventHppCallback : oxEventHpp {
   void BlockInCallback() {
     callback.emplace([this, owned = std::make_unique<int>(0)](const oxEventRecord&) {
