@@ -34,7 +34,7 @@ LimitAlarmConfig HighAt100() {
   return config;
 }
 
-TEST(oxEventLimitAlarm, ReturnsToNormalOnlyBehindTheDeadband) {
+TEST(oxEventLimitAlarm, ReturnsToNormalOnlyBeyondTheDeadband) {
   LimitAlarmConfig config = HighAt100();
   config.deadband = 5;
   LimitAlarm high(config);
@@ -62,7 +62,7 @@ TEST(oxEventLimitAlarm, WaitsForTheDelaysWithoutInterruption) {
   EXPECT_EQ(alarm.Poll(seconds(81)), kClear);
 }
 
-TEST(oxEventLimitAlarm, IgnoresValuesThatAreNoNumberAndAClockThatIsSetBack) {
+TEST(oxEventLimitAlarm, IgnoresValuesThatAreNotNumbersAndAClockThatIsSetBack) {
   LimitAlarmConfig config = HighAt100();
   config.on_delay = seconds(10);
   LimitAlarm alarm(config);

@@ -11,17 +11,19 @@
 
 namespace oxEvent {
 
-// Negative values count as 0.
+// A negative deadband, delay, period or maximum time counts as 0.
 struct LimitAlarmConfig {
   enum class Limit { kHigh, kLow };
 
   Limit type = Limit::kHigh;  // kHigh: abnormal above the limit; kLow: below it.
   double limit = 0;
-  double deadband = 0;                    // How far the value must return behind the limit to be normal.
-  std::chrono::nanoseconds on_delay{0};   // How long the value must be abnormal to make the alarm active.
-  std::chrono::nanoseconds off_delay{0};  // How long it must be normal to make the alarm inactive.
-  // An alarm that becomes active this often in less than chatter_period is chattering. It then stays active until the
-  // value has been normal for chatter_period. 0: not detected. At most 16.
+  // How far below a high limit, or above a low one, an abnormal value must be to become normal.
+  double deadband = 0;
+  std::chrono::nanoseconds on_delay{0};   // How long the value must be abnormal before the alarm becomes active.
+  std::chrono::nanoseconds off_delay{0};  // How long the value must be normal before the alarm becomes inactive.
+  // An alarm that becomes active this many times in less than chatter_period is chattering, and stays active, until the
+  // value has been normal, or abnormal, for chatter_period without interruption. 0: chattering is not detected. A
+  // number above 16 counts as 16.
   unsigned chatter_count = 0;
   std::chrono::nanoseconds chatter_period = std::chrono::minutes(1);
   std::chrono::nanoseconds max_time_shelved = std::chrono::hours(8);  // 0: the alarm cannot be shelved.
@@ -30,22 +32,23 @@ struct LimitAlarmConfig {
 // What to report to the library.
 enum class AlarmChange { kNothing, kRaise, kClear };
 
-// An alarm for one limit of one value. The host gives the value and the time, which counts from any fixed moment: that
-// of a std::chrono::steady_clock is best. A time before an earlier one counts as the earlier one. The alarm begins
-// inactive.
+// An alarm for one limit of one value. The host passes the value and the time since any fixed moment, preferably from
+// std::chrono::steady_clock. If a time is earlier than that of a previous call, the latest time so far counts instead.
+// The alarm is inactive at first.
 //
-// Threads: none of its own; one thread at a time may use an object. Never allocates memory or throws.
+// Threads: one at a time may use an object, which has no thread of its own. Never allocates memory or throws.
 class LimitAlarm {
  public:
   using Time = std::chrono::nanoseconds;
 
   explicit LimitAlarm(const LimitAlarmConfig& config) noexcept : config_(config) {
     if (!(config_.deadband > 0)) config_.deadband = 0;
-    // Not std::min: to refer to the constant would give it a unique symbol, because of which dlclose unloads nothing.
+    // Not std::min, which takes a reference: it would give the constant a unique symbol, which keeps dlclose from
+    // unloading a plugin.
     if (config_.chatter_count > kMaxChatterCount) config_.chatter_count = kMaxChatterCount;
   }
 
-  // Call it for each new value. NaN counts as the previous value.
+  // Call this function for each new value. NaN counts as the previous value.
   AlarmChange Update(double value, Time now) noexcept {
     Advance(now);
     if (abnormal_ ? IsNormal(value) : IsAbnormal(value)) {
@@ -55,14 +58,15 @@ class LimitAlarm {
     return Evaluate();
   }
 
-  // Call it regularly if new values come only when the value changes: the previous value counts as still present.
+  // Call this function at regular intervals if the host gets a new value only when the value changes: the alarm takes
+  // the previous value for the current one.
   AlarmChange Poll(Time now) noexcept {
     Advance(now);
     return Evaluate();
   }
 
-  // Withholds a raise for this long. Returns false, and changes nothing, unless 0 < duration <= max_time_shelved. A
-  // shelved alarm can be shelved anew, but stays shelved for at most max_time_shelved from the first time.
+  // Withholds a raise for this long. Returns false, and does not shelve, unless 0 < duration <= max_time_shelved. A
+  // shelved alarm can be shelved again, but stays shelved for at most max_time_shelved from the first call on.
   bool TimedShelve(Time duration, Time now) noexcept {
     if (duration > config_.max_time_shelved) return false;
     return Shelve(ShelvedState::kTimedShelved, duration, now);
@@ -76,7 +80,7 @@ class LimitAlarm {
     return Poll(now);
   }
 
-  // All three as of the last call that was given a time.
+  // The state at the last call that took a time.
   bool IsActive() const noexcept { return active_; }
   bool IsChattering() const noexcept { return chattering_; }
   bool IsShelved() const noexcept { return shelved_state_ != ShelvedState::kUnshelved; }
@@ -139,12 +143,12 @@ class LimitAlarm {
 
   LimitAlarmConfig config_;
   Time now_ = Time::min();
-  bool abnormal_ = false;  // By the limit and the deadband.
+  bool abnormal_ = false;  // According to the limit and the deadband.
   Time since_{0};          // When abnormal_ last changed.
-  bool active_ = false;    // By the delays and chattering too.
+  bool active_ = false;    // According to the delays and the detection of chattering too.
   bool raised_ = false;    // What the host was told last.
   bool chattering_ = false;
-  std::array<Time, kMaxChatterCount> activations_ = {};  // The last chatter_count of them.
+  std::array<Time, kMaxChatterCount> activations_ = {};  // Times of the last chatter_count activations, as a ring.
   std::size_t activation_count_ = 0;
   ShelvedState shelved_state_ = ShelvedState::kUnshelved;
   Time shelved_since_{0};
