@@ -1,4 +1,4 @@
-"""oxevent-stat on live processes: stat_test.py [-v] [StatTest.test_NAME...]."""
+"""Tests oxevent-stat on running processes: stat_test.py [-v] [StatTest.test_NAME...]."""
 import ctypes
 import json
 import os
@@ -37,7 +37,8 @@ for line in sys.stdin:
     exec(line)
     print(flush=True)
 """
-# Starts, reloads, stops and unloads the library without a pause. The two sinks and their errors differ in length.
+# Loads, starts, reloads, stops and unloads the library without a pause. The names of the two sinks, and so their
+# errors, differ in length.
 CHURN = """
 lib = os.environ["OXEVENT_LIBRARY"]
 print(flush=True)
@@ -54,7 +55,7 @@ while True:
 
 
 def permit_reading():
-    """Lets every process of the user read this one, whatever kernel.yama.ptrace_scope is (up to 1)."""
+    """Lets every process of the user read this one, unless kernel.yama.ptrace_scope is above 1."""
     ctypes.CDLL(None).prctl(PR_SET_PTRACER, ctypes.c_long(-1))
 
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstddef>
 
-// In the global namespace, so that its symbol, to which the note refers, has this name.
+// In the global namespace, because the note refers to the symbol by this name.
 [[gnu::used, gnu::visibility("hidden")]] constinit oxEventStatBlock g_oxEventStat = {.magic = "oxEvent",
                                                                                      .version = kOxEventStatVersion};
 
@@ -23,8 +23,8 @@ namespace {
 
 void Store(uint64_t* word, uint64_t value) { std::atomic_ref(*word).store(value); }
 
-// Sets the words, and makes the sequence odd meanwhile. It may be odd already: a fork can happen during a call in
-// another thread.
+// Sets the words, and makes the sequence odd meanwhile. In the child of a fork, the sequence is odd already if another
+// thread of the parent was in this function.
 void Publish(uint64_t* sequence, uint64_t* words, const uint64_t* values, size_t count) {
   const uint64_t odd = *sequence | 1;
   Store(sequence, odd);

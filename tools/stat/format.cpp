@@ -101,7 +101,7 @@ class Metrics {
  public:
   explicit Metrics(std::string_view process) : process_(Label("process", process)) {}
 
-  // Begins a metric; its samples must follow.
+  // Begins a metric, to which Add adds samples.
   void Begin(const char* name, const char* type, const char* help) {
     name_ = name;
     text_ += "# HELP " + name_ + ' ' + help + "\n# TYPE " + name_ + ' ' + type + '\n';
@@ -111,7 +111,7 @@ class Metrics {
     for (const std::string& label : labels) text_ += ',' + label;
     text_ += "} " + std::to_string(value) + '\n';
   }
-  void AddOnly(const char* name, const char* type, const char* help, uint64_t value) {
+  void AddSingle(const char* name, const char* type, const char* help, uint64_t value) {
     Begin(name, type, help);
     Add(value);
   }
@@ -127,24 +127,24 @@ constexpr char kCounter[] = "counter";
 constexpr char kGauge[] = "gauge";
 
 void AddCounters(const oxEventCounters& c, Metrics* metrics) {
-  metrics->AddOnly("oxevent_events_submitted_total", kCounter, "Events that the host has reported in this run.",
-                   c.submitted);
-  metrics->AddOnly("oxevent_events_emitted_total", kCounter, "Events passed to the sinks.", c.emitted);
+  metrics->AddSingle("oxevent_events_submitted_total", kCounter, "Events that the host has reported in this run.",
+                     c.submitted);
+  metrics->AddSingle("oxevent_events_emitted_total", kCounter, "Events passed to the sinks.", c.emitted);
   metrics->Begin("oxevent_dropped_events_total", kCounter, "Events that were dropped, by reason.");
   for (size_t i = 0; i < c.drops_by_reason.size(); ++i)
     metrics->Add(c.drops_by_reason[i], {Label("reason", kOxEventDropTexts[i])});
-  metrics->AddOnly("oxevent_delivery_failures_total", kCounter,
-                   "Deliveries to a sink that failed, and events that were not evaluated for want of memory.",
-                   c.sink_failures);
-  metrics->AddOnly("oxevent_delivery_warnings_total", kCounter, "Warnings of sinks.", c.sink_warnings);
+  metrics->AddSingle("oxevent_delivery_failures_total", kCounter,
+                     "Failed deliveries to sinks, and events that were not evaluated because there was no memory.",
+                     c.sink_failures);
+  metrics->AddSingle("oxevent_delivery_warnings_total", kCounter, "Warnings of sinks.", c.sink_warnings);
 }
 
 void AddGauges(const Reading& reading, Metrics* metrics) {
-  metrics->AddOnly("oxevent_queue_events", kGauge, "Events in the queue.", reading.pending);
-  metrics->AddOnly("oxevent_queue_capacity_events", kGauge, "Events for which the queue has room.", reading.capacity);
-  metrics->AddOnly("oxevent_events_in_delivery", kGauge, "Events that the worker has taken from the queue.",
-                   reading.active);
-  metrics->AddOnly("oxevent_raised_conditions", kGauge, "Conditions that are raised.", reading.conditions);
+  metrics->AddSingle("oxevent_queue_events", kGauge, "Events in the queue.", reading.pending);
+  metrics->AddSingle("oxevent_queue_capacity_events", kGauge, "Maximum number of events in the queue.",
+                     reading.capacity);
+  metrics->AddSingle("oxevent_events_in_delivery", kGauge, "Events that the worker is delivering.", reading.active);
+  metrics->AddSingle("oxevent_raised_conditions", kGauge, "Conditions that are raised.", reading.conditions);
 }
 
 void AddSinks(const std::vector<SinkReading>& sinks, Metrics* metrics) {
@@ -193,9 +193,9 @@ std::string FormatJson(const Reading& reading) {
 
 std::string FormatMetrics(const Reading* reading, std::string_view process) {
   Metrics metrics(process);
-  metrics.AddOnly("oxevent_up", kGauge, "Whether oxevent-stat could read the process.", reading != nullptr ? 1 : 0);
+  metrics.AddSingle("oxevent_up", kGauge, "Whether oxevent-stat could read the process.", reading != nullptr ? 1 : 0);
   if (reading == nullptr) return metrics.Text();
-  metrics.AddOnly("oxevent_running", kGauge, "Whether the library is initialized.", reading->running ? 1 : 0);
+  metrics.AddSingle("oxevent_running", kGauge, "Whether the library is initialized.", reading->running ? 1 : 0);
   if (reading->has_run) {
     AddCounters(reading->counters, &metrics);
     AddGauges(*reading, &metrics);
@@ -211,7 +211,7 @@ std::string FormatChange(const Reading& earlier, const Reading& later) {
       b.sink_failures < a.sink_failures) {
     return "";
   }
-  return "since then: " + Counted(b.submitted - a.submitted, "submitted, ") +
+  return "since the previous reading: " + Counted(b.submitted - a.submitted, "submitted, ") +
          Counted(b.emitted - a.emitted, "emitted, ") + Counted(b.dropped - a.dropped, "dropped, ") +
          Counted(b.sink_failures - a.sink_failures, "sink failures\n");
 }

@@ -15,5 +15,6 @@ std::string FormatJson(const Reading& reading);
 // process could not be read.
 std::string FormatMetrics(const Reading* reading, std::string_view process);
 
-// The difference between two readings of one run, as one line; empty if the later one is of another run.
+// The differences between the counters of two readings, as one line. Empty if the readings are certainly of different
+// runs: the process is another one, or a counter has decreased.
 std::string FormatChange(const Reading& earlier, const Reading& later);

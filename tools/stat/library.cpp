@@ -11,12 +11,12 @@
 
 namespace {
 
-constexpr uint32_t kMaxNoteBytes = 65536;  // Of a segment. Notes are short: a longer one is not the library's.
+constexpr uint32_t kMaxSegmentBytes = 65536;  // Notes are short: a larger segment is not read.
 constexpr std::string_view kOwner("oxEvent", sizeof("oxEvent"));
 
 size_t RoundUp(size_t size, size_t alignment) { return (size + alignment - 1) / alignment * alignment; }
 
-// Returns the offset of the library's note's contents in a segment of notes.
+// Returns the offset, in a segment of notes, at which the contents of the library's note begin.
 std::optional<size_t> FindNote(std::string_view notes, size_t alignment) {
   size_t at = 0;
   Elf64_Nhdr header;
@@ -34,7 +34,7 @@ std::optional<size_t> FindNote(std::string_view notes, size_t alignment) {
 
 // Returns the address of the block to which a segment of notes refers; 0 if there is none.
 uint64_t BlockOfNotes(const Process& process, uint64_t address, uint64_t size, uint64_t alignment) {
-  if (size > kMaxNoteBytes) return 0;
+  if (size > kMaxSegmentBytes) return 0;
   std::string notes(size, '\0');
   if (!process.Read(address, notes.data(), notes.size())) return 0;
   const std::optional<size_t> contents = FindNote(notes, alignment == 8 ? 8 : 4);
@@ -46,8 +46,8 @@ uint64_t BlockOfNotes(const Process& process, uint64_t address, uint64_t size, u
   return process.Read(block, magic, sizeof(magic)) && std::string_view(magic, sizeof(magic)) == kOwner ? block : 0;
 }
 
-// Reads the program headers of the file whose beginning is mapped at this address. Returns none if that is not a
-// program or a library.
+// Reads the program headers of the file whose beginning is mapped at this address. Returns none if the file is neither
+// a program nor a library.
 std::vector<Elf64_Phdr> ProgramHeaders(const Process& process, uint64_t start) {
   Elf64_Ehdr header;
   if (!process.Read(start, &header, sizeof(header)) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||

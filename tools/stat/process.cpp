@@ -16,11 +16,12 @@
 
 namespace {
 
-constexpr size_t kMaxNameBytes = 15;  // Of a thread.
+constexpr size_t kMaxThreadNameBytes = 15;
 
 std::string PathOf(pid_t pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
 
-// Returns nothing, with the reason in errno, if the file cannot be read. Files of /proc have no size.
+// Returns nothing, with the reason in errno, if the file cannot be read. Reads until the end, because the size of a
+// file in /proc is not known before.
 std::optional<std::string> ReadFile(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd == -1) return std::nullopt;
@@ -35,7 +36,7 @@ std::optional<std::string> ReadFile(const std::string& path) {
   return text;
 }
 
-// Returns the text up to the delimiter, and removes both from the front of *text.
+// Returns the text up to the delimiter, and removes that text and the delimiter from the front of *text.
 std::string_view TakeUntil(char delimiter, std::string_view* text) {
   const std::string_view taken = text->substr(0, text->find(delimiter));
   text->remove_prefix(std::min(taken.size() + 1, text->size()));
@@ -54,7 +55,8 @@ std::string UserName(uid_t uid) {
   return entry != nullptr ? entry->pw_name : std::to_string(uid);
 }
 
-// Returns the real user of the process. The owner of its directory in /proc is root instead if it is not dumpable.
+// Returns the real user of the process. Not the owner of its directory in /proc, which is root if the process is not
+// dumpable.
 std::optional<uid_t> RealUser(pid_t pid) {
   const std::string status = ReadFile(PathOf(pid, "status")).value_or("");
   constexpr std::string_view kTitle = "\nUid:\t";
@@ -70,7 +72,7 @@ std::string ReasonForRefusal(pid_t pid) {
   const std::string scope = ReadFile("/proc/sys/kernel/yama/ptrace_scope").value_or("0").substr(0, 1);
   if (scope == "3") return "kernel.yama.ptrace_scope is 3: no process may read another one";
   const std::string capability = "the capability CAP_SYS_PTRACE";
-  if (geteuid() == 0) return "root lacks " + capability + ", as in a container";
+  if (geteuid() == 0) return "root lacks " + capability + ", as it usually does in a container";
   const std::string remedy = "; run oxevent-stat as root, or with " + capability;
   if (scope == "2") return "kernel.yama.ptrace_scope is 2" + remedy;
   const std::optional<uid_t> user = RealUser(pid);
@@ -80,7 +82,7 @@ std::string ReasonForRefusal(pid_t pid) {
 }
 
 bool HasName(const Process& process, std::string_view name) {
-  if (process.Name() == name.substr(0, kMaxNameBytes)) return true;
+  if (process.Name() == name.substr(0, kMaxThreadNameBytes)) return true;
   const std::string arguments = ReadFile(PathOf(process.Pid(), "cmdline")).value_or("");
   std::string_view rest = arguments;
   return std::filesystem::path(TakeUntil('\0', &rest)).filename() == name;
@@ -124,7 +126,7 @@ void Process::ThrowError(int error) const {
   if (const std::string name = Name(); !name.empty()) text += " (" + name + ")";
   if (error == ESRCH) throw std::runtime_error(text + " has ended, or has no memory of its own");
   if (error != EPERM && error != EACCES) throw std::runtime_error(text + " cannot be read: " + std::strerror(error));
-  throw std::runtime_error(text + " may not be read: " + ReasonForRefusal(pid_));
+  throw std::runtime_error("no permission to read " + text + ": " + ReasonForRefusal(pid_));
 }
 
 std::vector<Process> FindProcesses(std::string_view name) {

@@ -14,14 +14,14 @@ class Process {
   explicit Process(pid_t pid) : pid_(pid) {}
 
   pid_t Pid() const { return pid_; }
-  // The name of its main thread, at most 15 bytes. Empty if the process has ended.
+  // Returns the name of the process's main thread, at most 15 bytes. Empty if the process has ended.
   std::string Name() const;
 
   // Returns the addresses at which the beginnings of files are mapped. Throws std::runtime_error, as Read does.
   std::vector<uint64_t> MappedFiles() const;
 
   // Copies `size` bytes at the address. Returns false if not all of them are mapped. Throws std::runtime_error if the
-  // process has ended or may not be read.
+  // process has ended or the permission to read it is missing.
   bool Read(uint64_t address, void* to, size_t size) const;
 
  private:
@@ -30,5 +30,5 @@ class Process {
   pid_t pid_;
 };
 
-// Returns the processes with this name, which is that of the main thread or of the program, except the calling one.
+// Returns the processes whose main thread or program has this name, except the calling process.
 std::vector<Process> FindProcesses(std::string_view name);

@@ -23,7 +23,7 @@ class BlockReader {
  public:
   BlockReader(const Process& process, uint64_t address) : process_(process), address_(address) {}
 
-  // Throws TornReading.
+  // Throws TornReading, or std::runtime_error if the process or the library cannot be read.
   Reading Read() const {
     const auto before = Sequences();
     const auto block = Get<oxEventStatBlock>(address_);
@@ -43,7 +43,7 @@ class BlockReader {
 
  private:
   static constexpr size_t kMaxTextBytes = 4096;
-  static constexpr size_t kMaxSinks = 10'000;  // Bounds the time if the list is torn.
+  static constexpr size_t kMaxSinks = 10'000;  // Bounds the time if a torn list is circular.
 
   template <class T>
   T Get(uint64_t address) const {

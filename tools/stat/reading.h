@@ -1,4 +1,4 @@
-// What oxevent-stat reads of a process.
+// What oxevent-stat reads from a process.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +18,9 @@ struct SinkReading {
 
 struct Reading {
   pid_t pid = 0;
-  std::string name;      // Of the process.
-  bool has_run = false;  // Whether the library has been initialized. If not, everything below is empty.
-  bool running = false;  // Whether it has not been shut down since.
+  std::string name;      // Name of the process.
+  bool has_run = false;  // Whether the library has been initialized. If not, all counters are 0.
+  bool running = false;  // Whether the library has been initialized and not shut down since.
   oxEventCounters counters;
   uint64_t pending = 0;
   uint64_t active = 0;  // In delivery.
@@ -29,7 +29,7 @@ struct Reading {
   std::vector<SinkReading> sinks;
 };
 
-// Reads the counters of the library in the process; if there are several copies of it, those of the first one that is
-// running. Each counter is correct; they are not read at the same moment. Throws std::runtime_error if the process or
-// the library cannot be read.
+// Reads the counters of the library in the process. If the process has loaded several copies of the library, reads the
+// first one that is running or, if none is, the first one. Each counter is correct, but the counters are not read at
+// the same moment. Throws std::runtime_error if the process or the library cannot be read.
 Reading ReadProcess(const Process& process);

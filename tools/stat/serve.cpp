@@ -20,14 +20,14 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kClientTimeout = std::chrono::seconds(2);  // For the request and the response together.
 constexpr size_t kMaxRequestBytes = 16384;
 
-// Waits until the socket is ready; returns false at the deadline.
+// Waits until the socket is ready; returns false if it is not before the deadline.
 bool WaitFor(int fd, short events, Clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   pollfd waiting = {fd, events, 0};
   return left > 0 && poll(&waiting, 1, static_cast<int>(left)) == 1;
 }
 
-// Returns what has been received of the header.
+// Receives the request, at least up to the end of its header; returns less at the deadline or if the client closes.
 std::string Receive(int fd, Clock::time_point deadline) {
   std::string request;
   char buffer[2048];

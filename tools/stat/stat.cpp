@@ -1,4 +1,4 @@
-// oxevent-stat: shows the library's counters in a running process.
+// oxevent-stat: shows what the library counts in a running process.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -29,25 +29,26 @@ reason, the queue, raised conditions, and the deliveries, failures and last erro
 )";
 
 constexpr char kNotes[] = R"(
-NAME is the name of the process's main thread or of its program. Of several processes with this name,
-the one that has loaded the library is shown. It is looked up for each reading, so that a restart of
-the process does no harm.
+NAME is the name of the process's main thread or of its program. If several processes have this name,
+exactly one of them must have loaded the library and be readable. The tool looks the name up for each
+reading, so that --listen, and --watch with metrics, continue after a restart of the process.
 
 The counters of events are those of one run: each oxEventInitialize starts them again at 0, and after
-a shutdown those of the last run are shown. Those of the sinks start again at each reload. An event
-that a CSV sink has accepted may still be in its buffer; one that was sent by UDP may be lost.
-The counters are read one after the other while the process runs, so they need not add up.
+a shutdown those of the last run are shown. The counters of the sinks start again at 0 at each reload.
+An event that a CSV sink has accepted may still be in its buffer; one that was sent by UDP may be
+lost. The counters are read one after the other while the process runs, so they need not add up.
 
-The metrics have the label process. oxevent_up is 0, and the only metric, if the process cannot be
-read. --listen serves only this machine, without encryption or a password.
+Each metric has the label process. If the process cannot be read, oxevent_up is 0, and there is no
+other metric. --listen accepts connections only from this machine, without encryption or a password.
 
-The process must be one of the same user, and kernel.yama.ptrace_scope must be 0; otherwise the tool
-needs the capability CAP_SYS_PTRACE, as root has it.
+The tool can read a process of the same user if kernel.yama.ptrace_scope is 0, or if it is 1 and the
+process has permitted this with PR_SET_PTRACER. Otherwise the tool needs the capability
+CAP_SYS_PTRACE, which root has.
 
-The tool reads memory: it does not stop the process, call a function or change anything in it, and
-needs no symbols. It does not show single events or the keys of conditions (the gdb commands of
-oxEvent do, and oxevent-alarms), does not read core files, keeps no history, and does not know events
-that the host did not report.
+The tool only reads the memory of the process: it does not stop the process, call a function or change
+anything in it, and needs no symbols. It does not show single events or the keys of conditions
+(oxevent-alarms and the gdb commands of oxEvent do), does not read core files, keeps no history, and
+does not know events that the host did not report.
 
 Exit status:
   0  done
@@ -61,12 +62,12 @@ struct Options {
   bool metrics = false;              // --output and --listen set it too.
   const char* label = nullptr;       // Null: the target.
   const char* output = nullptr;      // Null: standard output.
-  std::optional<uint16_t> port;      // Serve the metrics.
-  std::optional<uint32_t> period_s;  // Repeat.
+  std::optional<uint16_t> port;      // Of --listen.
+  std::optional<uint32_t> period_s;  // Of --watch.
 };
 
-// Reads the only one of the processes that can be read. If there is none, throws the reason for the first one.
-Reading ReadOnly(const std::string& name, const std::vector<Process>& processes) {
+// Reads the processes, of which exactly one must be readable. If none is, throws the reason for the first one.
+Reading ReadSingle(const std::string& name, const std::vector<Process>& processes) {
   std::vector<Reading> readings;
   std::exception_ptr error;
   for (const Process& process : processes) {
@@ -89,7 +90,7 @@ Reading ReadTarget(const std::string& target) {
   if (IsNumber(target)) return ReadProcess(Process(ParseNumber<pid_t>(target)));
   const std::vector<Process> processes = FindProcesses(target);
   if (processes.empty()) throw std::runtime_error("there is no process '" + target + "'");
-  return ReadOnly(target, processes);
+  return ReadSingle(target, processes);
 }
 
 std::runtime_error FileError(const std::string& path) { return std::runtime_error(path + ": " + std::strerror(errno)); }
@@ -103,8 +104,8 @@ bool WriteAll(int fd, std::string_view bytes) {
   return true;
 }
 
-// Replaces the file as a whole, so that a reader never sees a part of it. It is readable for other users, such as that
-// of the node exporter, as the umask permits.
+// Replaces the file as a whole, so that no reader sees an incomplete file. Other users, such as that of the node
+// exporter, can read the new file unless the umask prevents this.
 void ReplaceFile(const std::string& path, std::string_view text) {
   constexpr mode_t kMode = 0666;
   const std::string temporary = path + ".new." + std::to_string(getpid());
@@ -174,7 +175,7 @@ class StatTool {
 
   const Options& options_;
   bool failed_ = false;          // Whether the last reading has failed.
-  std::optional<Reading> last_;  // Text only: the reading before.
+  std::optional<Reading> last_;  // The previous reading, with which the text output compares the next one.
 };
 
 int RunStat(Options* options, const std::vector<const char*>& arguments) {
@@ -205,13 +206,14 @@ int main(int argc, char** argv) {
       {{"json", nullptr, "print one JSON object per line", [&](const char*) { options.json = true; }, "Output"},
        {"prometheus", nullptr, "print metrics in the text format of Prometheus",
         [&](const char*) { options.metrics = true; }},
-       {"output", "FILE", "replace FILE by the metrics, for the textfile collector of the\nnode exporter",
+       {"output", "FILE", "replace FILE with the metrics, for the textfile collector of the\nnode exporter",
         [&](const char* path) { options.output = path; }},
        {"listen", "PORT", "serve the metrics at http://127.0.0.1:PORT/metrics (0: any free port)",
         [&](const char* port) { options.port = ParseNumber<uint16_t>(port); }},
-       {"label", "TEXT", "value of the label process in the metrics (default: PID or NAME)",
+       {"label", "TEXT", "value of the metrics' label process (default: PID or NAME)",
         [&](const char* text) { options.label = text; }},
-       {"watch", "[=SECONDS]", "repeat until interrupted (default: every 2 seconds)",
+       {"watch", "[=SECONDS]",
+        "repeat (default: every 2 seconds); except with metrics, end when the\nprocess cannot be read",
         [&](const char* seconds) { options.period_s = seconds != nullptr ? ParseNumber<uint32_t>(seconds, 1) : 2; }}}};
   return RunTool(std::move(tool), argc, argv,
                  [&](const std::vector<const char*>& arguments) { return RunStat(&options, arguments); });
