@@ -180,7 +180,7 @@ TEST_F(AlertListTest, DropsWhatDoesNotFitButResolvesWhatIsActive) {
 // The library.
 
 const Answer kUnavailable = {"HTTP/1.1 503 -\r\nContent-Length: 0\r\n\r\n"};
-const Answer kNone = {""};
+const Answer kNoAnswer = {""};
 
 class AlertPosterTest : public testing::Test {
  protected:
@@ -229,9 +229,9 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
   EXPECT_EQ(Describe(request), Lines{"warning a: m"});
 }
 
-// The timeout of each post ends with that of the stop. Otherwise the stop would take 100 s.
+// A post that is started during a stop times out with the stop. Otherwise the stop would take 100 s.
 TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
-  const HttpServer server({kUnavailable, kNone});
+  const HttpServer server({kUnavailable, kNoAnswer});
   const std::string url = server.Url();
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.stop_timeout_ms = 2000;

@@ -11,7 +11,8 @@ namespace {
 
 constexpr size_t kMaxPostAlerts = 500;
 constexpr size_t kMaxPostBytes = 512 * 1024;  // Unless a single alert is larger.
-constexpr uint64_t kAlertBytes = 320;         // Upper bounds of what an alert or a condition takes beside its strings.
+// Upper bounds of the memory that an alert or a condition takes besides its strings.
+constexpr uint64_t kAlertBytes = 320;
 constexpr uint64_t kConditionBytes = 128;
 
 bool IsAction(const oxEventRecord& event, std::initializer_list<const char*> actions) {
@@ -24,7 +25,7 @@ std::string ConditionKey(const oxEventRecord& event) {
   return std::string(event.source_id) + ':' + event.event_type;
 }
 
-// Returns the times of an alert without its annotations.
+// Returns the end of an alert's text: the times, without the annotations.
 std::string_view Times(std::string_view rest) { return rest.substr(rest.rfind(",\"startsAt\":")); }
 
 }  // namespace
@@ -35,7 +36,7 @@ oxEventAlertList::oxEventAlertList(std::string alertname_prefix, std::chrono::mi
 
 void oxEventAlertList::Add(const oxEventRecord& event, const oxEventAlertPosterConfig& filter) {
   const bool wanted = event.severity >= filter.minimum_severity;
-  // The formatter resolves an alert for each of these actions.
+  // The formatter resolves the alert of an event with one of these actions.
   if (IsAction(event, {"clear", "resolve", "resolved"})) return Clear(event, wanted);
   if (IsAction(event, {"raise", "update", "repeat"})) return wanted ? Raise(event) : Clear(event, false);
   if (wanted && filter.conditions_only == 0) PostOnce(Format(event));
@@ -67,7 +68,7 @@ void oxEventAlertList::CompletePost(Clock::time_point now) {
   posted_ += in_post_.size();
   while (!in_post_.empty()) {
     in_post_.front().posted = !in_post_.front().changed;
-    Postpone(in_post_.begin(), now);
+    EndPostOf(in_post_.begin(), now);
   }
 }
 
@@ -86,7 +87,7 @@ void oxEventAlertList::RefusePost(Clock::time_point now) {
   }
   single_posts_ -= std::min<uint64_t>(single_posts_, 1);
   ++refused_;
-  Postpone(in_post_.begin(), now);
+  EndPostOf(in_post_.begin(), now);
 }
 
 void oxEventAlertList::GetState(oxEventAlertPosterState* state) const {
@@ -104,7 +105,7 @@ void oxEventAlertList::GetState(oxEventAlertPosterState* state) const {
 
 oxEventAlertList::Text oxEventAlertList::Format(const oxEventRecord& event) const {
   oxEventAlertmanagerFormatterConfig config;
-  config.allow_source_label = true;  // The same problem of two sources is two alerts.
+  config.allow_source_label = true;  // The same problem at two sources is two alerts.
   config.alertname_prefix = alertname_prefix_;
   std::string document;
   if (oxEventFormatAlertmanagerRecord(&event, config, &document) != OXEVENT_OK) throw std::bad_alloc();
@@ -123,7 +124,7 @@ void oxEventAlertList::Raise(const oxEventRecord& event) {
   Hold(key, std::move(text));
 }
 
-// Resolves the alert of the event's condition, if there is one. Otherwise posts the event if it is wanted.
+// Clears the event's condition, if it is raised. Otherwise posts the event, if it is wanted.
 void oxEventAlertList::Clear(const oxEventRecord& event, bool wanted) {
   const auto condition = by_condition_.find(ConditionKey(event));
   if (condition == by_condition_.end() && !wanted) return;
@@ -150,22 +151,22 @@ void oxEventAlertList::Hold(const std::string& key, Text text) {
   const uint64_t bytes = kConditionBytes + key.size();
   const Alerts::iterator alert = FindOrAdd(&text, bytes);
   if (alert == waiting_.end()) return;
-  by_condition_.emplace(key, alert);  // If it throws, the alert is posted once.
+  by_condition_.emplace(key, alert);  // If this throws, the alert belongs to no condition and is posted once.
   bytes_ += bytes;
   ++alert->conditions;
 }
 
 void oxEventAlertList::Release(Alerts::iterator alert, std::string_view rest) {
   if (alert->conditions == 1) {
-    // Without annotations, the clear is shorter than the raise: it always fits.
+    // Without its annotations, the clear is shorter than the raise, and so always fits.
     if (rest.size() > alert->rest.size() && !Fits(rest.size() - alert->rest.size())) rest = Times(rest);
     SetRest(alert, std::string(rest));
   }
   --alert->conditions;
 }
 
-// Returns the alert with these labels, with its text replaced, or a new one; waiting_.end() if there is no room for the
-// alert and `more_bytes`.
+// Returns the alert with these labels, whose rest it replaces, or a new alert; waiting_.end() if the limit of memory
+// leaves no room for the alert and `more_bytes`.
 oxEventAlertList::Alerts::iterator oxEventAlertList::FindOrAdd(Text* text, uint64_t more_bytes) {
   const auto found = by_labels_.find(text->labels);
   const uint64_t bytes = found != by_labels_.end() ? 0 : kAlertBytes + text->labels.size() + text->rest.size();
@@ -219,8 +220,9 @@ void oxEventAlertList::MoveDue(Clock::time_point now) {
   waiting_.splice(waiting_.end(), active_, active_.begin(), end);
 }
 
-// Ends the post of an alert: posts it again if it has changed, or at the next repetition if it is active.
-void oxEventAlertList::Postpone(Alerts::iterator alert, Clock::time_point now) {
+// Ends the post of an alert: if the alert has changed, it is posted again; if it is active, it is posted at the next
+// repetition; otherwise it is forgotten.
+void oxEventAlertList::EndPostOf(Alerts::iterator alert, Clock::time_point now) {
   const bool changed = std::exchange(alert->changed, false);
   if (!changed && alert->conditions == 0) return Forget(alert);
   alert->place = changed ? Place::kWaiting : Place::kActive;

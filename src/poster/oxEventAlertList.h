@@ -9,9 +9,9 @@
 
 #include "oxEvent/alert_poster.h"
 
-// The alerts of a poster: keeps the latest state of each and decides when it is posted. An alert is identified by its
-// labels, a JSON object, as in the Alertmanager. It is active while a condition with these labels is raised; other
-// alerts are forgotten once they are posted. Threads: one at a time.
+// The alerts of a poster: keeps the latest state of each alert and decides when that state is posted. An alert is
+// identified by its labels, a JSON object, as in the Alertmanager. An alert is active while a condition with these
+// labels is raised; other alerts are forgotten once they are posted. Threads: one at a time.
 class oxEventAlertList {
  public:
   using Clock = std::chrono::steady_clock;
@@ -20,7 +20,9 @@ class oxEventAlertList {
   oxEventAlertList(const oxEventAlertList&) = delete;
   oxEventAlertList& operator=(const oxEventAlertList&) = delete;
 
-  // Throws if there is no memory.
+  // Adds or changes the event's alert, unless the filter (minimum_severity, conditions_only) excludes the event. A
+  // clear of a raised condition, and a report of it below the minimum severity, resolve its alert in any case. Throws
+  // if there is no memory.
   void Add(const oxEventRecord& event, const oxEventAlertPosterConfig& filter);
 
   // Makes all active alerts due.
@@ -30,26 +32,28 @@ class oxEventAlertList {
   // Returns when the next active alert is due; time_point::max() if there is none.
   Clock::time_point NextDue() const;
 
-  // Starts a post: returns the due alerts as one document, or some of them if they are many. There must be a waiting or
-  // due alert. Complete one post before you start the next. Throws, and changes nothing, if there is no memory.
+  // Starts a post: returns the waiting and due alerts, at least one of which must exist, as one document; if there are
+  // many, only the first ones. One of the next three functions must end a post before the next one starts. Throws if
+  // there is no memory; all alerts then remain.
   std::string StartPost(Clock::time_point now);
-  void CompletePost(Clock::time_point now);
-  void RetryPost();  // Puts the alerts of the post back.
-  // Lets the alerts of the post be posted one by one. An alert that was alone is counted, not posted again at once.
+  void CompletePost(Clock::time_point now);  // The Alertmanager has accepted the post.
+  void RetryPost();                          // The post has failed: puts its alerts back.
+  // The Alertmanager has refused the post: its alerts are posted one by one. If there was only one alert, counts it as
+  // refused, and does not post it again at once.
   void RefusePost(Clock::time_point now);
 
   // Sets the counters that the list keeps.
   void GetState(oxEventAlertPosterState* state) const;
 
  private:
-  enum class Place { kWaiting, kInPost, kActive };  // Which of the three lists.
+  enum class Place { kWaiting, kInPost, kActive };  // The list that contains the alert.
   struct Alert {
     std::string labels;       // {"labels":{...}
     std::string rest;         // ,"annotations":{...},"startsAt":"..."}
     uint64_t conditions = 0;  // Number of raised conditions with these labels.
     Place place = Place::kWaiting;
-    bool changed = false;  // Since its post was started.
-    bool posted = false;   // The Alertmanager has accepted this state.
+    bool changed = false;  // Whether it has changed since its post was started.
+    bool posted = false;   // Whether the Alertmanager has accepted this state.
     Clock::time_point due = {};
   };
   using Alerts = std::list<Alert>;  // Its iterators stay valid when an alert moves to another list.
@@ -70,16 +74,16 @@ class oxEventAlertList {
   void SetChanged(Alerts::iterator alert);
   void Forget(Alerts::iterator alert);
   void MoveDue(Clock::time_point now);
-  void Postpone(Alerts::iterator alert, Clock::time_point now);
+  void EndPostOf(Alerts::iterator alert, Clock::time_point now);
 
   const std::string alertname_prefix_;
   const std::chrono::milliseconds repeat_interval_;
   const uint64_t max_bytes_;
-  uint64_t bytes_ = 0;  // Of alerts and conditions.
+  uint64_t bytes_ = 0;  // Upper bound of the memory for alerts and conditions.
   Alerts waiting_;
   Alerts in_post_;
   Alerts active_;                                                     // In order of `due`.
-  std::unordered_map<std::string_view, Alerts::iterator> by_labels_;  // The keys are parts of the alerts.
+  std::unordered_map<std::string_view, Alerts::iterator> by_labels_;  // The keys refer to the alerts' labels.
   std::unordered_map<std::string, Alerts::iterator> by_condition_;
   uint64_t single_posts_ = 0;  // Number of alerts that are to be posted one by one.
   uint64_t posted_ = 0;

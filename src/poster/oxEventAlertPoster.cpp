@@ -13,7 +13,7 @@ namespace {
 constexpr std::chrono::seconds kFirstBackoff{1};
 constexpr std::chrono::seconds kMaxBackoff{30};
 
-// The Alertmanager, or a proxy before it, will never accept this document.
+// Returns whether the Alertmanager, or a proxy in front of it, will never accept this document.
 bool IsRefusal(int32_t status) { return status == 400 || status == 413 || status == 422; }
 
 std::string HeaderLines(const char* more) {
@@ -50,7 +50,7 @@ oxEventAlertPoster::oxEventAlertPoster(const oxEventAlertPosterConfig& config)
 
 void oxEventAlertPoster::Add(const oxEventRecord& event) {
   const std::lock_guard lock(mutex_);
-  const bool had_waiting = list_.HasWaiting();  // The thread is posting them already, or waits before it retries.
+  const bool had_waiting = list_.HasWaiting();  // If so, the thread is in a post, or waits before a retry.
   list_.Add(event, config_);
   if (!had_waiting) changed_.notify_one();
 }
@@ -114,7 +114,7 @@ void oxEventAlertPoster::Wait(Clock::time_point until, std::unique_lock<std::mut
   changed_.wait_until(*lock, until);
 }
 
-// Releases the lock while it waits for the server.
+// Releases the lock while the post is in progress.
 void oxEventAlertPoster::Post(Clock::time_point now, std::unique_lock<std::mutex>* lock) {
   auto timeout = std::chrono::milliseconds(config_.request_timeout_ms);
   if (stopping_) timeout = std::min(timeout, std::chrono::ceil<std::chrono::milliseconds>(stop_at_ - now));

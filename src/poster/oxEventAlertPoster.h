@@ -11,7 +11,7 @@
 // Posts the alerts of one list to one Alertmanager, on a thread of its own. Threads: any.
 class oxEventAlertPoster {
  public:
-  // The configuration is complete and valid. Throws if there is no memory or no thread.
+  // `config` must be complete and valid. Throws if there is no memory or the thread cannot be started.
   explicit oxEventAlertPoster(const oxEventAlertPosterConfig& config);
   ~oxEventAlertPoster() { Abort(); }
   oxEventAlertPoster(const oxEventAlertPoster&) = delete;
@@ -20,11 +20,11 @@ class oxEventAlertPoster {
   // Never waits for a post. Throws if there is no memory.
   void Add(const oxEventRecord& event);
 
-  // Posts what waits, and each active alert once more, and waits for the thread's end. Returns false if another call
-  // has stopped the poster.
+  // Posts the waiting alerts, and each active alert once more, for at most stop_timeout_ms, and waits for the thread's
+  // end. Returns false at once if another call has stopped the poster or is stopping it.
   bool Stop();
 
-  // Waits for the thread's end, which comes as soon as no post is in progress.
+  // Posts nothing more; waits for the end of a post in progress and of the thread.
   void Abort();
 
   void GetState(oxEventAlertPosterState* state);
@@ -41,7 +41,7 @@ class oxEventAlertPoster {
   void CompletePost(bool accepted, int32_t status);
 
   // Constant after construction.
-  const oxEventAlertPosterConfig config_;  // Its strings are not used.
+  const oxEventAlertPosterConfig config_;  // Its strings belong to the caller of the constructor: not used later.
   const std::string url_;
   const std::string headers_;
 

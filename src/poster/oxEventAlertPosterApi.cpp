@@ -27,7 +27,7 @@ struct Registry {
   std::mutex mutex;  // Guards all below.
   std::map<uint32_t, Entry> entries;
   uint32_t last_id = 0;
-  bool closed = false;  // The process is exiting.
+  bool closed = false;  // The process is exiting, or the library is being unloaded.
 };
 
 // Never destroyed: the worker of liboxEvent may call the callback until the end of the process.
@@ -76,7 +76,8 @@ void SetDefault(Number* number, Number value) {
   if (*number == 0) *number = value;
 }
 
-// A host that was built with a shorter struct gets defaults for the rest.
+// Returns the configuration with its defaults. Fields that a host's shorter struct does not have get their defaults
+// too.
 oxEventAlertPosterConfig Complete(const oxEventAlertPosterConfig* given) {
   oxEventAlertPosterConfig config = {};
   std::memcpy(&config, given, std::min<size_t>(given->struct_size, sizeof(config)));
@@ -119,7 +120,7 @@ uint32_t Start(const oxEventAlertPosterConfig& config, uint32_t* id_out) {
   return result;
 }
 
-// The posters belong to the parent: they have no thread here, and their locks may be locked.
+// The posters belong to the parent: in the child they have no thread, and their locks may be locked.
 void ResetInChild() {
   const uint32_t last_id = TheRegistry().last_id;
   (new (g_registry_bytes) Registry)->last_id = last_id;
