@@ -205,13 +205,13 @@ class AlarmsTest(unittest.TestCase):
             append(host, "truncated")
 
     def position_of(self, process):
-        """Returns where the process reads the file."""
+        """Returns the position up to which the process has read the file."""
         for link in Path(f"/proc/{process.pid}/fd").iterdir():
             if os.readlink(link) == str(self.file):
                 return int(Path(f"/proc/{process.pid}/fdinfo/{link.name}").read_text().split()[1])
         return None
 
-    def test_page_shows_100000_rows_and_runs_nothing_of_them(self):
+    def test_page_shows_100000_rows_and_runs_none_of_them(self):
         actions = ("raise", "clear")
         rows = [row(f"k{number % 500}", actions[number // 500 % 2], 100000 - number, number, message=f"m {number}")
                 for number in range(99998)]

@@ -16,26 +16,27 @@ from .text import parse_duration, parse_time, printable
 
 HELP = """\
 Usage: oxevent-alarms [OPTION]... FILE
-Shows which conditions are raised, from the CSV file FILE of the sink sink\\csv and its rotated files
-FILE.1, FILE.2.gz and so on, or FILE-20260301 and so on.
+Shows which conditions are raised, according to the CSV file FILE that a sink of the section sink\\csv
+writes, and to its rotated files FILE.1, FILE.2.gz and so on, or FILE-20260301 and so on.
 
 Output:
   --json             JSON instead of a table; for --history and --follow, one object per line
   --history KEY      every row of the condition KEY
-  --follow           rows as they are appended, also after a rotation; with --since, first the rows since then
+  --follow           rows as they are appended, also after a rotation; with --since, first the rows since TIME
   --prometheus       metrics in the text format of Prometheus
   --check            output and exit status of a Nagios plugin: an error is CRITICAL, a warning WARNING
-  --max-age AGE      with --check: CRITICAL if the newest row is older than AGE
+  --max-age AGE      with --check: CRITICAL if the newest row is older than AGE, or if there is no row
   --html PAGE        write a page with the list, its history, rates and a filter to the file PAGE
 
 Selection:
   --severity NAME    only this severity (debug, info, warning, error) and above
-  --since TIME       only rows at or after TIME, and conditions that were raised at or after TIME
+  --since TIME       only rows at or after TIME, and only conditions that were raised at or after TIME (but in a page,
+                     all raised conditions)
   --until TIME       ignore later rows, so that the list is as it was at TIME
 
 Input:
   --no-rotated       read only FILE
-  --own-ids          the host sets event_id itself: do not infer restarts from it
+  --own-ids          the host sets event_id itself: do not infer restarts from event_id
   --skip-damaged     report damaged rows on standard error and go on, instead of stopping
   --help             print this help and exit
 
@@ -43,21 +44,22 @@ TIME is a date, with or without a time of day (2026-03-01T12:00:00+01:00; withou
 UTC), or a duration, which is subtracted from the current time. A duration, such as AGE, is a number
 with a unit: 90s, 15m, 2h, 7d or 4w.
 
-The key of a condition is its dedupe_key or, if that is empty, source_id:event_type. Its age counts
-from the first row that raised it after its last clear, and its count is the number of its rows since
-then.
-It is unconfirmed if an earlier run of the host raised it and the current run has not reported it
-again. A run begins where the event ids, which count from 1 in each process, fall back. An update or
-a repeat of a condition shows that no new run has begun since the last row of that condition.
+The key of a condition is its dedupe_key or, if that is empty, source_id:event_type. Its age is the
+time since the first row that raised it after its last clear, and its count is the number of its rows
+since then.
+A condition is unconfirmed if an earlier run of the host raised it and the current run has not
+reported it again. A run begins where the event ids, which count up from 1 in each process, do not
+increase. An update or a repeat of a condition shows that no new run has begun since the last row of
+that condition.
 
-The tool only reads the file. It does not acknowledge, suppress or forward alarms, does not ask the
+The tool only reads the file. It does not acknowledge, suppress or forward alarms, does not query the
 running host (the gdb command oxevent does), and does not combine the files of several hosts. It
 cannot know what is not in the file: events that the queue dropped or that are below a minimum
 severity, clears if state\\send_clear is off, conditions raised before the oldest row.
 
 Exit status:
   0  done; with --check: no condition with severity warning or above is raised
-  1  a file could not be read, a row is damaged, or no row has the KEY; with --check: a warning is
+  1  a file could not be read, a row is damaged, or no row has the key KEY; with --check: a warning is
      raised
   2  invalid command line; with --check: an error is raised, or the newest row is too old
   3  with --check: a file could not be read, a row is damaged, or the command line is invalid
@@ -225,7 +227,7 @@ class Tool:
 
 
 def failed(check, text, status=1):
-    """Reports why there is no list, and returns the exit status."""
+    """Reports why the tool has failed, and returns the exit status."""
     if not check:
         warn(text)
         return status
@@ -243,12 +245,12 @@ def main(arguments):
         return status
     except KeyboardInterrupt:
         return 130
-    except BrokenPipeError:  # For example, head has ended. The interpreter must not try to flush again.
+    except BrokenPipeError:  # The reader, such as head, has ended. The interpreter must not try to flush again.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
     except (InputError, OSError) as error:
         return failed(options.check, str(error))
-    except Exception as error:  # Nagios would take the interpreter's own status for a warning.
+    except Exception as error:  # Nagios would take the interpreter's own exit status, 1, for a warning.
         if not options.check:
             raise
         return failed(True, f"internal error: {error!r}")

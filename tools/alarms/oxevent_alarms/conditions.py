@@ -1,8 +1,8 @@
 """The raised conditions, computed from the rows of a history."""
 from .rows import RANK
 
-RESTARTS_TO_JUDGE = 4  # With fewer apparent restarts, they count as real.
-ROWS_PER_RESTART = 5  # With more apparent restarts than one in so many rows, the host sets the event ids itself.
+RESTARTS_TO_JUDGE = 4  # Fewer apparent restarts than this always count as real.
+ROWS_PER_RESTART = 5  # With more than one apparent restart in this many rows, the event ids show no restarts.
 
 
 class Condition:
@@ -23,18 +23,18 @@ class Condition:
 class Runs:
     """Finds the rows with which a new run of the host begins, by the event ids that the library generates: each process
     counts from 1. A row of the same run may be late, because its thread was interrupted between taking an id and
-    queueing the event; the row after it then has a higher id than all rows before it. Conditions whose run is below
-    `current` are of an earlier run."""
+    queueing the event; the next row then has a higher id than all rows before the late one. Conditions whose run is
+    below `current` are of an earlier run."""
 
     def __init__(self):
         self.number = self.current = self.restarts = self.rows = 0
         self.highest = -1
         self.started_ns = {}  # By the number of the run.
-        self.doubt = None  # State before the last row, if that row began a run: the next row decides.
+        self.doubt = None  # If the last row seems to begin a run: `highest` and `current` before it, and its event id.
 
     def add(self, row):
-        """If the row shows that the newest run has not begun, because its only row was late, returns the number of that
-        run, otherwise None."""
+        """Returns None, unless the row shows that the newest run does not exist, because its only row was late: then
+        returns the number of that run."""
         refuted = self.take_back() if self.is_refuted_by(row) else None
         self.doubt = None
         self.rows += 1
@@ -60,8 +60,8 @@ class Runs:
         return refuted
 
     def join(self, run):
-        """Called when a condition of `run` was updated or repeated. A new process would have raised it again, so no
-        process has started since that run."""
+        """Called for an update or a repeat of a condition whose last row is of `run`. A new process would have raised
+        the condition again, so no process has started since that run."""
         self.current = min(self.current, run)
 
     @property
@@ -80,7 +80,7 @@ class AlarmList:
         self.rows = 0
         self.rows_by_severity = {}
         self.first_ns = None
-        self.newest_ns = None  # Ignores rows from the future, which would hide that the host is silent.
+        self.newest_ns = None  # Without rows from the future, which would hide that the host is silent.
         self.last_condition = None
 
     def add(self, row):
@@ -124,5 +124,5 @@ class AlarmList:
         return sorted(chosen, key=lambda one: (-RANK[one.row.severity], -one.raised_ns, one.key))
 
     def is_unconfirmed(self, condition):
-        """Returns whether an earlier run of the host raised the condition, and the current one has not reported it."""
+        """Returns whether an earlier run of the host raised the condition, and the current run has not reported it."""
         return self.runs.are_known and condition.run < self.runs.current

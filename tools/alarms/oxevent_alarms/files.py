@@ -38,16 +38,16 @@ def rotated_files(path, warn):
 
 
 def identities(paths):
-    """Returns the paths and inodes: a rotation changes them."""
+    """Returns pairs of path and inode, which a rotation changes."""
     return [(path, os.stat(path).st_ino) for path in paths]
 
 
 class History:
     """The open files, oldest first. The last one is the file itself, which may be missing during a rotation."""
 
-    def __init__(self, path, rotated=True, skipped=None, warn=lambda text: None, progress=None):
+    def __init__(self, path, rotated=True, report_skipped=None, warn=lambda text: None, progress=None):
         self.path = path
-        self.skipped = skipped
+        self.report_skipped = report_skipped
         self.warn = warn
         self.progress = progress
         self.readers = []  # Of the last two files, while they are followed.
@@ -76,7 +76,7 @@ class History:
         for raw in self.raw:
             opener = OPENERS.get(os.path.splitext(raw.name)[1], OPENERS[""])
             file = opener(raw)
-            reader = RowReader(file if file is raw else io.BufferedReader(file, 1 << 16), raw.name, self.skipped)
+            reader = RowReader(file if file is raw else io.BufferedReader(file, 1 << 16), raw.name, self.report_skipped)
             try:
                 for count, row in enumerate(reader.rows()):
                     if self.progress and count % ROWS_PER_REPORT == 0:
@@ -88,9 +88,9 @@ class History:
             self.readers = [reader]
 
     def follow(self):
-        """Yields rows as they are appended, without an end. A rotation renames the file. The host writes to the renamed
-        file until it has created the new one, and once after that, so the renamed file is read until the next
-        rotation."""
+        """Yields rows as they are appended, and never ends. A rotation renames the file. The host writes to the renamed
+        file until the host has created the new one, and once more after that, so the renamed file is read until the
+        next rotation."""
         while True:
             for reader in self.readers:
                 yield from reader.rows()
@@ -100,13 +100,14 @@ class History:
                 time.sleep(POLL_S)
 
     def open_next(self):
-        """Opens a new file, or returns to the start of the file if it has been truncated. Returns whether it did so."""
+        """Opens the new file after a rotation, or returns to the start of a truncated file. Returns whether it did
+        either."""
         reader = self.readers[-1]
         own = os.fstat(reader.file.fileno())
         try:
             status = os.stat(self.path)
             if (status.st_dev, status.st_ino) != (own.st_dev, own.st_ino):
-                self.readers.append(RowReader(open(self.path, "rb"), self.path, self.skipped))
+                self.readers.append(RowReader(open(self.path, "rb"), self.path, self.report_skipped))
                 return True
         except FileNotFoundError:
             return False

@@ -22,7 +22,7 @@ def newest_age_ns(alarms):
 
 
 def summary(alarms, conditions):
-    """Returns a sentence about the list."""
+    """Returns one line about the list."""
     counts = ", ".join(f"{count} {name}" for name, count in count_by_severity(conditions).items() if count)
     unconfirmed = sum(map(alarms.is_unconfirmed, conditions))
     text = f"{len(conditions)} raised" + (f" ({counts})" if counts else "")
@@ -35,7 +35,7 @@ def summary(alarms, conditions):
 
 
 def table(alarms, conditions, width):
-    """Yields the lines. Cuts them to the width, unless it is None."""
+    """Yields the lines of the table, cut to `width` unless that is None, and the summary."""
     rows = [(condition.row.severity, duration(alarms.age_ns(condition)), str(condition.count),
              "unconfirmed" if alarms.is_unconfirmed(condition) else "raised", printable(condition.key),
              printable(condition.row.message)) for condition in conditions]
@@ -91,7 +91,7 @@ def prometheus(alarms, conditions):
     """Yields the lines in the text format of Prometheus, version 0.0.4."""
     by_severity = [([label("severity", name)], count) for name, count in count_by_severity(conditions).items()]
     yield from metric("oxevent_alarms_raised", "Raised conditions.", by_severity)
-    yield from metric("oxevent_alarms_unconfirmed", "Raised conditions of an earlier run of the host.",
+    yield from metric("oxevent_alarms_unconfirmed", "Raised conditions that the host's current run has not reported.",
                       [([], sum(map(alarms.is_unconfirmed, conditions)))])
     rows = [([label("severity", name)], alarms.rows_by_severity.get(name, 0)) for name in SEVERITIES[::-1]]
     yield from metric("oxevent_alarms_rows", "Rows in the CSV file and its rotated files.", rows)

@@ -10,7 +10,7 @@ const more = document.getElementById("more");
 const lower = (strings) => strings.map((string) => string.toLowerCase());
 const keys = lower(data.keys);
 const messages = lower(data.messages);
-let conditions;  // The elements of the list and of the time line, once there has been a filter.
+let conditions;  // The elements of the list and of the time line; undefined until a filter is first set.
 let matches = [];  // Indices of the events that match, the newest first.
 let shown = 0;
 

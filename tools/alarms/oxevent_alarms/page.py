@@ -1,6 +1,6 @@
 """A page about a history: one file of HTML that needs no network.
 
-Nothing of the data runs as script: strings are escaped in HTML, the events are JSON from which the script makes text
+None of the data runs as script: strings are escaped in HTML, the events are JSON from which the script makes text
 nodes, and the page's security policy permits only the script and the style sheet of this directory."""
 import base64
 import collections
@@ -24,11 +24,11 @@ MAX_LISTED = 20_000  # Conditions in each list.
 CHUNK = 100  # Conditions that the browser renders together, once they come into view.
 MAX_BARS = 240
 TICKS = 5
-CHATTERING = 10  # Conditions in the list of those that were raised most often.
-BUSY_MINUTE = 3  # A condition that is raised so often within a minute chatters.
+MOST_RAISED = 10  # Conditions in the list of those that were raised most often.
+CHATTER_RAISES = 3  # A condition that is raised this many times within a minute chatters.
 WIDTH = 1000  # Width of every drawing, in the units of its view box.
 HEIGHT = 100  # Height of the bar chart.
-MIN_WIDTH = 3  # Width of the shortest span that is still visible.
+MIN_WIDTH = 3  # Width of even the shortest span, so that it is visible.
 
 
 def escaped(text):
@@ -91,7 +91,7 @@ class Page:
             title=f"Alarms in {escaped(os.path.basename(self.path))}",
             summary=escaped(summary(self.alarms, conditions)), period=f"{utc(self.start_ns)} to {utc(self.end_ns)}",
             raised=self.raised(conditions), timeline=self.timeline(), hours=self.hours(), rates=self.rates(conditions),
-            chatter=self.chatter(), events=self.events())
+            most_raised=self.most_raised(), events=self.events())
 
     def raised(self, conditions):
         rows = []
@@ -141,7 +141,7 @@ class Page:
                 f'<bdi title="{escaped(lane.message)}">{escaped(lane.key)}</bdi>{drawing(paths, 10)}</div>')
 
     def lane_paths(self, lane):
-        """Returns a path of rectangles for each class. Spans of the same class that overlap at this resolution are
+        """Returns a path of rectangles for each CSS class. Spans of the same class that overlap at this resolution are
         merged."""
         merged = []
         for start_ns, end_ns, kind in self.visible_spans(lane):
@@ -208,22 +208,23 @@ class Page:
             ("Raised in the worst 10 minutes", f"{peak:,}", statistics.peak_class(peak)),
             ("Periods of 10 minutes with more than 10 (floods)", f"{flooded:,} ({flooded / periods:.1%})", "")]
         return table(("Measure", "#Value", "EEMUA 191, for one operator"), [("", row) for row in rows]) + (
-            '<p class="quiet">Counts rows with the action raise. A value between two thresholds of EEMUA publication '
-            '191 counts as the worse class.</p>')
+            '<p class="quiet">The rates count rows with the action raise. A value between two thresholds of EEMUA '
+            'publication 191 counts as the worse class.</p>')
 
-    def chatter(self):
-        worst = [lane for lane in sorted(self.lanes, key=lambda lane: -len(lane.raises))[:CHATTERING] if lane.raises]
+    def most_raised(self):
+        worst = [lane for lane in sorted(self.lanes, key=lambda lane: -len(lane.raises))[:MOST_RAISED] if lane.raises]
         total = sum(len(lane.raises) for lane in self.lanes)
         rows = []
         for lane in worst:
             minute = statistics.busiest(sorted(lane.raises), MINUTE_NS)
-            note = "<bdi>chatters</bdi>" if minute >= BUSY_MINUTE else ""
+            note = "<bdi>chatters</bdi>" if minute >= CHATTER_RAISES else ""
             rows.append(("", (bdi(lane.key, "key") + bdi(lane.message) + note, f"{len(lane.raises):,}",
                               f"{len(lane.raises) / total:.1%}", f"{minute:,}")))
         if not rows:
             return "<p>No condition was raised.</p>"
         return table(("Condition and last message", "#Raised", "#Share", "#In one minute"), rows) + (
-            f'<p class="quiet">A condition chatters if it was raised {BUSY_MINUTE} times or more within a minute.</p>')
+            f'<p class="quiet">A condition chatters if it was raised at least {CHATTER_RAISES} times within a minute.'
+            '</p>')
 
     # The events, for the script.
 
@@ -234,7 +235,7 @@ class Page:
 
     def data(self):
         """Returns the events as JSON, one list per column. Most strings occur often, so the columns of strings contain
-        indices into lists of all different strings."""
+        indices into lists of the distinct strings."""
         events = self.recorder.events
         document = {"severities": SEVERITIES, "times": [event[0] for event in events],
                     "ranks": [event[1] for event in events]}

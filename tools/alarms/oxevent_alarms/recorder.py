@@ -70,7 +70,8 @@ class Recorder:
         self.count += 1
 
     def chosen_lanes(self):
-        """Returns the lanes that reach such a severity and a time at or after `start_ns`, raised conditions first."""
+        """Returns the lanes whose highest severity has at least the rank `rank` and whose last span has not ended
+        before `start_ns`. Raised conditions come first."""
         raised = self.alarms.conditions
         chosen = [lane for lane in self.lanes.values()
                   if lane.rank >= self.rank and (lane.spans[-1][1] is None or lane.spans[-1][1] >= self.start_ns)]

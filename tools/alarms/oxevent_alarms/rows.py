@@ -9,8 +9,8 @@ HEADER = ("version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,
           "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json")
 COLUMNS = HEADER.split(",")
 VERSION = 65536
-SEVERITIES = ("debug", "info", "warning", "error", "unknown")  # By rank.
-# The library would write "unknown" for a severity above error, but refuses to accept such a record.
+# In the order of their ranks. The library would write "unknown" for a severity above error, but refuses such a record.
+SEVERITIES = ("debug", "info", "warning", "error", "unknown")
 RANK = {name: rank for rank, name in enumerate(SEVERITIES)}
 NUMBERS = [(COLUMNS.index(name), kind) for kind, names in (
     (int, ("version", "event_id", "utc_ns", "duration_ms", "ptp_ns", "pts")), (float, ("value", "threshold")))
@@ -63,10 +63,11 @@ class RowReader:
     """Reads the rows of a file opened in binary mode. rows() ends before an incomplete last row, which the host may still
     be writing; called again when the file has grown, it continues with that row."""
 
-    def __init__(self, file, name, skipped=None):
+    def __init__(self, file, name, report_skipped=None):
         self.file = file
         self.name = name
-        self.skipped = skipped  # Called with a text about each damaged row; if None, such a row raises InputError.
+        # Called with a text about each damaged row. If None, such a row raises InputError.
+        self.report_skipped = report_skipped
         self.restart()
 
     def restart(self):
@@ -111,16 +112,16 @@ class RowReader:
         self.row_lines.clear()
 
     def is_incomplete(self, error):
-        """Distinguishes a row that is still being written from one that a crash has cut off in a quoted field: other rows
-        follow the latter."""
+        """Returns whether the host may still be writing the row. If a crash has cut the row off in a quoted field,
+        other rows follow."""
         return "unexpected end of data" in str(error) and not any(map(ROW_START.match, self.row_lines[1:]))
 
     def skip(self, error):
-        """Continues with the next line that looks like the beginning of a row."""
+        """Skips the damaged row, up to the next line that looks like the beginning of a row."""
         text = f"{self.name}:{self.line + 1}: damaged row: {error}"
-        if self.skipped is None:
+        if self.report_skipped is None:
             raise InputError(text)
-        self.skipped(text)
+        self.report_skipped(text)
         rest = self.row_lines[1:]
         while rest and not ROW_START.match(rest[0]):
             del rest[0]

@@ -28,12 +28,12 @@ def standing_class(count):
 
 
 def average(count, range_ns):
-    """Returns the average number per period, for `count` alarms in a range."""
+    """Returns the average number of alarms per period, for `count` alarms in a range of this length."""
     return count * PERIOD_NS / max(range_ns, PERIOD_NS)
 
 
 def busiest(times, window_ns):
-    """Returns the largest number of times that are within any window of this length. The times must be sorted."""
+    """Returns how many of the times, which must be sorted, are within the fullest window of this length."""
     window = collections.deque()
     most = 0
     for time in times:
@@ -45,5 +45,5 @@ def busiest(times, window_ns):
 
 
 def floods(times):
-    """Returns the number of periods with a flood. Periods begin at full ten minutes: 12:00, 12:10 and so on."""
+    """Returns the number of periods with a flood. Periods begin at 12:00, 12:10 and so on."""
     return sum(count > FLOOD for count in collections.Counter(time // PERIOD_NS for time in times).values())
