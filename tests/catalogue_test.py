@@ -1,4 +1,4 @@
-"""What oxevent-catalogue makes, in the programs that read it: catalogue_test.py [-v] [CatalogueTest.test_NAME...]."""
+"""Passes what oxevent-catalogue generates to its readers: catalogue_test.py [-v] [CatalogueTest.test_NAME...]."""
 import configparser
 import contextlib
 import html
@@ -20,7 +20,7 @@ from receivers import write_settings
 TOOL, LIBRARY = (os.environ[f"OXEVENT_{name}"] for name in ("CATALOGUE", "LIBRARY"))
 FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wshadow", "-Werror", f"-I{ROOT}/include"]
 
-# Texts that have a meaning of their own in one of the outputs.
+# Texts that have a special meaning in one of the outputs.
 ODD = r"""[catalogue]
 name = odd2
 [disk full/"ü"1??/ * // /* x */]\]
@@ -91,7 +91,7 @@ WRONG_REPORT = """\
 1: error: the line is not in a section
 3: error: the section [catalogue] must have a name of lower-case ASCII letters and digits, which begins with a letter \
 and is not oxevent
-4: error: unknown key 'title'; the keys of this section: name
+4: error: unknown key 'title'; allowed keys: name
 5: error: a.b: the type has no action
 5: error: a.b: the type has no meaning
 6: error: a.b: the severity must be one of debug, info, warning, error, not 'fatal'
@@ -134,7 +134,7 @@ class CatalogueTest(unittest.TestCase):
         return self.expect(TOOL, f"--{kind}", path, env={"LC_ALL": "C"})
 
     def run_host(self):
-        """Returns the MESSAGE_ID and the alert document of each type, from a host that reports these and two others."""
+        """Returns the MESSAGE_ID and the alert document of each type, from a host that also reports two other types."""
         self.expect(TOOL, "--header", "--output", "odd2.h", "odd2.ini")
         self.expect("gcc", "-std=c99", *FLAGS, "-fsyntax-only", "-x", "c", "odd2.h")
         Path("host.cpp").write_text(HOST)
@@ -145,7 +145,7 @@ class CatalogueTest(unittest.TestCase):
         return [line.split(" ", 1) for line in lines[:len(self.odd)]]
 
     def read_by_journal(self):
-        """Returns {MESSAGE_ID: text} of the message catalog, as the journal has read it."""
+        """Returns {MESSAGE_ID: text} as journalctl reads it from the message catalog."""
         for directory in ("usr/lib", "var/lib"):
             Path("root", directory, "systemd/catalog").mkdir(parents=True)
         Path("root/usr/lib/systemd/catalog/odd2.catalog").write_text(self.make("journal"))

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Usage: oxevent-catalogue [OPTION]... FILE
 
-Checks a catalogue, a file that describes the types of events that a program reports, and shows
-all errors in it. With one of the first five options, prints what it generates from the catalogue:
+Checks a catalogue, a file that describes the types of events that a program reports, and shows all
+errors in the catalogue. With one of the first five options, prints a file generated from it:
 
   --header                  print a header for C and C++: constants for the
                             name, the severity and the MESSAGE_ID of each
@@ -29,14 +29,14 @@ templates, and a section for each type:
   runbook = https://runbooks.example/pressure-low
 
 The severity is debug, info, warning or error. The runbook is optional. A text continues on the lines
-that are indented more than its key; their line ends are kept. A line whose first character other
+that are indented more than its key; its line breaks are kept. A line whose first character other
 than a blank is # or ; is a comment, even between the lines of a text.
 
-Each error is a line of this form; TYPE is missing if the error does not belong to a type:
+Each error is reported in a line of this form; TYPE is missing if the error belongs to no type:
   FILE:LINE: error: TYPE: TEXT
 
 The tool reads no settings file and no events, and installs nothing. It does not change what the
-library does: the library knows no catalogue, and delivers events of any type.
+library does: the library does not know the catalogue, and delivers events of any type.
 
 Exit status: 0 no errors, 1 errors in the catalogue, or a file could not be read or written, 2 an
 invalid command line.
@@ -53,7 +53,7 @@ SEVERITIES = ("debug", "info", "warning", "error")
 HEAD_KEYS = ("name",)
 REQUIRED_KEYS = ("severity", "meaning", "action")
 TYPE_KEYS = (*REQUIRED_KEYS, "runbook")
-# Control characters, and those that change the lines or the direction of the text around them.
+# Control characters, and characters that change the lines or the direction of the text around them.
 CONTROL = re.compile("[\0-\x08\x0b-\x1f\x7f-\x9f\u2028-\u202e\u2066-\u2069]")
 URL = re.compile(r"https?://[\w.~:/?#\[\]@!$&'()*+,;=%-]+", re.ASCII)  # The characters of RFC 3986.
 NAMESPACE = uuid.UUID("3a5dfe31-6577-416b-9a1d-945c90f97d7e")  # Never change it: every MESSAGE_ID would change.
@@ -61,7 +61,7 @@ WORD_JOINER = "\u2060"
 
 
 class Section:
-    """One section of the file. By key, `texts` has the lines of the text, and `lines` the number of the first one."""
+    """One section of the file. `texts` has the lines of each key's text, `lines` the number of the first of them."""
 
     def __init__(self, title, line):
         self.title, self.line = title, line
@@ -77,12 +77,12 @@ class Section:
 
     def constants(self):
         """Returns the names of the type's constants, without the name of the catalogue."""
-        upper = re.sub("[a-z]", lambda letter: letter[0].upper(), self.title)  # upper() makes SS of a sharp s.
+        upper = re.sub("[a-z]", lambda letter: letter[0].upper(), self.title)  # upper() would make SS from a sharp s.
         name = re.sub("[^A-Z0-9]+", "_", upper).strip("_")
         return (name, f"{name}_SEVERITY", f"{name}_MESSAGE_ID") if name else ()
 
     def label(self):
-        """Returns the label event_type that the library gives to an alert."""
+        """Returns the label event_type that the library gives to an alert of this type."""
         return re.sub("[^A-Za-z0-9_.:-]+", "_", self.title).lower().rstrip("_").removeprefix("_")
 
 
@@ -114,7 +114,7 @@ class Catalogue:
         return lines
 
     def read(self, lines):
-        """Reads what Python's configparser would read, but goes on after an error, and keeps the line numbers."""
+        """Reads what Python's configparser would read, but continues after an error, and keeps the line numbers."""
         section, texts, indent = None, None, 0
         for number, line in enumerate(lines, 1):
             text = line.strip()
@@ -146,7 +146,7 @@ class Catalogue:
         elif not equals:
             self.fail(line, "the line must be KEY = TEXT; a line that continues a text must be indented", section)
         elif key not in section.keys:
-            self.fail(line, f"unknown key '{key}'; the keys of this section: {', '.join(section.keys)}", section)
+            self.fail(line, f"unknown key '{key}'; allowed keys: {', '.join(section.keys)}", section)
         elif key in section.lines:
             self.fail(line, f"the key {key} is already in line {section.lines[key]}", section)
         else:
@@ -175,7 +175,8 @@ class Catalogue:
             self.fail(section.line, "the type has no ASCII letter or digit for the name of its constant", section)
 
     def check_constants(self):
-        """Ensures that no two types have the same constant. Their labels in the Alertmanager then differ too."""
+        """Reports each type with a constant of an earlier type. Types without a common constant have different labels
+        in the Alertmanager too."""
         owners = {}
         for section in sorted(self.types, key=lambda section: section.line):
             taken = next((name for name in section.constants() if name in owners), None)
@@ -228,7 +229,8 @@ typedef struct ${name}Unknown {
 } ${name}Unknown;
 
 /*
- * A callback for tests. user_data is a ${name}Unknown; read it after oxEventFlush or oxEventShutdown has succeeded:
+ * A callback for tests. user_data points to a ${name}Unknown; read that after oxEventFlush or oxEventShutdown has
+ * succeeded:
  *   oxEventRegisterCallback(${name}Check, &unknown, &id)
  */
 static inline void ${name}Check(const oxEventRecord* event, void* user_data) {
@@ -323,7 +325,7 @@ $pieces{{ define "$name.details" }}$details
 
 
 def go_string(text):
-    return json.dumps(text, ensure_ascii=False)  # Otherwise it would write escaped surrogates, which Go refuses.
+    return json.dumps(text, ensure_ascii=False)  # By default, dumps writes escaped surrogates, which Go refuses.
 
 
 def if_type_is(types, text):
@@ -343,7 +345,7 @@ def alertmanager(catalogue):
 
 
 def journal_text(text):
-    """Keeps journalctl -x from taking capital letters between two @ for the name of a field; it has no escape."""
+    """Keeps journalctl -x, which has no escape, from taking capital letters between two @ for the name of a field."""
     return re.sub("@(?=[A-Z_]+@)", "@" + WORD_JOINER, text)
 
 
