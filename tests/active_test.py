@@ -2,7 +2,7 @@
 
 active_test.py [-v] [Test.test_NAME...]   Environment: OXEVENT_LIBRARY; OXEVENT_ACTIVE_HOST: the host in C++; optionally
 OXEVENT_KILLS: number of kills of each host, and OXEVENT_SEED. The Alertmanager itself would resolve an alert only after
-five minutes, so that each alert that ends has been cleared.
+five minutes, so each alert that ends earlier has been cleared by a host.
 """
 import csv
 import os
@@ -76,7 +76,7 @@ class Test(unittest.TestCase):
         return {(source, LABELS[severity]) for source, severity in self.conditions.items()}
 
     def kill_at_random_moments(self, kills, *command):
-        """One condition holds all the time, and each of the others changes at every step."""
+        """Kills hosts while one condition holds all the time and the others change at random."""
         choose = random.Random(SEED)
         receivers.write_settings(self.settings, {
             "state": {"route_orphan_clear": 1}, "sink\\native\\main": {"enabled": 0},
@@ -111,8 +111,8 @@ class Test(unittest.TestCase):
     def test_kills_of_a_host_in_python(self):
         self.kill_at_random_moments(KILLS, sys.executable, "-B", __file__, "host")
 
-    def test_both_read_each_other_and_set_a_damaged_file_aside(self):
-        """A file of one host is read by the other; a file with one changed byte is kept under another name."""
+    def test_python_reads_a_file_of_cpp_and_sets_a_damaged_file_aside(self):
+        """The module reads the file of the host in C++; a file with one changed byte is kept under another name."""
         self.kill_at_random_moments(1, os.environ["OXEVENT_ACTIVE_HOST"])
         whole = self.file.read_bytes()
         with oxevent.ActiveFile(self.file) as conditions:

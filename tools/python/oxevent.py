@@ -65,7 +65,7 @@ class Result(enum.IntEnum):
     NOT_INITIALIZED = 0x80050001  # Not initialized, shutting down, or the process is exiting.
     ALREADY_INITIALIZED = 0x80050002  # Already initialized, or a shutdown is in progress.
     INVALID_ARGUMENT = 0x80050003  # An argument, a record or a settings file was refused.
-    NOT_FOUND = 0x80050004  # Unknown callback id.
+    NOT_FOUND = 0x80050004  # Unknown callback id, or a stopped alert poster.
     FAILURE = 0x80050005  # A timeout, a failed sink or callback, out of memory, or no thread could be started.
 
 
@@ -156,12 +156,13 @@ _ESCAPES = str.maketrans({"\\": r"\\", "\t": r"\t", "\n": r"\n"})
 _SHUTDOWN_S = 5  # Timeout of the library's own shutdown.
 _logger = logging.getLogger("oxevent")
 
-_lock = threading.RLock()  # Guards _library and _exiting, so that no callback is registered after _at_exit has begun.
+# Guards _library and _exiting, so that no callback is registered and no poster started after _at_exit has begun.
+_lock = threading.RLock()
 _library = None
 _initialized_here = False  # Whether this module, not a program that embeds Python, must shut the library down at exit.
 _exiting = False
 _posters = {}  # Running posters by id.
-_callbacks = {}  # By number (the user_data), so that a call after unregister() finds no entry instead of freed memory.
+_callbacks = {}  # By number, which is the user_data, so that a call after unregister() finds no freed memory.
 _numbers = itertools.count(1)
 _failure = None  # The first failed callback and its exception, until a flush or shutdown reports them.
 _delivering = threading.local()  # `on`: this thread is in a callback.
@@ -170,8 +171,8 @@ _delivering = threading.local()  # `on`: this thread is in a callback.
 def load(library: Optional[Path] = None) -> None:
     """Load the library from this file, by default from the one that OXEVENT_LIBRARY names or the loader finds.
 
-    Needed only to choose the file, and then before any other call. Raises OSError if the library cannot be loaded, or
-    if another file is already loaded.
+    Only needed to choose the file; must then precede all other calls. Raises OSError if the library cannot be loaded,
+    or if another file is already loaded.
     """
     _loaded(library)
 
@@ -334,7 +335,7 @@ class Callback:
         self._id = ctypes.c_uint32()
 
     def unregister(self) -> None:
-        """Start no further calls; a call in progress continues. Calling this again has no effect."""
+        """Let no further call begin; a call in progress continues. Unregistering again has no effect."""
         if _callbacks.pop(self._number, None) is None:
             return
         try:
@@ -403,10 +404,10 @@ class AlertPoster:
     repeat_interval_s   interval between two posts of an active alert, well below the Alertmanager's resolve_timeout
     request_timeout_s   time that a post may take
     stop_timeout_s      time that stop() may spend on posts
-    max_bytes         memory for alerts
+    max_bytes         memory for alerts and conditions
 
-    Create it before initialize, so that it gets every event, and stop it after shutdown; each run of the library needs
-    a new one. A poster that still runs when the interpreter exits is stopped. Raises OSError if
+    Create the poster before initialize, so that it gets every event, and stop it after shutdown; each run of the
+    library needs a new poster. A poster that still runs when the interpreter exits is stopped. Raises OSError if
     liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused. The header
     include/oxEvent/alert_poster.h says which alerts are posted when.
     """
@@ -433,7 +434,7 @@ class AlertPoster:
             _posters[self._id.value] = self
 
     def stop(self) -> int:
-        """Post what waits, and each active alert once more, for at most stop_timeout_s.
+        """Post the waiting alerts, and each active alert once more, for at most stop_timeout_s; end the poster.
 
         Returns the number of alerts whose latest state was not posted; 0 if the poster was stopped before.
         """
@@ -458,7 +459,7 @@ class AlertPoster:
 
 
 class ActiveFile:
-    """Keeps the raised conditions in a file, so that a restarted program can clear those that have ended meanwhile.
+    """Keeps the raised conditions in a file, so that a restarted program can clear those that no longer hold.
 
         with oxevent.ActiveFile("conditions") as conditions, oxevent.running("settings.xml"):
             while True:
@@ -471,9 +472,10 @@ class ActiveFile:
     The setting route_orphan_clear of the section state must be on. A cleared condition stays in the file for
     keep_cleared_s, and is cleared again after a restart, because its clear may have been lost.
 
-    Create it before an AlertPoster and before initialize; each run of the library needs a new one. A file that is
-    damaged or has another format is renamed, and an error is logged; `set_aside` is its new name, otherwise None. The
-    format is that of include/oxEvent/active_file.hpp. Raises OSError if the file cannot be read or renamed.
+    Create the object before an AlertPoster and before initialize; each run of the library needs a new object. A file
+    that is damaged or has another format is renamed, and an error is logged; `set_aside` is the new name of the file,
+    or None if the file was not renamed. The format is that of include/oxEvent/active_file.hpp. Raises OSError if the
+    file cannot be read or renamed.
     """
 
     _HEADER = b"oxEvent conditions 1\n"
@@ -485,7 +487,7 @@ class ActiveFile:
         self._lock = threading.Lock()  # Guards _entries, _changed and _error.
         self._entries = {}  # (key, severity, event_type, source_id): [state, source_name, due, cleared_before]
         self._changed = False
-        self._error = None  # Of the last write.
+        self._error = None  # The error of the last write, if it failed.
         self.set_aside = self._read(time.monotonic() + grace_s)
         self._callback = register_callback(self._on_event)
 
@@ -496,17 +498,17 @@ class ActiveFile:
         self._callback.unregister()
 
     def poll(self) -> None:
-        """Clear what has not been confirmed. Call it about once a second, on the thread that reports the conditions.
+        """Clear the conditions of a previous process that were not raised again within grace_s.
 
-        Raises OxEventError or OSError if a condition could not be cleared or the file could not be written; the next
-        call tries again.
+        Call poll about once a second, on the thread that reports the conditions. Raises OxEventError or OSError if a
+        condition could not be cleared or the file could not be written; the next call tries again.
         """
         now = time.monotonic()
         is_due = lambda entry: entry[0] == "inherited" and entry[2] <= now
         with self._lock:
             any_due = any(map(is_due, self._entries.values()))
         if any_due:
-            flush(1)  # Every raise that was submitted before is known then.
+            flush(1)  # Afterwards, every raise that was submitted before is in _entries.
             with self._lock:
                 due = [(label, entry[1]) for label, entry in self._entries.items() if is_due(entry)]
                 raised = {label[0] for label, entry in self._entries.items() if entry[0] == "raised"}
@@ -544,7 +546,7 @@ class ActiveFile:
                 if former or other[0] != key or other == label:
                     continue
                 if entry[0] == "raised":
-                    self._set_cleared(entry)  # The poster resolves it.
+                    self._set_cleared(entry)  # The poster resolves its alert.
                 elif entry[0] == "inherited":
                     entry[2:] = -math.inf, True
                     self._changed = True
@@ -600,13 +602,13 @@ class ActiveFile:
         for number in itertools.count(1):
             aside = f"{self._path}.damaged-{number}"
             with contextlib.suppress(FileExistsError):
-                os.link(self._path, aside)  # Never over another file.
+                os.link(self._path, aside)  # Unlike a rename, never replaces another file.
                 os.unlink(self._path)
-                _logger.error("%s is damaged or no file of conditions: it is now %s", self._path, aside)
+                _logger.error("%s is damaged or not a file of conditions; renamed to %s", self._path, aside)
                 return aside
 
 
-# The only C callback. It lives as long as the module, so that unregistering frees no code that the worker is running.
+# The only C callback. It exists as long as the module, so that unregistering frees no code that the worker is running.
 @_CALLBACK
 def _on_event(record, number):
     global _failure
@@ -767,8 +769,8 @@ class OxEventHandler(logging.Handler):
 
     def handle(self, record: logging.LogRecord):
         """Submit the record if the filters accept it."""
-        # Does not take the handler's lock: submit needs none, and logging.shutdown holds it during the flush, which
-        # waits for callbacks that log.
+        # Does not take the handler's lock: submit needs no lock, and logging.shutdown holds this one during the flush,
+        # which waits for callbacks that log.
         passed = self.filter(record)
         if passed:
             self.emit(passed if isinstance(passed, logging.LogRecord) else record)
