@@ -1,4 +1,5 @@
-// The data that concurrent calls of Submit share: what each costs alone, and while a second thread uses it too.
+// The data that concurrent calls of Submit share: the cost of an access to each, alone and while a second thread
+// accesses the same data.
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -42,7 +43,7 @@ BENCHMARK(SubmitSlot)->Name("Shared/submit_slot")->ThreadRange(1, 2);
 struct EmptiedQueue {
   EmptiedQueue() { queue.Start(8192, oxEventDropPolicy::kDropNewest); }
 
-  bool Empty() {
+  bool Drain() {
     const std::lock_guard<std::mutex> lock(mutex);
     while (queue.HasPending() && queue.WaitPop() != nullptr) {
     }
@@ -55,7 +56,7 @@ struct EmptiedQueue {
   std::mutex mutex;  // Held by the thread that acts as the worker.
 };
 
-// All threads submit to the same queue, or each thread to its own.
+// All threads submit to the same queue, or each thread to a queue of its own.
 void Enqueue(benchmark::State& state, bool same_queue) {
   static std::array<EmptiedQueue, 2> queues;
   EmptiedQueue& emptied = queues[same_queue ? 0 : static_cast<size_t>(state.thread_index())];
@@ -63,7 +64,7 @@ void Enqueue(benchmark::State& state, bool same_queue) {
   oxEventNodePtr node_cache;
   RepeatInBatches(
       state, 1024, [&] { return emptied.queue.Enqueue(event, &node_cache) == oxEventEnqueueResult::kQueued; },
-      [&] { return emptied.Empty(); });
+      [&] { return emptied.Drain(); });
 }
 BENCHMARK_CAPTURE(Enqueue, one_queue, true)->Name("Shared/one_queue")->ThreadRange(1, 2);
 BENCHMARK_CAPTURE(Enqueue, own_queue, false)->Name("Shared/own_queue")->ThreadRange(1, 2);
@@ -89,7 +90,8 @@ class Lines {
   std::array<Line, kCount> lines_;
 };
 
-// Measures the time of one cache line. With two threads, the other one writes to all lines between the iterations.
+// Measures the time of a write to one cache line. With two threads, the other thread writes to all lines between the
+// iterations.
 void EventMemory(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;
   enum Turn { kOurs, kTheirs, kEnd };

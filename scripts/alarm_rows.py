@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Prints a CSV file of a week, as the library writes it, with made-up alarms: alarm_rows.py ROWS CONDITIONS
 
-The last day's first row is that of a restart of the host."""
+The first row of the last day is the first one after a restart of the host."""
 import csv
 import random
 import sys

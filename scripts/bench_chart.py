@@ -1,4 +1,4 @@
-"""Horizontal bar charts and curves as SVG, with a white background so that they are readable in light and dark pages."""
+"""Horizontal bar charts and curves as SVG, on a white background so that they are readable on light and dark pages."""
 import math
 from statistics import median
 from typing import Callable, NamedTuple
@@ -32,8 +32,8 @@ class Panel(NamedTuple):
 class Curve(NamedTuple):
     label: str
     colour: str
-    points: list  # (x, values), x on a logarithmic scale. Connects the medians; thin lines show the ranges.
-    text: str  # The last value.
+    points: list  # (x, values), x on a logarithmic scale. The curve connects the medians; thin lines show the ranges.
+    text: str  # Formatted median of the last values.
 
 
 class CurvePanel(NamedTuple):
@@ -124,7 +124,7 @@ def curve_svg(curve, x_of, y_axis, label_y):
 
 
 def label_positions(wanted, lowest):
-    """Returns y coordinates near the wanted ones, a line of text apart."""
+    """Returns y coordinates near the wanted ones, at least a line of text apart."""
     positions = [0] * len(wanted)
     next_free = lowest
     for i in sorted(range(len(wanted)), key=wanted.__getitem__, reverse=True):

@@ -82,7 +82,7 @@ COUNTED = {"submit": "`oxEventSubmit`, all fields set", "submit_small": "`oxEven
 SHARED = {"queue_lock": "the queue's lock, taken and released", "id_counter": "the counter of event ids, incremented",
           "submit_slot": "a submit slot, leased and returned", "event_memory": "a cache line of an event, written",
           "one_queue": "an event copied and queued, in the same queue",
-          "own_queue": "the same, in a queue of each thread's own"}
+          "own_queue": "the same, in a separate queue for each thread"}
 QUIET = (("CPU in a quiet second", "quiet_cpu_ns", TIME), ("wake-ups in it", "quiet_wakeups", PLAIN))
 
 
@@ -172,7 +172,8 @@ class Micro:
             if item.get("error_occurred"):
                 raise BadResults(f"{path}: {name} failed: {item.get('error_message')}")
             unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[item["time_unit"]]
-            # CPU time, because other processes run too; but a post mostly waits for its response.
+            # CPU time, because other processes run too. But elapsed time for a post, which mostly waits for its
+            # response, and for a benchmark that measures its time itself.
             manual = item["name"].endswith("/manual_time")
             measure = "real_time" if manual or name.startswith("Http/") else "cpu_time"
             item["ns"] = number(item, measure, f"{path}: {name}") * unit
@@ -283,7 +284,7 @@ def ratio_target(id, what, requirement, limit, ours, theirs, units=TIME, at_leas
 
 def allocations_target(end_to_end, who):
     cases = {load: end_to_end(load, "oxevent", f"{who}_allocations") for load in LOADS}
-    worst = max(cases, key=lambda load: max(cases[load] or [math.inf]))  # A missing one is the worst.
+    worst = max(cases, key=lambda load: max(cases[load] or [math.inf]))  # A load without results counts as the worst.
     compared = f"worst: {LOADS[worst]}" if any(cases[worst] or ()) else ""
     return Target(f"allocations_{who}", f"Allocations per event in steady state, {who}", "0", 0, cases[worst], PLAIN,
                   compared)
@@ -297,14 +298,14 @@ def condition_target(micro):
 
 
 def growth_targets(micro):
-    """Returns two targets: the growth of the time of all actions together, and that of the action that grows most."""
+    """Returns two targets: for the growth of all actions' total time, and for that of the action that grows most."""
     actions = dict.fromkeys(found[1] for name in micro.names
                             if (found := re.fullmatch(r"State/(.+)/1000(?:000)?", name)))
     large, small = ([micro(f"State/{action}/{size}") for action in actions] for size in (1000000, 1000))
 
     def target(id, which, large_times, small_times):
-        return ratio_target(id, f"State, a million conditions against a thousand, {which}", "at most 3", 3, large_times,
-                            small_times)
+        return ratio_target(id, f"State, a million conditions against a thousand, {which}", "at most 3 times", 3,
+                            large_times, small_times)
 
     if not actions or None in large + small:
         return [target("state_growth", "all actions", None, None),
@@ -360,15 +361,17 @@ def targets_of(end_to_end, micro):
                  "at most 15 µs", 15e3),
         absolute("quiet_cpu", "Worker's CPU in a second without events", "idle", "quiet_cpu_ns", TIME),
         absolute("quiet_wakeups", "Worker's wake-ups in a second without events", "idle", "quiet_wakeups", PLAIN),
-        micro_ratio("syslog", "Syslog datagram", "at most 1.25 of a bare `sendto`", 1.25, "Syslog/submit",
+        micro_ratio("syslog", "Syslog datagram", "at most 1.25 times that of a bare `sendto`", 1.25, "Syslog/submit",
                     "Syslog/bare_sendto"),
-        micro_ratio("trap", "SNMP trap", "at most 1.25 of a bare `sendto`", 1.25, "Trap/submit", "Trap/bare_sendto"),
-        micro_ratio("json", "Native JSON document", "at most RapidJSON's writer", 1, "Json/native", "Json/rapidjson"),
-        micro_ratio("http", "HTTP post", "at most 1.05 of a reused libcurl handle", 1.05, "Http/post",
+        micro_ratio("trap", "SNMP trap", "at most 1.25 times that of a bare `sendto`", 1.25, "Trap/submit",
+                    "Trap/bare_sendto"),
+        micro_ratio("json", "Native JSON document", "at most that of RapidJSON's writer", 1, "Json/native",
+                    "Json/rapidjson"),
+        micro_ratio("http", "HTTP post", "at most 1.05 times that of a reused libcurl handle", 1.05, "Http/post",
                     "Http/bare_libcurl"),
         condition_target(micro),
         *growth_targets(micro),
-        ratio_target("storm_8_mean", "Storm, 8 threads, Submit mean", "at most 3 of 1 thread", 3,
+        ratio_target("storm_8_mean", "Storm, 8 threads, Submit mean", "at most 3 times that of 1 thread", 3,
                      end_to_end("storm_8", "oxevent", "submit_ns.mean"),
                      end_to_end("storm_1", "oxevent", "submit_ns.mean"))]
 
@@ -405,7 +408,7 @@ def growth_charts(end_to_end, micro):
             curve(LOGGERS[logger], COLOURS[logger], units,
                   [(x, values(load, logger, metric)) for load, x in xs.items()]) for logger in loggers])
 
-    def in_mib(load, logger, metric):  # The ticks of a logarithmic scale are powers of ten.
+    def in_mib(load, logger, metric):  # Not in KiB: the ticks of a logarithmic scale are powers of ten of the unit.
         return [kib / 1024 for kib in end_to_end(load, logger, metric)]
 
     def per_action(name, colour, action):
@@ -422,7 +425,7 @@ def growth_charts(end_to_end, micro):
         queue("Time in Submit, median", "submit_ns.p50"),
         queue("Time in Submit, 99th percentile", "submit_ns.p99"),
         queue("Memory after the queue has been full", "memory_kib", values=in_mib, units=((" MiB", 1),))])
-    yield "growth_conditions", chart("Time of an evaluation, by raised conditions", how.replace(
+    yield "growth_conditions", chart("Time of an evaluation, by number of raised conditions", how.replace(
         "the rounds", "the runs"), [CurvePanel(
             "Worker's CPU time", partial(formatted, units=TIME), "raised conditions", [
                 per_action("raise and clear", "#d9730d", "raise_clear"),
@@ -484,7 +487,7 @@ def load_section(end_to_end, load):
 
 
 def results_table(targets):
-    """Returns an empty string if there are no targets."""
+    """Returns a table of the targets; an empty string if there are none."""
     rows = [[target.what, target.requirement, cell(target.values, target.units, " "), target.compared,
              "" if target.values and target.is_met() else target.result()] for target in targets]
     columns = 4 if not any(row[4] for row in rows) else 5

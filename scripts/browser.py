@@ -2,8 +2,8 @@
 """Opens a page in headless Chromium.
 
 browser.py shot PAGE PNG WIDTH HEIGHT [SCALE]   save a picture; HEIGHT 0: of the whole page
-browser.py time PAGE [ROUNDS]                   print how long the page takes to open, for each round: the milliseconds
-                                                of CPU time of the page's thread, and those on the clock
+browser.py time PAGE [ROUNDS]                   print how long the page takes to open, for each round, in milliseconds:
+                                                the CPU time of the page's main thread, and the elapsed time
 
 As a module:
     with Browser() as browser:
