@@ -645,7 +645,8 @@ struct CallbackRemover {
 }  // namespace detail
 
 // Registers a callable, which may be move-only, for every event that reaches the sinks; the comment on oxEventCallback
-// says what it may do. It is called with a const oxEventRecord&, on the library's worker thread.
+// says what it may do. It is called with a const oxEventRecord&, on the library's worker thread. Declare it before the
+// Session: a Callback that is destroyed first misses the events that are still queued.
 //
 // The destructor unregisters the callable, waits for a running call to return, and destroys the callable: what the
 // callable refers to may be freed then. So do not destroy a Callback while holding a lock that the callable needs. In
