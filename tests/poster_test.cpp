@@ -212,7 +212,7 @@ class AlertPosterTest : public testing::Test {
 };
 
 TEST_F(AlertPosterTest, RetriesAndRepeats) {
-  HttpServer server({kUnavailable, kUnavailable, {}});
+  HttpServer server({kUnavailable, kUnavailable, kUnavailable, {}});
   const std::string url = server.Url();
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.repeat_interval_ms = 10;
@@ -227,6 +227,18 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
   const std::string request = server.TakeRequests().back();
   EXPECT_NE(request.find("\r\nAuthorization: Bearer t\r\n"), request.npos);
   EXPECT_EQ(Describe(request), Lines{"warning a: m"});
+}
+
+// After three failures, the next post would be due in 4 s.
+TEST_F(AlertPosterTest, StopPostsAtOnce) {
+  const HttpServer server({kUnavailable, kUnavailable, {}});
+  const std::string url = server.Url();
+  oxEventAlertPosterConfig config = Config(url.c_str());
+  config.stop_timeout_ms = 3500;
+  oxEvent::AlertPoster poster(config);
+  Submit({"raise", 2});
+  WaitUntil([&] { return poster.State().failed_posts == 3; });
+  EXPECT_EQ(poster.Stop(), 0u);
 }
 
 // A post that is started during a stop times out with the stop. Otherwise the stop would take 100 s.

@@ -73,8 +73,9 @@ OXEVENT_API uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* con
 
 /*
  * Stops a poster: unregisters its callback, posts what waits, and each active alert once more, so that it stays active
- * for a whole resolve_timeout, and ends the thread. Takes at most stop_timeout_ms and the rest of a post that is in
- * progress at the call. Call it after oxEventShutdown, so that the poster gets every event.
+ * for a whole resolve_timeout, and ends the thread. Posts at once, even if the poster was waiting after a failed post,
+ * and retries after 1 s, 2 s and so on. Takes at most stop_timeout_ms and the rest of a post that is in progress at the
+ * call. Call it after oxEventShutdown, so that the poster gets every event.
  *
  * *unposted, which may be null, receives the number of alerts whose latest state was not posted.
  *

@@ -61,6 +61,8 @@ bool oxEventAlertPoster::Stop() {
     if (std::exchange(stopping_, true)) return false;
     stop_at_ = Clock::now() + std::chrono::milliseconds(config_.stop_timeout_ms);
     list_.RepeatAll();
+    retry_at_ = Clock::time_point::min();  // The Alertmanager may be back; the next retry may come after stop_at_.
+    backoff_ = {};
     changed_.notify_one();
   }
   Join();

@@ -20,8 +20,9 @@ class oxEventAlertPoster {
   // Never waits for a post. Throws if there is no memory.
   void Add(const oxEventRecord& event);
 
-  // Posts the waiting alerts, and each active alert once more, for at most stop_timeout_ms, and waits for the thread's
-  // end. Returns false at once if another call has stopped the poster or is stopping it.
+  // Posts the waiting alerts, and each active alert once more, for at most stop_timeout_ms, beginning at once even if
+  // the last post has failed, and waits for the thread's end. Returns false at once if another call has stopped the
+  // poster or is stopping it.
   bool Stop();
 
   // Posts nothing more; waits for the end of a post in progress and of the thread.
@@ -49,7 +50,7 @@ class oxEventAlertPoster {
   std::condition_variable changed_;
   oxEventAlertList list_;
   Clock::time_point retry_at_ = Clock::time_point::min();
-  Clock::duration backoff_ = {};  // 0 unless the last post failed.
+  Clock::duration backoff_ = {};  // 0 unless the last post failed and Stop has not been called since.
   int32_t last_status_ = 0;
   uint64_t failed_posts_ = 0;
   bool stopping_ = false;
