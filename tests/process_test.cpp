@@ -401,6 +401,25 @@ TEST_F(ProcessTest, TheFirstHttpRequestsDoNotNeedTheLoader) {
   });
 }
 
+// A thread that loaded the HTTP module later would block an unload, which waits for it with the loader locked.
+TEST_F(ProcessTest, APosterStartsOnlyWithTheHttpModule) {
+  ExpectExit(0, [] {
+    const SharedObject library = {dlopen(OXEVENT_ALERT_POSTER, RTLD_NOW)};
+    const decltype(&oxEventAlertPosterStart) start = library.Find("oxEventAlertPosterStart");
+    oxEventAlertPosterConfig config = {};
+    config.struct_size = sizeof(config);
+    config.url = "http://127.0.0.1:1/";
+    uint32_t id = 0;
+    rlimit files;
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    Check(start(&config, &id), OXEVENT_FAILURE);
+    setrlimit(RLIMIT_NOFILE, &files);
+    Check(start(&config, &id), OXEVENT_OK);
+  });
+}
+
 TEST_F(ProcessTest, AChildHasNoPosterButMayStartOne) {
   ExpectExit(0, [] {
     static const Poster poster;

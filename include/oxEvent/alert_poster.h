@@ -67,7 +67,8 @@ typedef struct oxEventAlertPosterState {
  *
  * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size without url, url neither http nor https,
  * minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
- * OXEVENT_FAILURE: out of memory, or no thread could be started. A failure does not set the last error text.
+ * OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no thread could be
+ * started. A failure does not set the last error text.
  */
 OXEVENT_API uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* config, uint32_t* id_out);
 

@@ -141,7 +141,8 @@ OXUTIL_API uint32_t oxOSGetMs(void);
  * request starts another. Once the process runs its exit handlers, https requests fail immediately, and an exit handler
  * of this library waits for those in progress. The child of a fork opens its own connections. In a process with
  * privileges that its caller lacks (AT_SECURE), the client does not start, and requests fail, while the environment
- * contains SSLKEYLOGFILE or OPENSSL_ia32cap (or its equivalent for other processors).
+ * contains SSLKEYLOGFILE or OPENSSL_ia32cap (or its equivalent for other processors). The client is in a file of its
+ * own, liboxutil-http.so; if that file cannot be loaded, requests fail with errno ELIBACC.
  */
 OXUTIL_API int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers, const char* body,
                                    int32_t body_length, char** response, int32_t* status, uint32_t timeout_ms);

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <mutex>
@@ -62,5 +63,7 @@ int32_t oxOSHTTPCommand(const char* url, const char* method, const char* headers
   if (url == nullptr || method == nullptr || timeout_ms == 0) return 0;
   if (body_length < 0 || (body == nullptr && body_length != 0)) return 0;
   const Command command = LoadCommand();
-  return command == nullptr ? 0 : command(url, method, headers, body, body_length, response, status, timeout_ms);
+  if (command != nullptr) return command(url, method, headers, body, body_length, response, status, timeout_ms);
+  errno = ELIBACC;
+  return 0;
 }

@@ -5,7 +5,9 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -20,6 +22,12 @@ std::string HeaderLines(const char* more) {
   std::string lines = "Content-Type: application/json";
   if (more != nullptr && *more != '\0') lines.append(1, '\xA7').append(more);
   return lines;
+}
+
+void LoadHttpClient() {
+  errno = 0;
+  oxOSHTTPCommand("", "", nullptr, nullptr, 0, nullptr, nullptr, 1);
+  if (errno == ELIBACC) throw std::system_error(ELIBACC, std::generic_category());
 }
 
 // No signal handler of the host may run on the thread.
@@ -43,8 +51,7 @@ oxEventAlertPoster::oxEventAlertPoster(const oxEventAlertPosterConfig& config)
       headers_(HeaderLines(config.headers)),
       list_(config.alertname_prefix == nullptr ? "OxEvent" : config.alertname_prefix,
             std::chrono::milliseconds(config.repeat_interval_ms), config.max_bytes) {
-  // Loads the HTTP module now: an unload waits for the thread with the loader locked, so the thread must not load it.
-  oxOSHTTPCommand("", "", nullptr, nullptr, 0, nullptr, nullptr, 1);
+  LoadHttpClient();  // An unload waits for the thread with the loader locked, so the thread must not load it.
   thread_ = StartThreadWithoutSignals([](oxEventAlertPoster* poster) { poster->Run(); }, this);
 }
 

@@ -11,7 +11,8 @@
 // Posts the alerts of one list to one Alertmanager, on a thread of its own. Threads: any.
 class oxEventAlertPoster {
  public:
-  // `config` must be complete and valid. Throws if there is no memory or the thread cannot be started.
+  // `config` must be complete and valid. Throws if the HTTP client cannot be loaded, if there is no memory or if the
+  // thread cannot be started.
   explicit oxEventAlertPoster(const oxEventAlertPosterConfig& config);
   ~oxEventAlertPoster() { Abort(); }
   oxEventAlertPoster(const oxEventAlertPoster&) = delete;

@@ -408,8 +408,8 @@ class AlertPoster:
 
     Create the poster before initialize, so that it gets every event, and stop it after shutdown; each run of the
     library needs a new poster. A poster that still runs when the interpreter exits is stopped. Raises OSError if
-    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused. The header
-    include/oxEvent/alert_poster.h says which alerts are posted when.
+    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused or the HTTP client,
+    liboxutil-http.so, cannot be loaded. The header include/oxEvent/alert_poster.h says which alerts are posted when.
     """
 
     def __init__(self, url: Text, *, headers: Optional[dict] = None, alertname_prefix: Optional[Text] = None,
