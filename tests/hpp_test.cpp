@@ -5,6 +5,7 @@
 #include <source_location>
 
 #include "../include/oxEvent.hpp"
+#include "../include/oxEvent/active_file.hpp"
 #include "faults.h"
 #include "host_fixture.h"
 
@@ -164,6 +165,32 @@ TEST_F(oxEventHpp, ConditionEndsTheAlarmOnlyIfAskedTo) {
   EXPECT_EQ(reports, (Strings{"1 event  oxEvent a: raise raised 0", "1 event  oxEvent c: raise raised 0",
                               "1 event  oxEvent c: clear ended 0", "1 event  oxEvent d: raise raised 0"}));
 }
+
+#ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
+TEST_F(oxEventHpp, ActiveFileTriesAFailedClearAgainAtTheNextPoll) {
+  const std::string file = folder.path + "/conditions";
+  const std::string key(100000, 'k');  // The library's copy of an event with this key comes from malloc.
+  ActiveFile::Options options;
+  options.grace = std::chrono::milliseconds(0);
+  std::error_code error;
+  {
+    const ActiveFile previous(file, options, error);
+    const Session session(settings.c_str());
+    EXPECT_FALSE(Event("m").action("raise").dedupe_key(key).Submit());
+  }
+  ActiveFile conditions(file, options, error);
+  const Session session(settings.c_str());
+  {
+    const Faults no_copy([&](std::string_view call, long first) {
+      return call == "malloc" && static_cast<size_t>(first) > key.size() + 100 ? ENOMEM : 0;
+    });
+    EXPECT_EQ(conditions.Poll(), std::errc::operation_canceled);
+  }
+  EXPECT_FALSE(conditions.Poll());
+  EXPECT_FALSE(Flush());
+  EXPECT_EQ(conditions.Unconfirmed(), 0u);
+}
+#endif
 
 // Has a callback whose first call blocks until `release` is set.
 struct oxEventHppCallback : oxEventHpp {

@@ -9,6 +9,7 @@ import sys
 import tempfile
 import threading
 import unittest
+import unittest.mock
 import weakref
 from datetime import datetime, timedelta, timezone
 from pathlib import Path
@@ -130,6 +131,19 @@ class PythonTest(unittest.TestCase):
             oxevent.flush()
         self.assertIs(raised.exception.__cause__, error)
         oxevent.flush()
+
+    def test_a_failed_clear_is_tried_again_at_the_next_poll(self):
+        write_settings(self.settings, {"state": {"route_orphan_clear": 1}, "sink\\native\\main": {"enabled": 0}})
+        file = f"{self.settings}.conditions"
+        with oxevent.ActiveFile(file), oxevent.running(self.settings):
+            oxevent.submit("m", action="raise")
+        no_memory = oxevent.OxEventError(oxevent.Result.FAILURE, "no memory")
+        with oxevent.ActiveFile(file, grace_s=0) as conditions, oxevent.running(self.settings):
+            with unittest.mock.patch("oxevent.submit", side_effect=no_memory):
+                self.assertRaises(oxevent.OxEventError, conditions.poll)
+            conditions.poll()
+            oxevent.flush()
+            self.assertEqual(conditions.unconfirmed(), 0)
 
     def test_log_records_become_events(self):
         logger = logging.Logger("pump.7")

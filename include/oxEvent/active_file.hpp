@@ -194,12 +194,22 @@ class ActiveFile {
       for (auto& entry : entries_) {
         if (entry.second.state != State::kInherited || entry.second.due > now) continue;
         due.emplace(entry.first, entry.second.source_name);
-        entry.second.due = now + Retry();
       }
     }
     bool good = true;
-    for (const auto& one : due) good = Clear(one.first, one.second) && good;
+    for (const auto& one : due) {
+      const bool submitted = Clear(one.first, one.second);
+      if (submitted) Postpone(one.first, now + Retry());
+      good = good && submitted;
+    }
     return good;
+  }
+
+  // The clear has been submitted, but may be dropped before it reaches the callback.
+  void Postpone(const Id& id, Clock::time_point due) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto entry = entries_.find(id);
+    if (entry != entries_.end() && entry->second.state == State::kInherited) entry->second.due = due;
   }
 
   bool Clear(const Id& id, const std::string& source_name) {

@@ -512,12 +512,15 @@ class ActiveFile:
             with self._lock:
                 due = [(label, entry[1]) for label, entry in self._entries.items() if is_due(entry)]
                 raised = {label[0] for label, entry in self._entries.items() if entry[0] == "raised"}
-                for label, _ in due:
-                    self._entries[label][2] = now + 10
-            for (key, severity, event_type, source_id), source_name in due:
+            for label, source_name in due:
+                key, severity, event_type, source_id = label
                 submit("Cleared: not confirmed after a restart", action="clear", severity=severity,
                        event_type=event_type, source_id=source_id, source_name=source_name,
                        dedupe_key=self._FORMER + key if key in raised else key)
+                with self._lock:
+                    entry = self._entries.get(label)
+                    if entry and entry[0] == "inherited":  # The clear may be dropped before it arrives.
+                        entry[2] = now + 10
         with self._lock:
             over = [label for label, entry in self._entries.items() if entry[0] == "cleared" and entry[2] <= now]
             for label in over:
