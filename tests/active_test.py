@@ -111,19 +111,19 @@ class Test(unittest.TestCase):
     def test_kills_of_a_host_in_python(self):
         self.kill_at_random_moments(KILLS, sys.executable, "-B", __file__, "host")
 
-    def test_python_reads_a_file_of_cpp_and_sets_a_damaged_file_aside(self):
+    def test_python_reads_a_file_of_cpp_and_renames_a_damaged_file(self):
         """The module reads the file of the host in C++; a file with one changed byte is kept under another name."""
         self.kill_at_random_moments(1, os.environ["OXEVENT_ACTIVE_HOST"])
         whole = self.file.read_bytes()
         with oxevent.ActiveFile(self.file) as conditions:
-            self.assertEqual(conditions.set_aside, None)
+            self.assertEqual(conditions.renamed_to, None)
             self.assertGreater(conditions.unconfirmed(), 0)
         for number in (1, 2):
             damaged = whole.replace(b"steady", b"steads", 1)
             self.file.write_bytes(damaged)
             with self.assertLogs("oxevent"), oxevent.ActiveFile(self.file) as conditions:
-                self.assertEqual(conditions.set_aside, f"{self.file}.damaged-{number}")
-            self.assertEqual(Path(conditions.set_aside).read_bytes(), damaged)
+                self.assertEqual(conditions.renamed_to, f"{self.file}.damaged-{number}")
+            self.assertEqual(Path(conditions.renamed_to).read_bytes(), damaged)
             self.assertEqual(conditions.unconfirmed(), 0)
 
 

@@ -52,7 +52,7 @@ class ActiveFile {
   };
 
   // Reads the file, which need not exist, and registers the callback. A file that is damaged or not of this format is
-  // renamed (see SetAside), and the object works with a new file: std::errc::bad_message. With every other error, the
+  // renamed (see RenamedTo), and the object works with a new file: std::errc::bad_message. With every other error, the
   // object does nothing.
   ActiveFile(std::string path, const Options& options, std::error_code& error)
       : path_(std::move(path)), options_(options) {
@@ -92,7 +92,7 @@ class ActiveFile {
   }
 
   // New name of a damaged or foreign file; empty if the file was good.
-  const std::string& SetAside() const { return aside_; }
+  const std::string& RenamedTo() const { return renamed_to_; }
 
  private:
   static constexpr std::uint32_t kFlushMs = 1000;
@@ -331,7 +331,7 @@ class ActiveFile {
     if (count < 0) return std::error_code(failure, std::generic_category());
     if (Parse(text, now)) return {};
     entries_.clear();
-    return PutAside();
+    return RenameDamaged();
   }
 
   bool Parse(std::string_view text, Clock::time_point now) {
@@ -366,13 +366,13 @@ class ActiveFile {
   }
 
   // Never over another file.
-  std::error_code PutAside() {
+  std::error_code RenameDamaged() {
     int linked = -1;
     for (int number = 1; linked != 0; ++number) {
       std::array<char, 24> suffix = {};
       std::snprintf(suffix.data(), suffix.size(), ".damaged-%d", number);
-      aside_ = path_ + suffix.data();
-      linked = ::link(path_.c_str(), aside_.c_str());
+      renamed_to_ = path_ + suffix.data();
+      linked = ::link(path_.c_str(), renamed_to_.c_str());
       if (linked != 0 && errno != EEXIST) return std::error_code(errno, std::generic_category());
     }
     if (::unlink(path_.c_str()) != 0) return std::error_code(errno, std::generic_category());
@@ -382,7 +382,7 @@ class ActiveFile {
   const std::string path_;
   const Options options_;
   std::uint32_t callback_id_ = 0;
-  std::string aside_{};
+  std::string renamed_to_{};
   mutable std::mutex mutex_{};  // Guards all below.
   std::map<Id, Entry> entries_{};
   bool changed_ = false;  // Since the last successful write.

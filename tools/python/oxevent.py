@@ -473,7 +473,7 @@ class ActiveFile:
     keep_cleared_s, and is cleared again after a restart, because its clear may have been lost.
 
     Create the object before an AlertPoster and before initialize; each run of the library needs a new object. A file
-    that is damaged or has another format is renamed, and an error is logged; `set_aside` is the new name of the file,
+    that is damaged or has another format is renamed, and an error is logged; `renamed_to` is the new name of the file,
     or None if the file was not renamed. The format is that of include/oxEvent/active_file.hpp. Raises OSError if the
     file cannot be read or renamed.
     """
@@ -488,7 +488,7 @@ class ActiveFile:
         self._entries = {}  # (key, severity, event_type, source_id): [state, source_name, due, cleared_before]
         self._changed = False
         self._error = None  # The error of the last write, if it failed.
-        self.set_aside = self._read(time.monotonic() + grace_s)
+        self.renamed_to = self._read(time.monotonic() + grace_s)
         self._callback = register_callback(self._on_event)
 
     def __enter__(self) -> ActiveFile:
@@ -603,12 +603,12 @@ class ActiveFile:
         except (ValueError, KeyError):
             self._entries.clear()
         for number in itertools.count(1):
-            aside = f"{self._path}.damaged-{number}"
+            new_name = f"{self._path}.damaged-{number}"
             with contextlib.suppress(FileExistsError):
-                os.link(self._path, aside)  # Unlike a rename, never replaces another file.
+                os.link(self._path, new_name)  # Unlike a rename, never replaces another file.
                 os.unlink(self._path)
-                _logger.error("%s is damaged or not a file of conditions; renamed to %s", self._path, aside)
-                return aside
+                _logger.error("%s is damaged or not a file of conditions; renamed to %s", self._path, new_name)
+                return new_name
 
 
 # The only C callback. It exists as long as the module, so that unregistering frees no code that the worker is running.
