@@ -25,7 +25,6 @@ void* oxEventPages::Allocate() {
   if (unmappable_ != nullptr) {
     Chunk* const chunk = unmappable_;
     unmappable_ = chunk->next;
-    chunk->next = nullptr;  // The rest is already zero: Free has discarded the pages.
     return chunk;
   }
   // The kernel usually places a mapping next to the previous one, so the mapping after an aligned one is aligned too.
@@ -45,7 +44,7 @@ void* oxEventPages::Allocate() {
 // munmap may fail: unmapping the middle of a mapping splits it, and a process has at most vm.max_map_count mappings.
 void oxEventPages::Free(void* chunk) {
   if (munmap(chunk, chunk_size_) == 0) return;
-  madvise(chunk, chunk_size_, MADV_DONTNEED);
+  madvise(chunk, chunk_size_, MADV_DONTNEED);  // Fails, and keeps the pages, if the host has locked its memory.
   auto* const kept = static_cast<Chunk*>(chunk);
   kept->next = unmappable_;
   unmappable_ = kept;

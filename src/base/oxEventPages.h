@@ -13,7 +13,7 @@ class oxEventPages {
   oxEventPages(const oxEventPages&) = delete;
   oxEventPages& operator=(const oxEventPages&) = delete;
 
-  // Returns a zeroed chunk, or null if out of memory.
+  // Returns a chunk, or null if out of memory.
   void* Allocate();
 
   void Free(void* chunk);
@@ -24,6 +24,7 @@ class oxEventPages {
   };
 
   const size_t chunk_size_;
-  // Chunks that could not be unmapped, for later calls of Allocate. Their pages were returned to the system.
+  // Chunks that could not be unmapped, for later calls of Allocate. Their pages were returned to the system, unless the
+  // host has locked its memory.
   Chunk* unmappable_ = nullptr;
 };
