@@ -128,34 +128,35 @@ class EndToEnd:
 
     def __init__(self, path):
         self._metrics = {}  # (load, logger) -> round -> metric -> number.
-        for at, line in enumerate(read(path).splitlines(), 1):
+        for line_number, line in enumerate(read(path).splitlines(), 1):
             if line.strip():
-                self._add(parsed(line, f"{path}:{at}"), f"{path}:{at}")
-        self.rounds = sorted({at for rows in self._metrics.values() for at in rows})
+                where = f"{path}:{line_number}"
+                self._add(parsed(line, where), where)
+        self.rounds = sorted({round_number for rows in self._metrics.values() for round_number in rows})
         for load, logger in itertools.product(LOADS, LOGGERS):
             rows = self._metrics.get((load, logger))
             if not rows and (load, logger) not in OPTIONAL:
                 raise BadResults(f"{path}: load {load} of {logger} is missing")
-            for at in self.rounds:
-                if rows and at not in rows:
-                    raise BadResults(f"{path}: load {load} of {logger} is missing in round {at}")
+            for round_number in self.rounds:
+                if rows and round_number not in rows:
+                    raise BadResults(f"{path}: load {load} of {logger} is missing in round {round_number}")
 
     def _add(self, row, where):
         load, logger = row.get("load"), row.get("logger")
         if load not in LOADS or logger not in LOGGERS:
             raise BadResults(f"{where}: load {load!r} of {logger!r} is unknown")
-        if type(at := row.get("round")) is not int:
+        if type(round_number := row.get("round")) is not int:
             raise BadResults(f"{where}: no round")
         expected = CALLER + WORKER + (("", "events", COUNT),) + (QUIET if load == "idle" else ())
         rows = self._metrics.setdefault((load, logger), {})
-        if rows.setdefault(at, metrics := {}) is not metrics:
-            raise BadResults(f"{where}: duplicate result of {load}, {logger} in round {at}")
+        if rows.setdefault(round_number, metrics := {}) is not metrics:
+            raise BadResults(f"{where}: duplicate result of {load}, {logger} in round {round_number}")
         metrics.update((path, number(row, path, where)) for _, path, _ in expected)
 
     def __call__(self, load, logger, metric):
         """Returns the values of all rounds; None if one is missing."""
         rows = self._metrics.get((load, logger), {})
-        values = [rows[at][metric] for at in sorted(rows)]
+        values = [rows[round_number][metric] for round_number in sorted(rows)]
         return values if values and None not in values else None
 
 
@@ -409,7 +410,8 @@ def growth_charts(end_to_end, micro):
                   [(x, values(load, logger, metric)) for load, x in xs.items()]) for logger in loggers])
 
     def in_mib(load, logger, metric):  # Not in KiB: the ticks of a logarithmic scale are powers of ten of the unit.
-        return [kib / 1024 for kib in end_to_end(load, logger, metric)]
+        values = end_to_end(load, logger, metric)
+        return values and [kib / 1024 for kib in values]
 
     def per_action(name, colour, action):
         return curve(name, colour, TIME, [(size, micro(f"State/{action}/{size}")) for size in CONDITIONS])
