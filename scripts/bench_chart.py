@@ -123,10 +123,10 @@ def curve_svg(curve, x_of, y_axis, label_y):
     yield text_at(WIDTH - CURVE_RIGHT + 14, label_y, f"{curve.label}: {curve.text}", fill=curve.colour)
 
 
-def label_positions(wanted, lowest):
-    """Returns y coordinates near the wanted ones, at least a line of text apart."""
+def label_positions(wanted, bottom):
+    """Returns y coordinates near the wanted ones, at least a line of text apart; none is below `bottom`."""
     positions = [0] * len(wanted)
-    next_free = lowest
+    next_free = bottom
     for i in sorted(range(len(wanted)), key=wanted.__getitem__, reverse=True):
         positions[i] = min(wanted[i] + 5, next_free)
         next_free = positions[i] - FONT - 3
