@@ -24,20 +24,6 @@ using SharedGeneration = std::shared_ptr<oxEventSinkGeneration>;
 
 constexpr uint32_t kReloadTimeoutMs = 1000;  // For draining each sink that a reload has replaced.
 
-// Stands for an enabled sink of a type that this library does not know: accepts every event and does nothing.
-class oxEventPlaceholderSink : public oxEventSink {
- public:
-  explicit oxEventPlaceholderSink(const oxEventSinkConfig& config) : oxEventSink(config.minimum_severity) {}
-
- private:
-  uint32_t Deliver(const oxEventNormalizedEvent&, uint64_t*, std::string*) override { return OXEVENT_OK; }
-};
-
-uint32_t CreatePlaceholderSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string*) {
-  *out = std::make_shared<oxEventPlaceholderSink>(config);
-  return OXEVENT_OK;
-}
-
 auto FactoryOf(oxEventSinkType type) {
   switch (type) {
     case oxEventSinkType::kCsv:
@@ -52,9 +38,9 @@ auto FactoryOf(oxEventSinkType type) {
     case oxEventSinkType::kSnmpTrap:
       return oxEventCreateSnmpTrapSink;
     case oxEventSinkType::kAlertmanager:
-      return oxEventCreateAlertmanagerSink;
+      break;
   }
-  return CreatePlaceholderSink;
+  return oxEventCreateAlertmanagerSink;
 }
 
 const char* SectionOf(oxEventSinkType type) {
