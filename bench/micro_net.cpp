@@ -139,7 +139,7 @@ void HttpPost(benchmark::State& state, const std::string& url) {
   config.type = oxEventSinkType::kWebhookHttp;
   config.endpoint_url = url;
   std::shared_ptr<oxEventSink> sink;
-  if (oxEventCreateCloudEventsHttpSink(config, &sink, nullptr) != OXEVENT_OK)
+  if (oxEventCreateHttpSink(config, &sink, nullptr) != OXEVENT_OK)
     return state.SkipWithError("the sink was not created");
   if (sink->Submit(event, nullptr, nullptr) != OXEVENT_OK) return state.SkipWithError("the first request failed");
   Repeat(state, [&] { return sink->Submit(event, nullptr, nullptr) == OXEVENT_OK; });

@@ -283,7 +283,7 @@ void CheckWebhook(const Event& event, Input& in) {
     std::erase_if(*text, [](char c) { return c < 0; });  // The byte that separates the headers is one of these.
   }
   std::shared_ptr<oxEventSink> sink;
-  CHECK_EQ(oxEventCreateCloudEventsHttpSink(config, &sink, nullptr), OXEVENT_OK);
+  CHECK_EQ(oxEventCreateHttpSink(config, &sink, nullptr), OXEVENT_OK);
   g_headers.clear();
   const uint32_t result = sink->Submit(event, nullptr, nullptr);
   if (config.bearer_token.find_first_of("\r\n") != std::string::npos) {  // A line break would start another header.

@@ -57,7 +57,7 @@ struct oxEventHttpSink : testing::Test {
   // Returns what a new sink posts for an event, followed by the sink's error.
   string Post() const {
     g_posts.clear();
-    const string error = SubmitThroughNewSink(oxEventCreateCloudEventsHttpSink, config);
+    const string error = SubmitThroughNewSink(oxEventCreateHttpSink, config);
     EXPECT_EQ(g_responses, 0);
     return g_posts + error;
   }

@@ -67,8 +67,8 @@ uint32_t oxEventCreateSyslogUdpSink(const oxEventSinkConfig& config, std::shared
                                     std::string* error);
 uint32_t oxEventCreateNativeSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                  std::string* error);
-uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
-                                          std::string* error);  // For a webhook too.
+uint32_t oxEventCreateHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
+                               std::string* error);  // Webhooks and CloudEvents.
 uint32_t oxEventCreateSnmpTrapSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
                                    std::string* error);
 uint32_t oxEventCreateAlertmanagerSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,

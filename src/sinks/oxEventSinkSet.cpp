@@ -34,7 +34,7 @@ auto FactoryOf(oxEventSinkType type) {
       return oxEventCreateNativeSink;
     case oxEventSinkType::kCloudEventsHttp:
     case oxEventSinkType::kWebhookHttp:
-      return oxEventCreateCloudEventsHttpSink;
+      return oxEventCreateHttpSink;
     case oxEventSinkType::kSnmpTrap:
       return oxEventCreateSnmpTrapSink;
     case oxEventSinkType::kAlertmanager:

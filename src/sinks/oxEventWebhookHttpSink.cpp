@@ -170,7 +170,6 @@ uint32_t CheckSettings(const oxEventSinkConfig& config, std::string* error) {
 
 }  // namespace
 
-uint32_t oxEventCreateCloudEventsHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out,
-                                          std::string* error) {
+uint32_t oxEventCreateHttpSink(const oxEventSinkConfig& config, std::shared_ptr<oxEventSink>* out, std::string* error) {
   return oxEventCreateSink<oxEventWebhookHttpSink>(oxEventErrors::kWebhookOutput, config, out, error, CheckSettings);
 }

@@ -49,9 +49,9 @@ void FixVersion(Sink* sink) { sink->version = "2c"; }
 constexpr StartRequirement kStartRequirements[] = {  // In the order in which a sink checks them.
     {Type::kCsv, "path", LacksPath, FixNothing, oxEventCreateCsvSink},
     {Type::kSyslogUdp, "port", HasBadPort, FixNothing, oxEventCreateSyslogUdpSink, kPortRemedy},
-    {Type::kCloudEventsHttp, "endpoint_url", LacksUrl, FixNothing, oxEventCreateCloudEventsHttpSink},
-    {Type::kWebhookHttp, "endpoint_url", LacksUrl, FixNothing, oxEventCreateCloudEventsHttpSink},
-    {Type::kWebhookHttp, "payload_mode", HasBadMode, FixUrl, oxEventCreateCloudEventsHttpSink},
+    {Type::kCloudEventsHttp, "endpoint_url", LacksUrl, FixNothing, oxEventCreateHttpSink},
+    {Type::kWebhookHttp, "endpoint_url", LacksUrl, FixNothing, oxEventCreateHttpSink},
+    {Type::kWebhookHttp, "payload_mode", HasBadMode, FixUrl, oxEventCreateHttpSink},
     {Type::kSnmpTrap, "version", HasBadVersion, FixNothing, oxEventCreateSnmpTrapSink},
     {Type::kSnmpTrap, "port", HasBadSnmpPort, FixVersion, oxEventCreateSnmpTrapSink, kPortRemedy}};
 
