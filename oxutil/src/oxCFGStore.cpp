@@ -218,12 +218,12 @@ bool oxCFGStore::CheckAndIndex(pugi::xml_node node) {
       return Fail(kBadReference, node.offset_debug() + static_cast<ptrdiff_t>(bad));
     }
   }
-  if (!CheckAttributes(node)) return false;
+  if (!CheckAndEscapeAttributes(node)) return false;
   AddToIndex(node);
   return true;
 }
 
-bool oxCFGStore::CheckAttributes(pugi::xml_node node) {
+bool oxCFGStore::CheckAndEscapeAttributes(pugi::xml_node node) {
   for (pugi::xml_attribute attribute : node.attributes()) {
     std::string_view raw = attribute.value();
     if (const size_t bad = oxCFGFindBadReference(raw); bad != raw.npos) {

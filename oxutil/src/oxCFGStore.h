@@ -113,7 +113,7 @@ class oxCFGStore {
 
   bool Parse(std::string_view bytes);
   bool CheckAndIndex(pugi::xml_node node);
-  bool CheckAttributes(pugi::xml_node node);
+  bool CheckAndEscapeAttributes(pugi::xml_node node);
   bool Fail(const char* reason, ptrdiff_t offset);
   size_t BomSize() const;  // Size of the byte order mark at the start of the file, or 0.
   std::optional<IndexKey> IndexKeyOf(pugi::xml_node node) const;
