@@ -96,6 +96,7 @@ struct FaultTest : testing::Test {
     }
     EXPECT_EQ(counters.emitted, callbacks);
     EXPECT_LE(failures, counters.sink_failures);
+    EXPECT_EQ(counters.submitted - counters.emitted - counters.dropped, counters.failed_evaluations);
   }
 
   using Act = std::function<uint32_t()>;

@@ -152,7 +152,8 @@ oxEventCounters oxEventRouter::GetCounters() {
           std::reduce(drops.begin(), drops.end()),
           run->sink_failures,
           run->sink_warnings,
-          drops};
+          drops,
+          run->failed_evaluations};
 }
 
 void oxEventRouter::Close() {

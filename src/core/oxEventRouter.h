@@ -15,14 +15,15 @@
 #include "core/oxEventSubmitSlots.h"
 
 // While no call is under way, submitted = emitted + dropped + turned away by a stopping queue (OXEVENT_NOT_INITIALIZED)
-//   + failed evaluations + pending + active.
+//   + failed_evaluations + pending + active.
 struct oxEventCounters {
   uint64_t submitted = 0;      // Submit calls while running, before any filter.
   uint64_t emitted = 0;        // Passed to the sinks, whether or not they succeeded.
   uint64_t dropped = 0;        // The sum of drops_by_reason.
-  uint64_t sink_failures = 0;  // One for each event and failed sink, and one for each failed evaluation.
+  uint64_t sink_failures = 0;  // One for each event and failed sink, and one for each of the failed_evaluations.
   uint64_t sink_warnings = 0;
   oxEventDropCounts drops_by_reason = {};
+  uint64_t failed_evaluations = 0;  // There was no memory. Not published to other processes.
 };
 
 // Connects the queue, the state and the sinks; owns the worker thread and the counters. The time from Start to Stop is

@@ -83,6 +83,7 @@ void oxEventRouter::Run::Deliver(oxEventNormalizedEvent* event) {
     return;
   }
   if (status != OXEVENT_OK) {
+    ++failed_evaluations;
     ++sink_failures;
     return;
   }

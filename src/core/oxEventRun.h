@@ -35,6 +35,7 @@ class oxEventRouter::Run {
   oxEventQueue queue{&drops};
   oxEventState state;
   std::atomic<uint64_t> emitted = 0;
+  std::atomic<uint64_t> failed_evaluations = 0;
   std::atomic<uint64_t> sink_failures = 0;
   std::atomic<uint64_t> sink_warnings = 0;
 

@@ -28,12 +28,14 @@ class ReportPrinter {
     if (result_.refused != 0) PrintProblem("refused: " + std::to_string(result_.refused));
     PrintDrops();
     if (result_.gave_up) {
-      PrintProblem("given up: " + std::to_string(counters.submitted - counters.emitted - counters.dropped) +
-                   " still waiting for a sink");
+      PrintProblem(
+          "given up: " +
+          std::to_string(counters.submitted - counters.emitted - counters.dropped - counters.failed_evaluations) +
+          " still waiting for a sink");
     }
-    const uint64_t sink_failures = PrintSinks();
-    if (counters.sink_failures > sink_failures) {
-      PrintProblem("not evaluated, out of memory: " + std::to_string(counters.sink_failures - sink_failures));
+    PrintSinks();
+    if (counters.failed_evaluations != 0) {
+      PrintProblem("not evaluated, out of memory: " + std::to_string(counters.failed_evaluations));
     }
     if (!result_.flushed && succeeded_) PrintProblem("flush: " + WithRemedy(oxEventSinkGetLastError()));
     return succeeded_;
@@ -136,16 +138,14 @@ class ReportPrinter {
     PrintSuccess(name + std::to_string(accepted) + DescribeDelivery(sink));
   }
 
-  // Prints the result of each sink. Returns the sum of their failures.
-  uint64_t PrintSinks() {
+  // Prints the result of each sink.
+  void PrintSinks() {
     // The enabled sinks in the order of the settings, then the callbacks.
     const std::vector<oxEventSinkStatus> statuses = oxEventSinkReport();
-    uint64_t failures = 0;
     uint32_t min_severity = UINT32_MAX;
     auto status = statuses.begin();
     for (const oxEventSinkConfig& sink : config_.sinks) {
       if (!sink.enabled || status == statuses.end()) continue;
-      failures += status->failures;
       if (sink.type != oxEventSinkType::kAlertmanager) min_severity = std::min(min_severity, sink.minimum_severity);
       PrintSink(sink, *status++);
     }
@@ -156,7 +156,6 @@ class ReportPrinter {
       PrintProblem("reached no sink: " + std::to_string(without_sink) +
                    ", below the minimum_severity of every enabled sink that delivers events");
     }
-    return failures;
   }
 
   const oxEventConfig& config_;

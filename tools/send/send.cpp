@@ -142,9 +142,10 @@ class Sender {
         result_->flushed = false;
         break;
       }
-      idle = counters.emitted + counters.dropped == counters.submitted;
-      if (counters.emitted + counters.dropped != done) since = Clock::now();
-      done = counters.emitted + counters.dropped;
+      const uint64_t now_done = counters.emitted + counters.dropped + counters.failed_evaluations;
+      idle = now_done == counters.submitted;
+      if (now_done != done) since = Clock::now();
+      done = now_done;
       if (options_.wait_s != 0 && Clock::now() - since >= std::chrono::seconds(options_.wait_s)) {
         result_->gave_up = true;
         oxEventSinkFlush(kSliceMs);
