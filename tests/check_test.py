@@ -216,6 +216,7 @@ class CheckTest(unittest.TestCase):
         self.expect({"sink/csv/ a": {}}, "sink/csv/ a: warning blanks")
         self.expect({"sink/csv/enabled": {"flush_each_event": 0}})
         self.expect({"udp/a": {"app_name": "x"}}, r"udp: warning misplaced: * it belongs in QVX\Events\sink\syslog")
+        self.expect({"udp/a": {"unknown": "x"}}, "udp: warning unknown-key")
         self.expect({"zz": {"community": "x", "path": "a", "flush_each_event": 0}},
                     r"zz: warning misplaced: * its settings belong in QVX\Events\sink\csv\zz")
         for values, place in (({"host": "h", "port": 1}, r"syslog\udp"), (ON | {"path": "x"}, "csv")):

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <span>
 #include <utility>
 
 namespace {
@@ -229,7 +230,11 @@ void oxEventActiveTable::HalveDirectory() {
     const size_t size = size_t{1} << (depth_ - 1);
     std::unique_ptr<Segment*[]> directory(new (std::nothrow) Segment*[size]);
     Segment** const entries = directory != nullptr ? directory.get() : directory_.get();
-    for (size_t i = 0; i < size; ++i) entries[i] = directory_[2 * i];
+    Segment** from = directory_.get();
+    for (Segment*& entry : std::span(entries, size)) {
+      entry = *from;
+      from += 2;
+    }
     if (directory != nullptr) directory_ = std::move(directory);
   }
 }
