@@ -218,7 +218,7 @@ class StatTest(unittest.TestCase):
         newer.write_bytes(contents.replace(version, b"oxEvent\0" + (2).to_bytes(8, sys.byteorder)))
         host = self.start_host(library=newer)
         self.do(host, "oxevent.load()")
-        self.assert_fails(self.run_tool(host.pid), 1, "layout has version 2, not 1")
+        self.assert_fails(self.run_tool(host.pid), 1, "in format version 2, but this oxevent-stat reads version 1")
         self.assert_fails(self.run_tool(2**31 - 1), 1, "there is no process 2147483647")
         self.assert_fails(self.run_tool("no such process"), 1, "there is no process 'no such process'")
         self.assert_fails(self.run_tool(0), 2, "PID: '0' is not")

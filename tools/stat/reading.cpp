@@ -28,9 +28,10 @@ class BlockReader {
     const auto before = Sequences();
     const auto block = Get<oxEventStatBlock>(address_);
     if (block.version != kOxEventStatVersion) {
-      throw std::runtime_error("process " + std::to_string(process_.Pid()) +
-                               " has a library whose layout has version " + std::to_string(block.version) + ", not " +
-                               std::to_string(kOxEventStatVersion) + "; use the oxevent-stat of the library's version");
+      throw std::runtime_error("the library in process " + std::to_string(process_.Pid()) +
+                               " publishes its counters in format version " + std::to_string(block.version) +
+                               ", but this oxevent-stat reads version " + std::to_string(kOxEventStatVersion) +
+                               "; use the oxevent-stat that belongs to that library");
     }
     Reading reading;
     reading.pid = process_.Pid();
