@@ -95,10 +95,10 @@ and is not oxevent
 5: error: a.b: the type has no action
 5: error: a.b: the type has no meaning
 6: error: a.b: the severity must be one of debug, info, warning, error, not 'fatal'
-7: error: a.b: the key severity is already in line 6
+7: error: a.b: the key severity is already on line 6
 8: error: a.b: the line must be KEY = TEXT; a line that continues a text must be indented
 10: error: the line must be a type in brackets, without blanks around the type
-11: error: A-B.severity: the constant A_B_SEVERITY belongs to the type in line 5
+11: error: A-B.severity: the constant A_B_SEVERITY belongs to the type on line 5
 11: error: A-B.severity: the type has no action
 11: error: A-B.severity: the type has no meaning
 11: error: A-B.severity: the type has no severity
@@ -106,7 +106,7 @@ and is not oxevent
 14: error: the line contains the control character U+001B
 15: error: the line is not UTF-8
 16: error: ä: the runbook must be an http or https URL
-17: error: a.b: the section is already in line 5
+17: error: a.b: the section is already on line 5
 """
 
 

@@ -133,7 +133,7 @@ class Catalogue:
         if not text.endswith("]") or section.title.strip() != section.title or not section.title:
             self.fail(line, "the line must be a type in brackets, without blanks around the type")
         elif section.title in self.sections:
-            self.fail(line, f"the section is already in line {self.sections[section.title].line}", section)
+            self.fail(line, f"the section is already on line {self.sections[section.title].line}", section)
         else:
             self.sections[section.title] = section
         return section
@@ -148,7 +148,7 @@ class Catalogue:
         elif key not in section.keys:
             self.fail(line, f"unknown key '{key}'; allowed keys: {', '.join(section.keys)}", section)
         elif key in section.lines:
-            self.fail(line, f"the key {key} is already in line {section.lines[key]}", section)
+            self.fail(line, f"the key {key} is already on line {section.lines[key]}", section)
         else:
             section.texts[key], section.lines[key] = texts, line
         return texts
@@ -181,7 +181,7 @@ class Catalogue:
         for section in sorted(self.types, key=lambda section: section.line):
             taken = next((name for name in section.constants() if name in owners), None)
             if taken:
-                self.fail(section.line, f"the constant {taken} belongs to the type in line {owners[taken]}", section)
+                self.fail(section.line, f"the constant {taken} belongs to the type on line {owners[taken]}", section)
             owners = dict.fromkeys(section.constants(), section.line) | owners
 
     def message_id(self, section):
