@@ -159,9 +159,10 @@ OXEVENT_API uint32_t oxEventFlush(uint32_t timeout_ms);
 
 /*
  * Reloads the settings and applies them. Raised conditions and callbacks are kept, and so are as many queued events as
- * the new queue_size allows; they go to the new sinks. config_path null or empty: the file of the last successful
- * oxEventInitialize or oxEventReloadConfig. Concurrent reloads run one after another. oxEventShutdown does not wait for
- * a reload that is still reading the file or resolving host names; that reload then applies nothing.
+ * the new queue_size allows; they go to the new sinks, and are not checked against the new values of enabled and
+ * minimum_severity in the section core. config_path null or empty: the file of the last successful oxEventInitialize or
+ * oxEventReloadConfig. Concurrent reloads run one after another. oxEventShutdown does not wait for a reload that is
+ * still reading the file or resolving host names; that reload then applies nothing.
  *
  * OXEVENT_INVALID_ARGUMENT, OXEVENT_FAILURE: as for oxEventInitialize; the previous settings stay in effect. A null or
  * empty config_path is invalid only if the library is not initialized.
@@ -237,8 +238,8 @@ struct oxEventAlertmanagerFormatterConfig {
 /*
  * Formats a record as an Alertmanager document: a list of one alert for POST /api/v2/alerts, stored in *out. An event
  * whose action is "clear", "resolve" or "resolved" resolves the alert that has the same severity, event type and, if it
- * is a label, source_id. If the record has no event_id, its struct_size is used instead; a record passed to a callback
- * always has one. Works without oxEventInitialize.
+ * is a label, source_id. If event_id is 0, the annotation ox_event_id shows the record's struct_size, because
+ * formatting uses up no id. In a callback, event_id is never 0. Works without oxEventInitialize.
  *
  * OXEVENT_INVALID_ARGUMENT: record or out null, or a record that oxEventSubmit would refuse. OXEVENT_FAILURE: out of
  * memory; no other result changes the last error text. After a failure *out is unchanged.
