@@ -156,7 +156,7 @@ void CheckSink(Input& in) {
   if (!ParseOid(config.trap_oid) || !ParseOid(object)) return;
   size_t size = config.community.size() + EncodedSize(config.trap_oid) + 12 * EncodedSize(object);
   for (const auto& [name, max_length] : kObjects) size += std::min(FieldsOf(event)[name].size(), max_length);
-  CHECK(size > 8192 - 250);  // With its tags and lengths, the trap is too long for a datagram.
+  CHECK(size > 8192 - 250);  // With its tags and lengths, the trap exceeds the sink's limit of 8192 bytes.
 }
 
 }  // namespace

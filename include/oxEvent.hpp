@@ -582,7 +582,8 @@ class OXEVENT_HPP_HIDDEN CallbackRegistry {
     slot->Call(*event);
   }
 
-  // Removes and deletes the slot, after a running call has returned. In its own call, leaves that to End.
+  // Removes and deletes the slot, after a running call has returned. If called from within the slot's own call, removes
+  // it now and leaves the deletion to End.
   static void Remove(CallbackSlot* slot) noexcept {
     CallbackRegistry* const registry = Current();
     if (slot->registry != registry) return;  // A child leaves the parent's slots alone: a call may have been running.

@@ -27,7 +27,7 @@ static const char kHelp[] =
     "  --count N            stop after N rounds (default 0: never)\n"
     "  --help               print this help and exit\n"
     "\n"
-    "The limit \"off\" disables a check. SIGHUP reloads the settings, SIGINT and SIGTERM stop.\n";
+    "The limit \"off\" disables a check. SIGHUP reloads the settings; SIGINT and SIGTERM stop the program.\n";
 
 enum {
   kHelpOption,

@@ -112,9 +112,9 @@ class ActiveFile {
     std::string source_name{};
     Clock::time_point due = {};
   };
-  // Marks the key of a clear that must not clear the condition itself, which is raised with another severity.
-  // Functions, not constants, which would be unique symbols: these keep dlclose from unloading a plugin.
+  // Functions, because constants would be unique symbols, and such symbols keep dlclose from unloading a plugin.
   static std::chrono::seconds Retry() { return std::chrono::seconds(10); }
+  // Marks the key of a clear that must not clear the condition itself, which is raised with another severity.
   static std::string Former() { return "former alert of "; }
 
   static void OnEvent(const oxEventRecord* event, void* self) { static_cast<ActiveFile*>(self)->Add(*event); }

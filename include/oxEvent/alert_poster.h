@@ -65,8 +65,8 @@ typedef struct oxEventAlertPosterState {
  *
  * *id_out receives the id of the poster, which is never 0.
  *
- * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size without url, url neither http nor https,
- * minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
+ * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size too small to include url, url neither http nor
+ * https, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
  * OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no thread could be
  * started. A failure does not set the last error text.
  */

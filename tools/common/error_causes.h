@@ -133,7 +133,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "Fix the host: operator new may throw only std::bad_alloc."},
     {oxEventErrors::kWindowsInstall, ErrorOrigin::kCall,
      "The host called oxEventInstallWindowsEventSource, which is not available on Linux.",
-     "None needed: on Linux, the sections sink\\native write to the system log without it."},
+     "None needed: on Linux, the sinks below sink\\native write to the system log without it."},
     {oxEventErrors::kWindowsRemove, ErrorOrigin::kCall,
      "The host called oxEventRemoveWindowsEventSource, which is not available on Linux.",
      "None needed: there is no event source to remove on Linux."},
@@ -154,7 +154,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
     {oxEventErrors::kWindowsInstallFailed, ErrorOrigin::kCall,
      "The host called oxEventInstallWindowsEventSource, which is not available on Linux, and there was no memory for "
      "the error text.",
-     "None needed: on Linux, the sections sink\\native write to the system log without it."},
+     "None needed: on Linux, the sinks below sink\\native write to the system log without it."},
     {oxEventErrors::kWindowsRemoveFailed, ErrorOrigin::kCall,
      "The host called oxEventRemoveWindowsEventSource, which is not available on Linux, and there was no memory for "
      "the error text.",
