@@ -177,6 +177,17 @@ TEST_F(AlertListTest, DropsWhatDoesNotFitButResolvesWhatIsActive) {
   EXPECT_EQ(State().active_alerts, 0u);
 }
 
+TEST_F(AlertListTest, UsesTheMemoryOfEndedAlertsAgain) {
+  const std::string long_message(kMaxBytes / 20, 'x');
+  for (int i = 0; i < 100; ++i) {
+    Add({"raise", 2, "a", long_message.c_str()});
+    Add({"clear", 2, "a", long_message.c_str()});
+    StartPost();
+    list_.CompletePost(now_);
+  }
+  EXPECT_EQ(State().dropped, 0u);
+}
+
 // The library.
 
 const Answer kUnavailable = {"HTTP/1.1 503 -\r\nContent-Length: 0\r\n\r\n"};
@@ -212,7 +223,7 @@ class AlertPosterTest : public testing::Test {
 };
 
 TEST_F(AlertPosterTest, RetriesAndRepeats) {
-  HttpServer server({kUnavailable, kUnavailable, kUnavailable, {}});
+  HttpServer server({kUnavailable, kUnavailable, {}});
   const std::string url = server.Url();
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.repeat_interval_ms = 10;
@@ -231,7 +242,7 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
 
 // After three failures, the next post would be due in 4 s.
 TEST_F(AlertPosterTest, StopPostsAtOnce) {
-  const HttpServer server({kUnavailable, kUnavailable, {}});
+  const HttpServer server({kUnavailable, kUnavailable, kUnavailable, {}});
   const std::string url = server.Url();
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.stop_timeout_ms = 3500;

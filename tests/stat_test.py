@@ -105,13 +105,15 @@ class StatTest(unittest.TestCase):
         self.do(host, "oxevent.load()")
         self.assertFalse(self.read(host.pid)["initialized"])
         self.do(host, f"oxevent.initialize({self.settings!r})")
-        self.do(host, "[oxevent.submit('m', severity=s, action='raise') for s in (0, 2, 3)]; oxevent.flush()")
+        self.do(host, "[oxevent.submit('m', severity=s, action='raise') for s in (0, 2, 3)]")
+        self.do(host, "[oxevent.submit('m', dedupe_key='ended', severity=3, action=a) for a in ('raise', 'clear')]")
+        self.do(host, "oxevent.flush()")
         reading = self.read(host.pid)
         self.assertTrue(reading["running"])
         self.assertEqual(reading["queue"], {"pending": 0, "in_delivery": 0, "capacity": 7})
         self.assertEqual([(s["section"], s["delivered"], s["failures"]) for s in reading["sinks"]],
-                         [("sink\\csv", 0, 0), ("callbacks", 1, 0)])
-        self.assertEqual([reading[name] for name in ("submitted", "emitted", "dropped", "conditions")], [3, 1, 2, 1])
+                         [("sink\\csv", 2, 0), ("callbacks", 3, 0)])
+        self.assertEqual([reading[name] for name in ("submitted", "emitted", "dropped", "conditions")], [5, 3, 2, 1])
         self.do(host, "oxevent.reload()")
         self.assertEqual([s["delivered"] for s in self.read(host.pid)["sinks"]], [0, 0])
         child = self.do(host, "pid = os.fork(); pid or wait(); print(pid, end='')").strip()
@@ -119,7 +121,7 @@ class StatTest(unittest.TestCase):
         self.do(host, "oxevent.shutdown()")
         reading = self.read(host.pid)
         self.assertEqual([reading[name] for name in ("initialized", "running", "submitted", "sinks")],
-                         [True, False, 3, []])
+                         [True, False, 5, []])
         self.do(host, "_ctypes.dlclose(oxevent._library._handle)")
         self.assert_fails(self.run_tool(host.pid), 1, "has not loaded the library")
 
