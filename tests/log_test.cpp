@@ -1,7 +1,12 @@
 // The adapters for logging libraries, with the loggers that a host uses.
+#include <spdlog/sinks/ostream_sink.h>
+
 #include <boost/log/core.hpp>
+#include <boost/log/expressions.hpp>
 #include <boost/log/sinks/unlocked_frontend.hpp>
+#include <boost/log/utility/setup/console.hpp>
 #include <boost/make_shared.hpp>
+#include <iostream>
 
 #include "../include/oxEvent/boost_log.hpp"
 #include "../include/oxEvent/glog.hpp"
@@ -13,20 +18,13 @@ namespace {
 using Strings = std::vector<std::string>;
 using namespace oxEvent;
 
-// Each adapter has a logger with a sink of the adapter and, as the logger's other destination, the list of lines.
+// Each has a logger with the sink of an adapter, and with a stream of lines as its other destination.
 struct Spdlog {
-  struct Lines : spdlog::sinks::sink {
-    explicit Lines(Strings* list) : lines(list) {}
-    void log(const spdlog::details::log_msg& record) override { lines->emplace_back(fmt::to_string(record.payload)); }
-    void flush() override {}
-    void set_pattern(const std::string& /*pattern*/) override {}
-    void set_formatter(std::unique_ptr<spdlog::formatter> /*formatter*/) override {}
-    Strings* const lines;
-  };
-
-  explicit Spdlog(Strings* lines) {
+  explicit Spdlog(std::ostream* lines) {
+    const auto to_lines = std::make_shared<spdlog::sinks::ostream_sink_st>(*lines);
+    to_lines->set_pattern("%v");
     logger->set_level(spdlog::level::trace);
-    logger->sinks() = {sink, std::make_shared<Lines>(lines)};
+    logger->sinks() = {sink, to_lines};
   }
   void Log(Severity severity, const char* text) {
     constexpr spdlog::level::level_enum kLevels[] = {spdlog::level::debug, spdlog::level::info, spdlog::level::warn,
@@ -42,17 +40,17 @@ struct Spdlog {
 
 struct Glog {
   struct Lines : google::LogSink {
-    explicit Lines(Strings* list) : lines(list) { google::AddLogSink(this); }
+    explicit Lines(std::ostream* stream) : lines(*stream) { google::AddLogSink(this); }
     ~Lines() override { google::RemoveLogSink(this); }
     using google::LogSink::send;
     void send(google::LogSeverity, const char*, const char*, int, const google::LogMessageTime&, const char* message,
               size_t size) override {
-      lines->emplace_back(message, size);
+      lines << std::string(message, size) << std::endl;
     }
-    Strings* const lines;
+    std::ostream& lines;
   };
 
-  explicit Glog(Strings* list) : lines(list) {}  // Before InitGoogleLogging, glog writes to stderr, not to files.
+  explicit Glog(std::ostream* stream) : lines(stream) {}  // Before InitGoogleLogging, glog writes to no file.
   static void Log(Severity severity, const char* text) {
     constexpr google::LogSeverity kSeverities[] = {google::GLOG_INFO, google::GLOG_INFO, google::GLOG_WARNING,
                                                    google::GLOG_ERROR};
@@ -66,20 +64,10 @@ struct Glog {
 };
 
 struct BoostLog {
-  struct LinesBackend : boost::log::sinks::basic_sink_backend<boost::log::sinks::concurrent_feeding> {
-    explicit LinesBackend(Strings* list) : lines(list) {}
-    void consume(const boost::log::record_view& record) {
-      lines->push_back(*boost::log::extract<std::string>("Message", record));
-    }
-    Strings* const lines;
-  };
-  template <class Backend>
-  using Frontend = boost::log::sinks::unlocked_sink<Backend>;
-
-  explicit BoostLog(Strings* lines) {
-    const auto core = boost::log::core::get();
-    core->add_sink(boost::make_shared<Frontend<BoostLogBackend>>(sink));
-    core->add_sink(boost::make_shared<Frontend<LinesBackend>>(boost::make_shared<LinesBackend>(lines)));
+  explicit BoostLog(std::ostream* lines) {
+    boost::log::core::get()->add_sink(boost::make_shared<boost::log::sinks::unlocked_sink<BoostLogBackend>>(sink));
+    const auto message = boost::log::expressions::stream << boost::log::expressions::smessage;
+    boost::log::add_console_log(*lines, boost::log::keywords::format = message);
     logger.add_attribute("Channel", boost::log::attributes::constant<std::string>("hydraulics"));
   }
   ~BoostLog() { boost::log::core::get()->remove_all_sinks(); }
@@ -111,7 +99,7 @@ struct oxEventLog : testing::Test {
   const HostFolder folder{};
   Strings events;
   Strings details;
-  Strings lines;  // What the logger's other destination has got.
+  std::ostringstream lines;
   Adapter adapter{&lines};
   std::optional<Session> session;
   Callback recorder;
@@ -165,8 +153,11 @@ TYPED_TEST(oxEventLog, NothingIsReportedOrLoggedTwice) {
   ASSERT_FALSE(Flush());
   ASSERT_FALSE(Flush());  // A second time, for what the first events might have caused.
   EXPECT_EQ(this->events.size(), 3u);
-  std::sort(this->lines.begin(), this->lines.end());
-  EXPECT_EQ(this->lines, (Strings{"event: watched", "fan.stopped fan-2 raise: Fan stopped", "logged"}));
+  const std::string text = this->lines.str();
+  for (const char* const line : {"logged\n", "event: watched\n", "fan.stopped fan-2 raise: Fan stopped\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << "is not in:\n" << text;
+  }
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3) << text;
 }
 
 TYPED_TEST(oxEventLog, CountsTheRecordsThatTheLibraryRefuses) {
@@ -181,8 +172,7 @@ TEST(oxEventGlog, AFatalRecordIsDeliveredBeforeTheProcessEnds) {
   WriteSettings(folder.path + "/settings", csv);
   InChild([&] {
     const Session session((folder.path + "/settings").c_str());
-    Strings lines;
-    const Glog adapter(&lines);
+    const Glog adapter(&std::cerr);
     LOG(FATAL) << "corrupt";
     return 0;
   });
