@@ -86,6 +86,10 @@ meaning = m\x1b[0m
 action = \xe9
 runbook = ftp://h.example/
 [a.b]
+severity = info
+meaning = m
+[catalogue]
+name = X
 """
 WRONG_REPORT = """\
 1: error: the line is not in a section
@@ -107,6 +111,10 @@ and is not oxevent
 15: error: the line is not UTF-8
 16: error: ä: the runbook must be an http or https URL
 17: error: a.b: the section is already on line 5
+17: error: a.b: the type has no action
+20: error: the section is already on line 2
+21: error: the section [catalogue] must have a name of lower-case ASCII letters and digits, which begins with a letter \
+and is not oxevent
 """
 
 

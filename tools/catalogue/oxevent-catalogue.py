@@ -91,10 +91,11 @@ class Catalogue:
 
     def __init__(self, data):
         self.errors, self.sections = [], {}
+        self.repeated = []  # Sections whose title an earlier section has: checked, but not used.
         self.read(self.decode(data))
         self.types = [self.sections[title] for title in sorted(self.sections) if self.sections[title].is_type]
         self.check_head()
-        for section in self.types:
+        for section in self.types + [section for section in self.repeated if section.is_type]:
             self.check_type(section)
         self.check_constants()
         self.errors.sort()
@@ -134,6 +135,7 @@ class Catalogue:
             self.fail(line, "the line must be a type in brackets, without blanks around the type")
         elif section.title in self.sections:
             self.fail(line, f"the section is already on line {self.sections[section.title].line}", section)
+            self.repeated.append(section)
         else:
             self.sections[section.title] = section
         return section
@@ -156,9 +158,10 @@ class Catalogue:
     def check_head(self):
         head = self.sections.get("catalogue", Section("catalogue", 1))
         self.name = head["name"]
-        if not re.fullmatch("[a-z][a-z0-9]*", self.name) or self.name == "oxevent":
-            self.fail(head.line_of("name"), "the section [catalogue] must have a name of lower-case ASCII letters and "
-                      "digits, which begins with a letter and is not oxevent")
+        for section in (head, *(section for section in self.repeated if not section.is_type)):
+            if not re.fullmatch("[a-z][a-z0-9]*", section["name"]) or section["name"] == "oxevent":
+                self.fail(section.line_of("name"), "the section [catalogue] must have a name of lower-case ASCII "
+                          "letters and digits, which begins with a letter and is not oxevent")
         if not self.types:
             self.fail(head.line, "the catalogue has no type")
 
