@@ -42,6 +42,8 @@ oxevent-stat --listen 9464 oxevent-watch
 CAVEATS = {"oxevent-check": """\
 The library may not start with a file in which the tool finds no error, because the tool does not do all that a start
 does: for example, it does not notice that the host name of a syslog or SNMP sink cannot be resolved.
+It tests whether the file of a CSV sink can be written only if its path is absolute: a relative path depends on the
+working directory of the host.
 
 If a section below sink\\native is enabled, the tool connects to the socket /dev/log, without sending anything, to see whether
 there is a system log. A missing system log is only a note, because the file may be meant for another machine.

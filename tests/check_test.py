@@ -190,7 +190,10 @@ class CheckTest(unittest.TestCase):
                     f"{SYSLOG}/port: error sink-refused: * -> Set a port from 0 to 65535; 0 means the default port.",
                     f"{SNMP}/version: error sink-refused: SNMPv3 ",
                     f"{SNMP}/port: error sink-refused: *127.0.0.1:70000 ")
-        self.expect({SYSLOG: {"port": "x"}}, f"{SYSLOG}/port: warning no-number: 'x' is not a number from 0 to ")
+        self.expect({SYSLOG: {"port": "x"}},
+                    f"{SYSLOG}/port: warning no-number: 'x' is not a number from 0 to 65535: * -> Write only digits.")
+        self.expect({"core": {"queue_size": "5000000000"}},
+                    "core/queue_size: warning no-number: * -> Set a number from 1 to 4294967295.")
         self.expect({"core": {"drop_policy": "drop_nevest", "minimum_severity": "critical"}},
                     "core/drop_policy: error *; did you mean drop_newest?",
                     "core/minimum_severity: error *; error is the highest ")
@@ -281,10 +284,13 @@ class CheckTest(unittest.TestCase):
         Path("old").touch()
         Path("ro").mkdir()
         read_only = ["unshare", "--map-root-user", "-m", "sh", "-c", 'mount -t tmpfs -o ro none ro && exec "$@"', "sh"]
-        for path, expected in (("old", "[]"), ("new/x", "[]"), ("old/a/x", f"({here}/old: Not a directory)"),
-                               ("ro/x", f"({here}/ro: Read-only file system)")):
+        for path, status, expected in (("old", 0, "[]"), ("new/x", 0, "[]"),
+                                       ("old/a/x", 1, f"({here}/old: Not a directory)"),
+                                       ("ro/x", 0, f"({here}/ro: Read-only file system)")):
             self.write({NATIVE: OFF, CSV: ON | {"path": f"{here}/{path}"}})
-            self.assertIn(expected, subprocess.check_output([*read_only, TOOL, "--json", "0.xml"], text=True), path)
+            done = subprocess.run([*read_only, TOOL, "--json", "0.xml"], capture_output=True, text=True, check=False)
+            self.assertIn(expected, done.stdout, path)
+            self.assertEqual(done.returncode, status, path)
         self.assertFalse(Path("new").exists())
 
     def test_events_that_reach_no_sink(self):

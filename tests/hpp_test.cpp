@@ -166,6 +166,23 @@ TEST_F(oxEventHpp, ConditionEndsTheAlarmOnlyIfAskedTo) {
                               "1 event  oxEvent c: clear ended 0", "1 event  oxEvent d: raise raised 0"}));
 }
 
+TEST_F(oxEventHpp, ActiveFileReportsASuppressedClear) {
+  const std::string no_orphans = folder.path + "/no_orphans.xml";
+  WriteSettings(no_orphans, "", {{"state\\route_orphan_clear", "0"}});
+  const std::string file = folder.path + "/conditions";
+  ActiveFile::Options options;
+  options.grace = std::chrono::milliseconds(0);
+  std::error_code error;
+  {
+    const ActiveFile previous(file, options, error);
+    const Session session(no_orphans.c_str());
+    EXPECT_FALSE(Event("m").action("raise").Submit());
+  }
+  ActiveFile conditions(file, options, error);
+  const Session session(no_orphans.c_str());
+  EXPECT_EQ(conditions.Poll(), std::errc::operation_not_permitted);
+}
+
 #ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
 TEST_F(oxEventHpp, ActiveFileTriesAFailedClearAgainAtTheNextPoll) {
   const std::string file = folder.path + "/conditions";

@@ -192,6 +192,7 @@ TEST_F(AlertListTest, UsesTheMemoryOfEndedAlertsAgain) {
 
 const Answer kUnavailable = {"HTTP/1.1 503 -\r\nContent-Length: 0\r\n\r\n"};
 const Answer kNoAnswer = {""};
+const std::string kPath = "/api/v2/alerts";
 
 class AlertPosterTest : public testing::Test {
  protected:
@@ -224,7 +225,7 @@ class AlertPosterTest : public testing::Test {
 
 TEST_F(AlertPosterTest, RetriesAndRepeats) {
   HttpServer server({kUnavailable, kUnavailable, {}});
-  const std::string url = server.Url();
+  const std::string url = server.Url() + kPath;
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.repeat_interval_ms = 10;
   config.headers = "Authorization: Bearer t";
@@ -243,7 +244,7 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
 // After three failures, the next post would be due in 4 s.
 TEST_F(AlertPosterTest, StopPostsAtOnce) {
   const HttpServer server({kUnavailable, kUnavailable, kUnavailable, {}});
-  const std::string url = server.Url();
+  const std::string url = server.Url() + kPath;
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.stop_timeout_ms = 3500;
   oxEvent::AlertPoster poster(config);
@@ -255,7 +256,7 @@ TEST_F(AlertPosterTest, StopPostsAtOnce) {
 // A post that is started during a stop times out with the stop. Otherwise the stop would take 100 s.
 TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
   const HttpServer server({kUnavailable, kNoAnswer});
-  const std::string url = server.Url();
+  const std::string url = server.Url() + kPath;
   oxEventAlertPosterConfig config = Config(url.c_str());
   config.stop_timeout_ms = 2000;
   oxEvent::AlertPoster poster(config);
@@ -267,11 +268,30 @@ TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
   EXPECT_EQ(poster.Stop(), 0u) << "the poster is stopped already";
 }
 
+TEST_F(AlertPosterTest, RefusesUrlsThatNoAlertmanagerHas) {
+  const struct {
+    const char* url;
+    uint32_t result;
+  } cases[] = {{"ftp://host/api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
+               {"http://host", OXEVENT_INVALID_ARGUMENT},
+               {"http://host/api/v1/alerts", OXEVENT_INVALID_ARGUMENT},
+               {"http://host/api/v2/alerts/", OXEVENT_INVALID_ARGUMENT},
+               {"http://host/?to=/api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
+               {"http:///api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
+               {"http://api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
+               {"http://host:909399/api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
+               {"http://host:65535/prefix/api/v2/alerts", OXEVENT_OK},
+               {"https://user:99999@[::1]/api/v2/alerts", OXEVENT_OK}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    const oxEventAlertPosterConfig config = Config(c.url);
+    EXPECT_EQ(oxEvent::AlertPoster(config).Result(), c.result);
+  }
+}
+
 TEST_F(AlertPosterTest, RefusesInvalidArguments) {
-  oxEventAlertPosterConfig config = Config("ftp://host/");
+  oxEventAlertPosterConfig config = Config("http://host/api/v2/alerts");
   uint32_t id = 0;
-  EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
-  config.url = "http://host/";
   config.headers = "A: b\r\nC: d";
   EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
   config.headers = nullptr;

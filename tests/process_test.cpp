@@ -332,7 +332,7 @@ struct Poster {
     uint16_t port = 0;
     alertmanager = LoopbackSocket(AF_INET, SOCK_STREAM, &port);
     Check(listen(alertmanager, 1), 0);
-    const std::string url = "http://127.0.0.1:" + std::to_string(port);
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/api/v2/alerts";
     oxEventAlertPosterConfig config = {};
     config.struct_size = sizeof(config);
     config.url = url.c_str();
@@ -401,6 +401,7 @@ TEST_F(ProcessTest, TheFirstHttpRequestsDoNotNeedTheLoader) {
   });
 }
 
+#ifndef OXEVENT_SANITIZED  // The check of virtual tables needs a descriptor.
 // A thread that loaded the HTTP module later would block an unload, which waits for it with the loader locked.
 TEST_F(ProcessTest, APosterStartsOnlyWithTheHttpModule) {
   ExpectExit(0, [] {
@@ -408,7 +409,7 @@ TEST_F(ProcessTest, APosterStartsOnlyWithTheHttpModule) {
     const decltype(&oxEventAlertPosterStart) start = library.Find("oxEventAlertPosterStart");
     oxEventAlertPosterConfig config = {};
     config.struct_size = sizeof(config);
-    config.url = "http://127.0.0.1:1/";
+    config.url = "http://127.0.0.1:1/api/v2/alerts";
     uint32_t id = 0;
     rlimit files;
     getrlimit(RLIMIT_NOFILE, &files);
@@ -419,6 +420,7 @@ TEST_F(ProcessTest, APosterStartsOnlyWithTheHttpModule) {
     Check(start(&config, &id), OXEVENT_OK);
   });
 }
+#endif
 
 TEST_F(ProcessTest, AChildHasNoPosterButMayStartOne) {
   ExpectExit(0, [] {

@@ -116,7 +116,8 @@ class StatTest(unittest.TestCase):
         self.assertEqual([reading[name] for name in ("submitted", "emitted", "dropped", "conditions")], [5, 3, 2, 1])
         self.do(host, "oxevent.reload()")
         self.assertEqual([s["delivered"] for s in self.read(host.pid)["sinks"]], [0, 0])
-        child = self.do(host, "pid = os.fork(); pid or wait(); print(pid, end='')").strip()
+        fork = "pid = os.fork(); pid or (os.write(forked[1], b'x'), wait()); os.read(forked[0], 1)"
+        child = self.do(host, f"forked = os.pipe(); {fork}; print(pid, end='')").strip()
         self.assertEqual([self.read(child)[name] for name in ("initialized", "submitted", "sinks")], [False, 0, []])
         self.do(host, "oxevent.shutdown()")
         reading = self.read(host.pid)

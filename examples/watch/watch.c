@@ -20,6 +20,8 @@
 
 typedef struct Watcher {
   Options options;
+  uint32_t posters[kMaxAlertmanagers];  // One for each URL in the options.
+  bool post_failed[kMaxAlertmanagers];  // Whether the first failure of the poster is printed.
   char* host;
   char* directory;  // This and `spool` are as in the options, but valid UTF-8 on one line.
   char* spool;
@@ -195,6 +197,18 @@ static int WaitForSignal(const sigset_t* signals, uint64_t deadline_ms) {
   }
 }
 
+// Prints the first failed post of each poster: it tells an error in the URL from an Alertmanager that is down.
+static void PrintFailedPosts(Watcher* watcher) {
+  for (size_t i = 0; i < watcher->options.alertmanager_count; ++i) {
+    oxEventAlertPosterState state = {.struct_size = sizeof(state)};
+    if (watcher->post_failed[i] || oxEventAlertPosterGetState(watcher->posters[i], &state) != OXEVENT_OK) continue;
+    watcher->post_failed[i] = state.failed_posts + state.refused > 0;
+    if (!watcher->post_failed[i]) continue;
+    fprintf(stderr, "oxevent-watch: a post to %s failed; HTTP status of the last post: %d%s\n",
+            watcher->options.alertmanagers[i], (int)state.last_status, state.last_status == 0 ? " (no response)" : "");
+  }
+}
+
 static void Watch(Watcher* watcher, const sigset_t* signals) {
   const Options* options = &watcher->options;
   uint64_t deadline_ms = MonotonicMs();
@@ -205,6 +219,7 @@ static void Watch(Watcher* watcher, const sigset_t* signals) {
     if (deadline_ms < MonotonicMs()) deadline_ms = MonotonicMs();  // Skips missed rounds.
     int signal = 0;
     while ((signal = WaitForSignal(signals, deadline_ms)) == SIGHUP) Reload(watcher);
+    PrintFailedPosts(watcher);
     if (signal != 0) return;
   }
 }
@@ -254,19 +269,20 @@ static int Run(Watcher* watcher) {
   sigprocmask(SIG_BLOCK, &signals, NULL);
 
   const Options* options = &watcher->options;
-  uint32_t posters[kMaxAlertmanagers] = {0};
   for (size_t i = 0; i < options->alertmanager_count; ++i) {
     const oxEventAlertPosterConfig config = {.struct_size = sizeof(config), .url = options->alertmanagers[i]};
-    const uint32_t result = oxEventAlertPosterStart(&config, &posters[i]);
+    const uint32_t result = oxEventAlertPosterStart(&config, &watcher->posters[i]);
     if (result == OXEVENT_OK) continue;
-    fprintf(stderr, "oxevent-watch: cannot post alerts to %s: 0x%x\n", config.url, (unsigned)result);
+    const char* reason = result == OXEVENT_INVALID_ARGUMENT ? "the URL must be http(s)://HOST[:PORT]/api/v2/alerts"
+                                                            : "the poster could not be started";
+    fprintf(stderr, "oxevent-watch: cannot post alerts to %s: %s (0x%08" PRIX32 ")\n", config.url, reason, result);
     return EXIT_FAILURE;
   }
   const bool good = WatchAndReport(watcher, &signals);
   unsigned left = 0;
   for (size_t i = 0; i < options->alertmanager_count; ++i) {
     uint32_t unposted = 0;
-    oxEventAlertPosterStop(posters[i], &unposted);
+    oxEventAlertPosterStop(watcher->posters[i], &unposted);
     if (unposted != 0)
       fprintf(stderr, "oxevent-watch: %u alerts were not posted to %s\n", (unsigned)unposted,
               options->alertmanagers[i]);

@@ -1,7 +1,7 @@
 // oxEvent for C++17 and later: a file with the raised conditions of a host. After a restart, the host reports a raise
 // for each condition that still holds; what it has not raised when the grace time is over is cleared, with the
 // severity, type and source of the raise, without which an Alertmanager would not resolve the alert. The setting
-// state\route_orphan_clear must be on, because the library would suppress these clears.
+// state\route_orphan_clear must be on: otherwise the library suppresses these clears, and Poll returns an error.
 //
 // It has no thread of its own, so that it needs no care at exit and fork: the host calls Poll about once a second.
 // A callback writes the whole file at each change of a condition, so it is made for hundreds of conditions, not for
@@ -70,17 +70,24 @@ class ActiveFile {
 
   // Clears what the host has not raised within the grace time, and tries again what has failed. If there is something
   // to clear, first waits up to a second until all events that were submitted before are delivered, so that it knows of
-  // every raise; therefore call it on the thread that reports the conditions, and not inside a callback. Returns why
-  // the file could not be written or a condition could not be cleared; Poll then tries again at the next call.
+  // every raise, and afterwards up to a second for the clears; therefore call it on the thread that reports the
+  // conditions, and not inside a callback. Returns why the file could not be written or a condition could not be
+  // cleared; Poll then tries again at the next call. std::errc::operation_not_permitted: the library has suppressed a
+  // clear, because state\route_orphan_clear is off, or has dropped it; Poll then tries again after ten seconds.
   std::error_code Poll(Clock::time_point now = Clock::now()) {
+    std::error_code clear_error;
     if (HasDue(now)) {
       if (oxEventFlush(kFlushMs) != OXEVENT_OK) return std::make_error_code(std::errc::timed_out);
-      if (!ClearDue(now)) return std::make_error_code(std::errc::operation_canceled);
+      const Labels due = Due(now);
+      if (!Clear(due, now)) return std::make_error_code(std::errc::operation_canceled);
+      const bool flushed = oxEventFlush(kFlushMs) == OXEVENT_OK;
+      const std::errc reason = flushed ? std::errc::operation_not_permitted : std::errc::timed_out;
+      if (AnyInherited(due)) clear_error = std::make_error_code(reason);
     }
     const std::lock_guard<std::mutex> lock(mutex_);
     ForgetCleared(now);
     if (changed_) Write();
-    return write_error_;
+    return write_error_ ? write_error_ : clear_error;
   }
 
   // Number of conditions of a previous process that the host has not raised again and that are not cleared yet.
@@ -106,6 +113,7 @@ class ActiveFile {
   };
   // Key, severity, event_type, source_id. The last three identify the alert of an Alertmanager.
   using Id = std::tuple<std::string, std::uint32_t, std::string, std::string>;
+  using Labels = std::map<Id, std::string>;  // With the source_name.
   struct Entry {
     State state = State::kRaised;
     bool cleared_before = false;  // By a previous process, perhaps in vain.
@@ -186,16 +194,27 @@ class ActiveFile {
     return false;
   }
 
-  // Submits without the lock: the callback takes it.
-  bool ClearDue(Clock::time_point now) {
-    std::map<Id, std::string> due;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      for (auto& entry : entries_) {
-        if (entry.second.state != State::kInherited || entry.second.due > now) continue;
-        due.emplace(entry.first, entry.second.source_name);
-      }
+  Labels Due(Clock::time_point now) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Labels due;
+    for (const auto& entry : entries_) {
+      if (entry.second.state != State::kInherited || entry.second.due > now) continue;
+      due.emplace(entry.first, entry.second.source_name);
     }
+    return due;
+  }
+
+  bool AnyInherited(const Labels& labels) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& one : labels) {
+      const auto entry = entries_.find(one.first);
+      if (entry != entries_.end() && entry->second.state == State::kInherited) return true;
+    }
+    return false;
+  }
+
+  // Submits without the lock: the callback takes it.
+  bool Clear(const Labels& due, Clock::time_point now) {
     bool good = true;
     for (const auto& one : due) {
       const bool submitted = Clear(one.first, one.second);

@@ -25,7 +25,7 @@ extern "C" {
 typedef struct oxEventAlertPosterConfig {
   uint32_t struct_size;         /* sizeof(oxEventAlertPosterConfig), as compiled into the caller. */
   uint32_t minimum_severity;    /* Events below it are not posted, except clears of active alerts. */
-  const char* url;              /* http or https, ends in /api/v2/alerts. Required. */
+  const char* url;              /* Begins with http:// or https://, ends in /api/v2/alerts. Required. */
   const char* headers;          /* Lines "Name: value" separated by a byte 0xA7, such as an Authorization. */
   const char* alertname_prefix; /* Prefix of each alert's name. Default "OxEvent". */
   uint32_t conditions_only;     /* Not 0: events that belong to no condition are not posted. */
@@ -65,8 +65,9 @@ typedef struct oxEventAlertPosterState {
  *
  * *id_out receives the id of the poster, which is never 0.
  *
- * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size too small to include url, url neither http nor
- * https, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
+ * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size too small to include url, url does not begin with
+ * http:// or https:// or does not end in /api/v2/alerts (a final slash or a query is refused too), its port is above
+ * 65535, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
  * OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no thread could be
  * started. A failure does not set the last error text.
  */

@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <exception>
@@ -64,10 +65,28 @@ void OnEvent(const oxEventRecord* event, void* user_data) {
   if (entry.poster != nullptr) entry.poster->Add(*event);
 }
 
-bool IsHttpUrl(std::string_view url) { return url.substr(0, 7) == "http://" || url.substr(0, 8) == "https://"; }
+// Returns whether the authority of a URL ends with a number that is no port.
+bool HasWrongPort(std::string_view authority) {
+  const std::string_view digits =
+      authority.substr(authority.rfind(':') + 1);  // The whole authority if it has no colon.
+  if (digits.size() == authority.size() || digits.empty()) return false;
+  if (digits.find_first_not_of("0123456789") != digits.npos) return false;  // An IPv6 address or a password.
+  uint16_t port = 0;
+  return std::from_chars(digits.data(), digits.data() + digits.size(), port).ec != std::errc() || port == 0;
+}
+
+// With another URL, no post would ever succeed, and the host would learn of that only from the state.
+bool IsAlertmanagerUrl(std::string_view url) {
+  constexpr std::string_view kPath = "/api/v2/alerts";
+  if (!url.starts_with("http://") && !url.starts_with("https://")) return false;
+  url.remove_prefix(url.find("://") + 3);
+  if (!url.ends_with(kPath) || url.find_first_of("?#") != url.npos) return false;
+  const std::string_view authority = url.substr(0, url.find('/'));
+  return !authority.empty() && !HasWrongPort(authority);
+}
 
 bool IsValid(const oxEventAlertPosterConfig& config) {
-  return config.url != nullptr && IsHttpUrl(config.url) && config.minimum_severity <= OXEVENT_SEVERITY_ERROR &&
+  return config.url != nullptr && IsAlertmanagerUrl(config.url) && config.minimum_severity <= OXEVENT_SEVERITY_ERROR &&
          (config.headers == nullptr || std::strpbrk(config.headers, "\r\n") == nullptr);
 }
 

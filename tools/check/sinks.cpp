@@ -55,18 +55,23 @@ constexpr StartRequirement kStartRequirements[] = {  // In the order in which a 
     {Type::kSnmpTrap, "version", HasBadVersion, FixNothing, oxEventCreateSnmpTrapSink},
     {Type::kSnmpTrap, "port", HasBadSnmpPort, FixVersion, oxEventCreateSnmpTrapSink, kPortRemedy}};
 
-// Returns why this user can neither write the file nor create it, or an empty string. Creates nothing. The library
-// creates missing directories, so the nearest one that exists counts.
-std::string WriteFault(const std::filesystem::path& file) {
+struct WriteFault {
+  int error;         // 0: this user can write the file or create it.
+  std::string text;  // What fails, and why.
+};
+
+// Returns why this user can neither write the file nor create it. Creates nothing. The library creates missing
+// directories, so the nearest one that exists counts.
+WriteFault FindWriteFault(const std::filesystem::path& file) {
   std::error_code failure;
   std::filesystem::path nearest = file;
   while (!std::filesystem::exists(nearest, failure) && nearest.has_relative_path()) nearest = nearest.parent_path();
   const bool exists = nearest == file;
   const bool is_directory = std::filesystem::is_directory(nearest, failure);
-  if (exists && is_directory) return "";  // CheckValues reports it.
+  if (exists && is_directory) return {};  // CheckValues reports it.
   int error = exists || is_directory ? 0 : ENOTDIR;
   if (error == 0 && faccessat(AT_FDCWD, nearest.c_str(), exists ? W_OK : W_OK | X_OK, AT_EACCESS) != 0) error = errno;
-  return error == 0 ? "" : nearest.string() + ": " + std::generic_category().message(error);
+  return {error, nearest.string() + ": " + std::generic_category().message(error)};
 }
 
 class SinkChecker {
@@ -112,12 +117,18 @@ class SinkChecker {
 
   // A relative path depends on the working directory of the host.
   void CheckFile(const Group& group) {
-    const std::string fault = WriteFault(group.sink->path);
-    if (fault.empty()) return;
-    findings_.push_back({Severity::kNote, "not-writable", group.PositionOf("path"), group.PathOf("path"),
-                         "on this machine, the user of this tool cannot write or create the file (" + fault +
-                             "): the library would not start",
-                         "Let the user of the host write there, or set another path."});
+    const WriteFault fault = FindWriteFault(group.sink->path);
+    if (fault.error == ENOTDIR) {
+      findings_.push_back(
+          {Severity::kWarning, "bad-path", group.PositionOf("path"), group.PathOf("path"),
+           "needs a directory where this machine has a file (" + fault.text + "): the library would not start",
+           "Set a path below a directory."});
+    } else if (fault.error != 0) {
+      findings_.push_back({Severity::kNote, "not-writable", group.PositionOf("path"), group.PathOf("path"),
+                           "on this machine, the user of this tool cannot write or create the file (" + fault.text +
+                               "): the library would not start",
+                           "Let the user of the host write there, or set another path."});
+    }
   }
 
   // A disabled sink with a destination or a secret was probably meant to be enabled.

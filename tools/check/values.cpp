@@ -32,6 +32,18 @@ bool IsNumber(Form form) {
   }
 }
 
+// The range of a form for which IsNumber is true.
+const char* RangeOf(Form form) {
+  switch (form) {
+    case Form::kCapacity:
+      return "1 to 4294967295";
+    case Form::kPort:
+      return "0 to 65535";
+    default:
+      return "0 to 4294967295";
+  }
+}
+
 std::string List(oxEventWords words) {
   std::string text;
   for (const oxEventWord& word : words) text.append(text.empty() ? "" : ", ").append(word.text);
@@ -123,11 +135,13 @@ class ValueChecker {
     const std::string name = value_->setting->name;
     if (!number) {
       const bool writes = file_.start_error.empty();
-      const std::string lowest = value_->setting->form == Form::kCapacity ? "1" : "0";
+      const std::string range = RangeOf(value_->setting->form);
+      const bool is_too_large =
+          !value_->text.empty() && value_->text.find_first_not_of("0123456789") == std::string::npos;
       Warn("no-number",
-           Quoted(value_->text) + " is not a number from " + lowest + " to 4294967295: the default " + Default() +
-               " applies" + (writes ? ", and the library writes it to the file" : ""),
-           "Write only digits.");
+           Quoted(value_->text) + " is not a number from " + range + ": the default " + Default() + " applies" +
+               (writes ? ", and the library writes it to the file" : ""),
+           is_too_large ? "Set a number from " + range + "." : "Write only digits.");
     } else if (name.ends_with("timeout_ms") && *number > 0 && *number < 50) {
       Warn("short-time", std::to_string(*number) + " ms is hardly enough for a request",
            "Set a longer time. The unit is milliseconds.");

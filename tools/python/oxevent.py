@@ -35,6 +35,7 @@ import ctypes
 import dataclasses
 import datetime
 import enum
+import errno
 import functools
 import inspect
 import itertools
@@ -396,7 +397,7 @@ class AlertPoster:
         with oxevent.AlertPoster("http://127.0.0.1:9093/api/v2/alerts"), oxevent.running("settings.xml"):
             ...
 
-    url               http or https, ends in /api/v2/alerts
+    url               begins with http:// or https://, ends in /api/v2/alerts
     headers           {name: value} of further HTTP headers, such as an Authorization
     alertname_prefix  prefix of each alert's name, "OxEvent" if not given
     minimum_severity  events below it are not posted, except clears of active alerts
@@ -408,8 +409,9 @@ class AlertPoster:
 
     Create the poster before initialize, so that it gets every event, and stop it after shutdown; each run of the
     library needs a new poster. A poster that still runs when the interpreter exits is stopped. Raises OSError if
-    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused or the HTTP client,
-    liboxutil-http.so, cannot be loaded. The header include/oxEvent/alert_poster.h says which alerts are posted when.
+    liboxevent-alertposter.so.1 cannot be loaded, and OxEventError if an argument is refused (INVALID_ARGUMENT: for
+    example a URL that does not end in /api/v2/alerts) or the HTTP client, liboxutil-http.so, cannot be loaded. The
+    header include/oxEvent/alert_poster.h says which alerts are posted when.
     """
 
     def __init__(self, url: Text, *, headers: Optional[dict] = None, alertname_prefix: Optional[Text] = None,
@@ -469,8 +471,9 @@ class ActiveFile:
 
     After a restart, raise each condition that still holds. poll() clears what has not been raised within grace_s
     seconds, with the severity, type and source of the raise, without which an Alertmanager would not resolve the alert.
-    The setting route_orphan_clear of the section state must be on. A cleared condition stays in the file for
-    keep_cleared_s, and is cleared again after a restart, because its clear may have been lost.
+    The setting route_orphan_clear of the section state must be on: otherwise the library suppresses these clears, and
+    poll() raises PermissionError. A cleared condition stays in the file for keep_cleared_s, and is cleared again after
+    a restart, because its clear may have been lost.
 
     Create the object before an AlertPoster and before initialize; each run of the library needs a new object. A file
     that is damaged or has another format is renamed, and an error is logged; `renamed_to` is the new name of the file,
@@ -501,9 +504,12 @@ class ActiveFile:
         """Clear the conditions of a previous process that were not raised again within grace_s.
 
         Call poll about once a second, on the thread that reports the conditions. Raises OxEventError or OSError if a
-        condition could not be cleared or the file could not be written; the next call tries again.
+        condition could not be cleared or the file could not be written; the next call tries again. PermissionError: the
+        library has suppressed a clear, because route_orphan_clear is off, or has dropped it; poll tries again after ten
+        seconds.
         """
         now = time.monotonic()
+        suppressed = None
         is_due = lambda entry: entry[0] == "inherited" and entry[2] <= now
         with self._lock:
             any_due = any(map(is_due, self._entries.values()))
@@ -521,6 +527,12 @@ class ActiveFile:
                     entry = self._entries.get(label)
                     if entry and entry[0] == "inherited":  # The clear may be dropped before it arrives.
                         entry[2] = now + 10
+            flush(1)
+            with self._lock:
+                inherited = [label for label, _ in due if self._entries.get(label, [""])[0] == "inherited"]
+            if inherited:
+                reason = r"clear suppressed or dropped: the setting state\route_orphan_clear must be on"
+                suppressed = PermissionError(errno.EPERM, reason, inherited[0][0])
         with self._lock:
             over = [label for label, entry in self._entries.items() if entry[0] == "cleared" and entry[2] <= now]
             for label in over:
@@ -528,8 +540,8 @@ class ActiveFile:
             self._changed |= bool(over)
             if self._changed:
                 self._write()
-            if self._error:
-                raise self._error
+            if self._error or suppressed:
+                raise self._error or suppressed
 
     def unconfirmed(self) -> int:
         """Return the number of conditions of a previous process that are neither raised again nor cleared yet."""

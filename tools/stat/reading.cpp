@@ -69,8 +69,9 @@ class BlockReader {
     reading->has_run = true;
     reading->running = get(run.running) != 0;
     const auto drops = Get<oxEventDropCounts>(run.drops);
+    const uint64_t emitted = get(run.emitted);  // Before the enqueued ones, so that they are not fewer.
     reading->counters = {get(run.enqueued) + oxEventDropsBeforeQueue(drops),
-                         get(run.emitted),
+                         emitted,
                          std::reduce(drops.begin(), drops.end()),
                          get(run.sink_failures),
                          get(run.sink_warnings),
