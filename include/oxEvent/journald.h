@@ -21,14 +21,14 @@
 
 /* The user_data of the callback. It must exist until the callback is unregistered. */
 typedef struct oxEventJournal {
-  /* Returns the MESSAGE_ID of an event type, as the function does that oxevent-catalogue generates. If this member is
-     null, or returns null, the MESSAGE_ID is that of the action, which oxevent.catalog explains to journalctl -x. */
-  const char* (*message_id)(const char* event_type);
+  const char* (*message_id)(const char* event_type); /* Returns the MESSAGE_ID of an event type, as the function does
+                        that oxevent-catalogue generates. If this member is null, or returns null, the MESSAGE_ID is
+                        that of the action, which oxevent.catalog explains to journalctl -x. */
   uint64_t failures; /* Number of events that the journal did not accept. Read it after a flush or the shutdown. */
   int error;         /* errno of the last failure. */
 } oxEventJournal;
 
-/* Independent of the locale and of the letter case. */
+/* Compares independently of the locale and of the letter case. */
 static inline int oxEventJournalIs(const char* action, const char* name) {
   while (*name != '\0' && (*action | 0x20) == *name) {
     ++action;
@@ -45,25 +45,20 @@ static inline const char* oxEventJournalActionId(const char* action) {
   return "e0bc1fa54ec24924af35ea1b230b0b72"; /* A notice. */
 }
 
-struct oxEventJournalNumber {
-  char text[32];
-};
-
-/* Writes the least of 15 to 17 digits that give the same number, with a point in every locale. */
-static inline struct oxEventJournalNumber oxEventJournalFormat(double number) {
-  struct oxEventJournalNumber result;
+/* Writes the least of 15 to 17 digits that give the same number, with a point in every locale. Returns the text. */
+static inline const char* oxEventJournalFormat(double number, char* text, size_t size) {
   int precision = 14;
   char* point;
   do {
-    snprintf(result.text, sizeof(result.text), "%.*g", ++precision, number);
-  } while (precision < 17 && strtod(result.text, NULL) != number);
-  point = result.text + strspn(result.text, "+-0123456789einfa");
+    snprintf(text, size, "%.*g", ++precision, number);
+  } while (precision < 17 && strtod(text, NULL) != number);
+  point = text + strspn(text, "+-0123456789einfa");
   if (*point != '\0') {
     const char* const digits = point + strcspn(point, "0123456789");
     memmove(point + 1, digits, strlen(digits) + 1);
     *point = '.';
   }
-  return result;
+  return text;
 }
 
 static inline void oxEventJournalCallback(const oxEventRecord* event, void* user_data) {
@@ -72,8 +67,8 @@ static inline void oxEventJournalCallback(const oxEventRecord* event, void* user
   oxEventJournal* const journal = (oxEventJournal*)user_data;
   const char* const type_id = journal->message_id != NULL ? journal->message_id(event->event_type) : NULL;
   const char* const id = type_id != NULL ? type_id : oxEventJournalActionId(event->action);
-  const struct oxEventJournalNumber value = oxEventJournalFormat(event->value);
-  const struct oxEventJournalNumber threshold = oxEventJournalFormat(event->threshold);
+  char value[32];
+  char threshold[32];
   /* In parentheses: without the place in this header that the macro of the same name would add. */
   /* clang-format off */
   const int result = (sd_journal_send)(
@@ -84,7 +79,9 @@ static inline void oxEventJournalCallback(const oxEventRecord* event, void* user
       "OXEVENT_DEDUPE_KEY=%s", event->dedupe_key, "OXEVENT_CORRELATION_ID=%s", event->correlation_id,
       "OXEVENT_UTC_NS=%" PRIu64, event->utc_ns, "OXEVENT_PTP_NS=%" PRIu64, event->ptp_ns,
       "OXEVENT_PTS=%" PRId64, event->pts, "OXEVENT_TIMECODE=%s", event->timecode,
-      "OXEVENT_VALUE=%s", value.text, "OXEVENT_THRESHOLD=%s", threshold.text, "OXEVENT_UNITS=%s", event->units,
+      "OXEVENT_VALUE=%s", oxEventJournalFormat(event->value, value, sizeof(value)),
+      "OXEVENT_THRESHOLD=%s", oxEventJournalFormat(event->threshold, threshold, sizeof(threshold)),
+      "OXEVENT_UNITS=%s", event->units,
       "OXEVENT_DURATION_MS=%" PRIu64, event->duration_ms, "OXEVENT_DETAILS_JSON=%s", event->details_json, NULL);
   /* clang-format on */
   if (result >= 0) return;
