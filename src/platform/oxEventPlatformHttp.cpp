@@ -36,8 +36,12 @@ const char* oxEventPlatformHttpUnsafeVariable() {
 
 std::string oxEventPlatformHttpPrepare() {
   dlerror();
-  // Makes no request, because there is no method; but the companion loads its module.
-  oxOSHTTPCommand("", "", nullptr, nullptr, 0, nullptr, nullptr, 1);
+  // Makes no request, because there is no method; but the companion loads its module. No pointer is null, because a
+  // companion of the host's own may not expect that.
+  char* response = nullptr;
+  int32_t status = 0;
+  oxOSHTTPCommand("", "", "", "", 0, &response, &status, 1);
+  if (response != nullptr) OXFree(response);
   const char* const reason = dlerror();
   return reason == nullptr ? "" : reason;
 }

@@ -26,7 +26,8 @@ std::string HeaderLines(const char* more) {
 
 void LoadHttpClient() {
   errno = 0;
-  oxOSHTTPCommand("", "", nullptr, nullptr, 0, nullptr, nullptr, 1);
+  int32_t status = 0;
+  oxOSHTTPCommand("", "", "", "", 0, nullptr, &status, 1);
   if (errno == ELIBACC) throw std::system_error(ELIBACC, std::generic_category());
 }
 
