@@ -337,7 +337,7 @@ struct Poster {
     config.struct_size = sizeof(config);
     config.url = url.c_str();
     config.request_timeout_ms = config.stop_timeout_ms = 100;
-    decltype(&oxEventAlertPosterStart) start = library.Find("oxEventAlertPosterStart");
+    decltype(&oxEventAlertPosterStart) start = object.Find("oxEventAlertPosterStart");
     Check(start(&config, &id), OXEVENT_OK);
   }
   uint32_t Stop() const { return stop(id, nullptr); }
@@ -349,9 +349,9 @@ struct Poster {
     WaitUntil([&] { return get_state(id, &state) == OXEVENT_OK && state.unposted_alerts > 0; });
   }
 
-  const SharedObject library = {dlopen(OXEVENT_ALERT_POSTER, RTLD_NOW)};
-  const decltype(&oxEventAlertPosterStop) stop = library.Find("oxEventAlertPosterStop");
-  const decltype(&oxEventAlertPosterGetState) get_state = library.Find("oxEventAlertPosterGetState");
+  const SharedObject object = {dlopen(OXEVENT_ALERT_POSTER, RTLD_NOW)};
+  const decltype(&oxEventAlertPosterStop) stop = object.Find("oxEventAlertPosterStop");
+  const decltype(&oxEventAlertPosterGetState) get_state = object.Find("oxEventAlertPosterGetState");
   uint32_t id = 0;
   int alertmanager = -1;  // Listening socket.
 };
@@ -370,7 +370,7 @@ TEST_F(ProcessTest, UnloadEndsARunningPoster) {
     const Poster poster;
     poster.Post();
     Check(dlclose(ox->handle), 0);  // The poster's own reference is the last one.
-    ox->handle = poster.library.handle;
+    ox->handle = poster.object.handle;
     Unload();
     Check(ReadFile("/proc/self/maps").find("liboxevent-alertposter"), std::string::npos);
     // The worker has ended too. A poster's thread that had not ended would crash.

@@ -13,9 +13,9 @@
 namespace oxEvent {
 
 // While the object exists, each log record of its thread is a report of the condition: it gets the identity of the
-// condition, with its severity, and the action, which is raise, update or clear. The object that was created last
-// counts. It must be in the same program or shared library as the sink, and the logger must be synchronous: if the sink
-// runs on another thread, the record remains a notice.
+// condition, with its severity, and the action. Actions other than raise and clear count as updates. The object that
+// was created last counts. It must be in the same program or shared library as the sink, and the logger must be
+// synchronous: if the sink runs on another thread, the record remains a notice.
 class LogAs {
  public:
   LogAs(Condition& condition, Action action) noexcept : condition_(condition), action_(action) { Current() = this; }

@@ -1,5 +1,5 @@
-// oxOSHTTPCommand: loads the HTTP module at the first request, unless the caller has loaded it before, as oxEvent's
-// sinks do. A host without HTTP therefore loads no libcurl and no TLS.
+// oxOSHTTPCommand: loads the HTTP module at the first call, so that a host without HTTP loads no libcurl and no TLS.
+// oxEvent's sinks and alert posters make a call without a method when they are opened or started.
 #include <dlfcn.h>
 #include <pthread.h>
 

@@ -11,6 +11,7 @@
 #include <new>
 #include <string_view>
 
+#include "platform/oxEventSignalBlock.h"
 #include "poster/oxEventAlertPoster.h"
 
 namespace {
@@ -34,18 +35,6 @@ struct Registry {
 // Never destroyed: the worker of liboxEvent may call the callback until the end of the process.
 alignas(Registry) unsigned char g_registry_bytes[sizeof(Registry)];
 Registry& TheRegistry() { return *std::launder(reinterpret_cast<Registry*>(g_registry_bytes)); }
-
-// A cancelled thread would leave a poster half stopped.
-class CancelBlock {
- public:
-  CancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-  ~CancelBlock() { pthread_setcancelstate(before_, nullptr); }
-  CancelBlock(const CancelBlock&) = delete;
-  CancelBlock& operator=(const CancelBlock&) = delete;
-
- private:
-  int before_ = 0;
-};
 
 Entry Find(uint32_t id) {
   Registry& registry = TheRegistry();
@@ -170,7 +159,7 @@ void ResetInChild() {
 uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* config, uint32_t* id_out) {
   constexpr size_t kLeastSize = offsetof(oxEventAlertPosterConfig, url) + sizeof(config->url);
   if (config == nullptr || id_out == nullptr || config->struct_size < kLeastSize) return OXEVENT_INVALID_ARGUMENT;
-  const CancelBlock no_cancellation;
+  const oxEventCancelBlock no_cancellation;  // A cancelled thread would leave a poster half stopped.
   try {
     const oxEventAlertPosterConfig complete = Complete(config);
     return IsValid(complete) ? Start(complete, id_out) : OXEVENT_INVALID_ARGUMENT;
@@ -180,7 +169,7 @@ uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* config, uint32_
 }
 
 uint32_t oxEventAlertPosterStop(uint32_t id, uint32_t* unposted) {
-  const CancelBlock no_cancellation;
+  const oxEventCancelBlock no_cancellation;
   const Entry entry = Find(id);
   if (entry.poster == nullptr) return OXEVENT_NOT_FOUND;
   oxEventUnregisterCallback(entry.callback_id);
@@ -195,7 +184,7 @@ uint32_t oxEventAlertPosterStop(uint32_t id, uint32_t* unposted) {
 uint32_t oxEventAlertPosterGetState(uint32_t id, oxEventAlertPosterState* state) {
   constexpr size_t kLeastSize = offsetof(oxEventAlertPosterState, active_alerts);
   if (state == nullptr || state->struct_size < kLeastSize) return OXEVENT_INVALID_ARGUMENT;
-  const CancelBlock no_cancellation;
+  const oxEventCancelBlock no_cancellation;
   const Entry entry = Find(id);
   if (entry.poster == nullptr) return OXEVENT_NOT_FOUND;
   oxEventAlertPosterState current = {};
