@@ -155,6 +155,11 @@ class Receiver:
     def __exit__(self, *_):
         self.stop()
 
+    def state(self):
+        """Returns lines that help to explain why an event has not arrived: the end of each log."""
+        logs = sorted(self.directory.glob("*.log")) + [self.directory / "output"]
+        return [f"{log.name}: {line}" for log in logs for line in read_log(log)[-5:]]
+
     @property
     def url(self):
         return f"http://127.0.0.1:{self.port}{self.path}"
