@@ -38,8 +38,12 @@ class Journal(ctypes.Structure):
     _fields_ = [("message_id", MessageId), ("failures", ctypes.c_uint64), ("error", ctypes.c_int)]
 
 
+def journal_files():
+    return [*Path("/run/log/journal").glob("*/system.journal")]
+
+
 def journalctl(*options):
-    (file,) = Path("/run/log/journal").glob("*/system.journal")
+    (file,) = journal_files()
     return subprocess.check_output(["journalctl", "--file", file, "--all", *options], text=True)
 
 
@@ -58,7 +62,7 @@ class JournalTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.daemon = subprocess.Popen([JOURNALD], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        await_("the start of the journal", lambda: Path("/run/systemd/journal/socket").exists())
+        await_("the start of the journal", lambda: Path("/run/systemd/journal/socket").exists() and journal_files())
 
     @classmethod
     def tearDownClass(cls):
@@ -66,7 +70,7 @@ class JournalTest(unittest.TestCase):
         cls.daemon.wait()
 
     def report(self, *events, journal=None):
-        """Reports events, and returns those that reached the callbacks and the new entries of the journal."""
+        """Reports events. Returns the events that reached the callbacks, and the journal's new entries."""
         journal = journal or Journal()
         received, callback_id, before = [], ctypes.c_uint32(), len(entries())
         with tempfile.TemporaryDirectory() as directory:
