@@ -1,4 +1,5 @@
 // The alert poster: its list of alerts, and the library as a host uses it.
+#include "faults.h"
 #include "http_server.h"
 #include "oxEvent/alert_poster.h"
 #include "poster/oxEventAlertList.h"
@@ -216,6 +217,12 @@ class AlertPosterTest : public testing::Test {
     ASSERT_EQ(oxEventSubmit(&record), OXEVENT_OK);
   }
 
+  static bool IsWorker() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return std::string_view(name) == "oxEvent";
+  }
+
   static void WaitUntil(const auto& condition) {
     while (!condition()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -267,6 +274,30 @@ TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(50));
   EXPECT_EQ(poster.Stop(), 0u) << "the poster is stopped already";
 }
+
+#ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
+// Memory can run out when the alert already waits.
+TEST_F(AlertPosterTest, PostsAlertsAfterMemoryRanOutWhileOneWasAdded) {
+  const HttpServer server;
+  const std::string url = server.Url() + kPath;
+  oxEvent::AlertPoster poster(Config(url.c_str()));
+  for (int fail_at = 1; fail_at < 40; ++fail_at) {
+    SCOPED_TRACE(fail_at);
+    const std::string source = std::to_string(fail_at);
+    {
+      std::atomic<int> left = fail_at;
+      const Faults faults(
+          [&](std::string_view call, long) { return call == "malloc" && IsWorker() && --left == 0 ? ENOMEM : 0; });
+      Submit({"raise", 2, source.c_str()});
+      oxEventFlush(0);
+    }
+    Submit({"raise", 2, (source + " with memory").c_str()});
+    oxEventFlush(0);
+    WaitUntil([&] { return poster.State().unposted_alerts == 0; });
+  }
+  EXPECT_EQ(poster.Stop(), 0u);
+}
+#endif
 
 TEST_F(AlertPosterTest, RefusesUrlsThatNoAlertmanagerHas) {
   const struct {

@@ -58,9 +58,10 @@ oxEventAlertPoster::oxEventAlertPoster(const oxEventAlertPosterConfig& config)
 
 void oxEventAlertPoster::Add(const oxEventRecord& event) {
   const std::lock_guard lock(mutex_);
-  const bool had_waiting = list_.HasWaiting();  // If so, the thread is in a post, or waits before a retry.
+  // If alerts wait, the thread needs no wake-up: it has been notified, is in a post, or waits before a retry. Notified
+  // first, because Add may have added an alert when it runs out of memory.
+  if (!list_.HasWaiting()) changed_.notify_one();
   list_.Add(event, config_);
-  if (!had_waiting) changed_.notify_one();
 }
 
 bool oxEventAlertPoster::Stop() {
@@ -69,7 +70,7 @@ bool oxEventAlertPoster::Stop() {
     if (std::exchange(stopping_, true)) return false;
     stop_at_ = Clock::now() + std::chrono::milliseconds(config_.stop_timeout_ms);
     list_.RepeatAll();
-    retry_at_ = Clock::time_point::min();  // The Alertmanager may be back; the next retry may come after stop_at_.
+    retry_at_ = Clock::time_point::min();  // The Alertmanager may be back, and the next retry could be after stop_at_.
     backoff_ = {};
     changed_.notify_one();
   }
