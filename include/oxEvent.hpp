@@ -153,7 +153,7 @@ class Texts {
     used_ = 1;
     begins_ = {};
     complete_ = other.complete_;
-    if (!Reserve(other.used_)) return *this;
+    if (!Reserve(other.used_ - 1)) return *this;
     std::memcpy(Bytes(), other.Bytes(), other.used_);
     used_ = other.used_;
     begins_ = other.begins_;

@@ -55,11 +55,13 @@ TEST(oxEventHppEvent, KeepsTheTextsThatItWasGiven) {
 TEST(oxEventHppEvent, IsNotSubmittedWithoutATextForWhichThereWasNoMemory) {
   const std::string long_text(1000, 'x');
   const Event whole(long_text);
+  const Event fits(std::string(510, 'x'));
   const Faults faults([](std::string_view call, long) { return call == "malloc" ? ENOMEM : 0; });
   const Event copy = whole;
   EXPECT_EQ(copy.Submit(), std::errc::not_enough_memory);
   EXPECT_EQ(Event(Event("m").details_json(long_text)).Submit(), std::errc::not_enough_memory);
   EXPECT_EQ(Event("m").Submit(), Errc::kNotInitialized);
+  EXPECT_EQ(Event(fits).Submit(), Errc::kNotInitialized);
 }
 #endif
 
