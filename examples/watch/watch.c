@@ -250,7 +250,7 @@ static bool WatchAndReport(Watcher* watcher, const sigset_t* signals) {
   Reporter* reporter = &watcher->reporter;
   ReportNotice(reporter, "watch.started", "The watcher has started");
   Watch(watcher, signals);
-  ReportNotice(reporter, "watch.stopped", "The watcher stops");
+  ReportNotice(reporter, "watch.stopped", "The watcher is stopping");
 
   code = oxEventShutdown();
   if (code != OXEVENT_OK) PrintFailure("shutdown failed", code);
@@ -284,8 +284,7 @@ static int Run(Watcher* watcher) {
     uint32_t unposted = 0;
     oxEventAlertPosterStop(watcher->posters[i], &unposted);
     if (unposted != 0)
-      fprintf(stderr, "oxevent-watch: %u alerts were not posted to %s\n", (unsigned)unposted,
-              options->alertmanagers[i]);
+      fprintf(stderr, "oxevent-watch: alerts not posted to %s: %" PRIu32 "\n", options->alertmanagers[i], unposted);
     left += unposted;
   }
   return good && left == 0 ? EXIT_SUCCESS : EXIT_FAILURE;

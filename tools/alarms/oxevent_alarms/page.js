@@ -61,7 +61,8 @@ function filter() {
   }
   body.replaceChildren();
   shown = 0;
-  document.getElementById("matches").value = matches.length.toLocaleString("en") + " events";
+  const noun = matches.length === 1 ? " event" : " events";
+  document.getElementById("matches").value = matches.length.toLocaleString("en") + noun;
   showMore();
 }
 

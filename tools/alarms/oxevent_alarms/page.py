@@ -201,7 +201,7 @@ class Page:
         peak = statistics.busiest(raises, statistics.PERIOD_NS)
         standing = sum(self.alarms.age_ns(condition) > DAY_NS for condition in conditions)
         flooded = statistics.floods(raises)
-        periods = max(1, math.ceil(length / statistics.PERIOD_NS))
+        periods = statistics.periods(self.start_ns, self.end_ns)
         rows = [
             ("Raised for more than 24 hours (standing)", f"{standing:,}", statistics.standing_class(standing)),
             ("Raised per 10 minutes, on average", f"{average:,.3g}", statistics.average_class(average)),
@@ -209,7 +209,7 @@ class Page:
             ("Periods of 10 minutes with more than 10 (floods)", f"{flooded:,} ({flooded / periods:.1%})", "")]
         return table(("Measure", "#Value", "EEMUA 191, for one operator"), [("", row) for row in rows]) + (
             '<p class="quiet">The rates count rows with the action raise. A value between two thresholds of EEMUA '
-            'publication 191 counts as the worse class.</p>')
+            'publication 191 is put into the worse of the two classes.</p>')
 
     def most_raised(self):
         worst = [lane for lane in sorted(self.lanes, key=lambda lane: -len(lane.raises))[:MOST_RAISED] if lane.raises]
@@ -231,7 +231,7 @@ class Page:
     def events(self):
         kept = len(self.recorder.events)
         text = f"{counted(self.recorder.count, 'event')}, the newest first."
-        return text if kept == self.recorder.count else f"{text} The page has the newest {kept:,}."
+        return text if kept == self.recorder.count else f"{text} This page contains only the newest {kept:,}."
 
     def data(self):
         """Returns the events as JSON, one list per column. Most strings occur often, so the columns of strings contain

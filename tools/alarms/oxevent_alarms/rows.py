@@ -22,7 +22,7 @@ csv.field_size_limit(sys.maxsize)  # The library does not limit the length of a 
 
 
 class InputError(Exception):
-    """A file that cannot be read, or a damaged row in it."""
+    """A file cannot be read, or contains a damaged row."""
 
 
 class Row(collections.namedtuple("Row", COLUMNS)):

@@ -1,5 +1,5 @@
 """Alarm rates, with the thresholds of EEMUA publication 191 for one operator. A value between two thresholds of the
-guide counts as the worse class."""
+guide is put into the worse of the two classes."""
 import collections
 
 from .text import NS
@@ -44,6 +44,11 @@ def busiest(times, window_ns):
     return most
 
 
+def periods(start_ns, end_ns):
+    """Returns the number of periods that contain a part of this range. Periods begin at 12:00, 12:10 and so on."""
+    return end_ns // PERIOD_NS - start_ns // PERIOD_NS + 1
+
+
 def floods(times):
-    """Returns the number of periods with a flood. Periods begin at 12:00, 12:10 and so on."""
+    """Returns the number of periods with a flood."""
     return sum(count > FLOOD for count in collections.Counter(time // PERIOD_NS for time in times).values())
