@@ -288,7 +288,7 @@ void CsvBareWrite(benchmark::State& state) {
 }
 BENCHMARK(CsvBareWrite)->Name("Csv/bare_write");
 
-// With one callback and no other sink.
+// Delivers an event to one callback; there is no other sink.
 void CallbackDispatch(benchmark::State& state) {
   const oxEventNormalizedEvent event = CompleteEvent();
   uint64_t ids = 0;

@@ -85,7 +85,8 @@ std::string FormatLine(const oxEventRecord& event) {
   return line;
 }
 
-// Runs on the library's worker thread. One fwrite per line, so that lines of other threads do not mix with it.
+// Runs on the library's worker thread. One fwrite per line, so that the output of other
+// threads is not interleaved with it.
 void PrintLine(const oxEventRecord* event, void* /*user_data*/) {
   const std::string line = FormatLine(*event);
   std::fwrite(line.data(), 1, line.size(), stdout);

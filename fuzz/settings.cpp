@@ -145,7 +145,8 @@ void CheckCompleted(const std::string& before, const std::string& after, const o
   CHECK(sink == config.sinks.end());
 }
 
-// Checks that the store lists and returns all keys and values below `path`. Returns `path` or the path of a key below.
+// Checks that the store lists and returns all keys and values below `path`. Returns `path` or the path of one of the
+// keys below it.
 std::string Walk(void* store, xml_node key, const std::string& path) {
   std::vector<std::string> seen[2];  // Indexed by kind: keys, values.
   std::string some_key = path;

@@ -186,7 +186,7 @@ class Micro:
         self.repetitions = max(len(items) for items in self._items.values())
 
     def __call__(self, name, metric="ns"):
-        """Returns the values of all repetitions; None if one is missing."""
+        """Returns the values of all repetitions; None if there are none, or if one lacks the metric."""
         items = self._items.get(name, {})
         values = [items[at].get(metric) for at in sorted(items)]
         return values if values and None not in values else None
@@ -202,7 +202,7 @@ class LoadCosts:
             self._rows.setdefault((row.get("library"), row.get("host")), []).append(row)
         for library, host in itertools.product(LIBRARIES, HOSTS):
             if [row.get("round") for row in self._rows.get((library, host), ())] != rounds:
-                raise BadResults(f"{path}: {library} in a {host} host: not one result per round")
+                raise BadResults(f"{path}: {library} in a {host} host: expected exactly one result for each round")
         self._path = path
 
     def __call__(self, library, host, metric):

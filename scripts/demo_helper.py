@@ -141,7 +141,7 @@ def faults(rows, lines, delivered, suppressed):
     if suppressed < 1:
         yield "no duplicate was suppressed"
     if len(rows) != delivered:
-        yield f"the CSV file has {len(rows)} events, the callback had {delivered}"
+        yield f"the CSV file has {len(rows)} events, but the callback received {delivered}"
     for row in rows if lines is not None else []:
         start = f"oxEvent event_id={row['event_id']} severity={row['severity']} action={row['action'] or '-'} "
         if sum(start in line for line in lines) != 1:

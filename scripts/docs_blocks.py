@@ -31,7 +31,7 @@ FLAGS = ["-DBOOST_LOG_DYN_LINK", "-Wall", "-Wextra", "-Werror", "-Wno-unused", "
 
 
 def free_port():
-    """Returns a port that is free for TCP and UDP, of at most 32767, the highest that Zabbix accepts."""
+    """Returns a port that is free for both TCP and UDP and not above 32767, the highest that Zabbix accepts."""
     for port in random.sample(range(10000, 32768), 100):
         with socket.socket(type=socket.SOCK_STREAM) as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
             try:
@@ -52,17 +52,21 @@ class Page:
         shutil.copytree(ROOT, self.directory, dirs_exist_ok=True, ignore=shutil.ignore_patterns("build*", ".git", "*.svg"))
         self.ports, self.running, self.count, self.skipped = {}, [], {}, []
         for recipe in [*self.directory.glob("docs/*/*.conf"), *self.directory.glob("docs/*/*.yml")]:
-            recipe.write_text(self.local(recipe.read_text()))
-        self.text = self.local(path.read_text())
+            recipe.write_text(self.with_free_ports(recipe.read_text()))
+        self.text = self.with_free_ports(path.read_text())
         self.environment = os.environ | {
             "PREFIX": str(prefix), "PATH": f"{prefix}/bin:{BUILD}/examples:{os.environ['PATH']}:/usr/sbin",
             "LD_LIBRARY_PATH": f"{prefix}/lib", "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig", "CMAKE_PREFIX_PATH": str(prefix),
             "PYTHONPATH": f"{ROOT}/tools/python", "PYTHONDONTWRITEBYTECODE": "1",
             "OXEVENT_LIBRARY": f"{prefix}/lib/liboxEvent.so.1"}
 
-    def local(self, text):
-        return PORTS.sub(lambda port: str(self.ports.setdefault(port[0], None) or self.ports.update({port[0]: free_port()})
-                                          or self.ports[port[0]]), text)
+    def with_free_ports(self, text):
+        def replacement(match):
+            if match[0] not in self.ports:
+                self.ports[match[0]] = str(free_port())
+            return self.ports[match[0]]
+
+        return PORTS.sub(replacement, text)
 
     def run(self):
         for mark, note, kind, code in FENCE.findall(self.text):

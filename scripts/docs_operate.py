@@ -62,8 +62,8 @@ class Test(unittest.TestCase):
         self.assertEqual((verified.returncode, verified.stderr), (0, ""))
 
     def test_host_runs_under_the_hardening_that_needs_no_service_manager(self):
-        """No new privileges, no capabilities, no memory that is writable and executable, and a file system that is
-        read-only except for the host's directory."""
+        """No new privileges, no capabilities, no memory that is writable and executable, and a root file system that
+        is read-only except for the host's directory."""
         csv = self.directory / "events.csv"
         receivers.write_settings(self.settings, NATIVE_OFF | {"sink\\csv\\default": {"enabled": 1, "path": csv}})
         harden = 'mount --make-rprivate / && mount --bind "$1" "$1" && mount -o remount,bind,ro / && shift && exec "$@"'

@@ -102,7 +102,7 @@ TEST_F(oxEventHttpSink, RetriesAfterABackoff) {
   EXPECT_EQ(Post(), post + post + post + "oxEvent webhook POST failed: http://h");
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
   config.backoff_ms = 1;
-  config.request_timeout_ms = 0;  // Both zero mean 5000.
+  config.request_timeout_ms = 0;  // If both are 0, the timeout is 5000.
   config.ce_timeout_ms = 0;
   g_posts_to_refuse = 1;
   EXPECT_EQ(Post(), post + post);

@@ -17,8 +17,8 @@
  *   </config>
  *
  * A key path joins names with one backslash ("A\B"). Empty names in a path are skipped, so the empty path is the
- * element config. Names are compared byte by byte. If two sub-keys or two values of a key have the same name, the first
- * counts. A name is valid if it has 1 to 511 bytes, none of them a backslash or a control byte that XML forbids.
+ * element config. Names are compared byte by byte. If two sub-keys or two values of a key have the same name, only the
+ * first is used. A name is valid if it has 1 to 511 bytes, none of them a backslash or a control byte that XML forbids.
  */
 #ifndef OXUTIL_H
 #define OXUTIL_H
@@ -40,11 +40,12 @@ extern "C" {
 
 /*
  * Opens the store in an existing file; flags must be 0. An empty file is an empty store. Returns null if the file is
- * missing, unreadable, not a regular file, larger than 64 MiB or not an XML file as above, or if a save could not write
- * it back unchanged because it contains a control byte, a reference to a character that XML forbids (&#0;, &#1;), or a
- * comment with "--" inside or "-" at its end. Also returns null if the file declares entities, nests elements more than
- * 64 deep or has too many tags for its size, or if memory runs out. Opening never changes the file. oxCFGClose frees
- * the handle.
+ * missing, unreadable, not a regular file, larger than 64 MiB or not an XML file in the above format, or if a save
+ * could not write it back unchanged because it contains a control byte, a reference to a character that XML forbids
+ * (&#0;,
+ * &#1;), or a comment with "--" inside or "-" at its end. Also returns null if the file declares entities, nests
+ * elements more than 64 deep or has too many tags for its size, or if memory runs out. Opening never changes the file.
+ * oxCFGClose frees the handle.
  */
 OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
 

@@ -11,6 +11,7 @@ int main(int, char** argv) {
   event.message = "Fan 2 stands still";
   std::string alerts;
   if (oxEventFormatAlertmanagerRecord(&event, {}, &alerts) != OXEVENT_OK) return 1;
-  event.details_json = alerts.c_str();
+  const std::string alert = alerts.substr(1, alerts.size() - 2);  // Without the brackets of the array.
+  event.details_json = alert.c_str();
   return oxEventInitialize(argv[1]) || oxEventSubmit(&event) || oxEventShutdown() ? 1 : 0;
 }

@@ -26,13 +26,13 @@ constexpr uint32_t kShutdownDrainMs = 5000;
 constexpr uint64_t kFirstGeneratedId = 1;
 
 // Taken before every other lock except g_oxEventReloadMutex. Held while sinks are opened, but not while the settings
-// file is read or host names are resolved, which may take a long time. Submit and Flush do not take it: they only read
-// g_oxEventInitialized.
+// file is read or host names are resolved, which may take a long time (except if a shutdown overtakes an Initialize on
+// another thread). Submit and Flush do not take it: they only read g_oxEventInitialized.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventMutex;
-// Held during a complete reload, so that an earlier one that takes long cannot replace the settings of a later one.
-// Taken before g_oxEventMutex.
+// Held during a complete reload, so that a slow earlier reload cannot overwrite the settings of a later one. Taken
+// before g_oxEventMutex.
 constinit oxEventNoDestructor<oxEventMutex> g_oxEventReloadMutex;
-// Changed with g_oxEventMutex held, except at unload and process exit.
+// Changed with g_oxEventMutex held, except at unload, at process exit and in the child of a fork.
 constinit std::atomic<bool> g_oxEventInitialized = false;
 constinit std::atomic<uint64_t> g_oxEventStarts = 0;  // Counts successful starts. Changed with g_oxEventMutex held.
 constinit std::atomic<bool> g_oxEventClosed = false;  // Set at unload and process exit; no start succeeds then.

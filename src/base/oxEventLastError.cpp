@@ -47,9 +47,9 @@ ThreadText* OwnText() {
   return static_cast<ThreadText*>(pthread_getspecific(g_oxEventLastError));
 }
 
-// Creates the key unless it exists; returns false if that fails, or after an unload. Each error tries again, because
-// the process may be out of keys only temporarily. The key has no destructor: a thread that exits could be about to
-// call it while dlclose unmaps the library.
+// Creates the key unless it exists; returns false if that fails, or after an unload. After a failure, the next
+// error makes another attempt, because the process may be out of keys only temporarily. The key has no destructor: a
+// thread that exits could be about to call it while dlclose unmaps the library.
 bool CreateKeyLocked() {
   if (g_key_state == KeyState::kNone && pthread_key_create(&g_oxEventLastError, nullptr) == 0) {
     g_key_state = KeyState::kCreated;

@@ -16,8 +16,8 @@ constexpr std::string_view Event::*kStrings[] = {
     &Event::event_type, &Event::source_id,      &Event::source_name, &Event::message, &Event::action,
     &Event::dedupe_key, &Event::correlation_id, &Event::timecode,    &Event::units,   &Event::details_json};
 
-// Copies the text with a NUL to `to`, unless it is a default text, and makes *text refer to the copy. Returns the end
-// of what it wrote.
+// Copies the text and a terminating NUL to the buffer `to`, unless it is a default text, and makes *text refer to the
+// copy. Returns the end of what it wrote.
 [[gnu::always_inline]] inline char* MoveText(std::string_view* text, char* to) {
   if (oxEventDefaults::Contains(text->data())) return to;
   char* const end = oxEventWriteText(*text, to);

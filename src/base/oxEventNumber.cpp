@@ -56,8 +56,8 @@ constexpr auto kPowersOfTen = [] {
 
 // Returns the first `count` significant digits of a value as an integer, rounded half to even. The value must be at
 // least 1, and less than both 10^15 and 10^(count - 1).
-// The rounding is correct because the product and the shift are exact. *point: number of digits before the decimal
-// point.
+// The rounding is correct because the product is exact, and the bits that the shift discards are compared exactly with
+// one half. *point: number of digits before the decimal point.
 uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   *point = 1;
   while (value >= static_cast<double>(kPowersOfTen[*point])) ++*point;
@@ -71,7 +71,7 @@ uint64_t RoundedDigits(double value, size_t count, size_t* point) {
   auto digits = static_cast<uint64_t>(scaled >> shift);
   if (remainder > half || (remainder == half && digits % 2 != 0)) ++digits;
   if (digits < kPowersOfTen[count]) return digits;
-  ++*point;  // The digits were rounded up to a power of ten, for example 9.99 to 10.0.
+  ++*point;  // The digits were rounded up to a power of ten, for example 9.996 to 10.0.
   return digits / 10;
 }
 

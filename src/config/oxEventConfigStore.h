@@ -17,13 +17,14 @@ class oxEventConfigStore {
   // Returns false if the file cannot be read or is not a valid store.
   bool Open(const char* path);
 
-  // Writes added keys and values to the file. A failure is ignored: the values that were read remain valid.
+  // Writes added keys, and added or replaced values, to the file. A failure is ignored: the values that were read
+  // remain valid.
   void Save();
 
   void EnsureKey(const std::string& path);                         // Adds the missing keys of the path.
   std::vector<std::string> EnumChildren(const std::string& path);  // Names of the sub-keys, in file order.
 
-  // Sets a value that is not a number to the default, too.
+  // Sets the value to its default if it is missing or is not a number.
   uint32_t ReadDword(const std::string& key, const char* name, uint32_t default_value);
   // Returns at most the first 2047 bytes. A missing value stays missing if the default is empty.
   std::string ReadString(const std::string& key, const char* name, const std::string& default_value);

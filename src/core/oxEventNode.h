@@ -85,7 +85,7 @@ class oxEventNodeList {
   size_t size_ = 0;
 };
 
-// Last in, first out: free nodes, of which the most recently used is reused first. Owns its nodes.
+// A stack of free nodes, so that the most recently used node is reused first. Owns its nodes.
 class oxEventNodeStack {
  public:
   oxEventNodeStack() = default;

@@ -165,7 +165,8 @@ constexpr std::array<char, kCsvHeaderSize> kCsvHeader = [] {
   return header;
 }();
 
-// Bytes that suffice for a field. A string may consist of quotes, which are doubled, and is then enclosed in quotes.
+// Bytes that suffice for a field. In the worst case a string consists only of quotes: each is doubled, and the field is
+// enclosed in two more.
 constexpr size_t CsvFieldCapacity(std::string_view text) { return 2 + 2 * text.size(); }
 constexpr size_t CsvFieldCapacity(UtcTime) { return kUtcNano; }
 template <class Number>
@@ -173,7 +174,7 @@ constexpr size_t CsvFieldCapacity(Number) {
   return kOxEventNumberSize;
 }
 
-// The field of a CSV row (RFC 4180, section 2). Needs CsvFieldCapacity bytes at `at`. Returns the end.
+// Writes one field of a CSV row (RFC 4180, section 2). Needs CsvFieldCapacity bytes at `at`. Returns the end.
 char* WriteCsvField(std::string_view text, char* at) {
   const auto is_special = [](auto c) { return (c == '"') | (c == ',') | (c == '\n') | (c == '\r'); };
   if (oxEventCopyIfPlain(text, is_special, at)) return at + text.size();

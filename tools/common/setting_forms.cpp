@@ -3,7 +3,7 @@
 std::string DescribeForm(oxEventSettingForm form) {
   switch (form) {
     case oxEventSettingForm::kSwitch:
-      return "a switch, or a number: 0 is off";
+      return "a switch, or a number (0 is off, any other is on)";
     case oxEventSettingForm::kSeverity:
       return "a severity, or 0 to 3";
     case oxEventSettingForm::kWord:

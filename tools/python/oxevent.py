@@ -438,7 +438,7 @@ class AlertPoster:
     def stop(self) -> int:
         """Post the waiting alerts, and each active alert once more, for at most stop_timeout_s; end the poster.
 
-        Returns the number of alerts whose latest state was not posted; 0 if the poster was stopped before.
+        Returns the number of alerts whose latest state was not posted; 0 if the poster had already been stopped.
         """
         _posters.pop(self._id.value, None)
         unposted = ctypes.c_uint32()

@@ -69,7 +69,7 @@ class BlockReader {
     reading->has_run = true;
     reading->running = get(run.running) != 0;
     const auto drops = Get<oxEventDropCounts>(run.drops);
-    const uint64_t emitted = get(run.emitted);  // Before the enqueued ones, so that they are not fewer.
+    const uint64_t emitted = get(run.emitted);  // Read before `enqueued`, so that it is never greater.
     reading->counters = {get(run.enqueued) + oxEventDropsBeforeQueue(drops),
                          emitted,
                          std::reduce(drops.begin(), drops.end()),
