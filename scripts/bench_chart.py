@@ -5,7 +5,7 @@ from typing import Callable, NamedTuple
 from xml.sax.saxutils import escape
 
 # Pixels. Narrow enough that the text can be read on a phone, which scales the chart to the width of its screen.
-WIDTH, LEFT, RIGHT = 600, 135, 145  # Left margin: labels; right margin: the value of the longest bar.
+WIDTH, LEFT, RIGHT = 600, 135, 155  # Left margin: labels; right margin: the value of the longest bar.
 TOP, ROW, HEADING, FOOT = 80, 21, 29, 48
 FONT, SMALL_FONT, TITLE_FONT = 15, 14, 19
 CURVE_LEFT, CURVE_RIGHT, CURVE_HEIGHT = 75, 213, 190  # Right margin: the name and the last value of each curve.

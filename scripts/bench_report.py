@@ -460,7 +460,7 @@ def charts_of(end_to_end):
 
     time, rate = partial(formatted, units=TIME), partial(formatted, units=RATE)
     how = "Bars: median of the rounds. Thin lines: minimum to maximum."
-    yield "storm", chart("Time in Submit: a storm of 1,000 events from one thread", f"Lower is better. {how}", [
+    yield "storm", chart("Time in Submit: 1,000 events from one thread", f"Lower is better. {how}", [
         Panel("Time per call", time, [(name, list(quantiles(logger))) for logger, name in LOGGERS.items()])])
     yield "submit", chart("Mean time in Submit", f"Lower is better. {how}", [
         Panel("Time per call", time, groups(lambda load: per_logger(load, "submit_ns.mean", TIME)))])
