@@ -219,7 +219,7 @@ void oxEventQueue::WaitForWorkLocked(oxEventNodeStack* surplus) {
   } else {
     not_empty_.Wait(mutex_);
   }
-  wait_mode_ = WaitMode::kAwake;
+  wait_mode_ = WaitMode::kNotWaiting;
 }
 
 // Blocks until another thread claims the wakeup or requests a stop. If neither happens before the pool's deadline,
@@ -233,7 +233,9 @@ void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
 }
 
 // Returns true if the worker is waiting and no other thread has claimed its wakeup yet: the caller must then notify it.
-bool oxEventQueue::ClaimWakeupLocked() { return std::exchange(wait_mode_, WaitMode::kAwake) != WaitMode::kAwake; }
+bool oxEventQueue::ClaimWakeupLocked() {
+  return std::exchange(wait_mode_, WaitMode::kNotWaiting) != WaitMode::kNotWaiting;
+}
 
 // Frees surplus nodes until there is something else to do, and returns the rest to the pool. In the meantime,
 // submitters allocate new nodes.

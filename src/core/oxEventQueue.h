@@ -72,7 +72,7 @@ class oxEventQueue {
   // How the worker waits. Waking a blocked thread costs a submitter far more than queueing an event. After an
   // event, the worker therefore first waits for a fixed time, during which a new event does not wake it unless the
   // backlog is at least half full. If no event has arrived by then, the worker blocks until one does.
-  enum class WaitMode { kAwake, kTimed, kBlocked };
+  enum class WaitMode { kNotWaiting, kTimed, kBlocked };
 
   oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
   oxEventEnqueueResult CopyToNewMemory(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
@@ -105,7 +105,7 @@ class oxEventQueue {
   uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // Number of changes after which nothing was pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
-  WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kAwake;  // See ClaimWakeupLocked.
+  WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kNotWaiting;  // See ClaimWakeupLocked.
   bool had_event_ OX_GUARDED_BY(mutex_) = false;  // Whether the worker has taken an event since its last wait.
   oxEventCondition not_empty_;
   oxEventCondition drained_;

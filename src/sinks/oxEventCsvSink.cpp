@@ -32,8 +32,9 @@ size_t WholeRowsSize(std::string_view text) {
 
 // Appends one row per event to a CSV file (RFC 4180, but a row ends with LF alone). Buffers and writes complete rows
 // only: after a partial write it truncates the torn row, so that the first row of a later sink begins on a new line.
-// After a failed write the sink writes nothing more. But if the disk is full when the sink is opened, Open succeeds,
-// and the header is written later, before the first row.
+// The file is opened with O_APPEND, so the rows of several processes stay whole in one regular file. After a failed
+// write the sink writes nothing more. But if the disk is full when the sink is opened, Open succeeds, and the header is
+// written later, before the first row.
 class oxEventCsvSink : public oxEventSink {
  public:
   explicit oxEventCsvSink(const oxEventSinkConfig& config)
