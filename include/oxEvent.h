@@ -111,7 +111,8 @@ OXEVENT_API uint32_t oxEventInitialize(const char* config_path);
 /*
  * Stops the library: delivers queued events for at most 5000 ms, discards the rest, waits for the event that is being
  * delivered, closes the sinks and removes all callbacks. CSV sinks write their buffered rows about every 500 ms while
- * events are delivered, and again before the last wait. oxEventInitialize may be called afterwards.
+ * events are delivered, and again before this call waits for the event in delivery. oxEventInitialize may be called
+ * afterwards.
  *
  * Inside a callback it discards the queued events and waits for no delivery; the worker thread ends once the current
  * event is delivered.

@@ -97,7 +97,7 @@ TEST(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {
 }
 
 // The transitions of the ShelvedStateMachineType (OPC UA Part 9).
-TEST(oxEventLimitAlarm, UnshelvesAtTheLatestAfterTheMaximumTime) {
+TEST(oxEventLimitAlarm, UnshelvesAfterTheMaximumTimeAtTheLatest) {
   LimitAlarmConfig config = HighAt100();
   config.max_time_shelved = seconds(100);
   LimitAlarm alarm(config);

@@ -78,7 +78,7 @@ class CheckTest(unittest.TestCase):
         return text.value.decode()
 
     def expect(self, settings, *expected, options=()):
-        """Expects these findings in this order: beginnings of the results of describe(), with * for anything."""
+        """Expects exactly these findings, in this order. Each is the beginning of a result of describe(); * is anything."""
         with self.subTest(settings):
             self.write(settings)
             done = self.run_tool("--json", *options, "0.xml")

@@ -16,7 +16,7 @@ void* LibcurlFunction(const char* name) {
 
 }  // namespace
 
-// Numbers and pointers are passed in the same registers.
+// Integers and pointers are passed in the same registers, so a function of five longs can forward every call.
 #define OWN(call)                                                                             \
   extern "C" long Own_##call(long, long, long, long, long) __asm__(#call);                    \
   long Own_##call(long first, long second, long third, long fourth, long fifth) {             \

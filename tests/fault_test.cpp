@@ -108,7 +108,7 @@ struct FaultTest : testing::Test {
     size_t n = 0;
     do {  // Until there is no n-th call.
       ++n;
-      SCOPED_TRACE("Call " + std::to_string(n) + " of " + c.call + " gives " + std::to_string(c.error));
+      SCOPED_TRACE("Call " + std::to_string(n) + " of " + c.call + " fails with error " + std::to_string(c.error));
       prepare();
       TakeArrivals();
       callbacks = 0;

@@ -178,7 +178,7 @@ TEST_F(AlertListTest, DropsWhatDoesNotFitButResolvesWhatIsActive) {
   EXPECT_EQ(State().active_alerts, 0u);
 }
 
-TEST_F(AlertListTest, UsesTheMemoryOfEndedAlertsAgain) {
+TEST_F(AlertListTest, ReusesTheMemoryOfEndedAlerts) {
   const std::string long_message(kMaxBytes / 20, 'x');
   for (int i = 0; i < 100; ++i) {
     Add({"raise", 2, "a", long_message.c_str()});

@@ -181,7 +181,7 @@ static void Reload(Watcher* watcher) {
     PrintFailure("reload failed, the old settings stay in force", code);
     return;
   }
-  ReportNotice(&watcher->reporter, "watch.reloaded", "The settings are reloaded");
+  ReportNotice(&watcher->reporter, "watch.reloaded", "The settings have been reloaded");
 }
 
 // Waits for one of `signals` and returns it, or 0 at `deadline_ms`. The signals are blocked, so that none is lost
@@ -197,7 +197,8 @@ static int WaitForSignal(const sigset_t* signals, uint64_t deadline_ms) {
   }
 }
 
-// Prints the first failed post of each poster: it tells an error in the URL from an Alertmanager that is down.
+// Reports the first failure of each poster. If no later post has succeeded, the status distinguishes a wrong URL from
+// an Alertmanager that is down.
 static void PrintFailedPosts(Watcher* watcher) {
   for (size_t i = 0; i < watcher->options.alertmanager_count; ++i) {
     oxEventAlertPosterState state = {.struct_size = sizeof(state)};

@@ -69,7 +69,7 @@ typedef struct oxEventAlertPosterState {
  * http:// or https:// or does not end in /api/v2/alerts (a final slash or a query is refused too), its port is above
  * 65535, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
  * OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no thread could be
- * started. A failure does not set the last error text.
+ * started. The last error text does not give the reason.
  */
 OXEVENT_API uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* config, uint32_t* id_out);
 

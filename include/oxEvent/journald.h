@@ -21,14 +21,14 @@
 
 /* The user_data of the callback. It must exist until the callback is unregistered. */
 typedef struct oxEventJournal {
-  const char* (*message_id)(const char* event_type); /* Returns the MESSAGE_ID of an event type, as the function does
-                        that oxevent-catalogue generates. If this member is null, or returns null, the MESSAGE_ID is
-                        that of the action, which oxevent.catalog explains to journalctl -x. */
+  const char* (*message_id)(const char* event_type); /* Returns the MESSAGE_ID of an event type; oxevent-catalogue can
+                        generate this function. If this member is null, or returns null, the entry gets the MESSAGE_ID
+                        of its action, whose explanation in oxevent.catalog journalctl -x shows. */
   uint64_t failures; /* Number of events that the journal did not accept. Read it after a flush or the shutdown. */
   int error;         /* errno of the last failure. */
 } oxEventJournal;
 
-/* Compares independently of the locale and of the letter case. */
+/* Compares ASCII letters without regard to their case, in any locale. `name` must be in lower case. */
 static inline int oxEventJournalIs(const char* action, const char* name) {
   while (*name != '\0' && (*action | 0x20) == *name) {
     ++action;
@@ -45,7 +45,8 @@ static inline const char* oxEventJournalActionId(const char* action) {
   return "e0bc1fa54ec24924af35ea1b230b0b72"; /* A notice. */
 }
 
-/* Writes the least of 15 to 17 digits that give the same number, with a point in every locale. Returns the text. */
+/* Writes the number with as few of 15 to 17 significant digits as are needed to read back the same value, and with a
+ * decimal point in every locale. Returns the text. */
 static inline const char* oxEventJournalFormat(double number, char* text, size_t size) {
   int precision = 14;
   char* point;

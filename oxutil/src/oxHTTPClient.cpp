@@ -140,9 +140,11 @@ oxHTTPClient::~oxHTTPClient() {
 }
 
 // Called when libcurl needs an address for a new connection and has none cached, even if the URL has an IP address,
-// which needs no lookup. If it has a host name, this function aborts the transfer, because libcurl's own lookup could
-// not be abandoned at the deadline; Perform then starts it again with the addresses. If the server has already received
-// the request, this function aborts the transfer for good, because libcurl would repeat the request.
+// which needs no lookup. If the URL has a host name, this function aborts the transfer, because libcurl's own lookup
+// could not be abandoned at the deadline. Perform then looks the name up itself and restarts the transfer with the
+// addresses found. If the server has already received the request, this function aborts the transfer for good, because
+// libcurl would otherwise send the request a second time: after it has closed a kept connection (OnCloseSocket), it
+// looks the name up and opens another (OnOpenSocket).
 int oxHTTPClient::OnLookup(void* /*state*/, void* /*reserved*/, void* self) {
   auto* client = static_cast<oxHTTPClient*>(self);
   client->lookup_needed_ = !client->response_started_ && !IsIpAddress(client->host_);

@@ -36,7 +36,7 @@ struct State {
   std::condition_variable changed;
   size_t threads = 0;                          // Running lookups, one per thread; at most kMaxThreads.
   size_t retries = 0;                          // Those of them that are retries.
-  std::map<std::string, SharedLookup> newest;  // By host: the newest running lookup, which calls share.
+  std::map<std::string, SharedLookup> newest;  // The newest running lookup of each host, for all its calls.
 };
 
 // Argument of a lookup thread.

@@ -37,7 +37,7 @@
   OX_TRACE(emit, event_id, severity, action);
 }
 
-// A delivery to a sink, or writing the rows that it has buffered, has failed.
+// A delivery to a sink, or a flush of it, has failed.
 [[gnu::always_inline]] inline void oxEventTraceSinkFailure([[maybe_unused]] const char* section,
                                                            [[maybe_unused]] const char* name,
                                                            [[maybe_unused]] const char* error) {

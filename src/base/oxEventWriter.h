@@ -147,8 +147,8 @@ class oxEventWriter {
   // Shortens the string to `size` bytes, at most Size().
   void Truncate(size_t size) { at_ = out_->data() + size; }
 
-  // Returns where the caller may write up to `size` bytes, valid until the next call. The caller then passes the end of
-  // what it wrote to Advance.
+  // Returns a pointer to `size` writable bytes; any other member function invalidates it. The caller then passes the
+  // end of what it wrote to Advance.
   char* Room(size_t size) {
     if (static_cast<size_t>(end_ - at_) < size) Grow(size);
     return at_;

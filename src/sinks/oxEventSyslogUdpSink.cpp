@@ -116,8 +116,8 @@ std::string Host(const oxEventSinkConfig& config) { return oxEventOrDefault(conf
 
 uint32_t Port(const oxEventSinkConfig& config) { return config.port == 0 ? kDefaultPort : config.port; }
 
-// Sends each event as one RFC 5424 message in one datagram (RFC 5426). The timestamp has nine fractional digits, where
-// the standard allows six, so that it keeps the nanoseconds.
+// Sends each event as one RFC 5424 message in one datagram (RFC 5426). The timestamp has nine fractional digits,
+// although the standard allows at most six, so that no nanoseconds are lost. Invalid UTF-8 is passed on unchanged.
 class oxEventSyslogUdpSink : public oxEventSink {
  public:
   explicit oxEventSyslogUdpSink(const oxEventSinkConfig& config)

@@ -25,7 +25,8 @@ std::string WhyUnreadable(const std::string& path) {
   return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "it cannot be read";
 }
 
-// The companion's own reasons name what the file contains; the XML parser's begin with a capital letter.
+// Makes a sentence of a reason: those of the companion library are noun phrases in lower case ("a second root
+// element"), those of the XML parser are sentences.
 std::string Sentence(const std::string& reason) {
   return (oxEventAsciiLower(reason[0]) == reason[0] ? "The file contains " : "") + reason;
 }

@@ -16,7 +16,7 @@ namespace {
 
 const char* g_tool = "";
 
-constexpr int kFirstLongOption = 256;  // What getopt_long returns for the first option: above all characters.
+constexpr int kFirstLongOption = 256;  // What getopt_long returns for the first long option; no character has it.
 
 // Levenshtein distance.
 size_t EditDistance(std::string_view a, std::string_view b) {

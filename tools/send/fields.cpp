@@ -15,7 +15,8 @@ constexpr Field kFields[] = {
     {"message", nullptr, nullptr, nullptr, &R::message},
     {"severity", "severity", "NAME|NUMBER", "debug, info, warning, error or 0 to 3 (default info)", &R::severity},
     {"action", "action", "STRING",
-     "raise, update, repeat or clear of a condition; an event\nwith another action, or none, is passed on unchanged",
+     "what happens to a condition: raise, update, repeat or clear;\nan event with another action, or none, is passed "
+     "on unchanged",
      &R::action},
     {"event_type", "event-type", "STRING", "kind of event (default \"event\")", &R::event_type},
     {"source_id", "source-id", "STRING", "identifier of the source", &R::source_id},
@@ -25,8 +26,8 @@ constexpr Field kFields[] = {
     {"utc_ns", "utc", "TIME|NS",
      "time of the event: RFC 3339 (2026-03-01T12:00:00.5Z) or\nnanoseconds since 1970 (0, the default: now)",
      &R::utc_ns},
-    {"ptp_ns", "ptp-ns", "NS", "PTP time in nanoseconds (0, the default: now)", &R::ptp_ns},
-    {"pts", "pts", "NUMBER", "media presentation time stamp, may be negative", &R::pts},
+    {"ptp_ns", "ptp-ns", "NS", "PTP time in nanoseconds (0, the default: now, in UTC)", &R::ptp_ns},
+    {"pts", "pts", "NUMBER", "media presentation timestamp; may be negative", &R::pts},
     {"timecode", "timecode", "STRING", "media time code", &R::timecode},
     {"value", "value", "NUMBER", "measured value", &R::value},
     {"threshold", "threshold", "NUMBER", "limit that the value was compared with", &R::threshold},
@@ -34,7 +35,8 @@ constexpr Field kFields[] = {
     {"duration_ms", "duration-ms", "MS", "duration in milliseconds", &R::duration_ms},
     {"details_json", "details-json", "JSON", "further details, passed on without being parsed (default {})",
      &R::details_json},
-    {"event_id", "event-id", "NUMBER", "identifier; 0, the default: the next number from 1", &R::event_id}};
+    {"event_id", "event-id", "NUMBER",
+     "identifier; 0 (the default): the library assigns the\nnext number, beginning with 1", &R::event_id}};
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kSecondsPerDay = 86'400;
