@@ -16,7 +16,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.append(f"{ROOT}/scripts")
 from browser import Browser
-from receivers import TIMEOUT_S, await_
+from receivers import TIMEOUT_S
 
 TOOL = ROOT / "tools" / "alarms" / "oxevent-alarms"
 HEADER = ("version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,source_name,dedupe_key,correlation_id,"
@@ -72,7 +72,6 @@ class AlarmsTest(unittest.TestCase):
     def test_condition_of_an_earlier_run_is_unconfirmed(self):
         # Rows are (event id, key) for a raise, or (event id, key, action).
         cases = {
-            "the ids fall back": ([(1, "a"), (9, "b"), (1, "c"), (2, "d")], ["a", "b"]),
             "the last row falls back": ([(1, "a"), (9, "b"), (3, "c")], ["a", "b"]),
             "a run of one row": ([(1, "a"), (1, "b"), (2, "c")], ["a"]),
             "a late row": ([(1, "a"), (9, "b"), (7, "c"), (10, "d")], []),
@@ -131,9 +130,6 @@ class AlarmsTest(unittest.TestCase):
                 listed = self.run_tool()
                 self.assertEqual((listed.returncode, listed.stdout), (1, ""))
                 self.assertIn(where + reason, listed.stderr)
-                checked = self.run_tool("--check")
-                self.assertEqual(checked.returncode, 3)
-                self.assertIn(f"OXEVENT UNKNOWN - {where}{reason}", checked.stdout)
                 skipped = self.run_tool("--skip-damaged", "--json")
                 self.assertIn(where, skipped.stderr)
                 self.assertEqual(skipped.stderr.count("damaged"), 1)
@@ -197,19 +193,11 @@ class AlarmsTest(unittest.TestCase):
             expect("new")
             append(host, "buffered")  # The library writes it after it has created the new file.
         with open(self.file, "a") as host:
-            host.write("65536,an incomplete row")
-        await_("the row is read", lambda: self.position_of(follower) == self.file.stat().st_size)
+            host.write(document(row("last"), header=False) + "65536,an incomplete row")
+        expect("last")  # The tool has read everything before it flushes its output.
         os.truncate(self.file, 0)
-        await_("the truncation is seen", lambda: self.position_of(follower) == 0)
         with open(self.file, "a") as host:
             append(host, "truncated")
-
-    def position_of(self, process):
-        """Returns the position up to which the process has read the file."""
-        for link in Path(f"/proc/{process.pid}/fd").iterdir():
-            if os.readlink(link) == str(self.file):
-                return int(Path(f"/proc/{process.pid}/fdinfo/{link.name}").read_text().split()[1])
-        return None
 
     def test_page_shows_100000_rows_and_runs_none_of_them(self):
         actions = ("raise", "clear")

@@ -3,7 +3,6 @@ import ctypes
 import json
 import os
 import re
-import shutil
 import subprocess
 import sys
 import tempfile
@@ -126,12 +125,7 @@ class StatTest(unittest.TestCase):
         self.do(host, "_ctypes.dlclose(oxevent._library._handle)")
         self.assert_fails(self.run_tool(host.pid), 1, "has not loaded the library")
 
-    def test_reads_a_stripped_library_and_a_stripped_program_that_contains_it(self):
-        stripped = self.directory / LIBRARY.name
-        subprocess.run(["strip", "--strip-all", "-o", stripped, LIBRARY], check=True)
-        host = self.start_host(library=stripped)
-        self.do(host, "oxevent.load()")
-        self.assertFalse(self.read(host.pid)["initialized"])
+    def test_reads_a_stripped_program_that_contains_the_library(self):
         program = self.directory / f"test{os.getpid()}-with-a-long-name"  # No other run of this test has that name.
         subprocess.run(["strip", "--strip-all", "-o", program, SEND], check=True)
         write_settings(self.settings, NATIVE_OFF)
@@ -187,9 +181,9 @@ class StatTest(unittest.TestCase):
         json.loads((ROOT / "docs" / "stat" / "oxevent-dashboard.json").read_text())
 
     def test_alert_rules_are_valid_and_fire(self):
-        for command, file in (("check", "docs/stat/oxevent-alerts.yml"), ("test", "tests/stat_alerts.yml")):
-            done = subprocess.run(["promtool", command, "rules", ROOT / file], capture_output=True, text=True, check=False)
-            self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        command = ["promtool", "test", "rules", ROOT / "tests/stat_alerts.yml"]
+        done = subprocess.run(command, capture_output=True, text=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
     def test_serves_and_writes_metrics_of_a_process_that_ends(self):
         host = self.start_host()
