@@ -5,7 +5,6 @@ import fnmatch
 import itertools
 import json
 import os
-import re
 import shutil
 import subprocess
 import sys
@@ -183,17 +182,14 @@ class CheckTest(unittest.TestCase):
     def test_values_that_the_library_refuses(self):
         self.expect({"core": {"enabled": "maybe", "queue_size": "x"}},
                     r"core/enabled: error bad-value: Invalid boolean value for QVX\Events\core\enabled: maybe -> * 1, ",
-                    "core/queue_size: warning no-number: 'x' is not a number from 1 to *: the default 1024 applies -> ")
+                    "core/queue_size: warning no-number: 'x' * from 1 to *: the default 1024 applies -> Write only ")
         self.expect({CSV: {"enabled": "on ", "path": "l"}}, f"{CSV}/enabled: error bad-value: * -> Remove the lead")
         self.expect({CSV: ON | {"path": ""}, SYSLOG: ON | {"port": 65536}, SNMP: ON | {"version": "3", "port": 70000}},
                     f"{CSV}/path: error sink-refused: oxEvent CSV ",
                     f"{SYSLOG}/port: error sink-refused: * -> Set a port from 0 to 65535; 0 means the default port.",
                     f"{SNMP}/version: error sink-refused: SNMPv3 ",
                     f"{SNMP}/port: error sink-refused: *127.0.0.1:70000 ")
-        self.expect({SYSLOG: {"port": "x"}},
-                    f"{SYSLOG}/port: warning no-number: 'x' is not a number from 0 to 65535: * -> Write only digits.")
-        self.expect({"core": {"queue_size": "5000000000"}},
-                    "core/queue_size: warning no-number: * -> Set a number from 1 to 4294967295.")
+        self.expect({SYSLOG: {"port": "5000000000"}}, f"{SYSLOG}/port: warning no-number: * -> Set * from 0 to 65535.")
         self.expect({"core": {"drop_policy": "drop_nevest", "minimum_severity": "critical"}},
                     "core/drop_policy: error *; did you mean drop_newest?",
                     "core/minimum_severity: error *; error is the highest ")
@@ -224,7 +220,6 @@ class CheckTest(unittest.TestCase):
                     r"zz: warning misplaced: * its settings belong in QVX\Events\sink\csv\zz")
         for values, place in (({"host": "h", "port": 1}, r"syslog\udp"), (ON | {"path": "x"}, "csv")):
             self.expect({"sink/syslog/d": values}, rf"sink/syslog/d: warning misplaced: *\Events\sink\{place}\d -> ")
-        self.expect({"sink/syslog/d": {"zzz": 1}}, "sink/syslog/d: warning unknown-key")
         self.expect({"sink/webhook": ON | {"zzz": 1}},
                     r"sink/webhook/enabled: warning unknown-value: * -> Settings belong *\http, such as default",
                     "sink/webhook/zzz: warning unknown-value: * -> Keys ")
@@ -308,8 +303,8 @@ class CheckTest(unittest.TestCase):
         self.expect({"core": {"minimum_severity": "error"}, "state": {"default_repeat_interval_sec": 0}},
                     "core/minimum_severity: warning clears-hidden: *a new raise is sent as a repeat")
         self.expect({"core": {"minimum_severity": 3}, "state": {"enabled": 0}})
-        self.expect({ALERTMANAGER: ON}, f"{ALERTMANAGER}/enabled: note sends-nothing")
-        self.expect({ALERTMANAGER: ON, NATIVE: OFF}, f"{ALERTMANAGER}/enabled: note", f"{NATIVE}/*: warning no-sink")
+        self.expect({ALERTMANAGER: ON, NATIVE: OFF},
+                    f"{ALERTMANAGER}/enabled: note sends-nothing", f"{NATIVE}/*: warning no-sink")
 
     def test_secrets_of_a_sink_together(self):
         login = {"basic_username": "u", "basic_password": "p"}
@@ -419,7 +414,6 @@ good.xml: no problems
         self.write({WEBHOOK: POSTING | of_webhook, SNMP: {"community": "cobalt"},
                     "sink/webhook/http/v": {"endpoint_url": "https://u:p@h/", "bearer_token": "", "headers": "a:b"}})
         for mode, owner, user, who in (
-                (0o640, 0, 0, None),
                 (0o604, 0, 0, "every user of the machine may read"),
                 (0o606, 0, 0, "every user of the machine may change"),
                 (0o640, 0, 7777, None),
@@ -441,7 +435,6 @@ good.xml: no problems
                 ([], "no FILE"),
                 (["--explain", "core", "f.xml"], "f.xml: --explain takes no FILE"),
                 (["--complete", "a", "b"], "b: --complete takes one FILE"),
-                (["--explain", "x"], "x: no such key"),
                 (["--explain", "enabled.x"], "enabled.x: no such key"),
                 (["--explain", "que_size"], "que_size: no such key; did you mean queue_size?")):
             with self.subTest(arguments):

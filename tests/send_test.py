@@ -40,7 +40,6 @@ REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ('{"message": "m", "message": "n"}', "18: message: appears twice"),
     ('{"version": "65536"}', "13: version: must be 65536"),
     ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
-    ('{"xpts": 1}', "2: xpts: is not a field of an event; did you mean pts?"),
     ('{"\\u0080\\u009f\\u001b\\u007f\\n\\r\\tÉ°": 1}', "2: \\xc2\\x80\\xc2\\x9f\\x1b\\x7f\\n\\r\\tÉ°: is not a field"),
     ('{"' + 600 * "x" + '": 1}', "2: " + 500 * "x" + "\n"),
     ('{"event_id": 18446744073709551616}', "14: event_id: '18446744073709551616' is not a whole number from 0"),
@@ -171,7 +170,6 @@ class SendTest(unittest.TestCase):
             self.assertEqual(self.send("--help", stdout=full, status=1)[1], error)
             self.assertEqual(self.send("m", stdout=full, status=1)[1], error)
             self.assertEqual(self.send("m", "--quiet", stdout=full)[1], "")
-            self.assertIn("standard output: ", self.send("m", sections={CSV: OFF}, stdout=full, status=1)[1])
 
     def test_nothing_is_lost_to_a_full_queue(self):
         messages = [f"{number:0300}" for number in range(500)]  # More than the tool reads at a time.
@@ -218,10 +216,7 @@ class SendTest(unittest.TestCase):
                 ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or"),
                 ({CSV: {"enabled": 1, "path": "/dev/full"}}, "m --count 2 --action raise --wait 9",
                  r"dropped: 1, .*\noxevent-send: sink\\csv\\default: failed: .*\n    .*\n$"),
-                ({CSV: {"enabled": 1, "path": "x", "minimum_severity": 2}, "core": {"minimum_severity": 0}} | alerts,
-                 "m --severity debug", r": 0: every event is below .* \(warning\)\n(?s:.*)reached no sink: 1, "),
-                ({CSV: OFF} | alerts, "m --severity error", "1 formatted, not sent: .*\n.*no sink that delivers .*: "),
-                ({CSV: OFF}, "m", "emitted: 1\n.*no sink that delivers events is enabled: no event was delivered\n")):
+                ({CSV: OFF} | alerts, "m --severity error", "1 formatted, not sent: .*\n.*no sink that delivers .*: ")):
             with self.subTest(expected):
                 output, errors, _ = self.send(*arguments.split(), sections=sections, status=1)
                 self.assertRegex(output + errors, expected)
