@@ -52,10 +52,22 @@ sinks:
   sink\\syslog\\udp noc: 2 failures, the last: oxEvent syslog UDP send failed to 127.255.255.255:5140 error=13
   callbacks: no failure
 """
-# Random events, whose times exceed the repeat interval now and then, and reloads, which keep the conditions.
+# Random events, whose times exceed the repeat interval now and then, and rotations of the CSV file, as by logrotate.
 RANDOM = r"""
-import oxevent, random, sys
+import gzip, os, oxevent, random, sys
 chosen = random.Random(1)
+csv = sys.argv[2]
+
+def rotate(count):
+    oxevent.flush()
+    for number in range(count, 1, -1):
+        os.rename(f"{csv}.{number}.gz", f"{csv}.{number + 1}.gz")
+    if count:
+        with open(f"{csv}.1", "rb") as file, gzip.open(f"{csv}.2.gz", "wb") as packed:
+            packed.write(file.read())
+    os.rename(csv, f"{csv}.1")
+    oxevent.reload()
+
 oxevent.initialize(sys.argv[1])
 utc_ns = 10**18
 for number in range(10_000):
@@ -66,7 +78,7 @@ for number in range(10_000):
         action=chosen.choice(("raise", "RAISE", "update", "Update", "repeat", "clear", "Clear", "ack", "")),
         dedupe_key=chosen.choice(("", f"key,\n {name}")), source_id=f"source:{name}", event_type=f'"{name % 3}"')
     if number % 1000 == 999:
-        oxevent.reload()
+        rotate(number // 1000)
 oxevent.flush()
 print(flush=True)
 input()
@@ -84,9 +96,9 @@ class InsideTest(unittest.TestCase):
             "sink\\native\\main": {"enabled": 0},
             "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Broadcasts are not permitted.
 
-    def start_host(self, script, library=LIBRARY):
+    def start_host(self, script, library=LIBRARY, arguments=()):
         environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "OXEVENT_LIBRARY": str(library)}
-        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings], env=environment, text=True,
+        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings, *arguments], env=environment, text=True,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.enterContext(host)
         self.addCleanup(host.kill)
@@ -123,7 +135,7 @@ class InsideTest(unittest.TestCase):
             "core": {"minimum_severity": "debug", "queue_size": 10_000},
             "sink\\native\\main": {"enabled": 0},
             "sink\\csv\\default": {"enabled": 1, "path": csv, "minimum_severity": "debug"}})
-        pid = self.start_host(RANDOM)
+        pid = self.start_host(RANDOM, arguments=[csv])
         shown = re.findall("^  .*, last sent .*Z$", self.gdb("-p", pid, commands=["oxevent conditions 1000"]), re.M)
         listed = subprocess.run([f"{ROOT}/tools/alarms/oxevent-alarms", "--json", csv], capture_output=True, check=True)
         conditions = json.loads(listed.stdout)["conditions"]
