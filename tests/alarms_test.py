@@ -225,6 +225,15 @@ class AlarmsTest(unittest.TestCase):
             self.assertEqual(browser.evaluate("document.getElementById('matches').value"), "199 events")
             self.assertEqual(browser.evaluate(count(".lane[data-rank]")), 1)
 
+    def test_page_counts_each_period_that_the_rows_touch(self):
+        page = self.directory / "page.html"
+        now_s = NOW // S
+        bursts = now_s % 600 + 1, now_s % 600  # The last second of one period and the first of the next.
+        rows = [row(f"{ago_s} {number}", ago_s=ago_s) for ago_s in bursts for number in range(11)]
+        self.file.write_text(document(*rows))
+        self.run_tool("--html", page)
+        self.assertIn("2 (100.0%)", page.read_text())
+
 
 if __name__ == "__main__":
     unittest.main()
