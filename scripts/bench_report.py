@@ -427,7 +427,7 @@ def growth_charts(end_to_end, micro):
         queue("Time in Submit, median", "submit_ns.p50"),
         queue("Time in Submit, 99th percentile", "submit_ns.p99"),
         queue("Memory after the queue has been full", "memory_kib", values=in_mib, units=((" MiB", 1),))])
-    yield "growth_conditions", chart("Time of an evaluation, by number of raised conditions", how.replace(
+    yield "growth_conditions", chart("Evaluation time, by number of raised conditions", how.replace(
         "the rounds", "the runs"), [CurvePanel(
             "Worker's CPU time", partial(formatted, units=TIME), "raised conditions", [
                 per_action("raise and clear", "#d9730d", "raise_clear"),
