@@ -42,10 +42,9 @@ extern "C" {
  * Opens the store in an existing file; flags must be 0. An empty file is an empty store. Returns null if the file is
  * missing, unreadable, not a regular file, larger than 64 MiB or not an XML file in the above format, or if a save
  * could not write it back unchanged because it contains a control byte, a reference to a character that XML forbids
- * (&#0;,
- * &#1;), or a comment with "--" inside or "-" at its end. Also returns null if the file declares entities, nests
- * elements more than 64 deep or has too many tags for its size, or if memory runs out. Opening never changes the file.
- * oxCFGClose frees the handle.
+ * (&#0;, &#1;), or a comment with "--" inside or "-" at its end. Also returns null if the file declares entities,
+ * nests elements more than 64 deep or has too many tags for its size, or if memory runs out. Opening never changes the
+ * file. oxCFGClose frees the handle.
  */
 OXUTIL_API void* oxCFGOpen(const char* path, uint32_t flags);
 
