@@ -28,14 +28,13 @@ void ExpectSteps(LimitAlarm* alarm, const std::vector<Step>& steps) {
   }
 }
 
-LimitAlarmConfig HighAt100() {
-  LimitAlarmConfig config;
-  config.limit = 100;
-  return config;
-}
+struct oxEventLimitAlarm : testing::Test {
+  oxEventLimitAlarm() { config.limit = 100; }
 
-TEST(oxEventLimitAlarm, ReturnsToNormalOnlyBeyondTheDeadband) {
-  LimitAlarmConfig config = HighAt100();
+  LimitAlarmConfig config;
+};
+
+TEST_F(oxEventLimitAlarm, ReturnsToNormalOnlyBeyondTheDeadband) {
   config.deadband = 5;
   LimitAlarm high(config);
   ExpectSteps(&high, {{0, 100, kNothing},
@@ -50,8 +49,7 @@ TEST(oxEventLimitAlarm, ReturnsToNormalOnlyBeyondTheDeadband) {
               {{0, 100, kNothing}, {1, 99.9, kRaise}, {2, 104.9, kNothing}, {3, 105, kClear}, {4, 101, kNothing}});
 }
 
-TEST(oxEventLimitAlarm, WaitsForTheDelaysWithoutInterruption) {
-  LimitAlarmConfig config = HighAt100();
+TEST_F(oxEventLimitAlarm, WaitsForTheDelaysWithoutInterruption) {
   config.on_delay = seconds(10);
   config.off_delay = seconds(20);
   LimitAlarm alarm(config);
@@ -62,8 +60,7 @@ TEST(oxEventLimitAlarm, WaitsForTheDelaysWithoutInterruption) {
   EXPECT_EQ(alarm.Poll(seconds(81)), kClear);
 }
 
-TEST(oxEventLimitAlarm, IgnoresValuesThatAreNotNumbersAndAClockThatIsSetBack) {
-  LimitAlarmConfig config = HighAt100();
+TEST_F(oxEventLimitAlarm, IgnoresValuesThatAreNotNumbersAndAClockThatIsSetBack) {
   config.on_delay = seconds(10);
   LimitAlarm alarm(config);
   ExpectSteps(&alarm, {{100, NAN, kNothing}, {50, 101, kNothing}, {60, 101, kNothing}, {110, NAN, kRaise}});
@@ -71,8 +68,7 @@ TEST(oxEventLimitAlarm, IgnoresValuesThatAreNotNumbersAndAClockThatIsSetBack) {
 }
 
 // Three in a minute, the usual criterion for a chattering alarm.
-TEST(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
-  LimitAlarmConfig config = HighAt100();
+TEST_F(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
   config.chatter_count = 3;
   LimitAlarm alarm(config);
   ExpectSteps(&alarm, {{0, 101, kRaise}, {10, 99, kClear}, {30, 101, kRaise}, {40, 99, kClear}, {60, 101, kRaise}});
@@ -84,8 +80,8 @@ TEST(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
   ExpectSteps(&alarm, {{210, 101, kRaise}, {211, 99, kClear}});
 }
 
-TEST(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {
-  LimitAlarm alarm(HighAt100());
+TEST_F(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {
+  LimitAlarm alarm(config);
   ASSERT_TRUE(alarm.TimedShelve(seconds(60), seconds(0)));
   ExpectSteps(&alarm, {{1, 101, kNothing}, {2, 99, kNothing}, {3, 101, kNothing}});
   EXPECT_TRUE(alarm.IsActive());
@@ -97,8 +93,7 @@ TEST(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {
 }
 
 // The transitions of the ShelvedStateMachineType (OPC UA Part 9).
-TEST(oxEventLimitAlarm, UnshelvesAfterTheMaximumTimeAtTheLatest) {
-  LimitAlarmConfig config = HighAt100();
+TEST_F(oxEventLimitAlarm, UnshelvesAfterTheMaximumTimeAtTheLatest) {
   config.max_time_shelved = seconds(100);
   LimitAlarm alarm(config);
   EXPECT_FALSE(alarm.TimedShelve(seconds(101), seconds(0)));

@@ -145,21 +145,20 @@ TEST_F(oxEventHpp, ConditionClearsWithTheIdentityOfItsRaise) {
 TEST_F(oxEventHpp, ConditionEndsTheAlarmOnlyIfAskedTo) {
   RecordReports();
   Session session(settings.c_str());
-  const auto raise = [](Condition* condition) { EXPECT_FALSE(condition->Raise("raised")); };
   {
     Condition not_asked(Event().dedupe_key("a"));
-    raise(&not_asked);
+    EXPECT_FALSE(not_asked.Raise("raised"));
     Condition not_raised(Event().dedupe_key("b"));
     not_raised.ClearAtEnd("ended");
     Condition moved_from(Event().dedupe_key("c"));
-    raise(&moved_from);
+    EXPECT_FALSE(moved_from.Raise("raised"));
     moved_from.ClearAtEnd("ended");
     const Condition asked(std::move(moved_from));
   }
   try {
     Condition unwound(Event().dedupe_key("d"));
     unwound.ClearAtEnd("ended");
-    raise(&unwound);
+    EXPECT_FALSE(unwound.Raise("raised"));
     throw std::runtime_error("failure of the host");
   } catch (const std::runtime_error&) {
   }
@@ -168,36 +167,33 @@ TEST_F(oxEventHpp, ConditionEndsTheAlarmOnlyIfAskedTo) {
                               "1 event  oxEvent c: clear ended 0", "1 event  oxEvent d: raise raised 0"}));
 }
 
-TEST_F(oxEventHpp, ActiveFileReportsASuppressedClear) {
-  const std::string no_orphans = folder.path + "/no_orphans.xml";
-  WriteSettings(no_orphans, "", {{"state\\route_orphan_clear", "0"}});
-  const std::string file = folder.path + "/conditions";
-  ActiveFile::Options options;
-  options.grace = std::chrono::milliseconds(0);
-  std::error_code error;
-  {
-    const ActiveFile previous(file, options, error);
-    const Session session(no_orphans.c_str());
-    EXPECT_FALSE(Event("m").action("raise").Submit());
+struct oxEventHppActiveFile : oxEventHpp {
+  // Returns a file with a condition that a previous run has raised, and that the host no longer raises.
+  ActiveFile RaiseInAPreviousRun(const std::string& key) const {
+    const std::string file = folder.path + "/conditions";
+    ActiveFile::Options options;
+    options.grace = std::chrono::milliseconds(0);
+    std::error_code error;
+    {
+      const ActiveFile previous(file, options, error);
+      const Session session(settings.c_str());
+      EXPECT_FALSE(Event("m").action("raise").dedupe_key(key).Submit());
+    }
+    return ActiveFile(file, options, error);
   }
-  ActiveFile conditions(file, options, error);
-  const Session session(no_orphans.c_str());
+};
+
+TEST_F(oxEventHppActiveFile, ReportsASuppressedClear) {
+  WriteSettings(settings, "", {{"state\\route_orphan_clear", "0"}});
+  ActiveFile conditions = RaiseInAPreviousRun("k");
+  const Session session(settings.c_str());
   EXPECT_EQ(conditions.Poll(), std::errc::operation_not_permitted);
 }
 
 #ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
-TEST_F(oxEventHpp, ActiveFileTriesAFailedClearAgainAtTheNextPoll) {
-  const std::string file = folder.path + "/conditions";
+TEST_F(oxEventHppActiveFile, TriesAFailedClearAgainAtTheNextPoll) {
   const std::string key(100000, 'k');  // The library's copy of an event with this key comes from malloc.
-  ActiveFile::Options options;
-  options.grace = std::chrono::milliseconds(0);
-  std::error_code error;
-  {
-    const ActiveFile previous(file, options, error);
-    const Session session(settings.c_str());
-    EXPECT_FALSE(Event("m").action("raise").dedupe_key(key).Submit());
-  }
-  ActiveFile conditions(file, options, error);
+  ActiveFile conditions = RaiseInAPreviousRun(key);
   const Session session(settings.c_str());
   {
     const Faults no_copy([&](std::string_view call, long first) {

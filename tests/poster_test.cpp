@@ -83,11 +83,9 @@ TEST_F(AlertListTest, KeepsTheLatestStateOfEachAlert) {
     const char* posted[2];
   } cases[] = {
       {"an update replaces the raise", {{"raise", 2}, {"UPDATE", 2, "a", "n"}}, {"warning a: n"}},
-      {"a clear gets the labels of its raise", {{"raise", 3}, {"clear", 1}}, {"critical a resolved: m"}},
-      {"another word for a clear", {{"raise", 3}, {"Resolved", 1}}, {"critical a resolved: m"}},
+      {"a clear gets the labels of its raise", {{"raise", 3}, {"Resolved", 1}}, {"critical a resolved: m"}},
       {"an unknown clear keeps its own labels", {{"clear", 2}}, {"warning a resolved: m"}},
       {"another severity", {{"raise", 2}, {"update", 3}}, {"warning a resolved: m", "critical a: m"}},
-      {"another source", {{"raise", 2}, {"raise", 2, "b"}}, {"warning a: m", "warning b: m"}},
       {"one of two conditions with the same labels is cleared",
        {{"raise", 2, "a", "m", "1"}, {"raise", 2, "a", "n", "2"}, {"clear", 2, "a", "o", "1"}},
        {"warning a: n"}},
@@ -189,10 +187,7 @@ TEST_F(AlertListTest, ReusesTheMemoryOfEndedAlerts) {
   EXPECT_EQ(State().dropped, 0u);
 }
 
-// The library.
-
 const Answer kUnavailable = {"HTTP/1.1 503 -\r\nContent-Length: 0\r\n\r\n"};
-const Answer kNoAnswer = {""};
 const std::string kPath = "/api/v2/alerts";
 
 class AlertPosterTest : public testing::Test {
@@ -204,10 +199,11 @@ class AlertPosterTest : public testing::Test {
   }
   void TearDown() override { oxEventShutdown(); }
 
-  static oxEventAlertPosterConfig Config(const char* url) {
+  oxEventAlertPosterConfig Config(const std::string& url) {
+    url_ = url;
     oxEventAlertPosterConfig config = {};
     config.struct_size = sizeof(config);
-    config.url = url;
+    config.url = url_.c_str();
     config.request_timeout_ms = 100000;
     return config;
   }
@@ -217,23 +213,17 @@ class AlertPosterTest : public testing::Test {
     ASSERT_EQ(oxEventSubmit(&record), OXEVENT_OK);
   }
 
-  static bool IsWorker() {
-    char name[16] = "";
-    pthread_getname_np(pthread_self(), name, sizeof name);
-    return std::string_view(name) == "oxEvent";
-  }
-
   static void WaitUntil(const auto& condition) {
     while (!condition()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 
   const HostFolder directory_{};
+  std::string url_;  // Of the last config.
 };
 
 TEST_F(AlertPosterTest, RetriesAndRepeats) {
   HttpServer server({kUnavailable, kUnavailable, {}});
-  const std::string url = server.Url() + kPath;
-  oxEventAlertPosterConfig config = Config(url.c_str());
+  oxEventAlertPosterConfig config = Config(server.Url() + kPath);
   config.repeat_interval_ms = 10;
   config.headers = "Authorization: Bearer t";
   oxEvent::AlertPoster poster(config);
@@ -251,8 +241,7 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
 // After three failures, the next post would be due in 4 s.
 TEST_F(AlertPosterTest, StopPostsAtOnce) {
   const HttpServer server({kUnavailable, kUnavailable, kUnavailable, {}});
-  const std::string url = server.Url() + kPath;
-  oxEventAlertPosterConfig config = Config(url.c_str());
+  oxEventAlertPosterConfig config = Config(server.Url() + kPath);
   config.stop_timeout_ms = 3500;
   oxEvent::AlertPoster poster(config);
   Submit({"raise", 2});
@@ -262,9 +251,8 @@ TEST_F(AlertPosterTest, StopPostsAtOnce) {
 
 // A post that is started during a stop times out with the stop. Otherwise the stop would take 100 s.
 TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
-  const HttpServer server({kUnavailable, kNoAnswer});
-  const std::string url = server.Url() + kPath;
-  oxEventAlertPosterConfig config = Config(url.c_str());
+  const HttpServer server({kUnavailable, {.bytes = ""}});
+  oxEventAlertPosterConfig config = Config(server.Url() + kPath);
   config.stop_timeout_ms = 2000;
   oxEvent::AlertPoster poster(config);
   Submit({"raise", 2});
@@ -279,15 +267,17 @@ TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
 // Memory can run out when the alert already waits.
 TEST_F(AlertPosterTest, PostsAlertsAfterMemoryRanOutWhileOneWasAdded) {
   const HttpServer server;
-  const std::string url = server.Url() + kPath;
-  oxEvent::AlertPoster poster(Config(url.c_str()));
+  oxEvent::AlertPoster poster(Config(server.Url() + kPath));
   for (int fail_at = 1; fail_at < 40; ++fail_at) {
     SCOPED_TRACE(fail_at);
     const std::string source = std::to_string(fail_at);
     {
       std::atomic<int> left = fail_at;
-      const Faults faults(
-          [&](std::string_view call, long) { return call == "malloc" && IsWorker() && --left == 0 ? ENOMEM : 0; });
+      const Faults faults([&](std::string_view call, long) {
+        char thread[16] = "";
+        pthread_getname_np(pthread_self(), thread, sizeof thread);
+        return call == "malloc" && thread == std::string_view("oxEvent") && --left == 0 ? ENOMEM : 0;
+      });
       Submit({"raise", 2, source.c_str()});
       oxEventFlush(0);
     }
@@ -300,28 +290,19 @@ TEST_F(AlertPosterTest, PostsAlertsAfterMemoryRanOutWhileOneWasAdded) {
 #endif
 
 TEST_F(AlertPosterTest, RefusesUrlsThatNoAlertmanagerHas) {
-  const struct {
-    const char* url;
-    uint32_t result;
-  } cases[] = {{"ftp://host/api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
-               {"http://host", OXEVENT_INVALID_ARGUMENT},
-               {"http://host/api/v1/alerts", OXEVENT_INVALID_ARGUMENT},
-               {"http://host/api/v2/alerts/", OXEVENT_INVALID_ARGUMENT},
-               {"http://host/?to=/api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
-               {"http:///api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
-               {"http://api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
-               {"http://host:909399/api/v2/alerts", OXEVENT_INVALID_ARGUMENT},
-               {"http://host:65535/prefix/api/v2/alerts", OXEVENT_OK},
-               {"https://user:99999@[::1]/api/v2/alerts", OXEVENT_OK}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url);
-    const oxEventAlertPosterConfig config = Config(c.url);
-    EXPECT_EQ(oxEvent::AlertPoster(config).Result(), c.result);
+  const auto start = [this](const char* url) { return oxEvent::AlertPoster(Config(url)).Result(); };
+  for (const char* url : {"ftp://host/api/v2/alerts", "http://host", "http://host/api/v1/alerts",
+                          "http://host/api/v2/alerts/", "http://host/?to=/api/v2/alerts", "http:///api/v2/alerts",
+                          "http://api/v2/alerts", "http://host:909399/api/v2/alerts"}) {
+    EXPECT_EQ(start(url), OXEVENT_INVALID_ARGUMENT) << url;
+  }
+  for (const char* url : {"http://host:65535/prefix/api/v2/alerts", "https://user:99999@[::1]/api/v2/alerts"}) {
+    EXPECT_EQ(start(url), OXEVENT_OK) << url;
   }
 }
 
 TEST_F(AlertPosterTest, RefusesInvalidArguments) {
-  oxEventAlertPosterConfig config = Config("http://host/api/v2/alerts");
+  oxEventAlertPosterConfig config = Config("http://host" + kPath);
   uint32_t id = 0;
   config.headers = "A: b\r\nC: d";
   EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);

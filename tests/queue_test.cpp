@@ -169,39 +169,31 @@ TEST_F(QueueTest, FlushesEndOnceNothingIsPendingOrActive) {
 }
 
 // The worker's timed wait is an hour long, so that only a wake-up ends it.
-struct TimedWaitTest : testing::Test {
-  TimedWaitTest() {
-    queue.Start(4, Policy::kDropNewest);
-    Enqueue("first");
-    while (delivered == 0 || !IsAsleep()) std::this_thread::yield();
-  }
-  ~TimedWaitTest() override { queue.RequestStop(); }  // Ends the wait too.
-
-  void Enqueue(const char* message) {
+TEST(TimedWaitTest, AHalfFullBacklogEndsTheWaitButASingleEventDoesNot) {
+  oxEventDropLedger drops;
+  oxEventQueue queue(&drops, 1h);
+  queue.Start(4, Policy::kDropNewest);
+  const auto enqueue = [&](const char* message) {
     oxEventNodePtr node;
     EXPECT_EQ(queue.Enqueue(Event(message, kInfo), &node), Result::kQueued);
-  }
-  bool IsAsleep() const {
-    const std::string stat = ReadFile("/proc/self/task/" + std::to_string(worker_id.load()) + "/stat");
-    return stat.find(") S ") != stat.npos;
-  }
-
-  oxEventDropLedger drops;
-  oxEventQueue queue{&drops, 1h};
-  std::atomic<int> delivered = 0;
-  std::atomic<int> worker_id = 0;
-  std::jthread worker{[this] {
+  };
+  std::atomic<int> delivered = 0, worker_id = 0;
+  const std::jthread worker([&] {
     worker_id = gettid();
     while (queue.WaitPop() != nullptr) ++delivered;
-  }};
-};
-
-TEST_F(TimedWaitTest, AHalfFullBacklogEndsTheWaitButASingleEventDoesNot) {
-  Enqueue("second");
+  });
+  enqueue("first");
+  const auto is_asleep = [&] {
+    const std::string stat = ReadFile("/proc/self/task/" + std::to_string(worker_id) + "/stat");
+    return stat.find(") S ") != stat.npos;
+  };
+  while (delivered == 0 || !is_asleep()) std::this_thread::yield();
+  enqueue("second");
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(delivered, 1);
-  Enqueue("third");
+  enqueue("third");
   while (delivered < 3) std::this_thread::yield();
+  queue.RequestStop();  // Ends the wait too.
 }
 
 struct SubmitSlotsTest : testing::Test {
