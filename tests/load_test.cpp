@@ -176,20 +176,6 @@ TEST_F(LoadTest, ReturnsTheMemoryOfABurstWhileSingleEventsArrive) {
   EXPECT_LT(ResidentBytes(), idle + kResidentTolerance);
 }
 
-// So that no row is lost if a service manager kills the process during the wait.
-TEST_F(LoadTest, ShutdownWritesRowsBeforeItWaitsForTheEventInDelivery) {
-  string csv = folder.path + "/csv";
-  Start(csv, {});
-  const auto wait_for_row = [](const oxEventRecord* event, void* csv_path) {
-    while (ReadMessages(*static_cast<string*>(csv_path)).back() != event->message) usleep(1000);
-  };
-  uint32_t id = 0;
-  ASSERT_EQ(oxEventRegisterCallback(wait_for_row, &csv, &id), OXEVENT_OK);
-  SubmitNext();
-  SubmitNext();
-  EXPECT_EQ(oxEventShutdown(), OXEVENT_OK);
-}
-
 // Neither Submit nor a reload waits for the worker, which waits for a server that does not respond.
 TEST_F(LoadTest, ShutdownDrainsForFiveSecondsAndWaitsForARequest) {
   uint16_t port = 0;
