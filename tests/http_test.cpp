@@ -250,10 +250,6 @@ TEST(oxOSHTTPCommand, RetriesHungLookupsAfterAMinuteWithUpTo16AtATime) {
   g_lookups_hang = false;
   ++g_lookups_released;
   EXPECT_EQ(waiting.get(), kOk);
-  g_clock_offset_s += 80;
-  for (size_t i = 1; i < urls.size(); ++i) EXPECT_EQ(Send(urls[i]), kOk) << i;
-  g_clock_offset_s += 300;
-  EXPECT_EQ(Send(urls[0]), kOk);  // Its second retry.
   ReleaseHungLookups();
 }
 

@@ -22,13 +22,6 @@ TEST(oxEventSipHash, GivesTheExpectedValues) {
   EXPECT_EQ(oxEventSipHash(key, bytes.substr(0, 9)), 0x25a48eb36c063de4);
 }
 
-TEST(oxEventSipHash, MakesAKeyWithoutGetrandom) {
-  const Faults faults([](std::string_view call, long) { return call == "getrandom" ? ENOSYS : 0; });
-  const oxEventSipKey key = oxEventRandomSipKey();
-  EXPECT_NE(key.low, 0u);
-  EXPECT_NE(key.high, 0u);
-}
-
 TEST(oxEventActiveTable, HashesWithAKeyOfItsOwn) {
   const oxEventActiveTable table, other;
   EXPECT_NE(table.Hash("fan 2"), other.Hash("fan 2"));
