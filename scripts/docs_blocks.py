@@ -10,7 +10,7 @@ A text block without a marker is not tested. The line before a block may be one 
 <!-- not run: REASON -->          only its syntax is checked, and whether its commands and paths exist
 "keeps running where installed": the rest of the page is skipped if a command is missing.
 """
-import json, os, random, re, shlex, shutil, signal, socket, subprocess, tempfile, unittest
+import json, os, re, shlex, shutil, signal, socket, subprocess, tempfile, unittest
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
@@ -28,19 +28,6 @@ QUIET = SETTINGS.format("""<key name='core'><value name='minimum_severity'>debug
 LOGGERS = {"spdlog.hpp": "-lspdlog -lfmt", "glog.hpp": "-lglog", "boost_log.hpp": "-lboost_log -lboost_thread",
            "journald.h": "-lsystemd"}
 FLAGS = ["-DBOOST_LOG_DYN_LINK", "-Wall", "-Wextra", "-Werror", "-Wno-unused", "-I", f"{ROOT}/include"]
-
-
-def free_port():
-    """Returns a port that is free for both TCP and UDP and not above 32767, the highest that Zabbix accepts."""
-    for port in random.sample(range(10000, 32768), 100):
-        with socket.socket(type=socket.SOCK_STREAM) as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
-            try:
-                tcp.bind(("127.0.0.1", port))
-                udp.bind(("127.0.0.1", port))
-                return port
-            except OSError:
-                continue
-    raise OSError("no free port below 32768")
 
 
 class Page:
@@ -63,7 +50,7 @@ class Page:
     def with_free_ports(self, text):
         def replacement(match):
             if match[0] not in self.ports:
-                self.ports[match[0]] = str(free_port())
+                self.ports[match[0]] = str(receivers.free_port())
             return self.ports[match[0]]
 
         return PORTS.sub(replacement, text)

@@ -199,7 +199,7 @@ class Fleet(unittest.TestCase):
 
     def start_broker(self):
         port_mapper = self.start(PortMapper)
-        broker = self.start(Broker, port_mapper=port_mapper, node_port=free_port(socket.SOCK_STREAM))
+        broker = self.start(Broker, port_mapper=port_mapper, node_port=free_port())
         relay = self.start(BrokerRelay, broker=broker)
         self.addCleanup(relay.child.kill)  # As in docs/fleet.md.
         return broker, relay, self.start(Subscriber, broker=broker)
@@ -229,7 +229,7 @@ class Recipes(Fleet):
 
     def test_alertmanager(self):
         operators = self.start(receivers.HttpReceiver)
-        peers = [f"127.0.0.1:{free_port(socket.SOCK_STREAM)}" for _ in range(2)]
+        peers = [f"127.0.0.1:{free_port()}" for _ in range(2)]
         pair = [self.start(Alertmanager, name, operators=operators.url, peers=order)
                 for name, order in (("a", peers), ("b", peers[::-1]))]
         self.addCleanup(pair[1].child.kill)  # Killed, because leaving the cluster takes 10 s.

@@ -18,6 +18,7 @@ import contextlib
 import ctypes
 import json
 import os
+import random
 import re
 import signal
 import socket
@@ -32,13 +33,22 @@ from pathlib import Path
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
 TIMEOUT_S = 120  # Generous, for busy machines: it expires only if something has failed.
 PR_SET_PDEATHSIG = 1
+PORTS = iter(random.sample(range(10000, 32768), 22768))
 AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may lack the user that nginx's workers run as.
 
 
-def free_port(kind):
-    with socket.socket(socket.AF_INET, kind) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+def free_port():
+    """Returns a port that is free for both TCP and UDP and that this process has not got before. The kernel assigns the
+    ports above 32767 to other sockets, perhaps before a receiver binds its port. Zabbix does not accept them either."""
+    for port in PORTS:
+        with socket.socket(type=socket.SOCK_STREAM) as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
+            try:
+                tcp.bind(("127.0.0.1", port))
+                udp.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                continue
+    raise OSError("no free port below 32768")
 
 
 def await_(what, condition):
@@ -113,7 +123,7 @@ class Receiver:
     def start(self, directory):
         self.attach(directory)
         self.directory.mkdir(parents=True)
-        self.port = free_port(self.kind)
+        self.port = free_port()
         return self.run()
 
     def run(self):
