@@ -13,6 +13,12 @@ using namespace std::chrono_literals;
 using Policy = oxEventDropPolicy;
 using Result = oxEventEnqueueResult;
 
+// Whether this thread of the process sleeps. False if there is no such thread.
+bool IsAsleep(int thread_id) {
+  const std::string stat = ReadFile("/proc/self/task/" + std::to_string(thread_id) + "/stat");
+  return stat.find(") S ") != stat.npos;
+}
+
 oxEventNormalizedEvent Event(std::string_view message, uint32_t severity) {
   oxEventNormalizedEvent event;
   event.message = message;
@@ -154,7 +160,12 @@ TEST_F(QueueTest, FlushesEndOnceNothingIsPendingOrActive) {
     if (c.is_active) queue.WaitPop();
     std::vector<std::future<uint32_t>> flushes;
     for (const uint32_t timeout_ms : {0u, 0u, UINT32_MAX}) {
-      flushes.push_back(std::async(std::launch::async, [&, timeout_ms] { return queue.Flush(timeout_ms); }));
+      std::atomic<int> thread_id = 0;
+      flushes.push_back(std::async(std::launch::async, [&, timeout_ms] {
+        thread_id = gettid();
+        return queue.Flush(timeout_ms);
+      }));
+      while (!IsAsleep(thread_id)) std::this_thread::yield();
     }
     queue.RequestStop();  // Wakes the flushes, which must go on waiting.
     for (auto& flush : flushes) EXPECT_EQ(flush.wait_for(10ms), std::future_status::timeout);
@@ -183,11 +194,7 @@ TEST(TimedWaitTest, AHalfFullBacklogEndsTheWaitButASingleEventDoesNot) {
     while (queue.WaitPop() != nullptr) ++delivered;
   });
   enqueue("first");
-  const auto is_asleep = [&] {
-    const std::string stat = ReadFile("/proc/self/task/" + std::to_string(worker_id) + "/stat");
-    return stat.find(") S ") != stat.npos;
-  };
-  while (delivered == 0 || !is_asleep()) std::this_thread::yield();
+  while (delivered == 0 || !IsAsleep(worker_id)) std::this_thread::yield();
   enqueue("second");
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(delivered, 1);
@@ -215,12 +222,15 @@ TEST_F(SubmitSlotsTest, WaitsForOtherThreadsAndFreesTheirNodes) {
   auto submit = std::make_unique<Lease>(&slots);
   oxEventNodePtr& node = *submit->NodeCache();
   node = pool.Create();
+  std::atomic<bool> has_lease = false;
   auto stop = std::async(std::launch::async, [&] {
     const Lease own(&slots);  // Is not waited for.
     *own.NodeCache() = pool.Create();
+    has_lease = true;
     slots.WaitForInFlightSubmits();
     EXPECT_NE(*own.NodeCache(), nullptr);
   });
+  while (!has_lease) std::this_thread::yield();
   EXPECT_EQ(stop.wait_for(10ms), std::future_status::timeout);
   EXPECT_NE(node, nullptr);
   submit.reset();
