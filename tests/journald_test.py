@@ -23,6 +23,7 @@ from receivers import await_, write_settings
 PLUGIN = ctypes.CDLL(os.environ["OXEVENT_JOURNALD_PLUGIN"])
 LIBRARY = ctypes.CDLL(os.environ["OXEVENT_LIBRARY"])
 JOURNALD = "/lib/systemd/systemd-journald"
+READ_JOURNAL = ["journalctl", "--file", "/run/log/journal/*/system.journal"]
 MOUNT = """
 mount -t tmpfs none /run
 mount -t tmpfs none /var/lib/systemd
@@ -38,13 +39,8 @@ class Journal(ctypes.Structure):
     _fields_ = [("message_id", MessageId), ("failures", ctypes.c_uint64), ("error", ctypes.c_int)]
 
 
-def journal_files():
-    return [*Path("/run/log/journal").glob("*/system.journal")]
-
-
 def journalctl(*options):
-    (file,) = journal_files()
-    return subprocess.check_output(["journalctl", "--file", file, "--all", *options], text=True)
+    return subprocess.check_output([*READ_JOURNAL, "--all", *options], text=True)
 
 
 def entries():
@@ -62,7 +58,9 @@ class JournalTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.daemon = subprocess.Popen([JOURNALD], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        await_("the start of the journal", lambda: Path("/run/systemd/journal/socket").exists() and journal_files())
+        await_("the start of the journal", lambda: Path("/run/systemd/journal/socket").exists())
+        read = [*READ_JOURNAL, "--quiet", "--lines=0"]
+        await_("its file, with its header", lambda: subprocess.call(read, stderr=subprocess.DEVNULL) == 0)
 
     @classmethod
     def tearDownClass(cls):
