@@ -33,6 +33,7 @@ from pathlib import Path
 RECIPES = Path(__file__).parent.parent / "docs" / "receivers"
 TIMEOUT_S = 120  # Generous, for busy machines: it expires only if something has failed.
 PR_SET_PDEATHSIG = 1
+os.environ["no_proxy"] = "127.0.0.1"  # Otherwise a proxy in the environment would get the requests to the receivers.
 PORTS = iter(random.sample(range(10000, 32768), 22768))
 AS_ROOT = " user root;" if os.geteuid() == 0 else ""  # A user namespace may lack the user that nginx's workers run as.
 
