@@ -176,6 +176,14 @@ TEST_F(AlertListTest, DropsWhatDoesNotFitButResolvesWhatIsActive) {
   EXPECT_EQ(State().active_alerts, 0u);
 }
 
+TEST_F(AlertListTest, PostsTheNewStateOfAnAlertWhoseTextDoesNotFit) {
+  const std::string long_message(kMaxBytes, 'x');
+  Add({"raise", 2});
+  Add({"clear", 2});
+  Add({"raise", 2, "a", long_message.c_str()});
+  EXPECT_EQ(StartPost(), Lines{"warning a: "});
+}
+
 TEST_F(AlertListTest, ReusesTheMemoryOfEndedAlerts) {
   const std::string long_message(kMaxBytes / 20, 'x');
   for (int i = 0; i < 100; ++i) {

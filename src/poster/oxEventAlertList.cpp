@@ -25,8 +25,7 @@ std::string ConditionKey(const oxEventRecord& event) {
   return std::string(event.source_id) + ':' + event.event_type;
 }
 
-// Returns the end of an alert's text: the times, without the annotations.
-std::string_view Times(std::string_view rest) { return rest.substr(rest.rfind(",\"startsAt\":")); }
+void RemoveAnnotations(std::string* rest) { rest->erase(0, rest->rfind(",\"startsAt\":")); }
 
 }  // namespace
 
@@ -109,7 +108,8 @@ oxEventAlertList::Text oxEventAlertList::Format(const oxEventRecord& event) cons
   config.alertname_prefix = alertname_prefix_;
   std::string document;
   if (oxEventFormatAlertmanagerRecord(&event, config, &document) != OXEVENT_OK) throw std::bad_alloc();
-  // "[{"labels":{...},"annotations":{...},...}]": the labels contain no quote that would have to be escaped.
+  // "[{"labels":{...},"annotations":{...},...}]". No label value contains a quote, so the first match is where the
+  // annotations begin.
   const size_t rest = document.find(",\"annotations\":");
   return {document.substr(1, rest - 1), document.substr(rest, document.size() - rest - 1)};
 }
@@ -124,7 +124,8 @@ void oxEventAlertList::Raise(const oxEventRecord& event) {
   Hold(key, std::move(text));
 }
 
-// Clears the event's condition, if it is raised. Otherwise posts the event, if it is wanted.
+// Clears the event's condition if it is raised. Otherwise posts its resolved alert once if the filter admits the event
+// (`wanted`).
 void oxEventAlertList::Clear(const oxEventRecord& event, bool wanted) {
   const auto condition = by_condition_.find(ConditionKey(event));
   if (condition == by_condition_.end() && !wanted) return;
@@ -132,7 +133,7 @@ void oxEventAlertList::Clear(const oxEventRecord& event, bool wanted) {
   clear.action = "clear";
   Text text = Format(clear);
   if (condition == by_condition_.end()) return PostOnce(std::move(text));
-  Release(condition->second, text.rest);
+  Release(condition->second, std::move(text.rest));
   bytes_ -= kConditionBytes + condition->first.size();
   by_condition_.erase(condition);
 }
@@ -156,17 +157,13 @@ void oxEventAlertList::Hold(const std::string& key, Text text) {
   ++alert->conditions;
 }
 
-void oxEventAlertList::Release(Alerts::iterator alert, std::string_view rest) {
-  if (alert->conditions == 1) {
-    // Without its annotations, the clear is shorter than the raise, and so always fits.
-    if (rest.size() > alert->rest.size() && !Fits(rest.size() - alert->rest.size())) rest = Times(rest);
-    SetRest(alert, std::string(rest));
-  }
-  --alert->conditions;
+// Ends one condition of the alert. `rest` resolves the alert if that was the last one.
+void oxEventAlertList::Release(Alerts::iterator alert, std::string rest) {
+  if (--alert->conditions == 0) SetRest(alert, std::move(rest));
 }
 
-// Returns the alert with these labels, whose rest it replaces, or a new alert; waiting_.end() if the limit of memory
-// leaves no room for the alert and `more_bytes`.
+// Returns the alert with these labels, whose rest SetRest replaces, or a new alert. Counts a drop and returns
+// waiting_.end() if max_bytes_ leaves no room for a new alert and `more_bytes`.
 oxEventAlertList::Alerts::iterator oxEventAlertList::FindOrAdd(Text* text, uint64_t more_bytes) {
   const auto found = by_labels_.find(text->labels);
   const uint64_t bytes = found != by_labels_.end() ? 0 : kAlertBytes + text->labels.size() + text->rest.size();
@@ -190,10 +187,15 @@ oxEventAlertList::Alerts::iterator oxEventAlertList::FindOrAdd(Text* text, uint6
 
 bool oxEventAlertList::Fits(uint64_t bytes) { return bytes <= max_bytes_ && bytes_ <= max_bytes_ - bytes; }
 
+// Replaces the rest. If max_bytes_ leaves no room for the new one, a raised alert keeps the old one. Any other alert
+// changes between raised and resolved, which must not be lost: it gets the new rest without the annotations.
 void oxEventAlertList::SetRest(Alerts::iterator alert, std::string rest) {
   if (rest.size() > alert->rest.size() && !Fits(rest.size() - alert->rest.size())) {
-    ++dropped_;
-    return;
+    if (alert->conditions > 0) {
+      ++dropped_;
+      return;
+    }
+    RemoveAnnotations(&rest);
   }
   bytes_ += rest.size() - alert->rest.size();
   alert->rest = std::move(rest);

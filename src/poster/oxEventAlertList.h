@@ -33,8 +33,8 @@ class oxEventAlertList {
   Clock::time_point NextDue() const;
 
   // Starts a post: returns the waiting and due alerts, at least one of which must exist, as one document; if there are
-  // many, only the first ones. One of the next three functions must end a post before the next one starts. Throws if
-  // there is no memory; all alerts then remain.
+  // many, only the first ones. CompletePost, RetryPost or RefusePost must end the post before the next StartPost.
+  // Throws if there is no memory; no alert is lost.
   std::string StartPost(Clock::time_point now);
   void CompletePost(Clock::time_point now);  // The Alertmanager has accepted the post.
   void RetryPost();                          // The post has failed: puts its alerts back.
@@ -67,7 +67,7 @@ class oxEventAlertList {
   void Clear(const oxEventRecord& event, bool wanted);
   void PostOnce(Text text);
   void Hold(const std::string& key, Text text);
-  void Release(Alerts::iterator alert, std::string_view rest);
+  void Release(Alerts::iterator alert, std::string rest);
   Alerts::iterator FindOrAdd(Text* text, uint64_t more_bytes);
   bool Fits(uint64_t bytes);
   void SetRest(Alerts::iterator alert, std::string rest);
