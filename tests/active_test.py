@@ -1,8 +1,8 @@
 """Kills hosts at random moments: afterwards a real Alertmanager must have the alerts of the conditions that hold.
 
-active_test.py [-v] [Test.test_NAME...]   Environment: OXEVENT_LIBRARY; OXEVENT_ACTIVE_HOST: the host in C++; optionally
-OXEVENT_KILLS: number of kills of each host, and OXEVENT_SEED. The Alertmanager itself would resolve an alert only after
-five minutes, so each alert that ends earlier has been cleared by a host.
+active_test.py [-v] [Test.test_NAME...]   Environment: PYTHONPATH; OXEVENT_LIBRARY; OXEVENT_ACTIVE_HOST: the host in
+C++; optionally OXEVENT_KILLS: number of kills of each host, and OXEVENT_SEED. The Alertmanager itself would resolve an
+alert only after five minutes, so each alert that ends earlier has been cleared by a host.
 """
 import csv
 import os
@@ -15,7 +15,6 @@ import time
 import unittest
 from pathlib import Path
 
-sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../tools/python"]
 import oxevent
 import receivers
 

@@ -13,11 +13,10 @@ import time
 import unittest
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.append(f"{ROOT}/scripts")
 from browser import Browser
 from receivers import TIMEOUT_S
 
+ROOT = Path(__file__).resolve().parent.parent
 TOOL = ROOT / "tools" / "alarms" / "oxevent-alarms"
 HEADER = ("version,event_id,utc_iso,utc_ns,severity,action,event_type,source_id,source_name,dedupe_key,correlation_id,"
           "message,value,threshold,units,duration_ms,ptp_ns,pts,timecode,details_json")

@@ -6,18 +6,16 @@ import json
 import os
 import re
 import subprocess
-import sys
 import tempfile
 import textwrap
 import unittest
 from pathlib import Path
 from types import SimpleNamespace
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path[:0] = [f"{ROOT}/tools/python", f"{ROOT}/scripts"]
 import oxevent
 from receivers import write_settings
 
+ROOT = Path(__file__).resolve().parent.parent
 TOOL, LIBRARY = (os.environ[f"OXEVENT_{name}"] for name in ("CATALOGUE", "LIBRARY"))
 FLAGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wshadow", "-Werror", f"-I{ROOT}/include"]
 

@@ -7,12 +7,10 @@ import json
 import os
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 from pathlib import Path
 
-sys.path.append(sys.path[0] + "/../scripts")
 from receivers import write_settings
 
 TOOL = os.environ["OXEVENT_CHECK"]

@@ -9,10 +9,9 @@ import tempfile
 import unittest
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.append(f"{ROOT}/scripts")
 from receivers import write_settings
 
+ROOT = Path(__file__).resolve().parent.parent
 PYTHON = os.path.realpath(sys.executable)
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
 TRACE_POINTS = {"submit": 3, "drop": 4, "emit": 3, "sink_failure": 3, "flush": 1}  # Each with its number of arguments.
@@ -97,9 +96,8 @@ class InsideTest(unittest.TestCase):
             "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Broadcasts are not permitted.
 
     def start_host(self, script, library=LIBRARY, arguments=()):
-        environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "OXEVENT_LIBRARY": str(library)}
-        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings, *arguments], env=environment, text=True,
-                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        host = subprocess.Popen([PYTHON, "-Bc", script, self.settings, *arguments], text=True, stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, env=os.environ | {"OXEVENT_LIBRARY": str(library)})
         self.enterContext(host)
         self.addCleanup(host.kill)
         self.assertEqual(host.stdout.readline(), "\n")

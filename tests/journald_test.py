@@ -15,11 +15,10 @@ import tempfile
 import unittest
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path[:0] = [f"{ROOT}/tools/python", f"{ROOT}/scripts"]
 import oxevent
 from receivers import await_, write_settings
 
+ROOT = Path(__file__).resolve().parent.parent
 PLUGIN = ctypes.CDLL(os.environ["OXEVENT_JOURNALD_PLUGIN"])
 LIBRARY = ctypes.CDLL(os.environ["OXEVENT_LIBRARY"])
 JOURNALD = "/lib/systemd/systemd-journald"

@@ -2,7 +2,6 @@
 import ctypes
 import json
 import logging
-import os
 import re
 import subprocess
 import sys
@@ -11,10 +10,7 @@ import unittest
 import unittest.mock
 import weakref
 from datetime import datetime, timedelta, timezone
-from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path[:0] = [f"{ROOT}/tools/python", f"{ROOT}/scripts"]
 import oxevent
 from receivers import octets, write_settings
 
@@ -74,9 +70,8 @@ class PythonTest(unittest.TestCase):
 
     def run_script(self, script):
         """Runs a script in a new process and returns the lines that it prints."""
-        environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python"}
         command = [sys.executable, "-Bc", script, self.settings]
-        done = subprocess.run(command, env=environment, capture_output=True, text=True, check=False)
+        done = subprocess.run(command, capture_output=True, text=True, check=False)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         return done.stdout.splitlines()
 

@@ -4,13 +4,11 @@ import json
 import os
 import re
 import socket
-import sys
 import tempfile
 import time
 import unittest
 from datetime import datetime, timezone
 
-sys.path += [sys.path[0] + "/../scripts", sys.path[0] + "/../tools/python"]
 import oxevent
 import receivers
 from receivers import octets, text

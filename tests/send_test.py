@@ -6,13 +6,11 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 import unittest
 from pathlib import Path
 
-sys.path.append(sys.path[0] + "/../scripts")
 from receivers import await_, write_settings
 
 TOOL = os.environ["OXEVENT_SEND"]

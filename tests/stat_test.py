@@ -11,10 +11,9 @@ import urllib.error
 import urllib.request
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.append(f"{ROOT}/scripts")
 from receivers import TIMEOUT_S, write_settings
 
+ROOT = Path(__file__).resolve().parent.parent
 TOOL = os.environ["OXEVENT_STAT"]
 SEND = os.environ["OXEVENT_SEND"]
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
@@ -65,9 +64,8 @@ class StatTest(unittest.TestCase):
         self.directory = Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.settings = f"{self.directory}/settings.xml"
 
-    def start(self, *command, **options):
-        environment = os.environ | {"PYTHONPATH": f"{ROOT}/tools/python", "LD_LIBRARY_PATH": str(LIBRARY.parent)}
-        environment["OXEVENT_LIBRARY"] = str(options.pop("library", LIBRARY))
+    def start(self, *command, library=LIBRARY, **options):
+        environment = os.environ | {"OXEVENT_LIBRARY": str(library), "LD_LIBRARY_PATH": str(LIBRARY.parent)}
         process = subprocess.Popen(command, env=environment, text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                    preexec_fn=permit_reading, **options)
         self.enterContext(process)
