@@ -154,19 +154,13 @@ class InsideTest(unittest.TestCase):
             r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3'])
         self.assertIn("\n200 1 2 refused\n", shown)
 
-    def test_says_what_is_missing(self):
-        stripped = Path(self.directory, LIBRARY.name)
-        subprocess.run(["strip", "-g", "-o", stripped, LIBRARY], check=True)
+    def test_says_that_the_library_was_replaced(self):
+        replaced = Path(shutil.copy(LIBRARY, self.directory))
         shutil.copy(LIBRARY.with_name("liboxutil.so"), self.directory)
-        replaced = Path(shutil.copy(LIBRARY, f"{self.directory}/replaced-{LIBRARY.name}"))
-        pid_of_replaced = self.start_host(IDLE, replaced)
-        shutil.copy(stripped, f"{replaced}.new")
-        os.rename(f"{replaced}.new", replaced)
-        for pid, expected in (
-                (self.start_host(IDLE), "counters: none yet\nqueue: none yet\nconditions: 0 raised\nsinks: none\n"),
-                (self.start_host(IDLE, stripped), f"{stripped} has no debug information: install liboxevent1-dbgsym"),
-                (pid_of_replaced, f"{replaced} is not the file that the process has loaded")):
-            self.assertIn(expected, self.gdb("-p", pid))
+        pid = self.start_host(IDLE, replaced)
+        replaced.unlink()
+        subprocess.run(["strip", "-g", "-o", replaced, LIBRARY], check=True)
+        self.assertIn(f"{replaced} is not the file that the process has loaded", self.gdb("-p", pid))
 
 
 if __name__ == "__main__":

@@ -134,7 +134,6 @@ class PythonTest(unittest.TestCase):
             self.assertEqual(conditions.unconfirmed(), 0)
 
     def test_poll_reports_a_suppressed_clear(self):
-        write_settings(self.settings, {"state": {"route_orphan_clear": 0}, "sink\\native\\main": {"enabled": 0}})
         file = f"{self.settings}.conditions"
         with oxevent.ActiveFile(file), oxevent.running(self.settings):
             oxevent.submit("m", action="raise")
