@@ -17,6 +17,7 @@ constexpr char kAlreadyInitialized[] = "80050002 oxEvent is already initialized"
 constexpr char kInvalidEvent[] = "80050003 Invalid OXEvent";
 constexpr char kNoPath[] = "80050003 oxEvent requires a oxCFG XML config path";
 constexpr char kNoCsvPath[] = "80050003 oxEvent CSV sink path is empty";
+constexpr char kNoBuffer[] = "80050003 Invalid last-error buffer";
 constexpr char kNoCallback[] = "80050004 Callback id was not found";
 constexpr char kFlushTimedOut[] = "80050005 oxEvent core flush timed out";
 
@@ -112,6 +113,8 @@ TEST_F(oxEventApi, TruncatesTheErrorTextToTheBuffer) {
   EXPECT_EQ(buffer, "Inv\0"s + std::string(16, '#'));
   EXPECT_EQ(oxEventGetLastError(buffer.data(), 1), OXEVENT_OK);
   EXPECT_EQ(buffer, "\0nv\0"s + std::string(16, '#'));
+  EXPECT_EQ(LastResult(oxEventGetLastError(nullptr, 9)), kNoBuffer);
+  EXPECT_EQ(LastResult(oxEventGetLastError(buffer.data(), 0)), kNoBuffer);
 }
 
 TEST_F(oxEventApi, ShutdownWritesRowsDeliversWhatIsQueuedAndRefusesOtherCallsMeanwhile) {

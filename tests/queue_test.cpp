@@ -1,9 +1,10 @@
-// The queue with its backlog and its drop ledger, and the submit slots.
+// The queue with its backlog and its drop ledger, the submit slots, and a router without sinks.
 #include <atomic>
 #include <future>
 #include <thread>
 
 #include "core/oxEventQueue.h"
+#include "core/oxEventRouter.h"
 #include "core/oxEventSubmitSlots.h"
 #include "host_fixture.h"
 
@@ -236,6 +237,15 @@ TEST_F(SubmitSlotsTest, WaitsForOtherThreadsAndFreesTheirNodes) {
   submit.reset();
   stop.get();
   EXPECT_EQ(node, nullptr);
+}
+
+TEST(RouterTest, DoesNotStartAgainOnceClosed) {
+  oxEventRouter router;
+  const oxEventConfig config;
+  EXPECT_EQ(router.Start(&config), OXEVENT_OK);
+  router.Close();
+  EXPECT_EQ(router.Submit({}), OXEVENT_NOT_INITIALIZED);
+  EXPECT_EQ(router.Start(&config), OXEVENT_NOT_INITIALIZED);
 }
 
 }  // namespace
