@@ -96,7 +96,10 @@ class Model {
     ++counters.submitted;
     if (!config.enabled || event.severity < config.minimum_severity) return void(++counters.dropped);
     if (!held) return Deliver(event);
-    if (pending.size() >= config.queue_size && !(++counters.dropped, DropLow())) return;
+    if (pending.size() >= config.queue_size) {
+      ++counters.dropped;
+      if (!DropLow()) return;
+    }
     pending.push_back(event);
   }
 

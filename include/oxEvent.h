@@ -92,8 +92,8 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
 /*
  * Loads the settings file and starts the library: opens the enabled sinks and starts the worker thread.
  *
- * config_path names an existing XML settings file, which may be empty. The library adds missing settings to it with
- * their defaults, except empty ones; if it cannot write the file, it starts nevertheless. Reading the file and
+ * config_path names an existing XML settings file, which may be empty. The library adds each missing setting whose
+ * default is not empty; if it cannot write the file, it starts nevertheless. Reading the file and
  * resolving the hosts of syslog and SNMP sinks may take a while. A full disk does not prevent the start: if there is no
  * space for the header of a CSV file, the header is written with the first rows. Needs 64 KiB of stack, as
  * oxEventReloadConfig does.

@@ -650,10 +650,11 @@ struct CallbackRemover {
 // Session: a Callback that is destroyed first misses the events that are still queued.
 //
 // The destructor unregisters the callable, waits for a running call to return, and destroys the callable: what the
-// callable refers to may be freed then. So do not destroy a Callback while holding a lock that the callable needs. In
-// the callable's own call, the destructor does not wait, and the callable is destroyed when that call returns. After
-// oxEventShutdown the callable is no longer called: for the next session, make a new Callback. Before unloading the
-// module that contains the callable, destroy the Callback, and then call Flush until it succeeds.
+// callable refers to may be freed then. So do not destroy a Callback while holding a lock that the callable needs. If
+// the destructor runs inside the callable, it does not wait, and the callable is destroyed when that call returns.
+// After oxEventShutdown, which may itself be called inside a callable, the callables get no event but the one that is
+// being delivered: for the next session, make new Callbacks. Before unloading the module that contains the callable,
+// destroy the Callback, and then call Flush until it succeeds.
 class Callback {
  public:
   Callback() noexcept = default;  // Nothing registered.

@@ -50,7 +50,7 @@ there is a system log. A missing system log is only a note, because the file may
 """}
 SHARED_PAGES = {"oxEventUnregisterCallback": "oxEventRegisterCallback",  # Functions, and those whose page they share.
                 "oxEventRemoveWindowsEventSource": "oxEventInstallWindowsEventSource"}
-# What the header says about every function, and what a page says about its own function or its two functions.
+# Phrases of the header about all functions, each with those for a page about one function and for a page about two.
 ON_PAGE = {"Every function": ("This function", "Both functions"),
            "None lets a": ("It lets no", "Neither lets a"),
            "No function returns": ("It returns no", "Neither returns")}
@@ -69,7 +69,9 @@ def lines(text):
 
 
 def mark(text, own):
-    """Like lines(), but marks up functions, result codes and parameters of the header."""
+    """Like lines(), but marks up functions, result codes and parameters of the header: "(oxEventFlush)." becomes
+    ".Xr ( oxEventFlush 3 ) ." on a line of its own.
+    """
     out = []
     for word in re.sub(r"^\\&", "", lines(text), flags=re.M).replace("\n", " \n ").split(" "):
         name = re.fullmatch(r'(["(]*)(oxEvent[A-Z]\w+|OXEVENT_\w+[a-zA-Z]|\*?[a-z]+_[a-z_]+)(::\w+)?([).,;:"]*)', word)
@@ -86,7 +88,7 @@ def mark(text, own):
 
 
 def begin(name, section, purpose):
-    return f".Dd November 25, 2026\n.Dt {name.upper()} {section}\n.Os\n.Sh NAME\n{purpose}\n"
+    return f".Dd November 28, 2026\n.Dt {name.upper()} {section}\n.Os\n.Sh NAME\n{purpose}\n"
 
 
 def see_also(pages):

@@ -14,7 +14,7 @@ using std::string_literals::operator""s;
 static uint32_t g_now_ms;
 
 // The loader finds these before the functions of the C library and the companion library.
-extern "C" int NoHostName(char*, size_t) __asm__("gethostname");  // clang has an inline body for the name itself.
+extern "C" int NoHostName(char*, size_t) __asm__("gethostname");  // The headers define gethostname inline for clang.
 int NoHostName(char*, size_t) { return -1; }
 uint32_t oxOSGetMs() { return g_now_ms; }
 
@@ -46,7 +46,7 @@ struct DatagramReceiver : oxEventSinkConfig {
   const int fd;
 };
 
-// The message for kFullEvent after its header, whose last field is MSGID.
+// What follows the header, which ends with MSGID, in the message for kFullEvent.
 const string kSyslogMessage =
     " [velmora@32473 version=\"65536\" event_id=\"18446744073709551615\" severity=\"error\" action=\"A\t\""
     " event_type=\"t t\" source_id=\"s\\\"\\\\\\]\" source_name=\"[n\\]\1\xFF\" dedupe_key=\"d\\\\\" "
@@ -88,8 +88,8 @@ string Hex(string_view bytes) {
   return hex.str();
 }
 
-// Shows BER values (X.690): strings in quotes, values that contain others with braces, the rest in hexadecimal.
-// A length must take the fewest bytes.
+// Shows BER values (X.690): strings in quotes, constructed values with their contents in braces, the rest in
+// hexadecimal. Checks that each length takes the fewest bytes.
 string Show(string_view ber) {
   string shown;
   while (!ber.empty()) {

@@ -77,7 +77,7 @@ Faults::~Faults() {
 
 void Faults::ExcludeThisThread() { t_excluded = true; }
 
-// Host names that end in ".test" resolve to loopback: without a port, to its IPv4 and its IPv6 address.
+// Host names that end in ".test" resolve to 127.0.0.1 if a port is given, otherwise to 127.0.0.1 and ::1.
 int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** result) {
   static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   if (const int fault = FaultFor("getaddrinfo", reinterpret_cast<long>(host)); fault != 0) return fault;
@@ -86,7 +86,7 @@ int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addri
   return next(is_loopback ? "127.0.0.1" : host, port, hints, result);
 }
 
-// A preloaded allocator replaces these operators too, so they are defined here.
+// Otherwise, those of a preloaded allocator would be used, which do not call the malloc above.
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return AllocateForNew(size); }
 void* operator new(size_t size) {
   void* const memory = AllocateForNew(size);

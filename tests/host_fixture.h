@@ -93,7 +93,7 @@ inline std::string ReadFile(const std::string& file) {
   return (std::stringstream() << std::ifstream(file).rdbuf()).str();
 }
 
-// Returns the messages in a CSV file without quotes, the header's first, and "no row" for each row that is incomplete.
+// Returns the column "message" of a CSV file that contains no quotes, its title first; "no row" for an incomplete row.
 inline std::vector<std::string> ReadMessages(const std::string& file) {
   std::vector<std::string> messages;
   std::istringstream rows(ReadFile(file));

@@ -19,7 +19,7 @@ std::atomic<bool> g_held = false;
 int g_priority = 0;  // Of the last line.
 string g_line;
 
-// The C library declares both with any number of arguments, so these have names of their own.
+// The C library declares both as variadic functions, so these have names of their own.
 extern "C" void OwnSyslog(int priority, const char* format, const char* line) __asm__("syslog");
 extern "C" void OwnCheckedSyslog(int priority, int, const char* format, const char* line) __asm__("__syslog_chk");
 void OwnSyslog(int priority, const char* /*format*/, const char* line) {

@@ -54,9 +54,10 @@ typedef struct oxEventAlertPosterState {
  * needs a new poster. For a cluster of Alertmanagers, start one poster for each: posters do not wait for each other.
  *
  * A raise, update or repeat activates the alert of its condition, a clear resolves it; the clear gets the labels of the
- * raise, without which the Alertmanager would not resolve the alert. A clear whose condition the poster does not know,
- * for example because the process has been restarted, is posted once with its own labels. An event that belongs to no
- * condition is posted once. If several conditions have the same labels, their alert is active until all are cleared.
+ * raise, without which the Alertmanager would not resolve the alert. The actions resolve and resolved count as clear. A
+ * clear whose condition the poster does not know, for example because the process has been restarted, is posted once
+ * with its own labels; so is an event that belongs to no condition. Neither is posted while an alert with the same
+ * labels is active. If several conditions have the same labels, their alert is active until all are cleared.
  *
  * All alerts that wait are posted together. If a post fails, the poster waits for 1 s, after each further failure twice
  * as long, up to 30 s but no longer than repeat_interval_ms; when a post succeeds again, it also repeats each active
@@ -66,10 +67,10 @@ typedef struct oxEventAlertPosterState {
  * *id_out receives the id of the poster, which is never 0.
  *
  * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size too small to include url, url does not begin with
- * http:// or https:// or does not end in /api/v2/alerts (a final slash or a query is refused too), its port is above
- * 65535, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the process is exiting.
- * OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no thread could be
- * started. The last error text does not give the reason.
+ * http:// or https:// or does not end in /api/v2/alerts (a final slash or a query is refused too), it has no host, its
+ * port is 0 or above 65535, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the
+ * process is exiting. OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no
+ * thread could be started. The last error text does not give the reason.
  */
 OXEVENT_API uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* config, uint32_t* id_out);
 

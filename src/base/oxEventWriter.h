@@ -183,7 +183,8 @@ class oxEventWriter {
 
  private:
   static constexpr size_t kMinGrowth = 1024;
-  static constexpr size_t kChunk = 128;  // Bytes. Limits the unused room after a long text of which little is escaped.
+  // Bytes. Room is reserved for one chunk at a time, as if each of its bytes had to be escaped.
+  static constexpr size_t kChunk = 128;
 
   void Grow(size_t size) {
     const size_t used = Size();

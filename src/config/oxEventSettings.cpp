@@ -163,7 +163,7 @@ constexpr oxEventSetting kSnmpTrap[] = {
     {"enterprise_oid", &S::enterprise_oid, Form::kOid, "OID prefix of the objects in the trap. Empty: the default."},
     {"trap_oid", &S::trap_oid, Form::kOid, "OID that identifies the trap. Empty: the default."}};
 
-constexpr std::string_view kNotSent = "Read, but has no effect: the host posts the documents.";
+constexpr std::string_view kNotSent = "Read, but has no effect: this sink sends nothing.";
 constexpr oxEventSetting kAlertmanager[] = {
     kEnabled,
     kMinimumSeverity,
@@ -172,7 +172,7 @@ constexpr oxEventSetting kAlertmanager[] = {
     {"allow_source_label", &S::allow_source_label, Form::kSwitch,
      "Whether source_id becomes a label and thus part of the alert's identity."},
     {"alertname_prefix", &S::alertname_prefix, Form::kText,
-     "Prefix of the alert's name. Characters other than letters, digits and \"_\" are removed. If none "
+     "Prefix of the alert's name. Characters other than letters, digits and \"_\" are removed. If nothing "
      "is left, the prefix is OxEvent."},
     {"authorization_type", &S::authorization_type, Form::kText, kNotSent, nullptr, {}, false},
     {"authorization_token", &S::authorization_token, Form::kSecret, kNotSent, nullptr, {}, false},

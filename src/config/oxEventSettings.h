@@ -28,7 +28,7 @@ std::optional<uint32_t> oxEventFindWord(oxEventWords words, std::string_view tex
 extern const oxEventWords g_oxEventSwitchWords;
 extern const oxEventWords g_oxEventSeverityWords;
 extern const oxEventWords g_oxEventSyslogFacilityWords;  // RFC 5424, table 1.
-extern const oxEventWords g_oxEventNativeFacilityWords;  // The same codes, but fewer words.
+extern const oxEventWords g_oxEventNativeFacilityWords;  // Without syslog, lpr, news and uucp.
 extern const oxEventWords g_oxEventPayloadModeWords;
 constexpr uint32_t kOxEventPayloadNativeJson = 0;
 constexpr uint32_t kOxEventPayloadCloudEvents = 1;

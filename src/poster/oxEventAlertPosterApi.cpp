@@ -54,7 +54,7 @@ void OnEvent(const oxEventRecord* event, void* user_data) {
   if (entry.poster != nullptr) entry.poster->Add(*event);
 }
 
-// Returns whether the authority of a URL ends with a number that is no port.
+// Returns whether the authority of a URL ends with a number that is not a port (1 to 65535).
 bool HasWrongPort(std::string_view authority) {
   const std::string_view digits =
       authority.substr(authority.rfind(':') + 1);  // The whole authority if it has no colon.
@@ -64,7 +64,7 @@ bool HasWrongPort(std::string_view authority) {
   return std::from_chars(digits.data(), digits.data() + digits.size(), port).ec != std::errc() || port == 0;
 }
 
-// With another URL, no post would ever succeed, and the host would learn of that only from the state.
+// With most other URLs, no post would ever succeed, and the host would learn of that only from the state.
 bool IsAlertmanagerUrl(std::string_view url) {
   constexpr std::string_view kPath = "/api/v2/alerts";
   if (!url.starts_with("http://") && !url.starts_with("https://")) return false;

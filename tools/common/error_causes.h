@@ -183,8 +183,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "remove the value: the library adds its default."},
     {oxEventErrors::kBadSeverity, ErrorOrigin::kCall,
      "The value of the setting is not a severity. If several values are invalid, the text names the last one.",
-     "Set it to debug, info, warning or error, without blanks around it, or to 0 to 3; or remove the value: the "
-     "library adds info."},
+     "Set it to debug, info, warning or error, without blanks around it, or to a number from 0 to 3; or remove the "
+     "value: the library adds info."},
     {oxEventErrors::kCsvNoPath, ErrorOrigin::kCall, "An enabled section below sink\\csv has an empty path.",
      "Set its path, or disable the section (set enabled to 0)."},
     {oxEventErrors::kCsvDirectory, ErrorOrigin::kCall,
@@ -226,7 +226,7 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The process has privileges that its caller lacks (it is a set-user-ID or set-group-ID program, or has file "
      "capabilities), and the caller has set an environment variable that affects the HTTP client: with SSLKEYLOGFILE, "
      "TLS session keys would be written to a file of the caller's choice.",
-     "Start the program without the variable: unset it in the service or shell that starts it, or disable the sections "
+     "Unset the variable in the service or shell that starts the program, or disable the sections "
      "below sink\\webhook\\http and sink\\cloudevents\\http (set enabled to 0)."},
     {oxEventErrors::kSnmpVersion3, ErrorOrigin::kCall,
      "An enabled section below sink\\snmp\\trap has version 3, which the library does not support.",
@@ -293,12 +293,14 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "retry_count and backoff_ms (below sink\\cloudevents\\http: only timeout_ms)."},
     {oxEventErrors::kSnmpTrapOid, ErrorOrigin::kDelivery,
      "The trap_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",
-     "Set trap_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading dot, such "
-     "as 1.3.6.1.4.1.32473.1.1.0.1; then have the host reload the settings."},
+     "Set trap_oid to two or more numbers of at most 4294967295 with one dot between them, without blanks or a leading "
+     "dot, such as 1.3.6.1.4.1.32473.1.1.0.1. The first number is 0, 1 or 2; after 0 or 1, the second is at most 39. "
+     "Then have the host reload the settings."},
     {oxEventErrors::kSnmpEnterpriseOid, ErrorOrigin::kDelivery,
      "The enterprise_oid of a section below sink\\snmp\\trap is not an object identifier. The sink sends no events.",
-     "Set enterprise_oid to numbers of at most 4294967295 with one dot between them, without blanks or a leading dot, "
-     "such as 1.3.6.1.4.1.32473.1.1; then have the host reload the settings."},
+     "Set enterprise_oid to two or more numbers of at most 4294967295 with one dot between them, without blanks or a "
+     "leading dot, such as 1.3.6.1.4.1.32473.1.1. The first number is 0, 1 or 2; after 0 or 1, the second is at most "
+     "39. Then have the host reload the settings."},
     {oxEventErrors::kSnmpTooLong, ErrorOrigin::kDelivery,
      "The trap of an event exceeds 8192 bytes. The event's own strings are truncated, so the strings in the settings "
      "make the trap too long. The event is lost for this sink.",

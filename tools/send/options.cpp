@@ -19,7 +19,7 @@ members are named like the fields of oxEventRecord, as in the documents that the
   {"message": "Fan 2 stands still", "severity": "warning", "source_id": "fan-2", "value": 0}
 severity is a name or a number, utc_ns a number or an RFC 3339 time, details_json a string, an object
 or an array. null means that the field is not given. The options for fields of the event, and
-MESSAGE if it is given with --json, are the defaults of every line. Empty lines are ignored. A line
+MESSAGE if it is given with --json, are the defaults for every line. Empty lines are ignored. A line
 that is refused is reported with its number and column; the other lines are sent. A line that is
 longer than 64 MiB is refused and ends the input.
 
@@ -27,7 +27,7 @@ Without --rate, events are reported as fast as they are delivered, and none is l
 With --rate, they are reported on time, and a full queue drops events according to its drop_policy.
 
 Conditions exist only within one run of the tool: a raise is sent, a second raise in the same run is
-suppressed as a duplicate within state\default_repeat_interval_sec after the last event sent for the
+suppressed as a duplicate until state\default_repeat_interval_sec seconds after the last event sent for the
 condition, and a clear is suppressed unless the condition was raised in the same run or
 state\route_orphan_clear is on.
 

@@ -174,8 +174,7 @@ bool Start(const Options& options, SendResult* result, oxEventConfig* config) {
     const std::string text = LastError();
     std::error_code failure;
     const bool exists = std::filesystem::exists(options.settings, failure) || failure;
-    PrintError(exists ? WithRemedy(text)
-                      : text + "\n    No such file; an empty file is enough: : > '" + options.settings + "'");
+    PrintError(exists ? WithRemedy(text) : text + "\n    No such file; an empty file is enough, as touch creates it.");
     return false;
   }
   if (oxEventConfigLoad(options.settings, config, &error) == OXEVENT_OK) return true;

@@ -4,7 +4,7 @@ import collections
 
 from .text import NS
 
-PERIOD_NS = 600 * NS  # The guide counts alarms in ten minutes.
+PERIOD_NS = 600 * NS  # The guide counts alarms per ten-minute period.
 FLOOD = 10  # A period with more alarms is a flood.
 AVERAGE = ((1, "very likely to be acceptable"), (2, "manageable"), (10, "likely to be over-demanding"))
 PEAK = ((9, "should be manageable"), (100, "hard to cope with"))
