@@ -94,7 +94,10 @@ class Model {
 
   void Submit(const Event& event) {
     ++counters.submitted;
-    if (!config.enabled || event.severity < config.minimum_severity) return void(++counters.dropped);
+    if (!config.enabled || event.severity < config.minimum_severity) {
+      ++counters.dropped;
+      return;
+    }
     if (!held) return Deliver(event);
     if (pending.size() >= config.queue_size) {
       ++counters.dropped;
@@ -144,8 +147,11 @@ class Model {
 
  private:
   bool DropLow() {
+    if (!DropsLow(config)) return false;
     const auto low = std::find_if(pending.begin(), pending.end(), [](const Event& e) { return e.severity < 2; });
-    return DropsLow(config) && low != pending.end() && (pending.erase(low), true);
+    if (low == pending.end()) return false;
+    pending.erase(low);
+    return true;
   }
 
   bool Call(const Registration& registration, const Event& event) {
@@ -160,7 +166,10 @@ class Model {
   }
 
   void Deliver(Event event) {
-    if (!Decide(&event)) return void(++counters.dropped);
+    if (!Decide(&event)) {
+      ++counters.dropped;
+      return;
+    }
     bool failed = false;
     for (const Registration& registration : callbacks) failed |= Call(registration, event);
     Count(failed);

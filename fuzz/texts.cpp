@@ -153,7 +153,12 @@ void CheckCsv(const Event& event) {
   for (const std::string& name : names) {
     std::string field;
     if (row.at(at) == '"') {
-      for (++at; row.at(at) != '"' || row.at(at + 1) == '"'; ++at) field += row[at += row[at] == '"' ? 1 : 0];
+      ++at;
+      while (row.at(at) != '"' || row.at(at + 1) == '"') {
+        if (row[at] == '"') ++at;  // The first of two quotes.
+        field += row[at];
+        ++at;
+      }
       ++at;
     } else {
       const size_t end = row.find_first_of(",\"\r\n", at);
