@@ -226,8 +226,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "The process has privileges that its caller lacks (it is a set-user-ID or set-group-ID program, or has file "
      "capabilities), and the caller has set an environment variable that affects the HTTP client: with SSLKEYLOGFILE, "
      "TLS session keys would be written to a file of the caller's choice.",
-     "Unset the variable in the service or shell that starts the program, or disable the sections "
-     "below sink\\webhook\\http and sink\\cloudevents\\http (set enabled to 0)."},
+     "Unset the variable in the service or shell that starts the program, or disable the sections below "
+     "sink\\webhook\\http and sink\\cloudevents\\http (set enabled to 0)."},
     {oxEventErrors::kSnmpVersion3, ErrorOrigin::kCall,
      "An enabled section below sink\\snmp\\trap has version 3, which the library does not support.",
      "Set version to 2c, or disable the section (set enabled to 0). To reach a manager that accepts only version 3, "

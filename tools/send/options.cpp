@@ -27,8 +27,8 @@ Without --rate, events are reported as fast as they are delivered, and none is l
 With --rate, they are reported on time, and a full queue drops events according to its drop_policy.
 
 Conditions exist only within one run of the tool: a raise is sent, a second raise in the same run is
-suppressed as a duplicate until state\default_repeat_interval_sec seconds after the last event sent for the
-condition, and a clear is suppressed unless the condition was raised in the same run or
+suppressed as a duplicate until state\default_repeat_interval_sec seconds after the last event sent
+for the condition, and a clear is suppressed unless the condition was raised in the same run or
 state\route_orphan_clear is on.
 
 UDP and the system log do not confirm that an event has arrived. The Alertmanager sink sends nothing

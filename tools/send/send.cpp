@@ -174,7 +174,8 @@ bool Start(const Options& options, SendResult* result, oxEventConfig* config) {
     const std::string text = LastError();
     std::error_code failure;
     const bool exists = std::filesystem::exists(options.settings, failure) || failure;
-    PrintError(exists ? WithRemedy(text) : text + "\n    No such file; an empty file is enough, as touch creates it.");
+    PrintError(exists ? WithRemedy(text)
+                      : text + "\n    No such file; an empty file is enough: create one with touch.");
     return false;
   }
   if (oxEventConfigLoad(options.settings, config, &error) == OXEVENT_OK) return true;
