@@ -93,10 +93,9 @@ typedef void (*oxEventCallback)(const oxEventRecord* event, void* user_data);
  * Loads the settings file and starts the library: opens the enabled sinks and starts the worker thread.
  *
  * config_path names an existing XML settings file, which may be empty. The library adds each missing setting whose
- * default is not empty; if it cannot write the file, it starts nevertheless. Reading the file and
- * resolving the hosts of syslog and SNMP sinks may take a while. A full disk does not prevent the start: if there is no
- * space for the header of a CSV file, the header is written with the first rows. Needs 64 KiB of stack, as
- * oxEventReloadConfig does.
+ * default is not empty; if it cannot write the file, it starts nevertheless. Reading the file and resolving the hosts
+ * of syslog and SNMP sinks may take a while. A full disk does not prevent the start: if there is no space for the
+ * header of a CSV file, the header is written with the first rows. Needs 64 KiB of stack, as oxEventReloadConfig does.
  *
  * A call that fails starts nothing and does not affect a library that is already running, but may have added settings
  * to the file. If it fails after opening the sinks, it removes all callbacks, as oxEventShutdown does.

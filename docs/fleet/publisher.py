@@ -30,6 +30,6 @@ if __name__ == "__main__":
         sys.exit(__doc__)
     try:
         main(sys.argv[1])
-    # The second is the error of a broker that does not answer; pika does not derive it from the first.
+    # AMQPConnectorException: the broker does not answer. It is not a subclass of AMQPError.
     except (pika.exceptions.AMQPError, AMQPConnectorException, OSError) as error:
         sys.exit(f"publisher.py: {error!r}")

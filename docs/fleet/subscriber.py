@@ -58,7 +58,7 @@ def main(url, path):
     while True:
         try:
             receive(url, database)
-        # AMQPConnectorException: the broker does not answer. pika does not derive it from AMQPError.
+        # AMQPConnectorException: the broker does not answer. It is not a subclass of AMQPError.
         except (pika.exceptions.AMQPError, AMQPConnectorException, OSError) as error:
             database.rollback()  # The broker delivers again what was not acknowledged.
             print(f"subscriber.py: {error!r}", file=sys.stderr, flush=True)

@@ -67,10 +67,10 @@ typedef struct oxEventAlertPosterState {
  * *id_out receives the id of the poster, which is never 0.
  *
  * OXEVENT_INVALID_ARGUMENT: config, url or id_out null, struct_size too small to include url, url does not begin with
- * http:// or https:// or does not end in /api/v2/alerts (a final slash or a query is refused too), it has no host, its
- * port is 0 or above 65535, minimum_severity above error, or headers with a line end. OXEVENT_NOT_INITIALIZED: the
- * process is exiting. OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be loaded, out of memory, or no
- * thread could be started. The last error text does not give the reason.
+ * http:// or https:// or does not end in /api/v2/alerts (a final slash, a query or a fragment is refused too), it has
+ * no host, its port is 0 or above 65535, minimum_severity above error, or headers with a line end.
+ * OXEVENT_NOT_INITIALIZED: the process is exiting. OXEVENT_FAILURE: the HTTP client (liboxutil-http.so) could not be
+ * loaded, out of memory, or no thread could be started. The last error text does not give the reason.
  */
 OXEVENT_API uint32_t oxEventAlertPosterStart(const oxEventAlertPosterConfig* config, uint32_t* id_out);
 

@@ -6,9 +6,9 @@
 
 #include "config/oxEventConfig.h"
 
-// Loads *config from the settings file `path` and adds missing settings to the file with their defaults, except empty
-// ones. Returns 0, even if the file cannot be written, or OXEVENT_INVALID_ARGUMENT with the reason in *error; `error`
-// may be null. After a failure, the file is unchanged, and *config holds the settings that were read so far. Throws
+// Loads *config from the settings file `path`, and adds to the file each missing setting whose default is not empty.
+// Returns 0, even if the file cannot be written, or OXEVENT_INVALID_ARGUMENT with the reason in *error; `error` may be
+// null. After a failure, the file is unchanged, and *config holds the settings that were read so far. Throws
 // std::bad_alloc.
 uint32_t oxEventConfigLoad(const char* path, oxEventConfig* config, std::string* error);
 

@@ -172,8 +172,8 @@ constexpr oxEventSetting kAlertmanager[] = {
     {"allow_source_label", &S::allow_source_label, Form::kSwitch,
      "Whether source_id becomes a label and thus part of the alert's identity."},
     {"alertname_prefix", &S::alertname_prefix, Form::kText,
-     "Prefix of the alert's name. Characters other than letters, digits and \"_\" are removed. If nothing "
-     "is left, the prefix is OxEvent."},
+     "Prefix of the alert's name. Characters other than letters, digits and \"_\" are removed. If nothing is "
+     "left, the prefix is OxEvent."},
     {"authorization_type", &S::authorization_type, Form::kText, kNotSent, nullptr, {}, false},
     {"authorization_token", &S::authorization_token, Form::kSecret, kNotSent, nullptr, {}, false},
     {"connect_timeout_ms", &S::am_connect_timeout_ms, Form::kMilliseconds, kNotSent, nullptr, {}, false},
