@@ -96,6 +96,18 @@ TEST_F(oxEventApi, IsNotInitializedInAForkedChild) {  // Fails if a static link 
   EXPECT_EQ(InChild([] { return Send("x") == OXEVENT_NOT_INITIALIZED ? 0 : 1; }), 0);
 }
 
+TEST_F(oxEventApi, SinksWorkInAHostWithoutStandardInput) {  // Their descriptors can be 0.
+  for (const char* const section : {"sink\\csv\\default\\", "sink\\syslog\\udp\\a\\", "sink\\snmp\\trap\\a\\"}) {
+    WriteSettings(settings, csv, {{"sink\\csv\\default\\enabled", "0"}, {section + "enabled"s, "1"}});
+    const auto run = [this] {
+      close(STDIN_FILENO);
+      const uint32_t started = oxEventInitialize(settings.c_str());
+      return started == OXEVENT_OK && Send("x") == OXEVENT_OK && oxEventShutdown() == OXEVENT_OK ? 0 : 1;
+    };
+    EXPECT_EQ(InChild(run), 0) << section;
+  }
+}
+
 TEST_F(oxEventApi, KeepsAnErrorTextPerThread) {
   EXPECT_EQ(LastResult(oxEventSubmit(nullptr)), kInvalidEvent);
   std::async(std::launch::async, [] {

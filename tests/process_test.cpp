@@ -368,7 +368,7 @@ TEST_F(ProcessTest, UnloadEndsARunningPoster) {
     const auto threads = [] { return Entries("/proc/self/task"); };
     const size_t threads_before = threads();
     const Poster poster;
-    // The unload would block a thread that loaded the HTTP module now, because it waits for it with the loader locked.
+    // A thread that loaded the module only now would deadlock: the unload waits for the thread with the loader locked.
     Check(ReadFile("/proc/self/maps").find("liboxutil-http") != std::string::npos, true);
     poster.Post();
     Check(dlclose(ox->handle), 0);  // The poster's own reference is the last one.
