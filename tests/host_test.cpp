@@ -97,8 +97,8 @@ TEST_F(oxEventApi, IsNotInitializedInAForkedChild) {  // Fails if a static link 
 }
 
 TEST_F(oxEventApi, SinksWorkInAHostWithoutStandardInput) {  // Their descriptors can be 0.
-  for (const char* const section : {"sink\\csv\\default\\", "sink\\syslog\\udp\\a\\", "sink\\snmp\\trap\\a\\"}) {
-    WriteSettings(settings, csv, {{"sink\\csv\\default\\enabled", "0"}, {section + "enabled"s, "1"}});
+  for (const std::string section : {"csv\\default", "syslog\\udp\\a", "snmp\\trap\\a"}) {
+    WriteSettings(settings, section.starts_with("csv") ? csv : "", {{"sink\\" + section + "\\enabled", "1"}});
     const auto run = [this] {
       close(STDIN_FILENO);
       const uint32_t started = oxEventInitialize(settings.c_str());
