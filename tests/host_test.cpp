@@ -102,7 +102,8 @@ TEST_F(oxEventApi, SinksWorkInAHostWithoutStandardInput) {  // Their descriptors
     const auto run = [this] {
       close(STDIN_FILENO);
       const uint32_t started = oxEventInitialize(settings.c_str());
-      return started == OXEVENT_OK && Send("x") == OXEVENT_OK && oxEventShutdown() == OXEVENT_OK ? 0 : 1;
+      if (started != OXEVENT_OK || Send("x") != OXEVENT_OK || oxEventShutdown() != OXEVENT_OK) return 1;
+      return fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 2;
     };
     EXPECT_EQ(InChild(run), 0) << section;
   }

@@ -22,7 +22,7 @@ void CallFutex(std::atomic<uint32_t>* word, int operation, uint32_t value) {
 // Most locks are held for nanoseconds: spinning for a moment costs less than going to sleep. A thread that has given up
 // spinning locks the mutex as contended, because it cannot know whether other threads sleep.
 void oxEventMutex::LockContended() {
-  constexpr int kSpins = 50;
+  constexpr int kSpins = 50;  // Up to a few microseconds, depending on the processor.
   for (int i = 0; i < kSpins; ++i) {
     oxEventSpinPause();
     if (TryLock()) return;
@@ -46,10 +46,10 @@ oxEventCondition::Waiter::~Waiter() {
   condition_->waiters_.fetch_sub(1, std::memory_order_relaxed);
 }
 
-// Returns whether a thread waits, and if so, not before every thread that has counted itself is in its wait, where the
-// notification reaches it: until then, that thread holds wait_mutex_. A relaxed load suffices: a thread that tested its
-// condition before the change to be notified has counted itself before it released the caller's mutex, with which the
-// change was then made.
+// Returns whether a thread waits or is about to. A notification reaches only threads that are already in their wait,
+// and a thread holds wait_mutex_ from counting itself until then: locking it first therefore loses no wakeup. A relaxed
+// load suffices, because a thread that tested its condition before the change counted itself before it released the
+// caller's mutex, and the change was made with that mutex held.
 bool oxEventCondition::HasWaiters() {
   if (waiters_.load(std::memory_order_relaxed) == 0) return false;
   const std::lock_guard<std::mutex> lock(wait_mutex_);

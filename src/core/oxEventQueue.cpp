@@ -43,10 +43,11 @@ inline oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedE
                                                         oxEventNodePtr* node_cache) {
   oxEventNodePtr& node = *node_cache;
   // With the lock released, so that copying a long text does not delay other threads.
-  oxEventEnqueueResult result = oxEventEnqueueResult::kQueued;
-  if (node == nullptr || !node->event.TryAssign(event)) result = CopyToNewMemory(event, &node);
-  if (result != oxEventEnqueueResult::kQueued) return result;
+  if (node == nullptr || !node->event.TryAssign(event)) {
+    if (const auto failure = CopyToNewMemory(event, &node)) return *failure;
+  }
 
+  auto result = oxEventEnqueueResult::kQueued;
   bool wake = false;
   {
     oxEventLock lock(mutex_);
@@ -58,6 +59,7 @@ inline oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedE
     }
   }
   if (wake) not_empty_.NotifyOne();  // With the lock released: the worker needs it to continue.
+  // Unless it is null, `node` is now a free node (kQueued), the displaced event or the rejected copy of this event.
   if (node == nullptr) return result;
   node->Prefetch();
   if (result == oxEventEnqueueResult::kDisplacedOlder) drops_->Record(node->event.Get(), oxEventDrop::kDisplaced);
@@ -65,10 +67,10 @@ inline oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedE
   return result;
 }
 
-// Copies the event after *node has turned out to be null, or to have too little memory for it. Returns kQueued if the
-// copy has been made.
-[[gnu::noinline]] oxEventEnqueueResult oxEventQueue::CopyToNewMemory(const oxEventNormalizedEvent& event,
-                                                                     oxEventNodePtr* node) {
+// Copies the event after *node has turned out to be null, or to have too little memory for it. Returns why the event
+// cannot be queued, or nothing if the copy has been made. Not inlined, because most calls to Submit do not need it.
+[[gnu::noinline]] std::optional<oxEventEnqueueResult> oxEventQueue::CopyToNewMemory(const oxEventNormalizedEvent& event,
+                                                                                    oxEventNodePtr* node) {
   {
     // Check first: do not allocate for an event that would not be queued.
     oxEventLock lock(mutex_);
@@ -76,8 +78,8 @@ inline oxEventEnqueueResult oxEventQueue::CopyAndAppend(const oxEventNormalizedE
     if (*node == nullptr) *node = pool_.TryAcquire();
   }
   if (*node == nullptr) *node = pool_.Create();
-  const bool copied = *node != nullptr && (*node)->event.Assign(event);
-  return copied ? oxEventEnqueueResult::kQueued : oxEventEnqueueResult::kNoMemory;
+  if (*node == nullptr || !(*node)->event.Assign(event)) return oxEventEnqueueResult::kNoMemory;
+  return std::nullopt;
 }
 
 oxEventNormalizedEvent* oxEventQueue::WaitPop() {
@@ -234,7 +236,9 @@ void oxEventQueue::WaitForWorkOrSurplusLocked(oxEventNodeStack* surplus) {
 
 // Returns true if the worker is waiting and no other thread has claimed its wakeup yet: the caller must then notify it.
 bool oxEventQueue::ClaimWakeupLocked() {
-  return std::exchange(wait_mode_, WaitMode::kNotWaiting) != WaitMode::kNotWaiting;
+  if (wait_mode_ != WaitMode::kTimed && wait_mode_ != WaitMode::kBlocked) return false;
+  wait_mode_ = WaitMode::kWakeupClaimed;
+  return true;
 }
 
 // Frees surplus nodes until there is something else to do, and returns the rest to the pool. In the meantime,

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "base/oxEventMutex.h"
 #include "base/oxEventNormalizedEvent.h"
@@ -62,7 +63,8 @@ class oxEventQueue {
   uint64_t EnqueueCount() OX_EXCLUDES(mutex_);
   void AddStatAddresses(oxEventStatRun* stat) OX_EXCLUDES(mutex_);
 
-  void StopAccepting() OX_EXCLUDES(mutex_);    // Pending events are still delivered.
+  // Pending events are still delivered. A stop calls it first, so that it waits for a bounded number of events.
+  void StopAccepting() OX_EXCLUDES(mutex_);
   void RequestStop() OX_EXCLUDES(mutex_);      // Ends the worker once nothing is pending.
   uint64_t DropPending() OX_EXCLUDES(mutex_);  // Returns the number of events dropped.
   // Restores the state before Start. The worker must have ended, or be the calling thread.
@@ -72,10 +74,13 @@ class oxEventQueue {
   // How the worker waits. Waking a blocked thread costs a submitter far more than queueing an event. After an
   // event, the worker therefore first waits for a fixed time, during which a new event does not wake it unless the
   // backlog is at least half full. If no event has arrived by then, the worker blocks until one does.
-  enum class WaitMode { kNotWaiting, kTimed, kBlocked };
+  // kWakeupClaimed: still waiting, but another thread is about to notify the worker.
+  enum class WaitMode { kNotWaiting, kTimed, kBlocked, kWakeupClaimed };
 
-  oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
-  oxEventEnqueueResult CopyToNewMemory(const oxEventNormalizedEvent& event, oxEventNodePtr* node) OX_EXCLUDES(mutex_);
+  oxEventEnqueueResult CopyAndAppend(const oxEventNormalizedEvent& event, oxEventNodePtr* node_cache)
+      OX_EXCLUDES(mutex_);
+  std::optional<oxEventEnqueueResult> CopyToNewMemory(const oxEventNormalizedEvent& event, oxEventNodePtr* node)
+      OX_EXCLUDES(mutex_);
   bool CanAppendLocked() const OX_REQUIRES(mutex_) { return IsAcceptingLocked() && backlog_.CanPush(); }
   oxEventEnqueueResult RejectLocked() OX_REQUIRES(mutex_);
   bool AppendLocked(oxEventNodePtr* node) OX_REQUIRES(mutex_);
@@ -105,7 +110,7 @@ class oxEventQueue {
   uint64_t drained_count_ OX_GUARDED_BY(mutex_) = 0;  // Number of changes after which nothing was pending or active.
   bool accepting_ OX_GUARDED_BY(mutex_) = false;
   bool stop_requested_ OX_GUARDED_BY(mutex_) = false;
-  WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kNotWaiting;  // See ClaimWakeupLocked.
+  WaitMode wait_mode_ OX_GUARDED_BY(mutex_) = WaitMode::kNotWaiting;
   bool had_event_ OX_GUARDED_BY(mutex_) = false;  // Whether the worker has taken an event since its last wait.
   oxEventCondition not_empty_;
   oxEventCondition drained_;

@@ -1,5 +1,6 @@
 #include "core/oxEventSubmitSlots.h"
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -19,5 +20,7 @@ void oxEventSubmitSlots::WaitForInFlightSubmits() {
 // Sleeps: yielding from a real-time thread never lets a lower-priority thread run.
 void oxEventSubmitSlots::BackOff() {
   const oxEventCancelBlock cancel_block;
+  const int saved_errno = errno;  // The caller of Submit may rely on it.
   std::this_thread::sleep_for(std::chrono::microseconds(50));
+  errno = saved_errno;
 }

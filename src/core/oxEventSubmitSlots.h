@@ -20,7 +20,7 @@ class oxEventSubmitSlots {
     std::atomic<pthread_t> holder = 0;
     oxEventNodePtr node;
   };
-  using Slots = std::array<Slot, 32>;
+  using Slots = std::array<Slot, 32>;  // More than submit at the same time in most hosts; each may keep a node.
 
  public:
   // Holds one slot: the one that the thread's id selects or, if that slot is held, the next free one. Waits while all
@@ -58,7 +58,8 @@ class oxEventSubmitSlots {
   oxEventSubmitSlots& operator=(const oxEventSubmitSlots&) = delete;
 
   // Waits until every lease that was held when the call began has ended, and frees the nodes that the slots cache. Does
-  // not wait for the calling thread's own lease: a signal handler that calls exit may have interrupted its Submit.
+  // not wait for the calling thread's own lease: a signal handler that calls exit may have interrupted its Submit. (If
+  // that Submit held a lock, however, the stop waits for it for ever.)
   void WaitForInFlightSubmits();
 
  private:
