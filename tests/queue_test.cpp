@@ -27,67 +27,23 @@ oxEventNormalizedEvent Event(std::string_view message, uint32_t severity) {
   return event;
 }
 
-struct BacklogTest : testing::Test {
-  // Pushes the events "1", "2", ... Returns the message that the last push displaced, or "".
-  std::string Push(const std::vector<uint32_t>& severities) {
-    std::string displaced;
-    for (const uint32_t severity : severities) {
-      oxEventNodePtr node = pool.Create();
-      EXPECT_TRUE(node->event.Assign(Event(std::to_string(++pushed), severity)));
-      node = backlog.Push(std::move(node));
-      displaced = node != nullptr ? node->event.Get().message : "";
-    }
-    return displaced;
-  }
-  std::string PopAll() {
-    std::string messages;
-    while (!backlog.IsEmpty()) messages += backlog.PopOldest()->event.Get().message;
-    return messages;
-  }
-
-  oxEventNodePool pool;
-  oxEventBacklog backlog;
-  int pushed = 0;
-};
-
 constexpr uint32_t kDebug = OXEVENT_SEVERITY_DEBUG;
 constexpr uint32_t kInfo = OXEVENT_SEVERITY_INFO;
 constexpr uint32_t kWarning = OXEVENT_SEVERITY_WARNING;
 constexpr uint32_t kError = OXEVENT_SEVERITY_ERROR;
 
-TEST_F(BacklogTest, DisplacesTheOldestBelowWarning) {
-  backlog.Configure(3, Policy::kDropDebugInfoFirst);
-  EXPECT_EQ(Push({kWarning, kInfo, kDebug}), "");
-  EXPECT_EQ(Push({kDebug}), "2");
-  EXPECT_EQ(Push({kError}), "3");
-  EXPECT_EQ(PopAll(), "145");
-}
-
-TEST_F(BacklogTest, TrimsByItsPolicyUpToTheLimitAndCountsCapacityZeroAsOne) {
-  const struct {
-    Policy policy;
-    uint32_t capacity;
-    size_t limit;
-    const char* left;
-  } cases[] = {{Policy::kDropNewest, 1, 3, "12"},
-               {Policy::kDropDebugInfoFirst, 3, 5, "135"},
-               {Policy::kDropDebugInfoFirst, 0, 5, "1"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.left);
-    backlog.Configure(5, Policy::kDropNewest);
-    pushed = 0;
-    Push({kWarning, kInfo, kWarning, kInfo, kWarning});
-    backlog.Configure(c.capacity, c.policy);
-    oxEventNodeList trimmed;
-    backlog.Trim(c.limit, &trimmed);
-    EXPECT_EQ(trimmed.Size() + backlog.Size(), 5u);
-    EXPECT_EQ(PopAll(), c.left);
-  }
-}
-
 struct QueueTest : testing::Test {
   Result Enqueue(std::string_view message, uint32_t severity = kWarning) {
     return queue.Enqueue(Event(message, severity), &node_cache);
+  }
+  // Queues the events "1", "2", ...
+  void EnqueueNumbered(const std::vector<uint32_t>& severities) {
+    for (size_t i = 0; i < severities.size(); ++i) Enqueue(std::to_string(i + 1), severities[i]);
+  }
+  std::string PopAll() {
+    std::string messages;
+    while (queue.HasPending()) messages += queue.WaitPop()->message;
+    return messages;
   }
   uint64_t Drops(oxEventDrop reason) const { return drops.Counts()[static_cast<size_t>(reason)]; }
 
@@ -117,15 +73,30 @@ TEST_F(QueueTest, TurnsAwayAnEventThatItHasAlreadyCopied) {
   }
 }
 
-TEST_F(QueueTest, RecordsEveryDropByItsReason) {
-  queue.Start(1, Policy::kDropDebugInfoFirst);
-  EXPECT_EQ(Enqueue("a", kInfo), Result::kQueued);
-  EXPECT_EQ(Enqueue("b"), Result::kDisplacedOlder);
-  EXPECT_EQ(Enqueue("c"), Result::kRefused);
-  EXPECT_EQ(queue.DropPending(), 1u);
-  EXPECT_EQ(Drops(oxEventDrop::kDisplaced), 1u);
+TEST_F(QueueTest, DisplacesTheOldestBelowWarningAndRecordsEachDrop) {
+  queue.Start(3, Policy::kDropDebugInfoFirst);
+  EnqueueNumbered({kWarning, kInfo, kDebug, kDebug, kError});
+  EXPECT_EQ(Drops(oxEventDrop::kDisplaced), 2u);
+  EXPECT_EQ(PopAll(), "145");
+  EnqueueNumbered({kWarning, kWarning, kWarning, kWarning});
   EXPECT_EQ(Drops(oxEventDrop::kRefused), 1u);
-  EXPECT_EQ(Drops(oxEventDrop::kStopped), 1u);
+  EXPECT_EQ(queue.DropPending(), 3u);
+  EXPECT_EQ(Drops(oxEventDrop::kStopped), 3u);
+}
+
+TEST_F(QueueTest, TrimsByItsPolicyAndCountsCapacityZeroAsOne) {
+  const struct {
+    Policy policy;
+    uint32_t capacity;
+    const char* left;
+  } cases[] = {
+      {Policy::kDropNewest, 2, "12"}, {Policy::kDropDebugInfoFirst, 4, "1345"}, {Policy::kDropDebugInfoFirst, 0, "1"}};
+  for (const auto& c : cases) {
+    queue.Start(5, Policy::kDropNewest);
+    EnqueueNumbered({kWarning, kInfo, kWarning, kInfo, kWarning});
+    queue.Configure(c.capacity, c.policy);
+    EXPECT_EQ(PopAll(), c.left);
+  }
 }
 
 TEST_F(QueueTest, TrimsMoreEventsThanOneBatchHolds) {
