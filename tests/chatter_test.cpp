@@ -4,109 +4,82 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <vector>
+#include <sstream>
 
 namespace {
 
+using oxEvent::AlarmChange;
 using oxEvent::LimitAlarm;
 using oxEvent::LimitAlarmConfig;
 using std::chrono::seconds;
 
-constexpr auto kNothing = oxEvent::AlarmChange::kNothing;
-constexpr auto kRaise = oxEvent::AlarmChange::kRaise;
-constexpr auto kClear = oxEvent::AlarmChange::kClear;
+// Passes values like "0:101 9:99 20:same", each with its time; "same" is NaN, which counts as the previous value.
+// Returns the changes, like "0:raise 9:clear ".
+std::string Changes(LimitAlarm* alarm, const std::string& values) {
+  std::istringstream in(values);
+  std::string changes;
+  std::string value;
+  char colon = 0;
+  for (int time = 0; in >> time >> colon >> value;) {
+    const AlarmChange change = alarm->Update(value == "same" ? NAN : std::stod(value), seconds(time));
+    if (change == AlarmChange::kNothing) continue;
+    changes += std::to_string(time) + (change == AlarmChange::kRaise ? ":raise " : ":clear ");
+  }
+  return changes;
+}
 
-struct Step {
-  int time;
-  double value;
-  oxEvent::AlarmChange expected;
-};
-
-void ExpectSteps(LimitAlarm* alarm, const std::vector<Step>& steps) {
-  for (const Step& step : steps) {
-    EXPECT_EQ(alarm->Update(step.value, seconds(step.time)), step.expected) << "at " << step.time;
+TEST(oxEventLimitAlarm, FollowsItsConfiguration) {
+  const LimitAlarmConfig low = {.type = LimitAlarmConfig::Limit::kLow, .limit = 100, .deadband = 5};
+  const LimitAlarmConfig high = {.limit = 100, .deadband = 5};
+  const LimitAlarmConfig delayed = {.limit = 100, .on_delay = seconds(10), .off_delay = seconds(20)};
+  const LimitAlarmConfig chattering = {.limit = 100, .chatter_count = 3};  // Three in a minute, the usual criterion.
+  const struct {
+    const char* rule;
+    LimitAlarmConfig config;
+    const char *values, *changes;
+  } cases[] = {{"the deadband of a high limit", high, "0:100 1:100.1 2:95.1 3:101 4:95 5:99", "1:raise 4:clear "},
+               {"the deadband of a low limit", low, "0:100 1:99.9 2:104.9 3:105 4:101", "1:raise 3:clear "},
+               {"an interruption of the on-delay", delayed, "0:101 9:101 10:99 20:101 29:101 30:101", "30:raise "},
+               {"an interruption of the off-delay", delayed, "0:101 10:same 40:99 59:99 60:101 61:99 80:same 81:same",
+                "10:raise 81:clear "},
+               {"a clock that is set back", delayed, "100:same 50:101 60:101 109:same 110:same 50:99 130:same",
+                "110:raise 130:clear "},
+               {"the third raise after a minute", chattering, "0:101 10:99 30:101 40:99 60:101 65:99",
+                "0:raise 10:clear 30:raise 40:clear 60:raise 65:clear "},
+               {"chattering ends after a minute without a change", chattering,
+                "0:101 10:99 30:101 40:99 59:101 75:99 134:101 140:99 199:99 200:same 210:101 211:99",
+                "0:raise 10:clear 30:raise 40:clear 59:raise 200:clear 210:raise 211:clear "}};
+  for (const auto& c : cases) {
+    LimitAlarm alarm(c.config);
+    EXPECT_EQ(Changes(&alarm, c.values), c.changes) << c.rule;
   }
 }
 
-struct oxEventLimitAlarm : testing::Test {
-  oxEventLimitAlarm() { config.limit = 100; }
-
-  LimitAlarmConfig config;
-};
-
-TEST_F(oxEventLimitAlarm, ReturnsToNormalOnlyBeyondTheDeadband) {
-  config.deadband = 5;
-  LimitAlarm high(config);
-  ExpectSteps(&high, {{0, 100, kNothing},
-                      {1, 100.1, kRaise},
-                      {2, 95.1, kNothing},
-                      {3, 101, kNothing},
-                      {4, 95, kClear},
-                      {5, 99, kNothing}});
-  config.type = LimitAlarmConfig::Limit::kLow;
-  LimitAlarm low(config);
-  ExpectSteps(&low,
-              {{0, 100, kNothing}, {1, 99.9, kRaise}, {2, 104.9, kNothing}, {3, 105, kClear}, {4, 101, kNothing}});
-}
-
-TEST_F(oxEventLimitAlarm, WaitsForTheDelaysWithoutInterruption) {
-  config.on_delay = seconds(10);
-  config.off_delay = seconds(20);
-  LimitAlarm alarm(config);
-  ExpectSteps(&alarm, {{0, 101, kNothing}, {9, 101, kNothing}, {10, 99, kNothing}});  // A fleeting alarm.
-  ExpectSteps(&alarm, {{20, 101, kNothing}, {29, 101, kNothing}, {30, 101, kRaise}});
-  ExpectSteps(&alarm, {{40, 99, kNothing}, {59, 99, kNothing}, {60, 101, kNothing}, {61, 99, kNothing}});
-  EXPECT_EQ(alarm.Poll(seconds(80)), kNothing);
-  EXPECT_EQ(alarm.Poll(seconds(81)), kClear);
-}
-
-TEST_F(oxEventLimitAlarm, IgnoresValuesThatAreNotNumbersAndAClockThatIsSetBack) {
-  config.on_delay = seconds(10);
-  LimitAlarm alarm(config);
-  ExpectSteps(&alarm, {{100, NAN, kNothing}, {50, 101, kNothing}, {60, 101, kNothing}, {110, NAN, kRaise}});
-  ExpectSteps(&alarm, {{111, NAN, kNothing}, {50, 99, kClear}});
-}
-
-// Three in a minute, the usual criterion for a chattering alarm.
-TEST_F(oxEventLimitAlarm, HoldsAChatteringAlarmUntilTheValueIsStable) {
-  config.chatter_count = 3;
-  LimitAlarm alarm(config);
-  ExpectSteps(&alarm, {{0, 101, kRaise}, {10, 99, kClear}, {30, 101, kRaise}, {40, 99, kClear}, {60, 101, kRaise}});
-  EXPECT_FALSE(alarm.IsChattering());  // The first and the third are a minute apart.
-  ExpectSteps(&alarm, {{65, 99, kClear}, {70, 101, kRaise}});
-  EXPECT_TRUE(alarm.IsChattering());
-  ExpectSteps(&alarm, {{75, 99, kNothing}, {134, 101, kNothing}, {140, 99, kNothing}, {199, 99, kNothing}});
-  EXPECT_EQ(alarm.Poll(seconds(200)), kClear);
-  ExpectSteps(&alarm, {{210, 101, kRaise}, {211, 99, kClear}});
-}
-
-TEST_F(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {
-  LimitAlarm alarm(config);
+TEST(oxEventLimitAlarm, WithholdsTheRaiseOfAShelvedAlarm) {
+  LimitAlarm alarm({.limit = 100});
   ASSERT_TRUE(alarm.TimedShelve(seconds(60), seconds(0)));
-  ExpectSteps(&alarm, {{1, 101, kNothing}, {2, 99, kNothing}, {3, 101, kNothing}});
+  EXPECT_EQ(Changes(&alarm, "1:101 2:99 3:101"), "");
   EXPECT_TRUE(alarm.IsActive());
-  EXPECT_EQ(alarm.Poll(seconds(59)), kNothing);
-  EXPECT_EQ(alarm.Poll(seconds(60)), kRaise);
+  EXPECT_EQ(alarm.Poll(seconds(59)), AlarmChange::kNothing);
+  EXPECT_EQ(alarm.Poll(seconds(60)), AlarmChange::kRaise);
   ASSERT_TRUE(alarm.TimedShelve(seconds(60), seconds(70)));
-  ExpectSteps(&alarm, {{71, 99, kClear}, {72, 101, kNothing}});
-  EXPECT_EQ(alarm.Unshelve(seconds(73)), kRaise);
+  EXPECT_EQ(Changes(&alarm, "71:99 72:101"), "71:clear ");
+  EXPECT_EQ(alarm.Unshelve(seconds(73)), AlarmChange::kRaise);
 }
 
 // The transitions of the ShelvedStateMachineType (OPC UA Part 9).
-TEST_F(oxEventLimitAlarm, UnshelvesAfterTheMaximumTimeAtTheLatest) {
-  config.max_time_shelved = seconds(100);
-  LimitAlarm alarm(config);
+TEST(oxEventLimitAlarm, UnshelvesAfterTheMaximumTimeAtTheLatest) {
+  LimitAlarm alarm({.limit = 100, .max_time_shelved = seconds(100)});
   EXPECT_FALSE(alarm.TimedShelve(seconds(101), seconds(0)));
   EXPECT_FALSE(alarm.TimedShelve(seconds(0), seconds(0)));
   EXPECT_FALSE(alarm.IsShelved());
   ASSERT_TRUE(alarm.OneShotShelve(seconds(0)));  // Unshelved to OneShotShelved.
-  ExpectSteps(&alarm, {{1, 99, kNothing}, {2, 101, kNothing}, {3, 99, kNothing}, {4, 101, kRaise}, {5, 99, kClear}});
+  EXPECT_EQ(Changes(&alarm, "1:99 2:101 3:99 4:101 5:99"), "4:raise 5:clear ");
   ASSERT_TRUE(alarm.TimedShelve(seconds(10), seconds(10)));  // Unshelved to TimedShelved.
   ASSERT_TRUE(alarm.OneShotShelve(seconds(19)));             // TimedShelved to OneShotShelved.
-  EXPECT_EQ(alarm.Update(101, seconds(50)), kNothing);
+  EXPECT_EQ(Changes(&alarm, "50:101"), "");
   ASSERT_TRUE(alarm.TimedShelve(seconds(100), seconds(60)));  // OneShotShelved to TimedShelved.
-  EXPECT_EQ(alarm.Poll(seconds(109)), kNothing);
-  EXPECT_EQ(alarm.Poll(seconds(110)), kRaise);
+  EXPECT_EQ(Changes(&alarm, "109:same 110:same"), "110:raise ");
 }
 
 }  // namespace
