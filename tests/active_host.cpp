@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "../include/oxEvent.hpp"
 #include "../include/oxEvent/active_file.hpp"
 #include "../include/oxEvent/alert_poster.h"
 
@@ -14,15 +15,8 @@ namespace {
 using Conditions = std::map<std::string, std::uint32_t>;
 
 void Submit(const char* action, const std::string& source, std::uint32_t severity) {
-  oxEventRecord record = {};
-  record.struct_size = sizeof(record);
-  record.version = OXEVENT_API_VERSION;
-  record.message = "m";
-  record.event_type = "test";
-  record.action = action;
-  record.source_id = source.c_str();
-  record.severity = severity;
-  if (oxEventSubmit(&record) != OXEVENT_OK) std::exit(1);
+  const auto level = static_cast<oxEvent::Severity>(severity);
+  if (oxEvent::Event("m").event_type("test").action(action).source_id(source).severity(level).Submit()) std::exit(1);
 }
 
 // Returns false if the host is to stop.
