@@ -88,28 +88,7 @@ runbook = ftp://h.example/
 severity = info
 meaning = m
 """
-WRONG_REPORT = """\
-1: error: the line is not in a section
-3: error: the section [catalogue] must have a name of lower-case ASCII letters and digits, which begins with a letter \
-and is not oxevent
-4: error: unknown key 'title'; allowed keys: name
-5: error: a.b: the type has no action
-5: error: a.b: the type has no meaning
-6: error: a.b: the severity must be one of debug, info, warning, error, not 'fatal'
-7: error: a.b: the key severity is already on line 6
-8: error: a.b: the line must be KEY = TEXT; a line that continues a text must be indented
-10: error: the line must be a type in brackets, without blanks around the type
-11: error: A-B.severity: the constant A_B_SEVERITY belongs to the type on line 5
-11: error: A-B.severity: the type has no action
-11: error: A-B.severity: the type has no meaning
-11: error: A-B.severity: the type has no severity
-12: error: ä: the type has no ASCII letter or digit for the name of its constant
-14: error: the line contains the control character U+001B
-15: error: the line is not UTF-8
-16: error: ä: the runbook must be an http or https URL
-17: error: a.b: the section is already on line 5
-17: error: a.b: the type has no action
-"""
+WRONG_LINES = [1, 3, 4, 5, 5, 6, 7, 8, 10, *4 * [11], 12, 14, 15, 16, 17, 17]  # One for each error.
 
 
 def run(*command, **options):
@@ -203,16 +182,16 @@ class CatalogueTest(unittest.TestCase):
     def test_errors_are_reported_together(self):
         Path("wrong.ini").write_bytes(WRONG)
         Path("empty.ini").write_bytes(b"\xef\xbb\xbf[catalogue]\r\nname = a")
-        for path, expected in (
-                ("wrong.ini", textwrap.indent(WRONG_REPORT, "wrong.ini:")),
-                ("empty.ini", "empty.ini:1: error: the catalogue has no type\n"),
-                ("a\x1b\n", "oxevent-catalogue: a\\u001b\\n: No such file or directory\n")):
+        for path, lines in (("wrong.ini", WRONG_LINES), ("empty.ini", [1])):
             done = run(TOOL, "--header", "--output=made", path)
-            self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", expected))
+            self.assertEqual((done.returncode, done.stdout), (1, ""))
+            found = re.findall(rf"^{path}:(\d+): error: .", done.stderr, re.MULTILINE)
+            self.assertEqual(list(map(int, found)), lines, done.stderr)
             self.assertFalse(Path("made").exists())
 
     def test_exit_status(self):
         self.assertEqual(run(TOOL, "--header", "--output=/dev/full", "odd2.ini").returncode, 1)
+        self.assertEqual(run(TOOL, "--header", "missing").returncode, 1)
         for arguments in (["--heading", "odd2.ini"], ["--header", "--python", "odd2.ini"], ["odd2.ini", "odd2.ini"]):
             self.assertEqual(run(TOOL, *arguments).returncode, 2, arguments)
 
