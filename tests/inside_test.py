@@ -2,7 +2,6 @@
 import json
 import os
 import re
-import shutil
 import subprocess
 import sys
 import tempfile
@@ -15,7 +14,6 @@ ROOT = Path(__file__).resolve().parent.parent
 PYTHON = os.path.realpath(sys.executable)
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
 TRACE_POINTS = {"submit": 3, "drop": 4, "emit": 3, "sink_failure": 3, "flush": 1}  # Each with its number of arguments.
-IDLE = "import ctypes, os; ctypes.CDLL(os.environ['OXEVENT_LIBRARY']); print(flush=True); input()"
 # A raised condition, and a full queue behind a callback that does not return.
 BUSY = r"""
 import oxevent, sys, threading
@@ -95,9 +93,9 @@ class InsideTest(unittest.TestCase):
             "sink\\native\\main": {"enabled": 0},
             "sink\\syslog\\udp\\noc": {"enabled": 1, "host": "127.255.255.255"}})  # Broadcasts are not permitted.
 
-    def start_host(self, script, library=LIBRARY, arguments=()):
+    def start_host(self, script, *arguments):
         host = subprocess.Popen([PYTHON, "-Bc", script, self.settings, *arguments], text=True, stdin=subprocess.PIPE,
-                                stdout=subprocess.PIPE, env=os.environ | {"OXEVENT_LIBRARY": str(library)})
+                                stdout=subprocess.PIPE)
         self.enterContext(host)
         self.addCleanup(host.kill)
         self.assertEqual(host.stdout.readline(), "\n")
@@ -110,22 +108,16 @@ class InsideTest(unittest.TestCase):
         done = subprocess.run(["gdb", *arguments, *options], capture_output=True, text=True, check=False)
         return done.stdout + done.stderr
 
-    def test_shows_the_state_of_a_process_and_of_a_core(self):
+    def test_shows_the_state_of_a_process_and_of_a_core_as_oxevent_stat_does(self):
         pid = self.start_host(BUSY)
         core = f"{self.directory}/core"
         expected = f"oxEvent is initialized with {self.settings}\n{BUSY_STATE}"
         self.assertIn(expected, self.gdb("-p", pid, commands=["oxevent", f"generate-core-file {core}"]))
         self.assertIn(expected, self.gdb(PYTHON, core))
-
-    def test_figures_of_oxevent_stat_are_those_of_gdb(self):
-        pid = self.start_host(BUSY)
-        shown = self.gdb("-p", pid)
         figures = subprocess.run([os.environ["OXEVENT_STAT"], pid], capture_output=True, text=True, check=True).stdout
         for what in ("counters: .*", "dropped: .*", r"queue: \d+ of \d+ pending", r"\d+ in delivery", "conditions: .*",
-                     "[0-9]+ failures, the last: .*", "callbacks: .*no failure"):
-            expected = re.findall(what, shown)
-            self.assertEqual(len(expected), 1, what)
-            self.assertEqual([re.sub(r"\d+ delivered, ", "", found) for found in re.findall(what, figures)], expected)
+                     "[0-9]+ failures, the last: .*"):
+            self.assertEqual(re.findall(what, figures), re.findall(what, BUSY_STATE))
 
     def test_alarm_list_of_the_csv_file_is_that_of_the_process(self):
         csv = f"{self.directory}/events.csv"
@@ -133,7 +125,7 @@ class InsideTest(unittest.TestCase):
             "core": {"minimum_severity": "debug", "queue_size": 10_000},
             "sink\\native\\main": {"enabled": 0},
             "sink\\csv\\default": {"enabled": 1, "path": csv, "minimum_severity": "debug"}})
-        pid = self.start_host(RANDOM, arguments=[csv])
+        pid = self.start_host(RANDOM, csv)
         shown = re.findall("^  .*, last sent .*Z$", self.gdb("-p", pid, commands=["oxevent conditions 1000"]), re.M)
         listed = subprocess.run([f"{ROOT}/tools/alarms/oxevent-alarms", "--json", csv], capture_output=True, check=True)
         conditions = json.loads(listed.stdout)["conditions"]
@@ -153,14 +145,6 @@ class InsideTest(unittest.TestCase):
             "continue",
             r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3'])
         self.assertIn("\n200 1 2 refused\n", shown)
-
-    def test_says_that_the_library_was_replaced(self):
-        replaced = Path(shutil.copy(LIBRARY, self.directory))
-        shutil.copy(LIBRARY.with_name("liboxutil.so"), self.directory)
-        pid = self.start_host(IDLE, replaced)
-        replaced.unlink()
-        subprocess.run(["strip", "-g", "-o", replaced, LIBRARY], check=True)
-        self.assertIn(f"{replaced} is not the file that the process has loaded", self.gdb("-p", pid))
 
 
 if __name__ == "__main__":
