@@ -108,14 +108,6 @@ TEST_F(QueueTest, TrimsMoreEventsThanOneBatchHolds) {
   EXPECT_EQ(queue.WaitPop()->message, "0");
 }
 
-TEST_F(QueueTest, FlushFailsAfterItsTimeout) {
-  queue.Start(1, Policy::kDropNewest);
-  EXPECT_EQ(Enqueue("a"), Result::kQueued);
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(queue.Flush(50), OXEVENT_FAILURE);
-  EXPECT_GE(std::chrono::steady_clock::now(), start + 50ms);
-}
-
 // All flushes end, although another event is queued before they run again.
 TEST_F(QueueTest, FlushesEndOnceNothingIsPendingOrActive) {
   const struct {
