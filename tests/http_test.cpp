@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 #include <linux/tcp.h>
 #include <openssl/pem.h>
-#include <sys/auxv.h>
 #include <sys/syscall.h>
 
 #include <future>
@@ -23,7 +22,6 @@ BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
 std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
-std::atomic<bool> g_is_privileged;        // As a set-uid program is.
 std::atomic<bool> g_sends_raise_sigpipe;  // The signal ends this process unless it is blocked.
 const Faults g_faults([](std::string_view call, long) {
   if (call == "getaddrinfo" && g_lookups_hang) {
@@ -342,27 +340,9 @@ TEST(oxOSHTTPCommand, RaisesNoSignalWhenTlsWritesToABrokenConnection) {
   g_sends_raise_sigpipe = false;
 }
 
-TEST(oxOSHTTPCommand, RefusesUnsafeEnvironmentVariablesInAPrivilegedProcess) {
-  const string list_tests = "'" + string(program_invocation_name) + "' --gtest_list_tests >/dev/null";
-  if (system(list_tests.c_str()) != 0) GTEST_SKIP() << "the system cannot execute this program by its name";
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // In a new process, in which the client has not started yet.
-  HttpServer server;
-  const auto exit_after_request_with = [&](const char* variable) {
-    g_is_privileged = true;
-    setenv(variable, "/dev/null", 1);
-    _exit(Send(server.Url()) == kOk ? 0 : 1);  // The server is still running.
-  };
-  EXPECT_EXIT(exit_after_request_with("HARMLESS"), testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(exit_after_request_with("SSLKEYLOGFILE"), testing::ExitedWithCode(1), "");
-}
-
 }  // namespace
 
 // The functions below replace the C library's, because the loader searches the executable first.
-unsigned long getauxval(unsigned long type) noexcept {
-  static const auto next = reinterpret_cast<decltype(&getauxval)>(dlsym(RTLD_NEXT, "getauxval"));
-  return type == AT_SECURE && g_is_privileged ? 1 : next(type);
-}
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   const long result = syscall(SYS_clock_gettime, clock, now);
   if (clock == CLOCK_MONOTONIC) now->tv_sec += g_clock_offset_s;
