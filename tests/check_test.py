@@ -5,7 +5,6 @@ import fnmatch
 import itertools
 import json
 import os
-import shutil
 import subprocess
 import tempfile
 import unittest
@@ -304,9 +303,7 @@ class CheckTest(unittest.TestCase):
     def test_delays_while_endpoints_do_not_answer(self):
         over_64_bits = {"request_timeout_ms": 2147483650, "backoff_ms": 2147483648, "retry_count": 4294967294}
         for settings, *expected in (
-                ({"request_timeout_ms": 60000}, "request_timeout_ms: note shutdown-delay: * 60 s in * 65 s"),
                 ({"request_timeout_ms": 60049}, "request_timeout_ms: warning shutdown-delay: * 60 s in * 65 s"),
-                ({"request_timeout_ms": 0, "backoff_ms": 0, "retry_count": 199}, "retry_count: warning *: * 1049.8 s*"),
                 (over_64_bits, "retry_count: warning *: * a century or more in * a century"),
                 ({"retry_count": 4294967295}, "retry_count: warning no-try", "retry_count: note *: * 0 s in * 5 s"),
                 ({"connect_timeout_ms": 5001}, "retry_count: note *: * 5 s *", "connect_timeout_ms: note no-effect")):
@@ -317,14 +314,6 @@ class CheckTest(unittest.TestCase):
              "sink/cloudevents/http/b": ON | {"endpoint_url": "https://g/", "timeout_ms": 36000}},
             "sink/cloudevents/http/b/endpoint_url: warning tls-unverified",
             "sink/cloudevents/http/b/timeout_ms: warning shutdown-delay: * 71 s in * 76 s")
-
-    def test_missing_http_client(self):
-        self.write({NATIVE: OFF, WEBHOOK: POSTING})
-        Path("bin").mkdir()
-        shutil.copy(TOOL, "bin")
-        shutil.copy(Path(LIBRARY._name).with_name("liboxutil.so"), ".")
-        done = subprocess.run(["bin/oxevent-check", "0.xml"], capture_output=True, text=True, check=False)
-        self.assertIn("liboxutil-http.so: cannot open shared object file", done.stdout)
 
     def test_text_and_status_of_several_files(self):
         sinks = '<key name="sink"><key name="csv"><key name="c"><value name="enabled">1</value></key></key>' \
