@@ -37,11 +37,6 @@ runbook = https://h.example/a_(b)?c&amp;d=[e]*f*'$1
     n
   action = a
 """
-ODD_ROW = (  # By CommonMark, sections 2.4 (backslash escapes) and 6.3 (links).
-    r"""| disk full/"ü"1??/ \* // /\* x \*/\]\\ | error | \{\{ .Labels \}\} \{\{ end \}\} "q" 'q' \`q\` \\n %s \$name """
-    r"""\$\{x\} \<b\>\&amp;\</b\> \*/ /\* ??/ \\<br>-- 0027229ca0644181a76c4e92458afa2f<br><br>= \| a \|\| \*b\* """
-    r"""\_c\_ \[d\](e) \~f\~ é 𝄞 @MESSAGE@MESSAGE@ @@ \$1\$ \\ | %(x)s '''\\" \\u0041 \{\{ " """
-    r"""| [runbook](https://h.example/a_\(b\)?c\&amp;d=[e]*f*'$1) |""")
 HOST = r"""
 #include "odd2.h"
 #include <cstdio>
@@ -175,9 +170,6 @@ class CatalogueTest(unittest.TestCase):
                 "amtool", "template", "render", "--template.glob=odd2.tmpl", "--template.data=data.json",
                 f"--template.type={kind}", '--template.text={{ template "odd2.text" . }}')
             self.assertEqual(read(rendered).rstrip("\n"), expected.rstrip("\n"))
-
-    def test_markdown_escapes_the_texts(self):
-        self.assertIn(ODD_ROW, self.make("markdown").splitlines())
 
     def test_errors_are_reported_together(self):
         Path("wrong.ini").write_bytes(WRONG)
