@@ -108,7 +108,7 @@ string Show(string_view ber) {
   return shown;
 }
 
-TEST(oxEventSnmpTrapSink, SendsTwelveObjects) {
+TEST(oxEventSnmpTrapSink, SendsTwelveObjectsWithTheTimeAsUptimeAndRequestId) {
   DatagramReceiver receiver;
   receiver.community = "c\xFF";
   receiver.enterprise_oid = "1.39";
@@ -121,12 +121,9 @@ TEST(oxEventSnmpTrapSink, SendsTwelveObjects) {
             "30{06:4f010400 't t'}30{06:4f010500 's\"\\]'}30{06:4f010600 '[n]\1\xFF'}30{06:4f010700 'A\t'}"
             "30{06:4f010800 '\"a\n\n\",b'}30{06:4f010900 'd\\'}30{06:4f010a00 '\b\f\v\x1F\x7F/'}"
             "30{06:4f010b00 '1700000000123456789'}30{06:4f010c00 '{\"]'}}}}");
-}
-
-TEST(oxEventSnmpTrapSink, LimitsTheRequestIdTo31Bits) {
-  g_now_ms = UINT32_MAX;
-  const string expected = "'cobalt'a7{02:7fffffff 02:00 02:00 30{30{06:2b06010201010300 43:19999999 }";
-  EXPECT_NE(Show(DatagramReceiver().Receive(kTrap)).find(expected), string::npos);
+  g_now_ms = UINT32_MAX;  // The request id has 31 bits.
+  const string last = "a7{02:7fffffff 02:00 02:00 30{30{06:2b06010201010300 43:19999999 }";
+  EXPECT_NE(Show(receiver.Receive(kTrap)).find(last), string::npos);
 }
 
 TEST(oxEventSnmpTrapSink, TruncatesMessageAndDetailsTo2048Bytes) {
@@ -166,24 +163,21 @@ TEST(oxEventSnmpTrapSink, RefusesOtherVersionsAndInvalidOids) {
   }
 }
 
-TEST(oxEventUdpSender, AcceptsPortsUpTo65535) {
+TEST(oxEventUdpSender, LooksUpTheConfiguredPortOrTheDefaultHostAndPort) {
   const int standard_input = fcntl(STDIN_FILENO, F_GETFD);
-  DatagramReceiver receiver;
-  receiver.port = 65535;
-  EXPECT_EQ(SubmitThroughNewSink(kSyslog, receiver), "");
-  receiver.port = 65536;
-  EXPECT_EQ(SubmitThroughNewSink(kSyslog, receiver), "oxEvent syslog UDP resolve failed for 127.0.0.1:65536 error=-8");
-  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sender closes only what it has opened.
-}
-
-TEST(oxEventUdpSender, LooksUpTheDefaultHostAndPort) {
   const Faults faults([](string_view call, long) { return call == "getaddrinfo" ? EAI_AGAIN : 0; });
+  const string syslog = "oxEvent syslog UDP resolve failed for 127.0.0.1:",
+               trap = "oxEvent SNMP trap resolve failed for ";
   oxEventSinkConfig config;
-  config.port = 0;
   config.snmp_host = "";
+  for (const auto& [port, error] :
+       {std::pair(0u, "514 error=-3"), {65535u, "65535 error=-3"}, {65536u, "65536 error=-8"}}) {
+    config.port = port;
+    EXPECT_EQ(SubmitThroughNewSink(kSyslog, config), syslog + error);
+  }
   config.snmp_port = 0;
-  EXPECT_EQ(SubmitThroughNewSink(kSyslog, config), "oxEvent syslog UDP resolve failed for 127.0.0.1:514 error=-3");
-  EXPECT_EQ(SubmitThroughNewSink(kTrap, config), "oxEvent SNMP trap resolve failed for 127.0.0.1:162 error=-3");
+  EXPECT_EQ(SubmitThroughNewSink(kTrap, config), trap + "127.0.0.1:162 error=-3");
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standard_input);  // The sender closes only what it has opened.
 }
 
 TEST(oxEventUdpSender, SendsWhetherOrNotAnyoneListens) {
