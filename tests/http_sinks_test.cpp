@@ -157,20 +157,4 @@ TEST(oxEventAlertmanager, FormatsRaisedAndResolvedAlerts) {
   }
 }
 
-TEST(oxEventAlertmanager, FillsInWhatIsMissing) {
-  oxEventNormalizedEvent event;
-  event.event_type = "%";
-  event.source_id = "_";
-  event.source_name = "on";
-  event.message = "on m";
-  event.severity = OXEVENT_SEVERITY_WARNING;
-  string alert;
-  EXPECT_EQ(oxEventFormatAlertmanagerAlert(event, {true, true, "-|"}, &alert), OXEVENT_OK);
-  EXPECT_EQ(alert,
-            R"([{"labels":{"alertname":"OxEventEvent","severity":"warning","event_type":"event","action":"raise",)"
-            R"("source_id":"source"},"annotations":{"summary":"on m","description":"on m","ox_event_id":"0",)"
-            R"("ox_dedupe_key":"%:_","ox_source_name":"on","ox_units":"","ox_value":"0","ox_threshold":"0"},)"
-            R"("startsAt":"1970-01-01T00:00:00Z"}])");
-}
-
 }  // namespace
