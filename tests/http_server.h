@@ -22,8 +22,8 @@ using Answers = std::vector<Answer>;
 // Threads: any; faults do not apply to the server's own thread.
 class HttpServer {
  public:
-  explicit HttpServer(Answers answers = {{}}, SSL_CTX* tls = nullptr, sa_family_t family = AF_INET)
-      : answers_(std::move(answers)), tls_(tls), listener_(LoopbackSocket(family, SOCK_STREAM, &port_)) {
+  explicit HttpServer(Answers answers = {{}}, SSL_CTX* tls = nullptr)
+      : answers_(std::move(answers)), tls_(tls), listener_(LoopbackSocket(AF_INET, SOCK_STREAM, &port_)) {
     EXPECT_EQ(listen(listener_, 100), 0);
     thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
   }
