@@ -33,8 +33,7 @@ entered.wait()
 for number, severity in enumerate((0, 1, 1, 2, 3, 3, 1, 3, 2)):
     oxevent.submit(f"door\n{number} é", severity=severity, event_id=100 + number, action="raise")
 print(flush=True)
-for line in sys.stdin:
-    oxevent.submit(line, event_id=200)
+input()
 """
 BUSY_STATE = f"""counters: 12 submitted, 1 emitted, 6 dropped, 1 sink failures, 0 sink warnings
 dropped: 1 filtered, 1 refused, 3 displaced, 1 suppressed
@@ -138,13 +137,6 @@ class InsideTest(unittest.TestCase):
         notes = subprocess.run(["readelf", "-n", LIBRARY], capture_output=True, text=True, check=True).stdout
         found = re.findall(r"Provider: oxevent\n +Name: (\w+)\n.*\n +Arguments: (.*)", notes)
         self.assertEqual({(name, len(arguments.split())) for name, arguments in found}, set(TRACE_POINTS.items()))
-        pid = self.start_host(BUSY)
-        shown = self.gdb("-p", pid, commands=[
-            "break -probe-stap oxevent:drop",
-            f"shell echo one more > /proc/{pid}/fd/0",
-            "continue",
-            r'printf "%lu %lu %lu %s\n", $_probe_arg0, $_probe_arg1, $_probe_arg2, (char *)$_probe_arg3'])
-        self.assertIn("\n200 1 2 refused\n", shown)
 
 
 if __name__ == "__main__":
