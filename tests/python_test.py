@@ -133,14 +133,6 @@ class PythonTest(unittest.TestCase):
             oxevent.flush()
             self.assertEqual(conditions.unconfirmed(), 0)
 
-    def test_poll_reports_a_suppressed_clear(self):
-        file = f"{self.settings}.conditions"
-        with oxevent.ActiveFile(file), oxevent.running(self.settings):
-            oxevent.submit("m", action="raise")
-        with oxevent.ActiveFile(file, grace_s=0) as conditions, oxevent.running(self.settings):
-            with self.assertRaisesRegex(PermissionError, "route_orphan_clear"):
-                conditions.poll()
-
     def test_log_records_become_events(self):
         logger = logging.Logger("pump.7")
         handler = oxevent.OxEventHandler(source_id="press-4")
