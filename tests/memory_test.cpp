@@ -10,14 +10,13 @@
 
 namespace {
 
-// The values of SipHash-2-4 are published test vectors. That of SipHash-1-3 was computed in another language,
-// with a program written from the description of the algorithm.
+// The first two values are published test vectors. The last was computed in another language, with a program written
+// from the description of the algorithm.
 TEST(oxEventSipHash, GivesTheExpectedValues) {
-  const std::pair<size_t, uint64_t> cases[] = {
-      {7, 0xab0200f58b01d137}, {8, 0x93f5f5799a932462}, {9, 0x9e0082df0ba9e4b0}, {16, 0x3f2acc7f57c29bdb}};
   const oxEventSipKey key = {0x0706050403020100, 0x0f0e0d0c0b0a0908};
-  const std::string_view bytes("\0\1\2\3\4\5\6\7\10\11\12\13\14\15\16\17", 16);
-  for (const auto& [size, hash] : cases) EXPECT_EQ((oxEventSipHash<2, 4>(key, bytes.substr(0, size))), hash) << size;
+  const std::string_view bytes("\0\1\2\3\4\5\6\7\10\11\12\13\14\15\16", 15);
+  EXPECT_EQ((oxEventSipHash<2, 4>(key, bytes.substr(0, 8))), 0x93f5f5799a932462);
+  EXPECT_EQ((oxEventSipHash<2, 4>(key, bytes)), 0xa129ca6149be45e5);
   EXPECT_EQ(oxEventSipHash(key, bytes.substr(0, 9)), 0x25a48eb36c063de4);
 }
 
