@@ -88,19 +88,15 @@ struct oxEventHpp : testing::Test {
   std::optional<Callback> recorder;
 };
 
-TEST_F(oxEventHpp, SessionReportsWhyItDidNotStart) {
+TEST_F(oxEventHpp, SessionReportsWhyItDidNotStartAndShutsDownOnlyWhatItHasStarted) {
   const std::string missing(1000, 'x');
   std::error_code error;
   const Session failed(missing.c_str(), error);
   EXPECT_EQ(error, Errc::kInvalidArgument);
   EXPECT_EQ(oxEvent::ErrorText(error), "Unable to open oxEvent config: " + missing);
   EXPECT_THROW(Session(""), std::system_error);
-}
-
-TEST_F(oxEventHpp, SessionShutsDownOnlyWhatItHasStarted) {
   {
     const Session session(settings.c_str());
-    std::error_code error;
     { const Session second(settings.c_str(), error); }
     EXPECT_EQ(error, Errc::kAlreadyInitialized);
     EXPECT_FALSE(Event("m").Submit());
