@@ -7,7 +7,6 @@ import json
 import os
 import select
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
@@ -119,8 +118,7 @@ class AlarmsTest(unittest.TestCase):
             "columns": ("65536,1\n", "2 columns instead of 20"),
             "no number": (document(row("x", event_id="one"), header=False), "event_id is 'one' instead of a number"),
             "severity": (document(row("x", severity="bad"), header=False), "'bad' is not a severity"),
-            "torn in quotes": (torn[:torn.index("quoted")] + "\n", "unexpected end of data"),
-            "binary": ("\0\0\n", "line contains NUL" if sys.version_info < (3, 11) else "1 columns")}
+            "torn in quotes": (torn[:torn.index("quoted")] + "\n", "unexpected end of data")}
         for name, (damage, reason) in cases.items():
             with self.subTest(name):
                 before = document(row("a", message="two\nlines"))
@@ -220,7 +218,6 @@ class AlarmsTest(unittest.TestCase):
             self.assertIn("</script><script>document.title=", events)
             browser.evaluate("text.value = 'K499'; filter()")
             self.assertEqual(browser.evaluate("document.getElementById('matches').value"), "199 events")
-            self.assertEqual(browser.evaluate(count(".lane[data-rank]")), 1)
 
     def test_page_counts_each_period_that_the_rows_touch(self):
         page = self.directory / "page.html"
