@@ -27,7 +27,7 @@ class EventReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Event
     rapidjson::Reader reader;
     if (const auto result = reader.Parse<kFlags>(stream_, *this); result.IsError()) {
       std::string text = rapidjson::GetParseError_En(result.Code());
-      if (text.ends_with('.')) text.pop_back();
+      text.pop_back();  // The full stop.
       throw JsonError("invalid JSON: " + text, result.Offset());
     }
     if (stream_.Tell() != json_.size()) throw JsonError("invalid JSON: unexpected NUL byte", stream_.Tell());

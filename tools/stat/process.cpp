@@ -55,15 +55,14 @@ std::string UserName(uid_t uid) {
   return entry != nullptr ? entry->pw_name : std::to_string(uid);
 }
 
-// Returns the real user of the process. Not the owner of its directory in /proc, which is root if the process is not
-// dumpable.
-std::optional<uid_t> RealUser(pid_t pid) {
+// Returns the real user of the process; the caller's effective one if the process has ended. Not the owner of its
+// directory in /proc, which is root if the process is not dumpable.
+uid_t RealUser(pid_t pid) {
   const std::string status = ReadFile(PathOf(pid, "status")).value_or("");
   constexpr std::string_view kTitle = "\nUid:\t";
-  const size_t at = status.find(kTitle);
-  uid_t uid = 0;
-  if (at == status.npos) return std::nullopt;
-  std::from_chars(status.data() + at + kTitle.size(), status.data() + status.size(), uid);
+  uid_t uid = geteuid();
+  if (const size_t at = status.find(kTitle); at != status.npos)
+    std::from_chars(status.data() + at + kTitle.size(), status.data() + status.size(), uid);
   return uid;
 }
 
@@ -75,8 +74,8 @@ std::string ReasonForRefusal(pid_t pid) {
   if (geteuid() == 0) return "root lacks " + capability + ", as it usually does in a container";
   const std::string remedy = "; run oxevent-stat as root, or with " + capability;
   if (scope == "2") return "kernel.yama.ptrace_scope is 2" + remedy;
-  const std::optional<uid_t> user = RealUser(pid);
-  if (user && *user != geteuid()) return "it belongs to the user " + UserName(*user) + remedy;
+  const uid_t user = RealUser(pid);
+  if (user != geteuid()) return "it belongs to the user " + UserName(user) + remedy;
   if (scope == "1") return "kernel.yama.ptrace_scope is 1" + remedy;
   return "it has more privileges than oxevent-stat, or has changed its user" + remedy;
 }

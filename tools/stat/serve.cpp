@@ -66,8 +66,8 @@ int Listen(uint16_t port) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   const int on = 1;
   socklen_t size = sizeof(address);
-  if (fd == -1 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
-      bind(fd, reinterpret_cast<const sockaddr*>(&address), size) != 0 || listen(fd, SOMAXCONN) != 0 ||
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  if (fd == -1 || bind(fd, reinterpret_cast<const sockaddr*>(&address), size) != 0 || listen(fd, SOMAXCONN) != 0 ||
       getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
     throw std::runtime_error("127.0.0.1 port " + std::to_string(port) + ": " + std::strerror(errno));
   }
@@ -83,7 +83,7 @@ void Serve(uint16_t port, const std::function<std::string()>& metrics) {
   while (true) {
     const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (client == -1) {
-      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == ECONNABORTED) continue;
       throw std::runtime_error(std::string("accept: ") + std::strerror(errno));
     }
     const auto deadline = Clock::now() + kClientTimeout;

@@ -1,5 +1,4 @@
 // oxevent-stat: shows what the library counts in a running process.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -95,24 +94,14 @@ Reading ReadTarget(const std::string& target) {
 
 std::runtime_error FileError(const std::string& path) { return std::runtime_error(path + ": " + std::strerror(errno)); }
 
-bool WriteAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t size = write(fd, bytes.data(), bytes.size());
-    if (size < 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(size));
-  }
-  return true;
-}
-
 // Replaces the file as a whole, so that no reader sees an incomplete file. Other users, such as that of the node
 // exporter, can read the new file unless the umask prevents this.
-void ReplaceFile(const std::string& path, std::string_view text) {
-  constexpr mode_t kMode = 0666;
+void ReplaceFile(const std::string& path, const std::string& text) {
   const std::string temporary = path + ".new." + std::to_string(getpid());
-  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
-  if (fd == -1) throw FileError(temporary);
-  const bool written = WriteAll(fd, text);
-  if (close(fd) == 0 && written && std::rename(temporary.c_str(), path.c_str()) == 0) return;
+  std::FILE* const file = std::fopen(temporary.c_str(), "wx");
+  if (file == nullptr) throw FileError(temporary);
+  const bool written = std::fputs(text.c_str(), file) != EOF;
+  if (std::fclose(file) == 0 && written && std::rename(temporary.c_str(), path.c_str()) == 0) return;
   const int reason = errno;
   unlink(temporary.c_str());
   errno = reason;
@@ -167,7 +156,7 @@ class StatTool {
 
   void Write(const std::string& text) const {
     if (options_.output != nullptr) {
-      if (!text.empty()) ReplaceFile(options_.output, text);
+      ReplaceFile(options_.output, text);
     } else if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
       throw FileError("standard output");
     }
