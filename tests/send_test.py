@@ -34,7 +34,7 @@ REFUSED_LINES = (  # Each with its column and the beginning of the error text.
     ('{"message": ""}', "1: message: is empty"),
     ('{"message": "\\u0000"}', "13: message: contains a NUL"),
     ('{"message": 5}', "13: message: must be a string\n"),
-    ('{"message": {}}', "13: message: must not be an object"),
+    ('{"version": {}}', "13: version: must not be an object"),
     ('{"message": "m", "message": "n"}', "18: message: appears twice"),
     ('{"version": "65536"}', "13: version: must be 65536"),
     ('{"unit": 1}', "2: unit: is not a field of an event; did you mean units?"),
@@ -66,8 +66,8 @@ INVALID_TIMES = (
     "", "-1", "18446744073709551616", "2026-03-01T12:00:00", "2026-03-01T12:00Z", "2026-03-01T12:00:00Zx",
     "2026-3-01T12:00:00Z", "1969-12-31T23:59:59Z", "2554-07-21T23:34:33Z", "2026-00-01T00:00:00Z",
     "2026-02-29T00:00:00Z", "2026-03/01T00:00:00Z", "2026-03-01T24:00:00Z", "2026-03-01T12.00:00Z",
-    "2026-03-01T23:60:00Z", "2026-03-01T23:59:61Z", "2026-03-01T12:00:60Z", "2026-03-01T12:00:00.Z",
-    "2026-03-01T12:00:00.0000000001Z", "2026-03-01T12:00:00+24:00", "2026-03-01T12:00:00-0100")
+    "2026-03-01T12:00:00.5", "2026-03-01T23:60:00Z", "2026-03-01T23:59:61Z", "2026-03-01T12:00:60Z",
+    "2026-03-01T12:00:00.Z", "2026-03-01T12:00:00.0000000001Z", "2026-03-01T12:00:00+24:00", "2026-03-01T12:00:00-0100")
 
 
 class SendTest(unittest.TestCase):
@@ -154,9 +154,11 @@ class SendTest(unittest.TestCase):
         done = subprocess.run([TOOL], stderr=subprocess.PIPE, text=True, check=False)
         self.assertEqual(done.stderr, "oxevent-send: SETTINGS is missing; see oxevent-send --help\n")
 
-    def test_settings_that_the_library_refuses(self):
+    def test_settings_with_which_the_library_does_not_start(self):
         error = self.send("m", sections={"core": {"drop_policy": "x"}}, status=2)[1]
         self.assertRegex(error, "^oxevent-send: Invalid .*\n    Set it to drop_newest")
+        error = self.send("m", launcher=["env", "-C", "/"], status=2)[1]
+        self.assertRegex(error, "^oxevent-send: Unable to open .*: settings.xml\n    No such file; an empty file")
 
     def test_output_that_cannot_be_written_is_a_failure(self):
         error = "oxevent-send: standard output: No space left on device\n"
@@ -204,8 +206,10 @@ class SendTest(unittest.TestCase):
         burst = "m --count 500 --rate 1000000 --wait 2"
         for sections, arguments, expected in (
                 ({"core": OFF}, "m", r"0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
-                ({}, "m --severity debug", r"dropped: 1, below core\\minimum_severity \(info\)\n"),
+                ({}, "m --severity 0 --action rise", r"action rise is none .*\n.* 1, below core\\minimum_severity \(info\)\n"),
                 (stuck, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n.*given up: [12] "),
+                ({WEBHOOK: self.webhook() | {"request_timeout_ms": 9}}, "m", "no response, although the endpoint"),
+                ({WEBHOOK: {"enabled": 1, "endpoint_url": "http://127.0.0.1:1/"}}, "m", "Failed to connect to 127"),
                 ({}, "m --count 3 --action raise --quiet", "^oxevent-send: dropped: 2, suppressed as a duplicate, or "),
                 ({"state": {"send_clear": 0}}, "m --action clear", r"as a clear \(state\\send_clear is off\), or"),
                 ({CSV: {"enabled": 1, "path": "/dev/full"}}, "m --count 2 --action raise --wait 9",

@@ -1,8 +1,11 @@
 """Tests oxevent-stat on running processes: stat_test.py [-v] [StatTest.test_NAME...]."""
 import ctypes
+import itertools
 import json
 import os
 import re
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -17,7 +20,8 @@ ROOT = Path(__file__).resolve().parent.parent
 TOOL = os.environ["OXEVENT_STAT"]
 SEND = os.environ["OXEVENT_SEND"]
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
-PR_SET_PTRACER = 0x59616d61
+os.environ["LD_LIBRARY_PATH"] = str(LIBRARY.parent)
+PR_SET_PTRACER = 0x59616d61  # Lets all processes of the user read this one, if kernel.yama.ptrace_scope is 1.
 NATIVE_OFF = {"sink\\native\\main": {"enabled": 0}}
 BROADCAST = {"enabled": 1, "host": "127.255.255.255"}  # Broadcasts are not permitted: every delivery fails.
 HOSTILE = 'a"b\nc\u202e}'
@@ -36,10 +40,9 @@ for line in sys.stdin:
 # Loads, starts, reloads, stops and unloads the library without a pause. The names of the two sinks, and so their
 # errors, differ in length.
 CHURN = """
-lib = os.environ["OXEVENT_LIBRARY"]
-print(flush=True)
+import _ctypes, ctypes, os, sys
 while True:
-    library = ctypes.CDLL(lib)
+    library = ctypes.CDLL(os.environ["OXEVENT_LIBRARY"])
     for path in sys.argv[1:3] * 5:
         library.oxEventInitialize(path.encode())
         for _ in range(20): library.oxEventSubmitSimple(0, 3, b"s", b"m")
@@ -50,37 +53,33 @@ while True:
 """
 
 
-def permit_reading():
-    """Lets every process of the user read this one, unless kernel.yama.ptrace_scope is above 1."""
-    ctypes.CDLL(None).prctl(PR_SET_PTRACER, ctypes.c_long(-1))
-
-
 class StatTest(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
         self.directory = Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.settings = f"{self.directory}/settings.xml"
+        write_settings(self.settings, NATIVE_OFF)
 
-    def start(self, *command, library=LIBRARY, **options):
-        environment = os.environ | {"OXEVENT_LIBRARY": str(library), "LD_LIBRARY_PATH": str(LIBRARY.parent)}
-        process = subprocess.Popen(command, env=environment, text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                   preexec_fn=permit_reading, **options)
+    def start(self, *command, **options):
+        pipes = dict.fromkeys(("stdin", "stdout"), subprocess.PIPE)
+        permit = lambda: ctypes.CDLL(None).prctl(PR_SET_PTRACER, ctypes.c_long(-1))
+        process = subprocess.Popen(command, text=True, preexec_fn=permit, **pipes, **options)
         self.enterContext(process)
         self.addCleanup(process.kill)
         return process
 
-    def start_host(self, script=HOST, *arguments, **options):
-        return self.start(sys.executable, "-Bc", script, *arguments, **options)
+    def start_host(self, script=HOST, *arguments):
+        return self.start(sys.executable, "-Bc", script, *arguments)
 
     def do(self, host, line):
         host.stdin.write(line + "\n")
         host.stdin.flush()
         return host.stdout.readline()
 
-    def run_tool(self, *arguments, **options):
-        return subprocess.run([TOOL, *map(str, arguments)], capture_output=True, text=True, timeout=TIMEOUT_S,
-                              check=False, **options)
+    def run_tool(self, *arguments, launcher=(), **options):
+        return subprocess.run([*launcher, TOOL, *map(str, arguments)], capture_output=True, text=True,
+                              timeout=TIMEOUT_S, check=False, **options)
 
     def read(self, pid):
         done = self.run_tool("--json", pid)
@@ -114,23 +113,22 @@ class StatTest(unittest.TestCase):
         fork = "pid = os.fork(); pid or (os.write(forked[1], b'x'), wait()); os.read(forked[0], 1)"
         child = self.do(host, f"forked = os.pipe(); {fork}; print(pid, end='')").strip()
         self.assertEqual([self.read(child)[name] for name in ("initialized", "submitted", "sinks")], [False, 0, []])
-        self.do(host, "oxevent.shutdown()")
-        reading = self.read(host.pid)
-        self.assertEqual([reading[name] for name in ("initialized", "running", "submitted", "sinks")],
-                         [True, False, 5, []])
-        self.do(host, "_ctypes.dlclose(oxevent._library._handle)")
+        self.do(host, "oxevent.shutdown(); _ctypes.dlclose(oxevent._library._handle)")
         self.assert_fails(self.run_tool(host.pid), 1, "has not loaded the library")
 
     def test_reads_a_stripped_program_that_contains_the_library(self):
         program = self.directory / f"test{os.getpid()}-with-a-long-name"  # No other run of this test has that name.
         subprocess.run(["strip", "--strip-all", "-o", program, SEND], check=True)
-        write_settings(self.settings, NATIVE_OFF)
-        sender = self.start(program, "--json", self.settings, stderr=subprocess.PIPE)
-        sender.stdin.write("x\n")
-        sender.stdin.flush()
-        self.assertIn("line 1", sender.stderr.readline())
+        watch = self.start(TOOL, "--watch=1", "--prometheus", program.name, stderr=subprocess.DEVNULL)
+        self.assertTrue(any(line.endswith("} 0\n") for line in watch.stdout))
+        other = self.start(program.name, "-c", "read x", executable="/bin/sh")
+        self.assert_fails(self.run_tool(program.name), 1, f"process {other.pid} .* has not loaded")
+        sender = self.start(program, "--json", self.settings)
         reading = self.read(program.name)
         self.assertEqual((reading["pid"], reading["process"]), (sender.pid, program.name[:15]))
+        self.assertTrue(any(re.match("oxevent_up.* 1$", line) for line in watch.stdout), "ends without a process")
+        self.start(program, "--json", self.settings)
+        self.assert_fails(self.run_tool(program.name), 1, "several processes .*; give one of the PIDs( [0-9]+){2}$")
 
     def test_sees_no_torn_state_while_everything_changes(self):
         names = ("short", 100 * "long")
@@ -139,8 +137,7 @@ class StatTest(unittest.TestCase):
             paths.append(f"{self.directory}/{len(name)}.xml")
             sink = BROADCAST | {"port": 1000 + len(name)}
             write_settings(paths[-1], NATIVE_OFF | {f"sink\\syslog\\udp\\{name}": sink})
-        host = self.start_host("import _ctypes, ctypes, os, sys" + CHURN, *paths)
-        host.stdout.readline()
+        host = self.start_host(CHURN, *paths)
         seen = set()
         for _ in range(500):
             done = self.run_tool("--json", host.pid)
@@ -186,10 +183,15 @@ class StatTest(unittest.TestCase):
         self.do(host, "oxevent.load()")
         server = self.start(TOOL, "--listen", "0", str(host.pid), stderr=subprocess.DEVNULL)
         url = server.stdout.readline().strip()
+        address = ("127.0.0.1", int(re.search(":([0-9]+)/", url)[1]))
+        self.assert_fails(self.run_tool("--listen", address[1], host.pid), 1, "port .*: Address already in use")
+        self.enterContext(socket.create_connection(address))  # A client that sends nothing.
+        with socket.create_connection(address) as reset:
+            reset.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         file = self.directory / "oxevent.prom"
         up = f'oxevent_up{{process="{host.pid}"}} '
-        for alive in (True, False):
-            with urllib.request.urlopen(url, timeout=TIMEOUT_S) as response:
+        for alive, query in ((True, ""), (False, "?x=1")):
+            with urllib.request.urlopen(url + query, timeout=TIMEOUT_S) as response:
                 served = response.read().decode()
             written = self.run_tool("--output", file, host.pid, umask=0o022)
             self.assertEqual(written.returncode, 0 if alive else 1)
@@ -198,23 +200,81 @@ class StatTest(unittest.TestCase):
             self.assertEqual("oxevent_running" in served, alive)
             host.kill()
             host.wait()
+        full = ["sh", "-c", 'trap "" XFSZ; ulimit -f 0; exec "$@"', "sh"]
+        self.assert_fails(self.run_tool("--output", file, host.pid, launcher=full), 1, "prom: File too large")
         self.assertEqual(file.stat().st_mode & 0o777, 0o644)
-        self.assertEqual(list(self.directory.iterdir()), [file])
+        self.assertEqual(list(self.directory.glob("*prom*")), [file])
         with self.assertRaisesRegex(urllib.error.HTTPError, "404"):
             urllib.request.urlopen(url + "x", timeout=TIMEOUT_S)
 
-    def test_says_why_a_process_cannot_be_read(self):
-        newer = self.directory / LIBRARY.name
-        contents = LIBRARY.read_bytes()
-        version = b"oxEvent\0" + (1).to_bytes(8, sys.byteorder)
-        self.assertEqual(contents.count(version), 1)
-        newer.write_bytes(contents.replace(version, b"oxEvent\0" + (2).to_bytes(8, sys.byteorder)))
-        host = self.start_host(library=newer)
+    def test_watches_runs_until_the_process_ends(self):
+        host = self.start_host()
         self.do(host, "oxevent.load()")
-        self.assert_fails(self.run_tool(host.pid), 1, "in format version 2, but this oxevent-stat reads version 1")
-        self.assert_fails(self.run_tool(2**31 - 1), 1, "there is no process 2147483647")
-        self.assert_fails(self.run_tool("no such process"), 1, "there is no process 'no such process'")
-        self.assert_fails(self.run_tool(0), 2, "PID: '0' is not")
+        tool = self.start(TOOL, "--watch=1", str(host.pid), stderr=subprocess.DEVNULL)
+        readings = ("".join(lines) for blank, lines in itertools.groupby(tool.stdout, "\n".__eq__) if not blank)
+        sane = itertools.takewhile(lambda shown: not re.search("[0-9]{15}", shown), readings)  # No negative difference.
+        run = f"oxevent.initialize({self.settings!r}); oxevent.submit('m', severity="
+        for line, expected in (
+                ("", "oxEvent has not been initialized\nsinks: none\n$"),
+                (f"{run}1); oxevent.flush()", " 1 emitted, 0 dropped, .*\ndropped: none\n"),
+                ("oxevent.submit('m', severity=0)", "\nsince the previous reading: 1 submitted, 0 emitted, 1 dropped"),
+                (f"oxevent.shutdown(); {run}0); oxevent.submit('m', severity=0)", "2 submitted, 0 emitted, 2 dropped"),
+                ("oxevent.shutdown()", "oxEvent has been shut down\ncounters: 2 submitted, (?s:.*)\nsinks: none\n")):
+            self.do(host, line)
+            self.assertTrue(any(re.search(expected, shown) for shown in sane), expected)
+        host.kill()
+        self.assertEqual(tool.wait(TIMEOUT_S), 1)
+
+    def test_passes_over_what_is_no_intact_library(self):
+        host = self.start_host()
+        self.do(host, "oxevent.load(); memory = os.open('/proc/self/mem', os.O_RDWR)")
+        start = int(re.search(f"(\\w+)-.*{LIBRARY.name}", Path(f"/proc/{host.pid}/maps").read_text())[1], 16)
+        contents = LIBRARY.read_bytes()
+        note = contents.index(struct.pack("=3I8s", 8, 8, 1, b"oxEvent"))
+        segment = contents.rindex(struct.pack("=2I", 4, 4), 0, note)  # The program header of the notes.
+        block = note + 20 + int.from_bytes(contents[note + 20:note + 28], sys.byteorder)
+        far, odd, absent = 8 * b"\x7f", 8 * b"\1", "has not loaded the library"
+        for at, damage, error in (
+                (4, b"\1", absent), (32, far, absent), (54, b"\0", absent),
+                (segment + 16, far, absent), (segment + 40, struct.pack("=Q", 65537), absent),
+                (note + 4, far[:4], absent), (note + 4, struct.pack("=I", 4), absent),
+                (note + 8, odd[:4], absent), (note + 20, far, absent),
+                (block + 8, struct.pack("=Q", 2), "in format version 2, but this oxevent-stat reads version 1"),
+                (block + 16, odd, "is busy"), (block + 24, odd, "is busy"), (block + 32, far, "is busy")):
+            with self.subTest(at=at, damage=damage):
+                self.do(host, f"at = {start + at}; intact = os.pread(memory, {len(damage)}, at)")
+                self.do(host, f"os.pwrite(memory, {damage!r}, at)")
+                done = self.run_tool(host.pid)
+                self.do(host, "os.pwrite(memory, intact, at)")
+                self.assert_fails(done, 1, error)
+
+    def test_says_why_it_fails(self):
+        host = self.start_host()
+        other_user = ["setpriv", "--reuid=65534", "--inh-caps=+dac_override", "--ambient-caps=+dac_override"]
+        root = ["unshare", "--map-root-user", "-m", "sh", "-ec", "mount -t tmpfs none /proc/sys/kernel; "
+                'mkdir /proc/sys/kernel/yama; echo $0 >/proc/sys/kernel/yama/ptrace_scope; exec "$@"']
+        user = ["unshare", "--map-user=1"]
+        for launcher, arguments, status, error in (
+                ([], "", 2, "PID or NAME is missing"),
+                ([], "1 2", 2, "2: there can be only one"),
+                ([], "0", 2, "PID: '0' is not"),
+                ([], "--listen 0 --watch 1", 2, "--listen: cannot be combined with --watch"),
+                ([], "--listen 0 --output x 1", 2, "--listen: cannot be combined with --output"),
+                ([], "--json --prometheus 1", 2, "--json: cannot be combined with"),
+                ([], "--output none/x 1", 1, "none/x.*: No such file"),
+                ([], "2147483647", 1, "there is no process 2147483647"),
+                ([], "no_such_process", 1, "there is no process 'no_such_process'"),
+                ([] if os.geteuid() else other_user, "1", 1, "process 1 .*: it belongs to the user root; run"),
+                ([*root, "3"], str(host.pid), 1, "ptrace_scope is 3: no process"),
+                ([*root, "2"], str(host.pid), 1, "root lacks the capability"),
+                ([*root, "2", *user], str(host.pid), 1, "ptrace_scope is 2; run"),
+                ([*root, "1", *user], str(host.pid), 1, "ptrace_scope is 1; run"),
+                ([*root, "0", *user], str(host.pid), 1, "more privileges than oxevent-stat")):
+            with self.subTest(error):
+                self.assert_fails(self.run_tool(*arguments.split(), launcher=launcher), status, error)
+        host.kill()
+        os.waitid(os.P_PID, host.pid, os.WEXITED | os.WNOWAIT)
+        self.assert_fails(self.run_tool(host.pid), 1, "has ended, or has no memory")
 
 
 if __name__ == "__main__":
