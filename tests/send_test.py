@@ -157,8 +157,7 @@ class SendTest(unittest.TestCase):
     def test_settings_with_which_the_library_does_not_start(self):
         error = self.send("m", sections={"core": {"drop_policy": "x"}}, status=2)[1]
         self.assertRegex(error, "^oxevent-send: Invalid .*\n    Set it to drop_newest")
-        error = self.send("m", launcher=["env", "-C", "/"], status=2)[1]
-        self.assertRegex(error, "^oxevent-send: Unable to open .*: settings.xml\n    No such file; an empty file")
+        self.assertRegex(self.send("m", launcher=["env", "-C", "/"], status=2)[1], "settings.xml\n    No such file; an")
 
     def test_output_that_cannot_be_written_is_a_failure(self):
         error = "oxevent-send: standard output: No space left on device\n"
@@ -206,7 +205,7 @@ class SendTest(unittest.TestCase):
         burst = "m --count 500 --rate 1000000 --wait 2"
         for sections, arguments, expected in (
                 ({"core": OFF}, "m", r"0 written to .*\n.*dropped: 1, core\\enabled is off\n"),
-                ({}, "m --severity 0 --action rise", r"action rise is none .*\n.* 1, below core\\minimum_severity \(info\)\n"),
+                ({}, "m --severity 0 --action rise", r"rise is none .*\n.* 1, below core\\minimum_severity \(info\)\n"),
                 (stuck, burst, r"dropped: 49[89], the queue was full \(core\\queue_size is 1\)\n.*given up: [12] "),
                 ({WEBHOOK: self.webhook() | {"request_timeout_ms": 9}}, "m", "no response, although the endpoint"),
                 ({WEBHOOK: {"enabled": 1, "endpoint_url": "http://127.0.0.1:1/"}}, "m", "Failed to connect to 127"),

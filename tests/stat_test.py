@@ -21,18 +21,11 @@ TOOL = os.environ["OXEVENT_STAT"]
 SEND = os.environ["OXEVENT_SEND"]
 LIBRARY = Path(os.environ["OXEVENT_LIBRARY"])
 os.environ["LD_LIBRARY_PATH"] = str(LIBRARY.parent)
-PR_SET_PTRACER = 0x59616d61  # Lets all processes of the user read this one, if kernel.yama.ptrace_scope is 1.
 NATIVE_OFF = {"sink\\native\\main": {"enabled": 0}}
 BROADCAST = {"enabled": 1, "host": "127.255.255.255"}  # Broadcasts are not permitted: every delivery fails.
-HOSTILE = 'a"b\nc\u202e}'
 # Executes each line, and prints an empty line when that is done.
 HOST = """
 import _ctypes, ctypes, os, oxevent, signal, sys
-
-def wait():
-    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
-    signal.pause()
-
 for line in sys.stdin:
     exec(line)
     print(flush=True)
@@ -63,9 +56,8 @@ class StatTest(unittest.TestCase):
 
     def start(self, *command, **options):
         pipes = dict.fromkeys(("stdin", "stdout"), subprocess.PIPE)
-        permit = lambda: ctypes.CDLL(None).prctl(PR_SET_PTRACER, ctypes.c_long(-1))
-        process = subprocess.Popen(command, text=True, preexec_fn=permit, **pipes, **options)
-        self.enterContext(process)
+        permit = lambda: ctypes.CDLL(None).prctl(0x59616d61, ctypes.c_long(-1))  # PR_SET_PTRACER: all may read it.
+        process = self.enterContext(subprocess.Popen(command, text=True, preexec_fn=permit, **pipes, **options))
         self.addCleanup(process.kill)
         return process
 
@@ -90,14 +82,11 @@ class StatTest(unittest.TestCase):
         self.assertEqual(done.returncode, status, done.stderr)
         self.assertRegex(done.stderr, text)
 
-    def test_follows_the_library_from_load_to_unload(self):
+    def test_follows_the_library_until_it_is_unloaded(self):
         write_settings(self.settings, NATIVE_OFF | {
             "core": {"queue_size": 7}, "sink\\csv\\default": {"enabled": 1, "minimum_severity": "error",
                                                              "path": f"{self.directory}/events.csv"}})
         host = self.start_host()
-        self.assert_fails(self.run_tool(host.pid), 1, "has not loaded the library")
-        self.do(host, "oxevent.load()")
-        self.assertFalse(self.read(host.pid)["initialized"])
         self.do(host, f"oxevent.initialize({self.settings!r})")
         self.do(host, "[oxevent.submit('m', severity=s, action='raise') for s in (0, 2, 3)]")
         self.do(host, "[oxevent.submit('m', dedupe_key='ended', severity=3, action=a) for a in ('raise', 'clear')]")
@@ -110,8 +99,9 @@ class StatTest(unittest.TestCase):
         self.assertEqual([reading[name] for name in ("submitted", "emitted", "dropped", "conditions")], [5, 3, 2, 1])
         self.do(host, "oxevent.reload()")
         self.assertEqual([s["delivered"] for s in self.read(host.pid)["sinks"]], [0, 0])
-        fork = "pid = os.fork(); pid or (os.write(forked[1], b'x'), wait()); os.read(forked[0], 1)"
-        child = self.do(host, f"forked = os.pipe(); {fork}; print(pid, end='')").strip()
+        wait = "ctypes.CDLL(None).prctl(1, 9), os.write(forked[1], b'x'), signal.pause()"  # Until the parent's death.
+        fork = f"forked = os.pipe(); pid = os.fork(); pid or ({wait}); os.read(forked[0], 1)"
+        child = self.do(host, f"{fork}; print(pid, end='')").strip()
         self.assertEqual([self.read(child)[name] for name in ("initialized", "submitted", "sinks")], [False, 0, []])
         self.do(host, "oxevent.shutdown(); _ctypes.dlclose(oxevent._library._handle)")
         self.assert_fails(self.run_tool(host.pid), 1, "has not loaded the library")
@@ -132,12 +122,10 @@ class StatTest(unittest.TestCase):
 
     def test_sees_no_torn_state_while_everything_changes(self):
         names = ("short", 100 * "long")
-        paths = []
         for name in names:
-            paths.append(f"{self.directory}/{len(name)}.xml")
             sink = BROADCAST | {"port": 1000 + len(name)}
-            write_settings(paths[-1], NATIVE_OFF | {f"sink\\syslog\\udp\\{name}": sink})
-        host = self.start_host(CHURN, *paths)
+            write_settings(self.directory / name[:5], NATIVE_OFF | {f"sink\\syslog\\udp\\{name}": sink})
+        host = self.start_host(CHURN, *(self.directory / name[:5] for name in names))
         seen = set()
         for _ in range(500):
             done = self.run_tool("--json", host.pid)
@@ -145,8 +133,7 @@ class StatTest(unittest.TestCase):
                 self.assertRegex(done.stderr, "has not loaded the library|is busy")
                 continue
             reading = json.loads(done.stdout)
-            self.assertLessEqual(reading["submitted"], 20)
-            self.assertLessEqual(reading["emitted"], reading["submitted"])
+            self.assertTrue(reading["emitted"] <= reading["submitted"] <= 20, reading)
             self.assertIn(reading["queue"]["capacity"], (0, 1024))
             for sink in reading["sinks"][:-1]:
                 self.assertIn(sink["name"], names)
@@ -157,7 +144,7 @@ class StatTest(unittest.TestCase):
         self.assertGreater(len(seen), 1)
 
     def test_metrics_are_valid_whatever_the_names_are(self):
-        write_settings(self.settings, NATIVE_OFF | {"sink\\syslog\\udp\\" + HOSTILE: BROADCAST})
+        write_settings(self.settings, NATIVE_OFF | {'sink\\syslog\\udp\\a"b\nc\u202e}': BROADCAST})
         host = self.start_host()
         self.do(host, f"oxevent.initialize({self.settings!r}); oxevent.submit('m', severity=3); oxevent.flush()")
         metrics = self.run_tool("--prometheus", "--label", 'x\\"\n\udcff', host.pid).stdout
@@ -174,9 +161,7 @@ class StatTest(unittest.TestCase):
         json.loads((ROOT / "docs" / "stat" / "oxevent-dashboard.json").read_text())
 
     def test_alert_rules_are_valid_and_fire(self):
-        command = ["promtool", "test", "rules", ROOT / "tests/stat_alerts.yml"]
-        done = subprocess.run(command, capture_output=True, text=True, check=False)
-        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        subprocess.run(["promtool", "test", "rules", ROOT / "tests/stat_alerts.yml"], check=True)
 
     def test_serves_and_writes_metrics_of_a_process_that_ends(self):
         host = self.start_host()
@@ -189,14 +174,12 @@ class StatTest(unittest.TestCase):
         with socket.create_connection(address) as reset:
             reset.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         file = self.directory / "oxevent.prom"
-        up = f'oxevent_up{{process="{host.pid}"}} '
         for alive, query in ((True, ""), (False, "?x=1")):
             with urllib.request.urlopen(url + query, timeout=TIMEOUT_S) as response:
                 served = response.read().decode()
-            written = self.run_tool("--output", file, host.pid, umask=0o022)
-            self.assertEqual(written.returncode, 0 if alive else 1)
+            self.assertEqual(self.run_tool("--output", file, host.pid, umask=0o022).returncode, 0 if alive else 1)
             self.assertEqual(file.read_text(), served)
-            self.assertIn(f"{up}{alive:d}\n", served)
+            self.assertIn(f'oxevent_up{{process="{host.pid}"}} {alive:d}\n', served)
             self.assertEqual("oxevent_running" in served, alive)
             host.kill()
             host.wait()
@@ -210,7 +193,7 @@ class StatTest(unittest.TestCase):
     def test_watches_runs_until_the_process_ends(self):
         host = self.start_host()
         self.do(host, "oxevent.load()")
-        tool = self.start(TOOL, "--watch=1", str(host.pid), stderr=subprocess.DEVNULL)
+        tool = self.start("timeout", str(TIMEOUT_S), TOOL, "--watch=1", str(host.pid), stderr=subprocess.DEVNULL)
         readings = ("".join(lines) for blank, lines in itertools.groupby(tool.stdout, "\n".__eq__) if not blank)
         sane = itertools.takewhile(lambda shown: not re.search("[0-9]{15}", shown), readings)  # No negative difference.
         run = f"oxevent.initialize({self.settings!r}); oxevent.submit('m', severity="
@@ -219,47 +202,41 @@ class StatTest(unittest.TestCase):
                 (f"{run}1); oxevent.flush()", " 1 emitted, 0 dropped, .*\ndropped: none\n"),
                 ("oxevent.submit('m', severity=0)", "\nsince the previous reading: 1 submitted, 0 emitted, 1 dropped"),
                 (f"oxevent.shutdown(); {run}0); oxevent.submit('m', severity=0)", "2 submitted, 0 emitted, 2 dropped"),
-                ("oxevent.shutdown()", "oxEvent has been shut down\ncounters: 2 submitted, (?s:.*)\nsinks: none\n")):
+                (f"oxevent.shutdown(); {run}1); oxevent.shutdown()", "shut down\ncounters: 1 submitted(?s:.*)sinks: none")):
             self.do(host, line)
             self.assertTrue(any(re.search(expected, shown) for shown in sane), expected)
         host.kill()
         self.assertEqual(tool.wait(TIMEOUT_S), 1)
 
     def test_passes_over_what_is_no_intact_library(self):
-        host = self.start_host()
-        self.do(host, "oxevent.load(); memory = os.open('/proc/self/mem', os.O_RDWR)")
-        start = int(re.search(f"(\\w+)-.*{LIBRARY.name}", Path(f"/proc/{host.pid}/maps").read_text())[1], 16)
         contents = LIBRARY.read_bytes()
         note = contents.index(struct.pack("=3I8s", 8, 8, 1, b"oxEvent"))
         segment = contents.rindex(struct.pack("=2I", 4, 4), 0, note)  # The program header of the notes.
         block = note + 20 + int.from_bytes(contents[note + 20:note + 28], sys.byteorder)
         far, odd, absent = 8 * b"\x7f", 8 * b"\1", "has not loaded the library"
         for at, damage, error in (
-                (4, b"\1", absent), (32, far, absent), (54, b"\0", absent),
-                (segment + 16, far, absent), (segment + 40, struct.pack("=Q", 65537), absent),
-                (note + 4, far[:4], absent), (note + 4, struct.pack("=I", 4), absent),
-                (note + 8, odd[:4], absent), (note + 20, far, absent),
+                (4, b"\1", absent), (32, far, absent), (54, b"\0", absent), (segment + 16, far, absent),
+                (segment + 40, struct.pack("=Q", 65537), absent), (note + 4, far[:4], absent),
+                (note + 4, struct.pack("=I", 4), absent), (note + 8, odd[:4], absent), (note + 20, far, absent),
                 (block + 8, struct.pack("=Q", 2), "in format version 2, but this oxevent-stat reads version 1"),
                 (block + 16, odd, "is busy"), (block + 24, odd, "is busy"), (block + 32, far, "is busy")):
             with self.subTest(at=at, damage=damage):
-                self.do(host, f"at = {start + at}; intact = os.pread(memory, {len(damage)}, at)")
-                self.do(host, f"os.pwrite(memory, {damage!r}, at)")
-                done = self.run_tool(host.pid)
-                self.do(host, "os.pwrite(memory, intact, at)")
-                self.assert_fails(done, 1, error)
+                host = self.start_host()
+                self.do(host, "oxevent.load(); memory = os.open('/proc/self/mem', os.O_RDWR)")
+                start = int(re.search(f"(\\w+)-.*{LIBRARY.name}", Path(f"/proc/{host.pid}/maps").read_text())[1], 16)
+                self.do(host, f"os.pwrite(memory, {damage!r}, {start + at})")
+                self.assert_fails(self.run_tool(host.pid), 1, error)
 
     def test_says_why_it_fails(self):
         host = self.start_host()
         other_user = ["setpriv", "--reuid=65534", "--inh-caps=+dac_override", "--ambient-caps=+dac_override"]
         root = ["unshare", "--map-root-user", "-m", "sh", "-ec", "mount -t tmpfs none /proc/sys/kernel; "
                 'mkdir /proc/sys/kernel/yama; echo $0 >/proc/sys/kernel/yama/ptrace_scope; exec "$@"']
-        user = ["unshare", "--map-user=1"]
         for launcher, arguments, status, error in (
                 ([], "", 2, "PID or NAME is missing"),
                 ([], "1 2", 2, "2: there can be only one"),
                 ([], "0", 2, "PID: '0' is not"),
                 ([], "--listen 0 --watch 1", 2, "--listen: cannot be combined with --watch"),
-                ([], "--listen 0 --output x 1", 2, "--listen: cannot be combined with --output"),
                 ([], "--json --prometheus 1", 2, "--json: cannot be combined with"),
                 ([], "--output none/x 1", 1, "none/x.*: No such file"),
                 ([], "2147483647", 1, "there is no process 2147483647"),
@@ -267,9 +244,9 @@ class StatTest(unittest.TestCase):
                 ([] if os.geteuid() else other_user, "1", 1, "process 1 .*: it belongs to the user root; run"),
                 ([*root, "3"], str(host.pid), 1, "ptrace_scope is 3: no process"),
                 ([*root, "2"], str(host.pid), 1, "root lacks the capability"),
-                ([*root, "2", *user], str(host.pid), 1, "ptrace_scope is 2; run"),
-                ([*root, "1", *user], str(host.pid), 1, "ptrace_scope is 1; run"),
-                ([*root, "0", *user], str(host.pid), 1, "more privileges than oxevent-stat")):
+                ([*root, "2", "unshare", "--map-user=1"], str(host.pid), 1, "ptrace_scope is 2; run"),
+                ([*root, "1", "unshare", "--map-user=1"], str(host.pid), 1, "ptrace_scope is 1; run"),
+                ([*root, "0", "unshare", "--map-user=1"], str(host.pid), 1, "more privileges than oxevent-stat")):
             with self.subTest(error):
                 self.assert_fails(self.run_tool(*arguments.split(), launcher=launcher), status, error)
         host.kill()
