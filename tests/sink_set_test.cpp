@@ -80,8 +80,9 @@ TEST_F(CsvSinkTest, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
       ASSERT_EQ(oxEventSinkInitialize(config), OXEVENT_OK);
       EXPECT_EQ(Submit(kFullEvent), OXEVENT_OK);
       EXPECT_EQ(Submit(kFullEvent), OXEVENT_OK);
-      int writes = 0;
+      int writes = 0, interruption = EINTR;
       const Faults faults([&](std::string_view call, long) {
+        if (call == "ftruncate") return std::exchange(interruption, 0);
         if (call != "write") return 0;
         if (++writes == 1) return -static_cast<int>(room);
         std::ofstream(path, std::ios::app) << appended;
@@ -123,7 +124,7 @@ TEST_F(CsvSinkTest, AFailedReloadLeavesNoNewFile) {
   EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
   EXPECT_EQ(ReadFile(path), kHeader);
   std::filesystem::rename(path, path + ".1");
-  for (const int error : {0, ENOSPC}) {  // With a full disk, the new file is empty.
+  for (const int error : {0, ENOSPC, EDQUOT}) {  // With a full disk, the new file is empty.
     const Faults faults([error](std::string_view call, long) { return call == "write" ? error : 0; });
     EXPECT_EQ(oxEventSinkReloadConfig(config), OXEVENT_INVALID_ARGUMENT);
     EXPECT_FALSE(std::filesystem::exists(path));

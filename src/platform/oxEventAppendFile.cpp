@@ -74,15 +74,12 @@ bool oxEventAppendFile::IsOutOfSpace() const { return error_ == ENOSPC || error_
 
 bool oxEventAppendFile::IsFullPipe() const { return error_ == EAGAIN; }
 
-bool oxEventAppendFile::HasContent() const {
-  struct stat status;
-  return fstat(fd_, &status) == 0 && status.st_size > 0;
-}
+bool oxEventAppendFile::HasContent() const { return lseek(fd_, 0, SEEK_END) > 0; }
 
 void oxEventAppendFile::TruncateTail(size_t size) {
-  struct stat status;
-  if (size == 0 || size > last_write_ || fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) return;
-  if (lseek(fd_, 0, SEEK_CUR) != status.st_size) return;
-  // Fails on a file with the append-only attribute, which therefore keeps its tail.
-  while (ftruncate(fd_, status.st_size - static_cast<off_t>(size)) != 0 && errno == EINTR) continue;
+  if (size == 0 || size > last_write_) return;
+  const off_t end = lseek(fd_, 0, SEEK_CUR);
+  if (lseek(fd_, 0, SEEK_END) != end) return;
+  // Fails on a pipe, and on a file with the append-only attribute, which therefore keeps its tail.
+  while (ftruncate(fd_, end - static_cast<off_t>(size)) != 0 && errno == EINTR) continue;
 }

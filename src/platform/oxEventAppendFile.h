@@ -25,7 +25,7 @@ class oxEventAppendFile {
   // Why the last write failed.
   bool IsOutOfSpace() const;
   bool IsFullPipe() const;
-  // Returns whether this is a regular file that is not empty.
+  // Returns whether the file has content; false for a pipe.
   bool HasContent() const;
   // From now on a write to a full pipe with kWait waits for the reader without a time limit.
   void SetBlocking();
