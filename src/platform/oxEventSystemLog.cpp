@@ -73,12 +73,12 @@ size_t MaxDatagramSize() {
   if (fd < 0) return SIZE_MAX;
   int send_buffer = 0;
   socklen_t size = sizeof(send_buffer);
-  const bool known = getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, &size) == 0 && send_buffer > kKernelOverhead;
+  getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, &size);  // Leaves 0 if it fails.
   constexpr sockaddr_un kLog = {AF_UNIX, _PATH_LOG};
   const auto* const address = reinterpret_cast<const sockaddr*>(&kLog);
   const bool stream = connect(fd, address, sizeof(kLog)) != 0 && errno == EPROTOTYPE;
   close(fd);
-  return known && !stream ? static_cast<size_t>(send_buffer - kKernelOverhead) : SIZE_MAX;
+  return send_buffer > kKernelOverhead && !stream ? static_cast<size_t>(send_buffer - kKernelOverhead) : SIZE_MAX;
 }
 
 // Truncates a message that is too long for the log's socket, because syslog(3) would lose it silently. Splits no
@@ -91,7 +91,7 @@ void TruncateToDatagram(std::string_view ident, std::string* line) {
   const size_t limit = MaxDatagramSize();
   if (header + line->size() <= limit) return;
   size_t end = limit - std::min(header, limit);
-  while (end != 0 && (static_cast<unsigned char>((*line)[end]) & 0xC0) == 0x80) --end;
+  while ((static_cast<unsigned char>((*line)[end]) & 0xC0) == 0x80) --end;  // Ends at an ASCII character at the latest.
   line->resize(end);
 }
 
