@@ -110,7 +110,7 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
 OWN(open) OWN(openat) OWN(read) OWN(write) OWN(close) OWN(fsync) OWN(ftruncate) OWN(lseek) OWN(fstat) OWN(fstatat)
 OWN(stat) OWN(faccessat) OWN(fchmod) OWN(fchown) OWN(lgetxattr) OWN(llistxattr) OWN(fsetxattr) OWN(fremovexattr)
 OWN(renameat) OWN(unlinkat) OWN(mkdir) OWN(socket) OWN(connect) OWN(send) OWN(sendto) OWN(poll) OWN(getsockopt)
-OWN(pthread_create)
+OWN(pthread_create) OWN(getauxval)
 #ifndef OXEVENT_SANITIZED  // The sanitizer maps memory by these calls before anything is set up.
 OWN(mmap) OWN(munmap)
 #endif

@@ -63,8 +63,10 @@ struct oxEventApi : testing::Test {
     EXPECT_EQ(LastResult(Send("")), kInvalidEvent);
     EXPECT_EQ(LastResult(Send("m", OXEVENT_SEVERITY_ERROR + 1)), kInvalidEvent);
     EXPECT_EQ(LastResult(oxEventInitialize(nullptr)), kNoPath);
-    EXPECT_EQ(LastResult(oxEventRegisterCallback(nullptr, this, &id)),
-              "80050003 Invalid callback registration arguments");
+    for (const oxEventCallback callback : {oxEventCallback{}, Recorder::Note}) {
+      EXPECT_EQ(LastResult(oxEventRegisterCallback(callback, this, callback == nullptr ? &id : nullptr)),
+                "80050003 Invalid callback registration arguments");
+    }
     EXPECT_EQ(LastResult(Send("m")), kNotInitialized);
     EXPECT_EQ(LastResult(oxEventFlush(0)), kNotInitialized);
     EXPECT_EQ(LastResult(oxEventShutdown()), kNotInitialized);
@@ -89,6 +91,22 @@ TEST_F(oxEventApi, RefusesCallsUntilInitializedAndAfterShutdown) {
   Start();
   EXPECT_EQ(LastResult(oxEventShutdown()), kOk);
   ExpectCallsRefused();
+}
+
+TEST_F(oxEventApi, HasNoWindowsEventLog) {
+  EXPECT_EQ(LastResult(oxEventInstallWindowsEventSource("n", "f")),
+            "80050004 Windows Event Log source installation is only available on Windows");
+  EXPECT_EQ(LastResult(oxEventRemoveWindowsEventSource("n")),
+            "80050004 Windows Event Log source removal is only available on Windows");
+}
+
+TEST_F(oxEventApi, FormatsNoAlertWithInvalidArguments) {
+  const oxEventRecord valid = MakeRecord("m"), invalid = MakeRecord("");
+  std::string document = "unchanged";
+  EXPECT_EQ(oxEventFormatAlertmanagerRecord(&valid, {}, nullptr), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventFormatAlertmanagerRecord(nullptr, {}, &document), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventFormatAlertmanagerRecord(&invalid, {}, &document), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(document, "unchanged");
 }
 
 TEST_F(oxEventApi, IsNotInitializedInAForkedChild) {  // Fails if a static link leaves out the fork handler.

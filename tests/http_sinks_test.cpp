@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "config/oxEventConfigLoad.h"
+#include "faults.h"
 #include "host_fixture.h"
 #include "oxutil.h"
 #include "sinks/oxEventAlertmanager.h"
@@ -86,6 +87,15 @@ TEST_F(oxEventHttpSink, PostsBasicCredentials) {
   EXPECT_EQ(Post(), kJsonPost + "\nAuthorization: Basic ++86//8=\n\n" + kJson);
 }
 
+TEST_F(oxEventHttpSink, RefusesUnsafeEnvironmentVariablesInAPrivilegedProcess) {
+  setenv("SSLKEYLOGFILE", "", 1);
+  EXPECT_EQ(Post(), kJsonPost + "\n\n" + kJson);
+  const Faults is_privileged([](std::string_view call, long) { return call == "getauxval"; });
+  EXPECT_EQ(Post(), "oxEvent webhook sink cannot start with SSLKEYLOGFILE in the environment of a privileged process");
+  unsetenv("SSLKEYLOGFILE");
+  EXPECT_EQ(Post(), kJsonPost + "\n\n" + kJson);
+}
+
 TEST_F(oxEventHttpSink, RetriesAfterABackoff) {
   const string post = kJsonPost + "\n\n" + kJson;
   config.retry_count = 2;
@@ -133,7 +143,7 @@ string FormatDiskAlert(const char* action, const oxEventAlertmanagerFormatterCon
   event.message = "Full";
   event.action = action;
   string alert;
-  EXPECT_EQ(oxEventFormatAlertmanagerAlert(event, config, &alert), OXEVENT_OK);
+  oxEventFormatAlertmanagerAlert(event, config, &alert);
   return alert;
 }
 

@@ -292,9 +292,7 @@ uint32_t oxEventInstallWindowsEventSource(const char* source_name, const char* m
   return Guarded("oxEventInstallWindowsEventSource", [&] {
     std::string error;
     const uint32_t result = oxEventPlatformInstallWindowsEventSource(source_name, message_file, &error);
-    if (result != OXEVENT_OK) return FailWith(result, error, oxEventErrors::kWindowsInstallFailed);
-    oxEventClearLastError();
-    return OXEVENT_OK;
+    return FailWith(result, error, oxEventErrors::kWindowsInstallFailed);
   });
 }
 
@@ -302,9 +300,7 @@ uint32_t oxEventRemoveWindowsEventSource(const char* source_name) {
   return Guarded("oxEventRemoveWindowsEventSource", [&] {
     std::string error;
     const uint32_t result = oxEventPlatformRemoveWindowsEventSource(source_name, &error);
-    if (result != OXEVENT_OK) return FailWith(result, error, oxEventErrors::kWindowsRemoveFailed);
-    oxEventClearLastError();
-    return OXEVENT_OK;
+    return FailWith(result, error, oxEventErrors::kWindowsRemoveFailed);
   });
 }
 
@@ -315,8 +311,8 @@ uint32_t oxEventFormatAlertmanagerRecord(const oxEventRecord* record, const oxEv
     oxEventNormalizedEvent event;
     const uint32_t result = oxEventNormalizeEvent(record, record->struct_size, &event);  // Uses up no generated id.
     if (result != OXEVENT_OK) return result;
-    std::string document;  // So that *out is unchanged after a failure.
-    if (const uint32_t failure = oxEventFormatAlertmanagerAlert(event, config, &document)) return failure;
+    std::string document;  // So that *out is unchanged if memory runs out.
+    oxEventFormatAlertmanagerAlert(event, config, &document);
     out->swap(document);
     return OXEVENT_OK;
   });

@@ -121,13 +121,12 @@ void AddAnnotations(const oxEventNormalizedEvent& event, oxEventWriter* out) {
 
 }  // namespace
 
-uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
-                                        const oxEventAlertmanagerFormatterConfig& config, std::string* out,
-                                        oxEventText::UtcCache* cache) {
-  if (out == nullptr) return OXEVENT_INVALID_ARGUMENT;
+void oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
+                                    const oxEventAlertmanagerFormatterConfig& config, std::string* out,
+                                    oxEventText::UtcCache* cache) {
   const bool resolved = IsResolved(event.action);
   out->assign(resolved && !config.send_resolved ? "[]" : "[");
-  if (resolved && !config.send_resolved) return OXEVENT_OK;
+  if (resolved && !config.send_resolved) return;
   oxEventWriter writer(out);
   JsonObject alert(&writer);
   alert.AddName<"labels">();
@@ -139,5 +138,4 @@ uint32_t oxEventFormatAlertmanagerAlert(const oxEventNormalizedEvent& event,
   if (resolved) AddString<"endsAt">(&alert, &writer, add_time);
   alert.Close();
   writer.Add(']');
-  return OXEVENT_OK;
 }
