@@ -27,6 +27,11 @@ inline size_t Entries(const std::string& directory) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
+// Returns when the condition is true.
+inline void WaitUntil(const auto& condition) {
+  while (!condition()) usleep(500);
+}
+
 // Runs the function in a child process and returns its result, or -1 if a signal ends the child. An alarm ends the
 // child after a minute, unless the function sets another one.
 inline int InChild(const std::function<int()>& function) {

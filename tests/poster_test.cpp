@@ -1,4 +1,6 @@
 // The alert poster: its list of alerts, and the library as a host uses it.
+#include <future>
+
 #include "faults.h"
 #include "http_server.h"
 #include "oxEvent/alert_poster.h"
@@ -55,8 +57,7 @@ Lines Describe(const std::string& document) {
   return lines;
 }
 
-class AlertListTest : public testing::Test {
- protected:
+struct AlertListTest : testing::Test {
   void Add(const Event& event) { list_.Add(RecordOf(event), filter_); }
 
   Lines StartPost() {
@@ -96,6 +97,7 @@ TEST_F(AlertListTest, KeepsTheLatestStateOfEachAlert) {
         {"clear", 2, "a", "p", "2"}},
        {"warning a resolved: p"}},
       {"an event without a condition and with the same labels", {{"raise", 2}, {"", 2, "a", "n"}}, {"warning a: m"}},
+      {"two events without a condition and with the same labels", {{"", 2}, {"", 2, "a", "n"}}, {"warning a: n"}},
       {"events below the minimum", {{"raise", 1}, {"", 1}, {"clear", 1}}, {}},
       {"a condition that falls below the minimum", {{"raise", 2}, {"update", 1}}, {"warning a resolved: m"}}};
   filter_.minimum_severity = OXEVENT_SEVERITY_WARNING;
@@ -104,11 +106,7 @@ TEST_F(AlertListTest, KeepsTheLatestStateOfEachAlert) {
     for (const Event& event : c.events) {
       if (event.action != nullptr) Add(event);
     }
-    Lines posted;
-    for (const char* line : c.posted) {
-      if (line != nullptr) posted.push_back(line);
-    }
-    EXPECT_EQ(StartPost(), posted);
+    EXPECT_EQ(StartPost(), Lines(c.posted, std::find(c.posted, std::end(c.posted), nullptr)));
     list_.CompletePost(now_);
     for (const char* key : {"", "1", "2"}) {
       for (const char* source : {"a", "b"}) Add({"clear", 0, source, "m", key});
@@ -122,6 +120,13 @@ TEST_F(AlertListTest, LeavesOutEventsWithoutACondition) {
   filter_.conditions_only = 1;
   Add({"", 3});
   EXPECT_EQ(StartPost(), Lines{});
+}
+
+TEST_F(AlertListTest, PostsLargeAlertsOneByOne) {
+  oxEventAlertList list("OxEvent", kRepeatInterval, UINT64_MAX);
+  const std::string message(300'000, 'x');  // An alert contains it twice.
+  for (const char* source : {"a", "b"}) list.Add(RecordOf({"raise", 2, source, message.c_str()}), filter_);
+  EXPECT_EQ(Describe(list.StartPost(now_)), Lines{"warning a: " + message});
 }
 
 TEST_F(AlertListTest, PostsAChangeDuringAPostAfterwards) {
@@ -195,11 +200,10 @@ TEST_F(AlertListTest, ReusesTheMemoryOfEndedAlerts) {
   EXPECT_EQ(State().dropped, 0u);
 }
 
-const Answer kUnavailable = {"HTTP/1.1 503 -\r\nContent-Length: 0\r\n\r\n"};
+Answer Status(const std::string& status) { return {"HTTP/1.1 " + status + " -\r\nContent-Length: 0\r\n\r\n"}; }
 const std::string kPath = "/api/v2/alerts";
 
-class AlertPosterTest : public testing::Test {
- protected:
+struct AlertPosterTest : testing::Test {
   void SetUp() override {
     const std::string settings = directory_.path + "/settings.xml";
     WriteSettings(settings, "");
@@ -221,16 +225,12 @@ class AlertPosterTest : public testing::Test {
     ASSERT_EQ(oxEventSubmit(&record), OXEVENT_OK);
   }
 
-  static void WaitUntil(const auto& condition) {
-    while (!condition()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-
   const HostFolder directory_{};
   std::string url_;  // Of the last config.
 };
 
 TEST_F(AlertPosterTest, RetriesAndRepeats) {
-  HttpServer server({kUnavailable, kUnavailable, {}});
+  HttpServer server({Status("400"), Status("413"), Status("422"), Status("503"), Status("503"), {}});
   oxEventAlertPosterConfig config = Config(server.Url() + kPath);
   config.repeat_interval_ms = 10;
   config.headers = "Authorization: Bearer t";
@@ -238,6 +238,7 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
   ASSERT_EQ(poster.Result(), OXEVENT_OK);
   Submit({"raise", 2});
   WaitUntil([&] { return poster.State().posted >= 3; });
+  EXPECT_EQ(poster.State().refused, 3u);
   EXPECT_EQ(poster.State().failed_posts, 2u);
   EXPECT_EQ(poster.State().last_status, 200);
   EXPECT_EQ(poster.Stop(), 0u);
@@ -248,7 +249,7 @@ TEST_F(AlertPosterTest, RetriesAndRepeats) {
 
 // After three failures, the next post would be due in 4 s.
 TEST_F(AlertPosterTest, StopPostsAtOnce) {
-  const HttpServer server({kUnavailable, kUnavailable, kUnavailable, {}});
+  const HttpServer server({Status("503"), Status("503"), Status("503"), {}});
   oxEventAlertPosterConfig config = Config(server.Url() + kPath);
   config.stop_timeout_ms = 3500;
   oxEvent::AlertPoster poster(config);
@@ -259,16 +260,16 @@ TEST_F(AlertPosterTest, StopPostsAtOnce) {
 
 // A post that is started during a stop times out with the stop. Otherwise the stop would take 100 s.
 TEST_F(AlertPosterTest, StopTakesNoLongerThanItsTimeout) {
-  const HttpServer server({kUnavailable, {.bytes = ""}});
+  const HttpServer server({Status("503"), {.bytes = ""}});
   oxEventAlertPosterConfig config = Config(server.Url() + kPath);
   config.stop_timeout_ms = 2000;
   oxEvent::AlertPoster poster(config);
   Submit({"raise", 2});
   WaitUntil([&] { return poster.State().failed_posts == 1; });
   const auto start = Clock::now();
-  EXPECT_EQ(poster.Stop(), 1u);
+  auto other = std::async(std::launch::async, [&] { return poster.Stop(); });
+  EXPECT_EQ(poster.Stop() + other.get(), 1u) << "only one of two calls stops the poster";
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(50));
-  EXPECT_EQ(poster.Stop(), 0u) << "the poster is stopped already";
 }
 
 #ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
@@ -301,23 +302,31 @@ TEST_F(AlertPosterTest, RefusesUrlsThatNoAlertmanagerHas) {
   const auto start = [this](const char* url) { return oxEvent::AlertPoster(Config(url)).Result(); };
   for (const char* url : {"ftp://host/api/v2/alerts", "http://host", "http://host/api/v1/alerts",
                           "http://host/api/v2/alerts/", "http://host/?to=/api/v2/alerts", "http:///api/v2/alerts",
-                          "http://api/v2/alerts", "http://host:909399/api/v2/alerts"}) {
+                          "http://api/v2/alerts", "http://host:909399/api/v2/alerts", "http://host:0/api/v2/alerts"}) {
     EXPECT_EQ(start(url), OXEVENT_INVALID_ARGUMENT) << url;
   }
-  for (const char* url : {"http://host:65535/prefix/api/v2/alerts", "https://user:99999@[::1]/api/v2/alerts"}) {
+  for (const char* url : {"http://host:65535/prefix/api/v2/alerts", "https://user:99999@[::1]/api/v2/alerts",
+                          "http://host:/api/v2/alerts"}) {
     EXPECT_EQ(start(url), OXEVENT_OK) << url;
   }
 }
 
 TEST_F(AlertPosterTest, RefusesInvalidArguments) {
-  oxEventAlertPosterConfig config = Config("http://host" + kPath);
+  const oxEventAlertPosterConfig valid = Config("http://host" + kPath);
+  std::vector<oxEventAlertPosterConfig> configs(4, valid);
+  configs[0].headers = "A: b\r\nC: d";
+  configs[1].struct_size = 8;
+  configs[2].url = nullptr;
+  configs[3].minimum_severity = OXEVENT_SEVERITY_ERROR + 1;
+  for (auto& c : configs) EXPECT_EQ(oxEvent::AlertPoster(c).Result(), OXEVENT_INVALID_ARGUMENT) << &c - &configs[0];
   uint32_t id = 0;
-  config.headers = "A: b\r\nC: d";
-  EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
-  config.headers = nullptr;
-  config.struct_size = 8;
-  EXPECT_EQ(oxEventAlertPosterStart(&config, &id), OXEVENT_INVALID_ARGUMENT);
-  EXPECT_EQ(oxEventAlertPosterGetState(1, nullptr), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventAlertPosterStart(nullptr, &id), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventAlertPosterStart(&valid, nullptr), OXEVENT_INVALID_ARGUMENT);
+  oxEventAlertPosterState state = {};
+  EXPECT_EQ(oxEventAlertPosterGetState(0, nullptr), OXEVENT_INVALID_ARGUMENT);
+  EXPECT_EQ(oxEventAlertPosterGetState(0, &state), OXEVENT_INVALID_ARGUMENT);
+  state.struct_size = sizeof(state);
+  EXPECT_EQ(oxEventAlertPosterGetState(0, &state), OXEVENT_NOT_FOUND);
 }
 
 }  // namespace

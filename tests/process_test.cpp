@@ -68,10 +68,6 @@ void Check(const auto& actual, const auto& expected, int line = __builtin_LINE()
   _exit(99);
 }
 
-void WaitUntil(auto condition) {
-  while (!condition()) usleep(500);
-}
-
 void WaitForRelease() {
   WaitUntil([] { return g_released.load(); });
 }
@@ -355,13 +351,6 @@ struct Poster {
   uint32_t id = 0;
   int alertmanager = -1;  // Listening socket.
 };
-
-TEST_F(ProcessTest, ExitEndsARunningPoster) {
-  ExpectExit(7, [] {
-    Poster().Post();
-    exit(7);
-  });
-}
 
 TEST_F(ProcessTest, UnloadEndsARunningPoster) {
   ExpectExit(0, [] {
