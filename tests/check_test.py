@@ -204,6 +204,7 @@ class CheckTest(unittest.TestCase):
         self.expect({"sink/webhook": ON | {"zzz": 1}},
                     r"sink/webhook/enabled: warning unknown-value: * -> Settings belong *\http, such as default",
                     "sink/webhook/zzz: warning unknown-value: * -> Keys ")
+        self.expect({"sink/native": {"enabled": 1}}, "sink/native: note misplaced", "*/enabled: warning misplaced")
         self.expect({"sink/native": {"enabled": 1, "facility": "user"}},
                     "sink/native: note misplaced", "*/enabled: warning misplaced", "*/facility: warning misplaced")
 
