@@ -60,6 +60,11 @@ Lines Describe(const std::string& document) {
 struct AlertListTest : testing::Test {
   void Add(const Event& event) { list_.Add(RecordOf(event), filter_); }
 
+  // Raises conditions until the next one does not fit.
+  void Fill() {
+    for (int key = 0; State().dropped == 0; ++key) Add({"raise", 2, "b", "m", std::to_string(key).c_str()});
+  }
+
   Lines StartPost() {
     if (!list_.HasWaiting() && list_.NextDue() > now_) return {};
     return Describe(list_.StartPost(now_));
@@ -187,6 +192,21 @@ TEST_F(AlertListTest, PostsTheNewStateOfAnAlertWhoseTextDoesNotFit) {
   Add({"clear", 2});
   Add({"raise", 2, "a", long_message.c_str()});
   EXPECT_EQ(StartPost(), Lines{"warning a: "});
+}
+
+TEST_F(AlertListTest, PostsAnAlertThatIsRaisedAgainWithoutRoomForItsCondition) {
+  Add({"raise", 2});
+  Add({"clear", 2});
+  Fill();
+  Add({"raise", 2});
+  EXPECT_EQ(StartPost()[0], "warning a: m");
+}
+
+TEST_F(AlertListTest, KeepsAnAlertRaisedWithoutRoomForOneOfAnotherSeverity) {
+  Add({"raise", 2});
+  Fill();
+  Add({"update", 3});
+  EXPECT_EQ(StartPost()[0], "warning a: m");
 }
 
 TEST_F(AlertListTest, ReusesTheMemoryOfEndedAlerts) {

@@ -114,14 +114,23 @@ oxEventAlertList::Text oxEventAlertList::Format(const oxEventRecord& event) cons
   return {document.substr(1, rest - 1), document.substr(rest, document.size() - rest - 1)};
 }
 
+oxEventAlertList::Text oxEventAlertList::FormatClear(oxEventRecord event) const {
+  event.action = "clear";
+  return Format(event);
+}
+
 void oxEventAlertList::Raise(const oxEventRecord& event) {
   const std::string key = ConditionKey(event);
   Text text = Format(event);
   const auto condition = by_condition_.find(key);
   if (condition == by_condition_.end()) return Hold(key, std::move(text));
   if (condition->second->labels == text.labels) return SetRest(condition->second, std::move(text.rest));
-  Clear(event, false);
-  Hold(key, std::move(text));
+  // Another severity, for example. If there is no room for its alert, the old one stays raised.
+  Text resolved = FormatClear(event);
+  const Alerts::iterator alert = FindOrAdd(&text, 0);
+  if (alert == waiting_.end()) return;
+  ++alert->conditions;
+  Release(std::exchange(condition->second, alert), std::move(resolved.rest));
 }
 
 // Clears the event's condition if it is raised. Otherwise posts its resolved alert once if the filter admits the event
@@ -129,9 +138,7 @@ void oxEventAlertList::Raise(const oxEventRecord& event) {
 void oxEventAlertList::Clear(const oxEventRecord& event, bool wanted) {
   const auto condition = by_condition_.find(ConditionKey(event));
   if (condition == by_condition_.end() && !wanted) return;
-  oxEventRecord clear = event;
-  clear.action = "clear";
-  Text text = Format(clear);
+  Text text = FormatClear(event);
   if (condition == by_condition_.end()) return PostOnce(std::move(text));
   Release(condition->second, std::move(text.rest));
   bytes_ -= kConditionBytes + condition->first.size();
@@ -163,11 +170,13 @@ void oxEventAlertList::Release(Alerts::iterator alert, std::string rest) {
 }
 
 // Returns the alert with these labels, whose rest SetRest replaces, or a new alert. Counts a drop and returns
-// waiting_.end() if max_bytes_ leaves no room for a new alert and `more_bytes`.
+// waiting_.end() if max_bytes_ leaves no room for a new alert and `more_bytes`; but an alert without a raised condition
+// is always returned, because it must not stay resolved.
 oxEventAlertList::Alerts::iterator oxEventAlertList::FindOrAdd(Text* text, uint64_t more_bytes) {
   const auto found = by_labels_.find(text->labels);
   const uint64_t bytes = found != by_labels_.end() ? 0 : kAlertBytes + text->labels.size() + text->rest.size();
-  if (!Fits(bytes + more_bytes)) {
+  const bool is_resolved = found != by_labels_.end() && found->second->conditions == 0;
+  if (!is_resolved && !Fits(bytes + more_bytes)) {
     ++dropped_;
     return waiting_.end();
   }

@@ -39,7 +39,7 @@ class oxEventAlertList {
   void CompletePost(Clock::time_point now);  // The Alertmanager has accepted the post.
   void RetryPost();                          // The post has failed: puts its alerts back.
   // The Alertmanager has refused the post: its alerts are posted one by one. If there was only one alert, counts it as
-  // refused, and does not post it again at once.
+  // refused, and does not post it again at once unless it has changed meanwhile.
   void RefusePost(Clock::time_point now);
 
   // Sets the counters that the list keeps.
@@ -63,6 +63,7 @@ class oxEventAlertList {
   };
 
   Text Format(const oxEventRecord& event) const;
+  Text FormatClear(oxEventRecord event) const;
   void Raise(const oxEventRecord& event);
   void Clear(const oxEventRecord& event, bool wanted);
   void PostOnce(Text text);
