@@ -53,8 +53,8 @@ std::string_view TakeTlv(int tag, std::string_view* rest) {
 
 uint64_t TakeNumber(int tag, std::string_view* rest) {
   std::string_view content = TakeTlv(tag, rest);
-  CHECK(!content.empty() && content.size() <= 5 && content[0] >= 0);
-  CHECK(content.size() == 1 || content[0] != 0 || content[1] < 0);
+  CHECK(!content.empty() && content.size() <= 5 && (content[0] & 0x80) == 0);
+  CHECK(content.size() == 1 || content[0] != 0 || (content[1] & 0x80) != 0);
   uint64_t number = 0;
   while (!content.empty()) number = number << 8 | TakeByte(&content);
   return number;

@@ -114,6 +114,7 @@ class Model {
     Call(held_for_[0], event);
   }
 
+  // Calls the other callbacks that were registered when Hold was called, and still are.
   void Release() {
     bool failed = held_for_[0].user == 1;
     for (const Registration& registration : std::vector(held_for_.begin() + 1, held_for_.end())) {

@@ -66,7 +66,7 @@ typedef struct oxEventRecord {
   uint32_t severity;          /* OXEVENT_SEVERITY_…; larger values are refused. Info if struct_size excludes it. */
   const char* action;         /* "raise", "update", "repeat" or "clear" a condition, in any letter case. Events with
                                  another action pass unchanged. Default empty. */
-  const char* dedupe_key;     /* Identifies the condition. Empty: source_id ":" event_type. */
+  const char* dedupe_key;     /* Identifies the condition. Default: source_id, a colon and event_type. */
   const char* correlation_id; /* Default empty. */
   uint64_t utc_ns;            /* UTC time in nanoseconds since 1970-01-01T00:00:00Z. 0: now. */
   uint64_t ptp_ns;            /* PTP time in nanoseconds. 0: now, in UTC. */
@@ -82,7 +82,7 @@ typedef struct oxEventRecord {
 /*
  * Receives every event that reaches the sinks, on the library's worker thread, one event at a time. The record and its
  * strings are valid only during the call. A C++ callback that throws counts as a failed sink for that event. A callback
- * may call any function of this header; oxEventFlush and oxEventShutdown document how they behave inside a callback.
+ * may call any function of the library; see oxEventFlush and oxEventShutdown for what these do inside a callback.
  * A callback must not unload the library, and must not end the worker thread, whether by pthread_exit(3) or by
  * enabling and requesting its cancellation. While a callback blocks, no sink receives another event. If a callback
  * forks and returns in the child, the child's thread ends.

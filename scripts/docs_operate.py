@@ -30,7 +30,8 @@ class Test(unittest.TestCase):
         return done.stdout
 
     def start_watcher(self, *options, **popen_options):
-        """Starts a host that raises one condition, spool.full, and reports notices."""
+        """Starts a host that reports notices and raises spool.full, the only condition that holds on a machine
+        with free disk space and memory."""
         (self.directory / "spool").mkdir()
         (self.directory / "spool" / "file").touch()
         host = subprocess.Popen(

@@ -65,7 +65,7 @@ class CheckTest(unittest.TestCase):
         return done
 
     def start_error(self):
-        """Returns the error text of oxEventInitialize, or "" if the library starts, which completes the file."""
+        """Returns the error text of oxEventInitialize, or "" if the library starts; it then completes the file."""
         text = ctypes.create_string_buffer(4096)
         if LIBRARY.oxEventInitialize(b"0.xml") == 0:
             LIBRARY.oxEventShutdown()

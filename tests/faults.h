@@ -7,8 +7,8 @@
 
 // While an object exists, its hook is called before each call of a function that faults.cpp defines, on any thread,
 // with the call's name and first argument; calloc, realloc and new count as malloc. The hook returns 0 to let the call
-// through, a positive number to make it fail with this errno, or a negative one to limit a write to that many bytes.
-// But malloc always fails with ENOMEM, and getaddrinfo and pthread_create return the number. Calls that the hook itself
+// through, E > 0 to make it fail with errno E, or -N to limit a write to N bytes. Exceptions: malloc always fails with
+// ENOMEM, and getaddrinfo and pthread_create return E. For malloc, the argument is a size. Calls that the hook itself
 // makes go through. One object at a time. The destructor waits for the threads that are in the hook.
 class Faults {
  public:

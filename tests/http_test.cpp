@@ -20,7 +20,7 @@ using Strings = std::vector<string>;
 const int g_proxy = setenv("ALL_PROXY", "[::1]:1", 1);  // The client ignores it.
 BIO* const g_system_certificates = BIO_new(BIO_s_mem());
 std::atomic<int> g_clock_offset_s;  // How far the client's clock is ahead.
-std::atomic<bool> g_lookups_hang;   // Lookups that begin now wait until they are released.
+std::atomic<bool> g_lookups_hang;   // While set, new lookups wait until they are released.
 std::atomic<int> g_lookups_hung, g_lookups_released;
 std::atomic<bool> g_sends_raise_sigpipe;  // The signal ends this process unless it is blocked.
 const Faults g_faults([](std::string_view call, long) {

@@ -28,13 +28,14 @@ char* FormatText(const char* format, ...) {
   FILE* out = OpenText(&text, &size);
   va_list arguments;
   va_start(arguments, format);
-  vfprintf(out, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): a false alarm.
+  vfprintf(out, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): a false positive.
   va_end(arguments);
   CloseText(out);
   return text;
 }
 
-/* Bytes of the well-formed UTF-8 character at `s`, 0 if there is none (RFC 3629, section 4). */
+/* Returns the length in bytes of the well-formed UTF-8 character at `s`, or 0 if there is none (RFC 3629, section 4).
+ */
 static size_t Utf8Size(const unsigned char* s) {
   if (s[0] < 0x80) return 1;
   size_t size = 0;

@@ -72,7 +72,8 @@ class LimitAlarm {
     return Shelve(ShelvedState::kTimedShelved, duration, now);
   }
 
-  // Withholds a raise until the alarm becomes inactive, but for at most max_time_shelved.
+  // Withholds a raise until the alarm becomes inactive, but for at most max_time_shelved. Returns whether that is above
+  // 0.
   bool OneShotShelve(Time now) noexcept { return Shelve(ShelvedState::kOneShotShelved, config_.max_time_shelved, now); }
 
   AlarmChange Unshelve(Time now) noexcept {
@@ -80,7 +81,7 @@ class LimitAlarm {
     return Poll(now);
   }
 
-  // The state at the last call that took a time.
+  // The state as of the last call that was given a time: Update, Poll or a shelving function.
   bool IsActive() const noexcept { return active_; }
   bool IsChattering() const noexcept { return chattering_; }
   bool IsShelved() const noexcept { return shelved_state_ != ShelvedState::kUnshelved; }

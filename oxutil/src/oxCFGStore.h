@@ -70,8 +70,8 @@ class oxCFGStore {
     ForEachPiece(value->node, callback);
     return true;
   }
-  // Adds the value if it is missing. Fails if the key is missing, if the name is not valid, or if the text contains a
-  // control byte that XML forbids.
+  // Sets the text of the value, which is added if it is missing. Fails if the key is missing, if the name is not valid,
+  // or if the text contains a control byte that XML forbids.
   bool Set(std::string_view key, std::string_view name, const std::string& text);
 
   // Writes the file if the store has changed.

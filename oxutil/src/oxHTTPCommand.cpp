@@ -68,8 +68,8 @@ class HeaderParser {
 
  private:
   // Servers reject a blank before the colon with status 400 (RFC 9112, section 5.1), so it is removed. A name that is
-  // not a token makes the request fail: without that line, perhaps an Authorization, the server would get a different
-  // request.
+  // not a token makes the request fail: without the line, which may be meant as an Authorization header, the request
+  // would not be the one that the caller wants.
   bool ParseLine(std::string_view line) {
     const size_t colon = line.find(':');
     if (colon == 0 || colon == line.npos) return true;  // Not a header line.
@@ -98,7 +98,7 @@ class HeaderParser {
     return false;
   }
 
-  // Returns whether the header controls how the body is sent, which only this client may do.
+  // Returns whether the header controls the framing of the body, which is left to this client.
   static bool IsFramingHeader(std::string_view name) {
     const auto is = [name](std::string_view other) { return EqualsIgnoringCase(name, other); };
     return is("Content-Length") || is("Transfer-Encoding") || is("Expect");

@@ -1,5 +1,5 @@
 // oxOSHTTPCommand: loads the HTTP module at the first call, so that a host without HTTP loads no libcurl and no TLS.
-// oxEvent's sinks and alert posters make a call without a method when they are opened or started.
+// oxEvent's sinks and alert posters make a call with an empty method when they are opened or started.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -38,8 +38,8 @@ void* OpenModule() {
   return dlopen(path, RTLD_NOW | RTLD_LOCAL);
 }
 
-// Returns null if the module cannot be loaded; the next call tries again. Takes no lock, so a fork needs no handler:
-// two threads that load the module at the same time get the same function.
+// Returns null if the module cannot be loaded; the next call tries again. Takes no lock of its own, so a fork needs no
+// handler: two threads that load the module at the same time get the same function.
 Command LoadCommand() {
   if (const Command command = g_command) return command;
 #ifdef OXEVENT_SANITIZED

@@ -68,8 +68,7 @@ class OX_THREAD(scoped_lockable) oxEventLock {
 };
 
 // A condition variable for an oxEventMutex. A wait may end without a notification: wait in a loop. Waits are
-// cancellation points. Make the change with the mutex held, then notify; the mutex may have been released in the
-// meantime.
+// cancellation points. Make the change with the mutex held, then notify, with the mutex held or released.
 class oxEventCondition {
  public:
   void Wait(oxEventMutex& mutex) OX_REQUIRES(mutex) {

@@ -86,7 +86,7 @@ class oxEventAlertList {
   Alerts active_;                                                     // In order of `due`.
   std::unordered_map<std::string_view, Alerts::iterator> by_labels_;  // The keys refer to the alerts' labels.
   std::unordered_map<std::string, Alerts::iterator> by_condition_;
-  uint64_t single_posts_ = 0;  // Number of alerts that are to be posted one by one.
+  uint64_t single_posts_ = 0;  // Number of alerts at the front of waiting_ that are to be posted one by one.
   uint64_t posted_ = 0;
   uint64_t refused_ = 0;
   uint64_t dropped_ = 0;

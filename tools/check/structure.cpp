@@ -27,9 +27,10 @@ class StructureChecker {
   // Outside QVX\Events the host may keep keys of its own.
   static bool IsInEvents(std::string_view path) { return path.starts_with(kOxEventSettingsRoot); }
 
-  // Calls `visit` for each key and value in `key` that the store does not hide. Reports those that it hides, text, and
-  // other elements that resemble a key, a value or an `expected` name; outside QVX\Events, only what resembles an
-  // `expected` name. `has_sections`: the keys in `key` are sections or contain sections.
+  // Calls `visit` for each key and value in `key` that the store does not hide. Reports what the store hides
+  // (duplicates, bad or missing names), stray text, and unknown elements. Outside QVX\Events, reports only what
+  // resembles an `expected` name, and bad names that begin with QVX. `has_sections`: the keys in `key` are sections or
+  // contain sections.
   template <class Visit>
   void ForEach(pugi::xml_node key, const std::string& path, const std::vector<std::string>& expected, bool has_sections,
                Visit visit) {

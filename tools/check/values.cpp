@@ -175,7 +175,9 @@ class ValueChecker {
       case Form::kOid:
         if (const std::string fault = OidFault(text); !fault.empty()) {
           Warn("bad-oid", Quoted(text) + " " + fault,
-               "Use numbers up to 4294967295, separated by single dots, such as " + Default() + ".");
+               "Use numbers up to 4294967295, separated by single dots. The first is at most 2, the second at most 39 "
+               "(after 2: 47). For example: " +
+                   Default());
         }
         return;
       case Form::kHost:

@@ -189,7 +189,8 @@ inline constexpr ErrorCause kErrorCauses[] = {
      "Set its path, or disable the section (set enabled to 0)."},
     {oxEventErrors::kCsvDirectory, ErrorOrigin::kCall,
      "A directory in the path of a CSV sink does not exist and could not be created: the user of the process has no "
-     "permission to write to its parent directory, a file has its name, or the file system is full or read-only.",
+     "permission to write to its parent directory, a file of the same name exists, or the file system is full or "
+     "read-only.",
      "Check with namei -l PATH which directories exist and who owns them. Create the directory for the user of the "
      "process, or change the path in the section below sink\\csv; a relative path is relative to the working directory "
      "of the process."},

@@ -163,7 +163,7 @@ _library = None
 _initialized_here = False  # Whether this module, not a program that embeds Python, must shut the library down at exit.
 _exiting = False
 _posters = {}  # Running posters by id.
-_callbacks = {}  # By number, which is the user_data, so that a call after unregister() finds no freed memory.
+_callbacks = {}  # By number, which is the user_data: a late call, after unregister(), finds no entry.
 _numbers = itertools.count(1)
 _failure = None  # The first failed callback and its exception, until a flush or shutdown reports them.
 _delivering = threading.local()  # `on`: this thread is in a callback.
@@ -173,7 +173,7 @@ def load(library: Optional[Path] = None) -> None:
     """Load the library from this file, by default from the one that OXEVENT_LIBRARY names or the loader finds.
 
     Only needed to choose the file; must then precede all other calls. Raises OSError if the library cannot be loaded,
-    or if another file is already loaded.
+    or if it is already loaded under another name.
     """
     _loaded(library)
 
@@ -203,7 +203,7 @@ def _open(library):
         raise OSError(f"cannot load the oxEvent library: tried {name} ({origin}): {error}") from error
     version = opened.oxEventGetApiVersion()
     if version != _API_VERSION:
-        raise OSError(f"{name} ({origin}) has the version {version:#x}, not {_API_VERSION:#x}")
+        raise OSError(f"{name} ({origin}) has API version {version:#x}; this module needs {_API_VERSION:#x}")
     return opened
 
 

@@ -69,7 +69,7 @@ uid_t RealUser(pid_t pid) {
 // Says which permission is missing.
 std::string ReasonForRefusal(pid_t pid) {
   const std::string scope = ReadFile("/proc/sys/kernel/yama/ptrace_scope").value_or("0").substr(0, 1);
-  if (scope == "3") return "kernel.yama.ptrace_scope is 3: no process may read another one";
+  if (scope == "3") return "kernel.yama.ptrace_scope is 3: no process may read the memory of another";
   const std::string capability = "the capability CAP_SYS_PTRACE";
   if (geteuid() == 0) return "root lacks " + capability + ", as it usually does in a container";
   const std::string remedy = "; run oxevent-stat as root, or with " + capability;

@@ -41,7 +41,7 @@ def counted(count, noun):
 
 
 def finite(number):
-    """Returns the number of a column for JSON, or None (in JSON null) for NaN and infinities, which JSON does not have."""
+    """Converts a text to a number for JSON, or to None (null) for NaN and infinities, which JSON cannot represent."""
     value = float(number)
     return value if math.isfinite(value) else None
 
