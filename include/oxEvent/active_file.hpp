@@ -79,7 +79,7 @@ class ActiveFile {
     if (HasDue(now)) {
       if (oxEventFlush(kFlushMs) != OXEVENT_OK) return std::make_error_code(std::errc::timed_out);
       const Labels due = Due(now);
-      if (!Clear(due, now)) return std::make_error_code(std::errc::operation_canceled);
+      if (!ClearAll(due, now)) return std::make_error_code(std::errc::operation_canceled);
       const bool flushed = oxEventFlush(kFlushMs) == OXEVENT_OK;
       const std::errc reason = flushed ? std::errc::operation_not_permitted : std::errc::timed_out;
       if (AnyInherited(due)) clear_error = std::make_error_code(reason);
@@ -111,8 +111,19 @@ class ActiveFile {
     kInherited,  // From a previous process: to be cleared at `due`.
     kCleared     // In this process: to be forgotten at `due`.
   };
-  // Key, severity, event_type, source_id. The last three identify the alert of an Alertmanager.
-  using Id = std::tuple<std::string, std::uint32_t, std::string, std::string>;
+  // The members but the key identify the alert of an Alertmanager. Not a std::tuple: some versions of clang cannot
+  // compare the iterators of a map of tuples in C++23.
+  struct Id {
+    std::string key;
+    std::uint32_t severity;
+    std::string event_type;
+    std::string source_id;
+
+    bool operator<(const Id& other) const {
+      return std::tie(key, severity, event_type, source_id) <
+             std::tie(other.key, other.severity, other.event_type, other.source_id);
+    }
+  };
   using Labels = std::map<Id, std::string>;  // With the source_name.
   struct Entry {
     State state = State::kRaised;
@@ -168,10 +179,10 @@ class ActiveFile {
   // Ends the alerts of the event's condition that have other labels: the poster resolves what this process has raised,
   // Poll clears what a previous process has raised.
   void EndOthers(const Id& id) {
-    const std::string& key = std::get<0>(id);
-    for (auto entry = entries_.lower_bound({key, 0, "", ""}); entry != entries_.end(); ++entry) {
-      if (std::get<0>(entry->first) != key) break;
-      if (entry->first == id) continue;
+    const auto own = entries_.find(id);
+    for (auto entry = entries_.lower_bound({id.key, 0, "", ""}); entry != entries_.end(); ++entry) {
+      if (entry->first.key != id.key) break;
+      if (entry == own) continue;
       if (entry->second.state == State::kRaised) SetCleared(&entry->second);
       if (entry->second.state != State::kInherited) continue;
       entry->second.cleared_before = true;
@@ -214,7 +225,7 @@ class ActiveFile {
   }
 
   // Submits without the lock: the callback takes it.
-  bool Clear(const Labels& due, Clock::time_point now) {
+  bool ClearAll(const Labels& due, Clock::time_point now) {
     bool good = true;
     for (const auto& one : due) {
       const bool submitted = Clear(one.first, one.second);
@@ -232,7 +243,7 @@ class ActiveFile {
   }
 
   bool Clear(const Id& id, const std::string& source_name) {
-    std::string key = std::get<0>(id);
+    std::string key = id.key;
     if (IsRaised(key)) key.insert(0, Former());
     oxEventRecord record = {};
     record.struct_size = sizeof(record);
@@ -240,9 +251,9 @@ class ActiveFile {
     record.message = "Cleared: not confirmed after a restart";
     record.action = "clear";
     record.dedupe_key = key.c_str();
-    record.severity = std::get<1>(id);
-    record.event_type = std::get<2>(id).c_str();
-    record.source_id = std::get<3>(id).c_str();
+    record.severity = id.severity;
+    record.event_type = id.event_type.c_str();
+    record.source_id = id.source_id.c_str();
     record.source_name = source_name.c_str();
     return oxEventSubmit(&record) == OXEVENT_OK;
   }
@@ -250,7 +261,7 @@ class ActiveFile {
   bool IsRaised(const std::string& key) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (auto entry = entries_.lower_bound({key, 0, "", ""}); entry != entries_.end(); ++entry) {
-      if (std::get<0>(entry->first) != key) return false;
+      if (entry->first.key != key) return false;
       if (entry->second.state == State::kRaised) return true;
     }
     return false;
