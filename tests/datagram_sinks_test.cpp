@@ -121,9 +121,10 @@ TEST(oxEventSnmpTrapSink, SendsTwelveObjectsWithTheTimeAsUptimeAndRequestId) {
             "30{06:4f010400 't t'}30{06:4f010500 's\"\\]'}30{06:4f010600 '[n]\1\xFF'}30{06:4f010700 'A\t'}"
             "30{06:4f010800 '\"a\n\n\",b'}30{06:4f010900 'd\\'}30{06:4f010a00 '\b\f\v\x1F\x7F/'}"
             "30{06:4f010b00 '1700000000123456789'}30{06:4f010c00 '{\"]'}}}}");
-  g_now_ms = UINT32_MAX;  // The request id has 31 bits.
+  g_now_ms = UINT32_MAX;  // The clock is the uptime, and its lower 31 bits are the request id.
   const string last = "a7{02:7fffffff 02:00 02:00 30{30{06:2b06010201010300 43:19999999 }";
-  EXPECT_NE(Show(receiver.Receive(kTrap)).find(last), string::npos);
+  const string trap = Show(receiver.Receive(kTrap));
+  EXPECT_NE(trap.find(last), string::npos) << last << " is not in:\n" << trap;
 }
 
 TEST(oxEventSnmpTrapSink, TruncatesMessageAndDetailsTo2048Bytes) {

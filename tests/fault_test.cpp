@@ -8,6 +8,7 @@
 #include "faults.h"
 #include "host_fixture.h"
 #include "http_server.h"
+#include "sinks/oxEventSinkSet.h"
 
 namespace {
 
@@ -75,7 +76,10 @@ struct FaultTest : testing::Test {
     return arrivals;
   }
   void ExpectWorks() {
-    if (oxEventReloadConfig(nullptr) != OXEVENT_OK) Restart();  // A failed CSV sink writes nothing until a reload.
+    if (oxEventReloadConfig(nullptr) != OXEVENT_OK) {  // A failed CSV sink writes nothing until a reload.
+      EXPECT_TRUE(oxEventSinkReport().empty()) << "The sinks are open although the library is not running.";
+      Restart();
+    }
     oxEventFlush(0);
     TakeArrivals();
     callbacks = 0;

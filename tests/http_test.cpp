@@ -72,7 +72,7 @@ string Send(const string& url, const Options& options = {}) {
   const bool success =
       oxOSHTTPCommand(url.c_str(), options.method, options.headers.empty() ? nullptr : headers.c_str(),
                       options.body.data(), int(options.body.size()), &body, &status, options.timeout_ms);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kLongMs / 2)) << url;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kLongMs / 2)) << url << " is late";
   const std::unique_ptr<char, decltype(&OXFree)> owner(body, OXFree);
   return (success ? "success " : "failure ") + std::to_string(status) + " " + (body == nullptr ? "(null)" : body);
 }

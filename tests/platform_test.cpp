@@ -19,6 +19,7 @@ std::atomic<bool> g_held = false;
 int g_opened_or_closed = 0;  // How often the log was.
 int g_priority = 0;          // Of the last line.
 string g_line;
+string g_ident;  // Of the last openlog.
 
 // The C library declares both as variadic functions, so these have names of their own.
 extern "C" void OwnSyslog(int priority, const char* format, const char* line) __asm__("syslog");
@@ -30,7 +31,10 @@ void OwnSyslog(int priority, const char* /*format*/, const char* line) {
   while (g_held) usleep(100);
 }
 void OwnCheckedSyslog(int priority, int, const char* format, const char* line) { OwnSyslog(priority, format, line); }
-extern "C" void openlog(const char*, int, int) { ++g_opened_or_closed; }
+extern "C" void openlog(const char* ident, int, int) {
+  ++g_opened_or_closed;
+  g_ident = ident;
+}
 extern "C" void closelog() { ++g_opened_or_closed; }
 
 TEST(oxEventPlatformFiles, MakesTheDirectoriesAboveAFile) {
@@ -68,7 +72,7 @@ TEST(oxEventAppendFile, RemovesOnlyTheFileThatItCreated) {
   EXPECT_TRUE(file.Open(path));
   file.RemoveIfCreated(other, 0);
   file.RemoveIfCreated(path, 1);
-  EXPECT_EQ(Entries(folder.path), 2u);
+  EXPECT_EQ(Entries(folder.path), 2u) << "It has removed another file, or its own with bytes of another process.";
   file.RemoveIfCreated(path, 0);
   EXPECT_EQ(Entries(folder.path), 1u);
 }
@@ -159,7 +163,9 @@ TEST_F(oxEventSystemLog, WritesWithTheConfiguredFacility) {
     oxEventPlatformNativeClose(handle);
     config.facility = facility;
     EXPECT_EQ(oxEventPlatformNativeOpen(config, &handle, nullptr), OXEVENT_OK);
+    openlog("host", 0, 0);
     EXPECT_EQ(Write({.severity = OXEVENT_SEVERITY_ERROR}), OXEVENT_OK);
+    EXPECT_EQ(g_ident, "oxEvent") << "The line has the identity of another user of the log.";
     EXPECT_EQ(g_priority, priority) << facility;
   }
 }

@@ -90,7 +90,7 @@ TEST_F(CsvSinkTest, TruncatesATornRowUnlessOthersHaveWrittenAfterIt) {
       });
       EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_FAILURE);
       const string whole = room < kFullRow.size() ? "" : kFullRow;
-      EXPECT_EQ(ReadFile(path), kHeader + (appended.empty() ? whole : rows.substr(0, room) + appended));
+      ASSERT_EQ(ReadFile(path), kHeader + (appended.empty() ? whole : rows.substr(0, room) + appended));
     }
   }
 }
@@ -145,6 +145,13 @@ TEST_F(CsvSinkTest, FlushesAndDrainsEverySink) {
   EXPECT_EQ(Submit("\n"), OXEVENT_OK);
   EXPECT_EQ(oxEventSinkReloadConfig({}), OXEVENT_OK);
   for (const char* name : {"", "2"}) EXPECT_TRUE(ReadFile(path + name).ends_with(Row("\"\n\"")));
+  ASSERT_EQ(oxEventSinkReloadConfig(config), OXEVENT_OK);
+  EXPECT_EQ(Submit("last"), OXEVENT_OK);
+  const Faults faults([failed = false](std::string_view call, long) mutable {
+    return call == "write" && !std::exchange(failed, true) ? EIO : 0;
+  });
+  EXPECT_EQ(oxEventSinkFlush(0), OXEVENT_FAILURE);
+  EXPECT_TRUE(ReadFile(path + "2").ends_with(Row("last"))) << "The first sink's failure has kept the second from it.";
 }
 
 TEST_F(CsvSinkTest, HasRoomForARowOfQuotes) {
