@@ -40,7 +40,7 @@ TEST(oxEventLimitAlarm, FollowsItsConfiguration) {
   } cases[] = {{"the deadband of a high limit", high, "0:100 1:100.1 2:95.1 3:101 4:95 5:99", "1:raise 4:clear "},
                {"the deadband of a low limit", low, "0:100 1:99.9 2:104.9 3:105 4:101", "1:raise 3:clear "},
                {"an interruption of the on-delay", delayed, "0:101 9:101 10:99 20:101 29:101 30:101", "30:raise "},
-               {"an interruption of the off-delay", delayed, "0:101 10:same 40:99 59:99 60:101 61:99 80:same 81:same",
+               {"an interruption of the off-delay", delayed, "0:101 10:same 40:99 59:99 60:101 61:99 80:99 81:same",
                 "10:raise 81:clear "},
                {"a clock that is set back", delayed, "100:same 50:101 60:101 109:same 110:same 50:99 130:same",
                 "110:raise 130:clear "},

@@ -176,6 +176,17 @@ TEST_F(oxEventHppActiveFile, ReportsASuppressedClear) {
   EXPECT_EQ(conditions.Poll(), std::errc::operation_not_permitted);
 }
 
+TEST_F(oxEventHppActiveFile, WritesAtTheNextPollWhatItCouldNotWrite) {
+  std::error_code error;
+  ActiveFile conditions(folder.path + "/new/conditions", {}, error);
+  const Session session(settings.c_str());
+  EXPECT_FALSE(Event("m").action("raise").dedupe_key("k").Submit());
+  EXPECT_FALSE(Flush());
+  std::filesystem::create_directory(folder.path + "/new");
+  EXPECT_FALSE(conditions.Poll()) << "It has not tried again.";
+  EXPECT_NE(ReadFile(folder.path + "/new/conditions").find("\nraised\t"), std::string::npos);
+}
+
 #ifndef OXEVENT_SANITIZED  // A sanitizer replaces malloc itself.
 TEST_F(oxEventHppActiveFile, TriesAFailedClearAgainAtTheNextPoll) {
   const std::string key(100000, 'k');  // The library's copy of an event with this key comes from malloc.

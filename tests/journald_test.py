@@ -101,7 +101,7 @@ class JournalTest(unittest.TestCase):
     def test_priority_and_explanation(self):
         subprocess.run(["journalctl", "--update-catalog"], check=True)
         fan = {"event_type": "fan", "source_id": "f"}
-        _, written = self.report({"message": "notice", "severity": 0},
+        _, written = self.report({"message": "notice", "action": "raised", "severity": 0},
                                  {"message": "up", "action": "RAISE", "severity": 3} | fan,
                                  {"message": "more", "action": "update", "severity": 2} | fan,
                                  {"message": "down", "action": "clear"} | fan)
