@@ -175,6 +175,7 @@ class CatalogueTest(unittest.TestCase):
     def test_exit_status(self):
         self.assertEqual(run(TOOL, "--header", "--output=/dev/full", "odd2.ini").returncode, 1)
         self.assertEqual(run(TOOL, "--header", "missing").returncode, 1)
+        self.assertEqual(run(TOOL, "/dev/null").returncode, 1)  # Only checked.
         for arguments in (["--heading", "odd2.ini"], ["--header", "--python", "odd2.ini"], ["odd2.ini", "odd2.ini"]):
             self.assertEqual(run(TOOL, *arguments).returncode, 2, arguments)
 

@@ -95,6 +95,9 @@ class PythonTest(unittest.TestCase):
                 oxevent.submit(**{"message": "m"} | fields)
         with self.assertRaisesRegex(ValueError, "timeout_s must be above 0"):
             oxevent.flush(0)
+        with unittest.mock.patch("oxevent._call") as call:
+            oxevent.flush(1e-9)
+        call.assert_called_once_with("oxEventFlush", 1)  # 0 would be no limit.
 
     def test_unregistering_ends_the_calls(self):
         callback = self.start(self.events.append)
@@ -130,6 +133,17 @@ class PythonTest(unittest.TestCase):
             conditions.poll()
             oxevent.flush()
             self.assertEqual(conditions.unconfirmed(), 0)
+
+    def test_poll_clears_a_cleared_condition_at_once_and_reports_a_suppressed_clear(self):
+        file = f"{self.settings}.conditions"
+        with oxevent.ActiveFile(file), oxevent.running(self.settings):
+            oxevent.submit("m", action="raise")
+            oxevent.submit("m", action="clear")
+        with oxevent.ActiveFile(file), oxevent.running(self.settings):
+            oxevent.submit("m", action="raise", dedupe_key="other")  # Writes the file again.
+        with oxevent.ActiveFile(file) as conditions, oxevent.running(self.settings):
+            with self.assertRaisesRegex(PermissionError, "route_orphan_clear"):
+                conditions.poll()
 
     def test_log_records_become_events(self):
         logger = logging.Logger("pump.7")

@@ -189,6 +189,9 @@ class StatTest(unittest.TestCase):
         self.assertEqual(list(self.directory.glob("*prom*")), [file])
         with self.assertRaisesRegex(urllib.error.HTTPError, "404"):
             urllib.request.urlopen(url + "x", timeout=TIMEOUT_S)
+        with socket.create_connection(("127.0.0.1", urllib.parse.urlsplit(url).port), TIMEOUT_S) as silent:
+            silent.shutdown(socket.SHUT_WR)
+            self.assertEqual(silent.recv(1), b"")  # Times out unless the tool closes the connection.
 
     def test_watches_runs_until_the_process_ends(self):
         host = self.start_host()
