@@ -111,8 +111,7 @@ class ActiveFile {
     kInherited,  // From a previous process: to be cleared at `due`.
     kCleared     // In this process: to be forgotten at `due`.
   };
-  // The members but the key identify the alert of an Alertmanager. Not a std::tuple: some versions of clang cannot
-  // compare the iterators of a map of tuples in C++23.
+  // The members but the key identify the alert of an Alertmanager.
   struct Id {
     std::string key;
     std::uint32_t severity;
