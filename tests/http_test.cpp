@@ -294,8 +294,9 @@ TEST(oxOSHTTPCommand, OpensConnectionsOfItsOwnInAForkedChild) {
     exit(answers() ? 0 : 1);
   };
   EXPECT_EQ(InChild(exit_at_once), 0);
+  EXPECT_EQ(server.AcceptedConnections(), 2u) << "The child has used its parent's connection.";
   EXPECT_TRUE(answers());
-  EXPECT_EQ(server.AcceptedConnections(), 2u);
+  EXPECT_EQ(server.AcceptedConnections(), 2u) << "The parent has lost its connection.";
 }
 
 #ifndef OXEVENT_SANITIZED  // The thread sanitizer does not expect new threads in a forked child.
