@@ -384,6 +384,12 @@ good.xml: no problems
                 done = self.run_tool(*arguments)
                 self.assertEqual((done.returncode, done.stdout, done.stderr), (2, "", f"oxevent-check: {complaint}\n"))
 
+    def test_explains_each_setting_below_a_key(self):
+        for key, count in (("enabled", 9), ("QVX", 77), ("webhook", 16), ("sink.csv.a", 5)):
+            with self.subTest(key):
+                explanations = self.run_tool("--explain", key).stdout.split("\n\n")
+                self.assertEqual([text.count("QVX\\") for text in explanations], [1] * count)
+
 
 if __name__ == "__main__":
     unittest.main()
