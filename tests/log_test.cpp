@@ -24,7 +24,7 @@ using namespace oxEvent;
 // Each has a logger with the sink of an adapter, and with a stream of lines as its other destination.
 struct Spdlog {
   explicit Spdlog(std::ostream* lines) {
-    const auto to_lines = std::make_shared<spdlog::sinks::ostream_sink_st>(*lines);
+    const auto to_lines = std::make_shared<spdlog::sinks::ostream_sink_mt>(*lines);
     to_lines->set_pattern("%v");
     logger->set_level(spdlog::level::trace);
     logger->sinks() = {sink, to_lines};
